@@ -1,0 +1,139 @@
+# Everyday commands. Each begins from nothing: the environment, the packages and the build that it
+# needs are made on the way and are there the next time.
+#
+#   PRESET=release|debug|asan   the build to work with          make test PRESET=asan
+#   ARGS="..."                  passed on to pytest             make test ARGS="-k bfd"
+#   PYTHON39=...                the CPython 3.9 to build for    make PYTHON39=/opt/python3.9 build
+
+.DEFAULT_GOAL := help
+.NOTPARALLEL:
+MAKEFLAGS += --no-print-directory
+
+PRESET ?= release
+BUILD := build/$(PRESET)
+PYTHON := .venv/bin/python
+CMAKE := .venv/bin/cmake
+CXX_SOURCES = $(shell find $(wildcard veldarin util migbase appliance tests benchmarks tools) \
+	-name '*.cpp' -o -name '*.c' -o -name '*.h')
+
+# What `python -m appliance` and pytest are started with.
+RUN = APPLIANCE_BUILD=$(BUILD) $(PYTHON)
+ifeq ($(PRESET),asan)
+# The interpreter is not instrumented: the sanitizer's runtime has to be there before it, and its
+# small-object allocator out of the way, so that every block is a block of the sanitizer's. The
+# interpreter itself keeps memory at exit, so leaks are counted by the tests and not here.
+RUN = LD_PRELOAD="$$(cc -print-file-name=libasan.so) $$(cc -print-file-name=libstdc++.so.6)" \
+	PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 APPLIANCE_BUILD=$(BUILD) $(PYTHON)
+endif
+
+.PHONY: help
+help:  ## this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-14s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
+
+.PHONY: run
+run: build  ## call all thirty functions against this machine's state
+	@$(RUN) -m appliance tour
+
+.PHONY: test
+test: build meter lint  ## build, lint, and every test
+	@$(RUN) -m pytest -n auto $(ARGS)
+
+.PHONY: build
+build: environment $(BUILD)/build.ninja  ## the product, the host library and the staged import root
+	@tools/step build-$(PRESET) "building $(PRESET)" $(CMAKE) --build --preset $(PRESET)
+
+.PHONY: module
+module: module-environment build/module/build.ninja  ## the product alone; prints its path
+	@tools/step build-module "building the module" $(CMAKE) --build --preset module
+	@realpath build/module/stage/veldarin/modules/modules_util.*.so
+
+.PHONY: format
+format: environment  ## put every source into the project's format
+	@.venv/bin/ruff check --quiet --fix-only .
+	@.venv/bin/ruff format --quiet .
+	@.venv/bin/clang-format -i $(CXX_SOURCES)
+
+.PHONY: lint
+lint: build meter  ## formats, ruff, mypy, clang-tidy; quick when nothing changed
+	@.venv/bin/ruff check --quiet .
+	@.venv/bin/ruff format --quiet --check .
+	@.venv/bin/mypy --no-error-summary
+	@.venv/bin/clang-format --dry-run --Werror $(CXX_SOURCES)
+	@tools/step tidy "clang-tidy" $(CMAKE) --build --preset $(PRESET) --target tidy -- -k 0
+
+.PHONY: docs
+docs: environment  ## the page of functions anew from the module's Python face
+	@$(PYTHON) tools/functions_page.py
+
+.PHONY: bench
+bench: build  ## the module against its peers and the floor: docs/benchmarks.md
+	@benchmarks/bootstrap
+	@tools/step build-bench "building the benchmarks" \
+		$(CMAKE) --build --preset $(PRESET) --target benchmark_peers
+	@$(RUN) -m benchmarks $(ARGS)
+
+.PHONY: bench-baseline
+bench-baseline: build meter  ## today's instructions and allocations are those the tests hold to
+	@$(RUN) -m benchmarks baseline
+
+.PHONY: faults
+faults: environment build/faults/build.ninja  ## every allocation of every call made to fail once
+	@tools/step build-faults "building faults" $(CMAKE) --build --preset faults
+	@APPLIANCE_BUILD=build/faults $(PYTHON) -m tests.faults $(ARGS)
+
+# What counts instructions for the tests.
+.PHONY: meter
+meter: build
+	@benchmarks/bootstrap meter
+	@tools/step build-meter "building the meter" \
+		$(CMAKE) --build --preset $(PRESET) --target benchmark_meter
+
+.PHONY: wheel
+wheel: module-environment  ## the product as a wheel in build/wheel
+	@tools/step wheel "building the wheel" \
+		$(PYTHON) -m pip wheel --no-deps --no-build-isolation --wheel-dir build/wheel .
+	@realpath build/wheel/*.whl
+
+.PHONY: target
+target: target-environment build/mips/build.ninja  ## the product for the appliance's processor, MIPS
+	@tools/step build-mips "building mips" $(CMAKE) --build --preset mips
+	@tools/target/facts build/mips/stage/veldarin/modules/modules_util.*.so
+
+.PHONY: target-test
+target-test: target  ## every test on that processor, emulated
+	@tools/target/test $(ARGS)
+
+.PHONY: target-faults
+target-faults: target build/mips-faults/build.ninja  ## memory that fails in one case of ten there
+	@tools/step build-mips-faults "building mips-faults" $(CMAKE) --build --preset mips-faults
+	@tools/target/faults $(ARGS)
+
+.PHONY: dist
+dist: target  ## what ships, as an archive in build/dist
+	@$(PYTHON) tools/target/dist.py
+
+.PHONY: lock
+lock:  ## requirements.txt anew from requirements.in
+	@tools/lock
+
+.PHONY: clean
+clean:  ## everything that was built; .venv stays
+	@rm -rf build
+
+.PHONY: environment module-environment target-environment
+environment:
+	@tools/bootstrap
+module-environment:
+	@tools/bootstrap module
+target-environment: environment
+	@tools/target/bootstrap
+
+# A preset is read when its tree is configured; ninja looks after everything else.
+build/%/build.ninja: CMakePresets.json | module-environment
+	@tools/step configure-$* "configuring $*" $(CMAKE) --preset $*
+
+# These trees also remember the target's interpreter, which is another when its recipe changes.
+build/mips/build.ninja build/mips-faults/build.ninja: CMakePresets.json cmake/mips-linux-gnu.cmake \
+		$(addprefix tools/target/,recipe.sh libraries cpython) | target-environment
+	@tools/step configure-$(notdir $(@D)) "configuring $(notdir $(@D))" \
+		$(CMAKE) --preset $(notdir $(@D)) --fresh

@@ -1,0 +1,1 @@
+"""The appliance's configuration database."""

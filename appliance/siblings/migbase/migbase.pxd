@@ -1,0 +1,2 @@
+# The file that marks a warm start.
+cdef char *WARM_START_PATH

@@ -1,0 +1,1 @@
+"""Helpers that the management interface's modules share."""

@@ -1,0 +1,7 @@
+"""Exceptions of the management interface."""
+
+from __future__ import annotations
+
+
+class CFunctionError(Exception):
+    """A native function failed; the message says which, or how."""

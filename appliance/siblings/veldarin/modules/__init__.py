@@ -1,0 +1,1 @@
+"""Modules of the management interface that reach the appliance's native services."""

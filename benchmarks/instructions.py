@@ -1,0 +1,105 @@
+"""Instructions and allocations per row: figures that a busy machine does not change.
+
+One process under valgrind's callgrind runs every workload n times and 5n times; the difference over
+the 4n calls is free of whatever comes once. Hashes are not randomised and the collector is off.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+from collections.abc import Sequence
+from dataclasses import dataclass
+from pathlib import Path
+
+from appliance import host
+from benchmarks import counted
+from benchmarks.workloads import Workload
+
+_LABEL = re.compile(r"^desc: Trigger: Client Request: (.*)/(.*)/(\d+)$", re.MULTILINE)
+_TOTAL = re.compile(r"^(?:totals|summary): (\d+)", re.MULTILINE)
+
+# By workload and contender: a figure per row, or per call.
+Table = dict[str, dict[str, float]]
+# By workload, contender and number of calls: instructions.
+_Totals = dict[tuple[str, str, int], int]
+
+
+@dataclass(frozen=True)
+class Counts:
+    """What was counted. `imports`: the instructions of one import, siblings loaded."""
+
+    instructions: Table
+    allocations: Table
+    imports: dict[str, float]
+
+
+def count(chosen: Sequence[Workload], contenders: Sequence[str]) -> Counts:
+    """The counts of the contenders and of the floors.
+
+    `RuntimeError`: valgrind is missing, or the counted process failed.
+    """
+    with tempfile.TemporaryDirectory(prefix="callgrind-") as folder:
+        allocations = _run(Path(folder), [each.name for each in chosen], contenders)
+        totals = _totals(Path(folder))
+    imports: dict[str, float] = {
+        contender: total for (name, contender, _), total in totals.items() if name == counted.IMPORT
+    }
+    instructions = {
+        each.name: {
+            contender: _per_call(totals, each, contender) / each.rows
+            for contender in allocations[each.name]
+        }
+        for each in chosen
+    }
+    return Counts(instructions, allocations, imports)
+
+
+def _run(folder: Path, names: Sequence[str], contenders: Sequence[str]) -> Table:
+    command = [
+        "valgrind",
+        "--tool=callgrind",
+        "--instr-atstart=no",
+        f"--callgrind-out-file={folder}/counts",
+        sys.executable,
+        "-m",
+        counted.__name__,
+    ]
+    request = json.dumps({"workloads": list(names), "contenders": list(contenders)})
+    # The interpreter's own switches must not count.
+    plain = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
+    try:
+        done = subprocess.run(
+            command,
+            input=request,
+            text=True,
+            capture_output=True,
+            cwd=host.ROOT,
+            env={**plain, "PYTHONHASHSEED": "0"},
+        )
+    except FileNotFoundError:
+        raise RuntimeError("valgrind is missing: install Debian's valgrind") from None
+    if done.returncode != 0:
+        raise RuntimeError(f"the counted process failed:\n{done.stderr}")
+    allocations: Table = json.loads(done.stdout)
+    return allocations
+
+
+def _totals(folder: Path) -> _Totals:
+    totals: _Totals = {}
+    for file in folder.iterdir():
+        text = file.read_text()
+        label, total = _LABEL.search(text), _TOTAL.search(text)
+        if label and total:
+            totals[label[1], label[2], int(label[3])] = int(total[1])
+    return totals
+
+
+def _per_call(totals: _Totals, workload: Workload, contender: str) -> float:
+    few, many = workload.calls, workload.calls * counted.MORE
+    difference = totals[workload.name, contender, many] - totals[workload.name, contender, few]
+    return difference / (many - few)

@@ -1,0 +1,37 @@
+# add_cython_module(DOTTED.NAME FOLDER): compiles FOLDER/<name as path>.pyx into an extension module
+# under the import root (STAGE). More sources, headers and libraries can be put on the target, which is
+# called as the module with "." replaced by "_".
+cmake_path(GET Python_EXECUTABLE PARENT_PATH interpreter_folder)
+find_program(CYTHON cython HINTS ${interpreter_folder} REQUIRED NO_DEFAULT_PATH)
+
+function(add_cython_module name folder)
+    string(REPLACE "." "/" path ${name})
+    string(REPLACE "." "_" target ${name})
+    set(source ${folder}/${path}.pyx)
+    set(generated ${CMAKE_CURRENT_BINARY_DIR}/${path}.c)
+    cmake_path(GET generated PARENT_PATH generated_folder)
+    cmake_path(GET path PARENT_PATH package)
+    cmake_path(GET path FILENAME file_name)
+
+    file(MAKE_DIRECTORY ${generated_folder})
+    add_custom_command(
+        OUTPUT ${generated}
+        COMMAND ${CYTHON} -3 --depfile --module-name ${name} --include-dir ${folder}
+            --output-file ${generated} ${source}
+        WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}  # what the depfile's paths are relative to
+        DEPENDS ${source}
+        DEPFILE ${generated}.dep
+        COMMENT "Cythonizing ${name}"
+        VERBATIM
+    )
+    add_library(${target} MODULE ${generated})
+    set_target_properties(${target} PROPERTIES
+        OUTPUT_NAME ${file_name}
+        PREFIX ""
+        SUFFIX ${MODULE_SUFFIX}
+        LIBRARY_OUTPUT_DIRECTORY ${STAGE}/${package}
+    )
+    # Generated code: its warnings say nothing about ours.
+    target_compile_options(${target} PRIVATE -w)
+    target_link_libraries(${target} PRIVATE interpreter)
+endfunction()

@@ -1,0 +1,13 @@
+# Target `instruments`: what the product's sources are compiled with beside the product's own options,
+# to watch it at work. add_product_module links what these need.
+option(RECORD_CALLS "Record the product's fallible calls, for the sweep in tests/faults" OFF)
+option(COVERAGE "Count the product's lines and branches as they run" OFF)
+
+add_library(instruments INTERFACE)
+if(RECORD_CALLS)
+    set(calls ${PROJECT_SOURCE_DIR}/tests/faults/native/calls.h)
+    target_compile_options(instruments INTERFACE "SHELL:-include ${calls}" -O1)
+endif()
+if(COVERAGE)
+    target_compile_options(instruments INTERFACE --coverage -fprofile-update=atomic)
+endif()

@@ -1,0 +1,39 @@
+# How the product is compiled (target `product_options`) and linked (`add_product_module`).
+#
+# It is loaded into a process that owes it nothing but the interpreter and the native services, so it
+# may need the C library and nothing else: no C++ runtime, one exported symbol.
+add_library(product_options INTERFACE)
+target_compile_options(product_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+    -fno-exceptions -fno-rtti -fno-threadsafe-statics
+    -fvisibility=hidden -fvisibility-inlines-hidden
+    -ffunction-sections -fdata-sections
+    # The same bytes from whatever folder the sources are built in.
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+)
+
+# The linker language is C (below); this keeps CMake from adding the C++ runtime to it by itself.
+set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
+
+# add_product_module(TARGET FOLDER): the product's objects, linked as modules_util.<platform> in FOLDER.
+# Symbols that are left undefined are the interpreter's, json_object_to_json_string and the native
+# services; the process that loads the module has them. That is by design: no --no-undefined here.
+function(add_product_module target folder)
+    add_library(${target} MODULE $<TARGET_OBJECTS:modules_util_objects>)
+    set_target_properties(${target} PROPERTIES
+        OUTPUT_NAME modules_util
+        PREFIX ""
+        SUFFIX ${MODULE_SUFFIX}
+        LIBRARY_OUTPUT_DIRECTORY ${folder}
+        LINKER_LANGUAGE C
+        LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/modules_util.map
+    )
+    target_link_libraries(${target} PRIVATE $<$<BOOL:${RECORD_CALLS}>:faults>)
+    target_link_options(${target} PRIVATE
+        $<$<BOOL:${COVERAGE}>:--coverage>
+        LINKER:--gc-sections
+        LINKER:-z,relro,-z,now
+        LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/modules_util.map
+        $<$<CONFIG:Release>:LINKER:--strip-all>
+    )
+endfunction()

@@ -1,0 +1,57 @@
+"""The device under test: a stand-in appliance that answers only what the test scripts."""
+
+from __future__ import annotations
+
+import gc
+from collections.abc import Iterator
+from types import ModuleType
+
+import pytest
+
+from appliance import Appliance, Counts, host
+from tests import twin
+from tests.command_line import CommandLine
+
+NOTHING = Counts(json_objects=0, text_buffers=0)
+
+
+@pytest.fixture(scope="session")
+def built() -> None:
+    """Ends the run with one line where there is no build to test."""
+    try:
+        host.load()
+    except RuntimeError as error:
+        pytest.exit(str(error), returncode=1)
+
+
+@pytest.fixture
+def device(built: None) -> Iterator[Appliance]:
+    """A fresh appliance. The test fails if an answer failed, a json-c object or buffer leaked."""
+    with Appliance(live=False) as device:
+        yield device
+        if device.counts != NOTHING:
+            gc.collect()  # a cycle may have kept something; too slow to be done after every test
+        assert device.counts == NOTHING, "not freed by the test's end"
+
+
+@pytest.fixture
+def module(device: Appliance) -> ModuleType:
+    """`veldarin.modules.modules_util` on the device."""
+    return device.module
+
+
+@pytest.fixture(params=["module", "twin"])
+def cli(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Iterator[CommandLine]:
+    """The command line under the parsers: those of the native module, and those of the twin."""
+    parser = twin if request.param == "twin" else request.getfixturevalue("module")
+    line = CommandLine(parser, monkeypatch)
+    yield line
+    line.shared.clear()
+
+
+@pytest.fixture
+def native_cli(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Iterator[CommandLine]:
+    """The command line under the native module's parsers only."""
+    line = CommandLine(module, monkeypatch)
+    yield line
+    line.shared.clear()

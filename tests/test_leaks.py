@@ -1,0 +1,186 @@
+"""Nothing stays behind: every function, on success and on every failure that a caller can provoke,
+is called many times while memory blocks, collectable objects, references and the appliance's own
+objects are counted."""
+
+from __future__ import annotations
+
+import ctypes
+import gc
+import sys
+from collections.abc import Iterator
+from types import ModuleType
+from typing import Callable, NamedTuple
+
+import pytest
+
+from appliance import Appliance
+from tests.bridged import ROWS
+from tests.cases import CASES, GONE, Case, Step
+from tests.functions import FUNCTIONS
+from tests.references import watched
+
+WARM_UP, ROUNDS = 24, 48  # then ROUNDS calls, then twice as many
+
+
+# Counting
+
+
+class Leak(NamedTuple):
+    """What grew (or shrank) by how much in ROUNDS calls and in twice as many."""
+
+    what: str
+    once: int
+    twice: int
+
+
+def leaks(call: Callable[[], object], device: Appliance, objects: list[object]) -> list[Leak]:
+    """What a repeated call leaves behind or takes away, each time anew.
+
+    Other threads of the test run make objects too, at times; what a call leaves is found again.
+    """
+    found = _grown(call, device, objects)
+    for _ in range(3):
+        again = {leak.what for leak in _grown(call, device, objects)} if found else set()
+        found = [leak for leak in found if leak.what in again]
+    return found
+
+
+def _grown(call: Callable[[], object], device: Appliance, objects: list[object]) -> list[Leak]:
+    def counts() -> list[int]:
+        device.forget()
+        gc.collect()
+        alive = device.counts
+        return [
+            sys.getallocatedblocks(),
+            len(gc.get_objects()),
+            alive.json_objects,
+            alive.text_buffers,
+            *map(sys.getrefcount, objects),
+        ]
+
+    def counts_after(times: int) -> list[int]:
+        for _ in range(times):
+            call()
+        return counts()
+
+    counts_after(WARM_UP)
+    before, between, after = counts(), counts_after(ROUNDS), counts_after(2 * ROUNDS)
+    names = ["memory blocks", "collectable objects", "json-c objects", "text buffers"]
+    names += [f"references to {str(item)[:60]!r}" for item in objects]
+    grown = [
+        Leak(name, second - first, third - second)
+        for name, first, second, third in zip(names, before, between, after)
+    ]
+    # What a measurement itself leaves (other tests' collector hooks) is in both and cancels out.
+    return [leak for leak in grown if abs(leak.twice - leak.once) > ROUNDS // 3]
+
+
+@pytest.fixture(scope="module", autouse=True)
+def _everything_else_set_aside() -> Iterator[None]:
+    """The collector passes over what was there before: collecting takes no time then."""
+    gc.collect()
+    gc.freeze()
+    yield
+    gc.unfreeze()
+
+
+def call_of(
+    case: Case, device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> Callable[[], None]:
+    """The case as something to call, which also sees that it succeeds or fails as it says."""
+    device.answer("get_cli_cmd_output", case.cli)
+    device.answer("cookieval_wrap", b"wrapped")
+    device.answer("cookieval_unwrap", None)  # the text stays as it is
+    for row in ROWS:
+        if row.native:
+            device.answer(row.native, case.reply)
+    for name, value in case.rebound.items():
+        if value is GONE:
+            monkeypatch.delattr(module, name)
+        else:
+            monkeypatch.setattr(module, name, value, raising=False)
+    steps = [Step(case.create), Step(case.release)]
+    for step, name in zip(steps, ["on_create", "on_release"]):
+        if step.fails_at is not None:
+            setattr(device, name, step)
+    function = getattr(module, case.function)
+
+    def call() -> None:
+        for step in steps:
+            step.taken = 0
+        if case.before is not None:
+            case.before(device)
+        raised: type[BaseException] | None = None
+        try:
+            function(*case.args, **case.kwargs)
+        except BaseException as error:
+            raised = type(error)
+        assert raised is case.error
+
+    return call
+
+
+@pytest.mark.parametrize("case", CASES, ids=str)
+def test_nothing_stays_behind(
+    device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch, case: Case
+) -> None:
+    call = call_of(case, device, module, monkeypatch)
+    arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.rebound.values()]
+    assert leaks(call, device, watched(module, arguments)) == []
+
+
+def test_every_function_is_called_in_success_and_in_failure() -> None:
+    names = {row.name for row in FUNCTIONS}
+    assert {case.function for case in CASES if case.error is None} == names
+    assert {case.function for case in CASES if case.error is not None} == names
+
+
+# The counting itself: a loss of each kind is seen.
+
+
+# Under a sanitizer the interpreter's own allocator is put aside, and its blocks are not counted.
+BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
+
+
+def test_the_counting_sees_a_block_that_stays(device: Appliance, module: ModuleType) -> None:
+    kept: list[object] = []
+    found = leaks(lambda: kept.append(bytes(100)), device, [])
+    assert [leak.what for leak in found] == BLOCKS
+
+
+def test_the_counting_sees_a_container_that_stays(device: Appliance, module: ModuleType) -> None:
+    kept: list[object] = []
+    found = leaks(lambda: kept.append([]), device, [])
+    assert [leak.what for leak in found] == [*BLOCKS, "collectable objects"]
+
+
+def test_the_counting_sees_a_reference_lost_to_a_living_object(
+    device: Appliance, module: ModuleType
+) -> None:
+    argument = object()
+    increment = ctypes.pythonapi.Py_IncRef
+    increment.argtypes = [ctypes.py_object]
+    (found,) = leaks(lambda: increment(argument), device, [argument])
+    assert (found.once, found.twice) == (ROUNDS, 2 * ROUNDS)
+
+
+def test_the_counting_sees_a_reference_taken_from_a_living_object(
+    device: Appliance, module: ModuleType
+) -> None:
+    argument = object()
+    kept = [argument] * (20 * ROUNDS)
+    (found,) = leaks(kept.pop, device, [argument])
+    assert (found.once, found.twice) == (-ROUNDS, -2 * ROUNDS)
+
+
+def test_the_counting_sees_a_json_object_that_stays(device: Appliance, module: ModuleType) -> None:
+    from util.json import JSONObject
+
+    kept: list[object] = []
+    found = leaks(lambda: kept.append(JSONObject({})), device, [])
+    assert "json-c objects" in [leak.what for leak in found]
+    kept.clear()
+
+
+def test_the_counting_is_quiet_when_nothing_stays(device: Appliance, module: ModuleType) -> None:
+    assert leaks(lambda: [{}, object(), "text".upper()], device, watched(module, [])) == []

@@ -1,0 +1,11 @@
+// The C-level interface of `util.string`.
+#pragma once
+
+namespace util {
+
+// strtcpy: copies NUL-terminated text into `destination`, at most `size` bytes with the closing
+// NUL.
+using Strtcpy = int (*)(char *destination, int size, const char *source);
+inline constexpr char strtcpy_signature[] = "int (char *, int, char const *)";
+
+}  // namespace util

@@ -1,0 +1,352 @@
+// The extension module veldarin.modules.modules_util: its creation, its execution step by step, and
+// its definition, for the interpreter that imports it. The functions are in functions.cpp.
+#include <Python.h>
+
+#include "functions.h"
+#include "lines.h"
+#include "runtime/errors.h"
+#include "runtime/globals.h"
+#include "runtime/imports.h"
+#include "runtime/names.h"
+#include "runtime/ref.h"
+#include "runtime/state.h"
+#include "runtime/traceback.h"
+#include "util/json.h"
+
+namespace modules_util {
+
+namespace {
+
+constexpr char module_name[] = "veldarin.modules.modules_util";
+
+// ------------------------------------------------------------------ creation
+
+// The module lives in the interpreter that first asked for it, for the life of the process.
+bool is_first_interpreter() {
+    static int64_t first = -1;
+    const int64_t current = PyInterpreterState_GetID(PyInterpreterState_Get());
+    if (current < 0) return false;
+    if (first < 0) first = current;
+    if (first == current) return true;
+    PyErr_SetString(PyExc_ImportError,
+                    "Interpreter change detected - this module can only be loaded into one "
+                    "interpreter per process.");
+    return false;
+}
+
+struct ImportAttribute {
+    const char *attribute, *name;
+    bool none_counts;
+};
+
+constexpr ImportAttribute import_attributes[] = {
+    {"loader",                     "__loader__",  true },
+    {"origin",                     "__file__",    true },
+    {"parent",                     "__package__", true },
+    {"submodule_search_locations", "__path__",    false},
+};
+
+// Copies one attribute of the import spec, if it has it.
+bool copy_attribute(PyObject *spec, PyObject *globals, const ImportAttribute &row) {
+    const Ref value = Ref::steal(PyObject_GetAttrString(spec, row.attribute));
+    if (!value) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return false;
+        PyErr_Clear();
+        return true;
+    }
+    if (value.get() == Py_None && !row.none_counts) return true;
+    return PyDict_SetItemString(globals, row.name, value.get()) == 0;
+}
+
+PyObject *create(PyObject *spec, PyModuleDef *) {
+    if (!is_first_interpreter()) return nullptr;
+    if (state.module) return Ref::borrow(state.module).release();
+
+    const Ref name = Ref::steal(PyObject_GetAttrString(spec, "name"));
+    if (!name) return nullptr;
+    Ref module = Ref::steal(PyModule_NewObject(name.get()));
+    if (!module) return nullptr;
+    PyObject *globals = PyModule_GetDict(module.get());
+    for (const ImportAttribute &row : import_attributes) {
+        if (!copy_attribute(spec, globals, row)) return nullptr;
+    }
+    return module.release();
+}
+
+// ------------------------------------------------------------------ execution
+
+// Each step is true, or false with an exception set.
+
+// Compares only what a version's first and third characters tell.
+bool check_version() {
+    char built[4];
+    char running[4];
+    PyOS_snprintf(built, sizeof built, "%d.%d", PY_MAJOR_VERSION, PY_MINOR_VERSION);
+    PyOS_snprintf(running, sizeof running, "%s", Py_GetVersion());
+    if (built[0] == running[0] && built[2] == running[2]) return true;
+    char message[200];
+    PyOS_snprintf(message, sizeof message,
+                  "compiletime version %s of module '%.100s' does not match runtime version %s",
+                  built, module_name, running);
+    return PyErr_WarnEx(nullptr, message, 1) == 0;
+}
+
+bool record(PyObject *module) {
+    state.module = Ref::borrow(module).release();
+    state.globals = PyModule_GetDict(module);
+    PyObject *builtins = PyImport_AddModule("builtins");
+    if (!builtins) return false;
+    Py_INCREF(builtins);
+    Py_XSETREF(state.builtins, builtins);
+    return PyDict_SetItem(state.globals, names.dunder_builtins, builtins) == 0;
+}
+
+bool keep(PyObject *&constant, PyObject *made) {
+    Py_XSETREF(constant, made);
+    return made != nullptr;
+}
+
+bool make_constants() {
+    Constants &made = state.constants;
+    return keep(made.zero, PyLong_FromLong(0)) && keep(made.token_size, PyLong_FromLong(32)) &&
+           keep(made.remove_pager, Py_BuildValue("(ss)", pager_prompt, "")) &&
+           keep(made.remove_tabs, Py_BuildValue("(ss)", tab, "")) &&
+           keep(made.replace_blanks, Py_BuildValue("(ss)", " ", "_")) &&
+           keep(made.remove_packets, Py_BuildValue("(ss)", packets_word, "")) &&
+           keep(made.remove_returns, Py_BuildValue("(ss)", carriage_return, "")) &&
+           keep(made.newline, Py_BuildValue("(s)", "\n")) &&
+           keep(made.three_nones, PyTuple_Pack(3, Py_None, Py_None, Py_None)) &&
+           keep(made.counters, Py_BuildValue("(ss)", "Counters",
+                                             "bytes_sent bytes_recv packets_sent packets_recv "
+                                             "errin errout dropin dropout"));
+}
+
+// Makes sure that `sys.modules` holds the module under its own name. `added` tells whether it did
+// not before.
+bool register_module(bool &added) {
+    PyObject *modules = PyImport_GetModuleDict();
+    const PyObject *main = PyDict_GetItemWithError(modules, names.dunder_main);
+    if (!main && PyErr_Occurred()) return false;
+    if (main == state.module &&
+        PyDict_SetItem(state.globals, names.dunder_name, names.dunder_main) < 0) {
+        return false;
+    }
+    if (PyDict_GetItemWithError(modules, names.module_name)) return true;
+    if (PyErr_Occurred()) return false;
+    added = PyDict_SetItem(modules, names.module_name, state.module) == 0;
+    return added;
+}
+
+bool check_builtins() { return builtin(names.open) && builtin(names.range); }
+
+bool make_code_objects() {
+    if (!keep(state.code_objects, PyList_New(0))) return false;
+    for (const Function &function : functions) {
+        if (!add_code_object(function.name, function.first_line)) return false;
+    }
+    return true;
+}
+
+struct TypeImport {
+    Name module, name;
+    size_t size;
+};
+
+constexpr TypeImport checked_types[] = {
+    {&Names::builtins,  &Names::type,       sizeof(PyHeapTypeObject)},
+    {&Names::builtins,  &Names::bool_,      sizeof(PyLongObject)    },
+    {&Names::builtins,  &Names::complex,    sizeof(PyComplexObject) },
+    {&Names::util_json, &Names::JSONObject, sizeof(JSONObject)      },
+};
+
+bool import_types() {
+    Ref type;
+    for (const TypeImport &row : checked_types) {
+        type = import_type(names.*row.module, names.*row.name, static_cast<Py_ssize_t>(row.size));
+        if (!type) return false;
+    }
+    void *methods = import_method_table(type.get());
+    if (!methods) return false;
+    state.imports.json_methods = static_cast<const JSONObjectMethods *>(methods);
+    Py_XSETREF(state.imports.JSONObject, type.release());
+    return true;
+}
+
+bool import_c_items() {
+    Imports &imports = state.imports;
+    void *variable = import_c_item(CItem::variable, names.migbase_migbase, names.WARM_START_PATH,
+                                   migbase::warm_start_path_signature);
+    if (!variable) return false;
+    imports.WARM_START_PATH = static_cast<migbase::WarmStartPath>(variable);
+    void *path = import_c_item(CItem::function, names.veldarin_modules_modules,
+                               names.get_preference_cookie_secret_path,
+                               modules::get_preference_cookie_secret_path_signature);
+    if (!path) return false;
+    imports.get_preference_cookie_secret_path =
+        reinterpret_cast<modules::GetPreferenceCookieSecretPath>(path);
+    void *copy =
+        import_c_item(CItem::function, names.util_string, names.strtcpy, util::strtcpy_signature);
+    if (!copy) return false;
+    imports.strtcpy = reinterpret_cast<util::Strtcpy>(copy);
+    return true;
+}
+
+// from module import name, second        (or, with no name: import module as `as`)
+struct ImportStatement {
+    Name module, name, second, as;
+    int line;
+};
+
+// clang-format off
+constexpr ImportStatement import_statements[] = {
+    {&Names::migbase_cmdbapi_util, &Names::serial_number_ascii, nullptr,       nullptr,      line::init::serial_number_ascii},
+    {&Names::binascii,             &Names::hexlify,             nullptr,       nullptr,      line::init::hexlify},
+    {&Names::collections,          &Names::namedtuple,          nullptr,       nullptr,      line::init::namedtuple},
+    {&Names::logging,              &Names::getLogger,           nullptr,       nullptr,      line::init::get_logger},
+    {&Names::os,                   &Names::urandom,             nullptr,       nullptr,      line::init::urandom},
+    {&Names::pathlib,              &Names::Path,                nullptr,       nullptr,      line::init::path},
+    {&Names::pyramid_compat,       &Names::bytes_,              &Names::text_, nullptr,      line::init::compat},
+    {&Names::threading,            &Names::Lock,                nullptr,       nullptr,      line::init::lock},
+    {&Names::ujson,                nullptr,                     nullptr,       &Names::json, line::init::json},
+    {&Names::util_errors,          &Names::CFunctionError,      nullptr,       nullptr,      line::init::c_function_error},
+    {&Names::copy,                 nullptr,                     nullptr,       &Names::copy, line::init::copy},
+};
+// clang-format on
+
+bool bind_global(Name name, const Ref &value) {
+    return value && PyDict_SetItem(state.globals, names.*name, value.get()) == 0;
+}
+
+bool run_import(const ImportStatement &row) {
+    PyObject *source = names.*row.module;
+    const Ref module = import_module(source);
+    if (!module) return false;
+    if (row.as) return bind_global(row.as, module);
+    for (const Name name : {row.name, row.second}) {
+        if (name && !bind_global(name, import_name(module, source, names.*name))) return false;
+    }
+    return true;
+}
+
+// getLogger(__name__)
+Ref new_logger() {
+    const Ref get_logger = global(names.getLogger);
+    if (!get_logger) return {};
+    const Ref name = global(names.dunder_name);
+    if (!name) return {};
+    return Ref::steal(PyObject_CallOneArg(get_logger.get(), name.get()));
+}
+
+Ref new_counters() {
+    const Ref namedtuple = global(names.namedtuple);
+    if (!namedtuple) return {};
+    return Ref::steal(PyObject_CallObject(namedtuple.get(), state.constants.counters));
+}
+
+// New function objects, of a fixed module and of no object. The one default dictionary is made just
+// before the function that it belongs to.
+bool bind_functions(int &line) {
+    for (size_t row = 0; row < function_count; ++row) {
+        line = functions[row].first_line;
+        if (functions[row].parameters[1].fallback == &state.sessions) {
+            Py_XSETREF(state.sessions, PyDict_New());
+            if (!state.sessions) return false;
+        }
+        const Ref function =
+            Ref::steal(PyCFunction_NewEx(&methods[row], nullptr, names.module_name));
+        if (!function) return false;
+        if (PyDict_SetItemString(state.globals, functions[row].name, function.get()) < 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The module-level statements; `line` is the one that is run.
+bool run_statements(int &line) {
+    namespace at = line::init;
+    for (const ImportStatement &row : import_statements) {
+        line = row.line;
+        if (!run_import(row)) return false;
+    }
+    line = at::logger;
+    if (!bind_global(&Names::logger, new_logger())) return false;
+    line = at::invalid_index;
+    if (!bind_global(&Names::INVALID_INDEX, Ref::borrow(names.invalid_index))) return false;
+    line = at::interface_count;
+    if (!bind_global(&Names::interface_count, Ref::borrow(state.constants.zero))) return false;
+    line = at::interface_lock;
+    if (!bind_global(&Names::interface_lock, call_global(names.Lock))) return false;
+    line = at::charset;
+    if (!bind_global(&Names::CHARSET, Ref::borrow(names.charset))) return false;
+    line = at::counters;
+    if (!bind_global(&Names::Counters, new_counters())) return false;
+    if (!bind_functions(line)) return false;
+    line = at::module;
+    return bind_global(&Names::dunder_test, Ref::steal(PyDict_New()));
+}
+
+// Every step of the import, in order. `registered`: `sys.modules` has got the module from us.
+bool import(PyObject *module, bool &registered, int &line) {
+    return check_version() && make_names() && record(module) && make_constants() &&
+           register_module(registered) && check_builtins() && make_code_objects() &&
+           import_types() && import_c_items() && run_statements(line);
+}
+
+// Forgets a module whose import has failed, so that it can be imported once the cause is removed.
+// The exception stays.
+void forget_module(bool registered) {
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyObject *modules = PyImport_GetModuleDict();
+    if (registered && PyDict_DelItem(modules, names.module_name) < 0) PyErr_Clear();
+    state.globals = nullptr;
+    Py_CLEAR(state.module);
+    PyErr_Restore(type, value, traceback);
+}
+
+int execute(PyObject *module) {
+    if (state.module == module) return 0;
+    int line = line::init::module;
+    if (state.module) {
+        PyErr_SetString(PyExc_RuntimeError,
+                        "Module 'modules_util' has already been imported. Re-initialisation is "
+                        "not supported.");
+        failed_import(PyModule_GetDict(module), line);
+        return -1;
+    }
+    bool registered = false;
+    state.ready = import(module, registered, line);
+    if (state.ready) return 0;
+    failed_import(PyModule_GetDict(module), line);
+    forget_module(registered);
+    return -1;
+}
+
+// ------------------------------------------------------------------ definition
+
+PyModuleDef_Slot slots[] = {
+    {Py_mod_create, reinterpret_cast<void *>(create) },
+    {Py_mod_exec,   reinterpret_cast<void *>(execute)},
+    {0,             nullptr                          },
+};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT,
+    module_name,
+    nullptr,  // no docstring
+    0,        // the state is the process's, not the module object's
+    methods.data(),
+    slots,
+    nullptr,
+    nullptr,
+    nullptr,
+};
+
+}  // namespace
+
+}  // namespace modules_util
+
+PyMODINIT_FUNC PyInit_modules_util() { return PyModuleDef_Init(&modules_util::definition); }

@@ -1,0 +1,60 @@
+// Raises and handles exceptions.
+#include "errors.h"
+
+#include "globals.h"
+
+namespace modules_util {
+
+Failed index_error(int line) {
+    PyErr_SetString(PyExc_IndexError, "list index out of range");
+    return failed(line);
+}
+
+void raise_not_bytes(PyObject *object) {
+    PyErr_Format(PyExc_TypeError, "expected bytes, %.200s found", Py_TYPE(object)->tp_name);
+}
+
+void raise_unbound_local(const char *variable) {
+    PyErr_Format(PyExc_UnboundLocalError, "local variable '%s' referenced before assignment",
+                 variable);
+}
+
+void raise_undefined_name(PyObject *name) {
+    PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
+}
+
+void raise_global(PyObject *exception, PyObject *message) {
+    const Ref raised = call_global(exception, message);
+    if (!raised) return;
+    if (PyExceptionInstance_Check(raised.get())) {
+        PyErr_SetObject(PyExceptionInstance_Class(raised.get()), raised.get());
+    } else if (PyExceptionClass_Check(raised.get())) {
+        PyErr_SetNone(raised.get());
+    } else {
+        PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
+    }
+}
+
+Handled::Handled() {
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback) PyException_SetTraceback(value, traceback);
+    type_ = Ref::steal(type);
+    value_ = Ref::steal(value);
+    traceback_ = Ref::steal(traceback);
+
+    PyErr_GetExcInfo(&outer_type_, &outer_value_, &outer_traceback_);
+    PyErr_SetExcInfo(Ref::borrow(type).release(), Ref::borrow(value).release(),
+                     Ref::borrow(traceback).release());
+}
+
+Handled::~Handled() { PyErr_SetExcInfo(outer_type_, outer_value_, outer_traceback_); }
+
+void Handled::raise_again() {
+    PyErr_Restore(type_.release(), value_.release(), traceback_.release());
+}
+
+}  // namespace modules_util

@@ -1,0 +1,78 @@
+// Makes traceback entries out of a code object, a frame and a line.
+#include "traceback.h"
+
+#include <frameobject.h>
+
+#include "state.h"
+
+namespace modules_util {
+
+namespace {
+
+constexpr char source_file[] = "veldarin/modules/modules_util";
+constexpr char import_entry[] = "init veldarin.modules.modules_util";
+constexpr int import_line = 1;
+
+// Borrowed, or null for a line before every function: the last code object that begins no later.
+PyObject *code_of(int line) {
+    PyObject *found = nullptr;
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(state.code_objects); ++i) {
+        PyObject *code = PyList_GET_ITEM(state.code_objects, i);
+        if (reinterpret_cast<PyCodeObject *>(code)->co_firstlineno > line) break;
+        found = code;
+    }
+    return found;
+}
+
+Ref new_import_code() {
+    return Ref::steal(
+        reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, import_entry, import_line)));
+}
+
+// A traceback in front of `next` (null: none), or null with an exception set. The line is the
+// traceback's own: a frame that never ran has none but its first.
+Ref new_entry(PyObject *code, PyObject *globals, PyObject *next, int line) {
+    PyFrameObject *frame =
+        PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject *>(code), globals, nullptr);
+    const Ref owned_frame = Ref::steal(reinterpret_cast<PyObject *>(frame));
+    if (!owned_frame) return {};
+    return Ref::steal(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyTraceBack_Type), "OOii",
+                                            next ? next : Py_None, frame, frame->f_lasti, line));
+}
+
+// `function` is borrowed; null is the import itself, whose code object is made when it fails.
+void add_entry(PyObject *function, PyObject *globals, int line) {
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    const Ref code = function ? Ref::borrow(function) : new_import_code();
+    if (code) {
+        if (Ref entry = new_entry(code.get(), globals, traceback, line)) {
+            Py_XDECREF(traceback);
+            traceback = entry.release();
+        }
+    }
+    PyErr_Restore(type, value, traceback);  // also drops what went wrong on the way
+}
+
+}  // namespace
+
+Failed failed(int line) {
+    add_entry(code_of(line), state.globals, line);
+    return {};
+}
+
+void failed_import(PyObject *globals, int line) { add_entry(nullptr, globals, line); }
+
+bool add_code_object(const char *function, int first_line) {
+    const Ref name = Ref::steal(PyUnicode_FromFormat("veldarin.modules.modules_util.%s", function));
+    if (!name) return false;
+    const char *text = PyUnicode_AsUTF8(name.get());
+    if (!text) return false;
+    const Ref code =
+        Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, text, first_line)));
+    return code && PyList_Append(state.code_objects, code.get()) == 0;
+}
+
+}  // namespace modules_util
