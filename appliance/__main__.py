@@ -7,7 +7,7 @@ import importlib
 import os
 import sys
 
-from appliance.faces import console
+from appliance.faces import terminal
 
 _TOOLS = {
     "tour": "all thirty functions against this machine's state, a line for each",
@@ -19,9 +19,9 @@ _TOOLS = {
 def main(texts: list[str]) -> int:
     """Runs the tool that is named; returns its exit status."""
     listed = "\n  ".join(f"{name:<6} {purpose}" for name, purpose in _TOOLS.items())
-    parser = console.Parser(
+    parser = terminal.Parser(
         description="The stand-in appliance: veldarin.modules.modules_util on a workstation.",
-        epilog=f"tools:\n  {listed}\n\n{console.PROGRAM} TOOL --help tells more.",
+        epilog=f"tools:\n  {listed}\n\n{terminal.PROGRAM} TOOL --help tells more.",
     )
     parser.add_argument("tool", metavar="TOOL", nargs="?", help="see below")
     parser.add_argument("arguments", metavar="...", nargs=argparse.REMAINDER, help="the tool's own")

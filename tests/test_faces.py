@@ -19,7 +19,7 @@ import pytest
 
 from appliance.__main__ import main
 from appliance.answers import bfd
-from appliance.faces import console, signatures, tour
+from appliance.faces import signatures, terminal, tour
 from tests.functions import FUNCTIONS
 from tests.namespace import ROOT
 
@@ -559,5 +559,5 @@ def test_a_face_that_declares_nothing_stops_every_tool(
     empty.write_text("")
     monkeypatch.setattr(signatures.functions, "__defaults__", (empty,))
     with pytest.raises(SystemExit):
-        console.known_functions()
+        terminal.known_functions()
     assert capsys.readouterr().err == f"appliance: {empty}: declares no function\n"

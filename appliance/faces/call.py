@@ -9,7 +9,7 @@ import traceback
 from pathlib import Path
 from typing import Any
 
-from appliance.faces import console, signatures
+from appliance.faces import signatures, terminal
 
 _DESCRIPTION = """\
 Calls one function of veldarin.modules.modules_util against this machine's state
@@ -29,21 +29,21 @@ _EXIT_STATUS = "exit status: 0 returned, 1 raised (its traceback is printed), 2 
 
 def main(texts: list[str]) -> int:
     """Runs the tool; returns its exit status."""
-    known = console.known_functions()
+    known = terminal.known_functions()
     parser = _parser(known)
     options = parser.parse_intermixed_args(texts)
     if not options.words:
         parser.error("which function?")
     name, *arguments = options.words
     if name not in known:
-        console.stop(_unknown(name, known), console.USAGE)
+        terminal.stop(_unknown(name, known), terminal.USAGE)
     function = known[name]
     positional, named = function.arguments(arguments)
     try:
         result = _called(options.scenario, function.name, positional, named)
     except Exception as error:
         _print_raised(error)
-        return console.FAILED
+        return terminal.FAILED
     print(as_json(result))
     return 0
 
@@ -53,31 +53,31 @@ def as_json(value: Any) -> str:
     return json.dumps(value, indent=2, ensure_ascii=False, default=_as_text)
 
 
-def _parser(known: dict[str, signatures.Function]) -> console.Parser:
+def _parser(known: dict[str, signatures.Function]) -> terminal.Parser:
     listed = "\n  ".join(function.declaration for function in known.values())
-    parser = console.Parser(
+    parser = terminal.Parser(
         "call",
-        usage=f"{console.PROGRAM} call [-h] [--scenario DIR] FUNCTION [ARG ...]",
+        usage=f"{terminal.PROGRAM} call [-h] [--scenario DIR] FUNCTION [ARG ...]",
         description=_DESCRIPTION,
         epilog=f"functions:\n  {listed}\n\n{_EXIT_STATUS}",
     )
     parser.add_argument(
         "words", metavar="FUNCTION [ARG ...]", nargs="*", help="see above and below"
     )
-    console.add_scenario(parser)
+    terminal.add_scenario(parser)
     return parser
 
 
 def _unknown(name: str, known: dict[str, signatures.Function]) -> str:
     near = difflib.get_close_matches(name, known, n=1)
-    hint = f"did you mean {near[0]}?" if near else f"see {console.PROGRAM} call --help"
+    hint = f"did you mean {near[0]}?" if near else f"see {terminal.PROGRAM} call --help"
     return f"the module has no function {name}: {hint}"
 
 
 def _called(scenario: Path | None, name: str, positional: list[Any], named: dict[str, Any]) -> Any:
-    with console.open_appliance(scenario) as device:
+    with terminal.open_appliance(scenario) as device:
         if name == "get_token":
-            console.keep_secret(device)
+            terminal.keep_secret(device)
         function = getattr(device.module, name)
         device.forget()
         try:
@@ -85,7 +85,7 @@ def _called(scenario: Path | None, name: str, positional: list[Any], named: dict
         finally:
             for service, source in {call.service: call.source for call in device.journal}.items():
                 if source != "none":
-                    console.say(f"{service}: {source}")
+                    terminal.say(f"{service}: {source}")
 
 
 def _print_raised(error: BaseException) -> None:

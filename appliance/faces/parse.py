@@ -15,7 +15,7 @@ from pathlib import Path
 from typing import Any, NamedTuple
 
 from appliance import Appliance
-from appliance.faces import console
+from appliance.faces import terminal
 from appliance.faces.call import as_json
 
 _DESCRIPTION = """\
@@ -55,14 +55,14 @@ def main(texts: list[str]) -> int:
     name = "standard input" if options.file == "-" else options.file
     text = _content(options.file)
     if b"\0" in text:
-        console.say(f"{name}: the text ends at its first NUL byte, offset {text.index(0)}")
+        terminal.say(f"{name}: the text ends at its first NUL byte, offset {text.index(0)}")
         text = text[: text.index(0)]
-    with console.open_appliance(live=False) as device:
+    with terminal.open_appliance(live=False) as device:
         return _parsed(device, _KINDS[options.kind], text, name)
 
 
-def _parser() -> console.Parser:
-    parser = console.Parser("parse", description=_DESCRIPTION, epilog=_EXIT_STATUS)
+def _parser() -> terminal.Parser:
+    parser = terminal.Parser("parse", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     parser.add_argument("kind", choices=tuple(_KINDS), help="which parser")
     parser.add_argument("file", metavar="FILE", help="the captured text; - for standard input")
     return parser
@@ -74,7 +74,7 @@ def _content(file: str) -> bytes:
     try:
         return Path(file).read_bytes()
     except OSError as error:
-        console.stop(f"{file}: {(error.strerror or str(error)).lower()}", console.USAGE)
+        terminal.stop(f"{file}: {(error.strerror or str(error)).lower()}", terminal.USAGE)
 
 
 def _parsed(device: Appliance, kind: _Kind, text: bytes, name: str) -> int:
@@ -89,11 +89,11 @@ def _parsed(device: Appliance, kind: _Kind, text: bytes, name: str) -> int:
             result = run(text)
     except Exception as error:
         reason = traceback.format_exception_only(type(error), error)[-1].strip()
-        console.say(f"{name}{_where(run, kind.header, text)}")
+        terminal.say(f"{name}{_where(run, kind.header, text)}")
         print(reason, file=sys.stderr)
-        return console.FAILED
+        return terminal.FAILED
     for line in passed_over:
-        console.say(f"{name}: passed over a line: {line}")
+        terminal.say(f"{name}: passed over a line: {line}")
     print(as_json(result))
     return 0
 

@@ -23,7 +23,7 @@ from rich.console import Console
 from rich.text import Text
 
 from appliance import Appliance
-from appliance.faces import console
+from appliance.faces import terminal
 
 _DESCRIPTION = """\
 Calls every function of veldarin.modules.modules_util once, with sensible
@@ -136,11 +136,11 @@ _ARGUMENTS: dict[str, Callable[[_Tour], tuple[Any, ...]]] = {
 
 def main(texts: list[str]) -> int:
     """Runs the tool; returns its exit status."""
-    parser = console.Parser("tour", description=_DESCRIPTION, epilog=_EXIT_STATUS)
-    console.add_scenario(parser)
+    parser = terminal.Parser("tour", description=_DESCRIPTION, epilog=_EXIT_STATUS)
+    terminal.add_scenario(parser)
     options = parser.parse_args(texts)
-    with console.open_appliance(options.scenario) as device, _folder() as folder:
-        console.keep_secret(device)
+    with terminal.open_appliance(options.scenario) as device, _folder() as folder:
+        terminal.keep_secret(device)
         return _walk(_Tour(device, Path(folder)))
 
 
@@ -168,7 +168,7 @@ def throwaway_certificate() -> bytes:
 
 
 def _walk(tour: _Tour) -> int:
-    visits = [_visit(tour, name) for name in console.known_functions()]
+    visits = [_visit(tour, name) for name in terminal.known_functions()]
     seen = Counter(visit.source for visit in visits)
     # Without a terminal, wide enough for what a log is read on; colours are the terminal's only.
     width = None if sys.stdout.isatty() else _WIDTH_WITHOUT_TERMINAL
@@ -179,7 +179,7 @@ def _walk(tour: _Tour) -> int:
         screen.print(visit.line(number, call_width), no_wrap=True, overflow="ellipsis", crop=True)
     counts = ", ".join(f"{count} {source}" for source, count in seen.most_common())
     screen.print(f"{len(visits)} functions: {counts}", style="bold")
-    return console.FAILED if seen[_RAISED] else 0
+    return terminal.FAILED if seen[_RAISED] else 0
 
 
 def _visit(tour: _Tour, name: str) -> _Visit:
