@@ -18,7 +18,7 @@ root=$(cd "$here/../.." && pwd)
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/modules-util-target
 
 key_of() { cat "$@" | sha256sum | cut -c1-12; }
-interpreter=$cache/interpreter-$(cd "$here" && key_of recipe.sh sources libraries cpython cpython.site launcher launcher.c)
+interpreter=$cache/interpreter-$(cd "$here" && key_of ../debian-sources recipe.sh libraries cpython cpython.site launcher launcher.c)
 environment=$cache/environment-$(
     key_of "$here/packages" "$here/left-out.txt" "$root/requirements.txt" - <<<"$interpreter"
 )
