@@ -18,7 +18,7 @@ from typing import Any
 import pytest
 
 from appliance.__main__ import main
-from appliance.answers import bfd
+from appliance.answers import bfd, identity
 from appliance.faces import signatures, terminal, tour
 from tests.functions import FUNCTIONS
 from tests.namespace import ROOT
@@ -28,10 +28,16 @@ CERTIFICATES = "appliance.faces.tour._CERTIFICATES"
 
 
 @pytest.fixture(autouse=True)
-def workstation(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    """A state directory of the test's own, no routing daemon; returns the state directory."""
+def workstation(
+    tmp_path: Path, tmp_path_factory: pytest.TempPathFactory, monkeypatch: pytest.MonkeyPatch
+) -> Path:
+    """A machine identifier and a state directory of the test's own, no routing daemon; returns the
+    state directory."""
     path = tmp_path / "state"
     monkeypatch.setenv("APPLIANCE_STATE", str(path))
+    machine_id = tmp_path_factory.mktemp("etc") / "machine-id"
+    machine_id.write_text("0123456789abcdef0123456789abcdef\n")
+    monkeypatch.setattr(identity, "_MACHINE_IDS", (machine_id,))
     monkeypatch.setattr(bfd, "_shell", lambda command: None)
     return path
 
