@@ -3,6 +3,7 @@
 #
 #   PRESET=release|debug|asan   the build to work with          make test PRESET=asan
 #   ARGS="..."                  passed on to pytest             make test ARGS="-k bfd"
+#   SECONDS=...                 how long to fuzz                make fuzz SECONDS=600
 #   PYTHON39=...                the CPython 3.9 to build for    make PYTHON39=/opt/python3.9 build
 
 .DEFAULT_GOAL := help
@@ -81,6 +82,11 @@ faults: environment build/faults/build.ninja  ## every allocation of every call 
 	@tools/step build-faults "building faults" $(CMAKE) --build --preset faults
 	@APPLIANCE_BUILD=build/faults $(PYTHON) -m tests.faults $(ARGS)
 
+.PHONY: fuzz
+fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up, SECONDS=60 of them
+	@tools/step build-fuzz "building fuzz" $(CMAKE) --build --preset fuzz
+	@$(PYTHON) -m tests.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
+
 # What counts instructions for the tests.
 .PHONY: meter
 meter: build
@@ -120,13 +126,18 @@ lock:  ## requirements.txt anew from requirements.in
 clean:  ## everything that was built; .venv stays
 	@rm -rf build
 
-.PHONY: environment module-environment target-environment
+.PHONY: environment module-environment target-environment fuzz-environment
 environment:
 	@tools/bootstrap
 module-environment:
 	@tools/bootstrap module
 target-environment: environment
 	@tools/target/bootstrap
+fuzz-environment: environment
+	@tests/fuzz/bootstrap
+
+# This one is configured with the compiler that is looked after there.
+build/fuzz/build.ninja: | fuzz-environment
 
 # A preset is read when its tree is configured; ninja looks after everything else.
 build/%/build.ninja: CMakePresets.json | module-environment

@@ -31,6 +31,7 @@ function(add_product_module target folder)
     target_link_libraries(${target} PRIVATE $<$<BOOL:${RECORD_CALLS}>:faults>)
     target_link_options(${target} PRIVATE
         $<$<BOOL:${COVERAGE}>:--coverage>
+        $<$<BOOL:${FUZZ}>:-fprofile-instr-generate>
         LINKER:--gc-sections
         LINKER:-z,relro,-z,now
         LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/modules_util.map

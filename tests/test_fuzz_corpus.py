@@ -1,0 +1,93 @@
+"""Inputs that `make fuzz` came by: those that reach every edge it knows, and those on which the
+module and its twin once disagreed, or a sanitizer had something to say."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+from tests import twin
+from tests.fresh import ROOT
+from tests.fuzz.compare import Comparison
+from tests.fuzz.sample import FUNCTIONS, read, written
+
+CORPUS = sorted((ROOT / "tests" / "fuzz" / "corpus").iterdir())
+FOUND = sorted((ROOT / "tests" / "fuzz" / "found").glob("[!R]*"))
+
+
+@pytest.fixture
+def comparison(built: None) -> Iterator[Comparison]:
+    with Comparison() as comparison:
+        yield comparison
+
+
+@pytest.mark.parametrize("file", [*CORPUS, *FOUND], ids=lambda file: file.name)
+def test_the_module_and_its_twin_agree(comparison: Comparison, file: Path) -> None:
+    comparison.check(file.read_bytes())
+
+
+def test_the_corpus_has_every_function_in_both_character_sets() -> None:
+    samples = [read(file.read_bytes()) for file in CORPUS]
+    assert {(each.function, each.charset) for each in samples} == {
+        (function, charset)
+        for function, _has_argument in FUNCTIONS.values()
+        for charset in ("utf-8", "tricky")
+    }
+
+
+# The comparison itself: a difference of each kind is seen.
+
+
+ARP = written(b"A", b"Address\na b c d\n")
+SESSION = written(b"B", b"echo\npeer a b c\npeer d e f\n")
+
+
+def with_another_key_order(result: list[dict[str, str]]) -> list[dict[str, str]]:
+    return [dict(reversed(row.items())) for row in result]
+
+
+@pytest.mark.parametrize(
+    "altered",
+    [
+        with_another_key_order,
+        lambda result: tuple(result),
+        lambda result: [{**row, "age": row["age"] + " "} for row in result],
+        lambda result: [],
+    ],
+    ids=["order of keys", "type", "value", "row"],
+)
+def test_a_value_that_differs_is_seen(
+    comparison: Comparison, monkeypatch: pytest.MonkeyPatch, altered: object
+) -> None:
+    assert callable(altered)
+    right = twin.get_system_arp_result
+    comparison.check(ARP)
+    monkeypatch.setattr(twin, "get_system_arp_result", lambda: altered(right()))
+    with pytest.raises(AssertionError, match="the twin"):
+        comparison.check(ARP)
+
+
+@pytest.mark.parametrize(
+    "error", [IndexError("another text"), KeyError("list index out of range")], ids=["text", "type"]
+)
+def test_an_exception_that_differs_is_seen(
+    comparison: Comparison, monkeypatch: pytest.MonkeyPatch, error: Exception
+) -> None:
+    def fails() -> None:
+        raise error
+
+    comparison.check(written(b"A", b"no header"))
+    monkeypatch.setattr(twin, "get_system_arp_result", fails)
+    with pytest.raises(AssertionError, match="list index out of range"):
+        comparison.check(written(b"A", b"no header"))
+
+
+def test_a_log_line_that_is_missing_is_seen(
+    comparison: Comparison, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    comparison.check(SESSION)
+    monkeypatch.setattr(comparison.theirs.log, "debug", lambda text: None)
+    with pytest.raises(AssertionError, match="argument of type 'type' is not iterable"):
+        comparison.check(SESSION)
