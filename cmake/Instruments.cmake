@@ -1,7 +1,7 @@
 # Target `instruments`: what the product's sources are compiled with beside the product's own options,
 # to watch it at work. add_product_module links what these need.
 option(RECORD_CALLS "Record the product's fallible calls, for the sweep in tests/faults" OFF)
-option(FUZZ "Let the fuzzer see which edges run, and build its targets in tests/fuzz; clang only" OFF)
+option(FUZZ "Let the fuzzer see which edges run, and build targets in tests/fuzz; for clang" OFF)
 option(COVERAGE "Count the product's lines and branches as they run" OFF)
 
 add_library(instruments INTERFACE)

@@ -8,13 +8,15 @@ from pathlib import Path
 
 import pytest
 
-from tests import twin
+from tests import fresh, twin
 from tests.fresh import ROOT
 from tests.fuzz.compare import Comparison
 from tests.fuzz.sample import FUNCTIONS, read, written
 
-CORPUS = sorted((ROOT / "tests" / "fuzz" / "corpus").iterdir())
-FOUND = sorted((ROOT / "tests" / "fuzz" / "found").glob("[!R]*"))
+FUZZ = ROOT / "tests" / "fuzz"
+CORPUS = sorted(FUZZ.glob("corpus/parsers/*"))
+FOUND = sorted(FUZZ.glob("found/parsers/*"))
+TEXTS = sorted(FUZZ.glob("*/text/*"))
 
 
 @pytest.fixture
@@ -35,6 +37,22 @@ def test_the_corpus_has_every_function_in_both_character_sets() -> None:
         for function, _has_argument in FUNCTIONS.values()
         for charset in ("utf-8", "tricky")
     }
+
+
+def test_the_text_layer_is_right_about_its_inputs() -> None:
+    """In a process of its own, which the first thing that does not hold ends with a line."""
+
+    def go_through(library: str, files: list[str]) -> int:
+        import ctypes
+        from pathlib import Path
+
+        target = ctypes.PyDLL(library).LLVMFuzzerTestOneInput
+        inputs = [Path(file).read_bytes() for file in files]
+        return sum(target(each, ctypes.c_size_t(len(each))) == 0 for each in inputs)
+
+    assert len(TEXTS) > 20
+    files = [str(file) for file in TEXTS]
+    assert fresh.value(go_through, str(fresh.BUILD / "libfuzz_text.so"), files) == len(files)
 
 
 # The comparison itself: a difference of each kind is seen.

@@ -51,7 +51,8 @@ def tell(run: Run) -> bool:
     if not run.failed:
         console.print(
             f"{run.target.name}: {reached.runs:,} runs, {reached.speed:,} a second; "
-            f"{reached.edges:,} edges, {reached.features:,} features; nothing found"
+            f"{reached.edges:,} edges, {reached.features:,} features; "
+            + ("stopped" if run.stopped else "nothing found")
         )
         return True
     console.print(f"{run.target.name}: a finding after {reached.runs:,} runs")
@@ -80,9 +81,10 @@ def main() -> int:
     runner.prepare()
     runs = watched(options.seconds)
     verdicts = [tell(run) for run in runs]
-    tell_lines()
+    if all(verdicts):
+        tell_lines()
     if options.collect and all(verdicts):
-        console.print(f"corpus: {runner.collect()} inputs in {runner.CORPUS.relative_to(ROOT)}")
+        console.print(f"the tests' corpus: {len(runner.collect())} inputs")
     return 0 if all(verdicts) else 1
 
 

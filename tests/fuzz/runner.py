@@ -19,8 +19,6 @@ BUILD = ROOT / "build" / "fuzz"
 PRODUCT = BUILD / fresh.PRODUCT.relative_to(fresh.BUILD)
 HERE = ROOT / "tests" / "fuzz"
 PROFILES = BUILD / "profiles"
-CORPUS, FOUND = HERE / "corpus", HERE / "found"
-
 ENVIRONMENT = {
     **os.environ,
     "APPLIANCE_BUILD": "build/fuzz",
@@ -36,11 +34,10 @@ ENVIRONMENT = {
 
 @dataclass
 class Target:
-    """One target: what it starts from, and how long its inputs get."""
+    """One target: how long its inputs get, and what they are made of."""
 
     name: str
     longest: int
-    inputs: tuple[Path, ...] = ()
     dictionary: Path | None = None
 
     @property
@@ -53,8 +50,18 @@ class Target:
         """Where the fuzzer writes what it finds."""
         return BUILD / "artifacts" / self.name
 
-    def command(self, *options: str) -> list[str]:
-        """The fuzzer's command line."""
+    @property
+    def found(self) -> Path:
+        """Where the tests go through what it found."""
+        return HERE / "found" / self.name
+
+    @property
+    def begins_with(self) -> list[Path]:
+        """Seeds, and what the tests go through."""
+        return [BUILD / "seeds" / self.name, HERE / "corpus" / self.name, self.found]
+
+    def command(self, *options: str, folders: list[Path]) -> list[str]:
+        """The fuzzer's command line; into the first of the folders goes what is new."""
         dictionary = [f"-dict={self.dictionary}"] if self.dictionary else []
         return [
             str(BUILD / f"fuzz_{self.name}"),
@@ -62,13 +69,11 @@ class Target:
             f"-artifact_prefix={self.artifacts}/",
             *dictionary,
             *options,
-            str(self.grown),
-            *map(str, self.inputs),
+            *map(str, folders),
         ]
 
 
-SEEDS = BUILD / "seeds"
-PARSERS = Target("parsers", 4096, (SEEDS, CORPUS, FOUND), HERE / "words.dict")
+PARSERS = Target("parsers", 4096, HERE / "words.dict")
 TEXT = Target("text", 256)
 
 
@@ -79,6 +84,7 @@ class Run:
     target: Target
     log: Path
     process: subprocess.Popen[bytes]
+    stopped: bool = False  # by us, before it was done
 
     @property
     def text(self) -> str:
@@ -88,18 +94,17 @@ class Run:
     @property
     def failed(self) -> bool:
         """It ended with a finding, or could not begin."""
-        return self.process.poll() not in (None, 0)
+        return not self.stopped and self.process.poll() not in (None, 0)
 
 
 def prepare() -> None:
     """Fresh seeds, the folders there, and nothing of an earlier run but what it learnt."""
-    for folder in (SEEDS, PROFILES):
+    for folder in (BUILD / "seeds", BUILD / "artifacts", PROFILES):
         shutil.rmtree(folder, ignore_errors=True)
-    seeds.write(SEEDS)
     for target in (PARSERS, TEXT):
-        shutil.rmtree(target.artifacts, ignore_errors=True)
-        for folder in (target.grown, target.artifacts, *target.inputs):
+        for folder in (target.grown, target.artifacts, *target.begins_with):
             folder.mkdir(parents=True, exist_ok=True)
+    seeds.write(BUILD / "seeds" / PARSERS.name)
 
 
 def started(seconds: int) -> list[Run]:
@@ -108,10 +113,10 @@ def started(seconds: int) -> list[Run]:
     runs = []
     for number, target in enumerate([*[PARSERS] * workers, TEXT]):
         log = BUILD / f"{target.name}-{number}.log"
-        options = [f"-max_total_time={seconds}", "-print_final_stats=1"]
+        options = [f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1"]
         with log.open("wb") as out:
             process = subprocess.Popen(
-                target.command(*options),
+                target.command(*options, folders=[target.grown, *target.begins_with]),
                 stdin=subprocess.DEVNULL,
                 stdout=out,
                 stderr=subprocess.STDOUT,
@@ -136,6 +141,7 @@ def ticks(runs: list[Run], seconds: int) -> Iterator[float]:
     finally:
         for run in runs:
             if run.process.poll() is None:
+                run.stopped = True
                 run.process.terminate()
         for run in runs:
             run.process.wait()
@@ -143,23 +149,23 @@ def ticks(runs: list[Run], seconds: int) -> Iterator[float]:
 
 def kept(run: Run) -> list[Path]:
     """Copies of what the run found where the tests go through it."""
-    names = [file for file in run.target.artifacts.iterdir() if not file.name.startswith("slow")]
-    if run.target is not PARSERS:
-        return names
-    FOUND.mkdir(exist_ok=True)
-    return [Path(shutil.copy(file, FOUND)) for file in names]
+    files = [file for file in run.target.artifacts.iterdir() if not file.name.startswith("slow")]
+    return [Path(shutil.copy(file, run.target.found)) for file in files]
 
 
-def collect() -> int:
+def collect() -> list[Path]:
     """The fewest known inputs that reach every edge reached, as the corpus of the tests."""
-    fewest = BUILD / "fewest"
+    return [file for target in (PARSERS, TEXT) for file in _collected(target)]
+
+
+def _collected(target: Target) -> list[Path]:
+    corpus = HERE / "corpus" / target.name
+    fewest = BUILD / "fewest" / target.name
     shutil.rmtree(fewest, ignore_errors=True)
     fewest.mkdir(parents=True)
-    merge = Target("parsers", PARSERS.longest, (PARSERS.grown, *PARSERS.inputs)).command(
-        "-merge=1", "-use_counters=0"
-    )
-    merge[merge.index(str(PARSERS.grown))] = str(fewest)
+    folders = [fewest, target.grown, *target.begins_with]
+    merge = target.command("-merge=1", "-use_counters=0", folders=folders)
     subprocess.run(merge, cwd=ROOT, env=ENVIRONMENT, check=True, capture_output=True)
-    shutil.rmtree(CORPUS, ignore_errors=True)
-    shutil.copytree(fewest, CORPUS)
-    return len(list(CORPUS.iterdir()))
+    shutil.rmtree(corpus)
+    shutil.copytree(fewest, corpus)
+    return sorted(corpus.iterdir())

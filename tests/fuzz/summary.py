@@ -36,14 +36,18 @@ def _last(pattern: str, log: str) -> int:
 
 
 def report(log: str) -> list[str]:
-    """The beginning of what a run ended with: the disagreement, or the sanitizer's report."""
-    lines = log.splitlines()
-    begins = r"^Traceback|^AssertionError|: runtime error: |ERROR: |Fatal Python error|Error in "
-    first = next((i for i, line in enumerate(lines) if re.search(begins, line)), None)
-    if first is None:
-        return lines[-SHOWN:]
-    last = next((i for i, line in enumerate(lines) if line.startswith("AssertionError")), first)
-    return lines[last : last + SHOWN]
+    """What a run ended with: the disagreement, or the sanitizer's report as far as our code."""
+    lines = [
+        re.sub(r" \(BuildId: \w+\)| in \(anonymous namespace\)", "", line)
+        for line in log.splitlines()
+    ]
+    begins = r"^AssertionError|: runtime error: |ERROR: |Fatal Python error"
+    first = next((i for i, line in enumerate(lines) if re.search(begins, line)), len(lines) - SHOWN)
+    foreign = r"^$|^\s+#\d+ .* in (fuzzer::|__|raise|abort|main|_start)|^\s+#\d+ \S+  \(|^NOTE"
+    told = [line for line in lines[first:] if not re.search(foreign, line)]
+    ends = r"^SUMMARY|libFuzzer: |^stat::|^MS: "
+    last = next((i for i, line in enumerate(told) if i and re.search(ends, line)), len(told))
+    return told[: min(last, SHOWN)]
 
 
 def lines_of_files(product: Path, profiles: list[Path]) -> dict[str, tuple[int, int]]:

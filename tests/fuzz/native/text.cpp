@@ -1,7 +1,7 @@
-// The text layer's scanning under libFuzzer, over storage that ends where the text ends: a `str`
-// has a NUL behind it, which would hide a step too far. It needs the interpreter's tables of
-// characters, and no interpreter; what makes objects (Pool, to_str, scan) is under the other
-// target.
+// The text layer's scanning under libFuzzer, and in the tests, over storage that ends where the
+// text ends: a `str` has a NUL behind it, which would hide a step too far. It needs the
+// interpreter's tables of characters, and no interpreter; what makes objects (Pool, to_str, scan)
+// is under the other target.
 //
 // The first byte of an input is the width of a character, the second what is searched for. What is
 // found is held against what defines it, not against another way to find it.
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
@@ -20,9 +21,12 @@ namespace {
 
 using namespace modules_util;
 
-void require(bool holds) {
-    if (!holds) std::abort();
+void require(bool holds, const char *what, int line) {
+    if (holds) return;
+    std::fprintf(stderr, "ERROR: does not hold, in line %d: %s\n", line, what);
+    std::abort();
 }
+#define REQUIRE(...) require((__VA_ARGS__), #__VA_ARGS__, __LINE__)
 
 // A wide character is a blank beyond Latin-1, or has a low byte that means something.
 template <typename Char>
@@ -60,9 +64,9 @@ const Char *first(Slice<Char> text, const char (&word)[size]) {
 template <typename Char, size_t size>
 void check_word(Slice<Char> text, const char (&word)[size]) {
     const Char *found = first(text, word);
-    require(search(text, word) == found);
-    require(contains(text, word) == (found != text.end));
-    require(starts_with(text, word) == at(text, text.begin, word));
+    REQUIRE(search(text, word) == found);
+    REQUIRE(contains(text, word) == (found != text.end));
+    REQUIRE(starts_with(text, word) == at(text, text.begin, word));
 
     std::vector<Char> left;
     for (Slice<Char> rest = text; !rest.empty();) {
@@ -72,9 +76,9 @@ void check_word(Slice<Char> text, const char (&word)[size]) {
     }
     const auto length = static_cast<Py_ssize_t>(left.size());
     std::vector<Char> copy(left.size());
-    require(copy_without(text, word, static_cast<Char *>(nullptr)) == length);
+    REQUIRE(copy_without(text, word, static_cast<Char *>(nullptr)) == length);
     if (copy.empty()) return;
-    require(copy_without(text, word, copy.data()) == length && copy == left);
+    REQUIRE(copy_without(text, word, copy.data()) == length && copy == left);
 }
 
 // The fields and the separators between them are the text, and no field has a separator.
@@ -85,19 +89,18 @@ void check_fields(Slice<Char> text, char separator) {
     const Char *expected = text.begin;
     int count = 0;
     for (; fields.next(field); ++count) {
-        require(field.begin == expected && field.begin <= field.end && field.end <= text.end);
-        require(find(field, separator) == field.end);
-        require(std::none_of(field.begin, field.end, [separator](Char each) {
-            return each == static_cast<Char>(separator);
-        }));
-        if (field.end != text.end) require(*field.end == static_cast<Char>(separator));
+        REQUIRE(field.begin == expected && field.begin <= field.end && field.end <= text.end);
+        REQUIRE(find(field, separator) == field.end);
+        const Char wanted = static_cast<Char>(separator);
+        REQUIRE(std::find(field.begin, field.end, wanted) == field.end);
+        if (field.end != text.end) REQUIRE(*field.end == wanted);
         expected = field.end == text.end ? text.end : field.end + 1;
         Slice<Char> again;
-        require(element(Fields<Char>(text, separator), count, again));
-        require(again.begin == field.begin && again.end == field.end);
+        REQUIRE(element(Fields<Char>(text, separator), count, again));
+        REQUIRE(again.begin == field.begin && again.end == field.end);
     }
     const auto separators = std::count(text.begin, text.end, static_cast<Char>(separator));
-    require(count == separators + 1 && !element(Fields<Char>(text, separator), count, field));
+    REQUIRE(count == separators + 1 && !element(Fields<Char>(text, separator), count, field));
 }
 
 // Words are not blank, and what lies around and between them is.
@@ -107,13 +110,13 @@ void check_words(Slice<Char> text) {
     Slice<Char> word;
     const Char *expected = text.begin;
     while (words.next(word)) {
-        require(!word.empty() && word.end <= text.end);
-        require(expected == text.begin || word.begin != expected);
-        require(std::all_of(expected, word.begin, blank<Char>));
-        require(std::none_of(word.begin, word.end, blank<Char>));
+        REQUIRE(!word.empty() && word.end <= text.end);
+        REQUIRE(expected == text.begin || word.begin != expected);
+        REQUIRE(std::all_of(expected, word.begin, blank<Char>));
+        REQUIRE(std::none_of(word.begin, word.end, blank<Char>));
         expected = word.end;
     }
-    require(std::all_of(expected, text.end, blank<Char>));
+    REQUIRE(std::all_of(expected, text.end, blank<Char>));
 }
 
 template <typename Char>
@@ -121,12 +124,12 @@ void check_stripped(Slice<Char> text) {
     const Slice<Char> left = left_stripped(text);
     const Slice<Char> right = right_stripped(text);
     const Slice<Char> both = stripped(text);
-    require(left.end == text.end && right.begin == text.begin);
-    require(std::all_of(text.begin, left.begin, blank<Char>));
-    require(std::all_of(right.end, text.end, blank<Char>));
-    require(left.empty() || !blank(*left.begin));
-    require(right.empty() || !blank(right.end[-1]));
-    require(both.begin == left.begin && both.end == (left.empty() ? left.end : right.end));
+    REQUIRE(left.end == text.end && right.begin == text.begin);
+    REQUIRE(std::all_of(text.begin, left.begin, blank<Char>));
+    REQUIRE(std::all_of(right.end, text.end, blank<Char>));
+    REQUIRE(left.empty() || !blank(*left.begin));
+    REQUIRE(right.empty() || !blank(right.end[-1]));
+    REQUIRE(both.begin == left.begin && both.end == (left.empty() ? left.end : right.end));
 }
 
 template <typename Char>
