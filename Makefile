@@ -35,9 +35,13 @@ help:  ## this list
 run: build  ## call all thirty functions against this machine's state
 	@$(RUN) -m appliance tour
 
+.PHONY: console
+console: build  ## every function in a browser
+	@$(RUN) -m appliance console $(ARGS)
+
 .PHONY: test
-test: build meter lint  ## build, lint, and every test
-	@$(RUN) -m pytest -n auto $(ARGS)
+test: build meter browser lint  ## build, lint, and every test
+	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build
 build: environment $(BUILD)/build.ninja  ## the product, the host library and the staged import root
@@ -93,6 +97,11 @@ meter: build
 	@benchmarks/bootstrap meter
 	@tools/step build-meter "building the meter" \
 		$(CMAKE) --build --preset $(PRESET) --target benchmark_meter
+
+# What the console's page is tested with.
+.PHONY: browser
+browser: environment
+	@tests/browser/bootstrap
 
 .PHONY: wheel
 wheel: module-environment  ## the product as a wheel in build/wheel

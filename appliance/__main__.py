@@ -13,12 +13,13 @@ _TOOLS = {
     "tour": "all thirty functions against this machine's state, a line for each",
     "call": "one function, its result as JSON",
     "parse": "a captured command-line text through the module's parser, as JSON",
+    "console": "a page that calls every function, and shows what crosses the native boundary",
 }
 
 
 def main(texts: list[str]) -> int:
     """Runs the tool that is named; returns its exit status."""
-    listed = "\n  ".join(f"{name:<6} {purpose}" for name, purpose in _TOOLS.items())
+    listed = "\n  ".join(f"{name:<7} {purpose}" for name, purpose in _TOOLS.items())
     parser = terminal.Parser(
         description="The stand-in appliance: veldarin.modules.modules_util on a workstation.",
         epilog=f"tools:\n  {listed}\n\n{terminal.PROGRAM} TOOL --help tells more.",

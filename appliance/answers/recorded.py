@@ -43,7 +43,7 @@ _NUMBERS = {
     "gui_chk_cert_expiration": (-(2**31), 2**31 - 1),
 }
 _TEXTS = frozenset({"cookieval_wrap", "cookieval_unwrap", "serial_number_ascii"})
-_SERVICES = sorted({*_BRIDGED, *_NUMBERS, *_TEXTS})
+SERVICES = sorted({*_BRIDGED, *_NUMBERS, *_TEXTS})
 
 _CLI = "cli"
 _ANY_WORD = b"{}"
@@ -54,6 +54,7 @@ class ScenarioError(ValueError):
     what is wrong."""
 
     def __init__(self, path: Path, problem: str, line: int | None = None) -> None:
+        self.path, self.problem, self.line = path, problem, line
         super().__init__(f"{path}{'' if line is None else f':{line}'}: {problem}")
 
 
@@ -120,9 +121,9 @@ def _entries(directory: Path) -> list[Path]:
 
 
 def _service(path: Path) -> str:
-    if path.suffix == ".json" and path.stem in _SERVICES:
+    if path.suffix == ".json" and path.stem in SERVICES:
         return path.stem
-    near = difflib.get_close_matches(path.stem, _SERVICES, n=1)
+    near = difflib.get_close_matches(path.stem, SERVICES, n=1)
     hint = f" (did you mean {near[0]}.json?)" if near else ""
     raise ScenarioError(path, f"no service has this name{hint}")
 

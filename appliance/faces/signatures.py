@@ -1,4 +1,5 @@
-"""The module's functions and their declared parameters, for tools that take arguments as text.
+"""The module's functions as declared: their parameters for tools that take arguments as text, and
+what is told of them for the console.
 
 Source: the module's Python face, modules_util.pyi, which is read and not imported.
 """
@@ -8,9 +9,13 @@ from __future__ import annotations
 import ast
 import json
 import os
+import re
 from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
+
+# The line above the declarations of one subsystem.
+_HEADING = re.compile(r"# -{10,} (?P<title>\S.*)")
 
 FACE = Path(__file__).resolve().parents[2] / "veldarin" / "modules" / "modules_util.pyi"
 
@@ -22,6 +27,7 @@ class Parameter:
     name: str
     types: frozenset[str]
     keyword: bool  # may be given by name
+    optional: bool = False  # has a default
 
     def value(self, text: str) -> Any:
         """The argument that a text on the command line stands for, by the declared type.
@@ -45,6 +51,8 @@ class Function:
     name: str
     declaration: str  # one line, as in the face
     parameters: tuple[Parameter, ...]
+    subsystem: str = ""  # the heading that it stands under
+    documentation: str = ""
 
     def arguments(self, texts: list[str]) -> tuple[list[Any], dict[str, Any]]:
         """Positional and keyword arguments from the texts of a command line. Texts beyond the
@@ -74,22 +82,35 @@ def json_or_text(text: str) -> Any:
 def functions(face: Path = FACE) -> dict[str, Function]:
     """Name to function, in the order of the face. Raises `OSError`, `SyntaxError` for a face that
     is no Python, `ValueError` for one that declares no function."""
-    tree = ast.parse(face.read_text(encoding="utf-8"), str(face))
+    source = face.read_text(encoding="utf-8")
+    headings = {
+        number: found["title"]
+        for number, line in enumerate(source.splitlines(), 1)
+        if (found := _HEADING.fullmatch(line))
+    }
+    tree = ast.parse(source, str(face))
     declared = [node for node in tree.body if isinstance(node, ast.FunctionDef)]
     if not declared:
         raise ValueError(f"{face}: declares no function")
-    return {node.name: _function(node) for node in declared}
+    return {node.name: _function(node, headings) for node in declared}
 
 
-def _function(node: ast.FunctionDef) -> Function:
-    parameters = [_parameter(argument, keyword=False) for argument in node.args.posonlyargs]
-    parameters += [_parameter(argument, keyword=True) for argument in node.args.args]
+def _function(node: ast.FunctionDef, headings: dict[int, str]) -> Function:
+    positional = len(node.args.posonlyargs)
+    arguments = [*node.args.posonlyargs, *node.args.args]
+    required = len(arguments) - len(node.args.defaults)
+    parameters = tuple(
+        _parameter(argument, keyword=place >= positional, optional=place >= required)
+        for place, argument in enumerate(arguments)
+    )
     result = f" -> {ast.unparse(node.returns)}" if node.returns else ""
     declaration = f"{node.name}({ast.unparse(node.args)}){result}"
-    return Function(node.name, declaration, tuple(parameters))
+    above = max((line for line in headings if line < node.lineno), default=0)
+    documentation = ast.get_docstring(node) or ""
+    return Function(node.name, declaration, parameters, headings.get(above, ""), documentation)
 
 
-def _parameter(argument: ast.arg, keyword: bool) -> Parameter:
+def _parameter(argument: ast.arg, keyword: bool, optional: bool) -> Parameter:
     annotation = ast.unparse(argument.annotation) if argument.annotation else "object"
     members = {member.strip() for member in annotation.split("|")}
-    return Parameter(argument.arg, frozenset(members - {"None"}), keyword)
+    return Parameter(argument.arg, frozenset(members - {"None"}), keyword, optional)
