@@ -488,8 +488,8 @@ def test_usage_errors_are_one_line_and_exit_status_2(run: Any, tmp_path: Path) -
     (tmp_path / "build_switch_lg_state.json").write_text("{\n!\n")
     scenario = ("--scenario", str(tmp_path))
     cases = {
-        (): "which tool: tour, call, parse?",
-        ("dance",): "which tool: tour, call, parse?",
+        (): "which tool: tour, call, parse, console?",
+        ("dance",): "which tool: tour, call, parse, console?",
         ("tour", "now"): "unrecognized arguments: now",
         ("tour", "--scenario"): "expected one argument",
         ("tour", *scenario): "build_switch_lg_state.json:2: not JSON: ",
@@ -505,6 +505,10 @@ def test_usage_errors_are_one_line_and_exit_status_2(run: Any, tmp_path: Path) -
         ("parse", "arp"): "required: FILE",
         ("parse", "arp", "/no/such"): "/no/such: no such file or directory",
         ("parse", "arp", str(tmp_path)): "is a directory",
+        ("console", "--port", "65536"): "a port is a number up to 65535, not 65536",
+        ("console", "--host", "0.0.0.0"): "add --i-know-this-is-not-protected",
+        ("console", "--host", "example.invalid"): "--host is an IP address",
+        ("console", "--scenario", "/no/such"): "/no/such: no such file or directory",
     }
     for texts, message in cases.items():
         status, out, err = run(*texts)
@@ -514,7 +518,7 @@ def test_usage_errors_are_one_line_and_exit_status_2(run: Any, tmp_path: Path) -
         assert message in err
 
 
-@pytest.mark.parametrize("tool", ["", "tour", "call", "parse"])
+@pytest.mark.parametrize("tool", ["", "tour", "call", "parse", "console"])
 def test_help_tells_what_a_tool_is_for_and_its_exit_statuses(run: Any, tool: str) -> None:
     status, out, err = run(*filter(None, (tool, "--help")))
     assert (status, err) == (0, "")

@@ -7,7 +7,7 @@ from typing import Any
 
 from pyramid.config import Configurator
 from pyramid.renderers import JSON
-from pyramid.tweens import INGRESS
+from pyramid.tweens import EXCVIEW
 
 from appliance.console import views
 from appliance.console.bench import Bench
@@ -31,7 +31,7 @@ def application(bench: Bench, *, beyond_loopback: bool = False) -> Any:
     than loopback, on purpose."""
     config = Configurator(settings={"console.beyond_loopback": beyond_loopback})
     config.registry["bench"] = bench
-    config.add_tween("appliance.console.safety.tween", under=INGRESS)
+    config.add_tween("appliance.console.safety.tween", under=EXCVIEW)
     config.add_renderer("json", JSON(serializer=_rendered))
     for method, path, handler in ROUTES:
         name = f"{method} {path}"

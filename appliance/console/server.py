@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import logging
 from typing import Any
 
 from waitress.channel import HTTPChannel
@@ -37,6 +38,8 @@ class _Channel(HTTPChannel):  # type: ignore[misc]
 def server(application: Any, host: str, port: int) -> Any:
     """A listening server; port 0 takes a free one. `run()` serves until it is interrupted,
     `effective_port` is where. Raises `OSError`."""
+    # That a request waits for another is how the bench works, and no news.
+    logging.getLogger("waitress.queue").setLevel(logging.ERROR)
     made = create_server(
         application,
         host=host,

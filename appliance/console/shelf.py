@@ -50,10 +50,7 @@ class Shelf:
         if self.given is not None and name == self.given.name:
             return self.given
         if not _NAME.fullmatch(name):
-            raise Problem(
-                422,
-                "a scenario's name has letters, digits, dots, dashes and underscores, 64 at most",
-            )
+            raise Problem(422, "a scenario's name has letters, digits and . - _, 64 at most")
         return self.folder / name
 
     def read(self, name: str) -> Files:
@@ -122,7 +119,7 @@ def _contents(folder: int, prefix: str) -> Files:
     for name in sorted(os.listdir(folder)):
         if _kept(name) or (not prefix and name == _SUBFOLDER):
             continue
-        with open(os.open(name, _FILE, dir_fd=folder), "rb") as file:  # noqa: PTH123: a descriptor
+        with open(os.open(name, _FILE, dir_fd=folder), "rb") as file:
             files[prefix + name] = file.read(left + 1)
         left -= len(files[prefix + name])
         if left < 0:
@@ -133,9 +130,9 @@ def _contents(folder: int, prefix: str) -> Files:
 def _fill(folder: int, files: Files) -> None:
     for name, content in files.items():
         draft = f".{name[:32]}.{secrets.token_hex(4)}"
-        with open(os.open(draft, _NEW_FILE, 0o644, dir_fd=folder), "wb") as file:  # noqa: PTH123
+        with open(os.open(draft, _NEW_FILE, 0o644, dir_fd=folder), "wb") as file:
             file.write(content)
-        os.replace(draft, name, src_dir_fd=folder, dst_dir_fd=folder)  # noqa: PTH105: descriptors
+        os.replace(draft, name, src_dir_fd=folder, dst_dir_fd=folder)
     for name in os.listdir(folder):
         if name not in files and name != _SUBFOLDER and not _kept(name):
             os.unlink(name, dir_fd=folder)

@@ -12,6 +12,7 @@ from typing import Any
 from appliance import Call
 
 _RELEASE = "JSONObject.release"
+_COMMAND_LINE = "get_cli_cmd_output"
 _VERBATIM = {0x0A: "\\n", 0x0D: "\\r", 0x09: "\\t", 0x5C: "\\\\"}
 
 
@@ -73,13 +74,14 @@ def raised(error: BaseException, passed: str | None = None) -> dict[str, Any]:
 
 
 def native_call(call: Call) -> dict[str, Any]:
-    """A call of the journal. "kind" is "request", "text", "plain" for a service that is given
-    nothing, or "method" for a call through the method table of a JSONObject."""
+    """A call of the journal. "kind" is "request", "command", "text", "plain" for a service that
+    is given nothing, or "method" for a call through the method table of a JSONObject."""
     shown: dict[str, Any] = {"service": call.service, "source": call.source}
     if call.service == _RELEASE:
         return {**shown, "kind": "method", "json": call.request}
     if call.request is not None:
         return {**shown, "kind": "request", "json": call.request}
     if call.text is not None:
-        return {**shown, "kind": "text", "bytes": escaped(call.text), "hex": call.text.hex(" ")}
+        kind = "command" if call.service == _COMMAND_LINE else "text"
+        return {**shown, "kind": kind, "bytes": escaped(call.text), "hex": call.text.hex(" ")}
     return {**shown, "kind": "plain"}

@@ -6,7 +6,7 @@ import json
 from pathlib import Path
 from typing import Any
 
-from pyramid.response import FileResponse
+from pyramid.response import Response
 
 from appliance.console import showing
 from appliance.console.bench import Bench
@@ -14,7 +14,7 @@ from appliance.console.calling import arguments
 from appliance.console.catalogue import catalogue
 from appliance.console.problem import Problem
 from appliance.device import PRODUCT
-from appliance.faces.captured import KINDS, MOST_LINES
+from appliance.faces import captured
 
 _PAGE = Path(__file__).with_name("static") / "console.html"
 
@@ -23,9 +23,9 @@ Request = Any
 Shown = dict[str, Any]
 
 
-def page(request: Request) -> FileResponse:
+def page(_request: Request) -> Response:
     """The page itself."""
-    return FileResponse(str(_PAGE), request, content_type="text/html", charset="utf-8")
+    return Response(body=_PAGE.read_bytes(), content_type="text/html", charset="utf-8")
 
 
 def functions(request: Request) -> Shown:
@@ -54,9 +54,9 @@ def call(request: Request) -> Shown:
 
 def parse(request: Request) -> Shown:
     """Runs a captured text through a parser."""
-    kind = KINDS.get(request.matchdict["kind"])
+    kind = captured.KINDS.get(request.matchdict["kind"])
     if kind is None:
-        raise Problem(404, f"captures are of the kinds {', '.join(KINDS)}")
+        raise Problem(404, f"captures are of the kinds {', '.join(captured.KINDS)}")
     text = _text(_body(request), "text")
     try:
         content = text.encode()
@@ -68,9 +68,9 @@ def parse(request: Request) -> Shown:
         shown["note"] = f"the text ends at its first NUL byte, offset {outcome.end}"
     if outcome.error is not None:
         place = {"line": outcome.line, "problem": outcome.problem}
-        return {**shown, "raised": {**showing.raised(outcome.error), **place}}
+        return {**shown, "raised": {**showing.raised(outcome.error, captured.__file__), **place}}
     if origins is None:
-        shown["note"] = f"values are told from lines in texts of up to {MOST_LINES} lines"
+        shown["note"] = f"values are told from lines in texts of up to {captured.MOST_LINES} lines"
     told = [{"line": line, "values": list(values)} for line, values in (origins or {}).items()]
     result = showing.result(outcome.result)
     return {**shown, "result": result, "origins": told, "passed_over": outcome.passed_over}

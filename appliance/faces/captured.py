@@ -1,5 +1,5 @@
-"""Captured command-line texts through the module's own parsers: what they make of a text, where they
-stumble, and which line a value came from. For `parse` and the console.
+"""Captured command-line texts through the module's own parsers: what they make of a text, where
+they stumble, and which line a value came from. For `parse` and the console.
 
 The text reaches the parser as the command line would have handed it over: carriage returns, pager
 prompts and all. Where a value came from is found with the parser itself, by changing the text; no
@@ -98,11 +98,9 @@ def origins(
             others = _run(device, kind, b"\n".join([*lines[:place], changed, *lines[place + 1 :]]))
         except Exception:
             continue  # the line holds up the text, no value came of it alone
-        # A session's name is itself a value: the only one is the same session under any name.
-        renamed = (
-            dict(zip(others, result)) if isinstance(others, dict) and kind is KINDS["bfd"] else {}
-        )
-        now = {(renamed.get(path[0], path[0]), *path[1:]): value for path, value in _values(others)}
+        if kind is KINDS["bfd"] and len(others) == len(result):
+            others = dict(zip(result, others.values()))  # under another name: the same session
+        now = dict(_values(others))
         paths = [path for path, value in values.items() if now.get(path) != value]
         if paths:
             found[place + 1] = paths

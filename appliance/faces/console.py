@@ -75,10 +75,9 @@ def _options(texts: list[str]) -> argparse.Namespace:
 
 
 def _port(text: str) -> int:
-    port = int(text)
-    if not 0 <= port <= 65535:
-        raise ValueError
-    return port
+    if not (text.isascii() and text.isdigit() and int(text) <= 65535):
+        raise argparse.ArgumentTypeError(f"a port is a number up to 65535, not {text}")
+    return int(text)
 
 
 def _is_loopback(host: str) -> bool:

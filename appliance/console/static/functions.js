@@ -1,0 +1,198 @@
+// The functions: the list by subsystem, one function's form, what its call left behind.
+import { Refused, get, post } from "./api.js";
+import { ArgumentForm, Mistyped } from "./arguments.js";
+import { journal, outcome } from "./calls.js";
+import { copyButton, make, replace, say } from "./dom.js";
+import { entries, inline, prose } from "./prose.js";
+import { refused } from "./refused.js";
+
+let subsystems = null;
+let list = null;
+
+// Shows a function, the first one without a name.
+export async function show(page, name) {
+  subsystems ??= (await get("/api/functions")).subsystems;
+  const all = subsystems.flatMap((one) => one.functions.map((held) => ({ ...held, subsystem: one.title })));
+  const described = all.find((one) => one.name === name) ?? all[0];
+  if (list?.isConnected) mark(described.name);
+  else {
+    list = sidebar(all.length);
+    page.replaceChildren(make("div", { class: "functions" }, list, make("main", { id: "work", tabindex: "-1" })));
+    mark(described.name);
+  }
+  list.querySelector("details").open = window.matchMedia("(min-width: 860px)").matches;
+  replace(document.getElementById("work"), work(described));
+  document.title = `${described.name} · Console`;
+}
+
+function mark(name) {
+  for (const link of list.querySelectorAll("a")) {
+    if (link.dataset.name === name) link.setAttribute("aria-current", "page");
+    else link.removeAttribute("aria-current");
+  }
+  list.querySelector("[aria-current]")?.scrollIntoView({ block: "nearest" });
+}
+
+function sidebar(count) {
+  const nothing = make("p", { class: "empty small", hidden: true }, "No function has that in its name.");
+  const filter = make("input", {
+    type: "search",
+    id: "filter",
+    placeholder: "Filter",
+    "aria-label": "Filter the functions",
+    "aria-keyshortcuts": "/",
+    autocomplete: "off",
+    spellcheck: "false",
+  });
+  const groups = subsystems.map(({ title, functions }) =>
+    make(
+      "section",
+      {},
+      make("h2", {}, title),
+      make(
+        "ul",
+        {},
+        functions.map(({ name, summary }) =>
+          make("li", {}, make("a", { href: `#/functions/${name}`, "data-name": name, title: summary }, breakable(name))),
+        ),
+      ),
+    ),
+  );
+  const narrow = () => {
+    const wanted = filter.value.trim().toLowerCase();
+    for (const group of groups) {
+      for (const item of group.querySelectorAll("li")) {
+        item.hidden = !item.textContent.toLowerCase().includes(wanted);
+      }
+      group.hidden = !group.querySelector("li:not([hidden])");
+    }
+    nothing.hidden = groups.some((group) => !group.hidden);
+  };
+  filter.addEventListener("input", narrow);
+  const nav = make(
+    "nav",
+    { class: "list", "aria-label": "Functions" },
+    make("details", {}, make("summary", {}, `All ${count} functions`), filter, nothing, groups),
+  );
+  nav.addEventListener("keydown", (event) => walk(event, nav, filter));
+  return nav;
+}
+
+// Arrow keys go from the filter through the functions that are left; Enter in it opens the first.
+function walk(event, nav, filter) {
+  const links = [...nav.querySelectorAll("a")].filter((link) => link.offsetParent !== null);
+  const place = links.indexOf(document.activeElement);
+  if (event.key === "ArrowDown") links[Math.min(place + 1, links.length - 1)]?.focus();
+  else if (event.key === "ArrowUp") (place > 0 ? links[place - 1] : filter).focus();
+  else if (event.key === "Enter" && document.activeElement === filter) links[0]?.click();
+  else return;
+  event.preventDefault();
+}
+
+function work(described) {
+  const left = make("div", { class: "left", "aria-live": "off" }, untried());
+  const line = make("code", { class: "python" });
+  let form = null; // the rows are filled before it is there
+  const changed = () => (line.textContent = form?.python() ?? "");
+  form = new ArgumentForm(described, changed);
+  changed();
+  const button = make("button", { type: "submit", class: "primary" }, "Call");
+  const call = async (event) => {
+    event.preventDefault();
+    button.disabled = true;
+    try {
+      const called = await post(`/api/functions/${described.name}`, form.body());
+      replace(left, outcome(called), journal(called));
+      say(called.raised ? `raised ${called.raised.type}` : `returned ${called.result.type}`);
+    } catch (error) {
+      if (error instanceof Mistyped) return error.row.blame(error.message);
+      if (!(error instanceof Refused)) throw error;
+      blame(form, error, left);
+    } finally {
+      button.disabled = false;
+    }
+  };
+  return [
+    make(
+      "header",
+      { class: "title" },
+      make("p", { class: "eyebrow" }, described.subsystem),
+      make("h1", {}, breakable(described.name)),
+      make("p", { class: "summary" }, inline(described.summary)),
+    ),
+    make(
+      "div",
+      { class: "columns" },
+      make(
+        "div",
+        { class: "try" },
+        make(
+          "form",
+          { class: "panel call", submit: call, "aria-label": "Arguments" },
+          make("pre", { class: "signature", tabindex: "0" }, described.declaration),
+          form.elements.length ? form.elements : make("p", { class: "hint" }, "It takes no arguments."),
+          make("div", { class: "go" }, button, make("div", { class: "line" }, line)),
+          curl(described.name, form),
+        ),
+        left,
+      ),
+      documentation(described),
+    ),
+  ];
+}
+
+// A refusal that names an argument is told at the argument.
+function blame(form, error, left) {
+  const at = error.about.at ?? "";
+  const positional = form.rows.filter((row) => !row.omitted && !row.named);
+  const place = /^arguments\[(\d+)\]$/.exec(at);
+  const row = place ? positional[place[1]] : form.rows.find((one) => at === `keywords.${one.name}`);
+  if (row) row.blame(error.message);
+  else replace(left, refused(error));
+  say(error.message);
+}
+
+function untried() {
+  return make(
+    "div",
+    { class: "empty" },
+    make("p", {}, "Nothing called yet."),
+    make("p", { class: "hint" }, "Press ", make("kbd", {}, "Enter"), " in a field, or Call. What comes back is shown here, with the native calls behind it."),
+  );
+}
+
+function curl(name, form) {
+  const command = () => {
+    const body = form.body();
+    if (!body.arguments.length) delete body.arguments;
+    if (!Object.keys(body.keywords).length) delete body.keywords;
+    const json = JSON.stringify(body).replaceAll("'", "'\\''");
+    return `curl -H 'Content-Type: application/json' ${location.origin}/api/functions/${name} -d '${json}'`;
+  };
+  const shown = make("pre", { tabindex: "0" });
+  const fill = () => {
+    try {
+      shown.textContent = command();
+    } catch (error) {
+      shown.textContent = error.message;
+    }
+  };
+  const details = make("details", { class: "curl" }, make("summary", {}, "The same with curl"), shown, copyButton(() => shown.textContent));
+  details.addEventListener("toggle", fill);
+  return details;
+}
+
+function documentation({ text, raises, example }) {
+  return make(
+    "aside",
+    { class: "told", "aria-label": "Documentation" },
+    prose(text),
+    raises ? [make("h2", {}, "Raises"), entries(raises)] : null,
+    example ? [make("h2", {}, "Example"), make("pre", { class: "example", tabindex: "0" }, example)] : null,
+  );
+}
+
+// A long name may be broken after its underscores.
+function breakable(name) {
+  return name.split(/(?<=_)/).flatMap((part) => [part, make("wbr")]);
+}
