@@ -213,6 +213,7 @@ ROUTES = (
     "ip route add 10.1.2.0/24 via 198.51.100.8 proto bgp",
     "ip route add 10.2.0.0/16 via inet6 fe80::1 dev port1",
     "ip route add 10.3.0.0/16 proto 123 via 198.51.100.9",
+    "ip route add 10.4.0.0/16 proto 196 via 198.51.100.9",
     "ip route add blackhole 10.7.0.0/16 table 77",
     "ip rule add to 10.7.0.0/16 lookup 77",
     "ip rule add to 10.8.0.0/16 prohibit",
@@ -260,6 +261,8 @@ ENTRIES = {
     "10.1.2.3": ("10.1.2.0/24", "bgp", "n/a", "0", [("*", "198.51.100.8", "port1")]),
     "10.2.0.1": ("10.2.0.0/16", "boot", "0", "0", [("*", "fe80::1", "port1")]),
     "10.3.0.1": ("10.3.0.0/16", "123", "0", "0", [("*", "198.51.100.9", "port1")]),
+    # A routing daemon's static route has a distance, which the kernel is not told.
+    "10.4.0.1": ("10.4.0.0/16", "static", "n/a", "0", [("*", "198.51.100.9", "port1")]),
     "198.51.100.77": (
         "198.51.100.0/24",
         "connected",

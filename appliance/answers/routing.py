@@ -35,7 +35,8 @@ _REFUSALS = {
 }
 _NO_ROUTE = (errno.ENETUNREACH, errno.EHOSTUNREACH)
 
-# Who owns a route, beyond the protocols that the netlink library names.
+# Who owns a route, beyond the protocols that the netlink library names. A daemon's static routes
+# are not those of an administrator, whose number is another.
 _DAEMONS = {
     42: "babel",
     99: "openr",
@@ -43,7 +44,14 @@ _DAEMONS = {
     187: "isis",
     188: "ospf",
     189: "rip",
+    190: "ripng",
+    191: "nhrp",
     192: "eigrp",
+    193: "ldp",
+    194: "sharp",
+    195: "pbr",
+    196: "static",
+    197: "openfabric",
 }
 _OWNERS = {**rt_proto, **_DAEMONS}
 _KERNEL = rt_proto["kernel"]
