@@ -91,6 +91,11 @@ fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up,
 	@tools/step build-fuzz "building fuzz" $(CMAKE) --build --preset fuzz
 	@$(PYTHON) -m tests.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
 
+.PHONY: lab
+lab: build  ## the parsers on a network of real routing daemons, as root: docs/lab.md
+	@lab/bootstrap
+	@$(RUN) -m lab $(ARGS)
+
 # What counts instructions for the tests.
 .PHONY: meter
 meter: build

@@ -1,0 +1,101 @@
+"""The lab as a whole: the network with its daemons, brought into one state after the other, and
+what the module said in each."""
+
+from __future__ import annotations
+
+from types import TracebackType
+from typing import Any
+
+from lab import daemons, topology
+from lab.checks import bfd
+from lab.network import Network, Node
+
+# One wire is cut and mended; mended has to be as whole as before.
+STATES = ("whole", "cut", "mended")
+
+# Addresses whose routes go over the wire that is cut.
+ROUTED = {
+    "branch": (),
+    "hub": ("10.3.0.9", "2001:db8:3::9"),
+    "edge": ("203.0.113.9", "2001:db8:ffff::9", "10.80.0.9"),
+}
+
+# Of a node: "arp", "routes" (by address), "sessions" (by name), "listing".
+Told = dict[str, Any]
+
+
+class Lab:
+    """A network that has come to rest. Built whole; `come_to` brings it into another state."""
+
+    def __init__(self) -> None:
+        self._state = STATES[0]
+        self._told: dict[str, dict[str, Told]] = {}
+        self.network = Network()
+        try:
+            daemons.start(self.network)
+            daemons.settle(self.network, cut=False)
+            self.network.add_neighbors()
+        except BaseException:
+            self.close()
+            raise
+
+    def __enter__(self) -> Lab:
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        traceback: TracebackType | None,
+    ) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """Takes everything down."""
+        self.network.close()
+
+    @property
+    def nodes(self) -> dict[str, Node]:
+        """The nodes by name."""
+        return self.network.nodes
+
+    def come_to(self, state: str) -> None:
+        """Cuts or mends the wire if it has to be, and waits until everything shows it. `LabError`
+        names what does not."""
+        if (self._state, state) == ("whole", "mended"):
+            self.come_to("cut")
+        if state == self._state:
+            return
+        self._remember()
+        cut = state == "cut"
+        if cut != (self._state == "cut"):
+            (self.network.cut if cut else self.network.mend)(topology.CUT)
+            daemons.settle(self.network, cut=cut)
+        self._state = state
+
+    def told(self, state: str) -> dict[str, Told]:
+        """What the module said in a state, by node: once, when the state was first left or asked
+        about."""
+        for each in STATES:
+            if each not in self._told and state not in self._told:
+                self.come_to(each)
+                self._remember()
+        return self._told[state]
+
+    def _remember(self) -> None:
+        if self._state not in self._told:
+            self._told[self._state] = self._listen()
+
+    def _listen(self) -> dict[str, Told]:
+        return {
+            name: {
+                "arp": node.inside.live("get_system_arp_result"),
+                "routes": {
+                    address: node.inside.live("get_routing_table_result", address)
+                    for address in ROUTED[name]
+                },
+                "sessions": bfd.told(node),
+                "listing": node.inside.live("list_bfd_neighbor"),
+            }
+            for name, node in self.nodes.items()
+        }

@@ -1,0 +1,189 @@
+"""The network of the lab as rows: three nodes, the wires between them, and what each node holds.
+
+    branch port1 ---------- port1 hub port2 ---------- port1 edge
+                                  hub port3 ---------- port2 edge
+
+The addresses are those reserved for documentation and private use; they exist in the namespaces
+only. Everything else in the lab follows these rows.
+"""
+
+from __future__ import annotations
+
+from dataclasses import dataclass
+from ipaddress import ip_address, ip_interface
+from typing import NamedTuple
+
+NODES = ("branch", "hub", "edge")
+
+
+class Port(NamedTuple):
+    """One end of a wire, with an address of each IP version."""
+
+    node: str
+    name: str
+    ipv4: str
+    ipv6: str
+
+    @property
+    def addresses(self) -> tuple[str, str]:
+        """Its addresses without the prefix lengths."""
+        return str(ip_interface(self.ipv4).ip), str(ip_interface(self.ipv6).ip)
+
+
+Wire = tuple[Port, Port]
+
+WIRES: tuple[Wire, ...] = (
+    (
+        Port("branch", "port1", "192.0.2.1/24", "2001:db8:12::1/64"),
+        Port("hub", "port1", "192.0.2.2/24", "2001:db8:12::2/64"),
+    ),
+    (
+        Port("hub", "port2", "198.51.100.1/30", "2001:db8:23::1/64"),
+        Port("edge", "port1", "198.51.100.2/30", "2001:db8:23::2/64"),
+    ),
+    (
+        Port("hub", "port3", "198.51.100.5/30", "2001:db8:24::1/64"),
+        Port("edge", "port2", "198.51.100.6/30", "2001:db8:24::2/64"),
+    ),
+)
+
+# The wire that is cut, and at which end: that port is taken down, the other loses its carrier.
+CUT = WIRES[2]
+
+LOOPBACKS = {
+    "branch": ("10.1.0.1/32", "2001:db8:1::1/128"),
+    "hub": ("10.2.0.1/32", "2001:db8:2::1/128"),
+    "edge": ("10.3.0.1/32", "2001:db8:3::1/128"),
+}
+
+
+class Route(NamedTuple):
+    """A static route of the routing daemon. A next hop is an address, a port, "blackhole" (dropped
+    in silence) or "reject" (refused with a message)."""
+
+    node: str
+    prefix: str
+    hops: tuple[str, ...]
+    distance: int = 1
+
+
+ROUTES = (
+    Route("branch", "0.0.0.0/0", ("192.0.2.2",)),
+    Route("branch", "203.0.113.0/24", ("blackhole",)),
+    Route("branch", "203.0.113.64/26", ("port1",)),
+    Route("branch", "203.0.113.128/25", ("reject",)),
+    Route("branch", "::/0", ("2001:db8:12::2",)),
+    Route("branch", "2001:db8:dead::/48", ("blackhole",)),
+    Route("hub", "10.1.0.0/16", ("192.0.2.1",)),
+    Route("hub", "10.3.0.0/16", ("198.51.100.2", "198.51.100.6")),
+    Route("hub", "203.0.113.0/24", ("blackhole",)),
+    Route("hub", "2001:db8:1::/48", ("2001:db8:12::1",)),
+    Route("hub", "2001:db8:3::/48", ("2001:db8:23::2", "2001:db8:24::2")),
+    Route("edge", "0.0.0.0/0", ("198.51.100.1", "198.51.100.5")),
+    Route("edge", "10.80.0.0/16", ("198.51.100.5",), distance=5),
+    Route("edge", "10.80.0.0/16", ("198.51.100.1",), distance=50),  # while the other is lost
+    Route("edge", "::/0", ("2001:db8:23::1", "2001:db8:24::1")),
+    Route("edge", "2001:db8:dead::/48", ("reject",)),
+)
+
+# Routes that an administrator gives the kernel, past the daemon: `ip route add …`.
+KERNEL_ROUTES = {
+    "branch": (
+        "10.90.0.0/16 via inet6 2001:db8:12::2 dev port1",
+        "prohibit 10.91.0.0/16",
+    ),
+    "hub": ("10.92.0.0/16 via 192.0.2.1 metric 77 proto static",),
+    "edge": (),
+}
+
+
+class Neighbor(NamedTuple):
+    """A neighbour entry that an administrator makes. Without a hardware address: an address that
+    nobody answers for, in the state that the kernel gives it."""
+
+    node: str
+    port: str
+    address: str
+    mac: str | None
+    state: str
+
+
+NEIGHBORS = (
+    Neighbor("branch", "port1", "192.0.2.10", "02:00:00:00:00:10", "permanent"),
+    Neighbor("branch", "port1", "192.0.2.11", "02:00:00:00:00:11", "stale"),
+    Neighbor("branch", "port1", "192.0.2.12", "02:00:00:00:00:12", "noarp"),
+    Neighbor("branch", "port1", "192.0.2.13", None, "failed"),
+    Neighbor("branch", "port1", "192.0.2.14", None, "incomplete"),
+    Neighbor("edge", "port1", "198.51.100.9", "02:00:00:00:00:19", "permanent"),
+)
+
+
+@dataclass(frozen=True)
+class Session:
+    """One end of a BFD session: intervals in milliseconds; without a port over several hops."""
+
+    node: str
+    peer: str
+    local: str
+    port: str | None
+    multiplier: int = 3
+    receive: int = 150
+    transmit: int = 150
+    settings: tuple[str, ...] = ()  # further lines of the daemon's configuration
+    answered: bool = True  # by a session of another node
+
+    @property
+    def version(self) -> int:
+        """The IP version, 4 or 6."""
+        return ip_address(self.peer).version
+
+    @property
+    def place(self) -> str:
+        """Where the command line looks for it: the port, or the VRF without one."""
+        return self.port or "default"
+
+    @property
+    def over_the_cut(self) -> bool:
+        """Whether it goes over the wire that is cut, and no other way."""
+        return any((self.node, self.port) == (end.node, end.name) for end in CUT)
+
+
+SESSIONS = (
+    # One session of each IP version: the listing of this node is complete.
+    Session("branch", "10.3.0.1", "10.1.0.1", None, 4, 200, 200, ("minimum-ttl 250",)),
+    Session("branch", "2001:db8:12::2", "2001:db8:12::1", "port1", 5, 160, 170),
+    # Several of both.
+    Session("hub", "198.51.100.2", "198.51.100.1", "port2", 3, 110, 120),
+    Session("hub", "198.51.100.6", "198.51.100.5", "port3", 3, 130, 140),
+    Session("hub", "192.0.2.77", "192.0.2.2", "port1", answered=False),
+    Session("hub", "2001:db8:12::1", "2001:db8:12::2", "port1"),
+    Session("hub", "2001:db8:24::2", "2001:db8:24::1", "port3", 3, 150, 160),
+    # Several of version 4, one of version 6.
+    Session("edge", "198.51.100.1", "198.51.100.2", "port1", 4, 180, 190, ("passive-mode",)),
+    Session("edge", "198.51.100.5", "198.51.100.6", "port2"),
+    Session("edge", "10.1.0.1", "10.3.0.1", None, 4, 210, 220),
+    Session("edge", "2001:db8:24::1", "2001:db8:24::2", "port2"),
+)
+
+# Of every node, before it has ports: packets passed on, no waiting for addresses, addresses that
+# outlive a cut.
+SYSCTLS = {
+    "net/ipv4/ip_forward": 1,
+    "net/ipv4/conf/all/rp_filter": 0,
+    "net/ipv4/conf/default/rp_filter": 0,
+    "net/ipv6/conf/all/forwarding": 1,
+    "net/ipv6/conf/all/accept_dad": 0,
+    "net/ipv6/conf/default/accept_dad": 0,
+    "net/ipv6/conf/all/keep_addr_on_down": 1,
+}
+# Of every port: neighbours that keep their state while the lab looks at them. The kernel dates an
+# entry of an administrator back by twice this time, so that it has an age of ten minutes.
+PORT_SYSCTLS = {"net/ipv4/neigh/{}/base_reachable_time_ms": 300_000}
+# Of a port with a neighbour whose look-up shall last.
+INCOMPLETE_SYSCTLS = {"net/ipv4/neigh/{}/retrans_time_ms": 60_000}
+
+
+def ends(node: str) -> list[tuple[Port, Port]]:
+    """The ports of a node, each with the port at the other end of its wire."""
+    both = [pair for one, other in WIRES for pair in ((one, other), (other, one))]
+    return [(near, far) for near, far in both if near.node == node]
