@@ -8,26 +8,21 @@ import os
 import sys
 import traceback
 import warnings
-from collections import Counter
+from collections import defaultdict
 from collections.abc import Iterator
 from multiprocessing.connection import Connection, Pipe, wait
 from pathlib import Path
 
 from rich.console import Console
-from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeElapsedColumn
-from rich.table import Table
 
 from appliance import Appliance, host
 from tests.cases import CASES
-from tests.faults import arranged, imports, sites
+from tests.faults import arranged, imports, report, sites
 from tests.faults.library import Library, record
 from tests.faults.sweep import AnyCase, Swept, sweep
 from tests.fresh import BUILD, PRODUCT
-from tests.functions import FUNCTIONS
 
-SHOWN = 40  # complaints; the rest is counted
-
-console = Console(highlight=False)
+console = Console(highlight=False, soft_wrap=True)
 
 
 def arguments() -> argparse.Namespace:
@@ -36,18 +31,36 @@ def arguments() -> argparse.Namespace:
     parser.add_argument("--only", metavar="TEXT", help="cases whose name contains this")
     parser.add_argument(
         "--every",
-        type=int,
+        type=positive,
         default=1,
         metavar="N",
-        help="one case of N, for a quick look; calls that never fail are no complaint then",
+        help="of each function one case of N, at least one; calls that never fail are no "
+        "complaint then",
+    )
+    parser.add_argument(
+        "--from",
+        type=positive,
+        default=1,
+        metavar="K",
+        dest="first",
+        help="the first case with --every: 1 to N together are all",
     )
     parser.add_argument(
         "--orderly",
         action="store_true",
         help="children end by the C library's exit, so that a coverage build counts them",
     )
-    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), metavar="N")
+    cores = len(os.sched_getaffinity(0))
+    parser.add_argument("--jobs", type=positive, default=cores, metavar="N")
     return parser.parse_args()
+
+
+def positive(text: str) -> int:
+    """A number from 1 on."""
+    number = int(text)
+    if number < 1:
+        raise ValueError
+    return number
 
 
 def chosen(options: argparse.Namespace) -> list[AnyCase]:
@@ -55,11 +68,16 @@ def chosen(options: argparse.Namespace) -> list[AnyCase]:
     cases: list[AnyCase] = [*imports.CASES, *arranged.CASES, *CASES]
     if options.only:
         cases = [case for case in cases if options.only in str(case)]
-    cases = cases[:: max(options.every, 1)]
-    if not cases:
-        console.print("faults: no case of that name")
+    of_function: dict[str, list[AnyCase]] = defaultdict(list)
+    for case in cases:
+        of_function[case.function].append(case)
+    parts = [
+        part[(options.first - 1) % len(part) :: options.every] for part in of_function.values()
+    ]
+    if not parts:
+        console.print(f"faults: no case has {options.only!r} in its name")
         sys.exit(2)
-    return cases
+    return [case for part in parts for case in part]
 
 
 def prepared(path: Path) -> Library:
@@ -117,98 +135,27 @@ def work(library: Library, cases: list[AnyCase], writer: Connection, orderly: bo
             writer.send(Swept(str(case), case.function, complaints=[f"ended with {status}"]))
 
 
-def sweep_all(library: Library, options: argparse.Namespace) -> list[Swept]:
-    """The chosen cases under a progress bar."""
-    cases = chosen(options)
-    columns = (
-        TextColumn("{task.description}"),
-        BarColumn(),
-        MofNCompleteColumn(),
-        TextColumn("cases, {task.fields[points]} points, {task.fields[wrong]} wrong"),
-        TimeElapsedColumn(),
-    )
-    results = []
-    with Progress(*columns, console=console, disable=not console.is_terminal) as progress:
-        bar = progress.add_task("failing memory", total=len(cases), points=0, wrong=0)
-        for result in swept(library, cases, options):
-            results.append(result)
-            progress.update(
-                bar,
-                advance=1,
-                points=sum(result.points for result in results),
-                wrong=sum(len(result.complaints) for result in results),
-            )
-    return results
-
-
-def show_points(results: list[Swept]) -> None:
-    """The points of each function."""
-    table = Table("function", box=None)
-    for column in ("cases", "points", "wrong"):
-        table.add_column(column, justify="right")
-    cases = Counter(result.function for result in results)
-    points: Counter[str] = Counter()
-    wrong: Counter[str] = Counter()
-    for result in results:
-        points[result.function] += result.points
-        wrong[result.function] += len(result.complaints)
-    order = [*dict.fromkeys(case.function for case in imports.CASES), *(f.name for f in FUNCTIONS)]
-    for function in (function for function in order if function in cases):
-        table.add_row(
-            function, str(cases[function]), str(points[function]), str(wrong[function] or "")
-        )
-    table.add_section()
-    table.add_row("all", *(str(sum(counts.values())) for counts in (cases, points, wrong)))
-    console.print(table)
-
-
-def show_complaints(results: list[Swept]) -> int:
-    """The first complaints; how many there are."""
-    told = [f"{result.case}: {text}" for result in results for text in result.complaints]
-    for text in told[:SHOWN]:
-        console.print(text, markup=False, soft_wrap=True)
-    if len(told) > SHOWN:
-        console.print(f"... and {len(told) - SHOWN} more")
-    return len(told)
-
-
-def show_sites(path: Path) -> int:
-    """How many fallible calls failed; those that never did, and how many things are wrong."""
-    failed, strangers = sites.table(record(path))
-    listing = BUILD / "faults.txt"
-    listing.write_text("".join(f"{line}\n" for line in sites.lines(failed)))
-    never = [entry.site.key for entry in failed if not entry.times]
-    wrong = [
-        *(f"is in no source: {key}" for key in strangers),
-        *(f"neither fallible nor reviewed: {key}" for key in sites.unknown_calls()),
-        *(f"neither fallible nor reviewed: {name}" for name in sites.unknown_symbols(PRODUCT)),
-    ]
-    by_memory = sum(bool(entry.row and entry.row.of_memory) for entry in failed)
-    console.print(
-        f"{len(failed) - len(never)} of {len(failed)} fallible calls failed, "
-        f"{by_memory} of them for want of memory: {listing.relative_to(Path.cwd())}"
-    )
-    for text in [*(f"never failed: {key}" for key in never), *wrong]:
-        console.print(text, markup=False, soft_wrap=True)
-    return len(wrong) + len(never)
-
-
 def main() -> int:
     """The exit status."""
     options = arguments()
     if not (host.build_directory() / "libfaults.so").is_file():
         console.print("faults: nothing is built to sweep; run: make faults")
         return 1
+    cases = chosen(options)
     path = BUILD / f"faults.{os.getpid()}.record"
-    library = prepared(path)
-    results = sweep_all(library, options)
-    show_points(results)
-    wrong = show_complaints(results)
-    if record(path):
-        unfailed = show_sites(path)
-        wrong += unfailed if options.every == 1 and not options.only else 0
-    path.unlink()
-    return 1 if wrong else 0
+    try:
+        library = prepared(path)
+        results = report.progress(console, swept(library, cases, options), len(cases))
+        failed, strangers = sites.table(record(path))
+    finally:
+        path.unlink(missing_ok=True)
+    whole = options.every == 1 and not options.only
+    wrong = [
+        *report.points(console, results, len(cases)),
+        *report.calls(console, failed, strangers, whole),
+        *report.symbols(console, sites.unknown_symbols(PRODUCT)),
+    ]
+    return report.verdict(console, results, failed, wrong, whole)
 
 
 if __name__ == "__main__":

@@ -17,7 +17,7 @@ BRIDGED = ("list_switch", "list_system", "switch_", "get_system_sniffer", "captu
 
 # Without memory for the result these two keep the native buffer, on purpose.
 KEEPING = ("PyBytes_FromString(encrypted)", "PyBytes_FromString(decrypted)")
-KEPT = ["+1.0 memory blocks"]
+KEPT = ["+1 memory blocks"]
 
 
 class Call:
@@ -46,7 +46,7 @@ class Call:
         stage, judge = self._stage, self._judge
         found = stage.run(point)
         report = stage.library.report()
-        complaint = judge.complaint(found, point)
+        complaint = judge.complaint(found, point, report)
         complaints = [] if complaint is None else [complaint]
         expected = KEPT if _keeps(report) else []
         if stage.left_behind(point) != expected:

@@ -10,13 +10,20 @@ import signal
 import traceback
 from typing import IO, Any, Callable, TypeVar
 
+from tests.faults.deaths import Death, death
+
 Result = TypeVar("Result")
 
 SECONDS = 60  # that a child may take; it needs some milliseconds
+LAST = 3000  # characters of what a child wrote
 
 
 class DiedError(Exception):
-    """A child ended without a result; the text says how, and what it wrote before."""
+    """A child ended without a result: where, and what it wrote before."""
+
+    def __init__(self, death: Death, written: str) -> None:
+        super().__init__(f"{death}\n{written[-LAST:]}")
+        self.death = death
 
 
 class Children:
@@ -42,7 +49,8 @@ class Children:
             told = answer.read()
         _pid, status = os.waitpid(child, 0)
         if status != 0:
-            raise DiedError(f"{_how(status)}\n{self._written()}")
+            written = self._written()
+            raise DiedError(death(_how(status), written), written)
         result: Result = pickle.loads(told)
         return result
 
@@ -63,10 +71,10 @@ class Children:
         text = self._errors.read().decode(errors="replace")
         self._errors.seek(0)
         self._errors.truncate()
-        return text[-3000:]
+        return text
 
 
 def _how(status: int) -> str:
     if os.WIFSIGNALED(status):
-        return f"the process died of {signal.Signals(os.WTERMSIG(status)).name}"
-    return f"the process ended with status {os.WEXITSTATUS(status)}"
+        return f"died of {signal.Signals(os.WTERMSIG(status)).name}"
+    return f"ended with status {os.WEXITSTATUS(status)}"

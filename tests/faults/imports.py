@@ -322,8 +322,8 @@ class Import:
                 return  # an import that has gone through cannot be tried again
             gc.collect()
             blocks[i // TIMES] = self._library.live()
-        if blocks[1] != blocks[0]:
-            yield f"left behind: {(blocks[1] - blocks[0]) / TIMES:+} memory blocks"
+        if each_time := round((blocks[1] - blocks[0]) / TIMES):
+            yield f"left behind: {each_time:+} memory blocks"
 
     def _complaints_afterwards(self) -> Iterator[str]:
         try:

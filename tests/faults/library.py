@@ -70,6 +70,7 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "faults_trial": (ctypes.py_object, (ctypes.py_object,) * 3 + (ctypes.c_int,) * 3),
     "faults_report_of": (None, (ctypes.POINTER(_Report),)),
     "faults_trace_into": (None, (ctypes.POINTER(ctypes.c_void_p), ctypes.c_long)),
+    "faults_tell_deaths": (None, ()),
     "faults_live": (ctypes.c_long, ()),
     "faults_sheltered": (ctypes.py_object, (ctypes.py_object,)),
     "faults_shelter_type": (None, (ctypes.py_object,)),
@@ -147,6 +148,10 @@ class Library:
         call()
         self._library.faults_trace_into(None, 0)
         return list(rows[: self.report().counted])
+
+    def tell_deaths(self) -> None:
+        """From here on a process that dies tells where, for deaths.py."""
+        self._library.faults_tell_deaths()
 
     def live(self) -> int:
         """Blocks made minus blocks freed."""

@@ -13,12 +13,18 @@ from tests.cases import Case
 from tests.faults.arranged import Arranged
 from tests.faults.call import Call
 from tests.faults.children import Children, DiedError
+from tests.faults.deaths import Death
 from tests.faults.forced import FORCED
 from tests.faults.found import Found
 from tests.faults.imports import Import, ImportCase
 from tests.faults.library import Library, Point
 
 AnyCase = Union[Case, Arranged, ImportCase]
+# Calls that make nothing: their result is one of the interpreter's two truths.
+NEEDING_NO_MEMORY = {
+    "check_cert_expiration-(b'/certificate',)",
+    "check_cert_expiration-expired",
+}
 DEATHS = 5  # of a case, after which nobody needs to know more
 
 
@@ -41,8 +47,10 @@ class Swept:
 
     case: str
     function: str
-    points: int = 0
+    single: int = 0  # points of single failures
+    lasting: int = 0  # and of lasting ones
     complaints: list[str] = field(default_factory=list)
+    deaths: list[Death] = field(default_factory=list)  # each of them is a complaint, too
 
 
 def sweep(library: Library, case: AnyCase, orderly: bool) -> Swept:
@@ -50,6 +58,7 @@ def sweep(library: Library, case: AnyCase, orderly: bool) -> Swept:
     swept = Swept(str(case), case.function)
     with tempfile.TemporaryFile() as errors, ExitStack() as ending:
         children = Children(errors, orderly)
+        library.tell_deaths()
         subject: Subject
         if isinstance(case, ImportCase):
             subject = Import(library, case, children)
@@ -58,6 +67,9 @@ def sweep(library: Library, case: AnyCase, orderly: bool) -> Swept:
             subject = Call(library, arranged, ending.enter_context(Appliance(live=False)))
         for start in subject.starts():
             _sweep(subject, start, children, swept)
+        needed = swept.single > 0 and swept.lasting > 0
+        if needed == (swept.case in NEEDING_NO_MEMORY):
+            swept.complaints.append(f"{'an' if needed else 'no'} allocation was made to fail")
         for row in FORCED:
             if row.case == str(case) and library.records:
                 _force(subject, library.key(row.call), children, swept)
@@ -71,17 +83,22 @@ def _sweep(subject: Subject, point: Point, children: Children, swept: Swept) -> 
     while found.fired and deaths < DEATHS:
         try:
             found = children.result(subject.examine, point)
-        except DiedError as death:
-            found = Found(True, (str(death),))
+        except DiedError as died:
+            found = Found(True, (str(died),))
+            swept.deaths.append(died.death)
             deaths += 1
         swept.complaints += [f"{point}: {complaint}" for complaint in found.complaints]
-        swept.points += found.fired
+        swept.lasting += found.fired and point.lasting
+        swept.single += found.fired and not point.lasting
         point = point.next
+    if found.fired:
+        swept.complaints.append(f"{point} and what follows: not swept after {DEATHS} deaths")
 
 
 def _force(subject: Subject, key: str, children: Children, swept: Swept) -> None:
     try:
         complaints = children.result(subject.force, key).complaints
-    except DiedError as death:
-        complaints = (str(death),)
+    except DiedError as died:
+        complaints = (str(died),)
+        swept.deaths.append(died.death)
     swept.complaints += [f"{key} made to fail: {complaint}" for complaint in complaints]

@@ -67,6 +67,9 @@ FAULTS_EXPORT void faults_report_of(struct faults_report *report);
 // The row of the call under way at each allocation of the next trials is put down there, or null.
 FAULTS_EXPORT void faults_trace_into(const void **rows, long size);
 
+// From here on a process that dies tells on its standard error in which functions.
+FAULTS_EXPORT void faults_tell_deaths();
+
 // Blocks of the interpreter's domains made minus freed, since faults_install.
 FAULTS_EXPORT long faults_live(void);
 

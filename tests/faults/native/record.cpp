@@ -53,10 +53,12 @@ faults_row *row_of(const faults_site &site, const char *function) {
 
 const void *row_under_way() { return under_way == nullptr ? nullptr : under_way->row; }
 
+const char *call_under_way() { return under_way == nullptr ? nullptr : under_way->row->key; }
+
 const char *note_fired() {
     if (under_way == nullptr) return nullptr;
     add(under_way->row->fired);
-    return under_way->row->key;
+    return call_under_way();
 }
 
 }  // namespace faults

@@ -9,6 +9,9 @@ const char *note_fired();
 // The row of the innermost call under way, or null.
 const void *row_under_way();
 
+// The key of the innermost call under way, or null.
+const char *call_under_way();
+
 // Memory has failed since the last trial began.
 bool memory_has_failed();
 
