@@ -7,10 +7,14 @@ option(COVERAGE "Count the product's lines and branches as they run" OFF)
 add_library(instruments INTERFACE)
 if(RECORD_CALLS)
     set(calls ${PROJECT_SOURCE_DIR}/tests/faults/native/calls.h)
-    target_compile_options(instruments INTERFACE "SHELL:-include ${calls}" -O1)
+    target_compile_options(instruments INTERFACE "SHELL:-include ${calls}")
 endif()
 if(COVERAGE)
-    target_compile_options(instruments INTERFACE --coverage -fprofile-update=atomic)
+    # Without the assertions in the interpreter's macros, as the product ships; and nothing folded.
+    target_compile_options(instruments INTERFACE
+        --coverage -fprofile-update=atomic -DNDEBUG -O0)
+elseif(RECORD_CALLS)
+    target_compile_options(instruments INTERFACE -O1)
 endif()
 if(FUZZ)
     target_compile_options(instruments INTERFACE

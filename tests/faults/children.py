@@ -22,7 +22,7 @@ class DiedError(Exception):
     """A child ended without a result: where, and what it wrote before."""
 
     def __init__(self, death: Death, written: str) -> None:
-        super().__init__(f"{death}\n{written[-LAST:]}")
+        super().__init__(str(death) if death.functions else f"{death}\n{written[-LAST:]}")
         self.death = death
 
 

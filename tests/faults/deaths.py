@@ -36,8 +36,7 @@ def death(how: str, written: str) -> Death:
     """A death, from the way it ended and what was written before."""
     told = TOLD.search(written)
     if told is None:
-        last = written.strip().splitlines()[-1:]
-        return Death(how, "and did not say where", "none", tuple(last))
+        return Death(how, "and did not say where", "none", ())
     frames = [
         (Path(found["file"]).name, found["function"])
         for found in FRAME.finditer(told[2])

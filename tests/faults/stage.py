@@ -173,8 +173,6 @@ class Stage:
         if each_time := round((blocks[1] - blocks[0]) / TIMES):
             found.append(f"{each_time:+} memory blocks")
         for item, before in zip(self._watched, counted):
-            after = sys.getrefcount(item)
-            if abs(after - before) >= 2 * TIMES:
-                each = (after - before) / (2 * TIMES)
-                found.append(f"{each:+} references to {str(item)[:60]!r}")
+            if each_time := round((sys.getrefcount(item) - before) / (2 * TIMES)):
+                found.append(f"{each_time:+} references to {str(item)[:60]!r}")
         return found
