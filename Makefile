@@ -20,11 +20,7 @@ CXX_SOURCES = $(shell find $(wildcard veldarin util migbase appliance tests benc
 # What `python -m appliance` and pytest are started with.
 RUN = APPLIANCE_BUILD=$(BUILD) $(PYTHON)
 ifeq ($(PRESET),asan)
-# The interpreter is not instrumented: the sanitizer's runtime has to be there before it, and its
-# small-object allocator out of the way, so that every block is a block of the sanitizer's. The
-# interpreter itself keeps memory at exit, so leaks are counted by the tests and not here.
-RUN = LD_PRELOAD="$$(cc -print-file-name=libasan.so) $$(cc -print-file-name=libstdc++.so.6)" \
-	PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 APPLIANCE_BUILD=$(BUILD) $(PYTHON)
+RUN = APPLIANCE_BUILD=$(BUILD) tools/sanitized $(PYTHON)
 endif
 
 .PHONY: help
@@ -90,6 +86,12 @@ faults: environment build/faults/build.ninja  ## every allocation of every call 
 fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up, SECONDS=60 of them
 	@tools/step build-fuzz "building fuzz" $(CMAKE) --build --preset fuzz
 	@$(PYTHON) -m tests.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
+
+.PHONY: sanitize
+sanitize:  ## every test under the sanitizers, the parsers' under valgrind
+	@$(MAKE) PRESET=asan build meter
+	@$(MAKE) PRESET=debug build
+	@$(PYTHON) -m tests.sanitize $(ARGS)
 
 .PHONY: lab
 lab: build  ## the parsers on a network of real routing daemons, as root: docs/lab.md

@@ -73,7 +73,7 @@ class Target:
         ]
 
 
-PARSERS = Target("parsers", 4096, HERE / "words.dict")
+PARSERS = Target("parsers", 2048, HERE / "words.dict")
 TEXT = Target("text", 256)
 
 
