@@ -89,9 +89,14 @@ fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up,
 
 .PHONY: sanitize
 sanitize:  ## every test under the sanitizers, the parsers' under valgrind
-	@$(MAKE) PRESET=asan build meter
+	@$(MAKE) PRESET=asan build meter browser
 	@$(MAKE) PRESET=debug build
 	@$(PYTHON) -m tests.sanitize $(ARGS)
+
+.PHONY: soak
+soak: build  ## a million calls from several threads: memory and counts stay flat
+	@benchmarks/bootstrap
+	@$(RUN) -m tests.soak $(ARGS)
 
 .PHONY: lab
 lab: build  ## the parsers on a network of real routing daemons, as root: docs/lab.md
