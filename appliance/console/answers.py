@@ -22,6 +22,7 @@ _LIVE_COMMANDS = (
     "get router info bfd neighbor",
     "get router info6 bfd neighbor",
 )
+_LONGEST_FILE = len("cli/") + 255  # what file systems allow
 _LONGEST_COMMAND = 127  # bytes; what is beyond does not reach the command line
 
 
@@ -35,7 +36,10 @@ def file_of(name: str, files: Files) -> str:
     if not words or b"\0" in words or len(words) > _LONGEST_COMMAND:
         raise Problem(422, f"a command has 1 to {_LONGEST_COMMAND} bytes, and no NUL")
     known = {name_of(file).encode(): file for file in files if file.startswith("cli/")}
-    return known.get(words, f"cli/{_quoted(words)}.txt")
+    file = known.get(words, f"cli/{_quoted(words)}.txt")
+    if len(file) > _LONGEST_FILE:
+        raise Problem(422, "no file can have this command's name: it is too long")
+    return file
 
 
 def name_of(file: str) -> str:

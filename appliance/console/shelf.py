@@ -12,7 +12,7 @@ import os
 import re
 import secrets
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -41,8 +41,8 @@ class Shelf:
         first = [] if self.given is None else [self.given.name]
         try:
             found = sorted(entry.name for entry in os.scandir(self.folder) if _is_folder(entry))
-        except FileNotFoundError:
-            found = []  # nothing was saved yet
+        except OSError:
+            found = []  # not made yet; what is wrong with it, saving tells
         return first + [name for name in found if _NAME.fullmatch(name) and name not in first]
 
     def path(self, name: str) -> Path:
@@ -60,6 +60,8 @@ class Shelf:
             if _SUBFOLDER in os.listdir(folder):
                 with _opened(Path(_SUBFOLDER), folder) as subfolder:
                     files.update(_contents(subfolder, f"{_SUBFOLDER}/"))
+        if sum(map(len, files.values())) > _MOST_BYTES:
+            raise Problem(409, f"scenario {name} holds more than {_MOST_BYTES} bytes")
         return files
 
     def write(self, name: str, files: Files) -> None:
@@ -115,24 +117,25 @@ def _kept(name: str) -> bool:
 
 def _contents(folder: int, prefix: str) -> Files:
     files: Files = {}
-    left = _MOST_BYTES
     for name in sorted(os.listdir(folder)):
         if _kept(name) or (not prefix and name == _SUBFOLDER):
             continue
         with open(os.open(name, _FILE, dir_fd=folder), "rb") as file:
-            files[prefix + name] = file.read(left + 1)
-        left -= len(files[prefix + name])
-        if left < 0:
-            raise Problem(409, f"the scenario holds more than {_MOST_BYTES} bytes")
+            files[prefix + name] = file.read(_MOST_BYTES + 1)
     return files
 
 
 def _fill(folder: int, files: Files) -> None:
     for name, content in files.items():
         draft = f".{name[:32]}.{secrets.token_hex(4)}"
-        with open(os.open(draft, _NEW_FILE, 0o644, dir_fd=folder), "wb") as file:
-            file.write(content)
-        os.replace(draft, name, src_dir_fd=folder, dst_dir_fd=folder)
+        try:
+            with open(os.open(draft, _NEW_FILE, 0o644, dir_fd=folder), "wb") as file:
+                file.write(content)
+            os.replace(draft, name, src_dir_fd=folder, dst_dir_fd=folder)
+        except OSError:
+            with suppress(OSError):
+                os.unlink(draft, dir_fd=folder)
+            raise
     for name in os.listdir(folder):
         if name not in files and name != _SUBFOLDER and not _kept(name):
             os.unlink(name, dir_fd=folder)

@@ -1,0 +1,55 @@
+"""The console under test: a bench on a scenario of the test's own, and its application."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+import pytest
+from webtest import TestApp
+
+from appliance.answers import bfd
+from appliance.console.app import application
+from appliance.console.bench import Bench
+from appliance.console.shelf import Shelf
+
+ARP = (
+    "Address          Age(min)   Hardware address    Interface\n"
+    "192.0.2.10       0          02:00:00:aa:bb:cc   port1\n"
+)
+ROUTING = (
+    "Routing entry for 192.0.2.0/24\n"
+    "  Known via static, distance 10, metric 0, best\n"
+    "  Last update 01:02:03 ago\n"
+    "  * 198.51.100.1, via port1\n"
+)
+
+
+def scenario(folder: Path) -> Path:
+    """A scenario whose answers depend on no machine."""
+    (folder / "cli").mkdir(parents=True)
+    (folder / "cli" / "get system arp.txt").write_text(ARP)
+    (folder / "cli" / "get router info routing-table detail {}.txt").write_text(ROUTING)
+    (folder / "aps_get_new_cookie_id.json").write_text("4294967295")
+    (folder / "build_switch_port_statistics.json").write_text(
+        '[{"port_name": "port1", "errin": 3}]'
+    )
+    (folder / "build_system_interface_physical.json").write_text(
+        '[{"interface": [{"name": "port1", "mtu": 1500}]}]'
+    )
+    return folder
+
+
+@contextmanager
+def opened(folder: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
+    """A bench that was given the scenario `folder / "given"`, its shelf beside it."""
+    monkeypatch.setenv("APPLIANCE_STATE", str(folder / "state"))
+    monkeypatch.setattr(bfd, "_shell", lambda command: None)
+    with Bench(Shelf(folder / "shelf", scenario(folder / "given"))) as bench:
+        yield bench
+
+
+def client(bench: Bench) -> TestApp:
+    """A client of the bench's application, as a program on this machine is one."""
+    return TestApp(application(bench), extra_environ={"HTTP_HOST": "localhost:8430"})
