@@ -1,7 +1,11 @@
-"""The console under test: a bench on a scenario of the test's own, and its application."""
+"""The console under test: a bench on a scenario of the test's own, its application, its process."""
 
 from __future__ import annotations
 
+import os
+import re
+import subprocess
+import sys
 from collections.abc import Iterator
 from contextlib import contextmanager
 from pathlib import Path
@@ -13,6 +17,9 @@ from appliance.answers import bfd
 from appliance.console.app import application
 from appliance.console.bench import Bench
 from appliance.console.shelf import Shelf
+from tests import fresh
+
+SECONDS = 60  # far beyond anything here; a hang must end somewhere
 
 ARP = (
     "Address          Age(min)   Hardware address    Interface\n"
@@ -53,3 +60,27 @@ def opened(folder: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
 def client(bench: Bench) -> TestApp:
     """A client of the bench's application, as a program on this machine is one."""
     return TestApp(application(bench), extra_environ={"HTTP_HOST": "localhost:8430"})
+
+
+@contextmanager
+def running(folder: Path, *options: str) -> Iterator[tuple[subprocess.Popen[str], str, int]]:
+    """A running console: its process, and the host and port that it says it is at."""
+    temporary = folder / "temporary"
+    temporary.mkdir(exist_ok=True)
+    with subprocess.Popen(
+        [sys.executable, "-m", "appliance", "console", "--port", "0", *options],
+        cwd=fresh.ROOT,
+        env={**os.environ, "APPLIANCE_STATE": str(folder / "state"), "TMPDIR": str(temporary)},
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+    ) as process:
+        try:
+            assert process.stdout is not None
+            line = process.stdout.readline()
+            found = re.fullmatch(r"console: http://(.+):(\d+)/\n", line)
+            assert found, line + (process.communicate(timeout=SECONDS)[1] if not line else "")
+            yield process, found[1], int(found[2])
+        finally:
+            process.kill()

@@ -4,7 +4,7 @@ import { make, segments } from "./dom.js";
 
 // What can be given: its label, how it is typed in, the request's form of it, and Python's.
 const KINDS = {
-  text: { label: "Text", input: "line", given: (typed) => ({ text: typed }), python: quoted },
+  text: { label: "Text", input: "line", given: (typed) => typed, python: quoted },
   bytes: {
     label: "Bytes, \\x escapes",
     input: "line",
@@ -26,7 +26,8 @@ const KINDS = {
   integer: {
     label: "Integer",
     input: "number",
-    given: (typed) => ({ integer: typed }),
+    // Beyond 15 digits this language would round it.
+    given: (typed) => (/^-?\d{1,15}$/.test(typed.trim()) ? Number(typed) : { integer: typed }),
     python: (typed) => typed.trim() || "…",
   },
   true: { label: "True", given: () => true, python: () => "True" },

@@ -91,7 +91,7 @@ export function show(page) {
       ),
       make(
         "form",
-        { class: "panel call", submit: parse, "aria-label": "Captured text" },
+        { class: "panel call", submit: parse, "aria-label": "Capture" },
         make(
           "div",
           { class: "choose" },

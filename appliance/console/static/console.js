@@ -10,7 +10,7 @@ const page = document.getElementById("page");
 
 // #/part or #/part/name
 async function show() {
-  const [, part, name] = location.hash.split("/").map(decodeURIComponent);
+  const [, part, name] = location.hash.split("/").map(decoded);
   const chosen = PARTS[part] ? part : "functions";
   for (const tab of document.querySelectorAll("[data-tab]")) {
     if (tab.dataset.tab === chosen) tab.setAttribute("aria-current", "page");
@@ -21,6 +21,14 @@ async function show() {
   } catch (error) {
     if (!(error instanceof Refused)) throw error;
     page.replaceChildren(refused(error));
+  }
+}
+
+function decoded(text) {
+  try {
+    return decodeURIComponent(text);
+  } catch {
+    return text; // typed by hand
   }
 }
 

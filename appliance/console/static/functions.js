@@ -13,7 +13,8 @@ let list = null;
 export async function show(page, name) {
   subsystems ??= (await get("/api/functions")).subsystems;
   const all = subsystems.flatMap((one) => one.functions.map((held) => ({ ...held, subsystem: one.title })));
-  const described = all.find((one) => one.name === name) ?? all[0];
+  const described = name ? all.find((one) => one.name === name) : all[0];
+  if (!described) throw new Refused({ problem: `the module has no function ${name}` });
   if (list?.isConnected) mark(described.name);
   else {
     list = sidebar(all.length);
@@ -93,8 +94,14 @@ function work(described) {
   const left = make("div", { class: "left", "aria-live": "off" }, untried());
   const line = make("code", { class: "python" });
   let form = null; // the rows are filled before it is there
-  const changed = () => (line.textContent = form?.python() ?? "");
+  let shown = null;
+  const changed = () => {
+    if (!form) return;
+    line.textContent = form.python();
+    shown.fill();
+  };
   form = new ArgumentForm(described, changed);
+  shown = curl(described.name, form);
   changed();
   const button = make("button", { type: "submit", class: "primary" }, "Call");
   const call = async (event) => {
@@ -132,7 +139,7 @@ function work(described) {
           make("pre", { class: "signature", tabindex: "0" }, described.declaration),
           form.elements.length ? form.elements : make("p", { class: "hint" }, "It takes no arguments."),
           make("div", { class: "go" }, button, make("div", { class: "line" }, line)),
-          curl(described.name, form),
+          shown.element,
         ),
         left,
       ),
@@ -161,6 +168,7 @@ function untried() {
   );
 }
 
+// The command for the call as it stands; `fill` when it has changed.
 function curl(name, form) {
   const command = () => {
     const body = form.body();
@@ -169,17 +177,22 @@ function curl(name, form) {
     const json = JSON.stringify(body).replaceAll("'", "'\\''");
     return `curl -H 'Content-Type: application/json' ${location.origin}/api/functions/${name} -d '${json}'`;
   };
-  const shown = make("pre", { tabindex: "0" });
+  const text = make("pre", { tabindex: "0" });
   const fill = () => {
     try {
-      shown.textContent = command();
+      text.textContent = command();
     } catch (error) {
-      shown.textContent = error.message;
+      text.textContent = error.message;
     }
   };
-  const details = make("details", { class: "curl" }, make("summary", {}, "The same with curl"), shown, copyButton(() => shown.textContent));
-  details.addEventListener("toggle", fill);
-  return details;
+  const element = make(
+    "details",
+    { class: "curl" },
+    make("summary", {}, "The same with curl"),
+    text,
+    copyButton(() => text.textContent),
+  );
+  return { element, fill };
 }
 
 function documentation({ text, raises, example }) {

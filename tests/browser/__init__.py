@@ -1,0 +1,1 @@
+"""The console's page in a browser: what drives it, and the tests."""
