@@ -473,7 +473,7 @@ def test_a_function_is_found_and_called_with_keys_alone(visit: Visit) -> None:
     keys.press("ArrowDown")
     assert focused(visit) == "list_switch_trunk_state"
     keys.press("Enter")
-    visit.page.wait_for_function("document.title.startsWith('list_switch_trunk_state')")
+    visit.page.wait_for_function("() => document.title.startsWith('list_switch_trunk_state')")
     keys.press("Tab")
     keys.press("Tab")
     assert focused(visit, "tagName") == "SELECT"
@@ -645,7 +645,7 @@ def test_an_address_opens_what_it_names_and_the_way_back_works(visit: Visit) -> 
     visit.page.locator("[data-tab=captures]").click()
     visit.page.wait_for_selector("#capture")
     visit.page.go_back()
-    visit.page.wait_for_function("document.title.startsWith('get_token')")
+    visit.page.wait_for_function("() => document.title.startsWith('get_token')")
     assert visit.page.locator("[data-tab=functions]").get_attribute("aria-current") == "page"
     visit.page.goto(f"{visit.address}#/functions/%E0no_such_function")
     visit.page.wait_for_selector("[role=alert]")

@@ -6,19 +6,21 @@ import { make, segments } from "./dom.js";
 const KINDS = {
   text: { label: "Text", input: "line", given: (typed) => typed, python: quoted },
   bytes: {
-    label: "Bytes, \\x escapes",
+    label: "Bytes",
     input: "line",
+    hint: "text, with escapes as \\x00",
     given: (typed) => ({ bytes: typed }),
     python: (typed) => `b${quoted(typed).replaceAll("\\\\", "\\")}`,
   },
   hex: {
-    label: "Bytes, hexadecimal",
+    label: "Bytes in hex",
     input: "line",
+    hint: "75 73 65 72",
     given: (typed) => ({ hex: typed }),
     python: (typed) => `bytes.fromhex(${quoted(typed)})`,
   },
   base64: {
-    label: "Bytes, Base64",
+    label: "Bytes in Base64",
     input: "area",
     given: (typed) => ({ base64: typed }),
     python: (typed) => `b64decode(${quoted(typed)})`,
@@ -130,10 +132,11 @@ class Row {
   show(kind, typed) {
     const before = this.input?.value ?? "";
     this.kind = kind;
-    const { input } = KINDS[kind];
+    const { input, hint } = KINDS[kind];
     const settings = {
       "aria-label": `Value of ${this.name}`,
       "aria-describedby": this.fault.id,
+      placeholder: hint,
       spellcheck: "false",
       autocomplete: "off",
       autocapitalize: "off",
