@@ -64,9 +64,10 @@ def show(growths: list[Growth]) -> None:
     for column in ("2nd quarter", "last quarter", "growth", "limit", ""):
         table.add_column(column, justify="right")
     for growth in growths:
+        digits = 1 if growth.of.short == "MiB" else 0
         figures = (growth.before, growth.after, growth.after - growth.before, growth.limit)
         verdict = "flat" if growth.flat else "NOT FLAT"
-        table.add_row(growth.of.name, *(f"{figure:,.1f}" for figure in figures), verdict)
+        table.add_row(growth.of.name, *(f"{figure:,.{digits}f}" for figure in figures), verdict)
     console.print(table)
 
 
@@ -79,12 +80,12 @@ def main() -> int:
     warnings.simplefilter("ignore", DeprecationWarning)  # of a library's next release
     sys.setswitchinterval(1e-4)  # the lock changes hands wherever it can
     begun = time.monotonic()
-    with Appliance(live=False) as device:
-        try:
-            record = soaked(Stage(device, options.threads), options.calls)
-        except AssertionError as error:
-            console.print(f"soak: {error}", markup=False)
-            return 1
+    try:
+        with Appliance(live=False) as device, Stage(device, options.threads) as stage:
+            record = soaked(stage, options.calls)
+    except AssertionError as error:
+        console.print(f"soak: {error}", markup=False)
+        return 1
     growths = measure.growths(record, len(CASES))
     show(growths)
     flat = all(growth.flat for growth in growths)

@@ -18,9 +18,9 @@ def write(record: Record, growths: list[Growth], seconds: float, threads: int) -
     PICTURE.parent.mkdir(exist_ok=True)
     _draw(record, growths)
     block = "\n".join(_figures(record, growths, seconds, threads))
-    text = re.sub(
-        r"(?s)(?<=<!-- soak -->\n).*?(?=<!-- /soak -->)", lambda _: block, PAGE.read_text()
-    )
+    place = r"(?s)(?<=<!-- soak -->\n).*?(?=<!-- /soak -->)"
+    text, places = re.subn(place, lambda _: block, PAGE.read_text())
+    assert places == 1, "the page has no place for the figures"
     PAGE.write_text(text)
     return [PICTURE, PAGE]
 

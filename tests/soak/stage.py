@@ -29,7 +29,8 @@ def groups() -> list[list[Case]]:
 
 
 class Stage:
-    """A device that answers each thread what its case of the moment says."""
+    """A device that answers each thread what its case of the moment says; with threads of its own,
+    until the context is left."""
 
     def __init__(self, device: Appliance, threads: int) -> None:
         self.device, self.module = device, device.module
@@ -39,6 +40,12 @@ class Stage:
         self._here = threading.local()
         self._one_at_a_time = threading.Lock()  # for cases that prepare files, or the device itself
         self._script()
+
+    def __enter__(self) -> Stage:
+        return self
+
+    def __exit__(self, *error: object) -> None:
+        self._pool.shutdown()
 
     def _script(self) -> None:
         device, here = self.device, self._here
