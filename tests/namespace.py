@@ -1,4 +1,5 @@
-"""Python code run in a network namespace of its own, for tests of what the kernel's tables hold.
+"""What tests of the kernel's tables need: Python code run in a network namespace of its own, the
+system's own tool as the oracle, a netlink message without a kernel.
 
 The commands of `setup` make the namespace's links, addresses, neighbours and routes; then `source`
 runs there, with the project's packages importable, and its standard output is JSON. Needs root and
@@ -29,6 +30,30 @@ PORTS = (
     "ip link set port1 up",
     "ip link set port2 up",
 )
+
+
+needs_ip = pytest.mark.skipif(shutil.which("ip") is None, reason="the tool ip is the oracle")
+# Without the sanitizers' runtime, which has something to say of the tool itself.
+ALONE = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
+
+
+def ip_json(*arguments: str) -> Any:
+    """What `ip -j` says."""
+    done = subprocess.run(
+        ["ip", "-j", *arguments], env=ALONE, capture_output=True, check=True, text=True
+    )
+    return json.loads(done.stdout or "[]")
+
+
+class Message(dict):
+    """A netlink message: header fields, and attributes through `get_attr`."""
+
+    def __init__(self, fields: dict[str, Any], attributes: dict[str, Any]) -> None:
+        super().__init__(fields)
+        self._attributes = attributes
+
+    def get_attr(self, name: str) -> Any:
+        return self._attributes.get(name)
 
 
 def run_in_namespace(setup: tuple[str, ...], source: str) -> Any:

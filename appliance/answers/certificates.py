@@ -10,8 +10,6 @@ import stat
 from datetime import datetime, timezone
 from enum import IntEnum
 
-from cryptography import x509
-
 # A certificate takes a few kilobytes; a chain with its key some tens.
 _LARGEST_FILE = 1 << 20
 
@@ -32,9 +30,8 @@ def check(path: bytes) -> Status:
     regular file, larger than a megabyte, no certificate in it. Never raises for what a path holds.
     """
     try:
-        certificate = _first_certificate(_content(path))
-        begin, end = certificate.not_valid_before_utc, certificate.not_valid_after_utc
-    except (OSError, ValueError, x509.InvalidVersion):
+        begin, end = _validity(_content(path))
+    except (OSError, ValueError):
         return Status.UNREADABLE
     now = datetime.now(timezone.utc)
     if now < begin:
@@ -54,7 +51,13 @@ def _content(path: bytes) -> bytes:
     return content
 
 
-def _first_certificate(content: bytes) -> x509.Certificate:
-    if b"-----BEGIN" in content:
-        return x509.load_pem_x509_certificate(content)
-    return x509.load_der_x509_certificate(content)
+def _validity(content: bytes) -> tuple[datetime, datetime]:
+    from cryptography import x509  # costs every start more than the rest of the stand-in together
+
+    pem = b"-----BEGIN" in content
+    load = x509.load_pem_x509_certificate if pem else x509.load_der_x509_certificate
+    try:
+        certificate = load(content)
+    except x509.InvalidVersion as unknown:
+        raise ValueError("a certificate of an unknown version") from unknown
+    return certificate.not_valid_before_utc, certificate.not_valid_after_utc

@@ -9,16 +9,30 @@ from __future__ import annotations
 from collections.abc import Callable
 
 from appliance.answer import Answer
-from appliance.answers import arp, bfd, routing
+from appliance.answers import bfd
 from appliance.answers.recorded import Scenario
+
+
+# The netlink library takes long to load: what stands on it is imported when it is asked.
+def _arp_listing() -> str:
+    from appliance.answers import arp
+
+    return arp.listing()
+
+
+def _routing_detail(*words: str) -> str:
+    from appliance.answers import routing
+
+    return routing.detail(" ".join(words))
+
 
 # The words of a command, and what prints its output given the words that follow; None from a
 # printer: this machine has nothing to say, a recording may.
 _Printer = Callable[..., "str | None"]
 _LIVE: tuple[tuple[str, int | None, _Printer], ...] = (
     # command, number of arguments (None: any), printer
-    ("get system arp", 0, arp.listing),
-    ("get router info routing-table detail", None, lambda *words: routing.detail(" ".join(words))),
+    ("get system arp", 0, _arp_listing),
+    ("get router info routing-table detail", None, _routing_detail),
     ("get router info bfd neighbor", 0, lambda: bfd.neighbors(4)),
     ("get router info bfd neighbor", 2, lambda *session: bfd.neighbor(4, *session)),
     ("get router info6 bfd neighbor", 0, lambda: bfd.neighbors(6)),

@@ -11,11 +11,12 @@ import base64
 import os
 import secrets
 import zlib
-
-from cryptography.exceptions import InvalidTag
-from cryptography.hazmat.primitives.ciphers.aead import AESGCM
+from typing import TYPE_CHECKING
 
 from appliance.answers import state
+
+if TYPE_CHECKING:  # imported when a value is to be wrapped: the library takes long to load
+    from cryptography.hazmat.primitives.ciphers.aead import AESGCM
 
 _KEY_FILE = "cookie-key"
 _KEY_SIZE = 32
@@ -49,6 +50,8 @@ class ValueCipher:
 
         Raises `OSError` or `ValueError` where the key cannot be had.
         """
+        from cryptography.exceptions import InvalidTag
+
         cipher = self._keyed()
         try:
             sealed = _from_text(wrapped)
@@ -58,6 +61,8 @@ class ValueCipher:
 
     def _keyed(self) -> AESGCM:
         if self._cipher is None:
+            from cryptography.hazmat.primitives.ciphers.aead import AESGCM
+
             self._cipher = AESGCM(state.secret(_KEY_FILE, _KEY_SIZE))
         return self._cipher
 

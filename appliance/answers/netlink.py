@@ -11,8 +11,6 @@ import asyncio
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any, Callable, TypeVar
 
-from pyroute2 import IPRoute
-
 Result = TypeVar("Result")
 
 # A netlink message: its header fields by name, its attributes through `get_attr`.
@@ -27,6 +25,8 @@ def ask(question: Callable[[Any], Result]) -> Result:
     """
 
     def put() -> Result:
+        from pyroute2 import IPRoute  # takes long to load, and most calls ask nothing of it
+
         with IPRoute() as kernel:
             return question(kernel)
 

@@ -10,15 +10,10 @@ import socket
 import sys
 from collections import Counter
 from collections.abc import Callable
-from datetime import datetime, timedelta, timezone
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any, NamedTuple
 
-from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import ec
-from cryptography.x509.oid import NameOID
 from rich.console import Console
 from rich.text import Text
 
@@ -66,8 +61,10 @@ class _Tour:
         for kept in _CERTIFICATES:
             if Path(kept).is_file():
                 return kept.encode()
+        from appliance.faces.throwaway import certificate_in_pem  # most machines do without
+
         path = self._folder / "certificate.pem"
-        path.write_bytes(throwaway_certificate())
+        path.write_bytes(certificate_in_pem())
         return str(path).encode()
 
     def port(self) -> str:
@@ -147,24 +144,6 @@ def main(texts: list[str]) -> int:
 def _folder() -> TemporaryDirectory[str]:
     # Said in the path, so that the tour's line shows it.
     return TemporaryDirectory(prefix="throwaway-")
-
-
-def throwaway_certificate() -> bytes:
-    """A self-signed certificate in PEM, valid from an hour ago for a day; its key is not kept."""
-    key = ec.generate_private_key(ec.SECP256R1())
-    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "appliance.invalid")])
-    begin = datetime.now(timezone.utc) - timedelta(hours=1)
-    certificate = (
-        x509.CertificateBuilder()
-        .subject_name(name)
-        .issuer_name(name)
-        .public_key(key.public_key())
-        .serial_number(x509.random_serial_number())
-        .not_valid_before(begin)
-        .not_valid_after(begin + timedelta(days=1))
-        .sign(key, hashes.SHA256())
-    )
-    return certificate.public_bytes(serialization.Encoding.PEM)
 
 
 def _walk(tour: _Tour) -> int:
