@@ -232,7 +232,10 @@ def test_a_command_is_answered_by_a_callable_or_null(device: Appliance, native: 
     assert native.command(b"c") is None
 
 
-@pytest.mark.parametrize("number", [0, 1, 2**32 - 1, 2 ** (8 * ctypes.sizeof(ctypes.c_long)) - 1])
+ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
+
+
+@pytest.mark.parametrize("number", [0, 1, 2**32 - 1, pytest.param(ULONG_MAX, id="ULONG_MAX")])
 def test_identifiers_and_hashes_are_unsigned_long(
     device: Appliance, native: Native, number: int
 ) -> None:

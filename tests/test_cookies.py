@@ -23,6 +23,7 @@ from tests.observe import (
 )
 
 ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
+GREATEST = pytest.param(ULONG_MAX, id="ULONG_MAX")
 
 
 class Bytes(bytes):
@@ -47,7 +48,7 @@ def texts(device: Appliance) -> list[tuple[str, bytes | None]]:
 # new_cookie_id
 
 
-@pytest.mark.parametrize("identifier", [0, 1, 2**31 - 1, 2**31, 4294967295, ULONG_MAX])
+@pytest.mark.parametrize("identifier", [0, 1, 2**31 - 1, 2**31, 4294967295, GREATEST])
 def test_new_cookie_id_is_the_native_value_unsigned(
     device: Appliance, module: ModuleType, identifier: int
 ) -> None:
@@ -66,7 +67,7 @@ def test_new_cookie_id_asks_the_host_each_time(device: Appliance, module: Module
 # aps_unsigned_int_hash
 
 
-@pytest.mark.parametrize("value", [0, 2**31, 4294967295, ULONG_MAX])
+@pytest.mark.parametrize("value", [0, 2**31, 4294967295, GREATEST])
 def test_hash_is_the_native_value_unsigned(
     device: Appliance, module: ModuleType, value: int
 ) -> None:

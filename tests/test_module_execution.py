@@ -162,7 +162,11 @@ FAILURES = [
 ]
 
 
-@pytest.mark.parametrize(("statement", "kind", "text"), FAILURES)
+@pytest.mark.parametrize(
+    ("statement", "kind", "text"),
+    FAILURES,
+    ids=[text.partition(" Expected")[0] for _statement, _kind, text in FAILURES],
+)
 def test_a_failing_step_fails_the_import_and_a_repaired_one_lets_it_through(
     statement: str, kind: str, text: str
 ) -> None:

@@ -133,7 +133,7 @@ def test_a_name_is_bound_to_this_very_object(module: ModuleType, name: str, valu
         ("__name__", MODULE),
         ("__package__", "veldarin.modules"),
         ("__doc__", None),
-        ("__file__", str(fresh.PRODUCT)),
+        pytest.param("__file__", str(fresh.PRODUCT), id="__file__"),
     ],
 )
 def test_a_name_has_this_type_and_value(module: ModuleType, name: str, value: object) -> None:

@@ -61,9 +61,10 @@ class ValueCipher:
 
     def _keyed(self) -> AESGCM:
         if self._cipher is None:
+            key = state.secret(_KEY_FILE, _KEY_SIZE)
             from cryptography.hazmat.primitives.ciphers.aead import AESGCM
 
-            self._cipher = AESGCM(state.secret(_KEY_FILE, _KEY_SIZE))
+            self._cipher = AESGCM(key)
         return self._cipher
 
 

@@ -1,18 +1,26 @@
-"""pytest plugin for runs on the target: skips the tests named in skipped.txt, each with its reason.
+"""pytest plugin for runs on the target: skips the tests named in skipped.txt, each with its reason,
+and accounts for every other one.
 
-The list is printed at the end of the run. A whole run in which a name of the list fits no test has
-failed: the list must not outlive what it speaks of. Loaded by tools/target/test, on xdist's workers
-too.
+Which tests there are is asked of the workstation (tools/target/test), so that none goes missing in
+silence: a whole run has failed if a test of the workstation was neither run here nor is named in
+the list. It does not begin if a name of the list fits no test: the list must not outlive what it
+speaks of. Loaded on xdist's workers too.
 """
 
 from __future__ import annotations
 
-import ast
+import os
+import time
+from collections.abc import Iterable
 from pathlib import Path
 
 import pytest
 
 LIST = Path(__file__).with_name("skipped.txt")
+# The names of the workstation's tests, one a line, if this is a whole run; where the run's one line
+# of figures goes; when to stop, in seconds since the epoch.
+KNOWN_TESTS, FIGURES, UNTIL = "TARGET_TESTS", "TARGET_FIGURES", "TARGET_UNTIL"
+LATE = "the time was up"
 
 
 def rows() -> list[tuple[str, str]]:
@@ -24,6 +32,20 @@ def rows() -> list[tuple[str, str]]:
 
 ROWS = rows()
 FILES = {name: reason for name, reason in ROWS if "::" not in name}
+
+
+def known_tests() -> list[str]:
+    """The workstation's tests; none if this run is of some tests only."""
+    path = os.environ.get(KNOWN_TESTS)
+    return Path(path).read_text().splitlines() if path else []
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    """Refuses a list that speaks of tests that are no more."""
+    tests = known_tests()
+    for name, _ in ROWS:
+        if tests and not any(test.startswith(name) for test in tests):
+            raise pytest.UsageError(f"{LIST.name}: no test's name begins with {name}")
 
 
 class LeftOut(pytest.Module):
@@ -41,46 +63,96 @@ def pytest_pycollect_makemodule(module_path: Path, parent: pytest.Collector) -> 
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Marks the tests that the list names."""
+    """Marks the tests that the list names; where time is short the module's own come first."""
     for name, reason in ROWS:
         for item in items:
             if item.nodeid.startswith(name):
                 item.add_marker(pytest.mark.skip(reason=reason))
+    if UNTIL in os.environ:
+        items.sort(key=lambda item: "module" not in getattr(item, "fixturenames", ()))
 
 
 @pytest.hookimpl(tryfirst=True)
-def pytest_sessionfinish(session: pytest.Session) -> None:
-    """Fails a whole run with a name that fits no test."""
-    whole = session.config.args == session.config.getini("testpaths")
-    selected = session.config.option.keyword or session.config.option.markexpr
+def pytest_runtest_setup(item: pytest.Item) -> None:
+    """Lets the rest go by once the time is up."""
+    if time.time() > float(os.environ.get(UNTIL, "inf")):
+        pytest.skip(LATE)
+
+
+class Account:
+    """What became of the tests, by the reports that have come in."""
+
+    def __init__(self, reporter: pytest.TerminalReporter) -> None:
+        def names(*outcomes: str) -> set[str]:
+            return {report.nodeid for kind in outcomes for report in reporter.stats.get(kind, ())}
+
+        self.passed = names("passed")
+        self.failed = names("failed", "error")
+        reasons = {report.nodeid: reason(report) for report in reporter.stats.get("skipped", ())}
+        self.late = {name for name, why in reasons.items() if why == LATE}
+        # Known to the list, and of these the tests where the names of all are known.
+        self.listed = {
+            name: {test for test in (known_tests() or reasons) if test.startswith(name)}
+            for name, _ in ROWS
+        }
+        named = set().union(*self.listed.values())
+        self.by_themselves = {
+            name: why
+            for name, why in reasons.items()
+            if name not in self.late and not name.startswith(tuple(name for name, _ in ROWS))
+        }
+        self.missing = sorted(
+            {*known_tests()} - self.passed - self.failed - named - self.late - {*self.by_themselves}
+        )
+
+    def figures(self) -> str:
+        """One line."""
+        parts = [
+            f"{len(self.passed)} passed",
+            f"{len(self.failed)} failed",
+            f"{len(set().union(*self.listed.values()))} skipped by name",
+            *counted(self.by_themselves, "skipped by themselves"),
+            *counted(self.late, "not reached in time"),
+            *counted(self.missing, "not accounted for"),
+        ]
+        tests = known_tests()
+        return (f"{len(tests)} tests: " if tests else "") + ", ".join(parts)
+
+
+def reason(report: pytest.TestReport) -> str:
+    """Why a test was skipped."""
+    told = report.longrepr[-1] if isinstance(report.longrepr, tuple) else str(report.longrepr)
+    return told.removeprefix("Skipped: ")
+
+
+def counted(tests: Iterable[str], what: str) -> list[str]:
+    """A part of the figures, if there is something to tell."""
+    number = len([*tests])
+    return [f"{number} {what}"] if number else []
+
+
+@pytest.hookimpl(tryfirst=True)
+def pytest_sessionfinish(session: pytest.Session, exitstatus: int) -> None:
+    """Fails a run that went to its end and missed a test."""
     reporter = session.config.pluginmanager.get_plugin("terminalreporter")
-    if reporter is None or not whole or selected or session.config.option.collectonly:
-        return
-    for name, _ in ROWS:
-        if not count(reporter, name):
-            reporter.write_line(f"{LIST.name}: no test's name begins with {name}", red=True)
-            session.exitstatus = pytest.ExitCode.TESTS_FAILED
+    if reporter is not None and exitstatus == pytest.ExitCode.OK and Account(reporter).missing:
+        session.exitstatus = pytest.ExitCode.TESTS_FAILED
 
 
 def pytest_terminal_summary(terminalreporter: pytest.TerminalReporter) -> None:
-    """Prints what was skipped for the target's sake, with the number of tests in whole files."""
+    """Prints what was skipped, with reasons, then the figures."""
+    if terminalreporter.config.option.collectonly:
+        return
+    account = Account(terminalreporter)
     terminalreporter.section("not run on the target")
-    for name, reason in ROWS:
-        skipped = count(terminalreporter, name)
-        if skipped:
-            tests = f"{functions(name)} test functions" if name in FILES else f"{skipped} tests"
-            terminalreporter.write_line(f"{name} ({tests}): {reason}")
-
-
-def count(reporter: pytest.TerminalReporter, name: str) -> int:
-    """Skipped tests, and files, whose names begin so."""
-    return sum(report.nodeid.startswith(name) for report in reporter.stats.get("skipped", []))
-
-
-def functions(name: str) -> int:
-    """The test functions written in a file."""
-    tree = ast.parse(Path(name).read_text())
-    return sum(
-        isinstance(node, ast.FunctionDef) and node.name.startswith("test")
-        for node in ast.walk(tree)
-    )
+    for name, why in ROWS:
+        if account.listed[name]:
+            terminalreporter.write_line(f"{name} ({len(account.listed[name])}): {why}")
+    for name, why in sorted(account.by_themselves.items()):
+        terminalreporter.write_line(f"{name}, by itself: {why}")
+    for name in account.missing:
+        terminalreporter.write_line(f"{name}: neither run nor in {LIST.name}", red=True)
+    terminalreporter.section("figures")
+    terminalreporter.write_line(account.figures())
+    if FIGURES in os.environ:
+        Path(os.environ[FIGURES]).write_text(account.figures() + "\n")
