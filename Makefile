@@ -130,8 +130,12 @@ target: target-environment build/mips/build.ninja  ## the product for the applia
 target-test: target  ## every test on that processor, emulated
 	@tools/target/test $(ARGS)
 
+.PHONY: target-check
+target-check:  ## build and test for the target within eight minutes, as CI does
+	@tools/target/check $(ARGS)
+
 .PHONY: target-faults
-target-faults: target build/mips-faults/build.ninja  ## memory that fails in one case of ten there
+target-faults: target build/mips-faults/build.ninja  ## every allocation made to fail once there
 	@tools/step build-mips-faults "building mips-faults" $(CMAKE) --build --preset mips-faults
 	@tools/target/faults $(ARGS)
 

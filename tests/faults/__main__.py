@@ -46,6 +46,12 @@ def arguments() -> argparse.Namespace:
         help="the first case with --every: 1 to N together are all",
     )
     parser.add_argument(
+        "--single",
+        action="store_true",
+        help="one allocation fails at a time, and none after it; calls that never fail are no "
+        "complaint then",
+    )
+    parser.add_argument(
         "--orderly",
         action="store_true",
         help="children end by the C library's exit, so that a coverage build counts them",
@@ -103,7 +109,7 @@ def swept(library: Library, cases: list[AnyCase], options: argparse.Namespace) -
         worker = os.fork()
         if worker == 0:
             reader.close()
-            work(library, cases[number :: options.jobs], writer, options.orderly)
+            work(library, cases[number :: options.jobs], writer, options)
             os._exit(0)
         writer.close()
         readers.append(reader)
@@ -119,13 +125,15 @@ def swept(library: Library, cases: list[AnyCase], options: argparse.Namespace) -
         os.waitpid(worker, 0)
 
 
-def work(library: Library, cases: list[AnyCase], writer: Connection, orderly: bool) -> None:
+def work(
+    library: Library, cases: list[AnyCase], writer: Connection, options: argparse.Namespace
+) -> None:
     """Sweeps the cases one after the other, each in a process of its own."""
     for case in cases:
         child = os.fork()
         if child == 0:
             try:
-                writer.send(sweep(library, case, orderly))
+                writer.send(sweep(library, case, options.orderly, options.single))
             except BaseException:
                 told = traceback.format_exc()
                 writer.send(Swept(str(case), case.function, complaints=[told]))
@@ -149,7 +157,7 @@ def main() -> int:
         failed, strangers = sites.table(record(path))
     finally:
         path.unlink(missing_ok=True)
-    whole = options.every == 1 and not options.only
+    whole = options.every == 1 and not options.only and not options.single
     wrong = [
         *report.points(console, results, len(cases)),
         *report.calls(console, failed, strangers, whole),

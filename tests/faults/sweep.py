@@ -53,8 +53,11 @@ class Swept:
     deaths: list[Death] = field(default_factory=list)  # each of them is a complaint, too
 
 
-def sweep(library: Library, case: AnyCase, orderly: bool) -> Swept:
-    """All points of a case. It stays set up in this process: the process is for this case only."""
+def sweep(library: Library, case: AnyCase, orderly: bool, single: bool = False) -> Swept:
+    """All points of a case, or those of single failures alone.
+
+    The case stays set up in this process: the process is for this case only.
+    """
     swept = Swept(str(case), case.function)
     with tempfile.TemporaryFile() as errors, ExitStack() as ending:
         children = Children(errors, orderly)
@@ -66,8 +69,9 @@ def sweep(library: Library, case: AnyCase, orderly: bool) -> Swept:
             arranged = case if isinstance(case, Arranged) else Arranged(case)
             subject = Call(library, arranged, ending.enter_context(Appliance(live=False)))
         for start in subject.starts():
-            _sweep(subject, start, children, swept)
-        needed = swept.single > 0 and swept.lasting > 0
+            if not (single and start.lasting):
+                _sweep(subject, start, children, swept)
+        needed = swept.single > 0 and (single or swept.lasting > 0)
         if needed == (swept.case in NEEDING_NO_MEMORY):
             swept.complaints.append(f"{'an' if needed else 'no'} allocation was made to fail")
         for row in FORCED:
