@@ -234,13 +234,13 @@ def test_call_says_nothing_of_a_source_where_no_service_was_asked(run: Any) -> N
 def test_a_cookie_comes_back_in_another_process(run: Any, workstation: Path) -> None:
     status, wrapped, _ = run("call", "encrypt_cookie", "grüße")
     assert status == 0
-    done = started("call", "decrypt_cookie", json.loads(wrapped))
+    done = started("call", "decrypt_cookie", "--", json.loads(wrapped))
     assert json.loads(done.stdout) == "grüße"
 
 
 def test_bytes_that_are_no_text_are_printed_as_escapes(run: Any) -> None:
     wrapped = json.loads(run("call", "encrypt_cookie", os.fsdecode(b"a\xff\\"))[1])
-    assert json.loads(run("call", "decrypt_cookie", wrapped)[1]) == "a\\xff\\"
+    assert json.loads(run("call", "decrypt_cookie", "--", wrapped)[1]) == "a\\xff\\"
 
 
 FACE = """
