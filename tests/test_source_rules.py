@@ -165,6 +165,8 @@ COMMENTED = tracked(
     "*.cmake",
     "CMakeLists.txt",
     "**/CMakeLists.txt",
+    "*.js",
+    "*.css",
     "Makefile",
     "tools/*",
     ".ci/*",
@@ -178,7 +180,7 @@ BLOCK = re.compile(r"\A/\*(.*?)\*/", re.DOTALL)
 
 def opening(file: Path) -> str:
     """The words of the comment that a file opens with."""
-    c_family = file.suffix in {".cpp", ".c", ".h"}
+    c_family = file.suffix in {".cpp", ".c", ".h", ".js", ".css"}
     for pattern in (SLASH_LINES, BLOCK) if c_family else (DOCSTRING, HASH_LINES):
         found = pattern.match(file.read_text())
         if found is not None:
@@ -197,6 +199,7 @@ TEXT_FILES = [
     file
     for file in tracked()
     if file.suffix in {".py", ".pyi", ".pyx", ".pxd", ".cpp", ".h", ".c", ".cmake", ".md", ".toml"}
+    or file.suffix in {".js", ".css", ".html"}
     or file.name in {"Makefile", "CMakeLists.txt", "run", "bootstrap"}
 ]
 LEFTOVER = re.compile(r"\b(TODO|FIXME|XXX|HACK|WIP)\b")
@@ -220,6 +223,17 @@ def test_no_leftover_marks_stand_in_the_project() -> None:
 
 def test_no_path_of_one_machine_stands_in_the_project() -> None:
     assert lines_with(MACHINE) == []
+
+
+def test_a_line_of_the_page_has_at_most_100_columns() -> None:
+    page = [file for file in TEXT_FILES if file.suffix in {".js", ".css", ".html"}]
+    assert len(page) > 10
+    assert [
+        f"{file.name}:{number}"
+        for file in page
+        for number, line in enumerate(file.read_text().splitlines(), 1)
+        if len(line) > 100
+    ] == []
 
 
 def test_a_header_of_the_product_is_included_once() -> None:

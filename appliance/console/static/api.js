@@ -21,7 +21,7 @@ async function asked(method, path, body) {
   try {
     response = await fetch(path, settings);
   } catch {
-    throw new Refused({ title: "No answer", problem: "the console does not answer: is it running?" });
+    throw new Refused({ problem: "the console does not answer: is it running?" });
   }
   const answered = parsed(await response.text());
   if (!response.ok) throw new Refused(answered.error);
@@ -30,11 +30,10 @@ async function asked(method, path, body) {
 
 // A number that this language would round stays its digits.
 function parsed(text) {
-  return JSON.parse(text, (_key, value, context) =>
-    typeof value === "number" && !Number.isSafeInteger(value) && /^-?\d+$/.test(context?.source ?? "")
-      ? new Digits(context.source)
-      : value,
-  );
+  return JSON.parse(text, (_key, value, context) => {
+    const rounded = typeof value === "number" && !Number.isSafeInteger(value);
+    return rounded && /^-?\d+$/.test(context?.source ?? "") ? new Digits(context.source) : value;
+  });
 }
 
 export class Digits {

@@ -1,6 +1,6 @@
 // The form for the arguments of a function: for each parameter what kind of value it is given, the
 // value, and whether by position or by name. It becomes the body of a request and a line of Python.
-import { make, segments } from "./dom.js";
+import { area, field, make, segments } from "./dom.js";
 
 // What can be given: its label, how it is typed in, the request's form of it, and Python's.
 const KINDS = {
@@ -83,6 +83,13 @@ export class ArgumentForm {
     return body;
   }
 
+  // The row of an argument that the interface names in a refusal.
+  rowAt(at) {
+    const place = /^arguments\[(\d+)\]$/.exec(at);
+    if (place) return this.rows.filter((row) => !row.omitted && !row.named)[place[1]];
+    return this.rows.find((row) => at === `keywords.${row.name}`);
+  }
+
   // The call as Python has it.
   python() {
     const given = this.rows.filter((row) => !row.omitted);
@@ -99,7 +106,8 @@ class Row {
     this.changed = changed;
     const type = parameter.types.length === 1 ? parameter.types[0] : "object";
     const order = ORDER[type] ?? ORDER.other;
-    const [kind, typed] = given === undefined ? [parameter.optional ? "omitted" : order[0], ""] : known(given);
+    const empty = [parameter.optional ? "omitted" : order[0], ""];
+    const [kind, typed] = given === undefined ? empty : known(given);
     this.select = make(
       "select",
       { "aria-label": `Kind of ${this.name}`, change: () => this.show(this.select.value, "") },
@@ -107,21 +115,31 @@ class Row {
     );
     this.place = make("div", { class: "typed" });
     this.fault = make("p", { class: "fault", hidden: true, id: `fault-${this.name}` });
-    const way = parameter.keyword
-      ? segments("How it is given", [["by position", "position"], ["by name", "name"]], named ? "name" : "position", (value) => {
-          this.named = value === "name";
-          changed();
-        })
-      : make("span", { class: "hint" }, "by position only");
+    const way = make("div", { class: "way" }, this.way(parameter.keyword));
     this.element = make(
       "fieldset",
       { class: "parameter" },
-      make("legend", {}, make("code", {}, this.name), make("span", { class: "types" }, types(parameter))),
-      make("div", { class: "fields" }, this.select, this.place, make("div", { class: "way" }, way)),
+      make(
+        "legend",
+        {},
+        make("code", {}, this.name),
+        make("span", { class: "types" }, types(parameter)),
+      ),
+      make("div", { class: "fields" }, this.select, this.place, way),
       this.fault,
     );
     this.select.value = kind;
     this.show(kind, typed);
+  }
+
+  // By position or by name, where the function has the choice.
+  way(keyword) {
+    if (!keyword) return make("span", { class: "hint" }, "by position only");
+    const choices = [["by position", "position"], ["by name", "name"]];
+    return segments("How it is given", choices, this.named ? "name" : "position", (chosen) => {
+      this.named = chosen === "name";
+      this.changed();
+    });
   }
 
   get omitted() {
@@ -133,19 +151,16 @@ class Row {
     const before = this.input?.value ?? "";
     this.kind = kind;
     const { input, hint } = KINDS[kind];
+    const label = `Value of ${this.name}`;
     const settings = {
-      "aria-label": `Value of ${this.name}`,
       "aria-describedby": this.fault.id,
       placeholder: hint,
-      spellcheck: "false",
-      autocomplete: "off",
-      autocapitalize: "off",
       input: () => this.fine(),
     };
     if (!input) this.input = null;
-    else if (input === "area") this.input = make("textarea", { ...settings, rows: "2" });
-    else if (input === "number") this.input = make("input", { ...settings, type: "text", inputmode: "numeric" });
-    else this.input = make("input", { ...settings, type: "text" });
+    else if (input === "area") this.input = area(label, { ...settings, rows: "2" });
+    else if (input === "number") this.input = field(label, { ...settings, inputmode: "numeric" });
+    else this.input = field(label, settings);
     if (this.input) this.input.value = typed || before;
     this.place.replaceChildren(this.input ?? make("span", { class: "hint" }, note(kind)));
     this.fine();

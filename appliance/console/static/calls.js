@@ -1,75 +1,63 @@
 // What a call left behind: its result or exception, and the native calls that it made.
-import { badge, copyButton, make } from "./dom.js";
+import { badge, copyButton, hint, make, panel } from "./dom.js";
 import { shownResult } from "./values.js";
 
 export function outcome(called) {
-  const about = [badge(called.source), make("span", { class: "took" }, duration(called.microseconds))];
-  return called.raised ? raised(called.raised, about) : returned(called.result, about);
+  const beside = [badge(called.source), took(duration(called.microseconds))];
+  return called.raised ? raised(called.raised, beside) : returned(called.result, beside);
 }
 
-export function returned(result, about = []) {
+export function returned(result, beside = []) {
   const { body, tools } = shownResult(result);
-  return make(
-    "section",
-    { class: "panel result", "aria-label": "Result" },
-    make(
-      "header",
-      {},
-      make("h2", {}, "Returned ", make("code", { class: "type" }, size(result))),
-      ...about,
-      make("span", { class: "tools" }, tools),
-    ),
+  return panel(
+    {
+      label: "Result",
+      kind: "result",
+      title: ["Returned ", make("code", { class: "type" }, size(result))],
+      beside: [beside, make("span", { class: "tools" }, tools)],
+    },
     body,
   );
 }
 
-export function raised(error, about = []) {
-  const entries = error.traceback.map((entry) =>
-    make(
-      "li",
-      {},
-      make("code", { class: "function" }, entry.function),
-      make("span", { class: "place" }, `${entry.file}, line ${entry.line}`),
-    ),
-  );
-  return make(
-    "section",
-    { class: "panel raised", "aria-label": "Exception" },
-    make(
-      "header",
-      {},
-      make("h2", {}, "Raised ", make("code", { class: "type" }, error.type)),
-      ...about,
-      make("span", { class: "tools" }, copyButton(() => error.text)),
-    ),
+export function raised(error, beside = []) {
+  const copy = copyButton(() => error.text);
+  return panel(
+    {
+      label: "Exception",
+      kind: "raised",
+      title: ["Raised ", make("code", { class: "type" }, error.type)],
+      beside: [beside, make("span", { class: "tools" }, copy)],
+    },
     make("p", { class: "message" }, error.message || "without a message"),
-    entries.length
-      ? [make("h3", {}, "Traceback, outermost first"), make("ol", { class: "traceback" }, entries)]
-      : make("p", { class: "hint" }, "No traceback entry: the interpreter itself refused the call."),
+    error.traceback.length
+      ? [
+          make("h3", {}, "Traceback, outermost first"),
+          make("ol", { class: "traceback" }, error.traceback.map(tracebackEntry)),
+        ]
+      : hint("No traceback entry: the interpreter itself refused the call."),
+  );
+}
+
+function tracebackEntry(entry) {
+  return make(
+    "li",
+    {},
+    make("code", { class: "function" }, entry.function),
+    make("span", { class: "place" }, `${entry.file}, line ${entry.line}`),
   );
 }
 
 export function journal(called) {
-  const steps = called.journal.map((entry) =>
-    make(
-      "li",
-      { class: `step step-${entry.kind}` },
-      make(
-        "div",
-        { class: "what" },
-        make("code", {}, entry.service),
-        entry.kind === "method"
-          ? make("span", { class: "badge badge-method" }, "method table")
-          : badge(entry.source === "none" ? "no answer" : entry.source),
-      ),
-      payload(entry),
-    ),
-  );
+  const steps = called.journal.map(step);
   const count = steps.length === 1 ? "1 crossing" : `${steps.length} crossings`;
-  return make(
-    "section",
-    { class: "panel journal", "aria-label": "Native calls" },
-    make("header", {}, make("h2", {}, "Native calls"), make("span", { class: "took" }, steps.length ? count : "")),
+  return panel(
+    {
+      label: "Native calls",
+      kind: "journal",
+      title: "Native calls",
+      beside: steps.length ? took(count) : null,
+    },
     called.failed_answers
       ? make("p", { class: "message" }, `The stand-in could not answer: ${called.failed_answers}`)
       : null,
@@ -79,25 +67,40 @@ export function journal(called) {
   );
 }
 
+function step(entry) {
+  const method = entry.kind === "method";
+  const source = entry.source === "none" ? "no answer" : entry.source;
+  return make(
+    "li",
+    { class: `step step-${entry.kind}` },
+    make(
+      "div",
+      { class: "what" },
+      make("code", {}, entry.service),
+      method ? badge("method table") : badge(source),
+    ),
+    payload(entry),
+  );
+}
+
 function payload(entry) {
-  if (entry.kind === "plain") return make("p", { class: "hint" }, "is given nothing");
+  if (entry.kind === "plain") return hint("is given nothing");
   if (entry.kind === "command" || entry.kind === "text") {
     const count = entry.hex ? entry.hex.split(" ").length : 0;
     return [
       make("pre", { class: entry.kind }, entry.bytes),
-      make(
-        "details",
-        {},
-        make("summary", {}, count === 1 ? "1 byte" : `${count} bytes`),
-        make("pre", { class: "hex" }, entry.hex),
-      ),
+      folded(count === 1 ? "1 byte" : `${count} bytes`, make("pre", { class: "hex" }, entry.hex)),
     ];
   }
   const text = pretty(entry.json);
   const shown = make("pre", { class: "json" }, text);
   if (text.split("\n").length <= 8) return shown;
-  const label = entry.kind === "method" ? "gives up its object" : "request";
-  return make("details", {}, make("summary", {}, `${label}, ${entry.json.length} characters of JSON`), shown);
+  const what = entry.kind === "method" ? "gives up its object" : "request";
+  return folded(`${what}, ${entry.json.length} characters of JSON`, shown);
+}
+
+function folded(summary, shown) {
+  return make("details", {}, make("summary", {}, summary), shown);
 }
 
 function pretty(text) {
@@ -109,11 +112,16 @@ function pretty(text) {
   }
 }
 
+export function took(text) {
+  return make("span", { class: "took" }, text);
+}
+
 function size({ type, value }) {
   const count = value && typeof value === "object" ? Object.keys(value).length : null;
   return count === null ? type : `${type} of ${count}`;
 }
 
-export function duration(microseconds) {
-  return microseconds < 1000 ? `${Math.round(microseconds)} µs` : `${(microseconds / 1000).toFixed(1)} ms`;
+function duration(microseconds) {
+  if (microseconds < 1000) return `${Math.round(microseconds)} µs`;
+  return `${(microseconds / 1000).toFixed(1)} ms`;
 }

@@ -1,7 +1,7 @@
 // Captured device text through a parser: the lines, and beside each the values that it brought.
-import { Refused, post } from "./api.js";
-import { raised, returned } from "./calls.js";
-import { make, replace, say, segments } from "./dom.js";
+import { post } from "./api.js";
+import { raised, returned, took } from "./calls.js";
+import { area, make, nothing, panel, replace, say, segments } from "./dom.js";
 import { refused } from "./refused.js";
 import { json, spaced } from "./values.js";
 
@@ -45,40 +45,19 @@ peer 10.0.0.2 interface port1
   },
 };
 
+const SUMMARY =
+  "Text that a device printed, through the module's own parser, and which line each value came " +
+  "from.";
+
 // What was pasted stays while the page is open.
 const kept = { kind: "arp", text: "" };
 
 export function show(page) {
-  const area = make("textarea", {
-    id: "capture",
-    class: "capture",
-    rows: "12",
-    wrap: "off",
-    spellcheck: "false",
-    autocomplete: "off",
-    placeholder: "Paste what the device printed",
-    "aria-label": "Captured text",
-    input: () => (kept.text = area.value),
-  });
-  area.value = kept.text;
-  const command = make("code", {}, KINDS[kept.kind].command);
-  const left = make("div", { class: "left" }, untried());
-  const choices = Object.entries(KINDS).map(([kind, { label }]) => [label, kind]);
-  const parse = async (event) => {
-    event.preventDefault();
-    try {
-      const made = await post(`/api/captures/${kept.kind}`, { text: area.value });
-      replace(left, outcome(made), beside(made));
-      say(made.raised ? `raised ${made.raised.type}` : "parsed");
-    } catch (error) {
-      if (!(error instanceof Refused)) throw error;
-      replace(left, refused(error));
-    }
-  };
-  const sample = () => {
-    area.value = kept.text = KINDS[kept.kind].sample;
-    area.focus();
-  };
+  const left = make(
+    "div",
+    { class: "left" },
+    nothing("Nothing parsed yet.", "Carriage returns and pager prompts may stay in the text."),
+  );
   page.replaceChildren(
     make(
       "main",
@@ -87,88 +66,124 @@ export function show(page) {
         "header",
         { class: "title" },
         make("h1", { class: "plain" }, "Paste a capture"),
-        make("p", { class: "summary" }, "Text that a device printed, through the module's own parser, and which line each value came from."),
+        make("p", { class: "summary" }, SUMMARY),
       ),
-      make(
-        "form",
-        { class: "panel call", submit: parse, "aria-label": "Capture" },
-        make(
-          "div",
-          { class: "choose" },
-          segments("Kind of text", choices, kept.kind, (kind) => {
-            kept.kind = kind;
-            command.textContent = KINDS[kind].command;
-          }),
-          make("span", { class: "hint" }, "printed by ", command),
-        ),
-        area,
-        make(
-          "div",
-          { class: "go" },
-          make("button", { type: "submit", class: "primary" }, "Parse"),
-          make("button", { type: "button", class: "quiet", click: sample }, "Use a sample"),
-          make("span", { class: "hint wide" }, make("kbd", {}, "Ctrl"), " ", make("kbd", {}, "Enter"), " parses"),
-        ),
-      ),
+      form(left),
       left,
     ),
   );
-  area.addEventListener("keydown", (event) => {
-    if (event.key === "Enter" && (event.ctrlKey || event.metaKey)) area.form.requestSubmit();
-  });
   document.title = "Captures · Console";
 }
 
-function untried() {
-  return make("div", { class: "empty" }, make("p", {}, "Nothing parsed yet."), make("p", { class: "hint" }, "Carriage returns and pager prompts may stay in the text."));
-}
-
-function outcome(made) {
-  return made.raised ? raised(made.raised) : returned(made.result);
+function form(left) {
+  const text = area("Captured text", {
+    id: "capture",
+    class: "capture",
+    rows: "12",
+    placeholder: "Paste what the device printed",
+    input: () => (kept.text = text.value),
+    keydown: (event) => {
+      if (event.key === "Enter" && (event.ctrlKey || event.metaKey)) text.form.requestSubmit();
+    },
+  });
+  text.value = kept.text;
+  const command = make("code", {}, KINDS[kept.kind].command);
+  const choices = Object.entries(KINDS).map(([kind, { label }]) => [label, kind]);
+  const choose = (kind) => {
+    kept.kind = kind;
+    command.textContent = KINDS[kind].command;
+  };
+  const sample = () => {
+    text.value = kept.text = KINDS[kept.kind].sample;
+    text.focus();
+  };
+  const parse = async (event) => {
+    event.preventDefault();
+    try {
+      const made = await post(`/api/captures/${kept.kind}`, { text: text.value });
+      replace(left, made.raised ? raised(made.raised) : returned(made.result), lines(made));
+      say(made.raised ? `raised ${made.raised.type}` : "parsed");
+    } catch (error) {
+      replace(left, refused(error));
+    }
+  };
+  const key = (name) => make("kbd", {}, name);
+  return make(
+    "form",
+    { class: "panel call", submit: parse, "aria-label": "Capture" },
+    make(
+      "div",
+      { class: "choose" },
+      segments("Kind of text", choices, kept.kind, choose),
+      make("span", { class: "hint" }, "printed by ", command),
+    ),
+    text,
+    make(
+      "div",
+      { class: "go" },
+      make("button", { type: "submit", class: "primary" }, "Parse"),
+      make("button", { type: "button", class: "quiet", click: sample }, "Use a sample"),
+      make("span", { class: "hint wide" }, key("Ctrl"), " ", key("Enter"), " parses"),
+    ),
+  );
 }
 
 // Line by line: its number, its text, the values that came from it or what is wrong with it.
-function beside(made) {
+function lines(made) {
   const values = new Map((made.origins ?? []).map(({ line, values: found }) => [line, found]));
-  const stumbled = made.raised?.line ?? null;
-  const lines = [...made.lines];
-  if (lines.at(-1) === "") lines.pop();
-  const rows = lines.map((text, place) => {
-    const line = place + 1;
-    const brought = values.get(line);
-    const wrong = line === stumbled;
-    return make(
+  const texts = made.lines.at(-1) === "" ? made.lines.slice(0, -1) : made.lines;
+  const rows = texts.map((text, place) => row(made, text, place + 1, values.get(place + 1)));
+  const count = `${values.size} of ${texts.length} lines brought values`;
+  return panel(
+    { label: "Line by line", title: "Line by line", beside: values.size ? took(count) : null },
+    notes(made).map((note) => make("p", { class: "note" }, note)),
+    make(
       "div",
-      { class: wrong ? "row wrong" : brought ? "row brings" : "row" },
-      make("span", { class: "number" }, String(line)),
-      make("pre", {}, text.replace(/\r$/, "") || " "),
-      make(
-        "div",
-        { class: "brought" },
-        wrong ? make("span", { class: "fault" }, made.raised.problem) : (brought ?? []).map((path) => piece(made.result.value, path)),
-      ),
-    );
-  });
-  const nowhere = made.raised && stumbled === null ? made.raised.problem : null;
-  const notes = [nowhere, made.note, ...(made.passed_over ?? []).map((text) => `passed over a line: ${text}`)].filter(Boolean);
-  return make(
-    "section",
-    { class: "panel", "aria-label": "Line by line" },
-    make("header", {}, make("h2", {}, "Line by line"), make("span", { class: "took" }, values.size ? `${values.size} of ${lines.length} lines brought values` : "")),
-    notes.map((note) => make("p", { class: "note" }, note)),
-    make("div", { class: "beside", role: "region", "aria-label": "Lines and values", tabindex: "0" }, rows),
+      { class: "beside", role: "region", "aria-label": "Lines and values", tabindex: "0" },
+      rows,
+    ),
   );
+}
+
+function row(made, text, line, brought = []) {
+  const wrong = line === made.raised?.line;
+  const kind = wrong ? "row wrong" : brought.length ? "row brings" : "row";
+  return make(
+    "div",
+    { class: kind },
+    make("span", { class: "number" }, String(line)),
+    make("pre", {}, text.replace(/\r$/, "") || " "),
+    make(
+      "div",
+      { class: "brought" },
+      wrong
+        ? make("span", { class: "fault" }, made.raised.problem)
+        : brought.map((path) => piece(made.result.value, path)),
+    ),
+  );
+}
+
+// What is to be said of no single line.
+function notes(made) {
+  const nowhere = made.raised?.line === null ? made.raised.problem : null;
+  const passed = (made.passed_over ?? []).map((text) => `passed over a line: ${text}`);
+  return [nowhere, made.note, ...passed].filter(Boolean);
 }
 
 // A value of the result with the way to it.
 function piece(result, path) {
   const value = path.reduce((held, step) => held?.[step], result);
-  const way = path.map((step, place) => (typeof step === "number" ? `[${step}]` : place ? `.${step}` : step)).join("");
+  const steps = path.map((step) => (typeof step === "number" ? `[${step}]` : `.${step}`));
   const shown = value && typeof value === "object" ? Object.values(value) : [value];
   return make(
     "span",
     { class: "piece" },
-    make("code", { class: "way" }, way),
-    shown.map((one) => make("span", { class: "chip" }, typeof one === "string" ? (one ? spaced(one) : '""') : json(one))),
+    make("code", { class: "way" }, steps.join("").replace(/^\./, "")),
+    shown.map((one) => make("span", { class: "chip" }, chip(one))),
   );
+}
+
+function chip(value) {
+  if (value === "") return '""';
+  return typeof value === "string" ? spaced(value) : json(value);
 }

@@ -1,5 +1,5 @@
 // The page's beginning: which part is shown for an address, the keys, the colours.
-import { Refused, get } from "./api.js";
+import { get } from "./api.js";
 import * as captures from "./captures.js";
 import * as functions from "./functions.js";
 import { refused } from "./refused.js";
@@ -19,7 +19,6 @@ async function show() {
   try {
     await PARTS[chosen].show(page, name);
   } catch (error) {
-    if (!(error instanceof Refused)) throw error;
     page.replaceChildren(refused(error));
   }
 }

@@ -8,13 +8,44 @@ export function make(tag, attributes = {}, ...children) {
     if (typeof value === "function") element.addEventListener(name, value);
     else element.setAttribute(name, value === true ? "" : value);
   }
-  element.append(...children.flat(Infinity).filter((child) => child !== null && child !== undefined));
+  element.append(...some(children));
   return element;
 }
 
 export function replace(element, ...children) {
-  element.replaceChildren(...children.flat(Infinity).filter((child) => child !== null));
+  element.replaceChildren(...some(children));
   return element;
+}
+
+function some(children) {
+  return children.flat(Infinity).filter((child) => child !== null && child !== undefined);
+}
+
+// A framed part of the page: its name for those who listen, its title, what stands beside that.
+export function panel({ label, title, kind = "", beside = [] }, ...children) {
+  const heading = make("header", {}, make("h2", {}, title), beside);
+  return make("section", { class: `panel ${kind}`.trim(), "aria-label": label }, heading, children);
+}
+
+// In place of what is not there yet.
+export function nothing(text, ...hint) {
+  return make("div", { class: "empty" }, make("p", {}, text), make("p", { class: "hint" }, hint));
+}
+
+export function hint(...children) {
+  return make("p", { class: "hint" }, children);
+}
+
+// A field for one line of a program's text: no browser shall correct it.
+export function field(label, attributes = {}) {
+  const plain = { type: "text", autocomplete: "off", autocapitalize: "off", spellcheck: "false" };
+  return make("input", { ...plain, "aria-label": label, ...attributes });
+}
+
+// The same for many lines.
+export function area(label, attributes = {}) {
+  const plain = { wrap: "off", autocomplete: "off", autocapitalize: "off", spellcheck: "false" };
+  return make("textarea", { ...plain, "aria-label": label, ...attributes });
 }
 
 // Told to who listens rather than looks.
@@ -46,27 +77,17 @@ export function segments(label, choices, value, chosen) {
     }
   };
   for (const [text, own] of choices) {
-    group.append(
-      make(
-        "button",
-        {
-          type: "button",
-          "data-value": own,
-          click: () => {
-            press(own);
-            chosen(own);
-          },
-        },
-        text,
-      ),
-    );
+    const click = () => {
+      press(own);
+      chosen(own);
+    };
+    group.append(make("button", { type: "button", "data-value": own, click }, text));
   }
   press(value);
   return group;
 }
 
-// Where an answer came from, as a small label.
-export function badge(source) {
-  const kind = source.includes("+") ? "both" : source.replace(" ", "-");
-  return make("span", { class: `badge badge-${kind}` }, source);
+// Where an answer came from, or what it is, as a small label.
+export function badge(text, kind = text.includes("+") ? "both" : text.replace(" ", "-")) {
+  return make("span", { class: `badge badge-${kind}` }, text);
 }

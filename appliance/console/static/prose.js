@@ -1,5 +1,5 @@
-// The documentation of the functions: paragraphs, lists, `code` and **emphasis**, as the Python face
-// writes them.
+// The documentation of the functions as the Python face writes it: paragraphs, lists, `code` and
+// **emphasis**.
 import { make } from "./dom.js";
 
 export function prose(text) {

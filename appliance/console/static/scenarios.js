@@ -1,8 +1,12 @@
 // Scenarios: the recorded answers that come before this machine's own; which there are, what they
 // answer, and an editor for one answer.
-import { Refused, get, post } from "./api.js";
-import { badge, make, replace, say } from "./dom.js";
+import { get, post } from "./api.js";
+import { area, badge, field, hint, make, nothing, panel, replace, say } from "./dom.js";
 import { refused } from "./refused.js";
+
+const SUMMARY =
+  "Recorded answers that come before this machine's own. An edit counts from the next call on; " +
+  "saving keeps it.";
 
 export async function show(page, name) {
   const work = make("main", { id: "work", class: "single", tabindex: "-1" });
@@ -11,10 +15,15 @@ export async function show(page, name) {
   await fill(work, name ?? null);
 }
 
+// `chosen`: the answer in the editor, if there is one.
 async function fill(work, chosen) {
   const [state, { answers }] = await Promise.all([get("/api/scenarios"), get("/api/answers")]);
   showLoaded(state);
-  const editor = make("div", { class: "editor" }, unchosen());
+  const editor = make(
+    "div",
+    { class: "editor" },
+    nothing("No answer chosen.", "Choose one to see what it says, and to say something else."),
+  );
   const again = () => fill(work, chosen);
   const choose = async (name) => {
     chosen = name;
@@ -22,15 +31,12 @@ async function fill(work, chosen) {
       button.setAttribute("aria-pressed", String(button.dataset.answer === name));
     }
     try {
-      const held = await get(`/api/answers/${encodeURIComponent(name)}`);
-      replace(editor, editing(held, again));
+      replace(editor, editing(await get(`/api/answers/${encodeURIComponent(name)}`), again));
     } catch (error) {
-      if (!(error instanceof Refused)) throw error;
       replace(editor, refused(error));
     }
-    if (editor.getBoundingClientRect().top > window.innerHeight * 0.7) {
-      editor.scrollIntoView({ block: "start" });
-    }
+    const outOfSight = editor.getBoundingClientRect().top > window.innerHeight * 0.7;
+    if (outOfSight) editor.scrollIntoView({ block: "start" });
   };
   replace(
     work,
@@ -38,7 +44,7 @@ async function fill(work, chosen) {
       "header",
       { class: "title" },
       make("h1", { class: "plain" }, "Scenarios"),
-      make("p", { class: "summary" }, "Recorded answers that come before this machine's own. An edit counts from the next call on; saving keeps it."),
+      make("p", { class: "summary" }, SUMMARY),
     ),
     make(
       "div",
@@ -58,105 +64,78 @@ export function showLoaded({ loaded, changed }) {
   place.title = changed ? "Scenario in work, with unsaved changes" : "Scenario in work";
 }
 
-function unchosen() {
-  return make("div", { class: "empty" }, make("p", {}, "No answer chosen."), make("p", { class: "hint" }, "Choose one to see what it says, and to say something else."));
-}
-
 function shelf(state, again) {
   const told = make("div", {});
   const load = async (name) => {
-    if (state.changed && !window.confirm("What was edited is not saved. Load all the same?")) return;
+    const question = "What was edited is not saved. Load all the same?";
+    if (state.changed && !window.confirm(question)) return;
     await tried(told, async () => {
       await post("/api/scenarios/load", { name });
       say(name === null ? "no scenario" : `${name} is loaded`);
       await again();
     });
   };
-  const choice = (name, label, about) =>
-    make(
-      "li",
-      {},
-      make(
-        "button",
-        { type: "button", class: "choice", "aria-pressed": String(state.loaded === name), click: () => load(name) },
-        make("span", {}, label),
-        make("small", {}, about),
-      ),
-    );
-  const input = make("input", {
-    type: "text",
-    "aria-label": "Name to save under",
-    placeholder: "name",
-    autocomplete: "off",
-    spellcheck: "false",
-    required: true,
-  });
-  input.value = state.loaded ?? "";
-  const save = (event) => {
-    event.preventDefault();
-    return tried(told, async () => {
-      const now = await post("/api/scenarios/save", { name: input.value.trim() });
+  const choice = (name, label, about) => {
+    const pressed = String(state.loaded === name);
+    const button = { type: "button", class: "choice", "aria-pressed": pressed };
+    const shown = [make("span", {}, label), make("small", {}, about)];
+    return make("li", {}, make("button", { ...button, click: () => load(name) }, shown));
+  };
+  const name = field("Name to save under", { placeholder: "name", required: true });
+  name.value = state.loaded ?? "";
+  const save = () =>
+    tried(told, async () => {
+      const now = await post("/api/scenarios/save", { name: name.value.trim() });
       say(`saved to ${now.folder}`);
       await again();
     });
-  };
-  return make(
-    "section",
-    { class: "panel", "aria-label": "Scenarios" },
-    make("header", {}, make("h2", {}, "Scenarios"), state.changed ? make("span", { class: "badge badge-changed" }, "unsaved") : null),
+  return panel(
+    {
+      label: "Scenarios",
+      title: "Scenarios",
+      beside: state.changed ? badge("unsaved", "changed") : null,
+    },
     make(
       "ul",
       { class: "choices" },
       choice(null, "This machine", "no scenario: live, and the samples that everybody has"),
-      state.scenarios.map((name) => choice(name, name, name === state.loaded ? state.folder : "")),
+      state.scenarios.map((one) => choice(one, one, one === state.loaded ? state.folder : "")),
     ),
-    state.scenarios.length ? null : make("p", { class: "hint" }, `None is saved yet. They are kept in ${state.shelf}`),
-    make("form", { class: "save", submit: save }, input, make("button", { type: "submit", class: state.changed ? "primary" : "" }, "Save")),
+    state.scenarios.length ? null : hint(`None is saved yet. They are kept in ${state.shelf}`),
+    oneField(name, "Save", state.changed ? "primary" : "", save),
     told,
   );
 }
 
 function answerList(answers, choose) {
-  const group = (title, held) =>
-    make(
-      "section",
-      {},
-      make("h3", {}, title),
-      make(
-        "ul",
-        { class: "answers" },
-        held.map((one) =>
-          make(
-            "li",
-            {},
-            make(
-              "button",
-              { type: "button", class: "choice", "data-answer": one.name, "aria-pressed": "false", click: () => choose(one.name) },
-              make("code", {}, one.name),
-              mark(one),
-            ),
-          ),
-        ),
-      ),
-    );
-  const command = make("input", { type: "text", placeholder: "another command", "aria-label": "Another command", autocomplete: "off", spellcheck: "false", required: true });
-  const another = (event) => {
-    event.preventDefault();
-    choose(command.value);
+  const item = (one) => {
+    const known = { "data-answer": one.name, "aria-pressed": "false" };
+    const button = { type: "button", class: "choice", ...known, click: () => choose(one.name) };
+    return make("li", {}, make("button", button, make("code", {}, one.name), mark(one)));
   };
-  return make(
-    "section",
-    { class: "panel", "aria-label": "Answers" },
-    make("header", {}, make("h2", {}, "Answers")),
+  const group = (title, held) =>
+    make("section", {}, make("h3", {}, title), make("ul", { class: "answers" }, held.map(item)));
+  const command = field("Another command", { placeholder: "another command", required: true });
+  return panel(
+    { label: "Answers", title: "Answers" },
     group("Commands", answers.filter((one) => one.command)),
-    make("form", { class: "save", submit: another }, command, make("button", { type: "submit" }, "Edit")),
+    oneField(command, "Edit", "", () => choose(command.value)),
     group("Native services", answers.filter((one) => !one.command)),
   );
 }
 
+function oneField(input, label, kind, submitted) {
+  const submit = (event) => {
+    event.preventDefault();
+    submitted();
+  };
+  const button = make("button", { type: "submit", class: kind || null }, label);
+  return make("form", { class: "save", submit }, input, button);
+}
+
 function mark({ own, changed, source }) {
-  if (changed) return make("span", { class: "badge badge-changed" }, own ? "edited" : "taken out");
-  if (own) return make("span", { class: "badge badge-own" }, "scenario");
+  if (changed) return badge(own ? "edited" : "taken out", "changed");
+  if (own) return badge("scenario", "own");
   return source && source !== "none" ? badge(source) : null;
 }
 
@@ -164,48 +143,47 @@ function editing({ name, own, file, text }, again) {
   const told = make("div", {});
   // A text field knows one kind of line end: the other is put back.
   const returns = text.includes("\r\n");
-  const area = make("textarea", { class: "capture", rows: "18", wrap: "off", spellcheck: "false", autocomplete: "off", "aria-label": `Answer of ${name}` });
-  area.value = text;
+  const editor = area(`Answer of ${name}`, { class: "capture", rows: "18" });
+  editor.value = text;
   const take = async (given) => {
     try {
       await post(`/api/answers/${encodeURIComponent(name)}`, { text: given });
       say("taken");
       await again();
     } catch (error) {
-      if (!(error instanceof Refused)) throw error;
       replace(told, refused(error));
-      if (error.about.line) select(area, error.about.line);
+      if (error.about.line) select(editor, error.about.line);
     }
   };
+  const submit = (event) => {
+    event.preventDefault();
+    return take(returns ? editor.value.replaceAll("\n", "\r\n") : editor.value);
+  };
+  const remove = { type: "button", class: "quiet", click: () => take(null) };
   return make(
     "form",
-    {
-      class: "panel call",
-      "aria-label": "Answer",
-      submit: (event) => {
-        event.preventDefault();
-        return take(returns ? area.value.replaceAll("\n", "\r\n") : area.value);
-      },
-    },
+    { class: "panel call", "aria-label": "Answer", submit },
     make("header", {}, make("h2", {}, make("code", {}, name))),
-    make("p", { class: "hint" }, own ? `Held by the scenario, in ${file}` : "Not held by the scenario: what is answered now, to begin with"),
-    area,
+    own
+      ? hint(`Held by the scenario, in ${file}`)
+      : hint("Not held by the scenario: what is answered now, to begin with"),
+    editor,
     told,
     make(
       "div",
       { class: "go" },
       make("button", { type: "submit", class: "primary" }, "Use this answer"),
-      own ? make("button", { type: "button", class: "quiet", click: () => take(null) }, "Remove from the scenario") : null,
+      own ? make("button", remove, "Remove from the scenario") : null,
     ),
   );
 }
 
 // Puts the cursor on a line, so that what is wrong is in sight.
-function select(area, line) {
-  const lines = area.value.split("\n");
+function select(editor, line) {
+  const lines = editor.value.split("\n");
   const start = lines.slice(0, line - 1).reduce((sum, one) => sum + one.length + 1, 0);
-  area.focus();
-  area.setSelectionRange(start, start + (lines[line - 1]?.length ?? 0));
+  editor.focus();
+  editor.setSelectionRange(start, start + (lines[line - 1]?.length ?? 0));
 }
 
 async function tried(told, action) {
@@ -213,8 +191,6 @@ async function tried(told, action) {
     replace(told);
     await action();
   } catch (error) {
-    if (!(error instanceof Refused)) throw error;
     replace(told, refused(error));
-    say(error.message);
   }
 }

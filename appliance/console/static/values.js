@@ -15,7 +15,8 @@ export function shownResult(result) {
   const body = make("div", { class: "seen" }, views[first]());
   const labels = [["table", "Table"], ["tree", "Tree"], ["json", "JSON"]];
   const choices = labels.filter(([name]) => views[name]).map(([name, label]) => [label, name]);
-  const ways = segments("How to see the result", choices, first, (name) => replace(body, views[name]()));
+  const see = (name) => replace(body, views[name]());
+  const ways = segments("How to see the result", choices, first, see);
   return { body, tools: [ways, copyButton(() => json(value))] };
 }
 
@@ -28,7 +29,7 @@ export function isTable(value) {
 }
 
 function isDictionary(value) {
-  return value !== null && typeof value === "object" && !Array.isArray(value) && !(value instanceof Digits);
+  return !scalar(value) && !Array.isArray(value);
 }
 
 function scalar(value) {
@@ -107,10 +108,9 @@ function number(value) {
 // A value inside of another: scalars as they are, the rest one level further in.
 function leaf(value) {
   if (!scalar(value)) {
-    if (Array.isArray(value) && value.every(scalar) && value.length) {
-      return make("span", { class: "listed" }, value.map((one) => make("span", {}, leaf(one))));
-    }
-    return tree(value);
+    const listed = Array.isArray(value) && value.length > 0 && value.every(scalar);
+    if (!listed) return tree(value);
+    return make("span", { class: "listed" }, value.map((one) => make("span", {}, leaf(one))));
   }
   if (value === null) return make("span", { class: "v-none" }, "None");
   if (value === true || value === false) {
@@ -124,8 +124,8 @@ function leaf(value) {
 // Blanks at the ends of a text can be seen.
 export function spaced(text) {
   const [, before, middle, after] = /^(\s*)(.*?)(\s*)$/s.exec(text);
-  const shown = (blanks) => (blanks ? make("span", { class: "blank" }, "·".repeat(blanks.length)) : null);
-  return [shown(before), middle, shown(after)].filter(Boolean);
+  const dots = (blanks) => make("span", { class: "blank" }, "·".repeat(blanks.length));
+  return [before && dots(before), middle, after && dots(after)];
 }
 
 export function tree(value) {
@@ -133,7 +133,8 @@ export function tree(value) {
   const keyed = !Array.isArray(value);
   const items = keyed ? Object.entries(value) : value.map((one, place) => [`${place}`, one]);
   if (!items.length) {
-    return make("span", { class: "v-empty" }, keyed ? "{}  an empty dictionary" : "[]  an empty list");
+    const empty = keyed ? "{}  an empty dictionary" : "[]  an empty list";
+    return make("span", { class: "v-empty" }, empty);
   }
   return make(
     "dl",
