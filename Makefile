@@ -84,7 +84,8 @@ faults: environment build/faults/build.ninja  ## every allocation of every call 
 
 .PHONY: fuzz
 fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up, SECONDS=60 of them
-	@tools/step build-fuzz "building fuzz" $(CMAKE) --build --preset fuzz
+	@tools/step build-fuzz "building fuzz" \
+		$(CMAKE) --build --preset fuzz --target fuzz_parsers fuzz_text
 	@$(PYTHON) -m tests.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
 
 .PHONY: sanitize

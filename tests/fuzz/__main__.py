@@ -30,7 +30,10 @@ def arguments() -> argparse.Namespace:
 
 def watched(seconds: int) -> list[Run]:
     """The targets, under a progress bar until the time is up or something is found."""
-    runs = runner.started(seconds)
+    leaks = runner.sees_leaks()
+    if not leaks:
+        console.print("fuzz: leaks are not looked for, as no process may be traced here")
+    runs = runner.started(seconds, leaks)
     columns = (
         TextColumn("{task.description}"),
         BarColumn(),

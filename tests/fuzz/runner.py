@@ -24,9 +24,7 @@ ENVIRONMENT = {
     "APPLIANCE_BUILD": "build/fuzz",
     "PYTHONPATH": str(ROOT),
     "PYTHONWARNINGS": "ignore",
-    # Every block is the sanitizer's own; what the interpreter keeps at the end is no leak.
-    "PYTHONMALLOC": "malloc",
-    "ASAN_OPTIONS": "detect_leaks=0:allocator_may_return_null=1",
+    "PYTHONMALLOC": "malloc",  # every block is the sanitizer's own
     "UBSAN_OPTIONS": "print_stacktrace=1",
     "LLVM_PROFILE_FILE": str(PROFILES / "%p.profraw"),
 }
@@ -107,7 +105,15 @@ def prepare() -> None:
     seeds.write(BUILD / "seeds" / PARSERS.name)
 
 
-def started(seconds: int) -> list[Run]:
+def sees_leaks() -> bool:
+    """Looking for leaks is possible here: the sanitizer has to trace its own process for that."""
+    tried = subprocess.run(
+        TEXT.command("-runs=1", folders=[]), env=ENVIRONMENT, capture_output=True
+    )
+    return tried.returncode == 0
+
+
+def started(seconds: int, leaks: bool) -> list[Run]:
     """The text layer on one processor, the parsers on each other one."""
     workers = max(1, len(os.sched_getaffinity(0)) - 1)
     runs = []
@@ -121,7 +127,7 @@ def started(seconds: int) -> list[Run]:
                 stdout=out,
                 stderr=subprocess.STDOUT,
                 cwd=ROOT,
-                env=ENVIRONMENT,
+                env={**ENVIRONMENT, "ASAN_OPTIONS": f"detect_leaks={leaks:d}"},
             )
         runs.append(Run(target, log, process))
     return runs
