@@ -2,6 +2,12 @@
 #
 # It is loaded into a process that owes it nothing but the interpreter and the native services, so it
 # may need the C library and nothing else: no C++ runtime, one exported symbol.
+
+# What ships is small: nobody unwinds its stack, symbols are bound when it is loaded, and nothing has
+# to run before its entry point.
+set(SMALL -Os -fno-asynchronous-unwind-tables -fno-unwind-tables -fno-plt -fno-ident)
+set(LINKED_SMALL -nostartfiles LINKER:-z,noseparate-code LINKER:--build-id=none LINKER:--strip-all)
+
 add_library(product_options INTERFACE)
 target_compile_options(product_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
@@ -10,7 +16,13 @@ target_compile_options(product_options INTERFACE
     -ffunction-sections -fdata-sections
     # The same bytes from whatever folder the sources are built in.
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+    "$<$<CONFIG:Release>:${SMALL}>"
 )
+
+# What few instructions are spent in again and again is compiled for speed all the same.
+function(compile_for_speed)
+    set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS $<$<CONFIG:Release>:-O2>)
+endfunction()
 
 # The linker language is C (below); this keeps CMake from adding the C++ runtime to it by itself.
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
@@ -35,6 +47,6 @@ function(add_product_module target folder)
         LINKER:--gc-sections
         LINKER:-z,relro,-z,now
         LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/modules_util.map
-        $<$<CONFIG:Release>:LINKER:--strip-all>
+        "$<$<CONFIG:Release>:${LINKED_SMALL}>"
     )
 endfunction()

@@ -522,6 +522,7 @@ CLI_CASES = [
     ),
     Case("get_system_arp_result", cli=ARP),
     Case("get_system_arp_result", cli=WIDE, label="wide text"),
+    Case("get_system_arp_result", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n", label="long words"),
     *(
         Case("get_system_arp_result", (), {}, IndexError, f"{text!r}", cli=text)
         for text in ("", "no header", ARP + "too few columns", ARP + "two words\n", ARP + "one")

@@ -5,7 +5,9 @@ from __future__ import annotations
 
 import fcntl
 import os
+import platform
 import re
+import struct
 import subprocess
 import sysconfig
 from pathlib import Path
@@ -117,6 +119,27 @@ def test_the_module_is_built_alone_and_its_path_printed_last(alone: Path) -> Non
 def test_the_file_is_named_for_the_interpreter_and_the_platform(product: Path) -> None:
     assert product.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
     assert product.name.startswith("modules_util.cpython-39-")
+
+
+# Whoever compiles it, the file fits into 64 KiB; with the compiler that it was measured with, into
+# a quarter of what Cython makes of the same functions.
+SMALL = 64 * 1024
+QUARTER = {("x86_64", "12"): 218_472 // 4}
+
+
+@pytest.mark.skipif(struct.calcsize("P") != 8, reason="the figures are a workstation's")
+def test_the_file_that_ships_is_small(alone: Path) -> None:
+    size = alone.stat().st_size
+    assert size <= SMALL
+    version = said_by("c++", "-dumpversion")[0].partition(".")[0]
+    assert size <= QUARTER.get((platform.machine(), version), SMALL)
+
+
+def test_the_file_that_ships_is_a_quarter_of_the_compiled_peers(alone: Path) -> None:
+    peers = list(fresh.BUILD.glob("benchmarks/modules_cython.*.so"))
+    if not peers:
+        pytest.skip("the compiled peer is not built: make bench")
+    assert alone.stat().st_size <= peers[0].stat().st_size / 4
 
 
 def test_only_the_c_library_is_needed(product: Path) -> None:

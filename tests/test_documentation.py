@@ -42,7 +42,7 @@ def table() -> list[Function]:
             kind,
             [
                 Parameter(parameter, *CONSTRUCTORS[constructor])
-                for constructor, parameter in re.findall(r"(\w+)\(&Names::(\w+)\)", parameters)
+                for constructor, parameter in re.findall(r"(\w+)\(Name::(\w+)\)", parameters)
             ],
         )
         for kind, name, parameters in rows

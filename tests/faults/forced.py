@@ -31,7 +31,7 @@ FORCED = [
         "the name is there and is only given another value",
     ),
     Forced(
-        "PyUnicode_Compare(keyword, names.*function.parameters[i].name)",
+        "PyUnicode_Compare(keyword, names[function.parameters[i].name])",
         "switch_acl_ingress_counter-unknown keyword",
         "keys of a dictionary are ready to be compared",
     ),
@@ -40,7 +40,6 @@ FORCED = [
         EXECUTION,
         "the capsule's pointer and name have been tested",
     ),
-    Forced("PyUnicode_AsUTF8(name.get())", EXECUTION, "an ASCII text is its own UTF-8"),
     Forced(
         "PyDict_SetItem(arp.get(), names.interface, interface.get())",
         "get_system_arp_result-()",

@@ -26,7 +26,11 @@ SOURCES = sorted(
     if file.suffix in {".cpp", ".h"}
 )
 # Macros of the interpreter's, and what calls.h makes of them.
-RENAMED = {"PyCFunction_NewEx": "PyCMethod_New", "PyUnicode_READY": "_PyUnicode_Ready"}
+RENAMED = {
+    "PyCFunction_NewEx": "PyCMethod_New",
+    "PyObject_GC_New": "_PyObject_GC_New",
+    "PyUnicode_READY": "_PyUnicode_Ready",
+}
 
 DEFINED = re.compile(r"^#define (\w+)\(", re.MULTILINE)
 CALLED = re.compile(r"\b(_?Py[A-Z]\w*_\w+|_?Py_[A-Z]\w*|json_object_to_json_string)\s*\(")

@@ -8,7 +8,14 @@ import subprocess
 from pathlib import Path
 from typing import NamedTuple
 
-PARSERS = ("arp.cpp", "bfd.cpp", "cli.cpp", "routing.cpp", "runtime/text.h")
+PARSERS = ("arp.cpp", "bfd.cpp", "cli.cpp", "routing.cpp", "runtime/text.cpp", "runtime/strings.cpp")
+    "arp.cpp",
+    "bfd.cpp",
+    "cli.cpp",
+    "routing.cpp",
+    "runtime/text.cpp",
+    "runtime/strings.cpp",
+)
 SHOWN = 12  # lines of a report; the log has the rest
 
 

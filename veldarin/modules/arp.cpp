@@ -8,6 +8,7 @@
 #include "runtime/names.h"
 #include "runtime/ref.h"
 #include "runtime/state.h"
+#include "runtime/strings.h"
 #include "runtime/text.h"
 #include "runtime/traceback.h"
 
@@ -23,32 +24,30 @@ struct Column {
 };
 
 constexpr Column columns[] = {
-    {&Names::ipAddress, false},
-    {&Names::age,       true },
-    {&Names::mac,       false},
-    {&Names::interface, true },
+    {Name::ipAddress, false},
+    {Name::age,       true },
+    {Name::mac,       false},
+    {Name::interface, true },
 };
 constexpr int column_count = 4;
 
 // The dictionary of one row, or nothing with an exception and its entry. An interface of two words
 // takes two columns.
-template <typename Char>
-Ref parse_row(Slice<Char> row, Pool<Char> &pool) {
+Ref new_row(const Slice *words, int count, Strings &strings) {
     Ref arp = Ref::steal(PyDict_New());
     if (!arp) return failed(at::arp);
 
-    Words<Char> words(row);
-    Slice<Char> word;
     for (int i = 0; i < column_count; ++i) {
-        if (!words.next(word)) return index_error(at::column + i);
-        const Ref value = columns[i].repeats ? pool.to_str(word) : to_str(word);
-        if (!value || PyDict_SetItem(arp.get(), names.*columns[i].key, value.get()) < 0) {
+        if (i == count) return index_error(at::column + i);
+        const Ref value =
+            columns[i].repeats ? strings.make_or_repeat(words[i]) : strings.make(words[i]);
+        if (!value || PyDict_SetItem(arp.get(), names[columns[i].key], value.get()) < 0) {
             return failed(at::column + i);
         }
     }
-    Slice<Char> second;
-    if (words.next(second)) {
-        const Ref interface = joined(word, " ", second);
+    if (count > column_count) {
+        const Ref interface =
+            strings.join(words[column_count - 1], Slice(" "), words[column_count]);
         if (!interface || PyDict_SetItem(arp.get(), names.interface, interface.get()) < 0) {
             return failed(at::joined);
         }
@@ -56,22 +55,22 @@ Ref parse_row(Slice<Char> row, Pool<Char> &pool) {
     return arp;
 }
 
-template <typename Char>
-PyObject *parse(Slice<Char> text) {
+PyObject *parse(const Text &text) {
     Ref result = Ref::steal(PyList_New(0));
     if (!result) return failed(at::result);
 
-    Fields<Char> lines(text, '\n');
-    Slice<Char> line;
+    Lines lines(text.all);
+    Slice line;
     do {
         if (!lines.next(line)) return index_error(at::header);
-    } while (!starts_with(left_stripped(line), "Address"));
+    } while (!starts_with(left_stripped(line), Slice("Address")));
 
-    Pool<Char> pool;
+    Strings strings(text);
     while (lines.next(line)) {
-        const Slice<Char> row = left_stripped(line);
-        if (row.empty()) continue;
-        const Ref arp = parse_row(row, pool);
+        Slice words[column_count + 1];
+        const int count = split(line, words);
+        if (count == 0) continue;
+        const Ref arp = new_row(words, count, strings);
         if (!arp) return nullptr;
         if (PyList_Append(result.get(), arp.get()) < 0) return failed(at::append);
     }
@@ -81,10 +80,12 @@ PyObject *parse(Slice<Char> text) {
 }  // namespace
 
 PyObject *get_system_arp_result() {
-    const Ref text = command_text(names.arp_command);
-    if (!text) return failed(at::output);
-    if (!is_text(text.get(), names.split, state.constants.newline)) return failed(at::split);
-    return scan(text.get(), [](auto slice) { return parse(slice); });
+    const Ref output = command_text(names.arp_command);
+    if (!output) return failed(at::output);
+    if (!is_text(output.get(), names.split, state.constants.newline)) return failed(at::split);
+    const Text text = open(output.get());
+    if (!text.owner) return failed(at::split);
+    return parse(text);
 }
 
 }  // namespace modules_util

@@ -30,7 +30,8 @@ struct Output {
 Ref convert(const Ref &function, PyObject *object) {
     const Ref charset = global(names.CHARSET);
     if (!charset) return {};
-    return Ref::steal(PyObject_CallFunctionObjArgs(function.get(), object, charset.get(), nullptr));
+    PyObject *const arguments[] = {object, charset.get()};
+    return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 2, nullptr));
 }
 
 // The command in the module's character set, cut to the buffer.
@@ -63,7 +64,7 @@ Ref decode(const char *output) {
 // text.replace("--More--", "")
 Ref without_pager(PyObject *text) {
     if (PyUnicode_CheckExact(text) && PyUnicode_IS_READY(text)) {
-        return without(text, pager_prompt);
+        return removed(text, state.constants.remove_pager);
     }
     const Ref replace = Ref::steal(PyObject_GetAttr(text, names.replace));
     if (!replace) return {};

@@ -11,10 +11,10 @@ namespace modules_util {
 
 inline constexpr size_t function_count = 30;
 
-// The rows, and the interpreter's method table made of them, which ends with a null row.
-using FunctionTable = std::array<Function, function_count>;
-using MethodTable = std::array<PyMethodDef, function_count + 1>;
-extern const FunctionTable functions;
-extern MethodTable methods;
+// In the order in which they are bound.
+extern const std::array<Function, function_count> functions;
+
+// The interpreter's method table of the same functions, which ends with a null row.
+extern const PyMethodDef *const methods;
 
 }  // namespace modules_util

@@ -40,7 +40,7 @@ inline constexpr int first = 74, result = 75;
 // The statements of one exchange over the JSON bridge. Two functions write their empty and their
 // keyed request on different lines.
 struct Query {
-    int first, empty_request, keyed_request, response, parse, release_request, release_response;
+    short first, empty_request, keyed_request, response, parse, release_request, release_response;
 };
 inline constexpr Query switch_acl_ingress_counter{94, 95, 95, 96, 99, 100, 101};
 inline constexpr Query switch_acl_egress_counter{104, 105, 105, 106, 109, 110, 111};

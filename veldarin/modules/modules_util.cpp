@@ -141,8 +141,8 @@ bool check_builtins() { return builtin(names.open) && builtin(names.range); }
 
 bool make_code_objects() {
     if (!keep(state.code_objects, PyList_New(0))) return false;
-    for (const Function &function : functions) {
-        if (!add_code_object(function.name, function.first_line)) return false;
+    for (size_t row = 0; row < function_count; ++row) {
+        if (!add_code_object(methods[row].ml_name, functions[row].first_line)) return false;
     }
     return true;
 }
@@ -153,16 +153,16 @@ struct TypeImport {
 };
 
 constexpr TypeImport checked_types[] = {
-    {&Names::builtins,  &Names::type,       sizeof(PyHeapTypeObject)},
-    {&Names::builtins,  &Names::bool_,      sizeof(PyLongObject)    },
-    {&Names::builtins,  &Names::complex,    sizeof(PyComplexObject) },
-    {&Names::util_json, &Names::JSONObject, sizeof(JSONObject)      },
+    {Name::builtins,  Name::type,       sizeof(PyHeapTypeObject)},
+    {Name::builtins,  Name::bool_,      sizeof(PyLongObject)    },
+    {Name::builtins,  Name::complex,    sizeof(PyComplexObject) },
+    {Name::util_json, Name::JSONObject, sizeof(JSONObject)      },
 };
 
 bool import_types() {
     Ref type;
     for (const TypeImport &row : checked_types) {
-        type = import_type(names.*row.module, names.*row.name, static_cast<Py_ssize_t>(row.size));
+        type = import_type(names[row.module], names[row.name], static_cast<Py_ssize_t>(row.size));
         if (!type) return false;
     }
     void *methods = import_method_table(type.get());
@@ -199,31 +199,32 @@ struct ImportStatement {
 
 // clang-format off
 constexpr ImportStatement import_statements[] = {
-    {&Names::migbase_cmdbapi_util, &Names::serial_number_ascii, nullptr,       nullptr,      line::init::serial_number_ascii},
-    {&Names::binascii,             &Names::hexlify,             nullptr,       nullptr,      line::init::hexlify},
-    {&Names::collections,          &Names::namedtuple,          nullptr,       nullptr,      line::init::namedtuple},
-    {&Names::logging,              &Names::getLogger,           nullptr,       nullptr,      line::init::get_logger},
-    {&Names::os,                   &Names::urandom,             nullptr,       nullptr,      line::init::urandom},
-    {&Names::pathlib,              &Names::Path,                nullptr,       nullptr,      line::init::path},
-    {&Names::pyramid_compat,       &Names::bytes_,              &Names::text_, nullptr,      line::init::compat},
-    {&Names::threading,            &Names::Lock,                nullptr,       nullptr,      line::init::lock},
-    {&Names::ujson,                nullptr,                     nullptr,       &Names::json, line::init::json},
-    {&Names::util_errors,          &Names::CFunctionError,      nullptr,       nullptr,      line::init::c_function_error},
-    {&Names::copy,                 nullptr,                     nullptr,       &Names::copy, line::init::copy},
+    {Name::migbase_cmdbapi_util, Name::serial_number_ascii, Name::none,  Name::none, line::init::serial_number_ascii},
+    {Name::binascii,             Name::hexlify,             Name::none,  Name::none, line::init::hexlify},
+    {Name::collections,          Name::namedtuple,          Name::none,  Name::none, line::init::namedtuple},
+    {Name::logging,              Name::getLogger,           Name::none,  Name::none, line::init::get_logger},
+    {Name::os,                   Name::urandom,             Name::none,  Name::none, line::init::urandom},
+    {Name::pathlib,              Name::Path,                Name::none,  Name::none, line::init::path},
+    {Name::pyramid_compat,       Name::bytes_,              Name::text_, Name::none, line::init::compat},
+    {Name::threading,            Name::Lock,                Name::none,  Name::none, line::init::lock},
+    {Name::ujson,                Name::none,                Name::none,  Name::json, line::init::json},
+    {Name::util_errors,          Name::CFunctionError,      Name::none,  Name::none, line::init::c_function_error},
+    {Name::copy,                 Name::none,                Name::none,  Name::copy, line::init::copy},
 };
 // clang-format on
 
 bool bind_global(Name name, const Ref &value) {
-    return value && PyDict_SetItem(state.globals, names.*name, value.get()) == 0;
+    return value && PyDict_SetItem(state.globals, names[name], value.get()) == 0;
 }
 
 bool run_import(const ImportStatement &row) {
-    PyObject *source = names.*row.module;
+    PyObject *source = names[row.module];
     const Ref module = import_module(source);
     if (!module) return false;
-    if (row.as) return bind_global(row.as, module);
+    if (row.as != Name::none) return bind_global(row.as, module);
     for (const Name name : {row.name, row.second}) {
-        if (name && !bind_global(name, import_name(module, source, names.*name))) return false;
+        if (name == Name::none) break;
+        if (!bind_global(name, import_name(module, source, names[name]))) return false;
     }
     return true;
 }
@@ -248,14 +249,14 @@ Ref new_counters() {
 bool bind_functions(int &line) {
     for (size_t row = 0; row < function_count; ++row) {
         line = functions[row].first_line;
-        if (functions[row].parameters[1].fallback == &state.sessions) {
+        if (functions[row].parameters[1].fallback == Parameter::sessions) {
             Py_XSETREF(state.sessions, PyDict_New());
             if (!state.sessions) return false;
         }
-        const Ref function =
-            Ref::steal(PyCFunction_NewEx(&methods[row], nullptr, names.module_name));
+        const Ref function = Ref::steal(PyCFunction_NewEx(const_cast<PyMethodDef *>(&methods[row]),
+                                                          nullptr, names.module_name));
         if (!function) return false;
-        if (PyDict_SetItemString(state.globals, functions[row].name, function.get()) < 0) {
+        if (PyDict_SetItemString(state.globals, methods[row].ml_name, function.get()) < 0) {
             return false;
         }
     }
@@ -270,20 +271,20 @@ bool run_statements(int &line) {
         if (!run_import(row)) return false;
     }
     line = at::logger;
-    if (!bind_global(&Names::logger, new_logger())) return false;
+    if (!bind_global(Name::logger, new_logger())) return false;
     line = at::invalid_index;
-    if (!bind_global(&Names::INVALID_INDEX, Ref::borrow(names.invalid_index))) return false;
+    if (!bind_global(Name::INVALID_INDEX, Ref::borrow(names.invalid_index))) return false;
     line = at::interface_count;
-    if (!bind_global(&Names::interface_count, Ref::borrow(state.constants.zero))) return false;
+    if (!bind_global(Name::interface_count, Ref::borrow(state.constants.zero))) return false;
     line = at::interface_lock;
-    if (!bind_global(&Names::interface_lock, call_global(names.Lock))) return false;
+    if (!bind_global(Name::interface_lock, call_global(names.Lock))) return false;
     line = at::charset;
-    if (!bind_global(&Names::CHARSET, Ref::borrow(names.charset))) return false;
+    if (!bind_global(Name::CHARSET, Ref::borrow(names.charset))) return false;
     line = at::counters;
-    if (!bind_global(&Names::Counters, new_counters())) return false;
+    if (!bind_global(Name::Counters, new_counters())) return false;
     if (!bind_functions(line)) return false;
     line = at::module;
-    return bind_global(&Names::dunder_test, Ref::steal(PyDict_New()));
+    return bind_global(Name::dunder_test, Ref::steal(PyDict_New()));
 }
 
 // Every step of the import, in order. `registered`: `sys.modules` has got the module from us.
@@ -327,7 +328,8 @@ int execute(PyObject *module) {
 
 // ------------------------------------------------------------------ definition
 
-PyModuleDef_Slot slots[] = {
+// The interpreter takes its tables as if it wrote to them; it does not.
+const PyModuleDef_Slot slots[] = {
     {Py_mod_create, reinterpret_cast<void *>(create) },
     {Py_mod_exec,   reinterpret_cast<void *>(execute)},
     {0,             nullptr                          },
@@ -338,8 +340,8 @@ PyModuleDef definition = {
     module_name,
     nullptr,  // no docstring
     0,        // the state is the process's, not the module object's
-    methods.data(),
-    slots,
+    nullptr,  // the methods, which PyInit puts here
+    const_cast<PyModuleDef_Slot *>(slots),
     nullptr,
     nullptr,
     nullptr,
@@ -349,4 +351,7 @@ PyModuleDef definition = {
 
 }  // namespace modules_util
 
-PyMODINIT_FUNC PyInit_modules_util() { return PyModuleDef_Init(&modules_util::definition); }
+PyMODINIT_FUNC PyInit_modules_util() {
+    modules_util::definition.m_methods = const_cast<PyMethodDef *>(modules_util::methods);
+    return PyModuleDef_Init(&modules_util::definition);
+}

@@ -8,6 +8,7 @@
 #include "runtime/names.h"
 #include "runtime/ref.h"
 #include "runtime/state.h"
+#include "runtime/strings.h"
 #include "runtime/text.h"
 #include "runtime/traceback.h"
 
@@ -23,100 +24,87 @@ bool put(const Ref &dictionary, PyObject *key, const Ref &value, int line) {
 }
 
 // dictionary[key] = text.split()[index]
-template <typename Char>
-bool put_word(const Ref &dictionary, PyObject *key, Slice<Char> text, int index, int line) {
-    Slice<Char> word;
-    if (!element(Words<Char>(text), index, word)) return index_error(line);
-    return put(dictionary, key, to_str(word), line);
-}
-
-// dictionary[key] = info[field].split()[1]
-template <typename Char>
-bool put_field(const Ref &dictionary, PyObject *key, Fields<Char> info, int field, int line) {
-    Slice<Char> text;
-    if (!element(info, field, text)) return index_error(line);
-    return put_word(dictionary, key, text, 1, line);
+bool put_word(const Ref &dictionary, PyObject *key, Slice text, int index, Strings &strings,
+              int line) {
+    Slice words[4];
+    if (split(text, words) <= index) return index_error(line);
+    return put(dictionary, key, strings.make(words[index]), line);
 }
 
 // The header line and the two after it.
-template <typename Char>
-bool parse_header(const Ref &routing_table, Fields<Char> &lines) {
-    Slice<Char> line;
+bool parse_header(const Ref &routing_table, Lines &lines, Strings &strings) {
+    Slice line;
     do {
         if (!lines.next(line)) return index_error(at::header);
-    } while (!starts_with(left_stripped(line), "Routing"));
-    if (!put_word(routing_table, names.entry, line, 3, at::entry)) return false;
+    } while (!starts_with(left_stripped(line), Slice("Routing")));
+    if (!put_word(routing_table, names.entry, line, 3, strings, at::entry)) return false;
 
     if (!lines.next(line)) return index_error(at::info);
-    const Fields<Char> info(line, ',');
-    if (!put_field(routing_table, names.distance, info, 1, at::distance)) return false;
-    if (!put_field(routing_table, names.metric, info, 2, at::metric)) return false;
+    Slice info[4];
+    const int count = split(line, ',', info);
+    if (count < 2) return index_error(at::distance);
+    if (!put_word(routing_table, names.distance, info[1], 1, strings, at::distance)) return false;
+    if (count < 3) return index_error(at::metric);
+    if (!put_word(routing_table, names.metric, info[2], 1, strings, at::metric)) return false;
 
     if (!lines.next(line)) return index_error(at::last_update);
-    if (!put_word(routing_table, names.lastUpdate, line, 2, at::last_update)) return false;
+    if (!put_word(routing_table, names.lastUpdate, line, 2, strings, at::last_update)) return false;
 
-    Slice<Char> first;
-    Slice<Char> fourth;
-    if (!element(info, 0, first) || !element(info, 3, fourth)) return index_error(at::other);
-    return put(routing_table, names.other, joined(first, ", ", fourth), at::other);
+    if (count < 4) return index_error(at::other);
+    return put(routing_table, names.other, strings.join(info[0], Slice(", "), info[3]), at::other);
 }
 
 // "ip", after the marker in front of it, if there is one: of two words or more the first is the
 // marker.
-template <typename Char>
-bool parse_address(const Ref &route, Slice<Char> field, Pool<Char> &pool) {
-    Words<Char> words(field);
-    Slice<Char> first;
-    Slice<Char> second;
-    if (!words.next(first)) return index_error(at::address);
-    if (!words.next(second)) {
-        return put(route, names.main, Ref::borrow(names.empty), at::main) &&
-               put(route, names.ip, to_str(first), at::address);
+bool parse_address(const Ref &route, Slice field, Strings &strings) {
+    Slice words[2];
+    switch (split(field, words)) {
+        case 0: return index_error(at::address);
+        case 1:
+            return put(route, names.main, Ref::borrow(names.empty), at::main) &&
+                   put(route, names.ip, strings.make(words[0]), at::address);
+        default:
+            return put(route, names.main, strings.make_or_repeat(words[0]), at::marker) &&
+                   put(route, names.ip, strings.make(words[1]), at::marked_address);
     }
-    return put(route, names.main, pool.to_str(first), at::marker) &&
-           put(route, names.ip, to_str(second), at::marked_address);
 }
 
 // "interface": the second word, or the only one.
-template <typename Char>
-bool parse_interface(const Ref &route, Slice<Char> field, Pool<Char> &pool) {
-    Words<Char> words(field);
-    Slice<Char> name;
-    if (!words.next(name)) return index_error(at::interface);
-    const int line = words.next(name) ? at::second_word : at::interface;
-    return put(route, names.interface, pool.to_str(name), line);
+bool parse_interface(const Ref &route, Slice field, Strings &strings) {
+    Slice words[2];
+    const int count = split(field, words);
+    if (count == 0) return index_error(at::interface);
+    const int line = count == 1 ? at::interface : at::second_word;
+    return put(route, names.interface, strings.make_or_repeat(words[count - 1]), line);
 }
 
 // The dictionary of one route line, or nothing with an exception and its entry.
-template <typename Char>
-Ref parse_route(Slice<Char> row, Pool<Char> &pool) {
+Ref parse_route(Slice row, Strings &strings) {
     Ref route = Ref::steal(PyDict_New());
     if (!route) return failed(at::route);
-    Fields<Char> data(row, ',');
-    Slice<Char> field;
-    data.next(field);  // there is always a first field
-    if (!parse_address(route, field, pool)) return {};
-    if (!data.next(field)) return index_error(at::second_field);
-    if (!parse_interface(route, field, pool)) return {};
+    Slice data[2];
+    const int count = split(row, ',', data);
+    if (!parse_address(route, data[0], strings)) return {};
+    if (count < 2) return index_error(at::second_field);
+    if (!parse_interface(route, data[1], strings)) return {};
     return route;
 }
 
-template <typename Char>
-PyObject *parse(Slice<Char> text) {
+PyObject *parse(const Text &text) {
     Ref routing_table = Ref::steal(PyDict_New());
     if (!routing_table) return failed(at::routing_table);
     const Ref table = Ref::steal(PyList_New(0));
     if (!table) return failed(at::table);
 
-    Fields<Char> lines(text, '\n');
-    if (!parse_header(routing_table, lines)) return nullptr;
+    Lines lines(text.all);
+    Strings strings(text);
+    if (!parse_header(routing_table, lines, strings)) return nullptr;
 
-    Pool<Char> pool;
-    Slice<Char> line;
+    Slice line;
     while (lines.next(line)) {
-        const Slice<Char> row = left_stripped(line);
+        const Slice row = left_stripped(line);
         if (row.empty()) continue;
-        const Ref route = parse_route(row, pool);
+        const Ref route = parse_route(row, strings);
         if (!route) return nullptr;
         if (PyList_Append(table.get(), route.get()) < 0) return failed(at::append);
     }
@@ -140,9 +128,11 @@ PyObject *get_routing_table_result(PyObject *ip_address) {
     if (!is_text(output.get(), names.replace, state.constants.remove_returns)) {
         return failed(at::split);
     }
-    const Ref text = without(output.get(), carriage_return);
-    if (!text) return failed(at::split);
-    return scan(text.get(), [](auto slice) { return parse(slice); });
+    const Ref without_returns = removed(output.get(), state.constants.remove_returns);
+    if (!without_returns) return failed(at::split);
+    const Text text = open(without_returns.get());
+    if (!text.owner) return failed(at::split);
+    return parse(text);
 }
 
 }  // namespace modules_util

@@ -35,8 +35,8 @@ Ref cookie_prefix(PyObject *https) {
     if (secure < 0) return {};
     const Ref prefix = Ref::steal(PyBytes_FromString(secure ? https_prefix : http_prefix));
     if (!prefix) return {};
-    return Ref::steal(
-        PyObject_CallFunctionObjArgs(text.get(), prefix.get(), names.charset, nullptr));
+    PyObject *const arguments[] = {prefix.get(), names.charset};
+    return Ref::steal(PyObject_VectorcallDict(text.get(), arguments, 2, nullptr));
 }
 
 Ref serial_number_hash() {
@@ -54,8 +54,8 @@ Ref cookie_name(PyObject *https) {
     if (!prefix) return {};
     const Ref hash = serial_number_hash();
     if (!hash) return {};
-    return Ref::steal(
-        PyObject_CallFunctionObjArgs(format.get(), prefix.get(), hash.get(), nullptr));
+    PyObject *const arguments[] = {prefix.get(), hash.get()};
+    return Ref::steal(PyObject_VectorcallDict(format.get(), arguments, 2, nullptr));
 }
 
 PyObject *cookie_memory_failed() {
@@ -95,7 +95,8 @@ Ref open_secret(PyObject *path, PyObject *mode) {
     if (!open) return {};
     const Ref absolute = Ref::steal(PyObject_CallMethodNoArgs(path, names.absolute));
     if (!absolute) return {};
-    return Ref::steal(PyObject_CallFunctionObjArgs(open.get(), absolute.get(), mode, nullptr));
+    PyObject *const arguments[] = {absolute.get(), mode};
+    return Ref::steal(PyObject_VectorcallDict(open.get(), arguments, 2, nullptr));
 }
 
 // hexlify(urandom(32)).decode()

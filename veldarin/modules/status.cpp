@@ -37,7 +37,7 @@ Ref new_request(PyObject *key, PyObject *value) {
 // none leaves it untouched. False with an exception and its entry.
 bool build_by_event(PyObject *event, JSONObject *request, JSONObject *response) {
     for (const CaptureEvent &row : capture_events) {
-        const int equal = PyObject_RichCompareBool(event, names.*row.event, Py_EQ);
+        const int equal = PyObject_RichCompareBool(event, names[row.event], Py_EQ);
         if (equal < 0) return failed(row.line);
         if (equal) {
             response->object = row.build(nullptr, request->object, nullptr);
@@ -101,7 +101,7 @@ PyObject *run(const Query &query, PyObject *const *arguments) {
     const int keyed = is_keyed(query.request.keyed, arguments[0]);
     if (keyed < 0) return failed(at.keyed_request);
     const Ref request =
-        keyed ? new_request(names.*query.request.key, arguments[0]) : new_request(nullptr, nullptr);
+        keyed ? new_request(names[query.request.key], arguments[0]) : new_request(nullptr, nullptr);
     if (!request) return failed(keyed ? at.keyed_request : at.empty_request);
     const Ref response = Ref::steal(PyObject_CallNoArgs(state.imports.JSONObject));
     if (!response) return failed(at.response);

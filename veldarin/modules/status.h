@@ -13,35 +13,36 @@ namespace modules_util {
 
 // The request dictionary: {}, or {key: argument} on a condition.
 struct Request {
-    enum Keyed { never, always, if_true, unless_none } keyed = never;
-    Name key = nullptr;
+    enum Keyed : char { never, always, if_true, unless_none };
+    Name key = Name::none;
+    Keyed keyed = never;
 };
 
 // One of the native functions that `event` chooses from.
 struct CaptureEvent {
     Name event;
-    json_object *(*build)(void *context, json_object *request, void *);
     int line;
+    json_object *(*build)(void *context, json_object *request, void *);
 };
 
 inline constexpr CaptureEvent capture_events[] = {
-    {&Names::Running, build_start_sniffer_profile_capture,  line::capture_event::running},
-    {&Names::Stop,    build_stop_sniffer_profile_capture,   line::capture_event::stop   },
-    {&Names::Pause,   build_pause_sniffer_profile_capture,  line::capture_event::pause  },
-    {&Names::Delete,  build_delete_sniffer_profile_capture, line::capture_event::erase  },
+    {Name::Running, line::capture_event::running, build_start_sniffer_profile_capture },
+    {Name::Stop,    line::capture_event::stop,    build_stop_sniffer_profile_capture  },
+    {Name::Pause,   line::capture_event::pause,   build_pause_sniffer_profile_capture },
+    {Name::Delete,  line::capture_event::erase,   build_delete_sniffer_profile_capture},
 };
 
 struct Query {
     Request request;
     json_object *(*build)(void *context, json_object *request);  // null: no native call
     line::Query at;
-    enum Variation { plain, by_event, one_interface } variation = plain;
+    enum Variation : char { plain, by_event, one_interface } variation = plain;
 };
 
 inline constexpr Request empty;
-constexpr Request always(Name key) { return {Request::always, key}; }
-constexpr Request if_true(Name key) { return {Request::if_true, key}; }
-constexpr Request unless_none(Name key) { return {Request::unless_none, key}; }
+constexpr Request always(Name key) { return {key, Request::always}; }
+constexpr Request if_true(Name key) { return {key, Request::if_true}; }
+constexpr Request unless_none(Name key) { return {key, Request::unless_none}; }
 
 // The ACL egress and pre-lookup counters and the MCLAG queries are wired to no native function on
 // purpose: they return what an argument-less JSONObject holds.
@@ -52,27 +53,27 @@ constexpr Request unless_none(Name key) { return {Request::unless_none, key}; }
     inline constexpr Query function{request, build, line::function, Query::variation};
 
 //    function                            request                         native function
-QUERY(switch_acl_ingress_counter,         if_true(&Names::policy_id),     build_switch_acl_ingress_stats)
-QUERY(switch_acl_egress_counter,          if_true(&Names::policy_id),     nullptr)
-QUERY(switch_acl_prelookup_counter,       if_true(&Names::policy_id),     nullptr)
+QUERY(switch_acl_ingress_counter,         if_true(Name::policy_id),     build_switch_acl_ingress_stats)
+QUERY(switch_acl_egress_counter,          if_true(Name::policy_id),     nullptr)
+QUERY(switch_acl_prelookup_counter,       if_true(Name::policy_id),     nullptr)
 
-QUERY(list_switch_stp_state,              always(&Names::instance_id),    build_switch_stp_state)
+QUERY(list_switch_stp_state,              always(Name::instance_id),    build_switch_stp_state)
 QUERY(list_switch_lg_state,               empty,                          build_switch_lg_state)
 QUERY(list_switch_flapguard_status,       empty,                          build_switch_flapguard_status)
-QUERY(list_switch_port_statistics,        unless_none(&Names::port_name), build_switch_port_statistics)
-QUERY(list_switch_lldp_state,             unless_none(&Names::port_name), build_switch_lldp_state)
-QUERY(list_switch_trunk_state,            if_true(&Names::trunk_name),    build_switch_trunk_state)
-QUERY(list_switch_mclag_list,             if_true(&Names::mkey),          nullptr)
+QUERY(list_switch_port_statistics,        unless_none(Name::port_name), build_switch_port_statistics)
+QUERY(list_switch_lldp_state,             unless_none(Name::port_name), build_switch_lldp_state)
+QUERY(list_switch_trunk_state,            if_true(Name::trunk_name),    build_switch_trunk_state)
+QUERY(list_switch_mclag_list,             if_true(Name::mkey),          nullptr)
 QUERY(switch_mclag_icl,                   empty,                          nullptr)
-QUERY(list_switch_igmp_snooping_group,    if_true(&Names::port_name),     build_switch_igmp_snooping_group)
+QUERY(list_switch_igmp_snooping_group,    if_true(Name::port_name),     build_switch_igmp_snooping_group)
 QUERY(list_switch_module_summary,         empty,                          build_switch_modules_summary)
 
-VARIATION(list_system_interface_physical, always(&Names::name),           build_system_interface_physical, one_interface)
+VARIATION(list_system_interface_physical, always(Name::name),           build_system_interface_physical, one_interface)
 QUERY(list_system_flash_list_status,      empty,                          build_system_flash_list)
 QUERY(list_system_link_monitor_status,    empty,                          build_system_link_monitor_status)
 
 QUERY(get_system_sniffer_profile_summary, empty,                          build_system_sniffer_profile_summary)
-VARIATION(capture_sniffer_profile,        always(&Names::profile_name_key), nullptr, by_event)
+VARIATION(capture_sniffer_profile,        always(Name::profile_name_key), nullptr, by_event)
 
 #undef QUERY
 #undef VARIATION

@@ -139,8 +139,6 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyModule_NewObject(...)           FAULTS_CALL(null, PyModule_NewObject, (__VA_ARGS__), #__VA_ARGS__)
 #define PyNumber_Add(...)                 FAULTS_CALL(null, PyNumber_Add, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_Call(...)                FAULTS_CALL(null, PyObject_Call, (__VA_ARGS__), #__VA_ARGS__)
-#define PyObject_CallFunction(...)        FAULTS_CALL(null, PyObject_CallFunction, (__VA_ARGS__), #__VA_ARGS__)
-#define PyObject_CallFunctionObjArgs(...) FAULTS_CALL(null, PyObject_CallFunctionObjArgs, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_CallMethodNoArgs(...)    FAULTS_CALL(null, PyObject_CallMethodNoArgs, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_CallMethodOneArg(...)    FAULTS_CALL(null, PyObject_CallMethodOneArg, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_CallNoArgs(...)          FAULTS_CALL(null, PyObject_CallNoArgs, (__VA_ARGS__), #__VA_ARGS__)
@@ -154,12 +152,14 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyObject_RichCompare(...)         FAULTS_CALL(null, PyObject_RichCompare, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_RichCompareBool(...)     FAULTS_CALL(negative, PyObject_RichCompareBool, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_SetItem(...)             FAULTS_CALL(negative, PyObject_SetItem, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_VectorcallDict(...)      FAULTS_CALL(null, PyObject_VectorcallDict, (__VA_ARGS__), #__VA_ARGS__)
 #define PySequence_Contains(...)          FAULTS_CALL(negative, PySequence_Contains, (__VA_ARGS__), #__VA_ARGS__)
 #define PyTuple_Pack(...)                 FAULTS_CALL(null, PyTuple_Pack, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_AsEncodedString(...)    FAULTS_CALL(null, PyUnicode_AsEncodedString, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_AsUTF8(...)             FAULTS_CALL(null, PyUnicode_AsUTF8, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_Compare(...)            FAULTS_CALL(negative_with_error, PyUnicode_Compare, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_DecodeUTF8(...)         FAULTS_CALL(null, PyUnicode_DecodeUTF8, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_FromFormat(...)         FAULTS_CALL(null, PyUnicode_FromFormat, (__VA_ARGS__), #__VA_ARGS__)
-#define PyUnicode_FromKindAndData(...)    FAULTS_CALL(null, PyUnicode_FromKindAndData, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_InternFromString(...)   FAULTS_CALL(null, PyUnicode_InternFromString, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_New(...)                FAULTS_CALL(null, PyUnicode_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_Replace(...)            FAULTS_CALL(null, PyUnicode_Replace, (__VA_ARGS__), #__VA_ARGS__)
@@ -170,6 +170,9 @@ void kept(Made made, PyObject **type, Call &&call) {
 #undef PyCFunction_NewEx
 #define PyCFunction_NewEx(method, self, module) \
     FAULTS_CALL(null, PyCMethod_New, (method, self, module, nullptr), #method ", " #self ", " #module)
+#undef PyObject_GC_New
+#define PyObject_GC_New(type, object) \
+    reinterpret_cast<type *>(FAULTS_CALL(null, _PyObject_GC_New, (object), #type ", " #object))
 #undef PyUnicode_READY
 #define PyUnicode_READY(text) \
     (PyUnicode_IS_READY(text) ? 0 : FAULTS_CALL(negative, _PyUnicode_Ready, (text), #text))

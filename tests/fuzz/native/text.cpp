@@ -1,10 +1,10 @@
 // The text layer's scanning under libFuzzer, and in the tests, over storage that ends where the
 // text ends: a `str` has a NUL behind it, which would hide a step too far. It needs the
-// interpreter's tables of characters, and no interpreter; what makes objects (Pool, to_str, scan)
-// is under the other target.
+// interpreter's tables of characters, and no interpreter; what makes objects (Strings, open,
+// removed) is under the other target.
 //
-// The first byte of an input is the width of a character, the second what is searched for. What is
-// found is held against what defines it, not against another way to find it.
+// The first byte of an input is how wide its characters are, the second what is searched for. What
+// is found is held against what defines it, not against another way to find it.
 #include <Python.h>
 
 #include <algorithm>
@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "veldarin/modules/runtime/text.h"
@@ -28,134 +29,165 @@ void require(bool holds, const char *what, int line) {
 }
 #define REQUIRE(...) require((__VA_ARGS__), #__VA_ARGS__, __LINE__)
 
-// A wide character is a blank beyond Latin-1, or has a low byte that means something.
-template <typename Char>
-Char character(uint8_t byte) {
-    if constexpr (sizeof(Char) == 1) return static_cast<Char>(byte);
-    if (byte < 0x80) return byte;
-    const auto wide = byte & 0x40 ? 0x2000 | (byte & 0x3f) : 0x100 | (byte & 0x3f);
-    return static_cast<Char>(sizeof(Char) == 4 && (byte & 0x20) ? wide | 0x10000 : wide);
-}
-template <>
-char character<char>(uint8_t byte) {
-    return static_cast<char>(byte & 0x7f);
+// ASCII, Latin-1, and wider characters: those are a blank, or have a low byte that means something,
+// or are a surrogate.
+Py_UCS4 character(int width, uint8_t byte) {
+    if (width == 0) return byte & 0x7fU;
+    if (width == 1 || byte < 0x80) return byte;
+    const Py_UCS4 wide = byte & 0x40 ? 0x2000U | (byte & 0x3fU) : 0x100U | (byte & 0x3fU);
+    if (width == 3 && (byte & 0x20)) return wide | 0x10000;
+    return byte == 0x9f ? 0xd800 : wide;
 }
 
-template <typename Char>
-bool blank(Char each) {
-    return Py_UNICODE_ISSPACE(static_cast<Py_UCS4>(each)) != 0;
+std::string encoded(Py_UCS4 each) {
+    const auto last = [](Py_UCS4 bits) { return static_cast<char>(0x80 | (bits & 0x3f)); };
+    const auto lead = [](Py_UCS4 mark, Py_UCS4 bits) { return static_cast<char>(mark | bits); };
+    if (each < 0x80) return {lead(0, each)};
+    if (each < 0x800) return {lead(0xc0, each >> 6), last(each)};
+    if (each < 0x10000) return {lead(0xe0, each >> 12), last(each >> 6), last(each)};
+    return {lead(0xf0, each >> 18), last(each >> 12), last(each >> 6), last(each)};
 }
 
-template <typename Char, size_t size>
-bool at(Slice<Char> text, const Char *place, const char (&word)[size]) {
-    return text.end - place >= static_cast<Py_ssize_t>(size - 1) &&
-           std::equal(word, word + size - 1, place, [](char expected, Char found) {
-               return found == static_cast<Char>(expected);
-           });
+// The text by its characters: where each begins, and whether it is white space.
+struct Sample {
+    std::unique_ptr<char[]> storage;
+    Slice text;
+    std::vector<const char *> begins;  // and the end of the text
+    std::vector<bool> blank;           // of every byte
+
+    Sample(int width, const uint8_t *data, size_t size) {
+        std::string bytes;
+        std::vector<size_t> places;
+        for (size_t i = 0; i < size; ++i) {
+            const Py_UCS4 each = character(width, data[i]);
+            places.push_back(bytes.size());
+            bytes += encoded(each);
+            blank.resize(bytes.size(), Py_UNICODE_ISSPACE(each) != 0);
+        }
+        storage.reset(new char[bytes.size()]);
+        std::copy(bytes.begin(), bytes.end(), storage.get());
+        text = Slice(storage.get(), storage.get() + bytes.size());
+        for (const size_t place : places) begins.push_back(text.begin + place);
+        begins.push_back(text.end);
+    }
+
+    [[nodiscard]] bool is_blank(const char *at) const {
+        return blank[static_cast<size_t>(at - text.begin)];
+    }
+    [[nodiscard]] bool are(bool blanks, const char *begin, const char *end) const {
+        for (; begin != end; ++begin) {
+            if (is_blank(begin) != blanks) return false;
+        }
+        return true;
+    }
+    [[nodiscard]] bool is_whole(Slice part) const {
+        const auto begins_at = [this](const char *at) {
+            return std::find(begins.begin(), begins.end(), at) != begins.end();
+        };
+        return part.begin <= part.end && begins_at(part.begin) && begins_at(part.end);
+    }
+};
+
+bool same(Slice one, Slice other) { return one.begin == other.begin && one.end == other.end; }
+
+bool at(Slice text, const char *place, Slice word) {
+    return text.end - place >= word.size() && std::equal(word.begin, word.end, place);
 }
 
-template <typename Char, size_t size>
-const Char *first(Slice<Char> text, const char (&word)[size]) {
-    const Char *place = text.begin;
+void check_word(Slice text, Slice word) {
+    const char *place = text.begin;
     while (place != text.end && !at(text, place, word)) ++place;
-    return place;
-}
-
-template <typename Char, size_t size>
-void check_word(Slice<Char> text, const char (&word)[size]) {
-    const Char *found = first(text, word);
-    REQUIRE(search(text, word) == found);
-    REQUIRE(contains(text, word) == (found != text.end));
+    REQUIRE(find(text, word) == place);
     REQUIRE(starts_with(text, word) == at(text, text.begin, word));
 
-    std::vector<Char> left;
-    for (Slice<Char> rest = text; !rest.empty();) {
+    std::vector<char> left;
+    for (Slice rest = text; !rest.empty();) {
         const bool skipped = at(rest, rest.begin, word);
         if (!skipped) left.push_back(*rest.begin);
-        rest.begin += skipped ? size - 1 : 1;
+        rest.begin += skipped ? word.size() : 1;
     }
-    const auto length = static_cast<Py_ssize_t>(left.size());
-    std::vector<Char> copy(left.size());
-    REQUIRE(copy_without(text, word, static_cast<Char *>(nullptr)) == length);
-    if (copy.empty()) return;
-    REQUIRE(copy_without(text, word, copy.data()) == length && copy == left);
+    const std::unique_ptr<char[]> copy(new char[left.size()]);
+    const char *end = copy_without(text, word, copy.get());
+    REQUIRE(end == copy.get() + left.size() && std::equal(left.begin(), left.end(), copy.get()));
 }
 
 // The fields and the separators between them are the text, and no field has a separator.
-template <typename Char>
-void check_fields(Slice<Char> text, char separator) {
-    Fields<Char> fields(text, separator);
-    Slice<Char> field;
-    const Char *expected = text.begin;
-    int count = 0;
-    for (; fields.next(field); ++count) {
-        REQUIRE(field.begin == expected && field.begin <= field.end && field.end <= text.end);
+void check_fields(Slice text, char separator) {
+    const auto expected = 1 + std::count(text.begin, text.end, separator);
+    std::vector<Slice> fields(static_cast<size_t>(expected) + 1);
+    REQUIRE(split(text, separator, fields.data(), static_cast<int>(expected) + 1) == expected);
+    const char *begin = text.begin;
+    Lines lines(text);
+    for (int i = 0; i < expected; ++i) {
+        const Slice &field = fields[static_cast<size_t>(i)];
+        REQUIRE(field.begin == begin && field.begin <= field.end && field.end <= text.end);
         REQUIRE(find(field, separator) == field.end);
-        const Char wanted = static_cast<Char>(separator);
-        REQUIRE(std::find(field.begin, field.end, wanted) == field.end);
-        if (field.end != text.end) REQUIRE(*field.end == wanted);
-        expected = field.end == text.end ? text.end : field.end + 1;
-        Slice<Char> again;
-        REQUIRE(element(Fields<Char>(text, separator), count, again));
-        REQUIRE(again.begin == field.begin && again.end == field.end);
+        REQUIRE(std::find(field.begin, field.end, separator) == field.end);
+        REQUIRE((field.end == text.end) == (i == expected - 1));
+        begin = field.end + 1;
+        Slice line;
+        if (separator == '\n') REQUIRE(lines.next(line) && same(line, field));
     }
-    const auto separators = std::count(text.begin, text.end, static_cast<Char>(separator));
-    REQUIRE(count == separators + 1 && !element(Fields<Char>(text, separator), count, field));
+    Slice none;
+    if (separator == '\n') REQUIRE(!lines.next(none));
+
+    Slice first[2];
+    REQUIRE(split(text, separator, first) == std::min<Py_ssize_t>(expected, 2));
+    REQUIRE(same(first[0], fields[0]) && (expected == 1 || same(first[1], fields[1])));
 }
 
 // Words are not blank, and what lies around and between them is.
-template <typename Char>
-void check_words(Slice<Char> text) {
-    Words<Char> words(text);
-    Slice<Char> word;
-    const Char *expected = text.begin;
-    while (words.next(word)) {
-        REQUIRE(!word.empty() && word.end <= text.end);
+void check_words(const Sample &sample) {
+    const Slice text = sample.text;
+    std::vector<Slice> words(sample.begins.size());
+    const int count = split(text, words.data(), static_cast<int>(words.size()));
+    const char *expected = text.begin;
+    for (int i = 0; i < count; ++i) {
+        const Slice &word = words[static_cast<size_t>(i)];
+        REQUIRE(sample.is_whole(word) && !word.empty());
         REQUIRE(expected == text.begin || word.begin != expected);
-        REQUIRE(std::all_of(expected, word.begin, blank<Char>));
-        REQUIRE(std::none_of(word.begin, word.end, blank<Char>));
+        REQUIRE(sample.are(true, expected, word.begin) && sample.are(false, word.begin, word.end));
         expected = word.end;
     }
-    REQUIRE(std::all_of(expected, text.end, blank<Char>));
+    REQUIRE(sample.are(true, expected, text.end));
+
+    Slice first[2];
+    REQUIRE(split(text, first) == std::min(count, 2));
+    for (int i = 0; i < std::min(count, 2); ++i) {
+        REQUIRE(same(first[i], words[static_cast<size_t>(i)]));
+    }
 }
 
-template <typename Char>
-void check_stripped(Slice<Char> text) {
-    const Slice<Char> left = left_stripped(text);
-    const Slice<Char> right = right_stripped(text);
-    const Slice<Char> both = stripped(text);
+void check_stripped(const Sample &sample) {
+    const Slice text = sample.text;
+    const Slice left = left_stripped(text);
+    const Slice right = right_stripped(text);
+    const Slice both = stripped(text);
     REQUIRE(left.end == text.end && right.begin == text.begin);
-    REQUIRE(std::all_of(text.begin, left.begin, blank<Char>));
-    REQUIRE(std::all_of(right.end, text.end, blank<Char>));
-    REQUIRE(left.empty() || !blank(*left.begin));
-    REQUIRE(right.empty() || !blank(right.end[-1]));
+    REQUIRE(sample.is_whole(left) && sample.is_whole(right));
+    REQUIRE(sample.are(true, text.begin, left.begin) && sample.are(true, right.end, text.end));
+    REQUIRE(left.empty() || !sample.is_blank(left.begin));
+    REQUIRE(right.empty() || !sample.is_blank(right.end - 1));
     REQUIRE(both.begin == left.begin && both.end == (left.empty() ? left.end : right.end));
+    for (const char *at = text.begin; at != text.end; ++at) {
+        REQUIRE(is_space(at) == sample.is_blank(at));
+    }
 }
 
-template <typename Char>
-void check(uint8_t choice, const uint8_t *data, size_t size) {
-    const std::unique_ptr<Char[]> storage(new Char[size]);
-    std::transform(data, data + size, storage.get(), character<Char>);
-    const Slice<Char> text{storage.get(), storage.get() + size};
-
-    check_fields(text, "\n:, "[choice % 4]);
-    check_words(text);
-    check_stripped(text);
-    check_word(text, "packets");
-    check_word(text, "--More--");
-    check_word(text, "\t");
-    check_word(text, "aab");
+void check(int width, uint8_t choice, const uint8_t *data, size_t size) {
+    const Sample sample(width, data, size);
+    check_fields(sample.text, "\n:, "[choice % 4]);
+    check_words(sample);
+    check_stripped(sample);
+    check_word(sample.text, Slice("packets"));
+    check_word(sample.text, Slice("--More--"));
+    check_word(sample.text, Slice("\t"));
+    check_word(sample.text, Slice("aab"));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    if (size < 2) return 0;
-    switch (data[0] % 4) {
-        case 0: check<char>(data[1], data + 2, size - 2); break;
-        case 1: check<Py_UCS1>(data[1], data + 2, size - 2); break;
-        case 2: check<Py_UCS2>(data[1], data + 2, size - 2); break;
-        default: check<Py_UCS4>(data[1], data + 2, size - 2); break;
-    }
+    if (size >= 2) check(data[0] % 4, data[1], data + 2, size - 2);
     return 0;
 }

@@ -1,4 +1,4 @@
-// Functions as rows: name, parameters and body; and the binding of a call's arguments to them.
+// What a call needs to know of its function, and the binding of the call's arguments to it.
 #pragma once
 
 #include <Python.h>
@@ -11,40 +11,51 @@ namespace modules_util {
 inline constexpr int most_parameters = 2;
 
 struct Parameter {
-    Name name = nullptr;
-    PyTypeObject *type = nullptr;         // accepted exactly, as is None; null: anything
-    PyObject *const *fallback = nullptr;  // the default; null: required
+    enum Type : char { anything, bytes, text };  // accepted exactly, as is None
+    enum Default : char { required, none, sessions };
+
+    Name name = Name::none;
+    Type type = anything;
+    Default fallback = required;
 };
 
 struct Function {
-    enum Kind { none, one, keywords } kind;
-    const char *name;
+    enum Kind : char { none, one, keywords } kind;
+    short first_line;
     Parameter parameters[most_parameters];
-    PyObject *(*body)(PyObject *const *arguments);  // borrowed; a new reference or null
-    int first_line;
 
     [[nodiscard]] constexpr int count() const {
         int count = 0;
-        while (count < most_parameters && parameters[count].name) ++count;
+        while (count < most_parameters && parameters[count].name != Name::none) ++count;
         return count;
     }
     [[nodiscard]] constexpr int required() const {
         int required = 0;
-        while (required < count() && !parameters[required].fallback) ++required;
+        while (required < count() && parameters[required].fallback == Parameter::required)
+            ++required;
         return required;
     }
 };
 
-// Binds positional arguments and a keyword dictionary (or null) to the parameters. False with a
-// TypeError set.
-bool bind(const Function &function, PyObject *positional, PyObject *keywords, Ref *bound);
+// Binds positional arguments and a keyword dictionary (or null) to the parameters of the function
+// of this name. False with a TypeError set.
+bool bind(const char *name, const Function &function, PyObject *positional, PyObject *keywords,
+          Ref *bound);
+
+// The TypeError of an argument that is not of the parameter's type.
+[[gnu::cold]] void refuse(const Parameter &parameter, PyObject *argument);
+
+inline PyTypeObject *accepted_type(const Parameter &parameter) {
+    return parameter.type == Parameter::text ? &PyUnicode_Type : &PyBytes_Type;
+}
 
 // The type test of one argument. False with a TypeError set.
 inline bool accepts(const Parameter &parameter, PyObject *argument) {
-    if (!parameter.type || Py_TYPE(argument) == parameter.type || argument == Py_None) return true;
-    PyErr_Format(PyExc_TypeError,
-                 "Argument '%.200U' has incorrect type (expected %.200s, got %.200s)",
-                 names.*parameter.name, parameter.type->tp_name, Py_TYPE(argument)->tp_name);
+    if (parameter.type == Parameter::anything || argument == Py_None ||
+        Py_TYPE(argument) == accepted_type(parameter)) {
+        return true;
+    }
+    refuse(parameter, argument);
     return false;
 }
 

@@ -7,7 +7,7 @@
 namespace modules_util {
 
 // The IndexError of the statement at `line`.
-Failed index_error(int line);
+[[gnu::cold]] Failed index_error(int line);
 
 void raise_not_bytes(PyObject *object);
 void raise_unbound_local(const char *variable);

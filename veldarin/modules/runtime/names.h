@@ -71,6 +71,16 @@ namespace modules_util {
     X(blank, " ")                                                                                 \
     X(empty, "")
 
+// A name in a constant table: `names[row.key]` is the object.
+enum class Name : unsigned char {
+    none,
+#define MODULES_UTIL_IDENTIFIER(name) name,
+#define MODULES_UTIL_TEXT(name, text) name,
+    MODULES_UTIL_IDENTIFIERS(MODULES_UTIL_IDENTIFIER) MODULES_UTIL_TEXTS(MODULES_UTIL_TEXT)
+#undef MODULES_UTIL_IDENTIFIER
+#undef MODULES_UTIL_TEXT
+};
+
 struct Names {
 #define MODULES_UTIL_IDENTIFIER(name) PyObject *name;
 #define MODULES_UTIL_TEXT(name, text) PyObject *name;
@@ -78,10 +88,12 @@ struct Names {
     MODULES_UTIL_TEXTS(MODULES_UTIL_TEXT)
 #undef MODULES_UTIL_IDENTIFIER
 #undef MODULES_UTIL_TEXT
-};
 
-// A name in a constant table: `names.*row.key` is the object.
-using Name = PyObject *Names::*;
+    // The members lie as the names are counted.
+    PyObject *&operator[](Name which) {
+        return reinterpret_cast<PyObject **>(this)[static_cast<size_t>(which) - 1];
+    }
+};
 
 extern Names names;
 

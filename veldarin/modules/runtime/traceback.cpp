@@ -34,10 +34,16 @@ Ref new_import_code() {
 Ref new_entry(PyObject *code, PyObject *globals, PyObject *next, int line) {
     PyFrameObject *frame =
         PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject *>(code), globals, nullptr);
-    const Ref owned_frame = Ref::steal(reinterpret_cast<PyObject *>(frame));
+    Ref owned_frame = Ref::steal(reinterpret_cast<PyObject *>(frame));
     if (!owned_frame) return {};
-    return Ref::steal(PyObject_CallFunction(reinterpret_cast<PyObject *>(&PyTraceBack_Type), "OOii",
-                                            next ? next : Py_None, frame, frame->f_lasti, line));
+    auto *entry = PyObject_GC_New(PyTracebackObject, &PyTraceBack_Type);
+    if (!entry) return {};
+    entry->tb_next = reinterpret_cast<PyTracebackObject *>(Ref::borrow(next).release());
+    entry->tb_frame = reinterpret_cast<PyFrameObject *>(owned_frame.release());
+    entry->tb_lasti = frame->f_lasti;
+    entry->tb_lineno = line;
+    PyObject_GC_Track(entry);
+    return Ref::steal(reinterpret_cast<PyObject *>(entry));
 }
 
 // `function` is borrowed; null is the import itself, whose code object is made when it fails.
@@ -66,12 +72,10 @@ Failed failed(int line) {
 void failed_import(PyObject *globals, int line) { add_entry(nullptr, globals, line); }
 
 bool add_code_object(const char *function, int first_line) {
-    const Ref name = Ref::steal(PyUnicode_FromFormat("veldarin.modules.modules_util.%s", function));
-    if (!name) return false;
-    const char *text = PyUnicode_AsUTF8(name.get());
-    if (!text) return false;
+    char name[80];
+    PyOS_snprintf(name, sizeof name, "veldarin.modules.modules_util.%s", function);
     const Ref code =
-        Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, text, first_line)));
+        Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, name, first_line)));
     return code && PyList_Append(state.code_objects, code.get()) == 0;
 }
 

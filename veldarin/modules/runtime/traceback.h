@@ -15,7 +15,7 @@ struct Failed {
 
 // Ends a failing statement, as in `return failed(line)`: adds the entry of the function that `line`
 // belongs to. Without memory for the entry the exception stays as it is.
-Failed failed(int line);
+[[gnu::cold]] Failed failed(int line);
 
 // The entry of a failing import. `globals` is the dictionary of the module being imported.
 void failed_import(PyObject *globals, int line);

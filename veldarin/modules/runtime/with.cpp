@@ -17,8 +17,8 @@ Ref special_method(PyObject *object, PyObject *name) {
 
 bool exit_with_exception(PyObject *exit, int line) {
     Handled exception;
-    const Ref answer = Ref::steal(PyObject_CallFunctionObjArgs(
-        exit, exception.type(), exception.value(), exception.traceback(), nullptr));
+    PyObject *const arguments[] = {exception.type(), exception.value(), exception.traceback()};
+    const Ref answer = Ref::steal(PyObject_VectorcallDict(exit, arguments, 3, nullptr));
     if (!answer) return failed(line);
     const int swallowed = PyObject_IsTrue(answer.get());
     if (swallowed < 0) return failed(line);
