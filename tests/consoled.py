@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib
 import os
 import re
 import subprocess
@@ -17,6 +18,7 @@ from appliance.answers import bfd
 from appliance.console.app import application
 from appliance.console.bench import Bench
 from appliance.console.shelf import Shelf
+from appliance.device import PRODUCT
 from tests import fresh
 
 SECONDS = 60  # far beyond anything here; a hang must end somewhere
@@ -54,7 +56,13 @@ def opened(folder: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
     monkeypatch.setenv("APPLIANCE_STATE", str(folder / "state"))
     monkeypatch.setattr(bfd, "_shell", lambda command: None)
     with Bench(Shelf(folder / "shelf", scenario(folder / "given"))) as bench:
+        module = importlib.import_module(PRODUCT)
+        # The dictionary that calls without one of their own share is the process's, and outlives
+        # the test: a command that prints no session gives the dictionary itself.
+        shared = module.get_bfd_neighbor("get system arp")
+        shared.clear()
         yield bench
+        shared.clear()
 
 
 def client(bench: Bench) -> TestApp:

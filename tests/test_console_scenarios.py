@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import threading
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -378,8 +379,14 @@ def test_nothing_is_written_through_a_link_in_a_scenario(
 
 def test_a_pipe_in_a_scenario_holds_nobody_up(asked: Any, shelf: Path) -> None:
     (shelf / "mine").mkdir()
-    os.mkfifo(shelf / "mine" / f"{LG_STATE}.json")
+    pipe = shelf / "mine" / f"{LG_STATE}.json"
+    os.mkfifo(pipe)
+    # Opening it waits for somebody who writes, if it waits at all: let it end then, and be seen.
+    late = threading.Timer(10, lambda: os.close(os.open(pipe, os.O_WRONLY | os.O_NONBLOCK)))
+    late.start()
     assert asked("/api/scenarios/load", {"name": "mine"}, status=422)["error"]["problem"]
+    assert not late.finished.is_set(), "it was waited for"
+    late.cancel()
 
 
 def test_a_scenario_of_too_many_bytes_is_refused(
@@ -393,6 +400,20 @@ def test_a_scenario_of_too_many_bytes_is_refused(
     (shelf / "mine" / "cli" / "b.txt").write_text("123456")
     with pytest.raises(Problem, match="more than 10 bytes"):
         Shelf(shelf).read("mine")
+
+
+def test_a_file_that_cannot_be_replaced_leaves_no_draft_behind(
+    asked: Any, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    before = tree(tmp_path / "given")
+
+    def full(*_: Any, **__: Any) -> None:
+        raise OSError(28, "No space left on device")
+
+    monkeypatch.setattr(os, "replace", full)
+    error = asked("/api/scenarios/save", {"name": "given"}, status=409)["error"]
+    assert error["problem"] == "scenario given: no space left on device"
+    assert tree(tmp_path / "given") == before
 
 
 def test_a_shelf_that_cannot_be_written_to_is_told(asked: Any, tmp_path: Path, shelf: Path) -> None:

@@ -168,6 +168,21 @@ def test_it_listens_on_loopback_and_nowhere_else(tmp_path: Path) -> None:
     assert host == "127.0.0.1"
 
 
+@pytest.mark.parametrize("address", ["0.0.0.0", "::", "192.0.2.1"])
+def test_it_does_not_leave_loopback_without_the_words(tmp_path: Path, address: str) -> None:
+    done = subprocess.run(
+        [sys.executable, "-m", "appliance", "console", "--port", "0", "--host", address],
+        cwd=fresh.ROOT,
+        env={**os.environ, "APPLIANCE_STATE": str(tmp_path)},
+        capture_output=True,
+        text=True,
+        timeout=SECONDS,
+    )
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr.count("\n") == 1
+    assert "add --i-know-this-is-not-protected" in done.stderr
+
+
 def test_it_leaves_loopback_when_told_in_words(tmp_path: Path) -> None:
     with running(tmp_path, "--host", "0.0.0.0", "--i-know-this-is-not-protected") as (_, _, port):
         at = ("127.0.0.1", port)

@@ -59,6 +59,7 @@ REFUSED = [
     ({"hex": "zz"}, "hex: pairs of hexadecimal digits are wanted"),
     ({"hex": "ü"}, "hex: pairs of hexadecimal digits are wanted"),
     ({"base64": "dXNlcg"}, "base64: Base64 with its padding is wanted"),
+    ({"base64": "dXNl*cg=="}, "base64: Base64 with its padding is wanted"),
     ({"base64": "dX*="}, "base64: Base64 with its padding is wanted"),
     ({"integer": "0x10"}, "integer: decimal digits are wanted"),
     ({"integer": "1_0"}, "integer: decimal digits are wanted"),

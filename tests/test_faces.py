@@ -506,7 +506,6 @@ def test_usage_errors_are_one_line_and_exit_status_2(run: Any, tmp_path: Path) -
         ("parse", "arp", "/no/such"): "/no/such: no such file or directory",
         ("parse", "arp", str(tmp_path)): "is a directory",
         ("console", "--port", "65536"): "a port is a number up to 65535, not 65536",
-        ("console", "--host", "0.0.0.0"): "add --i-know-this-is-not-protected",
         ("console", "--host", "example.invalid"): "--host is an IP address",
         ("console", "--scenario", "/no/such"): "/no/such: no such file or directory",
     }

@@ -113,14 +113,12 @@ def _run(device: Appliance, kind: Kind, text: bytes) -> Any:
 
 
 def _changed(line: bytes) -> bytes:
-    """The line with other words. The first stays, by which parsers know a line, and so does the
-    key before a colon; a single word is changed at its end."""
+    """The line with other words, a mark at the end of each. The first stays, by which parsers know
+    a line, if it is not the only one."""
     words = list(_WORD.finditer(line))
-    changed = line
     for word in reversed(words[1:] or words):
-        if not word[0].endswith(b":"):
-            changed = changed[: word.end()] + b"~" + changed[word.end() :]
-    return changed
+        line = line[: word.end()] + b"~" + line[word.end() :]
+    return line
 
 
 def _values(result: Any, path: Path = ()) -> Iterator[tuple[Path, Any]]:
