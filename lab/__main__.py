@@ -15,16 +15,16 @@ _STAY = "--stay"
 
 def main(arguments: list[str]) -> int:
     """Runs pytest on the lab with the arguments, or stays; returns the exit status."""
+    reason = why_not()
+    if reason:
+        print(f"skipped: {reason}")
+        return 0
     if _STAY in arguments:
         return _stay()
     return int(pytest.main(["-q", str(ROOT / "lab"), *arguments]))
 
 
 def _stay() -> int:
-    reason = why_not()
-    if reason:
-        print(f"skipped: {reason}")
-        return 0
     with Lab() as lab:
         print(_invitation(lab), flush=True)
         with suppress(KeyboardInterrupt):

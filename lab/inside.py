@@ -17,7 +17,7 @@ from typing import Any
 from appliance import Appliance
 from appliance.answers import default_answers
 
-_SECONDS = 20.0
+_SECONDS = 30.0
 _COMMAND_LINE = "get_cli_cmd_output"
 
 

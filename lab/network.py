@@ -26,7 +26,7 @@ from lab.inside import Inside
 from lab.topology import Port, Wire
 
 ROOT = Path(__file__).resolve().parent.parent
-SECONDS = 20.0  # for one command, and for a change to show
+SECONDS = 30.0  # for one command, and for a change to show
 
 _TOOLS = {
     "unshare": "util-linux",

@@ -3,6 +3,7 @@ their own JSON. Nothing here knows of the module or of the stand-in appliance.""
 
 from __future__ import annotations
 
+import json
 import time
 from collections.abc import Callable
 from typing import Any, TypeVar
@@ -49,17 +50,20 @@ def daemon_protocols(node: Node) -> set[str]:
 
 def routes(node: Node, version: int) -> Any:
     """The daemon's routes: prefix to its entries."""
-    return _daemon(node, f"show {_family(version)} route json")
+    (told,) = _daemon(node, f"show {_family(version)} route json")
+    return told
 
 
 def bfd(node: Node) -> Any:
     """The daemon's BFD sessions."""
-    return _daemon(node, "show bfd peers json")
+    (told,) = _daemon(node, "show bfd peers json")
+    return told
 
 
-def bfd_counters(node: Node) -> Any:
-    """The counters of the daemon's BFD sessions."""
-    return _daemon(node, "show bfd peers counters json")
+def bfd_with_counters(node: Node) -> tuple[Any, Any]:
+    """The daemon's BFD sessions, and their counters."""
+    peers, counters = _daemon(node, "show bfd peers json", "show bfd peers counters json")
+    return peers, counters
 
 
 def route_text(node: Node, version: int, address: str) -> str:
@@ -71,8 +75,15 @@ def _family(version: int) -> str:
     return "ip" if version == 4 else "ipv6"
 
 
-def _daemon(node: Node, command: str) -> Any:
-    return node.json("vtysh", "-c", command)
+def _daemon(node: Node, *commands: str) -> list[Any]:
+    """The JSON texts that the daemons' shell prints one after the other."""
+    text = node.run("vtysh", *(word for command in commands for word in ("-c", command))).strip()
+    told = []
+    while text:
+        value, end = json.JSONDecoder().raw_decode(text)
+        told.append(value)
+        text = text[end:].lstrip()
+    return told
 
 
 def steady(

@@ -9,16 +9,10 @@ from typing import Any
 from lab import daemons, topology
 from lab.checks import bfd
 from lab.network import Network, Node
+from lab.topology import Session
 
 # One wire is cut and mended; mended has to be as whole as before.
 STATES = ("whole", "cut", "mended")
-
-# Addresses whose routes go over the wire that is cut.
-ROUTED = {
-    "branch": (),
-    "hub": ("10.3.0.9", "2001:db8:3::9"),
-    "edge": ("203.0.113.9", "2001:db8:ffff::9", "10.80.0.9"),
-}
 
 # Of a node: "arp", "routes" (by address), "sessions" (by name), "listing".
 Told = dict[str, Any]
@@ -82,6 +76,11 @@ class Lab:
                 self._remember()
         return self._told[state]
 
+    def session(self, state: str, row: Session) -> dict[str, Any]:
+        """What the module said of a session in a state."""
+        told: dict[str, Any] = self.told(state)[row.node]["sessions"][f"{row.peer}_{row.place}"]
+        return told
+
     def _remember(self) -> None:
         if self._state not in self._told:
             self._told[self._state] = self._listen()
@@ -91,8 +90,9 @@ class Lab:
             name: {
                 "arp": node.inside.live("get_system_arp_result"),
                 "routes": {
-                    address: node.inside.live("get_routing_table_result", address)
-                    for address in ROUTED[name]
+                    row.address: node.inside.live("get_routing_table_result", row.address)
+                    for row in topology.REROUTED
+                    if row.node == name
                 },
                 "sessions": bfd.told(node),
                 "listing": node.inside.live("list_bfd_neighbor"),

@@ -93,8 +93,61 @@ KERNEL_ROUTES = {
         "prohibit 10.91.0.0/16",
     ),
     "hub": ("10.92.0.0/16 via 192.0.2.1 metric 77 proto static",),
-    "edge": (),
+    # Over the wire that is cut: the kernel keeps it, and says that its link is down.
+    "edge": ("10.93.0.0/16 via 198.51.100.5",),
 }
+
+
+class Rerouted(NamedTuple):
+    """An address whose route goes over the wire that is cut, and the route's next hops as the
+    module tells them: marker, address, port."""
+
+    node: str
+    address: str
+    whole: list[tuple[str, ...]]
+    cut: list[tuple[str, ...]]
+
+
+REROUTED = (
+    Rerouted(
+        "hub",
+        "10.3.0.9",
+        [("*", "198.51.100.2", "port2"), ("*", "198.51.100.6", "port3")],
+        [("*", "198.51.100.2", "port2")],
+    ),
+    Rerouted(
+        "hub",
+        "2001:db8:3::9",
+        [("*", "2001:db8:23::2", "port2"), ("*", "2001:db8:24::2", "port3")],
+        [("*", "2001:db8:23::2", "port2")],
+    ),
+    Rerouted(
+        "edge",
+        "203.0.113.9",
+        [("*", "198.51.100.1", "port1"), ("*", "198.51.100.5", "port2")],
+        [("*", "198.51.100.1", "port1")],
+    ),
+    Rerouted(
+        "edge",
+        "2001:db8:ffff::9",
+        [("*", "2001:db8:23::1", "port1"), ("*", "2001:db8:24::1", "port2")],
+        [("*", "2001:db8:23::1", "port1")],
+    ),
+    # The route of greater distance takes over.
+    Rerouted(
+        "edge",
+        "10.80.0.9",
+        [("*", "198.51.100.5", "port2")],
+        [("*", "198.51.100.1", "port1")],
+    ),
+    # The kernel's own stays, without its mark.
+    Rerouted(
+        "edge",
+        "10.93.0.9",
+        [("*", "198.51.100.5", "port2")],
+        [("", "198.51.100.5", "port2")],
+    ),
+)
 
 
 class Neighbor(NamedTuple):
@@ -127,8 +180,8 @@ class Session:
     local: str
     port: str | None
     multiplier: int = 3
-    receive: int = 150
-    transmit: int = 150
+    receive: int = 300
+    transmit: int = 300
     settings: tuple[str, ...] = ()  # further lines of the daemon's configuration
     answered: bool = True  # by a session of another node
 
@@ -148,20 +201,21 @@ class Session:
         return any((self.node, self.port) == (end.node, end.name) for end in CUT)
 
 
+# Long enough that no session ends because this machine is busy: nearly a second without a packet.
 SESSIONS = (
     # One session of each IP version: the listing of this node is complete.
-    Session("branch", "10.3.0.1", "10.1.0.1", None, 4, 200, 200, ("minimum-ttl 250",)),
-    Session("branch", "2001:db8:12::2", "2001:db8:12::1", "port1", 5, 160, 170),
+    Session("branch", "10.3.0.1", "10.1.0.1", None, 4, 320, 330, ("minimum-ttl 250",)),
+    Session("branch", "2001:db8:12::2", "2001:db8:12::1", "port1", 5, 290, 310),
     # Several of both.
-    Session("hub", "198.51.100.2", "198.51.100.1", "port2", 3, 110, 120),
-    Session("hub", "198.51.100.6", "198.51.100.5", "port3", 3, 130, 140),
+    Session("hub", "198.51.100.2", "198.51.100.1", "port2", 4, 310, 320),
+    Session("hub", "198.51.100.6", "198.51.100.5", "port3", 3, 330, 340),
     Session("hub", "192.0.2.77", "192.0.2.2", "port1", answered=False),
     Session("hub", "2001:db8:12::1", "2001:db8:12::2", "port1"),
-    Session("hub", "2001:db8:24::2", "2001:db8:24::1", "port3", 3, 150, 160),
+    Session("hub", "2001:db8:24::2", "2001:db8:24::1", "port3", 3, 350, 360),
     # Several of version 4, one of version 6.
-    Session("edge", "198.51.100.1", "198.51.100.2", "port1", 4, 180, 190, ("passive-mode",)),
+    Session("edge", "198.51.100.1", "198.51.100.2", "port1", 5, 280, 290, ("passive-mode",)),
     Session("edge", "198.51.100.5", "198.51.100.6", "port2"),
-    Session("edge", "10.1.0.1", "10.3.0.1", None, 4, 210, 220),
+    Session("edge", "10.1.0.1", "10.3.0.1", None, 4, 370, 380),
     Session("edge", "2001:db8:24::1", "2001:db8:24::2", "port2"),
 )
 

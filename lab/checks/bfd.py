@@ -150,9 +150,10 @@ def _while_steady(node: Node, act: Callable[[], Any]) -> Any:
 
 def _seen(node: Node) -> dict[str, Any]:
     """The daemon's sessions by the module's names for them, their counters included."""
-    seen = {_name(peer): dict(peer) for peer in oracles.bfd(node)}
-    for counters in oracles.bfd_counters(node):
-        seen[_name(counters)].update(counters)
+    peers, counters = oracles.bfd_with_counters(node)
+    seen = {_name(peer): dict(peer) for peer in peers}
+    for counted in counters:
+        seen[_name(counted)].update(counted)
     return seen
 
 
