@@ -70,6 +70,7 @@ class Route(NamedTuple):
 ROUTES = (
     Route("branch", "0.0.0.0/0", ("192.0.2.2",)),
     Route("branch", "203.0.113.0/24", ("blackhole",)),
+    Route("branch", "203.0.113.32/27", ("blackhole",)),
     Route("branch", "203.0.113.64/26", ("port1",)),
     Route("branch", "203.0.113.128/25", ("reject",)),
     Route("branch", "::/0", ("2001:db8:12::2",)),
