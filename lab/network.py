@@ -37,6 +37,8 @@ _TOOLS = {
     "/usr/lib/frr/staticd": "frr",
     "/usr/lib/frr/bfdd": "frr",
 }
+# The daemons and the system's tools go without the sanitizers' runtime, which would judge them too.
+_ALONE = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
 _NAMESPACES = ("--net", "--mount", "--pid")
 _FORKED = ("--fork", "--mount-proc")  # a process namespace begins with a child
 
@@ -91,6 +93,7 @@ class Node:
         self.peers = peers
         self._holder = subprocess.Popen(
             ["unshare", *_NAMESPACES, *_FORKED, "--kill-child", "sh", "-ec", _HOLDER],
+            env=_ALONE,
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -118,6 +121,7 @@ class Node:
         """What a command in the node prints. `LabError`: it failed."""
         done = subprocess.run(
             [*self.enter, *command],
+            env=_ALONE,
             input=given,
             capture_output=True,
             text=True,
