@@ -4,6 +4,7 @@ their own JSON. Nothing here knows of the module or of the stand-in appliance.""
 from __future__ import annotations
 
 import json
+import re
 import time
 from collections.abc import Callable
 from typing import Any, TypeVar
@@ -66,18 +67,28 @@ def bfd_with_counters(node: Node) -> tuple[Any, Any]:
     return peers, counters
 
 
-def route_text(node: Node, version: int, address: str) -> str:
-    """The daemon's own text of the entry that covers an address."""
-    return node.run("vtysh", "-c", f"show {_family(version)} route {address}")
+def route_texts(node: Node, version: int, addresses: list[str]) -> dict[str, str]:
+    """The daemon's own texts of the entries that cover the addresses, by prefix."""
+    commands = [f"show {_family(version)} route {address}" for address in addresses]
+    text = _shell(node, *commands)
+    texts: dict[str, str] = {}
+    for block in re.findall(r"^Routing entry for .*?(?=^Routing entry for |\Z)", text, re.M | re.S):
+        prefix = block.split()[3]
+        texts[prefix] = texts.get(prefix, "") + block
+    return texts
 
 
 def _family(version: int) -> str:
     return "ip" if version == 4 else "ipv6"
 
 
+def _shell(node: Node, *commands: str) -> str:
+    return node.run("vtysh", *(word for command in commands for word in ("-c", command)))
+
+
 def _daemon(node: Node, *commands: str) -> list[Any]:
     """The JSON texts that the daemons' shell prints one after the other."""
-    text = node.run("vtysh", *(word for command in commands for word in ("-c", command))).strip()
+    text = _shell(node, *commands).strip()
     told = []
     while text:
         value, end = json.JSONDecoder().raw_decode(text)

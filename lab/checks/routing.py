@@ -73,10 +73,9 @@ def own_text(version: int) -> Callable[[Node], Compared]:
         addresses = {prefix: address for prefix, _, address in _probes(node, version)}
 
         def act() -> dict[str, Any]:
-            return {
-                prefix: _parsed(node, oracles.route_text(node, version, addresses[prefix]))
-                for prefix in oracles.routes(node, version)
-            }
+            asked = [addresses[prefix] for prefix in oracles.routes(node, version)]
+            texts = oracles.route_texts(node, version, asked)
+            return {prefix: _parsed(node, text) for prefix, text in texts.items()}
 
         before, said, after = oracles.steady(
             lambda: oracles.routes(node, version), act, _without_times
