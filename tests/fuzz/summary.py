@@ -8,7 +8,7 @@ import subprocess
 from pathlib import Path
 from typing import NamedTuple
 
-PARSERS = ("arp.cpp", "bfd.cpp", "cli.cpp", "routing.cpp", "runtime/text.cpp", "runtime/strings.cpp")
+PARSERS = (
     "arp.cpp",
     "bfd.cpp",
     "cli.cpp",
