@@ -43,7 +43,7 @@ def watched(seconds: int) -> list[Run]:
     with Progress(*columns, console=console, disable=not console.is_terminal) as progress:
         bar = progress.add_task("fuzzing", total=seconds, edges=0)
         for gone in runner.ticks(runs, seconds):
-            edges = max(summary.reached(run.text).edges for run in runs)
+            edges = max(summary.reached(run.latest).edges for run in runs)
             progress.update(bar, completed=min(gone, seconds), edges=edges)
     return runs
 
@@ -57,7 +57,8 @@ def tell(run: Run) -> bool:
             f"{reached.edges:,} edges, {reached.features:,} features; "
             + ("stopped" if run.stopped else "nothing found")
         )
-        return True
+        # One that was stopped without another's finding did not keep its time.
+        return not run.stopped and reached.runs > 0
     console.print(f"{run.target.name}: a finding after {reached.runs:,} runs")
     console.print(*summary.report(run.text), sep="\n", markup=False)
     for kept in runner.kept(run):

@@ -90,6 +90,13 @@ class Run:
         return self.log.read_text(errors="replace")
 
     @property
+    def latest(self) -> str:
+        """The end of it."""
+        with self.log.open("rb") as log:
+            log.seek(max(0, self.log.stat().st_size - 4096))
+            return log.read().decode(errors="replace")
+
+    @property
     def failed(self) -> bool:
         """It ended with a finding, or could not begin."""
         return not self.stopped and self.process.poll() not in (None, 0)
@@ -143,7 +150,7 @@ def ticks(runs: list[Run], seconds: int) -> Iterator[float]:
             if any(run.failed for run in runs) or gone > patience:
                 break
             yield gone
-            time.sleep(0.2)
+            time.sleep(0.5)
     finally:
         for run in runs:
             if run.process.poll() is None:
