@@ -38,7 +38,7 @@ _TOOLS = {
     "/usr/lib/frr/bfdd": "frr",
 }
 # The daemons and the system's tools go without the sanitizers' runtime, which would judge them too.
-_ALONE = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
+ALONE = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
 _NAMESPACES = ("--net", "--mount", "--pid")
 _FORKED = ("--fork", "--mount-proc")  # a process namespace begins with a child
 
@@ -69,6 +69,7 @@ def why_not() -> str | None:
             return f"the lab needs {tool}, of Debian's package {package}"
     tried = subprocess.run(
         ["unshare", *_NAMESPACES, *_FORKED, "ip", "link", "add", "type", "veth"],
+        env=ALONE,
         capture_output=True,
         text=True,
         check=False,
@@ -93,7 +94,7 @@ class Node:
         self.peers = peers
         self._holder = subprocess.Popen(
             ["unshare", *_NAMESPACES, *_FORKED, "--kill-child", "sh", "-ec", _HOLDER],
-            env=_ALONE,
+            env=ALONE,
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
@@ -121,7 +122,7 @@ class Node:
         """What a command in the node prints. `LabError`: it failed."""
         done = subprocess.run(
             [*self.enter, *command],
-            env=_ALONE,
+            env=ALONE,
             input=given,
             capture_output=True,
             text=True,
@@ -217,7 +218,8 @@ class Network:
         # Not by way of the process namespace: the far node's process has another number in there.
         enter = ["nsenter", "-t", str(near.pid), "-n"]
         peer = ["peer", "name", other.name, "netns", str(far.pid)]
-        subprocess.run([*enter, "ip", "link", "add", one.name, "type", "veth", *peer], check=True)
+        wire = ["ip", "link", "add", one.name, "type", "veth", *peer]
+        subprocess.run([*enter, *wire], env=ALONE, check=True)
 
     def add_neighbors(self) -> None:
         """The neighbour entries of the topology. For when the real ones are there: a look-up that

@@ -11,6 +11,8 @@ import subprocess
 from pathlib import Path
 from typing import Any
 
+from lab.network import ALONE
+
 _SETTINGS = Path("/proc/sys/net")
 _FOLDERS = (
     Path("/etc", "frr"),
@@ -63,7 +65,9 @@ def left(namespaces: set[str]) -> str | None:
 
 
 def _ip(*words: str) -> Any:
-    done = subprocess.run(["ip", "-j", *words], capture_output=True, text=True, check=True)
+    done = subprocess.run(
+        ["ip", "-j", *words], env=ALONE, capture_output=True, text=True, check=True
+    )
     return json.loads(done.stdout or "[]")
 
 
