@@ -211,6 +211,13 @@ def test_a_function_that_asks_nobody_has_no_source(asked: Any) -> None:
     assert {entry["kind"] for entry in called["journal"]} <= {"method"}
 
 
+def test_a_command_that_nobody_knows_has_no_answer(asked: Any) -> None:
+    body = {"arguments": ["get nonsense"]}
+    called = asked("POST", "/api/functions/get_cli_command_output", body)
+    assert (called["source"], called["raised"]["type"]) == ("no answer", "CFunctionError")
+    assert [entry["source"] for entry in called["journal"]] == ["none"]
+
+
 def test_keywords_reach_the_module(asked: Any) -> None:
     body = {"arguments": ["lan-trace"], "keywords": {"event": "Running"}}
     called = asked("POST", "/api/functions/capture_sniffer_profile", body)

@@ -73,6 +73,13 @@ def raised(error: BaseException, passed: str | None = None) -> dict[str, Any]:
     }
 
 
+def source(journal: list[Call]) -> str:
+    """Where the answers of a call came from."""
+    asked = [call for call in journal if call.service != _RELEASE]
+    sources = sorted({call.source for call in asked} - {"none"})
+    return "+".join(sources) or ("no answer" if asked else "no call")
+
+
 def native_call(call: Call) -> dict[str, Any]:
     """A call of the journal. "kind" is "request", "command", "text", "plain" for a service that
     is given nothing, or "method" for a call through the method table of a JSONObject."""

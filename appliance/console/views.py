@@ -40,12 +40,11 @@ def call(request: Request) -> Shown:
         raise Problem(404, f"the module has no function {name}")
     positional, named = arguments(_body(request))
     called = bench.call(name, positional, named)
-    sources = sorted({entry.source for entry in called.journal} - {"none"})
     outcome = {"result": called.result} if called.raised is None else {"raised": called.raised}
     return {
         "function": name,
         **outcome,
-        "source": "+".join(sources) or "no call",
+        "source": showing.source(called.journal),
         "microseconds": round(called.seconds * 1e6, 1),
         "journal": [showing.native_call(entry) for entry in called.journal],
         **({"failed_answers": called.failed_answers} if called.failed_answers else {}),

@@ -249,6 +249,7 @@ def test_a_failing_call_shows_type_message_and_traceback(visit: Visit) -> None:
     visit.page.get_by_label("Value of cmd_s").fill("get nonsense")
     visit.call()
     assert visit.text(".raised h2") == "Raised CFunctionError"
+    assert visit.page.locator(".raised .badge").inner_text() == "no answer"
     assert visit.text(".raised .message") == "get_cli_command_output's result is null."
     (entry,) = visit.page.locator(".traceback li").all_inner_texts()
     assert entry.splitlines()[0] == "veldarin.modules.modules_util.get_cli_command_output"

@@ -91,3 +91,8 @@ export function segments(label, choices, value, chosen) {
 export function badge(text, kind = text.includes("+") ? "both" : text.replace(" ", "-")) {
   return make("span", { class: `badge badge-${kind}` }, text);
 }
+
+// A long name may be broken after its underscores.
+export function breakable(name) {
+  return name.split(/(?<=_)/).flatMap((part) => [part, make("wbr")]);
+}

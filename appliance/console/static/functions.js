@@ -2,7 +2,7 @@
 import { Refused, get, post } from "./api.js";
 import { ArgumentForm, Mistyped } from "./arguments.js";
 import { journal, outcome } from "./calls.js";
-import { copyButton, field, hint, make, nothing, replace, say } from "./dom.js";
+import { breakable, copyButton, field, hint, make, nothing, replace, say } from "./dom.js";
 import { entries, inline, prose } from "./prose.js";
 import { refused } from "./refused.js";
 
@@ -193,9 +193,4 @@ function documentation({ text, raises, example }) {
     raises ? [make("h2", {}, "Raises"), entries(raises)] : null,
     example ? [make("h2", {}, "Example"), shown] : null,
   );
-}
-
-// A long name may be broken after its underscores.
-function breakable(name) {
-  return name.split(/(?<=_)/).flatMap((part) => [part, make("wbr")]);
 }

@@ -1,7 +1,7 @@
 // Scenarios: the recorded answers that come before this machine's own; which there are, what they
 // answer, and an editor for one answer.
 import { get, post } from "./api.js";
-import { area, badge, field, hint, make, nothing, panel, replace, say } from "./dom.js";
+import { area, badge, breakable, field, hint, make, nothing, panel, replace, say } from "./dom.js";
 import { refused } from "./refused.js";
 
 const SUMMARY =
@@ -111,7 +111,7 @@ function answerList(answers, choose) {
   const item = (one) => {
     const known = { "data-answer": one.name, "aria-pressed": "false" };
     const button = { type: "button", class: "choice", ...known, click: () => choose(one.name) };
-    return make("li", {}, make("button", button, make("code", {}, one.name), mark(one)));
+    return make("li", {}, make("button", button, make("code", {}, breakable(one.name)), mark(one)));
   };
   const group = (title, held) =>
     make("section", {}, make("h3", {}, title), make("ul", { class: "answers" }, held.map(item)));
