@@ -82,6 +82,12 @@ faults: environment build/faults/build.ninja  ## every allocation of every call 
 	@tools/step build-faults "building faults" $(CMAKE) --build --preset faults
 	@APPLIANCE_BUILD=build/faults $(PYTHON) -m tests.faults $(ARGS)
 
+.PHONY: coverage
+coverage: environment build/coverage/build.ninja  ## every line and branch of the module, run or excused
+	@tests/coverage/bootstrap
+	@tools/step build-coverage "building coverage" $(CMAKE) --build --preset coverage
+	@$(PYTHON) -m tests.coverage $(ARGS)
+
 .PHONY: fuzz
 fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up, SECONDS=60 of them
 	@tools/step build-fuzz "building fuzz" \

@@ -3,8 +3,11 @@ appliance can provoke. For tests that repeat each of them or let memory fail wit
 
 from __future__ import annotations
 
+import ctypes
 import io
+import sys
 from collections.abc import Mapping
+from functools import partial
 from pathlib import Path
 from types import MappingProxyType, SimpleNamespace
 from typing import Any, Callable, NamedTuple
@@ -48,6 +51,13 @@ class Unequal(str):
 
     __hash__ = str.__hash__
     __eq__ = fail
+
+
+class Unfound(str):
+    """A text that a dictionary does not find by its equal."""
+
+    def __hash__(self) -> int:
+        return super().__hash__() ^ 1
 
 
 class Unsure:
@@ -381,6 +391,13 @@ BRIDGE_CASES = [
     ),
     Case("switch_acl_ingress_counter", (), {"policy_id": "by keyword"}),
     Case("list_switch_trunk_state", (), {"trunk_name": "by keyword"}),
+    Case("list_switch_trunk_state", (), {Unfound("trunk_name"): "a"}, label="unfound keyword"),
+    Case(
+        "list_switch_trunk_state",
+        (),
+        {"trunk_name": "a", Unfound("trunk_name"): "b"},
+        label="keyword and its unfound equal",
+    ),
     Case("list_switch_stp_state", (object(),), {}, TypeError, "request of no JSON type"),
     Case("capture_sniffer_profile", (), {"event": "Pause", "profile_name": None}),
     *(
@@ -481,6 +498,15 @@ CLI_CASES = [
         "get_cli_command_output",
         ("c",),
         {},
+        TypeError,
+        "no output, a class that is no exception",
+        cli=None,
+        rebound={"CFunctionError": lambda message: int},
+    ),
+    Case(
+        "get_cli_command_output",
+        ("c",),
+        {},
         Failure,
         "no output",
         cli=None,
@@ -537,16 +563,16 @@ CLI_CASES = [
             ("a",) * NAMED[name].required,
             {},
             error,
-            f"runner gives {type(text).__name__}",
+            f"runner gives {what}",
             rebound=answered(text),
         )
         for name in ("get_routing_table_result", "get_system_arp_result")
-        for text, error in [
-            (5, AttributeError),
-            (None, AttributeError),
-            (b"\xff", UnicodeDecodeError),
-            (SimpleNamespace(split=fail, replace=fail), Failure),
-            (SimpleNamespace(split=Silent, replace=Silent), TypeError),
+        for what, text, error in [
+            ("a number", 5, AttributeError),
+            ("None", None, AttributeError),
+            ("bad bytes", b"\xff", UnicodeDecodeError),
+            ("what fails", SimpleNamespace(split=fail, replace=fail), Failure),
+            ("what is no text", SimpleNamespace(split=Silent, replace=Silent), TypeError),
         ]
     ),
     *(
@@ -644,6 +670,44 @@ class Lost:
         return ["x"]
 
 
+def raising_as_c(raiser: Any, *given: object) -> Callable[..., Any]:
+    """A function of the interpreter's that raises, and gives the exception no instance yet."""
+    raiser.restype, raiser.argtypes = None, [ctypes.py_object] * len(given)
+    return partial(raiser, *given)
+
+
+class LostWithoutWord(Lost):
+    """The same, and nothing is said of the key."""
+
+    __getitem__ = raising_as_c(ctypes.pythonapi.PyErr_SetNone, KeyError)
+
+
+class LostWithWords(Lost):
+    """The same, and more is said than the key."""
+
+    __getitem__ = raising_as_c(ctypes.pythonapi.PyErr_SetObject, KeyError, ("x", "y"))
+
+
+class Sum:
+    """What becomes a text when something is put before it."""
+
+    def __contains__(self, text: object) -> bool:
+        return text == "peer"
+
+    def __radd__(self, text: str) -> str:
+        return text + ONE_SESSION
+
+
+def lose_query(sessions: object) -> object:
+    """A deep copy that makes the module lose its query."""
+    vars(sys.modules["veldarin.modules.modules_util"]).pop("get_bfd_neighbor", None)
+    return sessions
+
+
+def find_query(device: Appliance) -> None:
+    vars(device.module)["get_bfd_neighbor"] = given_sessions(SESSIONS)["get_bfd_neighbor"]
+
+
 NAME = "192.0.2.1_port1"  # of ONE_SESSION
 SESSIONS = {"s": {"neighbor_ip": "192.0.2.1", "interface": "port1", "zebra_notifications": "1"}}
 QUIET = {"_logger": Silent()}
@@ -720,6 +784,9 @@ BFD_CASES = [
     Case(
         "get_bfd_neighbor", ("c", {}), {}, TypeError, "runner gives a number", rebound=answered(5)
     ),
+    Case("get_bfd_neighbor", ("c", {}), label="runner gives a sum", rebound=answered(Sum())),
+    Case("get_bfd_neighbor", ("c", {}), label="tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
+    Case("get_bfd_neighbor", ("c", {}), label="one line", cli="peer", rebound=QUIET),
     Case("list_bfd_neighbor", label="no sessions"),
     Case("list_bfd_neighbor", cli=ONE_SESSION, label="one session"),
     Case("list_bfd_neighbor", cli=TWO_SESSIONS, label="two sessions", rebound=QUIET),
@@ -773,6 +840,28 @@ BFD_CASES = [
     Case("list_bfd_neighbor", cli=None, rebound=QUIET, label="no output"),
 ]
 
+# Texts are scanned by the width of their characters. Each of these makes one of another width where
+# the parsers pass over it: a line before the table, or the first line of sessions.
+WIDTHS = {"latin": "\u00f6\n", "two bytes": "\u0142\n", "four bytes": "\U0001f600\n"}
+
+
+def widened(case: Case, width: str) -> Case:
+    """The case with a text of another width."""
+    before = WIDTHS[width]
+    if case.function == "get_bfd_neighbor":
+        before = before.strip()
+    assert isinstance(case.cli, str)
+    return case._replace(cli=before + case.cli, label=f"{case.label or case.args} in {width}")
+
+
+PARSERS = ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
+WIDE_CASES = [
+    widened(case, width)
+    for case in (*CLI_CASES, *BFD_CASES)
+    if case.function in PARSERS and isinstance(case.cli, str) and case.cli != "nothing"
+    for width in WIDTHS
+]
+
 CASES = [
     *ERRORS_OF_ARGUMENTS,
     *SESSION_CASES,
@@ -780,4 +869,19 @@ CASES = [
     *BRIDGE_CASES,
     *CLI_CASES,
     *BFD_CASES,
+    *(case for case in WIDE_CASES if case.error is None and not case.rebound),
+]
+# These are repeated only. Where memory fails, wide texts do what those before do; and the functions
+# that raise as C does have no memory to be called. The last one changes the module itself.
+REPEATED = [
+    *CASES,
+    *(case for case in WIDE_CASES if case.error is not None or case.rebound),
+    Case("list_bfd_neighbor", rebound=given_sessions(LostWithoutWord()), label="nothing said"),
+    Case("list_bfd_neighbor", rebound=given_sessions(LostWithWords()), label="more said"),
+    Case(
+        "list_bfd_neighbor",
+        rebound={**given_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=lose_query)},
+        label="query lost on the way",
+        before=find_query,
+    ),
 ]

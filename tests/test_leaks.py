@@ -15,7 +15,7 @@ import pytest
 
 from appliance import Appliance
 from tests.bridged import ROWS
-from tests.cases import CASES, GONE, Case, Step
+from tests.cases import CASES, GONE, REPEATED, Case, Step
 from tests.functions import FUNCTIONS
 from tests.references import watched
 
@@ -120,7 +120,7 @@ def call_of(
     return call
 
 
-@pytest.mark.parametrize("case", CASES, ids=str)
+@pytest.mark.parametrize("case", REPEATED, ids=str)
 def test_nothing_stays_behind(
     device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch, case: Case
 ) -> None:

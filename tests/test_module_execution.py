@@ -763,6 +763,20 @@ def test_another_release_of_the_interpreter_gives_one_warning_and_the_import_goe
     assert told["bound"] == ["__builtins__", "_CHARSET"]
 
 
+@pytest.mark.parametrize(
+    ("said", "warned"),
+    [("4.9.0", ["4.9"]), ("3.9.0", []), ("3x9 what follows", []), ("2.7", ["2.7"])],
+)
+def test_the_first_and_the_third_character_of_the_version_are_compared(
+    monkeypatch: pytest.MonkeyPatch, said: str, warned: list[str]
+) -> None:
+    monkeypatch.setenv("SEEMING_VERSION", said)
+    told = fresh.value(execute_under_another_release, "always")
+    assert told["warnings"] == [
+        ["RuntimeWarning", VERSION_TEXT.replace("3.1", kept)] for kept in warned
+    ]
+
+
 def test_the_version_warning_as_an_error_fails_the_import_before_anything_else_is_done() -> None:
     told = fresh.value(execute_under_another_release, "error")
     error = fresh.Error.of(told["error"])

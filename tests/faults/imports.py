@@ -29,7 +29,7 @@ from tests.faults.found import OF_MEMORY, Found, Outcome, outcome
 from tests.faults.library import NOWHERE, Library, Point, Report
 from tests.faults.stage import TIMES
 from tests.fresh import MODULE, OTHER_RUNTIME, PRODUCT
-from tests.functions import FUNCTIONS
+from tests.functions import FUNCTIONS, Function
 from tests.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 
 INIT = f"init {MODULE}"
@@ -52,8 +52,9 @@ class ImportCase(NamedTuple):
     """An import: statements that spoil the siblings, and what is done to the module object first.
 
     `spec`: the step is the creation from this spec; `early`: it is a call of this function before
-    the execution; else it is the execution. `untried`: in a process that has not tried before.
-    `refused`: what is done first makes every import of this process fail.
+    the execution, with as many arguments as it needs; else it is the execution. `untried`: in a
+    process that has not tried before. `refused`: what is done first makes every import of this
+    process fail.
     """
 
     label: str
@@ -62,7 +63,7 @@ class ImportCase(NamedTuple):
     spec: Callable[[], Any] | None = None
     path: Path = PRODUCT
     untried: bool = False
-    early: str = ""
+    early: Function | None = None
     refused: bool = False
 
     @property
@@ -76,13 +77,14 @@ class ImportCase(NamedTuple):
         return f"{self.function}: {self.label}"
 
 
-def fill(names: dict[Any, Any]) -> None:
-    """Leaves no room in a dictionary for the next name."""
+def fill(names: dict[Any, Any], left: int = 0) -> None:
+    """Leaves room in a dictionary for some names and no more."""
     size = sys.getsizeof(names)
-    while sys.getsizeof(names) == size:  # until it grows, and has no gaps
+    room = 0
+    while sys.getsizeof(names) == size or room - len(names) < left:  # it grows, and has no gaps
         names[f"filler {len(names)}"] = None
-    room = next(room for room in ROOMS if room >= len(names))
-    while len(names) < room:
+        room = next(room for room in ROOMS if room >= len(names))
+    while len(names) < room - left:
         names[f"filler {len(names)}"] = None
 
 
@@ -93,6 +95,18 @@ ROOMS = [2 * 2**power // 3 for power in range(3, 20)]
 def fill_globals(module: Any) -> None:
     """Leaves no room in the module's dictionary for the next name."""
     fill(vars(module))
+
+
+def filled_up_to(name: str) -> Callable[[Any], None]:
+    """Leaves room in the module's dictionary for what the execution binds before a name."""
+    bound = ["__builtins__", *(name for _module, name in FROM_IMPORTS), "json", "copy"]
+    bound += ["_logger", "_INVALID_INDEX", "_interface_count", "_interface_lock", "_CHARSET"]
+    return lambda module: fill(vars(module), bound.index(name))
+
+
+def lose_main(module: Any) -> None:
+    """Leaves no main module in `sys.modules`."""
+    del sys.modules["__main__"]
 
 
 def fill_modules(module: Any) -> None:
@@ -149,6 +163,14 @@ def leave(self, name):
     raise AttributeError(name)
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': leave})('util.errors')
 """
+# The builtins have a name as well.
+LOSES_NAME = """
+def lose(self, name):
+    vars(sys.modules[MODULE]).pop('__name__')
+    vars(builtins).pop('__name__')
+    return OSError
+siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
+"""
 PLAIN = ImportCase("after a failure")
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 CASES = [
@@ -165,8 +187,14 @@ CASES = [
     ImportCase("at first", untried=True),
     PLAIN,
     ImportCase("into a full dictionary", prepare=fill_globals),
+    *(
+        ImportCase(f"into a dictionary that is full at {name}", prepare=filled_up_to(name))
+        for name in ("_INVALID_INDEX", "_interface_count", "_CHARSET")
+    ),
     ImportCase("with sys.modules full", prepare=fill_modules),
-    ImportCase("a function is called", early="new_cookie_id"),
+    ImportCase("without a main module", prepare=lose_main),
+    ImportCase("which loses its name", (LOSES_NAME,)),
+    *(ImportCase(f"{row.name} is called", early=row) for row in FUNCTIONS),
     ImportCase("which leaves sys.modules", (LEAVES,)),
     ImportCase("as the main module", prepare=run_as_main),
     ImportCase("the main module cannot be looked up", prepare=hide_main),
@@ -273,8 +301,8 @@ class Import:
                 if case.prepare is not None:
                     case.prepare(module)
                 if case.early:
-                    function = getattr(module, case.early)
-                    return outcome(lambda: trial(function, (), None, point))
+                    early = getattr(module, case.early.name), (None,) * case.early.required
+                    return outcome(lambda: trial(*early, None, point))
                 return outcome(lambda: trial(_imp.exec_dynamic, (module,), None, point))
         finally:
             self._bench.repair()

@@ -1,0 +1,113 @@
+"""`python -m tests.coverage`: the tests and the sweep against the build that counts, then both
+figures. Exit status 1 if a line or a branch is left that no reviewed reason leaves out."""
+
+from __future__ import annotations
+
+import argparse
+import os
+import subprocess
+import sys
+from pathlib import Path
+
+from rich.console import Console
+from rich.table import Table
+
+from tests.coverage.counted import Verdict, judge, lines
+from tests.coverage.excluded import EXCLUDED
+
+ROOT = Path(__file__).resolve().parent.parent.parent
+BUILD = ROOT / "build" / "coverage"
+REPORT = BUILD / "coverage.json"
+PAGES = BUILD / "html" / "index.html"
+SOURCES = ("veldarin/modules/", "util/", "migbase/")
+# Test files of other things than what the module does when it is called or imported.
+ELSEWHERE = {
+    "test_answers", "test_appliance_core", "test_artifact", "test_documentation", "test_faces",
+    "test_instructions", "test_readme", "test_source_rules",
+}  # fmt: skip
+
+console = Console(highlight=False, soft_wrap=True)
+
+
+def arguments() -> argparse.Namespace:
+    """What the command line asks for."""
+    parser = argparse.ArgumentParser(prog="python -m tests.coverage", description=__doc__)
+    parser.add_argument(
+        "--report", action="store_true", help="only what the last run and those after it counted"
+    )
+    return parser.parse_args()
+
+
+def run_everything() -> list[str]:
+    """Counts anew; what of it failed."""
+    for counts in BUILD.rglob("*.gcda"):
+        counts.unlink()
+    files = [
+        str(file.relative_to(ROOT))
+        for file in sorted(ROOT.glob("tests/test_*.py"))
+        if file.stem not in ELSEWHERE
+    ]
+    programs = {
+        "the tests": ("pytest", "-n", "auto", "-q", "--no-header", *files),
+        "the sweep": ("tests.faults", "--orderly"),
+    }
+    environment = {**os.environ, "APPLIANCE_BUILD": str(BUILD)}
+    return [
+        f"{what} failed"
+        for what, program in programs.items()
+        if subprocess.run([sys.executable, "-m", *program], cwd=ROOT, env=environment).returncode
+    ]
+
+
+def read_counts() -> None:
+    """Lets gcovr make a report for this program, and pages for people."""
+    PAGES.parent.mkdir(exist_ok=True)
+    filters = [word for folder in SOURCES for word in ("--filter", folder)]
+    command = [
+        "gcovr",
+        "--root",
+        ".",
+        *filters,
+        "--json",
+        str(REPORT),
+        "--html-details",
+        str(PAGES),
+    ]
+    subprocess.run([sys.executable, "-m", *command, "--quiet", str(BUILD)], cwd=ROOT, check=True)
+
+
+def show(verdict: Verdict) -> list[str]:
+    """The rows of what is left out, and what is wrong."""
+    table = Table("left out", "times", "because", box=None)
+    for row, instances in verdict.left_out.items():
+        table.add_row(f"{row.file}: {row.text}", str(instances), row.reason)
+    console.print(table)
+    wrong = [str(line) for line in verdict.missing]
+    wrong += [f"leaves nothing out: {row.file}: {row.text}" for row in verdict.idle]
+    for text in wrong:
+        console.print(text, markup=False)
+    return wrong
+
+
+def main() -> int:
+    """The exit status."""
+    failed = [] if arguments().report else run_everything()
+    read_counts()
+    verdict = judge(lines(REPORT, ROOT), EXCLUDED)
+    wrong = [*show(verdict), *failed]
+    console.print(f"every line and branch: {PAGES.relative_to(Path.cwd())}")
+    console.print(
+        f"coverage: lines {_share(verdict.lines_run, verdict.lines)}, "
+        f"branches {_share(verdict.branches_taken, verdict.branches)}, "
+        f"{sum(verdict.left_out.values())} left out for {len(EXCLUDED)} reasons: "
+        f"{', '.join(failed) or (f'{len(wrong)} MISSING' if wrong else 'nothing missing')}"
+    )
+    return 1 if wrong else 0
+
+
+def _share(part: int, whole: int) -> str:
+    return f"{part} of {whole} ({100 * part / whole if whole else 0:.1f} %)"
+
+
+if __name__ == "__main__":
+    sys.exit(main())
