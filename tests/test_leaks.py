@@ -14,8 +14,10 @@ from typing import Callable, NamedTuple
 import pytest
 
 from appliance import Appliance
+from tests import fresh
 from tests.bridged import ROWS
 from tests.cases import CASES, GONE, REPEATED, Case, Step
+from tests.faults import imports
 from tests.functions import FUNCTIONS
 from tests.references import watched
 
@@ -184,3 +186,67 @@ def test_the_counting_sees_a_json_object_that_stays(device: Appliance, module: M
 
 def test_the_counting_is_quiet_when_nothing_stays(device: Appliance, module: ModuleType) -> None:
     assert leaks(lambda: [{}, object(), "text".upper()], device, watched(module, [])) == []
+
+
+# The import: one that fails is forgotten and can be tried again, so it can be repeated.
+
+
+def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[object]]:
+    """What each spoilt import leaves: its label, blocks and collectable objects per attempt."""
+    import _imp
+    import gc
+    import sys
+    import warnings
+
+    from tests import fake_siblings
+    from tests.fake_siblings import Workbench, created
+    from tests.fresh import PRODUCT
+
+    bench = Workbench()
+    kept = len(fake_siblings._kept)
+
+    def attempt(spoils: list[str]) -> None:
+        modules = dict(sys.modules)
+        with warnings.catch_warnings():
+            bench.spoil(*spoils)
+            module = created(str(PRODUCT))
+            try:
+                _imp.exec_dynamic(module)
+            except Exception:
+                return
+            finally:
+                bench.repair()
+                del fake_siblings._kept[kept:]
+                sys.modules.clear()
+                sys.modules.update(modules)
+        raise AssertionError(f"goes through: {spoils}")
+
+    def grown(spoils: list[str], times: int) -> tuple[int, int]:
+        blocks, objects = sys.getallocatedblocks(), len(gc.get_objects())
+        for _ in range(times):
+            attempt(spoils)
+        gc.collect()
+        return sys.getallocatedblocks() - blocks, len(gc.get_objects()) - objects
+
+    gc.collect()
+    gc.freeze()
+    told: list[list[object]] = []
+    times = 24
+    for label, spoils in cases:
+        grown(spoils, times)
+        blocks, objects = grown(spoils, times)
+        told.append([label, round(blocks / times), round(objects / times)])
+    return told
+
+
+def test_nothing_stays_behind_of_an_import_that_fails() -> None:
+    spoilt = [case for case in imports.CASES if case.spoils and case.path == fresh.PRODUCT]
+    assert len(spoilt) > 60
+    found = fresh.value(repeat_failing_imports, [(case.label, case.spoils) for case in spoilt])
+    assert [row for row in found if row[1:] != [0, 0]] == []
+
+
+def test_the_counting_of_imports_sees_what_stays() -> None:
+    keep = "__import__('sys').__dict__.setdefault('kept', []).append([bytes(100)])"
+    cases = [("kept", [keep, "siblings['util.json'] = None"])]
+    assert fresh.value(repeat_failing_imports, cases) == [["kept", 3, 1]]

@@ -49,7 +49,7 @@ def run_everything() -> list[str]:
     ]
     programs = {
         "the tests": ("pytest", "-n", "auto", "-q", "--no-header", *files),
-        "the sweep": ("tests.faults", "--orderly"),
+        "the sweep": ("tests.faults", "--orderly", "--single"),
     }
     environment = {**os.environ, "APPLIANCE_BUILD": str(BUILD)}
     return [
@@ -73,7 +73,11 @@ def read_counts() -> None:
         "--html-details",
         str(PAGES),
     ]
-    subprocess.run([sys.executable, "-m", *command, "--quiet", str(BUILD)], cwd=ROOT, check=True)
+    done = subprocess.run(
+        [sys.executable, "-m", *command, str(BUILD)], cwd=ROOT, stderr=subprocess.PIPE, text=True
+    )
+    if done.returncode:
+        sys.exit(f"{done.stderr}coverage: the counts could not be read")
 
 
 def show(verdict: Verdict) -> list[str]:
