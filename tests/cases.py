@@ -519,6 +519,7 @@ CLI_CASES = [
     Case("get_routing_table_result", ("192.0.2.7",), cli=ROUTING),
     Case("get_routing_table_result", (None,), cli=WIDE + ROUTING, label="wide text"),
     Case("get_routing_table_result", ("a",), cli=lines(ROUTING, 1, 2, 3), label="no routes"),
+    Case("get_routing_table_result", ("a",), cli=ROUTING + "10.0.0.1, port1", label="one word"),
     *(
         Case(
             "get_routing_table_result",
@@ -787,6 +788,18 @@ BFD_CASES = [
     Case("get_bfd_neighbor", ("c", {}), label="runner gives a sum", rebound=answered(Sum())),
     Case("get_bfd_neighbor", ("c", {}), label="tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
     Case("get_bfd_neighbor", ("c", {}), label="one line", cli="peer", rebound=QUIET),
+    Case(
+        "get_bfd_neighbor",
+        ("c", {}),
+        label="long field",
+        cli=f"{ONE_SESSION}{'K' * 80}: {'v' * 80}",
+    ),
+    Case(
+        "get_bfd_neighbor",
+        ("c", {}),
+        label="timers that need room",
+        cli=ONE_SESSION.replace("\tZebra Notifications: 2\n", ""),
+    ),
     Case("list_bfd_neighbor", label="no sessions"),
     Case("list_bfd_neighbor", cli=ONE_SESSION, label="one session"),
     Case("list_bfd_neighbor", cli=TWO_SESSIONS, label="two sessions", rebound=QUIET),

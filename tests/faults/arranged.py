@@ -46,6 +46,13 @@ def unready(text: str) -> str:
     return made
 
 
+def made_ready(text: str) -> str:
+    """Such a text whose storage has been settled: it is not where that of other texts is."""
+    made = unready(text)
+    len(made + "more")
+    return made
+
+
 def running(text: str) -> dict[str, Any]:
     """A runner whose text is not ready."""
     return {"get_cli_command_output": lambda command: unready(text)}
@@ -89,11 +96,22 @@ CASES = [
     ),
     Arranged(
         Case(
-            "get_cli_command_output",
-            ("c",),
-            label="text not ready",
-            rebound={"text_": lambda data, charset: unready("a--More--b")},
+            "get_routing_table_result",
+            ("a",),
+            label="text not ready, nothing to remove",
+            rebound=running(ROUTING.replace("\r", "")),
         )
+    ),
+    *(
+        Arranged(
+            Case(
+                "get_cli_command_output",
+                ("c",),
+                label=f"text {what}",
+                rebound={"text_": lambda data, charset, make=make: make("a--More--b")},
+            )
+        )
+        for what, make in [("not ready", unready), ("made ready", made_ready)]
     ),
     Arranged(
         Case(
