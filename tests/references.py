@@ -51,5 +51,8 @@ def watched(module: ModuleType, arguments: list[object]) -> list[object]:
         UnicodeDecodeError,
         JSONObject,
     ]
-    constants: list[object] = [None, True, False, (), b"", 0, 1, 2, 3, 32, Ellipsis]
-    return [*types, *constants, *interned(), vars(module), *vars(module).values(), *arguments]
+    constants: list[object] = [None, True, False, (), b"", Ellipsis]
+    # The interpreter has one object each for these: a reference too few ends them some day.
+    shared: list[object] = [*range(-5, 257), *map(chr, range(256))]
+    names = [*interned(), vars(module), *vars(module).values()]
+    return [*types, *constants, *shared, *names, *arguments]

@@ -66,7 +66,9 @@ def judge(counted: Iterator[Line], excluded: list[Excluded]) -> Verdict:
     """What is left of the lines without those left out."""
     verdict = Verdict(left_out=dict.fromkeys(excluded, 0))
     for line in counted:
-        fitting = [row for row in excluded if row.file == line.file and row.text in line.text]
+        fitting = [
+            row for row in excluded if line.file.startswith(row.file) and row.text in line.text
+        ]
         if not line.ran and any(row.line for row in fitting):
             for row in fitting:
                 verdict.left_out[row] += row.line
