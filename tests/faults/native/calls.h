@@ -156,7 +156,6 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PySequence_Contains(...)          FAULTS_CALL(negative, PySequence_Contains, (__VA_ARGS__), #__VA_ARGS__)
 #define PyTuple_Pack(...)                 FAULTS_CALL(null, PyTuple_Pack, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_AsEncodedString(...)    FAULTS_CALL(null, PyUnicode_AsEncodedString, (__VA_ARGS__), #__VA_ARGS__)
-#define PyUnicode_AsUTF8(...)             FAULTS_CALL(null, PyUnicode_AsUTF8, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_Compare(...)            FAULTS_CALL(negative_with_error, PyUnicode_Compare, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_DecodeUTF8(...)         FAULTS_CALL(null, PyUnicode_DecodeUTF8, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_FromFormat(...)         FAULTS_CALL(null, PyUnicode_FromFormat, (__VA_ARGS__), #__VA_ARGS__)
