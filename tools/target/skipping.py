@@ -10,6 +10,7 @@ speaks of. Loaded on xdist's workers too.
 from __future__ import annotations
 
 import os
+import re
 import time
 from collections.abc import Iterable
 from pathlib import Path
@@ -26,7 +27,8 @@ LATE = "the time was up"
 def rows() -> list[tuple[str, str]]:
     """The list: beginnings of names with their reasons."""
     lines = LIST.read_text().splitlines()
-    split = [line.split(maxsplit=1) for line in lines if line.strip() and line[0] != "#"]
+    # A name may have a blank in it, not two.
+    split = [re.split(" {2,}", line, maxsplit=1) for line in lines if line and line[0] != "#"]
     return [(name, reason) for name, reason in split]
 
 
