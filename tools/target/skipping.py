@@ -21,7 +21,6 @@ LIST = Path(__file__).with_name("skipped.txt")
 # The names of the workstation's tests, one a line, if this is a whole run; where the run's one line
 # of figures goes; when to stop, in seconds since the epoch.
 KNOWN_TESTS, FIGURES, UNTIL = "TARGET_TESTS", "TARGET_FIGURES", "TARGET_UNTIL"
-LATE = "the time was up"
 
 
 def rows() -> list[tuple[str, str]]:
@@ -50,6 +49,8 @@ def pytest_configure(config: pytest.Config) -> None:
         there = Path(name).is_file() if name in FILES else begins_any(name, tests)
         if tests and not there:
             raise pytest.UsageError(f"{LIST.name}: no test's name begins with {name}")
+    if UNTIL in os.environ and not hasattr(config, "workerinput"):
+        config.pluginmanager.register(Clock(), "target-clock")
 
 
 def begins_any(name: str, tests: Iterable[str]) -> bool:
@@ -81,11 +82,25 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
         items.sort(key=lambda item: "module" not in getattr(item, "fixturenames", ()))
 
 
-@pytest.hookimpl(tryfirst=True)
-def pytest_runtest_setup(item: pytest.Item) -> None:
-    """Lets the rest go by once the time is up."""
-    if time.time() > float(os.environ.get(UNTIL, "inf")):
-        pytest.skip(LATE)
+class Clock:
+    """Ends the run at the first report that comes in after the time is up.
+
+    With the first report of all the file of figures begins: a run that was killed without one has
+    tested nothing.
+    """
+
+    def __init__(self) -> None:
+        self.until = float(os.environ[UNTIL])
+        self.stopped = False
+
+    @pytest.hookimpl(trylast=True)
+    def pytest_runtest_logreport(self) -> None:
+        """A test has got on, and has been counted."""
+        if FIGURES in os.environ:
+            Path(os.environ[FIGURES]).touch()
+        self.stopped = time.time() > self.until
+        if self.stopped:
+            raise pytest.Session.Interrupted("the time was up")  # and not when the workers are done
 
 
 class Account:
@@ -98,7 +113,8 @@ class Account:
         self.passed = names("passed")
         self.failed = names("failed", "error")
         reasons = {report.nodeid: reason(report) for report in reporter.stats.get("skipped", ())}
-        self.late = {name for name, why in reasons.items() if why == LATE}
+        clock = reporter.config.pluginmanager.get_plugin("target-clock")
+        self.stopped = clock is not None and clock.stopped
         # Known to the list, and of these the tests where the names of all are known.
         self.listed = {
             name: {test for test in (known_tests() or reasons) if test.startswith(name)}
@@ -108,11 +124,10 @@ class Account:
         self.by_themselves = {
             name: why
             for name, why in reasons.items()
-            if name not in self.late and not name.startswith(tuple(name for name, _ in ROWS))
+            if not name.startswith(tuple(name for name, _ in ROWS))
         }
-        self.missing = sorted(
-            {*known_tests()} - self.passed - self.failed - named - self.late - {*self.by_themselves}
-        )
+        gone = {*known_tests()} - self.passed - self.failed - named - {*self.by_themselves}
+        self.late, self.missing = ([], sorted(gone)) if not self.stopped else (sorted(gone), [])
 
     def figures(self) -> str:
         """One line."""
@@ -142,10 +157,16 @@ def counted(tests: Iterable[str], what: str) -> list[str]:
 
 @pytest.hookimpl(tryfirst=True)
 def pytest_sessionfinish(session: pytest.Session, exitstatus: int) -> None:
-    """Fails a run that went to its end and missed a test."""
+    """Fails a run that went to its end and missed a test; one that was stopped in time has failed
+    only if a test has."""
     reporter = session.config.pluginmanager.get_plugin("terminalreporter")
-    if reporter is not None and exitstatus == pytest.ExitCode.OK and Account(reporter).missing:
+    if reporter is None or exitstatus not in (pytest.ExitCode.OK, pytest.ExitCode.INTERRUPTED):
+        return
+    account = Account(reporter)
+    if account.missing or account.failed:
         session.exitstatus = pytest.ExitCode.TESTS_FAILED
+    elif account.stopped:
+        session.exitstatus = pytest.ExitCode.OK
 
 
 def pytest_terminal_summary(terminalreporter: pytest.TerminalReporter) -> None:
