@@ -27,13 +27,13 @@ SCREENSHOTS = fresh.ROOT / "build" / "screenshots"
 WIDE, NARROW = {"width": 1280, "height": 860}, {"width": 360, "height": 740}
 PATIENCE = 15_000  # milliseconds; nothing here takes a tenth of it
 
-pytestmark = [
-    pytest.mark.xdist_group("browser"),  # one browser for all
-    pytest.mark.skipif(CHROMIUM is None, reason="no Chromium: tests/browser/bootstrap installs it"),
-    pytest.mark.skipif(
-        "LD_PRELOAD" in os.environ, reason="a browser does not run with the sanitizer preloaded"
-    ),
-]
+# One line in place of all tests, not one for each.
+if CHROMIUM is None:
+    pytest.skip("no Chromium: tests/browser/bootstrap installs it", allow_module_level=True)
+if os.environ.get("LD_PRELOAD"):
+    pytest.skip("a browser does not run with the sanitizer preloaded", allow_module_level=True)
+
+pytestmark = pytest.mark.xdist_group("browser")  # one browser for all
 
 
 @pytest.fixture(scope="module")
