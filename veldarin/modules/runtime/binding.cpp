@@ -91,7 +91,7 @@ bool bind(const char *name, const Function &function, PyObject *positional, PyOb
     for (Py_ssize_t i = given; i < function.count(); ++i) {
         const Parameter &parameter = function.parameters[i];
         if (bound[i]) continue;
-        if (parameter.fallback == Parameter::required) return wrong_count(name, function, given);
+        if (parameter.is_required()) return wrong_count(name, function, given);
         bound[i] =
             Ref::borrow(parameter.fallback == Parameter::sessions ? state.sessions : Py_None);
     }

@@ -17,6 +17,8 @@ struct Parameter {
     Name name = Name::none;
     Type type = anything;
     Default fallback = required;
+
+    [[nodiscard]] constexpr bool is_required() const { return fallback == required; }
 };
 
 struct Function {
@@ -31,8 +33,7 @@ struct Function {
     }
     [[nodiscard]] constexpr int required() const {
         int required = 0;
-        while (required < count() && parameters[required].fallback == Parameter::required)
-            ++required;
+        while (required < count() && parameters[required].is_required()) ++required;
         return required;
     }
 };

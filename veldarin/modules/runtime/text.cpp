@@ -107,8 +107,8 @@ Ref removed(PyObject *text, PyObject *pair) {
     const Py_ssize_t length = length_without(all, unwanted);
     if (length == all.size()) return Ref::borrow(text);
     Ref made = Ref::steal(PyUnicode_New(length, 127));
-    if (made)
-        copy_without(all, unwanted, reinterpret_cast<char *>(PyUnicode_1BYTE_DATA(made.get())));
+    if (!made) return made;
+    copy_without(all, unwanted, reinterpret_cast<char *>(PyUnicode_1BYTE_DATA(made.get())));
     return made;
 }
 
