@@ -10,7 +10,8 @@ namespace modules_util {
 // Identifiers: the name in C++ is the text.
 #define MODULES_UTIL_IDENTIFIERS(X)                                                               \
     X(CFunctionError) X(Counters) X(JSONObject) X(Lock) X(Path) X(absolute) X(age)                \
-    X(aps_unsigned_int_hash) X(binascii) X(builtins) X(bytes_) X(characters) X(cmd) X(cmd_s) X(collections) X(complex)   \
+    X(aps_unsigned_int_hash)                                                                      \
+    X(binascii) X(builtins) X(bytes_) X(characters) X(cmd) X(cmd_s) X(collections) X(complex)     \
     X(copy) X(debug) X(decode) X(deepcopy) X(distance) X(encrypted) X(entry) X(error) X(event)    \
     X(format) X(getLogger) X(get_bfd_neighbor) X(get_cli_command_output)                          \
     X(get_preference_cookie_secret_path) X(hexlify) X(https) X(instance_id) X(interface) X(ip)    \
@@ -18,7 +19,7 @@ namespace modules_util {
     X(local_timers) X(logging) X(lower) X(mac) X(main) X(metric) X(mkey) X(name) X(namedtuple)    \
     X(neighbor_ip) X(open) X(os) X(other) X(path) X(pathlib) X(plain) X(policy_id) X(port_name)   \
     X(profile_name) X(range) X(readline) X(remote_timers) X(replace) X(serial_number_ascii)       \
-    X(split) X(strip) X(strtcpy) X(table) X(text_) X(threading) X(trunk_name) X(type) X(ujson)            \
+    X(split) X(strip) X(strtcpy) X(table) X(text_) X(threading) X(trunk_name) X(type) X(ujson)    \
     X(urandom) X(write) X(zebra_notifications)
 
 // Texts that are no identifiers of C++, each under a name of its own.
