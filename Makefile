@@ -36,7 +36,7 @@ console: build  ## every function in a browser
 	@$(RUN) -m appliance console $(ARGS)
 
 .PHONY: test
-test: build meter browser lint  ## build, lint, and every test
+test: build meter test-environment lint  ## build, lint, and every test
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build
@@ -96,7 +96,7 @@ fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up,
 
 .PHONY: sanitize
 sanitize:  ## every test under the sanitizers, the parsers' under valgrind
-	@$(MAKE) PRESET=asan build meter browser
+	@$(MAKE) PRESET=asan build meter test-environment
 	@$(MAKE) PRESET=debug build
 	@$(PYTHON) -m tests.sanitize $(ARGS)
 
@@ -116,11 +116,6 @@ meter: build
 	@benchmarks/bootstrap meter
 	@tools/step build-meter "building the meter" \
 		$(CMAKE) --build --preset $(PRESET) --target benchmark_meter
-
-# What the console's page is tested with.
-.PHONY: browser
-browser: environment
-	@tests/browser/bootstrap
 
 .PHONY: wheel
 wheel: module-environment  ## the product as a wheel in build/wheel
@@ -158,11 +153,13 @@ lock:  ## requirements.txt anew from requirements.in
 clean:  ## everything that was built; .venv stays
 	@rm -rf build
 
-.PHONY: environment module-environment target-environment fuzz-environment
+.PHONY: environment module-environment test-environment target-environment fuzz-environment
 environment:
 	@tools/bootstrap
 module-environment:
 	@tools/bootstrap module
+test-environment: environment
+	@tests/bootstrap
 target-environment: environment
 	@tools/target/bootstrap
 fuzz-environment: environment
