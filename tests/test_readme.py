@@ -82,19 +82,19 @@ def run_python(source: str, folder: Path) -> str:
 
 
 def test_the_scripted_device_does_what_is_shown(tmp_path: Path) -> None:
-    program, _host = blocks("python")
+    _host, program = blocks("python")
     assert run_python(program, fresh.ROOT) == blocks("")[1]
 
 
 def test_the_module_runs_in_another_host(tmp_path: Path) -> None:
-    _program, host = blocks("python")
+    host, _program = blocks("python")
     shutil.copy(fresh.BUILD / "libappliance.so", tmp_path / "libservices.so")
     shutil.copytree(fresh.BUILD / "stage", tmp_path / "import-root")
     assert run_python(host, tmp_path) == "0\n"
 
 
 def test_what_the_other_host_lacks_is_named(tmp_path: Path) -> None:
-    _program, host = blocks("python")
+    host, _program = blocks("python")
     shutil.copytree(fresh.BUILD / "stage", tmp_path / "import-root")
     without_services = re.sub(r"^ctypes\.CDLL.*\n", "", host, flags=re.MULTILINE)
     assert without_services != host
