@@ -249,4 +249,5 @@ def test_nothing_stays_behind_of_an_import_that_fails() -> None:
 def test_the_counting_of_imports_sees_what_stays() -> None:
     keep = "__import__('sys').__dict__.setdefault('kept', []).append([bytes(100)])"
     cases = [("kept", [keep, "siblings['util.json'] = None"])]
-    assert fresh.value(repeat_failing_imports, cases) == [["kept", 3, 1]]
+    blocks = 3 if BLOCKS else 0
+    assert fresh.value(repeat_failing_imports, cases) == [["kept", blocks, 1]]
