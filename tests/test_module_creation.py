@@ -11,6 +11,7 @@ from typing import Any
 import pytest
 
 from tests import fresh
+from tests.functions import FUNCTIONS
 
 INTERPRETER_CHANGE = (
     "Interpreter change detected - this module can only be loaded into one interpreter per process."
@@ -56,6 +57,27 @@ WHOLE = {
     "parent": "a package",
     "submodule_search_locations": ["a place"],
 }
+
+
+def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> None:
+    def call_all(calls: list[list[Any]]) -> list[str]:
+        from importlib.machinery import ModuleSpec
+
+        from tests.fake_siblings import created_from
+        from tests.fresh import MODULE, PRODUCT
+
+        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        told = []
+        for name, required in calls:
+            try:
+                told.append(f"{name} returned {getattr(module, name)(*[None] * required)!r}")
+            except Exception as error:
+                told.append(f"{type(error).__name__}: {error}")
+        return told
+
+    told = fresh.value(call_all, [[row.name, row.required] for row in FUNCTIONS])
+    assert len(told) == 30
+    assert set(told) == {f"RuntimeError: {fresh.MODULE} has not been imported"}
 
 
 def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
