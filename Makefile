@@ -14,13 +14,13 @@ PRESET ?= release
 BUILD := build/$(PRESET)
 PYTHON := .venv/bin/python
 CMAKE := .venv/bin/cmake
-CXX_SOURCES = $(shell find $(wildcard veldarin util migbase appliance tests benchmarks tools) \
+CXX_SOURCES = $(shell find $(wildcard veldarin util migbase veldarin_simulator tests checks benchmarks tools cross) \
 	-name '*.cpp' -o -name '*.c' -o -name '*.h')
 
-# What `python -m appliance` and pytest are started with.
-RUN = APPLIANCE_BUILD=$(BUILD) $(PYTHON)
+# What `python -m veldarin_simulator` and pytest are started with.
+RUN = MODULES_UTIL_BUILD=$(BUILD) $(PYTHON)
 ifeq ($(PRESET),asan)
-RUN = APPLIANCE_BUILD=$(BUILD) tools/sanitized $(PYTHON)
+RUN = MODULES_UTIL_BUILD=$(BUILD) tools/with-asan $(PYTHON)
 endif
 
 .PHONY: help
@@ -29,11 +29,11 @@ help:  ## this list
 
 .PHONY: run
 run: build  ## call all thirty functions against this machine's state
-	@$(RUN) -m appliance tour
+	@$(RUN) -m veldarin_simulator demo
 
 .PHONY: console
 console: build  ## every function in a browser
-	@$(RUN) -m appliance console $(ARGS)
+	@$(RUN) -m veldarin_simulator console $(ARGS)
 
 .PHONY: test
 test: build meter test-environment lint  ## build, lint, and every test
@@ -64,13 +64,13 @@ lint: build meter  ## formats, ruff, mypy, clang-tidy; quick when nothing change
 
 .PHONY: docs
 docs: environment  ## the page of functions anew from the module's Python face
-	@$(PYTHON) tools/functions_page.py
+	@$(PYTHON) tools/generate_function_docs.py
 
 .PHONY: bench
 bench: build  ## the module against its peers and the floor: docs/benchmarks.md
 	@benchmarks/bootstrap
 	@tools/step build-bench "building the benchmarks" \
-		$(CMAKE) --build --preset $(PRESET) --target benchmark_peers
+		$(CMAKE) --build --preset $(PRESET) --target benchmark_competitors
 	@$(RUN) -m benchmarks $(ARGS)
 
 .PHONY: bench-baseline
@@ -80,30 +80,30 @@ bench-baseline: build meter  ## today's instructions and allocations are those t
 .PHONY: faults
 faults: environment build/faults/build.ninja  ## every allocation of every call made to fail once
 	@tools/step build-faults "building faults" $(CMAKE) --build --preset faults
-	@APPLIANCE_BUILD=build/faults $(PYTHON) -m tests.faults $(ARGS)
+	@MODULES_UTIL_BUILD=build/faults $(PYTHON) -m checks.fault_injection $(ARGS)
 
 .PHONY: coverage
 coverage: environment build/coverage/build.ninja  ## every line and branch of the module, run or excused
-	@tests/coverage/bootstrap
+	@checks/coverage/bootstrap
 	@tools/step build-coverage "building coverage" $(CMAKE) --build --preset coverage
-	@$(PYTHON) -m tests.coverage $(ARGS)
+	@$(PYTHON) -m checks.coverage $(ARGS)
 
 .PHONY: fuzz
 fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up, SECONDS=60 of them
 	@tools/step build-fuzz "building fuzz" \
 		$(CMAKE) --build --preset fuzz --target fuzz_parsers fuzz_text
-	@$(PYTHON) -m tests.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
+	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
 
 .PHONY: sanitize
 sanitize:  ## every test under the sanitizers, the parsers' under valgrind
 	@$(MAKE) PRESET=asan build meter test-environment
 	@$(MAKE) PRESET=debug build
-	@$(PYTHON) -m tests.sanitize $(ARGS)
+	@$(PYTHON) -m checks.sanitizers $(ARGS)
 
 .PHONY: soak
 soak: build  ## a million calls from several threads: memory and counts stay flat
 	@benchmarks/bootstrap
-	@$(RUN) -m tests.soak $(ARGS)
+	@$(RUN) -m checks.soak $(ARGS)
 
 .PHONY: lab
 lab: build  ## the parsers on a network of real routing daemons, as root: docs/lab.md
@@ -115,7 +115,7 @@ lab: build  ## the parsers on a network of real routing daemons, as root: docs/l
 meter: build
 	@benchmarks/bootstrap meter
 	@tools/step build-meter "building the meter" \
-		$(CMAKE) --build --preset $(PRESET) --target benchmark_meter
+		$(CMAKE) --build --preset $(PRESET) --target callgrind_tools
 
 .PHONY: wheel
 wheel: module-environment  ## the product as a wheel in build/wheel
@@ -126,24 +126,24 @@ wheel: module-environment  ## the product as a wheel in build/wheel
 .PHONY: target
 target: target-environment build/mips/build.ninja  ## the product for the appliance's processor, MIPS
 	@tools/step build-mips "building mips" $(CMAKE) --build --preset mips
-	@tools/target/facts build/mips/stage/veldarin/modules/modules_util.*.so
+	@cross/mips/verify-elf build/mips/stage/veldarin/modules/modules_util.*.so
 
 .PHONY: target-test
 target-test: target  ## every test on that processor, emulated
-	@tools/target/test $(ARGS)
+	@cross/mips/test $(ARGS)
 
 .PHONY: target-check
 target-check:  ## build and test for the target within eight minutes, as CI does
-	@tools/target/check $(ARGS)
+	@cross/mips/ci-test $(ARGS)
 
 .PHONY: target-faults
 target-faults: target build/mips-faults/build.ninja  ## every allocation made to fail once there
 	@tools/step build-mips-faults "building mips-faults" $(CMAKE) --build --preset mips-faults
-	@tools/target/faults $(ARGS)
+	@cross/mips/fault-injection $(ARGS)
 
 .PHONY: dist
 dist: target  ## what ships, as an archive in build/dist
-	@$(PYTHON) tools/target/dist.py
+	@$(PYTHON) cross/mips/dist.py
 
 .PHONY: lock
 lock:  ## requirements.txt anew from requirements.in
@@ -161,9 +161,9 @@ module-environment:
 test-environment: environment
 	@tests/bootstrap
 target-environment: environment
-	@tools/target/bootstrap
+	@cross/mips/bootstrap
 fuzz-environment: environment
-	@tests/fuzz/bootstrap
+	@checks/fuzz/bootstrap
 
 # This one is configured with the compiler that is looked after there.
 build/fuzz/build.ninja: | fuzz-environment
@@ -174,6 +174,6 @@ build/%/build.ninja: CMakePresets.json | module-environment
 
 # These trees also remember the target's interpreter, which is another when its recipe changes.
 build/mips/build.ninja build/mips-faults/build.ninja: CMakePresets.json cmake/mips-linux-gnu.cmake \
-		$(addprefix tools/target/,recipe.sh libraries cpython) | target-environment
+		$(addprefix cross/mips/,config.sh libraries cpython) | target-environment
 	@tools/step configure-$(notdir $(@D)) "configuring $(notdir $(@D))" \
 		$(CMAKE) --preset $(notdir $(@D)) --fresh

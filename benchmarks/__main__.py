@@ -10,9 +10,9 @@ from rich.console import Console
 from rich.progress import BarColumn, Progress, TextColumn, TimeElapsedColumn
 from rich.table import Table as RichTable
 
-from appliance import host
-from benchmarks import gate
+from benchmarks import regression
 from benchmarks.tables import Table, all_tables
+from veldarin_simulator import native_library
 
 
 def _show(console: Console, table: Table) -> None:
@@ -27,18 +27,18 @@ def _show(console: Console, table: Table) -> None:
 
 def _run(console: Console) -> None:
     # Plots and peers are not installed where only instructions are counted.
-    from benchmarks import page, plots, run
+    from benchmarks import measure, plots, report
 
     columns = (TextColumn("{task.description:<48}"), BarColumn(), TimeElapsedColumn())
     with Progress(*columns, console=console, disable=not console.is_terminal) as progress:
         bar = progress.add_task("", total=1.0)
-        figures = run.measure(
+        figures = measure.measure(
             lambda what, share: progress.update(bar, description=what, completed=share)
         )
-    page.write(figures, plots.draw(figures, page.PICTURES))
+    report.write(figures, plots.draw(figures, report.PICTURES))
     for table in all_tables(figures):
         _show(console, table)
-    console.print(f"written: {page.PAGE.relative_to(host.ROOT)}")
+    console.print(f"written: {report.PAGE.relative_to(native_library.ROOT)}")
 
 
 def main() -> int:
@@ -51,8 +51,8 @@ def main() -> int:
         console = Console(width=200)  # a file is as wide as its tables
     try:
         if arguments.what == "baseline":
-            gate.write(gate.measure())
-            console.print(f"written: {gate.BASELINE.relative_to(host.ROOT)}")
+            regression.write(regression.measure())
+            console.print(f"written: {regression.BASELINE.relative_to(native_library.ROOT)}")
         else:
             _run(console)
     except (AssertionError, RuntimeError) as error:

@@ -13,12 +13,12 @@ from collections.abc import Sequence
 from importlib import import_module
 from pathlib import Path
 
-from appliance import host
-from benchmarks import built, contenders
+from benchmarks import competitors, load
 from benchmarks.timing import Times
+from veldarin_simulator import native_library
 
 ROUNDS = 15
-CONTENDERS = (contenders.PRODUCT, contenders.CYTHON)
+CONTENDERS = (competitors.PRODUCT, competitors.CYTHON)
 NAMEDTUPLE = "namedtuple"  # what every import of the module makes anew, alone
 
 
@@ -36,28 +36,30 @@ def measure() -> dict[str, Times]:
 def sizes() -> dict[str, int]:
     """Bytes of the files, stripped both."""
     files = {
-        contenders.PRODUCT: host.build_directory() / "stage" / "veldarin" / "modules",
-        contenders.CYTHON: built.FOLDER,
+        competitors.PRODUCT: native_library.build_directory() / "stage" / "veldarin" / "modules",
+        competitors.CYTHON: load.FOLDER,
     }
     return {name: _file(folder, name).stat().st_size for name, folder in files.items()}
 
 
 def _file(folder: Path, name: str) -> Path:
-    stem = contenders.IMPORT_NAMES[name].rpartition(".")[2]
+    stem = competitors.IMPORT_NAMES[name].rpartition(".")[2]
     return next(folder.glob(f"{stem}.*.so"))
 
 
 def _once(name: str) -> int:
     command = [sys.executable, "-m", "benchmarks.imports", name]
-    done = subprocess.run(command, cwd=host.ROOT, capture_output=True, text=True, check=True)
+    done = subprocess.run(
+        command, cwd=native_library.ROOT, capture_output=True, text=True, check=True
+    )
     return int(done.stdout)
 
 
 def main(arguments: Sequence[str]) -> None:
     """The fresh process."""
-    host.load()
-    built.load("bench_meter")  # makes the compiled peer importable
-    contenders.load_siblings()
+    native_library.load()
+    load.load("bench_repeat")  # makes the compiled peer importable
+    competitors.load_siblings()
     (name,) = arguments
     begin = time.thread_time_ns()
     if name == NAMEDTUPLE:
@@ -66,7 +68,7 @@ def main(arguments: Sequence[str]) -> None:
             "bytes_sent bytes_recv packets_sent packets_recv errin errout dropin dropout",
         )
     else:
-        import_module(contenders.IMPORT_NAMES[name])
+        import_module(competitors.IMPORT_NAMES[name])
     print(time.thread_time_ns() - begin)
 
 

@@ -16,9 +16,9 @@ from collections.abc import Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from appliance import host
-from benchmarks import counted
+from benchmarks import callgrind_worker
 from benchmarks.workloads import Workload
+from veldarin_simulator import native_library
 
 _LABEL = re.compile(r"^desc: Trigger: Client Request: (.*)/(.*)/(\d+)$", re.MULTILINE)
 _TOTAL = re.compile(r"^(?:totals|summary): (\d+)", re.MULTILINE)
@@ -47,7 +47,9 @@ def count(chosen: Sequence[Workload], contenders: Sequence[str]) -> Counts:
         allocations = _run(Path(folder), [each.name for each in chosen], contenders)
         totals = _totals(Path(folder))
     imports: dict[str, float] = {
-        contender: total for (name, contender, _), total in totals.items() if name == counted.IMPORT
+        contender: total
+        for (name, contender, _), total in totals.items()
+        if name == callgrind_worker.IMPORT
     }
     instructions = {
         each.name: {
@@ -67,7 +69,7 @@ def _run(folder: Path, names: Sequence[str], contenders: Sequence[str]) -> Table
         f"--callgrind-out-file={folder}/counts",
         sys.executable,
         "-m",
-        counted.__name__,
+        callgrind_worker.__name__,
     ]
     request = json.dumps({"workloads": list(names), "contenders": list(contenders)})
     # The interpreter's own switches must not count.
@@ -78,7 +80,7 @@ def _run(folder: Path, names: Sequence[str], contenders: Sequence[str]) -> Table
             input=request,
             text=True,
             capture_output=True,
-            cwd=host.ROOT,
+            cwd=native_library.ROOT,
             env={**plain, "PYTHONHASHSEED": "0"},
         )
     except FileNotFoundError:
@@ -100,6 +102,6 @@ def _totals(folder: Path) -> _Totals:
 
 
 def _per_call(totals: _Totals, workload: Workload, contender: str) -> float:
-    few, many = workload.calls, workload.calls * counted.MORE
+    few, many = workload.calls, workload.calls * callgrind_worker.MORE
     difference = totals[workload.name, contender, many] - totals[workload.name, contender, few]
     return difference / (many - few)

@@ -7,7 +7,7 @@ import tracemalloc
 from dataclasses import dataclass
 from typing import Any
 
-from benchmarks.bench import Call
+from benchmarks.runner import Call
 
 _FEW, _MANY = 1, 5
 

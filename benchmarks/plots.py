@@ -6,9 +6,9 @@ from pathlib import Path
 from typing import Any
 
 from benchmarks import workloads
-from benchmarks.contenders import CYTHON, PRODUCT
-from benchmarks.run import Run
-from benchmarks.texts import Variant
+from benchmarks.cli_samples import Variant
+from benchmarks.competitors import CYTHON, PRODUCT
+from benchmarks.measure import Run
 from benchmarks.workloads import FLOOR
 
 # Colour and mark by contender, in the order of the legend.

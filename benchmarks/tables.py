@@ -5,10 +5,10 @@ from __future__ import annotations
 from collections.abc import Sequence
 from dataclasses import dataclass
 
-from benchmarks import goals, imports, workloads
-from benchmarks.contenders import CYTHON, PRODUCT
-from benchmarks.run import Run
-from benchmarks.texts import Variant
+from benchmarks import imports, thresholds, workloads
+from benchmarks.cli_samples import Variant
+from benchmarks.competitors import CYTHON, PRODUCT
+from benchmarks.measure import Run
 from benchmarks.workloads import FLOOR, READY, Workload
 
 
@@ -113,7 +113,7 @@ def _goals(run: Run) -> Table:
             f"{goal.figure(run):.3g} {goal.unit}",
             "reached" if goal.reached(run) else "not reached",
         ]
-        for goal in goals.GOALS
+        for goal in thresholds.GOALS
     ]
     return Table(
         "Goals",
@@ -157,7 +157,7 @@ def _growth(run: Run) -> Table:
     rows = [
         [
             parser(workloads.GOAL_SIZE, variant).name.replace(f" {workloads.GOAL_SIZE:,}", ""),
-            *(f"{goals.growth(run, parser, variant, name):.2f}" for name in peers),
+            *(f"{thresholds.growth(run, parser, variant, name):.2f}" for name in peers),
         ]
         for parser in workloads.PARSERS
         for variant in Variant

@@ -8,7 +8,7 @@ from dataclasses import dataclass
 from statistics import median
 from typing import Any
 
-from benchmarks.bench import Call
+from benchmarks.runner import Call
 
 # Nanoseconds that one contender runs in a round, if a call is no longer. Long ones leave everybody
 # with warm caches; short ones are many, which small differences need.

@@ -8,9 +8,9 @@ from collections.abc import Callable, Mapping
 from dataclasses import dataclass, field
 from typing import Any
 
-from appliance import RawJSON
-from benchmarks import texts
-from benchmarks.texts import Variant
+from benchmarks import cli_samples
+from benchmarks.cli_samples import Variant
+from veldarin_simulator import RawJSON
 
 CLI = "get_cli_cmd_output"
 NEIGHBORS = 10
@@ -54,7 +54,7 @@ def arp(rows: int, variant: Variant) -> Workload:
     return Workload(
         name=f"ARP, {rows:,} rows, {variant.value}",
         function="get_system_arp_result",
-        replies=lambda: {CLI: texts.arp(rows, variant)},
+        replies=lambda: {CLI: cli_samples.arp(rows, variant)},
         rows=rows,
         floors={FLOOR: "rebuild"},
     )
@@ -65,7 +65,7 @@ def routing(rows: int, variant: Variant) -> Workload:
     return Workload(
         name=f"routing, {rows:,} routes, {variant.value}",
         function="get_routing_table_result",
-        replies=lambda: {CLI: texts.routing(rows, variant)},
+        replies=lambda: {CLI: cli_samples.routing(rows, variant)},
         arguments=("192.0.2.7",),
         rows=rows,
         floors={FLOOR: "rebuild"},
@@ -77,7 +77,7 @@ def bfd(rows: int, variant: Variant) -> Workload:
     return Workload(
         name=f"BFD, {rows:,} key lines, {variant.value}",
         function="get_bfd_neighbor",
-        replies=lambda: {CLI: texts.bfd(rows, variant)},
+        replies=lambda: {CLI: cli_samples.bfd(rows, variant)},
         arguments=("get router info bfd neighbor", {}),
         rows=rows,
         floors={FLOOR: "rebuild", "floor, keys too": "rebuild_with_keys"},
@@ -93,7 +93,7 @@ def listing() -> Workload:
     return Workload(
         name=f"list_bfd_neighbor, {NEIGHBORS} neighbors",
         function="list_bfd_neighbor",
-        replies=lambda: {CLI: texts.bfd_session(0)},
+        replies=lambda: {CLI: cli_samples.bfd_session(0)},
         sessions=NEIGHBORS,
         floors={FLOOR: "rebuild", "deepcopy": "deepcopy"},
     )
@@ -104,7 +104,7 @@ def output(size: int, label: str, prompts: bool = False) -> Workload:
     return Workload(
         name=f"get_cli_command_output, {label}" + (", with pager prompts" if prompts else ""),
         function="get_cli_command_output",
-        replies=lambda: {CLI: texts.output(size, prompts)},
+        replies=lambda: {CLI: cli_samples.output(size, prompts)},
         arguments=("get system arp",),
         floors={} if prompts else {FLOOR: "get_cli_command_output"},
     )
@@ -116,7 +116,7 @@ def bridge(size: int, label: str, bare: bool = False) -> Workload:
     def reply() -> object:
         if not size:
             return None
-        return RawJSON(json.dumps(texts.ports(size))) if bare else texts.ports(size)
+        return RawJSON(json.dumps(cli_samples.ports(size))) if bare else cli_samples.ports(size)
 
     return Workload(
         name=f"bridge, {label}" + (", bare" if bare else ""),

@@ -33,5 +33,5 @@ function(add_cython_module name folder)
     )
     # Generated code: its warnings say nothing about ours.
     target_compile_options(${target} PRIVATE -w)
-    target_link_libraries(${target} PRIVATE interpreter)
+    target_link_libraries(${target} PRIVATE python_headers)
 endfunction()

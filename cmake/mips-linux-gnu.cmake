@@ -1,5 +1,5 @@
 # The appliance's processor: 32-bit big-endian MIPS Linux (o32), with Debian's cross compiler and the
-# CPython 3.9 and json-c that tools/target/bootstrap has built. The interpreter that runs the build
+# CPython 3.9 and json-c that cross/mips/bootstrap has built. The interpreter that runs the build
 # (and Cython) is the workstation's; headers and file name suffix are the target's.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR mips)
@@ -8,7 +8,7 @@ set(CMAKE_CXX_COMPILER mips-linux-gnu-g++)
 
 execute_process(
     COMMAND bash -euc [[. "$0" && printf %s "$interpreter"]]
-        ${CMAKE_CURRENT_LIST_DIR}/../tools/target/recipe.sh
+        ${CMAKE_CURRENT_LIST_DIR}/../cross/mips/config.sh
     OUTPUT_VARIABLE target_interpreter
     COMMAND_ERROR_IS_FATAL ANY
 )

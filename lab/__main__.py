@@ -8,7 +8,7 @@ from contextlib import suppress
 import pytest
 
 from lab.network import ROOT, why_not
-from lab.states import Lab
+from lab.network_states import Lab
 
 _STAY = "--stay"
 
@@ -37,7 +37,7 @@ def _invitation(lab: Lab) -> str:
     enter = " ".join(lab.nodes["hub"].enter)
     return (
         f"The network is up: {nodes}. For example in hub:\n"
-        f"    {enter} {sys.executable} -m appliance call list_bfd_neighbor\n"
+        f"    {enter} {sys.executable} -m veldarin_simulator call list_bfd_neighbor\n"
         "Enter or Ctrl-C takes it down."
     )
 

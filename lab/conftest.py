@@ -10,9 +10,9 @@ import pytest
 from rich.console import Console
 from rich.table import Table
 
-from lab import daemons, outside, topology
+from lab import daemons, host_snapshot, topology
 from lab.network import wait_until, why_not
-from lab.states import STATES, Lab
+from lab.network_states import STATES, Lab
 
 _WIDTH = 100
 _VERSIONS = pytest.StashKey[str]()
@@ -29,13 +29,13 @@ def possible() -> None:
 @pytest.fixture(scope="session")
 def lab(possible: None, request: pytest.FixtureRequest) -> Iterator[Lab]:
     """The network, at rest. When it is taken down this machine is as it was."""
-    before = outside.state()
+    before = host_snapshot.state()
     with Lab() as lab:
         namespaces = {node.namespace for node in lab.nodes.values()}
         request.config.stash[_VERSIONS] = _versions(lab)
         yield lab
-    wait_until(partial(outside.left, namespaces))
-    assert outside.state() == before
+    wait_until(partial(host_snapshot.left, namespaces))
+    assert host_snapshot.state() == before
 
 
 @pytest.fixture(scope="session", params=STATES)

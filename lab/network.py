@@ -22,7 +22,7 @@ from typing import Any
 import psutil
 
 from lab import topology
-from lab.inside import Inside
+from lab.node_agent import Inside
 from lab.topology import Port, Wire
 
 ROOT = Path(__file__).resolve().parent.parent

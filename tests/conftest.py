@@ -8,9 +8,9 @@ from types import ModuleType
 
 import pytest
 
-from appliance import Appliance, Counts, host
-from tests import twin
-from tests.command_line import CommandLine
+from tests.support import reference
+from tests.support.fake_cli import CommandLine
+from veldarin_simulator import Counts, Simulator, native_library
 
 NOTHING = Counts(json_objects=0, text_buffers=0)
 
@@ -19,31 +19,31 @@ NOTHING = Counts(json_objects=0, text_buffers=0)
 def built() -> None:
     """Ends the run with one line where there is no build to test."""
     try:
-        host.load()
+        native_library.load()
     except RuntimeError as error:
         pytest.exit(str(error), returncode=1)
 
 
 @pytest.fixture
-def device(built: None) -> Iterator[Appliance]:
+def simulator(built: None) -> Iterator[Simulator]:
     """A fresh appliance. The test fails if an answer failed, a json-c object or buffer leaked."""
-    with Appliance(live=False) as device:
-        yield device
-        if device.counts != NOTHING:
+    with Simulator(live=False) as simulator:
+        yield simulator
+        if simulator.live_objects != NOTHING:
             gc.collect()  # a cycle may have kept something; too slow to be done after every test
-        assert device.counts == NOTHING, "not freed by the test's end"
+        assert simulator.live_objects == NOTHING, "not freed by the test's end"
 
 
 @pytest.fixture
-def module(device: Appliance) -> ModuleType:
+def module(simulator: Simulator) -> ModuleType:
     """`veldarin.modules.modules_util` on the device."""
-    return device.module
+    return simulator.module
 
 
 @pytest.fixture(params=["module", "twin"])
 def cli(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Iterator[CommandLine]:
     """The command line under the parsers: those of the native module, and those of the twin."""
-    parser = twin if request.param == "twin" else request.getfixturevalue("module")
+    parser = reference if request.param == "twin" else request.getfixturevalue("module")
     line = CommandLine(parser, monkeypatch)
     yield line
     line.shared.clear()

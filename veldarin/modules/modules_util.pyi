@@ -613,7 +613,7 @@ def capture_sniffer_profile(profile_name: str | None, event: str | None) -> Any:
 # ------------------------------------------------------------------ Routing and ARP tables
 # Tables parsed from command line output. Every value stays the text that was printed. Output that
 # does not have the expected form ends the call with `IndexError`, and what was parsed before is
-# lost with it; the tool `python -m appliance parse` tells the line.
+# lost with it; the tool `python -m veldarin_simulator parse` tells the line.
 
 def get_routing_table_result(ip_address: str | None, /) -> RoutingTable:
     """The routing table's entry for an address, with its next hops.

@@ -1,0 +1,79 @@
+"""The parsers as TTP templates, compiled once; what is left is to put the groups together."""
+
+from __future__ import annotations
+
+from typing import Any
+
+from ttp import ttp
+
+from benchmarks.competitors import bfd_merge
+from veldarin.modules.modules_util import get_cli_command_output
+
+_ARP = ttp(
+    template="""
+<group name="rows*">
+{{ ipAddress }} {{ age }} {{ mac }} {{ interface }}
+</group>
+"""
+)
+
+_ROUTING = ttp(
+    template="""
+<group name="header">
+Routing entry for {{ entry }}
+{{ known | re(".*") }}, distance {{ distance }}, metric {{ metric }},{{ best | re(".*") }}
+  Last update {{ lastUpdate }} ago
+</group>
+<group name="table*">
+  {{ main }} {{ ip }}, via {{ interface }}
+</group>
+"""
+)
+
+_BFD = ttp(
+    template="""
+<group name="lines*">
+peer {{ address | _start_ }} interface {{ interface }}
+{{ timers | _start_ }} timers
+{{ key | ORPHRASE | _start_ }}: {{ value | ORPHRASE }}
+</group>
+"""
+)
+_BFD_PARTS = ("address", "interface", "timers", "key", "value")
+
+
+def get_system_arp_result() -> list[dict[str, str]]:
+    """The rows of the ARP table."""
+    rows: list[dict[str, str]] = _parsed(_ARP, get_cli_command_output("get system arp"))["rows"]
+    return rows
+
+
+def get_routing_table_result(ip_address: str) -> dict[str, Any]:
+    """The routing-table entry that covers an address."""
+    text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
+    parsed = _parsed(_ROUTING, text.replace("\r", ""))
+    header = parsed["header"]
+    return {
+        "entry": header["entry"],
+        "distance": header["distance"],
+        "metric": header["metric"],
+        "lastUpdate": header["lastUpdate"],
+        "other": f"{header['known']}, {header['best']}",
+        "table": parsed["table"],
+    }
+
+
+def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
+    """BFD sessions of a command's output, merged into `list_bfd`."""
+    # The patterns begin where the line does; the first line is no part of the session.
+    text = "\n".join(line.lstrip() for line in get_cli_command_output(cmd).split("\n")[1:])
+    lines = _parsed(_BFD, text)["lines"]
+    return bfd_merge.merge((list(map(line.get, _BFD_PARTS)) for line in lines), list_bfd)
+
+
+def _parsed(parser: Any, text: str) -> Any:
+    parser.clear_input()
+    parser.clear_result()
+    parser.add_input(text)
+    parser.parse(one=True)
+    return parser.result(structure="flat_list")[0]

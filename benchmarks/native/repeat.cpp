@@ -1,0 +1,172 @@
+// The benchmarks' meter: calls a function many times from C, so that no interpreter loop is counted
+// with it, and tells callgrind where a count begins and ends, or counts the blocks that are
+// allocated meanwhile.
+#include <Python.h>
+#include <valgrind/callgrind.h>
+
+#include <ctime>
+
+#include "veldarin/modules/runtime/ref.h"
+
+namespace {
+
+using modules_util::Ref;
+
+// ------------------------------------------------------------------ repeated calls
+
+// One call as it was asked for; everything borrowed.
+struct Call {
+    PyObject *function;
+    PyObject *const *arguments;
+    size_t positional;
+    PyObject *keywords;  // names of the arguments after the positional ones, or null
+    PyObject *cleared;   // a dictionary that is emptied before every call, or null
+    bool fails;          // every call must end in an exception
+};
+
+bool call_once(const Call &call) {
+    if (call.cleared) PyDict_Clear(call.cleared);
+    const Ref result = Ref::steal(
+        PyObject_Vectorcall(call.function, call.arguments, call.positional, call.keywords));
+    if (bool(result) == !call.fails) {
+        PyErr_Clear();
+        return true;
+    }
+    if (result) PyErr_SetString(PyExc_AssertionError, "the call was to fail");
+    return false;
+}
+
+bool repeat(const Call &call, Py_ssize_t times) {
+    for (; times > 0; --times) {
+        if (!call_once(call)) return false;
+    }
+    return true;
+}
+
+// (function, arguments, keywords, cleared, fails, times): what all functions here begin with.
+// `arguments` is a tuple of values, `keywords` a tuple of the last ones' names or None, `cleared` a
+// dictionary or None.
+constexpr Py_ssize_t call_parts = 6;
+
+bool parse(PyObject *const *parts, Py_ssize_t count, Py_ssize_t expected, Call &call,
+           Py_ssize_t &times) {
+    if (count != expected || !PyTuple_CheckExact(parts[1]) ||
+        (parts[2] != Py_None && !PyTuple_CheckExact(parts[2])) ||
+        (parts[3] != Py_None && !PyDict_CheckExact(parts[3]))) {
+        PyErr_SetString(PyExc_TypeError,
+                        "function, arguments, keywords, cleared, fails, times are wanted");
+        return false;
+    }
+    call.function = parts[0];
+    call.arguments = &PyTuple_GET_ITEM(parts[1], 0);
+    call.keywords = parts[2] == Py_None ? nullptr : parts[2];
+    const Py_ssize_t named = call.keywords ? PyTuple_GET_SIZE(call.keywords) : 0;
+    call.positional = static_cast<size_t>(PyTuple_GET_SIZE(parts[1]) - named);
+    call.cleared = parts[3] == Py_None ? nullptr : parts[3];
+    call.fails = parts[4] == Py_True;
+    times = PyLong_AsSsize_t(parts[5]);
+    return times >= 0;
+}
+
+// ------------------------------------------------------------------ time
+
+// Of this thread alone: who else uses the processor meanwhile does not count.
+long long processor_time() {
+    timespec now;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
+}
+
+// time(...): calls, drops what is returned; the processor time of all calls in nanoseconds.
+PyObject *time(PyObject *, PyObject *const *parts, Py_ssize_t count) {
+    Call call;
+    Py_ssize_t times = 0;
+    if (!parse(parts, count, call_parts, call, times)) return nullptr;
+    const long long begin = processor_time();
+    if (!repeat(call, times)) return nullptr;
+    return PyLong_FromLongLong(processor_time() - begin);
+}
+
+// ------------------------------------------------------------------ callgrind
+
+// instructions(..., label): the same, counted by callgrind and written out under the label.
+PyObject *instructions(PyObject *, PyObject *const *parts, Py_ssize_t count) {
+    Call call;
+    Py_ssize_t times = 0;
+    if (!parse(parts, count, call_parts + 1, call, times)) return nullptr;
+    const char *label = PyUnicode_AsUTF8(parts[call_parts]);
+    if (!label) return nullptr;
+    CALLGRIND_START_INSTRUMENTATION;
+    CALLGRIND_ZERO_STATS;
+    const bool done = repeat(call, times);
+    CALLGRIND_DUMP_STATS_AT(label);
+    CALLGRIND_STOP_INSTRUMENTATION;
+    if (!done) return nullptr;
+    Py_RETURN_NONE;
+}
+
+// ------------------------------------------------------------------ allocations
+
+constexpr PyMemAllocatorDomain domains[] = {PYMEM_DOMAIN_MEM, PYMEM_DOMAIN_OBJ};
+PyMemAllocatorEx below[2];
+Py_ssize_t allocated = 0;
+
+void *counted_malloc(void *context, size_t size) {
+    ++allocated;
+    const auto *next = static_cast<PyMemAllocatorEx *>(context);
+    return next->malloc(next->ctx, size);
+}
+void *counted_calloc(void *context, size_t items, size_t size) {
+    ++allocated;
+    const auto *next = static_cast<PyMemAllocatorEx *>(context);
+    return next->calloc(next->ctx, items, size);
+}
+void *counted_realloc(void *context, void *block, size_t size) {
+    ++allocated;
+    const auto *next = static_cast<PyMemAllocatorEx *>(context);
+    return next->realloc(next->ctx, block, size);
+}
+void counted_free(void *context, void *block) {
+    const auto *next = static_cast<PyMemAllocatorEx *>(context);
+    next->free(next->ctx, block);
+}
+
+// allocations(...): the same; returns how many blocks were asked for, from the interpreter's
+// allocator, in new ones and by growing.
+PyObject *allocations(PyObject *, PyObject *const *parts, Py_ssize_t count) {
+    Call call;
+    Py_ssize_t times = 0;
+    if (!parse(parts, count, call_parts, call, times)) return nullptr;
+    allocated = 0;
+    for (size_t i = 0; i < 2; ++i) {
+        PyMem_GetAllocator(domains[i], &below[i]);
+        PyMemAllocatorEx counted = {&below[i], counted_malloc, counted_calloc, counted_realloc,
+                                    counted_free};
+        PyMem_SetAllocator(domains[i], &counted);
+    }
+    const bool done = repeat(call, times);
+    for (size_t i = 0; i < 2; ++i) PyMem_SetAllocator(domains[i], &below[i]);
+    return done ? PyLong_FromSsize_t(allocated) : nullptr;
+}
+
+// ------------------------------------------------------------------ definition
+
+template <typename Function>
+PyCFunction entry(Function *function) {
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
+}
+
+PyMethodDef methods[] = {
+    {"time",         entry(time),         METH_FASTCALL, nullptr},
+    {"instructions", entry(instructions), METH_FASTCALL, nullptr},
+    {"allocations",  entry(allocations),  METH_FASTCALL, nullptr},
+    {nullptr,        nullptr,             0,             nullptr},
+};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT, "bench_repeat", nullptr, 0, methods, nullptr, nullptr, nullptr, nullptr,
+};
+
+}  // namespace
+
+PyMODINIT_FUNC PyInit_bench_repeat() { return PyModuleDef_Init(&definition); }

@@ -1,0 +1,181 @@
+// Put before every source of the product in the build that records its fallible calls: each call
+// into the interpreter that can fail leaves a record of its place and of its outcome, and can be
+// made to fail by its place. checks/fault_injection/call_sites.py reads the list below: what is
+// neither here nor in cannot_fail.txt is an error there.
+#pragma once
+
+#include <Python.h>
+
+#include <frameobject.h>
+
+#include <cstddef>
+
+#include "faults.h"
+#include "veldarin/modules/services.h"  // declares what is a macro below
+
+namespace faults {
+
+// How a result says that the call has failed: with an exception set, or quietly.
+struct null {
+    static bool failed(const void *result) { return !result; }
+    static std::nullptr_t fail() { return PyErr_NoMemory(), nullptr; }
+};
+struct null_quietly {
+    static bool failed(const void *result) { return !result; }
+    static std::nullptr_t fail() { return nullptr; }
+};
+struct null_with_error {  // null alone is an answer
+    static bool failed(const void *result) { return !result && PyErr_Occurred(); }
+    static std::nullptr_t fail() { return PyErr_NoMemory(), nullptr; }
+};
+struct negative {
+    static bool failed(long long result) { return result < 0; }
+    static int fail() { return PyErr_NoMemory(), -1; }
+};
+struct negative_with_error {  // a negative number alone is an answer
+    static bool failed(long long result) { return result < 0 && PyErr_Occurred(); }
+    static int fail() { return PyErr_NoMemory(), -1; }
+};
+struct zero_quietly {
+    static bool failed(long long result) { return result == 0; }
+    static int fail() { return 0; }
+};
+
+// One call, from before it is made until its outcome is known.
+class Made {
+public:
+    Made(faults_site &site, const char *function)
+        : site_(site), outer_(faults_enter(&site, function, &forced_)) {}
+
+    [[nodiscard]] bool forced() const { return forced_; }
+    void ended(bool failed) { faults_leave(&site_, outer_, failed); }
+
+private:
+    faults_site &site_;
+    bool forced_ = false;
+    faults_site *outer_;
+};
+
+template <typename How, typename Call>
+auto outcome(Made made, Call &&call) -> decltype(call()) {
+    using Result = decltype(call());
+    const Result result = made.forced() ? static_cast<Result>(How::fail()) : call();
+    made.ended(How::failed(result));
+    return result;
+}
+
+// What raises fails by raising something else, or by raising it without its text.
+inline bool misses(PyObject *wanted, bool worded) {
+    PyObject *type = nullptr;
+    PyObject *value = nullptr;
+    PyObject *traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_Restore(type, value, traceback);
+    return type != wanted || (worded && !value);
+}
+template <typename Call>
+std::nullptr_t raised(Made made, PyObject *wanted, bool worded, Call &&call) {
+    if (made.forced()) PyErr_NoMemory();
+    else call();
+    made.ended(misses(wanted, worded));
+    return nullptr;
+}
+
+// And what puts an exception in order, by leaving another one there.
+template <typename Call>
+void kept(Made made, PyObject **type, Call &&call) {
+    PyObject *const before = *type;
+    if (!made.forced()) call();
+    made.ended(*type != before);
+}
+
+}  // namespace faults
+
+#define FAULTS_MADE(api, text)                                              \
+    faults::Made(                                                           \
+        []() -> faults_site & {                                             \
+            static faults_site site{__FILE__, __LINE__, #api "(" text ")", nullptr}; \
+            return site;                                                    \
+        }(),                                                                \
+        __func__)
+#define FAULTS_CALL(how, api, arguments, text) \
+    faults::outcome<faults::how>(FAULTS_MADE(api, text), [&] { return api arguments; })
+#define FAULTS_RAISE(api, type, worded, arguments, text) \
+    faults::raised(FAULTS_MADE(api, text), type, worded, [&] { api arguments; })
+#define FAULTS_KEEP(api, type, arguments, text) \
+    faults::kept(FAULTS_MADE(api, text), type, [&] { api arguments; })
+
+// clang-format off
+#define PyBytes_FromString(...)           FAULTS_CALL(null, PyBytes_FromString, (__VA_ARGS__), #__VA_ARGS__)
+#define PyCapsule_GetName(...)            FAULTS_CALL(null_with_error, PyCapsule_GetName, (__VA_ARGS__), #__VA_ARGS__)
+#define PyCapsule_GetPointer(...)         FAULTS_CALL(null, PyCapsule_GetPointer, (__VA_ARGS__), #__VA_ARGS__)
+#define PyCapsule_IsValid(...)            FAULTS_CALL(zero_quietly, PyCapsule_IsValid, (__VA_ARGS__), #__VA_ARGS__)
+#define PyCode_NewEmpty(...)              FAULTS_CALL(null, PyCode_NewEmpty, (__VA_ARGS__), #__VA_ARGS__)
+#define PyDict_DelItem(...)               FAULTS_CALL(negative, PyDict_DelItem, (__VA_ARGS__), #__VA_ARGS__)
+#define PyDict_GetItemWithError(...)      FAULTS_CALL(null_with_error, PyDict_GetItemWithError, (__VA_ARGS__), #__VA_ARGS__)
+#define PyDict_New(...)                   FAULTS_CALL(null, PyDict_New, (__VA_ARGS__), #__VA_ARGS__)
+#define PyDict_SetItem(...)               FAULTS_CALL(negative, PyDict_SetItem, (__VA_ARGS__), #__VA_ARGS__)
+#define PyDict_SetItemString(...)         FAULTS_CALL(negative, PyDict_SetItemString, (__VA_ARGS__), #__VA_ARGS__)
+#define PyDict_Update(...)                FAULTS_CALL(negative, PyDict_Update, (__VA_ARGS__), #__VA_ARGS__)
+#define PyErr_Format(type, ...)           FAULTS_RAISE(PyErr_Format, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_NormalizeException(type, ...) FAULTS_KEEP(PyErr_NormalizeException, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_SetImportError(...)         FAULTS_RAISE(PyErr_SetImportError, PyExc_ImportError, true, (__VA_ARGS__), #__VA_ARGS__)
+#define PyErr_SetNone(type)               FAULTS_RAISE(PyErr_SetNone, type, false, (type), #type)
+#define PyErr_SetObject(type, ...)        FAULTS_RAISE(PyErr_SetObject, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_SetString(type, ...)        FAULTS_RAISE(PyErr_SetString, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_WarnEx(...)                 FAULTS_CALL(negative, PyErr_WarnEx, (__VA_ARGS__), #__VA_ARGS__)
+#define PyErr_WarnFormat(...)             FAULTS_CALL(negative, PyErr_WarnFormat, (__VA_ARGS__), #__VA_ARGS__)
+#define PyFrame_New(...)                  FAULTS_CALL(null, PyFrame_New, (__VA_ARGS__), #__VA_ARGS__)
+#define PyImport_AddModule(...)           FAULTS_CALL(null, PyImport_AddModule, (__VA_ARGS__), #__VA_ARGS__)
+#define PyImport_Import(...)              FAULTS_CALL(null, PyImport_Import, (__VA_ARGS__), #__VA_ARGS__)
+#define PyInterpreterState_GetID(...)     FAULTS_CALL(negative, PyInterpreterState_GetID, (__VA_ARGS__), #__VA_ARGS__)
+#define PyIter_Next(...)                  FAULTS_CALL(null_with_error, PyIter_Next, (__VA_ARGS__), #__VA_ARGS__)
+#define PyList_Append(...)                FAULTS_CALL(negative, PyList_Append, (__VA_ARGS__), #__VA_ARGS__)
+#define PyList_New(...)                   FAULTS_CALL(null, PyList_New, (__VA_ARGS__), #__VA_ARGS__)
+#define PyLong_FromLong(...)              FAULTS_CALL(null, PyLong_FromLong, (__VA_ARGS__), #__VA_ARGS__)
+#define PyLong_FromUnsignedLong(...)      FAULTS_CALL(null, PyLong_FromUnsignedLong, (__VA_ARGS__), #__VA_ARGS__)
+#define PyMem_Malloc(...)                 FAULTS_CALL(null_quietly, PyMem_Malloc, (__VA_ARGS__), #__VA_ARGS__)
+#define PyModule_GetFilenameObject(...)   FAULTS_CALL(null, PyModule_GetFilenameObject, (__VA_ARGS__), #__VA_ARGS__)
+#define PyModule_NewObject(...)           FAULTS_CALL(null, PyModule_NewObject, (__VA_ARGS__), #__VA_ARGS__)
+#define PyNumber_Add(...)                 FAULTS_CALL(null, PyNumber_Add, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_Call(...)                FAULTS_CALL(null, PyObject_Call, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_CallMethodNoArgs(...)    FAULTS_CALL(null, PyObject_CallMethodNoArgs, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_CallMethodOneArg(...)    FAULTS_CALL(null, PyObject_CallMethodOneArg, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_CallNoArgs(...)          FAULTS_CALL(null, PyObject_CallNoArgs, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_CallObject(...)          FAULTS_CALL(null, PyObject_CallObject, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_CallOneArg(...)          FAULTS_CALL(null, PyObject_CallOneArg, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_GetAttr(...)             FAULTS_CALL(null, PyObject_GetAttr, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_GetAttrString(...)       FAULTS_CALL(null, PyObject_GetAttrString, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_GetItem(...)             FAULTS_CALL(null, PyObject_GetItem, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_GetIter(...)             FAULTS_CALL(null, PyObject_GetIter, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_IsTrue(...)              FAULTS_CALL(negative, PyObject_IsTrue, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_RichCompare(...)         FAULTS_CALL(null, PyObject_RichCompare, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_RichCompareBool(...)     FAULTS_CALL(negative, PyObject_RichCompareBool, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_SetItem(...)             FAULTS_CALL(negative, PyObject_SetItem, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_VectorcallDict(...)      FAULTS_CALL(null, PyObject_VectorcallDict, (__VA_ARGS__), #__VA_ARGS__)
+#define PySequence_Contains(...)          FAULTS_CALL(negative, PySequence_Contains, (__VA_ARGS__), #__VA_ARGS__)
+#define PyTuple_Pack(...)                 FAULTS_CALL(null, PyTuple_Pack, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_AsEncodedString(...)    FAULTS_CALL(null, PyUnicode_AsEncodedString, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_Compare(...)            FAULTS_CALL(negative_with_error, PyUnicode_Compare, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_DecodeUTF8(...)         FAULTS_CALL(null, PyUnicode_DecodeUTF8, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_FromFormat(...)         FAULTS_CALL(null, PyUnicode_FromFormat, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_InternFromString(...)   FAULTS_CALL(null, PyUnicode_InternFromString, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_New(...)                FAULTS_CALL(null, PyUnicode_New, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_Replace(...)            FAULTS_CALL(null, PyUnicode_Replace, (__VA_ARGS__), #__VA_ARGS__)
+#define Py_BuildValue(...)                FAULTS_CALL(null, Py_BuildValue, (__VA_ARGS__), #__VA_ARGS__)
+#define _PyType_Lookup(...)               FAULTS_CALL(null_quietly, _PyType_Lookup, (__VA_ARGS__), #__VA_ARGS__)
+
+// Macros of the interpreter's, over calls that can fail.
+#undef PyCFunction_NewEx
+#define PyCFunction_NewEx(method, self, module) \
+    FAULTS_CALL(null, PyCMethod_New, (method, self, module, nullptr), #method ", " #self ", " #module)
+#undef PyObject_GC_New
+#define PyObject_GC_New(type, object) \
+    reinterpret_cast<type *>(FAULTS_CALL(null, _PyObject_GC_New, (object), #type ", " #object))
+#undef PyUnicode_READY
+#define PyUnicode_READY(text) \
+    (PyUnicode_IS_READY(text) ? 0 : FAULTS_CALL(negative, _PyUnicode_Ready, (text), #text))
+
+// Of the native services one can fail for want of memory.
+#define json_object_to_json_string(...)   FAULTS_CALL(null_quietly, json_object_to_json_string, (__VA_ARGS__), #__VA_ARGS__)
+// clang-format on

@@ -1,0 +1,156 @@
+"""The README is true: what it shows of the tools is what they print, its programs run, and its
+table of make targets is the Makefile's. Its links, and those of the other pages, lead somewhere."""
+
+from __future__ import annotations
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+from tests.support import isolated
+from tests.support.function_table import FUNCTIONS
+
+README = (isolated.ROOT / "README.md").read_text()
+PAGES = [*isolated.ROOT.glob("*.md"), *isolated.ROOT.glob("docs/*.md")]
+
+
+def blocks(language: str) -> list[str]:
+    """The fenced blocks in a language, or in none."""
+    fenced = re.findall(r"^```(\w*)\n(.*?)^```$", README, re.MULTILINE | re.DOTALL)
+    return [content for named, content in fenced if named == language]
+
+
+def sessions() -> list[tuple[str, str]]:
+    """Every command shown at a prompt, with what is shown below it."""
+    return [
+        (command, output)
+        for block in blocks("console")
+        for command, output in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.MULTILINE)
+    ]
+
+
+def test_the_readme_shows_each_tool() -> None:
+    shown = " ".join(command for command, _output in sessions())
+    assert "veldarin_simulator call" in shown
+    assert "veldarin_simulator parse" in shown
+
+
+@pytest.mark.parametrize(("command", "output"), sessions())
+def test_a_command_prints_what_is_shown(command: str, output: str) -> None:
+    assert ".venv/bin/python " in command
+    done = subprocess.run(
+        # Both streams as a terminal shows them, one after the other.
+        ["sh", "-c", f"({command.replace('.venv/bin/python', sys.executable)}) 2>&1"],
+        cwd=isolated.ROOT,
+        capture_output=True,
+        text=True,
+        timeout=120,
+    )
+    shown, printed = output.splitlines(), done.stdout.splitlines()
+    # Standard error is not buffered: its lines may come before those of standard output.
+    assert sorted(printed) == sorted(shown)
+    assert without_messages(printed) == without_messages(shown)
+
+
+def without_messages(lines: list[str]) -> list[str]:
+    return [line for line in lines if not line.startswith("appliance: ")]
+
+
+def test_the_lines_of_the_tour_are_those_of_the_functions() -> None:
+    shown = re.findall(r"^ ?(\d+)  (\w+)\(.*  (?:live|recorded|no call)  ", blocks("")[0], re.M)
+    assert len(shown) == len(blocks("")[0].splitlines())
+    for number, name in shown:
+        assert FUNCTIONS[int(number) - 1].name == name
+
+
+def run_python(source: str, folder: Path) -> str:
+    done = subprocess.run(
+        [sys.executable, "-W", "ignore", "-c", source],
+        cwd=folder,
+        env={**os.environ, "PYTHONPATH": str(isolated.ROOT)},
+        capture_output=True,
+        text=True,
+        timeout=120,
+    )
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+def test_the_scripted_device_does_what_is_shown(tmp_path: Path) -> None:
+    _host, program = blocks("python")
+    assert run_python(program, isolated.ROOT) == blocks("")[1]
+
+
+def test_the_module_runs_in_another_host(tmp_path: Path) -> None:
+    host, _program = blocks("python")
+    shutil.copy(isolated.BUILD / "libsimulator.so", tmp_path / "libservices.so")
+    shutil.copytree(isolated.BUILD / "stage", tmp_path / "import-root")
+    assert run_python(host, tmp_path) == "0\n"
+
+
+def test_what_the_other_host_lacks_is_named(tmp_path: Path) -> None:
+    host, _program = blocks("python")
+    shutil.copytree(isolated.BUILD / "stage", tmp_path / "import-root")
+    without_services = re.sub(r"^ctypes\.CDLL.*\n", "", host, flags=re.MULTILINE)
+    assert without_services != host
+    done = subprocess.run(
+        [sys.executable, "-c", without_services], cwd=tmp_path, capture_output=True, text=True
+    )
+    assert done.returncode == 1
+    assert re.search(r"^ImportError: .* undefined symbol: \w+$", done.stderr, re.MULTILINE)
+
+
+def test_the_table_of_targets_is_the_makefiles() -> None:
+    makefile = (isolated.ROOT / "Makefile").read_text()
+    documented = re.findall(r"^([a-z-]+):.*?## +(.*)$", makefile, re.MULTILINE)
+    assert len(documented) > 10
+    assert re.findall(r"^\| `make ([a-z-]+)` \| (.*) \|$", README, re.MULTILINE) == documented
+
+
+def links() -> list[tuple[Path, str]]:
+    found = []
+    for page in PAGES:
+        text = re.sub(r"^```.*?^```$", "", page.read_text(), flags=re.MULTILINE | re.DOTALL)
+        found += [(page, target) for target in re.findall(r"\]\(([^)\s]+)\)", text)]
+    return found
+
+
+def anchors(page: Path) -> set[str]:
+    headings = re.findall(r"^#+ (.*)$", page.read_text(), re.MULTILINE)
+    return {
+        re.sub(r"[^\w -]", "", heading).strip().lower().replace(" ", "-") for heading in headings
+    }
+
+
+def test_the_links_of_the_pages_lead_somewhere() -> None:
+    assert len(links()) > 30
+    for page, target in links():
+        path, _, anchor = target.partition("#")
+        file = page.parent / path if path else page
+        assert file.exists(), f"{page.name}: {target}"
+        assert not anchor or anchor in anchors(file), f"{page.name}: {target}"
+
+
+# A path of the project in a page: in backquotes, with a slash, or a file's name.
+PLACE = re.compile(r"`([\w.-]+(?:/[\w.-]+)*/?)`")
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
+def test_the_paths_in_the_pages_exist(page: Path) -> None:
+    known = [
+        isolated.ROOT,
+        isolated.ROOT / "veldarin" / "modules",
+        isolated.ROOT / "veldarin" / "modules" / "runtime",
+        isolated.ROOT / "veldarin_simulator",
+    ]
+    text = re.sub(r"^```.*?^```$", "", page.read_text(), flags=re.MULTILINE | re.DOTALL)
+    for place in PLACE.findall(text):
+        is_file = re.search(r"\.(cpp|h|py|pyi|md|txt|toml)$", place)
+        is_folder = place.endswith("/")
+        if is_file or is_folder:
+            assert any((folder / place).exists() for folder in known), place

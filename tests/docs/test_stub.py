@@ -1,0 +1,337 @@
+"""The module, its table in C++, its Python face and the page of functions hold together: the same
+functions in the same order, the same names, and the parameters that calls show."""
+
+from __future__ import annotations
+
+import ast
+import re
+import subprocess
+import sys
+from pathlib import Path
+from types import ModuleType
+from typing import Any, Callable
+
+import pytest
+
+from tests.support import isolated
+from tests.support.assertions import MODULE, failure
+from tests.support.stub import (
+    FACE,
+    FUNCTIONS,
+    NAMED,
+    Function,
+    Parameter,
+    declarations,
+    every_function,
+)
+from tools import generate_function_docs
+from veldarin_simulator import Simulator
+
+TABLE = FACE.with_name("functions.cpp")
+
+# A parameter's constructor in the table: what it is held to, its default.
+CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
+    "any": (None, None),
+    "bytes": ("bytes", None),
+    "text": ("str", None),
+    "optional": (None, "None"),
+    "sessions": (None, "..."),
+}
+
+
+def table() -> list[Function]:
+    """The rows of the table of functions in C++."""
+    rows = re.findall(
+        r"^ +(?:FUNCTION|QUERY) *\((\w+), *(\w+), *(.*)\)$", TABLE.read_text(), re.MULTILINE
+    )
+    return [
+        Function(
+            name,
+            kind,
+            [
+                Parameter(parameter, *CONSTRUCTORS[constructor])
+                for constructor, parameter in re.findall(r"(\w+)\(Name::(\w+)\)", parameters)
+            ],
+        )
+        for kind, name, parameters in rows
+    ]
+
+
+with_keywords = pytest.mark.parametrize(
+    "function", [row for row in FUNCTIONS if row.kind == "keywords"], ids=lambda row: row.name
+)
+
+
+def own_functions() -> list[str]:
+    """The functions of the module in the order of its namespace, before any test touched it."""
+    import importlib
+
+    from tests.support.isolated import MODULE
+
+    return [
+        name
+        for name, held in vars(importlib.import_module(MODULE)).items()
+        if getattr(held, "__module__", None) == MODULE and type(held) is type(len)
+    ]
+
+
+def test_the_face_declares_the_functions_of_the_module_in_their_order() -> None:
+    assert [function.name for function in FUNCTIONS] == isolated.value(own_functions)
+    assert len(FUNCTIONS) == 30
+
+
+def held_to(parameter: Parameter) -> Parameter:
+    # A command may be anything on its way to the runner, which takes text: the face says text.
+    return parameter._replace(type=None) if parameter.name == "cmd" else parameter
+
+
+def test_the_face_declares_what_the_table_in_cpp_holds() -> None:
+    assert [
+        Function(name, kind, [*map(held_to, parameters)])
+        for name, kind, parameters, _result in FUNCTIONS
+    ] == table()
+
+
+# Parameters, as calls show them
+
+
+def refusal(function: Callable[..., object], *given: object, **named: object) -> str:
+    return str(failure(TypeError, function, *given, **named))
+
+
+@every_function
+def test_a_declared_kind_is_how_the_function_takes_keywords(
+    module: ModuleType, function: Function
+) -> None:
+    text = refusal(getattr(module, function.name), unheard_of=1)
+    if function.kind == "keywords":
+        assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
+    else:
+        assert text == f"{MODULE}.{function.name}() takes no keyword arguments"
+
+
+@every_function
+def test_as_many_parameters_are_declared_as_the_refusal_of_more_says(
+    module: ModuleType, function: Function
+) -> None:
+    text = refusal(getattr(module, function.name), *range(9))
+    words = {"no arguments": 0, "exactly one argument": 1}
+    found = re.search(r"takes (no arguments|exactly one argument) \(9 given\)", text)
+    if found is None:
+        found = re.search(r"takes (?:exactly|at most) (\d) positional arguments? \(9 given\)", text)
+    assert found is not None, text
+    assert words.get(found[1], found[1]) in (
+        len(function.parameters),
+        str(len(function.parameters)),
+    )
+
+
+@with_keywords
+def test_a_declared_name_is_a_keyword_of_the_function(
+    module: ModuleType, function: Function
+) -> None:
+    for parameter in function.parameters:
+        text = refusal(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
+        assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
+
+
+@every_function
+def test_a_parameter_without_a_declared_default_is_required(
+    module: ModuleType, function: Function
+) -> None:
+    required = sum(parameter.default is None for parameter in function.parameters)
+    called = getattr(module, function.name)
+    if function.kind == "keywords" and required:
+        words = "exactly" if required == len(function.parameters) else "at least"
+        assert f" {words} {required} positional argument" in refusal(called)
+    elif function.kind == "keywords":
+        called()
+    else:
+        assert required == len(function.parameters)
+
+
+def test_the_declared_default_none_is_what_an_omitted_argument_is(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    made: list[tuple[Any, ...]] = []
+    simulator.on_create = made.append
+    for function in FUNCTIONS:
+        if [parameter.default for parameter in function.parameters] == ["None"]:
+            for arguments in ((), (None,)):
+                getattr(module, function.name)(*arguments)
+    requests = [arguments for arguments in made if arguments]
+    assert requests == [({},)] * 10
+
+
+def test_the_default_that_is_not_shown_is_one_dictionary(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    simulator.set_reply("get_cli_cmd_output", "nothing")
+    default = module.get_bfd_neighbor("command")
+    assert type(default) is dict
+    assert module.get_bfd_neighbor("command") is default
+    assert NAMED["get_bfd_neighbor"].parameters[1].default == "..."
+
+
+@every_function
+def test_a_declared_type_is_the_one_that_the_parameter_is_held_to(
+    module: ModuleType, function: Function
+) -> None:
+    for position, parameter in enumerate(map(held_to, function.parameters)):
+        if parameter.type is None:
+            continue
+        arguments: list[object] = [None] * len(function.parameters)
+        arguments[position] = 7
+        assert refusal(getattr(module, function.name), *arguments) == (
+            f"Argument '{parameter.name}' has incorrect type (expected {parameter.type}, got int)"
+        )
+
+
+# Other names
+
+# What the face has for annotations only.
+FOR_ANNOTATIONS = {"BFDSession", "ARPEntry", "Route", "RoutingTable"}
+
+
+def declared_names() -> set[str]:
+    names: set[str] = set()
+    for node in declarations().body:
+        if isinstance(node, (ast.FunctionDef, ast.ClassDef)):
+            names.add(node.name)
+        elif isinstance(node, (ast.Assign, ast.AnnAssign)):
+            target = node.targets[0] if isinstance(node, ast.Assign) else node.target
+            names.add(ast.unparse(target))
+        elif isinstance(node, (ast.Import, ast.ImportFrom)):
+            names.update(alias.asname for alias in node.names if alias.asname)
+    return names
+
+
+def own_names() -> list[str]:
+    import importlib
+
+    from tests.support.isolated import MODULE
+
+    return list(vars(importlib.import_module(MODULE)))
+
+
+def test_the_face_has_every_name_of_the_module_and_no_other() -> None:
+    interpreters_own = set(vars(ModuleType("any"))) | {"__file__", "__builtins__"}
+    present = set(isolated.value(own_names)) - interpreters_own
+    assert declared_names() - FOR_ANNOTATIONS == present
+
+
+def run(*command: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(
+        [sys.executable, *command], cwd=isolated.ROOT, capture_output=True, text=True, timeout=300
+    )
+
+
+def test_the_type_checkers_comparison_of_face_and_module_finds_nothing(tmp_path: Path) -> None:
+    allowed = tmp_path / "allowed"
+    # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
+    allowed.write_text(f"{MODULE}.BFDSession\n{MODULE}.Lock\n")
+    # The comparison imports the module, so the stand-in's libraries have to be there first.
+    source = (
+        "from veldarin_simulator import native_library; native_library.load()\n"
+        "from mypy.stubtest import main, parse_options\n"
+        "import sys; sys.exit(main())"
+    )
+    settings = tmp_path / "mypy.ini"
+    settings.write_text("[mypy]\nignore_missing_imports = True\n")
+    done = run(
+        "-c", source, MODULE, "--allowlist", str(allowed), "--mypy-config-file", str(settings)
+    )
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+# A GUI author's file: every line that a type checker must refuse says with which code.
+AUTHORS_FILE = """\
+from __future__ import annotations
+
+from typing import TYPE_CHECKING
+
+from veldarin.modules import modules_util as device
+
+if TYPE_CHECKING:
+    from veldarin.modules.modules_util import ARPEntry, BFDSession, RoutingTable
+
+name: str = device.get_cookie_name(https=True)  # type: ignore[call-arg]
+name = device.get_cookie_name(True)
+device.encrypt_cookie("text")  # type: ignore[arg-type]
+value: bytes = device.decrypt_cookie(device.encrypt_cookie(b"text"))
+device.get_token(1)  # type: ignore[call-arg]
+good: bool = device.check_cert_expiration(b"/path")
+device.switch_acl_ingress_counter(policy_id=7)
+device.switch_acl_ingress_counter(policy=7)  # type: ignore[call-arg]
+device.list_switch_port_statistics(None)
+device.list_switch_port_statistics()  # type: ignore[call-arg]
+device.list_switch_port_statistics(b"port1")  # type: ignore[arg-type]
+device.capture_sniffer_profile(event="Stop", profile_name="p")
+device.capture_sniffer_profile("p")  # type: ignore[call-arg]
+sessions: dict[str, BFDSession] = device.get_bfd_neighbor("command")
+mine: dict[str, BFDSession] = {}
+device.get_bfd_neighbor("command", list_bfd=mine)
+entries: list[ARPEntry] = device.get_system_arp_result()
+entries[0]["mac"].lower()
+entries[0]["adress"]  # type: ignore[typeddict-item]
+routing: RoutingTable = device.get_routing_table_result("192.0.2.1")
+[route["interface"] for route in routing["table"]]
+counters = device.Counters(1, 2, 3, 4, 5, 6, 7, 8)
+device.json.loads("1")
+device.no_such_function()  # type: ignore[attr-defined]
+try:
+    device.get_cli_command_output("command")
+except device.CFunctionError:
+    pass
+"""
+
+
+def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> None:
+    file = tmp_path / "author.py"
+    file.write_text(AUTHORS_FILE)
+    done = run("-m", "mypy", "--no-error-summary", str(FACE), str(file))
+    assert (done.returncode, done.stdout) == (0, "")
+
+
+# The page
+
+
+def test_the_page_of_functions_is_up_to_date() -> None:
+    done = run("tools/generate_function_docs.py", "--check")
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+
+
+def test_the_page_has_a_part_for_each_function_in_order() -> None:
+    headings = re.findall(r"^### (\w+)$", generate_function_docs.PAGE.read_text(), re.MULTILINE)
+    names = [function.name for function in FUNCTIONS]
+    assert [heading for heading in headings if heading in names] == names
+
+
+def test_a_stale_page_is_told_and_written_anew(
+    tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    monkeypatch.setattr(generate_function_docs, "ROOT", tmp_path)
+    monkeypatch.setattr(generate_function_docs, "PAGE", tmp_path / "docs" / "functions.md")
+    assert generate_function_docs.main(["--check"]) == 1
+    assert capsys.readouterr().err == "docs/functions.md is stale: make docs\n"
+    assert generate_function_docs.main([]) == 0
+    assert generate_function_docs.main(["--check"]) == 0
+    generate_function_docs.PAGE.write_text(
+        generate_function_docs.PAGE.read_text().replace("list_bfd", "list_bdf")
+    )
+    assert generate_function_docs.main(["--check"]) == 1
+    assert capsys.readouterr().err == "docs/functions.md is stale: make docs\n"
+
+
+@pytest.mark.parametrize(
+    ("source", "told"),
+    [
+        ("def f() -> int:\n    'Text.'\n", "line 1: f stands under no heading"),
+        ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no text"),
+        ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no text"),
+    ],
+)
+def test_a_face_without_headings_or_texts_makes_no_page(source: str, told: str) -> None:
+    assert (
+        str(failure(generate_function_docs.FaceError, generate_function_docs.page, source)) == told
+    )

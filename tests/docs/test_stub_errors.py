@@ -1,0 +1,159 @@
+"""The exceptions that the Python face names are those that calls raise: each of them is provoked,
+and none comes that is not named."""
+
+from __future__ import annotations
+
+import re
+import sys
+from collections.abc import Mapping
+from pathlib import Path
+from types import MappingProxyType, ModuleType
+from typing import Any, Callable, NamedTuple
+
+from tests.support import isolated
+from tests.support.query_cases import ROWS
+from tests.support.stub import FUNCTIONS, Function, docstrings, every_function
+from veldarin_simulator import RawJSON, Simulator
+
+
+def documented_errors(name: str) -> list[str]:
+    """The exceptions that a docstring names under "Raises:", which it must have."""
+    part = re.search(r"^Raises:\n((?:    .*\n|\n)+)", docstrings()[name] + "\n", re.MULTILINE)
+    assert part is not None, name
+    rows = re.findall(r"^    (\S.*)", part[1], re.MULTILINE)
+    if rows[0].startswith("Nothing."):
+        return []
+    return [row.partition(":")[0] for row in rows]
+
+
+NO_JSON = RawJSON("{oops")
+NO_UTF8 = b"peer \xff"
+
+
+class Provoked(NamedTuple):
+    """A call that fails: its arguments, what the native services answer, what is done before."""
+
+    function: str
+    arguments: tuple[Any, ...] = ()
+    answers: Mapping[str, object] = MappingProxyType({})
+    prepare: Callable[[Simulator, Path], object] = lambda simulator, folder: None
+
+    def __str__(self) -> str:
+        return self.function
+
+
+def without_memory() -> None:
+    """A cookie to decrypt when there is no memory for its buffer; for a process of its own."""
+    import _testcapi
+
+    from veldarin_simulator import Simulator
+
+    with Simulator(live=False) as simulator:
+        decrypt_cookie = simulator.module.decrypt_cookie
+        _testcapi.set_nomemory(0, 1)
+        try:
+            decrypt_cookie(b"value")
+        finally:
+            _testcapi.remove_mem_hooks()
+
+
+def write_no_text(simulator: Simulator, folder: Path) -> None:
+    simulator.secret_path = folder / "secret"
+    simulator.secret_path.write_bytes(b"\xff\n")
+
+
+def name_no_directory(simulator: Simulator, folder: Path) -> None:
+    simulator.secret_path = folder / "missing" / "secret"
+
+
+def forget_serial_number(simulator: Simulator, _folder: Path) -> None:
+    simulator.serial_number = None
+
+
+INTERFACES = "build_system_interface_physical"
+COMMAND = "get_cli_cmd_output"
+SESSION = "\npeer 192.0.2.1 interface port1\n"
+
+PROVOKED = [
+    *(
+        Provoked(row.name, (object(),))
+        for row in FUNCTIONS
+        if len(row.parameters) == 1 and row.name != "get_cookie_name"
+    ),
+    *(
+        Provoked(row.function, row.arguments, {row.native: NO_JSON})
+        for row in ROWS
+        if row.native is not None
+    ),
+    Provoked("get_cookie_name", (True,), prepare=forget_serial_number),
+    Provoked("get_token", prepare=name_no_directory),
+    Provoked("get_token", prepare=write_no_text),
+    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: None}),
+    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: []}),
+    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: [{}]}),
+    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: [{"interface": [{}]}]}),
+    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: [{"interface": []}]}),
+    Provoked("capture_sniffer_profile", (b"p", "Stop")),
+    Provoked("capture_sniffer_profile", ("p", b"Stop")),
+    Provoked("get_cli_command_output", ("command",), {COMMAND: None}),
+    Provoked("get_cli_command_output", ("command",), {COMMAND: NO_UTF8}),
+    Provoked("get_cli_command_output", ("\ud800",), {COMMAND: ""}),
+    Provoked("get_cli_command_output", (None,), {COMMAND: ""}),
+    Provoked("get_bfd_neighbor", (7,), {COMMAND: ""}),
+    Provoked("get_bfd_neighbor", ("command", []), {COMMAND: SESSION}),
+    Provoked("get_bfd_neighbor", ("command",), {COMMAND: None}),
+    Provoked("get_bfd_neighbor", ("command",), {COMMAND: NO_UTF8}),
+    Provoked("get_bfd_neighbor", ("\ud800",), {COMMAND: ""}),
+    Provoked("get_routing_table_result", ("192.0.2.1",), {COMMAND: ""}),
+    Provoked("get_routing_table_result", ("192.0.2.1",), {COMMAND: None}),
+    Provoked("get_routing_table_result", ("192.0.2.1",), {COMMAND: NO_UTF8}),
+    Provoked("get_routing_table_result", ("\ud800",), {COMMAND: ""}),
+    Provoked("get_system_arp_result", (), {COMMAND: ""}),
+    Provoked("get_system_arp_result", (), {COMMAND: None}),
+    Provoked("get_system_arp_result", (), {COMMAND: NO_UTF8}),
+]
+
+
+def whatever_is_raised(function: Callable[..., object], *arguments: object) -> Exception:
+    try:
+        result = function(*arguments)
+    except Exception as error:
+        return error
+    raise AssertionError(f"returned {result!r}")
+
+
+def bases(error: BaseException) -> set[str]:
+    return {base.__name__ for base in type(error).__mro__}
+
+
+@every_function
+def test_the_documented_errors_are_those_that_calls_raise(
+    simulator: Simulator, module: ModuleType, tmp_path: Path, function: Function
+) -> None:
+    raised = []
+    for case in PROVOKED:
+        if case.function != function.name:
+            continue
+        for service, reply in case.answers.items():
+            simulator.set_reply(service, reply)
+        case.prepare(simulator, tmp_path)
+        raised.append(bases(whatever_is_raised(getattr(module, function.name), *case.arguments)))
+    named = documented_errors(function.name)
+    if function.name == "decrypt_cookie":
+        error = isolated.error(without_memory)
+        assert error.text == "PyMem_Malloc"
+        raised.append({error.type})
+        if sys.maxsize > 2**31:
+            too_long = bytes(2**31 - 1)  # its pages are never touched
+            raised.append(bases(whatever_is_raised(module.decrypt_cookie, too_long)))
+        else:
+            named.remove("OverflowError")  # no text of this machine is that long
+    assert [error for error in raised if not error & set(named)] == [], named
+    assert [name for name in named if not any(name in error for error in raised)] == []
+
+
+def test_what_is_said_to_raise_nothing_does_not(simulator: Simulator, module: ModuleType) -> None:
+    silent = {name for name in docstrings() if not documented_errors(name)}
+    assert silent == {"new_cookie_id", "switch_mclag_icl", "list_bfd_neighbor"}
+    simulator.set_reply("get_cli_cmd_output", None)
+    assert [getattr(module, name)() for name in sorted(silent)] == [[], 0, None]

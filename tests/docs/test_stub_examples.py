@@ -1,0 +1,219 @@
+"""The examples of the Python face are run, on a device that answers as they say; and what its texts
+say of native services, requests and results is what such calls show."""
+
+from __future__ import annotations
+
+import ast
+import doctest
+import re
+from collections.abc import Iterator
+from typing import Any, Callable
+
+import pytest
+
+from tests.support.query_cases import ROWS
+from tests.support.stub import FACE, NAMED, Function, declarations, docstrings, every_function
+from veldarin_simulator import Simulator
+from veldarin_simulator.providers import cookies, links, multicast, ports, storage
+from veldarin_simulator.scenario import DEFAULT_SCENARIO, row_filter
+
+ARP = (
+    "Address          Age(min)   Hardware address    Interface\n"
+    "192.0.2.10       0          02:00:00:aa:bb:cc   port1\n"
+    "192.0.2.11       3          02:00:00:aa:bb:cd   port1 vlan10\n"
+)
+ROUTING = (
+    "get router info routing-table detail 192.0.2.7\n"
+    "Routing entry for 192.0.2.0/24\n"
+    "  Known via static, distance 10, metric 0, best\n"
+    "  Last update 01:02:03 ago\n"
+    "  * 198.51.100.1, via port1\n"
+    "\n"
+    "  directly connected, port2\n"
+)
+TIMERS = "Detect Multiplier: 3\nReceive Interval: 250\nTransmit Interval: 250\n"
+BFD = (
+    "get router info bfd neighbor 10.0.0.2 port1\n"
+    "peer 10.0.0.2 interface port1\n"
+    "    Local Diag: 0\n"
+    "    Packets received: 52 packets\n"
+    f"    Local timers\n{TIMERS}    Remote timers\n{TIMERS}"
+)
+PORT: dict[str, Any] = {
+    "name": "port1",
+    "type": "device",
+    "status": "up",
+    "link": True,
+    "speed": 1000,
+    "duplex": "full",
+    "mtu": 1500,
+    "mac": "02:00:00:00:00:01",
+    "addresses": ["192.0.2.1/24"],
+}
+STATISTICS = {
+    "port_name": "port1",
+    "bytes_sent": 1924362,
+    "bytes_recv": 1347998920,
+    "packets_sent": 21607,
+    "packets_recv": 31942,
+    "errin": 0,
+    "errout": 0,
+    "dropin": 0,
+    "dropout": 0,
+}
+GROUP = {"port_name": "port1", "group": "224.0.0.1", "users": 1, "version": "V3"}
+FLASH = {
+    "device": "/dev/mmcblk0p1",
+    "mountpoint": "/",
+    "filesystem": "ext4",
+    "read_only": False,
+    "size": 3848208384,
+    "used": 912261120,
+    "free": 2719965184,
+}
+MONITORED = {
+    "name": "port1",
+    "status": "up",
+    "carrier": True,
+    "carrier_up_count": 1,
+    "carrier_down_count": 1,
+    "carrier_changes": 2,
+}
+FLAPS = {"port_name": "port1", "link": "up", "flaps": 1, "guard": "none"}
+
+# What the services of the examples answer where a recording does not.
+ANSWERS: dict[str, object] = {
+    "aps_get_new_cookie_id": 2882400018,
+    "__get_aps_hash": cookies.text_hash,
+    "cookieval_wrap": b"BnSS1xEG6iUw7oviSHidWkBOO15ysCRb2d7BBYbxm9K12LE6UAo",
+    "cookieval_unwrap": b"user=admin",
+    "gui_chk_cert_expiration": lambda path: 0 if path == b"/etc/ssl/certs/gui.pem" else -1,
+    "build_system_interface_physical": [{"interface": [PORT, {**PORT, "name": "port2"}]}],
+    "build_system_flash_list": [FLASH],
+    "build_system_link_monitor_status": [MONITORED],
+    "build_switch_flapguard_status": [FLAPS],
+    "build_switch_port_statistics": row_filter([STATISTICS]),
+    "build_switch_igmp_snooping_group": row_filter([GROUP]),
+}
+OUTPUTS = {
+    "get_cli_command_output": ARP,
+    "get_bfd_neighbor": BFD,
+    "get_routing_table_result": ROUTING,
+    "get_system_arp_result": ARP,
+}
+SECRET = "8f4b1c2d" * 8
+
+
+@pytest.fixture
+def example_device(built: None) -> Iterator[Simulator]:
+    """The device of the examples: recorded answers, and those above."""
+    with Simulator(DEFAULT_SCENARIO, live=False) as simulator:
+        for service, answer in ANSWERS.items():
+            simulator.set_reply(service, answer)
+        simulator.secret_path.write_text(SECRET)
+        yield simulator
+
+
+class Kept:
+    """A function that keeps what it returns."""
+
+    def __init__(self, function: Callable[..., object]) -> None:
+        self.function = function
+        self.results: list[object] = []
+
+    def __call__(self, *args: object, **kwargs: object) -> object:
+        self.results.append(self.function(*args, **kwargs))
+        return self.results[-1]
+
+
+def assert_is(annotation: str, value: Any) -> None:
+    """The value is what the annotation of the face says, down to the keys of a row."""
+    container = re.fullmatch(r"(list|dict)\[(?:str, )?(\w+)\]", annotation)
+    fields = {
+        node.name: {ast.unparse(row.target): ast.unparse(row.annotation) for row in rows}
+        for node in declarations().body
+        if isinstance(node, ast.ClassDef)
+        for rows in [[row for row in node.body if isinstance(row, ast.AnnAssign)]]
+    }
+    if container is not None:
+        assert type(value).__name__ == container[1]
+        assert value, "an example without entries shows none"
+        for entry in value.values() if container[1] == "dict" else value:
+            assert_is(container[2], entry)
+    elif annotation in fields:
+        assert list(value) == list(fields[annotation])
+        for key, held in value.items():
+            assert_is(fields[annotation][key], held)
+    elif annotation == "BFDSession":
+        texts = {key for key, held in value.items() if type(held) is str}
+        assert texts >= {"neighbor_ip", "interface", "name"}
+        for key in set(value) - texts:
+            assert [type(held) for held in value[key].values()] == [str, str, str]
+    elif annotation != "Any":
+        assert type(value).__name__ == annotation
+
+
+@every_function
+def test_the_examples_are_true(example_device: Simulator, function: Function) -> None:
+    simulator, module = example_device, example_device.module
+    if function.name in OUTPUTS:
+        simulator.set_reply("get_cli_cmd_output", OUTPUTS[function.name])
+    called = Kept(getattr(module, function.name))
+    names = {function.name: called}
+    example = doctest.DocTestParser().get_doctest(
+        docstrings()[function.name], names, function.name, str(FACE), 0
+    )
+    assert example.examples
+    told: list[str] = []
+    runner = doctest.DocTestRunner(optionflags=doctest.NORMALIZE_WHITESPACE, verbose=False)
+    simulator.clear_calls()
+    try:
+        runner.run(example, out=told.append)
+    finally:
+        if function.name == "list_bfd_neighbor":
+            simulator.set_reply("get_cli_cmd_output", "nothing")
+            module.get_bfd_neighbor("command").clear()
+    assert "".join(told) == ""
+    assert called.results
+    for result in called.results:
+        assert_is(function.result, result)
+
+    asked = {call.service for call in simulator.call_log} - {"JSONObject.release"}
+    named = set(re.findall(r"`(\w+)`", docstrings()[function.name]))
+    assert asked <= named
+    assert bool(asked) != (
+        "Asks no native service." in docstrings()[function.name] or function.name == "get_token"
+    )
+
+
+def live_fields() -> list[tuple[dict[str, Any], Callable[[], list[Any]]]]:
+    return [
+        (PORT, lambda: links.physical_interfaces()[0]["interface"]),
+        (MONITORED, links.link_monitor_status),
+        (FLAPS, links.flap_status),
+        (STATISTICS, lambda: ports.statistics({})),
+        (GROUP, lambda: multicast.groups({})),
+        (FLASH, storage.flash_list),
+    ]
+
+
+@pytest.mark.parametrize(("example", "answer"), live_fields())
+def test_the_examples_have_the_fields_of_this_machines_answers(
+    example: dict[str, Any], answer: Callable[[], list[Any]]
+) -> None:
+    entries = answer()
+    if not entries:
+        pytest.skip("this machine has no entry of the kind")
+    assert list(example) == list(entries[0])
+
+
+@every_function
+def test_a_query_names_its_native_services_and_its_request(function: Function) -> None:
+    rows = [row for row in ROWS if row.function == function.name]
+    text = docstrings()[function.name]
+    assert set(re.findall(r"`(build_\w+)`", text)) == {row.native for row in rows} - {None}
+    for row in rows:
+        for key in row.request if row.native else ():
+            assert f'`{{"{key}": {NAMED[function.name].parameters[0].name}}}`' in text
+        if row.native and not row.request:
+            assert "`{}`" in text

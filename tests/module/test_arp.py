@@ -1,0 +1,262 @@
+"""The ARP table parser, in the native module and in its twin: rows, columns, and the line of every
+statement that a malformed output fails at."""
+
+from __future__ import annotations
+
+from types import ModuleType
+from typing import Any
+
+import pytest
+
+from tests.support.assertions import (
+    Recorder,
+    ascending,
+    entry,
+    failure,
+    line,
+    raising,
+    taken_apart,
+    traceback_entries,
+)
+from tests.support.fake_cli import CommandLine
+from veldarin_simulator import Simulator
+
+FUNCTION = "get_system_arp_result"
+HEADER = "Address           Age(min)   Hardware Addr      Interface"
+
+
+class Text(str):
+    """A subclass of str."""
+
+
+class Failed(Exception):
+    """Only the tests raise it."""
+
+
+def result(cli: CommandLine, *lines: object) -> Any:
+    """The parsed output of these lines."""
+    cli.prints(*lines)
+    return cli.parser.get_system_arp_result()
+
+
+def row(ip: str, age: str, mac: str, interface: str) -> dict[str, str]:
+    """One row of the table."""
+    return {"ipAddress": ip, "age": age, "mac": mac, "interface": interface}
+
+
+def test_a_whole_table(cli: CommandLine) -> None:
+    parsed = result(
+        cli,
+        "get system arp",
+        HEADER,
+        "192.0.2.10        0          02:00:00:aa:bb:cc  port1",
+        "192.0.2.11        3          02:00:00:aa:bb:cd  port1 vlan10",
+        "",
+    )
+    assert taken_apart(parsed) == taken_apart(
+        [
+            row("192.0.2.10", "0", "02:00:00:aa:bb:cc", "port1"),
+            row("192.0.2.11", "3", "02:00:00:aa:bb:cd", "port1 vlan10"),
+        ]
+    )
+
+
+def test_the_command_is_run_and_its_output_decoded(cli: CommandLine) -> None:
+    output, character_set = object(), object()
+    decode = Recorder(lambda value, encoding: HEADER)
+    cli.prints(output)
+    cli.rebind("text_", decode)
+    cli.rebind("_CHARSET", character_set)
+    assert cli.parser.get_system_arp_result() == []
+    assert cli.commands == ["get system arp"]
+    assert type(cli.commands[0]) is str
+    assert decode.positional == [(output, character_set)]
+
+
+@pytest.mark.parametrize(
+    "before",
+    [[], [""], ["an Address", "address", "x y", "a b c d e"], ["get system arp\r", "\t"]],
+)
+@pytest.mark.parametrize(
+    "header",
+    [
+        HEADER,
+        "Address",
+        "Addresses of all",
+        " \t Address\r",
+        "\x1c\x85\u2028Address",
+        "\xa0\u3000Address\u2003",
+    ],
+)
+def test_rows_follow_the_first_line_that_starts_with_address(
+    cli: CommandLine, before: list[str], header: str
+) -> None:
+    assert result(cli, *before, header, "a b c d") == [row("a", "b", "c", "d")]
+
+
+@pytest.mark.parametrize("after", [[], [""], ["", "\t", " \r"]])
+def test_a_header_without_rows_gives_the_empty_list(cli: CommandLine, after: list[str]) -> None:
+    assert result(cli, HEADER, *after) == []
+
+
+@pytest.mark.parametrize(
+    "line_, expected",
+    [
+        ("a b c d", row("a", "b", "c", "d")),
+        ("a b c d e", row("a", "b", "c", "d e")),
+        ("a b c d e f g", row("a", "b", "c", "d e")),
+        ("  a\tb \x0b c\u2003\u2003d\r", row("a", "b", "c", "d")),
+        ("a b c d\x1ce\x1ff", row("a", "b", "c", "d e")),
+        ("\u2028a\x85b\xa0c\u1680d\u202fe\u205f", row("a", "b", "c", "d e")),
+        ("a\rb\rc\rd\r", row("a", "b", "c", "d")),
+        ("Address Age Hardware Interface", row("Address", "Age", "Hardware", "Interface")),
+        ("\u00e9 \u20ac \U0001f600 {}", row("\u00e9", "\u20ac", "\U0001f600", "{}")),
+        ("{0} {} {1} {x} {", row("{0}", "{}", "{1}", "{x} {")),
+        ("a\0 \0b c\0c d \0", row("a\0", "\0b", "c\0c", "d \0")),
+        ("\ud800 \udfff c d", row("\ud800", "\udfff", "c", "d")),
+        ("\u200b \u180e \ufeff \u00ad", row("\u200b", "\u180e", "\ufeff", "\u00ad")),
+    ],
+)
+def test_a_line_is_a_row_of_columns(cli: CommandLine, line_: str, expected: dict[str, str]) -> None:
+    assert taken_apart(result(cli, HEADER, line_)) == taken_apart([expected])
+
+
+@pytest.mark.parametrize(
+    "blank", ["", " ", "\t", "\r", "\x0b\x0c", "\x1c\x1d\x1e\x1f", "\xa0\u3000"]
+)
+def test_blank_lines_are_skipped_and_end_nothing(cli: CommandLine, blank: str) -> None:
+    rows = result(cli, HEADER, blank, "a b c d", blank, blank, "e f g h i", blank)
+    assert rows == [row("a", "b", "c", "d"), row("e", "f", "g", "h i")]
+
+
+def test_lines_end_at_line_feeds_only(cli: CommandLine) -> None:
+    assert result(cli, HEADER + "\r" + HEADER, "a b\rc\x0bd\u2028e\x85f") == [
+        row("a", "b", "c", "d e")
+    ]
+
+
+def test_each_call_makes_new_objects(cli: CommandLine) -> None:
+    first, second = result(cli, HEADER, "a b c d"), result(cli, HEADER, "a b c d")
+    assert first == second
+    assert first is not second
+    assert first[0] is not second[0]
+
+
+# Malformed output
+
+MALFORMED = [
+    # the statements in order, each with the outputs that fail at it
+    (
+        "header",
+        [[""], ["nothing"], ["address", "x Address", "A ddress", ""], ["Addr\ness"], ["\u0131"]],
+    ),
+    ("mac", [[HEADER, "a b"], [HEADER, "a b c d", "", "a b"]]),
+    ("interface", [[HEADER, "a b c"], [HEADER, "a b c d", "3 entries found"], [HEADER, "a,b c d"]]),
+]
+AGE = [HEADER, "prompt#"]
+
+
+@pytest.mark.parametrize(
+    "lines",
+    [
+        pytest.param(lines, id=f"{statement}-{number}")
+        for statement, outputs in [*MALFORMED, ("age", [AGE, [HEADER, "\x00"]])]
+        for number, lines in enumerate(outputs)
+    ],
+)
+def test_malformed_output_is_an_index_error(cli: CommandLine, lines: list[str]) -> None:
+    error = failure(IndexError, result, cli, *lines)
+    assert str(error) == "list index out of range"
+    assert cli.logged == []
+
+
+@pytest.mark.parametrize("outputs", [o for _, o in MALFORMED], ids=[s for s, _ in MALFORMED])
+def test_the_same_statement_fails_at_the_same_line(
+    native_cli: CommandLine, outputs: list[list[str]]
+) -> None:
+    errors = [failure(IndexError, result, native_cli, *lines) for lines in outputs]
+    assert len({line(error, FUNCTION) for error in errors}) == 1
+    assert all(len(traceback_entries(error.__traceback__)) == 1 for error in errors)
+
+
+def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+    cli = native_cli
+    with cli.monkeypatch.context() as patch:
+        patch.setattr(cli.parser, "text_", raising(Failed()))
+        fetch = failure(Failed, result, cli, "")
+    split = failure(AttributeError, result, cli, None)
+    header = failure(IndexError, result, cli, "nothing")
+    columns = [
+        failure(IndexError, result, cli, *lines)
+        for lines in (AGE, MALFORMED[1][1][0], MALFORMED[2][1][0])
+    ]
+    lines = [line(error, FUNCTION) for error in (fetch, split, header, *columns)]
+    assert ascending([entry(fetch, FUNCTION).first_line, *lines])
+
+
+def test_the_function_stands_behind_the_routing_parser(native_cli: CommandLine) -> None:
+    routing = "get_routing_table_result"
+    last = failure(
+        IndexError,
+        lambda: native_cli.parser.get_routing_table_result("a"),
+    )
+    assert line(last, routing) < entry(failure(IndexError, result, native_cli, ""), FUNCTION)[1]
+
+
+# What is no text, and failures of the collaborators
+
+
+@pytest.mark.parametrize(
+    "value, kind, text",
+    [
+        (None, AttributeError, "'NoneType' object has no attribute 'split'"),
+        (5, AttributeError, "'int' object has no attribute 'split'"),
+        (["text"], AttributeError, "'list' object has no attribute 'split'"),
+        (bytearray(b"text"), TypeError, "a bytes-like object is required, not 'str'"),
+    ],
+    ids=repr,
+)
+def test_what_is_no_text_is_the_interpreters_own_error(
+    cli: CommandLine, value: object, kind: type[Exception], text: str
+) -> None:
+    error = failure(kind, result, cli, value)
+    assert str(error) == text
+
+
+def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) -> None:
+    cli.rebind("text_", lambda value, encoding: value)
+    error = failure(TypeError, result, cli, b"Address")
+    assert str(error) == "a bytes-like object is required, not 'str'"
+
+
+def test_a_subclass_of_text_is_text(cli: CommandLine) -> None:
+    parsed = result(cli, Text(HEADER + "\na b c d"))
+    assert taken_apart(parsed) == taken_apart([row("a", "b", "c", "d")])
+
+
+@pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
+def test_a_failing_fetch_propagates(cli: CommandLine, name: str) -> None:
+    error = Failed()
+    cli.rebind(name, raising(error))
+    assert failure(Failed, cli.parser.get_system_arp_result) is error
+
+
+@pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
+def test_a_missing_global_is_a_name_error(cli: CommandLine, name: str) -> None:
+    cli.unbind(name)
+    error = failure(NameError, cli.parser.get_system_arp_result)
+    assert str(error) == f"name '{name}' is not defined"
+
+
+def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -> None:
+    simulator.set_reply("get_cli_cmd_output", HEADER + "\r\na b c d\r\n--More--e f g h i\r\n")
+    assert module.get_system_arp_result() == [row("a", "b", "c", "d"), row("e", "f", "g", "h i")]
+    assert [call.text for call in simulator.call_log] == [b"get system arp"]
+
+
+def test_the_runners_failure_shows_both_functions(simulator: Simulator, module: ModuleType) -> None:
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(module.CFunctionError, module.get_system_arp_result)
+    assert error.args == ("get_cli_command_output's result is null.",)
+    names = [found.function for found in traceback_entries(error.__traceback__)]
+    assert names == [FUNCTION, "get_cli_command_output"]

@@ -1,0 +1,643 @@
+"""The BFD listing, in the native module and in its twin: which commands are run for which
+neighbors, what is kept, and what ends the listing early."""
+
+from __future__ import annotations
+
+import copy
+import sys
+from collections.abc import Iterator
+from types import ModuleType, SimpleNamespace
+from typing import Any
+
+import pytest
+
+from tests.support.assertions import (
+    Recorder,
+    RecordingLogger,
+    ascending,
+    failure,
+    line,
+    raising,
+    taken_apart,
+    traceback_entries,
+)
+from tests.support.fake_cli import CommandLine
+
+IPV4 = "get router info bfd neighbor"
+IPV6 = "get router info6 bfd neighbor"
+
+
+class Failed(Exception):
+    """Only the tests raise it."""
+
+
+def output(*sessions: str) -> str:
+    """A summary or detail output; a session is its address and interface, then its fields."""
+    lines = ["echo"]
+    for session in sessions:
+        address, interface, *fields = session.split(" ", 2)
+        lines.append(f"peer {address} interface {interface}")
+        lines.extend(field for text in fields for field in text.split(","))
+    return "\n".join(lines)
+
+
+def named(address: str, interface: str, **fields: str) -> dict[str, str]:
+    """The entry of a session."""
+    name = f"{address}_{interface}"
+    return {"neighbor_ip": address, "interface": interface, "name": name, **fields}
+
+
+# With the parser itself
+
+
+def test_two_families_with_their_details(cli: CommandLine) -> None:
+    cli.answers(
+        {
+            IPV4: output("10.0.0.2 port1 Status: up"),
+            IPV6: output("fe80::2 port2"),
+            f"{IPV4} 10.0.0.2 port1": output("10.0.0.2 port1 Zebra Notifications: 7"),
+            f"{IPV6} fe80::2 port2": output("fe80::2 port2 Zebra Notifications: 9,Status: down"),
+        }
+    )
+    listed = cli.parser.list_bfd_neighbor()
+    assert taken_apart(listed) == taken_apart(
+        [
+            named("10.0.0.2", "port1", status="up", zebra_notifications="7"),
+            named("fe80::2", "port2", zebra_notifications="9", status="down"),
+        ]
+    )
+    assert cli.commands == [
+        IPV4,
+        IPV6,
+        f"{IPV4} 10.0.0.2 port1",
+        f"{IPV6} 10.0.0.2 port1",
+        f"{IPV4} fe80::2 port2",
+        f"{IPV6} fe80::2 port2",
+    ]
+    assert cli.logged == []
+
+
+def test_no_sessions_and_an_empty_shared_dictionary_list_nothing_without_details(
+    cli: CommandLine,
+) -> None:
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.commands == [IPV4, IPV6]
+    assert cli.logged == []
+
+
+@pytest.mark.parametrize(
+    "field, kept",
+    [
+        ("Zebra Notifications: 0", True),
+        ("zebra notifications:", True),
+        ("ZEBRA NOTIFICATIONS : 1", True),
+        ("Zebra  Notifications: 0", False),
+        ("Zebra Notification: 0", False),
+        ("Zebra Notifications", False),
+    ],
+)
+def test_only_neighbors_with_zebra_notifications_are_kept(
+    cli: CommandLine, field: str, kept: bool
+) -> None:
+    cli.answers({IPV4: output("A B"), f"{IPV4} A B": output(f"A B {field}")})
+    assert len(cli.parser.list_bfd_neighbor()) == (1 if kept else 0)
+
+
+def test_details_of_the_other_family_count_too_and_come_last(cli: CommandLine) -> None:
+    cli.answers(
+        {
+            IPV4: output("A B x: summary"),
+            f"{IPV4} A B": output("A B x: four,zebra notifications: 4"),
+            f"{IPV6} A B": output("A B x: six"),
+        }
+    )
+    (listed,) = cli.parser.list_bfd_neighbor()
+    assert taken_apart(listed) == taken_apart(named("A", "B", x="six", zebra_notifications="4"))
+
+
+def test_neighbors_of_earlier_calls_are_asked_again_and_dropped_without_details(
+    cli: CommandLine,
+) -> None:
+    cli.answers({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
+    assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["A_B"]
+    assert list(cli.shared) == ["A_B"]
+    assert "zebra_notifications" not in cli.shared["A_B"], "details stay out of the shared one"
+    cli.run.calls.clear()
+    cli.answers({IPV4: output("C D"), f"{IPV4} C D": output("C D zebra notifications: 2")})
+    assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["C_D"]
+    assert cli.commands == [
+        IPV4,
+        IPV6,
+        f"{IPV4} A B",
+        f"{IPV6} A B",
+        f"{IPV4} C D",
+        f"{IPV6} C D",
+    ]
+    assert list(cli.shared) == ["A_B", "C_D"]
+
+
+def test_what_is_listed_may_be_changed_without_harm_to_the_shared_dictionary(
+    cli: CommandLine,
+) -> None:
+    cli.answers({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
+    (listed,) = cli.parser.list_bfd_neighbor()
+    listed.clear()
+    assert cli.shared == {"A_B": named("A", "B")}
+
+
+def test_a_failing_summary_is_logged_and_nothing_is_listed(cli: CommandLine) -> None:
+    def run(command: str) -> str:
+        raise Failed("no " + command)
+
+    cli.run.answer = run
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == [f"e:no {IPV4}"]
+
+
+def test_a_failing_detail_ends_the_listing_with_what_is_there(cli: CommandLine) -> None:
+    outputs = {
+        IPV4: output("A B"),
+        IPV6: output("C D"),
+        f"{IPV4} A B": output("A B zebra notifications: 1"),
+    }
+
+    def run(command: str) -> str:
+        if command == f"{IPV6} C D":
+            raise Failed("detail")
+        return outputs.get(command, "")
+
+    cli.run.answer = run
+    assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["A_B"]
+    assert cli.logged == ["e:detail"]
+
+
+# With the parser replaced: each call and each object by itself
+
+
+class Neighbors:
+    """Stands for `get_bfd_neighbor`: the n-th call returns the n-th answer."""
+
+    def __init__(self, cli: CommandLine, *answers: Any) -> None:
+        self.answers = list(answers)
+        self.calls = Recorder(self._answer)
+        cli.rebind("get_bfd_neighbor", self.calls)
+
+    def _answer(self, *args: object) -> object:
+        answer = self.answers[len(self.calls.calls) - 1]
+        if isinstance(answer, BaseException):
+            raise answer
+        return answer(*args) if callable(answer) else answer
+
+
+ENTRY = {"neighbor_ip": "A", "interface": "B", "zebra_notifications": "1"}
+
+
+def test_arguments_and_objects_of_each_call(cli: CommandLine) -> None:
+    first: dict[str, Any] = {"k": dict(ENTRY), "l": dict(ENTRY, neighbor_ip="C", interface="D")}
+    second = {"l": first["l"], "m": dict(ENTRY, neighbor_ip="E", interface="F")}
+    detail_1 = {"k": {"zebra_notifications": "from the detail"}}
+    detail_2 = {"k": {"zebra_notifications": "replaced"}, "l": {}, "m": {}}
+    neighbors = Neighbors(
+        cli,
+        first,
+        second,
+        detail_1,
+        detail_2,
+        lambda command, given: given,
+        lambda command, given: given,
+        lambda command, given: given,
+        lambda command, given: {**given, "m": dict(ENTRY)},
+    )
+    listed = cli.parser.list_bfd_neighbor()
+    calls = neighbors.calls.positional
+    assert [args[0] for args in calls] == [
+        IPV4,
+        IPV6,
+        f"{IPV4} A B",
+        f"{IPV6} A B",
+        f"{IPV4} C D",
+        f"{IPV6} C D",
+        f"{IPV4} E F",
+        f"{IPV6} E F",
+    ]
+    assert [len(args) for args in calls] == [1, 1] + [2] * 6
+    working = calls[2][1]
+    assert type(working) is dict
+    assert working is not first
+    assert list(working) == ["k", "l", "m"]
+    assert working["k"] is first["k"], "a shallow copy"
+    assert calls[3][1] is detail_1, "the result of the call before"
+    assert calls[4][1] == {**detail_1, **detail_2}
+    assert calls[4][1] is not detail_1
+    assert calls[5][1] is calls[4][1]
+    assert calls[6][1] is not calls[5][1], "a new dictionary after each neighbor"
+    assert calls[6][1] == calls[5][1]
+    assert listed[0] is detail_2["k"]
+    assert listed[1] == ENTRY
+    assert len(listed) == 2
+
+
+def test_the_shared_dictionary_itself_is_copied(cli: CommandLine) -> None:
+    shared = {"k": dict(ENTRY)}
+
+    def detail(command: str, given: dict[str, Any]) -> dict[str, Any]:
+        given["k"] = {"zebra_notifications": command}
+        return given
+
+    Neighbors(cli, shared, shared, detail, detail)
+    (listed,) = cli.parser.list_bfd_neighbor()
+    assert listed == {"zebra_notifications": f"{IPV6} A B"}
+    assert shared == {"k": ENTRY}
+
+
+def test_keys_addresses_and_interfaces_come_from_one_deep_copy(cli: CommandLine) -> None:
+    summary = {"k": dict(ENTRY), "gone": dict(ENTRY)}
+    working: list[Any] = []
+
+    def deepcopy(value: Any) -> Any:
+        working.append(value)
+        return {"k": {"neighbor_ip": "copied", "interface": "too"}}
+
+    def detail(command: str, given: Any) -> Any:
+        given["added"] = dict(ENTRY)
+        given["k"]["neighbor_ip"] = "changed"
+        return given
+
+    cli.rebind("copy", SimpleNamespace(deepcopy=Recorder(deepcopy)))
+    neighbors = Neighbors(cli, summary, summary, detail, detail)
+    assert cli.parser.list_bfd_neighbor() == [summary["k"]]
+    commands = [args[0] for args in neighbors.calls.positional]
+    assert commands == [IPV4, IPV6, f"{IPV4} copied too", f"{IPV6} copied too"]
+    (copied,) = working
+    assert copied is neighbors.calls.positional[2][1], "the working dictionary"
+
+
+def test_a_real_deep_copy_keeps_what_details_change(cli: CommandLine) -> None:
+    summary = {"k": dict(ENTRY), "l": dict(ENTRY, neighbor_ip="C")}
+
+    def detail(command: str, given: Any) -> Any:
+        given["l"]["neighbor_ip"] = "changed"
+        given["n"] = dict(ENTRY)
+        return given
+
+    neighbors = Neighbors(cli, summary, summary, *[detail] * 4)
+    cli.parser.list_bfd_neighbor()
+    commands = [args[0] for args in neighbors.calls.positional]
+    assert commands[2:] == [f"{IPV4} A B", f"{IPV6} A B", f"{IPV4} C B", f"{IPV6} C B"]
+
+
+@pytest.mark.parametrize("missing", ["neighbor_ip", "interface"])
+def test_an_entry_without_its_address_ends_the_listing_with_what_is_there(
+    cli: CommandLine, missing: str
+) -> None:
+    lacking = dict(ENTRY)
+    del lacking[missing]
+    summary = {"k": dict(ENTRY), "l": lacking, "m": dict(ENTRY)}
+    returned = [lambda command, given: given] * 2
+    neighbors = Neighbors(cli, summary, summary, *returned)
+    assert cli.parser.list_bfd_neighbor() == [ENTRY]
+    assert len(neighbors.calls.calls) == 4
+    assert cli.logged == [f"e:'{missing}'"]
+
+
+KEPT = {"k": ENTRY}
+
+
+@pytest.mark.parametrize(
+    "answers, logged",
+    [
+        ([KEPT, None], "dict() argument after ** must be a mapping, not NoneType"),
+        ([KEPT, [("k", 1)]], "dict() argument after ** must be a mapping, not list"),
+        ([5, None], "dict() argument after ** must be a mapping, not NoneType"),
+        ([5, {}], "'int' object is not iterable"),
+        ([None, {}], "'NoneType' object is not iterable"),
+        (["ab", {}], "dictionary update sequence element #0 has length 1; 2 is required"),
+        ([{}, {1: ENTRY}], "keywords must be strings"),
+        ([{1: ENTRY}, {}, {}, {}], "1"),
+        ([{"k": 5}, {}], "'int' object is not subscriptable"),
+        ([{"k": None}, {}], "'NoneType' object is not subscriptable"),
+        ([{"k": []}, {}], "list indices must be integers or slices, not str"),
+        ([{"k": dict(ENTRY, neighbor_ip=5)}, {}], 'can only concatenate str (not "int") to str'),
+        (
+            [{"k": dict(ENTRY, interface=None)}, {}],
+            'can only concatenate str (not "NoneType") to str',
+        ),
+        (
+            [{"k": dict(ENTRY, neighbor_ip=b"x")}, {}],
+            'can only concatenate str (not "bytes") to str',
+        ),
+        ([KEPT, KEPT, {}, None], "dict() argument after ** must be a mapping, not NoneType"),
+        ([KEPT, KEPT, None, {}], "'NoneType' object is not iterable"),
+        ([KEPT, KEPT, {}, {}], "'k'"),
+        ([KEPT, KEPT, {}, {"k": None}], "argument of type 'NoneType' is not iterable"),
+        ([KEPT, KEPT, {}, {"k": 5}], "argument of type 'int' is not iterable"),
+        ([KEPT, Failed("second")], "second"),
+        ([KEPT, KEPT, Failed("third")], "third"),
+        ([KEPT, KEPT, {}, Failed("")], ""),
+    ],
+    ids=repr,
+)
+def test_a_failing_step_is_logged_in_the_interpreters_words(
+    cli: CommandLine, answers: list[Any], logged: str
+) -> None:
+    Neighbors(cli, *answers)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == [f"e:{logged}"]
+
+
+@pytest.mark.parametrize(
+    "answers, listed",
+    [
+        ([[("k", ENTRY)], {}, {}, KEPT], [ENTRY]),
+        ([KEPT, KEPT, {}, {"k": ["zebra_notifications"]}], [["zebra_notifications"]]),
+        ([KEPT, KEPT, {}, {"k": "the zebra_notifications"}], ["the zebra_notifications"]),
+        ([KEPT, KEPT, {}, {"k": ()}], []),
+        ([[], {}], []),
+        (["", {}], []),
+        ([[("k", ENTRY)], KEPT, [("k", ENTRY)], {}], [ENTRY]),
+    ],
+    ids=repr,
+)
+def test_what_works_like_a_dictionary_is_as_good(
+    cli: CommandLine, answers: list[Any], listed: list[Any]
+) -> None:
+    Neighbors(cli, *answers)
+    assert cli.parser.list_bfd_neighbor() == listed
+    assert cli.logged == []
+
+
+class Mapping:
+    """A mapping in the sense of `dict(…)` and `**`, and no dict."""
+
+    def __init__(self, **items: Any) -> None:
+        self.items_ = items
+
+    def keys(self) -> Iterator[str]:
+        return iter(self.items_)
+
+    def __getitem__(self, key: str) -> Any:
+        return self.items_[key]
+
+
+class OwnKeys(dict):
+    """A dict whose `keys` say something else."""
+
+    def keys(self) -> Any:
+        return ["k"]
+
+    def __getitem__(self, key: str) -> Any:
+        return dict(ENTRY, interface="own")
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(["k"])
+
+
+@pytest.mark.parametrize("kind", [Mapping, OwnKeys])
+@pytest.mark.parametrize("place", [0, 1])
+def test_a_mapping_that_is_no_dict_is_taken_as_python_takes_it(
+    cli: CommandLine, kind: Any, place: int
+) -> None:
+    answers: list[Any] = [{"z": dict(ENTRY)}, {"z": dict(ENTRY)}]
+    answers[place] = kind(k=dict(ENTRY))
+    expected = dict(answers[0], **answers[1])
+    neighbors = Neighbors(cli, *answers, *[lambda command, given: given] * 4)
+    cli.parser.list_bfd_neighbor()
+    working = neighbors.calls.positional[2][1]
+    assert taken_apart(working) == taken_apart(expected)
+    assert "k" in working
+
+
+class FailingMapping:
+    """A mapping whose keys, or whose items, cannot be had."""
+
+    def __init__(self, error: Exception, keys: list[str] | None = None) -> None:
+        self.error = error
+        self.known = keys
+
+    def keys(self) -> list[str]:
+        if self.known is None:
+            raise self.error
+        return self.known
+
+    def __getitem__(self, key: str) -> object:
+        raise self.error
+
+
+class LyingDict(dict):
+    """A dict that tells of a key which it has not got."""
+
+    def keys(self) -> Any:
+        return ["gone"]
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(["gone"])
+
+
+@pytest.mark.parametrize(
+    "mapping, as_argument, after_asterisks",
+    [
+        (
+            FailingMapping(AttributeError("own")),
+            "own",
+            "dict() argument after ** must be a mapping, not FailingMapping",
+        ),
+        (
+            FailingMapping(AttributeError("own"), ["k"]),
+            "own",
+            "dict() argument after ** must be a mapping, not FailingMapping",
+        ),
+        (FailingMapping(Failed("own")), "own", "own"),
+        (FailingMapping(KeyError("own"), ["k"]), "'own'", "'own'"),
+        (LyingDict(k=1), "'gone'", "dict() got multiple values for keyword argument 'gone'"),
+    ],
+    ids=["keys without attribute", "item without attribute", "keys", "item", "missing key"],
+)
+def test_a_mapping_that_fails_is_told_in_the_interpreters_words(
+    cli: CommandLine, mapping: object, as_argument: str, after_asterisks: str
+) -> None:
+    for answers in ([mapping, {}], [{}, mapping]):
+        Neighbors(cli, *answers)
+        assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == [f"e:{as_argument}", f"e:{after_asterisks}"]
+
+
+def test_an_exception_that_is_no_exception_propagates_unlogged(cli: CommandLine) -> None:
+    error = KeyboardInterrupt()
+    Neighbors(cli, KEPT, KEPT, {}, error)
+    assert failure(KeyboardInterrupt, cli.parser.list_bfd_neighbor) is error
+    assert cli.logged == []
+
+
+@pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
+def test_a_missing_global_is_logged(cli: CommandLine, name: str) -> None:
+    Neighbors(cli, KEPT, KEPT)
+    cli.unbind(name)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == [f"e:name '{name}' is not defined"]
+
+
+def test_the_parser_is_looked_up_for_each_call(cli: CommandLine) -> None:
+    later = Recorder(lambda *args: {})
+
+    def first(*args: object) -> Any:
+        cli.rebind("get_bfd_neighbor", later)
+        return {}
+
+    cli.rebind("get_bfd_neighbor", first)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert later.positional == [(IPV6,)]
+
+
+@pytest.mark.parametrize("answers", [[{}, {}], [{}, {}, None]])
+def test_nothing_is_copied_deeply_when_there_is_nothing(
+    cli: CommandLine, answers: list[Any]
+) -> None:
+    deepcopy = Recorder(copy.deepcopy)
+    cli.rebind("copy", SimpleNamespace(deepcopy=deepcopy))
+    Neighbors(cli, *answers)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert deepcopy.calls == []
+
+
+def test_a_copier_without_deepcopy_or_with_a_failing_one_is_logged(cli: CommandLine) -> None:
+    cli.rebind("copy", SimpleNamespace())
+    Neighbors(cli, KEPT, KEPT)
+    assert cli.parser.list_bfd_neighbor() == []
+    cli.rebind("copy", SimpleNamespace(deepcopy=raising(Failed("no copy"))))
+    Neighbors(cli, KEPT, KEPT)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == [
+        "e:'types.SimpleNamespace' object has no attribute 'deepcopy'",
+        "e:no copy",
+    ]
+
+
+def test_each_call_returns_a_new_list(cli: CommandLine) -> None:
+    assert cli.parser.list_bfd_neighbor() is not cli.parser.list_bfd_neighbor()
+
+
+@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
+def test_a_failing_log_propagates(cli: CommandLine, kind: type[BaseException]) -> None:
+    error = kind("the log")
+    cli.logger.debug.answer = raising(error)
+    Neighbors(cli, KEPT, None)
+    assert failure(kind, cli.parser.list_bfd_neighbor) is error
+
+
+def test_what_the_caller_handles_stays_being_handled(cli: CommandLine) -> None:
+    handled: list[object] = []
+    cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))
+    outer = Failed("being handled by the caller")
+    Neighbors(cli, KEPT, None)
+    try:
+        raise outer
+    except Failed:
+        assert cli.parser.list_bfd_neighbor() == []
+        assert sys.exc_info()[1] is outer
+    assert handled == [TypeError]
+
+
+def test_without_a_logger_the_log_line_is_a_name_error(cli: CommandLine) -> None:
+    Neighbors(cli, KEPT, None)
+    cli.unbind("_logger")
+    error = failure(NameError, cli.parser.list_bfd_neighbor)
+    assert str(error) == "name '_logger' is not defined"
+
+
+def test_an_exception_without_text_of_its_own_is_logged_as_its_text_fails(
+    cli: CommandLine,
+) -> None:
+    textless = Failed()
+
+    class Odd(Exception):
+        def __str__(self) -> str:
+            raise textless
+
+    Neighbors(cli, Odd())
+    assert failure(Failed, cli.parser.list_bfd_neighbor) is textless
+    assert cli.logged == []
+
+
+# Lines, of the native module only
+
+
+def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+    """Only what is no `Exception` leaves the listing, so each statement is made to raise such."""
+    cli = native_cli
+    given = [lambda command, given: given] * 2
+
+    class Interrupts(dict):
+        """A dictionary whose item of one name interrupts."""
+
+        def __getitem__(self, key: str) -> Any:
+            if key == self.get("interrupting"):
+                raise KeyboardInterrupt
+            return super().__getitem__(key)
+
+        def __contains__(self, key: object) -> bool:
+            raise KeyboardInterrupt
+
+    def stop() -> KeyboardInterrupt:
+        return KeyboardInterrupt()
+
+    def line_of(*answers: Any) -> int:
+        Neighbors(cli, *answers)
+        error = failure(KeyboardInterrupt, cli.parser.list_bfd_neighbor)
+        (found,) = traceback_entries(error.__traceback__)
+        assert found.function == "list_bfd_neighbor"
+        assert found.first_line < found.line
+        return found.line
+
+    def with_copy(deepcopy: Any) -> int:
+        with pytest.MonkeyPatch.context() as patch:
+            patch.setattr(cli.parser, "copy", SimpleNamespace(deepcopy=deepcopy))
+            return line_of(KEPT, KEPT, *given)
+
+    known = {"k": Interrupts(ENTRY)}
+    Neighbors(cli, KEPT, None)
+    cli.logger.debug.answer = raising(Failed())
+    lines = [
+        line_of(stop()),
+        line_of({}, stop()),
+        with_copy(raising(stop())),
+        with_copy(lambda value: {"k": Interrupts(ENTRY, interrupting="neighbor_ip")}),
+        with_copy(lambda value: {"k": Interrupts(ENTRY, interrupting="interface")}),
+        line_of(KEPT, KEPT, stop()),
+        line_of(KEPT, KEPT, {}, stop()),
+        line_of(KEPT, KEPT, {}, known),
+    ]
+    Neighbors(cli, KEPT, None)
+    lines.append(line(failure(Failed, cli.parser.list_bfd_neighbor), "list_bfd_neighbor"))
+    assert ascending([250, *lines, 352])
+
+
+def test_the_whole_way_from_the_host(simulator: Any, module: ModuleType) -> None:
+    simulator.set_reply("get_cli_cmd_output", "")
+    shared = module.get_bfd_neighbor("the shared dictionary")
+    shared.clear()
+    outputs = {
+        IPV4: output("A B"),
+        f"{IPV4} A B": output("A B zebra --More--notifications: 1"),
+    }
+    simulator.clear_calls()
+    simulator.set_reply("get_cli_cmd_output", lambda command: outputs.get(command.decode(), ""))
+    try:
+        assert module.list_bfd_neighbor() == [named("A", "B", zebra_notifications="1")]
+    finally:
+        shared.clear()
+    assert [call.text.decode() for call in simulator.call_log] == [
+        IPV4,
+        IPV6,
+        f"{IPV4} A B",
+        f"{IPV6} A B",
+    ]
+
+
+def test_a_failure_of_the_runner_is_logged(
+    simulator: Any, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    logger = RecordingLogger()
+    monkeypatch.setattr(module, "_logger", logger)
+    simulator.set_reply("get_cli_cmd_output", None)
+    assert module.list_bfd_neighbor() == []
+    assert logger.debugged == ["e:get_cli_command_output's result is null."]

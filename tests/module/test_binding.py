@@ -1,0 +1,573 @@
+"""How the thirty functions bind their arguments: every refusal with its whole text, the order of
+the checks, and the place that a traceback shows for them."""
+
+from __future__ import annotations
+
+from collections.abc import Iterable, Mapping
+from types import MappingProxyType, ModuleType
+from typing import Any, Union
+
+import pytest
+
+from tests.support.assertions import Entry, failure, traceback_entries, wrong_type
+from tests.support.function_table import FUNCTIONS, NAMED, Function
+from veldarin_simulator import Simulator
+
+
+def rows(*kinds: str) -> Any:
+    """Parametrises a test over the functions of some kinds."""
+    chosen = [row for row in FUNCTIONS if row.kind in kinds]
+    return pytest.mark.parametrize("function", chosen, ids=lambda row: row.name)
+
+
+def refused(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
+    """The `TypeError` of a call; a keyword may be anything, so the call stands right here."""
+    return failure(TypeError, lambda: function(*args, **kwargs))
+
+
+def refusal(
+    module: ModuleType,
+    function: Function | str,
+    args: Iterable[Any] = (),
+    kwargs: Mapping[Any, Any] = MappingProxyType({}),
+) -> str:
+    """The text of the `TypeError` that the call raises."""
+    name = function if isinstance(function, str) else function.name
+    return str(refused(getattr(module, name), args, kwargs))
+
+
+# Functions without parameters and functions of one argument: the interpreter's own rules.
+
+
+@rows("none")
+@pytest.mark.parametrize("given", [1, 2, 5])
+def test_a_function_without_parameters_takes_no_argument(
+    module: ModuleType, function: Function, given: int
+) -> None:
+    assert refusal(module, function, range(given)) == (
+        f"{function.qualified}() takes no arguments ({given} given)"
+    )
+
+
+@rows("one")
+@pytest.mark.parametrize("given", [0, 2, 3])
+def test_a_function_of_one_argument_takes_exactly_one(
+    module: ModuleType, function: Function, given: int
+) -> None:
+    assert refusal(module, function, range(given)) == (
+        f"{function.qualified}() takes exactly one argument ({given} given)"
+    )
+
+
+@rows("one")
+def test_a_function_of_one_argument_does_not_take_it_by_its_name(
+    module: ModuleType, function: Function
+) -> None:
+    (parameter,) = function.parameters
+    assert refusal(module, function, (), {parameter.name: None}) == (
+        f"{function.qualified}() takes no keyword arguments"
+    )
+
+
+@rows("none", "one")
+@pytest.mark.parametrize("positional", [0, 1, 2])
+def test_keywords_are_refused_before_the_arguments_are_counted(
+    module: ModuleType, function: Function, positional: int
+) -> None:
+    assert refusal(module, function, range(positional), {"other": 1}) == (
+        f"{function.qualified}() takes no keyword arguments"
+    )
+
+
+@rows("none", "one", "keywords")
+def test_an_empty_dictionary_of_keywords_is_no_keyword(
+    module: ModuleType, function: Function
+) -> None:
+    held = getattr(module, function.name)
+    without = failure(TypeError, lambda: held(1, 2, 3, 4))
+    empty: dict[str, object] = {}
+    assert str(failure(TypeError, lambda: held(1, 2, 3, 4, **empty))) == str(without)
+    assert "(4 given)" in str(without)
+
+
+@rows("none", "one")
+def test_the_interpreters_own_refusals_leave_no_entry_of_the_function(
+    module: ModuleType, function: Function
+) -> None:
+    for args, kwargs in [((1, 2), {}), ((), {"other": 1})]:
+        error = refused(getattr(module, function.name), args, kwargs)
+        assert traceback_entries(error.__traceback__) == []
+
+
+@rows("none", "one", "keywords")
+def test_a_refused_call_reaches_no_native_service(
+    simulator: Simulator, module: ModuleType, function: Function
+) -> None:
+    many = range(5)
+    refusal(module, function, many)
+    refusal(module, function, many, {"other": 1})
+    assert simulator.call_log == []
+
+
+# Functions with keywords: the count of positional arguments.
+
+ANY = object()
+
+COUNTS = [
+    # function, positional arguments, words, bound
+    *(
+        (row.name, given, "at most", 1)
+        for row in FUNCTIONS
+        if row.kind == "keywords" and len(row.parameters) == 1
+        for given in (2, 3, 10)
+    ),
+    ("get_bfd_neighbor", 0, "at least", 1),
+    ("get_bfd_neighbor", 3, "at most", 2),
+    ("get_bfd_neighbor", 7, "at most", 2),
+    ("capture_sniffer_profile", 0, "exactly", 2),
+    ("capture_sniffer_profile", 1, "exactly", 2),
+    ("capture_sniffer_profile", 3, "exactly", 2),
+    ("capture_sniffer_profile", 12, "exactly", 2),
+]
+
+
+def count_error(name: str, words: str, bound: int, given: int) -> str:
+    plural = "" if bound == 1 else "s"
+    return f"{name}() takes {words} {bound} positional argument{plural} ({given} given)"
+
+
+@pytest.mark.parametrize(("name", "given", "words", "bound"), COUNTS)
+def test_a_wrong_count_of_positional_arguments_is_refused(
+    module: ModuleType, name: str, given: int, words: str, bound: int
+) -> None:
+    assert refusal(module, name, [ANY] * given) == count_error(name, words, bound, given)
+
+
+@pytest.mark.parametrize(
+    ("name", "given", "words", "bound"), [row for row in COUNTS if row[1] > row[3]]
+)
+def test_too_many_positional_arguments_are_refused_before_any_keyword_is_looked_at(
+    module: ModuleType, name: str, given: int, words: str, bound: int
+) -> None:
+    keyword: object
+    for keyword in (NAMED[name].parameters[0].name, "other", 7):
+        keywords = {keyword: 1}
+        assert refusal(module, name, [ANY] * given, keywords) == (
+            count_error(name, words, bound, given)
+        )
+
+
+@pytest.mark.parametrize(
+    ("name", "args", "kwargs", "words", "bound"),
+    [
+        ("get_bfd_neighbor", (), {"list_bfd": {}}, "at least", 1),
+        ("capture_sniffer_profile", (), {"profile_name": "p"}, "exactly", 2),
+        ("capture_sniffer_profile", (), {"event": "Stop"}, "exactly", 2),
+    ],
+)
+def test_a_required_parameter_left_unbound_is_a_count_error_of_the_positional_arguments(
+    module: ModuleType, name: str, args: Any, kwargs: Any, words: str, bound: int
+) -> None:
+    assert refusal(module, name, args, kwargs) == count_error(name, words, bound, len(args))
+
+
+# Functions with keywords: the keywords.
+
+
+class Text(str):
+    """A subclass of str."""
+
+
+class SameHash:
+    """No string, but in a dictionary's eyes equal to one."""
+
+    def __init__(self, text: str) -> None:
+        self.text = text
+
+    def __hash__(self) -> int:
+        return hash(self.text)
+
+    def __eq__(self, other: object) -> bool:
+        return other == self.text
+
+
+Key = Union[str, int, bytes, None, SameHash]
+
+
+def unexpected(name: str, keyword: str) -> str:
+    return f"{name}() got an unexpected keyword argument '{keyword}'"
+
+
+def multiple(name: str, keyword: str) -> str:
+    return f"{name}() got multiple values for keyword argument '{keyword}'"
+
+
+def not_strings(name: str) -> str:
+    return f"{name}() keywords must be strings"
+
+
+LONG = "x" * 300
+
+
+@rows("keywords")
+@pytest.mark.parametrize(
+    "keyword",
+    ["other", "", "Policy_id", "policy_id ", "profile-name", "größe", LONG, Text("other"), "\x00"],
+    ids=ascii,
+)
+def test_an_unknown_keyword_is_refused_by_its_name(
+    module: ModuleType, function: Function, keyword: str
+) -> None:
+    bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
+    assert refusal(module, function, (), {**bound, keyword: 1}) == unexpected(
+        function.name, keyword
+    )
+
+
+@rows("keywords")
+@pytest.mark.parametrize(
+    "keyword",
+    [7, b"policy_id", None, (), 1.5, object()],
+    ids=lambda keyword: type(keyword).__name__,
+)
+def test_a_keyword_that_is_not_a_string_is_refused(
+    module: ModuleType, function: Function, keyword: Any
+) -> None:
+    bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
+    assert refusal(module, function, (), {**bound, keyword: 1}) == not_strings(function.name)
+
+
+@rows("keywords")
+@pytest.mark.parametrize("kind", [str, Text])
+def test_a_keyword_for_a_parameter_bound_by_position_is_refused(
+    module: ModuleType, function: Function, kind: type[str]
+) -> None:
+    positional: list[None] = []
+    for parameter in function.parameters:
+        positional.append(None)
+        keyword = kind(parameter.name)
+        assert refusal(module, function, positional, {keyword: None}) == (
+            multiple(function.name, parameter.name)
+        )
+
+
+# (function, positional arguments, keywords in their order, text): several things wrong at once.
+ACL, TRUNK, MCLAG = (
+    "switch_acl_ingress_counter",
+    "list_switch_trunk_state",
+    "list_switch_mclag_list",
+)
+BFD, CAPTURE = "get_bfd_neighbor", "capture_sniffer_profile"
+SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
+    # of several faulty keywords the first in the dictionary's order is named
+    (ACL, (), {"b": 1, "a": 2}, unexpected(ACL, "b")),
+    (ACL, (), {"a": 1, "b": 2}, unexpected(ACL, "a")),
+    (ACL, (), {"a": 1, 7: 2}, unexpected(ACL, "a")),
+    (ACL, (), {7: 1, "a": 2}, not_strings(ACL)),
+    (ACL, (1,), {"a": 1, "policy_id": 2}, unexpected(ACL, "a")),
+    (ACL, (1,), {"policy_id": 1, "a": 2}, multiple(ACL, "policy_id")),
+    (ACL, (1,), {7: 1, "policy_id": 2}, not_strings(ACL)),
+    (ACL, (1,), {"policy_id": 1, 7: 2}, multiple(ACL, "policy_id")),
+    (CAPTURE, ("p", "e"), {"event": 1, "profile_name": 2}, multiple(CAPTURE, "event")),
+    (CAPTURE, ("p", "e"), {"profile_name": 2, "event": 1}, multiple(CAPTURE, "profile_name")),
+    (BFD, ("c", {}), {"list_bfd": 1, "x": 2, 3: 4}, multiple(BFD, "list_bfd")),
+    # what binds is passed over, wherever it stands
+    (ACL, (), {"policy_id": 1, "a": 2}, unexpected(ACL, "a")),
+    (ACL, (), {"a": 2, "policy_id": 1}, unexpected(ACL, "a")),
+    (TRUNK, (), {"trunk_name": 1, 7: 2}, not_strings(TRUNK)),
+    (MCLAG, (), {"mkey": 1, "trunk_name": 2}, unexpected(MCLAG, "trunk_name")),
+    (CAPTURE, ("p",), {"event": 1, "profile_name": 2}, multiple(CAPTURE, "profile_name")),
+    (BFD, ("c",), {"list_bfd": {}, "cmd": "c"}, multiple(BFD, "cmd")),
+    # faulty keywords are named before a required parameter is missed
+    (BFD, (), {"x": 1}, unexpected(BFD, "x")),
+    (BFD, (), {"list_bfd": {}, "x": 1}, unexpected(BFD, "x")),
+    (BFD, (), {7: 1}, not_strings(BFD)),
+    (CAPTURE, (), {"x": 1}, unexpected(CAPTURE, "x")),
+    (CAPTURE, (), {"profile_name": "p", "x": 1}, unexpected(CAPTURE, "x")),
+    (CAPTURE, (), {"event": "Stop", 7: 1}, not_strings(CAPTURE)),
+    (CAPTURE, ("p",), {"x": 1}, unexpected(CAPTURE, "x")),
+    (CAPTURE, ("p",), {7: 1}, not_strings(CAPTURE)),
+    (CAPTURE, ("p",), {"profile_name": "q"}, multiple(CAPTURE, "profile_name")),
+    # types are tested when everything is bound
+    (CAPTURE, (1,), {}, count_error(CAPTURE, "exactly", 2, 1)),
+    (CAPTURE, (1, 2, 3), {}, count_error(CAPTURE, "exactly", 2, 3)),
+    (CAPTURE, (1,), {"x": 2}, unexpected(CAPTURE, "x")),
+    (CAPTURE, (1,), {"profile_name": "p"}, multiple(CAPTURE, "profile_name")),
+    (CAPTURE, (1, 2), {"x": 3}, unexpected(CAPTURE, "x")),
+    (CAPTURE, (), {"event": 1}, count_error(CAPTURE, "exactly", 2, 0)),
+    (CAPTURE, (), {"event": 1, 7: 1}, not_strings(CAPTURE)),
+    # and then in the order of the parameters
+    (CAPTURE, (1, 2), {}, wrong_type("profile_name", "str", 1)),
+    (CAPTURE, (), {"event": 1, "profile_name": 2.5}, wrong_type("profile_name", "str", 2.5)),
+    (CAPTURE, ("p", 2), {}, wrong_type("event", "str", 2)),
+    (CAPTURE, (None,), {"event": b"Stop"}, wrong_type("event", "str", b"")),
+]
+
+
+@pytest.mark.parametrize(("name", "args", "kwargs", "text"), SEVERAL_FAULTS)
+def test_of_several_faults_the_first_in_the_order_of_the_checks_is_reported(
+    module: ModuleType, name: str, args: Any, kwargs: Any, text: str
+) -> None:
+    assert refusal(module, name, args, kwargs) == text
+
+
+@rows("keywords")
+def test_every_binding_error_leaves_one_entry_at_the_functions_first_line(
+    module: ModuleType, function: Function
+) -> None:
+    first = function.parameters[0].name
+    faulty: list[tuple[tuple[Any, ...], dict[Any, Any]]] = [
+        ((None,) * 5, {}),
+        ((), {"other": 1}),
+        ((), {7: 1}),
+        ((None,), {first: None}),
+    ]
+    if function.required:
+        faulty += [((), {}), ((), {function.parameters[1].name: None})]
+    low, high = function.first_line
+    for args, kwargs in faulty:
+        error = refused(getattr(module, function.name), args, kwargs)
+        (entry,) = traceback_entries(error.__traceback__)
+        assert entry == Entry(function.name, entry.first_line, entry.first_line)
+        assert low <= entry.first_line <= high
+
+
+# What binding gives: the rows say how, the request or the command says what arrived.
+
+
+def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any) -> str:
+    """The request of an ACL query."""
+    module.switch_acl_ingress_counter(*args, **kwargs)
+    (call,) = (call for call in simulator.call_log if call.service.startswith("build_"))
+    assert call.request is not None
+    return "".join(call.request.split())
+
+
+@pytest.mark.parametrize(
+    ("args", "kwargs", "request_text"),
+    [
+        ((), {}, "{}"),
+        ((7,), {}, '{"policy_id":7}'),
+        ((), {"policy_id": 7}, '{"policy_id":7}'),
+        ((), {Text("policy_id"): 7}, '{"policy_id":7}'),
+        ((), {SameHash("policy_id"): 7}, '{"policy_id":7}'),
+        ((), {"".join(["policy", "_id"]): 7}, '{"policy_id":7}'),
+        ((None,), {}, "{}"),
+    ],
+    ids=[
+        "nothing",
+        "by position",
+        "by name",
+        "by a subclass of str",
+        "by an equal key",
+        "by a name that is not interned",
+        "None",
+    ],
+)
+def test_an_optional_parameter_is_bound_by_position_or_by_exact_look_up_of_its_name(
+    simulator: Simulator, module: ModuleType, args: Any, kwargs: Any, request_text: str
+) -> None:
+    assert sent_policy(simulator, module, args, kwargs) == request_text
+
+
+@pytest.mark.parametrize(
+    ("args", "kwargs"),
+    [
+        (("p", "Stop"), {}),
+        (("p",), {"event": "Stop"}),
+        ((), {"profile_name": "p", "event": "Stop"}),
+        ((), {"event": "Stop", "profile_name": "p"}),
+    ],
+)
+def test_required_parameters_are_bound_by_position_or_by_name_in_any_order(
+    simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
+) -> None:
+    module.capture_sniffer_profile(*args, **kwargs)
+    (call,) = (call for call in simulator.call_log if call.service.startswith("build_"))
+    assert call.service == "build_stop_sniffer_profile_capture"
+    assert call.request is not None
+    assert "".join(call.request.split()) == '{"profile-name":"p"}'
+
+
+HELD: dict[str, str] = {}
+
+
+@pytest.mark.parametrize(
+    ("args", "kwargs"),
+    [
+        (("command", HELD), {}),
+        (("command",), {"list_bfd": HELD}),
+        ((), {"list_bfd": HELD, "cmd": "command"}),
+    ],
+)
+def test_the_dictionary_of_sessions_is_bound_by_position_or_by_name(
+    simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
+) -> None:
+    simulator.set_reply("get_cli_cmd_output", "nothing")
+    assert module.get_bfd_neighbor(*args, **kwargs) is HELD
+    assert [call.text for call in simulator.call_log] == [b"command"]
+
+
+def test_the_caller_keeps_its_dictionary_of_keywords_as_it_was(module: ModuleType) -> None:
+    keywords = {"policy_id": 7}
+    module.switch_acl_egress_counter(**keywords)
+    assert keywords == {"policy_id": 7}
+    faulty = {"policy_id": 7, "other": 1}
+    refusal(module, "switch_acl_egress_counter", (), faulty)
+    assert faulty == {"policy_id": 7, "other": 1}
+
+
+class FailingKey(SameHash):
+    """A keyword that cannot be compared."""
+
+    __hash__ = SameHash.__hash__
+
+    def __eq__(self, other: object) -> bool:
+        raise OverflowError
+
+
+@pytest.mark.parametrize("name", ["switch_acl_egress_counter", "list_switch_mclag_list"])
+def test_a_look_up_that_fails_fails_the_call(module: ModuleType, name: str) -> None:
+    function, keyword = getattr(module, name), FailingKey(NAMED[name].parameters[0].name)
+    keywords: dict[Any, object] = {keyword: 1}
+    error = failure(OverflowError, lambda: function(**keywords))
+    (entry,) = traceback_entries(error.__traceback__)
+    assert entry == Entry(name, entry.first_line, entry.first_line)
+
+
+# Typed parameters
+
+
+class Bytes(bytes):
+    """A subclass of bytes."""
+
+
+def of_type_named(name: str) -> object:
+    """An object whose type bears the name."""
+    return type(name, (), {})()
+
+
+TYPED = [
+    (function, position)
+    for function in FUNCTIONS
+    for position, parameter in enumerate(function.parameters)
+    if parameter.type is not None
+]
+WRONG: dict[type, list[object]] = {
+    bytes: ["text", Bytes(b"text"), bytearray(b"text"), memoryview(b""), 0, True, [], object()],
+    str: [b"text", Text("text"), bytearray(b""), 0, False, (), {}, object()],
+}
+
+
+def arguments_around(function: Function, position: int, value: object) -> list[object]:
+    """Arguments of which only the one at `position` can be wrong."""
+    arguments: list[object] = [None] * len(function.parameters)
+    arguments[position] = value
+    return arguments
+
+
+@pytest.mark.parametrize(
+    ("function", "position"),
+    TYPED,
+    ids=[f"{function.name}-{function.parameters[at].name}" for function, at in TYPED],
+)
+def test_a_typed_parameter_takes_exactly_its_type(
+    simulator: Simulator, module: ModuleType, function: Function, position: int
+) -> None:
+    parameter = function.parameters[position]
+    assert parameter.type is not None
+    for value in [*WRONG[parameter.type], of_type_named("größe")]:
+        error = failure(
+            TypeError, getattr(module, function.name), *arguments_around(function, position, value)
+        )
+        assert str(error) == wrong_type(parameter.name, parameter.type.__name__, value)
+        (entry,) = traceback_entries(error.__traceback__)
+        assert entry == Entry(function.name, entry.first_line, entry.first_line)
+        assert function.first_line[0] <= entry.first_line <= function.first_line[1]
+    assert simulator.call_log == []
+
+
+@pytest.mark.parametrize(
+    ("function", "position"),
+    TYPED,
+    ids=[f"{function.name}-{function.parameters[at].name}" for function, at in TYPED],
+)
+def test_the_name_of_a_wrong_type_is_shown_up_to_its_two_hundredth_character(
+    module: ModuleType, function: Function, position: int
+) -> None:
+    value = of_type_named(LONG)
+    text = refusal(module, function, arguments_around(function, position, value))
+    assert text.endswith(f", got {LONG[:200]})")
+
+
+# What each bytes function says of None; those held to str take it as a value of theirs.
+NONE_REFUSED = {
+    "aps_unsigned_int_hash": "expected bytes, NoneType found",
+    "encrypt_cookie": "expected bytes, NoneType found",
+    "decrypt_cookie": "object of type 'NoneType' has no len()",
+    "check_cert_expiration": "expected bytes, NoneType found",
+}
+
+
+@pytest.mark.parametrize(("name", "text"), NONE_REFUSED.items())
+def test_none_for_bytes_is_refused_in_the_functions_own_words(
+    simulator: Simulator, module: ModuleType, name: str, text: str
+) -> None:
+    assert refusal(module, name, [None]) == text
+    assert simulator.call_log == []
+
+
+@pytest.mark.parametrize(
+    "function",
+    [
+        row
+        for row in FUNCTIONS
+        if row.kind == "one" and row.parameters[0].type is str and row.name.startswith("list_")
+    ],
+    ids=lambda row: row.name,
+)
+def test_none_passes_the_type_test_of_a_text_parameter(
+    simulator: Simulator, module: ModuleType, function: Function
+) -> None:
+    simulator.set_reply("build_system_interface_physical", [{"interface": [{"name": None}]}])
+    getattr(module, function.name)(None)
+    assert len([call for call in simulator.call_log if call.service.startswith("build_")]) == 1
+
+
+@pytest.mark.parametrize(
+    "name",
+    [
+        row.name
+        for row in FUNCTIONS
+        if row.kind != "none"
+        and row.parameters[0].type is None
+        and row.name.startswith(("list_", "switch_"))
+    ],
+)
+@pytest.mark.parametrize(
+    "value", [0, 7, "text", Text("text"), None, [], [1], {"a": 1}, True, 1.5], ids=repr
+)
+def test_a_query_without_a_type_for_its_parameter_takes_anything(
+    simulator: Simulator, module: ModuleType, name: str, value: object
+) -> None:
+    made: list[tuple[Any, ...]] = []
+    simulator.on_create = made.append
+    assert getattr(module, name)(value) is None
+    (request,) = made[0]
+    assert made[1:] == [()]
+    assert all(held is value for held in request.values())
+
+
+def test_a_cookie_name_takes_anything(module: ModuleType) -> None:
+    values: list[object] = ["", "text", b"", None, 7, [], {}, object]
+    named = [module.get_cookie_name(value) for value in values]
+    assert [name.partition("_")[0] for name in named] == [
+        "APCOOKIE",
+        "APSCOOKIE",
+        "APCOOKIE",
+        "APCOOKIE",
+        "APSCOOKIE",
+        "APCOOKIE",
+        "APCOOKIE",
+        "APSCOOKIE",
+    ]

@@ -1,0 +1,674 @@
+"""Cookie identifiers, cookie names and cookie values: what crosses to the native services, what
+comes back, and every refusal."""
+
+from __future__ import annotations
+
+import ctypes
+import tracemalloc
+from types import ModuleType
+from typing import Any
+
+import pytest
+
+from tests.support import isolated
+from tests.support.assertions import (
+    Recorder,
+    Truth,
+    ascending,
+    entry,
+    failure,
+    raising,
+    wrong_type,
+)
+from veldarin_simulator import Simulator
+
+ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
+GREATEST = pytest.param(ULONG_MAX, id="ULONG_MAX")
+
+
+class Bytes(bytes):
+    """A subclass, which is not exactly bytes."""
+
+
+NOT_EXACTLY_BYTES = [
+    pytest.param("text", id="str"),
+    pytest.param(bytearray(b"text"), id="bytearray"),
+    pytest.param(Bytes(b"text"), id="subclass of bytes"),
+    pytest.param(memoryview(b"text"), id="memoryview"),
+    pytest.param(7, id="int"),
+    pytest.param([b"text"], id="list"),
+]
+
+
+def texts(simulator: Simulator) -> list[tuple[str, bytes | None]]:
+    """The native calls in order, each with the text that it was given."""
+    return [(call.service, call.text) for call in simulator.call_log]
+
+
+# new_cookie_id
+
+
+@pytest.mark.parametrize("identifier", [0, 1, 2**31 - 1, 2**31, 4294967295, GREATEST])
+def test_new_cookie_id_is_the_native_value_unsigned(
+    simulator: Simulator, module: ModuleType, identifier: int
+) -> None:
+    simulator.set_reply("aps_get_new_cookie_id", identifier)
+    result = module.new_cookie_id()
+    assert (type(result), result) == (int, identifier)
+    assert texts(simulator) == [("aps_get_new_cookie_id", None)]
+
+
+def test_new_cookie_id_asks_the_host_each_time(simulator: Simulator, module: ModuleType) -> None:
+    identifiers = iter([3, 1, 2])
+    simulator.set_reply("aps_get_new_cookie_id", lambda: next(identifiers))
+    assert [module.new_cookie_id() for _ in range(3)] == [3, 1, 2]
+
+
+# aps_unsigned_int_hash
+
+
+@pytest.mark.parametrize("value", [0, 2**31, 4294967295, GREATEST])
+def test_hash_is_the_native_value_unsigned(
+    simulator: Simulator, module: ModuleType, value: int
+) -> None:
+    simulator.set_reply("__get_aps_hash", value)
+    result = module.aps_unsigned_int_hash(b"serial")
+    assert (type(result), result) == (int, value)
+
+
+@pytest.mark.parametrize(
+    "characters, hashed",
+    [
+        (b"", b""),
+        (b"abc", b"abc"),
+        (bytes(range(1, 256)), bytes(range(1, 256))),
+        (b"ab\0cd", b"ab"),
+        (b"\0ab", b""),
+    ],
+)
+def test_hash_covers_the_bytes_up_to_the_first_nul(
+    simulator: Simulator, module: ModuleType, characters: bytes, hashed: bytes
+) -> None:
+    simulator.set_reply("__get_aps_hash", lambda text: len(text) + 1000)
+    assert module.aps_unsigned_int_hash(characters) == len(hashed) + 1000
+    assert texts(simulator) == [("__get_aps_hash", hashed)]
+
+
+def test_hash_of_none_is_refused(simulator: Simulator, module: ModuleType) -> None:
+    refused = failure(TypeError, module.aps_unsigned_int_hash, None)
+    assert str(refused) == "expected bytes, NoneType found"
+    assert entry(refused, "aps_unsigned_int_hash").line
+    assert simulator.call_log == []
+
+
+@pytest.mark.parametrize("characters", NOT_EXACTLY_BYTES)
+def test_hash_of_anything_but_bytes_is_refused(
+    simulator: Simulator, module: ModuleType, characters: object
+) -> None:
+    refused = failure(TypeError, module.aps_unsigned_int_hash, characters)
+    assert str(refused) == wrong_type("characters", "bytes", characters)
+    found = entry(refused, "aps_unsigned_int_hash")
+    assert found.line == found.first_line
+    assert simulator.call_log == []
+
+
+# get_cookie_name
+
+
+@pytest.mark.parametrize(
+    "https, name",
+    [
+        (True, "APSCOOKIE_4294967295"),
+        (1, "APSCOOKIE_4294967295"),
+        ([0], "APSCOOKIE_4294967295"),
+        ("no", "APSCOOKIE_4294967295"),
+        (False, "APCOOKIE_4294967295"),
+        (0, "APCOOKIE_4294967295"),
+        (None, "APCOOKIE_4294967295"),
+        ("", "APCOOKIE_4294967295"),
+        ([], "APCOOKIE_4294967295"),
+    ],
+)
+def test_cookie_name_is_prefix_and_decimal_hash_of_the_serial_number(
+    simulator: Simulator, module: ModuleType, https: object, name: str
+) -> None:
+    simulator.serial_number = b"SN0123456789"
+    simulator.set_reply("__get_aps_hash", 4294967295)
+    for _ in range(2):
+        simulator.clear_calls()
+        result = module.get_cookie_name(https)
+        assert (type(result), result) == (str, name)
+        assert texts(simulator) == [("__get_aps_hash", b"SN0123456789")]
+
+
+def test_cookie_name_asks_the_truth_once(simulator: Simulator, module: ModuleType) -> None:
+    simulator.set_reply("__get_aps_hash", 5)
+    https = Truth(True)
+    assert module.get_cookie_name(https) == "APSCOOKIE_5"
+    assert https.asked == 1
+
+
+def test_cookie_name_passes_on_a_failing_truth_test(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    error = LookupError("no truth")
+    assert failure(LookupError, module.get_cookie_name, Truth(error)) is error
+    assert entry(error, "get_cookie_name").line
+    assert simulator.call_log == []
+
+
+class Shown:
+    """A value that notes when it is formatted."""
+
+    def __init__(self, text: str, events: list[object]) -> None:
+        self.text = text
+        self.events = events
+
+    def __format__(self, how: str) -> str:
+        self.events.append(("format", self.text, how))
+        return self.text
+
+
+@pytest.mark.parametrize("https, prefix", [(True, b"APSCOOKIE"), (False, b"APCOOKIE")])
+def test_cookie_name_calls_in_order(
+    module: ModuleType, monkeypatch: pytest.MonkeyPatch, https: bool, prefix: bytes
+) -> None:
+    events: list[object] = []
+    serial = object()
+
+    def noting(name: str, result: object) -> Any:
+        def note(*args: object, **kwargs: object) -> object:
+            events.append((name, args, kwargs))
+            return result
+
+        return note
+
+    monkeypatch.setattr(module, "text_", noting("text_", Shown("P", events)))
+    monkeypatch.setattr(module, "serial_number_ascii", noting("serial", serial))
+    monkeypatch.setattr(module, "aps_unsigned_int_hash", noting("hash", Shown("H", events)))
+    assert module.get_cookie_name(https) == "P_H"
+    assert events == [
+        ("text_", (prefix, "utf-8"), {}),
+        ("serial", (), {}),
+        ("hash", (serial,), {}),
+        ("format", "P", ""),
+        ("format", "H", ""),
+    ]
+
+
+def test_cookie_name_makes_a_fresh_prefix_each_time(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    text_ = Recorder(lambda value, encoding: value.decode(encoding))
+    monkeypatch.setattr(module, "text_", text_)
+    assert module.get_cookie_name(True) == module.get_cookie_name(True)
+    (first, _), (second, _) = text_.positional
+    assert type(first) is bytes
+    assert first == second
+    assert first is not second
+
+
+def test_cookie_name_looks_text_up_before_the_truth_test(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    before = Recorder(lambda value, encoding: "before")
+
+    class Rebinds:
+        def __bool__(self) -> bool:
+            monkeypatch.setattr(module, "text_", lambda value, encoding: "after")
+            return True
+
+    monkeypatch.setattr(module, "text_", before)
+    assert module.get_cookie_name(Rebinds()) == "before_0"
+    assert before.positional == [(b"APSCOOKIE", "utf-8")]
+
+
+def test_cookie_name_looks_hash_and_serial_up_after_the_prefix_is_text(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    def text_(value: bytes, encoding: str) -> str:
+        monkeypatch.setattr(module, "aps_unsigned_int_hash", lambda serial: ("hash of", serial))
+        monkeypatch.setattr(module, "serial_number_ascii", lambda: "serial")
+        return "prefix"
+
+    monkeypatch.setattr(module, "text_", text_)
+    assert module.get_cookie_name(True) == "prefix_('hash of', 'serial')"
+
+
+def test_cookie_name_looks_the_hash_up_before_it_asks_for_the_serial_number(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    def serial_number_ascii() -> bytes:
+        monkeypatch.setattr(module, "aps_unsigned_int_hash", lambda serial: "too late")
+        return b"SN"
+
+    simulator.set_reply("__get_aps_hash", 77)
+    monkeypatch.setattr(module, "serial_number_ascii", serial_number_ascii)
+    assert module.get_cookie_name(False) == "APCOOKIE_77"
+
+
+@pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
+def test_cookie_name_without_a_global_is_a_name_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+) -> None:
+    monkeypatch.delattr(module, name)
+    error = failure(NameError, module.get_cookie_name, True)
+    assert str(error) == f"name '{name}' is not defined"
+    assert entry(error, "get_cookie_name").line
+
+
+@pytest.mark.parametrize(
+    "missing, named",
+    [
+        (["text_", "aps_unsigned_int_hash", "serial_number_ascii"], "text_"),
+        (["aps_unsigned_int_hash", "serial_number_ascii"], "aps_unsigned_int_hash"),
+    ],
+)
+def test_cookie_name_looks_globals_up_in_order(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    missing: list[str],
+    named: str,
+) -> None:
+    for name in missing:
+        monkeypatch.delattr(module, name)
+    assert str(failure(NameError, module.get_cookie_name, 1)) == f"name '{named}' is not defined"
+
+
+@pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
+def test_cookie_name_passes_on_a_failing_call(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+) -> None:
+    error = LookupError("not now")
+    monkeypatch.setattr(module, name, raising(error))
+    assert failure(LookupError, module.get_cookie_name, True) is error
+    assert entry(error, "get_cookie_name").line
+
+
+@pytest.mark.parametrize(
+    "serial, text",
+    [
+        (None, "expected bytes, NoneType found"),
+        ("SN", "Argument 'characters' has incorrect type (expected bytes, got str)"),
+        (
+            bytearray(b"SN"),
+            "Argument 'characters' has incorrect type (expected bytes, got bytearray)",
+        ),
+    ],
+)
+def test_cookie_name_hashes_the_serial_number_through_the_checked_function(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    serial: object,
+    text: str,
+) -> None:
+    monkeypatch.setattr(module, "serial_number_ascii", lambda: serial)
+    error = failure(TypeError, module.get_cookie_name, True)
+    assert str(error) == text
+    assert entry(error, "get_cookie_name").line < 94
+    assert entry(error, "aps_unsigned_int_hash").line < entry(error, "get_cookie_name").first_line
+    assert simulator.call_log == []
+
+
+# encrypt_cookie and decrypt_cookie
+
+
+@pytest.mark.parametrize(
+    "plain, wrapped_from",
+    [(b"", b""), (b"value", b"value"), (b"\xff\x01", b"\xff\x01"), (b"val\0ue", b"val")],
+)
+def test_encrypting_wraps_the_text_up_to_its_first_nul(
+    simulator: Simulator, module: ModuleType, plain: bytes, wrapped_from: bytes
+) -> None:
+    simulator.set_reply("cookieval_wrap", lambda text: b"<" + text + b">")
+    result = module.encrypt_cookie(plain)
+    assert (type(result), result) == (bytes, b"<" + wrapped_from + b">")
+    assert texts(simulator) == [("cookieval_wrap", wrapped_from)]
+
+
+@pytest.mark.parametrize("wrapped, result", [(b"", b""), (b"x" * 5000, b"x" * 5000)])
+def test_encrypting_returns_what_the_host_wraps(
+    simulator: Simulator, module: ModuleType, wrapped: bytes, result: bytes
+) -> None:
+    simulator.set_reply("cookieval_wrap", wrapped)
+    assert module.encrypt_cookie(b"") == result
+    assert simulator.live_objects.text_buffers == 0
+
+
+@pytest.mark.parametrize(
+    "encrypted, copied, unwrapped",
+    [
+        (b"", b"", b""),
+        (b"value", b"value", b"VAL"),
+        (b"value", b"value", b""),
+        (b"\xff\x01", b"\xff\x01", b"\x80"),
+        (b"val\0ue", b"val", b"V"),
+    ],
+)
+def test_decrypting_unwraps_a_copy_up_to_the_first_nul(
+    simulator: Simulator, module: ModuleType, encrypted: bytes, copied: bytes, unwrapped: bytes
+) -> None:
+    simulator.set_reply("cookieval_unwrap", lambda text: unwrapped)
+    before = bytes(bytearray(encrypted))
+    result = module.decrypt_cookie(encrypted)
+    assert (type(result), result) == (bytes, unwrapped)
+    assert texts(simulator) == [("cookieval_unwrap", copied)]
+    assert encrypted == before, "the caller's bytes are not the working buffer"
+
+
+@pytest.mark.parametrize("function", ["encrypt_cookie", "decrypt_cookie"])
+def test_a_cookie_value_ends_at_its_first_nul(
+    simulator: Simulator, module: ModuleType, function: str
+) -> None:
+    simulator.set_reply("cookieval_wrap", b"ab\0cd")
+    simulator.set_reply("cookieval_unwrap", b"ab\0cd")
+    assert getattr(module, function)(b"cookie") == b"ab"
+
+
+@pytest.mark.parametrize(
+    "encrypted", [bytes(1_000_000), b"x" * 1_000_000], ids=["nothing before a NUL", "all text"]
+)
+def test_the_working_buffer_is_sized_from_the_full_length(
+    simulator: Simulator, module: ModuleType, encrypted: bytes
+) -> None:
+    simulator.set_fixed_reply("cookieval_unwrap", b"")
+    tracemalloc.start()
+    try:
+        before = tracemalloc.get_traced_memory()[0]
+        result = module.decrypt_cookie(encrypted)
+        after, peak = tracemalloc.get_traced_memory()
+    finally:
+        tracemalloc.stop()
+    assert result == b""
+    assert 1_000_001 <= peak - before < 1_010_000
+    assert after - before < 10_000
+
+
+@pytest.mark.parametrize(
+    "function, service, reply, result",
+    [
+        ("aps_unsigned_int_hash", "__get_aps_hash", 7, 7),
+        ("encrypt_cookie", "cookieval_wrap", b"w", b"w"),
+        ("check_cert_expiration", "gui_chk_cert_expiration", 0, True),
+    ],
+)
+def test_the_host_is_given_the_bytes_themselves_and_no_copy(
+    simulator: Simulator,
+    module: ModuleType,
+    function: str,
+    service: str,
+    reply: object,
+    result: object,
+) -> None:
+    simulator.set_fixed_reply(service, reply)
+    text = b"x" * 1_000_000
+    tracemalloc.start()
+    try:
+        before = tracemalloc.get_traced_memory()[0]
+        assert getattr(module, function)(text) == result
+        peak = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert simulator.fixed_reply_calls(service) == 1
+    assert peak - before < 10_000
+
+
+@pytest.mark.parametrize(
+    "function, text",
+    [
+        ("encrypt_cookie", "expected bytes, NoneType found"),
+        ("decrypt_cookie", "object of type 'NoneType' has no len()"),
+    ],
+)
+def test_none_is_refused_in_two_different_wordings(
+    simulator: Simulator, module: ModuleType, function: str, text: str
+) -> None:
+    refused = failure(TypeError, getattr(module, function), None)
+    assert str(refused) == text
+    assert entry(refused, function).line
+    assert simulator.call_log == []
+
+
+@pytest.mark.parametrize("value", NOT_EXACTLY_BYTES)
+@pytest.mark.parametrize(
+    "function, parameter", [("encrypt_cookie", "plain"), ("decrypt_cookie", "encrypted")]
+)
+def test_a_cookie_value_that_is_not_exactly_bytes_is_refused(
+    simulator: Simulator, module: ModuleType, function: str, parameter: str, value: object
+) -> None:
+    refused = failure(TypeError, getattr(module, function), value)
+    assert str(refused) == wrong_type(parameter, "bytes", value)
+    found = entry(refused, function)
+    assert found.line == found.first_line
+    assert simulator.call_log == []
+
+
+def test_a_text_too_long_for_the_copying_function_is_refused_before_anything_is_allocated(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    encrypted = bytes(2**31 - 1)  # the pages are never touched
+    tracemalloc.start()
+    try:
+        before = tracemalloc.get_traced_memory()[0]
+        refused = failure(OverflowError, module.decrypt_cookie, encrypted)
+        peak = tracemalloc.get_traced_memory()[1]
+    finally:
+        tracemalloc.stop()
+    assert peak - before < 1_000_000
+    found = entry(refused, "decrypt_cookie")
+    assert found.line >= found.first_line
+    assert simulator.call_log == []
+
+
+def test_the_longest_text_that_the_copying_function_takes_is_unwrapped(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    simulator.set_reply("cookieval_unwrap", lambda text: text)
+    assert module.decrypt_cookie(bytes(2**31 - 2)) == b""
+    assert texts(simulator) == [("cookieval_unwrap", b"")]
+
+
+def test_decrypting_uses_the_host_for_each_call(simulator: Simulator, module: ModuleType) -> None:
+    simulator.set_reply("cookieval_unwrap", lambda text: text[::-1])
+    assert [module.decrypt_cookie(text) for text in (b"abc", b"de", b"")] == [b"cba", b"ed", b""]
+    assert [call.service for call in simulator.call_log] == ["cookieval_unwrap"] * 3
+    assert all(call.context is None for call in simulator.call_log)
+
+
+# Memory that cannot be had, each case in a process of its own: the interpreter's allocators fail
+# every request from number `start` on, before number `stop`.
+
+
+def _exhausted(function: str, arguments: list[str], start: int, stop: int, logger: str) -> Any:
+    """What a call tells when memory fails: the error, the log, the native calls, what is leaked."""
+    import _testcapi
+
+    from tests.support.assertions import RecordingLogger, traceback_entries
+    from veldarin_simulator import Simulator
+
+    with Simulator(live=False) as simulator:
+        module = simulator.module
+        canned = {
+            "cookieval_wrap": b"wrapped",
+            "cookieval_unwrap": b"plain",
+            "aps_get_new_cookie_id": 4294967295,
+        }
+        for service, reply in canned.items():
+            simulator.set_fixed_reply(service, reply)
+        call = getattr(module, function)
+        values = [argument.encode() for argument in arguments]
+        log = RecordingLogger()
+        module.__dict__["_logger"] = log
+        notes = log.error
+        if logger:
+            exec(logger, {"module": module, "log": log})
+        error: Any = None
+        _testcapi.set_nomemory(start, stop)
+        try:
+            call(*values)
+        except Exception as raised:
+            error = raised
+        finally:
+            _testcapi.remove_mem_hooks()
+        return {
+            "type": type(error).__name__,
+            "own": type(error) is module.__dict__.get("CFunctionError"),
+            "arguments": [str(argument) for argument in error.args],
+            "entries": [entry.function for entry in traceback_entries(error.__traceback__)],
+            "lines": [entry.line for entry in traceback_entries(error.__traceback__)],
+            "logged": notes.calls,
+            "called": [service for service in canned if simulator.fixed_reply_calls(service)],
+            "text_buffers": simulator.live_objects.text_buffers,
+        }
+
+
+def exhausted(
+    function: str, *arguments: str, start: int = 0, stop: int = 1, logger: str = ""
+) -> dict[str, Any]:
+    """What the call tells in a fresh process whose memory fails."""
+    told: dict[str, Any] = isolated.value(
+        _exhausted, function, list(arguments), start, stop, logger
+    )
+    return told
+
+
+def test_new_cookie_id_fails_when_the_int_cannot_be_made() -> None:
+    told = exhausted("new_cookie_id")
+    assert told["type"] == "MemoryError"
+    assert told["entries"] == ["new_cookie_id"]
+    assert told["called"] == ["aps_get_new_cookie_id"]
+
+
+def test_a_wrapped_value_that_cannot_be_made_into_bytes_leaves_the_native_buffer_behind() -> None:
+    told = exhausted("encrypt_cookie", "value", start=1, stop=2)
+    assert told["type"] == "MemoryError"
+    assert told["entries"] == ["encrypt_cookie"]
+    assert told["called"] == ["cookieval_wrap"]
+    assert told["text_buffers"] == 1, "on purpose: it is freed on success only"
+    assert told["logged"] == []
+
+
+def test_an_unwrapped_value_that_cannot_be_made_into_bytes_is_a_memory_error() -> None:
+    told = exhausted("decrypt_cookie", "value", start=1, stop=2)
+    assert told["type"] == "MemoryError"
+    assert told["entries"] == ["decrypt_cookie"]
+    assert told["called"] == ["cookieval_unwrap"]
+    assert told["logged"] == []
+
+
+LONG = 400  # bytes of a cookie: enough to stand out, and still one request to the allocator
+
+
+def _left_behind(length: int, times: int, start: int, stop: int) -> int:
+    """Bytes of the interpreter's allocator that stay after so many failing decryptions."""
+    import _testcapi
+    import tracemalloc
+
+    from veldarin_simulator import Simulator
+
+    with Simulator(live=False) as simulator:
+        simulator.set_fixed_reply("cookieval_unwrap", b"plain text")
+        simulator.module._logger.disabled = True
+        decrypt = simulator.module.decrypt_cookie
+        encrypted = b"e" * length
+
+        def fail(count: int) -> None:
+            for _ in range(count):
+                _testcapi.set_nomemory(start, stop)
+                try:
+                    decrypt(encrypted)
+                except Exception as error:
+                    _testcapi.remove_mem_hooks()
+                    error.__traceback__ = None
+                else:
+                    raise AssertionError("memory did not fail")
+
+        tracemalloc.start()
+        fail(5)
+        before = tracemalloc.get_traced_memory()[0]
+        fail(times)
+        return tracemalloc.get_traced_memory()[0] - before
+
+
+def test_the_working_buffer_stays_behind_when_the_result_cannot_be_made() -> None:
+    buffers = 200 * (LONG + 1)
+    assert buffers <= isolated.value(_left_behind, LONG, 200, 1, 2) < buffers + 20_000
+
+
+def test_nothing_stays_behind_when_the_working_buffer_cannot_be_made() -> None:
+    assert isolated.value(_left_behind, LONG, 200, 0, 1) < 20_000
+
+
+LOG_TEXT = "Could not allocate memory for decreypt_cookie decrypted"
+
+
+def test_without_a_working_buffer_decrypting_logs_and_raises_the_native_failure() -> None:
+    told = exhausted("decrypt_cookie", "value")
+    assert told["type"] == "CFunctionError"
+    assert told["own"]
+    assert told["arguments"] == ["PyMem_Malloc"]
+    assert told["entries"] == ["decrypt_cookie"]
+    assert told["logged"] == [[[LOG_TEXT], {}]]
+    assert told["called"] == [], "nothing is copied or unwrapped"
+
+
+@pytest.mark.parametrize(
+    "logger, kind, text, logged",
+    [
+        ("del module._logger", "NameError", "name '_logger' is not defined", False),
+        ("del log.error", "AttributeError", None, False),
+        ("del module.CFunctionError", "NameError", "name 'CFunctionError' is not defined", True),
+        (
+            "def fails(text): raise ValueError('full')\nlog.error.answer = fails",
+            "ValueError",
+            "full",
+            True,
+        ),
+        (
+            "def fails(text): raise LookupError(text + '!')\nmodule.CFunctionError = fails",
+            "LookupError",
+            "PyMem_Malloc!",
+            True,
+        ),
+        (
+            "class Late(Exception): pass\n"
+            "log.error.answer = lambda text: setattr(module, 'CFunctionError', Late)",
+            "Late",
+            "PyMem_Malloc",
+            True,
+        ),
+    ],
+    ids=[
+        "no logger",
+        "logger without error",
+        "no exception class",
+        "failing log",
+        "failing exception class",
+        "exception class rebound while logging",
+    ],
+)
+def test_what_is_missing_when_decrypting_fails_is_told_instead(
+    logger: str, kind: str, text: str | None, logged: bool
+) -> None:
+    told = exhausted("decrypt_cookie", "value", logger=logger)
+    assert told["type"] == kind
+    if text is None:
+        text = "'RecordingLogger' object has no attribute 'error'"
+    assert told["arguments"] == [text]
+    assert told["entries"] == ["decrypt_cookie"]
+    assert told["logged"] == ([[[LOG_TEXT], {}]] if logged else [])
+
+
+def test_lines_ascend_within_decrypting_and_between_the_cookie_functions() -> None:
+    new_cookie_id = exhausted("new_cookie_id")["lines"]
+    encrypt = exhausted("encrypt_cookie", "value", start=1, stop=2)["lines"]
+    decrypt = [
+        exhausted("decrypt_cookie", "value", logger="del module._logger")["lines"],
+        exhausted("decrypt_cookie", "value")["lines"],
+        exhausted("decrypt_cookie", "value", start=1, stop=2)["lines"],
+    ]
+    lines = [*new_cookie_id, *encrypt, *(line for found in decrypt for line in found)]
+    assert len(lines) == 5
+    assert ascending(lines)

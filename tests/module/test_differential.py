@@ -1,0 +1,630 @@
+"""The native parsers against their twin in plain Python, over plausible and over hostile text.
+
+Equal means: the same value with the same types and the same order of keys, or an exception of the
+same type and text from the same statement; the same log lines; the same commands; the same
+dictionaries left behind. `TWIN_EXAMPLES` sets how many texts each test tries; with `CI` set they
+are the same in every run.
+"""
+
+from __future__ import annotations
+
+import os
+import sys
+from collections.abc import Callable, Iterable, Iterator
+from copy import deepcopy
+from functools import partial
+from types import ModuleType
+from typing import Any
+
+import pytest
+from hypothesis import HealthCheck, example, given, settings
+from hypothesis import strategies as st
+
+from tests.support import reference
+from tests.support.assertions import line, taken_apart
+from tests.support.fake_cli import CommandLine
+from veldarin_simulator import Simulator
+
+settings.register_profile(
+    "twin",
+    max_examples=int(os.environ.get("TWIN_EXAMPLES", "250")),
+    derandomize="CI" in os.environ,
+    database=None,
+    deadline=None,
+    suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow],
+)
+compared = settings.get_profile("twin")
+
+
+class Text(str):
+    """A subclass of str, which is text too."""
+
+
+# Both parsers side by side
+
+
+class Both:
+    """The command lines of the native module and of the twin, given the same and compared."""
+
+    def __init__(self, native: CommandLine, plain: CommandLine) -> None:
+        self.native = native
+        self.plain = plain
+
+    def print(self, *outputs: object) -> None:
+        """What the commands print, in the order they come; then from the beginning again."""
+        for cli in (self.native, self.plain):
+            cli.run.calls.clear()
+            cli.logger.debug.calls.clear()
+            cli.shared.clear()
+            self._let(cli, outputs)
+
+    def _let(self, cli: CommandLine, outputs: tuple[object, ...]) -> None:
+        cli.run.answer = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
+
+    def check(self, function: str, *make: Callable[[], object]) -> Any:
+        """Calls the function of both with arguments made for each, and compares everything.
+
+        The native value, or the exception.
+        """
+        our_arguments, ours = _called(self.native, function, make)
+        their_arguments, theirs = _called(self.plain, function, make)
+        assert taken_apart(our_arguments) == taken_apart(their_arguments)
+        assert self.native.logged == self.plain.logged
+        assert self.native.commands == self.plain.commands
+        assert taken_apart(self.native.shared) == taken_apart(self.plain.shared)
+        if isinstance(ours, Exception) and isinstance(theirs, Exception):
+            assert (type(ours).__name__, str(ours)) == (type(theirs).__name__, str(theirs))
+            same_statement(function, ours, theirs)
+        else:
+            assert taken_apart(ours) == taken_apart(theirs)
+        return ours
+
+
+def _called(
+    cli: CommandLine, function: str, make: tuple[Callable[[], object], ...]
+) -> tuple[list[object], object]:
+    arguments = [made() for made in make]
+    try:
+        return arguments, getattr(cli.parser, function)(*arguments)
+    except Exception as error:
+        return arguments, error
+
+
+# (function, line in the twin) -> line in the native module
+LINES: dict[tuple[str, int], int] = {}
+
+
+def same_statement(function: str, ours: Exception, theirs: Exception) -> None:
+    """Each statement of the twin fails at one line of the native module, in the same order."""
+    traceback = theirs.__traceback__
+    while traceback is not None and traceback.tb_frame.f_code.co_name != function:
+        traceback = traceback.tb_next
+    assert traceback is not None
+    native_line = line(ours, function)
+    assert LINES.setdefault((function, traceback.tb_lineno), native_line) == native_line
+    known = sorted(item for item in LINES.items() if item[0][0] == function)
+    assert [found for _, found in known] == sorted({found for _, found in known})
+
+
+@pytest.fixture
+def both(native_cli: CommandLine) -> Iterator[Both]:
+    """Both parsers, each with a command line of its own."""
+    with pytest.MonkeyPatch.context() as patch:
+        yield Both(native_cli, CommandLine(reference, patch))
+
+
+# Characters, words, lines
+
+BLANK = [chr(code) for code in range(sys.maxunicode + 1) if chr(code).isspace()]
+INLINE_BLANK = [blank for blank in BLANK if blank != "\n"]
+NEARLY_BLANK = ["\u200b", "\u180e", "\ufeff", "\xad", "\u2060", "\0", "\x1b", "\x7f"]
+TRICKY = [
+    *["\u0130", "\u03a3", "\u03c3", "\xdf", "\u1e9e", "\u01c5", "\u0345", "\u0307", "\u2126"],
+    *["\U00010400", "\U0001e900", "\U0001f600", "\ud800", "\udfff", "\uffff"],
+]
+WIDEST = [0x7F, 0x7F, 0xFF, 0xFFFF, sys.maxunicode, sys.maxunicode]
+WIDENERS = ["", "", "", "\xe9", "\u0101", "\U0001f600"]
+
+any_character = st.characters(exclude_categories=())
+WORDS = [
+    *["a", "B", "10.0.0.2", "fe80::1", "port1", "port2", "02:00:00:aa:bb:cc", "0", "*", "via"],
+    *["packets", "52 packets", "peer", "Address", "Routing", "--More--", "{}", "%s", "\\", "'"],
+    *["", ":", "::", "x:y", "a,b", "_", "\u0130stanbul", "\u039f\u03a3", "\xc9t\xe9", "\u20ac"],
+    *TRICKY,
+    *NEARLY_BLANK,
+]
+GAPS = [*[" "] * 60, *["\t"] * 8, *["  "] * 8, "", "", *INLINE_BLANK, "\r ", " \x1c\u2028"]
+SPACED = [word + GAPS[(7 * number) % len(GAPS)] for number, word in enumerate(WORDS * 12)]
+
+words = st.sampled_from(WORDS)
+gaps = st.sampled_from(["", "", "  ", "\t", "    ", *INLINE_BLANK])
+ends = st.sampled_from(["", "", "", "\r", " ", "\t", " --More-- ", "\r\r"])
+
+
+def spaced(least: int, most: int) -> st.SearchStrategy[str]:
+    """Words, each with a gap behind it."""
+    return st.lists(st.sampled_from(SPACED), min_size=least, max_size=most).map("".join)
+
+
+def rows(least: int = 0, most: int = 7) -> st.SearchStrategy[str]:
+    """Words with gaps around and between them."""
+    return st.builds("{}{}{}".format, gaps, spaced(least, most), ends)
+
+
+def fields(least: int = 1, most: int = 6) -> st.SearchStrategy[str]:
+    """Words in gaps with commas between them."""
+    return st.lists(spaced(0, 4), min_size=least, max_size=most).map(",".join)
+
+
+blank_lines = st.text(st.sampled_from(INLINE_BLANK), max_size=3)
+
+
+@st.composite
+def outputs(draw: st.DrawFn, lines: st.SearchStrategy[Iterable[str]]) -> str:
+    """Lines as one text: ASCII, or stored in one, two or four bytes a character, with or without
+    need; `str` or its subclass."""
+    text = "\n".join(draw(lines))
+    widest = draw(st.sampled_from(WIDEST))
+    text = "".join(each if ord(each) <= widest else "x "[each.isspace()] for each in text)
+    widener = draw(st.sampled_from(WIDENERS))
+    if widener:
+        at = draw(st.integers(0, len(text)))
+        text = text[:at] + widener + text[at:]
+    return Text(text) if draw(st.integers(0, 9)) == 0 else text
+
+
+def hostile(openings: list[str], pieces: list[str]) -> st.SearchStrategy[str]:
+    """Any text, in which what the parser looks for is as likely as anything else."""
+    piece = st.one_of(
+        st.sampled_from(pieces),
+        st.sampled_from([*pieces, "\n", "\n", "\r", "\t", " ", ":", ","]),
+        st.sampled_from(BLANK),
+        st.sampled_from(TRICKY + NEARLY_BLANK),
+        any_character,
+    )
+    return outputs(st.tuples(st.sampled_from(openings), st.lists(piece, max_size=60).map("".join)))
+
+
+def encode(text: str) -> bytes:
+    """As the host prints it, lone surrogates included."""
+    return str(text).encode("utf-8", "surrogatepass")
+
+
+# ARP
+
+
+arp_lines = st.one_of(
+    rows(4, 6),
+    rows(4, 6),
+    rows(),
+    blank_lines,
+    st.sampled_from(["Address Age Mac Interface", "--More--", "prompt # "]),
+)
+
+
+@st.composite
+def arp_outputs(draw: st.DrawFn) -> list[str]:
+    """A table with some lines before it."""
+    before = draw(st.lists(rows(), max_size=2))
+    header = draw(gaps) + draw(st.sampled_from(["Address Age", "Address", "Addresses", "address"]))
+    good = draw(st.booleans())
+    return [*before, header, *draw(st.lists(rows(4, 6) if good else arp_lines, max_size=8))]
+
+
+@compared
+@given(outputs(arp_outputs()))
+@example("")
+@example("Address")
+def test_arp_tables(both: Both, text: str) -> None:
+    both.print(text)
+    both.check("get_system_arp_result")
+
+
+@compared
+@given(hostile(["", "Address", "Address"], ["Address", "\n", "a b c d", "Addr", "\na b c d e\n"]))
+def test_arp_of_hostile_text(both: Both, text: str) -> None:
+    both.print(text)
+    both.check("get_system_arp_result")
+
+
+# Routing
+
+
+@st.composite
+def routing_outputs(draw: st.DrawFn) -> list[str]:
+    """A header block, whole or with something missing, and next hops."""
+    good = draw(st.booleans())
+    header = draw(gaps) + "Routing" + draw(st.sampled_from([" ", " ", "\u2003", "-"]))
+    header += draw(rows(3, 5) if good else rows(1, 5))
+    info = draw(st.lists(spaced(2, 4), min_size=4, max_size=6).map(",".join) if good else fields())
+    update = draw(rows(3, 5) if good else rows(2, 5))
+    lines = [*draw(st.lists(rows(), max_size=2)), header, info, update]
+    if not good and draw(st.booleans()):
+        return lines[: draw(st.integers(0, len(lines)))]
+    hop = st.builds("{},{}".format, rows(1, 3), spaced(1, 3))
+    hops = st.one_of(hop, hop, blank_lines)
+    if draw(st.booleans()):
+        hops = st.one_of(hops, fields())
+    return [*lines, *draw(st.lists(hops, max_size=6))]
+
+
+addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", Text("x"), True]))
+
+
+@compared
+@given(outputs(routing_outputs()), addresses)
+@example("", None)
+@example("Routing a b c\n,b c,d e,f\na b c", "a")
+def test_routing_entries(both: Both, text: str, address: object) -> None:
+    both.print(text)
+    both.check("get_routing_table_result", lambda: address)
+
+
+@compared
+@given(
+    hostile(
+        [
+            "",
+            "Routing a b c",
+            "Routing a b c\na,b c,d e,f",
+            *["Routing a b c\na,b c,d e,f\na b c"] * 2,
+        ],
+        ["Routing", "a,b c,d e,f\n", "a b c\n", "x y,z w", "\nx,y\n", "Rout", "\r\n", "\n"],
+    )
+)
+def test_routing_of_hostile_text(both: Both, text: str) -> None:
+    both.print(text)
+    both.check("get_routing_table_result", lambda: "a")
+
+
+# BFD
+
+
+pairs = st.builds("{}{}{}:{}{}{}".format, gaps, words, gaps, gaps, words, ends)
+bfd_words = st.sampled_from(["peer", "peer ", "10.0.0.2", "interface", "port1", "", " "])
+bfd_headers = st.one_of(
+    st.builds("{}peer {} is {}{}".format, gaps, words, words, ends),
+    st.builds("{}peer 10.0.0.2 interface port{}{}".format, gaps, st.integers(1, 2), ends),
+    st.lists(st.one_of(bfd_words, words), max_size=5).map(" ".join),
+)
+bfd_timers = st.builds(
+    lambda *parts: "\n".join([parts[0] + parts[1] + parts[2], *parts[3]]),
+    gaps,
+    st.sampled_from(["Local timers", "Remote timers", "local timers"]),
+    ends,
+    st.one_of(st.lists(pairs, min_size=3, max_size=4), st.lists(pairs, max_size=4)),
+)
+bfd_keys = st.sampled_from(["Local Diag", "Zebra Notifications", "Packets received", "Up Time"])
+bfd_fields = st.builds("{}{}: {}{}".format, gaps, bfd_keys, words, ends)
+bfd_lines = st.one_of(
+    bfd_headers,
+    bfd_timers,
+    bfd_timers,
+    pairs,
+    bfd_fields,
+    rows(),
+    blank_lines,
+    st.sampled_from(["objname", "peer", "Local timers", "Remote timers", ":"]),
+)
+
+
+@st.composite
+def bfd_outputs(draw: st.DrawFn) -> list[str]:
+    """An echo, mostly a header, then anything that may stand in a session."""
+    lines = [draw(rows())]
+    if draw(st.integers(0, 4)):
+        lines.append(draw(bfd_headers))
+    return [*lines, *draw(st.lists(bfd_lines, max_size=10))]
+
+
+def _known() -> dict[str, object]:
+    return {"10.0.0.2_port1": {"local_diag": "old", "z": "old"}, "a_b": None}
+
+
+list_bfds = st.sampled_from(
+    [dict, dict, _known, _known, list, tuple, str, set, lambda: None, lambda: 5]
+)
+
+
+@compared
+@given(outputs(bfd_outputs()), list_bfds)
+def test_bfd_sessions(both: Both, text: str, list_bfd: Callable[[], object]) -> None:
+    both.print(text)
+    both.check("get_bfd_neighbor", lambda: "command", list_bfd)
+
+
+@compared
+@given(st.lists(outputs(bfd_outputs()), min_size=1, max_size=4))
+def test_bfd_sessions_in_the_shared_dictionary(both: Both, texts: list[str]) -> None:
+    both.print(*texts)
+    for _ in texts:
+        both.check("get_bfd_neighbor", lambda: "command")
+
+
+@compared
+@given(
+    hostile(
+        ["peer", "peer", "echo\npeer a b c", "echo\npeer a b c\nLocal timers"],
+        [
+            *["peer ", "peer", "peer a b c\n", "objname", "Local timers", "\nRemote timers\n"],
+            *["a:1\n", "\nk: v packets\n", "packets", "timers", "p\teer ", "a:b\nc:d\ne:f\n"],
+        ],
+    )
+)
+@example("peer")
+@example("peer\nobjname")
+@example("peer\npeer \n\n")
+def test_bfd_of_hostile_text(both: Both, text: str) -> None:
+    both.print(text)
+    both.check("get_bfd_neighbor", lambda: "command", dict)
+
+
+@compared
+@given(st.lists(outputs(bfd_outputs()), min_size=1, max_size=6))
+def test_bfd_listings(both: Both, texts: list[str]) -> None:
+    both.print(*texts)
+    both.check("list_bfd_neighbor")
+
+
+entries = st.fixed_dictionaries(
+    {},
+    optional={
+        "neighbor_ip": st.one_of(words, words, st.just(5)),
+        "interface": st.one_of(words, words, st.none()),
+        "zebra_notifications": words,
+    },
+)
+whole_entries = st.fixed_dictionaries(
+    {"neighbor_ip": words, "interface": words}, optional={"zebra_notifications": words}
+)
+neighbor_answers: st.SearchStrategy[Any] = st.one_of(
+    st.dictionaries(st.sampled_from(["k", "l", "m"]), whole_entries, max_size=3),
+    st.dictionaries(st.sampled_from(["k", "l", "m"]), st.one_of(entries, whole_entries)),
+    st.sampled_from([None, 5, [], [("k", {})], {5: {}}, {"k": None}, {"k": "text"}, "ab", ()]),
+    st.sampled_from([ValueError("told"), KeyError("k"), Exception()]),
+)
+
+
+@compared
+@given(st.lists(neighbor_answers, min_size=2, max_size=8))
+def test_bfd_listings_of_any_sessions(both: Both, answers: list[Any]) -> None:
+    both.print("")
+    for cli in (both.native, both.plain):
+        calls: list[object] = []
+        cli.rebind("get_bfd_neighbor", _answering(calls, answers))
+    both.check("list_bfd_neighbor")
+
+
+def _answering(calls: list[object], answers: list[Any]) -> Callable[..., object]:
+    def get_bfd_neighbor(*args: Any) -> object:
+        calls.append(args)
+        answer = answers[min(len(calls), len(answers)) - 1]
+        if isinstance(answer, BaseException):
+            raise answer
+        return answer
+
+    return get_bfd_neighbor
+
+
+# Values that are no text
+
+
+@compared
+@given(
+    st.recursive(
+        st.one_of(st.none(), st.integers(), st.booleans(), st.sampled_from(["peer", "objname"])),
+        lambda inner: st.one_of(
+            st.lists(inner, max_size=3),
+            st.lists(inner, max_size=3).map(tuple),
+            st.dictionaries(st.sampled_from(["peer", "objname", "x"]), inner),
+        ),
+    ).filter(lambda value: not isinstance(value, str))
+)
+@example(bytearray(b"peer"))
+@example({"peer", "objname"})
+def test_values_that_are_no_text(both: Both, value: object) -> None:
+    for function, *arguments in (
+        ("get_system_arp_result",),
+        ("get_routing_table_result", "a"),
+        ("get_bfd_neighbor", "command"),
+        ("list_bfd_neighbor",),
+    ):
+        both.print(value)
+        both.check(function, *(partial(deepcopy, made) for made in arguments))
+
+
+# Every character, in each storage width that can hold it
+
+BLANKS_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x3100)]]
+BLANKS_AND_OTHERS += [chr(code) for code in range(0x3100, sys.maxunicode, 251)]
+CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
+
+
+@pytest.mark.parametrize("widest", [0x7F, 0xFF, 0xFFFF, sys.maxunicode])
+@pytest.mark.parametrize(
+    "function, arguments, before, template, tried, size",
+    [
+        (
+            "get_system_arp_result",
+            [],
+            ["Address"],
+            "?a?b c d?e f g?",
+            BLANKS_AND_OTHERS,
+            len,
+        ),
+        (
+            "get_routing_table_result",
+            ["a"],
+            ["Routing a b c", "a,b c,d e,f", "a b c"],
+            "?a?b?,?c?d? e,",
+            [each for each in BLANKS_AND_OTHERS if each != ","],
+            lambda entry: len(entry["table"]),
+        ),
+        (
+            "get_bfd_neighbor",
+            ["command", {}],
+            ["echo", "peer a b c"],
+            "?A?\u03a3?:?A?\u03a3?",
+            CASED_AND_OTHERS,
+            lambda sessions: 2 * len(sessions["a_c"]),  # many keys differ in case only
+        ),
+    ],
+    ids=["arp", "routing", "bfd"],
+)
+def test_every_character_around_and_within_words(
+    both: Both,
+    function: str,
+    arguments: list[Any],
+    before: list[str],
+    template: str,
+    tried: list[str],
+    size: Callable[[Any], int],
+    widest: int,
+) -> None:
+    template = "".join(each for each in template if ord(each) <= widest)
+    lines = [template.replace("?", each) for each in tried if ord(each) <= widest]
+    both.print("\n".join([*before, *lines, template.replace("?", chr(widest))]))
+    result = both.check(function, *(partial(deepcopy, made) for made in arguments))
+    assert size(result) > len(lines)
+
+
+# Words of every length, alike at both ends
+
+LENGTHS = [*range(1, 140), 255, 256, 257, 5000]
+
+
+def alike(length: int, variety: int) -> str:
+    """A word that differs from others of its length in the middle only; of variety 4, a word that
+    is the beginning of all longer ones."""
+    word = ["Ab9."[at % 4] for at in range(length)]
+    if variety < 4:
+        word[length // 2] = "abcZ"[variety]
+    return "".join(word)
+
+
+@pytest.mark.parametrize("stored_with", ["", "\xe9", "\u0101", "\U0001f600"])
+@pytest.mark.parametrize(
+    "function, arguments, before, template",
+    [
+        ("get_system_arp_result", [], ["Address"], "1? 2? ? ? ?"),
+        (
+            "get_routing_table_result",
+            ["a"],
+            ["Routing a b c", "a,b c,d e,f", "a b c"],
+            "? 1?,? 2?\n?,?",
+        ),
+        (
+            "get_bfd_neighbor",
+            ["command", {}],
+            ["echo", "peer a b c"],
+            "? ?: packets? ?packets packets",
+        ),
+    ],
+    ids=["arp", "routing", "bfd"],
+)
+def test_words_of_every_length_alike_at_both_ends(
+    both: Both,
+    function: str,
+    arguments: list[Any],
+    before: list[str],
+    template: str,
+    stored_with: str,
+) -> None:
+    words = [alike(length, variety) for length in LENGTHS for variety in (0, 1, 2, 3, 0, 4)]
+    words += [alike(length, 4) for length in reversed(LENGTHS)]
+    lines = [template.replace("?", word) for word in words]
+    both.print("\n".join([*before, *lines, template.replace("?", stored_with or "x")]))
+    result = both.check(function, *(partial(deepcopy, made) for made in arguments))
+    assert max(map(len, strings(result))) >= 5000
+
+
+def strings(value: Any) -> Iterator[str]:
+    """All texts in a value."""
+    if isinstance(value, str):
+        yield value
+    elif isinstance(value, dict):
+        yield from strings(list(value.items()))
+    else:
+        for each in value:
+            yield from strings(each)
+
+
+# The command runner, and the whole way through the host
+
+
+@compared
+@given(
+    st.one_of(
+        st.none(),
+        st.binary(max_size=40),
+        hostile([""], ["--More--", "--More", "More--", "--"]).map(encode),
+    ),
+    st.one_of(st.text(any_character, max_size=200), addresses),
+)
+@example(b"--More----More--", "x" * 130)
+def test_the_command_runner(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    output: bytes | None,
+    command: object,
+) -> None:
+    simulator.clear_calls()
+    simulator.set_reply("get_cli_cmd_output", output)
+    commands: list[bytes] = []
+
+    def run(given_command: bytes) -> bytes | None:
+        commands.append(given_command)
+        return output
+
+    monkeypatch.setattr(reference, "run", run)
+    outcomes = []
+    for parser in (module, reference):
+        try:
+            outcomes.append(taken_apart(parser.get_cli_command_output(command)))
+        except Exception as error:
+            outcomes.append((type(error).__name__, str(error)))
+    assert outcomes[0] == outcomes[1]
+    assert [call.text for call in simulator.call_log] == commands
+    assert simulator.live_objects.text_buffers == 0
+
+
+@compared
+@given(
+    st.lists(
+        st.one_of(
+            outputs(arp_outputs()), outputs(routing_outputs()), outputs(bfd_outputs()), st.none()
+        ),
+        min_size=1,
+        max_size=4,
+    )
+)
+def test_the_whole_way_through_the_host(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    texts: list[str | None],
+) -> None:
+    encoded = [None if text is None else encode(text) for text in texts]
+    outcomes: dict[object, list[object]] = {module: [], reference: []}
+    for parser in (module, reference):
+        commands: list[bytes] = []
+
+        def run(command: bytes, commands: list[bytes] = commands) -> Any:
+            commands.append(command)
+            return encoded[(len(commands) - 1) % len(encoded)]
+
+        simulator.set_reply("get_cli_cmd_output", run)
+        monkeypatch.setattr(reference, "run", run)
+        calls: list[tuple[str, tuple[object, ...]]] = [
+            ("get_system_arp_result", ()),
+            ("get_routing_table_result", ("192.0.2.7",)),
+            ("get_bfd_neighbor", ("command", {})),
+        ]
+        for function, arguments in calls:
+            try:
+                outcomes[parser].append(taken_apart(getattr(parser, function)(*arguments)))
+            except Exception as error:
+                outcomes[parser].append((type(error).__name__, str(error)))
+        outcomes[parser].append(commands)
+    assert outcomes[module] == outcomes[reference]

@@ -1,0 +1,727 @@
+"""The preference cookie's secret: the file, every step in order, and `with` as the interpreter's
+own statement does it."""
+
+from __future__ import annotations
+
+import builtins
+import functools
+import io
+import sys
+from pathlib import Path
+from types import ModuleType, TracebackType
+from typing import Any, Callable
+
+import pytest
+
+from tests.support.assertions import (
+    Entry,
+    Recorder,
+    Truth,
+    ascending,
+    entry,
+    failure,
+    line,
+    raising,
+    traceback_entries,
+)
+from veldarin_simulator import Simulator
+
+HEX = set("0123456789abcdef")
+
+
+@pytest.fixture
+def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
+    """Where the host wants the secret; there is no file yet."""
+    simulator.secret_path = tmp_path / "secret"
+    return simulator.secret_path
+
+
+# The file itself
+
+
+def test_the_first_call_writes_64_hexadecimal_characters_and_returns_them(
+    module: ModuleType, secret_file: Path
+) -> None:
+    secret = module.get_token()
+    assert type(secret) is str
+    assert len(secret) == 64
+    assert set(secret) <= HEX
+    assert secret_file.read_bytes() == secret.encode("ascii")
+
+
+def test_the_second_call_returns_the_same_and_leaves_the_file_alone(
+    module: ModuleType, secret_file: Path
+) -> None:
+    secret = module.get_token()
+    before = secret_file.stat()
+    assert module.get_token() == secret
+    after = secret_file.stat()
+    assert secret_file.read_text() == secret
+    assert (after.st_mtime_ns, after.st_ino) == (before.st_mtime_ns, before.st_ino)
+
+
+def test_a_removed_file_means_a_new_secret(module: ModuleType, secret_file: Path) -> None:
+    secret = module.get_token()
+    secret_file.unlink()
+    assert module.get_token() != secret
+
+
+@pytest.mark.parametrize(
+    "content, secret",
+    [
+        (b"  abc  \nsecond line\n", "abc"),
+        (b"\n", ""),
+        (b"", ""),
+        (b"\nsecond line", ""),
+        (b"\t placed by hand \r\nsecond", "placed by hand"),
+        (b"short", "short"),
+        (b"\x0b\x1c x y \x1f\n", "x y"),
+        (b"one\rtwo", "one"),
+        ("\u2003\u00e9\u00a0\n".encode(), "\u00e9"),
+    ],
+)
+def test_the_secret_is_the_first_line_without_surrounding_whitespace(
+    module: ModuleType, secret_file: Path, content: bytes, secret: str
+) -> None:
+    secret_file.write_bytes(content)
+    assert module.get_token() == secret
+    assert secret_file.read_bytes() == content
+
+
+def test_a_directory_at_the_path_cannot_be_opened_for_writing(
+    module: ModuleType, secret_file: Path
+) -> None:
+    secret_file.mkdir()
+    error = failure(IsADirectoryError, module.get_token)
+    assert error.filename == str(secret_file)
+    assert entry(error, "get_token").line
+
+
+def test_a_missing_directory_is_the_systems_own_error(
+    simulator: Simulator, module: ModuleType, tmp_path: Path
+) -> None:
+    simulator.secret_path = tmp_path / "missing" / "secret"
+    error = failure(FileNotFoundError, module.get_token)
+    assert entry(error, "get_token").line
+    assert not simulator.secret_path.parent.exists()
+
+
+def test_a_relative_path_is_made_absolute(
+    simulator: Simulator, module: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.chdir(tmp_path)
+    simulator.secret_path = Path("relative")
+    opened = Recorder(builtins.open)
+    monkeypatch.setattr(module, "open", opened, raising=False)
+    secret = module.get_token()
+    assert (tmp_path / "relative").read_text() == secret
+    assert opened.positional == [
+        (tmp_path / "relative", "w"),
+        (tmp_path / "relative", "r"),
+    ]
+
+
+def test_a_link_to_a_file_counts_as_a_file(
+    module: ModuleType, secret_file: Path, tmp_path: Path
+) -> None:
+    (tmp_path / "elsewhere").write_text("linked")
+    secret_file.symlink_to(tmp_path / "elsewhere")
+    assert module.get_token() == "linked"
+
+
+def test_the_path_is_text_in_the_default_encoding_of_text(
+    simulator: Simulator, module: ModuleType, tmp_path: Path
+) -> None:
+    simulator.secret_path = tmp_path / "\u00e9"
+    secret = module.get_token()
+    assert (tmp_path / "\u00c3\u00a9").read_text() == secret  # Latin-1 of two UTF-8 bytes
+    assert not simulator.secret_path.exists()
+
+
+def test_a_failure_before_writing_leaves_an_empty_file_that_later_calls_read(
+    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    error = OSError("no entropy")
+    files = []
+
+    def opening(*args: Any) -> Any:
+        files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
+        return files[-1]
+
+    with monkeypatch.context() as patch:
+        patch.setattr(module, "urandom", raising(error))
+        patch.setattr(module, "open", opening, raising=False)
+        assert failure(OSError, module.get_token) is error
+    (opened,) = files
+    assert opened.closed
+    assert secret_file.read_bytes() == b""
+    assert module.get_token() == ""
+
+
+@pytest.mark.parametrize("content", [None, b"secret"])
+def test_every_opened_file_is_closed(
+    module: ModuleType,
+    secret_file: Path,
+    monkeypatch: pytest.MonkeyPatch,
+    content: bytes | None,
+) -> None:
+    files = []
+
+    def opening(*args: Any) -> Any:
+        files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
+        return files[-1]
+
+    if content is not None:
+        secret_file.write_bytes(content)
+    monkeypatch.setattr(module, "open", opening, raising=False)
+    module.get_token()
+    assert [(file.mode, file.closed) for file in files] == (
+        [("r", True)] if content is not None else [("w", True), ("r", True)]
+    )
+
+
+# The steps, watched by stand-ins for everything that the function reaches
+
+
+class Special:
+    """A special method whose look-up on the type is an event of its own."""
+
+    def __init__(self, name: str, method: Callable[..., object]) -> None:
+        self.name = name
+        self.method = method
+
+    def __get__(self, instance: Any, owner: type) -> Callable[..., object]:
+        instance.note(f"look up {self.name}")
+        return functools.partial(self.method, instance)
+
+
+class Manager:
+    """What `open` returns: a context manager that notes what is done with it."""
+
+    def __init__(self, steps: Steps, label: str) -> None:
+        self.steps = steps
+        self.label = label
+        # A look-up on the instance would find these, and must not.
+        self.__dict__["__enter__"] = self.__dict__["__exit__"] = raising(AssertionError("instance"))
+
+    def note(self, event: str, *details: object) -> None:
+        self.steps.note(f"{self.label}: {event}", *details)
+
+    def _enter(self) -> object:
+        self.note("enter")
+        return self.steps.do(f"{self.label}: entered", Entered(self))
+
+    def _exit(self, *triple: object) -> object:
+        self.note("exit", *triple)
+        return self.steps.do(f"{self.label}: exited", False)
+
+    __enter__ = Special("__enter__", _enter)
+    __exit__ = Special("__exit__", _exit)
+
+
+class Entered:
+    """What entering the manager gives, which is not the manager."""
+
+    def __init__(self, manager: Manager) -> None:
+        self.manager = manager
+
+    def write(self, *args: object) -> object:
+        self.manager.note("write", *args)
+        return self.manager.steps.do("written", None)
+
+    def readline(self, *args: object) -> object:
+        self.manager.note("readline", *args)
+        return self.manager.steps.do("line", Line(self.manager.steps))
+
+
+class Line:
+    """The line that was read."""
+
+    def __init__(self, steps: Steps) -> None:
+        self.steps = steps
+
+    def strip(self, *args: object) -> object:
+        self.steps.note("strip", *args)
+        return self.steps.do("secret", self.steps.secret)
+
+
+class Hexadecimal:
+    """What `hexlify` returns."""
+
+    def __init__(self, steps: Steps) -> None:
+        self.steps = steps
+
+    def decode(self, *args: object) -> object:
+        self.steps.note("decode", *args)
+        return self.steps.do("decoded", "hexadecimal text")
+
+
+class FakePath:
+    """What `Path` returns."""
+
+    def __init__(self, steps: Steps) -> None:
+        self.steps = steps
+
+    def is_file(self, *args: object) -> object:
+        self.steps.note("is_file", *args)
+        return self.steps.do("is a file", False)
+
+    def absolute(self, *args: object) -> object:
+        self.steps.note("absolute", *args)
+        return self.steps.do("absolute path", "/absolute")
+
+
+class Steps:
+    """Every step that `get_token` makes, in order, and what to answer instead of the usual."""
+
+    def __init__(self) -> None:
+        self.events: list[tuple[object, ...]] = []
+        self.answers: dict[str, Callable[[], object]] = {}
+        self.secret = object()
+        self.managers: list[Manager] = []
+
+    def note(self, *event: object) -> None:
+        self.events.append(event)
+
+    def do(self, name: str, usual: object) -> object:
+        return self.answers[name]() if name in self.answers else usual
+
+    def text_(self, *args: object) -> object:
+        self.note("text_", *args)
+        return self.do("text", "path text")
+
+    def path(self, *args: object) -> object:
+        self.note("Path", *args)
+        return self.do("path", FakePath(self))
+
+    def open(self, *args: object) -> object:
+        self.note("open", *args)
+        return self.do(f"open {args[1]}", Manager(self, str(args[1])))
+
+    def urandom(self, *args: object) -> object:
+        self.note("urandom", *args)
+        return self.do("random", b"random")
+
+    def hexlify(self, *args: object) -> object:
+        self.note("hexlify", *args)
+        return self.do("hexadecimal", Hexadecimal(self))
+
+    @property
+    def names(self) -> list[object]:
+        """The events without their details."""
+        return [event[0] for event in self.events]
+
+
+@pytest.fixture
+def steps(simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Steps:
+    """The module with a recording stand-in for every name that the function looks up."""
+    watched = Steps()
+    simulator.secret_path = Path("/some/secret")
+    monkeypatch.setattr(module, "text_", watched.text_)
+    monkeypatch.setattr(module, "Path", watched.path)
+    monkeypatch.setattr(module, "open", watched.open, raising=False)
+    monkeypatch.setattr(module, "urandom", watched.urandom)
+    monkeypatch.setattr(module, "hexlify", watched.hexlify)
+    return watched
+
+
+PATH: list[tuple[object, ...]] = [
+    ("text_", b"/some/secret"),
+    ("Path", "path text"),
+    ("is_file",),
+]
+WRITE: list[tuple[object, ...]] = [
+    ("absolute",),
+    ("open", "/absolute", "w"),
+    ("w: look up __enter__",),
+    ("w: look up __exit__",),
+    ("w: enter",),
+    ("urandom", 32),
+    ("hexlify", b"random"),
+    ("decode",),
+    ("w: write", "hexadecimal text"),
+    ("w: exit", None, None, None),
+]
+READ: list[tuple[object, ...]] = [
+    ("absolute",),
+    ("open", "/absolute", "r"),
+    ("r: look up __enter__",),
+    ("r: look up __exit__",),
+    ("r: enter",),
+    ("r: readline",),
+    ("strip",),
+    ("r: exit", None, None, None),
+]
+
+
+def test_every_step_is_made_once_in_order(module: ModuleType, steps: Steps) -> None:
+    assert module.get_token() is steps.secret
+    assert steps.events == PATH + WRITE + READ
+    assert type(steps.events[0][1]) is bytes
+    assert type(steps.events[8][1]) is int
+
+
+def test_nothing_is_written_when_the_path_is_a_file(module: ModuleType, steps: Steps) -> None:
+    truth = Truth(True)
+    steps.answers["is a file"] = lambda: truth
+    assert module.get_token() is steps.secret
+    assert steps.events == PATH + READ
+    assert truth.asked == 1
+
+
+def test_any_false_answer_means_no_file(module: ModuleType, steps: Steps) -> None:
+    truth = Truth(False)
+    steps.answers["is a file"] = lambda: truth
+    assert module.get_token() is steps.secret
+    assert steps.events == PATH + WRITE + READ
+    assert truth.asked == 1
+
+
+def test_the_result_of_writing_and_of_a_clean_exit_is_not_looked_at(
+    module: ModuleType, steps: Steps
+) -> None:
+    untouchable = Truth(AssertionError("asked"))
+    for name in ("written", "w: exited", "r: exited"):
+        steps.answers[name] = lambda: untouchable
+    assert module.get_token() is steps.secret
+    assert untouchable.asked == 0
+
+
+# Names are looked up at the moment they are needed
+
+
+@pytest.mark.parametrize("name", ["text_", "Path", "urandom", "hexlify"])
+def test_a_missing_global_is_a_name_error(
+    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch, name: str
+) -> None:
+    monkeypatch.delattr(module, name)
+    error = failure(NameError, module.get_token)
+    assert str(error) == f"name '{name}' is not defined"
+    assert entry(error, "get_token").line
+
+
+def test_open_comes_from_the_builtins_at_the_time_of_the_call(
+    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.delattr(module, "open")
+    with monkeypatch.context() as patch:
+        patch.setattr(builtins, "open", steps.open)
+        secret = module.get_token()
+    assert secret is steps.secret
+    assert steps.events == PATH + WRITE + READ
+
+
+def test_the_modules_own_open_comes_before_the_builtin(
+    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    with monkeypatch.context() as patch:
+        patch.setattr(builtins, "open", raising(AssertionError("the builtin")))
+        secret = module.get_token()
+    assert secret is steps.secret
+
+
+def test_no_open_anywhere_is_a_name_error(
+    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.delattr(module, "open")
+    with monkeypatch.context() as patch:
+        patch.delattr(builtins, "open")
+        try:
+            module.get_token()
+        except NameError as caught:
+            error = caught
+    assert str(error) == "name 'open' is not defined"
+    assert entry(error, "get_token").line
+
+
+def test_open_is_looked_up_for_each_with(
+    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    first = steps.open
+
+    def only_once(*args: object) -> object:
+        monkeypatch.setattr(module, "open", second)
+        return first(*args)
+
+    second = Recorder(first)
+    monkeypatch.setattr(module, "open", only_once)
+    assert module.get_token() is steps.secret
+    assert second.positional == [("/absolute", "r")]
+
+
+# A failing step ends the call, unchanged and at its own line
+
+
+class Failed(Exception):
+    """Only the tests raise it."""
+
+
+PATH_FAILURES = ["text", "path", "is a file"]
+WRITE_FAILURES = [
+    "absolute path",
+    "open w",
+    "w: entered",
+    "random",
+    "hexadecimal",
+    "decoded",
+    "written",
+    "w: exited",
+]
+READ_FAILURES = ["open r", "r: entered", "line", "secret", "r: exited"]
+IN_A_BODY = {
+    "random": "w",
+    "hexadecimal": "w",
+    "decoded": "w",
+    "written": "w",
+    "line": "r",
+    "secret": "r",
+}
+
+
+@pytest.mark.parametrize("step", PATH_FAILURES + WRITE_FAILURES + READ_FAILURES)
+def test_a_failing_step_ends_the_call_with_its_own_exception(
+    module: ModuleType, steps: Steps, step: str
+) -> None:
+    error = Failed(step)
+    steps.answers[step] = raising(error)
+    assert failure(Failed, module.get_token) is error
+    assert error.__context__ is None
+    found = entry(error, "get_token")
+    assert found.first_line < found.line
+    exits = [event for event in steps.events if str(event[0]).endswith(": exit")]
+    if step in IN_A_BODY:
+        name, kind, value, traceback = exits[-1]
+        assert name == f"{IN_A_BODY[step]}: exit"
+        assert kind is Failed
+        assert value is error
+        assert isinstance(traceback, TracebackType)
+        assert traceback_entries(traceback) == [found]
+        exits.pop()
+    assert all(event[1:] == (None, None, None) for event in exits)
+
+
+def test_a_failing_truth_of_is_file_ends_the_call(module: ModuleType, steps: Steps) -> None:
+    error = Failed("no truth")
+    steps.answers["is a file"] = lambda: Truth(error)
+    assert failure(Failed, module.get_token) is error
+    assert steps.events == PATH
+    assert entry(error, "get_token").line
+
+
+def test_lines_ascend_with_the_statements(module: ModuleType, steps: Steps) -> None:
+    found: list[Entry] = []
+    for step in ("text", "is a file", "open w", "written", "open r", "line"):
+        error = Failed(step)
+        steps.answers = {step: raising(error)}
+        assert failure(Failed, module.get_token) is error
+        found.append(entry(error, "get_token"))
+    steps.answers = {"line": raising(Failed()), "r: exited": lambda: True}
+    found.append(entry(failure(UnboundLocalError, module.get_token), "get_token"))
+    assert ascending([found[0].first_line, *(each.line for each in found)])
+    assert found[-1].line < 94
+    assert len({each.first_line for each in found}) == 1
+
+
+@pytest.mark.parametrize(
+    "steps_of_one_statement",
+    [
+        ["text", "path"],
+        ["absolute path", "open w"],
+        ["random", "hexadecimal", "decoded", "written"],
+        ["line", "secret"],
+    ],
+)
+def test_a_statement_has_one_line(
+    module: ModuleType, steps: Steps, steps_of_one_statement: list[str]
+) -> None:
+    lines = set()
+    for step in steps_of_one_statement:
+        error = Failed(step)
+        steps.answers = {step: raising(error)}
+        failure(Failed, module.get_token)
+        lines.add(line(error, "get_token"))
+    assert len(lines) == 1
+
+
+# `with`, as the interpreter's own statement
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+@pytest.mark.parametrize("kind", [Failed, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
+def test_a_failing_body_leaves_through_exit_and_goes_on_when_exit_says_no(
+    module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
+) -> None:
+    error = kind("in the body")
+    truth = Truth(False)
+    steps.answers["written" if mode == "w" else "line"] = raising(error)
+    steps.answers[f"{mode}: exited"] = lambda: truth
+    assert failure(kind, module.get_token) is error
+    assert steps.events[-1][:3] == (f"{mode}: exit", kind, error)
+    assert truth.asked == 1
+    assert steps.names.count(f"{mode}: exit") == 1
+
+
+def test_the_exception_is_normal_when_exit_gets_it(module: ModuleType, steps: Steps) -> None:
+    class Unreadable:
+        """A line without `strip`: the exception is one that the interpreter makes."""
+
+    steps.answers["line"] = Unreadable
+    error = failure(AttributeError, module.get_token)
+    assert str(error) == "'Unreadable' object has no attribute 'strip'"
+    assert steps.events[-1][:3] == ("r: exit", AttributeError, error)
+
+
+def test_exit_sees_the_exception_as_the_one_being_handled(module: ModuleType, steps: Steps) -> None:
+    handled: list[object] = []
+    error = Failed("in the body")
+
+    def exited() -> bool:
+        handled.append(sys.exc_info()[1])
+        return False
+
+    steps.answers["line"] = raising(error)
+    steps.answers["r: exited"] = exited
+    failure(Failed, module.get_token)
+    assert handled == [error]
+    assert sys.exc_info() == (None, None, None)
+
+
+@pytest.mark.parametrize("swallowed", [False, True])
+def test_what_the_caller_handles_stays_being_handled(
+    module: ModuleType, steps: Steps, swallowed: bool
+) -> None:
+    outer, error = Failed("being handled by the caller"), LookupError("in the body")
+    steps.answers["written"] = raising(error)
+    steps.answers["w: exited"] = lambda: swallowed
+    try:
+        raise outer
+    except Failed:
+        if swallowed:
+            assert module.get_token() is steps.secret
+        else:
+            assert failure(LookupError, module.get_token) is error
+        assert sys.exc_info()[1] is outer
+
+
+def test_a_swallowed_failure_of_writing_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
+    truth = Truth(True)
+    steps.answers["written"] = raising(Failed())
+    steps.answers["w: exited"] = lambda: truth
+    assert module.get_token() is steps.secret
+    assert truth.asked == 1
+    assert steps.events[-len(READ) :] == READ
+    assert sys.exc_info() == (None, None, None)
+
+
+@pytest.mark.parametrize("step", ["line", "secret"])
+def test_a_swallowed_failure_of_reading_leaves_the_secret_unbound(
+    module: ModuleType, steps: Steps, step: str
+) -> None:
+    truth = Truth(True)
+    steps.answers[step] = raising(Failed())
+    steps.answers["r: exited"] = lambda: truth
+    error = failure(UnboundLocalError, module.get_token)
+    assert str(error) == "local variable 'secret' referenced before assignment"
+    assert error.__context__ is None
+    assert truth.asked == 1
+    assert entry(error, "get_token").line
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+def test_an_exit_that_fails_while_an_exception_passes_replaces_it_and_keeps_it_as_context(
+    module: ModuleType, steps: Steps, mode: str
+) -> None:
+    body, leaving = Failed("in the body"), LookupError("while leaving")
+    steps.answers["written" if mode == "w" else "line"] = raising(body)
+    steps.answers[f"{mode}: exited"] = raising(leaving)
+    assert failure(LookupError, module.get_token) is leaving
+    assert leaving.__context__ is body
+    assert entry(leaving, "get_token").line
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+def test_an_exit_whose_answer_has_no_truth_replaces_the_exception(
+    module: ModuleType, steps: Steps, mode: str
+) -> None:
+    body, truthless = Failed("in the body"), LookupError("no truth")
+    steps.answers["written" if mode == "w" else "line"] = raising(body)
+    steps.answers[f"{mode}: exited"] = lambda: Truth(truthless)
+    assert failure(LookupError, module.get_token) is truthless
+    assert truthless.__context__ is body
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+def test_entering_that_fails_is_not_left(module: ModuleType, steps: Steps, mode: str) -> None:
+    error = Failed("entering")
+    steps.answers[f"{mode}: entered"] = raising(error)
+    assert failure(Failed, module.get_token) is error
+    assert f"{mode}: exit" not in steps.names
+    assert steps.names[-1] == f"{mode}: enter"
+
+
+class NoEnter:
+    """Leaves, but does not enter; an instance attribute does not count."""
+
+    def __init__(self) -> None:
+        self.__enter__ = raising(AssertionError("found on the instance"))
+
+    def __exit__(self, *triple: object) -> None:
+        raise AssertionError("left without being entered")
+
+
+class NoExit:
+    """Enters, but does not leave; an instance attribute does not count."""
+
+    def __init__(self) -> None:
+        self.__exit__ = raising(AssertionError("found on the instance"))
+
+    def __enter__(self) -> None:
+        raise AssertionError("entered without a way to leave")
+
+
+class Neither:
+    """No context manager at all."""
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+@pytest.mark.parametrize(
+    "manager, missing",
+    [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")],
+)
+def test_what_is_no_context_manager_is_refused_before_it_is_entered(
+    module: ModuleType, steps: Steps, mode: str, manager: type, missing: str
+) -> None:
+    steps.answers[f"open {mode}"] = manager
+    error = failure(AttributeError, module.get_token)
+    assert str(error) == missing
+    assert entry(error, "get_token").line
+
+
+@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
+def test_a_special_method_whose_look_up_fails_ends_the_call(
+    module: ModuleType, steps: Steps, name: str
+) -> None:
+    error = Failed(name)
+
+    class Unbindable:
+        def __get__(self, instance: object, owner: type) -> object:
+            raise error
+
+    manager = type("Odd", (io.StringIO,), {name: Unbindable()})
+    steps.answers["open w"] = manager
+    assert failure(Failed, module.get_token) is error
+
+
+def test_special_methods_may_be_any_callable_on_the_type(module: ModuleType, steps: Steps) -> None:
+    """A static method, a class method, a callable object: bound as the type says."""
+    line_ = io.StringIO("first\nsecond")
+    exits = Recorder()
+
+    class Odd:
+        __enter__ = staticmethod(lambda: line_)
+        __exit__ = exits
+
+    steps.answers["is a file"] = lambda: True
+    steps.answers["open r"] = Odd
+    assert module.get_token() == "first"
+    assert exits.positional == [(None, None, None)]

@@ -1,0 +1,203 @@
+"""Module globals are read when a function runs: rebound, deleted or found among the builtins, each
+name counts as it is at that moment."""
+
+from __future__ import annotations
+
+import builtins
+from types import ModuleType
+from typing import Any, Callable, NamedTuple
+
+import pytest
+
+from tests.support.assertions import RecordingLogger, failure, traceback_entries
+from tests.support.query_cases import ROWS
+from veldarin_simulator import Simulator
+
+HEADER = (
+    "Routing entry for 192.0.2.0/24\n Known via static, distance 10, metric 0, best\n Last u 1\n"
+)
+SESSION = "echo\npeer 192.0.2.1 interface port1\n"
+BROKEN_SESSION = "echo\npeer \n"  # a header line without its fields: logged
+
+
+class Use(NamedTuple):
+    """A call, what the CLI runner answers it, and one global name that it reads on the way."""
+
+    function: str
+    arguments: tuple[Any, ...]
+    name: str
+    cli: str | None = "nothing"
+
+    def __str__(self) -> str:
+        return f"{self.function}-{self.name}"
+
+
+def uses(function: str, names: str, *arguments: Any, cli: str | None = "nothing") -> list[Use]:
+    return [Use(function, arguments, name, cli) for name in names.split()]
+
+
+BRIDGED = {row.function: row.arguments for row in ROWS}
+USES = [
+    *uses("get_cookie_name", "text_ aps_unsigned_int_hash serial_number_ascii", True),
+    *uses("get_token", "text_ Path open urandom hexlify"),
+    *(Use(function, arguments, "json") for function, arguments in BRIDGED.items()),
+    *uses("get_cli_command_output", "bytes_ text_ _CHARSET", "command"),
+    *uses("get_cli_command_output", "CFunctionError", "command", cli=None),
+    *uses("get_bfd_neighbor", "get_cli_command_output text_ _CHARSET", "command"),
+    *uses("get_bfd_neighbor", "_logger", "command", {}, cli=BROKEN_SESSION),
+    *uses("get_routing_table_result", "get_cli_command_output text_ _CHARSET", "a", cli=HEADER),
+    *uses("get_system_arp_result", "get_cli_command_output text_ _CHARSET", cli="Address\n"),
+]
+
+every_use = pytest.mark.parametrize("use", USES, ids=str)
+
+
+PARSERS = {"get_bfd_neighbor", "get_routing_table_result", "get_system_arp_result"}
+
+
+def call(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+) -> Any:
+    """The call, with the CLI's answer; nothing but the function itself reads the name."""
+    if use.function in PARSERS and use.name in {"text_", "_CHARSET"}:
+        text = str(use.cli).encode()
+        monkeypatch.setattr(module, "get_cli_command_output", lambda command: text)
+    simulator.set_reply("get_cli_cmd_output", use.cli)
+    simulator.set_reply("build_system_interface_physical", [{"interface": [{"name": "port1"}]}])
+    return getattr(module, use.function)(*use.arguments)
+
+
+@every_use
+def test_a_name_found_nowhere_is_a_name_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+) -> None:
+    home = module if hasattr(module, use.name) else builtins
+    monkeypatch.delattr(home, use.name)
+    error = failure(NameError, call, simulator, module, monkeypatch, use)
+    assert str(error) == f"name '{use.name}' is not defined"
+    (entry,) = traceback_entries(error.__traceback__)
+    assert entry.function == use.function
+    assert entry.line > entry.first_line
+
+
+class Found(Exception):
+    """Raised by whatever a test puts under a name: the name was looked up and used."""
+
+
+class Trap:
+    """An object that cannot be used in any way without `Found`."""
+
+    def __call__(self, *args: object, **kwargs: object) -> object:
+        raise Found
+
+    def __getattr__(self, name: str) -> object:
+        raise Found
+
+
+def trapped(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    use: Use,
+    holder: ModuleType,
+    how: Callable[..., None],
+) -> None:
+    """Puts a trap under the name in `holder`; the call must run into it, and not before."""
+    if use.name == "_CHARSET":  # an argument to a conversion
+        how(holder, use.name, "no such charset")
+        error: BaseException = failure(LookupError, call, simulator, module, monkeypatch, use)
+        assert str(error) == "unknown encoding: no such charset"
+    else:
+        how(holder, use.name, Trap())
+        error = failure(Found, call, simulator, module, monkeypatch, use)
+    (entry,) = traceback_entries(error.__traceback__)
+    assert entry.function == use.function
+
+
+@every_use
+def test_a_name_rebound_in_the_module_is_what_the_next_call_uses(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+) -> None:
+    def put(holder: ModuleType, name: str, value: object) -> None:
+        monkeypatch.setattr(holder, name, value, raising=False)
+
+    trapped(simulator, module, monkeypatch, use, module, put)
+
+
+@every_use
+def test_a_name_gone_from_the_module_is_looked_for_among_the_builtins(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+) -> None:
+    monkeypatch.delattr(module, use.name, raising=False)
+
+    def put(holder: ModuleType, name: str, value: object) -> None:
+        monkeypatch.setattr(holder, name, value, raising=False)
+
+    trapped(simulator, module, monkeypatch, use, builtins, put)
+
+
+@every_use
+def test_the_modules_own_name_comes_before_the_builtins(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+) -> None:
+    held = getattr(module, use.name, None) or getattr(builtins, use.name)
+    monkeypatch.setattr(module, use.name, held, raising=False)
+    monkeypatch.setattr(builtins, use.name, Trap(), raising=False)
+    if use.name == "CFunctionError":
+        failure(module.CFunctionError, call, simulator, module, monkeypatch, use)
+    else:
+        call(simulator, module, monkeypatch, use)
+
+
+# The BFD listing catches what its statements raise, and logs it.
+
+
+@pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
+def test_a_name_that_the_bfd_listing_misses_is_logged(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+) -> None:
+    logger = RecordingLogger()
+    monkeypatch.setattr(module, "_logger", logger)
+    session = {"s": {"neighbor_ip": "192.0.2.1", "interface": "port1"}}
+    monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: session)
+    monkeypatch.delattr(module, name)
+    assert module.list_bfd_neighbor() == []
+    assert logger.debugged == [f"e:name '{name}' is not defined"]
+
+
+def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
+    module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    logger = RecordingLogger()
+    monkeypatch.setattr(module, "_logger", logger)
+    monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: {"s": {}})
+    monkeypatch.setattr(module, "copy", Trap())
+    assert module.list_bfd_neighbor() == []
+    assert logger.debugged == ["e:"]  # the trap's own exception has no text
+
+
+def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
+    module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(module, "get_bfd_neighbor", Trap())
+    monkeypatch.delattr(module, "_logger")
+    error = failure(NameError, module.list_bfd_neighbor)
+    assert str(error) == "name '_logger' is not defined"
+    (entry,) = traceback_entries(error.__traceback__)
+    assert entry.function == "list_bfd_neighbor"
+
+
+# Names that are no globals to the functions
+
+
+@pytest.mark.parametrize("name", ["dict", "list", "str", "bytes", "len", "range", "type", "print"])
+def test_a_builtin_of_the_same_name_in_the_module_changes_nothing(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+) -> None:
+    simulator.set_reply("get_cli_cmd_output", HEADER)
+    before = module.get_routing_table_result("a")
+    simulator.set_reply("cookieval_wrap", b"wrapped")
+    monkeypatch.setattr(module, name, Trap(), raising=False)
+    assert module.get_routing_table_result("a") == before
+    assert module.encrypt_cookie(b"plain") == b"wrapped"
+    assert module.list_switch_lg_state() is None

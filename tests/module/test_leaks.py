@@ -1,0 +1,255 @@
+"""Nothing stays behind: every function, on success and on every failure that a caller can provoke,
+is called many times while memory blocks, collectable objects, references and the appliance's own
+objects are counted."""
+
+from __future__ import annotations
+
+import ctypes
+import gc
+import sys
+from collections.abc import Iterator
+from types import ModuleType
+from typing import Callable, NamedTuple
+
+import pytest
+
+from checks.fault_injection import imports
+from tests.support import isolated
+from tests.support.call_cases import CASES, GONE, REPEATED, Case, Step
+from tests.support.function_table import FUNCTIONS
+from tests.support.query_cases import ROWS
+from tests.support.refcounts import watched
+from veldarin_simulator import Simulator
+
+WARM_UP, ROUNDS = 24, 48  # then ROUNDS calls, then twice as many
+
+
+# Counting
+
+
+class Leak(NamedTuple):
+    """What grew (or shrank) by how much in ROUNDS calls and in twice as many."""
+
+    what: str
+    once: int
+    twice: int
+
+
+def leaks(call: Callable[[], object], simulator: Simulator, objects: list[object]) -> list[Leak]:
+    """What a repeated call leaves behind or takes away, each time anew.
+
+    Other threads of the test run make objects too, at times; what a call leaves is found again.
+    """
+    found = _grown(call, simulator, objects)
+    for _ in range(3):
+        again = {leak.what for leak in _grown(call, simulator, objects)} if found else set()
+        found = [leak for leak in found if leak.what in again]
+    return found
+
+
+def _grown(call: Callable[[], object], simulator: Simulator, objects: list[object]) -> list[Leak]:
+    def counts() -> list[int]:
+        simulator.clear_calls()
+        gc.collect()
+        alive = simulator.live_objects
+        return [
+            sys.getallocatedblocks(),
+            len(gc.get_objects()),
+            alive.json_objects,
+            alive.text_buffers,
+            *map(sys.getrefcount, objects),
+        ]
+
+    def counts_after(times: int) -> list[int]:
+        for _ in range(times):
+            call()
+        return counts()
+
+    counts_after(WARM_UP)
+    before, between, after = counts(), counts_after(ROUNDS), counts_after(2 * ROUNDS)
+    names = ["memory blocks", "collectable objects", "json-c objects", "text buffers"]
+    names += [f"references to {str(item)[:60]!r}" for item in objects]
+    grown = [
+        Leak(name, second - first, third - second)
+        for name, first, second, third in zip(names, before, between, after)
+    ]
+    # What a measurement itself leaves (other tests' collector hooks) is in both and cancels out.
+    return [leak for leak in grown if abs(leak.twice - leak.once) > ROUNDS // 3]
+
+
+@pytest.fixture(scope="module", autouse=True)
+def _everything_else_set_aside() -> Iterator[None]:
+    """The collector passes over what was there before: collecting takes no time then."""
+    gc.collect()
+    gc.freeze()
+    yield
+    gc.unfreeze()
+
+
+def call_of(
+    case: Case, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> Callable[[], None]:
+    """The case as something to call, which also sees that it succeeds or fails as it says."""
+    simulator.set_reply("get_cli_cmd_output", case.cli)
+    simulator.set_reply("cookieval_wrap", b"wrapped")
+    simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
+    for row in ROWS:
+        if row.native:
+            simulator.set_reply(row.native, case.reply)
+    for name, value in case.rebound.items():
+        if value is GONE:
+            monkeypatch.delattr(module, name)
+        else:
+            monkeypatch.setattr(module, name, value, raising=False)
+    steps = [Step(case.create), Step(case.release)]
+    for step, name in zip(steps, ["on_create", "on_release"]):
+        if step.fails_at is not None:
+            setattr(simulator, name, step)
+    function = getattr(module, case.function)
+
+    def call() -> None:
+        for step in steps:
+            step.taken = 0
+        if case.before is not None:
+            case.before(simulator)
+        raised: type[BaseException] | None = None
+        try:
+            function(*case.args, **case.kwargs)
+        except BaseException as error:
+            raised = type(error)
+        assert raised is case.error
+
+    return call
+
+
+@pytest.mark.parametrize("case", REPEATED, ids=str)
+def test_nothing_stays_behind(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, case: Case
+) -> None:
+    call = call_of(case, simulator, module, monkeypatch)
+    arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.rebound.values()]
+    assert leaks(call, simulator, watched(module, arguments)) == []
+
+
+def test_every_function_is_called_in_success_and_in_failure() -> None:
+    names = {row.name for row in FUNCTIONS}
+    assert {case.function for case in CASES if case.error is None} == names
+    assert {case.function for case in CASES if case.error is not None} == names
+
+
+# The counting itself: a loss of each kind is seen.
+
+
+# Under a sanitizer the interpreter's own allocator is put aside, and its blocks are not counted.
+BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
+
+
+def test_the_counting_sees_a_block_that_stays(simulator: Simulator, module: ModuleType) -> None:
+    kept: list[object] = []
+    found = leaks(lambda: kept.append(bytes(100)), simulator, [])
+    assert [leak.what for leak in found] == BLOCKS
+
+
+def test_the_counting_sees_a_container_that_stays(simulator: Simulator, module: ModuleType) -> None:
+    kept: list[object] = []
+    found = leaks(lambda: kept.append([]), simulator, [])
+    assert [leak.what for leak in found] == [*BLOCKS, "collectable objects"]
+
+
+def test_the_counting_sees_a_reference_lost_to_a_living_object(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    argument = object()
+    increment = ctypes.pythonapi.Py_IncRef
+    increment.argtypes = [ctypes.py_object]
+    (found,) = leaks(lambda: increment(argument), simulator, [argument])
+    assert (found.once, found.twice) == (ROUNDS, 2 * ROUNDS)
+
+
+def test_the_counting_sees_a_reference_taken_from_a_living_object(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    argument = object()
+    kept = [argument] * (20 * ROUNDS)
+    (found,) = leaks(kept.pop, simulator, [argument])
+    assert (found.once, found.twice) == (-ROUNDS, -2 * ROUNDS)
+
+
+def test_the_counting_sees_a_json_object_that_stays(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    from util.json import JSONObject
+
+    kept: list[object] = []
+    found = leaks(lambda: kept.append(JSONObject({})), simulator, [])
+    assert "json-c objects" in [leak.what for leak in found]
+    kept.clear()
+
+
+def test_the_counting_is_quiet_when_nothing_stays(simulator: Simulator, module: ModuleType) -> None:
+    assert leaks(lambda: [{}, object(), "text".upper()], simulator, watched(module, [])) == []
+
+
+# The import: one that fails is forgotten and can be tried again, so it can be repeated.
+
+
+def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[object]]:
+    """What each spoilt import leaves: its label, blocks and collectable objects per attempt."""
+    import _imp
+    import gc
+    import sys
+    import warnings
+
+    from tests.support import fake_siblings
+    from tests.support.fake_siblings import Workbench, created
+    from tests.support.isolated import PRODUCT
+
+    bench = Workbench()
+    kept = len(fake_siblings._kept)
+
+    def attempt(spoils: list[str]) -> None:
+        modules = dict(sys.modules)
+        with warnings.catch_warnings():
+            bench.spoil(*spoils)
+            module = created(str(PRODUCT))
+            try:
+                _imp.exec_dynamic(module)
+            except Exception:
+                return
+            finally:
+                bench.repair()
+                del fake_siblings._kept[kept:]
+                sys.modules.clear()
+                sys.modules.update(modules)
+        raise AssertionError(f"goes through: {spoils}")
+
+    def grown(spoils: list[str], times: int) -> tuple[int, int]:
+        blocks, objects = sys.getallocatedblocks(), len(gc.get_objects())
+        for _ in range(times):
+            attempt(spoils)
+        gc.collect()
+        return sys.getallocatedblocks() - blocks, len(gc.get_objects()) - objects
+
+    gc.collect()
+    gc.freeze()
+    told: list[list[object]] = []
+    times = 24
+    for label, spoils in cases:
+        grown(spoils, times)
+        blocks, objects = grown(spoils, times)
+        told.append([label, round(blocks / times), round(objects / times)])
+    return told
+
+
+def test_nothing_stays_behind_of_an_import_that_fails() -> None:
+    spoilt = [case for case in imports.CASES if case.spoils and case.path == isolated.PRODUCT]
+    assert len(spoilt) > 60
+    found = isolated.value(repeat_failing_imports, [(case.label, case.spoils) for case in spoilt])
+    assert [row for row in found if row[1:] != [0, 0]] == []
+
+
+def test_the_counting_of_imports_sees_what_stays() -> None:
+    keep = "__import__('sys').__dict__.setdefault('kept', []).append([bytes(100)])"
+    cases = [("kept", [keep, "siblings['util.json'] = None"])]
+    blocks = 3 if BLOCKS else 0
+    assert isolated.value(repeat_failing_imports, cases) == [["kept", blocks, 1]]

@@ -1,0 +1,314 @@
+"""How the interpreter gets a module object: the entry point, the definition and the create slot.
+
+The create slot takes what it needs from the import spec, answers with the one module object once
+there is one, and serves a single interpreter per process.
+"""
+
+from __future__ import annotations
+
+from typing import Any
+
+import pytest
+
+from tests.support import isolated
+from tests.support.function_table import FUNCTIONS
+
+INTERPRETER_CHANGE = (
+    "Interpreter change detected - this module can only be loaded into one interpreter per process."
+)
+
+# attribute of the import spec -> the name that holds it in the module
+COPIED = {
+    "loader": "__loader__",
+    "origin": "__file__",
+    "parent": "__package__",
+    "submodule_search_locations": "__path__",
+}
+
+
+def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str, Any]:
+    """Creates the module from an import spec of these attributes; `raising` ones fail so."""
+    import builtins
+
+    from tests.support.fake_siblings import created_from
+    from tests.support.isolated import PRODUCT, describe
+
+    class ImportSpec:
+        def __getattr__(self, name: str) -> object:
+            if name in raising:
+                raise getattr(builtins, raising[name])(f"no {name} today")
+            if name in attributes:
+                return attributes[name]
+            raise AttributeError(name)
+
+    try:
+        module = created_from(str(PRODUCT), ImportSpec())
+    except Exception as error:
+        return {"error": describe(error)}
+    plain = (str, type(None), list)
+    return {name: held for name, held in vars(module).items() if isinstance(held, plain)}
+
+
+NAME = {"name": isolated.MODULE}
+WHOLE = {
+    **NAME,
+    "loader": "a loader",
+    "origin": "a file",
+    "parent": "a package",
+    "submodule_search_locations": ["a place"],
+}
+
+
+def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> None:
+    def call_all(calls: list[list[Any]]) -> list[str]:
+        from importlib.machinery import ModuleSpec
+
+        from tests.support.fake_siblings import created_from
+        from tests.support.isolated import MODULE, PRODUCT
+
+        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        told = []
+        for name, required in calls:
+            try:
+                told.append(f"{name} returned {getattr(module, name)(*[None] * required)!r}")
+            except Exception as error:
+                told.append(f"{type(error).__name__}: {error}")
+        return told
+
+    told = isolated.value(call_all, [[row.name, row.required] for row in FUNCTIONS])
+    assert len(told) == 30
+    assert set(told) == {f"RuntimeError: {isolated.MODULE} has not been imported"}
+
+
+def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
+    def call_entry() -> list[object]:
+        import ctypes
+        import sys
+
+        from tests.support.fake_siblings import entry_point
+        from tests.support.isolated import PRODUCT
+
+        entry = entry_point(str(PRODUCT))
+        modules = dict(sys.modules)
+        first = entry()
+        definition: object = ctypes.cast(first, ctypes.py_object).value
+        return [type(definition).__name__, entry() == first, sys.modules == modules]
+
+    assert isolated.value(call_entry) == ["moduledef", True, True]
+
+
+def test_the_module_has_its_name_and_no_docstring() -> None:
+    def names() -> list[object]:
+        from tests.support.fake_siblings import created
+        from tests.support.isolated import PRODUCT
+
+        module = created(str(PRODUCT))
+        return [module.__name__, module.__doc__]
+
+    assert isolated.value(names) == [isolated.MODULE, None]
+
+
+def test_the_module_is_named_by_the_spec() -> None:
+    assert isolated.value(create_from, {**WHOLE, "name": "another.name"}, {})["__name__"] == (
+        "another.name"
+    )
+
+
+def test_creation_copies_four_spec_attributes() -> None:
+    held = isolated.value(create_from, WHOLE, {})
+    assert {name: held.get(name) for name in COPIED.values()} == {
+        "__loader__": "a loader",
+        "__file__": "a file",
+        "__package__": "a package",
+        "__path__": ["a place"],
+    }
+
+
+@pytest.mark.parametrize("missing", COPIED)
+def test_a_missing_spec_attribute_is_skipped(missing: str) -> None:
+    given = {name: held for name, held in WHOLE.items() if name != missing}
+    held = isolated.value(create_from, given, {})
+    assert held.pop(COPIED[missing], None) is None  # what a new module holds there, or nothing
+    rest = {COPIED[name]: WHOLE[name] for name in COPIED if name != missing}
+    assert {name: held.get(name) for name in rest} == rest
+
+
+@pytest.mark.parametrize("missing", ["origin", "submodule_search_locations"])
+def test_a_skipped_attribute_leaves_no_name_behind(missing: str) -> None:
+    given = {name: held for name, held in WHOLE.items() if name != missing}
+    assert COPIED[missing] not in isolated.value(create_from, given, {})
+
+
+@pytest.mark.parametrize("attribute", ["loader", "origin", "parent"])
+def test_a_spec_attribute_that_is_none_is_copied(attribute: str) -> None:
+    held = isolated.value(create_from, {**WHOLE, attribute: None}, {})
+    assert COPIED[attribute] in held
+    assert held[COPIED[attribute]] is None
+
+
+def test_search_locations_that_are_none_are_skipped() -> None:
+    held = isolated.value(create_from, {**WHOLE, "submodule_search_locations": None}, {})
+    assert "__path__" not in held
+
+
+@pytest.mark.parametrize("attribute", COPIED)
+def test_a_getter_that_raises_attribute_error_counts_as_missing(attribute: str) -> None:
+    held = isolated.value(create_from, WHOLE, {attribute: "AttributeError"})
+    assert "error" not in held
+    assert held.get(COPIED[attribute]) is None
+
+
+@pytest.mark.parametrize("attribute", COPIED)
+@pytest.mark.parametrize("error", ["ValueError", "KeyboardInterrupt"])
+def test_a_getter_that_raises_anything_else_fails_the_creation(attribute: str, error: str) -> None:
+    outcome = isolated.run(create_from, WHOLE, {attribute: error})
+    raised = outcome.error or isolated.Error.of(outcome.value["error"])
+    assert (raised.type, raised.text) == (error, f"no {attribute} today")
+
+
+def test_every_creation_before_the_first_execution_gives_a_new_object() -> None:
+    def create_twice() -> bool:
+        from tests.support.fake_siblings import created
+        from tests.support.isolated import PRODUCT
+
+        return created(str(PRODUCT)) is created(str(PRODUCT))
+
+    assert isolated.value(create_twice) is False
+
+
+def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> None:
+    def create_again() -> list[object]:
+        import importlib
+        import sys
+
+        from tests.support.fake_siblings import created
+        from tests.support.isolated import MODULE, PRODUCT
+
+        module = importlib.import_module(MODULE)
+        before = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
+        again = created(str(PRODUCT), "another.modules_util")
+        after = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
+        changed = [name for name in after if after[name] is not before.get(name)]
+        for _ in range(20):
+            created(str(PRODUCT))
+        count = sys.getrefcount(module)
+        for _ in range(200):
+            created(str(PRODUCT))
+        return [again is module, module.__name__, changed, sys.getrefcount(module) - count]
+
+    same, name, changed, references = isolated.value(create_again)
+    assert same is True
+    assert name == isolated.MODULE
+    # The import machinery writes the import spec that it was given; nothing else changes.
+    assert set(changed) <= {"__spec__"}
+    assert references == 0
+
+
+def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
+    def read_again() -> list[str]:
+        import importlib
+
+        from tests.support.fake_siblings import created_from
+        from tests.support.isolated import MODULE, PRODUCT
+
+        importlib.import_module(MODULE)
+        read = []
+
+        class ImportSpec:
+            def __getattr__(self, name: str) -> str:
+                read.append(name)
+                return MODULE
+
+        created_from(str(PRODUCT), ImportSpec())
+        return read
+
+    assert isolated.value(read_again) == ["name"]
+
+
+def load_in_two_interpreters(in_main_first: str) -> list[Any]:
+    """Creates the module in a second interpreter after `in_main_first` happened in the main one."""
+    import _xxsubinterpreters
+    import importlib
+    import os
+    from typing import Any, cast
+
+    from tests.support.fake_siblings import Workbench, created
+    from tests.support.isolated import MODULE, PRODUCT
+
+    interpreters = cast(Any, _xxsubinterpreters)
+    done = []
+    if in_main_first == "import":
+        done.append(importlib.import_module(MODULE).__name__)
+    elif in_main_first == "failed import":
+        bench = Workbench()
+        bench.spoil("siblings['util.json'] = None")
+        try:
+            importlib.import_module(MODULE)
+        except ImportError as error:
+            done.append(str(error))
+        bench.repair()
+    else:
+        done.append(created(str(PRODUCT)).__name__)
+
+    read, write = os.pipe()
+    interpreters.run_string(
+        interpreters.create(),
+        f"""if True:
+        import os
+        from importlib.machinery import ExtensionFileLoader
+        from importlib.util import module_from_spec, spec_from_file_location
+        loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
+        found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+        try:
+            said = "created " + module_from_spec(found).__name__
+        except BaseException as error:
+            said = type(error).__name__ + ": " + str(error)
+        os.write({write}, said.encode())
+    """,
+    )
+    os.close(write)
+    done.append(os.read(read, 1000).decode())
+    return done
+
+
+@pytest.mark.parametrize(
+    ("first", "seen"),
+    [
+        ("import", isolated.MODULE),
+        ("creation", isolated.MODULE),
+        ("failed import", "import of util.json halted; None in sys.modules"),
+    ],
+)
+def test_a_second_interpreter_is_refused_whatever_became_of_the_first(
+    first: str,
+    seen: str,
+) -> None:
+    assert isolated.value(load_in_two_interpreters, first) == [
+        seen,
+        f"ImportError: {INTERPRETER_CHANGE}",
+    ]
+
+
+def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
+    def create_elsewhere_first() -> None:
+        import _xxsubinterpreters
+        from typing import Any, cast
+
+        from tests.support.fake_siblings import created
+        from tests.support.isolated import MODULE, PRODUCT
+
+        interpreters = cast(Any, _xxsubinterpreters)
+        interpreters.run_string(
+            interpreters.create(),
+            f"""if True:
+            from importlib.machinery import ExtensionFileLoader
+            from importlib.util import module_from_spec, spec_from_file_location
+            loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
+            found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+            module_from_spec(found)
+        """,
+        )
+        created(str(PRODUCT))
+
+    refused = isolated.error(create_elsewhere_first)
+    assert (refused.type, refused.text) == ("ImportError", INTERPRETER_CHANGE)

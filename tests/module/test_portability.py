@@ -1,0 +1,156 @@
+"""What depends on the processor: the size of its words, the order of their bytes, the sign of a
+character, where a word may lie in memory. The same tests hold on the workstation and on the target,
+where each of these is different."""
+
+from __future__ import annotations
+
+import ctypes
+import struct
+from types import ModuleType
+
+import pytest
+
+from tests.support.assertions import failure
+from tests.support.fake_cli import CommandLine
+from veldarin_simulator import RawJSON, Simulator
+
+POINTER = struct.calcsize("P")
+EVERY_BYTE = bytes(range(1, 256))
+# The bounds of what a signed and an unsigned word can hold, in 32 bits, as a float and in 64 bits.
+BOUNDS = [
+    *(2**31 - 1, 2**31, -(2**31), -(2**31) - 1, 2**32 - 1, 2**32),
+    *(2**53 - 1, 2**53 + 1, 2**63 - 1, -(2**63), 2**64 - 1),
+]
+
+
+# Numbers
+
+
+@pytest.mark.parametrize("number", BOUNDS)
+def test_a_counter_of_64_bits_comes_back_whole(
+    simulator: Simulator, module: ModuleType, number: int
+) -> None:
+    simulator.set_reply("build_switch_port_statistics", [{"bytes_recv": number}])
+    assert module.list_switch_port_statistics("port1") == [{"bytes_recv": number}]
+
+
+@pytest.mark.parametrize("number", BOUNDS)
+def test_a_request_carries_a_number_of_64_bits_whole(
+    simulator: Simulator, module: ModuleType, number: int
+) -> None:
+    simulator.set_reply("build_switch_acl_ingress_stats", lambda request: request["policy_id"])
+    assert module.switch_acl_ingress_counter(number) == number
+
+
+def test_a_number_beyond_64_bits_is_refused_and_nothing_is_asked(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    for number in (2**64, -(2**63) - 1):
+        failure(OverflowError, module.switch_acl_ingress_counter, number)
+    assert [call for call in simulator.call_log if call.service.startswith("build_")] == []
+
+
+@pytest.mark.parametrize("number", [0.1, -2.5e-7, 1e300, 5e-324, 2.0**53, 1 / 3])
+def test_a_fraction_comes_back_to_its_last_bit(
+    simulator: Simulator, module: ModuleType, number: float
+) -> None:
+    simulator.set_reply("build_switch_lg_state", RawJSON(repr(number)))
+    assert struct.pack(">d", module.list_switch_lg_state()) == struct.pack(">d", number)
+
+
+@pytest.mark.parametrize("sign", [1, -1])
+def test_every_bit_of_a_status_keeps_it_from_being_a_success(
+    simulator: Simulator, module: ModuleType, sign: int
+) -> None:
+    for bit in range(31):
+        simulator.set_reply("gui_chk_cert_expiration", sign * 2**bit)
+        assert module.check_cert_expiration(b"path") is False
+    simulator.set_reply("gui_chk_cert_expiration", -(2**31))
+    assert module.check_cert_expiration(b"path") is False
+
+
+def test_every_bit_of_an_unsigned_long_arrives_in_its_place(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    for bit in range(8 * ctypes.sizeof(ctypes.c_ulong)):
+        simulator.set_reply("aps_get_new_cookie_id", 2**bit)
+        simulator.set_reply("__get_aps_hash", 2**bit)
+        assert module.new_cookie_id() == 2**bit
+        assert module.aps_unsigned_int_hash(b"") == 2**bit
+
+
+def test_a_name_has_the_ten_digits_of_the_greatest_hash(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    simulator.set_reply("__get_aps_hash", 2**32 - 1)
+    assert module.get_cookie_name(True) == "APSCOOKIE_4294967295"
+
+
+# Characters, which may have a sign
+
+
+def test_every_byte_reaches_the_native_services_as_it_is(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    simulator.set_reply("cookieval_wrap", lambda text: text[::-1])
+    simulator.set_reply("cookieval_unwrap", lambda text: text[::-1])
+    assert module.encrypt_cookie(EVERY_BYTE) == EVERY_BYTE[::-1]
+    assert module.decrypt_cookie(EVERY_BYTE) == EVERY_BYTE[::-1]
+    module.aps_unsigned_int_hash(EVERY_BYTE)
+    module.check_cert_expiration(EVERY_BYTE)
+    assert [call.text for call in simulator.call_log] == [EVERY_BYTE] * 4
+
+
+def test_every_character_of_a_command_reaches_the_command_line(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    simulator.set_reply("get_cli_cmd_output", lambda command: command)
+    for first in range(1, 0x900, 40):
+        text = "".join(map(chr, range(first, first + 40)))
+        assert module.get_cli_command_output(text) == text
+    for text in ("\u20ac\uffff" * 15, "\U0001f600\U0010ffff" * 15):
+        assert module.get_cli_command_output(text) == text
+
+
+@pytest.mark.parametrize("wide", ["a", "\xe9", "\u20ac", "\U0001f600"], ids=ascii)
+def test_a_pager_prompt_is_removed_wherever_it_lies(
+    simulator: Simulator, module: ModuleType, wide: str
+) -> None:
+    for before in range(9):
+        for after in range(9):
+            simulator.set_reply("get_cli_cmd_output", f"{wide * before}--More--{wide * after}")
+            assert module.get_cli_command_output("command") == wide * (before + after)
+
+
+# Words of the processor, laid over text
+
+
+@pytest.mark.parametrize("wide", ["", "\xe9", "\u20ac", "\U0001f600"], ids=ascii)
+def test_values_that_differ_in_one_character_are_told_apart(cli: CommandLine, wide: str) -> None:
+    # Short values are looked for among those made before, by words read at any place of the text.
+    values = ["", *("x" * n for n in range(1, 70))]
+    values += ["x" * n + "y" + "x" * (size - n - 1) for size in (1, 7, 8, 9, 16, 17, 64, 65)
+               for n in range(size)]  # fmt: skip
+    rows = [f"{value}1 {value}2 {value}3 {value}4{wide}" for value in (*values, *values[::-1])]
+    cli.prints("Address", *rows)
+    assert [" ".join(row.values()) for row in cli.parser.get_system_arp_result()] == rows
+
+
+@pytest.mark.parametrize("offset", range(9))
+def test_a_text_may_begin_at_any_address(
+    simulator: Simulator, module: ModuleType, offset: int
+) -> None:
+    # The native buffer is aligned; what is found in it need not be.
+    lead = "l" * offset
+    simulator.set_reply("get_cli_cmd_output", f"{lead}\nAddress\n{lead} 192.0.2.1 0 aa:bb port1\n")
+    (row,) = module.get_system_arp_result()
+    assert [*row.values()] == [*f"{lead} 192.0.2.1 0 aa:bb port1".split(maxsplit=3)]
+
+
+# What lies where
+
+
+def test_a_json_object_is_a_head_and_two_pointers(simulator: Simulator) -> None:
+    from util.json import JSONObject
+
+    assert JSONObject.__basicsize__ == object.__basicsize__ + 2 * POINTER

@@ -1,0 +1,407 @@
+"""The routing-table parser, in the native module and in its twin: header block, next hops, and the
+line of every statement that a malformed output fails at."""
+
+from __future__ import annotations
+
+from types import ModuleType
+from typing import Any
+
+import pytest
+
+from tests.support.assertions import (
+    Recorder,
+    ascending,
+    entry,
+    failure,
+    line,
+    raising,
+    taken_apart,
+    traceback_entries,
+    wrong_type,
+)
+from tests.support.fake_cli import CommandLine
+from veldarin_simulator import Simulator
+
+FUNCTION = "get_routing_table_result"
+HEADER = "Routing entry for 192.0.2.0/24"
+INFO = "  Known via static, distance 10, metric 0, best"
+UPDATE = "  Last update 01:02:03 ago"
+
+
+class Text(str):
+    """A subclass of str."""
+
+
+class Failed(Exception):
+    """Only the tests raise it."""
+
+
+def result(cli: CommandLine, *lines: object) -> Any:
+    """The parsed output of these lines."""
+    cli.prints(*lines)
+    return cli.parser.get_routing_table_result("192.0.2.7")
+
+
+def routes(cli: CommandLine, *lines: str) -> Any:
+    """The next hops of an output with these lines after a plain header block."""
+    return result(cli, HEADER, INFO, UPDATE, *lines)["table"]
+
+
+def route(main: str, ip: str, interface: str) -> dict[str, str]:
+    """One next hop."""
+    return {"main": main, "ip": ip, "interface": interface}
+
+
+PLAIN = {
+    "entry": "192.0.2.0/24",
+    "distance": "10",
+    "metric": "0",
+    "lastUpdate": "01:02:03",
+    "other": "  Known via static,  best",
+}
+
+
+def test_a_whole_entry(cli: CommandLine) -> None:
+    parsed = result(
+        cli,
+        "get router info routing-table detail 192.0.2.7",
+        HEADER,
+        INFO,
+        UPDATE,
+        "  * 198.51.100.1, via port1",
+        "",
+        "  directly connected, port2",
+    )
+    expected = {
+        **PLAIN,
+        "table": [
+            route("*", "198.51.100.1", "port1"),
+            route("directly", "connected", "port2"),
+        ],
+    }
+    assert taken_apart(parsed) == taken_apart(expected)
+
+
+# The command
+
+
+@pytest.mark.parametrize(
+    "address, command",
+    [
+        ("192.0.2.7", "get router info routing-table detail 192.0.2.7"),
+        ("", "get router info routing-table detail "),
+        ("{}", "get router info routing-table detail {}"),
+        ("\u00e9 \U0001f600", "get router info routing-table detail \u00e9 \U0001f600"),
+        (None, "get router info routing-table detail None"),
+    ],
+)
+def test_the_address_completes_the_command(
+    cli: CommandLine, address: str | None, command: str
+) -> None:
+    output, character_set = object(), object()
+    decode = Recorder(lambda value, encoding: "\n".join([HEADER, INFO, UPDATE]))
+    cli.prints(output)
+    cli.rebind("text_", decode)
+    cli.rebind("_CHARSET", character_set)
+    assert cli.parser.get_routing_table_result(address) == {**PLAIN, "table": []}
+    assert cli.commands == [command]
+    assert type(cli.commands[0]) is str
+    assert decode.positional == [(output, character_set)]
+
+
+@pytest.mark.parametrize(
+    "address", [b"192.0.2.7", Text("192.0.2.7"), 5, ["a"], 1.5], ids=lambda a: type(a).__name__
+)
+def test_an_address_that_is_not_exactly_text_is_refused_before_any_command(
+    cli: CommandLine, address: object
+) -> None:
+    error = failure(TypeError, cli.parser.get_routing_table_result, address)
+    assert str(error) == wrong_type("ip_address", "str", address)
+    assert cli.commands == []
+
+
+# The header block
+
+
+@pytest.mark.parametrize(
+    "before",
+    [
+        [],
+        [""],
+        ["the Routing entry", " routing", "x, y, z", ":"],
+        ["get router info routing-table detail", "\r", "\t"],
+    ],
+)
+@pytest.mark.parametrize(
+    "header",
+    [
+        HEADER,
+        "  \t" + HEADER + "  ",
+        "Routing table a 192.0.2.0/24 b c d",
+        "Routing\tentry\x0bfor\u2003192.0.2.0/24",
+        "\x1c\x85\u2028Routing entry for 192.0.2.0/24\r",
+        "RoutingTable x y 192.0.2.0/24",
+    ],
+)
+def test_the_first_line_that_starts_with_routing_is_the_header(
+    cli: CommandLine, before: list[str], header: str
+) -> None:
+    assert taken_apart(result(cli, *before, header, INFO, UPDATE)) == taken_apart(
+        {**PLAIN, "table": []}
+    )
+
+
+@pytest.mark.parametrize(
+    "info, distance, metric, other",
+    [
+        ("a,b c,d e,f", "c", "e", "a, f"),
+        ("  a  ,b c,d e,  f  ", "c", "e", "  a  ,   f  "),
+        ("a, b\tc x y,d\u2003e z,f,g h,i", "c", "e", "a, f"),
+        (",b c,d e,", "c", "e", ", "),
+        ("\u00e9,b \U0001f600,d \u20ac,{}", "\U0001f600", "\u20ac", "\u00e9, {}"),
+        ("{0},b c,d e,{x}", "c", "e", "{0}, {x}"),
+        ("a\0,b c,d e,\x1c", "c", "e", "a\0, \x1c"),
+    ],
+)
+def test_distance_metric_and_other_come_from_the_fields_of_the_next_line(
+    cli: CommandLine, info: str, distance: str, metric: str, other: str
+) -> None:
+    expected = {**PLAIN, "distance": distance, "metric": metric, "other": other, "table": []}
+    assert taken_apart(result(cli, HEADER, info, UPDATE)) == taken_apart(expected)
+
+
+@pytest.mark.parametrize("update", ["a b c", "\ta\xa0b\u3000c d e", "a,b c,d c", "  a b c\r"])
+def test_the_last_update_is_the_third_word_of_the_line_after(cli: CommandLine, update: str) -> None:
+    assert result(cli, HEADER, INFO, update)["lastUpdate"] == "c"
+
+
+def test_carriage_returns_are_removed_wherever_they_are(cli: CommandLine) -> None:
+    lines = [HEADER, INFO, UPDATE, " * 198.51.100.1, via port1"]
+    expected = result(cli, *lines)
+    assert expected["other"] == PLAIN["other"]
+    assert result(cli, *(text + "\r" for text in lines)) == expected
+    assert result(cli, *("\r".join(text) for text in lines)) == expected
+
+
+# Next hops
+
+
+@pytest.mark.parametrize(
+    "line_, expected",
+    [
+        ("198.51.100.1,port1", route("", "198.51.100.1", "port1")),
+        (" 198.51.100.1 , port1 ", route("", "198.51.100.1", "port1")),
+        ("* 198.51.100.1, via port1", route("*", "198.51.100.1", "port1")),
+        ("a b c d, e f g h, i j", route("a", "b", "f")),
+        ("a\u2003b,c\x1fd", route("a", "b", "d")),
+        ("\u2028a,b\x85", route("", "a", "b")),
+        ("a,b,,", route("", "a", "b")),
+        ("Routing entry, via port1", route("Routing", "entry", "port1")),
+        ("\u00e9 \u20ac, \U0001f600", route("\u00e9", "\u20ac", "\U0001f600")),
+        ("a\0b,\0", route("", "a\0b", "\0")),
+        ("\ud800,\udfff", route("", "\ud800", "\udfff")),
+        ("\u200b,\ufeff", route("", "\u200b", "\ufeff")),
+    ],
+)
+def test_a_line_is_a_next_hop(cli: CommandLine, line_: str, expected: dict[str, str]) -> None:
+    assert taken_apart(routes(cli, line_)) == taken_apart([expected])
+
+
+@pytest.mark.parametrize(
+    "blank", ["", " ", "\t", "\r", "\x0b\x0c", "\x1c\x1d\x1e\x1f", "\xa0\u3000"]
+)
+def test_blank_lines_are_skipped_and_end_nothing(cli: CommandLine, blank: str) -> None:
+    assert routes(cli, blank, "a,b", blank, blank, "c,d", blank) == [
+        route("", "a", "b"),
+        route("", "c", "d"),
+    ]
+
+
+def test_without_next_hops_the_table_is_an_empty_list(cli: CommandLine) -> None:
+    assert routes(cli) == []
+    assert routes(cli, "") == []
+
+
+def test_a_second_header_block_is_read_as_next_hops(cli: CommandLine) -> None:
+    assert routes(cli, "Routing entry, x", INFO, "a b c, d") == [
+        route("Routing", "entry", "x"),
+        route("Known", "via", "10"),
+        route("a", "b", "d"),
+    ]
+
+
+def test_each_call_makes_new_objects(cli: CommandLine) -> None:
+    first = result(cli, HEADER, INFO, UPDATE, "a,b")
+    second = result(cli, HEADER, INFO, UPDATE, "a,b")
+    assert first == second
+    assert first is not second
+    assert first["table"] is not second["table"]
+    assert first["table"][0] is not second["table"][0]
+
+
+# Malformed output
+
+MALFORMED = [
+    # the statements in order, each with the outputs that fail at it
+    (
+        "header",
+        [[""], ["nothing"], ["routing", "x Routing", "R outing", ""], ["Rou\nting"], ["\u0131"]],
+    ),
+    (
+        "entry",
+        [["Routing"], ["Routing entry for"], ["  Routing  ", INFO, UPDATE], ["Routing a b\n c"]],
+    ),
+    ("info", [[HEADER], ["x", HEADER]]),
+    (
+        "distance",
+        [
+            [HEADER, ""],
+            [HEADER, "one field"],
+            [HEADER, "a,one,b c,d", UPDATE],
+            [HEADER, "a,,b c,d", UPDATE],
+            [HEADER, "a, \u2028x\x1f ,b c,d", UPDATE],
+        ],
+    ),
+    (
+        "metric",
+        [
+            [HEADER, "a,b c"],
+            [HEADER, "a,b c,one"],
+            [HEADER, "a,b c,,d", UPDATE],
+        ],
+    ),
+    (
+        "lastUpdate",
+        [[HEADER, INFO], [HEADER, INFO, ""], [HEADER, INFO, "a b"], [HEADER, "a,b c,d e"]],
+    ),
+    ("other", [[HEADER, "a,b c,d e", UPDATE], [HEADER, "a,b c,d e", UPDATE, "x"]]),
+    (
+        "ip",
+        [
+            [HEADER, INFO, UPDATE, ",b"],
+            [HEADER, INFO, UPDATE, ", "],
+            [HEADER, INFO, UPDATE, "\x1f,b"],
+            [HEADER, INFO, UPDATE, "a,b", "", " ,x"],
+        ],
+    ),
+    (
+        "interface field",
+        [
+            [HEADER, INFO, UPDATE, "a"],
+            [HEADER, INFO, UPDATE, "a b c"],
+            [HEADER, INFO, UPDATE, "a,b", "--More--"],
+            [HEADER, INFO, UPDATE, HEADER],
+        ],
+    ),
+    (
+        "interface",
+        [
+            [HEADER, INFO, UPDATE, "a,"],
+            [HEADER, INFO, UPDATE, "a,,b"],
+            [HEADER, INFO, UPDATE, "a b, \u2003,c"],
+        ],
+    ),
+]
+
+
+@pytest.mark.parametrize(
+    "lines",
+    [
+        pytest.param(lines, id=f"{statement}-{number}")
+        for statement, outputs in MALFORMED
+        for number, lines in enumerate(outputs)
+    ],
+)
+def test_malformed_output_is_an_index_error(cli: CommandLine, lines: list[str]) -> None:
+    error = failure(IndexError, result, cli, *lines)
+    assert str(error) == "list index out of range"
+    assert cli.logged == []
+
+
+@pytest.mark.parametrize("outputs", [o for _, o in MALFORMED], ids=[s for s, _ in MALFORMED])
+def test_the_same_statement_fails_at_the_same_line(
+    native_cli: CommandLine, outputs: list[list[str]]
+) -> None:
+    errors = [failure(IndexError, result, native_cli, *lines) for lines in outputs]
+    assert len({line(error, FUNCTION) for error in errors}) == 1
+    assert all(len(traceback_entries(error.__traceback__)) == 1 for error in errors)
+
+
+def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+    cli = native_cli
+    refused = failure(TypeError, cli.parser.get_routing_table_result, 5)
+    with cli.monkeypatch.context() as patch:
+        patch.setattr(cli.parser, "text_", raising(Failed()))
+        fetch = failure(Failed, result, cli, "")
+    split = failure(AttributeError, result, cli, None)
+    malformed = [failure(IndexError, result, cli, *outputs[0]) for _, outputs in MALFORMED]
+    lines = [line(error, FUNCTION) for error in (refused, fetch, split, *malformed)]
+    assert entry(refused, FUNCTION).first_line == lines[0]
+    assert ascending([375, *lines])
+
+
+# What is no text, and failures of the collaborators
+
+
+@pytest.mark.parametrize(
+    "value, kind, text",
+    [
+        (None, AttributeError, "'NoneType' object has no attribute 'replace'"),
+        (5, AttributeError, "'int' object has no attribute 'replace'"),
+        (["text"], AttributeError, "'list' object has no attribute 'replace'"),
+        (bytearray(b"text"), TypeError, "a bytes-like object is required, not 'str'"),
+    ],
+    ids=repr,
+)
+def test_what_is_no_text_is_the_interpreters_own_error(
+    cli: CommandLine, value: object, kind: type[Exception], text: str
+) -> None:
+    error = failure(kind, result, cli, value)
+    assert str(error) == text
+
+
+def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) -> None:
+    cli.rebind("text_", lambda value, encoding: value)
+    error = failure(TypeError, result, cli, b"Routing")
+    assert str(error) == "a bytes-like object is required, not 'str'"
+
+
+@pytest.mark.parametrize("carriage_return", ["", "\r"])
+def test_a_subclass_of_text_is_text(cli: CommandLine, carriage_return: str) -> None:
+    text = Text("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
+    parsed = result(cli, text)
+    assert taken_apart(parsed) == taken_apart({**PLAIN, "table": [route("", "a", "b")]})
+
+
+@pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
+def test_a_failing_fetch_propagates(cli: CommandLine, name: str) -> None:
+    error = Failed()
+    cli.rebind(name, raising(error))
+    assert failure(Failed, cli.parser.get_routing_table_result, "a") is error
+
+
+@pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
+def test_a_missing_global_is_a_name_error(cli: CommandLine, name: str) -> None:
+    cli.unbind(name)
+    error = failure(NameError, cli.parser.get_routing_table_result, "a")
+    assert str(error) == f"name '{name}' is not defined"
+
+
+def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -> None:
+    output = "\r\n".join(["echo", HEADER, INFO, UPDATE, "--More-- * a, via b", ""])
+    simulator.set_reply("get_cli_cmd_output", output)
+    assert module.get_routing_table_result("192.0.2.7") == {
+        **PLAIN,
+        "table": [route("*", "a", "b")],
+    }
+    assert [call.text for call in simulator.call_log] == [
+        b"get router info routing-table detail 192.0.2.7"
+    ]
+
+
+def test_the_runners_failure_shows_both_functions(simulator: Simulator, module: ModuleType) -> None:
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(module.CFunctionError, module.get_routing_table_result, "a")
+    assert error.args == ("get_cli_command_output's result is null.",)
+    names = [found.function for found in traceback_entries(error.__traceback__)]
+    assert names == [FUNCTION, "get_cli_command_output"]

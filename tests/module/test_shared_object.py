@@ -1,0 +1,198 @@
+"""The file that ships: what it needs, what it exports, what it leaves to the process it is loaded
+into, and how it is built alone."""
+
+from __future__ import annotations
+
+import fcntl
+import os
+import platform
+import re
+import struct
+import subprocess
+import sysconfig
+from pathlib import Path
+
+import pytest
+
+from tests.support import isolated
+
+BRIDGE = """
+    build_switch_acl_ingress_stats build_switch_stp_state build_switch_lg_state
+    build_switch_flapguard_status build_switch_port_statistics build_switch_lldp_state
+    build_switch_trunk_state build_switch_igmp_snooping_group build_switch_modules_summary
+    build_system_interface_physical build_system_flash_list build_system_link_monitor_status
+    build_system_sniffer_profile_summary build_start_sniffer_profile_capture
+    build_stop_sniffer_profile_capture build_pause_sniffer_profile_capture
+    build_delete_sniffer_profile_capture
+""".split()
+COOKIES = [
+    "aps_get_new_cookie_id",
+    "__get_aps_hash",
+    "cookieval_wrap",
+    "cookieval_unwrap",
+    "gui_chk_cert_expiration",
+]
+NATIVE_SERVICES = {*BRIDGE, *COOKIES, "get_cli_cmd_output"}
+JSON_C = {"json_object_to_json_string"}
+
+# Libraries that a C program needs for the C library and its threads, by the start of their names.
+C_LIBRARY = re.compile(r"(libc|libpthread)\.so\.\d+")
+# What the compiler's start files refer to, if somebody has it.
+START_FILES = {"__gmon_start__", "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable"}
+
+
+def said_by(*command: str) -> list[str]:
+    """The lines that a tool prints."""
+    done = subprocess.run(command, capture_output=True, text=True, check=True)
+    return done.stdout.splitlines()
+
+
+def needed(file: Path) -> list[str]:
+    """The libraries that the dynamic loader has to find for the file."""
+    found = [
+        re.search(r"\(NEEDED\).*\[(.*)\]", line) for line in said_by("readelf", "-d", str(file))
+    ]
+    return [match.group(1) for match in found if match]
+
+
+def symbols(file: Path, which: str) -> set[str]:
+    """Dynamic symbols of a file without their versions: "--defined-only" or "--undefined-only"."""
+    rows = [line.split() for line in said_by("nm", "-D", which, str(file))]
+    return {row[-1].partition("@")[0] for row in rows}
+
+
+def loaded(name: str) -> Path:
+    """A library's file, where this process has it."""
+    for line in Path("/proc/self/maps").read_text().splitlines():
+        path = Path(line.split(maxsplit=5)[-1])
+        if path.name.startswith(name):
+            return path
+    raise AssertionError(f"{name} is not in this process")
+
+
+def interpreter() -> Path:
+    """The file that holds the interpreter's C interface."""
+    if sysconfig.get_config_var("Py_ENABLE_SHARED"):
+        return loaded("libpython3.9")
+    return Path("/proc/self/exe").resolve()
+
+
+@pytest.fixture(scope="module")
+def alone() -> Path:
+    """The product built alone; what the command prints last."""
+    kept = {
+        name: value
+        for name, value in os.environ.items()
+        if name not in {"LD_PRELOAD", "PYTHONMALLOC", "MAKEFLAGS", "MAKELEVEL", "PRESET"}
+    }
+    with (isolated.BUILD / "module.lock").open("w") as lock:  # other test processes build it too
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        done = subprocess.run(
+            ["make", "module"],
+            cwd=isolated.ROOT,
+            env=kept,
+            capture_output=True,
+            text=True,
+            check=False,
+        )
+    assert done.returncode == 0, done.stdout + done.stderr
+    return Path(done.stdout.splitlines()[-1])
+
+
+@pytest.fixture(params=["staged", "alone"])
+def product(request: pytest.FixtureRequest) -> Path:
+    """The product's file, both ways it is built; sanitizers need libraries of their own."""
+    if request.param == "alone":
+        path: Path = request.getfixturevalue("alone")
+        return path
+    if any(name.startswith("__asan") for name in symbols(isolated.PRODUCT, "--undefined-only")):
+        pytest.skip("built with sanitizers: this file does not ship")
+    return isolated.PRODUCT
+
+
+def test_the_module_is_built_alone_and_its_path_printed_last(alone: Path) -> None:
+    assert alone.is_absolute()
+    assert alone.is_file()
+    assert alone.read_bytes()[:4] == b"\x7fELF"
+
+
+def test_the_file_is_named_for_the_interpreter_and_the_platform(product: Path) -> None:
+    assert product.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
+    assert product.name.startswith("modules_util.cpython-39-")
+
+
+# Whoever compiles it, the file fits into 64 KiB; with the compiler that it was measured with, into
+# a quarter of what Cython makes of the same functions.
+SMALL = 64 * 1024
+QUARTER = {("x86_64", "12"): 218_472 // 4}
+
+
+@pytest.mark.skipif(struct.calcsize("P") != 8, reason="the figures are a workstation's")
+def test_the_file_that_ships_is_small(alone: Path) -> None:
+    size = alone.stat().st_size
+    assert size <= SMALL
+    version = said_by("c++", "-dumpversion")[0].partition(".")[0]
+    assert size <= QUARTER.get((platform.machine(), version), SMALL)
+
+
+def test_the_file_that_ships_is_a_quarter_of_the_compiled_peers(alone: Path) -> None:
+    peers = list(isolated.BUILD.glob("benchmarks/modules_cython.*.so"))
+    if not peers:
+        pytest.skip("the compiled peer is not built: make bench")
+    assert alone.stat().st_size <= peers[0].stat().st_size / 4
+
+
+def test_only_the_c_library_is_needed(product: Path) -> None:
+    libraries = needed(product)
+    assert libraries
+    assert [name for name in libraries if not C_LIBRARY.fullmatch(name)] == []
+
+
+def test_the_entry_point_is_all_that_is_exported(product: Path) -> None:
+    assert symbols(product, "--defined-only") == {"PyInit_modules_util"}
+
+
+def test_every_undefined_symbol_is_somebodys(product: Path) -> None:
+    undefined = symbols(product, "--undefined-only")
+    of_interpreter = {
+        name for name in symbols(interpreter(), "--defined-only") if re.match("_?Py", name)
+    }
+    of_c_library = symbols(loaded("libc.so"), "--defined-only")
+    assert of_interpreter > {"PyModuleDef_Init", "_Py_NoneStruct"}  # the lists are real lists
+    assert of_c_library > {"memcpy", "strlen"}
+    somebodys = of_interpreter | of_c_library | START_FILES | JSON_C | NATIVE_SERVICES
+    assert undefined - somebodys == set()
+
+
+def test_every_native_service_is_left_to_the_process(product: Path) -> None:
+    undefined = symbols(product, "--undefined-only")
+    assert NATIVE_SERVICES - undefined == set()
+    assert JSON_C - undefined == set()
+
+
+def test_nothing_of_the_cpp_runtime_is_referred_to(product: Path) -> None:
+    undefined = symbols(product, "--undefined-only")
+    runtime = [
+        name
+        for name in undefined
+        if re.match(r"_Z|__gxx|__cxa_|_Unwind|__dynamic_cast|__tls|__atomic", name)
+        and name != "__cxa_finalize"  # the C library's own, called when a library is unloaded
+    ]
+    assert runtime == []
+
+
+def test_the_file_carries_no_search_path_of_the_machine_it_was_built_on(product: Path) -> None:
+    tags = "\n".join(said_by("readelf", "-d", str(product)))
+    assert "RPATH" not in tags
+    assert "RUNPATH" not in tags
+    assert str(isolated.ROOT).encode() not in product.read_bytes()
+
+
+def test_the_stand_in_exports_every_native_service() -> None:
+    assert NATIVE_SERVICES - symbols(isolated.BUILD / "libsimulator.so", "--defined-only") == set()
+
+
+def test_the_stage_holds_one_file_of_the_product() -> None:
+    assert [path.name for path in isolated.PRODUCT.parent.glob("modules_util*.so")] == [
+        isolated.PRODUCT.name
+    ]

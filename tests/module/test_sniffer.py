@@ -1,0 +1,149 @@
+"""Sniffer profiles: the summary, and the event that chooses which native function controls a
+capture."""
+
+from __future__ import annotations
+
+from types import ModuleType
+
+import pytest
+
+from tests.support.assertions import Recorder, entry, failure, wrong_type
+from tests.support.query_cases import crossings, natively
+from veldarin_simulator import RawJSON, Simulator
+
+EVENTS = [
+    ("Running", "build_start_sniffer_profile_capture"),
+    ("Stop", "build_stop_sniffer_profile_capture"),
+    ("Pause", "build_pause_sniffer_profile_capture"),
+    ("Delete", "build_delete_sniffer_profile_capture"),
+]
+
+
+class Text(str):
+    """A subclass, which is not exactly str."""
+
+
+def test_the_summary_is_the_hosts(simulator: Simulator, module: ModuleType) -> None:
+    reply = {"profiles": [{"name": "p1", "packets": 17}], "data": None}
+    simulator.set_reply("build_system_sniffer_profile_summary", reply)
+    assert module.get_system_sniffer_profile_summary() == reply
+    assert natively(simulator) == [("build_system_sniffer_profile_summary", {})]
+
+
+@pytest.mark.parametrize("event, native", EVENTS)
+@pytest.mark.parametrize("keywords", ["none", "event", "both"])
+def test_each_event_calls_its_native_function_and_no_other(
+    simulator: Simulator, module: ModuleType, event: str, native: str, keywords: str
+) -> None:
+    for _event, each in EVENTS:
+        simulator.set_reply(each, {"answered by": each})
+    copied = "".join(list(event))  # equal, not the same object
+    if keywords == "none":
+        result = module.capture_sniffer_profile("p1", copied)
+    elif keywords == "event":
+        result = module.capture_sniffer_profile("p1", event=copied)
+    else:
+        result = module.capture_sniffer_profile(event=copied, profile_name="p1")
+    assert result == {"answered by": native}
+    assert natively(simulator) == [(native, {"profile-name": "p1"})]
+    call = simulator.call_log[0]
+    assert (call.context, call.third) == (None, None)
+
+
+@pytest.mark.parametrize(
+    "event",
+    [
+        None,
+        "",
+        "running",
+        "RUNNING",
+        "Start",
+        "Stop ",
+        " Stop",
+        "Stopp",
+        "Sto",
+        "pause",
+        "Delete\0",
+        "Running\u0301",
+        "P\u0430use",  # a Cyrillic letter
+    ],
+    ids=repr,
+)
+def test_any_other_event_calls_nothing_and_returns_the_untouched_response(
+    simulator: Simulator, module: ModuleType, event: str | None
+) -> None:
+    assert module.capture_sniffer_profile("p1", event) is None
+    simulator.default_response = RawJSON('{"x": 1}')
+    assert module.capture_sniffer_profile("p1", event) == {"x": 1}
+    assert natively(simulator) == []
+    assert crossings(simulator)[-2:] == [
+        ("JSONObject.release", {"profile-name": "p1"}),
+        ("JSONObject.release", {"x": 1}),
+    ]
+
+
+@pytest.mark.parametrize("profile", [None, "", "p1", "caf\u00e9"])
+def test_the_profile_name_is_sent_as_given_under_the_hyphenated_key(
+    simulator: Simulator, module: ModuleType, profile: str | None
+) -> None:
+    made = Recorder()
+    simulator.on_create = made
+    module.capture_sniffer_profile(profile, "Stop")
+    request = made.positional[0][0][0]
+    assert list(request) == ["profile-name"]
+    assert request["profile-name"] is profile
+    assert natively(simulator) == [
+        ("build_stop_sniffer_profile_capture", {"profile-name": profile})
+    ]
+
+
+NOT_TEXT = [b"p1", 5, Text("Stop"), ["Stop"], True]
+
+
+@pytest.mark.parametrize("value", NOT_TEXT, ids=lambda value: type(value).__name__)
+@pytest.mark.parametrize("parameter", ["profile_name", "event"])
+@pytest.mark.parametrize("keywords", [False, True], ids=["by position", "by keyword"])
+def test_what_is_not_exactly_text_is_refused_before_any_request(
+    simulator: Simulator, module: ModuleType, parameter: str, value: object, keywords: bool
+) -> None:
+    made = Recorder()
+    simulator.on_create = made
+    given: dict[str, object] = {"profile_name": "p1", "event": "Stop", parameter: value}
+    if keywords:
+        error = failure(TypeError, module.capture_sniffer_profile, **given)
+    else:
+        error = failure(TypeError, module.capture_sniffer_profile, *given.values())
+    assert str(error) == wrong_type(parameter, "str", value)
+    found = entry(error, "capture_sniffer_profile")
+    assert found.line == found.first_line == 361
+    assert made.calls == []
+    assert simulator.call_log == []
+
+
+def test_the_profile_name_is_tested_before_the_event(module: ModuleType) -> None:
+    error = failure(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
+    assert str(error) == wrong_type("profile_name", "str", 2)
+
+
+@pytest.mark.parametrize(
+    "arguments, keywords, text",
+    [
+        ((), {}, "takes exactly 2 positional arguments (0 given)"),
+        (("p",), {}, "takes exactly 2 positional arguments (1 given)"),
+        ((1, 2, 3), {}, "takes exactly 2 positional arguments (3 given)"),
+        ((1,), {"profile_name": "p"}, "got multiple values for keyword argument 'profile_name'"),
+        (("p",), {"evnt": "Stop"}, "got an unexpected keyword argument 'evnt'"),
+    ],
+)
+def test_faulty_arguments_are_reported_at_line_361(
+    simulator: Simulator,
+    module: ModuleType,
+    arguments: tuple[object, ...],
+    keywords: dict[str, object],
+    text: str,
+) -> None:
+    error = failure(TypeError, module.capture_sniffer_profile, *arguments, **keywords)
+    assert str(error) == f"capture_sniffer_profile() {text}"
+    found = entry(error, "capture_sniffer_profile")
+    assert found.line == found.first_line == 361
+    assert simulator.call_log == []

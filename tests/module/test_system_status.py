@@ -1,0 +1,396 @@
+"""The appliance's own state: flash list, link monitors, and the one interface that is picked out of
+the reply, with Python's own item, iteration and comparison semantics."""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from types import ModuleType, SimpleNamespace
+from typing import Any
+
+import pytest
+
+from tests.support.assertions import (
+    Recorder,
+    entry,
+    failure,
+    line,
+    raising,
+    taken_apart,
+    wrong_type,
+)
+from tests.support.query_cases import crossings, natively
+from veldarin_simulator import RawJSON, Simulator
+
+PHYSICAL = "build_system_interface_physical"
+
+
+class Text(str):
+    """A subclass, which is not exactly str."""
+
+
+class Failed(Exception):
+    """Only the tests raise it."""
+
+
+def reply_of(*entries: object) -> list[dict[str, object]]:
+    """A reply in the host's layout, with these interfaces."""
+    return [{"interface": list(entries)}]
+
+
+@pytest.mark.parametrize(
+    "function, native",
+    [
+        ("list_system_flash_list_status", "build_system_flash_list"),
+        ("list_system_link_monitor_status", "build_system_link_monitor_status"),
+    ],
+)
+@pytest.mark.parametrize("reply", [None, [], {"flashes": [1]}, [{"statuses": {"name": 2}}]])
+def test_the_lists_are_the_hosts(
+    simulator: Simulator, module: ModuleType, function: str, native: str, reply: object
+) -> None:
+    simulator.set_reply(native, reply)
+    assert getattr(module, function)() == reply
+    assert natively(simulator) == [(native, {})]
+
+
+A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
+
+
+@pytest.mark.parametrize(
+    "entries, name, picked",
+    [
+        ([A, B], "A", A),
+        ([A, B], "B", B),
+        ([A, B], "C", B),
+        ([B, A], "C", A),
+        ([A], "C", A),
+        ([A, B], "", B),
+        ([A, B], "a", B),
+        ([A, B], None, B),
+        ([A, {"name": None, "id": 3}, B], None, {"name": None, "id": 3}),
+        ([{"name": "None"}, B], None, B),
+        ([A, {"name": "A", "speed": 9}], "A", A),
+        ([{"name": 5}, A, B], "A", A),
+        ([A, {"no": "name"}], "A", A),
+        ([{"name": "\u00e9\u20ac\U0001f600"}, B], "\u00e9\u20ac\U0001f600", 0),
+    ],
+)
+def test_the_first_interface_of_that_name_or_else_the_last_is_returned(
+    simulator: Simulator,
+    module: ModuleType,
+    entries: list[dict[str, object]],
+    name: str | None,
+    picked: Any,
+) -> None:
+    simulator.set_reply(PHYSICAL, reply_of(*entries))
+    if picked == 0:
+        picked = entries[0]
+    assert taken_apart(module.list_system_interface_physical(name)) == taken_apart(picked)
+    assert crossings(simulator) == [
+        (PHYSICAL, {"name": name}),
+        ("JSONObject.release", {"name": name}),
+        ("JSONObject.release", reply_of(*entries)),
+    ]
+
+
+def test_later_elements_of_the_reply_do_not_count(simulator: Simulator, module: ModuleType) -> None:
+    simulator.set_reply(PHYSICAL, [{"interface": [A], "other": 1}, {"interface": [B]}])
+    assert module.list_system_interface_physical("B") == A
+
+
+def test_the_name_is_always_sent_itself(simulator: Simulator, module: ModuleType) -> None:
+    made = Recorder()
+    simulator.on_create = made
+    simulator.set_reply(PHYSICAL, reply_of(A))
+    name = "".join(["na", "me"])
+    module.list_system_interface_physical(name)
+    request = made.positional[0][0][0]
+    assert list(request) == ["name"]
+    assert request["name"] is name
+
+
+@pytest.mark.parametrize("name", ["A", "", None])
+def test_an_empty_interface_list_leaves_the_result_unbound(
+    simulator: Simulator, module: ModuleType, name: str | None
+) -> None:
+    simulator.set_reply(PHYSICAL, reply_of())
+    error = failure(UnboundLocalError, module.list_system_interface_physical, name)
+    assert str(error) == "local variable 'data' referenced before assignment"
+    assert line(error, "list_system_interface_physical") == 143
+    assert crossings(simulator) == [
+        (PHYSICAL, {"name": name}),
+        ("JSONObject.release", {"name": name}),
+        ("JSONObject.release", reply_of()),
+    ]
+
+
+@pytest.mark.parametrize(
+    "name", [b"A", 5, Text("A"), ["A"], True], ids=lambda name: type(name).__name__
+)
+def test_a_name_that_is_not_exactly_text_is_refused(
+    simulator: Simulator, module: ModuleType, name: object
+) -> None:
+    made = Recorder()
+    simulator.on_create = made
+    error = failure(TypeError, module.list_system_interface_physical, name)
+    assert str(error) == wrong_type("name", "str", name)
+    found = entry(error, "list_system_interface_physical")
+    assert found.line == found.first_line
+    assert 130 < found.line < 134
+    assert made.calls == []
+    assert simulator.call_log == []
+
+
+@pytest.mark.parametrize(
+    "reply, kind, text, at",
+    [
+        (None, TypeError, "'NoneType' object is not subscriptable", 138),
+        (5, TypeError, "'int' object is not subscriptable", 138),
+        ({}, KeyError, "0", 138),
+        ({"0": 1}, KeyError, "0", 138),
+        ([], IndexError, "list index out of range", 138),
+        ("", IndexError, "string index out of range", 138),
+        ([{}], KeyError, "'interface'", 138),
+        ([[1]], TypeError, "list indices must be integers or slices, not str", 138),
+        (["text"], TypeError, "string indices must be integers", 138),
+        ("text", TypeError, "string indices must be integers", 138),
+        ([None], TypeError, "'NoneType' object is not subscriptable", 138),
+        ([{"interface": None}], TypeError, "'NoneType' object is not iterable", 138),
+        ([{"interface": 5}], TypeError, "'int' object is not iterable", 138),
+        ([{"interface": [5]}], TypeError, "'int' object is not subscriptable", 139),
+        ([{"interface": [None]}], TypeError, "'NoneType' object is not subscriptable", 139),
+        ([{"interface": [{}]}], KeyError, "'name'", 139),
+        ([{"interface": [B, {"Name": "A"}]}], KeyError, "'name'", 139),
+        ([{"interface": [[]]}], TypeError, "list indices must be integers or slices, not str", 139),
+        ([{"interface": "text"}], TypeError, "string indices must be integers", 139),
+        ([{"interface": {"key": A}}], TypeError, "string indices must be integers", 139),
+    ],
+)
+def test_a_reply_of_another_layout_fails_at_the_step_that_meets_it(
+    simulator: Simulator,
+    module: ModuleType,
+    reply: object,
+    kind: type[Exception],
+    text: str,
+    at: int,
+) -> None:
+    simulator.set_reply(PHYSICAL, reply)
+    error = failure(kind, module.list_system_interface_physical, "A")
+    assert str(error) == text
+    assert line(error, "list_system_interface_physical") == at
+    assert natively(simulator) == [(PHYSICAL, {"name": "A"})]
+    assert len(simulator.call_log) == 1, "nothing was released by the method table"
+
+
+@pytest.mark.parametrize("reply", [[{"interface": ""}], [{"interface": {}}]])
+def test_anything_iterable_without_elements_leaves_the_result_unbound(
+    simulator: Simulator, module: ModuleType, reply: object
+) -> None:
+    simulator.set_reply(PHYSICAL, reply)
+    error = failure(UnboundLocalError, module.list_system_interface_physical, "A")
+    assert line(error, "list_system_interface_physical") == 143
+
+
+# A rebound parser may return any object; the statements then work as Python's own do
+
+
+@pytest.fixture
+def parsed(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> SimpleNamespace:
+    """Its attribute `value` is what the parser returns."""
+    holder = SimpleNamespace(value=None)
+    monkeypatch.setattr(module, "json", SimpleNamespace(loads=lambda text: holder.value))
+    return holder
+
+
+def test_items_are_taken_through_the_object_protocol(
+    module: ModuleType, parsed: SimpleNamespace
+) -> None:
+    events: list[object] = []
+
+    class Noting:
+        def __init__(self, item: object) -> None:
+            self.item = item
+
+        def __getitem__(self, key: object) -> object:
+            events.append((type(key), key))
+            return self.item
+
+    data = Noting("A")
+    parsed.value = Noting(Noting((data,)))
+    assert module.list_system_interface_physical("A") is data
+    assert events == [(int, 0), (str, "interface"), (str, "name")]
+
+
+def test_a_mapping_with_the_number_nought_is_as_good_as_a_list(
+    module: ModuleType, parsed: SimpleNamespace
+) -> None:
+    parsed.value = {0: {"interface": [A, B]}}
+    assert module.list_system_interface_physical("B") is B
+
+
+def test_iteration_stops_at_the_first_equal_name(
+    module: ModuleType, parsed: SimpleNamespace
+) -> None:
+    given: list[object] = []
+
+    def entries() -> Iterator[object]:
+        for data in (A, B, {"name": "C"}):
+            given.append(data)
+            yield data
+
+    parsed.value = [{"interface": entries()}]
+    assert module.list_system_interface_physical("B") is B
+    assert given == [A, B]
+
+
+def test_the_old_sequence_protocol_iterates(module: ModuleType, parsed: SimpleNamespace) -> None:
+    class Sequence:
+        def __getitem__(self, index: int) -> object:
+            return [A, B][index]
+
+    parsed.value = ({"interface": Sequence()},)
+    assert module.list_system_interface_physical("?") is B
+
+
+def test_a_list_that_grows_is_iterated_to_its_new_end(
+    module: ModuleType, parsed: SimpleNamespace
+) -> None:
+    class Grows(str):
+        __hash__ = str.__hash__
+
+        def __eq__(self, other: object) -> bool:
+            entries.append(B)
+            return False
+
+    entries: list[object] = [{"name": Grows("A")}]
+    parsed.value = [{"interface": entries}]
+    assert module.list_system_interface_physical("?") is B
+    assert len(entries) == 2
+
+
+@pytest.mark.parametrize("name", ["A", None])
+def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_once(
+    module: ModuleType, parsed: SimpleNamespace, name: str | None
+) -> None:
+    asked: list[object] = []
+
+    class Answer:
+        def __init__(self, truth: bool) -> None:
+            self.truth = truth
+
+        def __bool__(self) -> bool:
+            asked.append("truth")
+            return self.truth
+
+    class Name:
+        def __init__(self, truth: bool) -> None:
+            self.truth = truth
+
+        def __eq__(self, other: object) -> Any:
+            asked.append(other)
+            return Answer(self.truth)
+
+    chosen = {"name": Name(True)}
+    parsed.value = [{"interface": [{"name": Name(False)}, chosen, {"name": Name(True)}]}]
+    assert module.list_system_interface_physical(name) is chosen
+    assert asked == [name, "truth", name, "truth"]
+
+
+def test_a_subclass_of_text_compares_by_its_own_rule(
+    module: ModuleType, parsed: SimpleNamespace
+) -> None:
+    class Different(str):
+        __hash__ = str.__hash__
+
+        def __eq__(self, other: object) -> bool:
+            return False
+
+    parsed.value = [{"interface": [{"name": Different("A")}, B]}]
+    assert module.list_system_interface_physical("A") is B
+
+
+class Broken:
+    """Raises where it is told to."""
+
+    def __init__(self, where: str, error: Exception) -> None:
+        self.where = where
+        self.error = error
+
+    def _step(self, name: str, value: object) -> Any:
+        if name == self.where:
+            raise self.error
+        return value
+
+    def __getitem__(self, key: object) -> object:
+        return self._step(f"item {key!r}", self)
+
+    def __iter__(self) -> Broken:
+        return self._step("iter", self)
+
+    def __next__(self) -> Broken:
+        return self._step("next", self)
+
+    def __eq__(self, other: object) -> Broken:  # type: ignore[override]
+        return self._step("equal", self)
+
+    def __bool__(self) -> bool:
+        return self._step("truth", True)
+
+
+@pytest.mark.parametrize(
+    "where, at",
+    [
+        ("item 0", 138),
+        ("item 'interface'", 138),
+        ("iter", 138),
+        ("next", 138),
+        ("item 'name'", 139),
+        ("equal", 139),
+        ("truth", 139),
+    ],
+)
+def test_a_failing_step_of_the_choice_ends_the_call_at_its_line(
+    simulator: Simulator, module: ModuleType, parsed: SimpleNamespace, where: str, at: int
+) -> None:
+    error = Failed(where)
+    parsed.value = Broken(where, error)
+    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert line(error, "list_system_interface_physical") == at
+    assert [service for service, _ in crossings(simulator)] == [PHYSICAL]
+
+
+def test_an_iteration_that_fails_later_is_reported_at_the_loop(
+    simulator: Simulator, module: ModuleType, parsed: SimpleNamespace
+) -> None:
+    error = Failed()
+
+    def entries() -> Iterator[object]:
+        yield B
+        raise error
+
+    parsed.value = [{"interface": entries()}]
+    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert line(error, "list_system_interface_physical") == 138
+
+
+@pytest.mark.parametrize("number, at", [(1, 141), (2, 142)])
+def test_releases_come_after_the_choice_and_before_the_unbound_result(
+    simulator: Simulator, module: ModuleType, number: int, at: int
+) -> None:
+    error = Failed()
+    released = Recorder(lambda text: raising(error)() if len(released.calls) == number else None)
+    simulator.on_release = released
+    simulator.set_reply(PHYSICAL, reply_of())
+    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert line(error, "list_system_interface_physical") == at
+
+
+def test_the_reply_may_hold_more_than_the_module_reads(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    text = '[{"interface": [{"name": "A", "z": [1.50, {"y": null}], "a": "b"}], "more": {}}, 5]'
+    simulator.set_reply(PHYSICAL, RawJSON(text))
+    picked = module.list_system_interface_physical("A")
+    assert taken_apart(picked) == taken_apart({"name": "A", "z": [1.5, {"y": None}], "a": "b"})

@@ -1,0 +1,246 @@
+"""The entry that a failing function leaves in the traceback: its name, file, lines and globals, its
+place in the chain, and that there is exactly one of it."""
+
+from __future__ import annotations
+
+import sys
+import traceback
+from types import ModuleType, TracebackType
+from typing import Any, Callable, NamedTuple
+
+import pytest
+
+from tests.support import isolated
+from tests.support.assertions import FILE, raising, traceback_entries
+from tests.support.function_table import FUNCTIONS, NAMED
+from veldarin_simulator import Simulator
+
+
+class Provoked(NamedTuple):
+    """A call that fails. `arguments` suffice, or a module global is first made to `raises`."""
+
+    function: str
+    arguments: tuple[Any, ...] = ()
+    raises: str | None = None
+    chain: tuple[str, ...] = ()  # functions of the module called below it, outermost first
+
+
+class Stop(BaseException):
+    """An exception that no handler of the module catches."""
+
+
+# An argument of a type that is refused, or a name on the way that fails.
+FAILING = [
+    Provoked("aps_unsigned_int_hash", ("text",)),
+    Provoked("get_cookie_name", (True,), raises="text_"),
+    Provoked("encrypt_cookie", ("text",)),
+    Provoked("decrypt_cookie", (None,)),
+    Provoked("get_token", raises="Path"),
+    Provoked("check_cert_expiration", ("path",)),
+    Provoked("switch_acl_ingress_counter", raises="json"),
+    Provoked("switch_acl_egress_counter", raises="json"),
+    Provoked("switch_acl_prelookup_counter", raises="json"),
+    Provoked("list_switch_stp_state", (1,), raises="json"),
+    Provoked("list_system_interface_physical", ("port1",), raises="json"),
+    Provoked("list_switch_lg_state", raises="json"),
+    Provoked("list_switch_flapguard_status", raises="json"),
+    Provoked("list_switch_port_statistics", ("port1",), raises="json"),
+    Provoked("list_switch_lldp_state", ("port1",), raises="json"),
+    Provoked("list_switch_trunk_state", raises="json"),
+    Provoked("list_switch_mclag_list", raises="json"),
+    Provoked("switch_mclag_icl", raises="json"),
+    Provoked("list_switch_igmp_snooping_group", (None,), raises="json"),
+    Provoked("list_system_flash_list_status", raises="json"),
+    Provoked("list_system_link_monitor_status", raises="json"),
+    Provoked("list_switch_module_summary", raises="json"),
+    Provoked("get_cli_command_output", ("command",), raises="bytes_"),
+    Provoked("get_bfd_neighbor", ("command",), raises="get_cli_command_output"),
+    Provoked("list_bfd_neighbor", raises="get_bfd_neighbor"),
+    Provoked("get_system_sniffer_profile_summary", raises="json"),
+    Provoked("capture_sniffer_profile", ("p", "Stop"), raises="json"),
+    Provoked("get_routing_table_result", ("192.0.2.1",), raises="get_cli_command_output"),
+    Provoked("get_system_arp_result", raises="get_cli_command_output"),
+]
+CHAINS = [
+    # the host's runner answers nothing: who called it, outermost first
+    Provoked("get_cli_command_output", ("c",), chain=()),
+    Provoked("get_bfd_neighbor", ("c",), chain=("get_cli_command_output",)),
+    Provoked("get_routing_table_result", ("a",), chain=("get_cli_command_output",)),
+    Provoked("get_system_arp_result", chain=("get_cli_command_output",)),
+    Provoked(
+        "list_bfd_neighbor", raises="text_", chain=("get_bfd_neighbor", "get_cli_command_output")
+    ),
+    Provoked("get_cookie_name", (True,), raises="aps_unsigned_int_hash"),
+]
+
+every_failing = pytest.mark.parametrize("provoked", FAILING, ids=lambda row: row.function)
+
+
+class Loads:
+    """A `json` whose `loads` cannot even be taken."""
+
+    def __init__(self, error: BaseException) -> None:
+        self.error = error
+
+    def __getattr__(self, name: str) -> Callable[..., object]:
+        raise self.error
+
+
+def provoke(
+    module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> BaseException:
+    """The exception of the call; of a raising global it is the very one that was raised."""
+    raised = Stop(provoked.raises)
+    if provoked.raises is not None:
+        held = Loads(raised) if provoked.raises == "json" else raising(raised)
+        monkeypatch.setattr(module, provoked.raises, held)
+    function = getattr(module, provoked.function)
+    with pytest.raises(BaseException) as caught:  # noqa: PT011 - any, it is looked at below
+        function(*provoked.arguments)
+    assert provoked.raises is None or caught.value is raised
+    return caught.value
+
+
+def links(error: BaseException) -> list[TracebackType]:
+    """The traceback entries of the module, outermost first."""
+    found = []
+    link = error.__traceback__
+    while link is not None:
+        if link.tb_frame.f_code.co_filename == FILE:
+            found.append(link)
+        link = link.tb_next
+    return found
+
+
+def test_every_function_is_made_to_fail_here_but_the_one_that_only_memory_can_fail() -> None:
+    assert [row.function for row in FAILING] == [row.name for row in FUNCTIONS][1:]
+
+
+@every_failing
+def test_a_failing_function_leaves_one_entry(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    (link,) = links(provoke(module, monkeypatch, provoked))
+    assert link.tb_frame.f_code.co_name == NAMED[provoked.function].qualified
+
+
+@every_failing
+def test_an_entry_points_into_its_function(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    (link,) = links(provoke(module, monkeypatch, provoked))
+    low, high = NAMED[provoked.function].first_line
+    first_line = link.tb_frame.f_code.co_firstlineno
+    assert low <= first_line <= high
+    assert link.tb_lineno >= first_line
+    if provoked.raises is not None:  # the argument was fine, a statement of the body failed
+        assert link.tb_lineno > first_line
+
+
+@every_failing
+def test_an_entrys_globals_are_the_modules(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    (link,) = links(provoke(module, monkeypatch, provoked))
+    assert link.tb_frame.f_globals is vars(module)
+
+
+@every_failing
+def test_an_entry_stands_between_the_caller_and_what_failed_below(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    error = provoke(module, monkeypatch, provoked)
+    names = [entry.name for entry in traceback.extract_tb(error.__traceback__)]
+    below = {None: [], "json": ["__getattr__"]}.get(provoked.raises, ["raises"])
+    assert names == ["provoke", NAMED[provoked.function].qualified, *below]
+
+
+@every_failing
+def test_a_traceback_with_an_entry_can_be_printed(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    error = provoke(module, monkeypatch, provoked)
+    (link,) = links(error)
+    text = "".join(traceback.format_exception(type(error), error, error.__traceback__))
+    qualified = NAMED[provoked.function].qualified
+    assert f'  File "{FILE}", line {link.tb_lineno}, in {qualified}\n' in text
+
+
+@every_failing
+def test_the_same_failure_leaves_the_same_entry_again(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    errors = [provoke(module, monkeypatch, provoked) for _ in range(3)]
+    first, *others = [traceback_entries(error.__traceback__) for error in errors]
+    assert others == [first, first]
+
+
+@every_failing
+def test_a_failure_leaves_no_exception_behind(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    error = provoke(module, monkeypatch, provoked)
+    assert sys.exc_info() == (None, None, None)
+    assert (error.__cause__, error.__context__) == (None, None)
+
+
+@pytest.mark.parametrize("provoked", CHAINS, ids=lambda row: row.function)
+def test_functions_that_call_each_other_leave_one_entry_each(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    simulator.set_reply("get_cli_cmd_output", "text" if provoked.raises == "text_" else None)
+    error = provoke(module, monkeypatch, provoked)
+    functions = [entry.function for entry in traceback_entries(error.__traceback__)]
+    assert functions == [provoked.function, *provoked.chain]
+
+
+def test_a_refused_argument_of_an_inner_call_is_shown_at_both_functions(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    simulator.serial_number = "text"
+    with pytest.raises(TypeError) as caught:
+        module.get_cookie_name(True)
+    outer, inner = traceback_entries(caught.value.__traceback__)
+    assert (outer.function, inner.function) == ("get_cookie_name", "aps_unsigned_int_hash")
+    assert outer.line > outer.first_line
+    assert inner.line == inner.first_line
+    assert outer.first_line > inner.line  # the inner function stands before the outer one
+
+
+def memory_entry_of_new_cookie_id() -> list[list[object]]:
+    """The entries of `new_cookie_id` when the first allocation of the call fails."""
+    import _testcapi
+    from typing import Any, cast
+
+    from tests.support.isolated import describe
+    from veldarin_simulator import Simulator
+
+    capi = cast(Any, _testcapi)
+    with Simulator(live=False, counting=False) as simulator:
+        new_cookie_id = simulator.module.new_cookie_id
+        simulator.set_fixed_reply("aps_get_new_cookie_id", 2**31)
+        try:
+            capi.set_nomemory(0, 1)
+            new_cookie_id()
+        except MemoryError as error:
+            capi.remove_mem_hooks()
+            entries: list[list[object]] = describe(error)["entries"]
+            return entries
+    return []
+
+
+def test_the_functions_stand_in_the_source_in_the_order_of_the_table(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    (_caller, entry) = isolated.value(memory_entry_of_new_cookie_id)
+    assert entry[:2] == [NAMED["new_cookie_id"].qualified, FILE]
+    first_lines, lines = [entry[2]], [entry[3]]
+    for provoked in FAILING:
+        with monkeypatch.context() as patch:
+            (link,) = links(provoke(module, patch, provoked))
+        first_lines.append(link.tb_frame.f_code.co_firstlineno)
+        lines.append(link.tb_lineno)
+    assert first_lines == sorted(set(first_lines))
+    # The failing statement belongs to its function: it stands before the next one begins.
+    for first, line, following in zip(first_lines, lines, [*first_lines[1:], 10**6]):
+        assert first <= line < following

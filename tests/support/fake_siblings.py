@@ -1,0 +1,226 @@
+"""Sibling modules made by hand, for tests that spoil one detail of what the module imports.
+
+`siblings()` gives a right set: C functions and the C variable as capsules named by their signature,
+a `JSONObject` of the right size with a capsule for its method table, and the library modules that
+the module's import statements name. A test changes one of them, puts the set into `sys.modules`
+with `install` and imports. Only fresh processes use this.
+"""
+
+from __future__ import annotations
+
+import builtins
+import ctypes
+import importlib
+import struct
+import sys
+from importlib.machinery import ExtensionFileLoader
+from importlib.util import module_from_spec, spec_from_file_location
+from types import ModuleType
+from typing import Any, Callable, Optional
+
+from tests.support.assertions import MODULE
+
+POINTER = struct.calcsize("P")
+HEAD = object.__basicsize__
+JSON_OBJECT_SIZE = HEAD + 2 * POINTER  # the method table's pointer, the json-c object's pointer
+
+Siblings = dict[str, Optional[ModuleType]]  # None: the import system refuses the name
+
+LIBRARY_MODULES = (
+    "binascii",
+    "collections",
+    "logging",
+    "os",
+    "pathlib",
+    "pyramid.compat",
+    "threading",
+    "ujson",
+    "copy",
+)
+
+strtcpy_calls: list[tuple[int, bytes]] = []  # (size, source text) of every call
+
+_kept: list[object] = []  # what capsules point at, and their names: kept as long as the process
+_secret_path = ctypes.create_string_buffer(b"/nonexistent/secret")
+
+
+@ctypes.CFUNCTYPE(ctypes.c_void_p)
+def _get_preference_cookie_secret_path() -> int:
+    return ctypes.addressof(_secret_path)
+
+
+@ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p)
+def _strtcpy(destination: int, size: int, source: bytes) -> int:
+    strtcpy_calls.append((size, source))
+    text = source[: size - 1]
+    ctypes.memmove(destination, text + b"\0", len(text) + 1)
+    return len(text)
+
+
+def capsule(pointer: int, name: bytes | None) -> Any:
+    """A capsule that holds any address under any name."""
+    new = ctypes.pythonapi.PyCapsule_New
+    new.restype = ctypes.py_object
+    new.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
+    _kept.append(name)
+    return new(pointer, name, None)
+
+
+def null_capsule(name: bytes | None) -> Any:
+    """A capsule whose pointer was overwritten with null: the interpreter makes none such."""
+    made = capsule(1, name)
+    ctypes.c_void_p.from_address(id(made) + HEAD).value = None
+    return made
+
+
+def sized_type(name: str, size: int, like: type | None = None) -> type:
+    """A type called `name` whose instances have `size` bytes; calling it makes a `like`.
+
+    It may stand for a builtin: what the interpreter's own library makes with it stays right.
+    """
+    fields: dict[str, Any] = {
+        "__slots__": tuple(f"field_{number}" for number in range((size - HEAD) // POINTER)),
+    }
+    if like is not None:
+        fields["__new__"] = lambda cls, *arguments, **keywords: like(*arguments, **keywords)
+    made = type(name, (), fields)
+    assert made.__basicsize__ == size, (made.__basicsize__, size)
+    return made
+
+
+def json_object(size: int = JSON_OBJECT_SIZE) -> Any:
+    """A `JSONObject` of `size` bytes with a method table; for imports only, never to be called."""
+    made = sized_type("JSONObject", size)
+    table = (ctypes.c_void_p * 1)(ctypes.cast(_strtcpy, ctypes.c_void_p).value)
+    _kept.append(table)
+    made.__pyx_vtable__ = capsule(ctypes.addressof(table), None)  # type: ignore[attr-defined]
+    return made
+
+
+def lacking(name: str, *attributes: str) -> ModuleType:
+    """A copy of a library module without some of its names."""
+    copy = ModuleType(name)
+    vars(copy).update(vars(importlib.import_module(name)))
+    for attribute in attributes:
+        delattr(copy, attribute)
+    return copy
+
+
+def altered(name: str, **attributes: object) -> ModuleType:
+    """A copy of a library module with some of its names bound to other objects."""
+    copy = lacking(name)
+    vars(copy).update(attributes)
+    return copy
+
+
+def raising(error: BaseException) -> Callable[..., None]:
+    """A function that takes anything and raises `error`."""
+
+    def function(*arguments: object, **keywords: object) -> None:
+        raise error
+
+    return function
+
+
+def _c_pointer(function: Any) -> int:
+    address = ctypes.cast(function, ctypes.c_void_p).value
+    assert address is not None
+    return address
+
+
+def siblings() -> Siblings:
+    """A right set of everything that the module imports, new objects each time."""
+    path_function = capsule(_c_pointer(_get_preference_cookie_secret_path), b"char *(void)")
+    copy_function = capsule(_c_pointer(_strtcpy), b"int (char *, int, char const *)")
+    variable = capsule(ctypes.addressof(_secret_path), b"char *")
+    rows: dict[str, dict[str, object]] = {
+        "util": {"__path__": []},
+        "util.json": {"JSONObject": json_object()},
+        "util.string": {"__pyx_capi__": {"strtcpy": copy_function}},
+        "util.errors": {"CFunctionError": type("CFunctionError", (Exception,), {})},
+        "migbase": {"__path__": []},
+        "migbase.migbase": {"__pyx_capi__": {"WARM_START_PATH": variable}},
+        "migbase.cmdbapi": {"__path__": []},
+        "migbase.cmdbapi.cmdbapi_util": {"serial_number_ascii": lambda: b"serial"},
+        "veldarin.modules.modules": {
+            "__pyx_capi__": {"get_preference_cookie_secret_path": path_function},
+        },
+    }
+    made: Siblings = {}
+    for name, attributes in rows.items():
+        module = ModuleType(name)
+        vars(module).update(attributes)
+        made[name] = module
+    for name in LIBRARY_MODULES:
+        made[name] = importlib.import_module(name)
+    return made
+
+
+def install(modules: Siblings) -> None:
+    """Makes imports find exactly these modules; a module that is None cannot be imported."""
+    for name, module in modules.items():
+        sys.modules[name] = module  # type: ignore[assignment]
+        package, _, last = name.rpartition(".")
+        parent = modules.get(package)
+        if parent is not None and module is not None:
+            setattr(parent, last, module)
+
+
+class Workbench:
+    """Right siblings and builtins to come back to, and one spoilt set at a time beside them.
+
+    `spoil` runs statements in which `siblings` is the spoilt set; everything of this file and
+    `builtins` are at hand.
+    """
+
+    def __init__(self) -> None:
+        importlib.import_module("veldarin.modules")  # found while the builtins are still right
+        self._right = siblings()
+        self._builtins = dict(vars(builtins))
+        install(self._right)
+
+    def spoil(self, *statements: str) -> None:
+        """Installs a new set, spoilt by the statements."""
+        spoilt = siblings()
+        for statement in statements:
+            exec(statement, {**globals(), "siblings": spoilt, "builtins": builtins})
+        install(spoilt)
+
+    def repair(self) -> None:
+        """Everything right again."""
+        vars(builtins).update(self._builtins)
+        install(self._right)
+
+
+def created(path: str, name: str = MODULE) -> Any:
+    """The module created from its file, not yet executed and not in `sys.modules`."""
+    loader = ExtensionFileLoader(name, path)
+    import_spec = spec_from_file_location(name, path, loader=loader)
+    assert import_spec is not None
+    return module_from_spec(import_spec)
+
+
+def entry_point(path: str) -> Callable[[], int]:
+    """The exported entry of the module's file: gives the address of the definition."""
+    entry = ctypes.PyDLL(path).PyInit_modules_util
+    entry.restype = ctypes.c_void_p
+    return entry
+
+
+def created_from(path: str, import_spec: object) -> Any:
+    """The module created from any object in the place of an import spec."""
+    create = ctypes.pythonapi.PyModule_FromDefAndSpec2
+    create.restype = ctypes.py_object
+    create.argtypes = [ctypes.c_void_p, ctypes.py_object, ctypes.c_int]
+    return create(entry_point(path)(), import_spec, sys.api_version)
+
+
+def execute(module: Any) -> None:
+    """Runs the exec slot of a created module, whether or not the interpreter ran it before."""
+    definition = ctypes.pythonapi.PyModule_GetDef
+    definition.restype = ctypes.c_void_p
+    definition.argtypes = [ctypes.py_object]
+    run = ctypes.pythonapi.PyModule_ExecDef
+    run.restype = ctypes.c_int
+    run.argtypes = [ctypes.py_object, ctypes.c_void_p]
+    run(module, definition(module))

@@ -1,0 +1,58 @@
+"""Objects that a call of the module touches and that live on: a reference to one of them that is
+lost, or given back twice, shows in its count only."""
+
+from __future__ import annotations
+
+import sys
+from types import ModuleType
+
+from tests.support.function_table import FUNCTIONS
+
+
+def interned() -> list[str]:
+    """Texts that the module keeps as long as the process: names, keys, constants."""
+    words = """
+        policy_id instance_id port_name trunk_name mkey name profile-name profile_name event cmd
+        list_bfd characters https plain encrypted path cmd_s ip_address request response interface
+        entry distance metric lastUpdate other table main ip ipAddress age mac neighbor_ip
+        local_timers remote_timers zebra_notifications loads format debug error deepcopy is_file
+        absolute write readline strip read decode Running Stop Pause Delete peer objname w r utf-8
+        packets Routing Address split replace keys __enter__ __exit__ --More--
+    """.split()
+    names = [row.name for row in FUNCTIONS]
+    return [sys.intern(word) for word in [*words, *names, "", " ", "_", "\n", "\t", "\r", ":", ","]]
+
+
+def watched(module: ModuleType, arguments: list[object]) -> list[object]:
+    """Objects whose references are counted."""
+    from util.json import JSONObject
+
+    types: list[object] = [
+        object,
+        type,
+        str,
+        bytes,
+        bytearray,
+        dict,
+        list,
+        tuple,
+        int,
+        bool,
+        complex,
+        float,
+        BaseException,
+        TypeError,
+        IndexError,
+        KeyError,
+        NameError,
+        AttributeError,
+        ValueError,
+        UnboundLocalError,
+        UnicodeDecodeError,
+        JSONObject,
+    ]
+    constants: list[object] = [None, True, False, (), b"", Ellipsis]
+    # The interpreter has one object each for these: a reference too few ends them some day.
+    shared: list[object] = [*range(-5, 257), *map(chr, range(256))]
+    names = [*interned(), vars(module), *vars(module).values()]
+    return [*types, *constants, *shared, *names, *arguments]

@@ -1,0 +1,241 @@
+"""Rules that the source text keeps, so that reviewers need not look for them."""
+
+from __future__ import annotations
+
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from tests.support import isolated
+
+ROOT = isolated.ROOT
+PRODUCT = ROOT / "veldarin" / "modules"
+
+
+def tracked(*patterns: str) -> list[Path]:
+    """Files of the project (kept or about to be) that match one of the patterns."""
+    command = ["git", "ls-files", "--cached", "--others", "--exclude-standard", "-z", *patterns]
+    listed = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=True).stdout
+    return [ROOT / name for name in listed.split("\0") if name and (ROOT / name).is_file()]
+
+
+def without_comments(text: str) -> str:
+    """C or C++ text with comments blanked and string literals kept."""
+    pattern = r'"(?:\\.|[^"\\\n])*"|//[^\n]*|/\*.*?\*/'
+    return re.sub(
+        pattern,
+        lambda found: found[0] if found[0].startswith('"') else re.sub(r"[^\n]", " ", found[0]),
+        text,
+        flags=re.DOTALL,
+    )
+
+
+def without_literals(code: str) -> str:
+    """Code with the text of its string literals taken out."""
+    return re.sub(r'"(?:\\.|[^"\\\n])*"', '""', code)
+
+
+def places(files: list[Path], pattern: str) -> list[str]:
+    """Every match of the pattern in the code of the files, as "file:line: text"."""
+    found = []
+    for file in files:
+        code = without_literals(without_comments(file.read_text()))
+        for number, line in enumerate(code.splitlines(), start=1):
+            if re.search(pattern, line):
+                found.append(f"{file.relative_to(ROOT)}:{number}: {line.strip()}")
+    return found
+
+
+PRODUCT_SOURCES = sorted([*PRODUCT.rglob("*.cpp"), *PRODUCT.rglob("*.h")])
+# What runs once per process: here a name given as C text costs nothing that anybody notices.
+ONCE = {"modules_util.cpp", "imports.cpp", "names.cpp"}
+REPEATED = [file for file in PRODUCT_SOURCES if file.name not in ONCE]
+
+
+def test_there_is_a_product_to_look_at() -> None:
+    names = {file.name for file in PRODUCT_SOURCES}
+    assert names >= {"modules_util.cpp", "session.cpp", "status.cpp", "cli.cpp", "bfd.cpp"}
+    assert len(names) > 10
+
+
+# (what, pattern, why)
+FORBIDDEN_IN_THE_PRODUCT = [
+    ("exceptions", r"\b(throw|try|catch)\b", "it is built without them"),
+    ("run-time types", r"\b(dynamic_cast|typeid)\b", "it is built without them"),
+    ("the C++ heap", r"\b(new|delete)\b(?!\s*;)", "it brings the C++ runtime in"),
+    ("thread-local data", r"\bthread_local\b|\b__thread\b", "it brings the dynamic loader in"),
+    ("virtual functions", r"\bvirtual\b", "their destructors bring the C++ runtime in"),
+    (
+        "library containers",
+        r"\bstd::(string|vector|map|unordered_\w+|function|shared_ptr)\b",
+        "they allocate behind the interpreter's back",
+    ),
+    ("C's allocator", r"(?<![\w.])(malloc|calloc|realloc|free)\s*\(", "buffers are PyMem's"),
+    ("unbounded copies", r"\b(strcpy|strcat|sprintf|vsprintf|gets)\s*\(", "they have no bound"),
+    ("docstrings", r"\bPyDoc_(STR|VAR|STRVAR)\b", "the module and its functions have none"),
+    (
+        "the lock's release",
+        r"\b(Py_BEGIN_ALLOW_THREADS|PyEval_SaveThread|PyEval_ReleaseThread)\b",
+        "every call keeps the interpreter lock",
+    ),
+    ("threads", r"\bstd::(thread|mutex|atomic)\b|\bpthread_", "the module has none of its own"),
+    ("output", r"\b(printf|fprintf|puts|std::cout|std::cerr)\b", "failures are exceptions"),
+]
+
+
+@pytest.mark.parametrize(("what", "pattern", "why"), FORBIDDEN_IN_THE_PRODUCT)
+def test_the_product_does_without(what: str, pattern: str, why: str) -> None:
+    # `Thing(const Thing &) = delete;` forbids copies and is welcome.
+    found = [place for place in places(PRODUCT_SOURCES, pattern) if "= delete" not in place]
+    assert found == [], f"{what}: {why}"
+
+
+KEYED_BY_C_TEXT = (
+    r"\b(PyDict_(Get|Set|Del)ItemString|PyObject_(Get|Set|Has|Del)AttrString|PyMapping_\w+String"
+    r"|_?PyObject_CallMethod(?!(ObjArgs|OneArg|NoArgs|Obj))\w*|PyUnicode_InternFromString"
+    r"|PyImport_(ImportModule|AddModule)|PyModule_Add\w+|PyRun_\w+|PyArg_Parse\w*)\s*\("
+)
+
+
+def test_what_runs_on_every_call_uses_the_names_that_were_interned_once() -> None:
+    assert places(REPEATED, KEYED_BY_C_TEXT) == []
+
+
+def test_no_dictionary_item_is_looked_up_with_errors_swallowed() -> None:
+    assert places(PRODUCT_SOURCES, r"\bPyDict_GetItem(String)?\s*\(") == []
+
+
+def test_no_utf8_text_is_taken_where_its_absence_would_go_unnoticed() -> None:
+    unchecked = r"(?<!= )\bPyUnicode_AsUTF8(AndSize)?\([^;]*\)\s*[,)]"
+    assert places(PRODUCT_SOURCES, unchecked) == []
+
+
+# A text that is compared by the outside world is written once.
+TEXTS = [
+    "Interpreter change detected",
+    "Re-initialisation is not supported",
+    "compiletime version",
+    "size changed, may indicate",
+    "invalid vtable found",
+    "does not export expected C variable",
+    "does not export expected C function",
+    '"C variable %',
+    '"C function %',
+    "takes %.8s %zd positional",
+    "keywords must be strings",
+    "%s() got multiple values for keyword",
+    "got an unexpected keyword",
+    "has incorrect type (expected",
+    "is not defined",
+    "referenced before assignment",
+    "has no len()",
+    "expected bytes, ",
+    "Could not allocate memory",
+    "result is null",
+    "--More--",
+    "get router info bfd neighbor",
+    "get router info6 bfd neighbor",
+    "get router info routing-table detail",
+    "get system arp",
+    "bytes_sent bytes_recv",
+    "Invalid index %s",
+]
+
+
+def test_a_text_stands_in_one_place() -> None:
+    sources = "\n".join(without_comments(file.read_text()) for file in PRODUCT_SOURCES)
+    joined = re.sub(r'"\s*"', "", sources)  # as the compiler joins literals that follow each other
+    # The summary command of the BFD listing also begins its detail command.
+    allowed = {text: {1, 2} if "bfd neighbor" in text else {1} for text in TEXTS}
+    assert [text for text in TEXTS if joined.count(text) not in allowed[text]] == []
+
+
+# Every text file of the project
+
+COMMENTED = tracked(
+    "*.py",
+    "*.pyi",
+    "*.pyx",
+    "*.pxd",
+    "*.cpp",
+    "*.h",
+    "*.c",
+    "*.cmake",
+    "CMakeLists.txt",
+    "**/CMakeLists.txt",
+    "*.js",
+    "*.css",
+    "Makefile",
+    "tools/*",
+    ".ci/*",
+    "*.toml",
+)
+DOCSTRING = re.compile(r'\A(?:#![^\n]*\n)?\s*"""(.*?)"""', re.DOTALL)
+HASH_LINES = re.compile(r"\A(?:#![^\n]*\n)?((?:#(?!!)[^\n]*\n)+)")
+SLASH_LINES = re.compile(r"\A((?://[^\n]*\n)+)")
+BLOCK = re.compile(r"\A/\*(.*?)\*/", re.DOTALL)
+
+
+def opening(file: Path) -> str:
+    """The words of the comment that a file opens with."""
+    c_family = file.suffix in {".cpp", ".c", ".h", ".js", ".css"}
+    for pattern in (SLASH_LINES, BLOCK) if c_family else (DOCSTRING, HASH_LINES):
+        found = pattern.match(file.read_text())
+        if found is not None:
+            return " ".join(re.sub(r"^\s*(//+|#+|\*)", "", found[1], flags=re.MULTILINE).split())
+    return ""
+
+
+def test_a_file_opens_with_what_it_is_and_for_whom() -> None:
+    sentence = re.compile(r".{10,}?\w\S*[.:](\s|$)")
+    assert [
+        str(file.relative_to(ROOT)) for file in COMMENTED if not sentence.match(opening(file))
+    ] == []
+
+
+TEXT_FILES = [
+    file
+    for file in tracked()
+    if file.suffix in {".py", ".pyi", ".pyx", ".pxd", ".cpp", ".h", ".c", ".cmake", ".md", ".toml"}
+    or file.suffix in {".js", ".css", ".html"}
+    or file.name in {"Makefile", "CMakeLists.txt", "run", "bootstrap"}
+]
+LEFTOVER = re.compile(r"\b(TODO|FIXME|XXX|HACK|WIP)\b")
+MACHINE = re.compile(r"(?<![\w.])/(root|work|home|Users)/|/tmp/\w")
+
+
+def lines_with(pattern: re.Pattern[str]) -> list[str]:
+    """Lines of the project's text files, but this one, in which the pattern is found."""
+    return [
+        f"{file.relative_to(ROOT)}: {line.strip()}"
+        for file in TEXT_FILES
+        if file != Path(__file__)
+        for line in file.read_text().splitlines()
+        if pattern.search(line)
+    ]
+
+
+def test_no_leftover_marks_stand_in_the_project() -> None:
+    assert lines_with(LEFTOVER) == []
+
+
+def test_no_path_of_one_machine_stands_in_the_project() -> None:
+    assert lines_with(MACHINE) == []
+
+
+def test_a_line_of_the_page_has_at_most_100_columns() -> None:
+    page = [file for file in TEXT_FILES if file.suffix in {".js", ".css", ".html"}]
+    assert len(page) > 10
+    assert [
+        f"{file.name}:{number}"
+        for file in page
+        for number, line in enumerate(file.read_text().splitlines(), 1)
+        if len(line) > 100
+    ] == []
+
+
+def test_a_header_of_the_product_is_included_once() -> None:
+    headers = [file for file in PRODUCT_SOURCES if file.suffix == ".h"]
+    assert [file.name for file in headers if "#pragma once" not in file.read_text()] == []

@@ -1,0 +1,116 @@
+"""What a call costs, in instructions and allocations, is what it was: a change that makes the
+module slower does not pass unseen, on however busy a machine."""
+
+from __future__ import annotations
+
+import json
+import platform
+
+import pytest
+
+from benchmarks import regression
+from benchmarks.competitors import PRODUCT
+from benchmarks.instructions import Counts, Table
+from benchmarks.workloads import FLOOR
+from veldarin_simulator import native_library
+
+ARP = regression.GATED[0].name
+BRIDGE = "bridge, null"
+
+
+def is_release() -> bool:
+    """Whether the build in use is the one that ships."""
+    cache = native_library.build_directory() / "CMakeCache.txt"
+    return cache.is_file() and "CMAKE_BUILD_TYPE:STRING=Release" in cache.read_text().splitlines()
+
+
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="the figures are a workstation's")
+@pytest.mark.skipif(not is_release(), reason="the figures are those of the release build")
+def test_no_call_takes_more_or_less_than_the_baseline_says() -> None:
+    found = regression.differences(regression.measure())
+    assert not found, "\n".join([*found, "if this is meant: make bench-baseline"])
+
+
+# The gate itself, on figures that are the baseline's own but for one.
+
+
+def figures() -> dict[str, float]:
+    """The baseline's instructions, of whichever toolchain comes first."""
+    baseline = json.loads(regression.BASELINE.read_text())
+    instructions: dict[str, float] = next(iter(baseline["instructions"].values()))
+    return instructions
+
+
+def counts(name: str = ARP, instructions: float = 1, allocations: float = 1) -> Counts:
+    """Counts as in the baseline, those of one workload times the factors given."""
+    baseline = json.loads(regression.BASELINE.read_text())
+    counted: Table = {}
+    for each, figure in figures().items():
+        floor = figure / baseline["ratios"].get(each, 1)
+        whole = figure + floor if each == BRIDGE else figure
+        counted[each] = {PRODUCT: whole, FLOOR: floor}
+    counted[name][PRODUCT] *= instructions
+    allocated: Table = {each: {PRODUCT: n} for each, n in baseline["allocations"].items()}
+    allocated[name][PRODUCT] *= allocations
+    return Counts(counted, allocated, {})
+
+
+@pytest.fixture
+def known(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A toolchain that the baseline has counts of."""
+    baseline = json.loads(regression.BASELINE.read_text())
+    toolchain = next(iter(baseline["instructions"]))
+    monkeypatch.setattr(regression, "toolchain", lambda: toolchain)
+
+
+@pytest.fixture
+def foreign(monkeypatch: pytest.MonkeyPatch) -> None:
+    """A toolchain that it has none of."""
+    monkeypatch.setattr(regression, "toolchain", lambda: "another")
+
+
+def test_the_baseline_has_every_gated_workload_and_no_other() -> None:
+    assert list(figures()) == [each.name for each in regression.GATED]
+
+
+@pytest.mark.usefixtures("known")
+def test_the_baseline_differs_from_itself_in_nothing() -> None:
+    assert regression.differences(counts()) == []
+
+
+@pytest.mark.usefixtures("known")
+@pytest.mark.parametrize("factor", [1.04, 0.96])
+def test_four_percent_more_or_less_is_named(factor: float) -> None:
+    (sentence,) = regression.differences(counts(instructions=factor))
+    assert sentence.startswith(f"{ARP}: ")
+    assert "instructions" in sentence
+
+
+@pytest.mark.usefixtures("known")
+@pytest.mark.parametrize("factor", [1.02, 0.98])
+def test_two_percent_is_within_the_tolerance(factor: float) -> None:
+    assert regression.differences(counts(instructions=factor)) == []
+
+
+@pytest.mark.usefixtures("known")
+def test_a_query_is_held_to_what_it_takes_beyond_its_floor() -> None:
+    own = figures()[BRIDGE]
+    whole = counts().instructions[BRIDGE][PRODUCT]
+    (sentence,) = regression.differences(counts(BRIDGE, instructions=1 + 0.04 * own / whole))
+    assert sentence.startswith(BRIDGE)
+
+
+@pytest.mark.parametrize("toolchain", ["known", "foreign"])
+def test_an_allocation_more_is_named_everywhere(
+    toolchain: str, request: pytest.FixtureRequest
+) -> None:
+    request.getfixturevalue(toolchain)
+    (sentence,) = regression.differences(counts(allocations=1.1))
+    assert "allocations" in sentence
+
+
+@pytest.mark.usefixtures("foreign")
+def test_on_another_toolchain_the_ratio_to_the_floor_counts() -> None:
+    assert regression.differences(counts(instructions=1.08)) == []
+    (sentence,) = regression.differences(counts(instructions=1.12))
+    assert "times the floor" in sentence
