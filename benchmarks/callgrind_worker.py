@@ -40,7 +40,7 @@ def main() -> None:
     asked: dict[str, list[str]] = json.load(sys.stdin)
     gc.disable()
     allocations: dict[str, dict[str, float]] = {}
-    with Simulator(live=False, counting=False) as simulator:
+    with Simulator(live=False, track_buffers=False) as simulator:
         meter = load.load("bench_repeat")
         _count_imports(meter, asked["contenders"])
         bench = Bench(simulator, asked["contenders"])

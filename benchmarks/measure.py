@@ -40,7 +40,7 @@ def measure(progress: Progress) -> Run:
     counts = instructions.count(workloads.COUNTED, _COUNTED)
     progress("imports in fresh processes", 0.3)
     run = Run(counts, imports.measure(), imports.sizes())
-    with Simulator(live=False, counting=False) as simulator:
+    with Simulator(live=False, track_buffers=False) as simulator:
         bench = Bench(simulator)
         meter = load.load("bench_repeat")
         gc.disable()

@@ -10,9 +10,9 @@ import pytest
 
 from tests.support import reference
 from tests.support.fake_cli import CommandLine
-from veldarin_simulator import Counts, Simulator, native_library
+from veldarin_simulator import LiveObjects, Simulator, native_library
 
-NOTHING = Counts(json_objects=0, text_buffers=0)
+NOTHING = LiveObjects(json_objects=0, text_buffers=0)
 
 
 @pytest.fixture(scope="session")

@@ -4,8 +4,8 @@
 `python -m veldarin_simulator --help` for the tools.
 """
 
-from veldarin_simulator.call_log import Call, Counts
-from veldarin_simulator.reply import Answer, RawJSON, Source
+from veldarin_simulator.call_log import LiveObjects, NativeCall
+from veldarin_simulator.reply import RawJSON, Reply, Source
 from veldarin_simulator.simulator import Simulator
 
-__all__ = ["Answer", "Call", "Counts", "RawJSON", "Simulator", "Source"]
+__all__ = ["LiveObjects", "NativeCall", "RawJSON", "Reply", "Simulator", "Source"]

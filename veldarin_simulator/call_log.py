@@ -9,7 +9,7 @@ from veldarin_simulator.reply import Source
 
 
 @dataclass(frozen=True)
-class Call:
+class NativeCall:
     """One call of a native service, or one method-table release of a JSONObject.
 
     A release has the service "JSONObject.release", and as request the JSON text held. Pointers are
@@ -24,7 +24,7 @@ class Call:
     source: Source = field(default="none", compare=False)
 
 
-class Counts(NamedTuple):
+class LiveObjects(NamedTuple):
     """What was made since the appliance was opened and is not freed yet.
 
     Canned json-c objects are shared and not counted.

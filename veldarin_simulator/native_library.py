@@ -15,14 +15,14 @@ from enum import IntEnum
 from pathlib import Path
 from typing import Any
 
-from veldarin_simulator.call_log import Call, Counts
+from veldarin_simulator.call_log import LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Source
 
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
 
 
-class Form(IntEnum):
+class ReplyForm(IntEnum):
     """What a service hands back; `enum simulator_form`."""
 
     JSON = 0
@@ -33,20 +33,20 @@ class Form(IntEnum):
     STATUS = 5
 
 
-_NUMBERS: dict[Form, tuple[Any, str]] = {
-    Form.COUNT: (ctypes.c_ulong, "unsigned long"),
-    Form.STATUS: (ctypes.c_int, "int"),
+_NUMBERS: dict[ReplyForm, tuple[Any, str]] = {
+    ReplyForm.COUNT: (ctypes.c_ulong, "unsigned long"),
+    ReplyForm.STATUS: (ctypes.c_int, "int"),
 }
 
 
-class _Kind(IntEnum):
+class ReplyKind(IntEnum):
     NULL = 0
     TEXT = 1
     VERBATIM = 2
     NUMBER = 3
 
 
-class Reply(ctypes.Structure):
+class EncodedReply(ctypes.Structure):
     """`struct simulator_reply`: an answer on its way to the library, which copies it."""
 
     _fields_ = (
@@ -80,8 +80,8 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "simulator_open": (ctypes.c_int, (_Callback, ctypes.c_int)),
     "simulator_close": (None, ()),
     "simulator_service": (ctypes.c_char_p, (ctypes.c_size_t, ctypes.POINTER(ctypes.c_int))),
-    "simulator_answer": (ctypes.c_char_p, (ctypes.POINTER(Reply),)),
-    "simulator_can": (ctypes.c_char_p, (ctypes.c_size_t, ctypes.POINTER(Reply))),
+    "simulator_answer": (ctypes.c_char_p, (ctypes.POINTER(EncodedReply),)),
+    "simulator_can": (ctypes.c_char_p, (ctypes.c_size_t, ctypes.POINTER(EncodedReply))),
     "simulator_uncan": (None, (ctypes.c_size_t,)),
     "simulator_canned_calls": (ctypes.c_ulong, (ctypes.c_size_t,)),
     "simulator_canned_misfits": (ctypes.c_ulong, ()),
@@ -89,7 +89,7 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "simulator_journal_read": (ctypes.c_int, (ctypes.c_size_t, ctypes.POINTER(_Call))),
     "simulator_journal_forget": (None, ()),
     "simulator_count": (None, (ctypes.POINTER(_Counts),)),
-    "simulator_set_blank": (ctypes.c_char_p, (ctypes.POINTER(Reply),)),
+    "simulator_set_blank": (ctypes.c_char_p, (ctypes.POINTER(EncodedReply),)),
 }
 
 
@@ -98,36 +98,36 @@ def build_directory() -> Path:
     return ROOT / (os.environ.get("MODULES_UTIL_BUILD") or "build/release")
 
 
-def made_reply(form: Form, value: object, source: Source = "scripted") -> Reply:
+def encode_reply(form: ReplyForm, value: object, source: Source = "scripted") -> EncodedReply:
     """The value in the form of a service. `TypeError`, `ValueError`: it has no such form."""
     kind, text, number = _encoded(form, value)
     size = 0 if text is None else len(text)
-    return Reply(kind, SOURCES.index(source), text, size, number)
+    return EncodedReply(kind, SOURCES.index(source), text, size, number)
 
 
-def _encoded(form: Form, value: object) -> tuple[_Kind, bytes | None, int]:
-    if form is Form.JSON:
+def _encoded(form: ReplyForm, value: object) -> tuple[ReplyKind, bytes | None, int]:
+    if form is ReplyForm.JSON:
         return _encoded_json(value)
     if form in _NUMBERS:
-        return _Kind.NUMBER, None, _encoded_number(form, value)
-    if value is None and form is not Form.WRAPPED:
-        return _Kind.NULL, None, 0
+        return ReplyKind.NUMBER, None, _encoded_number(form, value)
+    if value is None and form is not ReplyForm.WRAPPED:
+        return ReplyKind.NULL, None, 0
     if isinstance(value, str):
-        return _Kind.TEXT, value.encode(), 0
+        return ReplyKind.TEXT, value.encode(), 0
     if isinstance(value, bytes):
-        return _Kind.TEXT, value, 0
+        return ReplyKind.TEXT, value, 0
     raise TypeError(f"the service answers text, not {type(value).__name__}")
 
 
-def _encoded_json(value: object) -> tuple[_Kind, bytes | None, int]:
+def _encoded_json(value: object) -> tuple[ReplyKind, bytes | None, int]:
     if value is None:
-        return _Kind.NULL, None, 0
+        return ReplyKind.NULL, None, 0
     if isinstance(value, RawJSON):
-        return _Kind.VERBATIM, value.encoded(), 0
-    return _Kind.TEXT, json.dumps(value, ensure_ascii=False).encode(), 0
+        return ReplyKind.VERBATIM, value.encoded(), 0
+    return ReplyKind.TEXT, json.dumps(value, ensure_ascii=False).encode(), 0
 
 
-def _encoded_number(form: Form, value: object) -> int:
+def _encoded_number(form: ReplyForm, value: object) -> int:
     if not isinstance(value, int):
         raise TypeError(f"the service answers an int, not {type(value).__name__}")
     c_type, name = _NUMBERS[form]
@@ -136,7 +136,7 @@ def _encoded_number(form: Form, value: object) -> int:
     return ctypes.c_ulong(value).value
 
 
-class Host:
+class NativeLibrary:
     """The loaded library."""
 
     def __init__(self, build: Path) -> None:
@@ -150,21 +150,21 @@ class Host:
         self._indices = {service: index for index, service in enumerate(self.forms)}
         self._callback: object = None  # the library calls it: kept alive here
 
-    def _services(self) -> Iterator[tuple[str, Form]]:
+    def _services(self) -> Iterator[tuple[str, ReplyForm]]:
         form = ctypes.c_int()
         index = 0
         while name := self._library.simulator_service(index, ctypes.byref(form)):
-            yield name.decode(), Form(form.value)
+            yield name.decode(), ReplyForm(form.value)
             index += 1
 
-    def open(self, answer: Callable[[str, bytes | None], None], counting: bool) -> None:
+    def open(self, answer: Callable[[str, bytes | None], None], track_buffers: bool) -> None:
         """Starts afresh; `answer(service, input)` is then called per call and must not raise."""
 
         def callback(service: bytes, given: bytes | None) -> None:
             answer(service.decode(), given)
 
         self._callback = _Callback(callback)
-        if not self._library.simulator_open(self._callback, counting):
+        if not self._library.simulator_open(self._callback, track_buffers):
             raise MemoryError("no memory for the stand-in appliance")
 
     def close(self) -> None:
@@ -172,11 +172,11 @@ class Host:
         self._library.simulator_close()
         self._callback = None
 
-    def set_reply(self, service: str, reply: Reply) -> None:
+    def set_reply(self, service: str, reply: EncodedReply) -> None:
         """Answers the call of the service that is being asked about."""
         _accepted(service, self._library.simulator_answer(reply))
 
-    def set_fixed_reply(self, service: str, reply: Reply) -> None:
+    def set_fixed_reply(self, service: str, reply: EncodedReply) -> None:
         """Keeps a reply in the library."""
         _accepted(service, self._library.simulator_can(self._indices[service], reply))
 
@@ -192,18 +192,18 @@ class Host:
         """Calls since the last question whose buffer a kept text did not fit into."""
         return int(self._library.simulator_canned_misfits())
 
-    def set_blank(self, reply: Reply) -> None:
+    def set_blank(self, reply: EncodedReply) -> None:
         """What JSONObject() holds."""
         _accepted("the blank", self._library.simulator_set_blank(reply))
 
-    def call_log(self) -> list[Call]:
+    def call_log(self) -> list[NativeCall]:
         """All calls since the journal was forgotten."""
         entry = _Call()
         calls = []
         for index in range(self._library.simulator_journal_size()):
             self._library.simulator_journal_read(index, ctypes.byref(entry))
             calls.append(
-                Call(
+                NativeCall(
                     service=entry.service.decode(),
                     context=entry.context,
                     request=_text(entry.request),
@@ -218,11 +218,11 @@ class Host:
         """Empties the journal."""
         self._library.simulator_journal_forget()
 
-    def live_objects(self) -> Counts:
+    def live_objects(self) -> LiveObjects:
         """What is alive."""
         counts = _Counts()
         self._library.simulator_count(ctypes.byref(counts))
-        return Counts(counts.json_objects, counts.text_buffers)
+        return LiveObjects(counts.json_objects, counts.text_buffers)
 
 
 def _text(given: bytes | None) -> str | None:
@@ -234,10 +234,10 @@ def _accepted(what: str, reason: bytes | None) -> None:
         raise ValueError(f"{what}: {reason.decode()}")
 
 
-_loaded: Host | None = None
+_loaded: NativeLibrary | None = None
 
 
-def load() -> Host:
+def load() -> NativeLibrary:
     """The library of the build in use, loaded once per process, with the staged modules importable.
 
     `RuntimeError`: nothing is built, or another build was loaded before.
@@ -248,7 +248,7 @@ def load() -> Host:
         stage = build / "stage"
         if not (build / "libsimulator.so").is_file() or not stage.is_dir():
             raise RuntimeError(f"the stand-in appliance is not built in {build}: run `make build`")
-        _loaded = Host(build)
+        _loaded = NativeLibrary(build)
         sys.path.insert(0, str(stage))
     elif _loaded.build != build:
         raise RuntimeError(f"this process has loaded {_loaded.build}: start another for {build}")

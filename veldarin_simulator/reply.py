@@ -28,7 +28,7 @@ class RawJSON:
 
 
 @dataclass(frozen=True)
-class Answer:
+class Reply:
     """The reply of a service, or a callable that makes it per call, with its source.
 
     `reply` is what `Appliance.set_reply` takes. A callable may return an `Answer` of its own, whose

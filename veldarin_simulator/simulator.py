@@ -15,8 +15,8 @@ from types import ModuleType, TracebackType
 from typing import Any, Union
 
 from veldarin_simulator import native_library
-from veldarin_simulator.call_log import Call, Counts
-from veldarin_simulator.reply import Answer, RawJSON, Source
+from veldarin_simulator.call_log import LiveObjects, NativeCall
+from veldarin_simulator.reply import RawJSON, Reply, Source
 
 PRODUCT = "veldarin.modules.modules_util"
 # No native services, but a default answer may give them all the same: what the sibling modules are
@@ -28,16 +28,16 @@ _SIBLING_DATA = {
 
 # What a service hands back when nobody answers.
 _UNANSWERED = {
-    native_library.Form.JSON: None,
-    native_library.Form.TEXT: None,
-    native_library.Form.WRAPPED: b"",
-    native_library.Form.IN_PLACE: b"",
-    native_library.Form.COUNT: 0,
-    native_library.Form.STATUS: 0,
+    native_library.ReplyForm.JSON: None,
+    native_library.ReplyForm.TEXT: None,
+    native_library.ReplyForm.WRAPPED: b"",
+    native_library.ReplyForm.IN_PLACE: b"",
+    native_library.ReplyForm.COUNT: 0,
+    native_library.ReplyForm.STATUS: 0,
 }
 
 # A reply made ahead, or what makes it per call.
-_Maker = Union[native_library.Reply, Callable[..., object]]
+_Maker = Union[native_library.EncodedReply, Callable[..., object]]
 
 _open: Simulator | None = None
 
@@ -54,13 +54,13 @@ class Simulator:
     """
 
     def __init__(
-        self, scenario: Path | None = None, live: bool = True, *, counting: bool = True
+        self, scenario: Path | None = None, live: bool = True, *, track_buffers: bool = True
     ) -> None:
         global _open
         self._host = native_library.load()
         if _open is not None:
             raise RuntimeError("another appliance is open in this process: close it first")
-        self._counting = counting
+        self._counting = track_buffers
         self._makers: dict[str, tuple[_Maker, Source]] = {}
         self._sources: dict[str, Source] = {}
         self._errors: list[BaseException] = []
@@ -68,7 +68,7 @@ class Simulator:
         self._on_create: Callable[[tuple[Any, ...]], object] | None = None
         self._on_release: Callable[[str], object] | None = None
         self._folder = Path(tempfile.mkdtemp(prefix="appliance-"))
-        self._host.open(self._asked, counting)
+        self._host.open(self._asked, track_buffers)
         _open = self
         try:
             self._set_up(scenario, live)
@@ -137,14 +137,14 @@ class Simulator:
         The names "serial_number_ascii" and "get_preference_cookie_secret_path" set `serial_number`
         and `secret_path`.
         """
-        answer = reply if isinstance(reply, Answer) else Answer(reply)
+        answer = reply if isinstance(reply, Reply) else Reply(reply)
         value, source = answer.reply, answer.source
         if service in _SIBLING_DATA:
             setattr(self, _SIBLING_DATA[service], value)
             self._sources[service] = source
             return
         form = self._form(service)
-        maker = value if callable(value) else native_library.made_reply(form, value, source)
+        maker = value if callable(value) else native_library.encode_reply(form, value, source)
         self._host.clear_fixed_reply(service)
         self._makers[service] = maker, source
         self._sources.pop(service, None)
@@ -156,7 +156,7 @@ class Simulator:
         of JSONObjects. `answer` for the service ends it. A text canned for `cookieval_unwrap` that
         does not fit is an error for `check()`.
         """
-        self._host.set_fixed_reply(service, native_library.made_reply(self._form(service), reply))
+        self._host.set_fixed_reply(service, native_library.encode_reply(self._form(service), reply))
         self._makers.pop(service, None)
         self._sources[service] = "scripted"
 
@@ -186,7 +186,7 @@ class Simulator:
             raise errors[0]
 
     @property
-    def call_log(self) -> list[Call]:
+    def call_log(self) -> list[NativeCall]:
         """The calls that crossed the native boundary, in order."""
         return self._host.call_log()
 
@@ -195,7 +195,7 @@ class Simulator:
         self._host.clear_calls()
 
     @property
-    def live_objects(self) -> Counts:
+    def live_objects(self) -> LiveObjects:
         """What was made since the appliance was opened and lives still."""
         if not self._counting:
             raise RuntimeError("the appliance was opened with counting=False")
@@ -230,7 +230,7 @@ class Simulator:
 
     @default_response.setter
     def default_response(self, value: RawJSON | None) -> None:
-        self._host.set_blank(native_library.made_reply(native_library.Form.JSON, value))
+        self._host.set_blank(native_library.encode_reply(native_library.ReplyForm.JSON, value))
         self._blank = value
 
     @property
@@ -258,7 +258,7 @@ class Simulator:
         json_module = importlib.import_module("util.json")
         json_module.observe(created=self._on_create, released=self._on_release)
 
-    def _form(self, service: str) -> native_library.Form:
+    def _form(self, service: str) -> native_library.ReplyForm:
         if service not in self._host.forms:
             near = difflib.get_close_matches(service, self._host.forms, n=1)
             hint = f": did you mean {near[0]}?" if near else ""
@@ -274,23 +274,25 @@ class Simulator:
         except BaseException as error:
             self._errors.append(error)
 
-    def _reply(self, service: str, given: bytes | None) -> tuple[native_library.Reply, Source]:
+    def _reply(
+        self, service: str, given: bytes | None
+    ) -> tuple[native_library.EncodedReply, Source]:
         form = self._host.forms[service]
         if service not in self._makers:
-            return native_library.made_reply(form, _UNANSWERED[form], "none"), "none"
+            return native_library.encode_reply(form, _UNANSWERED[form], "none"), "none"
         maker, source = self._makers[service]
-        if isinstance(maker, native_library.Reply):
+        if isinstance(maker, native_library.EncodedReply):
             return maker, source
         value = maker(*_arguments(form, given))
-        if isinstance(value, Answer):
-            return native_library.made_reply(form, value.reply, value.source), value.source
-        return native_library.made_reply(form, value, source), source
+        if isinstance(value, Reply):
+            return native_library.encode_reply(form, value.reply, value.source), value.source
+        return native_library.encode_reply(form, value, source), source
 
 
-def _arguments(form: native_library.Form, given: bytes | None) -> tuple[object, ...]:
+def _arguments(form: native_library.ReplyForm, given: bytes | None) -> tuple[object, ...]:
     if given is None:
         return ()
-    return (json.loads(given) if form is native_library.Form.JSON else given,)
+    return (json.loads(given) if form is native_library.ReplyForm.JSON else given,)
 
 
 def _device_data() -> Any:

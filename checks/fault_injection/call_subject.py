@@ -10,9 +10,9 @@ from checks.fault_injection.expectations import Judge
 from checks.fault_injection.libfaults import NOWHERE, Library, Point, Report
 from checks.fault_injection.process_cases import Arranged
 from checks.fault_injection.results import OF_MEMORY, Found
-from veldarin_simulator import Counts, Simulator
+from veldarin_simulator import LiveObjects, Simulator
 
-NOTHING = Counts(json_objects=0, text_buffers=0)
+NOTHING = LiveObjects(json_objects=0, text_buffers=0)
 BRIDGED = ("list_switch", "list_system", "switch_", "get_system_sniffer", "capture_")
 
 # Without memory for the result these two keep the native buffer, on purpose.
@@ -20,7 +20,7 @@ KEEPING = ("PyBytes_FromString(encrypted)", "PyBytes_FromString(decrypted)")
 KEPT = ["+1 memory blocks"]
 
 
-class Call:
+class CallSubject:
     """A case in this process, for good."""
 
     def __init__(self, library: Library, arranged: Arranged, simulator: Simulator) -> None:
@@ -61,7 +61,7 @@ class Call:
             complaints.append(f"still held: {held}")
         return Found(report.failed > 0, tuple(complaints))
 
-    def _held(self, report: Report) -> Counts:
+    def _held(self, report: Report) -> LiveObjects:
         held = self._stage.simulator.live_objects
         if self.case.function == "encrypt_cookie" and _keeps(report):
             return held._replace(text_buffers=held.text_buffers - self._stage.runs)

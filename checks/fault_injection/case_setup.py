@@ -18,9 +18,9 @@ from checks.fault_injection.results import Outcome, outcome
 from tests.support.call_cases import GONE, Silent, Step
 from tests.support.query_cases import ROWS
 from tests.support.refcounts import watched
-from veldarin_simulator import Counts, Simulator
+from veldarin_simulator import LiveObjects, Simulator
 
-NOTHING = Counts(json_objects=0, text_buffers=0)
+NOTHING = LiveObjects(json_objects=0, text_buffers=0)
 # Called through their names in the module; those of the module itself are on trial.
 COLLABORATORS = ("text_", "bytes_", "serial_number_ascii", "CFunctionError", "open")
 TIMES = 4  # of a repeated trial

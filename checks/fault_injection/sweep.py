@@ -8,7 +8,7 @@ from contextlib import ExitStack
 from dataclasses import dataclass, field
 from typing import Protocol, Union
 
-from checks.fault_injection.call_subject import Call
+from checks.fault_injection.call_subject import CallSubject
 from checks.fault_injection.crashes import Death
 from checks.fault_injection.forced_failures import FORCED
 from checks.fault_injection.forks import Children, DiedError
@@ -67,7 +67,7 @@ def sweep(library: Library, case: AnyCase, orderly: bool, single: bool = False) 
             subject = Import(library, case, children)
         else:
             arranged = case if isinstance(case, Arranged) else Arranged(case)
-            subject = Call(library, arranged, ending.enter_context(Simulator(live=False)))
+            subject = CallSubject(library, arranged, ending.enter_context(Simulator(live=False)))
         for start in subject.starts():
             if not (single and start.lasting):
                 _sweep(subject, start, children, swept)

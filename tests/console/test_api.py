@@ -15,7 +15,7 @@ from pyramid import testing
 
 from tests.support.console import ARP, ROUTING, client, opened
 from tests.support.function_table import FUNCTIONS
-from veldarin_simulator import Answer, parse_capture, stub
+from veldarin_simulator import Reply, parse_capture, stub
 from veldarin_simulator.console import views
 from veldarin_simulator.console.app import ROUTES
 from veldarin_simulator.console.errors import Problem
@@ -282,7 +282,7 @@ def test_the_journals_of_calls_at_the_same_time_are_not_mixed(asked: Any, bench:
         time.sleep(0.02)  # lets every other thread run that can
         return [request]
 
-    scripted(bench, "build_switch_port_statistics", Answer(slow))
+    scripted(bench, "build_switch_port_statistics", Reply(slow))
 
     def call(place: int) -> tuple[int, Any]:
         arguments = {"arguments": [f"port{place}"]}

@@ -27,7 +27,7 @@ from veldarin_simulator import Simulator
 
 settings.register_profile(
     "twin",
-    max_examples=int(os.environ.get("TWIN_EXAMPLES", "250")),
+    max_examples=int(os.environ.get("HYPOTHESIS_EXAMPLES", "250")),
     derandomize="CI" in os.environ,
     database=None,
     deadline=None,

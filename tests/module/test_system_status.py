@@ -276,7 +276,7 @@ def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_o
 ) -> None:
     asked: list[object] = []
 
-    class Answer:
+    class Reply:
         def __init__(self, truth: bool) -> None:
             self.truth = truth
 
@@ -290,7 +290,7 @@ def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_o
 
         def __eq__(self, other: object) -> Any:
             asked.append(other)
-            return Answer(self.truth)
+            return Reply(self.truth)
 
     chosen = {"name": Name(True)}
     parsed.value = [{"interface": [{"name": Name(False)}, chosen, {"name": Name(True)}]}]

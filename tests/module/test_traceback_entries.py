@@ -216,7 +216,7 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
     from veldarin_simulator import Simulator
 
     capi = cast(Any, _testcapi)
-    with Simulator(live=False, counting=False) as simulator:
+    with Simulator(live=False, track_buffers=False) as simulator:
         new_cookie_id = simulator.module.new_cookie_id
         simulator.set_fixed_reply("aps_get_new_cookie_id", 2**31)
         try:

@@ -35,7 +35,7 @@ from veldarin_simulator.providers import (
     serial_number,
     storage,
 )
-from veldarin_simulator.reply import Answer
+from veldarin_simulator.reply import Reply
 
 CAPTURES = Path(__file__).parents[1] / "data" / "cli_output"
 
@@ -62,16 +62,16 @@ def no_sessions_yet() -> Iterator[None]:
     clear()
 
 
-def asked(answers: dict[str, Answer], service: str, *arguments: object) -> Any:
+def asked(answers: dict[str, Reply], service: str, *arguments: object) -> Any:
     """A service's reply, made as the appliance makes it."""
     reply = answers[service].reply
     return reply(*arguments) if callable(reply) else reply
 
 
-def command(answers: dict[str, Answer], text: bytes) -> Answer:
+def command(answers: dict[str, Reply], text: bytes) -> Reply:
     """The command line's answer."""
     answer = asked(answers, "get_cli_cmd_output", text)
-    assert isinstance(answer, Answer)
+    assert isinstance(answer, Reply)
     return answer
 
 
@@ -240,8 +240,8 @@ def test_flash_partitions_are_the_mounted_file_systems_each_once() -> None:
 
 
 class _Mount:
-    def __init__(self, simulator: str, mountpoint: str, opts: str = "rw") -> None:
-        self.simulator, self.mountpoint, self.opts = simulator, mountpoint, opts
+    def __init__(self, device: str, mountpoint: str, opts: str = "rw") -> None:
+        self.device, self.mountpoint, self.opts = device, mountpoint, opts
         self.fstype = "ext4"
 
 
@@ -616,7 +616,7 @@ def test_a_shell_is_not_given_the_callers_input() -> None:
 def test_a_daemon_without_sessions_is_a_live_answer(shell: Path) -> None:
     shell.write_text("#!/bin/sh\necho 'BFD Peers:'\n")
     answer = command(default_answers(None, live=True), b"get router info6 bfd neighbor")
-    assert answer == Answer("BFD Peers:\n", "live")
+    assert answer == Reply("BFD Peers:\n", "live")
 
 
 @pytest.mark.usefixtures("no_sessions_yet")
@@ -684,7 +684,7 @@ def test_without_live_answers_and_scenario_nothing_answers() -> None:
 def test_a_command_that_nobody_knows_has_no_output() -> None:
     answers = default_answers(None, live=True)
     for text in (b"", b" ", b"get system", b"get system arp now", b"GET SYSTEM ARP", b"\xff\xfe"):
-        assert command(answers, text) == Answer(None, "none")
+        assert command(answers, text) == Reply(None, "none")
     with Simulator(live=True) as simulator:
         error = simulator.module.CFunctionError
         with pytest.raises(error, match="result is null"):

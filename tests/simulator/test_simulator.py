@@ -20,7 +20,15 @@ from typing import Any
 
 import pytest
 
-from veldarin_simulator import Answer, Call, Counts, RawJSON, Simulator, Source, native_library
+from veldarin_simulator import (
+    LiveObjects,
+    NativeCall,
+    RawJSON,
+    Reply,
+    Simulator,
+    Source,
+    native_library,
+)
 
 POINTER = ctypes.sizeof(ctypes.c_void_p)
 STATUS = "build_switch_lg_state"
@@ -198,7 +206,9 @@ def test_every_bridge_function_is_a_service_of_its_own(
     simulator: Simulator, native: Native
 ) -> None:
     names = [
-        name for name, form in simulator._host.forms.items() if form is native_library.Form.JSON
+        name
+        for name, form in simulator._host.forms.items()
+        if form is native_library.ReplyForm.JSON
     ]
     assert len(names) == 17
     for name in names:
@@ -359,12 +369,12 @@ def test_the_journal_holds_what_crossed_in_order(
     native.unwrap(b"wrapped")
     release(request)
     assert simulator.call_log == [
-        Call(STATUS, 0x10, '{"mkey":"é/"}', None, None),
-        Call(CAPTURES[1], None, '{"mkey":"é/"}', 0x20, None),
-        Call("get_cli_cmd_output", 0x30, None, None, b"get system arp"),
-        Call("aps_get_new_cookie_id"),
-        Call("cookieval_unwrap", None, None, None, b"wrapped"),
-        Call(RELEASE, None, '{"mkey":"é/"}', None, None),
+        NativeCall(STATUS, 0x10, '{"mkey":"é/"}', None, None),
+        NativeCall(CAPTURES[1], None, '{"mkey":"é/"}', 0x20, None),
+        NativeCall("get_cli_cmd_output", 0x30, None, None, b"get system arp"),
+        NativeCall("aps_get_new_cookie_id"),
+        NativeCall("cookieval_unwrap", None, None, None, b"wrapped"),
+        NativeCall(RELEASE, None, '{"mkey":"é/"}', None, None),
     ]
 
 
@@ -400,8 +410,8 @@ def test_the_journal_keeps_the_latest_calls(simulator: Simulator, sibling: Modul
 
 def test_the_source_of_an_answer_is_told(simulator: Simulator, native: Native) -> None:
     sources: Iterator[Source] = iter(["live", "recorded"])
-    simulator.set_reply(STATUS, lambda request: Answer(None, next(sources)))
-    simulator.set_reply("__get_aps_hash", Answer(5, "recorded"))
+    simulator.set_reply(STATUS, lambda request: Reply(None, next(sources)))
+    simulator.set_reply("__get_aps_hash", Reply(5, "recorded"))
     assert simulator.source("get_cli_cmd_output") == "none"
     assert simulator.source(STATUS) == "scripted"
     assert simulator.source("__get_aps_hash") == "recorded"
@@ -425,10 +435,10 @@ def test_replies_count_until_json_c_frees_them(simulator: Simulator, native: Nat
     for value in values:
         simulator.set_reply(STATUS, value)
         replies.append(native.status(STATUS, None, None))
-    assert simulator.live_objects == Counts(5, 0)
+    assert simulator.live_objects == LiveObjects(5, 0)
     for left, reply in zip((4, 3, 2, 1, 0), replies):
         native.put(reply)
-        assert simulator.live_objects == Counts(left, 0)
+        assert simulator.live_objects == LiveObjects(left, 0)
 
 
 def test_requests_count_until_json_c_frees_them(simulator: Simulator, sibling: ModuleType) -> None:
@@ -444,7 +454,7 @@ def test_requests_count_until_json_c_frees_them(simulator: Simulator, sibling: M
 def test_text_buffers_count_until_they_are_freed(simulator: Simulator, native: Native) -> None:
     simulator.set_reply("get_cli_cmd_output", "x")
     buffers = [native.command(b"x") for _ in range(3)]
-    assert simulator.live_objects == Counts(0, 3)
+    assert simulator.live_objects == LiveObjects(0, 3)
     resize = ctypes.pythonapi["PyMem_Realloc"]
     resize.restype, resize.argtypes = ctypes.c_void_p, [ctypes.c_void_p, ctypes.c_size_t]
     buffers[0] = resize(buffers[0], 100_000)
@@ -460,13 +470,13 @@ def test_what_an_earlier_appliance_made_counts_no_more(built: None) -> None:
         simulator.set_reply(STATUS, [1])
         simulator.set_reply("get_cli_cmd_output", "x")
         reply, buffer = native.status(STATUS, None, None), native.command(b"x")
-        assert simulator.live_objects == Counts(1, 1)
+        assert simulator.live_objects == LiveObjects(1, 1)
     with Simulator(live=False) as simulator:
-        assert simulator.live_objects == Counts(0, 0)
+        assert simulator.live_objects == LiveObjects(0, 0)
         native.put(reply)
         assert buffer is not None
         native.free(buffer)
-        assert simulator.live_objects == Counts(0, 0)
+        assert simulator.live_objects == LiveObjects(0, 0)
 
 
 class Allocator(ctypes.Structure):
@@ -490,7 +500,7 @@ def test_the_allocator_is_wrapped_only_while_buffers_are_counted(built: None) ->
     with Simulator(live=False):
         assert allocator() != before
     assert allocator() == before
-    with Simulator(live=False, counting=False) as simulator:
+    with Simulator(live=False, track_buffers=False) as simulator:
         assert allocator() == before
         with pytest.raises(RuntimeError, match="opened with counting=False"):
             simulator.live_objects  # noqa: B018
@@ -742,7 +752,7 @@ def test_a_wrapped_text_is_empty_rather_than_null_when_memory_fails(built: None)
     wrap = native.function("cookieval_wrap", ctypes.c_void_p, ctypes.c_char_p)
     texts = []
     # Where ctypes cannot make its result the buffer is lost: not counted.
-    with Simulator(live=False, counting=False) as simulator:
+    with Simulator(live=False, track_buffers=False) as simulator:
         simulator.set_fixed_reply(
             "cookieval_wrap", b"x" * 600
         )  # beyond the interpreter's small blocks
@@ -913,7 +923,7 @@ def test_a_blank_object_renders_as_null(simulator: Simulator, sibling: ModuleTyp
     assert held(blank) is None
     assert str(blank) == "null"
     assert release(blank) is None
-    assert simulator.call_log == [Call(RELEASE, request="null")]
+    assert simulator.call_log == [NativeCall(RELEASE, request="null")]
 
 
 def test_a_blank_can_be_scripted_and_is_borrowed(simulator: Simulator, sibling: ModuleType) -> None:
@@ -944,7 +954,7 @@ def test_a_reply_put_in_place_of_a_blank_is_owned(
     if released:
         release(response)
         assert simulator.live_objects.json_objects == 0
-        assert simulator.call_log[-1] == Call(RELEASE, request="[1]")
+        assert simulator.call_log[-1] == NativeCall(RELEASE, request="[1]")
     del response
     assert simulator.live_objects.json_objects == 0
 
@@ -1082,12 +1092,12 @@ def test_default_answers_are_asked_for_the_scenario_and_live(
 ) -> None:
     asked = []
 
-    def default_answers(scenario: Path | None, live: bool) -> dict[str, Answer]:
+    def default_answers(scenario: Path | None, live: bool) -> dict[str, Reply]:
         asked.append((scenario, live))
         return {
-            "aps_get_new_cookie_id": Answer(lambda: 9, "live"),
-            "serial_number_ascii": Answer(b"SN2", "recorded"),
-            "get_preference_cookie_secret_path": Answer(tmp_path / "kept", "live"),
+            "aps_get_new_cookie_id": Reply(lambda: 9, "live"),
+            "serial_number_ascii": Reply(b"SN2", "recorded"),
+            "get_preference_cookie_secret_path": Reply(tmp_path / "kept", "live"),
         }
 
     answers.default_answers = default_answers

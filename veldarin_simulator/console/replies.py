@@ -10,7 +10,7 @@ import json
 from typing import Any
 from urllib.parse import unquote_to_bytes
 
-from veldarin_simulator import Answer, RawJSON
+from veldarin_simulator import RawJSON, Reply
 from veldarin_simulator.console.errors import Problem
 from veldarin_simulator.console.scenario_store import Files
 from veldarin_simulator.scenario import DEFAULT_SCENARIO, SERVICES
@@ -73,13 +73,13 @@ def is_command(name: str) -> bool:
     return name not in SERVICES
 
 
-def present(name: str, answers: dict[str, Answer]) -> str:
+def present(name: str, answers: dict[str, Reply]) -> str:
     """What the answers of this machine say without a file: the text to begin editing with. Raises
     what the answer does."""
     if is_command(name):
         output = answers["get_cli_cmd_output"].reply
         printed = output(name.replace("{}", "ADDRESS").encode()) if callable(output) else output
-        text = printed.reply if isinstance(printed, Answer) else printed
+        text = printed.reply if isinstance(printed, Reply) else printed
         return text.decode("utf-8", "replace") if isinstance(text, bytes) else str(text or "")
     answer = answers.get(name)
     if answer is None:

@@ -9,7 +9,7 @@ import math
 import traceback
 from typing import Any
 
-from veldarin_simulator import Call
+from veldarin_simulator import NativeCall
 
 _RELEASE = "JSONObject.release"
 _COMMAND_LINE = "get_cli_cmd_output"
@@ -73,14 +73,14 @@ def raised(error: BaseException, passed: str | None = None) -> dict[str, Any]:
     }
 
 
-def source(journal: list[Call]) -> str:
+def source(journal: list[NativeCall]) -> str:
     """Where the answers of a call came from."""
     asked = [call for call in journal if call.service != _RELEASE]
     sources = sorted({call.source for call in asked} - {"none"})
     return "+".join(sources) or ("no answer" if asked else "no call")
 
 
-def native_call(call: Call) -> dict[str, Any]:
+def native_call(call: NativeCall) -> dict[str, Any]:
     """A call of the journal. "kind" is "request", "command", "text", "plain" for a service that
     is given nothing, or "method" for a call through the method table of a JSONObject."""
     shown: dict[str, Any] = {"service": call.service, "source": call.source}

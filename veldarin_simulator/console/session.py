@@ -15,7 +15,7 @@ from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any
 
-from veldarin_simulator import Call, Simulator, parse_capture
+from veldarin_simulator import NativeCall, Simulator, parse_capture
 from veldarin_simulator.console import replies, serialization
 from veldarin_simulator.console.errors import Problem
 from veldarin_simulator.console.scenario_store import Files, Shelf
@@ -30,7 +30,7 @@ class Called:
 
     result: dict[str, Any] | None
     raised: dict[str, Any] | None
-    journal: list[Call]
+    journal: list[NativeCall]
     seconds: float
     failed_answers: str | None  # what went wrong in the stand-in itself
 

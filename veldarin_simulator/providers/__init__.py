@@ -22,7 +22,7 @@ from veldarin_simulator.providers import (
 )
 from veldarin_simulator.providers.cli_commands import CommandLine
 from veldarin_simulator.providers.sniffer import Captures
-from veldarin_simulator.reply import Answer
+from veldarin_simulator.reply import Reply
 from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, ScenarioError, load, row_filter
 
 __all__ = ["ScenarioError", "default_answers"]
@@ -30,7 +30,7 @@ __all__ = ["ScenarioError", "default_answers"]
 _SUMMARY = "build_system_sniffer_profile_summary"
 
 
-def default_answers(scenario: Path | None, live: bool) -> dict[str, Answer]:
+def default_answers(scenario: Path | None, live: bool) -> dict[str, Reply]:
     """Service name to its answer, for `Appliance.set_reply`; the serial number is one of them.
 
     The scenario, a directory as scenarios/README.md describes it, comes first. With
@@ -42,11 +42,11 @@ def default_answers(scenario: Path | None, live: bool) -> dict[str, Answer]:
     stock = load(DEFAULT_SCENARIO) if live else Scenario()
     answers = _recorded(stock)
     if live:
-        answers.update((service, Answer(reply, "live")) for service, reply in _live().items())
+        answers.update((service, Reply(reply, "live")) for service, reply in _live().items())
     answers.update(_recorded(own))
     if live or own.commands:
         command_line = CommandLine(own, stock, live)
-        answers["get_cli_cmd_output"] = Answer(command_line.output, "live" if live else "recorded")
+        answers["get_cli_cmd_output"] = Reply(command_line.output, "live" if live else "recorded")
     return answers
 
 
@@ -68,7 +68,7 @@ def _live() -> dict[str, Any]:
     }
 
 
-def _recorded(scenario: Scenario) -> dict[str, Answer]:
+def _recorded(scenario: Scenario) -> dict[str, Reply]:
     replies = {service: row_filter(value) for service, value in scenario.services.items()}
     if _SUMMARY in scenario.services:
         captures = Captures(scenario.services[_SUMMARY])
@@ -80,4 +80,4 @@ def _recorded(scenario: Scenario) -> dict[str, Answer]:
             "build_delete_sniffer_profile_capture": captures.delete,
         }
         replies = {**controlled, **{k: v for k, v in replies.items() if k != _SUMMARY}}
-    return {service: Answer(reply, "recorded") for service, reply in replies.items()}
+    return {service: Reply(reply, "recorded") for service, reply in replies.items()}

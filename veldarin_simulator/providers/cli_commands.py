@@ -9,7 +9,7 @@ from __future__ import annotations
 from collections.abc import Callable
 
 from veldarin_simulator.providers import bfd
-from veldarin_simulator.reply import Answer
+from veldarin_simulator.reply import Reply
 from veldarin_simulator.scenario import Scenario
 
 
@@ -48,7 +48,7 @@ class CommandLine:
         self._stock = stock
         self._live = live
 
-    def output(self, command: bytes) -> Answer:
+    def output(self, command: bytes) -> Reply:
         """The text that the command prints, with its source; a null reply for an unknown one.
 
         `command` is the text that reached the command line, at most 127 bytes of it. Words may be
@@ -58,12 +58,12 @@ class CommandLine:
         spoken = b" ".join(words)
         own = self._own.command_output(spoken)
         if own is not None:
-            return Answer(own, "recorded")
+            return Reply(own, "recorded")
         live = _printed([word.decode("utf-8", "replace") for word in words]) if self._live else None
         if live is not None:
-            return Answer(live, "live")
+            return Reply(live, "live")
         stock = self._stock.command_output(spoken)
-        return Answer(stock, "none" if stock is None else "recorded")
+        return Reply(stock, "none" if stock is None else "recorded")
 
 
 def _printed(words: list[str]) -> str | None:
