@@ -107,10 +107,11 @@ SECRET = "8f4b1c2d" * 8
 @pytest.fixture
 def example_device(built: None) -> Iterator[Simulator]:
     """The device of the examples: recorded answers, and those above."""
-    with Simulator(DEFAULT_SCENARIO, live=False) as simulator:
+    with Simulator(live=False) as simulator:
         # The shared dictionary of sessions outlives a simulator.
         simulator.set_reply("get_cli_cmd_output", "")
         simulator.module.get_bfd_neighbor("").clear()
+    with Simulator(DEFAULT_SCENARIO, live=False) as simulator:
         for service, answer in ANSWERS.items():
             simulator.set_reply(service, answer)
         simulator.secret_path.write_text(SECRET)
