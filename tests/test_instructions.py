@@ -9,7 +9,7 @@ import platform
 import pytest
 
 from appliance import host
-from benchmarks import gate
+from benchmarks import gate, hostile
 from benchmarks.contenders import PRODUCT
 from benchmarks.instructions import Counts, Table
 from benchmarks.workloads import FLOOR
@@ -29,6 +29,13 @@ def is_release() -> bool:
 def test_no_call_takes_more_or_less_than_the_baseline_says() -> None:
     found = gate.differences(gate.measure())
     assert not found, "\n".join([*found, "if this is meant: make bench-baseline"])
+
+
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="valgrind counts on a workstation")
+@pytest.mark.skipif(not is_release(), reason="the release build's searches are those that ship")
+def test_hostile_texts_take_linear_time() -> None:
+    found = gate.nonlinear(gate.measure_growth())
+    assert not found, "\n".join(found)
 
 
 # The gate itself, on figures that are the baseline's own but for one.
@@ -114,3 +121,19 @@ def test_on_another_toolchain_the_ratio_to_the_floor_counts() -> None:
     assert gate.differences(counts(instructions=1.08)) == []
     (sentence,) = gate.differences(counts(instructions=1.12))
     assert "times the floor" in sentence
+
+
+def test_growth_up_to_17_times_is_linear() -> None:
+    assert gate.nonlinear({"a": (1000, 17_000), "b": (1000, 2000)}) == []
+
+
+def test_growth_beyond_17_times_is_named() -> None:
+    (sentence,) = gate.nonlinear({"a": (1000, 17_001), "b": (1000, 17_000)})
+    assert sentence.startswith("a: 17,001 instructions")
+
+
+def test_hostile_text_is_of_the_size_asked_for() -> None:
+    """A text that stays small would pass whatever the module does."""
+    for text in hostile.TEXTS:
+        small, large = (len(text.output(size)) for size in hostile.SIZES)
+        assert large - small > hostile.SIZES[1] - hostile.SIZES[0] - len(text.piece), text.name
