@@ -76,6 +76,8 @@ TEXTS = [
     _bfd("peer in one line", "peer "),
     _bfd("many headers", f"peer 10.0.0.3 interface port{'2' * 36}\n"),
     _bfd("pee in one line", "pee"),
+    _bfd("pee in one line, two bytes a character", "pee", head="\u0101"),
+    _bfd("objnam in one line", "objnam"),
     _bfd("pee in every line", "pee: pee\n"),
     _bfd("pee in every line, peer in the last", "pee: pee\n", tail="peer "),
     _bfd("colons in one line", ":"),
