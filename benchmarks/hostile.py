@@ -29,8 +29,10 @@ class HostileText:
     fails: bool = False
 
     def output(self, size: int) -> str:
-        """Return the text with `size` characters between head and tail."""
-        return self.head + self.piece * (size // len(self.piece)) + self.tail
+        """Return the text with about `size` characters, one of `SIZES`, between head and tail."""
+        # The larger text has exactly FACTOR times the pieces of the smaller.
+        pieces = SIZES[0] // len(self.piece) * (size // SIZES[0])
+        return self.head + self.piece * pieces + self.tail
 
     def arguments(self) -> tuple[object, ...]:
         """Return new arguments for one call of the function."""
