@@ -139,6 +139,29 @@ def test_bytes_and_bytearrays_of_any_class_are_a_command(
     assert sent(device) == [b"encoded"]
 
 
+@pytest.mark.parametrize("kind", [bytes, bytearray])
+def test_encoded_command_is_dropped_before_the_native_call(
+    device: Appliance,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    kind: type[bytes],
+) -> None:
+    events: list[object] = []
+
+    class Encoded(kind):  # type: ignore[valid-type, misc]
+        def __del__(self) -> None:
+            events.append("dropped")
+
+    def answer(command: bytes) -> str:
+        events.append(command)
+        return "output"
+
+    monkeypatch.setattr(module, "bytes_", lambda text, encoding: Encoded(b"encoded"))
+    device.answer("get_cli_cmd_output", answer)
+    module.get_cli_command_output("command")
+    assert events == ["dropped", b"encoded"]
+
+
 def test_an_empty_bytearray_is_an_empty_command(
     device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -410,6 +433,51 @@ def test_lines_ascend_with_the_statements(
         failing_line("text_", "output"),
     ]
     assert ascending([250, *lines, 352])
+
+
+class UnusedLogger:
+    """A logger that records the look-up of any of its attributes."""
+
+    def __init__(self) -> None:
+        self.looked_up: list[str] = []
+
+    def __getattr__(self, name: str) -> Any:
+        self.looked_up.append(name)
+        return lambda *args, **kwargs: None
+
+
+@pytest.mark.parametrize(
+    "command, output, kind",
+    [
+        ("command", "a--More--b", None),
+        ("command", None, "CFunctionError"),
+        ("command", b"\xff", "UnicodeDecodeError"),
+        ("\ud800", "output", "UnicodeEncodeError"),
+        (None, "output", "TypeError"),
+        (5, "output", "TypeError"),
+    ],
+)
+def test_success_and_every_failure_log_nothing(
+    device: Appliance,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    caplog: pytest.LogCaptureFixture,
+    command: Any,
+    output: str | bytes | None,
+    kind: str | None,
+) -> None:
+    logger = UnusedLogger()
+    monkeypatch.setattr(module, "_logger", logger)
+    device.answer("get_cli_cmd_output", output)
+    raised = None
+    with caplog.at_level(0):
+        try:
+            module.get_cli_command_output(command)
+        except Exception as error:
+            raised = type(error).__name__
+    assert raised == kind
+    assert logger.looked_up == []
+    assert caplog.records == []
 
 
 # What the parsers do with it
