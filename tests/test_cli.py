@@ -3,6 +3,7 @@ buffer, which is freed whatever happens."""
 
 from __future__ import annotations
 
+import copy
 from types import ModuleType
 from typing import Any
 
@@ -17,6 +18,7 @@ from tests.observe import (
     failure,
     line,
     raising,
+    taken_apart,
     traceback_entries,
     wrong_type,
 )
@@ -506,3 +508,53 @@ def test_parsers_look_names_up_as_their_statement_reads(
     cli.run.answer = run
     getattr(cli.parser, function)(*arguments)
     assert decode.positional == [(output, "rebound while the command ran")]
+
+
+class OwnMethods(str):
+    """Text whose methods are its own."""
+
+    called: list[str]
+
+    def __new__(cls, text: str, called: list[str]) -> OwnMethods:
+        made = super().__new__(cls, text)
+        made.called = called
+        return made
+
+    def split(self, *args: Any) -> list[str]:
+        self.called.append("split")
+        return []
+
+    def replace(self, *args: Any) -> str:
+        self.called.append("replace")
+        return "replaced"
+
+
+@pytest.mark.parametrize(
+    "function, arguments, output",
+    [
+        ("get_bfd_neighbor", ("command", {}), "echo\npeer a b c\n\tk: v"),
+        ("get_routing_table_result", ("address",), "Routing a b c\r\na,b c,d e,f\na b c"),
+        ("get_system_arp_result", (), "Address\na b c d"),
+    ],
+)
+def test_parsers_read_the_characters_of_a_str_subclass(
+    native_cli: CommandLine, function: str, arguments: tuple[object, ...], output: str
+) -> None:
+    called: list[str] = []
+    parse = getattr(native_cli.parser, function)
+    native_cli.prints(output)
+    expected = parse(*copy.deepcopy(arguments))
+    assert expected
+    native_cli.rebind("text_", lambda value, encoding: OwnMethods(output, called))
+    assert taken_apart(parse(*copy.deepcopy(arguments))) == taken_apart(expected)
+    assert called == []
+
+
+def test_command_output_calls_replace_of_a_str_subclass(
+    device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    called: list[str] = []
+    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethods("text", called))
+    device.answer("get_cli_cmd_output", "output")
+    assert module.get_cli_command_output("command") == "replaced"
+    assert called == ["replace"]
