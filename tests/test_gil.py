@@ -3,6 +3,7 @@ Python thread from C sees it stand still."""
 
 from __future__ import annotations
 
+import contextlib
 import ctypes
 import threading
 from collections.abc import Iterator
@@ -72,15 +73,11 @@ def test_query_holds_the_lock_across_native_calls(
         ("encrypt_cookie", (b"plain",), "cookieval_wrap", "wrapped"),
         ("decrypt_cookie", (b"wrapped",), "cookieval_unwrap", "plain"),
         ("check_cert_expiration", (b"/path",), "gui_chk_cert_expiration", 0),
-        ("get_cli_command_output", ("command",), "get_cli_cmd_output", "output"),
-        ("get_bfd_neighbor", ("command", {}), "get_cli_cmd_output", "echo"),
-        (
-            "get_routing_table_result",
-            ("address",),
-            "get_cli_cmd_output",
-            "Routing a b c\na,b c,d e,f\na b c",
-        ),
-        ("get_system_arp_result", (), "get_cli_cmd_output", "Address"),
+        # Null, so that the service needs no allocator: a released lock then fails the test only.
+        ("get_cli_command_output", ("command",), "get_cli_cmd_output", None),
+        ("get_bfd_neighbor", ("command", {}), "get_cli_cmd_output", None),
+        ("get_routing_table_result", ("address",), "get_cli_cmd_output", None),
+        ("get_system_arp_result", (), "get_cli_cmd_output", None),
     ],
 )
 def test_function_holds_the_lock_across_its_native_call(
@@ -94,6 +91,7 @@ def test_function_holds_the_lock_across_its_native_call(
 ) -> None:
     device.can(service, reply)
     device.probe_gil(counter, HELD)
-    getattr(module, function)(*arguments)
+    with contextlib.suppress(module.CFunctionError):
+        getattr(module, function)(*arguments)
     assert device.canned_calls(service) == 1
     assert device.gil_probes == GILProbes(calls=1, released=0)

@@ -320,30 +320,6 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
     assert result == 0  # of the native service without an appliance
 
 
-def test_reload_only_writes_what_the_import_system_owns() -> None:
-    """A reload creates no module object, so CPython adds no functions either."""
-
-    def reload_module() -> list[object]:
-        import importlib
-
-        from tests.fresh import MODULE
-
-        module: Any = importlib.import_module(MODULE)
-        module._CHARSET = module.new_cookie_id = "rebound"
-        del module.Counters, module.get_token
-        before = dict(vars(module))
-        again = importlib.reload(module)
-        held = vars(module)
-        return [
-            again is module,
-            list(held) == list(before),
-            sorted(name for name in before if held[name] is not before[name]),
-        ]
-
-    names = ["__file__", "__loader__", "__package__", "__spec__"]
-    assert fresh.value(reload_module) == [True, True, names]
-
-
 def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
     def read_again() -> list[str]:
         import importlib
