@@ -29,7 +29,8 @@ What all functions have in common:
   the interpreter shares for that character.
 - The interpreter creates the module once per process. A second import, after the module was removed
   from `sys.modules`, gives the same module object; the interpreter then binds all thirty functions
-  again, so a function that was rebound or deleted is back. Every other name stays as it was.
+  again, so a function that was rebound or deleted is back. Every other name but `__spec__` stays as
+  it was.
 
 The examples show the stand-in appliance's answers: on the appliance the layout of a status reply is
 that of its native service.
