@@ -6,6 +6,6 @@ the tools.
 
 from appliance.answer import Answer, RawJSON, Source
 from appliance.device import Appliance
-from appliance.journal import Call, Counts
+from appliance.journal import Call, Counts, GILProbes
 
-__all__ = ["Answer", "Appliance", "Call", "Counts", "RawJSON", "Source"]
+__all__ = ["Answer", "Appliance", "Call", "Counts", "GILProbes", "RawJSON", "Source"]

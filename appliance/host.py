@@ -16,7 +16,7 @@ from pathlib import Path
 from typing import Any
 
 from appliance.answer import RawJSON, Source
-from appliance.journal import Call, Counts
+from appliance.journal import Call, Counts, GILProbes
 
 ROOT = Path(__file__).resolve().parent.parent
 SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
@@ -89,6 +89,12 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "appliance_journal_read": (ctypes.c_int, (ctypes.c_size_t, ctypes.POINTER(_Call))),
     "appliance_journal_forget": (None, ()),
     "appliance_count": (None, (ctypes.POINTER(_Counts),)),
+    "appliance_record_serializer": (None, (ctypes.c_int,)),
+    "appliance_probe_gil": (None, (ctypes.POINTER(ctypes.c_ulong), ctypes.c_uint)),
+    "appliance_gil_probes": (
+        None,
+        (ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)),
+    ),
     "appliance_set_blank": (ctypes.c_char_p, (ctypes.POINTER(Reply),)),
 }
 
@@ -149,6 +155,7 @@ class Host:
         self.forms = dict(self._services())
         self._indices = {service: index for index, service in enumerate(self.forms)}
         self._callback: object = None  # the library calls it: kept alive here
+        self._counter: object = None  # the library reads it: kept alive here
 
     def _services(self) -> Iterator[tuple[str, Form]]:
         form = ctypes.c_int()
@@ -170,7 +177,7 @@ class Host:
     def close(self) -> None:
         """From here on services answer null, nought or empty text."""
         self._library.appliance_close()
-        self._callback = None
+        self._callback = self._counter = None
 
     def answer(self, service: str, reply: Reply) -> None:
         """Answers the call of the service that is being asked about."""
@@ -217,6 +224,21 @@ class Host:
     def forget(self) -> None:
         """Empties the journal."""
         self._library.appliance_journal_forget()
+
+    def record_serializer(self, record: bool) -> None:
+        """Journals the calls of `json_object_to_json_string`, or stops to do so."""
+        self._library.appliance_record_serializer(record)
+
+    def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int) -> None:
+        """Makes native calls wait until the counter changes, for this time at most."""
+        self._library.appliance_probe_gil(counter, milliseconds)
+        self._counter = counter
+
+    def gil_probes(self) -> GILProbes:
+        """What the native calls saw while they waited."""
+        calls, released = ctypes.c_ulong(), ctypes.c_ulong()
+        self._library.appliance_gil_probes(ctypes.byref(calls), ctypes.byref(released))
+        return GILProbes(calls.value, released.value)
 
     def counts(self) -> Counts:
         """What is alive."""

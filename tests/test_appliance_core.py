@@ -20,7 +20,7 @@ from typing import Any
 
 import pytest
 
-from appliance import Answer, Appliance, Call, Counts, RawJSON, Source, host
+from appliance import Answer, Appliance, Call, Counts, GILProbes, RawJSON, Source, host
 
 POINTER = ctypes.sizeof(ctypes.c_void_p)
 STATUS = "build_switch_lg_state"
@@ -356,6 +356,51 @@ def test_the_journal_holds_what_crossed_in_order(
         Call("cookieval_unwrap", None, None, None, b"wrapped"),
         Call(RELEASE, None, '{"mkey":"é/"}', None, None),
     ]
+
+
+def test_serializer_is_journaled_only_when_recorded(device: Appliance, native: Native) -> None:
+    serializer = "json_object_to_json_string"
+    device.answer(STATUS, {"a": [1, "/"]})
+    reply = native.status(STATUS, None, None)
+    before = native.rendered(reply)
+    assert [call.service for call in device.journal] == [STATUS]
+    device.record_serializer()
+    assert native.rendered(reply) == before
+    assert native.rendered(None) == b"null"
+    device.record_serializer(False)
+    assert native.rendered(reply) == before
+    assert device.journal[1:] == [
+        Call(serializer, request='{"a":[1,"/"]}'),
+        Call(serializer, request="null"),
+    ]
+    native.put(reply)
+
+
+def test_serializer_is_not_recorded_by_the_next_appliance(built: None) -> None:
+    native = Native()
+    with Appliance(live=False) as device:
+        device.record_serializer()
+        native.rendered(None)
+        assert len(device.journal) == 1
+    with Appliance(live=False) as device:
+        native.rendered(None)
+        assert device.journal == []
+
+
+def test_gil_probe_ends_with_the_appliance(built: None) -> None:
+    native = Native()
+    counter = ctypes.c_ulong()
+    with Appliance(live=False) as device:
+        device.probe_gil(counter, 1)
+        native.number("aps_get_new_cookie_id")
+        assert device.gil_probes == GILProbes(calls=1, released=0)
+        device.probe_gil(None)
+        native.number("aps_get_new_cookie_id")
+        assert device.gil_probes == GILProbes(calls=0, released=0)
+        device.probe_gil(counter, 1)
+    with Appliance(live=False) as device:
+        native.number("aps_get_new_cookie_id")
+        assert device.gil_probes == GILProbes(calls=0, released=0)
 
 
 def test_forgetting_empties_the_journal_even_during_a_call(
