@@ -14,6 +14,7 @@ from typing import Any, Callable
 import pytest
 
 from appliance import Appliance
+from tests import fresh
 from tests.observe import (
     Entry,
     Recorder,
@@ -725,3 +726,143 @@ def test_special_methods_may_be_any_callable_on_the_type(module: ModuleType, ste
     steps.answers["open r"] = Odd
     assert module.get_token() == "first"
     assert exits.positional == [(None, None, None)]
+
+
+class FileWithoutMethods:
+    """What entering gives: a file with nothing to write to or read from."""
+
+
+@pytest.mark.parametrize(
+    "mode, method, body_begins",
+    [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
+)
+def test_file_without_method_is_refused_before_anything_else(
+    module: ModuleType, steps: Steps, mode: str, method: str, body_begins: int
+) -> None:
+    """The interpreter evaluates `file.write` before the argument of the call."""
+    steps.answers[f"{mode}: entered"] = FileWithoutMethods
+    error = failure(AttributeError, module.get_token)
+    assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
+    assert steps.events[:body_begins] == (PATH + WRITE + READ)[:body_begins]
+    ((event, kind, value, _traceback),) = steps.events[body_begins:]
+    assert (event, kind) == (f"{mode}: exit", AttributeError)
+    assert value is error
+
+
+def test_methods_without_get_keep_their_reference_counts(module: ModuleType, steps: Steps) -> None:
+    class Uncounted:
+        """A callable that no type binds, and that notes nothing."""
+
+        def __init__(self, result: object) -> None:
+            self.result = result
+
+        def __call__(self, *args: object) -> object:
+            return self.result
+
+    enter, leave = Uncounted(io.StringIO("line")), Uncounted(None)
+    steps.answers["is a file"] = lambda: True
+    steps.answers["open r"] = type("Odd", (), {"__enter__": enter, "__exit__": leave})
+    spare = [(enter, leave)] * 1000  # so that a reference too few frees nothing
+    before = sys.getrefcount(enter), sys.getrefcount(leave)
+    for _ in range(100):
+        module.get_token()
+    assert (sys.getrefcount(enter), sys.getrefcount(leave)) == before
+    assert len(spare) == 1000
+
+
+@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
+def test_method_removed_by_its_own_get_is_kept_until_bound(
+    module: ModuleType, steps: Steps, name: str
+) -> None:
+    """`getattr` in the place of `__get__` calls the method's object again after its removal."""
+    events: list[str] = []
+
+    class Method:
+        __get__ = getattr  # of the method, the manager as the name, and the manager's type
+
+        def __getattribute__(self, name: str) -> Any:
+            events.append("removed")
+            delattr(type(name), special)
+            raise AttributeError(name)
+
+        def __getattr__(self, name: str) -> Any:
+            events.append("bound")
+            return lambda *args: io.StringIO("line")
+
+        def __del__(self) -> None:
+            events.append("finalized")
+
+    special = name
+    others = {"__enter__": lambda manager: io.StringIO("line"), "__exit__": lambda *args: None}
+    manager = type("Manager", (str,), {**others, name: Method()})
+    steps.answers["is a file"] = lambda: True
+    steps.answers["open r"] = manager
+    assert module.get_token() == "line"
+    assert events == ["removed", "bound", "finalized"]
+    assert name not in vars(manager)
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+def test_exit_sees_the_traceback_in_the_exception(
+    module: ModuleType, steps: Steps, mode: str
+) -> None:
+    seen: list[tuple[Any, Any]] = []
+
+    def exited() -> bool:
+        _kind, value, traceback = sys.exc_info()
+        assert value is not None
+        seen.append((value.__traceback__, traceback))
+        return False
+
+    steps.answers[f"{mode}: entered"] = FileWithoutMethods
+    steps.answers[f"{mode}: exited"] = exited
+    error = failure(AttributeError, module.get_token)
+    ((of_the_exception, handled),) = seen
+    assert of_the_exception is handled
+    assert steps.events[-1][:3] == (f"{mode}: exit", AttributeError, error)
+    assert steps.events[-1][3] is handled
+    assert traceback_entries(handled) == [entry(error, "get_token")]
+
+
+def test_path_is_read_before_the_class_is_looked_up() -> None:
+    def rebind_in_the_getter() -> list[str]:
+        import ctypes
+        import importlib
+
+        from tests.fake_siblings import Workbench, _c_pointer, capsule
+        from tests.fresh import MODULE
+
+        text = ctypes.create_string_buffer(b"/nonexistent/secret")
+        events = []
+
+        def path(name: str) -> Any:
+            def construct(given: str) -> Any:
+                events.append(f"{name}({given!r})")
+                raise OSError("far enough")
+
+            return construct
+
+        @ctypes.CFUNCTYPE(ctypes.c_void_p)
+        def getter() -> int:
+            events.append("getter")
+            module.Path = path("the later Path")
+            return ctypes.addressof(text)
+
+        bench = Workbench()
+        items: Any = bench._right["veldarin.modules.modules"]
+        items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
+            _c_pointer(getter), b"char *(void)"
+        )
+        module: Any = importlib.import_module(MODULE)
+        module.Path = path("the earlier Path")
+        try:
+            module.get_token()
+        except OSError:
+            events.append("OSError")
+        return events
+
+    assert fresh.value(rebind_in_the_getter) == [
+        "getter",
+        "the later Path('/nonexistent/secret')",
+        "OSError",
+    ]
