@@ -375,6 +375,22 @@ def test_returned_class_that_fails_raises_its_own_error(
     assert line(error, FUNCTION)
 
 
+def test_returned_class_without_instances_raises_type_error(
+    device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Odd(Exception):
+        def __new__(cls) -> Any:
+            return 5
+
+    monkeypatch.setattr(module, "CFunctionError", lambda message: Odd)
+    device.answer("get_cli_cmd_output", None)
+    error = failure(TypeError, module.get_cli_command_output, "command")
+    assert str(error) == (
+        f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
+    )
+    assert line(error, FUNCTION)
+
+
 def test_a_native_failure_that_cannot_be_made_is_told_instead(
     device: Appliance, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
