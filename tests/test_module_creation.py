@@ -81,7 +81,7 @@ def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> No
 
 
 # Arguments that each kind of function refuses once the module is executed.
-REFUSED = [
+REFUSED: list[list[Any]] = [
     *(
         [row.name, [5] * len(row.parameters)]
         for row in FUNCTIONS
