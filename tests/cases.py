@@ -27,6 +27,19 @@ def fail(*args: object, **kwargs: object) -> Any:
     raise Failure
 
 
+class FailingException(Exception):
+    """An exception that cannot be made."""
+
+    __init__ = fail
+
+
+class NumberException(Exception):
+    """An exception class that makes a number."""
+
+    def __new__(cls, *args: object) -> Any:
+        return 5
+
+
 class Failing:
     """An object that fails whatever is asked of it."""
 
@@ -511,6 +524,22 @@ CLI_CASES = [
         "no output",
         cli=None,
         rebound={"CFunctionError": Failure},
+    ),
+    *(
+        Case(
+            "get_cli_command_output",
+            ("c",),
+            {},
+            error,
+            f"no output, {label}",
+            cli=None,
+            rebound={"CFunctionError": lambda message, returned=returned: returned},
+        )
+        for label, error, returned in (
+            ("returned exception class", Failure, Failure),
+            ("returned class that fails", Failure, FailingException),
+            ("returned class without instances", TypeError, NumberException),
+        )
     ),
     *(
         Case("get_cli_command_output", ("command",), {}, error, label, rebound=rebound)

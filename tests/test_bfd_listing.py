@@ -534,6 +534,22 @@ def test_a_failing_log_propagates(cli: CommandLine, kind: type[BaseException]) -
     assert failure(kind, cli.parser.list_bfd_neighbor) is error
 
 
+def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
+    seen: list[tuple[Any, Any]] = []
+
+    def debug(text: str) -> None:
+        _kind, value, traceback = sys.exc_info()
+        assert value is not None
+        seen.append((value.__traceback__, traceback))
+
+    cli.logger.debug.answer = debug
+    cli.rebind("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
+    assert cli.parser.list_bfd_neighbor() == []
+    ((of_the_exception, handled),) = seen
+    assert handled is not None
+    assert of_the_exception is handled
+
+
 def test_what_the_caller_handles_stays_being_handled(cli: CommandLine) -> None:
     handled: list[object] = []
     cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))

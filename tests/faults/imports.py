@@ -171,6 +171,19 @@ def lose(self, name):
     return OSError
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
 """
+# The binding of a name fails: a key that cannot be compared is in the way. What the import needs
+# last is made by then.
+BLOCKS_NAME = """
+def fail(self, other):
+    raise OSError
+def block(self, name):
+    names = vars(sys.modules[MODULE])
+    names.pop({name!r}, None)
+    key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': fail}})({name!r})
+    names[key] = None
+    return OSError
+siblings['util.errors'] = type('Errors', (ModuleType,), {{'__getattr__': block}})('util.errors')
+"""
 PLAIN = ImportCase("after a failure")
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 CASES = [
@@ -196,6 +209,10 @@ CASES = [
     ImportCase("which loses its name", (LOSES_NAME,)),
     *(ImportCase(f"{row.name} is called", early=row) for row in FUNCTIONS),
     ImportCase("which leaves sys.modules", (LEAVES,)),
+    *(
+        spoilt(f"{name} cannot be bound", BLOCKS_NAME.format(name=name))
+        for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")
+    ),
     ImportCase("as the main module", prepare=run_as_main),
     ImportCase("the main module cannot be looked up", prepare=hide_main),
     ImportCase("the module cannot be looked up", prepare=hide_module),

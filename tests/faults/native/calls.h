@@ -120,7 +120,6 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyErr_Format(type, ...)           FAULTS_RAISE(PyErr_Format, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_NormalizeException(type, ...) FAULTS_KEEP(PyErr_NormalizeException, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_SetImportError(...)         FAULTS_RAISE(PyErr_SetImportError, PyExc_ImportError, true, (__VA_ARGS__), #__VA_ARGS__)
-#define PyErr_SetNone(type)               FAULTS_RAISE(PyErr_SetNone, type, false, (type), #type)
 #define PyErr_SetObject(type, ...)        FAULTS_RAISE(PyErr_SetObject, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_SetString(type, ...)        FAULTS_RAISE(PyErr_SetString, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_WarnEx(...)                 FAULTS_CALL(negative, PyErr_WarnEx, (__VA_ARGS__), #__VA_ARGS__)

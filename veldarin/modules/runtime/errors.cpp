@@ -24,12 +24,21 @@ void raise_undefined_name(PyObject *name) {
 }
 
 void raise_global(PyObject *exception, PyObject *message) {
-    const Ref raised = call_global(exception, message);
+    Ref raised = call_global(exception, message);
     if (!raised) return;
+    if (PyExceptionClass_Check(raised.get())) {
+        Ref instance = Ref::steal(PyObject_CallNoArgs(raised.get()));
+        if (!instance) return;
+        if (!PyExceptionInstance_Check(instance.get())) {
+            PyErr_Format(PyExc_TypeError,
+                         "calling %R should have returned an instance of BaseException, not %R",
+                         raised.get(), Py_TYPE(instance.get()));
+            return;
+        }
+        raised = std::move(instance);
+    }
     if (PyExceptionInstance_Check(raised.get())) {
         PyErr_SetObject(PyExceptionInstance_Class(raised.get()), raised.get());
-    } else if (PyExceptionClass_Check(raised.get())) {
-        PyErr_SetNone(raised.get());
     } else {
         PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
     }
