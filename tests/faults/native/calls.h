@@ -116,7 +116,6 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyDict_New(...)                   FAULTS_CALL(null, PyDict_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_SetItem(...)               FAULTS_CALL(negative, PyDict_SetItem, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_SetItemString(...)         FAULTS_CALL(negative, PyDict_SetItemString, (__VA_ARGS__), #__VA_ARGS__)
-#define PyDict_Update(...)                FAULTS_CALL(negative, PyDict_Update, (__VA_ARGS__), #__VA_ARGS__)
 #define PyErr_Format(type, ...)           FAULTS_RAISE(PyErr_Format, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_NormalizeException(type, ...) FAULTS_KEEP(PyErr_NormalizeException, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_SetImportError(...)         FAULTS_RAISE(PyErr_SetImportError, PyExc_ImportError, true, (__VA_ARGS__), #__VA_ARGS__)
@@ -163,6 +162,7 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyUnicode_New(...)                FAULTS_CALL(null, PyUnicode_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_Replace(...)            FAULTS_CALL(null, PyUnicode_Replace, (__VA_ARGS__), #__VA_ARGS__)
 #define Py_BuildValue(...)                FAULTS_CALL(null, Py_BuildValue, (__VA_ARGS__), #__VA_ARGS__)
+#define _PyDict_MergeEx(...)              FAULTS_CALL(negative, _PyDict_MergeEx, (__VA_ARGS__), #__VA_ARGS__)
 #define _PyType_Lookup(...)               FAULTS_CALL(null_quietly, _PyType_Lookup, (__VA_ARGS__), #__VA_ARGS__)
 
 // Macros of the interpreter's, over calls that can fail.
