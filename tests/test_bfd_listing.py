@@ -479,7 +479,11 @@ class Repeating:
 class RepeatingDict(dict):
     """A dict whose iteration, and so its keys, are not those of a dict."""
 
-    fetched: list[object] = []
+    fetched: list[object]
+
+    def __init__(self, **items: object) -> None:
+        super().__init__(items)
+        self.fetched = []
 
     def __iter__(self) -> Iterator[str]:
         return iter(["k", "k"])

@@ -92,8 +92,8 @@ def test_generator_resumed_outside_handler_handles_nothing(handle: Handle) -> No
     generator = view()
     try:
         raise Outer
-    except Outer as error:
-        assert next(generator) is error
+    except Outer:
+        assert next(generator) is handled()
     assert next(generator) is None
 
 
@@ -147,15 +147,15 @@ def test_generator_with_its_own_handler_keeps_it(handle: Handle) -> None:
     generator = view()
     try:
         raise Outer
-    except Outer as outer:
+    except Outer:
         assert next(generator) is True
         try:
             raise ValueError
-        except ValueError as inner:
+        except ValueError:
             assert next(generator) is True
-            assert handled() is inner
-            assert next(generator) is inner
-        assert handled() is outer
+            assert type(handled()) is ValueError
+            assert next(generator) is handled()
+        assert type(handled()) is Outer
     assert handled() is None
     assert next(generator) is None
 
@@ -178,9 +178,9 @@ def test_delegating_generators_keep_their_handlers(handle: Handle) -> None:
     generator = outer()
     try:
         raise Outer
-    except Outer as error:
+    except Outer:
         assert next(generator) is True
-        assert next(generator) is error
+        assert next(generator) is handled()
     assert handled() is None
 
 
