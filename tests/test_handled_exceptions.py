@@ -8,7 +8,7 @@ import gc
 import io
 import sys
 import weakref
-from collections.abc import AsyncIterator, Iterator
+from collections.abc import AsyncGenerator, Iterator
 from types import ModuleType
 from typing import Any, Callable
 
@@ -100,7 +100,7 @@ def test_generator_resumed_outside_handler_handles_nothing(handle: Handle) -> No
 def test_generator_later_exception_has_no_context(handle: Handle) -> None:
     def view() -> Iterator[object]:
         handle()
-        yield
+        yield None
         try:
             raise KeyError
         except KeyError as error:
@@ -117,8 +117,8 @@ def test_generator_later_exception_has_no_context(handle: Handle) -> None:
 def test_generator_lets_caller_exception_be_collected(handle: Handle) -> None:
     def view() -> Iterator[object]:
         handle()
-        yield
-        yield
+        yield None
+        yield None
 
     generator = view()
     try:
@@ -201,7 +201,7 @@ def test_coroutine_resumed_outside_handler_handles_nothing(handle: Handle) -> No
 
 
 def test_asyncio_tasks_do_not_see_each_others_exceptions(handle: Handle) -> None:
-    async def view() -> AsyncIterator[object]:
+    async def view() -> AsyncGenerator[object, None]:
         while True:
             handle()
             yield handled()
@@ -225,7 +225,7 @@ def test_asyncio_tasks_do_not_see_each_others_exceptions(handle: Handle) -> None
         return seen
 
     async def tasks() -> list[list[object]]:
-        return await asyncio.gather(task(), task())
+        return [*await asyncio.gather(task(), task())]
 
     assert asyncio.run(tasks()) == [[True, None, None] * 3] * 2
 
@@ -247,14 +247,14 @@ def test_exception_in_handler_keeps_the_whole_context_chain(
 
     def view() -> Iterator[object]:
         cli.parser.get_bfd_neighbor("c", {})
-        yield
+        yield None
         try:
             raise KeyError
         except KeyError:
             cli.parser.get_bfd_neighbor("c", {})
-        yield
+        yield None
         cli.parser.get_bfd_neighbor("c", {})
-        yield
+        yield None
 
     generator = view()
     try:

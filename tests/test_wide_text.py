@@ -49,8 +49,10 @@ def error_handler(request: pytest.FixtureRequest) -> Iterator[None]:
 def result(parser: Any, function: str, output: str, monkeypatch: pytest.MonkeyPatch) -> Any:
     """What a parser makes of an output."""
     CommandLine(parser, monkeypatch).prints(output)
-    argument = {} if function == "get_bfd_neighbor" else None
-    arguments = {"get_bfd_neighbor": ("c", argument), "get_routing_table_result": ("a",)}
+    arguments: dict[str, tuple[object, ...]] = {
+        "get_bfd_neighbor": ("c", {}),
+        "get_routing_table_result": ("a",),
+    }
     return getattr(parser, function)(*arguments.get(function, ()))
 
 

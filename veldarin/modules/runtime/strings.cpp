@@ -25,7 +25,7 @@ char *copy(Slice text, char *to) {
     return to + text.size();
 }
 
-PyObject *decoded(Slice text) {
+[[gnu::cold]] PyObject *decoded(Slice text) {
     Py_ssize_t length = 0;
     Py_UCS4 widest = 0;
     for (const char *at = text.begin; at != text.end; ++length) {

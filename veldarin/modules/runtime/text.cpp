@@ -34,11 +34,30 @@ bool is_continuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC
 
 // Appends a code point in UTF-8.
 char *encode(Py_UCS4 character, char *to) {
+    if (character < 0x80) {
+        *to = static_cast<char>(character);
+        return to + 1;
+    }
     constexpr unsigned char leads[] = {0, 0xC0, 0xE0, 0xF0};
     int rest = (character >= 0x80) + (character >= 0x800) + (character >= 0x10000);
     *to++ = static_cast<char>(leads[rest] | character >> 6 * rest);
     while (--rest >= 0) *to++ = static_cast<char>(0x80U | (character >> 6 * rest & 0x3FU));
     return to;
+}
+
+[[gnu::cold]] Text encoded(PyObject *text) {
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+    // A string of wider characters is the buffer: a code point needs twice its own byte in UTF-8,
+    // or at most four.
+    Ref copy = Ref::steal(
+        PyUnicode_New(length, PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND ? 0xFFFF : 0x10FFFF));
+    if (!copy) return {};
+    auto *const data = static_cast<char *>(PyUnicode_DATA(copy.get()));
+    char *end = data;
+    for (Py_ssize_t i = 0; i < length; ++i) end = encode(PyUnicode_READ_CHAR(text, i), end);
+    return {
+        std::move(copy), false, {data, end}
+    };
 }
 
 inline bool is_white(const char *at) {
@@ -92,23 +111,7 @@ bool is_text(PyObject *object, PyObject *method, PyObject *arguments) {
 
 Text open(PyObject *text) {
     if (PyUnicode_IS_ASCII(text)) return {Ref::borrow(text), true, storage_of(text)};
-    const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
-    // A string of wider characters is the buffer: a code point needs twice its own byte in UTF-8,
-    // or at most four.
-    Ref copy = Ref::steal(PyUnicode_New(length, PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND ? 0xFFFF : 0x10FFFF));
-    if (!copy) return {};
-    auto *const data = static_cast<char *>(PyUnicode_DATA(copy.get()));
-    char *end = data;
-    for (Py_ssize_t i = 0; i < length; ++i) end = encode(PyUnicode_READ_CHAR(text, i), end);
-    return {std::move(copy), false, {data, end}};
-}
-
-Py_UCS4 next_code_point(const char *&at) {
-    const auto lead = static_cast<unsigned char>(*at++);
-    int rest = (lead >= 0xC0) + (lead >= 0xE0) + (lead >= 0xF0);
-    Py_UCS4 character = lead & 0x7FU >> rest;  // the bit left of these is 0
-    while (--rest >= 0) character = character << 6 | (static_cast<unsigned char>(*at++) & 0x3FU);
-    return character;
+    return encoded(text);
 }
 
 Ref replaced(PyObject *text, PyObject *pair) {

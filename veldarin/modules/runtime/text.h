@@ -25,8 +25,9 @@ struct Slice {
 };
 
 // The whole of a `str`. What is ASCII, as the output of a command is as a rule, is scanned in the
-// string's own storage, anything else in a copy. In the copy a surrogate is encoded like every other
-// code point: the interpreter's codecs would call an error handler, which a program may replace.
+// string's own storage, anything else in a copy. In the copy a surrogate is encoded like every
+// other code point: the interpreter's codecs would call an error handler, which a program may
+// replace.
 struct Text {
     Ref owner;  // of what `all` is a slice of: the `str`, or an object whose storage holds the copy
     bool ascii;
@@ -48,7 +49,14 @@ Ref replaced(PyObject *text, PyObject *pair);
 Ref removed(PyObject *text, PyObject *pair);
 
 // The code point that begins at `at`, which moves behind it.
-Py_UCS4 next_code_point(const char *&at);
+inline Py_UCS4 next_code_point(const char *&at) {
+    const auto lead = static_cast<unsigned char>(*at++);
+    if (lead < 0x80) return lead;
+    int rest = (lead >= 0xC0) + (lead >= 0xE0) + (lead >= 0xF0);
+    Py_UCS4 character = lead & 0x7FU >> rest;  // the bit left of these is 0
+    while (--rest >= 0) character = character << 6 | (static_cast<unsigned char>(*at++) & 0x3FU);
+    return character;
+}
 
 // Whether the byte at `at` belongs to a character that is white space, as str.isspace has it.
 bool is_space(const char *at);
