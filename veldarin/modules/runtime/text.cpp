@@ -34,14 +34,13 @@ bool is_continuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC
 
 // Appends a code point in UTF-8.
 char *encode(Py_UCS4 character, char *to) {
-    if (character < 0x80) {
+    if (character < 0x80U) {
         *to = static_cast<char>(character);
         return to + 1;
     }
-    constexpr unsigned char leads[] = {0, 0xC0, 0xE0, 0xF0};
-    int rest = (character >= 0x80) + (character >= 0x800) + (character >= 0x10000);
-    *to++ = static_cast<char>(leads[rest] | character >> 6 * rest);
-    while (--rest >= 0) *to++ = static_cast<char>(0x80U | (character >> 6 * rest & 0x3FU));
+    unsigned rest = 1U + (character >= 0x800U) + (character >= 0x10000U);
+    *to++ = static_cast<char>(0xFF80U >> rest | character >> 6U * rest);
+    while (rest-- > 0) *to++ = static_cast<char>(0x80U | (character >> 6U * rest & 0x3FU));
     return to;
 }
 

@@ -50,11 +50,13 @@ Ref removed(PyObject *text, PyObject *pair);
 
 // The code point that begins at `at`, which moves behind it.
 inline Py_UCS4 next_code_point(const char *&at) {
-    const auto lead = static_cast<unsigned char>(*at++);
-    if (lead < 0x80) return lead;
-    int rest = (lead >= 0xC0) + (lead >= 0xE0) + (lead >= 0xF0);
+    const Py_UCS4 lead = static_cast<unsigned char>(*at++);
+    if (lead < 0x80U) return lead;
+    unsigned rest = 1U + (lead >= 0xE0U) + (lead >= 0xF0U);
     Py_UCS4 character = lead & 0x7FU >> rest;  // the bit left of these is 0
-    while (--rest >= 0) character = character << 6 | (static_cast<unsigned char>(*at++) & 0x3FU);
+    while (rest-- > 0) {
+        character = character << 6U | (static_cast<unsigned char>(*at++) & 0x3FU);
+    }
     return character;
 }
 
