@@ -86,7 +86,7 @@ bool check_version() {
     PyOS_snprintf(message, sizeof message,
                   "compiletime version %s of module '%.100s' does not match runtime version %s",
                   built, module_name, running);
-    return PyErr_WarnEx(nullptr, message, 1) == 0;
+    return PyErr_WarnFormat(PyExc_RuntimeWarning, 1, "%s", message) == 0;
 }
 
 bool record(PyObject *module) {
@@ -250,7 +250,7 @@ Ref new_logger() {
 Ref new_counters() {
     const Ref namedtuple = global(names.namedtuple);
     if (!namedtuple) return {};
-    return Ref::steal(PyObject_CallObject(namedtuple.get(), state.constants.counters));
+    return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters, nullptr));
 }
 
 // New function objects, of a fixed module and of no object. The one default dictionary is made just
