@@ -700,6 +700,16 @@ class Lost:
         return ["x"]
 
 
+class Repeating:
+    """A mapping that lists a key twice."""
+
+    def keys(self) -> list[str]:
+        return ["x", "x"]
+
+    def __getitem__(self, key: str) -> Any:
+        return {}
+
+
 def raising_as_c(raiser: Any, *given: object) -> Callable[..., Any]:
     """A function of the interpreter's that raises, and gives the exception no instance yet."""
     raiser.restype, raiser.argtypes = None, [ctypes.py_object] * len(given)
@@ -842,6 +852,7 @@ BFD_CASES = [
     Case("list_bfd_neighbor", rebound=given_sessions(5), label="no mapping"),
     Case("list_bfd_neighbor", rebound=given_sessions({5: {}}), label="key of no text"),
     Case("list_bfd_neighbor", rebound=given_sessions(Lost()), label="mapping lost its keys"),
+    Case("list_bfd_neighbor", rebound=given_sessions(Repeating()), label="mapping repeats a key"),
     Case(
         "list_bfd_neighbor",
         rebound={**given_sessions(SESSIONS), "copy": Failing()},

@@ -16,13 +16,14 @@ import sys
 import warnings
 from array import array
 from collections.abc import Callable, Iterator
+from contextlib import suppress
 from importlib.util import spec_from_file_location
 from pathlib import Path
 from types import SimpleNamespace
 from typing import Any, NamedTuple
 
 from tests import fake_siblings
-from tests.cases import Unequal
+from tests.cases import Failure, Unequal
 from tests.fake_siblings import POINTER, Workbench, created
 from tests.faults.children import Children
 from tests.faults.found import OF_MEMORY, Found, Outcome, outcome
@@ -119,6 +120,13 @@ def run_as_main(module: Any) -> None:
     sys.modules["__main__"] = module
 
 
+def fail_at_its_end(module: Any) -> None:
+    """Lets the execution fail when all functions are bound."""
+    vars(module)[Unequal("__test__")] = None
+    with suppress(Failure):
+        _imp.exec_dynamic(module)
+
+
 def hide_main(module: Any) -> None:
     """Lets the look-up of the main module fail."""
     sys.modules[Unequal("__main__")] = sys.modules.pop("__main__")
@@ -184,6 +192,15 @@ def block(self, name):
     return OSError
 siblings['util.errors'] = type('Errors', (ModuleType,), {{'__getattr__': block}})('util.errors')
 """
+LOSES_IMPORT = """
+def lose(self, name):
+    vars(builtins).pop('__import__')
+    return OSError
+siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
+"""
+# Siblings without the name that is imported from them.
+LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
+INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
 PLAIN = ImportCase("after a failure")
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 CASES = [
@@ -208,6 +225,20 @@ CASES = [
     ImportCase("without a main module", prepare=lose_main),
     ImportCase("which loses its name", (LOSES_NAME,)),
     *(ImportCase(f"{row.name} is called", early=row) for row in FUNCTIONS),
+    ImportCase("a bound function after a failure", early=FUNCTIONS[0], prepare=fail_at_its_end),
+    ImportCase("which loses __import__", (LOSES_IMPORT,)),
+    *(
+        ImportCase(label, (LACKING + statement,))
+        for label, statement in (
+            ("from a module that is being initialized", INITIALIZING % "True"),
+            (
+                "from a module of unknown progress",
+                INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
+            ),
+            ("from a module without a name", "del m.__name__"),
+            ("from a module whose name is not a str", "m.__name__ = 5"),
+        )
+    ),
     ImportCase("which leaves sys.modules", (LEAVES,)),
     *(
         spoilt(f"{name} cannot be bound", BLOCKS_NAME.format(name=name))

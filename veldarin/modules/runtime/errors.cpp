@@ -55,12 +55,24 @@ Handled::Handled() {
     value_ = Ref::steal(value);
     traceback_ = Ref::steal(traceback);
 
-    PyErr_GetExcInfo(&outer_type_, &outer_value_, &outer_traceback_);
-    PyErr_SetExcInfo(Ref::borrow(type).release(), Ref::borrow(value).release(),
-                     Ref::borrow(traceback).release());
+    saved_ = {Ref::borrow(type).release(), Ref::borrow(value).release(),
+              Ref::borrow(traceback).release(), nullptr};
+    swap_handled();
 }
 
-Handled::~Handled() { PyErr_SetExcInfo(outer_type_, outer_value_, outer_traceback_); }
+Handled::~Handled() {
+    swap_handled();
+    Py_XDECREF(saved_.exc_type);
+    Py_XDECREF(saved_.exc_value);
+    Py_XDECREF(saved_.exc_traceback);
+}
+
+void Handled::swap_handled() {
+    _PyErr_StackItem &own = *PyThreadState_Get()->exc_info;
+    std::swap(own.exc_type, saved_.exc_type);
+    std::swap(own.exc_value, saved_.exc_value);
+    std::swap(own.exc_traceback, saved_.exc_traceback);
+}
 
 void Handled::raise_again() {
     PyErr_Restore(type_.release(), value_.release(), traceback_.release());
