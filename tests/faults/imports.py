@@ -36,7 +36,12 @@ from tests.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resiz
 INIT = f"init {MODULE}"
 # Library functions that the execution calls: sheltered, so that none fails from within.
 NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's own, for want of memory
-CALLED = (("logging", "getLogger"), ("collections", "namedtuple"), ("threading", "Lock"))
+CALLED = (
+    ("logging", "getLogger"),
+    ("collections", "namedtuple"),
+    ("threading", "Lock"),
+    ("_frozen_importlib", "_handle_fromlist"),
+)
 
 
 def whole_spec() -> Any:
