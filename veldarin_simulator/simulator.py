@@ -12,11 +12,15 @@ import tempfile
 from collections.abc import Callable
 from pathlib import Path
 from types import ModuleType, TracebackType
-from typing import Any, Union
+from typing import TYPE_CHECKING, Any, Union
 
 from veldarin_simulator import native_library
 from veldarin_simulator.call_log import LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Reply, Source
+from veldarin_simulator.scenario import Scenario
+
+if TYPE_CHECKING:
+    from veldarin_simulator.providers import Providers
 
 PRODUCT = "veldarin.modules.modules_util"
 # No native services, but a default answer may give them all the same: what the sibling modules are
@@ -45,7 +49,7 @@ _open: Simulator | None = None
 class Simulator:
     """A device that answers the native services; one at a time in a process.
 
-    `scenario`: a folder of recorded answers that come before the default ones. `live=False` without
+    `scenario`: recorded replies that come before this machine's. `live=False` without
     a scenario: nothing answers but what is scripted. `counting=False`: text buffers are not
     followed, so that nothing stands between the interpreter and its allocator. Use it in a `with`
     block, or `close()` it. Opening it makes the staged modules importable.
@@ -54,10 +58,11 @@ class Simulator:
     """
 
     def __init__(
-        self, scenario: Path | None = None, live: bool = True, *, track_buffers: bool = True
+        self, scenario: Scenario | None = None, live: bool = True, *, track_buffers: bool = True
     ) -> None:
         global _open
         self._host = native_library.load()
+        self._providers: Providers | None = None
         if _open is not None:
             raise RuntimeError("another appliance is open in this process: close it first")
         self._counting = track_buffers
@@ -76,17 +81,20 @@ class Simulator:
             self.close()
             raise
 
-    def _set_up(self, scenario: Path | None, live: bool) -> None:
+    def _set_up(self, scenario: Scenario | None, live: bool) -> None:
         self._observe()
         self.secret_path = self._folder / "preference_cookie_secret"
-        device_data = _device_data()
-        device_data.serial_number = device_data.SERIAL_NUMBER
-        if not live and scenario is None:
-            return
-        from veldarin_simulator.providers import default_answers
+        self._set_default_serial_number()
+        if live or scenario is not None:
+            for service, reply in self._load_providers(scenario, live).replies().items():
+                self.set_reply(service, reply)
 
-        for name, answer in default_answers(scenario, live).items():
-            self.set_reply(name, answer)
+    def _load_providers(self, scenario: Scenario | None, live: bool) -> Providers:
+        # Importing the providers takes longer than what tests do with a scripted simulator.
+        from veldarin_simulator.providers import Providers
+
+        self._providers = Providers(scenario or Scenario(), live)
+        return self._providers
 
     def __enter__(self) -> Simulator:
         return self
@@ -114,6 +122,40 @@ class Simulator:
         self._on_create = self._on_release = None
         self._observe()
         shutil.rmtree(self._folder, ignore_errors=True)
+
+    @property
+    def scenario(self) -> Scenario:
+        """The scenario in use."""
+        return self._providers.scenario if self._providers else Scenario()
+
+    def use_scenario(self, scenario: Scenario) -> None:
+        """Replace the scenario. Only replies that differ from the current scenario's are set.
+
+        Packet captures keep their state, unless the list of sniffer profiles changes.
+        """
+        providers = self._providers or self._load_providers(None, live=False)
+        for service in sorted(providers.use_scenario(scenario)):
+            self.reset_reply(service)
+
+    def provided_reply(self, service: str) -> Reply | None:
+        """Return the reply of the scenario, this machine or the default scenario, or None.
+
+        Unlike the service, it ignores `set_reply` and `set_fixed_reply`.
+        """
+        return self._providers.reply(service) if self._providers else None
+
+    def reset_reply(self, service: str) -> None:
+        """Undo `set_reply` and `set_fixed_reply`: the provided reply counts again."""
+        reply = self.provided_reply(service)
+        if reply is not None:
+            self.set_reply(service, reply)
+        elif service == "serial_number_ascii":
+            self._set_default_serial_number()
+        else:
+            self._form(service)
+            self._host.clear_fixed_reply(service)
+            self._makers.pop(service, None)
+            self._sources.pop(service, None)
 
     @property
     def module(self) -> ModuleType:
@@ -253,6 +295,10 @@ class Simulator:
     def on_release(self, called: Callable[[str], object] | None) -> None:
         self._on_release = called
         self._observe()
+
+    def _set_default_serial_number(self) -> None:
+        _device_data().serial_number = _device_data().SERIAL_NUMBER
+        self._sources.pop("serial_number_ascii", None)
 
     def _observe(self) -> None:
         json_module = importlib.import_module("util.json")

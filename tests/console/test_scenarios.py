@@ -157,13 +157,13 @@ WRONG = [
     (LG_STATE, "{", 1, "not JSON"),
     (LG_STATE, "[\n1,\n]", 3, "not JSON"),
     (LG_STATE, "", 1, "not JSON"),
-    (LG_STATE, "[NaN]", None, "NaN is no JSON number"),
-    (LG_STATE, '"\\ud800"', None, "half a surrogate pair is no character"),
+    (LG_STATE, "[NaN]", None, "NaN is not valid JSON"),
+    (LG_STATE, '"\\ud800"', None, "lone surrogates are not allowed"),
     (LG_STATE, "\ud800", None, "half a surrogate pair is no character"),
     (LG_STATE, "[" * 100_000, None, "not JSON"),
-    ("aps_get_new_cookie_id", "-1", None, "an integer, 0 to 4294967295"),
-    ("aps_get_new_cookie_id", "true", None, "an integer, 0 to 4294967295"),
-    ("serial_number_ascii", "7", None, "a text without NUL"),
+    ("aps_get_new_cookie_id", "-1", None, "an integer from 0 to 4294967295"),
+    ("aps_get_new_cookie_id", "true", None, "an integer from 0 to 4294967295"),
+    ("serial_number_ascii", "7", None, "a string without NUL"),
     ("get system arp", "a\n\0", 2, "a NUL byte would end the text"),
 ]
 
@@ -255,7 +255,7 @@ def test_a_saved_scenario_holds_what_was_answered(asked: Any, shelf: Path) -> No
     assert kept[f"{LG_STATE}.json"] == b"[]"
     assert kept["cli/get system arp.txt"] == ARP.encode()
     assert "aps_get_new_cookie_id.json" not in kept
-    loaded = scenario.load(shelf / "new-one")
+    loaded = scenario.Scenario.load(shelf / "new-one")
     assert loaded.services[LG_STATE] == []
 
 

@@ -15,7 +15,7 @@ from tests.support.query_cases import ROWS
 from tests.support.stub import FACE, NAMED, Function, declarations, docstrings, every_function
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
-from veldarin_simulator.scenario import DEFAULT_SCENARIO, row_filter
+from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, filter_rows
 
 ARP = (
     "Address          Age(min)   Hardware address    Interface\n"
@@ -92,8 +92,8 @@ ANSWERS: dict[str, object] = {
     "build_system_flash_list": [FLASH],
     "build_system_link_monitor_status": [MONITORED],
     "build_switch_flapguard_status": [FLAPS],
-    "build_switch_port_statistics": row_filter([STATISTICS]),
-    "build_switch_igmp_snooping_group": row_filter([GROUP]),
+    "build_switch_port_statistics": filter_rows([STATISTICS]),
+    "build_switch_igmp_snooping_group": filter_rows([GROUP]),
 }
 OUTPUTS = {
     "get_cli_command_output": ARP,
@@ -111,7 +111,7 @@ def example_device(built: None) -> Iterator[Simulator]:
         # The shared dictionary of sessions outlives a simulator.
         simulator.set_reply("get_cli_cmd_output", "")
         simulator.module.get_bfd_neighbor("").clear()
-    with Simulator(DEFAULT_SCENARIO, live=False) as simulator:
+    with Simulator(Scenario.load(DEFAULT_SCENARIO), live=False) as simulator:
         for service, answer in ANSWERS.items():
             simulator.set_reply(service, answer)
         simulator.secret_path.write_text(SECRET)
@@ -194,7 +194,7 @@ def live_fields() -> list[tuple[dict[str, Any], Callable[[], list[Any]]]]:
     return [
         (PORT, lambda: links.physical_interfaces()[0]["interface"]),
         (MONITORED, links.link_monitor_status),
-        (FLAPS, links.flap_status),
+        (FLAPS, links.flap_guard_status),
         (STATISTICS, lambda: ports.statistics({})),
         (GROUP, lambda: multicast.groups({})),
         (FLASH, storage.flash_list),

@@ -22,13 +22,12 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from tests.support.netns import PORTS, ROOT, Message, ip_json, needs_ip, run_in_namespace
-from veldarin_simulator import Simulator, scenario, state_dir
+from veldarin_simulator import Scenario, ScenarioError, Simulator, scenario, state_dir
 from veldarin_simulator.providers import (
-    ScenarioError,
+    Providers,
     bfd,
     certificates,
     cookies,
-    default_answers,
     links,
     multicast,
     ports,
@@ -158,7 +157,7 @@ def test_a_link_that_was_lost_twice_has_flapped_twice() -> None:
     monitor, status = run_in_namespace(
         PORTS + flap + flap,
         "import json; from veldarin_simulator.providers import links\n"
-        "print(json.dumps([links.link_monitor_status(), links.flap_status()]))",
+        "print(json.dumps([links.link_monitor_status(), links.flap_guard_status()]))",
     )
     (port1,) = (entry for entry in monitor if entry["name"] == "port1")
     assert port1["carrier"] is True
@@ -587,7 +586,7 @@ def test_a_shell_that_says_nothing_of_bfd_leaves_the_answer_to_the_recording(
     shell: Path, script: str
 ) -> None:
     shell.write_text(script)
-    answer = command(default_answers(None, live=True), b"get router info bfd neighbor")
+    answer = command(Providers(Scenario(), live=True).replies(), b"get router info bfd neighbor")
     assert answer.source == "recorded"
     assert isinstance(answer.reply, bytes)
     assert b"peer 198.51.100.2 interface port1" in answer.reply
@@ -615,7 +614,7 @@ def test_a_shell_is_not_given_the_callers_input() -> None:
 
 def test_a_daemon_without_sessions_is_a_live_answer(shell: Path) -> None:
     shell.write_text("#!/bin/sh\necho 'BFD Peers:'\n")
-    answer = command(default_answers(None, live=True), b"get router info6 bfd neighbor")
+    answer = command(Providers(Scenario(), live=True).replies(), b"get router info6 bfd neighbor")
     assert answer == Reply("BFD Peers:\n", "live")
 
 
@@ -664,25 +663,25 @@ RECORDED = {
 
 
 def test_every_service_says_whether_it_is_live_or_recorded() -> None:
-    answers = default_answers(None, live=True)
+    answers = Providers(Scenario(), live=True).replies()
     assert {name for name, answer in answers.items() if answer.source == "live"} == LIVE
     assert {name for name, answer in answers.items() if answer.source == "recorded"} == RECORDED
     assert set(answers) == LIVE | RECORDED
 
 
 def test_there_is_an_answer_for_every_service_of_the_native_library(simulator: Simulator) -> None:
-    answers = default_answers(None, live=True)
+    answers = Providers(Scenario(), live=True).replies()
     for name, answer in answers.items():
         simulator.set_reply(name, answer)  # an unknown name, or a value of another form, is refused
     assert {name for name in simulator._host.forms if simulator.source(name) == "none"} == set()
 
 
 def test_without_live_answers_and_scenario_nothing_answers() -> None:
-    assert default_answers(None, live=False) == {}
+    assert Providers(Scenario(), live=False).replies() == {}
 
 
 def test_a_command_that_nobody_knows_has_no_output() -> None:
-    answers = default_answers(None, live=True)
+    answers = Providers(Scenario(), live=True).replies()
     for text in (b"", b" ", b"get system", b"get system arp now", b"GET SYSTEM ARP", b"\xff\xfe"):
         assert command(answers, text) == Reply(None, "none")
     with Simulator(live=True) as simulator:
@@ -692,7 +691,7 @@ def test_a_command_that_nobody_knows_has_no_output() -> None:
 
 
 def test_the_words_of_a_command_may_be_apart_by_any_white_space() -> None:
-    answers = default_answers(None, live=True)
+    answers = Providers(Scenario(), live=True).replies()
     assert command(answers, b" get\tsystem   arp\r\n").source == "live"
 
 
@@ -711,15 +710,15 @@ def test_the_module_reads_the_live_commands_of_this_machine() -> None:
 # Recordings
 
 
-def write(folder: Path, files: dict[str, Any]) -> Path:
-    """A scenario directory; texts and bytes are written as they are, other values as JSON."""
+def write(folder: Path, files: dict[str, Any]) -> Scenario:
+    """Write a scenario directory and load it. Values that are not text are written as JSON."""
     for name, content in files.items():
         path = folder / name
         path.parent.mkdir(parents=True, exist_ok=True)
         if isinstance(content, str):
             content = content.encode()
         path.write_bytes(content if isinstance(content, bytes) else json.dumps(content).encode())
-    return folder
+    return Scenario.load(folder)
 
 
 def test_a_scenario_overrides_live_answers_and_recorded_ones(tmp_path: Path) -> None:
@@ -759,7 +758,7 @@ def test_a_scenario_overrides_live_answers_and_recorded_ones(tmp_path: Path) -> 
 
 def test_a_scenario_alone_answers_with_its_files_and_nothing_else(tmp_path: Path) -> None:
     scenario = write(tmp_path / "mine", {"build_switch_lg_state.json": [1]})
-    answers = default_answers(scenario, live=False)
+    answers = Providers(scenario, live=False).replies()
     assert set(answers) == {"build_switch_lg_state"}
     assert answers["build_switch_lg_state"].source == "recorded"
 
@@ -786,7 +785,7 @@ ROWS = [
     ],
 )
 def test_rows_that_contradict_the_request_are_left_out(request_: Any, left: list[Any]) -> None:
-    assert scenario.row_filter(ROWS)(request_) == left
+    assert scenario.filter_rows(ROWS)(request_) == left
 
 
 def test_recorded_rows_are_picked_through_the_module() -> None:
@@ -804,7 +803,7 @@ BROKEN = {
     "bad JSON": ({"build_switch_lg_state.json": '{\n"a": 1,\n}'}, "lg_state.json:3: not JSON"),
     "empty": ({"build_switch_lg_state.json": ""}, "lg_state.json:1: not JSON"),
     "not UTF-8": ({"build_switch_lg_state.json": b'[\n"\xff"]'}, "lg_state.json:2: not UTF-8"),
-    "NaN": ({"build_switch_lg_state.json": "[NaN]"}, "NaN is no JSON number"),
+    "NaN": ({"build_switch_lg_state.json": "[NaN]"}, "NaN is not valid JSON"),
     "too deep": ({"build_switch_lg_state.json": "[" * 100_000}, "lg_state.json: not JSON"),
     "surrogate": ({"build_switch_lg_state.json": '"\\ud800"'}, "surrogate"),
     "typing error": (
@@ -813,14 +812,14 @@ BROKEN = {
     ),
     "another suffix": ({"build_switch_lg_state.txt": "[]"}, "no service has this name"),
     "no service": ({"notes.json": "[]"}, r"notes.json: no service has this name$"),
-    "text for a number": ({"gui_chk_cert_expiration.json": '"0"'}, "answers an integer"),
-    "truth for a number": ({"gui_chk_cert_expiration.json": "true"}, "answers an integer"),
-    "too large": ({"aps_get_new_cookie_id.json": "4294967296"}, "integer, 0 to 4294967295"),
-    "negative": ({"__get_aps_hash.json": "-1"}, "integer, 0 to 4294967295"),
-    "number for a text": ({"cookieval_wrap.json": "1"}, "answers a text without NUL"),
-    "NUL": ({"cookieval_wrap.json": '"a\\u0000b"'}, "answers a text without NUL"),
+    "text for a number": ({"gui_chk_cert_expiration.json": '"0"'}, "expected an integer"),
+    "truth for a number": ({"gui_chk_cert_expiration.json": "true"}, "expected an integer"),
+    "too large": ({"aps_get_new_cookie_id.json": "4294967296"}, "integer from 0 to 4294967295"),
+    "negative": ({"__get_aps_hash.json": "-1"}, "integer from 0 to 4294967295"),
+    "number for a text": ({"cookieval_wrap.json": "1"}, "expected a string without NUL"),
+    "NUL": ({"cookieval_wrap.json": '"a\\u0000b"'}, "expected a string without NUL"),
     "NUL printed": ({"cli/get x.txt": b"one\ntwo\0"}, r"get x.txt:2: a NUL byte would end"),
-    "no text": ({"cli/get x.json": b"[]"}, "kept in COMMAND.txt"),
+    "no text": ({"cli/get x.json": b"[]"}, "in COMMAND.txt"),
 }
 
 
@@ -829,7 +828,7 @@ def test_a_scenario_that_cannot_be_used_is_refused_with_file_and_line(
     tmp_path: Path, files: dict[str, Any], message: str
 ) -> None:
     with pytest.raises(ScenarioError, match=message) as caught:
-        default_answers(write(tmp_path / "broken", files), live=False)
+        write(tmp_path / "broken", files)
     assert str(caught.value).startswith(str(tmp_path / "broken"))
     assert "\n" not in str(caught.value)
 
@@ -838,15 +837,15 @@ def test_a_scenario_directory_that_is_none_is_refused(tmp_path: Path) -> None:
     (tmp_path / "file").write_text("")
     for path in (tmp_path / "missing", tmp_path / "file"):
         with pytest.raises(ScenarioError, match=path.name):
-            default_answers(path, live=True)
+            Scenario.load(path)
     (tmp_path / "folder" / "build_switch_lg_state.json").mkdir(parents=True)
     with pytest.raises(ScenarioError, match="is a directory"):
-        default_answers(tmp_path / "folder", live=True)
+        Scenario.load(tmp_path / "folder")
 
 
 def test_readmes_and_hidden_files_are_passed_over(tmp_path: Path) -> None:
     scenario = write(tmp_path / "mine", {"README.md": "words", ".hidden": "", "cli/.x": ""})
-    assert default_answers(scenario, live=False) == {}
+    assert Providers(scenario, live=False).replies() == {}
 
 
 def test_a_command_file_for_the_very_command_is_preferred_to_a_pattern(tmp_path: Path) -> None:
@@ -857,7 +856,7 @@ def test_a_command_file_for_the_very_command_is_preferred_to_a_pattern(tmp_path:
         "cli/show%20slash %2f.txt": "slash",
         "cli/empty.txt": "",
     }
-    answers = default_answers(write(tmp_path / "mine", files), live=False)
+    answers = Providers(write(tmp_path / "mine", files), live=False).replies()
     printed = {
         text: command(answers, text.encode()).reply
         for text in ("show a x", "show b x", "show b y", "show slash /", "show a", "empty", "{}")

@@ -25,6 +25,7 @@ from veldarin_simulator import (
     NativeCall,
     RawJSON,
     Reply,
+    Scenario,
     Simulator,
     Source,
     native_library,
@@ -1092,30 +1093,34 @@ def test_default_answers_are_asked_for_the_scenario_and_live(
 ) -> None:
     asked = []
 
-    def default_answers(scenario: Path | None, live: bool) -> dict[str, Reply]:
-        asked.append((scenario, live))
-        return {
-            "aps_get_new_cookie_id": Reply(lambda: 9, "live"),
-            "serial_number_ascii": Reply(b"SN2", "recorded"),
-            "get_preference_cookie_secret_path": Reply(tmp_path / "kept", "live"),
-        }
+    class FakeProviders:
+        def __init__(self, scenario: Scenario, live: bool) -> None:
+            asked.append((scenario, live))
 
-    answers.default_answers = default_answers
+        def replies(self) -> dict[str, Reply]:
+            return {
+                "aps_get_new_cookie_id": Reply(lambda: 9, "live"),
+                "serial_number_ascii": Reply(b"SN2", "recorded"),
+                "get_preference_cookie_secret_path": Reply(tmp_path / "kept", "live"),
+            }
+
+    answers.Providers = FakeProviders
     with Simulator() as simulator:
         assert Native().number("aps_get_new_cookie_id") == 9
         assert simulator.source("aps_get_new_cookie_id") == "live"
         assert (serial_number(), simulator.source("serial_number_ascii")) == (b"SN2", "recorded")
         assert simulator.secret_path == tmp_path / "kept"
         assert simulator.source("get_preference_cookie_secret_path") == "live"
-    with Simulator(scenario=tmp_path, live=False):
+    scenario = Scenario({"build_switch_lg_state.json": b"[]"})
+    with Simulator(scenario, live=False):
         pass
     with Simulator(live=False):
         pass
-    assert asked == [(None, True), (tmp_path, False)]
+    assert asked == [(Scenario(), True), (scenario, False)]
 
 
 def test_a_failing_default_answer_closes_the_appliance(built: None, answers: Any) -> None:
-    answers.default_answers = fail
+    answers.Providers = fail
     with pytest.raises(LookupError, match="no answer"):
         Simulator()
     with Simulator(live=False) as simulator:

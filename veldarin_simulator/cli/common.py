@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import NoReturn
 
 from veldarin_simulator import Simulator, state_dir, stub
-from veldarin_simulator.providers import ScenarioError
+from veldarin_simulator.scenario import Scenario, ScenarioError
 
 PROGRAM = "python -m veldarin_simulator"
 FAILED = 1
@@ -56,7 +56,7 @@ def open_appliance(scenario: Path | None = None, live: bool = True) -> Simulator
     """An open appliance, or the end of the process with one line: a scenario that cannot be used is
     a usage error, an appliance that is not built a failure."""
     try:
-        return Simulator(scenario, live)
+        return Simulator(None if scenario is None else Scenario.load(scenario), live)
     except ScenarioError as error:
         stop(str(error), USAGE)
     except (OSError, RuntimeError) as error:

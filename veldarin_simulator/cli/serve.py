@@ -16,8 +16,7 @@ from veldarin_simulator.console.errors import Problem
 from veldarin_simulator.console.scenario_store import Shelf
 from veldarin_simulator.console.server import server
 from veldarin_simulator.console.session import Bench
-from veldarin_simulator.providers import ScenarioError
-from veldarin_simulator.scenario import load as load_scenario
+from veldarin_simulator.scenario import Scenario, ScenarioError
 
 _DESCRIPTION = """\
 Serves a page on which every function of veldarin.modules.modules_util can be
@@ -90,7 +89,7 @@ def _bench(scenario: Path | None) -> Bench:
     """An open bench, or the end of the process with one line."""
     try:
         if scenario is not None:
-            load_scenario(scenario)  # as the other tools say what is wrong with it
+            Scenario.load(scenario)  # as the other tools say what is wrong with it
             scenario = scenario.resolve()
         return Bench(Shelf(_shelf(), scenario))
     except (Problem, ScenarioError) as error:

@@ -19,8 +19,8 @@ from veldarin_simulator import NativeCall, Simulator, parse_capture
 from veldarin_simulator.console import replies, serialization
 from veldarin_simulator.console.errors import Problem
 from veldarin_simulator.console.scenario_store import Files, Shelf
-from veldarin_simulator.providers import ScenarioError, default_answers
-from veldarin_simulator.scenario import load
+from veldarin_simulator.providers import Providers
+from veldarin_simulator.scenario import Scenario, ScenarioError
 from veldarin_simulator.stub import Function, functions
 
 
@@ -215,14 +215,14 @@ class Bench:
             for name, content in files.items():
                 (scenario / name).parent.mkdir(exist_ok=True)
                 (scenario / name).write_bytes(content)
-            load(scenario)
+            loaded = Scenario.load(scenario)
             if self._simulator is not None:
                 self._simulator.close()
                 self._simulator = None
-            self._simulator = Simulator(scenario)
+            self._simulator = Simulator(loaded)
             # A secret of the console's own, the same for as long as it runs.
             self._simulator.secret_path = Path(self._folder.name) / "preference_cookie_secret"
-            self._answers = default_answers(scenario, live=True)
+            self._answers = Providers(loaded, live=True).replies()
         self._files = files
 
 

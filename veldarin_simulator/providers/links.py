@@ -53,7 +53,7 @@ def link_monitor_status(_request: object = None) -> list[dict[str, Any]]:
     ]
 
 
-def flap_status(_request: object = None) -> list[dict[str, Any]]:
+def flap_guard_status(_request: object = None) -> list[dict[str, Any]]:
     """One entry for each physical interface: `port_name`, `link` "up" or "down", and `flaps`, how
     often the link was lost. A plain machine guards no port, so `guard` is "none"."""
     return [
