@@ -4,12 +4,13 @@
 `python -m veldarin_simulator --help` lists the command-line tools.
 """
 
-from veldarin_simulator.call_log import LiveObjects, NativeCall
+from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Reply, Source
 from veldarin_simulator.scenario import Scenario, ScenarioError
 from veldarin_simulator.simulator import Simulator
 
 __all__ = [
+    "GILProbes",
     "LiveObjects",
     "NativeCall",
     "RawJSON",

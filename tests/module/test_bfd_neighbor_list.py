@@ -499,6 +499,16 @@ def test_nothing_is_copied_deeply_when_there_is_nothing(
     assert deepcopy.calls == []
 
 
+def test_copy_is_not_looked_up_without_sessions(cli: CommandLine) -> None:
+    cli.unbind("copy")
+    Neighbors(cli, {}, {})
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == []
+    Neighbors(cli, KEPT, KEPT)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == ["e:name 'copy' is not defined"]
+
+
 def test_a_copier_without_deepcopy_or_with_a_failing_one_is_logged(cli: CommandLine) -> None:
     cli.rebind("copy", SimpleNamespace())
     Neighbors(cli, KEPT, KEPT)

@@ -4,9 +4,14 @@ own statement does it."""
 from __future__ import annotations
 
 import builtins
+import errno
 import functools
 import io
+import os
+import socket
+import stat
 import sys
+import tty
 from pathlib import Path
 from types import ModuleType, TracebackType
 from typing import Any, Callable
@@ -95,6 +100,70 @@ def test_a_directory_at_the_path_cannot_be_opened_for_writing(
     error = failure(IsADirectoryError, module.get_token)
     assert error.filename == str(secret_file)
     assert entry(error, "get_token").line
+
+
+@pytest.mark.parametrize("umask", [0o000, 0o022, 0o027, 0o077])
+def test_new_file_has_the_permissions_that_the_umask_leaves(
+    module: ModuleType, secret_file: Path, umask: int
+) -> None:
+    before = os.umask(umask)
+    try:
+        module.get_token()
+    finally:
+        os.umask(before)
+    assert stat.S_IMODE(secret_file.stat().st_mode) == 0o666 & ~umask
+
+
+def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Path) -> None:
+    secret_file.write_text("secret")
+    secret_file.chmod(0o640)
+    module.get_token()
+    assert stat.S_IMODE(secret_file.stat().st_mode) == 0o640
+
+
+def test_socket_at_the_path_cannot_be_opened(
+    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.chdir(secret_file.parent)  # a socket's path may have 107 characters
+    opened = Recorder(builtins.open)
+    monkeypatch.setattr(module, "open", opened, raising=False)
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind(secret_file.name)
+        error = failure(OSError, module.get_token)
+    assert (error.errno, error.filename) == (errno.ENXIO, str(secret_file))
+    assert opened.positional == [(secret_file, "w")]
+    assert entry(error, "get_token").line
+    assert stat.S_ISSOCK(secret_file.stat().st_mode)
+
+
+def test_character_device_is_written_and_then_read(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    """The device is not a regular file, so the secret is generated and what is read counts."""
+    master, slave = os.openpty()
+    try:
+        tty.setraw(slave)  # bytes pass unchanged both ways, and are not echoed
+        os.set_blocking(master, False)
+        os.write(master, b"  placed \nsecond line\n")
+        simulator.secret_path = Path(os.ttyname(slave))
+        assert module.get_token() == "placed"
+        written = os.read(master, 1000).decode()
+    finally:
+        os.close(master)
+        os.close(slave)
+    assert len(written) == 64
+    assert set(written) <= HEX
+
+
+def test_null_device_gives_an_empty_secret(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    opened = Recorder(builtins.open)
+    monkeypatch.setattr(module, "open", opened, raising=False)
+    simulator.secret_path = null = Path(os.devnull)
+    assert module.get_token() == ""
+    assert opened.positional == [(null, "w"), (null, "r")]
+    assert stat.S_ISCHR(null.stat().st_mode)
 
 
 def test_a_missing_directory_is_the_systems_own_error(

@@ -360,6 +360,67 @@ def test_a_name_that_its_source_lacks_is_an_import_error() -> None:
         assert name in error.text.split()[3]
 
 
+def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
+    """Type, text, `name` and `path` of import errors: the module's, and those of statements.
+
+    Each attempt is what spoils the siblings and the import statement that fails for it, if any.
+    """
+    import importlib
+
+    from tests.support.fake_siblings import Workbench
+    from tests.support.isolated import MODULE
+
+    bench = Workbench()
+    errors = []
+    for spoil, statement in attempts:
+        seen: list[Any] = [None, None]
+        bench.spoil(spoil)
+        for index, source in enumerate([f"importlib.import_module({MODULE!r})", statement]):
+            try:
+                exec(source, {"importlib": importlib})
+            except ImportError as error:
+                seen[index] = [type(error).__name__, str(error), error.name, error.path]
+        bench.repair()
+        errors.append(seen)
+    return errors
+
+
+def test_failing_import_statement_raises_the_interpreters_error() -> None:
+    """Compares with the same statement in Python: type, text, `name` and `path`."""
+    statements = {
+        module: f"from {module} import {', '.join(names)}" if names else f"import {module}"
+        for module, names in IMPORT_STATEMENTS
+    }
+    attempts = [
+        *([f"siblings['{module}'] = None", statements[module]] for module in statements),
+        *([without(module, name), statements[module]] for module, name in FROM_IMPORTS),
+    ]
+    errors = isolated.value(import_errors, attempts)
+    assert len(errors) == len(attempts) == 21
+    for (spoil, _statement), (own, interpreters) in zip(attempts, errors):
+        assert own is not None, spoil
+        assert own == interpreters
+        assert own[2], "the name of the module"
+    # Modules with a file, without one, and built into the interpreter.
+    paths = {name: path for (_own, (_type, _text, name, path)) in errors[len(statements) :]}
+    assert paths["os"].endswith("os.py")
+    assert paths["util.errors"] is None
+
+
+def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
+    attempts = [
+        [f"del siblings['{module}'].__pyx_capi__['{item}']", ""]
+        for module, item, _kind, _signature in C_IMPORTS
+    ]
+    assert isolated.value(import_errors, attempts) == [
+        [
+            ["ImportError", f"{module} does not export expected C {kind} {item}", None, None],
+            None,
+        ]
+        for module, item, kind, _signature in C_IMPORTS
+    ]
+
+
 def names_after_failures(*spoils: str) -> list[list[str]]:
     """The names that modules hold whose execution failed, in order; none of the functions."""
     from tests.support.fake_siblings import Workbench, created
@@ -579,6 +640,67 @@ def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
         ]
 
     assert isolated.value(execute_two) == [True, False, True, True]
+
+
+def act_during_execution(act: str) -> dict[str, Any]:
+    """Imports the module; at its import of `util.errors`, does what `act` names."""
+    import importlib
+    import sys
+    from types import ModuleType
+
+    from tests.support.fake_siblings import Workbench, created, execute
+    from tests.support.isolated import MODULE, PRODUCT, describe
+
+    Workbench()
+    early = created(str(PRODUCT))  # before any execution, so another object
+    seen: dict[str, Any] = {"times": 0, "error": None}
+
+    class Errors(ModuleType):
+        def __getattr__(self, wanted: str) -> Any:
+            if wanted != "CFunctionError":
+                raise AttributeError(wanted)
+            seen["times"] += 1
+            module: Any = sys.modules[MODULE]
+            before = dict(vars(module))
+            try:
+                if act == "execute":
+                    execute(module)
+                elif act == "execute another":
+                    execute(early)
+                else:
+                    seen["same"] = created(str(PRODUCT)) is module
+            except Exception as error:
+                seen["error"] = describe(error)
+            seen["added"] = [name for name in vars(module) if name not in before]
+            seen["early"] = [name for name in ("__builtins__", "hexlify") if hasattr(early, name)]
+            return Exception
+
+    sys.modules["util.errors"] = Errors("util.errors")
+    module: Any = importlib.import_module(MODULE)
+    seen["complete"] = module is not early and module.__test__ == {}
+    return seen
+
+
+@pytest.mark.parametrize("act", ["execute", "create"])
+def test_module_is_the_recorded_one_during_execution(act: str) -> None:
+    seen = isolated.value(act_during_execution, act)
+    same = {"same": True} if act == "create" else {}
+    assert seen == {
+        "times": 1,
+        "error": None,
+        "added": [],
+        "early": [],
+        "complete": True,
+        **same,
+    }
+
+
+def test_another_module_is_refused_during_execution() -> None:
+    seen = isolated.value(act_during_execution, "execute another")
+    error = isolated.Error.of(seen.pop("error"))
+    assert (error.type, error.text) == REFUSED
+    assert [entry.file for entry in error.named(INIT)] == [FILE]
+    assert seen == {"times": 1, "added": [], "early": [], "complete": True}
 
 
 def test_executing_the_module_again_changes_nothing() -> None:
