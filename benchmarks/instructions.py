@@ -12,11 +12,11 @@ import re
 import subprocess
 import sys
 import tempfile
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass
 from pathlib import Path
 
-from benchmarks import callgrind_worker
+from benchmarks import callgrind_worker, hostile
 from benchmarks.workloads import Workload
 from veldarin_simulator import native_library
 
@@ -25,7 +25,9 @@ _TOTAL = re.compile(r"^(?:totals|summary): (\d+)", re.MULTILINE)
 
 # By workload and contender: a figure per row, or per call.
 Table = dict[str, dict[str, float]]
-# By workload, contender and number of calls: instructions.
+# By hostile text: instructions of one call at the smaller and at the larger size.
+Growth = dict[str, tuple[int, int]]
+# By workload, contender and number of calls; by hostile text, size and 1: instructions.
 _Totals = dict[tuple[str, str, int], int]
 
 
@@ -44,7 +46,8 @@ def count(chosen: Sequence[Workload], contenders: Sequence[str]) -> Counts:
     `RuntimeError`: valgrind is missing, or the counted process failed.
     """
     with tempfile.TemporaryDirectory(prefix="callgrind-") as folder:
-        allocations = _run(Path(folder), [each.name for each in chosen], contenders)
+        request = {"workloads": [each.name for each in chosen], "contenders": list(contenders)}
+        allocations: Table = json.loads(_run(Path(folder), request))
         totals = _totals(Path(folder))
     imports: dict[str, float] = {
         contender: total
@@ -61,7 +64,23 @@ def count(chosen: Sequence[Workload], contenders: Sequence[str]) -> Counts:
     return Counts(instructions, allocations, imports)
 
 
-def _run(folder: Path, names: Sequence[str], contenders: Sequence[str]) -> Table:
+def count_hostile() -> Growth:
+    """Count one call on each hostile text at each size.
+
+    Raises:
+        RuntimeError: valgrind is missing, or the counted process failed.
+    """
+    with tempfile.TemporaryDirectory(prefix="callgrind-") as folder:
+        _run(Path(folder), {callgrind_worker.HOSTILE: [each.name for each in hostile.TEXTS]})
+        totals = _totals(Path(folder))
+    small, large = map(str, hostile.SIZES)
+    return {
+        each.name: (totals[each.name, small, 1], totals[each.name, large, 1])
+        for each in hostile.TEXTS
+    }
+
+
+def _run(folder: Path, request: Mapping[str, Sequence[str]]) -> str:
     command = [
         "valgrind",
         "--tool=callgrind",
@@ -71,13 +90,12 @@ def _run(folder: Path, names: Sequence[str], contenders: Sequence[str]) -> Table
         "-m",
         callgrind_worker.__name__,
     ]
-    request = json.dumps({"workloads": list(names), "contenders": list(contenders)})
     # The interpreter's own switches must not count.
     plain = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
     try:
         done = subprocess.run(
             command,
-            input=request,
+            input=json.dumps(request),
             text=True,
             capture_output=True,
             cwd=native_library.ROOT,
@@ -87,8 +105,7 @@ def _run(folder: Path, names: Sequence[str], contenders: Sequence[str]) -> Table
         raise RuntimeError("valgrind is missing: install Debian's valgrind") from None
     if done.returncode != 0:
         raise RuntimeError(f"the counted process failed:\n{done.stderr}")
-    allocations: Table = json.loads(done.stdout)
-    return allocations
+    return done.stdout
 
 
 def _totals(folder: Path) -> _Totals:

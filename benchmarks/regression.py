@@ -4,6 +4,9 @@ Instructions depend on the interpreter's build, the compiler and the C library, 
 are kept per toolchain. The ratio to the floor, counted in the same run, is kept once for all: it is
 what is compared where the toolchain is not known, with more room. Allocations depend on nothing.
 
+A call on a hostile text of 16 times the size may take 17 times the instructions: every scan is
+linear. That needs no baseline.
+
 `make bench-baseline` writes the file anew, for the toolchain at hand; the others' counts stay.
 """
 
@@ -17,9 +20,9 @@ import sysconfig
 from pathlib import Path
 from typing import Any
 
-from benchmarks import instructions
+from benchmarks import hostile, instructions
 from benchmarks.competitors import PRODUCT
-from benchmarks.instructions import Counts
+from benchmarks.instructions import Counts, Growth
 from benchmarks.workloads import BARE_BRIDGES, BRIDGES, COUNTED, FLOOR
 from veldarin_simulator import native_library
 
@@ -29,6 +32,8 @@ TOLERANCE = 0.03
 _SLACK = 16
 # Of ratios on a toolchain that the file does not know.
 FOREIGN_TOLERANCE = 0.10
+
+MAX_GROWTH = hostile.FACTOR + 1
 
 # Of a query nearly all is json-c's and ujson's, and varies with the C library's allocator: what it
 # takes beyond its floor is gated, where the reply is null.
@@ -81,6 +86,25 @@ def differences(counts: Counts) -> list[str]:
             if now > before and _far(now, before, FOREIGN_TOLERANCE):
                 found.append(_sentence(name, "times the floor", now, before))
     return found
+
+
+def measure_growth() -> Growth:
+    """Count calls on hostile texts, with the build in use.
+
+    Raises:
+        RuntimeError: They cannot be counted.
+    """
+    return instructions.count_hostile()
+
+
+def nonlinear(growth: Growth) -> list[str]:
+    """Return a sentence for every hostile text that takes more than linear time."""
+    return [
+        f"{name}: {large:,} instructions for {hostile.FACTOR} times the text that takes {small:,}"
+        f" ({large / small:.4g} times, at most {MAX_GROWTH} are linear)"
+        for name, (small, large) in growth.items()
+        if large > MAX_GROWTH * small
+    ]
 
 
 def write(counts: Counts) -> None:

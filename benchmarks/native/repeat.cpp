@@ -89,18 +89,27 @@ PyObject *time(PyObject *, PyObject *const *parts, Py_ssize_t count) {
 
 // ------------------------------------------------------------------ callgrind
 
-// instructions(..., label): the same, counted by callgrind and written out under the label.
+// instrument(on): callgrind counts from here on, or stops. Each change of mode takes it time.
+PyObject *instrument(PyObject *, PyObject *on) {
+    if (on == Py_True) {
+        CALLGRIND_START_INSTRUMENTATION;
+    } else {
+        CALLGRIND_STOP_INSTRUMENTATION;
+    }
+    Py_RETURN_NONE;
+}
+
+// instructions(..., label): the same, counted by callgrind, which must be counting, and written out
+// under the label.
 PyObject *instructions(PyObject *, PyObject *const *parts, Py_ssize_t count) {
     Call call;
     Py_ssize_t times = 0;
     if (!parse(parts, count, call_parts + 1, call, times)) return nullptr;
     const char *label = PyUnicode_AsUTF8(parts[call_parts]);
     if (!label) return nullptr;
-    CALLGRIND_START_INSTRUMENTATION;
     CALLGRIND_ZERO_STATS;
     const bool done = repeat(call, times);
     CALLGRIND_DUMP_STATS_AT(label);
-    CALLGRIND_STOP_INSTRUMENTATION;
     if (!done) return nullptr;
     Py_RETURN_NONE;
 }
@@ -158,6 +167,7 @@ PyCFunction entry(Function *function) {
 
 PyMethodDef methods[] = {
     {"time",         entry(time),         METH_FASTCALL, nullptr},
+    {"instrument",   instrument,          METH_O,        nullptr},
     {"instructions", entry(instructions), METH_FASTCALL, nullptr},
     {"allocations",  entry(allocations),  METH_FASTCALL, nullptr},
     {nullptr,        nullptr,             0,             nullptr},

@@ -346,6 +346,76 @@ def test_the_native_failure_is_the_class_that_the_global_names_then(
     assert error.args == ("get_cli_command_output's result is null.",)
 
 
+class ReturnedFailure(Exception):
+    """An exception that a call returns, as a class or as an instance."""
+
+
+class StoppingFailure(KeyboardInterrupt):
+    """The same, not derived from Exception."""
+
+
+@pytest.mark.parametrize("kind", [ReturnedFailure, StoppingFailure])
+@pytest.mark.parametrize("instance", [True, False], ids=["instance", "class"])
+def test_returned_exception_is_raised_as_by_raise(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    kind: type[BaseException],
+    instance: bool,
+) -> None:
+    returned = kind("by the call") if instance else kind
+    make = Recorder(lambda message: returned)
+    monkeypatch.setattr(module, "CFunctionError", make)
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(kind, module.get_cli_command_output, "command")
+    assert error.args == (("by the call",) if instance else ())
+    assert (error is returned) == instance
+    assert make.positional == [("get_cli_command_output's result is null.",)]
+    assert line(error, FUNCTION)
+
+
+@pytest.mark.parametrize("returned", [None, "text", 5, object], ids=repr)
+def test_returned_non_exception_raises_type_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, returned: object
+) -> None:
+    monkeypatch.setattr(module, "CFunctionError", lambda message: returned)
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(TypeError, module.get_cli_command_output, "command")
+    assert str(error) == "exceptions must derive from BaseException"
+    assert line(error, FUNCTION)
+
+
+def test_returned_class_that_fails_raises_its_own_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    error = Failed()
+
+    class Unmakable(Exception):
+        def __init__(self) -> None:
+            raise error
+
+    monkeypatch.setattr(module, "CFunctionError", lambda message: Unmakable)
+    simulator.set_reply("get_cli_cmd_output", None)
+    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert line(error, FUNCTION)
+
+
+def test_returned_class_without_instances_raises_type_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Odd(Exception):
+        def __new__(cls) -> Any:
+            return 5
+
+    monkeypatch.setattr(module, "CFunctionError", lambda message: Odd)
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(TypeError, module.get_cli_command_output, "command")
+    assert str(error) == (
+        f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
+    )
+    assert line(error, FUNCTION)
+
+
 def test_a_native_failure_that_cannot_be_made_is_told_instead(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:

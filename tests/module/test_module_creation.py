@@ -84,6 +84,38 @@ def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> No
     assert set(told) == {f"RuntimeError: {isolated.MODULE} has not been imported"}
 
 
+# Arguments that each kind of function refuses once the module is executed.
+REFUSED: list[list[Any]] = [
+    *(
+        [row.name, [5] * len(row.parameters)]
+        for row in FUNCTIONS
+        if row.parameters and row.parameters[0].type
+    ),
+    *([row.name, [None] * 3] for row in FUNCTIONS if row.kind == "keywords"),
+]
+
+
+def test_call_before_execution_does_not_check_its_arguments() -> None:
+    def call_all(calls: list[list[Any]]) -> list[list[Any]]:
+        from importlib.machinery import ModuleSpec
+
+        from tests.support.fake_siblings import created_from
+        from tests.support.isolated import MODULE, PRODUCT
+
+        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        ended: list[list[Any]] = []
+        for name, arguments in calls:
+            try:
+                ended.append([name, repr(getattr(module, name)(*arguments))])
+            except Exception as error:
+                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
+        return ended
+
+    assert isolated.value(call_all, REFUSED) == [
+        [name, "RuntimeError", True] for name, _ in REFUSED
+    ]
+
+
 def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
     def call_entry() -> list[object]:
         import ctypes

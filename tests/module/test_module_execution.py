@@ -14,6 +14,7 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import FILE
 from tests.support.fake_siblings import JSON_OBJECT_SIZE, LIBRARY_MODULES, POINTER
+from tests.support.function_table import FUNCTIONS
 
 INIT = f"init {isolated.MODULE}"
 
@@ -421,6 +422,62 @@ def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
     ]
 
 
+def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
+    """Of each spoilt import statement: the module's error, and that of the same statement here."""
+    import importlib
+
+    from tests.support.fake_siblings import Workbench
+    from tests.support.isolated import MODULE
+
+    bench = Workbench()
+    found: list[list[list[Any]]] = []
+    for spoil, source, statement in statements:
+        bench.spoil(spoil, source)
+        errors: list[list[Any]] = []
+        for run in (lambda: importlib.import_module(MODULE), lambda: exec(statement)):  # noqa: B023
+            try:
+                run()
+            except ImportError as error:
+                errors.append([type(error).__name__, str(error), error.name, error.path])
+        bench.repair()
+        found.append(errors)
+    return found
+
+
+@pytest.mark.parametrize("file", ["/somewhere/source.py", None])
+def test_failing_from_import_has_the_interpreters_name_and_path(file: str | None) -> None:
+    statements = []
+    for module, name in FROM_IMPORTS:
+        attributes = f"vars(siblings['{module}'])"
+        source = f"{attributes}.update(__file__={file!r})"
+        if file is None:
+            source = f"{attributes}.pop('__file__', None)"
+        copied = f"siblings['{module}'] = lacking('{module}'); " * (module in LIBRARY_MODULES)
+        spoil = copied + without(module, name)
+        statements.append([spoil, source, f"from {module} import {name}"])
+    found = isolated.value(compare_import_errors, statements)
+    for (module, name), (ours, interpreters) in zip(FROM_IMPORTS, found):
+        assert ours == interpreters
+        assert name in ours[1]
+        assert (ours[0], ours[2], ours[3]) == ("ImportError", module, file)
+
+
+UNEQUAL_KEY = """
+def fail(self, other):
+    raise OSError('no comparison')
+Key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': fail}})
+siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
+"""
+
+
+@pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
+def test_error_of_a_c_item_look_up_fails_the_import(
+    module: str, item: str, kind: str, signature: str
+) -> None:
+    statement = UNEQUAL_KEY.format(module=module, item=item)
+    assert kind_and_text(statement) == ("OSError", "no comparison")
+
+
 def names_after_failures(*spoils: str) -> list[list[str]]:
     """The names that modules hold whose execution failed, in order; none of the functions."""
     from tests.support.fake_siblings import Workbench, created
@@ -766,6 +823,41 @@ def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_give
         return [module is failed, hasattr(failed, "__test__"), hasattr(module, "__test__")]
 
     assert isolated.value(fail_then_import) == [False, False, True]
+
+
+@pytest.mark.parametrize(
+    "statement",
+    [
+        "siblings['util.json'] = None",
+        "siblings['copy'] = None",
+        "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
+    ],
+    ids=["types", "last import", "Counters"],
+)
+def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> None:
+    def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
+        from tests.support.fake_siblings import Workbench, created
+        from tests.support.isolated import PRODUCT
+
+        bench = Workbench()
+        failed = created(str(PRODUCT))
+        bench.spoil(statement)
+        try:
+            failed.__loader__.exec_module(failed)
+        except Exception:
+            bench.repair()
+        ended: list[list[Any]] = []
+        for name, required in calls:
+            try:
+                ended.append([name, repr(getattr(failed, name)(*[None] * required))])
+            except Exception as error:
+                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
+        return ended
+
+    calls = [[row.name, row.required] for row in FUNCTIONS]
+    assert isolated.value(call_all, statement, calls) == [
+        [row.name, "RuntimeError", True] for row in FUNCTIONS
+    ]
 
 
 def module_in_sys_modules(there_already: bool) -> list[object]:

@@ -8,7 +8,7 @@ import platform
 
 import pytest
 
-from benchmarks import regression
+from benchmarks import hostile, regression
 from benchmarks.competitors import PRODUCT
 from benchmarks.instructions import Counts, Table
 from benchmarks.workloads import FLOOR
@@ -29,6 +29,13 @@ def is_release() -> bool:
 def test_no_call_takes_more_or_less_than_the_baseline_says() -> None:
     found = regression.differences(regression.measure())
     assert not found, "\n".join([*found, "if this is meant: make bench-baseline"])
+
+
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="valgrind counts on a workstation")
+@pytest.mark.skipif(not is_release(), reason="the release build's searches are those that ship")
+def test_hostile_texts_take_linear_time() -> None:
+    found = regression.nonlinear(regression.measure_growth())
+    assert not found, "\n".join(found)
 
 
 # The gate itself, on figures that are the baseline's own but for one.
@@ -114,3 +121,21 @@ def test_on_another_toolchain_the_ratio_to_the_floor_counts() -> None:
     assert regression.differences(counts(instructions=1.08)) == []
     (sentence,) = regression.differences(counts(instructions=1.12))
     assert "times the floor" in sentence
+
+
+def test_growth_up_to_17_times_is_linear() -> None:
+    assert regression.nonlinear({"a": (1000, 17_000), "b": (1000, 2000)}) == []
+
+
+def test_growth_beyond_17_times_is_named() -> None:
+    (sentence,) = regression.nonlinear({"a": (1000, 17_001), "b": (1000, 17_000)})
+    assert sentence.startswith("a: 17,001 instructions")
+
+
+def test_hostile_texts_are_of_the_sizes_counted() -> None:
+    """A text that stayed small would pass whatever the module does."""
+    for text in hostile.TEXTS:
+        around = len(text.head) + len(text.tail)
+        small, large = (len(text.output(size)) - around for size in hostile.SIZES)
+        assert hostile.SIZES[0] - len(text.piece) < small <= hostile.SIZES[0], text.name
+        assert large == hostile.FACTOR * small, text.name
