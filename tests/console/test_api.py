@@ -137,7 +137,7 @@ def test_the_whole_documentation_of_a_function_is_told(asked: Any) -> None:
         for function in one["functions"]:
             parts = [function[part] for part in ("summary", "text", "raises", "example")]
             told = " ".join(" ".join(parts).split())
-            documentation = declared[function["name"]].documentation
+            documentation = declared[function["name"]].docstring
             whole = " ".join(
                 documentation.replace("Raises:\n", "").replace("Example:\n", "").split()
             )

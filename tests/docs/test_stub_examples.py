@@ -3,7 +3,6 @@ say of native services, requests and results is what such calls show."""
 
 from __future__ import annotations
 
-import ast
 import doctest
 import re
 from collections.abc import Iterator
@@ -12,8 +11,8 @@ from typing import Any, Callable
 import pytest
 
 from tests.support.query_cases import ROWS
-from tests.support.stub import FACE, NAMED, Function, declarations, docstrings, every_function
-from veldarin_simulator import Simulator
+from tests.support.stub import NAMED, STUB, Function, docstrings, every_function
+from veldarin_simulator import Simulator, stub
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
 from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, filter_rows
 
@@ -133,12 +132,7 @@ class Kept:
 def assert_is(annotation: str, value: Any) -> None:
     """The value is what the annotation of the face says, down to the keys of a row."""
     container = re.fullmatch(r"(list|dict)\[(?:str, )?(\w+)\]", annotation)
-    fields = {
-        node.name: {ast.unparse(row.target): ast.unparse(row.annotation) for row in rows}
-        for node in declarations().body
-        if isinstance(node, ast.ClassDef)
-        for rows in [[row for row in node.body if isinstance(row, ast.AnnAssign)]]
-    }
+    fields = {entry.name: entry.fields for entry in STUB.entries if isinstance(entry, stub.Class)}
     if container is not None:
         assert type(value).__name__ == container[1]
         assert value, "an example without entries shows none"
@@ -165,7 +159,7 @@ def test_the_examples_are_true(example_device: Simulator, function: Function) ->
     called = Kept(getattr(module, function.name))
     names = {function.name: called}
     example = doctest.DocTestParser().get_doctest(
-        docstrings()[function.name], names, function.name, str(FACE), 0
+        docstrings()[function.name], names, function.name, str(stub.STUB), 0
     )
     assert example.examples
     told: list[str] = []

@@ -22,7 +22,7 @@ def catalogue(functions: dict[str, Function]) -> list[dict[str, Any]]:
 
 
 def _function(function: Function) -> dict[str, Any]:
-    text = function.documentation + "\n"
+    text = function.docstring + "\n"
     parts = {
         name: "\n".join(line[4:] for line in lines.splitlines()).strip()
         for name, lines in _PART.findall(text)
