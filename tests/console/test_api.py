@@ -358,7 +358,7 @@ def test_a_refused_capture_is_told_with_the_line(asked: Any) -> None:
     made = asked("POST", "/api/captures/arp", {"text": f"{ARP}device #\n"})
     raised = made["raised"]
     assert (raised["type"], raised["line"]) == ("IndexError", 3)
-    assert raised["problem"] == "the parser refuses this line: 'device #'"
+    assert raised["problem"] == "the parser rejects this line: 'device #'"
     assert [entry["file"] for entry in raised["traceback"]] == ["veldarin/modules/modules_util"]
     assert "result" not in made
     made = asked("POST", "/api/captures/arp", {"text": "nothing"})
@@ -375,7 +375,7 @@ def test_a_capture_ends_at_its_first_nul(asked: Any) -> None:
 
 def test_a_long_capture_is_parsed_without_telling_lines_apart(asked: Any) -> None:
     row = "192.0.2.10 0 02:00:00:aa:bb:cc port1\n"
-    rows = parse_capture.MOST_LINES - 2
+    rows = parse_capture.MAX_LINES - 2
     made = asked("POST", "/api/captures/arp", {"text": "Address\n" + row * rows})
     assert len(made["origins"]) == rows
     made = asked("POST", "/api/captures/arp", {"text": "Address\n" + row * (rows + 1)})

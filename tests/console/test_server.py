@@ -173,7 +173,7 @@ def test_it_does_not_leave_loopback_without_the_words(tmp_path: Path, address: s
     done = subprocess.run(
         [sys.executable, "-m", "veldarin_simulator", "console", "--port", "0", "--host", address],
         cwd=isolated.ROOT,
-        env={**os.environ, "APPLIANCE_STATE": str(tmp_path)},
+        env={**os.environ, "VELDARIN_SIMULATOR_STATE": str(tmp_path)},
         capture_output=True,
         text=True,
         timeout=SECONDS,
@@ -208,14 +208,14 @@ def test_a_port_that_is_taken_is_one_line(served: tuple[str, int], tmp_path: Pat
     done = subprocess.run(
         [sys.executable, "-m", "veldarin_simulator", "console", "--port", str(served[1])],
         cwd=isolated.ROOT,
-        env={**os.environ, "APPLIANCE_STATE": str(tmp_path)},
+        env={**os.environ, "VELDARIN_SIMULATOR_STATE": str(tmp_path)},
         capture_output=True,
         text=True,
         timeout=SECONDS,
     )
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr == (
-        f"appliance: 127.0.0.1 port {served[1]}: address already in use"
+        f"veldarin_simulator: 127.0.0.1 port {served[1]}: address already in use"
         " (choose another with --port)\n"
     )
 

@@ -19,7 +19,7 @@ import pytest
 
 from tests.support.function_table import FUNCTIONS
 from tests.support.netns import ROOT
-from veldarin_simulator import stub
+from veldarin_simulator import state_dir, stub
 from veldarin_simulator.__main__ import main
 from veldarin_simulator.cli import common, demo
 from veldarin_simulator.providers import bfd, serial_number
@@ -35,11 +35,11 @@ def workstation(
     """A machine identifier and a state directory of the test's own, no routing daemon; returns the
     state directory."""
     path = tmp_path / "state"
-    monkeypatch.setenv("APPLIANCE_STATE", str(path))
+    monkeypatch.setenv(state_dir.VARIABLE, str(path))
     machine_id = tmp_path_factory.mktemp("etc") / "machine-id"
     machine_id.write_text("0123456789abcdef0123456789abcdef\n")
     monkeypatch.setattr(serial_number, "_MACHINE_IDS", (machine_id,))
-    monkeypatch.setattr(bfd, "_shell", lambda command: None)
+    monkeypatch.setattr(bfd, "_vtysh", lambda command: None)
     return path
 
 
@@ -158,7 +158,7 @@ def test_without_a_certificate_on_the_machine_the_tour_makes_one_and_says_so(
 ) -> None:
     monkeypatch.setattr(demo, "_CERTIFICATES", ("/no/such/certificate",))
     call, source, value = toured(run("demo")[1])["check_cert_expiration"]
-    assert "throwaway" in call
+    assert "temporary-" in call
     assert (source, value) == ("live", "True")
 
 
@@ -222,10 +222,10 @@ def test_call_prints_the_result_as_json_and_the_source_apart(run: Any) -> None:
     status, out, err = run("call", "list_switch_lg_state")
     assert status == 0
     assert json.loads(out)[0]["group"] == "lg1"
-    assert err == "appliance: build_switch_lg_state: recorded\n"
+    assert err == "veldarin_simulator: build_switch_lg_state: recorded\n"
     status, out, err = run("call", "list_switch_port_statistics", "lo")
     assert json.loads(out)[0]["port_name"] == "lo"
-    assert err == "appliance: build_switch_port_statistics: live\n"
+    assert err == "veldarin_simulator: build_switch_port_statistics: live\n"
 
 
 def test_call_says_nothing_of_a_source_where_no_service_was_asked(run: Any) -> None:
@@ -344,7 +344,7 @@ def test_an_answer_that_fails_is_shown_as_the_cause(run: Any, workstation: Path)
     status, out, err = run("call", "encrypt_cookie", "x")
     assert (status, out) == (1, "")
     assert err.splitlines()[-1].startswith("ValueError: ")
-    assert "cookie-key: holds 5 bytes in place of 32; remove the file" in err
+    assert "cookie-key: expected 32 bytes, found 5; remove the file" in err
 
 
 def test_options_and_arguments_may_be_mixed(run: Any, tmp_path: Path) -> None:
@@ -425,7 +425,7 @@ def test_bfd_captures_are_parsed_afresh_and_what_is_passed_over_is_told(
         assert status == 0
         (session,) = json.loads(out).values()
         assert session["neighbor_ip"] == "198.51.100.77"
-        assert err.count("passed over a line: e:argument of type 'type' is not iterable") == 3
+        assert err.count("skipped a line: e:argument of type 'type' is not iterable") == 3
     text = b"BFD\npeer 192.0.2.1 interface port1\n  Status: up\n"
     status, out, err = run("parse", "bfd", capture(text))
     assert list(json.loads(out)) == ["192.0.2.1_port1"]
@@ -435,12 +435,12 @@ def test_bfd_captures_are_parsed_afresh_and_what_is_passed_over_is_told(
 
 REFUSED = {
     # kind, text, where, the last line
-    "prompt": ("arp", ARP + b"device # \r\n", ":6: the parser refuses this line: 'device #'"),
-    "first row": ("arp", b"Address\nx\ny\n", ":2: the parser refuses this line: 'x'"),
+    "prompt": ("arp", ARP + b"device # \r\n", ":6: the parser rejects this line: 'device #'"),
+    "first row": ("arp", b"Address\nx\ny\n", ":2: the parser rejects this line: 'x'"),
     "no table": ("arp", b"hello\n", ': no line begins with "Address"'),
     "nothing": ("arp", b"", ': no line begins with "Address"'),
-    "hop": ("routing", ROUTING + b"% trailer", ":5: the parser refuses this line: '% trailer'"),
-    "short header": ("routing", b"\nRouting entry\na\nb\n", ":2: the parser refuses the header"),
+    "hop": ("routing", ROUTING + b"% trailer", ":5: the parser rejects this line: '% trailer'"),
+    "short header": ("routing", b"\nRouting entry\na\nb\n", ":2: the parser rejects the header"),
     "NUL": ("arp", b"hello\0\nAddress\n", ": the text ends at its first NUL byte, offset 5"),
     "no entry": ("routing", b"% Network not in table\n", ': no line begins with "Routing"'),
 }
@@ -454,17 +454,17 @@ def test_a_refused_capture_is_told_with_the_line(
     status, out, err = run("parse", kind, path)
     assert (status, out) == (1, "")
     lines = err.splitlines()
-    assert lines[0].startswith(f"appliance: {path}{where}")
+    assert lines[0].startswith(f"veldarin_simulator: {path}{where}")
     assert lines[-1] == "IndexError: list index out of range"
     if b"\0" in text:  # what stands behind it is not looked at
-        assert lines[1] == f'appliance: {path}: no line begins with "Address"'
+        assert lines[1] == f'veldarin_simulator: {path}: no line begins with "Address"'
     assert len(lines) == 2 + text.count(b"\0")
 
 
 def test_a_capture_that_is_no_utf_8_is_refused_with_the_line(run: Any, capture: Any) -> None:
     status, _, err = run("parse", "arp", capture(b"Address\n1 2 3 4\n1 2 3 \xff\n"))
     assert status == 1
-    assert ":3: the parser refuses this line" in err
+    assert ":3: the parser rejects this line" in err
     assert err.splitlines()[-1].startswith("UnicodeDecodeError: 'utf-8' codec can't decode")
 
 
@@ -479,7 +479,7 @@ def test_a_long_capture_is_searched_quickly(run: Any, capture: Any) -> None:
     rows = b"192.0.2.10 0 02:00:00:aa:bb:cc port1\n" * 20_000
     status, _, err = run("parse", "arp", capture(b"Address\n" + rows + b"end\n"))
     assert status == 1
-    assert ":20002: the parser refuses this line: 'end'" in err
+    assert ":20002: the parser rejects this line: 'end'" in err
 
 
 # Usage
@@ -489,12 +489,12 @@ def test_usage_errors_are_one_line_and_exit_status_2(run: Any, tmp_path: Path) -
     (tmp_path / "build_switch_lg_state.json").write_text("{\n!\n")
     scenario = ("--scenario", str(tmp_path))
     cases = {
-        (): "which tool: demo, call, parse, console?",
-        ("dance",): "which tool: demo, call, parse, console?",
+        (): "expected a tool: demo, call, parse, console",
+        ("dance",): "expected a tool: demo, call, parse, console",
         ("demo", "now"): "unrecognized arguments: now",
         ("demo", "--scenario"): "expected one argument",
         ("demo", *scenario): "build_switch_lg_state.json:2: not JSON: ",
-        ("call",): "which function?",
+        ("call",): "expected a function",
         ("call", "list_switch_lg_stat"): "did you mean list_switch_lg_state?",
         ("call", "__init__"): "the module has no function __init__: see ",
         ("call", "json"): "the module has no function json: see ",
@@ -514,7 +514,7 @@ def test_usage_errors_are_one_line_and_exit_status_2(run: Any, tmp_path: Path) -
         status, out, err = run(*texts)
         assert (status, out) == (2, ""), texts
         assert err.count("\n") == 1, err
-        assert err.startswith("appliance: "), err
+        assert err.startswith("veldarin_simulator: "), err
         assert message in err
 
 
@@ -541,11 +541,11 @@ def test_a_state_directory_that_cannot_be_made_is_told(
     run: Any, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     (tmp_path / "file").write_text("")
-    monkeypatch.setenv("APPLIANCE_STATE", str(tmp_path / "file" / "state"))
+    monkeypatch.setenv(state_dir.VARIABLE, str(tmp_path / "file" / "state"))
     status, out, err = run("call", "get_token")
     assert status == 0
     assert len(json.loads(out)) == 64
-    assert err.startswith("appliance: the preference secret is not kept: ")
+    assert err.startswith("veldarin_simulator: cannot store the preference secret: ")
 
 
 def test_a_reader_that_has_seen_enough_is_no_error() -> None:
@@ -569,5 +569,5 @@ def test_a_face_that_declares_nothing_stops_every_tool(
     empty.write_text("")
     monkeypatch.setattr(stub.functions, "__defaults__", (empty,))
     with pytest.raises(SystemExit):
-        common.known_functions()
-    assert capsys.readouterr().err == f"appliance: {empty}: declares no function\n"
+        common.load_functions()
+    assert capsys.readouterr().err == f"veldarin_simulator: {empty}: declares no function\n"

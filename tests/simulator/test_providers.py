@@ -43,7 +43,7 @@ CAPTURES = Path(__file__).parents[1] / "data" / "cli_output"
 def state_directory(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
     """No test leaves anything in the user's state directory."""
     path = tmp_path / "state"
-    monkeypatch.setenv("APPLIANCE_STATE", str(path))
+    monkeypatch.setenv(state_dir.VARIABLE, str(path))
     return path
 
 
@@ -221,7 +221,7 @@ def test_the_igmp_table_is_read_with_long_names_and_many_groups() -> None:
         f"\t\t\t\t{names}     3 0:00000000\t\t0\n"
         f"\t\t\t\t{everybody}     1 0:00000000\t\t0\n"
     )
-    assert multicast.parsed(table) == [
+    assert multicast.parse(table) == [
         {"port_name": "lo", "group": "224.0.0.1", "users": 1, "version": "V3"},
         {"port_name": "longest-name.12", "group": "224.0.0.251", "users": 3, "version": "V2"},
         {"port_name": "longest-name.12", "group": "224.0.0.1", "users": 1, "version": "V2"},
@@ -351,7 +351,7 @@ def test_another_processs_cipher_reads_the_cookie_and_another_keys_does_not(
 ) -> None:
     wrapped = cookies.ValueCipher().wrap(b"value")
     assert cookies.ValueCipher().unwrap(wrapped) == b"value"
-    monkeypatch.setenv("APPLIANCE_STATE", str(tmp_path / "elsewhere"))
+    monkeypatch.setenv(state_dir.VARIABLE, str(tmp_path / "elsewhere"))
     assert cookies.ValueCipher().unwrap(wrapped) == b""
 
 
@@ -365,12 +365,15 @@ def test_the_key_is_its_owners_alone(state_directory: Path) -> None:
 def test_a_key_of_the_wrong_size_is_refused_with_its_path(state_directory: Path) -> None:
     state_directory.mkdir()
     (state_directory / "cookie-key").write_bytes(b"short")
-    with pytest.raises(ValueError, match="cookie-key: holds 5 bytes in place of 32; remove"):
+    with pytest.raises(ValueError, match="cookie-key: expected 32 bytes, found 5; remove"):
         cookies.ValueCipher().wrap(b"value")
 
 
 def test_processes_that_race_for_the_key_all_get_the_winners(state_directory: Path) -> None:
-    source = "from veldarin_simulator import state_dir; print(state_dir.secret('race', 32).hex())"
+    source = (
+        "from veldarin_simulator import state_dir; "
+        "print(state_dir.load_or_create_secret('race', 32).hex())"
+    )
     racers = [
         subprocess.Popen(
             [sys.executable, "-c", source], cwd=ROOT, stdout=subprocess.PIPE, text=True
@@ -385,12 +388,12 @@ def test_processes_that_race_for_the_key_all_get_the_winners(state_directory: Pa
 def test_state_is_kept_below_the_xdg_directory_or_home(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    monkeypatch.delenv("APPLIANCE_STATE")
+    monkeypatch.delenv(state_dir.VARIABLE)
     monkeypatch.setenv("HOME", str(tmp_path))
     monkeypatch.delenv("XDG_STATE_HOME", raising=False)
-    assert state_dir.directory() == tmp_path / ".local" / "state" / "veldarin-appliance"
+    assert state_dir.directory() == tmp_path / ".local" / "state" / "veldarin-simulator"
     monkeypatch.setenv("XDG_STATE_HOME", str(tmp_path / "xdg"))
-    assert state_dir.directory() == tmp_path / "xdg" / "veldarin-appliance"
+    assert state_dir.directory() == tmp_path / "xdg" / "veldarin-simulator"
 
 
 def test_the_hash_is_the_crc_32_of_the_standard() -> None:
@@ -438,7 +441,7 @@ def test_a_machine_without_identifier_gets_one_and_keeps_it(
     monkeypatch.setattr(serial_number, "_MACHINE_IDS", (blank,))
     first = serial_number.read()
     assert serial_number.read() == first
-    monkeypatch.setenv("APPLIANCE_STATE", str(tmp_path / "another machine"))
+    monkeypatch.setenv(state_dir.VARIABLE, str(tmp_path / "another machine"))
     assert serial_number.read() != first
 
 
@@ -543,13 +546,13 @@ def test_sessions_are_told_apart_by_family_address_and_place(shell: Path) -> Non
 
 
 def test_a_text_in_the_parsers_layout_stays_as_it_is() -> None:
-    once = bfd.rendered(bfd.parsed(captured("bfd-peers")))
-    assert bfd.rendered(bfd.parsed(once)) == once
+    once = bfd.render(bfd.parse(captured("bfd-peers")))
+    assert bfd.render(bfd.parse(once)) == once
 
 
 def test_every_line_of_the_daemon_is_kept() -> None:
     text = captured("bfd-peers")
-    kept = bfd.rendered(bfd.parsed(text)).lower()
+    kept = bfd.render(bfd.parse(text)).lower()
     for line in text.splitlines():
         content = line.strip().rstrip(":").lower()
         if content and not content.startswith("peer "):
@@ -558,7 +561,7 @@ def test_every_line_of_the_daemon_is_kept() -> None:
 
 def test_a_timer_block_that_is_too_short_for_the_parser_is_no_block() -> None:
     text = "BFD Peers:\n\tpeer 192.0.2.1 vrf x\n\t\tLocal timers:\n\t\t\tA: 1\n\t\tStatus: up\n"
-    lines = [line.strip() for line in bfd.rendered(bfd.parsed(text)).splitlines()]
+    lines = [line.strip() for line in bfd.render(bfd.parse(text)).splitlines()]
     assert lines == ["BFD Peers:", "peer 192.0.2.1 vrf x", "Status: up", "Local a: 1"]
 
 
@@ -574,9 +577,9 @@ def test_a_timer_block_that_is_too_short_for_the_parser_is_no_block() -> None:
     )
 )
 def test_hostile_daemon_output_is_rendered_without_error(lines: list[str]) -> None:
-    rendered = bfd.rendered(bfd.parsed("\n".join(lines)))
+    rendered = bfd.render(bfd.parse("\n".join(lines)))
     assert rendered.startswith("BFD Peers:\n")
-    assert bfd.rendered(bfd.parsed(rendered)) == rendered
+    assert bfd.render(bfd.parse(rendered)) == rendered
 
 
 SILENT_SHELLS = {
@@ -600,7 +603,7 @@ def test_a_shell_that_says_nothing_of_bfd_leaves_the_answer_to_the_recording(
 
 def test_a_shell_that_hangs_is_given_up(shell: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     shell.write_text("#!/bin/sh\nexec sleep 60\n")
-    monkeypatch.setattr(bfd, "_PATIENCE", 0.2)
+    monkeypatch.setattr(bfd, "_TIMEOUT", 0.2)
     assert bfd.neighbors(4) is None
 
 
@@ -626,7 +629,7 @@ def test_a_daemon_without_sessions_is_a_live_answer(shell: Path) -> None:
 
 @pytest.mark.usefixtures("no_sessions_yet")
 def test_the_recorded_listing_has_a_session_of_each_family(monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(bfd, "_shell", lambda command: None)
+    monkeypatch.setattr(bfd, "_vtysh", lambda command: None)
     with Simulator(live=True) as simulator:
         listed = simulator.module.list_bfd_neighbor()
         assert simulator.source("get_cli_cmd_output") == "recorded"
@@ -679,7 +682,7 @@ def test_there_is_an_answer_for_every_service_of_the_native_library(simulator: S
     answers = Providers(Scenario(), live=True).replies()
     for name, answer in answers.items():
         simulator.set_reply(name, answer)  # an unknown name, or a value of another form, is refused
-    assert {name for name in simulator._host.forms if simulator.source(name) == "none"} == set()
+    assert {name for name in simulator._library.forms if simulator.source(name) == "none"} == set()
 
 
 def test_without_live_answers_and_scenario_nothing_answers() -> None:

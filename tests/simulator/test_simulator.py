@@ -209,7 +209,7 @@ def test_every_bridge_function_is_a_service_of_its_own(
 ) -> None:
     names = [
         name
-        for name, form in simulator._host.forms.items()
+        for name, form in simulator._library.forms.items()
         if form is native_library.ReplyForm.JSON
     ]
     assert len(names) == 17
@@ -317,16 +317,16 @@ def test_unwrapping_nothing_leaves_the_buffer(simulator: Simulator, native: Nati
 
 
 def test_a_wrapped_text_is_never_null(simulator: Simulator) -> None:
-    with pytest.raises(TypeError, match="the service answers text, not NoneType"):
+    with pytest.raises(TypeError, match="the service returns text, not NoneType"):
         simulator.set_reply("cookieval_wrap", None)
 
 
 @pytest.mark.parametrize(
     ("service", "reply", "text"),
     [
-        ("get_cli_cmd_output", 5, "the service answers text, not int"),
-        ("aps_get_new_cookie_id", "5", "the service answers an int, not str"),
-        ("gui_chk_cert_expiration", None, "the service answers an int, not NoneType"),
+        ("get_cli_cmd_output", 5, "the service returns text, not int"),
+        ("aps_get_new_cookie_id", "5", "the service returns an int, not str"),
+        ("gui_chk_cert_expiration", None, "the service returns an int, not NoneType"),
     ],
 )
 def test_a_reply_of_the_wrong_kind_is_refused(
@@ -549,7 +549,7 @@ def test_the_allocator_is_wrapped_only_while_buffers_are_counted(built: None) ->
     assert allocator() == before
     with Simulator(live=False, track_buffers=False) as simulator:
         assert allocator() == before
-        with pytest.raises(RuntimeError, match="opened with counting=False"):
+        with pytest.raises(RuntimeError, match="opened with track_buffers=False"):
             simulator.live_objects  # noqa: B018
 
 
@@ -589,7 +589,7 @@ def test_a_failing_answer_is_null_and_raised_by_check(simulator: Simulator, nati
     assert native.text("cookieval_wrap", b"x") == b""
     assert native.unwrap(b"x") == (-1, b"x")
     with pytest.raises(
-        RuntimeError, match=r"^3 answers failed: LookupError\('no answer'\); "
+        RuntimeError, match=r"^3 replies failed: LookupError\('no answer'\); "
     ) as several:
         simulator.raise_errors()
     assert isinstance(several.value.__cause__, LookupError)
@@ -788,7 +788,7 @@ def test_a_canned_text_that_does_not_fit_is_told_by_check(
 ) -> None:
     simulator.set_fixed_reply("cookieval_unwrap", b"abcd")
     assert native.unwrap(b"xyz") == (-1, b"xyz")
-    with pytest.raises(ValueError, match="the canned text did not fit 1 buffers"):
+    with pytest.raises(ValueError, match="the fixed reply did not fit 1 buffers"):
         simulator.raise_errors()
     simulator.raise_errors()
 
@@ -1110,7 +1110,7 @@ def test_a_closed_appliance_answers_nothing(built: None) -> None:
 
 
 def test_one_appliance_at_a_time(simulator: Simulator) -> None:
-    with pytest.raises(RuntimeError, match=r"^another appliance is open in this process"):
+    with pytest.raises(RuntimeError, match=r"^another simulator is open in this process"):
         Simulator(live=False)
     Native().certificate(b"x")
     assert len(simulator.call_log) == 1, "the open one goes on"
@@ -1187,9 +1187,7 @@ def test_without_a_build_one_line_says_what_to_do(
     )
     assert process.returncode == 1
     last = process.stderr.splitlines()[-1]
-    assert (
-        last == f"RuntimeError: the stand-in appliance is not built in {tmp_path}: run `make build`"
-    )
+    assert last == f"RuntimeError: the simulator is not built in {tmp_path}: run `make build`"
 
 
 def test_a_process_keeps_to_one_build(

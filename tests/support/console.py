@@ -19,7 +19,7 @@ from veldarin_simulator.console.app import application
 from veldarin_simulator.console.scenario_store import Shelf
 from veldarin_simulator.console.session import Bench
 from veldarin_simulator.providers import bfd
-from veldarin_simulator.simulator import PRODUCT
+from veldarin_simulator.simulator import MODULE
 
 SECONDS = 60  # far beyond anything here; a hang must end somewhere
 
@@ -53,10 +53,10 @@ def scenario(folder: Path) -> Path:
 @contextmanager
 def opened(folder: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
     """A bench that was given the scenario `folder / "given"`, its shelf beside it."""
-    monkeypatch.setenv("APPLIANCE_STATE", str(folder / "state"))
-    monkeypatch.setattr(bfd, "_shell", lambda command: None)
+    monkeypatch.setenv("VELDARIN_SIMULATOR_STATE", str(folder / "state"))
+    monkeypatch.setattr(bfd, "_vtysh", lambda command: None)
     with Bench(Shelf(folder / "shelf", scenario(folder / "given"))) as bench:
-        module = importlib.import_module(PRODUCT)
+        module = importlib.import_module(MODULE)
         # The dictionary that calls without one of their own share is the process's, and outlives
         # the test: a command that prints no session gives the dictionary itself.
         shared = module.get_bfd_neighbor("get system arp")
@@ -78,7 +78,11 @@ def running(folder: Path, *options: str) -> Iterator[tuple[subprocess.Popen[str]
     with subprocess.Popen(
         [sys.executable, "-m", "veldarin_simulator", "console", "--port", "0", *options],
         cwd=isolated.ROOT,
-        env={**os.environ, "APPLIANCE_STATE": str(folder / "state"), "TMPDIR": str(temporary)},
+        env={
+            **os.environ,
+            "VELDARIN_SIMULATOR_STATE": str(folder / "state"),
+            "TMPDIR": str(temporary),
+        },
         stdin=subprocess.DEVNULL,
         stdout=subprocess.PIPE,
         stderr=subprocess.PIPE,

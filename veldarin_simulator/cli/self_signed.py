@@ -1,4 +1,4 @@
-"""A certificate for the tour of a machine that has none of its own."""
+"""A self-signed certificate for the demo on a machine without certificates."""
 
 from __future__ import annotations
 
@@ -10,8 +10,8 @@ from cryptography.hazmat.primitives.asymmetric import ec
 from cryptography.x509.oid import NameOID
 
 
-def certificate_in_pem() -> bytes:
-    """A self-signed certificate in PEM, valid from an hour ago for a day; its key is not kept."""
+def self_signed_pem() -> bytes:
+    """Return a certificate in PEM, valid for a day from an hour ago; its key is discarded."""
     key = ec.generate_private_key(ec.SECP256R1())
     name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "appliance.invalid")])
     begin = datetime.now(timezone.utc) - timedelta(hours=1)

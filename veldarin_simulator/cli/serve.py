@@ -42,9 +42,9 @@ def main(texts: list[str]) -> int:
             listening = server(served, options.host, options.port)
         except OSError as error:
             reason = (error.strerror or str(error)).lower()
-            common.stop(
+            common.fail(
                 f"{options.host} port {options.port}: {reason} (choose another with --port)",
-                common.FAILED,
+                common.EXIT_FAILURE,
             )
         shown = f"[{options.host}]" if ":" in options.host else options.host
         print(f"console: http://{shown}:{listening.effective_port}/", flush=True)
@@ -93,9 +93,9 @@ def _bench(scenario: Path | None) -> Bench:
             scenario = scenario.resolve()
         return Bench(Shelf(_shelf(), scenario))
     except (Problem, ScenarioError) as error:
-        common.stop(str(error), common.USAGE)
+        common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:
-        common.stop(str(error), common.FAILED)
+        common.fail(str(error), common.EXIT_FAILURE)
 
 
 def _shelf() -> Path:

@@ -97,15 +97,15 @@ class Bench:
             return Called(result, raised, journal, seconds, failed)
 
     def parse(
-        self, kind: parse_capture.Kind, text: bytes
-    ) -> tuple[parse_capture.Outcome, dict[int, list[parse_capture.Path]] | None]:
+        self, kind: parse_capture.Parser, text: bytes
+    ) -> tuple[parse_capture.ParseResult, dict[int, list[parse_capture.Path]] | None]:
         """What a parser makes of a captured text, and the values that each line brought."""
         with self._locked() as simulator:
             try:
-                outcome = parse_capture.parsed(simulator, kind, text)
+                outcome = parse_capture.parse(simulator, kind, text)
                 if outcome.error is not None:
                     return outcome, None
-                return outcome, parse_capture.origins(simulator, kind, text, outcome.result)
+                return outcome, parse_capture.line_origins(simulator, kind, text, outcome.result)
             finally:
                 simulator.set_reply("get_cli_cmd_output", self._answers["get_cli_cmd_output"])
 

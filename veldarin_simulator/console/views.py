@@ -14,7 +14,7 @@ from veldarin_simulator.console.arguments import arguments
 from veldarin_simulator.console.errors import Problem
 from veldarin_simulator.console.function_index import catalogue
 from veldarin_simulator.console.session import Bench
-from veldarin_simulator.simulator import PRODUCT
+from veldarin_simulator.simulator import MODULE
 
 _PAGE = Path(__file__).with_name("static") / "console.html"
 
@@ -30,7 +30,7 @@ def page(_request: Request) -> Response:
 
 def functions(request: Request) -> Shown:
     """The thirty functions by subsystem."""
-    return {"module": PRODUCT, "subsystems": catalogue(_bench(request).functions)}
+    return {"module": MODULE, "subsystems": catalogue(_bench(request).functions)}
 
 
 def call(request: Request) -> Shown:
@@ -53,9 +53,9 @@ def call(request: Request) -> Shown:
 
 def parse(request: Request) -> Shown:
     """Runs a captured text through a parser."""
-    kind = parse_capture.KINDS.get(request.matchdict["kind"])
+    kind = parse_capture.PARSERS.get(request.matchdict["kind"])
     if kind is None:
-        raise Problem(404, f"captures are of the kinds {', '.join(parse_capture.KINDS)}")
+        raise Problem(404, f"captures are of the kinds {', '.join(parse_capture.PARSERS)}")
     text = _text(_body(request), "text")
     try:
         content = text.encode()
@@ -73,11 +73,11 @@ def parse(request: Request) -> Shown:
         }
     if origins is None:
         shown["note"] = (
-            f"values are told from lines in texts of up to {parse_capture.MOST_LINES} lines"
+            f"values are told from lines in texts of up to {parse_capture.MAX_LINES} lines"
         )
     told = [{"line": line, "values": list(values)} for line, values in (origins or {}).items()]
     result = serialization.result(outcome.result)
-    return {**shown, "result": result, "origins": told, "passed_over": outcome.passed_over}
+    return {**shown, "result": result, "origins": told, "passed_over": outcome.skipped}
 
 
 def scenarios(request: Request) -> Shown:
