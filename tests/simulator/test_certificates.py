@@ -1,8 +1,11 @@
-"""The stand-in's check of certificates: real ones, made here, and files that hold other things."""
+"""TODO"""
 
 from __future__ import annotations
 
 import os
+import signal
+from collections.abc import Iterator
+from contextlib import contextmanager
 from datetime import datetime, timedelta, timezone
 from pathlib import Path
 from types import ModuleType
@@ -16,7 +19,34 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from veldarin_simulator import Simulator
-from veldarin_simulator.providers import certificates
+from veldarin_simulator.providers import (
+    certificates,
+)
+
+
+@contextmanager
+def within(seconds: int) -> Iterator[None]:
+    """Ends what hangs with a `RuntimeError`, which no check takes for an unreadable file."""
+
+    def late(*_: object) -> None:
+        raise RuntimeError(f"not done within {seconds} s")
+
+    before = signal.signal(signal.SIGALRM, late)
+    signal.alarm(seconds)
+    try:
+        yield
+    finally:
+        signal.alarm(0)
+        signal.signal(signal.SIGALRM, before)
+
+
+def test_path_without_readable_file_is_unreadable(tmp_path: Path) -> None:
+    pipe = tmp_path / "pipe"
+    os.mkfifo(pipe)
+    paths = (b"", b"/no/such/file", os.fsencode(tmp_path), os.fsencode(pipe), b"/dev/zero")
+    with within(10):
+        for path in (*paths, b"x" * 5000, b"a\0b"):
+            assert certificates.check(path) is certificates.Status.UNREADABLE
 
 
 def certificate(
@@ -42,8 +72,14 @@ def certificate(
 
 
 HOUR = timedelta(hours=1)
+
+
 VALID = (-HOUR, HOUR)
+
+
 EXPIRED = (-2 * HOUR, -HOUR)
+
+
 NOT_YET = (HOUR, 2 * HOUR)
 
 
@@ -56,7 +92,7 @@ NOT_YET = (HOUR, 2 * HOUR)
         (NOT_YET, certificates.Status.NOT_YET_VALID),
     ],
 )
-def test_a_certificate_is_valid_between_its_two_times(
+def test_check_compares_both_times_with_the_clock(
     tmp_path: Path,
     period: tuple[timedelta, timedelta],
     status: certificates.Status,
@@ -67,7 +103,7 @@ def test_a_certificate_is_valid_between_its_two_times(
     assert certificates.check(os.fsencode(path)) is status
 
 
-def test_only_a_valid_certificate_is_a_success_for_the_module(
+def test_module_accepts_only_a_valid_certificate(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.set_reply("gui_chk_cert_expiration", certificates.check)
@@ -78,7 +114,7 @@ def test_only_a_valid_certificate_is_a_success_for_the_module(
     assert module.check_cert_expiration(b"") is False
 
 
-def test_a_chain_is_judged_by_its_first_certificate(tmp_path: Path) -> None:
+def test_chain_counts_by_its_first_certificate(tmp_path: Path) -> None:
     path = tmp_path / "chain"
     path.write_bytes(b"a comment\n" + certificate(*VALID) + certificate(*EXPIRED))
     assert certificates.check(os.fsencode(path)) is certificates.Status.VALID
@@ -100,7 +136,7 @@ HOSTILE_FILES = {
 
 
 @pytest.mark.parametrize("content", HOSTILE_FILES.values(), ids=HOSTILE_FILES)
-def test_a_file_that_holds_no_certificate_is_unreadable(tmp_path: Path, content: bytes) -> None:
+def test_file_without_certificate_is_unreadable(tmp_path: Path, content: bytes) -> None:
     path = tmp_path / "hostile"
     path.write_bytes(content)
     assert certificates.check(os.fsencode(path)) is certificates.Status.UNREADABLE
@@ -112,7 +148,7 @@ WHOLE = certificate(*VALID, serialization.Encoding.DER)
 @pytest.mark.filterwarnings("ignore:.*serial number.*")  # the library's, of a damaged one
 @settings(max_examples=200, deadline=None)
 @given(st.data())
-def test_a_damaged_certificate_never_raises(
+def test_damaged_certificate_never_raises(
     tmp_path_factory: pytest.TempPathFactory, data: st.DataObject
 ) -> None:
     whole = bytearray(WHOLE)
