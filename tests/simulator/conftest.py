@@ -3,14 +3,16 @@
 from __future__ import annotations
 
 import importlib
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from pathlib import Path
 from typing import Any
 
 import pytest
 
 from tests.simulator.native import Native
-from veldarin_simulator import Simulator, state_dir
+from veldarin_simulator import Reply, Scenario, Simulator, state_dir
+from veldarin_simulator.providers.cli_commands import CommandRunner
+from veldarin_simulator.scenario import DEFAULT_SCENARIO
 
 
 @pytest.fixture(autouse=True)
@@ -31,6 +33,12 @@ def native(simulator: Simulator) -> Native:
 def json_object(simulator: Simulator) -> Any:
     """The class JSONObject of the sibling `util.json`."""
     return importlib.import_module("util.json").JSONObject
+
+
+@pytest.fixture
+def run_command() -> Callable[[bytes], Reply]:
+    """Run a command without user scenario."""
+    return CommandRunner(Scenario(), Scenario.load(DEFAULT_SCENARIO), live=True).run
 
 
 @pytest.fixture

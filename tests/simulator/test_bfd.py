@@ -1,25 +1,24 @@
-"""TODO"""
+"""BFD sessions of a routing daemon's shell."""
 
 from __future__ import annotations
 
 import os
 import sys
+from collections.abc import Callable
 from pathlib import Path
 from types import ModuleType
-from typing import Any
 
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from veldarin_simulator import Scenario, Simulator
+from veldarin_simulator import Simulator
 from veldarin_simulator.providers import (
-    Providers,
     bfd,
 )
 from veldarin_simulator.reply import Reply
 
-CAPTURES = Path(__file__).parents[1] / "data" / "cli_output"
+CLI_OUTPUT = Path(__file__).parents[1] / "data" / "cli_output"
 
 
 SHELL = f"""#!{sys.executable}
@@ -27,13 +26,13 @@ import sys
 from pathlib import Path
 assert sys.argv[1] == "-c" and not sys.stdin.read()
 name = {{"show bfd peers": "bfd-peers", "show bfd peers counters": "bfd-peers-counters"}}
-print(Path({str(CAPTURES)!r}, name[sys.argv[2]] + ".txt").read_text(), end="")
+print(Path({str(CLI_OUTPUT)!r}, name[sys.argv[2]] + ".txt").read_text(), end="")
 """
 
 
 @pytest.fixture
 def shell(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Path:
-    """A routing daemon's shell that prints the recorded texts; rewrite it for other behaviour."""
+    """A routing daemon's shell that prints the recorded texts; a test may rewrite it."""
     path = tmp_path / "bin" / "vtysh"
     path.parent.mkdir()
     path.write_text(SHELL)
@@ -116,7 +115,7 @@ def test_session_key_is_family_address_and_name(shell: Path) -> None:
 
 def captured(name: str) -> str:
     """What the routing daemon's shell printed, recorded."""
-    return (CAPTURES / f"{name}.txt").read_text()
+    return (CLI_OUTPUT / f"{name}.txt").read_text()
 
 
 def test_rendered_text_renders_unchanged() -> None:
@@ -156,34 +155,23 @@ def test_render_of_hostile_output_never_raises(lines: list[str]) -> None:
     assert bfd.render(bfd.parse(rendered)) == rendered
 
 
-def asked(answers: dict[str, Reply], service: str, *arguments: object) -> Any:
-    """A service's reply, made as the appliance makes it."""
-    reply = answers[service].reply
-    return reply(*arguments) if callable(reply) else reply
-
-
-def command(answers: dict[str, Reply], text: bytes) -> Reply:
-    """The command line's answer."""
-    answer = asked(answers, "get_cli_cmd_output", text)
-    assert isinstance(answer, Reply)
-    return answer
-
-
-SILENT_SHELLS = {
-    "refuses the login": "#!/bin/sh\necho 'Password: ' >&2\n",
+FAILING_SHELLS = {
+    "rejects the login": "#!/bin/sh\necho 'Password: ' >&2\n",
     "has no daemon": "#!/bin/sh\necho 'Exiting: failed to connect to any daemons.' >&2\nexit 1\n",
     "does not know the command": "#!/bin/sh\necho '% Unknown command: show bfd peers'\n",
-    "is no program": "\x7fELF",
+    "is not a program": "\x7fELF",
 }
 
 
-@pytest.mark.parametrize("script", SILENT_SHELLS.values(), ids=SILENT_SHELLS)
-def test_failing_shell_falls_back_to_the_recording(shell: Path, script: str) -> None:
+@pytest.mark.parametrize("script", FAILING_SHELLS.values(), ids=FAILING_SHELLS)
+def test_failing_shell_falls_back_to_the_recording(
+    shell: Path, script: str, run_command: Callable[[bytes], Reply]
+) -> None:
     shell.write_text(script)
-    answer = command(Providers(Scenario(), live=True).replies(), b"get router info bfd neighbor")
-    assert answer.source == "recorded"
-    assert isinstance(answer.reply, bytes)
-    assert b"peer 198.51.100.2 interface port1" in answer.reply
+    reply = run_command(b"get router info bfd neighbor")
+    assert reply.source == "recorded"
+    assert isinstance(reply.reply, bytes)
+    assert b"peer 198.51.100.2 interface port1" in reply.reply
 
 
 def test_hanging_shell_times_out(shell: Path, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -206,10 +194,11 @@ def test_shell_does_not_inherit_standard_input() -> None:
             os.close(descriptor)
 
 
-def test_daemon_without_sessions_replies_live(shell: Path) -> None:
+def test_daemon_without_sessions_replies_live(
+    shell: Path, run_command: Callable[[bytes], Reply]
+) -> None:
     shell.write_text("#!/bin/sh\necho 'BFD Peers:'\n")
-    answer = command(Providers(Scenario(), live=True).replies(), b"get router info6 bfd neighbor")
-    assert answer == Reply("BFD Peers:\n", "live")
+    assert run_command(b"get router info6 bfd neighbor") == Reply("BFD Peers:\n", "live")
 
 
 @pytest.mark.usefixtures("no_bfd_sessions")

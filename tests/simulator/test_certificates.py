@@ -1,4 +1,4 @@
-"""TODO"""
+"""The check of certificates: real ones and other files."""
 
 from __future__ import annotations
 
@@ -6,27 +6,23 @@ import os
 import signal
 from collections.abc import Iterator
 from contextlib import contextmanager
-from datetime import datetime, timedelta, timezone
+from datetime import timedelta
 from pathlib import Path
 from types import ModuleType
 
 import pytest
-from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import ec
-from cryptography.x509.oid import NameOID
+from cryptography.hazmat.primitives.serialization import Encoding
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from veldarin_simulator import Simulator
-from veldarin_simulator.providers import (
-    certificates,
-)
+from veldarin_simulator.cli.self_signed import certificate
+from veldarin_simulator.providers import certificates
 
 
 @contextmanager
 def within(seconds: int) -> Iterator[None]:
-    """Ends what hangs with a `RuntimeError`, which no check takes for an unreadable file."""
+    """Raise `RuntimeError` after a time; no check handles it as an unreadable file."""
 
     def late(*_: object) -> None:
         raise RuntimeError(f"not done within {seconds} s")
@@ -49,28 +45,6 @@ def test_path_without_readable_file_is_unreadable(tmp_path: Path) -> None:
             assert certificates.check(path) is certificates.Status.UNREADABLE
 
 
-def certificate(
-    begins: timedelta,
-    ends: timedelta,
-    encoding: serialization.Encoding = serialization.Encoding.PEM,
-) -> bytes:
-    """A self-signed certificate valid between two times told from now."""
-    key = ec.generate_private_key(ec.SECP256R1())
-    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "test.invalid")])
-    now = datetime.now(timezone.utc)
-    made = (
-        x509.CertificateBuilder()
-        .subject_name(name)
-        .issuer_name(name)
-        .public_key(key.public_key())
-        .serial_number(1)
-        .not_valid_before(now + begins)
-        .not_valid_after(now + ends)
-        .sign(key, hashes.SHA256())
-    )
-    return made.public_bytes(encoding)
-
-
 HOUR = timedelta(hours=1)
 
 
@@ -83,7 +57,7 @@ EXPIRED = (-2 * HOUR, -HOUR)
 NOT_YET = (HOUR, 2 * HOUR)
 
 
-@pytest.mark.parametrize("encoding", [serialization.Encoding.PEM, serialization.Encoding.DER])
+@pytest.mark.parametrize("encoding", [Encoding.PEM, Encoding.DER])
 @pytest.mark.parametrize(
     ("period", "status"),
     [
@@ -96,7 +70,7 @@ def test_check_compares_both_times_with_the_clock(
     tmp_path: Path,
     period: tuple[timedelta, timedelta],
     status: certificates.Status,
-    encoding: serialization.Encoding,
+    encoding: Encoding,
 ) -> None:
     path = tmp_path / "certificate"
     path.write_bytes(certificate(*period, encoding))
@@ -142,7 +116,7 @@ def test_file_without_certificate_is_unreadable(tmp_path: Path, content: bytes) 
     assert certificates.check(os.fsencode(path)) is certificates.Status.UNREADABLE
 
 
-WHOLE = certificate(*VALID, serialization.Encoding.DER)
+WHOLE = certificate(*VALID, Encoding.DER)
 
 
 @pytest.mark.filterwarnings("ignore:.*serial number.*")  # the library's, of a damaged one

@@ -1,4 +1,4 @@
-"""TODO"""
+"""The command-line tools: output, rejected input, exit statuses."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ from veldarin_simulator.providers import bfd, serial_number
 
 @pytest.fixture
 def run(capsys: pytest.CaptureFixture[str]) -> Any:
-    """Runs a tool in this process: (exit status, standard output, standard error)."""
+    """Run a tool in this process: (exit status, standard output, standard error)."""
 
     def run(*texts: str) -> tuple[int, str, str]:
         capsys.readouterr()
@@ -44,7 +44,7 @@ def run(capsys: pytest.CaptureFixture[str]) -> Any:
 LINE = re.compile(r"^ ?(\d+)  (\S.*?)  +(live|recorded|no call|raised)  +(.*)$")
 
 
-def toured(out: str) -> dict[str, tuple[str, str, str]]:
+def demo_rows(out: str) -> dict[str, tuple[str, str, str]]:
     """Function name to call, source and value, of the lines between heading and counts."""
     lines = out.splitlines()
     assert "veldarin.modules.modules_util" in lines[0]
@@ -60,7 +60,7 @@ def toured(out: str) -> dict[str, tuple[str, str, str]]:
 def test_demo_prints_heading_thirty_rows_and_counts(run: Any) -> None:
     status, out, err = run("demo")
     assert (status, err) == (0, "")
-    found = toured(out)
+    found = demo_rows(out)
     assert list(found) == [function.name for function in FUNCTIONS]
     sources = [source for _, source, _ in found.values()]
     counted = dict(re.findall(r"(\d+) (live|recorded|no call|raised)", out.splitlines()[-1]))
@@ -75,7 +75,7 @@ def test_demo_prints_heading_thirty_rows_and_counts(run: Any) -> None:
 
 
 def test_demo_distinguishes_live_and_recorded(run: Any) -> None:
-    found = toured(run("demo")[1])
+    found = demo_rows(run("demo")[1])
     by_source: dict[str, set[str]] = {}
     for name, (_, source, _) in found.items():
         by_source.setdefault(source, set()).add(name)
@@ -115,7 +115,7 @@ def workstation(
 
 
 def test_demo_values_are_real(run: Any, workstation: Path) -> None:
-    found = toured(run("demo")[1])
+    found = demo_rows(run("demo")[1])
     assert found["decrypt_cookie"][2] == "b'user=admin; level=7'"
     assert found["check_cert_expiration"][2] == "True"
     assert found["get_routing_table_result"][2].startswith("{'entry': '")
@@ -136,7 +136,7 @@ def test_demo_keeps_the_secret(run: Any, workstation: Path) -> None:
 
 def test_demo_without_certificate_creates_one(run: Any, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(demo, "_CERTIFICATES", ("/no/such/certificate",))
-    call, source, value = toured(run("demo")[1])["check_cert_expiration"]
+    call, source, value = demo_rows(run("demo")[1])["check_cert_expiration"]
     assert "temporary-" in call
     assert (source, value) == ("live", "True")
 
@@ -148,7 +148,7 @@ def test_demo_with_raising_function_exits_1(run: Any, tmp_path: Path) -> None:
     (scenario / "build_system_interface_physical.json").write_text("[]")
     status, out, _ = run("demo", "--scenario", str(scenario))
     assert status == 1
-    found = toured(out)
+    found = demo_rows(out)
     assert found["get_system_arp_result"][1:] == ("raised", "IndexError: list index out of range")
     assert found["list_system_interface_physical"][1] == "raised"
     assert found["get_cli_command_output"][1:] == ("recorded", r"'no table\n'")

@@ -1,4 +1,4 @@
-"""TODO"""
+"""Cookie services, the state directory and the serial number."""
 
 from __future__ import annotations
 
@@ -49,10 +49,10 @@ def test_damaged_cookie_unwraps_to_empty_text(
     damaged += [wrapped + more for more in (b"A", b"=", b"==", b"\n", b" ", b"AAAA", b"\xff")]
     damaged += [b" " + wrapped, wrapped[::-1], b"----", b"\xc3\xa9" * 20]
     alphabet = (string.ascii_uppercase + string.ascii_lowercase + string.digits + "-_").encode()
-    for place in range(len(wrapped)):
-        other = alphabet[(alphabet.index(wrapped[place]) + 1) % len(alphabet)]
-        damaged.append(wrapped[:place] + bytes([other]) + wrapped[place + 1 :])
-        damaged.append(wrapped[:place] + b"." + wrapped[place:])
+    for index, character in enumerate(wrapped):
+        other = alphabet[(alphabet.index(character) + 1) % len(alphabet)]
+        damaged.append(wrapped[:index] + bytes([other]) + wrapped[index + 1 :])
+        damaged.append(wrapped[:index] + b"." + wrapped[index:])
     assert [module.decrypt_cookie(bad) for bad in damaged] == [b""] * len(damaged)
     assert module.decrypt_cookie(wrapped) == plain
 
@@ -85,11 +85,9 @@ def test_racing_processes_read_the_same_secret(state_directory: Path) -> None:
         "from veldarin_simulator import state_dir; "
         "print(state_dir.load_or_create_secret('race', 32).hex())"
     )
+    command = [sys.executable, "-c", source]
     racers = [
-        subprocess.Popen(
-            [sys.executable, "-c", source], cwd=ROOT, stdout=subprocess.PIPE, text=True
-        )
-        for _ in range(6)
+        subprocess.Popen(command, cwd=ROOT, stdout=subprocess.PIPE, text=True) for _ in range(6)
     ]
     printed = {racer.communicate(timeout=60)[0] for racer in racers}
     assert printed == {(state_directory / "race").read_bytes().hex() + "\n"}
@@ -113,10 +111,10 @@ def test_hash_is_the_standard_crc_32() -> None:
 
 
 def test_identifiers_are_random_32_bit_numbers() -> None:
-    made = [cookies.new_identifier() for _ in range(1000)]
-    assert all(0 <= identifier < 2**32 for identifier in made)
-    assert len(set(made)) > 990
-    assert max(made) > 2**31
+    identifiers = [cookies.new_identifier() for _ in range(1000)]
+    assert all(0 <= identifier < 2**32 for identifier in identifiers)
+    assert len(set(identifiers)) > 990
+    assert max(identifiers) > 2**31
 
 
 def test_cookie_name_hashes_the_serial_number() -> None:
@@ -134,22 +132,22 @@ def test_serial_number_hides_the_machine_identifier(
     first, second = tmp_path / "first", tmp_path / "second"
     first.write_text("0123456789abcdef0123456789abcdef\n")
     second.write_text("00000000000000000000000000000000\n")
-    made = []
+    numbers = []
     for path in (first, second, first):
         monkeypatch.setattr(serial_number, "_MACHINE_IDS", (tmp_path / "missing", path))
-        made.append(serial_number.read())
-    assert made[0] == made[2] != made[1]
-    assert len(made[0]) == 16
-    assert made[0].decode().startswith("STAND-")
-    assert made[0].decode()[6:].lower() not in first.read_text()
+        numbers.append(serial_number.read().decode())
+    assert numbers[0] == numbers[2] != numbers[1]
+    assert len(numbers[0]) == 16
+    assert numbers[0].startswith("STAND-")
+    assert numbers[0][6:].lower() not in first.read_text()
 
 
 def test_machine_without_identifier_stores_one(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    blank = tmp_path / "blank"
-    blank.write_text("uninitialized\n")
-    monkeypatch.setattr(serial_number, "_MACHINE_IDS", (blank,))
+    path = tmp_path / "machine-id"
+    path.write_text("uninitialized\n")
+    monkeypatch.setattr(serial_number, "_MACHINE_IDS", (path,))
     first = serial_number.read()
     assert serial_number.read() == first
     monkeypatch.setenv(state_dir.VARIABLE, str(tmp_path / "another machine"))

@@ -1,4 +1,4 @@
-"""TODO"""
+"""Links, ports and multicast groups, compared with the system's own tools."""
 
 from __future__ import annotations
 

@@ -1,4 +1,4 @@
-"""TODO"""
+"""The ARP listing and routing entries, compared with `ip`."""
 
 from __future__ import annotations
 

@@ -288,7 +288,8 @@ def test_next_simulator_starts_clean(built: None, tmp_path: Path) -> None:
         assert serial_number() == b"STANDIN000000001"
         assert simulator.secret_path != tmp_path
         empty = json_object()
-        assert simulator.default_response is simulator.on_create is simulator.on_release is None
+        hooks = (simulator.on_create, simulator.on_release)
+        assert (simulator.default_response, *hooks) == (None, None, None)
         assert str(empty) == "null"
         release(empty)
 

@@ -1,9 +1,8 @@
-"""TODO"""
+"""Control of packet captures."""
 
 from __future__ import annotations
 
 import json
-from pathlib import Path
 from typing import Any
 
 import pytest
@@ -16,16 +15,13 @@ def test_capture_state_follows_events() -> None:
         module = simulator.module
 
         def state_of(name: str) -> tuple[Any, Any]:
-            (row,) = (
-                row
-                for row in module.get_system_sniffer_profile_summary()
-                if row["profile-name"] == name
-            )
+            rows = module.get_system_sniffer_profile_summary()
+            (row,) = (row for row in rows if row["profile-name"] == name)
             return row["state"], row["packets"]
 
         assert state_of("lan-trace") == ("Stop", 214)
         for event, after in (
-            ("Pause", "Stop"),  # nothing runs that could be held
+            ("Pause", "Stop"),  # no capture is running
             ("Running", "Running"),
             ("Pause", "Pause"),
             ("Running", "Running"),
@@ -44,41 +40,28 @@ def test_capture_state_follows_events() -> None:
                 "result": "refused",
                 "reason": "no such profile",
             }
-    with Simulator(live=True) as simulator:  # a new device begins as recorded
+    with Simulator(live=True) as simulator:  # starts as recorded
         assert state_of("lan-trace") == ("Stop", 214)
 
 
-def write(folder: Path, files: dict[str, Any]) -> Scenario:
-    """Write a scenario directory and load it. Values that are not text are written as JSON."""
-    for name, content in files.items():
-        path = folder / name
-        path.parent.mkdir(parents=True, exist_ok=True)
-        if isinstance(content, str):
-            content = content.encode()
-        path.write_bytes(content if isinstance(content, bytes) else json.dumps(content).encode())
-    return Scenario.load(folder)
+SUMMARY = "build_system_sniffer_profile_summary.json"
 
 
-def test_recorded_control_reply_replaces_the_state(tmp_path: Path) -> None:
-    scenario = write(
-        tmp_path / "mine",
-        {
-            "build_system_sniffer_profile_summary.json": [{"profile-name": "p", "state": "None"}],
-            "build_stop_sniffer_profile_capture.json": {"code": 5},
-        },
-    )
-    with Simulator(scenario=scenario) as simulator:
+def test_recorded_control_reply_replaces_the_state() -> None:
+    files = {
+        SUMMARY: b'[{"profile-name": "p", "state": "None"}]',
+        "build_stop_sniffer_profile_capture.json": b'{"code": 5}',
+    }
+    with Simulator(Scenario(files)) as simulator:
         module = simulator.module
         assert module.capture_sniffer_profile("p", "Stop") == {"code": 5}
         assert module.capture_sniffer_profile("p", "Running")["state"] == "Running"
-        assert module.get_system_sniffer_profile_summary() == [
-            {"profile-name": "p", "state": "Running"}
-        ]
+        running = {"profile-name": "p", "state": "Running"}
+        assert module.get_system_sniffer_profile_summary() == [running]
 
 
 @pytest.mark.parametrize("summary", [None, {}, "text", 5, [], [1, None], [{"profile-name": 5}]])
-def test_summary_of_another_form_is_returned_as_is(tmp_path: Path, summary: Any) -> None:
-    files = {"build_system_sniffer_profile_summary.json": json.dumps(summary)}
-    with Simulator(scenario=write(tmp_path / "mine", files), live=False) as simulator:
+def test_summary_of_another_form_is_returned_as_is(summary: Any) -> None:
+    with Simulator(Scenario({SUMMARY: json.dumps(summary).encode()}), live=False) as simulator:
         assert simulator.module.get_system_sniffer_profile_summary() == summary
         assert simulator.module.capture_sniffer_profile("p", "Running")["result"] == "refused"

@@ -1,4 +1,4 @@
-"""TODO"""
+"""File systems in place of flash partitions."""
 
 from __future__ import annotations
 
@@ -9,9 +9,7 @@ from pathlib import Path
 import psutil
 import pytest
 
-from veldarin_simulator.providers import (
-    storage,
-)
+from veldarin_simulator.providers import storage
 
 
 def test_flash_list_has_each_file_system_once() -> None:
@@ -27,16 +25,14 @@ def test_flash_list_has_each_file_system_once() -> None:
         assert entry["read_only"] == bool(status.f_flag & os.ST_RDONLY)
 
 
-class _Mount:
+class Mount:
     def __init__(self, device: str, mountpoint: str, opts: str = "rw") -> None:
         self.device, self.mountpoint, self.opts = device, mountpoint, opts
         self.fstype = "ext4"
 
 
-def test_unreadable_file_system_has_null_sizes(
-    monkeypatch: pytest.MonkeyPatch,
-) -> None:
-    mounts = [_Mount("/dev/gone", "/no/such/mount", "ro,noatime"), _Mount("/dev/gone", "/again")]
+def test_unreadable_file_system_has_null_sizes(monkeypatch: pytest.MonkeyPatch) -> None:
+    mounts = [Mount("/dev/gone", "/no/such/mount", "ro,noatime"), Mount("/dev/gone", "/again")]
     monkeypatch.setattr(psutil, "disk_partitions", lambda all: mounts)
     (entry,) = storage.flash_list()
     assert entry["mountpoint"] == "/no/such/mount"
@@ -45,7 +41,7 @@ def test_unreadable_file_system_has_null_sizes(
 
 
 def test_container_lists_its_root(monkeypatch: pytest.MonkeyPatch) -> None:
-    mounts = [_Mount("overlay", "/"), _Mount("proc", "/proc")]
+    mounts = [Mount("overlay", "/"), Mount("proc", "/proc")]
     monkeypatch.setattr(psutil, "disk_partitions", lambda all: mounts if all else [])
     (entry,) = storage.flash_list()
     assert entry["device"] == "overlay"
@@ -53,7 +49,7 @@ def test_container_lists_its_root(monkeypatch: pytest.MonkeyPatch) -> None:
 
 
 def test_mount_point_that_is_not_utf8_is_replaced(monkeypatch: pytest.MonkeyPatch) -> None:
-    mounts = [_Mount("/dev/x", os.fsdecode(b"/m\xff"))]
+    mounts = [Mount("/dev/x", os.fsdecode(b"/m\xff"))]
     monkeypatch.setattr(psutil, "disk_partitions", lambda all: mounts)
     (entry,) = storage.flash_list()
     assert json.dumps(entry, ensure_ascii=False).encode()

@@ -60,10 +60,10 @@ class DemoContext:
         for path in map(Path, _CERTIFICATES):
             if path.is_file():
                 return str(path).encode()
-        from veldarin_simulator.cli.self_signed import self_signed_pem  # slow to import
+        from veldarin_simulator.cli import self_signed  # slow to import
 
         path = self._folder / "certificate.pem"
-        path.write_bytes(self_signed_pem())
+        path.write_bytes(self_signed.certificate())
         return str(path).encode()
 
     def port(self) -> str:
