@@ -47,6 +47,8 @@ def test_live_session_parses_completely(
     text = bfd.neighbor(4, "198.51.100.2", "port1")
     simulator.set_reply("get_cli_cmd_output", text)
     (session,) = module.get_bfd_neighbor("bfd", {}).values()
+    intervals = {"receive_interval": "300ms", "transmission_interval": "300ms"}
+    timers = {"detect-multiplier": "3", **intervals}
     expected = {
         "neighbor_ip": "198.51.100.2",
         "interface": "port1",
@@ -54,26 +56,15 @@ def test_live_session_parses_completely(
         "vrf": "default",
         "status": "up",
         "diagnostics": "ok",
-        "control_packet_input": "",
         "session_up_events": "1",
         "zebra_notifications": "1",
         "local_echo_receive_interval": "50ms",
         "local_echo_transmission_interval": "disabled",
         "remote_echo_receive_interval": "50ms",
-        "local_timers": {
-            "detect-multiplier": "3",
-            "receive_interval": "300ms",
-            "transmission_interval": "300ms",
-        },
-        "remote_timers": {
-            "detect-multiplier": "3",
-            "receive_interval": "300ms",
-            "transmission_interval": "300ms",
-        },
+        "local_timers": timers,
+        "remote_timers": timers,
     }
-    counted = session.pop("control_packet_input")
-    expected.pop("control_packet_input")
-    assert counted.strip().isdigit()  # "packets" is cut off its value
+    assert session["control_packet_input"].strip().isdigit()  # the parser removes "packets"
     assert {key: session[key] for key in expected} == expected
 
 
@@ -83,10 +74,10 @@ def test_list_finds_live_sessions_of_both_families() -> None:
         listed = simulator.module.list_bfd_neighbor()
         sources = {call.source for call in simulator.call_log}
     assert sources == {"live"}
-    # Of several sessions in one summary the parser keeps the first: one for each family is found.
+    # The parser keeps the first session of a summary, and there is a summary for each family.
     assert [session["name"] for session in listed] == ["198.51.100.77_default", "2001:db8::2_port1"]
     first, second = listed
-    # The first is down and the others' fields are not among its own.
+    # It has no fields of the other sessions.
     assert first["status"] == "down"
     assert not {"uptime", "multihop", "minimum_ttl"} & set(first)
     assert second["status"] == "up"
@@ -104,32 +95,32 @@ def test_session_key_is_family_address_and_name(shell: Path) -> None:
     assert "peer 2001:db8::2 interface port1\n" in (bfd.neighbors(6) or "")
     assert (bfd.neighbors(6) or "").count("peer ") == 1
     assert "Multihop: yes" in (bfd.neighbor(4, "203.0.113.9", "default") or "")
-    for version, address, place in (
+    for version, address, name in (
         (6, "198.51.100.2", "port1"),
         (4, "198.51.100.2", "port2"),
         (4, "198.51.100.3", "port1"),
         (4, "2001:db8::2", "port1"),
     ):
-        assert bfd.neighbor(version, address, place) == "BFD Peers:\n"
+        assert bfd.neighbor(version, address, name) == "BFD Peers:\n"
 
 
-def captured(name: str) -> str:
-    """What the routing daemon's shell printed, recorded."""
+def recorded(name: str) -> str:
+    """Return the recorded output of the routing daemon's shell."""
     return (CLI_OUTPUT / f"{name}.txt").read_text()
 
 
 def test_rendered_text_renders_unchanged() -> None:
-    once = bfd.render(bfd.parse(captured("bfd-peers")))
+    once = bfd.render(bfd.parse(recorded("bfd-peers")))
     assert bfd.render(bfd.parse(once)) == once
 
 
 def test_render_keeps_every_line_of_the_daemon() -> None:
-    text = captured("bfd-peers")
-    kept = bfd.render(bfd.parse(text)).lower()
+    text = recorded("bfd-peers")
+    rendered = bfd.render(bfd.parse(text)).lower()
     for line in text.splitlines():
         content = line.strip().rstrip(":").lower()
         if content and not content.startswith("peer "):
-            assert content in kept
+            assert content in rendered
 
 
 def test_short_timer_block_becomes_fields() -> None:
@@ -142,7 +133,7 @@ def test_short_timer_block_becomes_fields() -> None:
 @given(
     st.lists(
         st.one_of(
-            st.sampled_from(captured("bfd-peers").splitlines()),
+            st.sampled_from(recorded("bfd-peers").splitlines()),
             st.sampled_from(["peer", "peer ", "peer x", "\tpeer 1.2.3.4 multihop", "peer a vrf"]),
             st.text(max_size=20),
         ),
@@ -182,7 +173,7 @@ def test_hanging_shell_times_out(shell: Path, monkeypatch: pytest.MonkeyPatch) -
 
 @pytest.mark.usefixtures("shell")
 def test_shell_does_not_inherit_standard_input() -> None:
-    # Input that never comes: a shell that asks for a password would wait for it.
+    # A shell that asks for a password would wait for this input forever.
     reading, writing = os.pipe()
     before = os.dup(0)
     os.dup2(reading, 0)

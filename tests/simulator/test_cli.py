@@ -41,11 +41,12 @@ def run(capsys: pytest.CaptureFixture[str]) -> Any:
     return run
 
 
+TOOL = (sys.executable, "-m", "veldarin_simulator")
 LINE = re.compile(r"^ ?(\d+)  (\S.*?)  +(live|recorded|no call|raised)  +(.*)$")
 
 
 def demo_rows(out: str) -> dict[str, tuple[str, str, str]]:
-    """Function name to call, source and value, of the lines between heading and counts."""
+    """Return function name to call, source and value."""
     lines = out.splitlines()
     assert "veldarin.modules.modules_util" in lines[0]
     found = {}
@@ -79,59 +80,43 @@ def test_demo_distinguishes_live_and_recorded(run: Any) -> None:
     by_source: dict[str, set[str]] = {}
     for name, (_, source, _) in found.items():
         by_source.setdefault(source, set()).add(name)
-    assert by_source["no call"] == {
-        "switch_acl_egress_counter",
-        "switch_acl_prelookup_counter",
-        "list_switch_mclag_list",
-        "switch_mclag_icl",
-    }
-    assert by_source["recorded"] == {
-        "switch_acl_ingress_counter",
-        "list_switch_stp_state",
-        "list_switch_lg_state",
-        "list_switch_lldp_state",
-        "list_switch_trunk_state",
-        "list_switch_module_summary",
-        "get_bfd_neighbor",
-        "list_bfd_neighbor",
-        "get_system_sniffer_profile_summary",
-        "capture_sniffer_profile",
-    }
+    no_call = "switch_acl_egress_counter switch_acl_prelookup_counter list_switch_mclag_list"
+    assert by_source["no call"] == {*no_call.split(), "switch_mclag_icl"}
+    recorded = """
+    switch_acl_ingress_counter list_switch_stp_state list_switch_lg_state list_switch_lldp_state
+    list_switch_trunk_state list_switch_module_summary get_bfd_neighbor list_bfd_neighbor
+    get_system_sniffer_profile_summary capture_sniffer_profile
+    """
+    assert by_source["recorded"] == set(recorded.split())
 
 
 @pytest.fixture(autouse=True)
-def workstation(
-    tmp_path: Path, tmp_path_factory: pytest.TempPathFactory, monkeypatch: pytest.MonkeyPatch
-) -> Path:
-    """A machine identifier and a state directory of the test's own, no routing daemon; returns the
-    state directory."""
-    path = tmp_path / "state"
-    monkeypatch.setenv(state_dir.VARIABLE, str(path))
+def machine(tmp_path_factory: pytest.TempPathFactory, monkeypatch: pytest.MonkeyPatch) -> None:
+    """Replace the machine identifier, and disable the routing daemon."""
     machine_id = tmp_path_factory.mktemp("etc") / "machine-id"
     machine_id.write_text("0123456789abcdef0123456789abcdef\n")
     monkeypatch.setattr(serial_number, "_MACHINE_IDS", (machine_id,))
     monkeypatch.setattr(bfd, "_vtysh", lambda command: None)
-    return path
 
 
-def test_demo_values_are_real(run: Any, workstation: Path) -> None:
+def test_demo_values_are_real(run: Any, state_directory: Path) -> None:
     found = demo_rows(run("demo")[1])
     assert found["decrypt_cookie"][2] == "b'user=admin; level=7'"
     assert found["check_cert_expiration"][2] == "True"
     assert found["get_routing_table_result"][2].startswith("{'entry': '")
     assert found["get_cli_command_output"][2].startswith("'Address")
-    secret = (workstation / "preference-cookie-secret").read_text()
+    secret = (state_directory / "preference-cookie-secret").read_text()
     assert len(secret) == 64
     shown = found["get_token"][2]
     assert secret[:8] in shown
     assert secret[8:16] not in shown
 
 
-def test_demo_keeps_the_secret(run: Any, workstation: Path) -> None:
+def test_demo_keeps_the_secret(run: Any, state_directory: Path) -> None:
     run("demo")
-    first = (workstation / "preference-cookie-secret").read_text()
+    first = (state_directory / "preference-cookie-secret").read_text()
     run("demo")
-    assert (workstation / "preference-cookie-secret").read_text() == first
+    assert (state_directory / "preference-cookie-secret").read_text() == first
 
 
 def test_demo_without_certificate_creates_one(run: Any, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -156,38 +141,38 @@ def test_demo_with_raising_function_exits_1(run: Any, tmp_path: Path) -> None:
 
 
 def on_a_terminal(columns: int, *command: str) -> str:
-    """What a command prints on a terminal of that width; it has to succeed."""
-    ours, theirs = pty.openpty()
+    """Return the output of a command on a terminal of that width; it must succeed."""
+    terminal, process_end = pty.openpty()
     try:
-        fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("4H", 50, columns, 0, 0))
+        fcntl.ioctl(process_end, termios.TIOCSWINSZ, struct.pack("4H", 50, columns, 0, 0))
         environment = {name: os.environ[name] for name in os.environ if name != "COLUMNS"}
         with subprocess.Popen(
             command,
             cwd=ROOT,
             env={**environment, "TERM": "xterm"},
-            stdin=theirs,
-            stdout=theirs,
-            stderr=theirs,
+            stdin=process_end,
+            stdout=process_end,
+            stderr=process_end,
         ) as process:
-            os.close(theirs)
-            printed = b"".join(iter(lambda: _read(ours), b""))
+            os.close(process_end)
+            printed = b"".join(iter(lambda: _read(terminal), b""))
         assert process.returncode == 0, printed
     finally:
-        os.close(ours)
+        os.close(terminal)
     return printed.decode()
 
 
-def _read(common: int) -> bytes:
-    # A terminal whose last user has gone answers with an error, not with an end of file.
+def _read(terminal: int) -> bytes:
+    # When the process has closed its end, reading fails.
     try:
-        return os.read(common, 65536)
+        return os.read(terminal, 65536)
     except OSError:
         return b""
 
 
 @pytest.mark.parametrize("columns", [60, 100, 200])
 def test_demo_row_fits_the_terminal(columns: int) -> None:
-    printed = on_a_terminal(columns, sys.executable, "-m", "veldarin_simulator", "demo")
+    printed = on_a_terminal(columns, *TOOL, "demo")
     plain = re.sub(r"\x1b\[[0-9;]*m", "", printed).splitlines()
     assert len(plain) == 32
     assert max(map(len, plain)) <= columns
@@ -208,23 +193,17 @@ def test_call_without_native_call_prints_no_source(run: Any) -> None:
     assert run("call", "switch_mclag_icl") == (0, "null\n", "")
 
 
-def started(*texts: str, **settings: Any) -> subprocess.CompletedProcess[str]:
-    """A tool in a process of its own."""
+def run_process(*command: str, **settings: Any) -> Any:
+    """Run a command in another process."""
     return subprocess.run(
-        [sys.executable, "-m", "veldarin_simulator", *texts],
-        cwd=ROOT,
-        capture_output=True,
-        text=True,
-        timeout=120,
-        check=False,
-        **settings,
+        command, cwd=ROOT, capture_output=True, text=True, timeout=120, **settings
     )
 
 
-def test_cookie_unwraps_in_another_process(run: Any, workstation: Path) -> None:
+def test_cookie_unwraps_in_another_process(run: Any, state_directory: Path) -> None:
     status, wrapped, _ = run("call", "encrypt_cookie", "grüße")
     assert status == 0
-    done = started("call", "decrypt_cookie", "--", json.loads(wrapped))
+    done = run_process(*TOOL, "call", "decrypt_cookie", "--", json.loads(wrapped))
     assert json.loads(done.stdout) == "grüße"
 
 
@@ -258,9 +237,9 @@ def test_call_with_unknown_command_prints_the_error(run: Any) -> None:
     assert err.splitlines()[-1].endswith("CFunctionError: get_cli_command_output's result is null.")
 
 
-def test_call_prints_the_error_of_a_reply(run: Any, workstation: Path) -> None:
-    workstation.mkdir()
-    (workstation / "cookie-key").write_bytes(b"short")
+def test_call_prints_the_error_of_a_reply(run: Any, state_directory: Path) -> None:
+    state_directory.mkdir()
+    (state_directory / "cookie-key").write_bytes(b"short")
     status, out, err = run("call", "encrypt_cookie", "x")
     assert (status, out) == (1, "")
     assert err.splitlines()[-1].startswith("ValueError: ")
@@ -302,14 +281,14 @@ ROUTING = (
 
 @pytest.fixture
 def capture(tmp_path: Path) -> Any:
-    """Writes a captured text; returns its path."""
+    """Write a captured text and return its path."""
 
-    def written(content: bytes) -> str:
+    def write(content: bytes) -> str:
         path = tmp_path / "capture.txt"
         path.write_bytes(content)
         return str(path)
 
-    return written
+    return write
 
 
 def test_parse_accepts_returns_and_pager_prompts(run: Any, capture: Any) -> None:
@@ -332,12 +311,9 @@ def test_parse_reads_standard_input(run: Any, monkeypatch: pytest.MonkeyPatch) -
     assert len(json.loads(out)) == 2
 
 
-CAPTURES = Path(__file__).parents[1] / "data" / "cli_output"
-
-
 def test_parse_bfd_reports_skipped_lines(run: Any, capture: Any) -> None:
-    for _ in range(2):  # nothing stays from one to the next
-        status, out, err = run("parse", "bfd", str(CAPTURES / "bfd-peers.txt"))
+    for _ in range(2):  # the first run leaves nothing behind
+        status, out, err = run("parse", "bfd", str(ROOT / "tests/data/cli_output/bfd-peers.txt"))
         assert status == 0
         (session,) = json.loads(out).values()
         assert session["neighbor_ip"] == "198.51.100.77"
@@ -346,11 +322,11 @@ def test_parse_bfd_reports_skipped_lines(run: Any, capture: Any) -> None:
     status, out, err = run("parse", "bfd", capture(text))
     assert list(json.loads(out)) == ["192.0.2.1_port1"]
     assert err == ""
-    assert run("parse", "bfd", capture(b"nobody\n")) == (0, "{}\n", "")
+    assert run("parse", "bfd", capture(b"nothing\n")) == (0, "{}\n", "")
 
 
-REFUSED = {
-    # kind, text, where, the last line
+REJECTED = {
+    # kind, text, message
     "prompt": ("arp", ARP + b"device # \r\n", ":6: the parser rejects this line: 'device #'"),
     "first row": ("arp", b"Address\nx\ny\n", ":2: the parser rejects this line: 'x'"),
     "no table": ("arp", b"hello\n", ': no line begins with "Address"'),
@@ -362,17 +338,17 @@ REFUSED = {
 }
 
 
-@pytest.mark.parametrize(("kind", "text", "where"), REFUSED.values(), ids=REFUSED)
+@pytest.mark.parametrize(("kind", "text", "message"), REJECTED.values(), ids=REJECTED)
 def test_parse_reports_the_failing_line(
-    run: Any, capture: Any, kind: str, text: bytes, where: str
+    run: Any, capture: Any, kind: str, text: bytes, message: str
 ) -> None:
     path = capture(text)
     status, out, err = run("parse", kind, path)
     assert (status, out) == (1, "")
     lines = err.splitlines()
-    assert lines[0].startswith(f"veldarin_simulator: {path}{where}")
+    assert lines[0].startswith(f"veldarin_simulator: {path}{message}")
     assert lines[-1] == "IndexError: list index out of range"
-    if b"\0" in text:  # what stands behind it is not looked at
+    if b"\0" in text:  # the text behind it is ignored
         assert lines[1] == f'veldarin_simulator: {path}: no line begins with "Address"'
     assert len(lines) == 2 + text.count(b"\0")
 
@@ -444,7 +420,7 @@ def test_help_lists_exit_statuses(run: Any, tool: str) -> None:
 
 
 def test_missing_build_is_one_line_and_exits_1(tmp_path: Path) -> None:
-    done = started("demo", env={**os.environ, "MODULES_UTIL_BUILD": str(tmp_path)})
+    done = run_process(*TOOL, "demo", env={**os.environ, "MODULES_UTIL_BUILD": str(tmp_path)})
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.count("\n") == 1
     assert "run `make build`" in done.stderr
@@ -462,14 +438,7 @@ def test_unusable_state_directory_is_reported(
 
 
 def test_closed_pipe_is_not_an_error() -> None:
-    command = f"{sys.executable} -m veldarin_simulator demo | head -n 1"
-    done = subprocess.run(
-        ["bash", "-c", f"set -o pipefail; {command}"],
-        cwd=ROOT,
-        capture_output=True,
-        text=True,
-        timeout=120,
-        check=False,
-    )
+    command = f"{' '.join(TOOL)} demo | head -n 1"
+    done = run_process("bash", "-c", f"set -o pipefail; {command}")
     assert (done.returncode, done.stderr) == (0, "")
     assert done.stdout.count("\n") == 1

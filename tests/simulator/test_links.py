@@ -20,8 +20,8 @@ from veldarin_simulator.providers import (
 
 
 def test_physical_interfaces_match_ip_link(simulator: Simulator, module: ModuleType) -> None:
-    """The kernel adds link-local addresses a while after a link is up: the tool is run before and
-    after the call, until both runs show the same."""
+    # The kernel adds link-local addresses some time after a link is up: repeat until `ip` prints
+    # the same before and after the call.
     result, expected = run_in_namespace(
         (
             *PORTS,
@@ -51,9 +51,9 @@ def test_physical_interfaces_match_ip_link(simulator: Simulator, module: ModuleT
         "addresses": [],
     }
     named = {entry["name"]: entry for entry in result[0]["interface"]}
-    outward = [link for link in expected if link["ifname"] != "lo"]
-    assert set(named) == {link["ifname"] for link in outward}
-    for link in outward:
+    links_shown = [link for link in expected if link["ifname"] != "lo"]
+    assert set(named) == {link["ifname"] for link in links_shown}
+    for link in links_shown:
         entry = named[link["ifname"]]
         assert entry["mac"] == link["address"]
         assert entry["mtu"] == link["mtu"]
@@ -78,7 +78,7 @@ def test_only_loopback_is_listed_as_interface() -> None:
 def test_links_with_device_hide_virtual_links() -> None:
     with_device = {path.parent.name for path in Path("/sys/class/net").glob("*/device")}
     if not with_device:
-        pytest.skip("no interface of this machine has a device behind it")
+        pytest.skip("no interface of this machine has a device")
     entries = links.physical_interfaces()[0]["interface"]
     assert {entry["name"] for entry in entries} == with_device
     assert {entry["type"] for entry in entries} == {"device"}
@@ -95,7 +95,7 @@ def test_link_monitor_matches_sysfs() -> None:
 
 @pytest.mark.parametrize(("flags", "carrier"), [(0, 1), (1, 0), (0, 0)])
 def test_link_that_is_down_has_no_carrier(flags: int, carrier: int) -> None:
-    # Some drivers leave the carrier's last word standing when the link is taken down.
+    # Some drivers do not reset the attribute when the link is taken down.
     assert links._has_carrier(Message({"flags": flags}, {"IFLA_CARRIER": carrier})) is False
     assert links._has_carrier(Message({"flags": 1}, {"IFLA_CARRIER": 1})) is True
 
@@ -110,7 +110,7 @@ def test_lost_link_increases_flap_count() -> None:
     (port1,) = (entry for entry in monitor if entry["name"] == "port1")
     assert port1["carrier"] is True
     assert port1["status"] == "up"
-    # The link starts down, which counts as lost once.
+    # The link starts down, which counts as a loss.
     assert (port1["carrier_up_count"], port1["carrier_down_count"]) == (3, 3)
     (flaps,) = (entry for entry in status if entry["port_name"] == "port1")
     assert flaps == {"port_name": "port1", "link": "up", "flaps": 3, "guard": "none"}
@@ -152,16 +152,16 @@ def test_multicast_groups_match_ip_maddress() -> None:
 
 
 def test_igmp_table_with_long_names_parses() -> None:
-    # The kernel prints a word of its own, whose bytes lie in memory in the network's order.
+    # The kernel prints a machine word that is in network order in memory.
     words = {"little": ("010000E0", "FB0000E0"), "big": ("E0000001", "E00000FB")}
-    everybody, names = words[sys.byteorder]
+    all_hosts, mdns = words[sys.byteorder]
     table = (
         "Idx\tDevice    : Count Querier\tGroup    Users Timer\tReporter\n"
         "1\tlo        :     1      V3\n"
-        f"\t\t\t\t{everybody}     1 0:00000000\t\t0\n"
+        f"\t\t\t\t{all_hosts}     1 0:00000000\t\t0\n"
         "12\tlongest-name.12:     2      V2\n"
-        f"\t\t\t\t{names}     3 0:00000000\t\t0\n"
-        f"\t\t\t\t{everybody}     1 0:00000000\t\t0\n"
+        f"\t\t\t\t{mdns}     3 0:00000000\t\t0\n"
+        f"\t\t\t\t{all_hosts}     1 0:00000000\t\t0\n"
     )
     assert multicast.parse(table) == [
         {"port_name": "lo", "group": "224.0.0.1", "users": 1, "version": "V3"},

@@ -50,7 +50,7 @@ def test_arp_listing_parses_to_the_neighbors(simulator: Simulator, module: Modul
     assert {row["interface"] for row in rows.values()} == {"port1"}
     assert rows["198.51.100.7"]["age"] == rows["198.51.100.12"]["age"] == "-"
     for address in ("198.51.100.8", "198.51.100.9"):
-        # Seconds, of which the kernel's clock may have begun another meanwhile.
+        # The kernel's clock may have advanced by a second.
         earliest, latest = before[address] // 60, (after[address] + 1) // 60
         assert earliest <= int(rows[address]["age"]) <= latest
 
@@ -76,7 +76,7 @@ def test_arp_listing_matches_ip_neigh(simulator: Simulator, module: ModuleType) 
             if "lladdr" in entry and not {"FAILED", "NOARP"} & set(entry["state"])
         }
 
-    # The table may change between the two readings: three steady ones in a row are asked for.
+    # The table may change: repeat until it is the same before and after.
     for _ in range(10):
         before = neighbors()
         simulator.set_reply("get_cli_cmd_output", arp.listing())
@@ -138,7 +138,7 @@ print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 
 
 def details(*addresses: str, setup: tuple[str, ...] = PORTS + ROUTES) -> dict[str, str]:
-    """The routing texts for addresses in a namespace with `ROUTES`."""
+    """Return the routing entries for addresses in a namespace with `ROUTES`."""
     source = DETAILS.format(addresses=addresses)
     return dict(run_in_namespace(setup, source))
 
@@ -156,7 +156,7 @@ def test_routing_entry_parses_completely(simulator: Simulator, module: ModuleTyp
 
 
 ENTRIES = {
-    # address: prefix, owner, distance, metric, next hops
+    # address: prefix, protocol, distance, metric, next hops
     "203.0.113.5": (
         "203.0.113.0/24",
         "boot",
@@ -167,7 +167,7 @@ ENTRIES = {
     "10.1.2.3": ("10.1.2.0/24", "bgp", "n/a", "0", [("*", "198.51.100.8", "port1")]),
     "10.2.0.1": ("10.2.0.0/16", "boot", "0", "0", [("*", "fe80::1", "port1")]),
     "10.3.0.1": ("10.3.0.0/16", "123", "0", "0", [("*", "198.51.100.9", "port1")]),
-    # A routing daemon's static route has a distance, which the kernel is not told.
+    # The kernel does not know the distance of a routing daemon's static route.
     "10.4.0.1": ("10.4.0.0/16", "static", "n/a", "0", [("*", "198.51.100.9", "port1")]),
     "198.51.100.77": (
         "198.51.100.0/24",
@@ -190,9 +190,9 @@ def test_routing_entry_has_fields_and_next_hops(simulator: Simulator, module: Mo
     for address, text in details(*ENTRIES).items():
         simulator.set_reply("get_cli_cmd_output", text)
         result = module.get_routing_table_result(address)
-        owner = result["other"].split('"')[1]
+        protocol = result["other"].split('"')[1]
         hops = [tuple(hop.values()) for hop in result["table"]]
-        read[address] = (result["entry"], owner, result["distance"], result["metric"], hops)
+        read[address] = (result["entry"], protocol, result["distance"], result["metric"], hops)
     assert read == ENTRIES
 
 
@@ -211,7 +211,7 @@ def test_next_hop_with_link_down_has_no_asterisk(simulator: Simulator, module: M
     assert hops == [{"main": "", "ip": "198.51.100.2", "interface": "port1"}]
 
 
-REFUSED = {
+ERRORS = {
     "8.8.8.8": "% Network not in table\n",
     "0.0.0.0": "% Network not in table\n",
     "2001:db8:9::1": "% Network not in table\n",
@@ -221,8 +221,8 @@ REFUSED = {
 
 
 def test_address_without_entry_prints_an_error(simulator: Simulator, module: ModuleType) -> None:
-    for address, text in details(*REFUSED).items():
-        assert text == REFUSED[address]
+    for address, text in details(*ERRORS).items():
+        assert text == ERRORS[address]
         simulator.set_reply("get_cli_cmd_output", text)
         with pytest.raises(IndexError):
             module.get_routing_table_result(address)
