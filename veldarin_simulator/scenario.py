@@ -9,6 +9,7 @@ from __future__ import annotations
 import difflib
 import json
 import os
+import re
 from collections.abc import Iterator, Mapping
 from pathlib import Path
 from types import MappingProxyType
@@ -17,27 +18,9 @@ from urllib.parse import unquote_to_bytes
 
 DEFAULT_SCENARIO = Path(__file__).resolve().parent / "scenarios" / "default"
 
-_JSON_SERVICES = frozenset(
-    {
-        "build_switch_acl_ingress_stats",
-        "build_switch_stp_state",
-        "build_switch_lg_state",
-        "build_switch_flapguard_status",
-        "build_switch_port_statistics",
-        "build_switch_lldp_state",
-        "build_switch_trunk_state",
-        "build_switch_igmp_snooping_group",
-        "build_switch_modules_summary",
-        "build_system_interface_physical",
-        "build_system_flash_list",
-        "build_system_link_monitor_status",
-        "build_system_sniffer_profile_summary",
-        "build_start_sniffer_profile_capture",
-        "build_stop_sniffer_profile_capture",
-        "build_pause_sniffer_profile_capture",
-        "build_delete_sniffer_profile_capture",
-    }
-)
+# The table that generates the exported functions.
+_TABLE = Path(__file__).resolve().parent / "native" / "services.h"
+_JSON_SERVICES = frozenset(re.findall(r"\bROW\((build_\w+)\)", _TABLE.read_text()))
 # The range of the services that return a C integer.
 _INTEGER_SERVICES = {
     "aps_get_new_cookie_id": (0, 2**32 - 1),

@@ -5,6 +5,7 @@ The command line, the console, the page of functions and the tests use it.
 
 from __future__ import annotations
 
+import ast
 import json
 import os
 import re
@@ -16,6 +17,7 @@ STUB = Path(__file__).resolve().parents[1] / "veldarin" / "modules" / "modules_u
 
 _HEADING = re.compile(r"^# -{10,} (?P<title>\S.*)\n(?P<text>(?:#.*\n)*)", re.MULTILINE)
 _REEXPORT = re.compile(r"^(?:from \S+ )?import \S+ as (\w+)$", re.MULTILINE)
+_PROMPT = re.compile(r">>> (.*(?:\n\.\.\. .*)*)")
 # griffe's own parser drops a Raises section that is not a list ("Nothing.").
 _PART = re.compile(r"^(Raises|Example):\n((?:    .*\n|\n)*)", re.MULTILINE)
 
@@ -95,6 +97,15 @@ class Function(Entry):
 
     parameters: tuple[Parameter, ...]
     result: str
+
+    def example_call(self) -> tuple[list[Any], dict[str, Any]]:
+        """Return positional and keyword arguments of the first call in the docstring's example."""
+        for prompt in _PROMPT.findall(self.example):
+            for node in ast.walk(ast.parse(prompt.replace("\n... ", "\n"))):
+                if isinstance(node, ast.Call) and ast.unparse(node.func) == self.name:
+                    keywords = {str(k.arg): ast.literal_eval(k.value) for k in node.keywords}
+                    return [ast.literal_eval(argument) for argument in node.args], keywords
+        return [], {}
 
     def arguments(self, texts: list[str]) -> tuple[list[Any], dict[str, Any]]:
         """Return positional and keyword arguments for the texts of a command line.

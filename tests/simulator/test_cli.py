@@ -101,7 +101,7 @@ def machine(tmp_path_factory: pytest.TempPathFactory, monkeypatch: pytest.Monkey
 
 def test_demo_values_are_real(run: Any, state_directory: Path) -> None:
     found = demo_rows(run("demo")[1])
-    assert found["decrypt_cookie"][2] == "b'user=admin; level=7'"
+    assert found["decrypt_cookie"][2] == "b'user=admin'"
     assert found["check_cert_expiration"][2] == "True"
     assert found["get_routing_table_result"][2].startswith("{'entry': '")
     assert found["get_cli_command_output"][2].startswith("'Address")

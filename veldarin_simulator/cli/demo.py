@@ -19,6 +19,7 @@ from rich.text import Text
 
 from veldarin_simulator import Simulator
 from veldarin_simulator.cli import common
+from veldarin_simulator.stub import Function
 
 _DESCRIPTION = """\
 Call every function of veldarin.modules.modules_util once and print a line for
@@ -106,26 +107,16 @@ class DemoRow(NamedTuple):
         return Text.assemble((f"{number:>2}  ", "dim"), call, source, value)
 
 
-_ARGUMENTS: dict[str, Callable[[DemoContext], tuple[Any, ...]]] = {
-    "aps_unsigned_int_hash": lambda context: (context.simulator.serial_number,),
-    "get_cookie_name": lambda _: (True,),
-    "encrypt_cookie": lambda _: (b"user=admin; level=7",),
-    "decrypt_cookie": lambda context: (context.results.get("encrypt_cookie"),),
-    "check_cert_expiration": lambda context: (context.certificate(),),
-    "switch_acl_ingress_counter": lambda _: (1,),
-    "switch_acl_egress_counter": lambda _: (1,),
-    "switch_acl_prelookup_counter": lambda _: (1,),
-    "list_switch_stp_state": lambda _: (0,),
-    "list_system_interface_physical": lambda context: (context.port(),),
-    "list_switch_port_statistics": lambda context: (context.port(),),
-    "list_switch_lldp_state": lambda _: ("port1",),
-    "list_switch_trunk_state": lambda _: ("uplink",),
-    "list_switch_mclag_list": lambda _: ("uplink",),
-    "list_switch_igmp_snooping_group": lambda context: (context.port(),),
-    "get_cli_command_output": lambda _: ("get system arp",),
-    "get_bfd_neighbor": lambda _: ("get router info bfd neighbor",),
-    "capture_sniffer_profile": lambda _: ("lan-trace", "Running"),
-    "get_routing_table_result": lambda context: (context.destination(),),
+# Arguments that depend on this machine; other functions get those of the stub's example.
+_ARGUMENTS: dict[str, Callable[[DemoContext], Any]] = {
+    "aps_unsigned_int_hash": lambda context: context.simulator.serial_number,
+    "decrypt_cookie": lambda context: context.results.get("encrypt_cookie"),
+    "check_cert_expiration": DemoContext.certificate,
+    "list_system_interface_physical": DemoContext.port,
+    "list_switch_port_statistics": DemoContext.port,
+    "list_switch_igmp_snooping_group": DemoContext.port,
+    "get_bfd_neighbor": lambda _: "get router info bfd neighbor",
+    "get_routing_table_result": DemoContext.destination,
 }
 
 
@@ -145,7 +136,7 @@ def main(arguments: list[str]) -> int:
 
 def run_demo(context: DemoContext) -> int:
     """Call all functions, print the rows, and return the exit status."""
-    rows = [_call(context, name) for name in common.load_functions()]
+    rows = [_call(context, function) for function in common.load_functions().values()]
     sources = Counter(row.source for row in rows)
     width = None if sys.stdout.isatty() else _WIDTH_WITHOUT_TERMINAL
     screen = _Screen(width=width, highlight=False)
@@ -158,21 +149,24 @@ def run_demo(context: DemoContext) -> int:
     return common.EXIT_FAILURE if sources[_RAISED] else 0
 
 
-def _call(context: DemoContext, name: str) -> DemoRow:
-    simulator = context.simulator
+def _call(context: DemoContext, function: Function) -> DemoRow:
+    simulator, name = context.simulator, function.name
     call = f"{name}(…)"
     try:
-        arguments = _ARGUMENTS[name](context) if name in _ARGUMENTS else ()
-        call = f"{name}({', '.join(map(repr, arguments))})"
+        positional, keywords = function.example_call()
+        if name in _ARGUMENTS:
+            positional, keywords = [_ARGUMENTS[name](context)], {}
+        shown = [*map(repr, positional), *(f"{key}={value!r}" for key, value in keywords.items())]
+        call = f"{name}({', '.join(shown)})"
         simulator.clear_calls()
-        result = getattr(simulator.module, name)(*arguments)
+        result = getattr(simulator.module, name)(*positional, **keywords)
         simulator.raise_errors()
     except Exception as error:
         return DemoRow(call, _RAISED, f"{type(error).__name__}: {error}")
     context.results[name] = result
     if name == "get_token":
         # It reads a file instead of calling a native service; the secret stays hidden.
-        shown = f"{result[:8]!r}… ({len(result)} characters, in {simulator.secret_path})"
-        return DemoRow(call, "live", shown)
+        secret = f"{result[:8]!r}… ({len(result)} characters, in {simulator.secret_path})"
+        return DemoRow(call, "live", secret)
     sources = {entry.source for entry in simulator.call_log} - {"none"}
     return DemoRow(call, "+".join(sorted(sources)) or _NO_CALL, repr(result)[:_MAX_VALUE])
