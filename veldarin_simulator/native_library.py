@@ -22,30 +22,15 @@ ROOT = Path(__file__).resolve().parent.parent
 SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
 
 
-class ReplyForm(IntEnum):
-    """`enum simulator_form`: what a service returns."""
-
-    JSON = 0
-    TEXT = 1
-    WRAPPED = 2
-    IN_PLACE = 3
-    COUNT = 4
-    STATUS = 5
-
+# What a service returns: `enum simulator_form`.
+ReplyForm = IntEnum("ReplyForm", "JSON TEXT WRAPPED IN_PLACE COUNT STATUS", start=0)
+# `enum simulator_reply_kind`.
+ReplyKind = IntEnum("ReplyKind", "NULL TEXT VERBATIM NUMBER", start=0)
 
 _NUMBERS: dict[ReplyForm, tuple[Any, str]] = {
     ReplyForm.COUNT: (ctypes.c_ulong, "unsigned long"),
     ReplyForm.STATUS: (ctypes.c_int, "int"),
 }
-
-
-class ReplyKind(IntEnum):
-    """`enum simulator_reply_kind`."""
-
-    NULL = 0
-    TEXT = 1
-    VERBATIM = 2
-    NUMBER = 3
 
 
 class EncodedReply(ctypes.Structure):
