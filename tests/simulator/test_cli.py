@@ -58,6 +58,7 @@ def demo_rows(out: str) -> dict[str, tuple[str, str, str]]:
     return found
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_prints_heading_thirty_rows_and_counts(run: Any) -> None:
     status, out, err = run("demo")
     assert (status, err) == (0, "")
@@ -75,6 +76,7 @@ def test_demo_prints_heading_thirty_rows_and_counts(run: Any) -> None:
     assert max(map(len, out.splitlines())) <= 140
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_distinguishes_live_and_recorded(run: Any) -> None:
     found = demo_rows(run("demo")[1])
     by_source: dict[str, set[str]] = {}
@@ -99,6 +101,7 @@ def machine(tmp_path_factory: pytest.TempPathFactory, monkeypatch: pytest.Monkey
     monkeypatch.setattr(bfd, "_vtysh", lambda command: None)
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_values_are_real(run: Any, state_directory: Path) -> None:
     found = demo_rows(run("demo")[1])
     assert found["decrypt_cookie"][2] == "b'user=admin'"
@@ -112,6 +115,7 @@ def test_demo_values_are_real(run: Any, state_directory: Path) -> None:
     assert secret[8:16] not in shown
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_keeps_the_secret(run: Any, state_directory: Path) -> None:
     run("demo")
     first = (state_directory / "preference-cookie-secret").read_text()
@@ -119,6 +123,7 @@ def test_demo_keeps_the_secret(run: Any, state_directory: Path) -> None:
     assert (state_directory / "preference-cookie-secret").read_text() == first
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_without_certificate_creates_one(run: Any, monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(demo, "_CERTIFICATES", ("/no/such/certificate",))
     call, source, value = demo_rows(run("demo")[1])["check_cert_expiration"]
@@ -126,6 +131,7 @@ def test_demo_without_certificate_creates_one(run: Any, monkeypatch: pytest.Monk
     assert (source, value) == ("live", "True")
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_with_raising_function_exits_1(run: Any, tmp_path: Path) -> None:
     scenario = tmp_path / "mine"
     (scenario / "cli").mkdir(parents=True)
@@ -171,6 +177,7 @@ def _read(terminal: int) -> bytes:
 
 
 @pytest.mark.parametrize("columns", [60, 100, 200])
+@pytest.mark.requires("cryptography", "netlink")
 def test_demo_row_fits_the_terminal(columns: int) -> None:
     printed = on_a_terminal(columns, *TOOL, "demo")
     plain = re.sub(r"\x1b\[[0-9;]*m", "", printed).splitlines()
@@ -200,6 +207,7 @@ def run_process(*command: str, **settings: Any) -> Any:
     )
 
 
+@pytest.mark.requires("cryptography")
 def test_cookie_unwraps_in_another_process(run: Any, state_directory: Path) -> None:
     status, wrapped, _ = run("call", "encrypt_cookie", "grüße")
     assert status == 0
@@ -207,6 +215,7 @@ def test_cookie_unwraps_in_another_process(run: Any, state_directory: Path) -> N
     assert json.loads(done.stdout) == "grüße"
 
 
+@pytest.mark.requires("cryptography")
 def test_bytes_that_are_not_utf8_print_as_escapes(run: Any) -> None:
     wrapped = json.loads(run("call", "encrypt_cookie", os.fsdecode(b"a\xff\\"))[1])
     assert json.loads(run("call", "decrypt_cookie", "--", wrapped)[1]) == "a\\xff\\"
@@ -257,6 +266,7 @@ def test_call_accepts_options_between_arguments(run: Any, tmp_path: Path) -> Non
         assert (status, json.loads(out)) == (0, [{"instance_id": 3}])
 
 
+@pytest.mark.requires("cryptography")
 def test_call_accepts_an_argument_with_a_dash(run: Any) -> None:
     wrapped = json.loads(run("call", "encrypt_cookie", "--", "--more")[1])
     assert json.loads(run("call", "decrypt_cookie", "--", wrapped)[1]) == "--more"

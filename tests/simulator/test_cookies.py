@@ -19,6 +19,7 @@ from veldarin_simulator.providers import (
 )
 
 
+@pytest.mark.requires("cryptography")
 def test_wrapped_cookie_unwraps_through_the_module(
     simulator: Simulator, module: ModuleType
 ) -> None:
@@ -33,12 +34,14 @@ def test_wrapped_cookie_unwraps_through_the_module(
         assert module.decrypt_cookie(wrapped) == plain
 
 
+@pytest.mark.requires("cryptography")
 def test_wrapping_twice_gives_different_texts() -> None:
     cipher = cookies.ValueCipher()
     assert len({cipher.wrap(b"value") for _ in range(100)}) == 100
 
 
 @pytest.mark.parametrize("plain", [b"admin", b"admins", b"adminis"])  # spare bits: 0, 4, 2
+@pytest.mark.requires("cryptography")
 def test_damaged_cookie_unwraps_to_empty_text(
     simulator: Simulator, module: ModuleType, plain: bytes
 ) -> None:
@@ -57,6 +60,7 @@ def test_damaged_cookie_unwraps_to_empty_text(
     assert module.decrypt_cookie(wrapped) == plain
 
 
+@pytest.mark.requires("cryptography")
 def test_cookie_unwraps_only_with_the_same_key(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -66,6 +70,7 @@ def test_cookie_unwraps_only_with_the_same_key(
     assert cookies.ValueCipher().unwrap(wrapped) == b""
 
 
+@pytest.mark.requires("cryptography")
 def test_key_file_is_readable_by_its_owner_only(state_directory: Path) -> None:
     cookies.ValueCipher().wrap(b"")
     assert [path.name for path in state_directory.iterdir()] == ["cookie-key"]

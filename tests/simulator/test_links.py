@@ -19,6 +19,7 @@ from veldarin_simulator.providers import (
 )
 
 
+@pytest.mark.requires("netlink")
 def test_physical_interfaces_match_ip_link(simulator: Simulator, module: ModuleType) -> None:
     # The kernel adds link-local addresses some time after a link is up: repeat until `ip` prints
     # the same before and after the call.
@@ -63,6 +64,7 @@ def test_physical_interfaces_match_ip_link(simulator: Simulator, module: ModuleT
         }
 
 
+@pytest.mark.requires("netlink")
 def test_only_loopback_is_listed_as_interface() -> None:
     (entry,) = run_in_namespace(
         ("ip link set lo up",),
@@ -75,6 +77,7 @@ def test_only_loopback_is_listed_as_interface() -> None:
     assert entry["speed"] is None
 
 
+@pytest.mark.requires("netlink")
 def test_links_with_device_hide_virtual_links() -> None:
     with_device = {path.parent.name for path in Path("/sys/class/net").glob("*/device")}
     if not with_device:
@@ -84,6 +87,7 @@ def test_links_with_device_hide_virtual_links() -> None:
     assert {entry["type"] for entry in entries} == {"device"}
 
 
+@pytest.mark.requires("netlink")
 def test_link_monitor_matches_sysfs() -> None:
     for entry in links.link_monitor_status():
         folder = Path("/sys/class/net") / entry["name"]
@@ -100,6 +104,7 @@ def test_link_that_is_down_has_no_carrier(flags: int, carrier: int) -> None:
     assert links._has_carrier(Message({"flags": 1}, {"IFLA_CARRIER": 1})) is True
 
 
+@pytest.mark.requires("netlink")
 def test_lost_link_increases_flap_count() -> None:
     flap = ("ip link set port2 down", "sleep 0.1", "ip link set port2 up", "sleep 0.1")
     monitor, status = run_in_namespace(
@@ -141,6 +146,7 @@ def test_request_for_a_port_selects_it(service: Any) -> None:
 
 
 @needs_ip
+@pytest.mark.workstation_only("/proc/net/igmp has the byte order of the workstation's kernel")
 def test_multicast_groups_match_ip_maddress() -> None:
     expected = {
         (link["ifname"], entry["address"])

@@ -16,6 +16,8 @@ from tests.support.netns import ALONE, PORTS, Message, ip_json, needs_ip, run_in
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import arp, routing
 
+pytestmark = pytest.mark.requires("netlink")
+
 NEIGHBORS = (
     "ip neigh add 198.51.100.7 lladdr 02:00:00:00:00:07 dev port1 nud permanent",
     "ip neigh add 198.51.100.8 lladdr 02:00:00:00:00:08 dev port1 nud stale",

@@ -2,12 +2,16 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+import os
+import signal
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from pathlib import Path
 
 import pytest
 
 from veldarin_simulator import Scenario, Simulator
-from veldarin_simulator.providers import Providers
+from veldarin_simulator.providers import Providers, certificates
 from veldarin_simulator.reply import Reply
 
 LIVE = """
@@ -49,10 +53,12 @@ def test_unknown_command_has_no_output(run_command: Callable[[bytes], Reply]) ->
             simulator.module.get_cli_command_output("get system nonsense")
 
 
+@pytest.mark.requires("netlink")
 def test_command_words_split_at_any_white_space(run_command: Callable[[bytes], Reply]) -> None:
     assert run_command(b" get\tsystem   arp\r\n").source == "live"
 
 
+@pytest.mark.requires("netlink")
 def test_module_parses_the_live_commands() -> None:
     with Simulator(live=True) as simulator:
         assert isinstance(simulator.module.get_system_arp_result(), list)
@@ -63,3 +69,28 @@ def test_module_parses_the_live_commands() -> None:
                 simulator.module.get_routing_table_result(bad)
     assert loopback["entry"] == "127.0.0.1/32"
     assert loopback["other"] == '  Known via "local",  best'
+
+
+@contextmanager
+def within(seconds: int) -> Iterator[None]:
+    """Raise `RuntimeError` after a time; no check handles it as an unreadable file."""
+
+    def late(*_: object) -> None:
+        raise RuntimeError(f"not done within {seconds} s")
+
+    before = signal.signal(signal.SIGALRM, late)
+    signal.alarm(seconds)
+    try:
+        yield
+    finally:
+        signal.alarm(0)
+        signal.signal(signal.SIGALRM, before)
+
+
+def test_path_without_readable_file_is_unreadable(tmp_path: Path) -> None:
+    pipe = tmp_path / "pipe"
+    os.mkfifo(pipe)
+    paths = (b"", b"/no/such/file", os.fsencode(tmp_path), os.fsencode(pipe), b"/dev/zero")
+    with within(10):
+        for path in (*paths, b"x" * 5000, b"a\0b"):
+            assert certificates.check(path) is certificates.Status.UNREADABLE
