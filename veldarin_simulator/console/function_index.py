@@ -2,14 +2,10 @@
 
 from __future__ import annotations
 
-import ast
-import re
 from typing import Any
 
 from veldarin_simulator.console.serialization import encode_bytes
 from veldarin_simulator.stub import Function
-
-_PROMPT = re.compile(r">>> (.*(?:\n\.\.\. .*)*)")
 
 
 def function_index(functions: dict[str, Function]) -> list[dict[str, Any]]:
@@ -21,6 +17,7 @@ def function_index(functions: dict[str, Function]) -> list[dict[str, Any]]:
 
 
 def _describe(function: Function) -> dict[str, Any]:
+    positional, keywords = function.example_call()
     return {
         "name": function.name,
         "declaration": function.declaration,
@@ -37,24 +34,14 @@ def _describe(function: Function) -> dict[str, Any]:
             }
             for parameter in function.parameters
         ],
-        "example_call": _example_call(function.name, function.example),
+        "example_call": {
+            "arguments": [_encode_argument(value) for value in positional],
+            "keywords": {name: _encode_argument(value) for name, value in keywords.items()},
+        },
     }
 
 
-def _example_call(name: str, example: str) -> dict[str, Any]:
-    """Return the arguments of the example's first call, as the body of a request."""
-    for prompt in _PROMPT.findall(example):
-        for node in ast.walk(ast.parse(re.sub(r"\n\.\.\. ", "\n", prompt))):
-            if isinstance(node, ast.Call) and ast.unparse(node.func) == name:
-                return {
-                    "arguments": [_encode_argument(argument) for argument in node.args],
-                    "keywords": {str(k.arg): _encode_argument(k.value) for k in node.keywords},
-                }
-    return {"arguments": [], "keywords": {}}
-
-
-def _encode_argument(node: ast.expr) -> Any:
-    value = ast.literal_eval(node)  # the stub's own text, never a request's
+def _encode_argument(value: Any) -> Any:
     if isinstance(value, bytes):
         return {"bytes": encode_bytes(value)}
     return {"json": value} if isinstance(value, dict) else value
