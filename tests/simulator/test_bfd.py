@@ -19,8 +19,6 @@ from veldarin_simulator.providers import (
 from veldarin_simulator.reply import Reply
 
 CLI_OUTPUT = Path(__file__).parents[1] / "data" / "cli_output"
-
-
 SHELL = f"""#!{sys.executable}
 import sys
 from pathlib import Path

@@ -17,17 +17,9 @@ from veldarin_simulator.cli.self_signed import certificate
 from veldarin_simulator.providers import certificates
 
 pytestmark = pytest.mark.requires("cryptography")
-
-
 HOUR = timedelta(hours=1)
-
-
 VALID = (-HOUR, HOUR)
-
-
 EXPIRED = (-2 * HOUR, -HOUR)
-
-
 NOT_YET = (HOUR, 2 * HOUR)
 
 

@@ -279,8 +279,6 @@ ARP = (
     b"--More--          192.0.2.11        3          02:00:00:aa:bb:cd  port1 vlan10\r\n"
     b"\r\n"
 )
-
-
 ROUTING = (
     b"Routing entry for 192.0.2.0/24\r\n"
     b"  Known via static, distance 10, metric 0, best\r\n"

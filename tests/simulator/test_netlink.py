@@ -17,7 +17,6 @@ from veldarin_simulator import Simulator
 from veldarin_simulator.providers import arp, routing
 
 pytestmark = pytest.mark.requires("netlink")
-
 NEIGHBORS = (
     "ip neigh add 198.51.100.7 lladdr 02:00:00:00:00:07 dev port1 nud permanent",
     "ip neigh add 198.51.100.8 lladdr 02:00:00:00:00:08 dev port1 nud stale",
@@ -27,8 +26,6 @@ NEIGHBORS = (
     "ip neigh add 198.51.100.12 dev port1 nud incomplete",
     "ip neigh add 2001:db8::7 lladdr 02:00:00:00:00:77 dev port1 nud permanent",
 )
-
-
 LIST_ARP_AND_AGES = """
 import json, subprocess
 from veldarin_simulator.providers import arp
@@ -129,8 +126,6 @@ ROUTES = (
     "ip -6 address add 2001:db8:2::1/64 dev port1 nodad",
     "ip -6 route add 2001:db8:3::/48 via 2001:db8:2::9 dev port1 metric 5",
 )
-
-
 DETAILS = """
 import json, sys
 from veldarin_simulator.providers import routing
