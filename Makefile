@@ -64,7 +64,7 @@ lint: build meter  ## formats, ruff, mypy, clang-tidy; quick when nothing change
 
 .PHONY: docs
 docs: environment  ## the page of functions anew from the module's Python face
-	@$(PYTHON) tools/generate_function_docs.py
+	@$(PYTHON) -m tools.generate_function_docs
 
 .PHONY: bench
 bench: build  ## the module against its peers and the floor: docs/benchmarks.md

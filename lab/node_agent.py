@@ -15,7 +15,6 @@ from dataclasses import dataclass
 from typing import Any
 
 from veldarin_simulator import Simulator
-from veldarin_simulator.providers import default_answers
 
 _SECONDS = 30.0
 _COMMAND_LINE = "get_cli_cmd_output"
@@ -77,12 +76,13 @@ class Inside:
 
 
 def _serve() -> None:
-    live = default_answers(None, live=True)[_COMMAND_LINE]
     with Simulator() as simulator:
         for line in sys.stdin:
             request = json.loads(line)
             output = request["output"]
-            simulator.set_reply(_COMMAND_LINE, live if output is None else output)
+            simulator.reset_reply(_COMMAND_LINE)
+            if output is not None:
+                simulator.set_reply(_COMMAND_LINE, output)
             simulator.clear_calls()
             value = error = None
             try:

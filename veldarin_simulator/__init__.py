@@ -1,11 +1,12 @@
-"""The stand-in appliance: what a workstation has in place of the appliance's native services.
+"""Simulator of the appliance's native services, for running the module on a workstation.
 
-`Simulator` answers in the place of the native services, live by default. Run
-`python -m veldarin_simulator --help` for the tools.
+`Simulator` replies in place of the native services, from this machine's state by default.
+`python -m veldarin_simulator --help` lists the command-line tools.
 """
 
 from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Reply, Source
+from veldarin_simulator.scenario import Scenario, ScenarioError
 from veldarin_simulator.simulator import Simulator
 
 __all__ = [
@@ -14,6 +15,8 @@ __all__ = [
     "NativeCall",
     "RawJSON",
     "Reply",
+    "Scenario",
+    "ScenarioError",
     "Simulator",
     "Source",
 ]

@@ -1,8 +1,7 @@
-"""`python -m veldarin_simulator`: the command-line tools. Each is a file in cli/."""
+"""`python -m veldarin_simulator`: the command-line tools. Each is a module in cli/."""
 
 from __future__ import annotations
 
-import argparse
 import importlib
 import os
 import sys
@@ -10,35 +9,34 @@ import sys
 from veldarin_simulator.cli import common
 
 _TOOLS = {
-    "demo": "all thirty functions against this machine's state, a line for each",
-    "call": "one function, its result as JSON",
-    "parse": "a captured command-line text through the module's parser, as JSON",
-    "console": "a page that calls every function, and shows what crosses the native boundary",
+    # command: module in cli/, purpose
+    "demo": ("demo", "call all thirty functions on this machine"),
+    "call": ("call", "call one function and print its result as JSON"),
+    "parse": ("parse", "parse a captured command-line text and print the result as JSON"),
+    "console": ("serve", "serve a web page that calls functions and shows the native calls"),
 }
 
-_MODULES = {tool: f"veldarin_simulator.cli.{tool}" for tool in _TOOLS}
-_MODULES["console"] = "veldarin_simulator.cli.serve"
 
-
-def main(texts: list[str]) -> int:
-    """Runs the tool that is named; returns its exit status."""
-    listed = "\n  ".join(f"{name:<7} {purpose}" for name, purpose in _TOOLS.items())
+def main(arguments: list[str]) -> int:
+    """Run a tool and return its exit status."""
+    listed = "\n  ".join(f"{name:<7}  {purpose}" for name, (_, purpose) in _TOOLS.items())
     parser = common.Parser(
-        description="The stand-in appliance: veldarin.modules.modules_util on a workstation.",
-        epilog=f"tools:\n  {listed}\n\n{common.PROGRAM} TOOL --help tells more.",
+        description="Run veldarin.modules.modules_util on a workstation.",
+        epilog=f"tools:\n  {listed}\n\nFor the options of a tool: {common.PROGRAM} TOOL --help",
     )
-    parser.add_argument("tool", metavar="TOOL", nargs="?", help="see below")
-    parser.add_argument("arguments", metavar="...", nargs=argparse.REMAINDER, help="the tool's own")
-    options = parser.parse_args(texts)
+    parser.add_argument("tool", metavar="TOOL", nargs="?", help="one of those below")
+    parser.add_argument("arguments", metavar="...", nargs="...", help="arguments of the tool")
+    options = parser.parse_args(arguments)
     if options.tool not in _TOOLS:
-        parser.error(f"which tool: {', '.join(_TOOLS)}?")
-    # A value may hold what the terminal's encoding has no character for.
+        parser.error(f"expected a tool: {', '.join(_TOOLS)}")
+    tool = importlib.import_module(f"veldarin_simulator.cli.{_TOOLS[options.tool][0]}")
+    # The terminal's encoding may lack a character of a value.
     sys.stdout.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
     try:
-        status: int = importlib.import_module(_MODULES[options.tool]).main(options.arguments)
+        status: int = tool.main(options.arguments)
         sys.stdout.flush()
     except BrokenPipeError:
-        # The reader has seen enough. The interpreter flushes once more at exit: into nothing.
+        # The reader has closed the pipe; the interpreter's flush at exit must not fail again.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 0
     except KeyboardInterrupt:

@@ -1,4 +1,4 @@
-"""What the native library saw: the calls in their order, and what is alive now."""
+"""What the native library observed: calls, live objects and probes of the interpreter lock."""
 
 from __future__ import annotations
 
@@ -10,18 +10,18 @@ from veldarin_simulator.reply import Source
 
 @dataclass(frozen=True)
 class NativeCall:
-    """One call of a native service, or one method-table release of a JSONObject.
+    """A call of a native service, or a method-table release of a JSONObject.
 
-    A release has the service "JSONObject.release", and as request the JSON text held; so has a call
-    of "json_object_to_json_string", where these are recorded. Pointers are given as `int`, null as
-    `None`. Two calls compare equal whatever the source of their answers.
+    A release has the service "JSONObject.release" and its JSON text as the request; so has a
+    recorded call of "json_object_to_json_string". Pointers are `int`, null is None. Comparison
+    ignores the source.
     """
 
     service: str
-    context: int | None = None  # the first pointer, of services that take one
-    request: str | None = None  # JSON text without spaces, of services that take a request
-    third: int | None = None  # the third pointer of the capture functions
-    text: bytes | None = None  # of services that take a text, up to its NUL
+    context: int | None = None  # the first pointer, if the service takes one
+    request: str | None = None  # JSON text without spaces, if the service takes a request
+    third: int | None = None  # the third pointer of the capture services
+    text: bytes | None = None  # the text argument up to its NUL, if the service takes one
     source: Source = field(default="none", compare=False)
 
 
@@ -29,14 +29,14 @@ class GILProbes(NamedTuple):
     """What native calls saw of the interpreter lock."""
 
     calls: int  # calls that waited
-    released: int  # those in which another Python thread ran
+    released: int  # calls during which another Python thread ran
 
 
 class LiveObjects(NamedTuple):
-    """What was made since the appliance was opened and is not freed yet.
+    """Objects that were created since the simulator was opened and are not freed yet.
 
-    Canned json-c objects are shared and not counted.
+    The shared json-c objects of fixed replies are not counted.
     """
 
-    json_objects: int  # json-c objects: replies of services, requests of JSONObjects
-    text_buffers: int  # handed out by a service and not yet given to PyMem_Free
+    json_objects: int  # replies of services and requests of JSONObjects
+    text_buffers: int  # returned by a service and not yet passed to PyMem_Free

@@ -1,7 +1,7 @@
-"""The ctypes face of the native library, libsimulator.so: loading, answering, reading.
+"""The ctypes bindings of the native library, libsimulator.so.
 
-Everything runs with the interpreter lock held (`PyDLL`, `PYFUNCTYPE`), as the management process
-calls its services. For `Appliance` only; nobody else talks to the library.
+All calls hold the interpreter lock (`PyDLL`, `PYFUNCTYPE`), as the management process does when it
+calls the native services. Only `Simulator` uses the bindings.
 """
 
 from __future__ import annotations
@@ -22,16 +22,10 @@ ROOT = Path(__file__).resolve().parent.parent
 SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
 
 
-class ReplyForm(IntEnum):
-    """What a service hands back; `enum simulator_form`."""
-
-    JSON = 0
-    TEXT = 1
-    WRAPPED = 2
-    IN_PLACE = 3
-    COUNT = 4
-    STATUS = 5
-
+# What a service returns: `enum simulator_form`.
+ReplyForm = IntEnum("ReplyForm", "JSON TEXT WRAPPED IN_PLACE COUNT STATUS", start=0)
+# `enum simulator_reply_kind`.
+ReplyKind = IntEnum("ReplyKind", "NULL TEXT VERBATIM NUMBER", start=0)
 
 _NUMBERS: dict[ReplyForm, tuple[Any, str]] = {
     ReplyForm.COUNT: (ctypes.c_ulong, "unsigned long"),
@@ -39,15 +33,8 @@ _NUMBERS: dict[ReplyForm, tuple[Any, str]] = {
 }
 
 
-class ReplyKind(IntEnum):
-    NULL = 0
-    TEXT = 1
-    VERBATIM = 2
-    NUMBER = 3
-
-
 class EncodedReply(ctypes.Structure):
-    """`struct simulator_reply`: an answer on its way to the library, which copies it."""
+    """`struct simulator_reply`."""
 
     _fields_ = (
         ("kind", ctypes.c_int),
@@ -69,73 +56,68 @@ class _Call(ctypes.Structure):
     )
 
 
-class _Counts(ctypes.Structure):
+class _LiveCounts(ctypes.Structure):
     _fields_ = (("json_objects", ctypes.c_long), ("text_buffers", ctypes.c_long))
 
 
 _Callback = ctypes.PYFUNCTYPE(None, ctypes.c_char_p, ctypes.c_char_p)
+_Reply = ctypes.POINTER(EncodedReply)
+_Number = ctypes.POINTER(ctypes.c_ulong)
 
-# Functions of the library: result type (None: nothing), argument types.
+# Function of the library: result type (None: void), argument types.
 _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "simulator_open": (ctypes.c_int, (_Callback, ctypes.c_int)),
     "simulator_close": (None, ()),
     "simulator_service": (ctypes.c_char_p, (ctypes.c_size_t, ctypes.POINTER(ctypes.c_int))),
-    "simulator_answer": (ctypes.c_char_p, (ctypes.POINTER(EncodedReply),)),
-    "simulator_can": (ctypes.c_char_p, (ctypes.c_size_t, ctypes.POINTER(EncodedReply))),
-    "simulator_uncan": (None, (ctypes.c_size_t,)),
-    "simulator_canned_calls": (ctypes.c_ulong, (ctypes.c_size_t,)),
-    "simulator_canned_misfits": (ctypes.c_ulong, ()),
-    "simulator_journal_size": (ctypes.c_size_t, ()),
-    "simulator_journal_read": (ctypes.c_int, (ctypes.c_size_t, ctypes.POINTER(_Call))),
-    "simulator_journal_forget": (None, ()),
-    "simulator_count": (None, (ctypes.POINTER(_Counts),)),
+    "simulator_set_reply": (ctypes.c_char_p, (_Reply,)),
+    "simulator_set_fixed_reply": (ctypes.c_char_p, (ctypes.c_size_t, _Reply)),
+    "simulator_clear_fixed_reply": (None, (ctypes.c_size_t,)),
+    "simulator_fixed_reply_calls": (ctypes.c_ulong, (ctypes.c_size_t,)),
+    "simulator_oversized_replies": (ctypes.c_ulong, ()),
+    "simulator_call_log_size": (ctypes.c_size_t, ()),
+    "simulator_call_log_read": (ctypes.c_int, (ctypes.c_size_t, ctypes.POINTER(_Call))),
+    "simulator_clear_calls": (None, ()),
+    "simulator_live_objects": (None, (ctypes.POINTER(_LiveCounts),)),
     "simulator_record_serializer": (None, (ctypes.c_int,)),
-    "simulator_probe_gil": (None, (ctypes.POINTER(ctypes.c_ulong), ctypes.c_uint)),
-    "simulator_gil_probes": (
-        None,
-        (ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)),
-    ),
-    "simulator_set_blank": (ctypes.c_char_p, (ctypes.POINTER(EncodedReply),)),
+    "simulator_probe_gil": (None, (_Number, ctypes.c_uint)),
+    "simulator_gil_probes": (None, (_Number, _Number)),
+    "simulator_set_default_response": (ctypes.c_char_p, (_Reply,)),
 }
 
 
 def build_directory() -> Path:
-    """The build in use: `build/release`, or the value of the environment's MODULES_UTIL_BUILD."""
+    """Return the build in use: $MODULES_UTIL_BUILD, or build/release."""
     return ROOT / (os.environ.get("MODULES_UTIL_BUILD") or "build/release")
 
 
 def encode_reply(form: ReplyForm, value: object, source: Source = "scripted") -> EncodedReply:
-    """The value in the form of a service. `TypeError`, `ValueError`: it has no such form."""
-    kind, text, number = _encoded(form, value)
+    """Return a value in the form of a service.
+
+    Raises:
+        TypeError, ValueError: A service of this form cannot return the value.
+    """
+    kind, text, number = _encode(form, value)
     size = 0 if text is None else len(text)
     return EncodedReply(kind, SOURCES.index(source), text, size, number)
 
 
-def _encoded(form: ReplyForm, value: object) -> tuple[ReplyKind, bytes | None, int]:
-    if form is ReplyForm.JSON:
-        return _encoded_json(value)
+def _encode(form: ReplyForm, value: object) -> tuple[ReplyKind, bytes | None, int]:
     if form in _NUMBERS:
-        return ReplyKind.NUMBER, None, _encoded_number(form, value)
+        return ReplyKind.NUMBER, None, _encode_number(form, value)
     if value is None and form is not ReplyForm.WRAPPED:
         return ReplyKind.NULL, None, 0
-    if isinstance(value, str):
-        return ReplyKind.TEXT, value.encode(), 0
-    if isinstance(value, bytes):
-        return ReplyKind.TEXT, value, 0
-    raise TypeError(f"the service answers text, not {type(value).__name__}")
+    if form is ReplyForm.JSON:
+        if isinstance(value, RawJSON):
+            return ReplyKind.VERBATIM, value.encoded(), 0
+        return ReplyKind.TEXT, json.dumps(value, ensure_ascii=False).encode(), 0
+    if isinstance(value, (bytes, str)):
+        return ReplyKind.TEXT, value.encode() if isinstance(value, str) else value, 0
+    raise TypeError(f"the service returns text, not {type(value).__name__}")
 
 
-def _encoded_json(value: object) -> tuple[ReplyKind, bytes | None, int]:
-    if value is None:
-        return ReplyKind.NULL, None, 0
-    if isinstance(value, RawJSON):
-        return ReplyKind.VERBATIM, value.encoded(), 0
-    return ReplyKind.TEXT, json.dumps(value, ensure_ascii=False).encode(), 0
-
-
-def _encoded_number(form: ReplyForm, value: object) -> int:
+def _encode_number(form: ReplyForm, value: object) -> int:
     if not isinstance(value, int):
-        raise TypeError(f"the service answers an int, not {type(value).__name__}")
+        raise TypeError(f"the service returns an int, not {type(value).__name__}")
     c_type, name = _NUMBERS[form]
     if c_type(value).value != value:
         raise ValueError(f"{value} does not fit the service's C type, {name}")
@@ -143,7 +125,7 @@ def _encoded_number(form: ReplyForm, value: object) -> int:
 
 
 class NativeLibrary:
-    """The loaded library."""
+    """The loaded library; `forms` maps each service to the form of its reply."""
 
     def __init__(self, build: Path) -> None:
         self.build = build
@@ -154,8 +136,8 @@ class NativeLibrary:
             function.argtypes = arguments
         self.forms = dict(self._services())
         self._indices = {service: index for index, service in enumerate(self.forms)}
-        self._callback: object = None  # the library calls it: kept alive here
-        self._counter: object = None  # the library reads it: kept alive here
+        self._callback: object = None  # a reference, because the library calls it
+        self._counter: object = None  # a reference, because the library reads it
 
     def _services(self) -> Iterator[tuple[str, ReplyForm]]:
         form = ctypes.c_int()
@@ -164,51 +146,51 @@ class NativeLibrary:
             yield name.decode(), ReplyForm(form.value)
             index += 1
 
-    def open(self, answer: Callable[[str, bytes | None], None], track_buffers: bool) -> None:
-        """Starts afresh; `answer(service, input)` is then called per call and must not raise."""
+    def open(self, reply: Callable[[str, bytes | None], None], track_buffers: bool) -> None:
+        """Reset the library. Calls run `reply(service, input)`, which must not raise."""
 
         def callback(service: bytes, given: bytes | None) -> None:
-            answer(service.decode(), given)
+            reply(service.decode(), given)
 
         self._callback = _Callback(callback)
         if not self._library.simulator_open(self._callback, track_buffers):
-            raise MemoryError("no memory for the stand-in appliance")
+            raise MemoryError("no memory for the simulator")
 
     def close(self) -> None:
-        """From here on services answer null, nought or empty text."""
+        """Make all services return null, 0 or ""."""
         self._library.simulator_close()
         self._callback = self._counter = None
 
     def set_reply(self, service: str, reply: EncodedReply) -> None:
-        """Answers the call of the service that is being asked about."""
-        _accepted(service, self._library.simulator_answer(reply))
+        """Set the reply of the pending call."""
+        _check(service, self._library.simulator_set_reply(reply))
 
     def set_fixed_reply(self, service: str, reply: EncodedReply) -> None:
-        """Keeps a reply in the library."""
-        _accepted(service, self._library.simulator_can(self._indices[service], reply))
+        """Set the reply of a service that its calls return without the callback."""
+        _check(service, self._library.simulator_set_fixed_reply(self._indices[service], reply))
 
     def clear_fixed_reply(self, service: str) -> None:
-        """Asks Python again."""
-        self._library.simulator_uncan(self._indices[service])
+        """Make calls of the service run the callback again."""
+        self._library.simulator_clear_fixed_reply(self._indices[service])
 
     def fixed_reply_calls(self, service: str) -> int:
-        """Calls answered by the reply kept for the service."""
-        return int(self._library.simulator_canned_calls(self._indices[service]))
+        """Return the number of calls that returned the fixed reply."""
+        return int(self._library.simulator_fixed_reply_calls(self._indices[service]))
 
     def oversized_replies(self) -> int:
-        """Calls since the last question whose buffer a kept text did not fit into."""
-        return int(self._library.simulator_canned_misfits())
+        """Return and reset the number of calls whose buffer was too small for a fixed reply."""
+        return int(self._library.simulator_oversized_replies())
 
-    def set_blank(self, reply: EncodedReply) -> None:
-        """What JSONObject() holds."""
-        _accepted("the blank", self._library.simulator_set_blank(reply))
+    def set_default_response(self, reply: EncodedReply) -> None:
+        """Set what `JSONObject()` holds."""
+        _check("default response", self._library.simulator_set_default_response(reply))
 
     def call_log(self) -> list[NativeCall]:
-        """All calls since the journal was forgotten."""
+        """Return the calls since the log was cleared."""
         entry = _Call()
         calls = []
-        for index in range(self._library.simulator_journal_size()):
-            self._library.simulator_journal_read(index, ctypes.byref(entry))
+        for index in range(self._library.simulator_call_log_size()):
+            self._library.simulator_call_log_read(index, ctypes.byref(entry))
             calls.append(
                 NativeCall(
                     service=entry.service.decode(),
@@ -222,36 +204,36 @@ class NativeLibrary:
         return calls
 
     def clear_calls(self) -> None:
-        """Empties the journal."""
-        self._library.simulator_journal_forget()
+        """Clear the call log."""
+        self._library.simulator_clear_calls()
 
     def record_serializer(self, record: bool) -> None:
-        """Journals the calls of `json_object_to_json_string`, or stops to do so."""
+        """Log the calls of `json_object_to_json_string`, or stop logging them."""
         self._library.simulator_record_serializer(record)
 
     def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int) -> None:
-        """Makes native calls wait until the counter changes, for this time at most."""
+        """Make native calls wait until the counter changes, for this time at most."""
         self._library.simulator_probe_gil(counter, milliseconds)
         self._counter = counter
 
     def gil_probes(self) -> GILProbes:
-        """What the native calls saw while they waited."""
+        """Return what the native calls saw while they waited."""
         calls, released = ctypes.c_ulong(), ctypes.c_ulong()
         self._library.simulator_gil_probes(ctypes.byref(calls), ctypes.byref(released))
         return GILProbes(calls.value, released.value)
 
     def live_objects(self) -> LiveObjects:
-        """What is alive."""
-        counts = _Counts()
-        self._library.simulator_count(ctypes.byref(counts))
+        """Return the numbers of live objects."""
+        counts = _LiveCounts()
+        self._library.simulator_live_objects(ctypes.byref(counts))
         return LiveObjects(counts.json_objects, counts.text_buffers)
 
 
-def _text(given: bytes | None) -> str | None:
-    return None if given is None else given.decode("utf-8", "surrogateescape")
+def _text(request: bytes | None) -> str | None:
+    return None if request is None else request.decode("utf-8", "surrogateescape")
 
 
-def _accepted(what: str, reason: bytes | None) -> None:
+def _check(what: str, reason: bytes | None) -> None:
     if reason is not None:
         raise ValueError(f"{what}: {reason.decode()}")
 
@@ -260,16 +242,17 @@ _loaded: NativeLibrary | None = None
 
 
 def load() -> NativeLibrary:
-    """The library of the build in use, loaded once per process, with the staged modules importable.
+    """Load the library of the build in use and make the staged modules importable.
 
-    `RuntimeError`: nothing is built, or another build was loaded before.
+    Raises:
+        RuntimeError: Nothing is built, or this process has loaded another build.
     """
     global _loaded
     build = build_directory()
     if _loaded is None:
         stage = build / "stage"
         if not (build / "libsimulator.so").is_file() or not stage.is_dir():
-            raise RuntimeError(f"the stand-in appliance is not built in {build}: run `make build`")
+            raise RuntimeError(f"the simulator is not built in {build}: run `make build`")
         _loaded = NativeLibrary(build)
         sys.path.insert(0, str(stage))
     elif _loaded.build != build:

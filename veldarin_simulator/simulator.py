@@ -1,5 +1,4 @@
-"""The stand-in appliance as a Python object: script a device, run the module on it, look at what
-crossed the native boundary. For tests, tools and GUI authors."""
+"""The simulator: set replies, run the module, inspect the native calls."""
 
 from __future__ import annotations
 
@@ -13,63 +12,74 @@ import tempfile
 from collections.abc import Callable
 from pathlib import Path
 from types import ModuleType, TracebackType
-from typing import Any, Union
+from typing import TYPE_CHECKING, Any
 
 from veldarin_simulator import native_library
 from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
+from veldarin_simulator.native_library import EncodedReply, ReplyForm, encode_reply
 from veldarin_simulator.reply import RawJSON, Reply, Source
+from veldarin_simulator.scenario import Scenario
 
-PRODUCT = "veldarin.modules.modules_util"
-# No native services, but a default answer may give them all the same: what the sibling modules are
-# asked for, and the attribute here that says it.
+if TYPE_CHECKING:
+    from veldarin_simulator.providers import Providers
+
+MODULE = "veldarin.modules.modules_util"
+
+# Not native services, but `set_reply` accepts them: data of the sibling modules and the attributes
+# that set it.
+_SERIAL_NUMBER = "serial_number_ascii"
 _SIBLING_DATA = {
-    "serial_number_ascii": "serial_number",
+    _SERIAL_NUMBER: "serial_number",
     "get_preference_cookie_secret_path": "secret_path",
 }
 
-# What a service hands back when nobody answers.
-_UNANSWERED = {
-    native_library.ReplyForm.JSON: None,
-    native_library.ReplyForm.TEXT: None,
-    native_library.ReplyForm.WRAPPED: b"",
-    native_library.ReplyForm.IN_PLACE: b"",
-    native_library.ReplyForm.COUNT: 0,
-    native_library.ReplyForm.STATUS: 0,
+# What a service without reply returns.
+_NO_REPLY = {
+    ReplyForm.JSON: None,
+    ReplyForm.TEXT: None,
+    ReplyForm.WRAPPED: b"",
+    ReplyForm.IN_PLACE: b"",
+    ReplyForm.COUNT: 0,
+    ReplyForm.STATUS: 0,
 }
-
-# A reply made ahead, or what makes it per call.
-_Maker = Union[native_library.EncodedReply, Callable[..., object]]
 
 _open: Simulator | None = None
 
 
 class Simulator:
-    """A device that answers the native services; one at a time in a process.
+    """Replies in place of the native services; at most one is open in a process.
 
-    `scenario`: a folder of recorded answers that come before the default ones. `live=False` without
-    a scenario: nothing answers but what is scripted. `counting=False`: text buffers are not
-    followed, so that nothing stands between the interpreter and its allocator. Use it in a `with`
-    block, or `close()` it. Opening it makes the staged modules importable.
+    Use it in a `with` block, or call `close()`. It makes the staged modules importable.
 
-    `RuntimeError`: nothing is built, or another appliance is open.
+    Args:
+        scenario: Recorded replies that come before this machine's.
+        live: Whether this machine's state and the default scenario follow. Without them and without
+            a scenario only scripted replies count.
+        track_buffers: Whether to count text buffers, which takes a wrapper around the interpreter's
+            allocator.
+
+    Raises:
+        RuntimeError: Nothing is built, or another simulator is open.
     """
 
     def __init__(
-        self, scenario: Path | None = None, live: bool = True, *, track_buffers: bool = True
+        self, scenario: Scenario | None = None, live: bool = True, *, track_buffers: bool = True
     ) -> None:
         global _open
-        self._host = native_library.load()
+        self._library = native_library.load()
         if _open is not None:
-            raise RuntimeError("another appliance is open in this process: close it first")
-        self._counting = track_buffers
-        self._makers: dict[str, tuple[_Maker, Source]] = {}
+            raise RuntimeError("another simulator is open in this process: close it first")
+        self._track_buffers = track_buffers
+        self._providers: Providers | None = None
+        # An encoded reply, or a callable that returns the reply of each call.
+        self._replies: dict[str, tuple[EncodedReply | Callable[..., object], Source]] = {}
         self._sources: dict[str, Source] = {}
         self._errors: list[BaseException] = []
-        self._blank: RawJSON | None = None
+        self._default_response: RawJSON | None = None
         self._on_create: Callable[[tuple[Any, ...]], object] | None = None
         self._on_release: Callable[[str], object] | None = None
-        self._folder = Path(tempfile.mkdtemp(prefix="appliance-"))
-        self._host.open(self._asked, track_buffers)
+        self._folder = Path(tempfile.mkdtemp(prefix="simulator-"))
+        self._library.open(self._reply_to_call, track_buffers)
         _open = self
         try:
             self._set_up(scenario, live)
@@ -77,17 +87,19 @@ class Simulator:
             self.close()
             raise
 
-    def _set_up(self, scenario: Path | None, live: bool) -> None:
-        self._observe()
+    def _set_up(self, scenario: Scenario | None, live: bool) -> None:
+        self._set_hooks()
         self.secret_path = self._folder / "preference_cookie_secret"
-        device_data = _device_data()
-        device_data.serial_number = device_data.SERIAL_NUMBER
-        if not live and scenario is None:
-            return
-        from veldarin_simulator.providers import default_answers
+        self._reset_serial_number()
+        if live or scenario is not None:
+            for service, reply in self._load_providers(scenario, live).replies().items():
+                self.set_reply(service, reply)
 
-        for name, answer in default_answers(scenario, live).items():
-            self.set_reply(name, answer)
+    def _load_providers(self, scenario: Scenario | None, live: bool) -> Providers:
+        from veldarin_simulator.providers import Providers  # slow to import
+
+        self._providers = Providers(scenario or Scenario(), live)
+        return self._providers
 
     def __enter__(self) -> Simulator:
         return self
@@ -102,132 +114,186 @@ class Simulator:
         if error is None:
             self.raise_errors()
         elif self._errors and error.__context__ is None:
-            # Most likely the cause; the traceback then shows both.
-            error.__context__ = self._errors[0]
+            error.__context__ = self._errors[0]  # the probable cause: the traceback shows both
 
     def close(self) -> None:
-        """Ends it: from here on services answer null, nought or empty text."""
+        """Close the simulator; services then return null, 0 or ""."""
         global _open
         if _open is not self:
             return
         _open = None
-        self._host.close()
+        self._library.close()
         self._on_create = self._on_release = None
-        self._observe()
+        self._set_hooks()
         shutil.rmtree(self._folder, ignore_errors=True)
 
     @property
     def module(self) -> ModuleType:
         """`veldarin.modules.modules_util`, imported on first use."""
-        return importlib.import_module(PRODUCT)
+        return importlib.import_module(MODULE)
+
+    # Replies
 
     def set_reply(self, service: str, reply: object) -> None:
-        """Scripts what a native service answers, from the next call on.
+        """Set the reply of a native service, from the next call on.
 
-        `reply` is, for a `build_…` function, a JSON value, `RawJSON` or `None` (a null pointer);
-        for the CLI runner text (`str` as UTF-8, or `bytes`) or `None`; for the cookie values text;
-        for the others an `int`. Or a callable that gives one, called with what the service was
-        given: the request as a Python value, the text as `bytes`, nothing for a cookie identifier.
-        Or an `Answer`, which says its source. An unwrapped cookie value may not be longer than the
-        wrapped one; `None` leaves it as it is.
+        Args:
+            service: The name of a service; or "serial_number_ascii" or
+                "get_preference_cookie_secret_path", which set `serial_number` or `secret_path`.
+            reply: For a `build_...` service a JSON value, `RawJSON`, or None for a null pointer.
+                For the command line a text (`str` as UTF-8, or `bytes`) or None. For cookie values
+                a text; an unwrapped one is not longer than the wrapped one, None leaves it as it
+                is. For the others an `int`. Or a callable that returns one; it takes the request as
+                a Python value, the text as `bytes`, or nothing (for a cookie identifier). Or a
+                `Reply`, which has a source. `raise_errors` raises the exception of a callable;
+                the service then returns null, 0 or "", and leaves a cookie value as it is.
 
-        `TypeError`, `ValueError`: the service cannot answer that, or there is no such service. An
-        error in a callable is kept for `check()`; the service then answers null, nought or empty
-        text, and leaves a cookie value to be unwrapped as it is.
-
-        The names "serial_number_ascii" and "get_preference_cookie_secret_path" set `serial_number`
-        and `secret_path`.
+        Raises:
+            TypeError, ValueError: There is no such service, or it cannot return that.
         """
-        answer = reply if isinstance(reply, Reply) else Reply(reply)
-        value, source = answer.reply, answer.source
+        reply = reply if isinstance(reply, Reply) else Reply(reply)
+        value, source = reply.reply, reply.source
         if service in _SIBLING_DATA:
             setattr(self, _SIBLING_DATA[service], value)
             self._sources[service] = source
             return
         form = self._form(service)
-        maker = value if callable(value) else native_library.encode_reply(form, value, source)
-        self._host.clear_fixed_reply(service)
-        self._makers[service] = maker, source
-        self._sources.pop(service, None)
+        encoded = value if callable(value) else encode_reply(form, value, source)
+        self._clear_reply(service)
+        self._replies[service] = encoded, source
 
     def set_fixed_reply(self, service: str, reply: object) -> None:
-        """Cans a reply (a value, no callable) natively: its calls do not enter Python.
+        """Register a reply in the native library, so that calls do not enter Python.
 
-        Canned calls are not journalled, and while any service is canned neither are the releases
-        of JSONObjects. `answer` for the service ends it. A text canned for `cookieval_unwrap` that
-        does not fit is an error for `check()`.
+        The call log omits calls that return it, and all releases of JSONObjects while any service
+        has one. `set_reply` removes it. `raise_errors` raises an error if it does not fit into the
+        buffer of `cookieval_unwrap`.
+
+        Args:
+            service: The name of a service.
+            reply: A value as in `set_reply`, not a callable.
+
+        Raises:
+            TypeError, ValueError: As in `set_reply`.
         """
-        self._host.set_fixed_reply(service, native_library.encode_reply(self._form(service), reply))
-        self._makers.pop(service, None)
+        self._library.set_fixed_reply(service, encode_reply(self._form(service), reply))
+        self._replies.pop(service, None)
         self._sources[service] = "scripted"
 
+    def reset_reply(self, service: str) -> None:
+        """Undo `set_reply` and `set_fixed_reply`: the provided reply counts again.
+
+        Raises:
+            ValueError: There is no such service.
+        """
+        reply = self.provided_reply(service)
+        if reply is not None:
+            self.set_reply(service, reply)
+        elif service == _SERIAL_NUMBER:
+            self._reset_serial_number()
+        else:
+            self._form(service)
+            self._clear_reply(service)
+
+    def provided_reply(self, service: str) -> Reply | None:
+        """Return the reply of the scenario, this machine or the default scenario, or None.
+
+        It does not depend on `set_reply` and `set_fixed_reply`.
+        """
+        return self._providers.reply(service) if self._providers else None
+
+    @property
+    def scenario(self) -> Scenario:
+        """The scenario in use."""
+        return self._providers.scenario if self._providers else Scenario()
+
+    def use_scenario(self, scenario: Scenario) -> None:
+        """Replace the scenario and reset the replies that differ from the current scenario's.
+
+        Packet captures keep their state, unless the list of sniffer profiles changes.
+        """
+        providers = self._providers or self._load_providers(None, live=False)
+        for service in sorted(providers.use_scenario(scenario)):
+            self.reset_reply(service)
+
     def fixed_reply_calls(self, service: str) -> int:
-        """How often the reply canned for the service was handed out."""
+        """Return the number of calls that returned the service's fixed reply."""
         self._form(service)
-        return self._host.fixed_reply_calls(service)
+        return self._library.fixed_reply_calls(service)
 
     def source(self, service: str) -> Source:
-        """Where the service's last reply came from; before the first, where the next will."""
+        """Return the source of the service's last reply; before the first call, of the next."""
         if service in self._sources:
             return self._sources[service]
         if service not in _SIBLING_DATA:
             self._form(service)
-        return self._makers[service][1] if service in self._makers else "none"
+        return self._replies[service][1] if service in self._replies else "none"
 
     def raise_errors(self) -> None:
-        """Raises what went wrong in callables since the last check, else does nothing."""
+        """Raise the errors of replies since the last call of this method, if there are any."""
         errors, self._errors = self._errors, []
-        misfits = self._host.oversized_replies()
-        if not errors and misfits:
-            raise ValueError(f"cookieval_unwrap: the canned text did not fit {misfits} buffers")
+        oversized = self._library.oversized_replies()
+        if not errors and oversized:
+            raise ValueError(f"cookieval_unwrap: the fixed reply did not fit {oversized} buffers")
         if len(errors) > 1:
             listed = "; ".join(repr(error) for error in errors)
-            raise RuntimeError(f"{len(errors)} answers failed: {listed}") from errors[0]
+            raise RuntimeError(f"{len(errors)} replies failed: {listed}") from errors[0]
         if errors:
             raise errors[0]
 
+    # Observations
+
     @property
     def call_log(self) -> list[NativeCall]:
-        """The calls that crossed the native boundary, in order."""
-        return self._host.call_log()
+        """The native calls, in order."""
+        return self._library.call_log()
 
     def clear_calls(self) -> None:
-        """Empties the journal."""
-        self._host.clear_calls()
+        """Clear the call log."""
+        self._library.clear_calls()
 
     def record_serializer(self, record: bool = True) -> None:
-        """Adds the calls of `json_object_to_json_string` to the journal, or stops to do so.
+        """Log the calls of `json_object_to_json_string` too, or stop logging them.
 
-        Each entry has the name of the function as its service, and as request the JSON text of the
-        object. The release of a JSONObject renders its object too if there is an `on_release`.
+        An entry has the name of the function as its service and the object's JSON text as its
+        request. If there is an `on_release`, releasing a JSONObject calls the function too.
         """
-        self._host.record_serializer(record)
+        self._library.record_serializer(record)
 
     def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int = 20) -> None:
-        """Makes the native services watch whether their caller holds the interpreter lock.
+        """Make the native services check whether their caller holds the interpreter lock.
 
         Each service, and `json_object_to_json_string`, waits in C until the counter changes, for
-        this time at most. Another Python thread has to increment the counter; `gil_probes` tells
-        what the services saw. `None` ends it. `can` the replies: a reply from Python may itself let
-        another thread run, though only after the wait.
+        this time at most; `gil_probes` counts the changes. Use fixed replies: a reply from Python
+        may itself let another thread run, though only after the wait.
+
+        Args:
+            counter: A number that another Python thread increments; None ends the check.
+            milliseconds: The longest time to wait.
         """
-        self._host.probe_gil(counter, milliseconds)
+        self._library.probe_gil(counter, milliseconds)
 
     @property
     def gil_probes(self) -> GILProbes:
         """What the native services saw since `probe_gil` was called."""
-        return self._host.gil_probes()
+        return self._library.gil_probes()
 
     @property
     def live_objects(self) -> LiveObjects:
-        """What was made since the appliance was opened and lives still."""
-        if not self._counting:
-            raise RuntimeError("the appliance was opened with counting=False")
-        return self._host.live_objects()
+        """The numbers of objects that were created since the simulator was opened and still live.
+
+        Raises:
+            RuntimeError: The simulator was opened with track_buffers=False.
+        """
+        if not self._track_buffers:
+            raise RuntimeError("the simulator was opened with track_buffers=False")
+        return self._library.live_objects()
+
+    # Siblings
 
     @property
     def secret_path(self) -> Path:
-        """The file of the preference cookie's secret; at first in a folder that `close` removes."""
+        """The file of the preference cookie's secret; by default in a temporary directory."""
         return self._secret_path
 
     @secret_path.setter
@@ -245,78 +311,83 @@ class Simulator:
     @serial_number.setter
     def serial_number(self, value: object) -> None:
         _device_data().serial_number = value
-        self._sources["serial_number_ascii"] = "scripted"
+        self._sources[_SERIAL_NUMBER] = "scripted"
 
     @property
     def default_response(self) -> RawJSON | None:
-        """What a JSONObject made without argument holds; `None`: the null object."""
-        return self._blank
+        """What a JSONObject created without argument holds; None is the null object."""
+        return self._default_response
 
     @default_response.setter
     def default_response(self, value: RawJSON | None) -> None:
-        self._host.set_blank(native_library.encode_reply(native_library.ReplyForm.JSON, value))
-        self._blank = value
+        self._library.set_default_response(encode_reply(ReplyForm.JSON, value))
+        self._default_response = value
 
     @property
     def on_create(self) -> Callable[[tuple[Any, ...]], object] | None:
-        """Called first in `JSONObject(…)`, with the arguments; an exception goes to its caller."""
+        """The function that `JSONObject(...)` calls first, with its arguments; it may raise."""
         return self._on_create
 
     @on_create.setter
-    def on_create(self, called: Callable[[tuple[Any, ...]], object] | None) -> None:
-        self._on_create = called
-        self._observe()
+    def on_create(self, hook: Callable[[tuple[Any, ...]], object] | None) -> None:
+        self._on_create = hook
+        self._set_hooks()
 
     @property
     def on_release(self) -> Callable[[str], object] | None:
-        """Called with the JSON text held, before a JSONObject's method-table release gives it up;
-        an exception goes to the release's caller, and the object stays held."""
+        """The function that the method-table release of a JSONObject calls with its JSON text.
+
+        If it raises, the release fails and the object keeps its value.
+        """
         return self._on_release
 
     @on_release.setter
-    def on_release(self, called: Callable[[str], object] | None) -> None:
-        self._on_release = called
-        self._observe()
+    def on_release(self, hook: Callable[[str], object] | None) -> None:
+        self._on_release = hook
+        self._set_hooks()
 
-    def _observe(self) -> None:
+    def _set_hooks(self) -> None:
         json_module = importlib.import_module("util.json")
-        json_module.observe(created=self._on_create, released=self._on_release)
+        json_module.set_hooks(created=self._on_create, released=self._on_release)
 
-    def _form(self, service: str) -> native_library.ReplyForm:
-        if service not in self._host.forms:
-            near = difflib.get_close_matches(service, self._host.forms, n=1)
+    def _reset_serial_number(self) -> None:
+        _device_data().serial_number = _device_data().SERIAL_NUMBER
+        self._sources.pop(_SERIAL_NUMBER, None)
+
+    def _clear_reply(self, service: str) -> None:
+        self._library.clear_fixed_reply(service)
+        self._replies.pop(service, None)
+        self._sources.pop(service, None)
+
+    def _form(self, service: str) -> ReplyForm:
+        if service not in self._library.forms:
+            near = difflib.get_close_matches(service, self._library.forms, n=1)
             hint = f": did you mean {near[0]}?" if near else ""
             raise ValueError(f"there is no native service {service}{hint}")
-        return self._host.forms[service]
+        return self._library.forms[service]
 
-    def _asked(self, service: str, given: bytes | None) -> None:
-        # The native caller cannot take an exception: whatever goes wrong is kept.
+    def _reply_to_call(self, service: str, given: bytes | None) -> None:
+        # The native caller cannot handle an exception.
         try:
-            reply, source = self._reply(service, given)
-            self._host.set_reply(service, reply)
+            reply, source = self._encoded_reply(service, given)
+            self._library.set_reply(service, reply)
             self._sources[service] = source
         except BaseException as error:
             self._errors.append(error)
 
-    def _reply(
-        self, service: str, given: bytes | None
-    ) -> tuple[native_library.EncodedReply, Source]:
-        form = self._host.forms[service]
-        if service not in self._makers:
-            return native_library.encode_reply(form, _UNANSWERED[form], "none"), "none"
-        maker, source = self._makers[service]
-        if isinstance(maker, native_library.EncodedReply):
-            return maker, source
-        value = maker(*_arguments(form, given))
-        if isinstance(value, Reply):
-            return native_library.encode_reply(form, value.reply, value.source), value.source
-        return native_library.encode_reply(form, value, source), source
-
-
-def _arguments(form: native_library.ReplyForm, given: bytes | None) -> tuple[object, ...]:
-    if given is None:
-        return ()
-    return (json.loads(given) if form is native_library.ReplyForm.JSON else given,)
+    def _encoded_reply(self, service: str, given: bytes | None) -> tuple[EncodedReply, Source]:
+        form = self._library.forms[service]
+        if service not in self._replies:
+            return encode_reply(form, _NO_REPLY[form], "none"), "none"
+        reply, source = self._replies[service]
+        if isinstance(reply, EncodedReply):
+            return reply, source
+        arguments: list[object] = [] if given is None else [given]
+        if given is not None and form is ReplyForm.JSON:
+            arguments = [json.loads(given)]
+        result = reply(*arguments)
+        value = result if isinstance(result, Reply) else Reply(result, source)
+        return encode_reply(form, value.reply, value.source), value.source
 
 
 def _device_data() -> Any:

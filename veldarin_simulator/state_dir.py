@@ -1,7 +1,7 @@
-"""Where the stand-in keeps what must outlive a process: its cookie key, the preference secret.
+"""The directory for files that outlive a process: the cookie key, the preference secret.
 
-One directory per user: `$APPLIANCE_STATE`, else below the XDG state directory. Files in it belong
-to the user alone.
+There is one for each user: $VELDARIN_SIMULATOR_STATE, or one in the XDG state directory. Only the
+user can read its files.
 """
 
 from __future__ import annotations
@@ -10,38 +10,49 @@ import os
 import secrets
 from pathlib import Path
 
+VARIABLE = "VELDARIN_SIMULATOR_STATE"
+
 
 def directory() -> Path:
-    """The state directory, made if it is missing (mode 0700). Raises `OSError` if it cannot be."""
-    named = os.environ.get("APPLIANCE_STATE")
-    if named:
-        path = Path(named)
+    """Return the state directory, created (mode 0700) if it is missing.
+
+    Raises:
+        OSError: The directory cannot be created.
+    """
+    if os.environ.get(VARIABLE):
+        path = Path(os.environ[VARIABLE])
     else:
         base = os.environ.get("XDG_STATE_HOME") or Path.home() / ".local" / "state"
-        path = Path(base) / "veldarin-appliance"
+        path = Path(base) / "veldarin-simulator"
     path.mkdir(mode=0o700, parents=True, exist_ok=True)
     return path.absolute()
 
 
-def secret(name: str, size: int) -> bytes:
-    """`size` random bytes that stay the same from process to process, kept in the file `name`.
+def load_or_create_secret(name: str, size: int) -> bytes:
+    """Return random bytes that stay the same from process to process.
 
-    Made on first use, whole or not at all: of several processes that race for it one wins, and all
-    read the winner's. Raises `OSError` where the file cannot be made or read, `ValueError` for a
-    file of another size.
+    If several processes race for the first use, all of them read the file that one created.
+
+    Args:
+        name: The file in the state directory.
+        size: The number of bytes.
+
+    Raises:
+        OSError: The file cannot be created or read.
+        ValueError: The file has another size.
     """
     path = directory() / name
     try:
-        kept = path.read_bytes()
+        secret = path.read_bytes()
     except FileNotFoundError:
-        _keep(path, secrets.token_bytes(size))
-        kept = path.read_bytes()
-    if len(kept) != size:
-        raise ValueError(f"{path}: holds {len(kept)} bytes in place of {size}; remove the file")
-    return kept
+        _create_atomically(path, secrets.token_bytes(size))
+        secret = path.read_bytes()
+    if len(secret) != size:
+        raise ValueError(f"{path}: expected {size} bytes, found {len(secret)}; remove the file")
+    return secret
 
 
-def _keep(path: Path, content: bytes) -> None:
+def _create_atomically(path: Path, content: bytes) -> None:
     draft = path.with_name(f"{path.name}.{os.getpid()}.{secrets.token_hex(4)}")
     descriptor = os.open(draft, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o600)
     try:

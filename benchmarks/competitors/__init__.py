@@ -13,7 +13,7 @@ PRODUCT = "product"
 CYTHON = "Cython"
 
 IMPORT_NAMES = {
-    PRODUCT: simulator.PRODUCT,
+    PRODUCT: simulator.MODULE,
     CYTHON: "modules_cython",
     "split": "benchmarks.competitors.split",
     "regex": "benchmarks.competitors.regex",

@@ -1,435 +1,419 @@
-"""The console's scenarios: answers edited and kept, in a scenario's own folder and nowhere else."""
+"""Scenarios: listing, loading, editing replies, saving."""
 
 from __future__ import annotations
 
+import json
 import os
+import tempfile
 import threading
-from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
 from urllib.parse import quote
 
 import pytest
 
-from tests.support.console import ARP, client, opened
-from veldarin_simulator import scenario
+from tests.support.console import ARP, SCENARIO
+from veldarin_simulator import Scenario, Simulator
 from veldarin_simulator.console import scenario_store
-from veldarin_simulator.console.errors import Problem
-from veldarin_simulator.console.scenario_store import Shelf
-from veldarin_simulator.console.session import Bench
+from veldarin_simulator.console.errors import ApiError
+from veldarin_simulator.console.scenario_store import ScenarioStore
+from veldarin_simulator.console.session import Session
+from veldarin_simulator.scenario import SERVICES
 
-LG_STATE = "build_switch_lg_state"
-
-
-@pytest.fixture
-def bench(built: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
-    """A bench that was given a scenario; its shelf is `tmp_path / "shelf"`."""
-    with opened(tmp_path, monkeypatch) as bench:
-        yield bench
+LAG = "build_switch_lg_state"
+COOKIE_ID = "aps_get_new_cookie_id"
 
 
 @pytest.fixture
-def asked(bench: Bench) -> Any:
-    """Asks the application: (path, body or none) to the JSON of the answer."""
-    app = client(bench)
-
-    def asked(path: str, body: Any = None, status: int = 200) -> Any:
-        if body is None:
-            return app.get(quote(path), status=status).json
-        return app.post_json(quote(path), body, status=status).json
-
-    return asked
+def store(tmp_path: Path) -> Path:
+    """The directory of the saved scenarios."""
+    directory = tmp_path / "store"
+    directory.mkdir()
+    return directory
 
 
 @pytest.fixture
-def shelf(tmp_path: Path) -> Path:
-    """The folder of the scenarios, made."""
-    folder = tmp_path / "shelf"
-    folder.mkdir()
-    return folder
+def mine(store: Path) -> Path:
+    """An empty scenario in the store."""
+    (store / "mine" / "cli").mkdir(parents=True)
+    return store / "mine"
 
 
-def value(asked: Any, function: str, *arguments: Any) -> Any:
-    return asked(f"/api/functions/{function}", {"arguments": list(arguments)})["result"]["value"]
+def value(api: Any, function: str, *arguments: Any) -> Any:
+    return api("POST", f"/api/functions/{function}", {"arguments": arguments})["result"]["value"]
 
 
-def tree(folder: Path) -> dict[str, bytes]:
-    return {
-        str(path.relative_to(folder)): path.read_bytes()
-        for path in folder.rglob("*")
-        if path.is_file()
-    }
+def load(api: Any, name: Any, status: int = 200) -> Any:
+    return api("PUT", "/api/scenarios/current", {"name": name}, status=status)
+
+
+def save(api: Any, name: str, status: int = 200) -> Any:
+    return api("PUT", f"/api/scenarios/{name}", {}, status=status)
+
+
+def edit(api: Any, name: str, text: Any, status: int = 200) -> Any:
+    return api("PUT", f"/api/replies/{name}", {"text": text}, status=status)
+
+
+def tree(directory: Path) -> dict[str, bytes]:
+    files = (path for path in directory.rglob("*") if path.is_file())
+    return {path.relative_to(directory).as_posix(): path.read_bytes() for path in files}
 
 
 # Listing and loading
 
 
-def test_the_given_scenario_is_loaded_and_listed_first(asked: Any, shelf: Path) -> None:
+def test_initial_scenario_is_loaded_and_listed_first(api: Any, store: Path) -> None:
     for name in ("zebra", "abc", ".hidden", "not a name"):
-        (shelf / name).mkdir()
-    (shelf / "file").write_text("")
-    state = asked("/api/scenarios")
-    assert state["loaded"] == "given"
-    assert state["scenarios"] == ["given", "abc", "zebra"]
-    assert (state["changed"], state["shelf"]) == (False, str(shelf))
-    assert value(asked, "new_cookie_id") == 4294967295
+        (store / name).mkdir()
+    (store / "file").write_text("")
+    state = api("GET", "/api/scenarios")
+    assert state["loaded"] == "initial"
+    assert state["scenarios"] == ["initial", "abc", "zebra"]
+    assert (state["modified"], state["store"]) == (False, str(store))
+    assert value(api, "new_cookie_id") == 4294967295
 
 
-def test_without_a_scenario_this_machine_answers(asked: Any) -> None:
-    assert value(asked, "list_switch_port_statistics", "port1") == [
+def test_without_a_scenario_this_machine_replies(api: Any) -> None:
+    assert value(api, "list_switch_port_statistics", "port1") == [
         {"port_name": "port1", "errin": 3}
     ]
-    state = asked("/api/scenarios/load", {"name": None})
-    assert (state["loaded"], state["folder"]) == (None, None)
-    called = asked("/api/functions/list_switch_port_statistics", {"arguments": ["lo"]})
-    assert (called["source"], called["result"]["value"][0]["port_name"]) == ("live", "lo")
+    state = load(api, None)
+    assert (state["loaded"], state["directory"]) == (None, None)
+    call = api("POST", "/api/functions/list_switch_port_statistics", {"arguments": ["lo"]})
+    assert (call["source"], call["result"]["value"][0]["port_name"]) == ("live", "lo")
 
 
-def test_a_scenario_of_the_shelf_is_loaded(asked: Any, shelf: Path) -> None:
-    (shelf / "mine").mkdir()
-    (shelf / "mine" / f"{LG_STATE}.json").write_text('[{"group": "of mine"}]')
-    assert asked("/api/scenarios/load", {"name": "mine"})["loaded"] == "mine"
-    assert value(asked, "list_switch_lg_state") == [{"group": "of mine"}]
-    assert value(asked, "new_cookie_id") != 4294967295
+def test_stored_scenario_replaces_the_initial_one(api: Any, mine: Path) -> None:
+    (mine / f"{LAG}.json").write_text('[{"group": "mine"}]')
+    assert load(api, "mine")["loaded"] == "mine"
+    assert value(api, "list_switch_lg_state") == [{"group": "mine"}]
+    assert value(api, "new_cookie_id") != 4294967295
 
 
-def test_a_scenario_that_cannot_be_used_is_refused_and_the_loaded_one_stays(
-    asked: Any, shelf: Path
-) -> None:
-    (shelf / "broken").mkdir()
-    (shelf / "broken" / f"{LG_STATE}.json").write_text('[\n{"group": ]')
-    error = asked("/api/scenarios/load", {"name": "broken"}, status=422)["error"]
-    assert (error["file"], error["line"]) == (f"{LG_STATE}.json", 2)
-    assert "not JSON" in error["problem"]
-    assert asked("/api/scenarios")["loaded"] == "given"
-    assert value(asked, "new_cookie_id") == 4294967295
+def test_invalid_scenario_is_rejected_and_the_old_one_stays(api: Any, mine: Path) -> None:
+    (mine / f"{LAG}.json").write_text('[\n{"group": ]')
+    error = load(api, "mine", status=422)
+    assert (error["file"], error["line"], error["column"]) == (f"{LAG}.json", 2, 11)
+    assert "not JSON" in error["detail"]
+    assert api("GET", "/api/scenarios")["loaded"] == "initial"
+    assert value(api, "new_cookie_id") == 4294967295
 
 
-# Answers
+@pytest.mark.parametrize("body", [{}, {"name": 7}, {"name": ["x"]}, {"nam": "x"}])
+def test_load_without_a_name_is_rejected(api: Any, body: dict[str, Any]) -> None:
+    assert api("PUT", "/api/scenarios/current", body, status=400)["at"] == "name"
+    assert api("GET", "/api/scenarios")["loaded"] == "initial"
 
 
-def test_every_answer_is_listed_with_its_source(asked: Any) -> None:
-    listed = {one["name"]: one for one in asked("/api/answers")["answers"]}
-    assert set(scenario.SERVICES) <= set(listed)
-    assert listed["build_switch_port_statistics"]["own"]
-    assert listed[LG_STATE]["source"] == "recorded"
-    assert not listed[LG_STATE]["own"]
+# Replies
+
+
+def test_every_reply_is_listed_with_its_source(api: Any) -> None:
+    listed = {one["name"]: one for one in api("GET", "/api/replies")["replies"]}
+    assert set(SERVICES) <= set(listed)
+    assert listed["build_switch_port_statistics"]["overridden"]
+    assert listed[LAG]["source"] == "recorded"
+    assert not listed[LAG]["overridden"]
     assert listed["build_system_flash_list"]["source"] == "live"
-    assert listed["get system arp"]["own"]
+    assert listed["get system arp"]["overridden"]
     assert listed["get system arp"]["command"]
-    assert not any(one["changed"] for one in listed.values())
+    assert not any(one["modified"] for one in listed.values())
 
 
-@pytest.mark.parametrize("name", scenario.SERVICES)
-def test_what_is_answered_now_can_be_taken_as_it_stands(asked: Any, name: str) -> None:
-    held = asked(f"/api/answers/{name}")
-    taken = asked(f"/api/answers/{name}", {"text": held["text"]})
-    assert taken["own"]
-    assert taken["text"] == held["text"]
+NETLINK = {"build_switch_flapguard_status", "build_system_link_monitor_status"}
 
 
-def test_an_edited_answer_counts_from_the_next_call_on(asked: Any, tmp_path: Path) -> None:
-    before = tree(tmp_path / "given")
-    held = asked(f"/api/answers/{LG_STATE}", {"text": '[{"group": "edited"}]'})
-    assert held == {
-        "name": LG_STATE,
-        "own": True,
-        "file": f"{LG_STATE}.json",
-        "text": '[{"group": "edited"}]',
-    }
-    assert value(asked, "list_switch_lg_state") == [{"group": "edited"}]
-    assert value(asked, "new_cookie_id") == 4294967295
-    assert asked("/api/scenarios")["changed"]
-    (changed,) = [one for one in asked("/api/answers")["answers"] if one["changed"]]
-    assert changed["name"] == LG_STATE
-    assert tree(tmp_path / "given") == before
+@pytest.mark.parametrize(
+    "name",
+    [
+        pytest.param(name, marks=[pytest.mark.requires("netlink")] if name in NETLINK else [])
+        for name in SERVICES
+    ],
+)
+def test_current_reply_can_be_sent_back_unchanged(api: Any, name: str) -> None:
+    reply = api("GET", f"/api/replies/{name}")
+    after = edit(api, name, reply["text"])
+    assert after == {**reply, "overridden": True}
 
 
-def test_an_answer_is_taken_out_again(asked: Any) -> None:
-    asked("/api/answers/aps_get_new_cookie_id", {"text": None})
-    assert value(asked, "new_cookie_id") != 4294967295
-    assert asked("/api/scenarios")["changed"]
-    asked("/api/answers/aps_get_new_cookie_id", {"text": "4294967295"})
-    assert not asked("/api/scenarios")["changed"]
+def test_edited_reply_applies_from_the_next_call(api: Any, initial: Path) -> None:
+    before = tree(initial)
+    text = '[{"group": "edited"}]'
+    file = f"{LAG}.json"
+    reply = {"name": LAG, "overridden": True, "file": file, "text": text}
+    assert edit(api, LAG, text) == reply
+    assert value(api, "list_switch_lg_state") == [{"group": "edited"}]
+    assert value(api, "new_cookie_id") == 4294967295
+    assert api("GET", "/api/scenarios")["modified"]
+    modified = [one["name"] for one in api("GET", "/api/replies")["replies"] if one["modified"]]
+    assert modified == [LAG]
+    assert tree(initial) == before
 
 
-WRONG = [
-    (LG_STATE, "{", 1, "not JSON"),
-    (LG_STATE, "[\n1,\n]", 3, "not JSON"),
-    (LG_STATE, "", 1, "not JSON"),
-    (LG_STATE, "[NaN]", None, "NaN is no JSON number"),
-    (LG_STATE, '"\\ud800"', None, "half a surrogate pair is no character"),
-    (LG_STATE, "\ud800", None, "half a surrogate pair is no character"),
-    (LG_STATE, "[" * 100_000, None, "not JSON"),
-    ("aps_get_new_cookie_id", "-1", None, "an integer, 0 to 4294967295"),
-    ("aps_get_new_cookie_id", "true", None, "an integer, 0 to 4294967295"),
-    ("serial_number_ascii", "7", None, "a text without NUL"),
-    ("get system arp", "a\n\0", 2, "a NUL byte would end the text"),
-]
+def test_deleted_reply_is_the_default_again(api: Any) -> None:
+    assert not api("DELETE", f"/api/replies/{COOKIE_ID}")["overridden"]
+    assert value(api, "new_cookie_id") != 4294967295
+    assert api("GET", "/api/scenarios")["modified"]
+    edit(api, COOKIE_ID, "4294967295")
+    assert not api("GET", "/api/scenarios")["modified"]
 
 
-@pytest.mark.parametrize(("name", "text", "line", "problem"), WRONG)
-def test_an_answer_that_its_service_cannot_give_is_refused_and_nothing_changes(
-    asked: Any, name: str, text: str, line: int | None, problem: str
+def test_edit_keeps_simulator_packet_captures_and_secret(
+    api: Any, session: Session, simulator: Simulator, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    error = asked(f"/api/answers/{name}", {"text": text}, status=422)["error"]
-    assert problem in error["problem"]
+    body = {"arguments": ["lan-trace"], "keywords": {"event": "Running"}}
+    api("POST", "/api/functions/capture_sniffer_profile", body)
+    token = value(api, "get_token")
+    assert len(token) == 64
+    monkeypatch.setattr(tempfile, "mkdtemp", None)  # an edit creates no directory
+    edit(api, LAG, "[]")
+    edit(api, "get system arp", "Address\n")
+    edit(api, LAG, "{", status=422)
+    api("DELETE", f"/api/replies/{LAG}")
+    with session.simulator() as current:
+        assert current is simulator
+    assert value(api, "get_token") == token
+    # Editor and module see one set of providers.
+    text = api("GET", "/api/replies/build_system_sniffer_profile_summary")["text"]
+    for profiles in (json.loads(text), value(api, "get_system_sniffer_profile_summary")):
+        assert (profiles[0]["profile-name"], profiles[0]["state"]) == ("lan-trace", "Running")
+
+
+def test_loading_a_scenario_keeps_the_simulator(
+    api: Any, session: Session, simulator: Simulator, mine: Path
+) -> None:
+    token = value(api, "get_token")
+    load(api, "mine")
+    with session.simulator() as current:
+        assert current is simulator
+    assert value(api, "get_token") == token
+
+
+@pytest.mark.parametrize(
+    ("name", "text", "line", "detail"),
+    [
+        (LAG, "{", 1, "not JSON"),
+        (LAG, "[\n1,\n]", 3, "not JSON"),
+        (LAG, "", 1, "not JSON"),
+        (LAG, "[NaN]", None, "NaN is not valid JSON"),
+        (LAG, '"\\ud800"', None, "lone surrogates are not allowed"),
+        (LAG, "\ud800", None, "lone surrogates are not allowed"),
+        (LAG, "[" * 100_000, None, "not JSON"),
+        (COOKIE_ID, "-1", None, "expected an integer from 0 to 4294967295"),
+        (COOKIE_ID, "true", None, "expected an integer from 0 to 4294967295"),
+        ("serial_number_ascii", "7", None, "expected a string without NUL"),
+        ("get system arp", "a\n\0", 2, "a NUL byte would end the text"),
+    ],
+)
+def test_invalid_reply_is_rejected_and_nothing_changes(
+    api: Any, name: str, text: str, line: int | None, detail: str
+) -> None:
+    error = edit(api, name, text, status=422)
+    assert detail in error["detail"]
     assert error.get("line") == line
-    assert not asked("/api/scenarios")["changed"]
-    assert value(asked, "new_cookie_id") == 4294967295
+    assert not api("GET", "/api/scenarios")["modified"]
+    assert value(api, "new_cookie_id") == 4294967295
 
 
-@pytest.mark.parametrize("body", [{}, {"text": 7}, {"text": []}, {"value": "x"}])
-def test_an_answer_is_a_text_or_none(asked: Any, body: dict[str, Any]) -> None:
-    error = asked(f"/api/answers/{LG_STATE}", body, status=400)["error"]
-    assert error["at"] == "text"
+@pytest.mark.parametrize("body", [{}, {"text": 7}, {"text": []}, {"text": None}, {"value": "x"}])
+def test_reply_that_is_not_a_string_is_rejected(api: Any, body: dict[str, Any]) -> None:
+    assert api("PUT", f"/api/replies/{LAG}", body, status=400)["at"] == "text"
 
 
-COMMANDS = [
-    ("get system arp", "cli/get system arp.txt"),
-    ("  get   system\tarp ", "cli/get system arp.txt"),
-    ("show a/b", "cli/show a%2Fb.txt"),
-    ("show 100%", "cli/show 100%25.txt"),
-    (".hidden", "cli/%2Ehidden.txt"),
-    ("../../escape", "cli/%2E.%2F..%2Fescape.txt"),
-    ("/etc/passwd", "cli/%2Fetc%2Fpasswd.txt"),
-    ("zeige grüße", "cli/zeige gr%C3%BC%C3%9Fe.txt"),
-    ("x" * 127, f"cli/{'x' * 127}.txt"),
-]
-
-
-@pytest.mark.parametrize(("command", "file"), COMMANDS)
-def test_a_command_is_answered_and_kept_under_a_name_of_its_own(
-    asked: Any, tmp_path: Path, command: str, file: str
+@pytest.mark.parametrize(
+    ("command", "file"),
+    [
+        ("get system arp", "cli/get system arp.txt"),
+        ("  get   system\tarp ", "cli/get system arp.txt"),
+        ("show a/b", "cli/show a%2Fb.txt"),
+        ("show 100%", "cli/show 100%25.txt"),
+        (".hidden", "cli/%2Ehidden.txt"),
+        ("../../escape", "cli/%2E.%2F..%2Fescape.txt"),
+        ("/etc/passwd", "cli/%2Fetc%2Fpasswd.txt"),
+        ("zeige grüße", "cli/zeige gr%C3%BC%C3%9Fe.txt"),
+        ("x" * 127, f"cli/{'x' * 127}.txt"),
+    ],
+)
+def test_command_is_saved_in_a_file_of_its_own(
+    api: Any, initial: Path, command: str, file: str
 ) -> None:
-    held = asked(f"/api/answers/{command}", {"text": "printed\r\n"})
-    assert held["file"] == file
-    assert value(asked, "get_cli_command_output", command) == "printed\r\n"
-    asked("/api/scenarios/save", {"name": "given"})
-    assert (tmp_path / "given" / file).read_bytes() == b"printed\r\n"
-    asked("/api/scenarios/load", {"name": "given"})
-    assert value(asked, "get_cli_command_output", command) == "printed\r\n"
+    assert edit(api, command, "printed\r\n")["file"] == file
+    assert value(api, "get_cli_command_output", command) == "printed\r\n"
+    save(api, "initial")
+    assert (initial / file).read_bytes() == b"printed\r\n"
+    load(api, "initial")
+    assert value(api, "get_cli_command_output", command) == "printed\r\n"
 
 
-@pytest.mark.parametrize("name", [" ", "a\0b", "x" * 128])
-def test_what_no_command_can_be_is_refused(asked: Any, name: str) -> None:
-    error = asked(f"/api/answers/{name}", {"text": "x"}, status=422)["error"]
-    assert "1 to 127 bytes" in error["problem"]
+@pytest.mark.parametrize(
+    ("name", "detail"),
+    [
+        (" ", "1 to 127 bytes"),
+        ("a\0b", "1 to 127 bytes"),
+        ("x" * 128, "1 to 127 bytes"),
+        ("/" * 127, "too long"),
+    ],
+)
+def test_invalid_command_is_rejected(api: Any, name: str, detail: str) -> None:
+    assert detail in edit(api, name, "x", status=422)["detail"]
 
 
-def test_a_command_that_no_file_can_be_named_after_is_refused(asked: Any) -> None:
-    error = asked("/api/answers/" + "/" * 127, {"text": "x"}, status=422)["error"]
-    assert "too long" in error["problem"]
+def test_command_under_another_file_name_keeps_its_file(api: Any, mine: Path) -> None:
+    (mine / "cli" / "get%20system%20arp.txt").write_text(ARP)
+    load(api, "mine")
+    reply = api("GET", "/api/replies/get system arp")
+    assert (reply["overridden"], reply["file"]) == (True, "cli/get%20system%20arp.txt")
+    edit(api, "get system arp", "Address\n")
+    assert value(api, "get_system_arp_result") == []
 
 
-def test_a_file_under_another_name_for_the_same_command_is_the_one_edited(
-    asked: Any, shelf: Path
-) -> None:
-    (shelf / "mine" / "cli").mkdir(parents=True)
-    (shelf / "mine" / "cli" / "get%20system%20arp.txt").write_text(ARP)
-    asked("/api/scenarios/load", {"name": "mine"})
-    held = asked("/api/answers/get system arp")
-    assert (held["own"], held["file"]) == (True, "cli/get%20system%20arp.txt")
-    asked("/api/answers/get system arp", {"text": "Address\n"})
-    assert value(asked, "get_system_arp_result") == []
-
-
-def test_output_that_is_no_text_is_left_to_its_file(asked: Any, shelf: Path) -> None:
-    (shelf / "mine" / "cli").mkdir(parents=True)
-    (shelf / "mine" / "cli" / "get system arp.txt").write_bytes(b"\xff")
-    asked("/api/scenarios/load", {"name": "mine"})
-    error = asked("/api/answers/get system arp", status=409)["error"]
-    assert "edit the file itself" in error["problem"]
+def test_output_that_is_not_utf8_cannot_be_edited(api: Any, mine: Path) -> None:
+    (mine / "cli" / "get system arp.txt").write_bytes(b"\xff")
+    load(api, "mine")
+    error = api("GET", "/api/replies/get system arp", status=409)
+    assert "edit the file itself" in error["detail"]
 
 
 # Saving
 
 
-def test_a_saved_scenario_holds_what_was_answered(asked: Any, shelf: Path) -> None:
-    asked(f"/api/answers/{LG_STATE}", {"text": "[]"})
-    asked("/api/answers/aps_get_new_cookie_id", {"text": None})
-    state = asked("/api/scenarios/save", {"name": "new-one"})
-    assert (state["loaded"], state["changed"]) == ("new-one", False)
-    assert state["folder"] == str(shelf / "new-one")
-    kept = tree(shelf / "new-one")
-    assert kept[f"{LG_STATE}.json"] == b"[]"
-    assert kept["cli/get system arp.txt"] == ARP.encode()
-    assert "aps_get_new_cookie_id.json" not in kept
-    loaded = scenario.load(shelf / "new-one")
-    assert loaded.services[LG_STATE] == []
+def test_saved_scenario_contains_the_edited_replies(api: Any, store: Path) -> None:
+    edit(api, LAG, "[]")
+    api("DELETE", f"/api/replies/{COOKIE_ID}")
+    state = save(api, "new-one")
+    assert (state["loaded"], state["modified"]) == ("new-one", False)
+    assert state["directory"] == str(store / "new-one")
+    expected = SCENARIO.with_reply(f"{COOKIE_ID}.json", None).with_reply(f"{LAG}.json", b"[]")
+    assert tree(store / "new-one") == dict(expected)
+    assert Scenario.load(store / "new-one") == expected
 
 
-def test_saving_takes_out_what_is_answered_no_more_and_leaves_notes(
-    asked: Any, tmp_path: Path
-) -> None:
-    given = tmp_path / "given"
+@pytest.mark.requires("netlink")  # the output of the deleted command is live
+def test_saving_deletes_removed_replies_and_leaves_notes(api: Any, initial: Path) -> None:
     for note in ("README.md", ".notes", "cli/.notes"):
-        (given / note).write_text("mine")
-    asked("/api/answers/aps_get_new_cookie_id", {"text": None})
-    asked("/api/answers/get system arp", {"text": None})
-    before = tree(given)
-    asked("/api/scenarios/save", {"name": "given"})
-    gone = {"aps_get_new_cookie_id.json", "cli/get system arp.txt"}
-    assert tree(given) == {name: held for name, held in before.items() if name not in gone}
+        (initial / note).write_text("mine")
+    for name in (COOKIE_ID, "get system arp"):
+        api("DELETE", f"/api/replies/{name}")
+    before = tree(initial)
+    save(api, "initial")
+    deleted = {f"{COOKIE_ID}.json", "cli/get system arp.txt"}
+    assert tree(initial) == {name: text for name, text in before.items() if name not in deleted}
 
 
-def test_a_scenario_that_is_not_loaded_is_not_written_over(asked: Any, shelf: Path) -> None:
-    (shelf / "other").mkdir()
-    (shelf / "other" / f"{LG_STATE}.json").write_text("[1]")
-    error = asked("/api/scenarios/save", {"name": "other"}, status=409)["error"]
-    assert "there is a scenario other already" in error["problem"]
-    assert tree(shelf) == {f"other/{LG_STATE}.json": b"[1]"}
+def test_scenario_that_is_not_loaded_is_not_overwritten(api: Any, store: Path, mine: Path) -> None:
+    (mine / f"{LAG}.json").write_text("[1]")
+    assert "the scenario mine already exists" in save(api, "mine", status=409)["detail"]
+    assert tree(store) == {f"mine/{LAG}.json": b"[1]"}
 
 
-NAMES = [
-    "",
-    ".",
-    "..",
-    "../escape",
-    "a/b",
-    "/etc",
-    "a\\b/../../x",
-    ".hidden",
-    "a b",
-    "-x/..",
-    "x" * 65,
-    "nul\0",
-    "ü",
-    "new\n",
-]
+def test_save_with_parameters_is_rejected(api: Any, store: Path) -> None:
+    assert api("PUT", "/api/scenarios/mine", {"text": "x"}, status=400)["at"] == "text"
+    assert not any(store.iterdir())
 
 
-@pytest.mark.parametrize("name", NAMES)
-def test_what_is_no_name_is_neither_saved_nor_loaded(
-    asked: Any, tmp_path: Path, shelf: Path, name: str
+NAMES = ". .. ../escape a/b /etc a\\b/../../x .hidden -x/.. ü".split()
+
+
+@pytest.mark.parametrize("name", [*NAMES, "", "a b", "x" * 65, "nul\0", "new\n"])
+def test_invalid_scenario_name_is_rejected(
+    api: Any, client: Any, tmp_path: Path, store: Path, name: str
 ) -> None:
     before = tree(tmp_path)
-    for path in ("/api/scenarios/save", "/api/scenarios/load"):
-        error = asked(path, {"name": name}, status=422)["error"]
-        assert "a scenario's name has letters" in error["problem"]
+    assert "a scenario name consists of" in load(api, name, status=422)["detail"]
+    path = f"/api/scenarios/{quote(name, safe='')}"
+    assert client.put_json(path, {}, status="*").status_int == (422 if name else 404)
     assert tree(tmp_path) == before
-    assert not any(shelf.iterdir())
+    assert not any(store.iterdir())
 
 
-@pytest.mark.parametrize("body", [{"name": 7}, {"name": ["x"]}])
-def test_a_name_is_a_text(asked: Any, body: dict[str, Any]) -> None:
-    for path in ("/api/scenarios/save", "/api/scenarios/load"):
-        assert asked(path, body, status=400)["error"]["at"] == "name"
+def test_scenario_cannot_be_saved_as_current(api: Any) -> None:
+    assert 'under the name "current"' in save(api, "current", status=400)["detail"]
 
 
-# Links
+# Links and special files
 
 
 @pytest.fixture
 def outside(tmp_path: Path) -> Path:
-    """A folder that is nobody's scenario, with a file that shall stay as it is."""
-    folder = tmp_path / "outside"
-    (folder / "cli").mkdir(parents=True)
-    (folder / f"{LG_STATE}.json").write_text('["secret"]')
-    return folder
+    """A directory outside of all scenarios, which must not change."""
+    directory = tmp_path / "outside"
+    (directory / "cli").mkdir(parents=True)
+    (directory / f"{LAG}.json").write_text('["secret"]')
+    return directory
 
 
-def test_a_scenario_that_is_a_link_is_neither_listed_nor_loaded_nor_saved(
-    asked: Any, shelf: Path, outside: Path
-) -> None:
+def test_link_to_a_directory_is_not_a_scenario(api: Any, store: Path, outside: Path) -> None:
     before = tree(outside)
-    (shelf / "link").symlink_to(outside)
-    assert "link" not in asked("/api/scenarios")["scenarios"]
-    for path in ("/api/scenarios/load", "/api/scenarios/save"):
-        error = asked(path, {"name": "link"}, status=409)["error"]
-        assert "links are not followed" in error["problem"]
+    (store / "link").symlink_to(outside)
+    assert "link" not in api("GET", "/api/scenarios")["scenarios"]
+    for action in (load, save):
+        assert "links are not followed" in action(api, "link", status=409)["detail"]
     assert tree(outside) == before
 
 
-def test_nothing_is_read_through_a_link_in_a_scenario(
-    asked: Any, shelf: Path, outside: Path
-) -> None:
-    (shelf / "mine").mkdir()
-    (shelf / "mine" / f"{LG_STATE}.json").symlink_to(outside / f"{LG_STATE}.json")
-    assert (
-        "links are not" in asked("/api/scenarios/load", {"name": "mine"}, 409)["error"]["problem"]
-    )
-    (shelf / "mine" / f"{LG_STATE}.json").unlink()
-    (shelf / "mine" / "cli").symlink_to(outside)
-    assert (
-        "links are not" in asked("/api/scenarios/load", {"name": "mine"}, 409)["error"]["problem"]
-    )
+@pytest.mark.parametrize("link", [f"{LAG}.json", "cli"])
+def test_link_in_a_scenario_is_not_read(api: Any, store: Path, outside: Path, link: str) -> None:
+    (store / "mine").mkdir()
+    (store / "mine" / link).symlink_to(outside / link)
+    assert "links are not followed" in load(api, "mine", status=409)["detail"]
 
 
-def test_nothing_is_written_through_a_link_in_a_scenario(
-    asked: Any, shelf: Path, outside: Path
+def test_link_in_a_saved_scenario_is_not_written_through(
+    api: Any, store: Path, outside: Path
 ) -> None:
-    asked(f"/api/answers/{LG_STATE}", {"text": '["mine"]'})
-    asked("/api/scenarios/save", {"name": "mine"})
+    edit(api, LAG, '["mine"]')
+    save(api, "mine")
     before = tree(outside)
-    # Links that came after it was loaded.
-    (shelf / "mine" / f"{LG_STATE}.json").unlink()
-    (shelf / "mine" / f"{LG_STATE}.json").symlink_to(outside / f"{LG_STATE}.json")
-    asked("/api/scenarios/save", {"name": "mine"})
+    (store / "mine" / f"{LAG}.json").unlink()
+    (store / "mine" / f"{LAG}.json").symlink_to(outside / f"{LAG}.json")
+    save(api, "mine")
     assert tree(outside) == before
-    assert not (shelf / "mine" / f"{LG_STATE}.json").is_symlink()
-    for path in (shelf / "mine" / "cli").iterdir():
-        path.unlink()
-    (shelf / "mine" / "cli").rmdir()
-    (shelf / "mine" / "cli").symlink_to(outside / "cli")
-    error = asked("/api/scenarios/save", {"name": "mine"}, status=409)["error"]
-    assert "links are not followed" in error["problem"]
+    assert not (store / "mine" / f"{LAG}.json").is_symlink()
+    (store / "mine" / "cli").rename(store / "cli")
+    (store / "mine" / "cli").symlink_to(outside / "cli")
+    assert "links are not followed" in save(api, "mine", status=409)["detail"]
     assert tree(outside) == before
 
 
-def test_a_pipe_in_a_scenario_holds_nobody_up(asked: Any, shelf: Path) -> None:
-    (shelf / "mine").mkdir()
-    pipe = shelf / "mine" / f"{LG_STATE}.json"
+def test_named_pipe_in_a_scenario_does_not_block(api: Any, mine: Path) -> None:
+    pipe = mine / f"{LAG}.json"
     os.mkfifo(pipe)
-    # Opening it waits for somebody who writes, if it waits at all: let it end then, and be seen.
+    # Unblocks a reader after 10 s, so that a failure does not hang.
     late = threading.Timer(10, lambda: os.close(os.open(pipe, os.O_WRONLY | os.O_NONBLOCK)))
     late.start()
-    assert asked("/api/scenarios/load", {"name": "mine"}, status=422)["error"]["problem"]
-    assert not late.finished.is_set(), "it was waited for"
+    assert load(api, "mine", status=422)["detail"]
+    assert not late.finished.is_set(), "the console waited for the pipe"
     late.cancel()
 
 
-def test_a_scenario_of_too_many_bytes_is_refused(
-    shelf: Path, monkeypatch: pytest.MonkeyPatch
+def test_scenario_above_the_size_limit_is_rejected(
+    mine: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    monkeypatch.setattr(scenario_store, "_MOST_BYTES", 10)
-    (shelf / "mine" / "cli").mkdir(parents=True)
-    (shelf / "mine" / "a.json").write_text("12345")
-    (shelf / "mine" / "cli" / "b.txt").write_text("12345")
-    assert Shelf(shelf).read("mine") == {"a.json": b"12345", "cli/b.txt": b"12345"}
-    (shelf / "mine" / "cli" / "b.txt").write_text("123456")
-    with pytest.raises(Problem, match="more than 10 bytes"):
-        Shelf(shelf).read("mine")
+    monkeypatch.setattr(scenario_store, "_MAX_BYTES", 10)
+    (mine / f"{LAG}.json").write_text("[1,2]")
+    (mine / "cli" / "b.txt").write_text("12345")
+    stored = ScenarioStore(mine.parent)
+    assert stored.load("mine") == {f"{LAG}.json": b"[1,2]", "cli/b.txt": b"12345"}
+    (mine / "cli" / "b.txt").write_text("123456")
+    with pytest.raises(ApiError, match="larger than 10 bytes"):
+        stored.load("mine")
 
 
-def test_a_file_that_cannot_be_replaced_leaves_no_draft_behind(
-    asked: Any, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+def test_failed_write_leaves_no_temporary_file(
+    api: Any, initial: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    before = tree(tmp_path / "given")
+    before = tree(initial)
 
-    def full(*_: Any, **__: Any) -> None:
+    def fail(*_: Any, **__: Any) -> None:
         raise OSError(28, "No space left on device")
 
-    monkeypatch.setattr(os, "replace", full)
-    error = asked("/api/scenarios/save", {"name": "given"}, status=409)["error"]
-    assert error["problem"] == "scenario given: no space left on device"
-    assert tree(tmp_path / "given") == before
+    monkeypatch.setattr(os, "replace", fail)
+    assert save(api, "initial", 409)["detail"] == f"{initial}: no space left on device"
+    assert tree(initial) == before
 
 
-def test_a_shelf_that_cannot_be_written_to_is_told(asked: Any, tmp_path: Path, shelf: Path) -> None:
-    shelf.rmdir()
-    shelf.write_text("")  # a file in its place
-    error = asked("/api/scenarios/save", {"name": "mine"}, status=409)["error"]
-    assert error["problem"].startswith("scenario mine: ")
-
-
-def test_an_unreadable_answer_leaves_the_old_device_open(asked: Any) -> None:
-    asked(f"/api/answers/{LG_STATE}", {"text": "{"}, status=422)
-    assert value(asked, "get_token") == value(asked, "get_token")
-    assert len(value(asked, "get_token")) == 64
-
-
-def test_the_secret_stays_the_same_when_answers_are_edited(asked: Any) -> None:
-    before = value(asked, "get_token")
-    asked(f"/api/answers/{LG_STATE}", {"text": "[]"})
-    assert value(asked, "get_token") == before
+def test_unwritable_store_is_reported(api: Any, store: Path) -> None:
+    store.rmdir()
+    store.write_text("")
+    assert save(api, "mine", status=409)["detail"].startswith(f"{store / 'mine'}: ")

@@ -1,4 +1,4 @@
-"""The console as a process of its own, through a real socket."""
+"""The console as a process, through a socket."""
 
 from __future__ import annotations
 
@@ -9,7 +9,6 @@ import signal
 import socket
 import subprocess
 import sys
-from collections.abc import Iterator
 from http.client import HTTPConnection, HTTPResponse
 from pathlib import Path
 from typing import Any
@@ -17,128 +16,126 @@ from typing import Any
 import psutil
 import pytest
 
-from tests.support import isolated
-from tests.support.console import SECONDS, running
-from veldarin_simulator.console import security
+from veldarin_simulator.console.security import MAX_BODY_BYTES
 
+TIMEOUT = 60
 JSON = {"Content-Type": "application/json"}
 
 
-@pytest.fixture(scope="module")
-def served(built: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[tuple[str, int]]:
-    """Where a console listens."""
-    with running(tmp_path_factory.mktemp("console")) as (_, host, port):
-        yield host, port
-
-
-def asked(
-    served: tuple[str, int], method: str, path: str, body: Any = None, **headers: str
+def send(
+    server: Any, method: str, path: str, body: Any = None, **headers: str
 ) -> tuple[HTTPResponse, bytes]:
-    """The answer and its body."""
-    connection = HTTPConnection(*served, timeout=SECONDS)
+    """Return the response and its body."""
+    connection = HTTPConnection(server.host, server.port, timeout=TIMEOUT)
     try:
-        connection.request(method, path, body, headers)
+        connection.request(method, path, None if body is None else json.dumps(body), headers)
         response = connection.getresponse()
         return response, response.read()
     finally:
         connection.close()
 
 
-def exchanged(served: tuple[str, int], request: bytes) -> bytes:
-    """All that comes back for these bytes."""
-    with socket.create_connection(served, timeout=SECONDS) as connection:
+def send_raw(server: Any, request: bytes) -> bytes:
+    """Return everything that the server sends back."""
+    with socket.create_connection((server.host, server.port), timeout=TIMEOUT) as connection:
         connection.sendall(request)
         connection.shutdown(socket.SHUT_WR)
         return b"".join(iter(lambda: connection.recv(65536), b""))
 
 
-def error(answered: tuple[HTTPResponse, bytes]) -> dict[str, Any]:
-    response, body = answered
-    assert response.getheader("Content-Type") == "application/json"
-    told: dict[str, Any] = json.loads(body)["error"]
-    assert told["status"] == response.status
-    return told
-
-
-def test_a_call_goes_through_the_socket(served: tuple[str, int]) -> None:
-    body = json.dumps({"arguments": [{"bytes": "user=admin; \\x00"}]})
-    path = "/api/functions/encrypt_cookie"
-    response, content = asked(served, "POST", path, body, **JSON)
+def call(server: Any, function: str, body: Any, **headers: str) -> Any:
+    response, content = send(server, "POST", f"/api/functions/{function}", body, **JSON, **headers)
     assert response.status == 200
-    called = json.loads(content)
-    assert (called["result"]["type"], called["source"]) == ("bytes", "live")
-    wrapped = {"arguments": [{"bytes": called["result"]["value"]}]}
-    _, content = asked(served, "POST", "/api/functions/decrypt_cookie", json.dumps(wrapped), **JSON)
-    assert json.loads(content)["result"]["value"] == "user=admin; "
+    return json.loads(content)
 
 
-def test_every_function_can_be_called_in_any_thread(served: tuple[str, int]) -> None:
-    _, content = asked(served, "GET", "/api/functions")
-    for one in json.loads(content)["subsystems"]:
-        for function in one["functions"]:
-            path = f"/api/functions/{function['name']}"
-            response, content = asked(served, "POST", path, json.dumps(function["try"]), **JSON)
-            assert response.status == 200
-            assert "failed_answers" not in json.loads(content), function["name"]
+def run(root: Path, state: Path, *options: str) -> subprocess.CompletedProcess[str]:
+    """Run a console that is expected to exit."""
+    return subprocess.run(
+        [sys.executable, "-m", "veldarin_simulator", "console", *options],
+        cwd=root,
+        env={**os.environ, "VELDARIN_SIMULATOR_STATE": str(state)},
+        capture_output=True,
+        text=True,
+        timeout=TIMEOUT,
+    )
+
+
+@pytest.mark.requires("cryptography")
+def test_bytes_survive_two_calls(server: Any) -> None:
+    wrapped = call(server, "encrypt_cookie", {"arguments": [{"bytes": "user=admin; \\x00"}]})
+    assert (wrapped["result"]["type"], wrapped["source"]) == ("bytes", "live")
+    argument = {"bytes": wrapped["result"]["value"]}
+    plain = call(server, "decrypt_cookie", {"arguments": [argument]})
+    assert plain["result"]["value"] == "user=admin; "
+
+
+@pytest.mark.requires("cryptography", "netlink")
+def test_every_function_can_be_called_from_any_thread(server: Any) -> None:
+    _, content = send(server, "GET", "/api/functions")
+    for subsystem in json.loads(content)["subsystems"]:
+        for function in subsystem["functions"]:
+            result = call(server, function["name"], function["example_call"])
+            assert "simulator_error" not in result, function["name"]
 
 
 @pytest.mark.parametrize(
     ("path", "kind"),
     [("/", "text/html"), ("/static/console.css", "text/css"), ("/static/mark.svg", "image/svg")],
 )
-def test_the_page_is_served(served: tuple[str, int], path: str, kind: str) -> None:
-    response, content = asked(served, "GET", path)
+def test_page_is_served_with_its_content_type(server: Any, path: str, kind: str) -> None:
+    response, content = send(server, "GET", path)
     assert response.status == 200
     assert str(response.getheader("Content-Type")).startswith(kind)
     assert content
 
 
-def test_all_that_the_page_names_is_there(served: tuple[str, int]) -> None:
-    page = asked(served, "GET", "/")[1].decode()
-    wanted = set(re.findall(r'(?:src|href)="(/[^"#]*)"', page))
-    for path in sorted(wanted):
-        response, content = asked(served, "GET", path)
+def test_every_file_of_the_page_is_served(server: Any) -> None:
+    page = send(server, "GET", "/")[1].decode()
+    pending = set(re.findall(r'(?:src|href)="(/[^"#]*)"', page))
+    seen: set[str] = set()
+    while pending:
+        path = pending.pop()
+        seen.add(path)
+        response, content = send(server, "GET", path)
         assert response.status == 200, path
         if path.endswith(".js"):
-            kind = str(response.getheader("Content-Type"))
-            assert "javascript" in kind  # or a browser runs none of it
-            wanted |= {
-                f"/static/{name}" for name in re.findall(r'from "\./(.*?)"', content.decode())
-            }
-    assert len(wanted) > 3
+            # Browsers do not run a module of another type.
+            assert "javascript" in str(response.getheader("Content-Type"))
+            imported = re.findall(r'from "\./(.*?)"', content.decode())
+            pending |= {f"/static/{name}" for name in imported} - seen
+    assert len(seen) > 10
 
 
-def test_a_foreign_host_is_refused_on_the_wire(served: tuple[str, int]) -> None:
-    for host in ("example.com", f"example.com:{served[1]}", ""):
-        assert error(asked(served, "GET", "/", Host=host))["status"] == 403
-    answered = exchanged(served, b"GET / HTTP/1.0\r\n\r\n")  # without any
-    assert answered.startswith(b"HTTP/1.0 403 ")
+def test_foreign_host_is_rejected_on_the_wire(server: Any) -> None:
+    for host in ("example.com", f"example.com:{server.port}", ""):
+        assert send(server, "GET", "/", Host=host)[0].status == 403
+    assert send_raw(server, b"GET / HTTP/1.0\r\n\r\n").startswith(b"HTTP/1.0 403 ")
 
 
-def test_a_foreign_origin_is_refused_on_the_wire(served: tuple[str, int]) -> None:
-    origin = {"Origin": "http://example.com", **JSON}
-    assert error(asked(served, "POST", "/api/functions/get_token", "{}", **origin))["status"] == 403
-    own = {"Origin": f"http://{served[0]}:{served[1]}", **JSON}
-    assert asked(served, "POST", "/api/functions/get_token", "{}", **own)[0].status == 200
+def test_foreign_origin_is_rejected_on_the_wire(server: Any) -> None:
+    path, headers = "/api/functions/get_token", {"Origin": "http://example.com", **JSON}
+    assert send(server, "POST", path, {}, **headers)[0].status == 403
+    assert call(server, "get_token", {}, Origin=server.url.rstrip("/"))
 
 
-@pytest.mark.parametrize("size", [security.MOST_BYTES + 1, 20 * security.MOST_BYTES])
-def test_a_body_too_large_is_one_error_in_json(served: tuple[str, int], size: int) -> None:
-    head = f"POST /api/captures/arp HTTP/1.1\r\nHost: {served[0]}\r\nContent-Length: {size}\r\n"
-    kind = "Content-Type: application/json\r\nConnection: close\r\n\r\n"
-    # The largest is refused for what it says it is, before any of it is sent.
-    sent = size if size < 2 * security.MOST_BYTES else 0
-    answered = exchanged(served, (head + kind).encode() + b" " * sent)
-    assert answered.startswith(b"HTTP/1.1 413 ")
-    assert json.loads(answered.partition(b"\r\n\r\n")[2])["error"]["status"] == 413
-
-
-def test_a_body_too_large_in_pieces_is_refused_too(served: tuple[str, int]) -> None:
-    piece = b"80000\r\n" + b" " * 0x80000 + b"\r\n"
-    head = f"POST /api/captures/arp HTTP/1.1\r\nHost: {served[0]}\r\nConnection: close\r\n"
-    kind = "Content-Type: application/json\r\nTransfer-Encoding: chunked\r\n\r\n"
-    answered = exchanged(served, (head + kind).encode() + piece * 3 + b"0\r\n\r\n")
-    assert answered.startswith(b"HTTP/1.1 413 ")
+@pytest.mark.parametrize(
+    "body",
+    [
+        b"Content-Length: %d\r\n\r\n" % (MAX_BODY_BYTES + 1) + b" " * (MAX_BODY_BYTES + 1),
+        b"Content-Length: %d\r\n\r\n" % (20 * MAX_BODY_BYTES),  # rejected before the body is sent
+        b"Transfer-Encoding: chunked\r\n\r\n"
+        + (b"80000\r\n" + b" " * 0x80000 + b"\r\n") * 3
+        + b"0\r\n\r\n",
+    ],
+    ids=["large", "announced", "chunked"],
+)
+def test_large_body_is_one_problem_response(server: Any, body: bytes) -> None:
+    head = f"POST /api/parse/arp HTTP/1.1\r\nHost: {server.host}\r\nConnection: close\r\n"
+    kind = "Content-Type: application/json\r\n"
+    response = send_raw(server, (head + kind).encode() + body)
+    assert response.startswith(b"HTTP/1.1 413 ")
+    assert json.loads(response.partition(b"\r\n\r\n")[2])["status"] == 413
 
 
 @pytest.mark.parametrize(
@@ -150,78 +147,62 @@ def test_a_body_too_large_in_pieces_is_refused_too(served: tuple[str, int]) -> N
     ],
     ids=["start line", "header", "length"],
 )
-def test_what_is_no_http_is_answered_in_json(served: tuple[str, int], request_: bytes) -> None:
-    head, _, body = exchanged(served, request_).partition(b"\r\n\r\n")
+def test_invalid_http_is_a_problem_response(server: Any, request_: bytes) -> None:
+    head, _, body = send_raw(server, request_).partition(b"\r\n\r\n")
     assert re.match(rb"HTTP/1\.\d 4\d\d ", head)
-    assert b"Content-Type: application/json" in head
-    assert json.loads(body)["error"]["problem"]
+    assert b"Content-Type: application/problem+json" in head
+    assert json.loads(body)["detail"]
 
 
-def test_it_listens_on_loopback_and_nowhere_else(tmp_path: Path) -> None:
-    with running(tmp_path) as (process, host, port):
-        listening = [
-            connection.laddr
-            for connection in psutil.Process(process.pid).net_connections("inet")
-            if connection.status == psutil.CONN_LISTEN
-        ]
-    assert listening == [("127.0.0.1", port)]
-    assert host == "127.0.0.1"
+@pytest.mark.workstation_only("/proc/net/tcp has the byte order of the workstation's kernel")
+def test_console_listens_on_loopback_only(server_process: Any, tmp_path: Path) -> None:
+    with server_process(tmp_path) as server:
+        connections = psutil.Process(server.process.pid).net_connections("inet")
+        listening = [one.laddr for one in connections if one.status == psutil.CONN_LISTEN]
+    assert listening == [("127.0.0.1", server.port)]
+    assert server.host == "127.0.0.1"
 
 
 @pytest.mark.parametrize("address", ["0.0.0.0", "::", "192.0.2.1"])
-def test_it_does_not_leave_loopback_without_the_words(tmp_path: Path, address: str) -> None:
-    done = subprocess.run(
-        [sys.executable, "-m", "veldarin_simulator", "console", "--port", "0", "--host", address],
-        cwd=isolated.ROOT,
-        env={**os.environ, "APPLIANCE_STATE": str(tmp_path)},
-        capture_output=True,
-        text=True,
-        timeout=SECONDS,
-    )
+def test_remote_address_requires_the_option(
+    pytestconfig: pytest.Config, tmp_path: Path, address: str
+) -> None:
+    done = run(pytestconfig.rootpath, tmp_path, "--port", "0", "--host", address)
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr.count("\n") == 1
-    assert "add --i-know-this-is-not-protected" in done.stderr
+    assert "add --allow-remote" in done.stderr
 
 
-def test_it_leaves_loopback_when_told_in_words(tmp_path: Path) -> None:
-    with running(tmp_path, "--host", "0.0.0.0", "--i-know-this-is-not-protected") as (_, _, port):
-        at = ("127.0.0.1", port)
-        assert asked(at, "GET", "/api/functions", Host=f"192.0.2.1:{port}")[0].status == 200
-        assert asked(at, "GET", "/api/functions", Host="example.com")[0].status == 403
+def test_remote_console_accepts_addresses_as_host(server_process: Any, tmp_path: Path) -> None:
+    with server_process(tmp_path, "--host", "0.0.0.0", "--allow-remote") as server:
+        host = f"192.0.2.1:{server.port}"
+        assert send(server, "GET", "/api/functions", Host=host)[0].status == 200
+        assert send(server, "GET", "/api/functions", Host="example.com")[0].status == 403
 
 
-@pytest.mark.parametrize("ending", [signal.SIGTERM, signal.SIGINT])
-def test_it_ends_when_told_and_leaves_nothing_behind(
-    tmp_path: Path, ending: signal.Signals
+@pytest.mark.parametrize("signal_", [signal.SIGTERM, signal.SIGINT])
+def test_signal_stops_the_console_without_leftovers(
+    server_process: Any, tmp_path: Path, signal_: signal.Signals
 ) -> None:
-    with running(tmp_path) as (process, host, port):
-        path = "/api/functions/get_token"
-        assert asked((host, port), "POST", path, "{}", **JSON)[0].status == 200
+    with server_process(tmp_path) as server:
+        call(server, "get_token", {})
         assert list((tmp_path / "temporary").iterdir())
-        process.send_signal(ending)
-        _, errors = process.communicate(timeout=SECONDS)
-        assert (process.returncode, errors) == (0, "")
+        server.process.send_signal(signal_)
+        _, errors = server.process.communicate(timeout=TIMEOUT)
+        assert (server.process.returncode, errors) == (0, "")
     assert list((tmp_path / "temporary").iterdir()) == []
 
 
-def test_a_port_that_is_taken_is_one_line(served: tuple[str, int], tmp_path: Path) -> None:
-    done = subprocess.run(
-        [sys.executable, "-m", "veldarin_simulator", "console", "--port", str(served[1])],
-        cwd=isolated.ROOT,
-        env={**os.environ, "APPLIANCE_STATE": str(tmp_path)},
-        capture_output=True,
-        text=True,
-        timeout=SECONDS,
-    )
+def test_port_in_use_is_reported(server: Any, pytestconfig: pytest.Config, tmp_path: Path) -> None:
+    done = run(pytestconfig.rootpath, tmp_path, "--port", str(server.port))
     assert (done.returncode, done.stdout) == (1, "")
-    assert done.stderr == (
-        f"appliance: 127.0.0.1 port {served[1]}: address already in use"
-        " (choose another with --port)\n"
-    )
+    problem = f"127.0.0.1 port {server.port}: address already in use (choose another with --port)\n"
+    assert done.stderr.partition(": ")[2] == problem
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer's own work would count")
-def test_starting_takes_less_than_a_second_of_work(tmp_path: Path) -> None:
-    with running(tmp_path) as (process, _, _):
-        times = psutil.Process(process.pid).cpu_times()
+@pytest.mark.workstation_only("times mean nothing under emulation")
+def test_start_takes_less_than_a_second_of_cpu(server_process: Any, tmp_path: Path) -> None:
+    with server_process(tmp_path) as server:
+        times = psutil.Process(server.process.pid).cpu_times()
     assert times.user + times.system < 1

@@ -58,7 +58,7 @@ def test_a_command_prints_what_is_shown(command: str, output: str) -> None:
 
 
 def without_messages(lines: list[str]) -> list[str]:
-    return [line for line in lines if not line.startswith("appliance: ")]
+    return [line for line in lines if not line.startswith("veldarin_simulator: ")]
 
 
 def test_the_lines_of_the_tour_are_those_of_the_functions() -> None:

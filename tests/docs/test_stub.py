@@ -3,7 +3,6 @@ functions in the same order, the same names, and the parameters that calls show.
 
 from __future__ import annotations
 
-import ast
 import re
 import subprocess
 import sys
@@ -16,18 +15,17 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import MODULE, failure
 from tests.support.stub import (
-    FACE,
     FUNCTIONS,
     NAMED,
+    STUB,
     Function,
     Parameter,
-    declarations,
     every_function,
 )
 from tools import generate_function_docs
-from veldarin_simulator import Simulator
+from veldarin_simulator import Simulator, stub
 
-TABLE = FACE.with_name("functions.cpp")
+TABLE = stub.STUB.with_name("functions.cpp")
 
 # A parameter's constructor in the table: what it is held to, its default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
@@ -193,19 +191,6 @@ def test_a_declared_type_is_the_one_that_the_parameter_is_held_to(
 FOR_ANNOTATIONS = {"BFDSession", "ARPEntry", "Route", "RoutingTable"}
 
 
-def declared_names() -> set[str]:
-    names: set[str] = set()
-    for node in declarations().body:
-        if isinstance(node, (ast.FunctionDef, ast.ClassDef)):
-            names.add(node.name)
-        elif isinstance(node, (ast.Assign, ast.AnnAssign)):
-            target = node.targets[0] if isinstance(node, ast.Assign) else node.target
-            names.add(ast.unparse(target))
-        elif isinstance(node, (ast.Import, ast.ImportFrom)):
-            names.update(alias.asname for alias in node.names if alias.asname)
-    return names
-
-
 def own_names() -> list[str]:
     import importlib
 
@@ -217,7 +202,7 @@ def own_names() -> list[str]:
 def test_the_face_has_every_name_of_the_module_and_no_other() -> None:
     interpreters_own = set(vars(ModuleType("any"))) | {"__file__", "__builtins__"}
     present = set(isolated.value(own_names)) - interpreters_own
-    assert declared_names() - FOR_ANNOTATIONS == present
+    assert STUB.names - FOR_ANNOTATIONS == present
 
 
 def run(*command: str) -> subprocess.CompletedProcess[str]:
@@ -226,6 +211,7 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
     )
 
 
+@pytest.mark.workstation_only("mypy runs on the workstation")
 def test_the_type_checkers_comparison_of_face_and_module_finds_nothing(tmp_path: Path) -> None:
     allowed = tmp_path / "allowed"
     # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
@@ -286,10 +272,11 @@ except device.CFunctionError:
 """
 
 
+@pytest.mark.workstation_only("mypy runs on the workstation")
 def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> None:
     file = tmp_path / "author.py"
     file.write_text(AUTHORS_FILE)
-    done = run("-m", "mypy", "--no-error-summary", str(FACE), str(file))
+    done = run("-m", "mypy", "--no-error-summary", str(stub.STUB), str(file))
     assert (done.returncode, done.stdout) == (0, "")
 
 
@@ -297,7 +284,7 @@ def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> N
 
 
 def test_the_page_of_functions_is_up_to_date() -> None:
-    done = run("tools/generate_function_docs.py", "--check")
+    done = run("-m", "tools.generate_function_docs", "--check")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
 
 
@@ -326,12 +313,12 @@ def test_a_stale_page_is_told_and_written_anew(
 @pytest.mark.parametrize(
     ("source", "told"),
     [
-        ("def f() -> int:\n    'Text.'\n", "line 1: f stands under no heading"),
-        ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no text"),
-        ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no text"),
+        ("def f() -> int:\n    'Text.'\n", "line 1: f has no heading above"),
+        ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no docstring"),
+        ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no docstring"),
     ],
 )
 def test_a_face_without_headings_or_texts_makes_no_page(source: str, told: str) -> None:
     assert (
-        str(failure(generate_function_docs.FaceError, generate_function_docs.page, source)) == told
+        str(failure(generate_function_docs.StubError, generate_function_docs.page, source)) == told
     )

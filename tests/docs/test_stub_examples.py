@@ -3,7 +3,6 @@ say of native services, requests and results is what such calls show."""
 
 from __future__ import annotations
 
-import ast
 import doctest
 import re
 from collections.abc import Iterator
@@ -12,10 +11,10 @@ from typing import Any, Callable
 import pytest
 
 from tests.support.query_cases import ROWS
-from tests.support.stub import FACE, NAMED, Function, declarations, docstrings, every_function
-from veldarin_simulator import Simulator
+from tests.support.stub import NAMED, STUB, Function, docstrings, every_function
+from veldarin_simulator import Simulator, stub
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
-from veldarin_simulator.scenario import DEFAULT_SCENARIO, row_filter
+from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, filter_rows
 
 ARP = (
     "Address          Age(min)   Hardware address    Interface\n"
@@ -92,8 +91,8 @@ ANSWERS: dict[str, object] = {
     "build_system_flash_list": [FLASH],
     "build_system_link_monitor_status": [MONITORED],
     "build_switch_flapguard_status": [FLAPS],
-    "build_switch_port_statistics": row_filter([STATISTICS]),
-    "build_switch_igmp_snooping_group": row_filter([GROUP]),
+    "build_switch_port_statistics": filter_rows([STATISTICS]),
+    "build_switch_igmp_snooping_group": filter_rows([GROUP]),
 }
 OUTPUTS = {
     "get_cli_command_output": ARP,
@@ -111,7 +110,7 @@ def example_device(built: None) -> Iterator[Simulator]:
         # The shared dictionary of sessions outlives a simulator.
         simulator.set_reply("get_cli_cmd_output", "")
         simulator.module.get_bfd_neighbor("").clear()
-    with Simulator(DEFAULT_SCENARIO, live=False) as simulator:
+    with Simulator(Scenario.load(DEFAULT_SCENARIO), live=False) as simulator:
         for service, answer in ANSWERS.items():
             simulator.set_reply(service, answer)
         simulator.secret_path.write_text(SECRET)
@@ -133,12 +132,7 @@ class Kept:
 def assert_is(annotation: str, value: Any) -> None:
     """The value is what the annotation of the face says, down to the keys of a row."""
     container = re.fullmatch(r"(list|dict)\[(?:str, )?(\w+)\]", annotation)
-    fields = {
-        node.name: {ast.unparse(row.target): ast.unparse(row.annotation) for row in rows}
-        for node in declarations().body
-        if isinstance(node, ast.ClassDef)
-        for rows in [[row for row in node.body if isinstance(row, ast.AnnAssign)]]
-    }
+    fields = {entry.name: entry.fields for entry in STUB.entries if isinstance(entry, stub.Class)}
     if container is not None:
         assert type(value).__name__ == container[1]
         assert value, "an example without entries shows none"
@@ -165,7 +159,7 @@ def test_the_examples_are_true(example_device: Simulator, function: Function) ->
     called = Kept(getattr(module, function.name))
     names = {function.name: called}
     example = doctest.DocTestParser().get_doctest(
-        docstrings()[function.name], names, function.name, str(FACE), 0
+        docstrings()[function.name], names, function.name, str(stub.STUB), 0
     )
     assert example.examples
     told: list[str] = []
@@ -190,11 +184,12 @@ def test_the_examples_are_true(example_device: Simulator, function: Function) ->
     )
 
 
-def live_fields() -> list[tuple[dict[str, Any], Callable[[], list[Any]]]]:
+def live_fields() -> list[Any]:
+    netlink = pytest.mark.requires("netlink")
     return [
-        (PORT, lambda: links.physical_interfaces()[0]["interface"]),
-        (MONITORED, links.link_monitor_status),
-        (FLAPS, links.flap_status),
+        pytest.param(PORT, lambda: links.physical_interfaces()[0]["interface"], marks=netlink),
+        pytest.param(MONITORED, links.link_monitor_status, marks=netlink),
+        pytest.param(FLAPS, links.flap_guard_status, marks=netlink),
         (STATISTICS, lambda: ports.statistics({})),
         (GROUP, lambda: multicast.groups({})),
         (FLASH, storage.flash_list),

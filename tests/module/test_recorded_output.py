@@ -82,11 +82,11 @@ def test_of_two_entries_the_best_alone_is_read(cli: CommandLine) -> None:
 
 
 def test_a_session_over_a_cut_wire_is_read_with_its_diagnostic(cli: CommandLine) -> None:
-    sessions = bfd.parsed(captured("bfd-peers-cut"))
+    sessions = bfd.parse(captured("bfd-peers-cut"))
     assert len(sessions) == 4
     read: dict[str, Any] = {}
     for session in sessions:
-        cli.prints(bfd.rendered([session]))
+        cli.prints(bfd.render([session]))
         cli.parser.get_bfd_neighbor("captured", read)
     told = {name: (entry["status"], entry["diagnostics"]) for name, entry in read.items()}
     down = ("down", "control detection time expired")

@@ -1,53 +1,29 @@
-"""The stand-in's check of certificates: real ones, made here, and files that hold other things."""
+"""The check of certificates: real ones and other files."""
 
 from __future__ import annotations
 
 import os
-from datetime import datetime, timedelta, timezone
+from datetime import timedelta
 from pathlib import Path
 from types import ModuleType
 
 import pytest
-from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
-from cryptography.hazmat.primitives.asymmetric import ec
-from cryptography.x509.oid import NameOID
+from cryptography.hazmat.primitives.serialization import Encoding
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from veldarin_simulator import Simulator
+from veldarin_simulator.cli.self_signed import certificate
 from veldarin_simulator.providers import certificates
 
-
-def certificate(
-    begins: timedelta,
-    ends: timedelta,
-    encoding: serialization.Encoding = serialization.Encoding.PEM,
-) -> bytes:
-    """A self-signed certificate valid between two times told from now."""
-    key = ec.generate_private_key(ec.SECP256R1())
-    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "test.invalid")])
-    now = datetime.now(timezone.utc)
-    made = (
-        x509.CertificateBuilder()
-        .subject_name(name)
-        .issuer_name(name)
-        .public_key(key.public_key())
-        .serial_number(1)
-        .not_valid_before(now + begins)
-        .not_valid_after(now + ends)
-        .sign(key, hashes.SHA256())
-    )
-    return made.public_bytes(encoding)
-
-
+pytestmark = pytest.mark.requires("cryptography")
 HOUR = timedelta(hours=1)
 VALID = (-HOUR, HOUR)
 EXPIRED = (-2 * HOUR, -HOUR)
 NOT_YET = (HOUR, 2 * HOUR)
 
 
-@pytest.mark.parametrize("encoding", [serialization.Encoding.PEM, serialization.Encoding.DER])
+@pytest.mark.parametrize("encoding", [Encoding.PEM, Encoding.DER])
 @pytest.mark.parametrize(
     ("period", "status"),
     [
@@ -56,18 +32,18 @@ NOT_YET = (HOUR, 2 * HOUR)
         (NOT_YET, certificates.Status.NOT_YET_VALID),
     ],
 )
-def test_a_certificate_is_valid_between_its_two_times(
+def test_check_compares_both_times_with_the_clock(
     tmp_path: Path,
     period: tuple[timedelta, timedelta],
     status: certificates.Status,
-    encoding: serialization.Encoding,
+    encoding: Encoding,
 ) -> None:
     path = tmp_path / "certificate"
     path.write_bytes(certificate(*period, encoding))
     assert certificates.check(os.fsencode(path)) is status
 
 
-def test_only_a_valid_certificate_is_a_success_for_the_module(
+def test_module_accepts_only_a_valid_certificate(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.set_reply("gui_chk_cert_expiration", certificates.check)
@@ -78,7 +54,7 @@ def test_only_a_valid_certificate_is_a_success_for_the_module(
     assert module.check_cert_expiration(b"") is False
 
 
-def test_a_chain_is_judged_by_its_first_certificate(tmp_path: Path) -> None:
+def test_chain_counts_by_its_first_certificate(tmp_path: Path) -> None:
     path = tmp_path / "chain"
     path.write_bytes(b"a comment\n" + certificate(*VALID) + certificate(*EXPIRED))
     assert certificates.check(os.fsencode(path)) is certificates.Status.VALID
@@ -100,19 +76,19 @@ HOSTILE_FILES = {
 
 
 @pytest.mark.parametrize("content", HOSTILE_FILES.values(), ids=HOSTILE_FILES)
-def test_a_file_that_holds_no_certificate_is_unreadable(tmp_path: Path, content: bytes) -> None:
+def test_file_without_certificate_is_unreadable(tmp_path: Path, content: bytes) -> None:
     path = tmp_path / "hostile"
     path.write_bytes(content)
     assert certificates.check(os.fsencode(path)) is certificates.Status.UNREADABLE
 
 
-WHOLE = certificate(*VALID, serialization.Encoding.DER)
+WHOLE = certificate(*VALID, Encoding.DER)
 
 
 @pytest.mark.filterwarnings("ignore:.*serial number.*")  # the library's, of a damaged one
 @settings(max_examples=200, deadline=None)
 @given(st.data())
-def test_a_damaged_certificate_never_raises(
+def test_damaged_certificate_never_raises(
     tmp_path_factory: pytest.TempPathFactory, data: st.DataObject
 ) -> None:
     whole = bytearray(WHOLE)

@@ -1,5 +1,4 @@
-"""The stand-in's ARP listing and routing entries: what they say of the kernel's tables against what
-`ip` says, and through the module's parsers."""
+"""The ARP listing and routing entries, compared with `ip`."""
 
 from __future__ import annotations
 
@@ -17,9 +16,7 @@ from tests.support.netns import ALONE, PORTS, Message, ip_json, needs_ip, run_in
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import arp, routing
 
-# The ARP listing
-
-
+pytestmark = pytest.mark.requires("netlink")
 NEIGHBORS = (
     "ip neigh add 198.51.100.7 lladdr 02:00:00:00:00:07 dev port1 nud permanent",
     "ip neigh add 198.51.100.8 lladdr 02:00:00:00:00:08 dev port1 nud stale",
@@ -28,9 +25,6 @@ NEIGHBORS = (
     "ip neigh add 198.51.100.11 lladdr 02:00:00:00:00:11 dev port1 nud noarp",
     "ip neigh add 198.51.100.12 dev port1 nud incomplete",
     "ip neigh add 2001:db8::7 lladdr 02:00:00:00:00:77 dev port1 nud permanent",
-)
-LIST_ARP = (
-    "import json; from veldarin_simulator.providers import arp; print(json.dumps(arp.listing()))"
 )
 LIST_ARP_AND_AGES = """
 import json, subprocess
@@ -42,9 +36,7 @@ print(json.dumps([confirmed(), arp.listing(), confirmed()]))
 """
 
 
-def test_the_arp_parser_reads_the_kernels_neighbors(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_arp_listing_parses_to_the_neighbors(simulator: Simulator, module: ModuleType) -> None:
     before, listing, after = run_in_namespace(PORTS + NEIGHBORS, LIST_ARP_AND_AGES)
     simulator.set_reply("get_cli_cmd_output", listing)
     rows = {row["ipAddress"]: row for row in module.get_system_arp_result()}
@@ -57,12 +49,17 @@ def test_the_arp_parser_reads_the_kernels_neighbors(
     assert {row["interface"] for row in rows.values()} == {"port1"}
     assert rows["198.51.100.7"]["age"] == rows["198.51.100.12"]["age"] == "-"
     for address in ("198.51.100.8", "198.51.100.9"):
-        # Seconds, of which the kernel's clock may have begun another meanwhile.
+        # The kernel's clock may have advanced by a second.
         earliest, latest = before[address] // 60, (after[address] + 1) // 60
         assert earliest <= int(rows[address]["age"]) <= latest
 
 
-def test_a_machine_without_neighbors_has_an_arp_listing_without_rows(
+LIST_ARP = (
+    "import json; from veldarin_simulator.providers import arp; print(json.dumps(arp.listing()))"
+)
+
+
+def test_arp_listing_without_neighbors_has_no_rows(
     simulator: Simulator, module: ModuleType
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", run_in_namespace(("true",), LIST_ARP))
@@ -70,9 +67,7 @@ def test_a_machine_without_neighbors_has_an_arp_listing_without_rows(
 
 
 @needs_ip
-def test_the_arp_listing_of_this_machine_is_that_of_ip_neigh(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_arp_listing_matches_ip_neigh(simulator: Simulator, module: ModuleType) -> None:
     def neighbors() -> set[tuple[str, str, str]]:
         return {
             (entry["dst"], entry["lladdr"], entry["dev"])
@@ -80,7 +75,7 @@ def test_the_arp_listing_of_this_machine_is_that_of_ip_neigh(
             if "lladdr" in entry and not {"FAILED", "NOARP"} & set(entry["state"])
         }
 
-    # The table may change between the two readings: three steady ones in a row are asked for.
+    # The table may change: repeat until it is the same before and after.
     for _ in range(10):
         before = neighbors()
         simulator.set_reply("get_cli_cmd_output", arp.listing())
@@ -94,7 +89,7 @@ def test_the_arp_listing_of_this_machine_is_that_of_ip_neigh(
     assert listed == before
 
 
-def test_an_age_is_in_whole_minutes_since_the_neighbor_was_confirmed() -> None:
+def test_arp_age_is_in_whole_minutes() -> None:
     ticks_per_second = os.sysconf("SC_CLK_TCK")
 
     def age(seconds: int) -> str:
@@ -105,14 +100,11 @@ def test_an_age_is_in_whole_minutes_since_the_neighbor_was_confirmed() -> None:
     assert ages == ["0", "0", "1", "59", "1440"]
 
 
-def test_the_kernel_can_be_asked_from_inside_an_event_loop() -> None:
+def test_query_inside_event_loop_succeeds() -> None:
     async def from_a_coroutine() -> str:
         return arp.listing()
 
     assert asyncio.run(from_a_coroutine()).startswith("Address")
-
-
-# Routing entries
 
 
 ROUTES = (
@@ -143,14 +135,12 @@ print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 
 
 def details(*addresses: str, setup: tuple[str, ...] = PORTS + ROUTES) -> dict[str, str]:
-    """The routing texts for addresses in a namespace with `ROUTES`."""
+    """Return the routing entries for addresses in a namespace with `ROUTES`."""
     source = DETAILS.format(addresses=addresses)
     return dict(run_in_namespace(setup, source))
 
 
-def test_the_routing_parser_reads_every_field_of_the_kernels_entry(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_routing_entry_parses_completely(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", details("10.1.0.1")["10.1.0.1"])
     assert module.get_routing_table_result("10.1.0.1") == {
         "entry": "10.1.0.0/16",
@@ -163,7 +153,7 @@ def test_the_routing_parser_reads_every_field_of_the_kernels_entry(
 
 
 ENTRIES = {
-    # address: prefix, owner, distance, metric, next hops
+    # address: prefix, protocol, distance, metric, next hops
     "203.0.113.5": (
         "203.0.113.0/24",
         "boot",
@@ -174,7 +164,7 @@ ENTRIES = {
     "10.1.2.3": ("10.1.2.0/24", "bgp", "n/a", "0", [("*", "198.51.100.8", "port1")]),
     "10.2.0.1": ("10.2.0.0/16", "boot", "0", "0", [("*", "fe80::1", "port1")]),
     "10.3.0.1": ("10.3.0.0/16", "123", "0", "0", [("*", "198.51.100.9", "port1")]),
-    # A routing daemon's static route has a distance, which the kernel is not told.
+    # The kernel does not know the distance of a routing daemon's static route.
     "10.4.0.1": ("10.4.0.0/16", "static", "n/a", "0", [("*", "198.51.100.9", "port1")]),
     "198.51.100.77": (
         "198.51.100.0/24",
@@ -192,20 +182,18 @@ ENTRIES = {
 }
 
 
-def test_entries_tell_prefix_owner_distance_metric_and_next_hops(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_routing_entry_has_fields_and_next_hops(simulator: Simulator, module: ModuleType) -> None:
     read = {}
     for address, text in details(*ENTRIES).items():
         simulator.set_reply("get_cli_cmd_output", text)
         result = module.get_routing_table_result(address)
-        owner = result["other"].split('"')[1]
+        protocol = result["other"].split('"')[1]
         hops = [tuple(hop.values()) for hop in result["table"]]
-        read[address] = (result["entry"], owner, result["distance"], result["metric"], hops)
+        read[address] = (result["entry"], protocol, result["distance"], result["metric"], hops)
     assert read == ENTRIES
 
 
-def test_a_default_route_covers_the_rest(simulator: Simulator, module: ModuleType) -> None:
+def test_default_route_covers_other_addresses(simulator: Simulator, module: ModuleType) -> None:
     setup = (*PORTS, "ip route add default via 198.51.100.2")
     simulator.set_reply("get_cli_cmd_output", details("8.8.8.8", setup=setup)["8.8.8.8"])
     result = module.get_routing_table_result("8.8.8.8")
@@ -213,43 +201,41 @@ def test_a_default_route_covers_the_rest(simulator: Simulator, module: ModuleTyp
     assert result["table"] == [{"main": "*", "ip": "198.51.100.2", "interface": "port1"}]
 
 
-def test_a_next_hop_whose_link_is_down_is_not_marked(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_next_hop_with_link_down_has_no_asterisk(simulator: Simulator, module: ModuleType) -> None:
     setup = (*PORTS, "ip route add 10.9.0.0/16 via 198.51.100.2", "ip link set port2 down")
     simulator.set_reply("get_cli_cmd_output", details("10.9.0.1", setup=setup)["10.9.0.1"])
     hops = module.get_routing_table_result("10.9.0.1")["table"]
     assert hops == [{"main": "", "ip": "198.51.100.2", "interface": "port1"}]
 
 
-REFUSED = {
+ERRORS = {
     "8.8.8.8": "% Network not in table\n",
     "0.0.0.0": "% Network not in table\n",
     "2001:db8:9::1": "% Network not in table\n",
     "10.7.0.1": "% Refused by a policy rule\n",
     "10.8.0.1": "% Refused by a policy rule\n",
 }
-MALFORMED = ("", "None", "10.0.0.0/8", "256.1.1.1", "fe80::1%port1", "1.2.3", "; ip link", "é" * 60)
 
 
-def test_an_address_without_an_entry_is_refused_as_a_command_line_refuses(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    for address, text in details(*REFUSED).items():
-        assert text == REFUSED[address]
+def test_address_without_entry_prints_an_error(simulator: Simulator, module: ModuleType) -> None:
+    for address, text in details(*ERRORS).items():
+        assert text == ERRORS[address]
         simulator.set_reply("get_cli_cmd_output", text)
         with pytest.raises(IndexError):
             module.get_routing_table_result(address)
 
 
+MALFORMED = ("", "None", "10.0.0.0/8", "256.1.1.1", "fe80::1%port1", "1.2.3", "; ip link", "é" * 60)
+
+
 @pytest.mark.parametrize("address", MALFORMED)
-def test_what_is_no_address_is_refused(address: str) -> None:
+def test_malformed_address_prints_an_error(address: str) -> None:
     assert routing.detail(address) == "% Malformed address\n"
 
 
 @needs_ip
 @pytest.mark.parametrize("address", ["127.0.0.1", "198.51.100.1", "::1"])
-def test_the_entry_of_this_machine_is_that_of_ip_route(address: str) -> None:
+def test_routing_entry_matches_ip_route(address: str) -> None:
     tried = subprocess.run(
         ["ip", "-j", "route", "get", "fibmatch", address],
         env=ALONE,

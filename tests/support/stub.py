@@ -1,21 +1,18 @@
-"""The module's Python face, read for tests: what it declares, in order, with its docstrings."""
+"""The module's type stub, read for tests: its functions in order, with their docstrings."""
 
 from __future__ import annotations
 
-import ast
-from collections.abc import Iterator
-from functools import cache
 from typing import NamedTuple
 
 import pytest
 
-from tools import generate_function_docs
+from veldarin_simulator import stub
 
-FACE = generate_function_docs.FACE
+STUB = stub.load()
 
 
 class Parameter(NamedTuple):
-    """A parameter; `type` is "bytes" or "str" if it is held to one, `default` None if required."""
+    """A parameter; `type` is "bytes" or "str" if it must be one, `default` None if required."""
 
     name: str
     type: str | None
@@ -23,7 +20,7 @@ class Parameter(NamedTuple):
 
 
 class Function(NamedTuple):
-    """A function of the face or the table; `kind` as the table says it, `result` as the face."""
+    """A function of the stub or the function table; the table has `kind`, the stub `result`."""
 
     name: str
     kind: str
@@ -31,40 +28,22 @@ class Function(NamedTuple):
     result: str = ""
 
 
-@cache
-def declarations() -> ast.Module:
-    return ast.parse(FACE.read_text())
-
-
-@cache
 def docstrings() -> dict[str, str]:
-    found = (node for node in declarations().body if isinstance(node, ast.FunctionDef))
-    return {node.name: ast.get_docstring(node) or "" for node in found}
+    return {name: function.docstring for name, function in STUB.functions.items()}
 
 
-def declared_parameters(arguments: ast.arguments) -> Iterator[Parameter]:
-    every = [*arguments.posonlyargs, *arguments.args]
-    defaults = [None] * (len(every) - len(arguments.defaults)) + arguments.defaults
-    for argument, default in zip(every, defaults):
-        assert argument.annotation is not None, argument.arg
-        members = set(ast.unparse(argument.annotation).split(" | ")) - {"None"}
-        (held_to,) = members if members <= {"bytes", "str"} else (None,)
-        yield Parameter(argument.arg, held_to, ast.unparse(default) if default else None)
+def _function(declared: stub.Function) -> Function:
+    keyword = {parameter.keyword for parameter in declared.parameters}
+    assert len(keyword) < 2
+    kind = "keywords" if True in keyword else "one" if keyword else "none"
+    parameters = [
+        Parameter(p.name, next(iter(p.types)) if p.types <= {"bytes", "str"} else None, p.default)
+        for p in declared.parameters
+    ]
+    return Function(declared.name, kind, parameters, declared.result)
 
 
-def declared(node: ast.FunctionDef) -> Function:
-    arguments = node.args
-    for unused in (arguments.vararg, arguments.kwonlyargs, arguments.kwarg):
-        assert not unused
-    assert not arguments.posonlyargs or not arguments.args
-    kind = "one" if arguments.posonlyargs else "keywords" if arguments.args else "none"
-    assert node.returns is not None
-    return Function(
-        node.name, kind, list(declared_parameters(arguments)), ast.unparse(node.returns)
-    )
-
-
-FUNCTIONS = [declared(node) for node in declarations().body if isinstance(node, ast.FunctionDef)]
+FUNCTIONS = [_function(declared) for declared in STUB.functions.values()]
 NAMED = {function.name: function for function in FUNCTIONS}
 
 every_function = pytest.mark.parametrize("function", FUNCTIONS, ids=lambda row: row.name)

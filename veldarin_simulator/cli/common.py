@@ -1,4 +1,4 @@
-"""How the tools talk: one-line errors, exit statuses, opening the appliance they work on."""
+"""Conventions of the command-line tools: messages, exit statuses, opening a simulator."""
 
 from __future__ import annotations
 
@@ -7,12 +7,11 @@ import sys
 from pathlib import Path
 from typing import NoReturn
 
-from veldarin_simulator import Simulator, state_dir, stub
-from veldarin_simulator.providers import ScenarioError
+from veldarin_simulator import Scenario, ScenarioError, Simulator, state_dir, stub
 
 PROGRAM = "python -m veldarin_simulator"
-FAILED = 1
-USAGE = 2
+EXIT_FAILURE = 1
+EXIT_USAGE = 2
 
 
 class Parser(argparse.ArgumentParser):
@@ -26,13 +25,12 @@ class Parser(argparse.ArgumentParser):
         )
 
     def error(self, message: str) -> NoReturn:
-        """Ends the process with the message and where to read more."""
-        say(f"{message} (see {self.prog} --help)")
-        sys.exit(USAGE)
+        """Exit with a message and the command for help."""
+        fail(f"{message} (see {self.prog} --help)", EXIT_USAGE)
 
 
 def add_scenario(parser: argparse.ArgumentParser) -> None:
-    """The option for a directory of recorded answers."""
+    """Add the option for a scenario directory."""
     parser.add_argument(
         "--scenario",
         type=Path,
@@ -41,39 +39,38 @@ def add_scenario(parser: argparse.ArgumentParser) -> None:
     )
 
 
-def say(message: str) -> None:
-    """A line for the person, apart from the result."""
-    print(f"appliance: {message}", file=sys.stderr)
+def info(message: str) -> None:
+    """Print a message to standard error."""
+    print(f"veldarin_simulator: {message}", file=sys.stderr)
 
 
-def stop(message: str, status: int) -> NoReturn:
-    """Ends the process with one line."""
-    say(message)
+def fail(message: str, status: int) -> NoReturn:
+    """Print a message and exit."""
+    info(message)
     sys.exit(status)
 
 
-def open_appliance(scenario: Path | None = None, live: bool = True) -> Simulator:
-    """An open appliance, or the end of the process with one line: a scenario that cannot be used is
-    a usage error, an appliance that is not built a failure."""
+def open_simulator(scenario: Path | None = None, live: bool = True) -> Simulator:
+    """Open a simulator with the scenario in a directory, or exit with a message."""
     try:
-        return Simulator(scenario, live)
+        return Simulator(None if scenario is None else Scenario.load(scenario), live)
     except ScenarioError as error:
-        stop(str(error), USAGE)
+        fail(str(error), EXIT_USAGE)
     except (OSError, RuntimeError) as error:
-        stop(str(error), FAILED)
+        fail(str(error), EXIT_FAILURE)
 
 
-def known_functions() -> dict[str, stub.Function]:
-    """The module's functions by name, or the end of the process with one line."""
+def load_functions() -> dict[str, stub.Function]:
+    """Return the module's functions by name, or exit with a message."""
     try:
         return stub.functions()
     except (OSError, SyntaxError, ValueError) as error:
-        stop(str(error), FAILED)
+        fail(str(error), EXIT_FAILURE)
 
 
-def keep_secret(simulator: Simulator) -> None:
-    """Lets the preference secret outlive the process, in the state directory."""
+def persist_secret(simulator: Simulator) -> None:
+    """Store the preference secret in the state directory, so that it outlives the process."""
     try:
         simulator.secret_path = state_dir.directory() / "preference-cookie-secret"
     except OSError as error:
-        say(f"the preference secret is not kept: {error}")
+        info(f"cannot store the preference secret: {error}")

@@ -1,7 +1,7 @@
-"""`python -m veldarin_simulator demo`: call all thirty functions on this machine, a line for each.
+"""`python -m veldarin_simulator demo`: call all thirty functions on this machine.
 
-What a newcomer sees first: that the module is built and works, what each function is called with
-and gives back, and which of it is live and which recorded.
+It shows a newcomer that the module is built and works, the arguments and result of each function,
+and which replies are live and which recorded.
 """
 
 from __future__ import annotations
@@ -19,24 +19,25 @@ from rich.text import Text
 
 from veldarin_simulator import Simulator
 from veldarin_simulator.cli import common
+from veldarin_simulator.stub import Function
 
 _DESCRIPTION = """\
-Calls every function of veldarin.modules.modules_util once, with sensible
-arguments, and prints a line for each: number, call, where the answer came from,
-value (shortened). "live" is this machine's own state, "recorded" a scenario's;
-"no call" marks the functions that ask no native service.
+Call every function of veldarin.modules.modules_util once and print a line for
+each: number, call, source of the reply, value (shortened). The source is "live"
+for this machine's own state, "recorded" for a scenario's, "no call" if the
+function calls no native service.
 """
 _EXIT_STATUS = "exit status: 0 all returned, 1 some raised, 2 usage"
 
 _WIDTH_WITHOUT_TERMINAL = 140
 _SOURCE_WIDTH = len("recorded")
-_LONGEST_VALUE = 400  # of its text, before the line's own width cuts it
+_MAX_VALUE = 400  # characters, before the width of the line cuts it
 
 _NO_CALL = "no call"
 _RAISED = "raised"
 _STYLES = {"live": "green", "recorded": "yellow", _RAISED: "bold red"}
 
-# Where a Linux distribution keeps a certificate of its own, or those that it trusts.
+# Where Linux distributions keep certificates.
 _CERTIFICATES = (
     "/etc/ssl/certs/ssl-cert-snakeoil.pem",
     "/etc/ssl/certs/ca-certificates.crt",
@@ -44,12 +45,11 @@ _CERTIFICATES = (
     "/etc/ssl/cert.pem",
 )
 
-# Reserved for documentation: routed like any address abroad, and nobody's.
-_ABROAD = "198.51.100.1"
+_REMOTE = "198.51.100.1"  # reserved for documentation
 
 
-class _Tour:
-    """What the calls need of the machine and of each other."""
+class DemoContext:
+    """What the arguments depend on: this machine and earlier results."""
 
     def __init__(self, simulator: Simulator, folder: Path) -> None:
         self.simulator = simulator
@@ -57,51 +57,49 @@ class _Tour:
         self._folder = folder
 
     def certificate(self) -> bytes:
-        """A certificate of this machine, or one made for the tour."""
-        for kept in _CERTIFICATES:
-            if Path(kept).is_file():
-                return kept.encode()
-        from veldarin_simulator.cli.self_signed import (
-            certificate_in_pem,  # most machines do without
-        )
+        """Return the path of a certificate of this machine, or of a new one."""
+        for path in map(Path, _CERTIFICATES):
+            if path.is_file():
+                return str(path).encode()
+        from veldarin_simulator.cli import self_signed  # slow to import
 
         path = self._folder / "certificate.pem"
-        path.write_bytes(certificate_in_pem())
+        path.write_bytes(self_signed.certificate())
         return str(path).encode()
 
     def port(self) -> str:
-        """The first interface that the link monitor knows."""
-        monitored = self.simulator.module.list_system_link_monitor_status()
+        """Return the first interface of the link monitor."""
+        links = self.simulator.module.list_system_link_monitor_status()
         try:
-            return str(monitored[0]["name"])
+            return str(links[0]["name"])
         except (LookupError, TypeError):
-            return "lo"  # a scenario may answer anything
+            return "lo"  # a scenario may have any reply
 
     def destination(self) -> str:
-        """An address abroad if this machine has a route there, else its own loopback."""
+        """Return a remote address if this machine has a route to it, or its loopback."""
         text = self.simulator.module.get_cli_command_output(
-            f"get router info routing-table detail {_ABROAD}"
+            f"get router info routing-table detail {_REMOTE}"
         )
-        return _ABROAD if text.startswith("Routing") else "127.0.0.1"
+        return _REMOTE if text.startswith("Routing") else "127.0.0.1"
 
 
 class _Screen(Console):
-    """A console that leaves a reader who has seen enough to the tools' own handling."""
+    """A console that does not handle a closed pipe itself."""
 
     def on_broken_pipe(self) -> None:
-        """Raises what rich would end the process for."""
+        """Raise instead of exiting."""
         raise BrokenPipeError
 
 
-class _Visit(NamedTuple):
-    """One function called: the call as text, where its answer came from, the value as text."""
+class DemoRow(NamedTuple):
+    """A call and its result, as text."""
 
     call: str
     source: str
     value: str
 
     def line(self, number: int, call_width: int) -> Text:
-        """Its line of the tour; the value is last, so that the screen may cut it."""
+        """Return the line; the value is last, so that the screen may cut it."""
         call = Text(self.call)
         call.truncate(call_width, overflow="ellipsis", pad=True)
         source = Text(f"  {self.source:<{_SOURCE_WIDTH}}  ", _STYLES.get(self.source, "dim"))
@@ -109,75 +107,66 @@ class _Visit(NamedTuple):
         return Text.assemble((f"{number:>2}  ", "dim"), call, source, value)
 
 
-# The arguments of the functions that take some.
-_ARGUMENTS: dict[str, Callable[[_Tour], tuple[Any, ...]]] = {
-    "aps_unsigned_int_hash": lambda tour: (tour.simulator.serial_number,),
-    "get_cookie_name": lambda _: (True,),
-    "encrypt_cookie": lambda _: (b"user=admin; level=7",),
-    "decrypt_cookie": lambda tour: (tour.results.get("encrypt_cookie"),),
-    "check_cert_expiration": lambda tour: (tour.certificate(),),
-    "switch_acl_ingress_counter": lambda _: (1,),
-    "switch_acl_egress_counter": lambda _: (1,),
-    "switch_acl_prelookup_counter": lambda _: (1,),
-    "list_switch_stp_state": lambda _: (0,),
-    "list_system_interface_physical": lambda tour: (tour.port(),),
-    "list_switch_port_statistics": lambda tour: (tour.port(),),
-    "list_switch_lldp_state": lambda _: ("port1",),
-    "list_switch_trunk_state": lambda _: ("uplink",),
-    "list_switch_mclag_list": lambda _: ("uplink",),
-    "list_switch_igmp_snooping_group": lambda tour: (tour.port(),),
-    "get_cli_command_output": lambda _: ("get system arp",),
-    "get_bfd_neighbor": lambda _: ("get router info bfd neighbor",),
-    "capture_sniffer_profile": lambda _: ("lan-trace", "Running"),
-    "get_routing_table_result": lambda tour: (tour.destination(),),
+# Arguments that depend on this machine; other functions get those of the stub's example.
+_ARGUMENTS: dict[str, Callable[[DemoContext], Any]] = {
+    "aps_unsigned_int_hash": lambda context: context.simulator.serial_number,
+    "decrypt_cookie": lambda context: context.results.get("encrypt_cookie"),
+    "check_cert_expiration": DemoContext.certificate,
+    "list_system_interface_physical": DemoContext.port,
+    "list_switch_port_statistics": DemoContext.port,
+    "list_switch_igmp_snooping_group": DemoContext.port,
+    "get_bfd_neighbor": lambda _: "get router info bfd neighbor",
+    "get_routing_table_result": DemoContext.destination,
 }
 
 
-def main(texts: list[str]) -> int:
-    """Runs the tool; returns its exit status."""
+def main(arguments: list[str]) -> int:
+    """Run the tool and return its exit status."""
     parser = common.Parser("demo", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     common.add_scenario(parser)
-    options = parser.parse_args(texts)
-    with common.open_appliance(options.scenario) as simulator, _folder() as folder:
-        common.keep_secret(simulator)
-        return _walk(_Tour(simulator, Path(folder)))
+    options = parser.parse_args(arguments)
+    with (
+        common.open_simulator(options.scenario) as simulator,
+        # The prefix explains the certificate's path in the output.
+        TemporaryDirectory(prefix="temporary-") as folder,
+    ):
+        common.persist_secret(simulator)
+        return run_demo(DemoContext(simulator, Path(folder)))
 
 
-def _folder() -> TemporaryDirectory[str]:
-    # Said in the path, so that the tour's line shows it.
-    return TemporaryDirectory(prefix="throwaway-")
-
-
-def _walk(tour: _Tour) -> int:
-    visits = [_visit(tour, name) for name in common.known_functions()]
-    seen = Counter(visit.source for visit in visits)
-    # Without a terminal, wide enough for what a log is read on; colours are the terminal's only.
+def run_demo(context: DemoContext) -> int:
+    """Call all functions, print the rows, and return the exit status."""
+    rows = [_call(context, function) for function in common.load_functions().values()]
+    sources = Counter(row.source for row in rows)
     width = None if sys.stdout.isatty() else _WIDTH_WITHOUT_TERMINAL
     screen = _Screen(width=width, highlight=False)
-    call_width = min(max(len(visit.call) for visit in visits), screen.width * 3 // 8)
+    call_width = min(max(len(row.call) for row in rows), screen.width * 3 // 8)
     screen.print(f"veldarin.modules.modules_util on {socket.gethostname()}", style="bold")
-    for number, visit in enumerate(visits, 1):
-        screen.print(visit.line(number, call_width), no_wrap=True, overflow="ellipsis", crop=True)
-    counts = ", ".join(f"{count} {source}" for source, count in seen.most_common())
-    screen.print(f"{len(visits)} functions: {counts}", style="bold")
-    return common.FAILED if seen[_RAISED] else 0
+    for number, row in enumerate(rows, 1):
+        screen.print(row.line(number, call_width), no_wrap=True, overflow="ellipsis", crop=True)
+    counts = ", ".join(f"{count} {source}" for source, count in sources.most_common())
+    screen.print(f"{len(rows)} functions: {counts}", style="bold")
+    return common.EXIT_FAILURE if sources[_RAISED] else 0
 
 
-def _visit(tour: _Tour, name: str) -> _Visit:
-    simulator = tour.simulator
+def _call(context: DemoContext, function: Function) -> DemoRow:
+    simulator, name = context.simulator, function.name
     call = f"{name}(…)"
     try:
-        arguments = _ARGUMENTS[name](tour) if name in _ARGUMENTS else ()
-        call = f"{name}({', '.join(map(repr, arguments))})"
+        positional, keywords = function.example_call()
+        if name in _ARGUMENTS:
+            positional, keywords = [_ARGUMENTS[name](context)], {}
+        shown = [*map(repr, positional), *(f"{key}={value!r}" for key, value in keywords.items())]
+        call = f"{name}({', '.join(shown)})"
         simulator.clear_calls()
-        result = getattr(simulator.module, name)(*arguments)
+        result = getattr(simulator.module, name)(*positional, **keywords)
         simulator.raise_errors()
     except Exception as error:
-        return _Visit(call, _RAISED, f"{type(error).__name__}: {error}")
-    tour.results[name] = result
+        return DemoRow(call, _RAISED, f"{type(error).__name__}: {error}")
+    context.results[name] = result
     if name == "get_token":
-        # Its secret is a file of this machine, asked of no native service, and nobody's to read.
-        shown = f"{result[:8]!r}… ({len(result)} characters, in {simulator.secret_path})"
-        return _Visit(call, "live", shown)
+        # It reads a file instead of calling a native service; the secret stays hidden.
+        secret = f"{result[:8]!r}… ({len(result)} characters, in {simulator.secret_path})"
+        return DemoRow(call, "live", secret)
     sources = {entry.source for entry in simulator.call_log} - {"none"}
-    return _Visit(call, "+".join(sorted(sources)) or _NO_CALL, repr(result)[:_LONGEST_VALUE])
+    return DemoRow(call, "+".join(sorted(sources)) or _NO_CALL, repr(result)[:_MAX_VALUE])

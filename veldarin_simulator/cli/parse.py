@@ -1,7 +1,4 @@
-"""`python -m veldarin_simulator parse`: parse a captured CLI text and print the result as JSON.
-
-For people who debug a device's output.
-"""
+"""`python -m veldarin_simulator parse`: parse a captured command-line text."""
 
 from __future__ import annotations
 
@@ -9,38 +6,34 @@ import sys
 import traceback
 from pathlib import Path
 
+from veldarin_simulator import parse_capture
 from veldarin_simulator.cli import common
-from veldarin_simulator.cli.call import as_json
-from veldarin_simulator.parse_capture import KINDS, Outcome, parsed
+from veldarin_simulator.cli.call import to_json
 
 _DESCRIPTION = """\
-Runs a captured command-line text through the parser of
-veldarin.modules.modules_util and prints what it makes of it as JSON.
+Run a captured command-line text through a parser of
+veldarin.modules.modules_util and print the result as JSON.
 
   arp      the output of "get system arp"
   routing  the output of "get router info routing-table detail ADDRESS"
   bfd      the output of "get router info bfd neighbor" (or info6)
 
-A text that the parser refuses is answered with the line that it stumbled over.
-The BFD parser refuses nothing: what it passes over is said on standard error.
+If the parser rejects the text, print the offending line. The BFD parser rejects
+nothing; print the lines that it skips to standard error.
 """
-_EXIT_STATUS = "exit status: 0 parsed, 1 refused by the parser, 2 usage"
+_EXIT_STATUS = "exit status: 0 parsed, 1 rejected by the parser, 2 usage"
 
 
-def main(texts: list[str]) -> int:
-    """Runs the tool; returns its exit status."""
-    options = _parser().parse_args(texts)
-    name = "standard input" if options.file == "-" else options.file
-    text = _content(options.file)
-    with common.open_appliance(live=False) as simulator:
-        return _told(parsed(simulator, KINDS[options.kind], text), name)
-
-
-def _parser() -> common.Parser:
+def main(arguments: list[str]) -> int:
+    """Run the tool and return its exit status."""
     parser = common.Parser("parse", description=_DESCRIPTION, epilog=_EXIT_STATUS)
-    parser.add_argument("kind", choices=tuple(KINDS), help="which parser")
+    parser.add_argument("kind", choices=tuple(parse_capture.PARSERS), help="the parser")
     parser.add_argument("file", metavar="FILE", help="the captured text; - for standard input")
-    return parser
+    options = parser.parse_args(arguments)
+    text = _content(options.file)
+    with common.open_simulator(live=False) as simulator:
+        parsed = parse_capture.parse(simulator, parse_capture.PARSERS[options.kind], text)
+    return _report(parsed, "standard input" if options.file == "-" else options.file)
 
 
 def _content(file: str) -> bytes:
@@ -49,19 +42,19 @@ def _content(file: str) -> bytes:
     try:
         return Path(file).read_bytes()
     except OSError as error:
-        common.stop(f"{file}: {(error.strerror or str(error)).lower()}", common.USAGE)
+        common.fail(f"{file}: {(error.strerror or str(error)).lower()}", common.EXIT_USAGE)
 
 
-def _told(outcome: Outcome, name: str) -> int:
-    if outcome.end is not None:
-        common.say(f"{name}: the text ends at its first NUL byte, offset {outcome.end}")
-    if outcome.error is not None:
-        place = name if outcome.line is None else f"{name}:{outcome.line}"
-        common.say(f"{place}: {outcome.problem}")
-        reason = traceback.format_exception_only(type(outcome.error), outcome.error)[-1].strip()
+def _report(parsed: parse_capture.ParseResult, name: str) -> int:
+    if parsed.end is not None:
+        common.info(f"{name}: the text ends at its first NUL byte, offset {parsed.end}")
+    if parsed.error is not None:
+        location = name if parsed.line is None else f"{name}:{parsed.line}"
+        common.info(f"{location}: {parsed.problem}")
+        reason = traceback.format_exception_only(type(parsed.error), parsed.error)[-1].strip()
         print(reason, file=sys.stderr)
-        return common.FAILED
-    for line in outcome.passed_over:
-        common.say(f"{name}: passed over a line: {line}")
-    print(as_json(outcome.result))
+        return common.EXIT_FAILURE
+    for line in parsed.skipped:
+        common.info(f"{name}: skipped a line: {line}")
+    print(to_json(parsed.result))
     return 0

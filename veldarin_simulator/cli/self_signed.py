@@ -1,28 +1,32 @@
-"""A certificate for the tour of a machine that has none of its own."""
+"""A self-signed certificate, for the demo on a machine without certificates and for tests."""
 
 from __future__ import annotations
 
 from datetime import datetime, timedelta, timezone
 
 from cryptography import x509
-from cryptography.hazmat.primitives import hashes, serialization
+from cryptography.hazmat.primitives import hashes
 from cryptography.hazmat.primitives.asymmetric import ec
+from cryptography.hazmat.primitives.serialization import Encoding
 from cryptography.x509.oid import NameOID
 
 
-def certificate_in_pem() -> bytes:
-    """A self-signed certificate in PEM, valid from an hour ago for a day; its key is not kept."""
+def certificate(
+    begin: timedelta = timedelta(hours=-1),
+    end: timedelta = timedelta(hours=1),
+    encoding: Encoding = Encoding.PEM,
+) -> bytes:
+    """Return a certificate that is valid between two times relative to now, without its key."""
     key = ec.generate_private_key(ec.SECP256R1())
-    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "appliance.invalid")])
-    begin = datetime.now(timezone.utc) - timedelta(hours=1)
-    certificate = (
+    name = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, "simulator.invalid")])
+    now = datetime.now(timezone.utc)
+    builder = (
         x509.CertificateBuilder()
         .subject_name(name)
         .issuer_name(name)
         .public_key(key.public_key())
         .serial_number(x509.random_serial_number())
-        .not_valid_before(begin)
-        .not_valid_after(begin + timedelta(days=1))
-        .sign(key, hashes.SHA256())
+        .not_valid_before(now + begin)
+        .not_valid_after(now + end)
     )
-    return certificate.public_bytes(serialization.Encoding.PEM)
+    return builder.sign(key, hashes.SHA256()).public_bytes(encoding)

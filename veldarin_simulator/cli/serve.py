@@ -1,4 +1,4 @@
-"""`python -m veldarin_simulator console`: serve the console on this machine."""
+"""`python -m veldarin_simulator console`: serves the console."""
 
 from __future__ import annotations
 
@@ -7,72 +7,78 @@ import signal
 import sys
 from ipaddress import ip_address
 from pathlib import Path
-from typing import NoReturn
 
-from veldarin_simulator import state_dir
+from veldarin_simulator import ScenarioError, state_dir
 from veldarin_simulator.cli import common
-from veldarin_simulator.console.app import application
-from veldarin_simulator.console.errors import Problem
-from veldarin_simulator.console.scenario_store import Shelf
-from veldarin_simulator.console.server import server
-from veldarin_simulator.console.session import Bench
-from veldarin_simulator.providers import ScenarioError
-from veldarin_simulator.scenario import load as load_scenario
+from veldarin_simulator.console import server
+from veldarin_simulator.console.app import create_application
+from veldarin_simulator.console.errors import ApiError
+from veldarin_simulator.console.scenario_store import ScenarioStore
+from veldarin_simulator.console.session import Session
 
 _DESCRIPTION = """\
-Serves a page on which every function of veldarin.modules.modules_util can be
-called, with what it asks of the native services, and the same as an HTTP
-interface (docs/console.md). It ends with Ctrl-C.
+Serve a page and an HTTP interface (docs/console.md) that call every function of
+veldarin.modules.modules_util and show its native calls. Stop it with Ctrl-C.
 
-It asks for no password. So it listens on this machine's loopback address; another
-one is taken only together with --i-know-this-is-not-protected.
+The console has no password. It listens on this machine's loopback address;
+another address requires --allow-remote.
 """
-_EXIT_STATUS = "exit status: 0 ended, 1 it cannot listen or nothing is built, 2 usage"
+_EXIT_STATUS = "exit status: 0 stopped, 1 cannot listen or nothing is built, 2 usage"
 _PORT = 8430
-_LOOPBACK = "127.0.0.1"
-_IN_WORDS = "--i-know-this-is-not-protected"
+_HOST = "127.0.0.1"
 
 
 def main(texts: list[str]) -> int:
-    """Runs the tool; returns its exit status."""
-    options = _options(texts)
-    signal.signal(signal.SIGTERM, _ended)
-    with _bench(options.scenario) as bench:
-        served = application(bench, beyond_loopback=not _is_loopback(options.host))
+    """Run the console until it is interrupted.
+
+    Args:
+        texts: The arguments of the command line.
+
+    Returns:
+        The exit status.
+    """
+    options = _parse_options(texts)
+    # Exit as Ctrl-C does, so that everything is closed.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+    with _open_session(options.scenario) as session:
+        remote = not ip_address(options.host).is_loopback
+        application = create_application(session, allow_remote=remote)
         try:
-            listening = server(served, options.host, options.port)
+            listening = server.create(application, options.host, options.port)
         except OSError as error:
             reason = (error.strerror or str(error)).lower()
-            common.stop(
-                f"{options.host} port {options.port}: {reason} (choose another with --port)",
-                common.FAILED,
-            )
-        shown = f"[{options.host}]" if ":" in options.host else options.host
-        print(f"console: http://{shown}:{listening.effective_port}/", flush=True)
+            message = f"{options.host} port {options.port}: {reason} (choose another with --port)"
+            common.fail(message, common.EXIT_FAILURE)
+        host = f"[{options.host}]" if ":" in options.host else options.host
+        print(f"console: http://{host}:{listening.effective_port}/", flush=True)
         listening.run()
         listening.close()
     return 0
 
 
-def _options(texts: list[str]) -> argparse.Namespace:
+def _parse_options(texts: list[str]) -> argparse.Namespace:
     parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     parser.add_argument(
-        "--port", type=_port, default=_PORT, help=f"where it listens, {_PORT} by default; 0: any"
+        "--port", type=_port, default=_PORT, help=f"listen on this port, default {_PORT}; 0: any"
     )
     common.add_scenario(parser)
     parser.add_argument(
-        "--host", default=_LOOPBACK, metavar="ADDRESS", help="another address to listen on"
+        "--host", default=_HOST, metavar="ADDRESS", help=f"listen on this address, default {_HOST}"
     )
     parser.add_argument(
-        _IN_WORDS, dest="in_words", action="store_true", help="everybody may reach it and call"
+        "--allow-remote",
+        action="store_true",
+        help="let anyone who can reach --host make calls",
     )
     options = parser.parse_args(texts)
     try:
-        ip_address(options.host)
+        loopback = ip_address(options.host).is_loopback
     except ValueError:
         parser.error(f"--host is an IP address, not {options.host}")
-    if not _is_loopback(options.host) and not options.in_words:
-        parser.error(f"{options.host} is open to others and there is no password: add {_IN_WORDS}")
+    if not loopback and not options.allow_remote:
+        parser.error(
+            f"other machines can reach {options.host} and there is no password: add --allow-remote"
+        )
     return options
 
 
@@ -82,27 +88,15 @@ def _port(text: str) -> int:
     return int(text)
 
 
-def _is_loopback(host: str) -> bool:
-    return ip_address(host).is_loopback
-
-
-def _bench(scenario: Path | None) -> Bench:
-    """An open bench, or the end of the process with one line."""
+def _open_session(scenario: Path | None) -> Session:
+    """Open a session, or end the process with one line."""
+    initial = None if scenario is None else scenario.resolve()
     try:
-        if scenario is not None:
-            load_scenario(scenario)  # as the other tools say what is wrong with it
-            scenario = scenario.resolve()
-        return Bench(Shelf(_shelf(), scenario))
-    except (Problem, ScenarioError) as error:
-        common.stop(str(error), common.USAGE)
+        return Session(ScenarioStore(state_dir.directory() / "scenarios", initial))
+    except ScenarioError as error:
+        path = (scenario or Path()) / error.path
+        common.fail(str(ScenarioError(path, error.problem, error.line)), common.EXIT_USAGE)
+    except ApiError as error:
+        common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:
-        common.stop(str(error), common.FAILED)
-
-
-def _shelf() -> Path:
-    return state_dir.directory() / "scenarios"
-
-
-def _ended(*_: object) -> NoReturn:
-    # As an interrupt does: what is open is closed.
-    sys.exit(0)
+        common.fail(str(error), common.EXIT_FAILURE)

@@ -1,8 +1,7 @@
-"""The console: a page, and an HTTP interface below /api/, to try every function of the module and
-to see what crosses the native boundary. For GUI authors, on the machine they work at.
+"""The console: a page and an HTTP interface that call the module's functions on a simulator.
 
-`app` puts the application together. `views` are the handlers; they call `bench`, which holds the
-one open appliance. `calling` turns JSON into arguments, `showing` what came back into JSON;
-`catalogue` is what is told of the functions. `answers` knows what can be edited, `shelf` the
-scenarios on disk. `safety` and `server` keep strangers out. The page is in `static`.
+`app` maps requests to `views`, which use a `session`. `arguments` decodes and `serialization`
+encodes; `function_index` describes the functions. `replies` names what can be edited,
+`scenario_store` reads and writes scenarios. `security` and `server` restrict access. `static`
+holds the page.
 """

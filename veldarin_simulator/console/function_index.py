@@ -1,70 +1,47 @@
-"""What is told of the module's functions: by subsystem, with the texts of the Python face."""
+"""Describes the module's functions for the page, from the type stub."""
 
 from __future__ import annotations
 
-import ast
-import re
 from typing import Any
 
-from veldarin_simulator.console.serialization import escaped
-from veldarin_simulator.stub import Function, Parameter
-
-_PART = re.compile(r"^(Raises|Example):\n((?:    .*\n|\n)*)", re.MULTILINE)
-_PROMPT = re.compile(r">>> (.*(?:\n\.\.\. .*)*)")
+from veldarin_simulator.console.serialization import encode_bytes
+from veldarin_simulator.stub import Function
 
 
-def catalogue(functions: dict[str, Function]) -> list[dict[str, Any]]:
-    """The subsystems in the order of the face, each with its functions."""
+def function_index(functions: dict[str, Function]) -> list[dict[str, Any]]:
+    """Return the subsystems in the order of the stub, each with its functions."""
     subsystems: dict[str, list[dict[str, Any]]] = {}
     for function in functions.values():
-        subsystems.setdefault(function.subsystem, []).append(_function(function))
-    return [{"title": title, "functions": held} for title, held in subsystems.items()]
+        subsystems.setdefault(function.subsystem, []).append(_describe(function))
+    return [{"title": title, "functions": listed} for title, listed in subsystems.items()]
 
 
-def _function(function: Function) -> dict[str, Any]:
-    text = function.documentation + "\n"
-    parts = {
-        name: "\n".join(line[4:] for line in lines.splitlines()).strip()
-        for name, lines in _PART.findall(text)
-    }
-    summary, _, rest = _PART.sub("", text).strip().partition("\n")
-    example = parts.get("Example", "")
+def _describe(function: Function) -> dict[str, Any]:
+    positional, keywords = function.example_call()
     return {
         "name": function.name,
         "declaration": function.declaration,
-        "summary": summary,
-        "text": rest.strip(),
-        "raises": parts.get("Raises", ""),
-        "example": example,
-        "parameters": [_parameter(parameter) for parameter in function.parameters],
-        "try": _try(function.name, example),
+        "summary": function.summary,
+        "text": function.text.partition("\n")[2].strip(),
+        "raises": function.raises,
+        "example": function.example,
+        "parameters": [
+            {
+                "name": parameter.name,
+                "types": sorted(parameter.types),
+                "keyword": parameter.keyword,
+                "optional": parameter.optional,
+            }
+            for parameter in function.parameters
+        ],
+        "example_call": {
+            "arguments": [_encode_argument(value) for value in positional],
+            "keywords": {name: _encode_argument(value) for name, value in keywords.items()},
+        },
     }
 
 
-def _parameter(parameter: Parameter) -> dict[str, Any]:
-    return {
-        "name": parameter.name,
-        "types": sorted(parameter.types),
-        "keyword": parameter.keyword,
-        "optional": parameter.optional,
-    }
-
-
-def _try(name: str, example: str) -> dict[str, Any]:
-    """The arguments of the example's first call of the function, as a request has them."""
-    for prompt in _PROMPT.findall(example):
-        tree = ast.parse(re.sub(r"\n\.\.\. ", "\n", prompt))
-        for node in ast.walk(tree):
-            if isinstance(node, ast.Call) and ast.unparse(node.func) == name:
-                return {
-                    "arguments": [_given(argument) for argument in node.args],
-                    "keywords": {str(word.arg): _given(word.value) for word in node.keywords},
-                }
-    return {"arguments": [], "keywords": {}}
-
-
-def _given(node: ast.expr) -> Any:
-    value = ast.literal_eval(node)  # of the face's own text
+def _encode_argument(value: Any) -> Any:
     if isinstance(value, bytes):
-        return {"bytes": escaped(value)}
+        return {"bytes": encode_bytes(value)}
     return {"json": value} if isinstance(value, dict) else value

@@ -1,7 +1,6 @@
-"""The answers that can be edited: every native service and every command, by name; the file of a
-scenario that holds an answer; what is answered without one.
+"""The replies that can be edited: names, file names, default texts.
 
-A service is named as it is, a command by its text.
+A service's reply has the name of the service, a command's output has the command as its name.
 """
 
 from __future__ import annotations
@@ -10,84 +9,82 @@ import json
 from typing import Any
 from urllib.parse import unquote_to_bytes
 
-from veldarin_simulator import RawJSON, Reply
-from veldarin_simulator.console.errors import Problem
-from veldarin_simulator.console.scenario_store import Files
-from veldarin_simulator.scenario import DEFAULT_SCENARIO, SERVICES
+from veldarin_simulator import RawJSON, Reply, Scenario, Simulator
+from veldarin_simulator.console.errors import ApiError
+from veldarin_simulator.scenario import CLI_SERVICE, DEFAULT_SCENARIO, SERVICES
 
-# Commands that this machine answers without any file.
+# Commands that have live output.
 _LIVE_COMMANDS = (
     "get system arp",
     "get router info routing-table detail {}",
     "get router info bfd neighbor",
     "get router info6 bfd neighbor",
 )
-_LONGEST_FILE = len("cli/") + 255  # what file systems allow
-_LONGEST_COMMAND = 127  # bytes; what is beyond does not reach the command line
+_MAX_FILE_NAME = len("cli/") + 255  # the limit of common file systems
+_MAX_COMMAND_BYTES = 127  # the module's CLI runner cuts off the rest
 
 
-def file_of(name: str, files: Files) -> str:
-    """The scenario's file for an answer: the one there is, or the one to make. Raises `Problem`
-    for a name that no answer can have."""
-    if name in SERVICES:
-        return f"{name}.json"
-    command = name.encode("utf-8", "replace")
-    words = b" ".join(command.split())
-    if not words or b"\0" in words or len(words) > _LONGEST_COMMAND:
-        raise Problem(422, f"a command has 1 to {_LONGEST_COMMAND} bytes, and no NUL")
-    known = {name_of(file).encode(): file for file in files if file.startswith("cli/")}
-    file = known.get(words, f"cli/{_quoted(words)}.txt")
-    if len(file) > _LONGEST_FILE:
-        raise Problem(422, "no file can have this command's name: it is too long")
-    return file
-
-
-def name_of(file: str) -> str:
-    """The answer that a scenario's file holds."""
-    if not file.startswith("cli/"):
-        return file.removesuffix(".json")
-    stem = file[len("cli/") : -len(".txt")]
-    return b" ".join(unquote_to_bytes(stem).split()).decode("utf-8", "replace")
-
-
-def _quoted(words: bytes) -> str:
-    """As a file name: no slash, no hidden file, nothing but printable characters."""
-    safe = b"".join(b"%%%02X" % byte if _unsafe(byte) else bytes([byte]) for byte in words)
-    return ("%2E" + safe[1:].decode()) if safe.startswith(b".") else safe.decode()
-
-
-def _unsafe(byte: int) -> bool:
-    return byte < 0x20 or byte > 0x7E or byte in b"/%"
-
-
-def names(files: Files) -> list[str]:
-    """Every answer there can be, services first; commands with those of the scenario."""
-    stock = DEFAULT_SCENARIO / "cli"
-    recorded = [name_of(f"cli/{path.name}") for path in stock.glob("*.txt")]
-    own = [name_of(file) for file in files if file.startswith("cli/")]
-    return [*SERVICES, *sorted({*_LIVE_COMMANDS, *recorded, *own})]
+def names(scenario: Scenario) -> list[str]:
+    """Return the name of every reply: the services, then the known commands."""
+    recorded = [_command(path.stem) for path in (DEFAULT_SCENARIO / "cli").glob("*.txt")]
+    user = [command.decode("utf-8", "replace") for command in scenario.commands]
+    return [*SERVICES, *sorted({*_LIVE_COMMANDS, *recorded, *user})]
 
 
 def is_command(name: str) -> bool:
-    """Whether an answer's name is a command's."""
+    """Return whether a reply is the output of a command."""
     return name not in SERVICES
 
 
-def present(name: str, answers: dict[str, Reply]) -> str:
-    """What the answers of this machine say without a file: the text to begin editing with. Raises
-    what the answer does."""
+def file_name(name: str, scenario: Scenario) -> str:
+    """Return the scenario's file for a reply, whether or not the scenario has one.
+
+    Raises:
+        ApiError: No command can have the name.
+    """
+    if not is_command(name):
+        return f"{name}.json"
+    words = b" ".join(name.encode("utf-8", "replace").split())
+    if not words or b"\0" in words or len(words) > _MAX_COMMAND_BYTES:
+        raise ApiError(422, f"expected a command of 1 to {_MAX_COMMAND_BYTES} bytes without NUL")
+    command = words.decode("utf-8", "replace")
+    for file in scenario:
+        if file.startswith("cli/") and _command(file[len("cli/") : -len(".txt")]) == command:
+            return file
+    file = f"cli/{_quote(words)}.txt"
+    if len(file) > _MAX_FILE_NAME:
+        raise ApiError(422, "the command is too long for a file name")
+    return file
+
+
+def default_text(name: str, simulator: Simulator) -> str:
+    """Return the text of the reply that a simulator gives if its scenario has none.
+
+    Raises:
+        Exception: Whatever the provider of the reply raises.
+    """
+    provided = simulator.provided_reply(CLI_SERVICE if is_command(name) else name)
+    value: Any = None if provided is None else provided.reply
     if is_command(name):
-        output = answers["get_cli_cmd_output"].reply
-        printed = output(name.replace("{}", "ADDRESS").encode()) if callable(output) else output
-        text = printed.reply if isinstance(printed, Reply) else printed
-        return text.decode("utf-8", "replace") if isinstance(text, bytes) else str(text or "")
-    answer = answers.get(name)
-    if answer is None:
-        return "null\n"
-    reply: Any = answer.reply
-    if callable(reply) and name.startswith("build_"):
-        reply = reply({})
-    if callable(reply) or isinstance(reply, RawJSON):
-        return "0\n" if not name.startswith("cookieval") else '""\n'
-    value = reply.decode() if isinstance(reply, bytes) else reply
+        output = value(name.replace("{}", "ADDRESS").encode()).reply
+        return output.decode("utf-8", "replace") if isinstance(output, bytes) else output or ""
+    if callable(value) and name.startswith("build_"):
+        value = value({})
+    if callable(value) or isinstance(value, RawJSON):
+        return '""\n' if name.startswith("cookieval") else "0\n"
+    if isinstance(value, Reply):
+        value = value.reply
+    if isinstance(value, bytes):
+        value = value.decode()
     return json.dumps(value, indent=2, ensure_ascii=False) + "\n"
+
+
+def _command(stem: str) -> str:
+    return b" ".join(unquote_to_bytes(stem).split()).decode("utf-8", "replace")
+
+
+def _quote(words: bytes) -> str:
+    """Return a file name: printable ASCII, no slash, no dot at the beginning."""
+    kept = {*range(0x20, 0x7F)} - {*b"/%"}
+    quoted = "".join(chr(byte) if byte in kept else f"%{byte:02X}" for byte in words)
+    return f"%2E{quoted[1:]}" if quoted.startswith(".") else quoted

@@ -1,11 +1,10 @@
-"""Who may talk to the console, and how. It asks for no password: whoever reaches it may call the
-module. So it answers this machine's own pages and programs and nobody else's.
+"""Limits the console to this machine's own pages and programs: it has no password.
 
-- `Host` has to name this machine, so that no foreign name can be pointed at it (DNS rebinding).
-- `Origin`, where there is one, has to be the console's own, and a request that changes or calls has
-  to be JSON, which no foreign form can send (forgery).
-- Bodies are limited. Every refusal and every error is JSON.
-- The page may load from the console and from nowhere else, and in no frame.
+- `Host` must name this machine, which defeats DNS rebinding.
+- `Origin`, if present, must be the console's own, and a body must be sent as JSON, which an HTML
+  form cannot do; both defeat cross-site request forgery.
+- The size of a body is limited. Every error is a problem-details response.
+- The page loads content from the console only, and cannot be framed.
 """
 
 from __future__ import annotations
@@ -20,9 +19,9 @@ from typing import Any
 from pyramid.httpexceptions import HTTPException
 from pyramid.response import Response
 
-from veldarin_simulator.console.errors import Problem
+from veldarin_simulator.console.errors import CONTENT_TYPE, ApiError
 
-MOST_BYTES = 1024 * 1024
+MAX_BODY_BYTES = 1024 * 1024
 
 _HEADERS = {
     "Content-Security-Policy": "default-src 'none'; script-src 'self'; style-src 'self'; "
@@ -37,53 +36,51 @@ _HEADERS = {
 }
 _HOST = re.compile(r"(?P<name>[A-Za-z0-9._-]+|\[[0-9A-Fa-f:.]+\])(?::[0-9]{1,5})?")
 _LOOPBACK = frozenset({"localhost", "127.0.0.1", "[::1]"})
-_READS = frozenset({"GET", "HEAD"})
+_WITHOUT_BODY = frozenset({"GET", "HEAD", "DELETE"})
 
 _log = logging.getLogger(__name__)
 
 Handler = Callable[[Any], Any]
 
 
-def tween(handler: Handler, registry: Any) -> Handler:
-    """Around everything else: the checks before, the headers after, errors as JSON."""
-    beyond_loopback = bool(registry.settings.get("console.beyond_loopback"))
+def middleware(handler: Handler, registry: Any) -> Handler:
+    """Check each request, add the headers and encode errors. (Pyramid's word is "tween".)"""
+    allow_remote = bool(registry.settings.get("console.allow_remote"))
 
-    def guarded(request: Any) -> Any:
+    def handle(request: Any) -> Any:
         try:
-            _check_host(request, beyond_loopback)
+            _check_host(request, allow_remote)
             _check_origin(request)
             _check_body(request)
             response = handler(request)
-        except Problem as problem:
-            response = refusal(problem)
+        except ApiError as error:
+            response = _error_response(error)
         except HTTPException as error:
-            response = refusal(Problem(error.status_int, _sentence(request, error)))
+            response = _error_response(ApiError(error.status_int, _detail(request, error)))
+            if "Allow" in error.headers:
+                response.headers["Allow"] = error.headers["Allow"]
         except Exception as error:
             _log.exception("%s %s", request.method, request.path_info)
-            response = refusal(Problem(500, f"the console failed: {type(error).__name__}: {error}"))
+            detail = f"internal error: {type(error).__name__}: {error}"
+            response = _error_response(ApiError(500, detail))
         response.headers.update(_HEADERS)
         return response
 
-    return guarded
+    return handle
 
 
-def refusal(problem: Problem) -> Response:
-    """A problem as a response."""
-    return Response(
-        body=problem.body(), status=problem.status.value, content_type="application/json"
-    )
+def host_allowed(host: str, allow_remote: bool) -> bool:
+    """Return whether a `Host` header names this machine.
 
-
-def is_own_host(host: str, beyond_loopback: bool) -> bool:
-    """Whether a `Host` header names this machine. Beyond loopback addresses are names enough:
-    nobody can point one at another machine."""
-    found = _HOST.fullmatch(host)
-    if found is None:
+    With `allow_remote` any IP address does: rebinding needs a name.
+    """
+    match = _HOST.fullmatch(host)
+    if match is None:
         return False
-    name = found["name"].lower()
+    name = match["name"].lower()
     if name in _LOOPBACK:
         return True
-    return beyond_loopback and (name == socket.gethostname().lower() or _is_address(name))
+    return allow_remote and (name == socket.gethostname().lower() or _is_address(name))
 
 
 def _is_address(name: str) -> bool:
@@ -94,28 +91,32 @@ def _is_address(name: str) -> bool:
     return True
 
 
-def _check_host(request: Any, beyond_loopback: bool) -> None:
+def _error_response(error: ApiError) -> Response:
+    return Response(body=error.to_json(), status=error.status.value, content_type=CONTENT_TYPE)
+
+
+def _check_host(request: Any, allow_remote: bool) -> None:
     host = request.headers.get("Host", "")
-    if not is_own_host(host, beyond_loopback):
-        raise Problem(403, f"the console is not {host[:100]!r}: a foreign Host header is refused")
+    if not host_allowed(host, allow_remote):
+        raise ApiError(403, f"the Host header {host[:100]!r} does not name this console")
 
 
 def _check_origin(request: Any) -> None:
+    # Pyramid's check_csrf_origin looks at HTTPS requests only.
     origin = request.headers.get("Origin")
     if origin is not None and origin.lower() != f"http://{request.headers['Host']}".lower():
-        raise Problem(403, f"a request from {origin[:100]!r} is refused: it is not the console's")
+        raise ApiError(403, f"the origin {origin[:100]!r} is not allowed")
 
 
 def _check_body(request: Any) -> None:
-    if request.method in _READS:
-        return
-    if (request.content_length or 0) > MOST_BYTES:
-        raise Problem(413, f"a body may have {MOST_BYTES} bytes", most_bytes=MOST_BYTES)
-    if request.content_type != "application/json":
-        raise Problem(415, "a body has to be sent as Content-Type: application/json")
+    if (request.content_length or 0) > MAX_BODY_BYTES:
+        detail = f"the body is larger than {MAX_BODY_BYTES} bytes"
+        raise ApiError(413, detail, max_bytes=MAX_BODY_BYTES)
+    if request.method not in _WITHOUT_BODY and request.content_type != "application/json":
+        raise ApiError(415, "send the body as Content-Type: application/json")
 
 
-def _sentence(request: Any, error: HTTPException) -> str:
+def _detail(request: Any, error: HTTPException) -> str:
     if error.status_int == 404:
-        return f"there is no {request.method} {request.path_info}"
-    return str(error.explanation or error.title)
+        return f"there is no resource {request.path_info}"
+    return str(error.detail or error.explanation or error.title)

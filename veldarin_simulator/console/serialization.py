@@ -1,7 +1,4 @@
-"""What a call left behind, as JSON: its result, its exception, the native calls it made.
-
-Bytes are written as text with escapes, the form that a call takes them in again.
-"""
+"""Encodes the outcome of a call as JSON: result, exception and native calls."""
 
 from __future__ import annotations
 
@@ -12,41 +9,39 @@ from typing import Any
 from veldarin_simulator import NativeCall
 
 _RELEASE = "JSONObject.release"
-_COMMAND_LINE = "get_cli_cmd_output"
-_VERBATIM = {0x0A: "\\n", 0x0D: "\\r", 0x09: "\\t", 0x5C: "\\\\"}
+_CLI_RUNNER = "get_cli_cmd_output"
+_ESCAPES = {0x0A: "\\n", 0x0D: "\\r", 0x09: "\\t", 0x5C: "\\\\"}
 
 
-def escaped(content: bytes) -> str:
-    """The bytes as `calling` takes them: characters where they are UTF-8, else escapes."""
-    text = content.decode("utf-8", "surrogateescape")
-    return "".join(map(_escaped, text))
+def encode_bytes(content: bytes) -> str:
+    """Return UTF-8 as text and everything else as escapes; `arguments` decodes it."""
+    return "".join(map(_escape, content.decode("utf-8", "surrogateescape")))
 
 
-def _escaped(character: str) -> str:
+def _escape(character: str) -> str:
     code = ord(character)
-    if code in _VERBATIM:
-        return _VERBATIM[code]
-    if 0xDC80 <= code <= 0xDCFF:  # a byte that is no UTF-8
+    if code in _ESCAPES:
+        return _ESCAPES[code]
+    if 0xDC80 <= code <= 0xDCFF:  # surrogateescape: a byte that is not UTF-8
         return f"\\x{code - 0xDC00:02x}"
     if character.isprintable():
         return character
     return "".join(f"\\x{byte:02x}" for byte in character.encode())
 
 
-def result(value: Any) -> dict[str, Any]:
-    """The name of its type, what Python writes for it, and itself."""
-    return {"type": type(value).__name__, "repr": repr(value), "value": plain(value)}
+def encode_result(value: Any) -> dict[str, Any]:
+    """Return the value with the name of its type and its `repr`."""
+    return {"type": type(value).__name__, "repr": repr(value), "value": to_json(value)}
 
 
-def plain(value: Any) -> Any:
-    """A copy that JSON can hold: bytes as escaped text, what JSON has no form for as Python writes
-    it."""
+def to_json(value: Any) -> Any:
+    """Return a copy that JSON can hold: `repr` replaces what it has no form for."""
     if isinstance(value, bytes):
-        return escaped(value)
+        return encode_bytes(value)
     if isinstance(value, dict):
-        return {key if isinstance(key, str) else repr(key): plain(v) for key, v in value.items()}
+        return {key if isinstance(key, str) else repr(key): to_json(v) for key, v in value.items()}
     if isinstance(value, (list, tuple)):
-        return [plain(element) for element in value]
+        return [to_json(element) for element in value]
     if isinstance(value, float) and not math.isfinite(value):
         return repr(value)
     if value is None or isinstance(value, (str, int, float)):
@@ -54,11 +49,15 @@ def plain(value: Any) -> Any:
     return repr(value)
 
 
-def raised(error: BaseException, passed: str | None = None) -> dict[str, Any]:
-    """An exception: its type, message, traceback entries from the outermost on. Entries of the file
-    `passed`, which called, are left out."""
+def encode_exception(error: BaseException, caller: str) -> dict[str, Any]:
+    """Return type, message and traceback, outermost entry first.
+
+    Args:
+        error: The exception.
+        caller: The file that made the call; its traceback entries are left out.
+    """
     entries = error.__traceback__
-    while entries is not None and entries.tb_frame.f_code.co_filename == passed:
+    while entries is not None and entries.tb_frame.f_code.co_filename == caller:
         entries = entries.tb_next
     kind = type(error)
     return {
@@ -73,22 +72,24 @@ def raised(error: BaseException, passed: str | None = None) -> dict[str, Any]:
     }
 
 
-def source(journal: list[NativeCall]) -> str:
-    """Where the answers of a call came from."""
-    asked = [call for call in journal if call.service != _RELEASE]
-    sources = sorted({call.source for call in asked} - {"none"})
-    return "+".join(sources) or ("no answer" if asked else "no call")
+def encode_source(call_log: list[NativeCall]) -> str:
+    """Return where the replies of a call came from."""
+    calls = [call for call in call_log if call.service != _RELEASE]
+    sources = sorted({call.source for call in calls} - {"none"})
+    return "+".join(sources) or ("no reply" if calls else "no call")
 
 
-def native_call(call: NativeCall) -> dict[str, Any]:
-    """A call of the journal. "kind" is "request", "command", "text", "plain" for a service that
-    is given nothing, or "method" for a call through the method table of a JSONObject."""
-    shown: dict[str, Any] = {"service": call.service, "source": call.source}
-    if call.service == _RELEASE:
-        return {**shown, "kind": "method", "json": call.request}
+def encode_native_call(call: NativeCall) -> dict[str, Any]:
+    """Return an entry of the call log.
+
+    Its "kind" is "request", "command", "text", "plain" for a service without an argument, or
+    "method" for a call through the method table of a JSONObject.
+    """
+    head = {"service": call.service, "source": call.source}
     if call.request is not None:
-        return {**shown, "kind": "request", "json": call.request}
+        kind = "method" if call.service == _RELEASE else "request"
+        return {**head, "kind": kind, "json": call.request}
     if call.text is not None:
-        kind = "command" if call.service == _COMMAND_LINE else "text"
-        return {**shown, "kind": kind, "bytes": escaped(call.text), "hex": call.text.hex(" ")}
-    return {**shown, "kind": "plain"}
+        kind = "command" if call.service == _CLI_RUNNER else "text"
+        return {**head, "kind": kind, "bytes": encode_bytes(call.text), "hex": call.text.hex(" ")}
+    return {**head, "kind": "plain"}

@@ -1,8 +1,4 @@
-"""The workbench: the one open appliance of the process, with the scenario in work on it.
-
-Everything is done one at a time, under one lock: the module keeps the interpreter lock during a
-call, but what answers it is Python, and two calls at once would mix their journals.
-"""
+"""The session: the process's one simulator and its scenario, which can be edited."""
 
 from __future__ import annotations
 
@@ -11,223 +7,202 @@ import time
 from collections.abc import Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass
-from pathlib import Path
-from tempfile import TemporaryDirectory
 from typing import Any
 
-from veldarin_simulator import NativeCall, Simulator, parse_capture
+from veldarin_simulator import NativeCall, Scenario, ScenarioError, Simulator, parse_capture
 from veldarin_simulator.console import replies, serialization
-from veldarin_simulator.console.errors import Problem
-from veldarin_simulator.console.scenario_store import Files, Shelf
-from veldarin_simulator.providers import ScenarioError, default_answers
-from veldarin_simulator.scenario import load
+from veldarin_simulator.console.arguments import encode_utf8
+from veldarin_simulator.console.errors import ApiError
+from veldarin_simulator.console.scenario_store import ScenarioStore
 from veldarin_simulator.stub import Function, functions
 
 
 @dataclass(frozen=True)
-class Called:
-    """What a call left behind; either `result` or `raised` is there, in the form of `showing`."""
+class CallResult:
+    """The outcome of a call; either `result` or `exception` is set, encoded for JSON."""
 
     result: dict[str, Any] | None
-    raised: dict[str, Any] | None
-    journal: list[NativeCall]
+    exception: dict[str, Any] | None
+    call_log: list[NativeCall]
     seconds: float
-    failed_answers: str | None  # what went wrong in the stand-in itself
+    simulator_error: str | None  # raised by the simulator itself, not by the module
 
 
-class Bench:
-    """An appliance that answers from this machine, below a scenario that can be edited.
+class Session:
+    """A simulator that replies from this machine's state, with a scenario in front of it.
 
-    Close it, or use it in a `with` block. `ScenarioError`, `OSError`, `RuntimeError`: as
-    `Appliance`, for the scenario that the shelf was given; `Problem`: it cannot be read.
+    Close it, or use it in a `with` block. A lock serializes all methods: they share one simulator
+    and one call log.
+
+    Args:
+        store: The scenarios. Its initial scenario is loaded.
+
+    Raises:
+        ApiError: The initial scenario cannot be read.
+        ScenarioError: The initial scenario is invalid.
+        RuntimeError: Nothing is built, or the process has another simulator.
     """
 
-    def __init__(self, shelf: Shelf) -> None:
+    def __init__(self, store: ScenarioStore) -> None:
         self.functions: dict[str, Function] = functions()
-        self._shelf = shelf
+        self._store = store
         self._lock = threading.Lock()
-        self._folder = TemporaryDirectory(prefix="console-")
-        self._simulator: Simulator | None = None
-        self._loaded: str | None = None if shelf.given is None else shelf.given.name
-        try:
-            self._files: Files = {} if self._loaded is None else shelf.read(self._loaded)
-            self._saved = dict(self._files)
-            self._open(self._files)
-        except BaseException:
-            self._folder.cleanup()
-            raise
+        self._loaded = None if store.initial is None else store.initial.name
+        self._saved = Scenario() if self._loaded is None else store.load(self._loaded)
+        self._simulator: Simulator | None = Simulator(self._saved)
 
-    def __enter__(self) -> Bench:
+    def __enter__(self) -> Session:
         return self
 
     def __exit__(self, *_: object) -> None:
         self.close()
 
     def close(self) -> None:
-        """Ends the appliance; what was not saved is gone."""
+        """Close the simulator and discard unsaved edits."""
         with self._lock:
             if self._simulator is not None:
                 self._simulator.close()
                 self._simulator = None
-            self._folder.cleanup()
 
-    # Calls
+    @contextmanager
+    def simulator(self) -> Iterator[Simulator]:
+        """Lock the session and yield its simulator.
 
-    def call(self, name: str, positional: list[Any], named: dict[str, Any]) -> Called:
-        """Calls a function of the module, whatever it is given."""
-        with self._locked() as simulator:
+        Raises:
+            ApiError: The session is closed.
+        """
+        with self._lock:
+            if self._simulator is None:
+                raise ApiError(503, "the console is shutting down")
+            yield self._simulator
+
+    def call(self, name: str, positional: list[Any], keywords: dict[str, Any]) -> CallResult:
+        """Call a function of the module with any arguments."""
+        with self.simulator() as simulator:
             function = getattr(simulator.module, name)
-            result = raised = failed = None
+            result = exception = simulator_error = None
             simulator.clear_calls()
             started = time.perf_counter()
             try:
-                returned = function(*positional, **named)
+                returned = function(*positional, **keywords)
             except Exception as error:
                 seconds = time.perf_counter() - started
-                raised = serialization.raised(error, __file__)
+                exception = serialization.encode_exception(error, __file__)
             else:
                 seconds = time.perf_counter() - started
-                # Now: what is shared between calls may be another one after the next.
-                result = serialization.result(returned)
-            journal = simulator.call_log
+                # Encode under the lock: a later call may change an object that calls share.
+                result = serialization.encode_result(returned)
+            call_log = simulator.call_log
             try:
                 simulator.raise_errors()
             except Exception as error:
-                failed = "".join(f"{type(error).__name__}: {error}")
-            return Called(result, raised, journal, seconds, failed)
+                simulator_error = f"{type(error).__name__}: {error}"
+            return CallResult(result, exception, call_log, seconds, simulator_error)
 
     def parse(
-        self, kind: parse_capture.Kind, text: bytes
-    ) -> tuple[parse_capture.Outcome, dict[int, list[parse_capture.Path]] | None]:
-        """What a parser makes of a captured text, and the values that each line brought."""
-        with self._locked() as simulator:
-            try:
-                outcome = parse_capture.parsed(simulator, kind, text)
-                if outcome.error is not None:
-                    return outcome, None
-                return outcome, parse_capture.origins(simulator, kind, text, outcome.result)
-            finally:
-                simulator.set_reply("get_cli_cmd_output", self._answers["get_cli_cmd_output"])
+        self, parser: parse_capture.Parser, text: bytes
+    ) -> tuple[parse_capture.ParseResult, dict[int, list[parse_capture.Path]] | None]:
+        """Run a parser on command output.
 
-    # Scenarios
+        Returns:
+            The result, and for each line the paths of the values that came from it. The latter is
+            None for an error or a text that is too long.
+        """
+        with self.simulator() as simulator:
+            parsed = parse_capture.parse(simulator, parser, text)
+            if parsed.error is not None:
+                return parsed, None
+            return parsed, parse_capture.line_origins(simulator, parser, text, parsed.result)
 
     def scenarios(self) -> dict[str, Any]:
-        """The scenarios there are, which one is loaded, whether it has unsaved changes."""
-        with self._lock:
+        """Return the names of the scenarios and the state of the loaded one."""
+        with self.simulator() as simulator:
             loaded = self._loaded
             return {
                 "loaded": loaded,
-                "folder": None if loaded is None else str(self._shelf.path(loaded)),
-                "shelf": str(self._shelf.folder),
-                "changed": self._files != self._saved,
-                "scenarios": self._shelf.names(),
+                "directory": None if loaded is None else str(self._store.path(loaded)),
+                "store": str(self._store.directory),
+                "modified": simulator.scenario != self._saved,
+                "scenarios": self._store.names(),
             }
 
     def load(self, name: str | None) -> None:
-        """Answers from a scenario, or from none; unsaved changes are gone. Raises `Problem`."""
-        with self._lock:
-            files = {} if name is None else self._shelf.read(name)
-            self._use(files)
-            self._loaded, self._saved = name, dict(files)
+        """Load a scenario, or none, and discard unsaved edits.
+
+        Raises:
+            ApiError: The scenario does not exist, cannot be read or is invalid.
+        """
+        with self.simulator() as simulator, _scenario_errors():
+            scenario = Scenario() if name is None else self._store.load(name)
+            simulator.use_scenario(scenario)
+            self._loaded, self._saved = name, scenario
 
     def save(self, name: str) -> None:
-        """Writes the answers in work into the scenario's folder. Raises `Problem`: one that is not
-        loaded is there already."""
-        with self._lock:
-            if name != self._loaded and name in self._shelf.names():
-                raise Problem(409, f"there is a scenario {name} already: load it, or choose a name")
-            self._shelf.write(name, self._files)
-            self._loaded, self._saved = name, dict(self._files)
+        """Save the current scenario under a name, which becomes the loaded one.
 
-    # Answers
+        Raises:
+            ApiError: Another scenario has the name, or the scenario cannot be written.
+        """
+        with self.simulator() as simulator:
+            if name != self._loaded and name in self._store.names():
+                detail = f"the scenario {name} already exists: load it, or choose another name"
+                raise ApiError(409, detail)
+            self._store.save(name, simulator.scenario)
+            self._loaded, self._saved = name, simulator.scenario
 
-    def answers(self) -> list[dict[str, Any]]:
-        """Every answer there can be: its name, what it is, where it comes from, whether the
-        scenario in work holds it."""
-        with self._locked() as simulator:
-            stock = {name: simulator.source(name) for name in self._services()}
-            return [
-                {
-                    "name": name,
-                    "command": replies.is_command(name),
-                    "own": replies.file_of(name, self._files) in self._files,
-                    "changed": self._changed(name),
-                    "source": stock.get(name),
-                }
-                for name in replies.names(self._files)
-            ]
+    def replies(self) -> list[dict[str, Any]]:
+        """Return every service and command: its source, whether the scenario overrides it."""
+        with self.simulator() as simulator:
+            scenario, listed = simulator.scenario, []
+            for name in replies.names(scenario):
+                file, command = replies.file_name(name, scenario), replies.is_command(name)
+                listed.append(
+                    {
+                        "name": name,
+                        "command": command,
+                        "overridden": file in scenario,
+                        "modified": scenario.get(file) != self._saved.get(file),
+                        "source": None if command else simulator.source(name),
+                    }
+                )
+            return listed
 
-    def answer(self, name: str) -> dict[str, Any]:
-        """The text of an answer: the scenario's own, or what is answered without. Raises
-        `Problem`."""
-        with self._lock:
-            file = replies.file_of(name, self._files)
-            own = self._files.get(file)
-            if own is None:
-                try:
-                    text = replies.present(name, self._answers)
-                except Exception as error:
-                    raise Problem(409, f"{name}: {type(error).__name__}: {error}") from error
-            else:
-                text = _decoded(own, file)
-            return {"name": name, "own": own is not None, "file": file, "text": text}
+    def reply(self, name: str) -> dict[str, Any]:
+        """Return the text of a reply, the scenario's or the default.
 
-    def take(self, name: str, text: str | None) -> None:
-        """Answers so from now on; `None`: as without the scenario. Raises `Problem` for a text that
-        is not what the service answers; then nothing has changed."""
-        with self._lock:
-            file = replies.file_of(name, self._files)
-            files = {known: held for known, held in self._files.items() if known != file}
-            if text is not None:
-                try:
-                    files[file] = text.encode()
-                except UnicodeEncodeError as error:
-                    raise Problem(422, "half a surrogate pair is no character") from error
-            self._use(files)
+        Raises:
+            ApiError: No reply can have the name, or the reply has no text.
+        """
+        with self.simulator() as simulator:
+            file = replies.file_name(name, simulator.scenario)
+            user = simulator.scenario.get(file)
+            try:
+                text = replies.default_text(name, simulator) if user is None else user.decode()
+            except UnicodeDecodeError as error:
+                raise ApiError(409, f"{file} is not UTF-8: edit the file itself") from error
+            except Exception as error:
+                raise ApiError(409, f"{name}: {type(error).__name__}: {error}") from error
+            return {"name": name, "overridden": user is not None, "file": file, "text": text}
 
-    # The appliance
+    def set_reply(self, name: str, text: str | None) -> None:
+        """Override a reply from the next call on; None removes the override.
 
-    @contextmanager
-    def _locked(self) -> Iterator[Simulator]:
-        with self._lock:
-            if self._simulator is None:
-                raise Problem(503, "the console is ending")
-            yield self._simulator
-
-    def _services(self) -> list[str]:
-        return [name for name in replies.names({}) if not replies.is_command(name)]
-
-    def _changed(self, name: str) -> bool:
-        file = replies.file_of(name, self._files)
-        return self._files.get(file) != self._saved.get(file)
-
-    def _use(self, files: Files) -> None:
-        try:
-            self._open(files)
-        except ScenarioError as error:
-            where = {} if error.line is None else {"line": error.line}
-            raise Problem(422, error.problem, file=error.path.name, **where) from error
-
-    def _open(self, files: Files) -> None:
-        """Opens the appliance anew; it stays as it is if the files are not what it can use."""
-        with TemporaryDirectory(dir=self._folder.name) as folder:
-            scenario = Path(folder)
-            for name, content in files.items():
-                (scenario / name).parent.mkdir(exist_ok=True)
-                (scenario / name).write_bytes(content)
-            load(scenario)
-            if self._simulator is not None:
-                self._simulator.close()
-                self._simulator = None
-            self._simulator = Simulator(scenario)
-            # A secret of the console's own, the same for as long as it runs.
-            self._simulator.secret_path = Path(self._folder.name) / "preference_cookie_secret"
-            self._answers = default_answers(scenario, live=True)
-        self._files = files
+        Raises:
+            ApiError: The service cannot return the text. Nothing changes.
+        """
+        with self.simulator() as simulator, _scenario_errors():
+            file = replies.file_name(name, simulator.scenario)
+            try:
+                content = None if text is None else encode_utf8(text)
+            except ValueError as error:
+                raise ApiError(422, str(error), file=file) from error
+            simulator.use_scenario(simulator.scenario.with_reply(file, content))
 
 
-def _decoded(content: bytes, file: str) -> str:
+@contextmanager
+def _scenario_errors() -> Iterator[None]:
     try:
-        return content.decode()
-    except UnicodeDecodeError as error:
-        raise Problem(409, f"{file} is not UTF-8: edit the file itself") from error
+        yield
+    except ScenarioError as error:
+        place = {"file": error.path.as_posix(), "line": error.line, "column": error.column}
+        raise ApiError(422, error.problem, **place) from error

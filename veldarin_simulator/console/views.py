@@ -1,4 +1,4 @@
-"""The handlers: what is asked for and what is answered, a function for each row of `app.ROUTES`."""
+"""The views: one function for each row of `app.ROUTES`."""
 
 from __future__ import annotations
 
@@ -10,139 +10,146 @@ from pyramid.response import Response
 
 from veldarin_simulator import parse_capture
 from veldarin_simulator.console import serialization
-from veldarin_simulator.console.arguments import arguments
-from veldarin_simulator.console.errors import Problem
-from veldarin_simulator.console.function_index import catalogue
-from veldarin_simulator.console.session import Bench
-from veldarin_simulator.simulator import PRODUCT
+from veldarin_simulator.console.arguments import decode_call, encode_utf8
+from veldarin_simulator.console.errors import ApiError
+from veldarin_simulator.console.function_index import function_index
+from veldarin_simulator.console.session import Session
+from veldarin_simulator.simulator import MODULE
 
 _PAGE = Path(__file__).with_name("static") / "console.html"
 
-# A request of the web framework, which has no types.
-Request = Any
-Shown = dict[str, Any]
+Request = Any  # Pyramid has no types
+View = dict[str, Any]
 
 
 def page(_request: Request) -> Response:
-    """The page itself."""
+    """Return the page."""
     return Response(body=_PAGE.read_bytes(), content_type="text/html", charset="utf-8")
 
 
-def functions(request: Request) -> Shown:
-    """The thirty functions by subsystem."""
-    return {"module": PRODUCT, "subsystems": catalogue(_bench(request).functions)}
+def list_functions(request: Request) -> View:
+    """Return the thirty functions by subsystem."""
+    return {"module": MODULE, "subsystems": function_index(_session(request).functions)}
 
 
-def call(request: Request) -> Shown:
-    """Calls a function. That it raises is an answer too."""
-    bench, name = _bench(request), request.matchdict["name"]
-    if name not in bench.functions:
-        raise Problem(404, f"the module has no function {name}")
-    positional, named = arguments(_body(request))
-    called = bench.call(name, positional, named)
-    outcome = {"result": called.result} if called.raised is None else {"raised": called.raised}
+def call_function(request: Request) -> View:
+    """Call a function; an exception that it raises is an ordinary response."""
+    session, name = _session(request), request.matchdict["name"]
+    if name not in session.functions:
+        raise ApiError(404, f"the module has no function {name}")
+    call = session.call(name, *decode_call(_body(request)))
+    outcome = "result" if call.exception is None else "exception"
     return {
         "function": name,
-        **outcome,
-        "source": serialization.source(called.journal),
-        "microseconds": round(called.seconds * 1e6, 1),
-        "journal": [serialization.native_call(entry) for entry in called.journal],
-        **({"failed_answers": called.failed_answers} if called.failed_answers else {}),
+        outcome: getattr(call, outcome),
+        "source": serialization.encode_source(call.call_log),
+        "microseconds": round(call.seconds * 1e6, 1),
+        "call_log": [serialization.encode_native_call(entry) for entry in call.call_log],
+        **({"simulator_error": call.simulator_error} if call.simulator_error else {}),
     }
 
 
-def parse(request: Request) -> Shown:
-    """Runs a captured text through a parser."""
-    kind = parse_capture.KINDS.get(request.matchdict["kind"])
-    if kind is None:
-        raise Problem(404, f"captures are of the kinds {', '.join(parse_capture.KINDS)}")
-    text = _text(_body(request), "text")
+def parse(request: Request) -> View:
+    """Run a parser on command output."""
+    parser = parse_capture.PARSERS.get(request.matchdict["kind"])
+    if parser is None:
+        raise ApiError(404, f"there is no such parser, only {', '.join(parse_capture.PARSERS)}")
+    text = _string(_body(request), "text")
     try:
-        content = text.encode()
-    except UnicodeEncodeError as error:
-        raise Problem(400, "half a surrogate pair is no character", at="text") from error
-    outcome, origins = _bench(request).parse(kind, content)
-    shown: Shown = {"lines": text.partition("\0")[0].split("\n")}
-    if outcome.end is not None:
-        shown["note"] = f"the text ends at its first NUL byte, offset {outcome.end}"
-    if outcome.error is not None:
-        place = {"line": outcome.line, "problem": outcome.problem}
-        return {
-            **shown,
-            "raised": {**serialization.raised(outcome.error, parse_capture.__file__), **place},
-        }
+        content = encode_utf8(text)
+    except ValueError as error:
+        raise ApiError(400, str(error), at="text") from error
+    parsed, origins = _session(request).parse(parser, content)
+    view: View = {"lines": text.partition("\0")[0].split("\n")}
+    if parsed.end is not None:
+        view["note"] = f"the text ends at its first NUL byte, offset {parsed.end}"
+    if parsed.error is not None:
+        exception = serialization.encode_exception(parsed.error, parse_capture.__file__)
+        view["exception"] = {**exception, "line": parsed.line, "detail": parsed.problem}
+        return view
     if origins is None:
-        shown["note"] = (
-            f"values are told from lines in texts of up to {parse_capture.MOST_LINES} lines"
+        view["note"] = (
+            f"the text has more than {parse_capture.MAX_LINES} lines: origins are not traced"
         )
-    told = [{"line": line, "values": list(values)} for line, values in (origins or {}).items()]
-    result = serialization.result(outcome.result)
-    return {**shown, "result": result, "origins": told, "passed_over": outcome.passed_over}
+    return {
+        **view,
+        "result": serialization.encode_result(parsed.result),
+        "origins": [{"line": line, "values": paths} for line, paths in (origins or {}).items()],
+        "skipped": parsed.skipped,
+    }
 
 
-def scenarios(request: Request) -> Shown:
-    """The scenarios there are, and the one in work."""
-    return _bench(request).scenarios()
+def list_scenarios(request: Request) -> View:
+    """Return the scenarios and the state of the current one."""
+    return _session(request).scenarios()
 
 
-def load(request: Request) -> Shown:
-    """Loads a scenario, null for none."""
+def put_current_scenario(request: Request) -> View:
+    """Load a scenario, or none for a null name."""
     body = _body(request)
-    _bench(request).load(None if body.get("name") is None else _text(body, "name"))
-    return _bench(request).scenarios()
+    if "name" not in body:
+        detail = 'expected "name"; a scenario cannot be saved under the name "current"'
+        raise ApiError(400, detail, at="name")
+    _session(request).load(None if body["name"] is None else _string(body, "name"))
+    return _session(request).scenarios()
 
 
-def save(request: Request) -> Shown:
-    """Saves the answers in work."""
-    _bench(request).save(_text(_body(request), "name"))
-    return _bench(request).scenarios()
+def put_scenario(request: Request) -> View:
+    """Save the current replies under a name."""
+    for key in _body(request):
+        raise ApiError(400, "saving a scenario takes no parameters: send {}", at=key)
+    _session(request).save(request.matchdict["name"])
+    return _session(request).scenarios()
 
 
-def answers(request: Request) -> Shown:
-    """Every answer, and where it comes from."""
-    return {"answers": _bench(request).answers()}
+def list_replies(request: Request) -> View:
+    """Return every service and command with the source of its reply."""
+    return {"replies": _session(request).replies()}
 
 
-def answer(request: Request) -> Shown:
-    """One answer's text."""
-    return _bench(request).answer(request.matchdict["name"])
+def get_reply(request: Request) -> View:
+    """Return the text of one reply."""
+    return _session(request).reply(request.matchdict["name"])
 
 
-def take(request: Request) -> Shown:
-    """Takes a text as an answer, null for none of the scenario's own."""
-    body, name = _body(request), request.matchdict["name"]
-    if "text" not in body:
-        raise Problem(400, '"text" is a text, or null', at="text")
-    _bench(request).take(name, None if body["text"] is None else _text(body, "text"))
-    return _bench(request).answer(name)
+def put_reply(request: Request) -> View:
+    """Override one reply."""
+    _session(request).set_reply(request.matchdict["name"], _string(_body(request), "text"))
+    return get_reply(request)
 
 
-def _bench(request: Request) -> Bench:
-    bench: Bench = request.registry["bench"]
-    return bench
+def delete_reply(request: Request) -> View:
+    """Remove the override of one reply."""
+    _session(request).set_reply(request.matchdict["name"], None)
+    return get_reply(request)
+
+
+def _session(request: Request) -> Session:
+    session: Session = request.registry["session"]
+    return session
 
 
 def _body(request: Request) -> dict[str, Any]:
     try:
-        body = json.loads(request.body.decode("utf-8"), parse_constant=_refuse)
+        body = json.loads(request.body.decode("utf-8"), parse_constant=_reject_constant)
     except UnicodeDecodeError as error:
-        raise Problem(400, "the body is not UTF-8") from error
+        raise ApiError(400, "the body is not UTF-8") from error
     except json.JSONDecodeError as error:
-        where = {"line": error.lineno, "column": error.colno}
-        raise Problem(400, f"the body is not JSON: {error.msg}", **where) from error
+        place = {"line": error.lineno, "column": error.colno}
+        raise ApiError(400, f"the body is not JSON: {error.msg}", **place) from error
     except (ValueError, RecursionError) as error:
-        raise Problem(400, f"the body is not JSON: {error}") from error
+        raise ApiError(400, f"the body is not JSON: {error}") from error
     if not isinstance(body, dict):
-        raise Problem(400, "the body is a JSON object")
+        raise ApiError(400, "the body must be a JSON object")
     return body
 
 
-def _refuse(name: str) -> None:
-    raise ValueError(f"{name} is no JSON number")
+def _reject_constant(name: str) -> None:
+    raise ValueError(f"{name} is not valid JSON")
 
 
-def _text(body: dict[str, Any], key: str) -> str:
-    text = body.get(key)
-    if not isinstance(text, str):
-        raise Problem(400, f'"{key}" is a text', at=key)
-    return text
+def _string(body: dict[str, Any], key: str) -> str:
+    value = body.get(key)
+    if not isinstance(value, str):
+        raise ApiError(400, f'"{key}" must be a string', at=key)
+    return value

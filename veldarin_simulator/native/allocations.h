@@ -1,5 +1,5 @@
-// What the library hands out: json-c objects and text buffers. Every allocation that reaches a
-// caller is made here, and here it is counted until json-c or PyMem_Free gives it back.
+// Allocates json-c objects and text buffers for callers, and counts each until json-c or PyMem_Free
+// frees it.
 #pragma once
 
 #include <string>
@@ -9,23 +9,23 @@
 
 namespace simulator {
 
-enum class Counted : bool { no, yes };
+enum class Tracked : bool { no, yes };
 
-// Counts start at zero; text buffers are followed only while `counting`. False: out of memory.
-bool open_handout(bool counting);
-void close_handout();
-simulator_counts counts();
+// Resets the counts. Counts text buffers only if `track_buffers`. Returns false if memory runs out.
+bool start_tracking(bool track_buffers);
+void stop_tracking();
+simulator_live_counts live_counts();
 
-// A new object for a reply (owned by the caller), null with a reason where there can be none.
-// JSON text `null` is a null pointer without a reason, as json-c itself has it.
-json_object *new_object(const simulator_reply &reply, Counted counted, const char **reason);
+// Returns a new object for a reply, or null; with a reason if there is an error. JSON text `null`
+// is a null pointer without a reason, as in json-c.
+json_object *new_object(const simulator_reply &reply, Tracked tracked, const char **reason);
 
-// A buffer from PyMem_Malloc holding the text and a NUL, or null.
+// Returns a buffer from PyMem_Malloc with the text and a NUL, or null.
 char *new_text(std::string_view text);
-// The same for a caller that takes no null: if memory fails, an empty text set aside before.
+// Returns the same, or an empty text from the reserve if memory runs out.
 char *new_text_never_null(std::string_view text);
 
-// Follows an object or array that someone else made.
-void watch(json_object *root);
+// Tracks an object or array that util.json created.
+void track_object(json_object *root);
 
 }  // namespace simulator

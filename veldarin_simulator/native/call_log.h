@@ -1,6 +1,6 @@
-// The journal: every call of a native service, and every method-table release of a JSONObject, in
-// the order in which they came. It holds copies in the library's own memory, so that keeping it
-// does not disturb what tests measure of the interpreter.
+// The call log: every call of a native service and every method-table release of a JSONObject, in
+// order. It copies texts into the library's own memory, which the tests' measurements of the
+// interpreter's memory do not include.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace simulator {
 
-struct Entry {
+struct LogEntry {
     const char *service;  // static
     void *context = nullptr;
     void *third = nullptr;
@@ -20,14 +20,13 @@ struct Entry {
     int source = 0;
 };
 
-using EntryId = std::size_t;
+using LogIndex = std::size_t;
 
-EntryId journal_add(Entry entry);
-// An answer may come after the journal was forgotten; then there is nothing to mark.
-void journal_mark(EntryId id, int source);
-void journal_forget();
+LogIndex log_call(LogEntry entry);
+// Does nothing if the log was cleared since.
+void set_source(LogIndex index, int source);
 
-// The JSON text of an object (null included) as the journal keeps it: no spaces, `/` as it is.
-std::string rendered(json_object *object);
+// Returns the JSON text of an object (or null) without spaces and with `/` not escaped.
+std::string to_json(json_object *object);
 
 }  // namespace simulator

@@ -1,6 +1,5 @@
-// The native services themselves, each exported under its own name with its exact signature, over
-// one slot per service: a canned reply, handed out without entering Python, or the callback that
-// asks Python, journalled.
+// The native services, each exported under its own name with its exact signature. A service returns
+// its fixed reply without entering Python, or logs the call and runs the callback.
 #include "services.h"
 
 #include <chrono>
@@ -16,40 +15,39 @@
 namespace simulator {
 namespace {
 
-// A reply that is kept: canned, or the one of a call under way.
-struct Kept {
+struct StoredReply {
     json_object *object = nullptr;  // owned
-    bool is_text = false;           // else a null in place of text
+    bool is_text = false;           // otherwise a null pointer
     std::string text;
     unsigned long number = 0;
 };
 
-struct Slot {
-    bool canned = false;
-    Kept kept;
+struct ServiceSlot {
+    bool is_fixed = false;
+    StoredReply reply;
     unsigned long calls = 0;
 };
 
-// A call that Python is being asked about. Each thread has its own, as the lock may change hands
-// while a callback runs; a callback may itself call services, hence `outer`.
-struct Question {
+// A call whose callback runs. Each thread has its own, because another thread may take the
+// interpreter lock meanwhile; `outer` is set if a callback calls services itself.
+struct PendingCall {
     Service service;
-    std::size_t room = 0;  // longest text that a buffer in place can take
-    Question *outer = nullptr;
-    bool answered = false;
+    std::size_t capacity = 0;  // of the caller's buffer, for a reply in place
+    PendingCall *outer = nullptr;
+    bool has_reply = false;
     int source = 0;
-    Kept kept{};
+    StoredReply reply{};
 };
 
-Slot slots[kServices];
-unsigned long misfits = 0;
-std::size_t canned_services = 0;
-simulator_callback ask_python = nullptr;
-thread_local Question *asked = nullptr;
+ServiceSlot slots[kServices];
+std::size_t fixed_services = 0;
+unsigned long oversized = 0;
+simulator_callback callback = nullptr;
+thread_local PendingCall *pending = nullptr;
 
-// What JSONObject() holds. Instances borrow them, so none is ever freed: one per text.
-std::vector<json_object *> blanks;
-json_object *blank = nullptr;
+// One object for each text, never freed: instances of JSONObject borrow them.
+std::vector<json_object *> interned_defaults;
+json_object *default_response = nullptr;
 
 bool records_serializer = false;
 
@@ -82,190 +80,194 @@ void probe_gil() {
     }
 }
 
-Slot &slot_of(Service service) { return slots[static_cast<std::size_t>(service)]; }
+ServiceSlot &slot_of(Service service) { return slots[static_cast<std::size_t>(service)]; }
 
-// Takes over a reply in the form of the service; null, or the reason why not.
-const char *keep(simulator_form form, const simulator_reply &reply, Counted counted, Kept *kept) {
+// Copies a reply in the form of the service. Returns null, or the reason why it cannot.
+const char *store(simulator_form form, const simulator_reply &reply, Tracked tracked,
+                  StoredReply *stored) {
     const char *reason = nullptr;
     switch (form) {
-        case APPLIANCE_FORM_JSON: kept->object = new_object(reply, counted, &reason); return reason;
-        case APPLIANCE_FORM_TEXT:
-        case APPLIANCE_FORM_WRAPPED:
-        case APPLIANCE_FORM_IN_PLACE:
-            if (reply.kind == APPLIANCE_REPLY_NULL && form != APPLIANCE_FORM_WRAPPED) {
+        case SIMULATOR_FORM_JSON:
+            stored->object = new_object(reply, tracked, &reason);
+            return reason;
+        case SIMULATOR_FORM_TEXT:
+        case SIMULATOR_FORM_WRAPPED:
+        case SIMULATOR_FORM_IN_PLACE:
+            if (reply.kind == SIMULATOR_REPLY_NULL && form != SIMULATOR_FORM_WRAPPED) {
                 return nullptr;
             }
-            if (reply.kind != APPLIANCE_REPLY_TEXT || reply.text == nullptr) {
-                return "the service hands back text";
+            if (reply.kind != SIMULATOR_REPLY_TEXT || reply.text == nullptr) {
+                return "the service returns text";
             }
-            kept->is_text = true;
-            kept->text.assign(reply.text, reply.length);
-            if (form == APPLIANCE_FORM_IN_PLACE) {
-                kept->text.resize(std::strlen(kept->text.c_str()));  // what counts against the room
+            stored->is_text = true;
+            stored->text.assign(reply.text, reply.length);
+            if (form == SIMULATOR_FORM_IN_PLACE) {
+                stored->text.resize(std::strlen(stored->text.c_str()));  // compared to the capacity
             }
             return nullptr;
-        case APPLIANCE_FORM_COUNT:
-        case APPLIANCE_FORM_STATUS:
-            if (reply.kind != APPLIANCE_REPLY_NUMBER) {
-                return "the service hands back a number";
+        case SIMULATOR_FORM_COUNT:
+        case SIMULATOR_FORM_STATUS:
+            if (reply.kind != SIMULATOR_REPLY_NUMBER) {
+                return "the service returns a number";
             }
-            kept->number = reply.number;
+            stored->number = reply.number;
             return nullptr;
     }
-    return "no such form";
+    return "unknown form";
 }
 
-void uncan(Slot &slot) {
-    if (slot.canned) {
-        json_object_put(slot.kept.object);
+void clear_fixed_reply(ServiceSlot &slot) {
+    if (slot.is_fixed) {
+        json_object_put(slot.reply.object);
         slot = {};
-        --canned_services;
+        --fixed_services;
     }
 }
 
-// The object itself, or the blank of the same text in its place.
-json_object *kept_blank(json_object *object) {
-    const std::string text = rendered(object);
-    for (json_object *known : blanks) {
-        if (text == rendered(known)) {
+// Returns the object, or the interned one of the same text in its place.
+json_object *intern_default(json_object *object) {
+    const std::string text = to_json(object);
+    for (json_object *known : interned_defaults) {
+        if (text == to_json(known)) {
             json_object_put(object);
             return known;
         }
     }
-    blanks.push_back(object);
+    interned_defaults.push_back(object);
     return object;
 }
 
-// Journals the call and asks Python; without an answer the reply is null, nought or empty.
-Kept ask(Question question, const Entry &entry) {
-    const EntryId id = journal_add(entry);
-    if (ask_python == nullptr) {
+// Logs the call and runs the callback; if that sets no reply, the result is null, 0 or "".
+StoredReply run_callback(PendingCall call, const LogEntry &entry) {
+    const LogIndex index = log_call(entry);
+    if (callback == nullptr) {
         return {};
     }
     const auto &input = entry.request ? entry.request : entry.text;
-    question.outer = asked;
-    asked = &question;
-    ask_python(entry.service, input ? input->c_str() : nullptr);
-    asked = question.outer;
-    journal_mark(id, question.source);
-    return std::move(question.kept);
+    call.outer = pending;
+    pending = &call;
+    callback(entry.service, input ? input->c_str() : nullptr);
+    pending = call.outer;
+    set_source(index, call.source);
+    return std::move(call.reply);
 }
 
 json_object *reply_object(Service service, void *context, json_object *request, void *third) {
     probe_gil();
-    Slot &slot = slot_of(service);
-    if (slot.canned) {
+    ServiceSlot &slot = slot_of(service);
+    if (slot.is_fixed) {
         ++slot.calls;
-        return json_object_get(slot.kept.object);
+        return json_object_get(slot.reply.object);
     }
-    return ask({service}, {row(service).name, context, third, rendered(request)}).object;
+    return run_callback({service}, {row(service).name, context, third, to_json(request)}).object;
 }
 
-// The reply is the slot's, or one put into `answer`.
-const Kept &reply(Service service, void *context, const char *text, Kept &answer) {
+// Returns the slot's reply, or stores the callback's in `storage`.
+const StoredReply &reply(Service service, void *context, const char *text, StoredReply &storage) {
     probe_gil();
-    Slot &slot = slot_of(service);
-    if (slot.canned) {
+    ServiceSlot &slot = slot_of(service);
+    if (slot.is_fixed) {
         ++slot.calls;
-        return slot.kept;
+        return slot.reply;
     }
-    Entry entry{row(service).name, context};
-    Question question{service};
+    LogEntry entry{row(service).name, context};
+    PendingCall call{service};
     if (text != nullptr) {
         entry.text = text;
-        question.room = entry.text->size();
+        call.capacity = entry.text->size();
     }
-    answer = ask(std::move(question), entry);
-    return answer;
+    storage = run_callback(std::move(call), entry);
+    return storage;
 }
 
 }  // namespace
 }  // namespace simulator
 
-using simulator::Kept;
 using simulator::Service;
+using simulator::StoredReply;
 
-#define STATUS_FUNCTION(name)                                                                      \
-    APPLIANCE_EXPORT json_object *name(void *context, json_object *request) {                      \
+#define QUERY_FUNCTION(name)                                                                       \
+    SIMULATOR_EXPORT json_object *name(void *context, json_object *request) {                      \
         return simulator::reply_object(Service::id_##name, context, request, nullptr);             \
     }
-STATUS_SERVICES(STATUS_FUNCTION)
+QUERY_SERVICES(QUERY_FUNCTION)
 
 #define CAPTURE_FUNCTION(name)                                                                     \
-    APPLIANCE_EXPORT json_object *name(void *context, json_object *request, void *third) {         \
+    SIMULATOR_EXPORT json_object *name(void *context, json_object *request, void *third) {         \
         return simulator::reply_object(Service::id_##name, context, request, third);               \
     }
 CAPTURE_SERVICES(CAPTURE_FUNCTION)
 
-APPLIANCE_EXPORT char *get_cli_cmd_output(void *first, const char *command) {
-    Kept answer;
-    const Kept &kept = simulator::reply(Service::id_get_cli_cmd_output, first, command, answer);
-    return kept.is_text ? simulator::new_text(kept.text) : nullptr;
+SIMULATOR_EXPORT char *get_cli_cmd_output(void *first, const char *command) {
+    StoredReply storage;
+    const auto &reply = simulator::reply(Service::id_get_cli_cmd_output, first, command, storage);
+    return reply.is_text ? simulator::new_text(reply.text) : nullptr;
 }
 
-APPLIANCE_EXPORT unsigned long aps_get_new_cookie_id() {
-    Kept answer;
-    return simulator::reply(Service::id_aps_get_new_cookie_id, nullptr, nullptr, answer).number;
+SIMULATOR_EXPORT unsigned long aps_get_new_cookie_id() {
+    StoredReply storage;
+    return simulator::reply(Service::id_aps_get_new_cookie_id, nullptr, nullptr, storage).number;
 }
 
-APPLIANCE_EXPORT unsigned long __get_aps_hash(const char *text) {
-    Kept answer;
-    return simulator::reply(Service::id___get_aps_hash, nullptr, text, answer).number;
+SIMULATOR_EXPORT unsigned long __get_aps_hash(const char *text) {
+    StoredReply storage;
+    return simulator::reply(Service::id___get_aps_hash, nullptr, text, storage).number;
 }
 
-APPLIANCE_EXPORT char *cookieval_wrap(const char *text) {
-    Kept answer;
-    const Kept &kept = simulator::reply(Service::id_cookieval_wrap, nullptr, text, answer);
-    return simulator::new_text_never_null(kept.text);
+SIMULATOR_EXPORT char *cookieval_wrap(const char *text) {
+    StoredReply storage;
+    const auto &reply = simulator::reply(Service::id_cookieval_wrap, nullptr, text, storage);
+    return simulator::new_text_never_null(reply.text);
 }
 
-// Returns 0 when the text was unwrapped, -1 when the buffer is left as it was.
-APPLIANCE_EXPORT int cookieval_unwrap(char *buffer) {
-    Kept answer;
-    const Kept &kept = simulator::reply(Service::id_cookieval_unwrap, nullptr, buffer, answer);
-    if (!kept.is_text) {
+// Returns 0, or -1 if it leaves the buffer as it was.
+SIMULATOR_EXPORT int cookieval_unwrap(char *buffer) {
+    StoredReply storage;
+    const auto &reply = simulator::reply(Service::id_cookieval_unwrap, nullptr, buffer, storage);
+    if (!reply.is_text) {
         return -1;
     }
-    if (kept.text.size() > std::strlen(buffer)) {
-        ++simulator::misfits;
+    if (reply.text.size() > std::strlen(buffer)) {
+        ++simulator::oversized;
         return -1;
     }
-    std::memcpy(buffer, kept.text.c_str(), kept.text.size() + 1);
+    std::memcpy(buffer, reply.text.c_str(), reply.text.size() + 1);
     return 0;
 }
 
-APPLIANCE_EXPORT int gui_chk_cert_expiration(const char *path) {
-    Kept answer;
-    const Kept &kept = simulator::reply(Service::id_gui_chk_cert_expiration, nullptr, path, answer);
-    return static_cast<int>(kept.number);
+SIMULATOR_EXPORT int gui_chk_cert_expiration(const char *path) {
+    StoredReply storage;
+    const auto &reply =
+        simulator::reply(Service::id_gui_chk_cert_expiration, nullptr, path, storage);
+    return static_cast<int>(reply.number);
 }
 
-// Comes before json-c's own in the process, which is this one call as well.
-APPLIANCE_EXPORT const char *json_object_to_json_string(json_object *object) {
+// Interposes json-c's own function, which is this one call as well.
+SIMULATOR_EXPORT const char *json_object_to_json_string(json_object *object) {
     simulator::probe_gil();
     if (simulator::records_serializer) {
-        simulator::journal_add({__func__, nullptr, nullptr, simulator::rendered(object)});
+        simulator::log_call({__func__, nullptr, nullptr, simulator::to_json(object)});
     }
     return json_object_to_json_string_ext(object, JSON_C_TO_STRING_SPACED);
 }
 
-int simulator_open(simulator_callback callback, int counting) {
+int simulator_open(simulator_callback callback, int track_buffers) {
     simulator_close();
-    simulator::journal_forget();
-    simulator::misfits = 0;
-    simulator::ask_python = callback;
-    return simulator::open_handout(counting != 0) ? 1 : 0;
+    simulator_clear_calls();
+    simulator::oversized = 0;
+    simulator::callback = callback;
+    return simulator::start_tracking(track_buffers != 0) ? 1 : 0;
 }
 
 void simulator_close() {
-    simulator::ask_python = nullptr;
-    simulator::blank = nullptr;
+    simulator::callback = nullptr;
+    simulator::default_response = nullptr;
     simulator::records_serializer = false;
     simulator::gil_probe = {};
     for (auto &slot : simulator::slots) {
-        simulator::uncan(slot);
+        simulator::clear_fixed_reply(slot);
     }
-    simulator::close_handout();
+    simulator::stop_tracking();
 }
 
 const char *simulator_service(size_t index, int *form) {
@@ -276,52 +278,52 @@ const char *simulator_service(size_t index, int *form) {
     return simulator::kRows[index].name;
 }
 
-const char *simulator_answer(const simulator_reply *reply) {
-    simulator::Question *question = simulator::asked;
-    if (question == nullptr || question->answered) {
-        return "no call waits for an answer";
+const char *simulator_set_reply(const simulator_reply *reply) {
+    simulator::PendingCall *call = simulator::pending;
+    if (call == nullptr || call->has_reply) {
+        return "no call waits for a reply";
     }
-    const simulator_form form = simulator::row(question->service).form;
-    const char *reason = simulator::keep(form, *reply, simulator::Counted::yes, &question->kept);
-    if (form == APPLIANCE_FORM_IN_PLACE && question->kept.text.size() > question->room) {
-        question->kept = {};
+    const simulator_form form = simulator::row(call->service).form;
+    const char *reason = simulator::store(form, *reply, simulator::Tracked::yes, &call->reply);
+    if (form == SIMULATOR_FORM_IN_PLACE && call->reply.text.size() > call->capacity) {
+        call->reply = {};
         reason = "the text is longer than the one in the caller's buffer";
     }
     if (reason == nullptr) {
-        question->answered = true;
-        question->source = reply->source;
+        call->has_reply = true;
+        call->source = reply->source;
     }
     return reason;
 }
 
-const char *simulator_can(size_t service, const simulator_reply *reply) {
+const char *simulator_set_fixed_reply(size_t service, const simulator_reply *reply) {
     if (service >= simulator::kServices) {
         return "no such service";
     }
-    simulator::Slot &slot = simulator::slots[service];
-    simulator::uncan(slot);
+    simulator::ServiceSlot &slot = simulator::slots[service];
+    simulator::clear_fixed_reply(slot);
     const simulator_form form = simulator::kRows[service].form;
-    const char *reason = simulator::keep(form, *reply, simulator::Counted::no, &slot.kept);
+    const char *reason = simulator::store(form, *reply, simulator::Tracked::no, &slot.reply);
     if (reason == nullptr) {
-        slot.canned = true;
-        ++simulator::canned_services;
+        slot.is_fixed = true;
+        ++simulator::fixed_services;
     }
     return reason;
 }
 
-void simulator_uncan(size_t service) {
+void simulator_clear_fixed_reply(size_t service) {
     if (service < simulator::kServices) {
-        simulator::uncan(simulator::slots[service]);
+        simulator::clear_fixed_reply(simulator::slots[service]);
     }
 }
 
-unsigned long simulator_canned_calls(size_t service) {
+unsigned long simulator_fixed_reply_calls(size_t service) {
     return service < simulator::kServices ? simulator::slots[service].calls : 0;
 }
 
-unsigned long simulator_canned_misfits() { return std::exchange(simulator::misfits, 0); }
+unsigned long simulator_oversized_replies() { return std::exchange(simulator::oversized, 0); }
 
-void simulator_count(simulator_counts *counts) { *counts = simulator::counts(); }
+void simulator_live_objects(simulator_live_counts *counts) { *counts = simulator::live_counts(); }
 
 void simulator_record_serializer(int record) { simulator::records_serializer = record != 0; }
 
@@ -334,20 +336,20 @@ void simulator_gil_probes(unsigned long *calls, unsigned long *released) {
     *released = simulator::gil_probe.released;
 }
 
-const char *simulator_set_blank(const simulator_reply *reply) {
+const char *simulator_set_default_response(const simulator_reply *reply) {
     const char *reason = nullptr;
-    json_object *object = simulator::new_object(*reply, simulator::Counted::no, &reason);
+    json_object *object = simulator::new_object(*reply, simulator::Tracked::no, &reason);
     if (reason != nullptr) {
         return reason;
     }
-    simulator::blank = object == nullptr ? nullptr : simulator::kept_blank(object);
+    simulator::default_response = object == nullptr ? nullptr : simulator::intern_default(object);
     return nullptr;
 }
 
-json_object *simulator_blank() { return simulator::blank; }
+json_object *simulator_default_response() { return simulator::default_response; }
 
-int simulator_is_blank(const json_object *object) {
-    for (const json_object *known : simulator::blanks) {
+int simulator_is_default_response(const json_object *object) {
+    for (const json_object *known : simulator::interned_defaults) {
         if (known == object) {
             return 1;
         }
@@ -355,11 +357,11 @@ int simulator_is_blank(const json_object *object) {
     return 0;
 }
 
-void simulator_watch(json_object *request) { simulator::watch(request); }
+void simulator_track_request(json_object *request) { simulator::track_object(request); }
 
-// While a service is canned someone measures time; then releases are not journalled.
-void simulator_note_release(json_object *held) {
-    if (simulator::canned_services == 0) {
-        simulator::journal_add({"JSONObject.release", nullptr, nullptr, simulator::rendered(held)});
+// A fixed reply is for measurements of time, which the log would disturb.
+void simulator_log_release(json_object *value) {
+    if (simulator::fixed_services == 0) {
+        simulator::log_call({"JSONObject.release", nullptr, nullptr, simulator::to_json(value)});
     }
 }

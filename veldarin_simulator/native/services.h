@@ -1,5 +1,5 @@
-// The appliance's native services as rows: name and what each hands back. The rows make the
-// identifiers, the table that Python reads, and the exported bridge functions.
+// The native services as rows: name and form of the reply. The rows generate the identifiers, the
+// table that Python reads, and the exported build_... functions.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,7 @@
 #include "simulator.h"
 
 // build_X(context, request) -> json-c object
-#define STATUS_SERVICES(ROW)                                                                       \
+#define QUERY_SERVICES(ROW)                                                                        \
     ROW(build_switch_acl_ingress_stats)                                                            \
     ROW(build_switch_stp_state)                                                                    \
     ROW(build_switch_lg_state)                                                                     \
@@ -30,21 +30,21 @@
     ROW(build_pause_sniffer_profile_capture)                                                       \
     ROW(build_delete_sniffer_profile_capture)
 
-// each with a signature of its own
+// Each has its own signature.
 #define OTHER_SERVICES(ROW)                                                                        \
-    ROW(get_cli_cmd_output, APPLIANCE_FORM_TEXT)                                                   \
-    ROW(aps_get_new_cookie_id, APPLIANCE_FORM_COUNT)                                               \
-    ROW(__get_aps_hash, APPLIANCE_FORM_COUNT)                                                      \
-    ROW(cookieval_wrap, APPLIANCE_FORM_WRAPPED)                                                    \
-    ROW(cookieval_unwrap, APPLIANCE_FORM_IN_PLACE)                                                 \
-    ROW(gui_chk_cert_expiration, APPLIANCE_FORM_STATUS)
+    ROW(get_cli_cmd_output, SIMULATOR_FORM_TEXT)                                                   \
+    ROW(aps_get_new_cookie_id, SIMULATOR_FORM_COUNT)                                               \
+    ROW(__get_aps_hash, SIMULATOR_FORM_COUNT)                                                      \
+    ROW(cookieval_wrap, SIMULATOR_FORM_WRAPPED)                                                    \
+    ROW(cookieval_unwrap, SIMULATOR_FORM_IN_PLACE)                                                 \
+    ROW(gui_chk_cert_expiration, SIMULATOR_FORM_STATUS)
 
 namespace simulator {
 
 enum class Service : std::uint8_t {
 #define IDENTIFIER(name) id_##name,
 #define OTHER_IDENTIFIER(name, form) id_##name,
-    STATUS_SERVICES(IDENTIFIER) CAPTURE_SERVICES(IDENTIFIER) OTHER_SERVICES(OTHER_IDENTIFIER)
+    QUERY_SERVICES(IDENTIFIER) CAPTURE_SERVICES(IDENTIFIER) OTHER_SERVICES(OTHER_IDENTIFIER)
 #undef IDENTIFIER
 #undef OTHER_IDENTIFIER
 };
@@ -55,9 +55,9 @@ struct Row {
 };
 
 inline constexpr Row kRows[] = {
-#define JSON_ROW(name) {#name, APPLIANCE_FORM_JSON},
+#define JSON_ROW(name) {#name, SIMULATOR_FORM_JSON},
 #define OTHER_ROW(name, form) {#name, form},
-    STATUS_SERVICES(JSON_ROW) CAPTURE_SERVICES(JSON_ROW) OTHER_SERVICES(OTHER_ROW)
+    QUERY_SERVICES(JSON_ROW) CAPTURE_SERVICES(JSON_ROW) OTHER_SERVICES(OTHER_ROW)
 #undef JSON_ROW
 #undef OTHER_ROW
 };

@@ -1,14 +1,12 @@
-"""What the stand-in appliance answers by default: this Linux machine's state, and recordings.
+"""Providers: where the simulator's replies come from, by default.
 
-One file per concern: `arp`, `routing`, `links`, `ports`, `storage`, `multicast`, `certificates`,
-`cookies`, `bfd` read this machine; `recorded` and `captures` hold what a plain machine has not got;
-`commands` is the command line. Nothing is made up on the way: an answer is live or recorded, and
-says so.
+`arp`, `routing`, `links`, `ports`, `storage`, `multicast`, `certificates`, `cookies`, `bfd` and
+`serial_number` read this machine; `sniffer` keeps the state of recorded packet captures;
+`cli_commands` runs commands. No provider invents data: a reply is live or recorded, and says so.
 """
 
 from __future__ import annotations
 
-from pathlib import Path
 from typing import Any
 
 from veldarin_simulator.providers import (
@@ -20,44 +18,97 @@ from veldarin_simulator.providers import (
     serial_number,
     storage,
 )
-from veldarin_simulator.providers.cli_commands import CommandLine
-from veldarin_simulator.providers.sniffer import Captures
+from veldarin_simulator.providers.cli_commands import CommandRunner
+from veldarin_simulator.providers.sniffer import CONTROLS, SUMMARY, SnifferProfiles
 from veldarin_simulator.reply import Reply
-from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, ScenarioError, load, row_filter
+from veldarin_simulator.scenario import (
+    CLI_SERVICE,
+    DEFAULT_SCENARIO,
+    SERVICES,
+    Scenario,
+    changed_services,
+    filter_rows,
+)
 
-__all__ = ["ScenarioError", "default_answers"]
 
-_SUMMARY = "build_system_sniffer_profile_summary"
+class Providers:
+    """The replies of all services: the user's scenario, this machine, then the default scenario.
 
+    A reply may raise later, when it is used: `OSError` if the machine withholds what it reads.
 
-def default_answers(scenario: Path | None, live: bool) -> dict[str, Reply]:
-    """Service name to its answer, for `Appliance.set_reply`; the serial number is one of them.
+    Args:
+        scenario: The user's scenario.
+        live: Whether this machine and the default scenario follow.
 
-    The scenario, a directory as scenarios/README.md describes it, comes first. With
-    `live` this machine's state is next, and the recordings for everybody are last; without it the
-    scenario is all there is. Raises `ScenarioError` for a scenario that cannot be used. Answers may
-    raise later, when asked: `OSError` where the machine withholds what they read.
+    Raises:
+        ScenarioError: The default scenario cannot be used.
+        OSError: The machine has no serial number and none can be stored.
     """
-    own = load(scenario) if scenario is not None else Scenario()
-    stock = load(DEFAULT_SCENARIO) if live else Scenario()
-    answers = _recorded(stock)
-    if live:
-        answers.update((service, Reply(reply, "live")) for service, reply in _live().items())
-    answers.update(_recorded(own))
-    if live or own.commands:
-        command_line = CommandLine(own, stock, live)
-        answers["get_cli_cmd_output"] = Reply(command_line.output, "live" if live else "recorded")
-    return answers
+
+    def __init__(self, scenario: Scenario, live: bool) -> None:
+        default = Scenario.load(DEFAULT_SCENARIO) if live else Scenario()
+        self._user = _Recorded(scenario)
+        self._default = _Recorded(default)
+        self._live = _live_replies() if live else {}
+        self._commands = CommandRunner(scenario, default, live)
+
+    @property
+    def scenario(self) -> Scenario:
+        """The user's scenario."""
+        return self._user.scenario
+
+    def replies(self) -> dict[str, Reply]:
+        """Return the replies of all services that have one."""
+        found = {service: self.reply(service) for service in (*SERVICES, CLI_SERVICE)}
+        return {service: reply for service, reply in found.items() if reply is not None}
+
+    def reply(self, service: str) -> Reply | None:
+        """Return the reply of a service, or None."""
+        if service == CLI_SERVICE:
+            return self._commands.reply()
+        return self._user.reply(service) or self._live.get(service) or self._default.reply(service)
+
+    def use_scenario(self, scenario: Scenario) -> set[str]:
+        """Replace the user's scenario. Return the services whose reply has changed.
+
+        Packet captures keep their state, unless the list of sniffer profiles changes.
+        """
+        changed = changed_services(self.scenario, scenario)
+        if SUMMARY in changed:
+            self._user = _Recorded(scenario)
+            changed.update(CONTROLS)
+        else:
+            self._user.scenario = scenario
+        self._commands.user = scenario
+        return changed
 
 
-def _live() -> dict[str, Any]:
+class _Recorded:
+    """The replies of one scenario, with the state of its packet captures."""
+
+    def __init__(self, scenario: Scenario) -> None:
+        self.scenario = scenario
+        self._profiles: dict[str, Any] = {}
+        if SUMMARY in scenario.services:
+            self._profiles = SnifferProfiles(scenario.services[SUMMARY]).replies()
+
+    def reply(self, service: str) -> Reply | None:
+        services = self.scenario.services
+        if service in services and service != SUMMARY:
+            return Reply(filter_rows(services[service]), "recorded")
+        if service in self._profiles:
+            return Reply(self._profiles[service], "recorded")
+        return None
+
+
+def _live_replies() -> dict[str, Reply]:
     cipher = cookies.ValueCipher()
-    return {
+    live = {
         "serial_number_ascii": serial_number.read(),
         "build_system_interface_physical": links.physical_interfaces,
         "build_system_link_monitor_status": links.link_monitor_status,
         "build_system_flash_list": storage.flash_list,
-        "build_switch_flapguard_status": links.flap_status,
+        "build_switch_flapguard_status": links.flap_guard_status,
         "build_switch_port_statistics": ports.statistics,
         "build_switch_igmp_snooping_group": multicast.groups,
         "gui_chk_cert_expiration": certificates.check,
@@ -66,18 +117,4 @@ def _live() -> dict[str, Any]:
         "cookieval_wrap": cipher.wrap,
         "cookieval_unwrap": cipher.unwrap,
     }
-
-
-def _recorded(scenario: Scenario) -> dict[str, Reply]:
-    replies = {service: row_filter(value) for service, value in scenario.services.items()}
-    if _SUMMARY in scenario.services:
-        captures = Captures(scenario.services[_SUMMARY])
-        controlled = {
-            _SUMMARY: captures.summary,
-            "build_start_sniffer_profile_capture": captures.start,
-            "build_stop_sniffer_profile_capture": captures.stop,
-            "build_pause_sniffer_profile_capture": captures.pause,
-            "build_delete_sniffer_profile_capture": captures.delete,
-        }
-        replies = {**controlled, **{k: v for k, v in replies.items() if k != _SUMMARY}}
-    return {service: Reply(reply, "recorded") for service, reply in replies.items()}
+    return {service: Reply(reply, "live") for service, reply in live.items()}

@@ -1,12 +1,12 @@
-"""BFD neighbours of a routing daemon on this machine, for "get router info bfd neighbor".
+"""The output of "get router info bfd neighbor": BFD sessions of a routing daemon on this machine.
 
-Source: the daemon's shell, `vtysh` (Debian package frr): "show bfd peers" and, for one neighbour,
-"show bfd peers counters". Its text is brought into the layout that the module's BFD parser reads:
+Source: the daemon's shell, `vtysh` (Debian package frr), with "show bfd peers" and, for a single
+session, "show bfd peers counters". `render` writes the layout that the module's parser reads:
 
     BFD Peers:                              the parser skips the first line
-    peer ADDRESS interface NAME             "vrf NAME" for a session bound to no interface
-        Status: up                          what the daemon prints, line by line
-        Local echo receive interval: 50ms   timers beyond the three that a block holds
+    peer ADDRESS interface NAME             "vrf NAME" for a session without interface
+        Status: up                          the daemon's lines
+        Local echo receive interval: 50ms   timers beyond the three of a block
         Local timers
             Detect-multiplier: 3            exactly three lines
             Receive interval: 300ms
@@ -23,66 +23,66 @@ from ipaddress import ip_address
 from typing import NamedTuple
 
 _TITLE = "BFD Peers:"
-_NO_SESSIONS = f"{_TITLE}\n"
 _TIMERS_IN_BLOCK = 3
-_PATIENCE = 5.0  # seconds for one command of the daemon's shell
+_TIMEOUT = 5.0  # seconds for a command of the daemon's shell
 
 
 class Key(NamedTuple):
-    """What tells sessions apart: the neighbour's address, and the interface or VRF ("interface" or
-    "vrf", then its name)."""
+    """The identity of a session; `scope` is "interface" or "vrf", `name` is its name."""
 
     address: str
     scope: str
-    place: str
+    name: str
 
 
 @dataclass
 class Session:
-    """One session as the daemon prints it, its lines stripped."""
+    """A session as the daemon prints it, its lines stripped."""
 
     key: Key
-    options: list[str] = field(default_factory=list)  # of the header, beyond the key
+    options: list[str] = field(default_factory=list)  # of the header, except the key
     fields: list[str] = field(default_factory=list)
     timers: dict[str, list[str]] = field(default_factory=lambda: {"Local": [], "Remote": []})
 
 
 def neighbors(version: int) -> str | None:
-    """All sessions with neighbours of that IP version (4 or 6), or None where no daemon answers.
+    """Return all sessions with neighbors of an IP version (4 or 6), or None without a daemon.
 
-    A single session is told whole, several by their header lines alone: the parser would give the
-    first one the fields of all.
+    If there are several, it returns their headers only: the parser would add the fields of all to
+    the first one.
     """
-    peers = _shell("show bfd peers")
+    peers = _vtysh("show bfd peers")
     if peers is None:
         return None
-    sessions = [session for session in parsed(peers) if _version(session) == version]
+    sessions = [session for session in parse(peers) if _version(session) == version]
     if len(sessions) > 1:
         sessions = [Session(session.key) for session in sessions]
-    return rendered(sessions)
+    return render(sessions)
 
 
-def neighbor(version: int, address: str, place: str) -> str | None:
-    """The session with that neighbour on that interface (or VRF), its counters included; no
-    session if there is none, or if the address is of the other IP version. None where no daemon
-    answers."""
-    peers, counters = _shell("show bfd peers"), _shell("show bfd peers counters")
+def neighbor(version: int, address: str, name: str) -> str | None:
+    """Return the session with a neighbor on an interface or VRF, including its counters.
+
+    Returns:
+        The text, without a session if there is none of that IP version; None without a daemon.
+    """
+    peers, counters = _vtysh("show bfd peers"), _vtysh("show bfd peers counters")
     if peers is None or counters is None:
         return None
-    counted = {session.key: session.fields for session in parsed(counters)}
+    counter_fields = {session.key: session.fields for session in parse(counters)}
     found = [
         session
-        for session in parsed(peers)
-        if (session.key.address, session.key.place) == (address, place)
+        for session in parse(peers)
+        if (session.key.address, session.key.name) == (address, name)
         and _version(session) == version
     ]
     for session in found:
-        session.fields += counted.get(session.key, [])
-    return rendered(found)
+        session.fields += counter_fields.get(session.key, [])
+    return render(found)
 
 
-def parsed(text: str) -> list[Session]:
-    """The sessions in the text of the daemon's shell, in its order."""
+def parse(text: str) -> list[Session]:
+    """Parse the sessions in the output of the daemon's shell."""
     sessions: list[Session] = []
     timers: list[str] | None = None
     depth = 0
@@ -90,7 +90,7 @@ def parsed(text: str) -> list[Session]:
         content = line.strip()
         indentation = len(line) - len(line.lstrip())
         if content.startswith("peer "):
-            sessions.append(_headed(content))
+            sessions.append(_parse_header(content))
             timers = None
         elif not sessions or not content:
             continue
@@ -104,13 +104,13 @@ def parsed(text: str) -> list[Session]:
     return sessions
 
 
-def rendered(sessions: list[Session]) -> str:
-    """The text for the module's parser."""
-    return _NO_SESSIONS + "\n".join(_block(session) for session in sessions)
+def render(sessions: list[Session]) -> str:
+    """Return the text for the module's parser."""
+    return f"{_TITLE}\n" + "\n".join(_render_session(session) for session in sessions)
 
 
-def _headed(header: str) -> Session:
-    """A session from "peer ADDRESS [multihop] [local-address A] [vrf V] [interface I]"."""
+def _parse_header(header: str) -> Session:
+    """Parse "peer ADDRESS [multihop] [local-address A] [vrf V] [interface I]"."""
     address, *words = header.split()[1:]
     multihop = "multihop" in words
     if multihop:
@@ -125,19 +125,18 @@ def _headed(header: str) -> Session:
     return session
 
 
-def _block(session: Session) -> str:
+def _render_session(session: Session) -> str:
     key = session.key
-    lines = [f"peer {key.address} {key.scope} {key.place}"]
+    lines = [f"peer {key.address} {key.scope} {key.name}"]
     lines += [f"    {line}" for line in session.options + session.fields]
     blocks = []
     for side, timers in session.timers.items():
-        # A block that is short of a line would swallow the line after it: then there is none.
-        held = _TIMERS_IN_BLOCK if len(timers) >= _TIMERS_IN_BLOCK else 0
-        lines += [f"    {side} {line[:1].lower()}{line[1:]}" for line in timers[held:]]
-        if held:
-            blocks += [f"    {side} timers", *(f"        {line}" for line in timers[:held])]
-    lines += blocks
-    return "\n".join(lines) + "\n"
+        # A shorter block would make the parser consume the next line too.
+        in_block = _TIMERS_IN_BLOCK if len(timers) >= _TIMERS_IN_BLOCK else 0
+        lines += [f"    {side} {line[:1].lower()}{line[1:]}" for line in timers[in_block:]]
+        if in_block:
+            blocks += [f"    {side} timers", *(f"        {line}" for line in timers[:in_block])]
+    return "\n".join(lines + blocks) + "\n"
 
 
 def _version(session: Session) -> int | None:
@@ -147,9 +146,12 @@ def _version(session: Session) -> int | None:
         return None
 
 
-def _shell(command: str) -> str | None:
-    """What the daemon's shell prints, or None: not installed, no daemon, no permission, no answer
-    in time. The shell's exit status is no guide (0 after a refused login), its title line is."""
+def _vtysh(command: str) -> str | None:
+    """Return the output of the daemon's shell, or None.
+
+    The exit status does not tell whether the command worked (it is 0 after a rejected login), the
+    title line does.
+    """
     shell = shutil.which("vtysh")
     if shell is None:
         return None
@@ -158,7 +160,7 @@ def _shell(command: str) -> str | None:
             [shell, "-c", command],
             stdin=subprocess.DEVNULL,
             capture_output=True,
-            timeout=_PATIENCE,
+            timeout=_TIMEOUT,
             check=False,
         )
     except (OSError, subprocess.TimeoutExpired):

@@ -1,7 +1,4 @@
-"""Whether a certificate file is valid now, for the management interface's expiry check.
-
-Source: the file itself, read through `cryptography`; the time is this machine's clock.
-"""
+"""The check of a certificate's validity period, by this machine's clock."""
 
 from __future__ import annotations
 
@@ -10,12 +7,11 @@ import stat
 from datetime import datetime, timezone
 from enum import IntEnum
 
-# A certificate takes a few kilobytes; a chain with its key some tens.
-_LARGEST_FILE = 1 << 20
+_MAX_BYTES = 1 << 20  # a chain with its key has tens of kilobytes
 
 
 class Status(IntEnum):
-    """The status codes of the check; only `VALID` counts as success."""
+    """The status codes of the check; the module treats all but `VALID` alike."""
 
     VALID = 0
     EXPIRED = 1
@@ -24,10 +20,11 @@ class Status(IntEnum):
 
 
 def check(path: bytes) -> Status:
-    """The state of the first certificate in the file, PEM or DER; in a chain the server's own.
+    """Check the first certificate in a PEM or DER file; in a chain this is the server's own.
 
-    `UNREADABLE` stands for everything that prevents an answer: no such file, no permission, not a
-    regular file, larger than a megabyte, no certificate in it. Never raises for what a path holds.
+    Returns:
+        `UNREADABLE` if the file is missing, not readable, not regular, larger than a megabyte or
+        without a certificate.
     """
     try:
         begin, end = _validity(_content(path))
@@ -40,24 +37,24 @@ def check(path: bytes) -> Status:
 
 
 def _content(path: bytes) -> bytes:
-    # Non-blocking, so that a pipe at the path cannot hold up the caller.
+    # Opening a pipe must not block.
     descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC)
     with os.fdopen(descriptor, "rb") as file:
         if not stat.S_ISREG(os.fstat(descriptor).st_mode):
             raise ValueError("not a regular file")
-        content = file.read(_LARGEST_FILE + 1)
-    if len(content) > _LARGEST_FILE:
+        content = file.read(_MAX_BYTES + 1)
+    if len(content) > _MAX_BYTES:
         raise ValueError("too large for a certificate")
     return content
 
 
 def _validity(content: bytes) -> tuple[datetime, datetime]:
-    from cryptography import x509  # costs every start more than the rest of the stand-in together
+    from cryptography import x509  # the slowest import of the simulator
 
     pem = b"-----BEGIN" in content
     load = x509.load_pem_x509_certificate if pem else x509.load_der_x509_certificate
     try:
         certificate = load(content)
-    except x509.InvalidVersion as unknown:
-        raise ValueError("a certificate of an unknown version") from unknown
+    except x509.InvalidVersion as error:
+        raise ValueError("unknown certificate version") from error
     return certificate.not_valid_before_utc, certificate.not_valid_after_utc

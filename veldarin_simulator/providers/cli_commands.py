@@ -1,7 +1,7 @@
-"""The appliance's command line: which command is answered from where.
+"""The appliance's command line: which provider runs which command.
 
-A command is looked up in the user's scenario, then among the live commands, then in the recorded
-ones. One that nobody knows has no output at all, which the management module reports as a failure.
+The user's scenario comes first, then the live commands, then the default scenario. An unknown
+command has no output, which the module reports as a failure.
 """
 
 from __future__ import annotations
@@ -13,7 +13,7 @@ from veldarin_simulator.reply import Reply
 from veldarin_simulator.scenario import Scenario
 
 
-# The netlink library takes long to load: what stands on it is imported when it is asked.
+# The netlink library is slow to import: only a command that needs it imports it.
 def _arp_listing() -> str:
     from veldarin_simulator.providers import arp
 
@@ -26,11 +26,10 @@ def _routing_detail(*words: str) -> str:
     return routing.detail(" ".join(words))
 
 
-# The words of a command, and what prints its output given the words that follow; None from a
-# printer: this machine has nothing to say, a recording may.
-_Printer = Callable[..., "str | None"]
-_LIVE: tuple[tuple[str, int | None, _Printer], ...] = (
-    # command, number of arguments (None: any), printer
+# A handler takes the words after the command; it returns None if this machine has no output.
+_Handler = Callable[..., "str | None"]
+_HANDLERS: tuple[tuple[str, int | None, _Handler], ...] = (
+    # command, number of arguments (None: any), handler
     ("get system arp", 0, _arp_listing),
     ("get router info routing-table detail", None, _routing_detail),
     ("get router info bfd neighbor", 0, lambda: bfd.neighbors(4)),
@@ -40,36 +39,51 @@ _LIVE: tuple[tuple[str, int | None, _Printer], ...] = (
 )
 
 
-class CommandLine:
-    """Answers commands. `own` is the user's scenario, `stock` what is recorded for everybody."""
+class CommandRunner:
+    """Runs commands.
 
-    def __init__(self, own: Scenario, stock: Scenario, live: bool) -> None:
-        self._own = own
-        self._stock = stock
+    Attributes:
+        user: The user's scenario; may be replaced.
+    """
+
+    def __init__(self, user: Scenario, default: Scenario, live: bool) -> None:
+        self.user = user
+        self._default = default
         self._live = live
 
-    def output(self, command: bytes) -> Reply:
-        """The text that the command prints, with its source; a null reply for an unknown one.
+    def reply(self) -> Reply | None:
+        """Return the reply of the command line, or None if no command can have output."""
+        if self._live:
+            return Reply(self.run, "live")
+        return Reply(self.run, "recorded") if self.user.commands else None
 
-        `command` is the text that reached the command line, at most 127 bytes of it. Words may be
-        apart by any white space. Raises what the live printers raise.
+    def run(self, command: bytes) -> Reply:
+        """Return the output of a command with its source, or a null reply if it is unknown.
+
+        Args:
+            command: The text that reached the command line, at most 127 bytes of it. Any white
+                space separates words.
+
+        Raises:
+            OSError: A live handler could not read this machine's state.
         """
         words = command.split()
-        spoken = b" ".join(words)
-        own = self._own.command_output(spoken)
-        if own is not None:
-            return Reply(own, "recorded")
-        live = _printed([word.decode("utf-8", "replace") for word in words]) if self._live else None
-        if live is not None:
-            return Reply(live, "live")
-        stock = self._stock.command_output(spoken)
-        return Reply(stock, "none" if stock is None else "recorded")
+        normalized = b" ".join(words)
+        user = self.user.command_output(normalized)
+        if user is not None:
+            return Reply(user, "recorded")
+        if self._live:
+            live = _run_live([word.decode("utf-8", "replace") for word in words])
+            if live is not None:
+                return Reply(live, "live")
+        default = self._default.command_output(normalized)
+        return Reply(default, "none" if default is None else "recorded")
 
 
-def _printed(words: list[str]) -> str | None:
-    for command, count, printer in _LIVE:
+def _run_live(words: list[str]) -> str | None:
+    for command, count, handler in _HANDLERS:
         known = command.split()
         arguments = words[len(known) :]
         if words[: len(known)] == known and count in (None, len(arguments)):
-            return printer(*arguments)
+            return handler(*arguments)
     return None

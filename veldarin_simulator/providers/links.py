@@ -1,8 +1,8 @@
-"""The machine's network links: physical interfaces, what the link monitor sees, flap counts.
+"""Network links: physical interfaces, the link monitor, flap counts.
 
-Source: RTM_GETLINK and RTM_GETADDR dumps, the driver's speed and duplex through psutil, the
-device behind a link in /sys/class/net. "Physical" are the links with a device behind them; on a
-machine that has none (a container), every link that leads out; else the loopback alone.
+Source: RTM_GETLINK and RTM_GETADDR dumps, psutil for the driver's speed and duplex,
+/sys/class/net for the device behind a link. "Physical" are the links with a device; without any (in
+a container) all links except the loopback, or the loopback alone.
 """
 
 from __future__ import annotations
@@ -13,33 +13,34 @@ from typing import Any
 
 import psutil
 
-from veldarin_simulator.providers.netlink import Message, ask
+from veldarin_simulator.providers.netlink import Message, query
 
 _SYSFS = Path("/sys/class/net")
 _IFF_UP = 1
 _IFF_LOOPBACK = 8
 _DUPLEX = {psutil.NIC_DUPLEX_FULL: "full", psutil.NIC_DUPLEX_HALF: "half"}
-
-# What drivers say in place of a speed that they do not know, in Mbit/s.
-_NO_SPEED = (0, 65535)
+_UNKNOWN_SPEEDS = (0, 65535)  # of drivers, in Mbit/s
 
 
 def physical_interfaces(_request: object = None) -> list[dict[str, Any]]:
-    """`[{"interface": [entry, ...]}]`, the entries in the order of the kernel's interface indexes.
+    """Return `[{"interface": [entry, ...]}]`, in the order of the interface indexes.
 
-    An entry: `name`; `type` (see `_kind`); `status` "up" or "down" as administered; `link` whether
-    there is a carrier; `speed` in Mbit/s and `duplex` "full" or "half", null where the driver does
-    not say; `mtu` in bytes; `mac`; `addresses` in prefix notation.
+    An entry has `name`; `type` (see `_kind`); the administrative `status` "up" or "down"; `link`,
+    true with a carrier; `speed` in Mbit/s and `duplex` "full" or "half", null if the driver does
+    not know; `mtu` in bytes; `mac`; `addresses` in prefix notation.
     """
-    links, addresses = ask(lambda kernel: (_monitored(kernel), _addresses(kernel)))
+    links, addresses = query(lambda kernel: (_selected(kernel), _addresses(kernel)))
     drivers = psutil.net_if_stats()
     return [{"interface": [_interface(link, addresses, drivers) for link in links]}]
 
 
 def link_monitor_status(_request: object = None) -> list[dict[str, Any]]:
-    """One entry for each physical interface: `name`, `status` (the kernel's operational state in
-    lower case), `carrier`, and how often the carrier came (`carrier_up_count`), went
-    (`carrier_down_count`) and changed at all (`carrier_changes`) since the link was made."""
+    """Return an entry for each physical interface.
+
+    An entry has `name`, `status` (the operational state in lower case), `carrier`, and how often
+    the carrier came (`carrier_up_count`), went (`carrier_down_count`) and changed at all
+    (`carrier_changes`) since the link was created.
+    """
     return [
         {
             "name": _name(link),
@@ -49,13 +50,16 @@ def link_monitor_status(_request: object = None) -> list[dict[str, Any]]:
             "carrier_down_count": link.get_attr("IFLA_CARRIER_DOWN_COUNT"),
             "carrier_changes": link.get_attr("IFLA_CARRIER_CHANGES"),
         }
-        for link in ask(_monitored)
+        for link in query(_selected)
     ]
 
 
-def flap_status(_request: object = None) -> list[dict[str, Any]]:
-    """One entry for each physical interface: `port_name`, `link` "up" or "down", and `flaps`, how
-    often the link was lost. A plain machine guards no port, so `guard` is "none"."""
+def flap_guard_status(_request: object = None) -> list[dict[str, Any]]:
+    """Return an entry for each physical interface.
+
+    An entry has `port_name`, `link` "up" or "down", `flaps` (how often the link was lost), and
+    `guard`, always "none" because a workstation guards no port.
+    """
     return [
         {
             "port_name": _name(link),
@@ -63,33 +67,32 @@ def flap_status(_request: object = None) -> list[dict[str, Any]]:
             "flaps": link.get_attr("IFLA_CARRIER_DOWN_COUNT"),
             "guard": "none",
         }
-        for link in ask(_monitored)
+        for link in query(_selected)
     ]
 
 
-def _monitored(kernel: Any) -> list[Message]:
+def _selected(kernel: Any) -> list[Message]:
     links = list(kernel.get_links())
     with_device = [link for link in links if _has_device(link)]
-    outward = [link for link in links if not link["flags"] & _IFF_LOOPBACK]
-    return with_device or outward or links
+    return with_device or [link for link in links if not link["flags"] & _IFF_LOOPBACK] or links
 
 
 def _addresses(kernel: Any) -> dict[int, list[str]]:
     by_link = defaultdict(list)
     for address in kernel.get_addr():
-        own = address.get_attr("IFA_LOCAL") or address.get_attr("IFA_ADDRESS")
-        by_link[address["index"]].append(f"{own}/{address['prefixlen']}")
+        local = address.get_attr("IFA_LOCAL") or address.get_attr("IFA_ADDRESS")
+        by_link[address["index"]].append(f"{local}/{address['prefixlen']}")
     return by_link
 
 
 def _interface(link: Message, addresses: dict[int, list[str]], drivers: Any) -> dict[str, Any]:
-    driver = drivers.get(_name(link))  # none where the link went meanwhile
+    driver = drivers.get(_name(link))  # none if the link has disappeared since
     return {
         "name": _name(link),
         "type": _kind(link),
         "status": "up" if link["flags"] & _IFF_UP else "down",
         "link": _has_carrier(link),
-        "speed": driver.speed if driver and driver.speed not in _NO_SPEED else None,
+        "speed": driver.speed if driver and driver.speed not in _UNKNOWN_SPEEDS else None,
         "duplex": _DUPLEX.get(driver.duplex) if driver else None,
         "mtu": link.get_attr("IFLA_MTU"),
         "mac": link.get_attr("IFLA_ADDRESS"),
@@ -102,7 +105,7 @@ def _name(link: Message) -> str:
 
 
 def _kind(link: Message) -> str:
-    """The kernel's word for a virtual link ("veth", "bridge"), else "device" or "loopback"."""
+    """Return the kernel's word for a virtual link ("veth", "bridge"), or "device", "loopback"."""
     if _has_device(link):
         return "device"
     if link["flags"] & _IFF_LOOPBACK:
@@ -116,5 +119,5 @@ def _has_device(link: Message) -> bool:
 
 
 def _has_carrier(link: Message) -> bool:
-    # A link that is down keeps its last carrier word; there is none while it is down.
+    # The attribute of a link that is down may be outdated.
     return bool(link["flags"] & _IFF_UP and link.get_attr("IFLA_CARRIER"))

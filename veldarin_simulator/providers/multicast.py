@@ -1,6 +1,6 @@
-"""IPv4 multicast groups joined on each port, in place of a switch's IGMP snooping table.
+"""IPv4 multicast groups joined on each port, for the IGMP snooping table.
 
-Source: /proc/net/igmp. A line for an interface is followed by one indented line for each group.
+Source: /proc/net/igmp. A line for an interface is followed by an indented line for each group.
 """
 
 from __future__ import annotations
@@ -14,36 +14,32 @@ _IGMP = Path("/proc/net/igmp")
 
 
 def groups(request: dict[str, Any]) -> list[dict[str, Any]]:
-    """One entry for each port and group, or for those of the port that the request names.
+    """Return an entry for each port and group, or for those of the port in the request.
 
-    An entry: `port_name`, `group` (the dotted address), `users` (how many sockets and protocols
-    joined), `version` (the IGMP version spoken on the port, as "V3"). An unknown name gives none.
-    Raises `OSError` where the kernel keeps no IGMP table.
+    An entry has `port_name`, `group` (the address), `users` (the number of sockets and protocols)
+    and `version` (the IGMP version of the port, "V3").
+
+    Raises:
+        OSError: The kernel has no IGMP table.
     """
-    wanted = request.get("port_name")
-    table = parsed(_IGMP.read_text())
-    return [entry for entry in table if wanted is None or entry["port_name"] == wanted]
+    port = request.get("port_name")
+    table = parse(_IGMP.read_text())
+    return [entry for entry in table if port is None or entry["port_name"] == port]
 
 
-def parsed(text: str) -> list[dict[str, Any]]:
-    """The entries of a text laid out as /proc/net/igmp, its heading line left out."""
+def parse(text: str) -> list[dict[str, Any]]:
+    """Parse a text in the format of /proc/net/igmp; the first line is its heading."""
     entries = []
     port_name = version = ""
     for line in text.splitlines()[1:]:
         if not line[0].isspace():
-            # "4<tab>eth0      :     1      V3": the name may touch the colon.
+            # "4<tab>eth0      :     1      V3": a long name touches the colon.
             name, _, rest = line.split(None, 1)[1].rpartition(":")
             port_name, version = name.strip(), rest.split()[1]
             continue
         group, users = line.split()[:2]
-        # The address as a machine word: its bytes stand in the network's order in memory.
+        # The kernel prints the address as a machine word; in memory it is in network order.
         address = IPv4Address(int(group, 16).to_bytes(4, sys.byteorder))
-        entries.append(
-            {
-                "port_name": port_name,
-                "group": str(address),
-                "users": int(users),
-                "version": version,
-            }
-        )
+        entry = {"port_name": port_name, "group": str(address), "users": int(users)}
+        entries.append({**entry, "version": version})
     return entries

@@ -1,8 +1,7 @@
-"""One question to the kernel over netlink, for the answers that read its tables.
+"""Queries of the kernel's network tables over netlink.
 
-A socket lives as long as its question: the kernel's tables change between two calls, so nothing
-is kept. The library beneath runs an event loop of its own, which a thread that already runs one
-refuses; such a caller's question is put from a thread of its own.
+The tables change between two calls, so each query has its own socket. pyroute2 runs an event loop,
+which fails in a thread that already runs one; such a caller's query runs in another thread.
 """
 
 from __future__ import annotations
@@ -13,31 +12,32 @@ from typing import Any, Callable, TypeVar
 
 Result = TypeVar("Result")
 
-# A netlink message: its header fields by name, its attributes through `get_attr`.
+# A netlink message: header fields by name, attributes through `get_attr`.
 Message = Any
 
 
-def ask(question: Callable[[Any], Result]) -> Result:
-    """What `question` returns, called with an open `pyroute2.IPRoute`.
+def query(fn: Callable[[Any], Result]) -> Result:
+    """Call a function with an open `pyroute2.IPRoute` and return its result.
 
-    Raises `OSError` where no netlink socket can be had and pyroute2's `NetlinkError` (its `code`
-    is an errno value) where the kernel refuses the question.
+    Raises:
+        OSError: No netlink socket is available.
+        NetlinkError: The kernel rejects the query; its `code` is an errno value.
     """
 
-    def put() -> Result:
-        from pyroute2 import IPRoute  # takes long to load, and most calls ask nothing of it
+    def run() -> Result:
+        from pyroute2 import IPRoute  # slow to import
 
         with IPRoute() as kernel:
-            return question(kernel)
+            return fn(kernel)
 
     try:
         asyncio.get_running_loop()
     except RuntimeError:
-        return put()
-    with ThreadPoolExecutor(max_workers=1) as aside:
-        return aside.submit(put).result()
+        return run()
+    with ThreadPoolExecutor(max_workers=1) as executor:
+        return executor.submit(run).result()
 
 
 def interface_names(kernel: Any) -> dict[int, str]:
-    """Interface index to interface name, of every link in this network namespace."""
+    """Return interface index to name, for every link in this network namespace."""
     return {link["index"]: link.get_attr("IFLA_IFNAME") for link in kernel.get_links()}

@@ -8,10 +8,10 @@ import psutil
 
 
 def statistics(request: dict[str, Any]) -> list[dict[str, Any]]:
-    """One entry for each port since it was made, or for the one that the request names.
+    """Return an entry for each port, or for the port in the request.
 
-    An entry: `port_name`; `bytes_sent`, `bytes_recv`; `packets_sent`, `packets_recv`; the errors
-    `errin`, `errout`; the packets dropped `dropin`, `dropout`. An unknown name gives no entry.
+    An entry has `port_name` and counters since the port was created: `bytes_sent`, `bytes_recv`,
+    `packets_sent`, `packets_recv`, the errors `errin`, `errout`, the drops `dropin`, `dropout`.
     """
     wanted = request.get("port_name")
     ports = psutil.net_io_counters(pernic=True, nowrap=False)

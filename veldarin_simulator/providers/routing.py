@@ -1,10 +1,9 @@
-"""The routing entry that covers an address, for "get router info routing-table detail ADDRESS".
+"""The output of "get router info routing-table detail ADDRESS".
 
-Source: the kernel's own look-up in its forwarding table (RTM_GETROUTE with RTM_F_FIB_MATCH, which
-tells the matched route instead of the path to the one address), policy rules included. What the
-kernel does not know is not made up: it keeps no age of a route ("n/a"), and no administrative
-distance, which is 0 for the routes that it makes or an administrator gives it and "n/a" for those
-that a routing daemon put there.
+Source: the kernel's look-up in its forwarding table, including policy rules (RTM_GETROUTE with
+RTM_F_FIB_MATCH, which returns the matching route instead of the path). The kernel stores no age of
+a route ("n/a"). It stores no administrative distance either: the output has 0 for the kernel's own
+and an administrator's routes, "n/a" for a routing daemon's.
 """
 
 from __future__ import annotations
@@ -17,7 +16,7 @@ from typing import Any, Union
 from pyroute2.netlink.exceptions import NetlinkError
 from pyroute2.netlink.rtnl import rt_proto, rt_type
 
-from veldarin_simulator.providers.netlink import Message, ask, interface_names
+from veldarin_simulator.providers.netlink import Message, interface_names, query
 
 Address = Union[IPv4Address, IPv6Address]
 
@@ -27,16 +26,16 @@ _RT_TABLE_MAIN = 254
 _RTNH_F_DEAD = 1
 _RTNH_F_LINKDOWN = 16
 
-# A look-up that ends at a route which refuses the traffic fails, with an errno for each such type.
-_REFUSALS = {
+# A look-up of a rejecting route fails, with an errno for each type.
+_REJECTIONS = {
     errno.EINVAL: rt_type["blackhole"],
     errno.EHOSTUNREACH: rt_type["unreachable"],
     errno.EACCES: rt_type["prohibit"],
 }
 _NO_ROUTE = (errno.ENETUNREACH, errno.EHOSTUNREACH)
 
-# Who owns a route, beyond the protocols that the netlink library names. A daemon's static routes
-# are not those of an administrator, whose number is another.
+# Routing daemons that the netlink library does not know. Their static routes have another number
+# than an administrator's.
 _DAEMONS = {
     42: "babel",
     99: "openr",
@@ -53,7 +52,7 @@ _DAEMONS = {
     196: "static",
     197: "openfabric",
 }
-_OWNERS = {**rt_proto, **_DAEMONS}
+_PROTOCOLS = {**rt_proto, **_DAEMONS}
 _KERNEL = rt_proto["kernel"]
 _WITHOUT_DISTANCE = {
     *_DAEMONS,
@@ -66,41 +65,43 @@ _MALFORMED = "% Malformed address\n"
 
 
 def detail(address: str) -> str:
-    """The entry as text: a "Routing entry for PREFIX" line, owner, distance and metric, the last
-    update, then a line for each next hop.
+    """Return a "Routing entry for PREFIX" line, protocol, distance, metric, update, next hops.
 
-    A next hop in use is marked with an asterisk; one whose link is down is not. A text that is no
-    IP address, an address that no route covers, and one that a policy rule keeps from the main
-    table's routes give a line that starts with a per cent sign, as a command line refuses. Raises
-    as `netlink.ask` does.
+    An asterisk marks a next hop whose link is up. The output is an error line that begins with "%"
+    if the text is not an IP address, no route covers it, or a policy rule rejects it.
+
+    Raises:
+        OSError, NetlinkError: As in `netlink.query`.
     """
     try:
         wanted = ip_address(address)
     except ValueError:
         return _MALFORMED
     if "%" in address:
-        return _MALFORMED  # a zone index belongs to an interface, not into a routing table
-    return ask(lambda kernel: _entry(kernel, wanted))
+        return _MALFORMED  # a zone index belongs to an interface, not to a route
+    return query(lambda kernel: _entry(kernel, wanted))
 
 
 def _entry(kernel: Any, wanted: Address) -> str:
     family = socket.AF_INET if wanted.version == 4 else socket.AF_INET6
     try:
         found = list(kernel.route("get", dst=str(wanted), family=family, flags=_RTM_F_FIB_MATCH))
-    except NetlinkError as refusal:
-        if refusal.code not in (*_REFUSALS, *_NO_ROUTE):
+    except NetlinkError as error:
+        if error.code not in (*_REJECTIONS, *_NO_ROUTE):
             raise
-        return _refused(kernel, wanted, family, refusal.code)
+        return _rejected(kernel, wanted, family, error.code)
     return _block(kernel, wanted, found[0]) if found else _NOT_FOUND
 
 
-def _refused(kernel: Any, wanted: Address, family: int, code: int) -> str:
-    """The entry behind a refusal, which the kernel does not tell: in the main table the most
-    specific route of its type that covers the address. Without one a rule was the reason."""
+def _rejected(kernel: Any, wanted: Address, family: int, code: int) -> str:
+    """Return the entry that rejected a look-up, which the kernel does not name.
+
+    It is the most specific covering route of that type in the main table, or else a policy rule.
+    """
     covering = [
         route
         for route in kernel.get_routes(family=family, table=_RT_TABLE_MAIN)
-        if route["type"] == _REFUSALS.get(code) and _covers(route, wanted)
+        if route["type"] == _REJECTIONS.get(code) and _covers(route, wanted)
     ]
     if covering:
         return _block(kernel, wanted, max(covering, key=_preference))
@@ -113,7 +114,7 @@ def _block(kernel: Any, wanted: Address, route: Message) -> str:
     metric = route.get_attr("RTA_PRIORITY") or 0
     lines = [
         f"Routing entry for {prefix}/{route['dst_len']}",
-        f'  Known via "{_owner(route)}", distance {distance}, metric {metric}, best',
+        f'  Known via "{_protocol(route)}", distance {distance}, metric {metric}, best',
         "  Last update n/a (the kernel keeps no age of a route)",
         *(f"  {hop}" for hop in _next_hops(kernel, route)),
     ]
@@ -130,15 +131,15 @@ def _preference(route: Message) -> tuple[int, int]:
     return route["dst_len"], -(route.get_attr("RTA_PRIORITY") or 0)
 
 
-def _owner(route: Message) -> str:
+def _protocol(route: Message) -> str:
     kind = rt_type.get(route["type"], "unknown")
     if route["proto"] != _KERNEL:
-        return str(_OWNERS.get(route["proto"], route["proto"]))
+        return str(_PROTOCOLS.get(route["proto"], route["proto"]))
     return "connected" if kind == "unicast" else str(kind)
 
 
 def _next_hops(kernel: Any, route: Message) -> list[str]:
-    if route["type"] in _REFUSALS.values():
+    if route["type"] in _REJECTIONS.values():
         return [f"* {rt_type[route['type']]}, none"]
     names = interface_names(kernel)
     paths = route.get_attr("RTA_MULTIPATH")

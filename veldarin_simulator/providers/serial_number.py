@@ -1,7 +1,7 @@
-"""The machine's serial number.
+"""The serial number of this machine.
 
-Source: the machine identifier that the system keeps (machine-id), under a keyed hash since the
-identifier itself is confidential; without one, random bytes kept in the state directory.
+Source: a keyed hash of the system's machine identifier (machine-id), which is confidential; without
+one, of random bytes in the state directory.
 """
 
 from __future__ import annotations
@@ -17,9 +17,10 @@ _PURPOSE = b"appliance serial number"
 
 
 def read() -> bytes:
-    """Sixteen ASCII characters, "STAND-" and ten hexadecimal digits, the same from boot to boot.
+    """Return sixteen ASCII characters, "STAND-" and ten hexadecimal digits, stable across boots.
 
-    Raises `OSError` where there is no machine identifier and none can be kept.
+    Raises:
+        OSError: There is no machine identifier and none can be stored.
     """
     digest = hmac.new(_machine_identity(), _PURPOSE, hashlib.sha256).hexdigest()
     return f"STAND-{digest[:10].upper()}".encode("ascii")
@@ -31,7 +32,7 @@ def _machine_identity() -> bytes:
             identity = path.read_bytes().strip()
         except OSError:
             continue
-        # An image that never booted holds the word "uninitialized" or nothing.
+        # An image before its first boot has an empty file or the word "uninitialized".
         if len(identity) == 32:
             return identity
-    return state_dir.secret("machine-identity", 32)
+    return state_dir.load_or_create_secret("machine-identity", 32)

@@ -1,7 +1,7 @@
-"""The machine's storage, in place of the appliance's flash partitions.
+"""File systems, in place of the appliance's flash partitions.
 
-Source: the mounted file systems that have a block device behind them, each once however often it
-is mounted, through psutil; on a machine that shows none (a container), the root file system.
+Source: psutil. The list has the mounted file systems on block devices, each device once; without
+any (in a container), the root file system.
 """
 
 from __future__ import annotations
@@ -13,10 +13,10 @@ import psutil
 
 
 def flash_list(_request: object = None) -> list[dict[str, Any]]:
-    """One entry for each file system, in mount order.
+    """Return an entry for each file system, in mount order.
 
-    An entry: `device`, `mountpoint`, `filesystem` (its type), `read_only`, and `size`, `used` and
-    `free` in bytes, null where the file system does not tell (a dead network mount, no permission).
+    An entry has `device`, `mountpoint`, `filesystem` (its type), `read_only`, and `size`, `used`
+    and `free` in bytes; these are null if the file system cannot be read (a dead network mount).
     """
     return [_entry(partition) for partition in _partitions()]
 
@@ -49,5 +49,5 @@ def _entry(partition: Any) -> dict[str, Any]:
 
 
 def _printable(path: str) -> str:
-    """The path as JSON can hold it: bytes that are no UTF-8 become replacement characters."""
+    """Replace what is not UTF-8 with replacement characters, because JSON cannot contain it."""
     return os.fsencode(path).decode("utf-8", "replace")

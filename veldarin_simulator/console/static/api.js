@@ -1,35 +1,37 @@
-// The console's interface, as the page uses it: JSON there and back.
+// Requests to the console's HTTP interface.
 
-// A request that was refused; `about` is the interface's description of why.
-export class Refused extends Error {
-  constructor(about) {
-    super(about.problem);
-    this.about = about;
+// An error response; `problem` has the members of its problem details.
+export class ApiError extends Error {
+  constructor(problem) {
+    super(problem.detail);
+    this.problem = problem;
   }
 }
 
-export const get = (path) => asked("GET", path);
-export const post = (path, body) => asked("POST", path, body);
+export const get = (path) => request("GET", path);
+export const post = (path, body) => request("POST", path, body);
+export const put = (path, body) => request("PUT", path, body);
+export const remove = (path) => request("DELETE", path);
 
-async function asked(method, path, body) {
-  const settings = { method, headers: { Accept: "application/json" } };
+async function request(method, path, body) {
+  const options = { method, headers: { Accept: "application/json" } };
   if (body !== undefined) {
-    settings.headers["Content-Type"] = "application/json";
-    settings.body = JSON.stringify(body);
+    options.headers["Content-Type"] = "application/json";
+    options.body = JSON.stringify(body);
   }
   let response;
   try {
-    response = await fetch(path, settings);
+    response = await fetch(path, options);
   } catch {
-    throw new Refused({ problem: "the console does not answer: is it running?" });
+    throw new ApiError({ detail: "the console does not respond: is it running?" });
   }
-  const answered = parsed(await response.text());
-  if (!response.ok) throw new Refused(answered.error);
-  return answered;
+  const parsed = parse(await response.text());
+  if (!response.ok) throw new ApiError(parsed);
+  return parsed;
 }
 
-// A number that this language would round stays its digits.
-function parsed(text) {
+// Keeps the digits of integers that a JavaScript number would round.
+function parse(text) {
   return JSON.parse(text, (_key, value, context) => {
     const rounded = typeof value === "number" && !Number.isSafeInteger(value);
     return rounded && /^-?\d+$/.test(context?.source ?? "") ? new Digits(context.source) : value;

@@ -1,37 +1,36 @@
-// The page's beginning: which part is shown for an address, the keys, the colours.
+// Routes the address to a section; handles the keys and the theme.
 import { get } from "./api.js";
-import * as captures from "./captures.js";
+import { errorPanel } from "./errors.js";
 import * as functions from "./functions.js";
-import { refused } from "./errors.js";
+import * as parse from "./parse.js";
 import * as scenarios from "./scenarios.js";
 
-const PARTS = { functions, captures, scenarios };
+const SECTIONS = { functions, parse, scenarios };
 const page = document.getElementById("page");
 
-// #/part or #/part/name
+// The address is #/section or #/section/name.
 async function show() {
-  const [, part, name] = location.hash.split("/").map(decoded);
-  const chosen = PARTS[part] ? part : "functions";
+  const [, part, name] = location.hash.split("/").map(decode);
+  const section = SECTIONS[part] ? part : "functions";
   for (const tab of document.querySelectorAll("[data-tab]")) {
-    if (tab.dataset.tab === chosen) tab.setAttribute("aria-current", "page");
+    if (tab.dataset.tab === section) tab.setAttribute("aria-current", "page");
     else tab.removeAttribute("aria-current");
   }
   try {
-    await PARTS[chosen].show(page, name);
+    await SECTIONS[section].show(page, name);
   } catch (error) {
-    page.replaceChildren(refused(error));
+    page.replaceChildren(errorPanel(error));
   }
 }
 
-function decoded(text) {
+function decode(text) {
   try {
     return decodeURIComponent(text);
   } catch {
-    return text; // typed by hand
+    return text;
   }
 }
 
-// "/" goes to the filter, as on many pages.
 document.addEventListener("keydown", (event) => {
   const typing = event.target.closest("input, textarea, select");
   if (event.key !== "/" || typing || event.ctrlKey || event.metaKey || event.altKey) return;
@@ -42,7 +41,7 @@ document.addEventListener("keydown", (event) => {
   event.preventDefault();
 });
 
-// The skip link would change the address, which says what is shown.
+// Following the skip link would replace the address.
 document.querySelector("[data-skip]").addEventListener("click", (event) => {
   event.preventDefault();
   document.getElementById("work")?.focus();
@@ -50,22 +49,22 @@ document.querySelector("[data-skip]").addEventListener("click", (event) => {
 
 const THEMES = ["auto", "light", "dark"];
 const button = document.getElementById("theme");
+const root = document.documentElement;
 
 function showTheme() {
-  const now = document.documentElement.dataset.theme ?? "auto";
-  button.textContent = { auto: "◐ Auto", light: "○ Light", dark: "● Dark" }[now];
-  button.setAttribute("aria-label", `Colours: ${now}`);
+  const theme = root.dataset.theme ?? "auto";
+  button.textContent = { auto: "◐ Auto", light: "○ Light", dark: "● Dark" }[theme];
+  button.setAttribute("aria-label", `Colors: ${theme}`);
 }
 
 button.addEventListener("click", () => {
-  const root = document.documentElement;
   const next = THEMES[(THEMES.indexOf(root.dataset.theme ?? "auto") + 1) % THEMES.length];
   if (next === "auto") delete root.dataset.theme;
   else root.dataset.theme = next;
   try {
     localStorage.setItem("theme", next);
   } catch {
-    // Storage is withheld: it holds for this page only.
+    // Storage is disabled: the theme lasts until the page is reloaded.
   }
   showTheme();
 });

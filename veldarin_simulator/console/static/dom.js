@@ -1,61 +1,60 @@
-// Elements made from data: text is always text, so nothing that a device says becomes markup.
+// Builds elements. Strings become text nodes, so device output never becomes markup.
 
-// An element. Attributes: a function is a listener, true a bare attribute, null and false none.
-export function make(tag, attributes = {}, ...children) {
+// el("p.hint", { id: "x" }, children...): attributes are optional. A function is an event listener,
+// true an attribute without a value; null, undefined and false leave the attribute out.
+export function el(selector, ...children) {
+  const [tag, ...classes] = selector.split(".");
   const element = document.createElement(tag);
+  if (classes.length) element.className = classes.join(" ");
+  const attributes = children[0]?.constructor === Object ? children.shift() : {};
   for (const [name, value] of Object.entries(attributes)) {
     if (value === null || value === undefined || value === false) continue;
     if (typeof value === "function") element.addEventListener(name, value);
     else element.setAttribute(name, value === true ? "" : value);
   }
-  element.append(...some(children));
-  return element;
+  return replace(element, children);
 }
 
 export function replace(element, ...children) {
-  element.replaceChildren(...some(children));
+  element.replaceChildren(...children.flat(Infinity).filter((child) => child ?? false));
   return element;
 }
 
-function some(children) {
-  return children.flat(Infinity).filter((child) => child !== null && child !== undefined);
-}
-
-// A framed part of the page: its name for those who listen, its title, what stands beside that.
 export function panel({ label, title, kind = "", beside = [] }, ...children) {
-  const heading = make("header", {}, make("h2", {}, title), beside);
-  return make("section", { class: `panel ${kind}`.trim(), "aria-label": label }, heading, children);
+  const header = el("header", el("h2", title), beside);
+  return el(`section.panel${kind && `.${kind}`}`, { "aria-label": label }, header, children);
 }
 
-// In place of what is not there yet.
-export function nothing(text, ...hint) {
-  return make("div", { class: "empty" }, make("p", {}, text), make("p", { class: "hint" }, hint));
+export function pageTitle(title, summary) {
+  return el("header.title", el("h1.plain", title), el("p.summary", summary));
+}
+
+export function emptyState(text, ...hints) {
+  return el("div.empty", el("p", text), hint(hints));
 }
 
 export function hint(...children) {
-  return make("p", { class: "hint" }, children);
+  return el("p.hint", children);
 }
 
-// A field for one line of a program's text: no browser shall correct it.
+const VERBATIM = { autocomplete: "off", autocapitalize: "off", spellcheck: "false" };
+
 export function field(label, attributes = {}) {
-  const plain = { type: "text", autocomplete: "off", autocapitalize: "off", spellcheck: "false" };
-  return make("input", { ...plain, "aria-label": label, ...attributes });
+  return el("input", { type: "text", ...VERBATIM, "aria-label": label, ...attributes });
 }
 
-// The same for many lines.
 export function area(label, attributes = {}) {
-  const plain = { wrap: "off", autocomplete: "off", autocapitalize: "off", spellcheck: "false" };
-  return make("textarea", { ...plain, "aria-label": label, ...attributes });
+  return el("textarea", { wrap: "off", ...VERBATIM, "aria-label": label, ...attributes });
 }
 
-// Told to who listens rather than looks.
-export function say(text) {
-  document.getElementById("said").textContent = text;
+// Tells screen readers.
+export function announce(text) {
+  document.getElementById("status").textContent = text;
 }
 
-// A button that copies what `text` gives.
+// A button that copies the return value of `text`.
 export function copyButton(text) {
-  const button = make("button", { type: "button", class: "quiet" }, "Copy");
+  const button = el("button.quiet", { type: "button" }, "Copy");
   button.addEventListener("click", async () => {
     try {
       await navigator.clipboard.writeText(text());
@@ -68,31 +67,30 @@ export function copyButton(text) {
   return button;
 }
 
-// Buttons of which one is pressed: [[label, value], ...]; `chosen(value)` is called on a change.
-export function segments(label, choices, value, chosen) {
-  const group = make("div", { class: "segments", role: "group", "aria-label": label });
-  const press = (wanted) => {
+// Buttons of which one is pressed. `choices` are [label, value]; a change calls `onChange(value)`.
+export function segments(label, choices, value, onChange) {
+  const group = el("div.segments", { role: "group", "aria-label": label });
+  const press = (pressed) => {
     for (const button of group.children) {
-      button.setAttribute("aria-pressed", String(button.dataset.value === wanted));
+      button.setAttribute("aria-pressed", String(button.dataset.value === pressed));
     }
   };
   for (const [text, own] of choices) {
     const click = () => {
       press(own);
-      chosen(own);
+      onChange(own);
     };
-    group.append(make("button", { type: "button", "data-value": own, click }, text));
+    group.append(el("button", { type: "button", "data-value": own, click }, text));
   }
   press(value);
   return group;
 }
 
-// Where an answer came from, or what it is, as a small label.
 export function badge(text, kind = text.includes("+") ? "both" : text.replace(" ", "-")) {
-  return make("span", { class: `badge badge-${kind}` }, text);
+  return el(`span.badge.badge-${kind}`, text);
 }
 
-// A long name may be broken after its underscores.
+// Allows line breaks after underscores.
 export function breakable(name) {
-  return name.split(/(?<=_)/).flatMap((part) => [part, make("wbr")]);
+  return name.split(/(?<=_)/).flatMap((part) => [part, el("wbr")]);
 }

@@ -1,17 +1,17 @@
-// What went wrong with a request, as a panel. Any other error is the page's own, and goes on.
-import { Refused } from "./api.js";
-import { hint, make, say } from "./dom.js";
+// Shows an error response as a panel.
+import { ApiError } from "./api.js";
+import { announce, el, hint } from "./dom.js";
 
-export function refused(error) {
-  if (!(error instanceof Refused)) throw error;
-  const { status, line, column, file, at } = error.about;
-  const where = [file, line && `line ${line}`, column && `column ${column}`, at].filter(Boolean);
-  say(error.message);
-  return make(
-    "section",
-    { class: "panel raised", role: "alert" },
-    make("header", {}, make("h2", {}, status >= 500 ? "The console failed" : "Refused")),
-    make("p", { class: "message" }, error.message),
-    where.length ? hint(where.join(", ")) : null,
+export function errorPanel(error) {
+  if (!(error instanceof ApiError)) throw error; // a defect of the page
+  const { status, line, file, at } = error.problem;
+  const place = [file, line && `line ${line}`, at].filter(Boolean);
+  announce(error.message);
+  return el(
+    "section.panel.exception",
+    { role: "alert" },
+    el("header", el("h2", status >= 500 ? "The console failed" : "Rejected")),
+    el("p.message", error.message),
+    place.length ? hint(place.join(", ")) : null,
   );
 }

@@ -1,53 +1,40 @@
-// The functions: the list by subsystem, one function's form, what its call left behind.
-import { Refused, get, post } from "./api.js";
-import { ArgumentForm, Mistyped } from "./arguments.js";
-import { journal, outcome } from "./result.js";
-import { breakable, copyButton, field, hint, make, nothing, replace, say } from "./dom.js";
+// The functions: a list by subsystem; the form, the outcome and the documentation of one.
+import { ApiError, get, post } from "./api.js";
+import { ArgumentForm, InvalidInput } from "./arguments.js";
+import { announce, breakable, copyButton, el, emptyState, field, hint, replace } from "./dom.js";
+import { errorPanel } from "./errors.js";
 import { entries, inline, prose } from "./markdown.js";
-import { refused } from "./errors.js";
+import { callLog, outcome } from "./result.js";
 
 let subsystems = null;
 let list = null;
 
-// Shows a function, the first one without a name.
+// Shows a function, by default the first.
 export async function show(page, name) {
   subsystems ??= (await get("/api/functions")).subsystems;
   const all = subsystems.flatMap(({ title, functions }) =>
     functions.map((one) => ({ ...one, subsystem: title })),
   );
-  const described = name ? all.find((one) => one.name === name) : all[0];
-  if (!described) throw new Refused({ problem: `the module has no function ${name}` });
+  const description = name ? all.find((one) => one.name === name) : all[0];
+  if (!description) throw new ApiError({ detail: `the module has no function ${name}` });
   if (!list?.isConnected) {
     list = sidebar(all.length);
-    const work = make("main", { id: "work", tabindex: "-1" });
-    page.replaceChildren(make("div", { class: "functions" }, list, work));
+    page.replaceChildren(el("div.functions", list, el("main", { id: "work", tabindex: "-1" })));
   }
-  mark(described.name);
-  list.querySelector("details").open = window.matchMedia("(min-width: 860px)").matches;
-  replace(document.getElementById("work"), work(described));
-  document.title = `${described.name} · Console`;
-}
-
-function mark(name) {
   for (const link of list.querySelectorAll("a")) {
-    if (link.dataset.name === name) link.setAttribute("aria-current", "page");
+    if (link.dataset.name === description.name) link.setAttribute("aria-current", "page");
     else link.removeAttribute("aria-current");
   }
   list.querySelector("[aria-current]").scrollIntoView({ block: "nearest" });
+  list.querySelector("details").open = window.matchMedia("(min-width: 860px)").matches;
+  replace(document.getElementById("work"), work(description));
+  document.title = `${description.name} · Console`;
 }
 
 function sidebar(count) {
-  const unmatched = "No function has that in its name.";
-  const none = make("p", { class: "empty small", hidden: true }, unmatched);
-  const filter = field("Filter the functions", {
-    type: "search",
-    id: "filter",
-    placeholder: "Filter",
-    "aria-keyshortcuts": "/",
-    input: () => narrow(),
-  });
+  const none = el("p.empty.small", { hidden: true }, "No function name contains this.");
   const groups = subsystems.map(({ title, functions }) =>
-    make("section", {}, make("h2", {}, title), make("ul", {}, functions.map(link))),
+    el("section", el("h2", title), el("ul", functions.map(link))),
   );
   const narrow = () => {
     const wanted = filter.value.trim().toLowerCase();
@@ -59,110 +46,102 @@ function sidebar(count) {
     }
     none.hidden = groups.some((group) => !group.hidden);
   };
-  const summary = make("summary", {}, `All ${count} functions`);
-  const nav = make(
-    "nav",
-    { class: "list", "aria-label": "Functions" },
-    make("details", {}, summary, filter, none, groups),
+  const search = { type: "search", id: "filter", placeholder: "Filter", "aria-keyshortcuts": "/" };
+  const filter = field("Filter the functions", { ...search, input: narrow });
+  const nav = el(
+    "nav.list",
+    { "aria-label": "Functions", keydown: (event) => moveFocus(event, nav, filter) },
+    el("details", el("summary", `All ${count} functions`), filter, none, groups),
   );
-  nav.addEventListener("keydown", (event) => walk(event, nav, filter));
   return nav;
 }
 
 function link({ name, summary }) {
   const attributes = { href: `#/functions/${name}`, "data-name": name, title: summary };
-  return make("li", {}, make("a", attributes, breakable(name)));
+  return el("li", el("a", attributes, breakable(name)));
 }
 
-// Arrow keys go from the filter through the functions that are left; Enter in it opens the first.
-function walk(event, nav, filter) {
+// Arrow keys move through filter and links; Enter in the filter opens the first link.
+function moveFocus(event, nav, filter) {
   const links = [...nav.querySelectorAll("a")].filter((one) => one.offsetParent !== null);
-  const place = links.indexOf(document.activeElement);
-  if (event.key === "ArrowDown") links[Math.min(place + 1, links.length - 1)]?.focus();
-  else if (event.key === "ArrowUp") (place > 0 ? links[place - 1] : filter).focus();
+  const index = links.indexOf(document.activeElement);
+  if (event.key === "ArrowDown") links[Math.min(index + 1, links.length - 1)]?.focus();
+  else if (event.key === "ArrowUp") (index > 0 ? links[index - 1] : filter).focus();
   else if (event.key === "Enter" && document.activeElement === filter) links[0]?.click();
   else return;
   event.preventDefault();
 }
 
-function work(described) {
-  const left = make("div", { class: "left" }, untried());
+function work(description) {
+  const output = el("div.output", notRunYet());
   return [
-    make(
-      "header",
-      { class: "title" },
-      make("p", { class: "eyebrow" }, described.subsystem),
-      make("h1", {}, breakable(described.name)),
-      make("p", { class: "summary" }, inline(described.summary)),
+    el(
+      "header.title",
+      el("p.eyebrow", description.subsystem),
+      el("h1", breakable(description.name)),
+      el("p.summary", inline(description.summary)),
     ),
-    make(
-      "div",
-      { class: "columns" },
-      make("div", { class: "try" }, calling(described, left), left),
-      documentation(described),
+    el(
+      "div.columns",
+      el("div.call-column", callForm(description, output), output),
+      documentation(description),
     ),
   ];
 }
 
-// The form; what a call leaves behind goes to `left`.
-function calling(described, left) {
-  const line = make("code", { class: "python" });
-  let form = null; // the rows are filled before it is there
-  let command = null;
-  const changed = () => {
+function callForm(description, output) {
+  const python = el("code.python");
+  let form = null; // its constructor reports changes already
+  let curl = null;
+  const update = () => {
     if (!form) return;
-    line.textContent = form.python();
-    command.fill();
+    python.textContent = form.python();
+    curl.update();
   };
-  form = new ArgumentForm(described, changed);
-  command = curl(described.name, form);
-  changed();
-  const button = make("button", { type: "submit", class: "primary" }, "Call");
+  form = new ArgumentForm(description, update);
+  curl = curlCommand(description.name, form);
+  update();
+  const button = el("button.primary", { type: "submit" }, "Call");
   const submit = async (event) => {
     event.preventDefault();
     button.disabled = true;
     try {
-      const called = await post(`/api/functions/${described.name}`, form.body());
-      replace(left, outcome(called), journal(called));
-      say(called.raised ? `raised ${called.raised.type}` : `returned ${called.result.type}`);
+      const call = await post(`/api/functions/${description.name}`, form.body());
+      replace(output, outcome(call), callLog(call));
+      announce(call.exception ? `raised ${call.exception.type}` : `returned ${call.result.type}`);
     } catch (error) {
-      blame(form, error, left);
+      showError(form, error, output);
     } finally {
       button.disabled = false;
     }
   };
-  return make(
-    "form",
-    { class: "panel call", submit, "aria-label": "Arguments" },
-    make("pre", { class: "signature", tabindex: "0" }, described.declaration),
-    form.elements.length ? form.elements : hint("It takes no arguments."),
-    make("div", { class: "go" }, button, make("div", { class: "line" }, line)),
-    command.element,
+  return el(
+    "form.panel.call",
+    { submit, "aria-label": "Arguments" },
+    el("pre.signature", { tabindex: "0" }, description.declaration),
+    form.elements.length ? form.elements : hint("This function takes no arguments."),
+    el("div.actions", button, el("div.line", python)),
+    curl.element,
   );
 }
 
-// What is wrong with an argument is told at the argument.
-function blame(form, error, left) {
-  if (error instanceof Mistyped) return error.row.blame(error.message);
-  const row = error instanceof Refused ? form.rowAt(error.about.at ?? "") : null;
+// Shows an error at the argument that it belongs to.
+function showError(form, error, output) {
+  const row = error instanceof InvalidInput ? error.row : form.rowAt(error.problem?.at);
   if (row) {
-    row.blame(error.message);
-    say(error.message);
+    row.showError(error.message);
+    announce(error.message);
   } else {
-    replace(left, refused(error));
+    replace(output, errorPanel(error));
   }
 }
 
-function untried() {
-  return nothing(
-    "Nothing called yet.",
-    ["Press ", make("kbd", {}, "Enter"), " in a field, or Call."],
-    " What comes back is shown here, with the native calls behind it.",
-  );
+function notRunYet() {
+  const how = ["Press ", el("kbd", "Enter"), " in a field, or Call. "];
+  return emptyState("Not called yet.", how, "The result and the native calls appear here.");
 }
 
-// The command for the call as it stands; `fill` when it has changed.
-function curl(name, form) {
+function curlCommand(name, form) {
   const command = () => {
     const body = form.body();
     if (!body.arguments.length) delete body.arguments;
@@ -171,26 +150,24 @@ function curl(name, form) {
     const address = `${location.origin}/api/functions/${name}`;
     return `curl -H 'Content-Type: application/json' ${address} -d '${json}'`;
   };
-  const text = make("pre", { tabindex: "0" });
-  const fill = () => {
+  const text = el("pre", { tabindex: "0" });
+  const update = () => {
     try {
       text.textContent = command();
     } catch (error) {
       text.textContent = error.message;
     }
   };
-  const summary = make("summary", {}, "The same with curl");
   const copy = copyButton(() => text.textContent);
-  return { element: make("details", { class: "curl" }, summary, text, copy), fill };
+  return { element: el("details.curl", el("summary", "As a curl command"), text, copy), update };
 }
 
 function documentation({ text, raises, example }) {
-  const shown = make("pre", { class: "example", tabindex: "0" }, example);
-  return make(
-    "aside",
-    { class: "told", "aria-label": "Documentation" },
+  return el(
+    "aside.documentation",
+    { "aria-label": "Documentation" },
     prose(text),
-    raises ? [make("h2", {}, "Raises"), entries(raises)] : null,
-    example ? [make("h2", {}, "Example"), shown] : null,
+    raises ? [el("h2", "Raises"), entries(raises)] : null,
+    example ? [el("h2", "Example"), el("pre.example", { tabindex: "0" }, example)] : null,
   );
 }

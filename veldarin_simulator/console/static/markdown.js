@@ -1,47 +1,35 @@
-// The documentation of the functions as the Python face writes it: paragraphs, lists, `code` and
-// **emphasis**.
-import { make } from "./dom.js";
+// Renders the Markdown of the type stub's docstrings: paragraphs, lists, `code`, **emphasis**.
+import { el } from "./dom.js";
 
 export function prose(text) {
-  const blocks = [];
-  for (const block of text.split(/\n{2,}/)) {
-    const lines = block.split("\n");
-    const first = lines.findIndex((line) => line.startsWith("- "));
-    const before = first < 0 ? lines : lines.slice(0, first);
-    if (before.join("").trim()) blocks.push(make("p", {}, inline(before.join(" "))));
-    if (first >= 0) blocks.push(make("ul", {}, items(lines.slice(first))));
-  }
-  return blocks;
+  return text.split(/\n{2,}/).flatMap((block) => {
+    const [before, ...items] = `\n${block}`.split(/\n- /).map(joinLines);
+    const list = items.map((item) => el("li", inline(item)));
+    return [before && el("p", inline(before)), list.length && el("ul", list)].filter(Boolean);
+  });
 }
 
-// "Name: text" entries, whose further lines are indented; other text as prose.
+// "Name: text" entries with indented continuation lines; other text as prose.
 export function entries(text) {
   const found = [...text.matchAll(/^(\w+): (.*(?:\n[ \t]+.*)*)/gm)];
   if (!found.length) return prose(text);
-  const list = make("dl", { class: "raises" });
-  for (const [, name, told] of found) {
-    list.append(make("dt", {}, make("code", {}, name)), make("dd", {}, inline(joined(told))));
-  }
-  return [list];
+  return el(
+    "dl.raises",
+    found.map(([, name, body]) => [
+      el("dt", el("code", name)),
+      el("dd", inline(joinLines(body))),
+    ]),
+  );
 }
 
-function items(lines) {
-  const texts = [];
-  for (const line of lines) {
-    if (line.startsWith("- ")) texts.push(line.slice(2));
-    else texts[texts.length - 1] += ` ${line.trim()}`;
-  }
-  return texts.map((text) => make("li", {}, inline(text)));
-}
-
-function joined(text) {
-  return text.replace(/\s*\n\s*/g, " ");
+function joinLines(text) {
+  return text.replace(/\s*\n\s*/g, " ").trim();
 }
 
 export function inline(text) {
   return text.split(/(`[^`]+`|\*\*[^*]+\*\*)/).map((part) => {
-    if (part.startsWith("`")) return make("code", {}, part.slice(1, -1));
-    if (part.startsWith("**")) return make("strong", {}, inline(part.slice(2, -2)));
+    if (part.startsWith("`")) return el("code", part.slice(1, -1));
+    if (part.startsWith("**")) return el("strong", inline(part.slice(2, -2)));
     return part;
   });
 }

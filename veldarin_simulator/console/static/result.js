@@ -1,110 +1,78 @@
-// What a call left behind: its result or exception, and the native calls that it made.
-import { badge, copyButton, hint, make, panel } from "./dom.js";
-import { shownResult } from "./values.js";
+// The outcome of a call: its result or exception, and its native calls.
+import { badge, copyButton, el, hint, panel } from "./dom.js";
+import { resultView } from "./values.js";
 
-export function outcome(called) {
-  const beside = [badge(called.source), took(duration(called.microseconds))];
-  return called.raised ? raised(called.raised, beside) : returned(called.result, beside);
+export function outcome(call) {
+  const beside = [badge(call.source), note(duration(call.microseconds))];
+  return call.exception ? exceptionPanel(call.exception, beside) : resultPanel(call.result, beside);
 }
 
-export function returned(result, beside = []) {
-  const { body, tools } = shownResult(result);
-  return panel(
-    {
-      label: "Result",
-      kind: "result",
-      title: ["Returned ", make("code", { class: "type" }, size(result))],
-      beside: [beside, make("span", { class: "tools" }, tools)],
-    },
-    body,
-  );
+export function resultPanel(result, beside = []) {
+  const { body, tools } = resultView(result);
+  const title = ["Returned ", el("code.type", size(result))];
+  const all = [beside, el("span.tools", tools)];
+  return panel({ label: "Result", kind: "result", title, beside: all }, body);
 }
 
-export function raised(error, beside = []) {
-  const copy = copyButton(() => error.text);
+export function exceptionPanel(error, beside = []) {
+  const title = ["Raised ", el("code.type", error.type)];
+  const all = [beside, el("span.tools", copyButton(() => error.text))];
   return panel(
-    {
-      label: "Exception",
-      kind: "raised",
-      title: ["Raised ", make("code", { class: "type" }, error.type)],
-      beside: [beside, make("span", { class: "tools" }, copy)],
-    },
-    make("p", { class: "message" }, error.message || "without a message"),
+    { label: "Exception", kind: "exception", title, beside: all },
+    el("p.message", error.message || "without a message"),
     error.traceback.length
       ? [
-          make("h3", {}, "Traceback, outermost first"),
-          make("ol", { class: "traceback" }, error.traceback.map(tracebackEntry)),
+          el("h3", "Traceback, outermost entry first"),
+          el("ol.traceback", error.traceback.map(tracebackEntry)),
         ]
-      : hint("No traceback entry: the interpreter itself refused the call."),
+      : hint("The traceback is empty: the interpreter itself rejected the call."),
   );
 }
 
-function tracebackEntry(entry) {
-  return make(
-    "li",
-    {},
-    make("code", { class: "function" }, entry.function),
-    make("span", { class: "place" }, `${entry.file}, line ${entry.line}`),
-  );
+function tracebackEntry({ function: name, file, line }) {
+  return el("li", el("code.function", name), el("span.place", `${file}, line ${line}`));
 }
 
-export function journal(called) {
-  const steps = called.journal.map(step);
-  const count = steps.length === 1 ? "1 crossing" : `${steps.length} crossings`;
+export function callLog(call) {
+  const steps = call.call_log.map(step);
+  const title = "Native calls";
+  const count = steps.length === 1 ? "1 call" : `${steps.length} calls`;
   return panel(
-    {
-      label: "Native calls",
-      kind: "journal",
-      title: "Native calls",
-      beside: steps.length ? took(count) : null,
-    },
-    called.failed_answers
-      ? make("p", { class: "message" }, `The stand-in could not answer: ${called.failed_answers}`)
-      : null,
+    { label: title, kind: "call-log", title, beside: steps.length ? note(count) : null },
+    call.simulator_error ? el("p.message", `The simulator failed: ${call.simulator_error}`) : null,
     steps.length
-      ? make("ol", { class: "steps" }, steps)
-      : make("p", { class: "empty small" }, "This call asked no native service."),
+      ? el("ol.steps", steps)
+      : el("p.empty.small", "The function made no native call."),
   );
 }
 
 function step(entry) {
-  const method = entry.kind === "method";
-  const source = entry.source === "none" ? "no answer" : entry.source;
-  return make(
-    "li",
-    { class: `step step-${entry.kind}` },
-    make(
-      "div",
-      { class: "what" },
-      make("code", {}, entry.service),
-      method ? badge("method table") : badge(source),
-    ),
-    payload(entry),
-  );
+  const source = entry.source === "none" ? "no reply" : entry.source;
+  const label = badge(entry.kind === "method" ? "method table" : source);
+  const head = el("div.head", el("code", entry.service), label);
+  return el(`li.step.step-${entry.kind}`, head, payload(entry));
 }
 
 function payload(entry) {
-  if (entry.kind === "plain") return hint("is given nothing");
+  if (entry.kind === "plain") return hint("no argument");
   if (entry.kind === "command" || entry.kind === "text") {
     const count = entry.hex ? entry.hex.split(" ").length : 0;
-    return [
-      make("pre", { class: entry.kind }, entry.bytes),
-      folded(count === 1 ? "1 byte" : `${count} bytes`, make("pre", { class: "hex" }, entry.hex)),
-    ];
+    const summary = count === 1 ? "1 byte" : `${count} bytes`;
+    return [el(`pre.${entry.kind}`, entry.bytes), folded(summary, el("pre.hex", entry.hex))];
   }
   const text = pretty(entry.json);
-  const shown = make("pre", { class: "json" }, text);
-  if (text.split("\n").length <= 8) return shown;
-  const what = entry.kind === "method" ? "gives up its object" : "request";
-  return folded(`${what}, ${entry.json.length} characters of JSON`, shown);
+  const json = el("pre.json", text);
+  if (text.split("\n").length <= 8) return json;
+  const what = entry.kind === "method" ? "released object" : "request";
+  return folded(`${what}, ${entry.json.length} characters of JSON`, json);
 }
 
-function folded(summary, shown) {
-  return make("details", {}, make("summary", {}, summary), shown);
+function folded(summary, content) {
+  return el("details", el("summary", summary), content);
 }
 
 function pretty(text) {
-  if (/\d{16}/.test(text)) return text; // this language would round it
+  if (/\d{16}/.test(text)) return text; // JavaScript would round it
   try {
     return JSON.stringify(JSON.parse(text), null, 2);
   } catch {
@@ -112,8 +80,8 @@ function pretty(text) {
   }
 }
 
-export function took(text) {
-  return make("span", { class: "took" }, text);
+export function note(text) {
+  return el("span.note", text);
 }
 
 function size({ type, value }) {

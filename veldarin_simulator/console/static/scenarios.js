@@ -1,196 +1,176 @@
-// Scenarios: the recorded answers that come before this machine's own; which there are, what they
-// answer, and an editor for one answer.
-import { get, post } from "./api.js";
-import { area, badge, breakable, field, hint, make, nothing, panel, replace, say } from "./dom.js";
-import { refused } from "./errors.js";
+// Scenarios: load, save, and edit the replies that override this machine's.
+import { get, put, remove } from "./api.js";
+import {
+  announce, area, badge, breakable, el, emptyState, field, hint, pageTitle, panel, replace,
+} from "./dom.js";
+import { errorPanel } from "./errors.js";
 
 const SUMMARY =
-  "Recorded answers that come before this machine's own. An edit counts from the next call on; " +
-  "saving keeps it.";
+  "Recorded replies that override this machine's own. An edit applies from the next call; save " +
+  "the scenario to keep it.";
+
+const replyPath = (name) => `/api/replies/${encodeURIComponent(name)}`;
 
 export async function show(page, name) {
-  const work = make("main", { id: "work", class: "single", tabindex: "-1" });
+  const work = el("main.single", { id: "work", tabindex: "-1" });
   page.replaceChildren(work);
   document.title = "Scenarios · Console";
   await fill(work, name ?? null);
 }
 
-// `chosen`: the answer in the editor, if there is one.
+// `chosen` is the name of the reply in the editor, or null.
 async function fill(work, chosen) {
-  const [state, { answers }] = await Promise.all([get("/api/scenarios"), get("/api/answers")]);
+  const [state, { replies }] = await Promise.all([get("/api/scenarios"), get("/api/replies")]);
   showLoaded(state);
-  const editor = make(
-    "div",
-    { class: "editor" },
-    nothing("No answer chosen.", "Choose one to see what it says, and to say something else."),
-  );
-  const again = () => fill(work, chosen);
+  const none = emptyState("No reply selected.", "Select one to view or edit it.");
+  const editor = el("div.editor", none);
+  const refresh = () => fill(work, chosen);
   const choose = async (name) => {
     chosen = name;
-    for (const button of work.querySelectorAll("[data-answer]")) {
-      button.setAttribute("aria-pressed", String(button.dataset.answer === name));
+    for (const button of work.querySelectorAll("[data-reply]")) {
+      button.setAttribute("aria-pressed", String(button.dataset.reply === name));
     }
     try {
-      replace(editor, editing(await get(`/api/answers/${encodeURIComponent(name)}`), again));
+      replace(editor, replyForm(await get(replyPath(name)), refresh));
     } catch (error) {
-      replace(editor, refused(error));
+      replace(editor, errorPanel(error));
     }
     const outOfSight = editor.getBoundingClientRect().top > window.innerHeight * 0.7;
     if (outOfSight) editor.scrollIntoView({ block: "start" });
   };
-  replace(
-    work,
-    make(
-      "header",
-      { class: "title" },
-      make("h1", { class: "plain" }, "Scenarios"),
-      make("p", { class: "summary" }, SUMMARY),
-    ),
-    make(
-      "div",
-      { class: "scenarios" },
-      make("div", { class: "shelf" }, shelf(state, again), answerList(answers, choose)),
-      editor,
-    ),
-  );
+  const lists = el("div.store", scenarioList(state, refresh), replyList(replies, choose));
+  replace(work, pageTitle("Scenarios", SUMMARY), el("div.scenarios", lists, editor));
   if (chosen) await choose(chosen);
 }
 
-// In the bar of the page: which scenario answers.
-export function showLoaded({ loaded, changed }) {
+// Shows the current scenario in the page's header.
+export function showLoaded({ loaded, modified }) {
   const place = document.getElementById("loaded");
-  place.hidden = loaded === null && !changed;
-  place.textContent = `${loaded ?? "unsaved answers"}${loaded && changed ? " *" : ""}`;
-  place.title = changed ? "Scenario in work, with unsaved changes" : "Scenario in work";
+  place.hidden = loaded === null && !modified;
+  place.textContent = `${loaded ?? "unsaved replies"}${loaded && modified ? " *" : ""}`;
+  place.title = modified ? "Current scenario, with unsaved changes" : "Current scenario";
 }
 
-function shelf(state, again) {
-  const told = make("div", {});
+function scenarioList(state, refresh) {
+  const errors = el("div");
+  const attempt = async (action) => {
+    try {
+      replace(errors);
+      await action();
+      await refresh();
+    } catch (error) {
+      replace(errors, errorPanel(error));
+    }
+  };
   const load = async (name) => {
-    const question = "What was edited is not saved. Load all the same?";
-    if (state.changed && !window.confirm(question)) return;
-    await tried(told, async () => {
-      await post("/api/scenarios/load", { name });
-      say(name === null ? "no scenario" : `${name} is loaded`);
-      await again();
+    if (state.modified && !window.confirm("Discard unsaved changes?")) return;
+    await attempt(async () => {
+      await put("/api/scenarios/current", { name });
+      announce(name === null ? "no scenario" : `loaded ${name}`);
     });
   };
-  const choice = (name, label, about) => {
-    const pressed = String(state.loaded === name);
-    const button = { type: "button", class: "choice", "aria-pressed": pressed };
-    const shown = [make("span", {}, label), make("small", {}, about)];
-    return make("li", {}, make("button", { ...button, click: () => load(name) }, shown));
+  const save = () =>
+    attempt(async () => {
+      const path = `/api/scenarios/${encodeURIComponent(name.value.trim())}`;
+      announce(`saved to ${(await put(path, {})).directory}`);
+    });
+  const item = (one, label, about) => {
+    const pressed = String(state.loaded === one);
+    const attributes = { type: "button", "aria-pressed": pressed, click: () => load(one) };
+    return el("li", el("button.choice", attributes, el("span", label), el("small", about)));
   };
   const name = field("Name to save under", { placeholder: "name", required: true });
   name.value = state.loaded ?? "";
-  const save = () =>
-    tried(told, async () => {
-      const now = await post("/api/scenarios/save", { name: name.value.trim() });
-      say(`saved to ${now.folder}`);
-      await again();
-    });
+  const beside = state.modified ? badge("unsaved", "modified") : null;
   return panel(
-    {
-      label: "Scenarios",
-      title: "Scenarios",
-      beside: state.changed ? badge("unsaved", "changed") : null,
-    },
-    make(
-      "ul",
-      { class: "choices" },
-      choice(null, "This machine", "no scenario: live, and the samples that everybody has"),
-      state.scenarios.map((one) => choice(one, one, one === state.loaded ? state.folder : "")),
+    { label: "Scenarios", title: "Scenarios", beside },
+    el(
+      "ul.choices",
+      item(null, "This machine", "no scenario: live replies, and samples where there are none"),
+      state.scenarios.map((one) => item(one, one, one === state.loaded ? state.directory : "")),
     ),
-    state.scenarios.length ? null : hint(`None is saved yet. They are kept in ${state.shelf}`),
-    oneField(name, "Save", state.changed ? "primary" : "", save),
-    told,
+    state.scenarios.length ? null : hint(`No scenario is saved yet in ${state.store}`),
+    inlineForm(name, "Save", state.modified ? "button.primary" : "button", save),
+    errors,
   );
 }
 
-function answerList(answers, choose) {
+function replyList(replies, choose) {
   const item = (one) => {
-    const known = { "data-answer": one.name, "aria-pressed": "false" };
-    const button = { type: "button", class: "choice", ...known, click: () => choose(one.name) };
-    return make("li", {}, make("button", button, make("code", {}, breakable(one.name)), mark(one)));
+    const attributes = { type: "button", "data-reply": one.name, "aria-pressed": "false" };
+    const click = () => choose(one.name);
+    const label = [el("code", breakable(one.name)), replyBadge(one)];
+    return el("li", el("button.choice", { ...attributes, click }, label));
   };
-  const group = (title, held) =>
-    make("section", {}, make("h3", {}, title), make("ul", { class: "answers" }, held.map(item)));
+  const group = (title, listed) =>
+    el("section", el("h3", title), el("ul.replies", listed.map(item)));
   const command = field("Another command", { placeholder: "another command", required: true });
   return panel(
-    { label: "Answers", title: "Answers" },
-    group("Commands", answers.filter((one) => one.command)),
-    oneField(command, "Edit", "", () => choose(command.value)),
-    group("Native services", answers.filter((one) => !one.command)),
+    { label: "Replies", title: "Replies" },
+    group("Commands", replies.filter((one) => one.command)),
+    inlineForm(command, "Edit", "button", () => choose(command.value)),
+    group("Native services", replies.filter((one) => !one.command)),
   );
 }
 
-function oneField(input, label, kind, submitted) {
+function inlineForm(input, label, selector, onSubmit) {
   const submit = (event) => {
     event.preventDefault();
-    submitted();
+    onSubmit();
   };
-  const button = make("button", { type: "submit", class: kind || null }, label);
-  return make("form", { class: "save", submit }, input, button);
+  return el("form.save", { submit }, input, el(selector, { type: "submit" }, label));
 }
 
-function mark({ own, changed, source }) {
-  if (changed) return badge(own ? "edited" : "taken out", "changed");
-  if (own) return badge("scenario", "own");
+function replyBadge({ overridden, modified, source }) {
+  if (modified) return badge(overridden ? "edited" : "removed", "modified");
+  if (overridden) return badge("scenario");
   return source && source !== "none" ? badge(source) : null;
 }
 
-function editing({ name, own, file, text }, again) {
-  const told = make("div", {});
-  // A text field knows one kind of line end: the other is put back.
-  const returns = text.includes("\r\n");
-  const editor = area(`Answer of ${name}`, { class: "capture", rows: "18" });
+function replyForm({ name, overridden, file, text }, refresh) {
+  const errors = el("div");
+  const crlf = text.includes("\r\n"); // a textarea converts line ends to \n
+  const editor = area(`Reply of ${name}`, { class: "verbatim", rows: "18" });
   editor.value = text;
-  const take = async (given) => {
+  const attempt = async (request) => {
     try {
-      await post(`/api/answers/${encodeURIComponent(name)}`, { text: given });
-      say("taken");
-      await again();
+      await request();
+      announce("the next call uses this reply");
+      await refresh();
     } catch (error) {
-      replace(told, refused(error));
-      if (error.about.line) select(editor, error.about.line);
+      replace(errors, errorPanel(error));
+      if (error.problem.line) selectLine(editor, error.problem.line);
     }
   };
   const submit = (event) => {
     event.preventDefault();
-    return take(returns ? editor.value.replaceAll("\n", "\r\n") : editor.value);
+    const edited = crlf ? editor.value.replaceAll("\n", "\r\n") : editor.value;
+    return attempt(() => put(replyPath(name), { text: edited }));
   };
-  const remove = { type: "button", class: "quiet", click: () => take(null) };
-  return make(
-    "form",
-    { class: "panel call", "aria-label": "Answer", submit },
-    make("header", {}, make("h2", {}, make("code", {}, name))),
-    own
-      ? hint(`Held by the scenario, in ${file}`)
-      : hint("Not held by the scenario: what is answered now, to begin with"),
+  const click = () => attempt(() => remove(replyPath(name)));
+  const source = overridden
+    ? `From the scenario, file ${file}`
+    : "Not in the scenario. This is the current reply, to start from.";
+  return el(
+    "form.panel.call",
+    { "aria-label": "Reply", submit },
+    el("header", el("h2", el("code", name))),
+    hint(source),
     editor,
-    told,
-    make(
-      "div",
-      { class: "go" },
-      make("button", { type: "submit", class: "primary" }, "Use this answer"),
-      own ? make("button", remove, "Remove from the scenario") : null,
+    errors,
+    el(
+      "div.actions",
+      el("button.primary", { type: "submit" }, "Use this reply"),
+      overridden
+        ? el("button.quiet", { type: "button", click }, "Remove from the scenario")
+        : null,
     ),
   );
 }
 
-// Puts the cursor on a line, so that what is wrong is in sight.
-function select(editor, line) {
+function selectLine(editor, line) {
   const lines = editor.value.split("\n");
   const start = lines.slice(0, line - 1).reduce((sum, one) => sum + one.length + 1, 0);
   editor.focus();
   editor.setSelectionRange(start, start + (lines[line - 1]?.length ?? 0));
-}
-
-async function tried(told, action) {
-  try {
-    replace(told);
-    await action();
-  } catch (error) {
-    replace(told, refused(error));
-  }
 }

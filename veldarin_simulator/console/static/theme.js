@@ -1,15 +1,9 @@
-// The colours that the person chose, before the page is painted. For console.html.
+// Applies the chosen theme before the first paint.
 "use strict";
 
-(() => {
-  const root = document.documentElement;
-  const kept = () => {
-    try {
-      return localStorage.getItem("theme");
-    } catch {
-      return null; // storage is withheld: the system's colours
-    }
-  };
-  const chosen = kept();
-  if (chosen === "light" || chosen === "dark") root.dataset.theme = chosen;
-})();
+try {
+  const theme = localStorage.getItem("theme");
+  if (theme === "light" || theme === "dark") document.documentElement.dataset.theme = theme;
+} catch {
+  // Storage is disabled: the system's theme.
+}

@@ -1,1 +1,1 @@
-"""What the management interface shares with the rest of the appliance."""
+"""Modules that the management interface shares with the rest of the appliance."""

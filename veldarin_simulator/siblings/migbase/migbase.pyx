@@ -1,3 +1,3 @@
-"""Stand-in `migbase.migbase`: C-level constants of the appliance; nothing for Python."""
+"""Simulated `migbase.migbase`: C-level constants; no Python names."""
 
 cdef char *WARM_START_PATH = b"/var/run/warm_start"

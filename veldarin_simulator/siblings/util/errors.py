@@ -4,4 +4,4 @@ from __future__ import annotations
 
 
 class CFunctionError(Exception):
-    """A native function failed; the message says which, or how."""
+    """A native function failed; the message names the function or the failure."""

@@ -5,9 +5,9 @@ cdef extern from "json-c/json.h":
 
 
 cdef class JSONObject:
-    # Owned, unless it is the blank of an instance made without argument. A caller may put another
-    # object in place of a blank one; that one is then owned.
-    cdef json_object *held
+    # Owned, unless it is the default response. A caller may replace the default response with
+    # another object, which the instance then owns.
+    cdef json_object *value
 
-    # Gives up the held object.
+    # Drops the value.
     cdef object release(self)

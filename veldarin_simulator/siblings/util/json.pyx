@@ -1,7 +1,7 @@
-"""Stand-in `util.json`: JSON between Python and the appliance's native services.
+"""Simulated `util.json`: JSON between Python and the native services.
 
-`JSONObject` carries one json-c object. Native code reads and overwrites the pointer in the instance
-and calls the method table; Python only makes instances.
+A `JSONObject` carries one json-c object. Native code reads and overwrites the pointer in the
+instance and calls the method table; Python only creates instances.
 """
 from libc.limits cimport INT_MAX
 from libc.stdint cimport INT64_MAX, INT64_MIN, int64_t, uint64_t
@@ -30,22 +30,22 @@ cdef extern from "json-c/json.h":
 
 
 cdef extern from "simulator.h":
-    void simulator_watch(json_object *request)
-    void simulator_note_release(json_object *held)
-    json_object *simulator_blank()
-    int simulator_is_blank(const json_object *value)
+    void simulator_track_request(json_object *request)
+    void simulator_log_release(json_object *value)
+    json_object *simulator_default_response()
+    int simulator_is_default_response(const json_object *value)
 
 
 cdef object on_create = None
 cdef object on_release = None
 
 
-def observe(*, created=None, released=None):
-    """Sets who is told of instances, for a workstation; `None`: nobody.
+def set_hooks(*, created=None, released=None):
+    """Set the functions that the simulator calls for instances, or None.
 
-    `created(args)` comes first in `JSONObject(*args)`; `released(text)` comes when native code calls
-    the release, with the JSON text held, before the object is given up. An exception of either
-    becomes the exception of the call.
+    `JSONObject(*args)` calls `created(args)` first. The method-table release calls
+    `released(text)`, with the JSON text of the value, before it drops the value. An exception of a
+    hook becomes the exception of the call.
     """
     global on_create, on_release
     on_create = created
@@ -53,73 +53,76 @@ def observe(*, created=None, released=None):
 
 
 cdef class JSONObject:
-    """`JSONObject(request)` holds the json-c object of a dict; `JSONObject()` holds a blank one.
+    """`JSONObject(request)` holds the json-c object of a dict, `JSONObject()` the default response.
 
-    Keys are `str`; values `None`, `bool`, `int` (64 bits), `float`, `str`, `list`, `tuple` and `dict`.
-    Anything else raises `TypeError`, an `int` of more bits `OverflowError`.
+    Keys are `str`; values `None`, `bool`, `int`, `float`, `str`, `list`, `tuple` and `dict`.
+
+    Raises:
+        TypeError: A key or value has another type.
+        OverflowError: An `int` has more than 64 bits.
     """
 
     def __cinit__(self, *args):
         if on_create is not None:
             on_create(args)
         if not args:
-            self.held = simulator_blank()
+            self.value = simulator_default_response()
             return
         if len(args) != 1:
             raise TypeError(f"JSONObject() takes at most 1 argument ({len(args)} given)")
         if not isinstance(args[0], dict):
             raise TypeError(f"JSONObject() argument must be dict, not {type(args[0]).__name__}")
-        self.held = made(json_object_new_object())
-        simulator_watch(self.held)
-        fill(self.held, args[0])
+        self.value = check_memory(json_object_new_object())
+        simulator_track_request(self.value)
+        fill(self.value, args[0])
 
     def __dealloc__(self):
-        give_up(self)
+        drop_reference(self)
 
     def __str__(self):
-        """The JSON text held."""
-        return text_of(self).decode()
+        """Return the JSON text of the value."""
+        return json_text(self).decode()
 
     cdef object release(self):
-        simulator_note_release(self.held)
+        simulator_log_release(self.value)
         if on_release is not None:
-            on_release(text_of(self).decode("utf-8", "surrogateescape"))
-        give_up(self)
+            on_release(json_text(self).decode("utf-8", "surrogateescape"))
+        drop_reference(self)
 
 
-cdef void give_up(JSONObject instance) noexcept:
-    held = instance.held
-    instance.held = NULL
-    if not simulator_is_blank(held):
-        json_object_put(held)
+cdef void drop_reference(JSONObject instance) noexcept:
+    value = instance.value
+    instance.value = NULL
+    if not simulator_is_default_response(value):
+        json_object_put(value)
 
 
-cdef bytes text_of(JSONObject instance):
-    text = json_object_to_json_string(instance.held)
+cdef bytes json_text(JSONObject instance):
+    text = json_object_to_json_string(instance.value)
     if text == NULL:
         raise MemoryError
     return text
 
 
-# A new json-c object (owned by the caller) for a value, containers empty; None is json-c's null.
+# Returns a new json-c object, which the caller owns, with containers left empty; None is null.
 cdef json_object *new_value(object value) except? NULL:
     if value is None:
         return NULL
     if isinstance(value, bool):
-        return made(json_object_new_boolean(value))
+        return check_memory(json_object_new_boolean(value))
     if isinstance(value, int):
         if INT64_MIN <= value <= INT64_MAX:
-            return made(json_object_new_int64(value))
-        return made(json_object_new_uint64(value))
+            return check_memory(json_object_new_int64(value))
+        return check_memory(json_object_new_uint64(value))
     if isinstance(value, float):
         spelling = float.__repr__(value).encode()
-        return made(json_object_new_double_s(value, spelling))
+        return check_memory(json_object_new_double_s(value, spelling))
     if isinstance(value, str):
         return new_string(value)
     if isinstance(value, dict):
-        return made(json_object_new_object())
+        return check_memory(json_object_new_object())
     if isinstance(value, (list, tuple)):
-        return made(json_object_new_array())
+        return check_memory(json_object_new_array())
     raise TypeError(f"{type(value).__name__} has no JSON form")
 
 
@@ -128,19 +131,19 @@ cdef json_object *new_string(object value) except NULL:
     text = PyUnicode_AsUTF8AndSize(value, &size)
     if size >= INT_MAX:
         raise OverflowError("text too long for json-c")
-    return made(json_object_new_string_len(text, <int>size))
+    return check_memory(json_object_new_string_len(text, <int>size))
 
 
-cdef json_object *made(json_object *value) except NULL:
+cdef json_object *check_memory(json_object *value) except NULL:
     if value == NULL:
         raise MemoryError
     return value
 
 
-# Members join their container before they are filled, so that whoever gives up the root gives up
-# all, however far this came.
+# Adds members to their container before it fills them, so that dropping the root drops all of them
+# after an error.
 cdef void fill(json_object *target, object value) except *:
-    Py_EnterRecursiveCall(b" while making a json-c object")
+    Py_EnterRecursiveCall(b" while creating a json-c object")
     try:
         if isinstance(value, dict):
             fill_object(target, value)

@@ -1,4 +1,4 @@
-"""Stand-in `util.string`: C-level text functions; nothing for Python."""
+"""Simulated `util.string`: C-level text functions; no Python names."""
 from libc.string cimport memcpy
 
 

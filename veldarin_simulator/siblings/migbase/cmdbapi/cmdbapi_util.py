@@ -1,12 +1,12 @@
-"""Stand-in `migbase.cmdbapi.cmdbapi_util`: what the configuration database says of the device."""
+"""Simulated `migbase.cmdbapi.cmdbapi_util`: queries of the configuration database."""
 
 from __future__ import annotations
 
-SERIAL_NUMBER = b"STANDIN000000001"  # of no real device
+SERIAL_NUMBER = b"STANDIN000000001"  # not a real device's
 
-serial_number = SERIAL_NUMBER  # for a workstation to set
+serial_number = SERIAL_NUMBER  # the simulator sets it
 
 
 def serial_number_ascii() -> bytes:
-    """The device's serial number."""
+    """Return the serial number of the appliance."""
     return serial_number

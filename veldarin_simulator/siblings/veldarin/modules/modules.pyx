@@ -1,4 +1,4 @@
-"""Stand-in `veldarin.modules.modules`: where the management interface keeps its files."""
+"""Simulated `veldarin.modules.modules`: the paths of the management interface's files."""
 
 cdef bytes secret_path = b"/var/lib/veldarin/preference_cookie_secret"
 
@@ -8,6 +8,6 @@ cdef char *get_preference_cookie_secret_path() noexcept:
 
 
 def set_preference_cookie_secret_path(bytes path not None):
-    """Moves the secret of the preference cookie to another path, for a workstation."""
+    """Set the path of the preference cookie's secret, for the simulator."""
     global secret_path
     secret_path = path

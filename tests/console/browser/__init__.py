@@ -1,1 +1,0 @@
-"""The console's page in a browser: what drives it, and the tests."""
