@@ -60,6 +60,7 @@ def test_example_call_is_accepted_for_every_function(api: Any) -> None:
         call = api("POST", f"/api/functions/{function['name']}", body)
         assert call["function"] == function["name"]
         assert ("result" in call) != ("exception" in call)
+        assert set(body["keywords"]) <= {one["name"] for one in function["parameters"]}
         required = [one for one in function["parameters"] if not one["optional"]]
         assert len(body["arguments"]) + len(body["keywords"]) >= len(required)
 

@@ -88,9 +88,7 @@ class ScenarioStore:
             if file.startswith(f"{_CLI}/")
         }
         with translate_oserror(path):
-            path.parent.mkdir(parents=True, exist_ok=True)
-            if not path.is_symlink():
-                path.mkdir(exist_ok=True)
+            path.mkdir(parents=True, exist_ok=True)
             with open_dir(path) as directory:
                 replace_contents(directory, {k: v for k, v in scenario.items() if "/" not in k})
                 if cli and _CLI not in os.listdir(directory):
