@@ -1,13 +1,10 @@
 #!/usr/bin/env python3
-"""Writes docs/functions.md, the page of the module's functions, from its Python face.
+"""Writes docs/functions.md, the reference of the module's functions, from its type stub.
 
-For GUI authors, who read the page, and for whoever changes the face: `make docs` writes the page
-anew, and `--check` (exit status 1 if the page is stale) is what a test runs. The face is read and
-not imported.
-
-What the face holds becomes, in its order: a comment line of dashes and a title, with the comment
-after it, a section; a function or class with its docstring, or a name with the text after it, an
-entry of the section. In a docstring "Raises:" and "Example:" begin parts of their own.
+`make docs` writes the page; a test runs `--check` (exit status 1 if the page is stale). The stub is
+read, not imported, and determines the order: a comment line of dashes and a title, with the comment
+after it, becomes a section; a function or class with its docstring, or a name with the text after
+it, an entry of the section. "Raises:" and "Example:" in a docstring begin parts.
 """
 
 from __future__ import annotations
@@ -22,7 +19,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-FACE = ROOT / "veldarin" / "modules" / "modules_util.pyi"
+STUB = ROOT / "veldarin" / "modules" / "modules_util.pyi"
 PAGE = ROOT / "docs" / "functions.md"
 
 _TITLE = "# Functions of veldarin.modules.modules_util"
@@ -36,22 +33,22 @@ _PARTS = ("Raises:", "Example:")
 
 @dataclass(frozen=True)
 class Entry:
-    """A function, a type or a name of the module."""
+    """A function, type or constant of the module."""
 
     name: str
-    code: str  # as the face declares it
-    text: str  # its docstring, cleaned
+    code: str  # as the stub declares it
+    text: str  # the cleaned docstring
     is_function: bool
 
     @property
     def summary(self) -> str:
-        """The first line of its text."""
+        """The first line of the docstring."""
         return self.text.partition("\n")[0]
 
 
 @dataclass
 class Section:
-    """What stands under one heading."""
+    """A heading with its entries."""
 
     title: str
     text: str
@@ -59,32 +56,32 @@ class Section:
     entries: list[Entry] = field(default_factory=list)
 
 
-class FaceError(ValueError):
-    """A face that cannot be made a page of; its text is one line."""
+class StubError(ValueError):
+    """A stub without the structure that the page needs; the message is one line."""
 
 
 def read(source: str) -> tuple[str, list[Section]]:
-    """The text that the face opens with, and its sections. Raises `FaceError`, `SyntaxError`."""
+    """Returns the stub's docstring and sections. Raises `StubError`, `SyntaxError`."""
     tree = ast.parse(source)
     sections = list(_sections(source.splitlines()))
     for entry, line in _entries(tree.body):
         above = [section for section in sections if section.line < line]
         if not above:
-            raise FaceError(f"line {line}: {entry.name} stands under no heading")
+            raise StubError(f"line {line}: {entry.name} is not below a heading")
         if not entry.text:
-            raise FaceError(f"line {line}: {entry.name} has no text")
+            raise StubError(f"line {line}: {entry.name} has no docstring")
         above[-1].entries.append(entry)
     return inspect.cleandoc(ast.get_docstring(tree) or ""), sections
 
 
 def page(source: str) -> str:
-    """The page of a face. Raises as `read` does."""
+    """Returns the page for a stub. Raises as `read` does."""
     introduction, sections = read(source)
     blocks = [_TITLE, _NOTICE, introduction, _contents(sections)]
     for section in sections:
         blocks += [f"## {section.title}", section.text]
         for entry in section.entries:
-            blocks += [f"### {entry.name}", _fenced(entry.code), _marked_up(entry.text)]
+            blocks += [f"### {entry.name}", _fenced(entry.code), _format_docstring(entry.text)]
     return "\n\n".join(block for block in blocks if block) + "\n"
 
 
@@ -102,13 +99,13 @@ def _sections(lines: list[str]) -> Iterator[Section]:
 
 
 def _entries(body: list[ast.stmt]) -> Iterator[tuple[Entry, int]]:
-    """The declarations with their lines; imports are told of in words."""
+    """Yields the declarations with their lines, without imports."""
     for node, following in zip(body, [*body[1:], None]):
         if isinstance(node, ast.FunctionDef):
             text = ast.get_docstring(node) or ""
             yield Entry(node.name, _declaration(node), text, True), node.lineno
         elif isinstance(node, ast.ClassDef):
-            fields = [ast.unparse(line) for line in node.body if not _is_text(line)]
+            fields = [ast.unparse(line) for line in node.body if not _is_docstring(line)]
             code = "\n    ".join(
                 [f"class {node.name}({', '.join(map(ast.unparse, node.bases))}):", *fields]
             )
@@ -120,7 +117,7 @@ def _entries(body: list[ast.stmt]) -> Iterator[tuple[Entry, int]]:
 
 
 def _declaration(node: ast.FunctionDef) -> str:
-    # Spaced as the formatter has it, which ast.unparse does not.
+    # ast.unparse omits the spaces around =.
     arguments = re.sub(r"(\w|\])=", r"\1 = ", ast.unparse(node.args))
     result = f" -> {ast.unparse(node.returns)}" if node.returns else ""
     return f"{node.name}({arguments}){result}"
@@ -132,7 +129,7 @@ def _text(node: ast.stmt | None) -> str:
     return ""
 
 
-def _is_text(node: ast.stmt) -> bool:
+def _is_docstring(node: ast.stmt) -> bool:
     return bool(_text(node))
 
 
@@ -145,14 +142,14 @@ def _contents(sections: list[Section]) -> str:
     return "\n".join(["| | Function | |", "|---|---|---|", *rows])
 
 
-def _marked_up(text: str) -> str:
-    """A docstring as Markdown: it is already, but for its parts."""
+def _format_docstring(text: str) -> str:
+    """Formats a docstring, which is Markdown but for its parts."""
     blocks: list[list[str]] = [[""]]
     for line in text.splitlines():
         if line in _PARTS:
             blocks.append([line])
         elif blocks[-1][0] and line and not line.startswith(" "):
-            blocks.append(["", line])  # the text goes on after a part
+            blocks.append(["", line])  # text after a part
         else:
             blocks[-1].append(line)
     return "\n\n".join(filter(None, map(_block, blocks)))
@@ -161,16 +158,16 @@ def _marked_up(text: str) -> str:
 def _block(lines: list[str]) -> str:
     part, content = lines[0], inspect.cleandoc("\n".join(["", *lines[1:]])).strip()
     if part == "Raises:":
-        return _raised(content)
+        return _format_raises(content)
     if part == "Example:":
         return _fenced(content)
     return content
 
 
-def _raised(content: str) -> str:
+def _format_raises(content: str) -> str:
     rows = re.sub(r"\n +", " ", content).splitlines()
     if not all(re.match(r"\w+: ", row) for row in rows):
-        return f"Raises: {content[0].lower()}{content[1:]}"  # words in place of a list
+        return f"Raises: {content[0].lower()}{content[1:]}"  # prose instead of a list
     return "Raises:\n\n" + "\n".join(re.sub(r"^(\w+): ", r"- `\1`: ", row) for row in rows)
 
 
@@ -179,7 +176,7 @@ def _fenced(code: str) -> str:
 
 
 def main(arguments: list[str]) -> int:
-    """Writes or checks the page; returns the exit status."""
+    """Writes or checks the page and returns the exit status."""
     parser = argparse.ArgumentParser(
         description="Writes docs/functions.md from veldarin/modules/modules_util.pyi."
     )
@@ -188,17 +185,17 @@ def main(arguments: list[str]) -> int:
     )
     check = parser.parse_args(arguments).check
     try:
-        made = page(FACE.read_text(encoding="utf-8"))
-    except (FaceError, SyntaxError, OSError) as error:
-        print(f"{FACE.relative_to(ROOT)}: {error}", file=sys.stderr)
+        content = page(STUB.read_text(encoding="utf-8"))
+    except (StubError, SyntaxError, OSError) as error:
+        print(f"{STUB.relative_to(ROOT)}: {error}", file=sys.stderr)
         return 1
     if not check:
         PAGE.parent.mkdir(exist_ok=True)
-        PAGE.write_text(made, encoding="utf-8")
+        PAGE.write_text(content, encoding="utf-8")
         return 0
-    if PAGE.is_file() and PAGE.read_text(encoding="utf-8") == made:
+    if PAGE.is_file() and PAGE.read_text(encoding="utf-8") == content:
         return 0
-    print(f"{PAGE.relative_to(ROOT)} is stale: make docs", file=sys.stderr)
+    print(f"{PAGE.relative_to(ROOT)} is stale; run: make docs", file=sys.stderr)
     return 1
 
 

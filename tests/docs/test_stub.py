@@ -315,25 +315,25 @@ def test_a_stale_page_is_told_and_written_anew(
     monkeypatch.setattr(generate_function_docs, "ROOT", tmp_path)
     monkeypatch.setattr(generate_function_docs, "PAGE", tmp_path / "docs" / "functions.md")
     assert generate_function_docs.main(["--check"]) == 1
-    assert capsys.readouterr().err == "docs/functions.md is stale: make docs\n"
+    assert capsys.readouterr().err == "docs/functions.md is stale; run: make docs\n"
     assert generate_function_docs.main([]) == 0
     assert generate_function_docs.main(["--check"]) == 0
     generate_function_docs.PAGE.write_text(
         generate_function_docs.PAGE.read_text().replace("list_bfd", "list_bdf")
     )
     assert generate_function_docs.main(["--check"]) == 1
-    assert capsys.readouterr().err == "docs/functions.md is stale: make docs\n"
+    assert capsys.readouterr().err == "docs/functions.md is stale; run: make docs\n"
 
 
 @pytest.mark.parametrize(
     ("source", "told"),
     [
-        ("def f() -> int:\n    'Text.'\n", "line 1: f stands under no heading"),
-        ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no text"),
-        ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no text"),
+        ("def f() -> int:\n    'Text.'\n", "line 1: f is not below a heading"),
+        ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no docstring"),
+        ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no docstring"),
     ],
 )
 def test_a_face_without_headings_or_texts_makes_no_page(source: str, told: str) -> None:
     assert (
-        str(failure(generate_function_docs.FaceError, generate_function_docs.page, source)) == told
+        str(failure(generate_function_docs.StubError, generate_function_docs.page, source)) == told
     )

@@ -11,7 +11,7 @@ import pytest
 
 from tools import generate_function_docs
 
-FACE = generate_function_docs.FACE
+FACE = generate_function_docs.STUB
 
 
 class Parameter(NamedTuple):

@@ -29,7 +29,7 @@ PATIENCE = 15_000  # milliseconds; nothing here takes a tenth of it
 
 # One line in place of all tests, not one for each.
 if CHROMIUM is None:
-    pytest.skip("no Chromium: tests/console/browser/bootstrap installs it", allow_module_level=True)
+    pytest.skip("no Chromium: tools/bootstrap browser installs it", allow_module_level=True)
 if os.environ.get("LD_PRELOAD"):
     pytest.skip("a browser does not run with the sanitizer preloaded", allow_module_level=True)
 
