@@ -35,7 +35,7 @@ console: bootstrap-console build  ## Serve the web console, which calls every fu
 
 .PHONY: check
 check: lint build  ## Lint, and run the module's own tests; for the inner loop
-	@$(RUN) -m pytest -q -n auto tests/module -m "not slow" $(ARGS)
+	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
 
 .PHONY: test
 test: bootstrap-browser lint build callgrind  ## Lint, and run every test

@@ -13,6 +13,8 @@ import pytest
 from tests.support import isolated
 from tests.support.function_table import FUNCTIONS
 
+pytestmark = pytest.mark.slow
+
 INTERPRETER_CHANGE = (
     "Interpreter change detected - this module can only be loaded into one interpreter per process."
 )

@@ -15,6 +15,8 @@ from tests.support import isolated
 from tests.support.assertions import FILE
 from tests.support.fake_siblings import JSON_OBJECT_SIZE, LIBRARY_MODULES, POINTER
 
+pytestmark = pytest.mark.slow
+
 INIT = f"init {isolated.MODULE}"
 
 # (module, item, "variable" or "function", signature) of what is imported at C level.
