@@ -7,6 +7,7 @@
 
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
+SHELL := bash
 MAKEFLAGS += --no-print-directory
 
 PRESET ?= release
@@ -19,7 +20,7 @@ CXX_SOURCES = $(shell find veldarin util migbase veldarin_simulator tests checks
 # Starts the interpreter with the modules of $(BUILD).
 RUN = MODULES_UTIL_BUILD=$(BUILD) $(if $(filter asan,$(PRESET)),tools/with-asan) $(PYTHON)
 # Builds PRESET, or TARGETs of it: $(call build,PRESET[,TARGET ...]).
-build = @tools/step build-$(1) "building $(1)" $(CMAKE) --build --preset $(1) $(if $(2),--target $(2))
+build = @tools/step build-$(1) "building $(1)" $(CMAKE) --build build/$(1) $(if $(2),--target $(2))
 
 .PHONY: help
 help:  ## List these commands
@@ -66,7 +67,7 @@ lint-mypy: bootstrap-lint
 lint-clang-format: bootstrap-lint
 	@.venv/bin/clang-format --dry-run --Werror $(CXX_SOURCES)
 lint-clang-tidy: bootstrap-lint bootstrap-callgrind $(BUILD)/build.ninja
-	@tools/step tidy "clang-tidy" $(CMAKE) --build --preset $(PRESET) --target tidy -- -k 0
+	@tools/step tidy "clang-tidy" $(CMAKE) --build $(BUILD) --target tidy -- -k 0
 lint-spelling: bootstrap-lint
 	@$(PYTHON) tools/check_words.py
 
@@ -118,10 +119,13 @@ callgrind: bootstrap-callgrind build
 	$(call build,$(PRESET),callgrind_tools)
 
 .PHONY: wheels
-wheels: bootstrap-wheels  ## Build a wheel of the module in build/wheels
+wheels: bootstrap-wheels build/wheels/complete  ## Build a wheel of the module in build/wheels
+	@realpath build/wheels/*.whl
+build/wheels/complete: CMakeLists.txt pyproject.toml $(shell find veldarin util migbase cmake -type f)
+	@rm -rf build/wheels
 	@tools/step wheels "building the wheel" \
 		$(PYTHON) -m pip wheel --no-deps --no-build-isolation --wheel-dir build/wheels .
-	@realpath build/wheels/*.whl
+	@touch $@
 
 .PHONY: mips
 mips: bootstrap-run bootstrap-mips build/mips/build.ninja  ## Build the module for the appliance's processor
@@ -139,7 +143,8 @@ mips-check: bootstrap-browser  ## Build and test for that processor within eight
 .PHONY: mips-fault-injection
 mips-fault-injection: mips build/mips-fault-injection/build.ninja  ## Fail every allocation on that processor once
 	$(call build,mips-fault-injection)
-	@cross/mips/fault-injection $(ARGS)
+	@. cross/mips/config.sh && MODULES_UTIL_BUILD=build/mips-fault-injection \
+		"$$mips_python" -m checks.fault_injection $(or $(ARGS),--single)
 
 .PHONY: dist
 dist: mips  ## Pack what ships into an archive in build/dist
