@@ -17,6 +17,8 @@ from tests.support.netns import ALONE, PORTS, Message, ip_json, needs_ip, run_in
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import arp, routing
 
+pytestmark = pytest.mark.requires("netlink")
+
 # The ARP listing
 
 
@@ -137,8 +139,6 @@ ROUTES = (
 DETAILS = """
 import json, sys
 from veldarin_simulator.providers import routing
-
-pytestmark = pytest.mark.requires("netlink")
 addresses = {addresses!r}
 print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 """
