@@ -1,179 +1,172 @@
-# Everyday commands. Each begins from nothing: the environment, the packages and the build that it
-# needs are made on the way and are there the next time.
+# Everyday commands. Each installs and builds what it needs first, and skips what is there already.
 #
-#   PRESET=release|debug|asan   the build to work with          make test PRESET=asan
-#   ARGS="..."                  passed on to pytest             make test ARGS="-k bfd"
+#   PRESET=release|debug|asan   the build to use                make test PRESET=asan
+#   ARGS="..."                  passed on to the command        make test ARGS="-k bfd"
 #   SECONDS=...                 how long to fuzz                make fuzz SECONDS=600
 #   PYTHON39=...                the CPython 3.9 to build for    make PYTHON39=/opt/python3.9 build
 
 .DEFAULT_GOAL := help
 .NOTPARALLEL:
+SHELL := bash
 MAKEFLAGS += --no-print-directory
 
 PRESET ?= release
 BUILD := build/$(PRESET)
 PYTHON := .venv/bin/python
 CMAKE := .venv/bin/cmake
-CXX_SOURCES = $(shell find $(wildcard veldarin util migbase veldarin_simulator tests checks benchmarks tools cross) \
-	-name '*.cpp' -o -name '*.c' -o -name '*.h')
+CXX_SOURCES = $(shell find veldarin util migbase veldarin_simulator tests checks benchmarks cross \
+	-name '*.[ch]' -o -name '*.cpp')
 
-# What `python -m veldarin_simulator` and pytest are started with.
-RUN = MODULES_UTIL_BUILD=$(BUILD) $(PYTHON)
-ifeq ($(PRESET),asan)
-RUN = MODULES_UTIL_BUILD=$(BUILD) tools/with-asan $(PYTHON)
-endif
+# Starts the interpreter with the modules of $(BUILD).
+RUN = MODULES_UTIL_BUILD=$(BUILD) $(if $(filter asan,$(PRESET)),tools/with-asan) $(PYTHON)
+# Builds PRESET, or TARGETs of it: $(call build,PRESET[,TARGET ...]).
+build = @tools/step build-$(1) "building $(1)" $(CMAKE) --build build/$(1) $(if $(2),--target $(2))
 
 .PHONY: help
-help:  ## this list
-	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-14s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
+help:  ## List these commands
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-24s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
 .PHONY: run
-run: build  ## call all thirty functions against this machine's state
+run: build  ## Call all thirty functions against this machine's state
 	@$(RUN) -m veldarin_simulator demo
 
 .PHONY: console
-console: build  ## every function in a browser
+console: bootstrap-console build  ## Serve the web console, which calls every function
 	@$(RUN) -m veldarin_simulator console $(ARGS)
 
+.PHONY: check
+check: lint build  ## Lint, and run the module's own tests; for the inner loop
+	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
+
 .PHONY: test
-test: build meter test-environment lint  ## build, lint, and every test
+test: bootstrap-browser lint build callgrind  ## Lint, and run every test
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build
-build: environment $(BUILD)/build.ninja  ## the product, the host library and the staged import root
-	@tools/step build-$(PRESET) "building $(PRESET)" $(CMAKE) --build --preset $(PRESET)
+build: bootstrap-run $(BUILD)/build.ninja  ## Build the module and the simulator
+	$(call build,$(PRESET))
 
 .PHONY: module
-module: module-environment build/module/build.ninja  ## the product alone; prints its path
-	@tools/step build-module "building the module" $(CMAKE) --build --preset module
+module: bootstrap-module build/module/build.ninja  ## Build the module alone and print its path
+	$(call build,module)
 	@realpath build/module/stage/veldarin/modules/modules_util.*.so
 
 .PHONY: format
-format: environment  ## put every source into the project's format
+format: bootstrap-lint  ## Format every source
 	@.venv/bin/ruff check --quiet --fix-only .
 	@.venv/bin/ruff format --quiet .
 	@.venv/bin/clang-format -i $(CXX_SOURCES)
 
-.PHONY: lint
-lint: build meter  ## formats, ruff, mypy, clang-tidy; quick when nothing changed
+.PHONY: lint lint-ruff lint-mypy lint-clang-format lint-clang-tidy lint-spelling
+lint: lint-ruff lint-mypy lint-clang-format lint-clang-tidy lint-spelling  ## Check formats, types, C++ and words
+lint-ruff: bootstrap-lint
 	@.venv/bin/ruff check --quiet .
 	@.venv/bin/ruff format --quiet --check .
+lint-mypy: bootstrap-lint
 	@.venv/bin/mypy --no-error-summary
+lint-clang-format: bootstrap-lint
 	@.venv/bin/clang-format --dry-run --Werror $(CXX_SOURCES)
-	@tools/step tidy "clang-tidy" $(CMAKE) --build --preset $(PRESET) --target tidy -- -k 0
+lint-clang-tidy: bootstrap-lint bootstrap-callgrind $(BUILD)/build.ninja
+	@tools/step tidy "clang-tidy" $(CMAKE) --build $(BUILD) --target tidy -- -k 0
+lint-spelling: bootstrap-lint
+	@$(PYTHON) tools/check_words.py
 
 .PHONY: docs
-docs: environment  ## the page of functions anew from the module's Python face
+docs: bootstrap-run  ## Write docs/functions.md from the module's type stub
 	@$(PYTHON) -m tools.generate_function_docs
 
 .PHONY: bench
-bench: build  ## the module against its peers and the floor: docs/benchmarks.md
-	@benchmarks/bootstrap
-	@tools/step build-bench "building the benchmarks" \
-		$(CMAKE) --build --preset $(PRESET) --target benchmark_competitors
+bench: bootstrap-bench bootstrap-callgrind build  ## Compare the module's speed with its competitors' and the lower bound
+	$(call build,$(PRESET),benchmark_competitors)
 	@$(RUN) -m benchmarks $(ARGS)
 
 .PHONY: bench-baseline
-bench-baseline: build meter  ## today's instructions and allocations are those the tests hold to
+bench-baseline: bootstrap-test build callgrind  ## Record the instructions and allocations that the tests compare with
 	@$(RUN) -m benchmarks baseline
 
-.PHONY: faults
-faults: environment build/faults/build.ninja  ## every allocation of every call made to fail once
-	@tools/step build-faults "building faults" $(CMAKE) --build --preset faults
-	@MODULES_UTIL_BUILD=build/faults $(PYTHON) -m checks.fault_injection $(ARGS)
+.PHONY: fault-injection
+fault-injection: bootstrap-test build/fault-injection/build.ninja  ## Fail every allocation of every call once
+	$(call build,fault-injection)
+	@MODULES_UTIL_BUILD=build/fault-injection $(PYTHON) -m checks.fault_injection $(ARGS)
 
 .PHONY: coverage
-coverage: environment build/coverage/build.ninja  ## every line and branch of the module, run or excused
-	@checks/coverage/bootstrap
-	@tools/step build-coverage "building coverage" $(CMAKE) --build --preset coverage
+coverage: bootstrap-coverage build/coverage/build.ninja  ## Check that the tests run every line and branch of the module
+	$(call build,coverage)
 	@$(PYTHON) -m checks.coverage $(ARGS)
 
 .PHONY: fuzz
-fuzz: fuzz-environment build/fuzz/build.ninja  ## texts that libFuzzer makes up, SECONDS=60 of them
-	@tools/step build-fuzz "building fuzz" \
-		$(CMAKE) --build --preset fuzz --target fuzz_parsers fuzz_text
+fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja  ## Fuzz the parsers for SECONDS=60
+	$(call build,fuzz,fuzz_parsers fuzz_text)
 	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
 
 .PHONY: sanitize
-sanitize:  ## every test under the sanitizers, the parsers' under valgrind
-	@$(MAKE) PRESET=asan build meter test-environment
+sanitize: bootstrap-browser  ## Run every test under the sanitizers, and the parsers' under valgrind
+	@$(MAKE) PRESET=asan build callgrind
 	@$(MAKE) PRESET=debug build
 	@$(PYTHON) -m checks.sanitizers $(ARGS)
 
 .PHONY: soak
-soak: build  ## a million calls from several threads: memory and counts stay flat
-	@benchmarks/bootstrap
+soak: bootstrap-bench build  ## Call every function a million times from four threads and check for growth
 	@$(RUN) -m checks.soak $(ARGS)
 
 .PHONY: lab
-lab: build  ## the parsers on a network of real routing daemons, as root: docs/lab.md
-	@lab/bootstrap
+lab: bootstrap-test bootstrap-lab build  ## Test the parsers on a network of real routing daemons, as root
 	@$(RUN) -m lab $(ARGS)
 
 # What counts instructions for the tests.
-.PHONY: meter
-meter: build
-	@benchmarks/bootstrap meter
-	@tools/step build-meter "building the meter" \
-		$(CMAKE) --build --preset $(PRESET) --target callgrind_tools
+.PHONY: callgrind
+callgrind: bootstrap-callgrind build
+	$(call build,$(PRESET),callgrind_tools)
 
-.PHONY: wheel
-wheel: module-environment  ## the product as a wheel in build/wheel
-	@tools/step wheel "building the wheel" \
-		$(PYTHON) -m pip wheel --no-deps --no-build-isolation --wheel-dir build/wheel .
-	@realpath build/wheel/*.whl
+.PHONY: wheels
+wheels: bootstrap-wheels build/wheels/complete  ## Build a wheel of the module in build/wheels
+	@realpath build/wheels/*.whl
+build/wheels/complete: CMakeLists.txt pyproject.toml $(shell find veldarin util migbase cmake -type f)
+	@rm -rf build/wheels
+	@tools/step wheels "building the wheel" \
+		$(PYTHON) -m pip wheel --no-deps --no-build-isolation --wheel-dir build/wheels .
+	@touch $@
 
-.PHONY: target
-target: target-environment build/mips/build.ninja  ## the product for the appliance's processor, MIPS
-	@tools/step build-mips "building mips" $(CMAKE) --build --preset mips
+.PHONY: mips
+mips: bootstrap-run bootstrap-mips build/mips/build.ninja  ## Build the module for the appliance's processor
+	$(call build,mips)
 	@cross/mips/verify-elf build/mips/stage/veldarin/modules/modules_util.*.so
 
-.PHONY: target-test
-target-test: target  ## every test on that processor, emulated
+.PHONY: mips-test
+mips-test: bootstrap-browser mips  ## Run every test on that processor, emulated
 	@cross/mips/test $(ARGS)
 
-.PHONY: target-check
-target-check:  ## build and test for the target within eight minutes, as CI does
+.PHONY: mips-check
+mips-check: bootstrap-browser  ## Build and test for that processor within eight minutes, as CI does
 	@cross/mips/ci-test $(ARGS)
 
-.PHONY: target-faults
-target-faults: target build/mips-faults/build.ninja  ## every allocation made to fail once there
-	@tools/step build-mips-faults "building mips-faults" $(CMAKE) --build --preset mips-faults
-	@cross/mips/fault-injection $(ARGS)
+.PHONY: mips-fault-injection
+mips-fault-injection: mips build/mips-fault-injection/build.ninja  ## Fail every allocation on that processor once
+	$(call build,mips-fault-injection)
+	@. cross/mips/config.sh && MODULES_UTIL_BUILD=build/mips-fault-injection \
+		"$$mips_python" -m checks.fault_injection $(or $(ARGS),--single)
 
 .PHONY: dist
-dist: target  ## what ships, as an archive in build/dist
+dist: mips  ## Pack what ships into an archive in build/dist
 	@$(PYTHON) cross/mips/dist.py
 
 .PHONY: lock
-lock:  ## requirements.txt anew from requirements.in
+lock:  ## Lock the newest packages of pyproject.toml in requirements/
 	@tools/lock
 
 .PHONY: clean
-clean:  ## everything that was built; .venv stays
+clean:  ## Remove everything that was built; .venv stays
 	@rm -rf build
 
-.PHONY: environment module-environment test-environment target-environment fuzz-environment
-environment:
-	@tools/bootstrap
-module-environment:
-	@tools/bootstrap module
-test-environment: environment
-	@tests/bootstrap
-target-environment: environment
-	@cross/mips/bootstrap
-fuzz-environment: environment
-	@checks/fuzz/bootstrap
+bootstrap-%:
+	@tools/bootstrap $*
 
-# This one is configured with the compiler that is looked after there.
-build/fuzz/build.ninja: | fuzz-environment
-
-# A preset is read when its tree is configured; ninja looks after everything else.
-build/%/build.ninja: CMakePresets.json | module-environment
+# Configures a tree when the presets change; ninja tracks everything else.
+build/%/build.ninja: CMakePresets.json
 	@tools/step configure-$* "configuring $*" $(CMAKE) --preset $*
 
-# These trees also remember the target's interpreter, which is another when its recipe changes.
-build/mips/build.ninja build/mips-faults/build.ninja: CMakePresets.json cmake/mips-linux-gnu.cmake \
-		$(addprefix cross/mips/,config.sh libraries cpython) | target-environment
+# These trees also keep the path of the MIPS interpreter, which changes with the scripts that build it.
+build/mips/build.ninja build/mips-fault-injection/build.ninja: CMakePresets.json \
+		cmake/mips-linux-gnu.cmake $(addprefix cross/mips/,config.sh build-libraries build-cpython)
 	@tools/step configure-$(notdir $(@D)) "configuring $(notdir $(@D))" \
 		$(CMAKE) --preset $(notdir $(@D)) --fresh

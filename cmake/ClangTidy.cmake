@@ -1,7 +1,7 @@
-# Target `tidy`: clang-tidy over the C++ sources of the targets named in add_tidy(TARGET ...), each
-# source again only when it, a header or the configuration changed.
+# add_tidy(TARGET ...): adds a target `tidy` that runs clang-tidy over the C++ sources of the named
+# targets, each source again only when it, a header or the configuration changed.
 cmake_path(GET Python_EXECUTABLE PARENT_PATH interpreter_folder)
-find_program(CLANG_TIDY clang-tidy HINTS ${interpreter_folder} REQUIRED NO_DEFAULT_PATH)
+set(CLANG_TIDY ${interpreter_folder}/clang-tidy)  # needed only by `make lint`
 
 function(add_tidy)
     file(GLOB_RECURSE headers CONFIGURE_DEPENDS
@@ -19,7 +19,7 @@ function(add_tidy)
             file(MAKE_DIRECTORY ${stamp_folder})
             add_custom_command(
                 OUTPUT ${stamp}
-                # Flags of the compiler in use that clang has not got are no finding.
+                # clang does not know every flag of the compiler in use.
                 COMMAND ${CLANG_TIDY} -p ${PROJECT_BINARY_DIR} --quiet
                     --extra-arg=-Wno-unknown-warning-option
                     --extra-arg=-Wno-ignored-optimization-argument ${source}

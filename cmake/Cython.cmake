@@ -1,6 +1,6 @@
 # add_cython_module(DOTTED.NAME FOLDER): compiles FOLDER/<name as path>.pyx into an extension module
-# under the import root (STAGE). More sources, headers and libraries can be put on the target, which is
-# called as the module with "." replaced by "_".
+# under the import root (STAGE). The target has the module's name with "." replaced by "_"; callers can
+# add sources, headers and libraries to it.
 cmake_path(GET Python_EXECUTABLE PARENT_PATH interpreter_folder)
 find_program(CYTHON cython HINTS ${interpreter_folder} REQUIRED NO_DEFAULT_PATH)
 
@@ -31,7 +31,7 @@ function(add_cython_module name folder)
         SUFFIX ${MODULE_SUFFIX}
         LIBRARY_OUTPUT_DIRECTORY ${STAGE}/${package}
     )
-    # Generated code: its warnings say nothing about ours.
+    # Warnings about generated code are not ours to fix.
     target_compile_options(${target} PRIVATE -w)
     target_link_libraries(${target} PRIVATE python_headers)
 endfunction()

@@ -1,8 +1,8 @@
-# Target `instrumentation`: what the product's sources are compiled with beside the product's own options,
-# to watch it at work. add_extension_module links what these need.
-option(RECORD_CALLS "Record the product's fallible calls, for the sweep in checks/fault_injection" OFF)
-option(FUZZ "Let the fuzzer see which edges run, and build targets in checks/fuzz; for clang" OFF)
-option(COVERAGE "Count the product's lines and branches as they run" OFF)
+# Target `instrumentation`: compile options that make the module's sources observable, beside
+# module_options. add_extension_module links what these need.
+option(RECORD_CALLS "Record the module's fallible calls, for checks/fault_injection" OFF)
+option(FUZZ "Instrument for the fuzzer and build the targets of checks/fuzz; for clang" OFF)
+option(COVERAGE "Count the module's lines and branches" OFF)
 
 add_library(instrumentation INTERFACE)
 if(RECORD_CALLS)
@@ -10,7 +10,7 @@ if(RECORD_CALLS)
     target_compile_options(instrumentation INTERFACE "SHELL:-include ${calls}")
 endif()
 if(COVERAGE)
-    # Without the assertions in the interpreter's macros, as the product ships; and nothing folded.
+    # NDEBUG, as in release, removes the branches of assertions; -O0 keeps all others.
     target_compile_options(instrumentation INTERFACE
         --coverage -fprofile-update=atomic -DNDEBUG -O0)
 elseif(RECORD_CALLS)

@@ -1,10 +1,10 @@
-# How the product is compiled (target `module_options`) and linked (`add_extension_module`).
+# How the module is compiled (target `module_options`) and linked (`add_extension_module`).
 #
-# It is loaded into a process that owes it nothing but the interpreter and the native services, so it
-# may need the C library and nothing else: no C++ runtime, one exported symbol.
+# The process that loads it provides the interpreter and the native services only, so the module may
+# need the C library and nothing else: no C++ runtime, one exported symbol.
 
-# What ships is small: nobody unwinds its stack, symbols are bound when it is loaded, and nothing has
-# to run before its entry point.
+# The release build is small: it has no unwind tables, binds symbols when it is loaded and runs nothing
+# before its entry point.
 set(SMALL -Os -fno-asynchronous-unwind-tables -fno-unwind-tables -fno-plt -fno-ident)
 set(LINKED_SMALL -nostartfiles LINKER:-z,noseparate-code LINKER:--build-id=none LINKER:--strip-all)
 
@@ -14,25 +14,25 @@ target_compile_options(module_options INTERFACE
     -fno-exceptions -fno-rtti -fno-threadsafe-statics
     -fvisibility=hidden -fvisibility-inlines-hidden
     -ffunction-sections -fdata-sections
-    # The same bytes from whatever folder the sources are built in.
+    # The same bytes from every source folder.
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
     "$<$<CONFIG:Release>:${SMALL}>"
 )
 
-# optimize_for_speed(SOURCE ...): those that every call, or every row of a table, goes through. A slice
-# is two pointers, stored one by one: loading them as one vector waits until both have left the
-# processor's store buffer.
+# optimize_for_speed(SOURCE ...): for the sources that run on every call or for every row of a table.
+# A string view is two pointers, stored one by one: loading them as one vector would wait until both
+# have left the processor's store buffer, hence -fno-tree-slp-vectorize.
 function(optimize_for_speed)
     set_source_files_properties(${ARGN} PROPERTIES
         COMPILE_OPTIONS "$<$<CONFIG:Release>:-O2;-fno-tree-slp-vectorize>")
 endfunction()
 
-# The linker language is C (below); this keeps CMake from adding the C++ runtime to it by itself.
+# The linker language is C (below); this keeps CMake from adding the C++ runtime.
 set(CMAKE_CXX_IMPLICIT_LINK_LIBRARIES "")
 
-# add_extension_module(TARGET FOLDER): the product's objects, linked as modules_util.<platform> in FOLDER.
-# Symbols that are left undefined are the interpreter's, json_object_to_json_string and the native
-# services; the process that loads the module has them. That is by design: no --no-undefined here.
+# add_extension_module(TARGET FOLDER): links the module's objects as modules_util.<platform> in FOLDER.
+# The process that loads the module defines the symbols of the interpreter, json_object_to_json_string
+# and the native services: no --no-undefined here.
 function(add_extension_module target folder)
     add_library(${target} MODULE $<TARGET_OBJECTS:modules_util_objects>)
     set_target_properties(${target} PROPERTIES

@@ -1,7 +1,6 @@
 # Target `python_headers`: the C headers of the CPython 3.9 that the modules are built for.
-# MODULE_SUFFIX: the end of an extension module's file name there (".cpython-39-<platform>.so").
-#
-# Nothing links libpython: an extension module finds the interpreter in the process that loads it.
+# MODULE_SUFFIX: the end of an extension module's file name (".cpython-39-<platform>.so").
+# Nothing links libpython: the process that loads an extension module has the interpreter.
 find_package(Python 3.9...<3.10 REQUIRED COMPONENTS Interpreter Development.Module)
 
 set(MODULE_SUFFIX .${Python_SOABI}.so CACHE STRING "End of an extension module's file name")

@@ -1,7 +1,7 @@
-/* Starts the target's interpreter under user emulation, as if it were a program of this machine:
- * what is built from this file is `sys.executable`, so that subprocesses, pytest-xdist's workers
- * and virtual environments work without any registration with the kernel. A program and not a shell
- * script: a shell would add variables to an empty environment and descriptors to its children.
+/* Runs the MIPS interpreter under user emulation as if it were a program of this machine: the
+ * program is `sys.executable`, so that subprocesses, pytest-xdist's workers and virtual
+ * environments work without registering the emulator with the kernel. A shell script would add
+ * variables to an empty environment and descriptors to its children.
  *
  * Compiled with EMULATOR, SYSROOT, LAUNCHER (its own path) and INTERPRETER, absolute paths. */
 #include <stdio.h>

@@ -463,6 +463,7 @@ CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
 
 
 @pytest.mark.parametrize("widest", [0x7F, 0xFF, 0xFFFF, sys.maxunicode])
+@pytest.mark.slow
 @pytest.mark.parametrize(
     "function, arguments, before, template, tried, size",
     [

@@ -21,6 +21,8 @@ from tests.support.query_cases import ROWS
 from tests.support.refcounts import watched
 from veldarin_simulator import Simulator
 
+pytestmark = pytest.mark.slow
+
 WARM_UP, ROUNDS = 24, 48  # then ROUNDS calls, then twice as many
 
 

@@ -14,6 +14,8 @@ from tests.support import isolated
 from tests.support.fake_siblings import CREATE_SLOT, EXEC_SLOT
 from tests.support.function_table import FUNCTIONS
 
+pytestmark = pytest.mark.slow
+
 INTERPRETER_CHANGE = (
     "Interpreter change detected - this module can only be loaded into one interpreter per process."
 )

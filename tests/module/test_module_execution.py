@@ -16,6 +16,8 @@ from tests.support.assertions import FILE
 from tests.support.fake_siblings import JSON_OBJECT_SIZE, LIBRARY_MODULES, POINTER
 from tests.support.function_table import FUNCTIONS
 
+pytestmark = pytest.mark.slow
+
 INIT = f"init {isolated.MODULE}"
 
 # (module, item, "variable" or "function", signature) of what is imported at C level.

@@ -1,6 +1,6 @@
 // The C interface of libfaults: memory that fails on purpose while the module is on trial, for the
-// sweep in checks/fault_injection, and the record of the module's fallible calls, for instrumented_calls.h. Everything
-// here runs with the interpreter lock held.
+// sweep in checks/fault_injection, and the record of the module's fallible calls, for
+// instrumented_calls.h. Everything here runs with the interpreter lock held.
 #pragma once
 
 #include <Python.h>
