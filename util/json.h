@@ -8,12 +8,12 @@ struct json_object;  // json-c's; opaque here
 
 struct JSONObject;
 
-struct JSONObjectMethods {
+struct JSONObjectVTable {
     // Gives up the held json-c object. A new reference, or null with an exception set.
     PyObject *(*release)(JSONObject *);
 };
 
 struct JSONObject {
-    PyObject_HEAD const JSONObjectMethods *methods;
+    PyObject_HEAD const JSONObjectVTable *methods;
     json_object *object;  // owned by the instance; null is the JSON value `null`
 };

@@ -26,12 +26,12 @@ FORCED = [
     Forced("PyLong_FromLong(0)", EXECUTION, "the interpreter keeps small numbers"),
     Forced("PyLong_FromLong(32)", EXECUTION, "the interpreter keeps small numbers"),
     Forced(
-        "PyDict_SetItem(state.globals, names.dunder_name, names.dunder_main)",
+        "PyDict_SetItem(state.globals, interned[id::dunder_name], interned[id::dunder_main])",
         "import: execution: as the main module",
         "the name is there and is only given another value",
     ),
     Forced(
-        "PyUnicode_Compare(keyword, names[function.parameters[i].name])",
+        "PyUnicode_Compare(keyword, interned[function.parameters[i].name])",
         "switch_acl_ingress_counter-unknown keyword",
         "keys of a dictionary are ready to be compared",
     ),
@@ -41,7 +41,7 @@ FORCED = [
         "the capsule's pointer and name have been tested",
     ),
     Forced(
-        "PyDict_SetItem(arp.get(), names.interface, interface.get())",
+        "PyDict_SetItem(arp.get(), interned[id::interface], interface.get())",
         "get_system_arp_result-()",
         "the key is there and is only given another value",
     ),

@@ -9,12 +9,12 @@ from pathlib import Path
 from typing import NamedTuple
 
 PARSERS = (
-    "arp.cpp",
-    "bfd.cpp",
+    "parsers/arp_table.cpp",
+    "parsers/bfd_neighbor.cpp",
     "cli.cpp",
-    "routing.cpp",
-    "runtime/text.cpp",
-    "runtime/strings.cpp",
+    "parsers/routing_table.cpp",
+    "text/scan.cpp",
+    "text/string_cache.cpp",
 )
 SHOWN = 12  # lines of a report; the log has the rest
 

@@ -27,7 +27,7 @@ from tests.support.stub import (
 from tools import generate_function_docs
 from veldarin_simulator import Simulator
 
-TABLE = FACE.with_name("functions.cpp")
+TABLE = FACE.with_name("dispatch.cpp")
 
 # A parameter's constructor in the table: what it is held to, its default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
@@ -50,7 +50,7 @@ def table() -> list[Function]:
             kind,
             [
                 Parameter(parameter, *CONSTRUCTORS[constructor])
-                for constructor, parameter in re.findall(r"(\w+)\(Name::(\w+)\)", parameters)
+                for constructor, parameter in re.findall(r"(\w+)\(id::(\w+)\)", parameters)
             ],
         )
         for kind, name, parameters in rows

@@ -3,7 +3,7 @@
 
 #include <Python.h>
 
-#include "runtime/ref.h"
+#include "veldarin/modules/python/ref.h"
 
 namespace modules_util {
 
@@ -12,6 +12,6 @@ PyObject *get_cli_command_output(PyObject *cmd_s);
 
 // text_(get_cli_command_output(command), _CHARSET), by global names: how the parsers get their
 // text, which may be any object. Null with an exception set.
-Ref command_text(PyObject *command);
+Ref run_command(PyObject *command);
 
 }  // namespace modules_util

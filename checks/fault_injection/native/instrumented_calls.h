@@ -11,7 +11,7 @@
 #include <cstddef>
 
 #include "faults.h"
-#include "veldarin/modules/services.h"  // declares what is a macro below
+#include "veldarin/modules/native_services.h"  // declares what is a macro below
 
 namespace faults {
 

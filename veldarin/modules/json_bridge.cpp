@@ -1,0 +1,134 @@
+// The JSON bridge: request dictionary -> JSONObject -> native function -> JSON text -> Python data.
+#include "veldarin/modules/json_bridge.h"
+
+#include "veldarin/modules/python/errors.h"
+#include "veldarin/modules/python/globals.h"
+#include "veldarin/modules/python/traceback.h"
+#include "veldarin/modules/state.h"
+
+namespace modules_util {
+
+namespace {
+
+JSONObject *json_object_of(const Ref &instance) {
+    return reinterpret_cast<JSONObject *>(instance.get());
+}
+
+// 1: {key: argument}, 0: {}, -1 with an exception set: the truth test failed.
+int wants_argument(Request::When when, PyObject *argument) {
+    switch (when) {
+        case Request::never: return 0;
+        case Request::always: return 1;
+        case Request::if_true: return PyObject_IsTrue(argument);
+        case Request::unless_none: return argument != Py_None;
+    }
+    Py_UNREACHABLE();
+}
+
+// JSONObject({key: value}), or JSONObject({}) without a value.
+Ref new_request(PyObject *key, PyObject *value) {
+    const Ref dictionary = Ref::steal(PyDict_New());
+    if (!dictionary) return {};
+    if (value && PyDict_SetItem(dictionary.get(), key, value) < 0) return {};
+    return Ref::steal(PyObject_CallOneArg(state.imports.JSONObject, dictionary.get()));
+}
+
+// Puts the reply of the function that belongs to the event into the response; an event that has
+// none leaves it untouched. False with an exception and its entry.
+bool build_by_event(PyObject *event, JSONObject *request, JSONObject *response) {
+    for (const CaptureEvent &row : capture_events) {
+        const int equal = PyObject_RichCompareBool(event, interned[row.event], Py_EQ);
+        if (equal < 0) return fail(row.line);
+        if (equal) {
+            response->object = row.build(nullptr, request->object, nullptr);
+            return true;
+        }
+    }
+    return true;
+}
+
+// json.loads(<the object as JSON text, in bytes>)
+Ref parse(json_object *object) {
+    const Ref json = global(interned[id::json]);
+    if (!json) return {};
+    const Ref loads = Ref::steal(PyObject_GetAttr(json.get(), interned[id::loads]));
+    if (!loads) return {};
+    const char *text = json_object_to_json_string(object);
+    if (!text) return Ref::steal(PyErr_NoMemory());
+    const Ref bytes = Ref::steal(PyBytes_FromString(text));
+    if (!bytes) return {};
+    return Ref::steal(PyObject_CallOneArg(loads.get(), bytes.get()));
+}
+
+// entry["name"] == name: 1, 0, or -1 with an exception set.
+int has_name(PyObject *entry, PyObject *name) {
+    const Ref entry_name = Ref::steal(PyObject_GetItem(entry, interned[id::name]));
+    if (!entry_name) return -1;
+    const Ref equal = Ref::steal(PyObject_RichCompare(entry_name.get(), name, Py_EQ));
+    return equal ? PyObject_IsTrue(equal.get()) : -1;
+}
+
+// The first entry of reply[0]["interface"] with this name; the last one if none has it; nothing if
+// there are none. False with an exception and its entry.
+bool select_interface(PyObject *reply, PyObject *name, Ref &entry) {
+    namespace at = source_line::interface_selection;
+    const Ref first = Ref::steal(PyObject_GetItem(reply, state.constants.zero));
+    if (!first) return fail(at::entries);
+    const Ref interfaces = Ref::steal(PyObject_GetItem(first.get(), interned[id::interface]));
+    if (!interfaces) return fail(at::entries);
+    const Ref entries = Ref::steal(PyObject_GetIter(interfaces.get()));
+    if (!entries) return fail(at::entries);
+
+    while (Ref next = Ref::steal(PyIter_Next(entries.get()))) {
+        entry = std::move(next);
+        const int found = has_name(entry.get(), name);
+        if (found < 0) return fail(at::name);
+        if (found) return true;
+    }
+    return !PyErr_Occurred() || fail(at::entries);
+}
+
+// The first operation of the instance's own method table; its result says nothing.
+bool release(const Ref &instance) {
+    JSONObject *object = json_object_of(instance);
+    return bool(Ref::steal(object->methods->release(object)));
+}
+
+}  // namespace
+
+PyObject *run_query(const Query &query, PyObject *const *arguments) {
+    const source_line::Query &at = query.at;
+    const int send_argument = wants_argument(query.request.when, arguments[0]);
+    if (send_argument < 0) return fail(at.keyed_request);
+    const Ref request = send_argument ? new_request(interned[query.request.key], arguments[0])
+                                      : new_request(nullptr, nullptr);
+    if (!request) return fail(send_argument ? at.keyed_request : at.empty_request);
+    const Ref response = Ref::steal(PyObject_CallNoArgs(state.imports.JSONObject));
+    if (!response) return fail(at.response);
+
+    JSONObject *request_object = json_object_of(request);
+    JSONObject *response_object = json_object_of(response);
+    if (query.build) response_object->object = query.build(nullptr, request_object->object);
+    if (query.kind == Query::capture &&
+        !build_by_event(arguments[1], request_object, response_object)) {
+        return nullptr;
+    }
+
+    const Ref reply = parse(response_object->object);
+    if (!reply) return fail(at.parse);
+    Ref data = Ref::borrow(reply.get());
+    if (query.kind == Query::select_interface) {
+        data = {};
+        if (!select_interface(reply.get(), arguments[0], data)) return nullptr;
+    }
+
+    if (!release(request)) return fail(at.release_request);
+    if (!release(response)) return fail(at.release_response);
+    if (!data) {
+        raise_unbound_local("data");
+        return fail(source_line::interface_selection::result);
+    }
+    return data.release();
+}
+
+}  // namespace modules_util

@@ -1,0 +1,18 @@
+// Global names: looked up when a function runs, so that a name rebound in the module counts.
+#pragma once
+
+#include "veldarin/modules/python/ref.h"
+
+namespace modules_util {
+
+// The module's own `name`, else the builtin; NameError if there is neither.
+Ref global(PyObject *name);
+
+// The builtin `name`; NameError if there is none.
+Ref builtin(PyObject *name);
+
+// The result of calling a global: callee() or callee(argument).
+Ref call_global(PyObject *callee);
+Ref call_global(PyObject *callee, PyObject *argument);
+
+}  // namespace modules_util
