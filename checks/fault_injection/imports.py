@@ -36,7 +36,12 @@ from tests.support.isolated import MODULE, OTHER_RUNTIME, PRODUCT
 INIT = f"init {MODULE}"
 # Library functions that the execution calls: sheltered, so that none fails from within.
 NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's own, for want of memory
-CALLED = (("logging", "getLogger"), ("collections", "namedtuple"), ("threading", "Lock"))
+CALLED = (
+    ("logging", "getLogger"),
+    ("collections", "namedtuple"),
+    ("threading", "Lock"),
+    ("_frozen_importlib", "_handle_fromlist"),
+)
 
 
 def whole_spec() -> Any:
@@ -167,13 +172,15 @@ def spoilt(label: str, *statements: str) -> ImportCase:
 
 LEAVES = """
 def leave(self, name):
-    del sys.modules[MODULE]
+    sys.modules.pop(MODULE, None)
     raise AttributeError(name)
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': leave})('util.errors')
 """
 # The builtins have a name as well.
 LOSES_NAME = """
 def lose(self, name):
+    if name != 'CFunctionError':
+        raise AttributeError(name)
     vars(sys.modules[MODULE]).pop('__name__')
     vars(builtins).pop('__name__')
     return OSError
@@ -194,6 +201,8 @@ siblings['util.errors'] = type('Errors', (ModuleType,), {{'__getattr__': block}}
 """
 LOSES_IMPORT = """
 def lose(self, name):
+    if name != 'CFunctionError':
+        raise AttributeError(name)
     vars(builtins).pop('__import__')
     return OSError
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
@@ -201,6 +210,11 @@ siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('
 # Siblings without the name that is imported from them.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
 INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
+HIDDEN = """m.__name__ = 'm'
+class Unequal(str):
+    __hash__ = str.__hash__
+    __eq__ = raising(OSError())
+sys.modules[Unequal('m.CFunctionError')] = None"""
 PLAIN = ImportCase("after a failure")
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 CASES = [
@@ -237,6 +251,7 @@ CASES = [
             ),
             ("from a module without a name", "del m.__name__"),
             ("from a module whose name is not a str", "m.__name__ = 5"),
+            ("the submodule cannot be looked up", HIDDEN),
         )
     ),
     ImportCase("which leaves sys.modules", (LEAVES,)),
