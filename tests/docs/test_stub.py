@@ -27,22 +27,24 @@ from tests.support.stub import (
 from tools import generate_function_docs
 from veldarin_simulator import Simulator
 
-TABLE = FACE.with_name("dispatch.cpp")
+TABLE = FACE.with_name("function_table.def")
 
 # A parameter's constructor in the table: what it is held to, its default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
-    "any": (None, None),
-    "bytes": ("bytes", None),
-    "text": ("str", None),
-    "optional": (None, "None"),
-    "sessions": (None, "..."),
+    "ANY": (None, None),
+    "BYTES": ("bytes", None),
+    "TEXT": ("str", None),
+    "OPTIONAL": (None, "None"),
+    "SHARED_DICT": (None, "..."),
 }
 
 
 def table() -> list[Function]:
     """The rows of the table of functions in C++."""
     rows = re.findall(
-        r"^ +(?:FUNCTION|QUERY) *\((\w+), *(\w+), *(.*)\)$", TABLE.read_text(), re.MULTILINE
+        r"^(?:FUNCTION|QUERY|SELECT|CAPTURE) *\((\w+), *(\w+), *([^,]+),",
+        TABLE.read_text(),
+        re.MULTILINE,
     )
     return [
         Function(
@@ -50,7 +52,7 @@ def table() -> list[Function]:
             kind,
             [
                 Parameter(parameter, *CONSTRUCTORS[constructor])
-                for constructor, parameter in re.findall(r"(\w+)\(id::(\w+)\)", parameters)
+                for constructor, parameter in re.findall(r"(\w+)\((\w+)\)", parameters)
             ],
         )
         for kind, name, parameters in rows

@@ -57,7 +57,7 @@ def declared(node: ast.FunctionDef) -> Function:
     for unused in (arguments.vararg, arguments.kwonlyargs, arguments.kwarg):
         assert not unused
     assert not arguments.posonlyargs or not arguments.args
-    kind = "one" if arguments.posonlyargs else "keywords" if arguments.args else "none"
+    kind = "one_arg" if arguments.posonlyargs else "keywords" if arguments.args else "no_args"
     assert node.returns is not None
     return Function(
         node.name, kind, list(declared_parameters(arguments)), ast.unparse(node.returns)

@@ -1,4 +1,4 @@
-// Runs a command through the native runner and cleans its output.
+// Runs a command through the native runner and removes pager prompts from its output.
 #include "veldarin/modules/cli.h"
 
 #include "veldarin/modules/interned.h"
@@ -16,7 +16,7 @@ namespace {
 
 constexpr int command_size = 128;
 
-// What the native runner has handed over; freed on every path.
+// Owns a buffer from PyMem_Malloc.
 struct PyMemBuffer {
     char *text;
 
@@ -26,7 +26,7 @@ struct PyMemBuffer {
     PyMemBuffer &operator=(const PyMemBuffer &) = delete;
 };
 
-// function(object, _CHARSET): the text and byte conversions.
+// function(object, _CHARSET), for text_ and bytes_.
 Ref convert(const Ref &function, PyObject *object) {
     const Ref charset = global(interned[id::charset_global]);
     if (!charset) return {};
@@ -34,7 +34,7 @@ Ref convert(const Ref &function, PyObject *object) {
     return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 2, nullptr));
 }
 
-// The command in the module's character set, cut to the buffer.
+// Encodes the command into a buffer of command_size bytes, which may truncate it.
 bool encode(PyObject *cmd_s, char *cmd) {
     const Ref bytes_ = global(interned[id::bytes_]);
     if (!bytes_) return false;
@@ -63,12 +63,11 @@ Ref decode(const char *output) {
 
 // text.replace("--More--", "")
 Ref strip_pager(PyObject *text) {
-    if (PyUnicode_CheckExact(text) && PyUnicode_IS_READY(text)) {
-        return str_remove(text, state.constants.remove_pager);
-    }
+    PyObject *pair = state.constants.replace_args.pager_prompt;
+    if (PyUnicode_CheckExact(text) && PyUnicode_IS_READY(text)) return str_remove(text, pair);
     const Ref replace = Ref::steal(PyObject_GetAttr(text, interned[id::replace]));
     if (!replace) return {};
-    return Ref::steal(PyObject_Call(replace.get(), state.constants.remove_pager, nullptr));
+    return Ref::steal(PyObject_Call(replace.get(), pair, nullptr));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Session and cookie services over the native ones.
+// Cookies, the preference cookie's secret and certificates.
 #include "veldarin/modules/cookies.h"
 
 #include <climits>
@@ -21,7 +21,7 @@ constexpr char https_prefix[] = "APSCOOKIE";
 constexpr char http_prefix[] = "APCOOKIE";
 
 // A `bytes` argument as NUL-terminated text; null with a TypeError for None, which the type test
-// lets through.
+// accepts.
 const char *c_string(PyObject *bytes) {
     if (bytes != Py_None) return PyBytes_AS_STRING(bytes);
     raise_not_bytes(bytes);
@@ -63,9 +63,9 @@ PyObject *raise_out_of_cookie_memory() {
     namespace at = source_line::decrypt_cookie;
     const Ref logger = global(interned[id::logger]);
     if (!logger) return fail(at::log);
-    const Ref log_exception = Ref::steal(PyObject_CallMethodOneArg(
-        logger.get(), interned[id::error], interned[id::no_cookie_memory]));
-    if (!log_exception) return fail(at::log);
+    const Ref logged = Ref::steal(PyObject_CallMethodOneArg(logger.get(), interned[id::error],
+                                                            interned[id::no_cookie_memory]));
+    if (!logged) return fail(at::log);
     raise_from_global(interned[id::CFunctionError], interned[id::pymem_malloc_text]);
     return fail(at::no_memory);
 }
@@ -86,8 +86,8 @@ Ref secret_path() {
 
 // path.is_file(): 1, 0, or -1 with an exception set.
 int is_file(PyObject *path) {
-    const Ref answer = Ref::steal(PyObject_CallMethodNoArgs(path, interned[id::is_file]));
-    return answer ? PyObject_IsTrue(answer.get()) : -1;
+    const Ref result = Ref::steal(PyObject_CallMethodNoArgs(path, interned[id::is_file]));
+    return result ? PyObject_IsTrue(result.get()) : -1;
 }
 
 // open(path.absolute(), mode)
@@ -104,7 +104,7 @@ Ref open_secret(PyObject *path, PyObject *mode) {
 Ref new_secret() {
     const Ref hexlify = global(interned[id::hexlify]);
     if (!hexlify) return {};
-    const Ref random = call_global(interned[id::urandom], state.constants.token_size);
+    const Ref random = call_global(interned[id::urandom], state.constants.token_bytes);
     if (!random) return {};
     const Ref hex = Ref::steal(PyObject_CallOneArg(hexlify.get(), random.get()));
     if (!hex) return {};
@@ -150,8 +150,8 @@ PyObject *get_cookie_name(PyObject *https) {
     return name ? name.release() : fail(at::result);
 }
 
-// Without memory for the result the native buffer stays allocated, here and in decrypt_cookie: it
-// is freed on success only.
+// Without memory for the result the native buffer stays allocated, here and in decrypt_cookie: only
+// success frees it.
 PyObject *encrypt_cookie(PyObject *plain) {
     namespace at = source_line::encrypt_cookie;
     const char *text = c_string(plain);
@@ -206,7 +206,7 @@ PyObject *get_token() {
         return secret || fail(at::read);
     };
     if (!run_with(opened.get(), at::open, read)) return nullptr;
-    if (!secret) {  // the file's exit swallowed the failure to read it
+    if (!secret) {  // __exit__ swallowed the exception of the reading
         raise_unbound_local("secret");
         return fail(at::result);
     }

@@ -1,8 +1,8 @@
-// Session and cookie services: cookie identifiers and names, encryption of cookie values, the
-// secret of the preference cookie, certificate expiry.
+// Cookies and certificates: cookie identifiers and names, encryption of cookie values, the secret
+// of the preference cookie, certificate expiry.
 //
-// Arguments are borrowed and have passed the type tests of the function table; results are new
-// references, or null with an exception and its traceback entry.
+// Arguments are borrowed and have passed the type tests of the function table. Each function
+// returns a new reference, or null with an exception and its traceback entry.
 #pragma once
 
 #include <Python.h>

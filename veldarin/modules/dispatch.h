@@ -1,20 +1,16 @@
-// The thirty functions, in the order in which they are bound.
+// The functions of the table, as the interpreter and the import need them.
 #pragma once
 
 #include <Python.h>
-
-#include <array>
 
 #include "veldarin/modules/python/binding.h"
 
 namespace modules_util {
 
-inline constexpr size_t function_count = 30;
-
-// In the order in which they are bound.
-extern const std::array<Function, function_count> functions;
-
-// The interpreter's method table of the same functions, which ends with a null row.
+// The interpreter's method table, in the order of the function table; ends with a null row.
 extern const PyMethodDef *const methods;
+
+// Kind, first line and parameters of the same functions.
+extern const Function *const functions;
 
 }  // namespace modules_util

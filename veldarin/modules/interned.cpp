@@ -1,28 +1,19 @@
-// Makes the interned names from their tables.
+// Interns the strings.
 #include "veldarin/modules/interned.h"
 
+#include <climits>
 #include <cstring>
 
 namespace modules_util {
 
-PyObject *interned[id::count];
+static_assert(string_count <= UCHAR_MAX + 1, "a StringId is an unsigned char");
 
-namespace {
-
-// The texts in the order of the members, each with its end.
-constexpr char texts[] =
-#define MODULES_UTIL_IDENTIFIER(name) #name "\0"
-#define MODULES_UTIL_TEXT(name, text) text "\0"
-    MODULES_UTIL_IDENTIFIERS(MODULES_UTIL_IDENTIFIER) MODULES_UTIL_TEXTS(MODULES_UTIL_TEXT);
-#undef MODULES_UTIL_IDENTIFIER
-#undef MODULES_UTIL_TEXT
-
-}  // namespace
+PyObject *interned[string_count];
 
 bool intern_strings() {
-    const char *text = texts;
-    for (int i = id::none + 1; i < id::count; ++i) {
-        PyObject *&string = interned[i];
+    const char *text = interned_texts;
+    for (int id = id::none + 1; id < string_count; ++id) {
+        PyObject *&string = interned[id];
         if (!string && !(string = PyUnicode_InternFromString(text))) return false;
         text += std::strlen(text) + 1;
     }

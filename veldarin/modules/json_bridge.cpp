@@ -1,10 +1,14 @@
-// The JSON bridge: request dictionary -> JSONObject -> native function -> JSON text -> Python data.
+// The JSON bridge: request dictionary -> JSONObject -> native service -> JSON text -> Python
+// objects.
 #include "veldarin/modules/json_bridge.h"
 
+#include "veldarin/modules/native_services.h"
 #include "veldarin/modules/python/errors.h"
 #include "veldarin/modules/python/globals.h"
+#include "veldarin/modules/python/ref.h"
 #include "veldarin/modules/python/traceback.h"
 #include "veldarin/modules/state.h"
+#include "veldarin/modules/traceback_lines.h"
 
 namespace modules_util {
 
@@ -14,13 +18,13 @@ JSONObject *json_object_of(const Ref &instance) {
     return reinterpret_cast<JSONObject *>(instance.get());
 }
 
-// 1: {key: argument}, 0: {}, -1 with an exception set: the truth test failed.
-int wants_argument(Request::When when, PyObject *argument) {
+// 1, 0, or -1 with an exception set: the truth test failed.
+int wants_argument(Query::When when, PyObject *argument) {
     switch (when) {
-        case Request::never: return 0;
-        case Request::always: return 1;
-        case Request::if_true: return PyObject_IsTrue(argument);
-        case Request::unless_none: return argument != Py_None;
+        case Query::never: return 0;
+        case Query::always: return 1;
+        case Query::if_true: return PyObject_IsTrue(argument);
+        case Query::unless_none: return argument != Py_None;
     }
     Py_UNREACHABLE();
 }
@@ -33,9 +37,24 @@ Ref new_request(PyObject *key, PyObject *value) {
     return Ref::steal(PyObject_CallOneArg(state.imports.JSONObject, dictionary.get()));
 }
 
-// Puts the reply of the function that belongs to the event into the response; an event that has
-// none leaves it untouched. False with an exception and its entry.
-bool build_by_event(PyObject *event, JSONObject *request, JSONObject *response) {
+struct CaptureEvent {
+    StringId event;
+    int line;
+    json_object *(*build)(void *context, json_object *request, void *);
+};
+
+namespace capture_line = source_line::capture_event;
+
+constexpr CaptureEvent capture_events[] = {
+    {id::Running, capture_line::running, build_start_sniffer_profile_capture },
+    {id::Stop,    capture_line::stop,    build_stop_sniffer_profile_capture  },
+    {id::Pause,   capture_line::pause,   build_pause_sniffer_profile_capture },
+    {id::Delete,  capture_line::erase,   build_delete_sniffer_profile_capture},
+};
+
+// Calls the service of the event; an unknown event leaves the response as it is. Returns false with
+// an exception and its traceback entry.
+bool build_capture(PyObject *event, JSONObject *request, JSONObject *response) {
     for (const CaptureEvent &row : capture_events) {
         const int equal = PyObject_RichCompareBool(event, interned[row.event], Py_EQ);
         if (equal < 0) return fail(row.line);
@@ -68,8 +87,8 @@ int has_name(PyObject *entry, PyObject *name) {
     return equal ? PyObject_IsTrue(equal.get()) : -1;
 }
 
-// The first entry of reply[0]["interface"] with this name; the last one if none has it; nothing if
-// there are none. False with an exception and its entry.
+// Selects the first entry of reply[0]["interface"] that has the name, or else the last entry; none
+// if there are no entries. Returns false with an exception and its traceback entry.
 bool select_interface(PyObject *reply, PyObject *name, Ref &entry) {
     namespace at = source_line::interface_selection;
     const Ref first = Ref::steal(PyObject_GetItem(reply, state.constants.zero));
@@ -88,19 +107,19 @@ bool select_interface(PyObject *reply, PyObject *name, Ref &entry) {
     return !PyErr_Occurred() || fail(at::entries);
 }
 
-// The first operation of the instance's own method table; its result says nothing.
+// Calls the release method of the instance's own vtable and ignores its result.
 bool release(const Ref &instance) {
     JSONObject *object = json_object_of(instance);
-    return bool(Ref::steal(object->methods->release(object)));
+    return bool(Ref::steal(object->vtable->release(object)));
 }
 
 }  // namespace
 
 PyObject *run_query(const Query &query, PyObject *const *arguments) {
-    const source_line::Query &at = query.at;
-    const int send_argument = wants_argument(query.request.when, arguments[0]);
+    const QueryLines &at = query.at;
+    const int send_argument = wants_argument(query.when, arguments[0]);
     if (send_argument < 0) return fail(at.keyed_request);
-    const Ref request = send_argument ? new_request(interned[query.request.key], arguments[0])
+    const Ref request = send_argument ? new_request(interned[query.key], arguments[0])
                                       : new_request(nullptr, nullptr);
     if (!request) return fail(send_argument ? at.keyed_request : at.empty_request);
     const Ref response = Ref::steal(PyObject_CallNoArgs(state.imports.JSONObject));
@@ -110,14 +129,14 @@ PyObject *run_query(const Query &query, PyObject *const *arguments) {
     JSONObject *response_object = json_object_of(response);
     if (query.build) response_object->object = query.build(nullptr, request_object->object);
     if (query.kind == Query::capture &&
-        !build_by_event(arguments[1], request_object, response_object)) {
+        !build_capture(arguments[1], request_object, response_object)) {
         return nullptr;
     }
 
     const Ref reply = parse(response_object->object);
     if (!reply) return fail(at.parse);
     Ref data = Ref::borrow(reply.get());
-    if (query.kind == Query::select_interface) {
+    if (query.kind == Query::select) {
         data = {};
         if (!select_interface(reply.get(), arguments[0], data)) return nullptr;
     }

@@ -1,5 +1,5 @@
 // The extension module veldarin.modules.modules_util: its creation, its execution step by step, and
-// its definition, for the interpreter that imports it. The functions are in functions.cpp.
+// its definition. function_table.def lists its functions.
 #include <Python.h>
 
 #include "util/json.h"
@@ -19,13 +19,14 @@ namespace {
 
 // ------------------------------------------------------------------ creation
 
-// The module lives in the interpreter that first asked for it, for the life of the process.
-bool is_first_interpreter() {
-    static int64_t first = -1;
+// The first interpreter that creates the module keeps it for the life of the process. False with
+// ImportError in another one.
+bool check_interpreter() {
     const int64_t current = PyInterpreterState_GetID(PyInterpreterState_Get());
     if (current < 0) return false;
-    if (first < 0) first = current;
-    if (first == current) return true;
+    if (!state.has_interpreter_id) state.interpreter_id = current;
+    state.has_interpreter_id = true;
+    if (state.interpreter_id == current) return true;
     PyErr_SetString(PyExc_ImportError,
                     "Interpreter change detected - this module can only be loaded into one "
                     "interpreter per process.");
@@ -44,7 +45,7 @@ constexpr SpecAttribute spec_attributes[] = {
     {"submodule_search_locations", "__path__",    false},
 };
 
-// Copies one attribute of the import spec, if it has it.
+// Copies one attribute of the import spec if the spec has it.
 bool copy_attribute(PyObject *spec, PyObject *globals, const SpecAttribute &row) {
     const Ref value = Ref::steal(PyObject_GetAttrString(spec, row.attribute));
     if (!value) {
@@ -57,7 +58,7 @@ bool copy_attribute(PyObject *spec, PyObject *globals, const SpecAttribute &row)
 }
 
 PyObject *create_module(PyObject *spec, PyModuleDef *) {
-    if (!is_first_interpreter()) return nullptr;
+    if (!check_interpreter()) return nullptr;
     if (state.module) return Ref::borrow(state.module).release();
 
     const Ref name = Ref::steal(PyObject_GetAttrString(spec, "name"));
@@ -73,9 +74,9 @@ PyObject *create_module(PyObject *spec, PyModuleDef *) {
 
 // ------------------------------------------------------------------ execution
 
-// Each step is true, or false with an exception set.
+// Each step returns true, or false with an exception set.
 
-// Compares only what a version's first and third characters tell.
+// Compares the first and the third character of the versions only.
 bool check_version() {
     char built[4];
     char running[4];
@@ -104,25 +105,26 @@ bool set_constant(PyObject *&constant, PyObject *constants) {
     return constants != nullptr;
 }
 
-bool make_constants() {
-    Constants &constants = state.constants;
-    return set_constant(constants.zero, PyLong_FromLong(0)) &&
-           set_constant(constants.token_size, PyLong_FromLong(32)) &&
-           set_constant(constants.remove_pager, Py_BuildValue("(ss)", pager_prompt, "")) &&
-           set_constant(constants.remove_tabs, Py_BuildValue("(ss)", tab, "")) &&
-           set_constant(constants.replace_blanks, Py_BuildValue("(ss)", " ", "_")) &&
-           set_constant(constants.remove_packets, Py_BuildValue("(ss)", packets_word, "")) &&
-           set_constant(constants.remove_returns, Py_BuildValue("(ss)", carriage_return, "")) &&
-           set_constant(constants.newline, Py_BuildValue("(s)", "\n")) &&
-           set_constant(constants.three_nones, PyTuple_Pack(3, Py_None, Py_None, Py_None)) &&
-           set_constant(constants.counters,
-                        Py_BuildValue("(ss)", "Counters",
-                                      "bytes_sent bytes_recv packets_sent packets_recv "
-                                      "errin errout dropin dropout"));
+PyObject *new_pair(StringId first, StringId second) {
+    return PyTuple_Pack(2, interned[first], interned[second]);
 }
 
-// Makes sure that `sys.modules` holds the module under its own name. `added` tells whether it did
-// not before.
+bool make_constants() {
+    Constants &constants = state.constants;
+    ReplaceArgs &replace = constants.replace_args;
+    return set_constant(constants.zero, PyLong_FromLong(0)) &&
+           set_constant(constants.token_bytes, PyLong_FromLong(32)) &&
+           set_constant(replace.pager_prompt, new_pair(id::pager_prompt, id::empty)) &&
+           set_constant(replace.tabs, new_pair(id::tab, id::empty)) &&
+           set_constant(replace.spaces, new_pair(id::space, id::underscore)) &&
+           set_constant(replace.packets, new_pair(id::packets, id::empty)) &&
+           set_constant(replace.carriage_returns, new_pair(id::carriage_return, id::empty)) &&
+           set_constant(constants.split_args, PyTuple_Pack(1, interned[id::newline])) &&
+           set_constant(constants.exit_args, PyTuple_Pack(3, Py_None, Py_None, Py_None)) &&
+           set_constant(constants.counters_args, new_pair(id::Counters, id::counters_fields));
+}
+
+// Adds the module to `sys.modules` under its own name if it is absent; `added` reports that.
 bool register_module(bool &added) {
     PyObject *modules = PyImport_GetModuleDict();
     const PyObject *main = PyDict_GetItemWithError(modules, interned[id::dunder_main]);
@@ -144,7 +146,7 @@ bool import_builtins() {
 
 bool make_code_objects() {
     if (!set_constant(state.code_objects, PyList_New(0))) return false;
-    for (size_t row = 0; row < function_count; ++row) {
+    for (size_t row = 0; methods[row].ml_name; ++row) {
         if (!add_code_object(methods[row].ml_name, functions[row].first_line)) return false;
     }
     return true;
@@ -170,9 +172,9 @@ bool import_types() {
         Ref type = import_type(interned[row.module], interned[row.name], size);
         if (!set_constant(imports.*row.type, type.release())) return false;
     }
-    void *methods = import_vtable(imports.JSONObject);
-    imports.json_object_vtable = static_cast<const JSONObjectVTable *>(methods);
-    return methods != nullptr;
+    void *vtable = import_vtable(imports.JSONObject);
+    imports.json_object_vtable = static_cast<const JSONObjectVTable *>(vtable);
+    return vtable != nullptr;
 }
 
 bool import_capsules() {
@@ -195,7 +197,7 @@ bool import_capsules() {
     return true;
 }
 
-// from module import name, second        (or, with no name: import module as `as`)
+// from module import name, second; or, without a name: import module as `as`
 struct ImportStatement {
     StringId module, name, second, as;
     int line;
@@ -221,7 +223,7 @@ bool bind_global(StringId name, const Ref &value) {
     return value && PyDict_SetItem(state.globals, interned[name], value.get()) == 0;
 }
 
-// The tuple of the names to import, or None for a whole module.
+// The tuple of the names to import; None to import the module itself.
 Ref import_list(const ImportStatement &row) {
     if (row.name == id::none) return Ref::borrow(Py_None);
     if (row.second == id::none) return Ref::steal(PyTuple_Pack(1, interned[row.name]));
@@ -253,17 +255,17 @@ Ref new_logger() {
 Ref new_counters() {
     const Ref namedtuple = global(interned[id::namedtuple]);
     if (!namedtuple) return {};
-    return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters, nullptr));
+    return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters_args, nullptr));
 }
 
-// New function objects, of a fixed module and of no object. The one default dictionary is made just
-// before the function that it belongs to.
+// Creates the function objects with a fixed `__module__` and no `__self__`. Creates the shared
+// default dictionary just before the function that it belongs to.
 bool bind_functions(int &line) {
-    for (size_t row = 0; row < function_count; ++row) {
+    for (size_t row = 0; methods[row].ml_name; ++row) {
         line = functions[row].first_line;
-        if (functions[row].parameters[1].default_kind == Parameter::sessions) {
-            Py_XSETREF(state.sessions, PyDict_New());
-            if (!state.sessions) return false;
+        if (functions[row].parameters[1].default_kind == Parameter::shared_dict) {
+            Py_XSETREF(state.default_list_bfd, PyDict_New());
+            if (!state.default_list_bfd) return false;
         }
         const Ref function = Ref::steal(PyCFunction_NewEx(const_cast<PyMethodDef *>(&methods[row]),
                                                           nullptr, interned[id::module_name]));
@@ -275,7 +277,7 @@ bool bind_functions(int &line) {
     return true;
 }
 
-// The module-level statements; `line` is the one that is run.
+// Runs the module-level statements; `line` is that of the current one.
 bool run_statements(int &line) {
     namespace at = source_line::init;
     for (const ImportStatement &row : import_statements) {
@@ -300,15 +302,15 @@ bool run_statements(int &line) {
     return bind_global(id::dunder_test, Ref::steal(PyDict_New()));
 }
 
-// Every step of the import, in order. `registered`: `sys.modules` has got the module from us.
-bool import(PyObject *module, bool &registered, int &line) {
+// Runs the steps of the import in order. `registered` reports that they added the module to
+// `sys.modules`.
+bool run_import_steps(PyObject *module, bool &registered, int &line) {
     return check_version() && intern_strings() && record_module(module) && make_constants() &&
            register_module(registered) && import_builtins() && make_code_objects() &&
            import_types() && import_capsules() && run_statements(line);
 }
 
-// Forgets a module whose import has failed, so that it can be imported once the cause is removed.
-// The exception stays.
+// Drops a module whose import failed, so that a later import can succeed. Keeps the exception.
 void forget_module(bool registered) {
     PyObject *type = nullptr;
     PyObject *value = nullptr;
@@ -334,7 +336,7 @@ int exec_module(PyObject *module) {
     }
     bool registered = false;
     state.progress = State::importing;
-    if (import(module, registered, line)) {
+    if (run_import_steps(module, registered, line)) {
         state.progress = State::imported;
         return 0;
     }
@@ -345,7 +347,7 @@ int exec_module(PyObject *module) {
 
 // ------------------------------------------------------------------ definition
 
-// The interpreter takes its tables as if it wrote to them; it does not.
+// The interpreter takes its tables as non-const pointers but does not write to them.
 const PyModuleDef_Slot slots[] = {
     {Py_mod_create, reinterpret_cast<void *>(create_module)},
     {Py_mod_exec,   reinterpret_cast<void *>(exec_module)  },
@@ -356,8 +358,8 @@ PyModuleDef definition = {
     PyModuleDef_HEAD_INIT,
     module_name,
     nullptr,  // no docstring
-    0,        // the state is the process's, not the module object's
-    nullptr,  // the methods, which PyInit puts here
+    0,        // the state belongs to the process, not to the module object
+    nullptr,  // PyInit sets the methods
     const_cast<PyModuleDef_Slot *>(slots),
     nullptr,
     nullptr,

@@ -1,23 +1,23 @@
-// The native services of the management process, found in the process that loads the module. They
-// are called with the interpreter lock held. The `context` and `first` pointers are the process's
-// own business: this module always passes null.
+// The native services of the management process. The process that loads the module resolves them.
+// The module calls them with the interpreter lock held, and passes null for every `context` and
+// unnamed pointer.
 #pragma once
 
 #include "util/json.h"
 
 extern "C" {
 
-// json-c: the object as text, owned by the object; "null" for a null object, null without memory.
+// json-c: the object as text, which the object owns; "null" for a null object, null without memory.
 const char *json_object_to_json_string(json_object *object);
 
-// Session. Texts are NUL-terminated.
+// Cookies and certificates. Texts are NUL-terminated.
 unsigned long aps_get_new_cookie_id();
 unsigned long __get_aps_hash(const char *text);  // NOLINT(bugprone-reserved-identifier)
-char *cookieval_wrap(const char *text);          // PyMem_Malloc'ed for the caller, never null
-int cookieval_unwrap(char *text);                // in place, never longer than it was
+char *cookieval_wrap(const char *text);          // the caller owns it (PyMem_Free); never null
+int cookieval_unwrap(char *text);                // in place; the text does not grow
 int gui_chk_cert_expiration(const char *path);   // 0: valid
 
-// Status. The reply is handed over to the caller and may be null.
+// Status queries. The caller owns the reply, which may be null.
 json_object *build_switch_acl_ingress_stats(void *context, json_object *request);
 json_object *build_switch_stp_state(void *context, json_object *request);
 json_object *build_switch_lg_state(void *context, json_object *request);
@@ -36,7 +36,7 @@ json_object *build_stop_sniffer_profile_capture(void *context, json_object *requ
 json_object *build_pause_sniffer_profile_capture(void *context, json_object *request, void *);
 json_object *build_delete_sniffer_profile_capture(void *context, json_object *request, void *);
 
-// Command line. The output is PyMem_Malloc'ed for the caller; null: the command failed.
-char *get_cli_cmd_output(void *first, const char *command);
+// Command line. The caller owns the output (PyMem_Free); null if the command failed.
+char *get_cli_cmd_output(void *, const char *command);
 
 }  // extern "C"

@@ -1,4 +1,4 @@
-// The one copy of the module's state.
+// The only copy of the module's state.
 #include "veldarin/modules/state.h"
 
 namespace modules_util {

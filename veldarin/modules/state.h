@@ -1,5 +1,5 @@
-// What the module keeps between calls: one copy for the process, since the module lives in one
-// interpreter only. Filled by a successful import and never released afterwards.
+// The module's state: one copy for the process, since the module lives in one interpreter only. A
+// successful import fills it; nothing releases it afterwards.
 #pragma once
 
 #include <Python.h>
@@ -11,8 +11,10 @@
 
 namespace modules_util {
 
-// What the import found in other modules, kept for the life of the process. The objects are owned;
-// what the pointers below them point at belongs to the sibling modules.
+inline constexpr char module_name[] = "veldarin.modules.modules_util";
+
+// Objects and addresses from other modules. The objects are owned; the addresses belong to the
+// sibling modules.
 struct Imports {
     PyObject *open, *range, *type, *bool_, *complex, *JSONObject;
     const JSONObjectVTable *json_object_vtable;
@@ -21,30 +23,29 @@ struct Imports {
     migbase::WarmStartPath WARM_START_PATH;
 };
 
-inline constexpr char module_name[] = "veldarin.modules.modules_util";
+// Pairs of arguments for `str.replace`; owned. All but `spaces` remove something.
+struct ReplaceArgs {
+    PyObject *pager_prompt, *tabs, *spaces, *packets, *carriage_returns;
+};
 
-// What goes from the texts of the command line.
-inline constexpr char pager_prompt[] = "--More--";
-inline constexpr char carriage_return[] = "\r";
-inline constexpr char tab[] = "\t";
-inline constexpr char packets_word[] = "packets";
-
-// Owned. Those named `remove_…` and `replace_…` are argument pairs of `str.replace`.
+// Owned.
 struct Constants {
     PyObject *zero;
-    PyObject *token_size;
-    PyObject *remove_pager, *remove_tabs, *replace_blanks, *remove_packets, *remove_returns;
-    PyObject *newline;  // the arguments of `split`
-    PyObject *three_nones;
-    PyObject *counters;
+    PyObject *token_bytes;  // how many random bytes a new secret has
+    ReplaceArgs replace_args;
+    PyObject *split_args;     // for `str.split`: a newline
+    PyObject *exit_args;      // for `__exit__` without an exception
+    PyObject *counters_args;  // for namedtuple()
 };
 
 struct State {
-    PyObject *module;        // owned
-    PyObject *globals;       // the module's dictionary, kept alive by it
-    PyObject *builtins;      // owned
-    PyObject *sessions;      // owned: the one default of every get_bfd_neighbor call
-    PyObject *code_objects;  // owned: a list, in the order of their first lines
+    PyObject *module;            // owned
+    PyObject *globals;           // the module's dictionary, kept alive by it
+    PyObject *builtins;          // owned
+    PyObject *default_list_bfd;  // owned: the default of get_bfd_neighbor's list_bfd in all calls
+    PyObject *code_objects;      // owned: a list in the order of their first lines
+    int64_t interpreter_id;      // of the first interpreter that created the module
+    bool has_interpreter_id;
     enum : unsigned char { not_imported, importing, imported } progress;
     Constants constants;
     Imports imports;

@@ -1,6 +1,6 @@
-// The source line that a traceback shows for each statement, for people who read tracebacks of the
-// interface. All lines are kept here; they ascend in the order of the functions, so a line also
-// tells which function it belongs to.
+// The source lines that tracebacks show for the module-level statements and for the statements of
+// the functions. The lines of the queries and of each `def` are in function_table.def. Lines ascend
+// in the order of the functions, so a line also identifies its function.
 #pragma once
 
 namespace modules_util::source_line {
@@ -15,59 +15,38 @@ inline constexpr int charset = 23, counters = 25;
 }  // namespace init
 
 namespace new_cookie_id {
-inline constexpr int first = 28, result = 29;
+inline constexpr int result = 29;
 }
 namespace aps_unsigned_int_hash {
-inline constexpr int first = 32, result = 33;
+inline constexpr int result = 33;
 }
 namespace get_cookie_name {
-inline constexpr int first = 36, result = 37;
+inline constexpr int result = 37;
 }
 namespace encrypt_cookie {
-inline constexpr int first = 40, wrap = 41, bytes = 42;
+inline constexpr int wrap = 41, bytes = 42;
 }
 namespace decrypt_cookie {
-inline constexpr int first = 47, length = 48, log = 51, no_memory = 52, bytes = 55;
+inline constexpr int length = 48, log = 51, no_memory = 52, bytes = 55;
 }
 namespace get_token {
-inline constexpr int first = 60, path = 62, is_file = 64, create = 65, write = 66;
+inline constexpr int path = 62, is_file = 64, create = 65, write = 66;
 inline constexpr int open = 68, read = 69, result = 71;
 }
 namespace check_cert_expiration {
-inline constexpr int first = 74, result = 75;
+inline constexpr int result = 75;
 }
 
-// The statements of one exchange over the JSON bridge. Two functions write their empty and their
-// keyed request on different lines.
-struct Query {
-    short first, empty_request, keyed_request, response, parse, release_request, release_response;
-};
-inline constexpr Query switch_acl_ingress_counter{94, 95, 95, 96, 99, 100, 101};
-inline constexpr Query switch_acl_egress_counter{104, 105, 105, 106, 109, 110, 111};
-inline constexpr Query switch_acl_prelookup_counter{114, 115, 115, 116, 119, 120, 121};
-inline constexpr Query list_switch_stp_state{124, 125, 125, 126, 128, 129, 130};
-inline constexpr Query list_system_interface_physical{133, 134, 134, 135, 137, 141, 142};
 namespace interface_selection {
 inline constexpr int entries = 138, name = 139, result = 143;
 }
-inline constexpr Query list_switch_lg_state{145, 146, 146, 147, 149, 150, 151};
-inline constexpr Query list_switch_flapguard_status{154, 155, 155, 156, 158, 159, 160};
-inline constexpr Query list_switch_port_statistics{163, 165, 167, 168, 170, 171, 172};
-inline constexpr Query list_switch_lldp_state{175, 177, 179, 180, 182, 183, 184};
-inline constexpr Query list_switch_trunk_state{187, 188, 188, 189, 191, 192, 193};
-inline constexpr Query list_switch_mclag_list{196, 197, 197, 198, 201, 202, 203};
-inline constexpr Query switch_mclag_icl{206, 207, 207, 208, 211, 212, 213};
-inline constexpr Query list_switch_igmp_snooping_group{216, 217, 217, 218, 220, 221, 222};
-inline constexpr Query list_system_flash_list_status{225, 226, 226, 227, 229, 230, 231};
-inline constexpr Query list_system_link_monitor_status{234, 235, 235, 236, 238, 239, 240};
-inline constexpr Query list_switch_module_summary{243, 244, 244, 245, 248, 249, 250};
 
 namespace get_cli_command_output {
-inline constexpr int first = 253, encode = 255, no_output = 260, decode = 261, replace = 262;
+inline constexpr int encode = 255, no_output = 260, decode = 261, replace = 262;
 }
 
 namespace get_bfd_neighbor {
-inline constexpr int first = 268, output = 269, peer = 270, objname = 272, prefix = 273;
+inline constexpr int output = 269, peer = 270, objname = 272, prefix = 273;
 inline constexpr int split = 274, session = 276, line = 283, header_again = 286;
 inline constexpr int neighbor_ip = 293, interface = 294, session_name = 295, header_name = 296;
 struct Timers {
@@ -79,20 +58,18 @@ inline constexpr int known = 323, merge = 324, store = 326;
 }  // namespace get_bfd_neighbor
 
 namespace list_bfd_neighbor {
-inline constexpr int first = 330, holder = 331, info = 333, info6 = 334, merge = 335;
+inline constexpr int holder = 331, info = 333, info6 = 334, merge = 335;
 inline constexpr int keys = 338, each = 339, neighbor_ip = 340, interface = 341;
 inline constexpr int detail = 342, detail6 = 343, merge_detail = 344, filter = 345, append = 346;
 inline constexpr int log = 348;
 }  // namespace list_bfd_neighbor
 
-inline constexpr Query get_system_sniffer_profile_summary{351, 352, 352, 353, 356, 357, 358};
-inline constexpr Query capture_sniffer_profile{361, 362, 362, 363, 373, 374, 375};
 namespace capture_event {
 inline constexpr int running = 365, stop = 367, pause = 369, erase = 371;
 }
 
 namespace get_routing_table_result {
-inline constexpr int first = 378, routing_table = 379, table = 380, output = 381, split = 382;
+inline constexpr int routing_table = 379, table = 380, output = 381, split = 382;
 inline constexpr int header = 385, entry = 387, info = 388, distance = 389, metric = 390;
 inline constexpr int last_update = 391, other = 392, route = 397, main = 400, address = 401;
 inline constexpr int marker = 403, marked_address = 404, second_field = 405, interface = 406;
@@ -100,7 +77,7 @@ inline constexpr int second_word = 408, append = 409, result = 411;
 }  // namespace get_routing_table_result
 
 namespace get_system_arp_result {
-inline constexpr int first = 415, result = 416, output = 417, split = 418, header = 421;
+inline constexpr int result = 416, output = 417, split = 418, header = 421;
 inline constexpr int arp = 428, column = 429;  // the four columns on four lines
 inline constexpr int joined = 434, append = 435;
 }  // namespace get_system_arp_result

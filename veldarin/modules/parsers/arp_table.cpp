@@ -1,5 +1,5 @@
-// Parses the output of "get system arp": after the header line, a row of columns on every line that
-// is not blank.
+// Parses the output of "get system arp": after the header line, every line that is not blank is a
+// row of columns.
 #include "veldarin/modules/parsers/arp_table.h"
 
 #include "veldarin/modules/cli.h"
@@ -20,7 +20,7 @@ namespace at = source_line::get_system_arp_result;
 
 struct Column {
     StringId key;
-    bool repeats;  // the same value in many rows
+    bool repeats;  // many rows have the same value
 };
 
 constexpr Column columns[] = {
@@ -31,14 +31,14 @@ constexpr Column columns[] = {
 };
 constexpr int column_count = 4;
 
-// The dictionary of one row, or nothing with an exception and its entry. An interface of two words
-// takes two columns.
+// The dictionary of a row, or nothing with an exception and its traceback entry. An interface name
+// may consist of two words.
 Ref new_row(const TextView *words, int count, StringCache &strings) {
     Ref arp = Ref::steal(PyDict_New());
     if (!arp) return fail(at::arp);
 
     for (int i = 0; i < column_count; ++i) {
-        if (i == count) return index_error(at::column + i);
+        if (i == count) return fail_with_index_error(at::column + i);
         const Ref value =
             columns[i].repeats ? strings.make_cached(words[i]) : strings.make(words[i]);
         if (!value || PyDict_SetItem(arp.get(), interned[columns[i].key], value.get()) < 0) {
@@ -62,7 +62,7 @@ PyObject *parse(const Utf8Text &text) {
     LineReader lines(text.view);
     TextView line;
     do {
-        if (!lines.next(line)) return index_error(at::header);
+        if (!lines.next(line)) return fail_with_index_error(at::header);
     } while (!starts_with(left_stripped(line), TextView("Address")));
 
     StringCache strings(text);
@@ -82,7 +82,7 @@ PyObject *parse(const Utf8Text &text) {
 PyObject *get_system_arp_result() {
     const Ref output = run_command(interned[id::arp_command]);
     if (!output) return fail(at::output);
-    if (!check_str(output.get(), interned[id::split], state.constants.newline))
+    if (!check_str(output.get(), interned[id::split], state.constants.split_args))
         return fail(at::split);
     const Utf8Text text = as_utf8(output.get());
     if (!text.owner) return fail(at::split);

@@ -1,6 +1,6 @@
-// Parses BFD sessions: a header line for each session, then key-value lines, with two timer blocks
-// of three such lines. Every line is on its own: what is wrong with it is logged, and the next one
-// is read.
+// Parses BFD sessions: a header line for each session, then key-value lines, among them two timer
+// blocks of three such lines. An error in a line is logged, and the parser goes on with the next
+// line.
 #include "veldarin/modules/parsers/bfd_neighbor.h"
 
 #include "veldarin/modules/cli.h"
@@ -38,15 +38,19 @@ Ref merge_dicts(PyObject *older, PyObject *newer) {
 
 namespace {
 
-Ref parse_non_ascii_key(TextView text, const StringCache &strings) {
-    const Ref written = strings.make(text);
-    if (!written) return {};
-    const Ref lowered = Ref::steal(PyObject_CallMethodNoArgs(written.get(), interned[id::lower]));
-    if (!lowered) return {};
-    return str_replace(lowered.get(), state.constants.replace_blanks);
+constexpr char tab = '\t';
+constexpr char packets[] = "packets";
+
+// A key that is long or not ASCII.
+Ref parse_uncommon_key(TextView text, const StringCache &strings) {
+    const Ref key = strings.make(text);
+    if (!key) return {};
+    const Ref lower = Ref::steal(PyObject_CallMethodNoArgs(key.get(), interned[id::lower]));
+    if (!lower) return {};
+    return str_replace(lower.get(), state.constants.replace_args.spaces);
 }
 
-// What each ASCII character becomes in a key.
+// Maps each ASCII character to the one that a key has in its place.
 struct KeyTranslation {
     char of[128] = {};
 
@@ -58,12 +62,13 @@ struct KeyTranslation {
 };
 constexpr KeyTranslation key_translation;
 
-// text.strip().lower().replace(" ", "_"). A key is a short ASCII text in general, and is worked on
-// before it becomes an object.
+// text.strip().lower().replace(" ", "_"). A short ASCII key is translated on the stack, before it
+// becomes an object.
 Ref parse_key(TextView text, StringCache &strings) {
     text = stripped(text);
-    if (!strings.is_ascii() || text.size() > StringCache::max_cached)
-        return parse_non_ascii_key(text, strings);
+    if (!strings.is_ascii() || text.size() > StringCache::max_cached) {
+        return parse_uncommon_key(text, strings);
+    }
     char key[StringCache::max_cached];
     char *end = key;
     for (const char *at = text.begin; at != text.end; ++at) *end++ = key_translation.of[int{*at}];
@@ -75,13 +80,14 @@ Ref parse_value(TextView text, StringCache &strings) {
     text = stripped(text);
     if (text.size() > StringCache::max_cached) {
         const Ref value = strings.make(text);
-        return value ? str_remove(value.get(), state.constants.remove_packets) : Ref();
+        return value ? str_remove(value.get(), state.constants.replace_args.packets) : Ref();
     }
     char value[StringCache::max_cached];
-    return strings.make_cached({value, copy_without(text, TextView(packets_word), value)});
+    return strings.make_cached({value, copy_without(text, TextView(packets), value)});
 }
 
-// The session that a text is parsed into. Each step returns false with an exception and its entry.
+// Parses a text into one session. Each method returns false with an exception and its traceback
+// entry.
 class Parser {
 public:
     Parser(TextView text, LineReader lines, StringCache &strings)
@@ -91,10 +97,10 @@ public:
         namespace at = source_line::get_bfd_neighbor;
         session_ = Ref::steal(PyDict_New());
         if (!session_) return fail(at::session);
-        // The line after the skipped ones is asked for even if there is none.
+        // The line after the header lines is an IndexError if it does not exist.
         TextView line;
         if (!lines_.next(line)) {
-            index_error(at::line);
+            fail_with_index_error(at::line);
             return log_exception(at::log);
         }
         do {
@@ -103,7 +109,7 @@ public:
         return true;
     }
 
-    // Stores the session under its name, merged with one that is there already.
+    // Stores the session under its name, merged into a session of that name.
     bool store_into(PyObject *list_bfd) const {
         namespace at = source_line::get_bfd_neighbor;
         if (!name_ || PyDict_GET_SIZE(session_.get()) == 0) return true;
@@ -132,14 +138,14 @@ private:
         return parse_field(line);
     }
 
-    // "peer " in line. Looked for in all the lines ahead at once.
+    // "peer " in line. Searches all lines ahead, so that most lines need no search of their own.
     bool is_header(TextView line) {
         if (!peer_ || peer_ < line.begin) peer_ = find({line.begin, text_.end}, TextView("peer "));
         return peer_ < line.end;
     }
 
-    // A second header asks whether the type `list` contains the session, which no type answers: the
-    // first session goes on collecting the lines of all others.
+    // Deliberate quirk: a second header evaluates `name in list` (the builtin), which raises
+    // TypeError and is logged; later lines go into the first session.
     bool parse_header(TextView line) {
         namespace at = source_line::get_bfd_neighbor;
         if (name_ && PyDict_GET_SIZE(session_.get()) > 0) {
@@ -148,11 +154,11 @@ private:
         }
         TextView words[4];
         const int count = split(line, ' ', words);
-        if (count < 2) return index_error(at::neighbor_ip);
+        if (count < 2) return fail_with_index_error(at::neighbor_ip);
         const TextView neighbor_ip = words[1];
         if (!put(interned[id::neighbor_ip], strings_.make(neighbor_ip), at::neighbor_ip))
             return false;
-        if (count < 4) return index_error(at::interface);
+        if (count < 4) return fail_with_index_error(at::interface);
         const TextView interface = words[3];
         if (!put(interned[id::interface], strings_.make(right_stripped(interface)), at::interface))
             return false;
@@ -161,16 +167,17 @@ private:
         return put(interned[id::name], Ref::borrow(name_.get()), at::header_name);
     }
 
-    // The three lines after a timers line, which they are read on from only if all are well.
+    // Parses the three lines after a timers line. If one of them is wrong, the parser reads them
+    // again as lines of the session.
     bool parse_timers(PyObject *key, const source_line::get_bfd_neighbor::Timers &at) {
         LineReader lines = lines_;
         const Ref timers = Ref::steal(PyDict_New());
         if (!timers) return fail(at.create);
         for (int i = 0; i < 3; ++i) {
             TextView line;
-            if (!lines.next(line)) return index_error(at.split);
+            if (!lines.next(line)) return fail_with_index_error(at.split);
             TextView val[2];
-            if (split(line, ':', val) < 2) return index_error(at.store);
+            if (split(line, ':', val) < 2) return fail_with_index_error(at.store);
             const Ref value = strings_.make_cached(stripped(val[1]));
             if (!value || !put_into(timers, parse_key(val[0], strings_), value))
                 return fail(at.store);
@@ -183,7 +190,7 @@ private:
     bool parse_field(TextView line) {
         namespace at = source_line::get_bfd_neighbor;
         TextView val[2];
-        if (split(line, ':', val) < 2) return true;  // no key-value line
+        if (split(line, ':', val) < 2) return true;  // not a key-value line
         const Ref value = parse_value(val[1], strings_);
         if (!value) return fail(at::value);
         return put_into(session_, parse_key(val[0], strings_), value) || fail(at::field);
@@ -200,18 +207,18 @@ private:
     TextView text_;
     LineReader lines_;
     StringCache &strings_;
-    const char *peer_ = nullptr;  // the next of them; none looked for yet
+    const char *peer_ = nullptr;  // the next occurrence of "peer "; null before the first search
     Ref session_;
-    Ref name_;  // none before the first header
+    Ref name_;  // nothing before the first header
 };
 
-// The first two lines are never parsed. Of an output that names no object one line is skipped only:
-// it gets a line break put before it, which a `str` need not be copied for.
+// The first two lines are skipped. Without "objname" the output counts as if "\n" were prepended;
+// for a str we skip one line fewer instead of copying it.
 int header_lines(PyObject *text, bool has_objname) {
     return has_objname || !PyUnicode_Check(text) ? 2 : 1;
 }
 
-// Whether the characters before `at`, back to `begin` or a line break, are all white space.
+// Whether all characters between the begin of the line, or `begin`, and `at` are white space.
 bool only_space_before(const char *at, const char *begin) {
     while (at != begin && at[-1] != '\n') {
         if (!is_space(--at)) return false;
@@ -219,29 +226,29 @@ bool only_space_before(const char *at, const char *begin) {
     return true;
 }
 
-// Whether a line has a tab after its first word. The tabs before it are stripped with the other
-// white space. Before the last such tab there is nothing to look at again: the scan is linear.
+// Whether a line has a tab after its first word; the parser strips leading tabs anyway. Each search
+// begins behind the last leading tab, which keeps the scan linear.
 bool has_inner_tab(TextView text) {
     while (true) {
-        const char *const found = find(text, tab[0]);
+        const char *const found = find(text, tab);
         if (found == text.end) return false;
         if (!only_space_before(found, text.begin)) return true;
         text.begin = found;
         do ++text.begin;
-        while (!text.empty() && *text.begin == tab[0]);
+        while (!text.empty() && *text.begin == tab);
     }
 }
 
 // text.replace("\t", "")
 Ref without_tabs(PyObject *text) {
-    const Utf8Text opened = as_utf8(text);
-    if (!opened.owner) return {};
-    return has_inner_tab(opened.view) ? str_replace(text, state.constants.remove_tabs)
-                                      : Ref::borrow(text);
+    const Utf8Text utf8 = as_utf8(text);
+    if (!utf8.owner) return {};
+    if (!has_inner_tab(utf8.view)) return Ref::borrow(text);
+    return str_replace(text, state.constants.replace_args.tabs);
 }
 
-// The text as the parser reads it. What is no text meets the same operators, until one refuses it.
-// Null with an exception and its entry.
+// The output as a str without inner tabs. Applies the same operators to any other object, and fails
+// where the interpreter would. Null with an exception and its traceback entry.
 Ref normalize_input(PyObject *output, bool has_objname) {
     namespace at = source_line::get_bfd_neighbor;
     Ref text = Ref::borrow(output);
@@ -249,8 +256,8 @@ Ref normalize_input(PyObject *output, bool has_objname) {
         text = Ref::steal(PyNumber_Add(interned[id::newline], output));
         if (!text) return fail(at::prefix);
     }
-    if (!check_str(text.get(), interned[id::split], state.constants.newline))
-        return fail(at::split);
+    PyObject *split_args = state.constants.split_args;
+    if (!check_str(text.get(), interned[id::split], split_args)) return fail(at::split);
     text = without_tabs(text.get());
     return text ? std::move(text) : fail(at::split);
 }
@@ -266,9 +273,9 @@ PyObject *get_bfd_neighbor(PyObject *cmd, PyObject *list_bfd) {
     if (!peers) return Ref::borrow(list_bfd).release();
     const int has_objname = PySequence_Contains(output.get(), interned[id::objname]);
     if (has_objname < 0) return fail(at::objname);
-    const Ref lines_of = normalize_input(output.get(), has_objname);
-    if (!lines_of) return nullptr;
-    const Utf8Text text = as_utf8(lines_of.get());
+    const Ref input = normalize_input(output.get(), has_objname);
+    if (!input) return nullptr;
+    const Utf8Text text = as_utf8(input.get());
     if (!text.owner) return fail(at::split);
 
     LineReader lines(text.view);

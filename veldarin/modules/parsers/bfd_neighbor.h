@@ -1,4 +1,4 @@
-// BFD neighbours: the sessions of one command's output, and the listing for the interface.
+// Parses the BFD sessions in the output of one command.
 #pragma once
 
 #include <Python.h>
@@ -7,20 +7,16 @@
 
 namespace modules_util {
 
-// Parses the output of `cmd` into `list_bfd`. A new reference to `list_bfd`, or null with an
-// exception and its entry.
+// Parses the output of `cmd` into `list_bfd`. Returns a new reference to `list_bfd`, or null with
+// an exception and its traceback entry.
 PyObject *get_bfd_neighbor(PyObject *cmd, PyObject *list_bfd);
 
-// A new list of session dictionaries. Null only for an exception that is no Exception.
-PyObject *list_bfd_neighbor();
-
-// What both of them do.
-
-// except Exception as e: _logger.debug("e:" + str(e)). False, with the exception that goes on: not
-// an Exception, or one of the logging, with an entry at `line`.
+// except Exception as e: _logger.debug("e:" + str(e)). Returns false if an exception must
+// propagate: the current one does not derive from Exception, or logging itself raised (then with a
+// traceback entry at `line`).
 bool log_exception(int line);
 
-// dict(older, **newer): a new dictionary. Null with an exception.
+// dict(older, **newer). Null with an exception set.
 Ref merge_dicts(PyObject *older, PyObject *newer);
 
 }  // namespace modules_util

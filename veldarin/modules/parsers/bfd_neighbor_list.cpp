@@ -1,4 +1,7 @@
-// Lists BFD neighbours: the sessions that the summary commands know, each with its details.
+// Lists BFD neighbors: queries the summary of each address family, then the details of each
+// session.
+#include "veldarin/modules/parsers/bfd_neighbor_list.h"
+
 #include "veldarin/modules/interned.h"
 #include "veldarin/modules/parsers/bfd_neighbor.h"
 #include "veldarin/modules/python/errors.h"
@@ -15,9 +18,9 @@ namespace {
 Ref detail_command(PyObject *prefix, PyObject *neighbor_ip, PyObject *interface) {
     const Ref with_ip = Ref::steal(PyNumber_Add(prefix, neighbor_ip));
     if (!with_ip) return {};
-    const Ref with_blank = Ref::steal(PyNumber_Add(with_ip.get(), interned[id::space]));
-    if (!with_blank) return {};
-    return Ref::steal(PyNumber_Add(with_blank.get(), interface));
+    const Ref with_space = Ref::steal(PyNumber_Add(with_ip.get(), interned[id::space]));
+    if (!with_space) return {};
+    return Ref::steal(PyNumber_Add(with_space.get(), interface));
 }
 
 // get_bfd_neighbor(<detail command>, list_bfd)
@@ -30,7 +33,8 @@ Ref query_detail(PyObject *prefix, PyObject *neighbor_ip, PyObject *interface, P
     return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 2, nullptr));
 }
 
-// Words the failure to take a mapping's keywords for dict(…, **mapping) as the interpreter does.
+// Replaces the exception of the merge with the one that the interpreter raises for dict(...,
+// **mapping).
 void reword_keyword_error(PyObject *mapping) {
     if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
         PyErr_Format(PyExc_TypeError, "dict() argument after ** must be a mapping, not %.200s",
@@ -40,7 +44,8 @@ void reword_keyword_error(PyObject *mapping) {
         PyObject *value = nullptr;
         PyObject *traceback = nullptr;
         PyErr_Fetch(&type, &value, &traceback);
-        // The merge itself, or a look-up of a dictionary: the value is still a tuple of the key.
+        // True for a KeyError of the merge itself or of a dictionary look-up: not yet normalized,
+        // its value is a tuple of the key.
         const bool key_alone = value && PyTuple_Check(value) && PyTuple_GET_SIZE(value) == 1;
         const Ref arguments = Ref::borrow(value);
         PyErr_Restore(type, value, traceback);
@@ -50,7 +55,7 @@ void reword_keyword_error(PyObject *mapping) {
     }
 }
 
-// The keyword dictionary of dict(…, **mapping).
+// The keyword dictionary of dict(..., **mapping).
 Ref keywords_of(PyObject *mapping) {
     constexpr int reject_duplicates = 2;
     if (PyDict_CheckExact(mapping)) return Ref::borrow(mapping);
@@ -80,7 +85,7 @@ Ref session_field(PyObject *sessions, PyObject *key, PyObject *field) {
     return session ? Ref::steal(PyObject_GetItem(session.get(), field)) : Ref();
 }
 
-// Appends the session to the holder if a detail output has reported it.
+// Appends the session to the holder if it has a field that only a detail output brings.
 bool append_if_reported(PyObject *holder, PyObject *list_bfd, PyObject *key) {
     namespace at = source_line::list_bfd_neighbor;
     const Ref session = Ref::steal(PyObject_GetItem(list_bfd, key));
@@ -90,8 +95,8 @@ bool append_if_reported(PyObject *holder, PyObject *list_bfd, PyObject *key) {
     return !reported || PyList_Append(holder, session.get()) == 0 || fail(at::append);
 }
 
-// The details of one neighbour, of both families, merged into the working dictionary, which is
-// replaced by a copy. `known` is what tells its address and interface.
+// Queries the details of one session in both families, merges them into a copy of list_bfd, which
+// replaces it, and appends the session. `known` has the session's address and interface.
 bool append_neighbor(PyObject *holder, Ref &list_bfd, PyObject *known, PyObject *key) {
     namespace at = source_line::list_bfd_neighbor;
     const Ref neighbor_ip = session_field(known, key, interned[id::neighbor_ip]);
@@ -109,7 +114,7 @@ bool append_neighbor(PyObject *holder, Ref &list_bfd, PyObject *known, PyObject 
     return append_if_reported(holder, list_bfd.get(), key);
 }
 
-// Fills the holder; false with an exception and its entry.
+// Fills the holder. Returns false with an exception and its traceback entry.
 bool append_neighbors(PyObject *holder) {
     namespace at = source_line::list_bfd_neighbor;
     const Ref info = call_global(interned[id::get_bfd_neighbor], interned[id::bfd_command]);

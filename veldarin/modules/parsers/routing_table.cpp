@@ -1,5 +1,5 @@
-// Parses the output of "get router info routing-table detail": three lines of header, then one
-// route on every line that is not blank.
+// Parses the output of "get router info routing-table detail": three header lines, then one route
+// on every line that is not blank.
 #include "veldarin/modules/parsers/routing_table.h"
 
 #include "veldarin/modules/cli.h"
@@ -27,43 +27,43 @@ bool put(const Ref &dictionary, PyObject *key, const Ref &value, int line) {
 bool put_word(const Ref &dictionary, PyObject *key, TextView text, int index, StringCache &strings,
               int line) {
     TextView words[4];
-    if (split(text, words) <= index) return index_error(line);
+    if (split(text, words) <= index) return fail_with_index_error(line);
     return put(dictionary, key, strings.make(words[index]), line);
 }
 
-// The header line and the two after it.
+// Parses the "Routing" line and the two after it.
 bool parse_header(const Ref &routing_table, LineReader &lines, StringCache &strings) {
     TextView line;
     do {
-        if (!lines.next(line)) return index_error(at::header);
+        if (!lines.next(line)) return fail_with_index_error(at::header);
     } while (!starts_with(left_stripped(line), TextView("Routing")));
     if (!put_word(routing_table, interned[id::entry], line, 3, strings, at::entry)) return false;
 
-    if (!lines.next(line)) return index_error(at::info);
+    if (!lines.next(line)) return fail_with_index_error(at::info);
     TextView info[4];
     const int count = split(line, ',', info);
-    if (count < 2) return index_error(at::distance);
+    if (count < 2) return fail_with_index_error(at::distance);
     if (!put_word(routing_table, interned[id::distance], info[1], 1, strings, at::distance))
         return false;
-    if (count < 3) return index_error(at::metric);
+    if (count < 3) return fail_with_index_error(at::metric);
     if (!put_word(routing_table, interned[id::metric], info[2], 1, strings, at::metric))
         return false;
 
-    if (!lines.next(line)) return index_error(at::last_update);
+    if (!lines.next(line)) return fail_with_index_error(at::last_update);
     if (!put_word(routing_table, interned[id::lastUpdate], line, 2, strings, at::last_update))
         return false;
 
-    if (count < 4) return index_error(at::other);
+    if (count < 4) return fail_with_index_error(at::other);
     return put(routing_table, interned[id::other], strings.join(info[0], TextView(", "), info[3]),
                at::other);
 }
 
-// "ip", after the marker in front of it, if there is one: of two words or more the first is the
-// marker.
+// Parses "main" and "ip". If the field has two words or more, the first is a marker and the second
+// the address.
 bool parse_address(const Ref &route, TextView field, StringCache &strings) {
     TextView words[2];
     switch (split(field, words)) {
-        case 0: return index_error(at::address);
+        case 0: return fail_with_index_error(at::address);
         case 1:
             return put(route, interned[id::main], Ref::borrow(interned[id::empty]), at::main) &&
                    put(route, interned[id::ip], strings.make(words[0]), at::address);
@@ -73,23 +73,23 @@ bool parse_address(const Ref &route, TextView field, StringCache &strings) {
     }
 }
 
-// "interface": the second word, or the only one.
+// Parses "interface": the second word, or the only one.
 bool parse_interface(const Ref &route, TextView field, StringCache &strings) {
     TextView words[2];
     const int count = split(field, words);
-    if (count == 0) return index_error(at::interface);
+    if (count == 0) return fail_with_index_error(at::interface);
     const int line = count == 1 ? at::interface : at::second_word;
     return put(route, interned[id::interface], strings.make_cached(words[count - 1]), line);
 }
 
-// The dictionary of one route line, or nothing with an exception and its entry.
+// The dictionary of a route, or nothing with an exception and its traceback entry.
 Ref parse_route(TextView row, StringCache &strings) {
     Ref route = Ref::steal(PyDict_New());
     if (!route) return fail(at::route);
     TextView data[2];
     const int count = split(row, ',', data);
     if (!parse_address(route, data[0], strings)) return {};
-    if (count < 2) return index_error(at::second_field);
+    if (count < 2) return fail_with_index_error(at::second_field);
     if (!parse_interface(route, data[1], strings)) return {};
     return route;
 }
@@ -118,7 +118,7 @@ PyObject *parse(const Utf8Text &text) {
     return routing_table.release();
 }
 
-Ref routing_text(PyObject *ip_address) {
+Ref run_routing_command(PyObject *ip_address) {
     const Ref command = Ref::steal(
         PyObject_CallMethodOneArg(interned[id::routing_command], interned[id::format], ip_address));
     return command ? run_command(command.get()) : Ref();
@@ -127,12 +127,14 @@ Ref routing_text(PyObject *ip_address) {
 }  // namespace
 
 PyObject *get_routing_table_result(PyObject *ip_address) {
-    const Ref output = routing_text(ip_address);
+    const Ref output = run_routing_command(ip_address);
     if (!output) return fail(at::output);
-    if (!check_str(output.get(), interned[id::replace], state.constants.remove_returns)) {
+    if (!check_str(output.get(), interned[id::replace],
+                   state.constants.replace_args.carriage_returns)) {
         return fail(at::split);
     }
-    const Ref without_returns = str_remove(output.get(), state.constants.remove_returns);
+    const Ref without_returns =
+        str_remove(output.get(), state.constants.replace_args.carriage_returns);
     if (!without_returns) return fail(at::split);
     const Utf8Text text = as_utf8(without_returns.get());
     if (!text.owner) return fail(at::split);

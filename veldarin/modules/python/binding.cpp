@@ -1,36 +1,34 @@
-// Binds arguments: positional ones first, then each unbound parameter by its exact name, then a
-// look at whatever keywords remain, then the defaults.
+// Binds arguments in this order: positional ones, each other parameter by its exact name, keywords
+// that remain, defaults. Then it tests the types.
 #include "veldarin/modules/python/binding.h"
-
-#include "veldarin/modules/state.h"
 
 namespace modules_util {
 
 namespace {
 
-bool wrong_count(const char *name, const Function &function, Py_ssize_t given) {
+bool raise_wrong_count(const char *name, const Function &function, Py_ssize_t given) {
     const bool too_many = given > function.count();
     const bool exact = function.count() == function.required();
-    const Py_ssize_t bound = too_many ? function.count() : function.required();
+    const Py_ssize_t limit = too_many ? function.count() : function.required();
     PyErr_Format(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
                  name,
                  exact      ? "exactly"
                  : too_many ? "at most"
                             : "at least",
-                 bound, bound == 1 ? "" : "s", given);
+                 limit, limit == 1 ? "" : "s", given);
     return false;
 }
 
-// The parameter that a keyword names, or -1.
-int parameter_named(const Function &function, PyObject *keyword) {
+// The index of the parameter that a keyword names, or -1.
+int find_parameter(const Function &function, PyObject *keyword) {
     for (int i = 0; i < function.count(); ++i) {
         if (PyUnicode_Compare(keyword, interned[function.parameters[i].name]) == 0) return i;
     }
     return -1;
 }
 
-// Meets every keyword, so that the first faulty one is named. A keyword of a text type of its own
-// may have escaped the exact look-up: it binds here.
+// Checks every keyword in order, so that the first faulty one is reported. Binds a keyword that the
+// exact look-up missed because its type, a subclass of str, compares or hashes differently.
 bool check_keywords(const char *name, const Function &function, PyObject *keywords,
                     Py_ssize_t given, Ref *bound) {
     PyObject *keyword = nullptr;
@@ -40,19 +38,19 @@ bool check_keywords(const char *name, const Function &function, PyObject *keywor
             PyErr_Format(PyExc_TypeError, "%.200s() keywords must be strings", name);
             return false;
         }
-        const int named = parameter_named(function, keyword);
+        const int index = find_parameter(function, keyword);
         if (PyErr_Occurred()) return false;
-        if (named < 0) {
+        if (index < 0) {
             PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", name,
                          keyword);
             return false;
         }
-        if (named < given) {
+        if (index < given) {
             PyErr_Format(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
                          name, keyword);
             return false;
         }
-        if (!bound[named]) bound[named] = Ref::borrow(value);
+        if (!bound[index]) bound[index] = Ref::borrow(value);
     }
     return true;
 }
@@ -78,10 +76,10 @@ void raise_wrong_type(const Parameter &parameter, PyObject *argument) {
 }
 
 bool bind(const char *name, const Function &function, PyObject *positional, PyObject *keywords,
-          Ref *bound) {
+          PyObject *shared_dict, Ref *bound) {
     const Py_ssize_t given = PyTuple_GET_SIZE(positional);
-    if (given > function.count()) return wrong_count(name, function, given);
-    if (!keywords && given < function.required()) return wrong_count(name, function, given);
+    if (given > function.count()) return raise_wrong_count(name, function, given);
+    if (!keywords && given < function.required()) return raise_wrong_count(name, function, given);
 
     for (Py_ssize_t i = 0; i < given; ++i) {
         bound[i] = Ref::borrow(PyTuple_GET_ITEM(positional, i));
@@ -91,9 +89,9 @@ bool bind(const char *name, const Function &function, PyObject *positional, PyOb
     for (Py_ssize_t i = given; i < function.count(); ++i) {
         const Parameter &parameter = function.parameters[i];
         if (bound[i]) continue;
-        if (parameter.is_required()) return wrong_count(name, function, given);
+        if (parameter.is_required()) return raise_wrong_count(name, function, given);
         bound[i] =
-            Ref::borrow(parameter.default_kind == Parameter::sessions ? state.sessions : Py_None);
+            Ref::borrow(parameter.default_kind == Parameter::shared_dict ? shared_dict : Py_None);
     }
     for (int i = 0; i < function.count(); ++i) {
         if (!accepts(function.parameters[i], bound[i].get())) return false;

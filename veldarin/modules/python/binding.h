@@ -1,4 +1,4 @@
-// What a call needs to know of its function, and the binding of the call's arguments to it.
+// Describes a function's parameters and binds a call's arguments to them.
 #pragma once
 
 #include <Python.h>
@@ -11,8 +11,8 @@ namespace modules_util {
 inline constexpr int max_parameters = 2;
 
 struct Parameter {
-    enum Type : char { anything, bytes, text };  // accepted exactly, as is None
-    enum Default : char { required, none, sessions };
+    enum Type : char { anything, bytes, text };  // exactly this type, or None
+    enum Default : char { required, none, shared_dict };
 
     StringId name = id::none;
     Type type = anything;
@@ -22,10 +22,16 @@ struct Parameter {
 };
 
 struct Function {
-    enum Kind : char { none, one, keywords } kind;
+    enum Kind : char { no_args, one_arg, keywords } kind;
     short first_line;
-    Parameter parameters[max_parameters];
+    Parameter parameters[max_parameters] = {};
 
+    // The same function with one more parameter.
+    [[nodiscard]] constexpr Function with(Parameter parameter) const {
+        Function result = *this;
+        result.parameters[count()] = parameter;
+        return result;
+    }
     [[nodiscard]] constexpr int count() const {
         int count = 0;
         while (count < max_parameters && parameters[count].name != id::none) ++count;
@@ -39,18 +45,19 @@ struct Function {
 };
 
 // Binds positional arguments and a keyword dictionary (or null) to the parameters of the function
-// of this name. False with a TypeError set.
+// called `name`; `shared_dict` is the default of a parameter of that kind. False with a TypeError
+// set.
 bool bind(const char *name, const Function &function, PyObject *positional, PyObject *keywords,
-          Ref *bound);
+          PyObject *shared_dict, Ref *bound);
 
-// The TypeError of an argument that is not of the parameter's type.
+// Sets the TypeError for an argument that does not have the parameter's type.
 [[gnu::cold]] void raise_wrong_type(const Parameter &parameter, PyObject *argument);
 
 inline PyTypeObject *accepted_type(const Parameter &parameter) {
     return parameter.type == Parameter::text ? &PyUnicode_Type : &PyBytes_Type;
 }
 
-// The type test of one argument. False with a TypeError set.
+// Tests the type of one argument. False with a TypeError set.
 inline bool accepts(const Parameter &parameter, PyObject *argument) {
     if (parameter.type == Parameter::anything || argument == Py_None ||
         Py_TYPE(argument) == accepted_type(parameter)) {

@@ -5,7 +5,7 @@
 
 namespace modules_util {
 
-ErrorResult index_error(int line) {
+ErrorResult fail_with_index_error(int line) {
     PyErr_SetString(PyExc_IndexError, "list index out of range");
     return fail(line);
 }

@@ -1,4 +1,4 @@
-// Exceptions: the texts that several functions share, and the exception that a handler works on.
+// Raises exceptions whose messages several functions share, and handles exceptions.
 #pragma once
 
 #include "veldarin/modules/python/ref.h"
@@ -6,19 +6,19 @@
 
 namespace modules_util {
 
-// The IndexError of the statement at `line`.
-[[gnu::cold]] ErrorResult index_error(int line);
+// Raises IndexError for a list index and adds the traceback entry of the statement at `line`.
+[[gnu::cold]] ErrorResult fail_with_index_error(int line);
 
 void raise_not_bytes(PyObject *object);
 void raise_unbound_local(const char *variable);
 void raise_undefined_name(PyObject *name);
 
-// raise exception(message), with the class looked up as a global name.
+// raise exception(message), where `exception` is a global name.
 void raise_from_global(PyObject *exception, PyObject *message);
 
-// `except … as e`: takes the current exception and makes it the one that the running frame (or its
-// generator) handles, as sys.exc_info shows it, for as long as this object lives. Exceptions that
-// are raised meanwhile get it as their context.
+// `except ... as e`: takes the current exception. While this object lives, it is the exception that
+// the running frame (or its generator) handles: sys.exc_info() shows it, and exceptions that are
+// raised get it as their context.
 class HandledException {
 public:
     HandledException();
@@ -32,12 +32,12 @@ public:
     void reraise();
 
 private:
-    // Exchanges the frame's own exception for the saved one. PyErr_GetExcInfo would give that of
-    // the nearest caller which handles one.
+    // Swaps the exception that the frame itself handles with the saved one. PyErr_GetExcInfo would
+    // return that of the nearest caller that handles one.
     void swap_handled();
 
     Ref type_, value_, traceback_;
-    _PyErr_StackItem saved_ = {};  // owned; its link to other items is not used
+    _PyErr_StackItem saved_ = {};  // owns its three objects; its link is unused
 };
 
 }  // namespace modules_util

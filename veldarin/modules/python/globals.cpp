@@ -1,7 +1,6 @@
 // Looks up and calls global names.
 #include "veldarin/modules/python/globals.h"
 
-#include "veldarin/modules/interned.h"
 #include "veldarin/modules/python/errors.h"
 #include "veldarin/modules/state.h"
 
@@ -13,9 +12,9 @@ Ref global(PyObject *name) {
 }
 
 Ref builtin(PyObject *name) {
-    Ref found = Ref::steal(PyObject_GetAttr(state.builtins, name));
-    if (!found && PyErr_ExceptionMatches(PyExc_AttributeError)) raise_undefined_name(name);
-    return found;
+    Ref value = Ref::steal(PyObject_GetAttr(state.builtins, name));
+    if (!value && PyErr_ExceptionMatches(PyExc_AttributeError)) raise_undefined_name(name);
+    return value;
 }
 
 Ref call_global(PyObject *callee, PyObject *argument) {

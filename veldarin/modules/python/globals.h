@@ -1,4 +1,5 @@
-// Global names: looked up when a function runs, so that a name rebound in the module counts.
+// Looks up global names at the moment of the call, so that rebinding a name in the module takes
+// effect.
 #pragma once
 
 #include "veldarin/modules/python/ref.h"
@@ -11,7 +12,7 @@ Ref global(PyObject *name);
 // The builtin `name`; NameError if there is none.
 Ref builtin(PyObject *name);
 
-// The result of calling a global: callee() or callee(argument).
+// Calls a global: callee() or callee(argument).
 Ref call_global(PyObject *callee);
 Ref call_global(PyObject *callee, PyObject *argument);
 

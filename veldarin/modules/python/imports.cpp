@@ -1,13 +1,14 @@
-// Imports from Python and from C.
+// Imports Python names and C-level interfaces.
 #include "veldarin/modules/python/imports.h"
 
+#include "veldarin/modules/interned.h"
 #include "veldarin/modules/state.h"
 
 namespace modules_util {
 
 namespace {
 
-// Whether source.__spec__._initializing is true; like the interpreter, drops every error.
+// Whether source.__spec__._initializing is true. Ignores errors, as the interpreter does.
 bool is_initializing(PyObject *source) {
     const Ref spec = Ref::steal(PyObject_GetAttr(source, interned[id::dunder_spec]));
     const Ref value =
@@ -17,8 +18,8 @@ bool is_initializing(PyObject *source) {
     return result;
 }
 
-// The ImportError of `from source import name`, worded as the interpreter does. `source_name` is
-// null for a source without a name.
+// Raises the ImportError of `from source import name` with the interpreter's message. `source_name`
+// is null for a source without a name.
 void raise_cannot_import(PyObject *source, PyObject *source_name, PyObject *name) {
     const Ref path = Ref::steal(PyModule_GetFilenameObject(source));
     PyErr_Clear();
@@ -33,11 +34,13 @@ void raise_cannot_import(PyObject *source, PyObject *source_name, PyObject *name
     const Ref error = Ref::steal(PyErr_SetImportError(message.get(), source_name, path.get()));
 }
 
-// Reports an instance size that is not the one this module was built for. False: stop the import.
+// Compares an instance size with the one that this module was built for. False: the import must
+// stop.
 bool check_size(PyObject *module, PyObject *name, Py_ssize_t size, Py_ssize_t found) {
     constexpr char message[] =
         "%.200U.%.200U size changed, may indicate binary incompatibility. "
         "Expected %zd from C header, got %zd from PyObject";
+    if (found == size) return true;
     if (found > size) {
         return PyErr_WarnFormat(PyExc_RuntimeWarning, 1, message, module, name, size, found) == 0;
     }
@@ -50,17 +53,17 @@ struct CapiMessages {
 };
 
 // clang-format off
-constexpr CapiMessages function_texts = {
+constexpr CapiMessages function_messages = {
     "%.200U does not export expected C function %.200U",
     "C function %.200U.%.200U has wrong signature (expected %.500s, got %.500s)",
 };
-constexpr CapiMessages variable_texts = {
+constexpr CapiMessages variable_messages = {
     "%.200U does not export expected C variable %.200U",
     "C variable %.200U.%.200U has wrong signature (expected %.500s, got %.500s)",
 };
 // clang-format on
 
-// The signature that a capsule carries; the type's name for anything without one.
+// The signature that a capsule bears; the type's name for any other object.
 const char *signature_of(PyObject *item) {
     const char *signature = PyCapsule_CheckExact(item) ? PyCapsule_GetName(item) : nullptr;
     PyErr_Clear();
@@ -109,7 +112,7 @@ Ref import_type(PyObject *module, PyObject *name, Py_ssize_t size) {
         return {};
     }
     const Py_ssize_t found = reinterpret_cast<PyTypeObject *>(type.get())->tp_basicsize;
-    if (found != size && !check_size(module, name, size, found)) return {};
+    if (!check_size(module, name, size, found)) return {};
     return type;
 }
 
@@ -117,7 +120,7 @@ void *import_vtable(PyObject *type) {
     PyObject *dictionary = reinterpret_cast<PyTypeObject *>(type)->tp_dict;
     const Ref capsule = Ref::steal(PyObject_GetItem(dictionary, interned[id::dunder_pyx_vtable]));
     if (!capsule) return nullptr;
-    // A capsule that cannot tell even its name holds a null pointer.
+    // PyCapsule_GetName fails only if the capsule's pointer is null.
     if (PyCapsule_CheckExact(capsule.get()) && !PyCapsule_GetName(capsule.get()) &&
         PyErr_Occurred()) {
         PyErr_SetString(PyExc_RuntimeError, "invalid vtable found for imported type");
@@ -127,7 +130,8 @@ void *import_vtable(PyObject *type) {
 }
 
 void *import_capsule(CapiItem kind, PyObject *module, PyObject *name, const char *signature) {
-    const CapiMessages &texts = kind == CapiItem::function ? function_texts : variable_texts;
+    const CapiMessages &messages =
+        kind == CapiItem::function ? function_messages : variable_messages;
     const Ref source = Ref::steal(PyImport_Import(module));
     if (!source) return nullptr;
     const Ref items = Ref::steal(PyObject_GetAttr(source.get(), interned[id::dunder_pyx_capi]));
@@ -135,12 +139,12 @@ void *import_capsule(CapiItem kind, PyObject *module, PyObject *name, const char
     const Ref item = Ref::steal(PyObject_GetItem(items.get(), name));
     if (!item) {
         if (PyErr_ExceptionMatches(PyExc_KeyError)) {
-            PyErr_Format(PyExc_ImportError, texts.missing, module, name);
+            PyErr_Format(PyExc_ImportError, messages.missing, module, name);
         }
         return nullptr;
     }
     if (!PyCapsule_IsValid(item.get(), signature)) {
-        PyErr_Format(PyExc_TypeError, texts.wrong_signature, module, name, signature,
+        PyErr_Format(PyExc_TypeError, messages.wrong_signature, module, name, signature,
                      signature_of(item.get()));
         return nullptr;
     }

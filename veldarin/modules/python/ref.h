@@ -1,8 +1,8 @@
-// Owned references. Everything the module makes is held by a Ref on the line it is made, so that
-// every return releases it.
+// Owned references. A Ref takes every new object on the line that creates it, so that every return
+// releases it.
 //
-//   Ref::steal(p)   takes over the reference a call has just returned; null stays null
-//   Ref::borrow(p)  adds a reference to an object that somebody else owns
+//   Ref::steal(p)   takes over the reference that a call has returned; null stays null
+//   Ref::borrow(p)  adds a reference to an object that has another owner
 //   release()       gives the reference to the caller, or to a call that steals it
 #pragma once
 
@@ -23,7 +23,7 @@ public:
 
     Ref(Ref &&other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
     Ref &operator=(Ref &&other) noexcept {
-        // The old object goes last: its finaliser may run code that sees this Ref.
+        // Release the old object last: its finalizer may run code that sees this Ref.
         PyObject *old = std::exchange(object_, std::exchange(other.object_, nullptr));
         Py_XDECREF(old);
         return *this;

@@ -1,4 +1,4 @@
-// Makes traceback entries out of a code object, a frame and a line.
+// Builds traceback entries from a code object, a frame and a line.
 #include "veldarin/modules/python/traceback.h"
 
 #include <frameobject.h>
@@ -11,8 +11,8 @@ namespace {
 
 constexpr char source_file[] = "veldarin/modules/modules_util";
 
-// Borrowed, or null for a line before every function: the last code object that begins no later.
-PyObject *code_of(int line) {
+// The last code object that begins no later than `line`; borrowed, null if there is none.
+PyObject *find_code(int line) {
     PyObject *found = nullptr;
     for (Py_ssize_t i = 0; i < PyList_GET_SIZE(state.code_objects); ++i) {
         PyObject *code = PyList_GET_ITEM(state.code_objects, i);
@@ -22,33 +22,33 @@ PyObject *code_of(int line) {
     return found;
 }
 
-// The code object of a function, or of the import (null).
+// A code object for a function, or for the import (null).
 Ref new_code(const char *function, int first_line) {
     char name[80];
     PyOS_snprintf(name, sizeof name, function ? "%s.%s" : "init %s", module_name, function);
     return Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, name, first_line)));
 }
 
-// A traceback in front of `next` (null: none), or null with an exception set. The line is the
-// traceback's own: a frame that never ran has none but its first.
+// A traceback entry in front of `next`, which may be null.
 Ref new_traceback(PyObject *code, PyObject *globals, PyObject *next, int line) {
     PyFrameObject *frame =
         PyFrame_New(PyThreadState_Get(), reinterpret_cast<PyCodeObject *>(code), globals, nullptr);
     Ref owned_frame = Ref::steal(reinterpret_cast<PyObject *>(frame));
     if (!owned_frame) return {};
-    auto *entry = PyObject_GC_New(PyTracebackObject, &PyTraceBack_Type);
-    if (!entry) return {};
-    entry->tb_next = reinterpret_cast<PyTracebackObject *>(Ref::borrow(next).release());
-    entry->tb_frame = reinterpret_cast<PyFrameObject *>(owned_frame.release());
-    entry->tb_lasti = frame->f_lasti;
-    entry->tb_lineno = line;
-    PyObject_GC_Track(entry);
-    return Ref::steal(reinterpret_cast<PyObject *>(entry));
+    auto *traceback = PyObject_GC_New(PyTracebackObject, &PyTraceBack_Type);
+    if (!traceback) return {};
+    traceback->tb_next = reinterpret_cast<PyTracebackObject *>(Ref::borrow(next).release());
+    traceback->tb_frame = reinterpret_cast<PyFrameObject *>(owned_frame.release());
+    traceback->tb_lasti = frame->f_lasti;
+    // Set tb_lineno directly: a frame that never ran reports only its first line.
+    traceback->tb_lineno = line;
+    PyObject_GC_Track(traceback);
+    return Ref::steal(reinterpret_cast<PyObject *>(traceback));
 }
 
-// Adds the entry of `code`, or (null) of a new code object.
-void add_traceback(PyObject *code, const char *function, int first_line, PyObject *globals,
-                   int line) {
+// Adds an entry to the current exception. `code` is borrowed; null stands for a new code object of
+// `function`.
+void push_frame(PyObject *code, const char *function, int first_line, PyObject *globals, int line) {
     PyObject *type = nullptr;
     PyObject *value = nullptr;
     PyObject *traceback = nullptr;
@@ -61,22 +61,22 @@ void add_traceback(PyObject *code, const char *function, int first_line, PyObjec
             traceback = entry.release();
         }
     }
-    PyErr_Restore(type, value, traceback);  // also drops what went wrong on the way
+    PyErr_Restore(type, value, traceback);  // drops an error of the lines above
 }
 
 }  // namespace
 
 ErrorResult fail(int line) {
-    add_traceback(code_of(line), nullptr, 0, state.globals, line);
+    push_frame(find_code(line), nullptr, 0, state.globals, line);
     return {};
 }
 
 void add_import_traceback(PyObject *globals, int line) {
-    add_traceback(nullptr, nullptr, 1, globals, line);
+    push_frame(nullptr, nullptr, 1, globals, line);
 }
 
 void add_early_traceback(PyObject *globals, const char *function, int first_line) {
-    add_traceback(nullptr, function, first_line, globals, first_line);
+    push_frame(nullptr, function, first_line, globals, first_line);
 }
 
 bool add_code_object(const char *function, int first_line) {

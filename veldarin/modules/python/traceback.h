@@ -1,29 +1,29 @@
-// Traceback entries: every exception that leaves a function shows the function's dotted name, the
-// source file and the line of the statement that failed.
+// Traceback entries. Every exception that leaves a function shows the function's dotted name, the
+// source file and the line of the failing statement.
 #pragma once
 
 #include "veldarin/modules/python/ref.h"
 
 namespace modules_util {
 
-// What a function returns when it fails, whatever it returns when it succeeds.
+// What a failing function returns, whatever type it returns on success.
 struct ErrorResult {
     operator PyObject *() const { return nullptr; }  // NOLINT(google-explicit-constructor)
     operator Ref() const { return {}; }              // NOLINT(google-explicit-constructor)
     operator bool() const { return false; }          // NOLINT(google-explicit-constructor)
 };
 
-// Ends a failing statement, as in `return failed(line)`: adds the entry of the function that `line`
-// belongs to. Without memory for the entry the exception stays as it is.
+// Adds a traceback entry for the function that `line` belongs to, as in `return fail(at::parse)`.
+// Without memory for the entry the exception stays as it is.
 [[gnu::cold]] ErrorResult fail(int line);
 
-// The entry of a failing import. `globals` is the dictionary of the module being imported.
+// Adds the entry of a failing import. `globals` is the dictionary of the module that is imported.
 void add_import_traceback(PyObject *globals, int line);
 
-// The entry of a function whose code object may not be made yet. `globals` may be null.
+// Adds the entry of a function that may not have a code object yet. `globals` may be null.
 void add_early_traceback(PyObject *globals, const char *function, int first_line);
 
-// Makes the code object of a function, after those of all functions before it. False with an
+// Creates the code object of a function; call it in the order of the function table. False with an
 // exception set.
 bool add_code_object(const char *function, int first_line);
 

@@ -1,6 +1,8 @@
 // The parts of the `with` statement that do not depend on its body.
 #include "veldarin/modules/python/with_statement.h"
 
+#include "veldarin/modules/python/errors.h"
+
 namespace modules_util {
 
 Ref special_method(PyObject *object, PyObject *name) {
@@ -9,7 +11,7 @@ Ref special_method(PyObject *object, PyObject *name) {
         PyErr_SetObject(PyExc_AttributeError, name);
         return {};
     }
-    const Ref found = Ref::borrow(method);
+    const Ref owned_method = Ref::borrow(method);
     const descrgetfunc bind = Py_TYPE(method)->tp_descr_get;
     if (!bind) return Ref::borrow(method);
     return Ref::steal(bind(method, object, reinterpret_cast<PyObject *>(Py_TYPE(object))));
@@ -18,9 +20,9 @@ Ref special_method(PyObject *object, PyObject *name) {
 bool exit_with_exception(PyObject *exit, int line) {
     HandledException exception;
     PyObject *const arguments[] = {exception.type(), exception.value(), exception.traceback()};
-    const Ref answer = Ref::steal(PyObject_VectorcallDict(exit, arguments, 3, nullptr));
-    if (!answer) return fail(line);
-    const int swallowed = PyObject_IsTrue(answer.get());
+    const Ref result = Ref::steal(PyObject_VectorcallDict(exit, arguments, 3, nullptr));
+    if (!result) return fail(line);
+    const int swallowed = PyObject_IsTrue(result.get());
     if (swallowed < 0) return fail(line);
     if (!swallowed) exception.reraise();
     return swallowed;

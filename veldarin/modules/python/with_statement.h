@@ -2,23 +2,22 @@
 #pragma once
 
 #include "veldarin/modules/interned.h"
-#include "veldarin/modules/python/errors.h"
 #include "veldarin/modules/python/ref.h"
 #include "veldarin/modules/python/traceback.h"
 #include "veldarin/modules/state.h"
 
 namespace modules_util {
 
-// A special method: looked up on the type, bound to the object. AttributeError if there is none.
+// Looks a special method up on the type and binds it to the object. AttributeError if there is
+// none.
 Ref special_method(PyObject *object, PyObject *name);
 
-// Calls exit(type, value, traceback) for the current exception. True: it is swallowed. False: it
-// goes on, or the exception that exit raised does, with an entry at `line`.
+// Calls exit(type, value, traceback) for the current exception. Returns true if exit swallowed it,
+// or false with that exception or the one that exit raised, then with an entry at `line`.
 bool exit_with_exception(PyObject *exit, int line);
 
-// with manager as file: body(file). The body returns false with an exception set, its entry
-// included; so does this function, whose own statement is at `line`. True also for an exception
-// that the manager swallowed.
+// with manager as file: body(file). The statement is at `line`. Returns false with an exception and
+// its traceback entry, as the body does, and true also if the manager swallowed the exception.
 template <typename Body>
 bool run_with(PyObject *manager, int line, Body &&body) {
     const Ref enter = special_method(manager, interned[id::dunder_enter]);
@@ -30,8 +29,8 @@ bool run_with(PyObject *manager, int line, Body &&body) {
 
     if (!body(file.get())) return exit_with_exception(exit.get(), line);
 
-    const Ref left = Ref::steal(PyObject_Call(exit.get(), state.constants.three_nones, nullptr));
-    return left || fail(line);
+    const Ref result = Ref::steal(PyObject_Call(exit.get(), state.constants.exit_args, nullptr));
+    return result || fail(line);
 }
 
 }  // namespace modules_util
