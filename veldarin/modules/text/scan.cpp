@@ -41,7 +41,8 @@ inline bool is_space_inline(const char *at) {
     // so one comparison filters both.
     const auto byte = static_cast<signed char>(*at);
     if (byte > ' ') return false;
-    return byte < 0 ? is_unicode_space(at) : byte >= 0x1C || (byte >= '\t' && byte <= '\r');
+    if (byte >= '\x1C') return true;  // ' ' and the four separators below it
+    return byte < 0 ? is_unicode_space(at) : byte >= '\t' && byte <= '\r';
 }
 
 // A machine word with the same byte everywhere.
