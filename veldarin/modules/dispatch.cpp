@@ -42,26 +42,28 @@ PyObject *unpack_call(PyObject *const *arguments) {
 // A row of the function table. Exists in constant expressions only.
 struct Row {
     const char *name;
-    Function function;
     Implementation *implementation;  // null for a query
     Query query;
+    Function function;
     bool is_query;
 };
 
-// The key of a request is the parameter's name, but for one query.
+// The key of a request is the parameter's name, except for captures.
 constexpr Row query_row(const char *name, Function function, Query query) {
     const bool is_capture = query.kind == Query::capture;
     query.key = is_capture ? id::profile_name_key : function.parameters[0].name;
-    return {name, function, nullptr, query, true};
+    return {name, nullptr, query, function, true};
 }
 
+// NOLINTBEGIN(bugprone-macro-parentheses): `parameters` are calls of Function::with
 #define PARAMETER(name, type, default_kind) \
     .with({string_id(#name), Parameter::type, Parameter::default_kind})
 #define FUNCTION(kind, name, parameters, first_line) \
-    Row{#name, Function{Function::kind, first_line} parameters, unpack_call<name>, {}, false},
-#define QUERY_ROW(query, kind, name, parameters, when, build, ...)                    \
+    Row{#name, unpack_call<name>, {}, Function{Function::kind, first_line} parameters, false},
+#define QUERY_ROW(query, kind, name, parameters, when, build, ...)                       \
     query_row(#name, Function{Function::kind, QueryLines{__VA_ARGS__}.first} parameters, \
               {build, {__VA_ARGS__}, Query::when, Query::query, id::none}),
+// NOLINTEND(bugprone-macro-parentheses)
 
 constexpr Row table[] = {
 #include "veldarin/modules/function_table.def"
