@@ -210,7 +210,8 @@ int replace_imports(const link_map *library) {
 #endif
 
 const link_map *find_json_c() {
-    void *function = dlsym(RTLD_DEFAULT, "json_object_to_json_string");
+    // The simulator exports json_object_to_json_string, too.
+    void *function = dlsym(RTLD_DEFAULT, "json_object_new_object");
     Dl_info info;
     link_map *library = nullptr;
     if (function == nullptr ||
