@@ -226,6 +226,7 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
     )
 
 
+@pytest.mark.workstation_only("mypy runs on the workstation")
 def test_the_type_checkers_comparison_of_face_and_module_finds_nothing(tmp_path: Path) -> None:
     allowed = tmp_path / "allowed"
     # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
@@ -286,6 +287,7 @@ except device.CFunctionError:
 """
 
 
+@pytest.mark.workstation_only("mypy runs on the workstation")
 def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> None:
     file = tmp_path / "author.py"
     file.write_text(AUTHORS_FILE)

@@ -190,11 +190,12 @@ def test_the_examples_are_true(example_device: Simulator, function: Function) ->
     )
 
 
-def live_fields() -> list[tuple[dict[str, Any], Callable[[], list[Any]]]]:
+def live_fields() -> list[Any]:
+    netlink = pytest.mark.requires("netlink")
     return [
-        (PORT, lambda: links.physical_interfaces()[0]["interface"]),
-        (MONITORED, links.link_monitor_status),
-        (FLAPS, links.flap_status),
+        pytest.param(PORT, lambda: links.physical_interfaces()[0]["interface"], marks=netlink),
+        pytest.param(MONITORED, links.link_monitor_status, marks=netlink),
+        pytest.param(FLAPS, links.flap_status, marks=netlink),
         (STATISTICS, lambda: ports.statistics({})),
         (GROUP, lambda: multicast.groups({})),
         (FLASH, storage.flash_list),

@@ -458,6 +458,7 @@ def test_a_cookie_value_that_is_not_exactly_bytes_is_refused(
     assert simulator.call_log == []
 
 
+@pytest.mark.workstation_only("no bytes object is that long with 32-bit sizes")
 def test_a_text_too_long_for_the_copying_function_is_refused_before_anything_is_allocated(
     simulator: Simulator, module: ModuleType
 ) -> None:
@@ -475,6 +476,7 @@ def test_a_text_too_long_for_the_copying_function_is_refused_before_anything_is_
     assert simulator.call_log == []
 
 
+@pytest.mark.workstation_only("no bytes object is that long with 32-bit sizes")
 def test_the_longest_text_that_the_copying_function_takes_is_unwrapped(
     simulator: Simulator, module: ModuleType
 ) -> None:

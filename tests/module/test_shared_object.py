@@ -99,7 +99,12 @@ def alone() -> Path:
     return Path(done.stdout.splitlines()[-1])
 
 
-@pytest.fixture(params=["staged", "alone"])
+MODULE_ALONE = pytest.param(
+    "alone", marks=pytest.mark.workstation_only("make module builds for the workstation")
+)
+
+
+@pytest.fixture(params=["staged", MODULE_ALONE])
 def product(request: pytest.FixtureRequest) -> Path:
     """The product's file, both ways it is built; sanitizers need libraries of their own."""
     if request.param == "alone":
@@ -110,6 +115,7 @@ def product(request: pytest.FixtureRequest) -> Path:
     return isolated.PRODUCT
 
 
+@pytest.mark.workstation_only("make module builds for the workstation")
 def test_the_module_is_built_alone_and_its_path_printed_last(alone: Path) -> None:
     assert alone.is_absolute()
     assert alone.is_file()
@@ -135,6 +141,7 @@ def test_the_file_that_ships_is_small(alone: Path) -> None:
     assert size <= QUARTER.get((platform.machine(), version), SMALL)
 
 
+@pytest.mark.workstation_only("make module builds for the workstation")
 def test_the_file_that_ships_is_a_quarter_of_the_compiled_peers(alone: Path) -> None:
     peers = list(isolated.BUILD.glob("benchmarks/modules_cython.*.so"))
     if not peers:

@@ -137,6 +137,8 @@ ROUTES = (
 DETAILS = """
 import json, sys
 from veldarin_simulator.providers import routing
+
+pytestmark = pytest.mark.requires("netlink")
 addresses = {addresses!r}
 print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 """

@@ -59,6 +59,9 @@ def test_what_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch, tmp_p
     assert call_sites.unknown_calls() == ["source.cpp:3:PyList_Sort(list)"]
 
 
+@pytest.mark.workstation_only(
+    "sys.executable is the emulator's launcher there, not the interpreter"
+)
 def test_a_symbol_that_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch) -> None:
     reviewed = call_sites.cannot_fail()
     del reviewed["PyErr_Clear"]
@@ -105,6 +108,7 @@ def test_a_death_elsewhere_is_told_as_such() -> None:
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer tells of deaths itself")
+@pytest.mark.workstation_only("the crash handler unwinds the emulator's stack there")
 def test_a_process_that_dies_tells_where() -> None:
     def die() -> list[object]:
         import ctypes
