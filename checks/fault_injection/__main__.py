@@ -19,7 +19,7 @@ from checks.fault_injection import call_sites, imports, process_cases, report
 from checks.fault_injection.libfaults import Library, record
 from checks.fault_injection.sweep import AnyCase, Swept, sweep
 from tests.support.call_cases import CASES
-from tests.support.isolated import BUILD, PRODUCT
+from tests.support.isolated import BUILD, MODULE_PATH
 from veldarin_simulator import Simulator, native_library
 
 console = Console(highlight=False, soft_wrap=True)
@@ -161,7 +161,7 @@ def main() -> int:
     wrong = [
         *report.points(console, results, len(cases)),
         *report.calls(console, failed, strangers, whole),
-        *report.symbols(console, call_sites.unknown_symbols(PRODUCT)),
+        *report.symbols(console, call_sites.unknown_symbols(MODULE_PATH)),
     ]
     return report.verdict(console, results, failed, wrong, whole)
 

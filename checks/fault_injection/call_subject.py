@@ -12,7 +12,7 @@ from checks.fault_injection.process_cases import Arranged
 from checks.fault_injection.results import OF_MEMORY, Found
 from veldarin_simulator import LiveObjects, Simulator
 
-NOTHING = LiveObjects(json_objects=0, text_buffers=0)
+NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
 BRIDGED = ("list_switch", "list_system", "switch_", "get_system_sniffer", "capture_")
 
 # Without memory for the result these two keep the native buffer, on purpose.
@@ -57,7 +57,7 @@ class CallSubject:
         if afterwards.same != judge.reference.same:
             complaints.append(f"afterwards the same call ended with {afterwards.same}")
         gc.collect()
-        if (held := self._held(report)) != NOTHING:
+        if (held := self._held(report)) != NO_LIVE_OBJECTS:
             complaints.append(f"still held: {held}")
         return Found(report.failed > 0, tuple(complaints))
 

@@ -15,12 +15,12 @@ from typing import Any
 from checks.fault_injection.libfaults import Library, Point
 from checks.fault_injection.process_cases import Arranged, Each
 from checks.fault_injection.results import Outcome, outcome
-from tests.support.call_cases import GONE, Silent, Step
-from tests.support.query_cases import ROWS
-from tests.support.refcounts import watched
+from tests.support.call_cases import DELETED, FailNth, NullLogger
+from tests.support.query_cases import QUERY_CASES
+from tests.support.refcounts import tracked_objects
 from veldarin_simulator import LiveObjects, Simulator
 
-NOTHING = LiveObjects(json_objects=0, text_buffers=0)
+NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
 # Called through their names in the module; those of the module itself are on trial.
 COLLABORATORS = ("text_", "bytes_", "serial_number_ascii", "CFunctionError", "open")
 TIMES = 4  # of a repeated trial
@@ -76,15 +76,15 @@ class Stage:
         self.runs = 0  # with memory failing
         case = arranged.case
         self.module: Any = simulator.module
-        self.steps = [Step(case.create), Step(case.release)]
+        self.steps = [FailNth(case.create), FailNth(case.release)]
         self.function = getattr(self.module, case.function)
         self.log = Log(library.sheltered)
         self.shared = self._shared_sessions()
         self._script()
         self._shelter()
         arranged.arrange(self.module)
-        arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.rebound.values()]
-        self._watched = watched(self.module, arguments)
+        arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.patched.values()]
+        self._watched = tracked_objects(self.module, arguments)
 
     def _shared_sessions(self) -> dict[str, Any]:
         # A text without sessions: the default of `list_bfd` comes back as it is.
@@ -99,7 +99,7 @@ class Stage:
         simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
         for service in ("aps_get_new_cookie_id", "__get_aps_hash"):
             simulator.set_reply(service, 0xFFFFFFFF)  # a number that the interpreter has to make
-        for row in ROWS:
+        for row in QUERY_CASES:
             if row.native:
                 simulator.set_reply(row.native, case.reply)
         for step, name in zip(self.steps, ("on_create", "on_release")):
@@ -107,21 +107,21 @@ class Stage:
                 setattr(simulator, name, step)
 
     def _shelter(self) -> None:
-        sheltered, module, rebound = self.library.sheltered, self.module, self.case.rebound
+        sheltered, module, patched = self.library.sheltered, self.module, self.case.patched
         given: dict[str, Any] = {name: getattr(module, name, open) for name in COLLABORATORS}
         given["urandom"] = lambda size: bytes(range(size))
         bound: dict[str, Any] = {name: sheltered(value) for name, value in given.items()}
         bound["json"] = SimpleNamespace(loads=sheltered(module.json.loads))
         bound["copy"] = SimpleNamespace(deepcopy=sheltered(module.copy.deepcopy))
         bound["_logger"] = self.log
-        for name, value in rebound.items():
-            if not isinstance(value, Silent):
+        for name, value in patched.items():
+            if not isinstance(value, NullLogger):
                 bound[name] = sheltered(value) if isinstance(value, FunctionType) else value
-        path = rebound.get("Path", Path)
+        path = patched.get("Path", Path)
         if isinstance(path, type):
             bound["Path"] = sheltered(lambda text: PathOnTrial(self.library, path(text)))
         for name, value in bound.items():
-            if value is GONE:
+            if value is DELETED:
                 delattr(module, name)
             else:
                 setattr(module, name, value)

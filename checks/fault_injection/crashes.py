@@ -10,7 +10,7 @@ import re
 from pathlib import Path
 from typing import NamedTuple
 
-from tests.support.isolated import PRODUCT
+from tests.support.isolated import MODULE_PATH
 
 TOLD = re.compile(r"died in the call: (.*)\ndied in the functions:\n(.*?)died\.\n", re.DOTALL)
 FRAME = re.compile(r"^(?P<file>[^()]*)\((?P<function>[^+()]*)[^()]*\)", re.MULTILINE)
@@ -47,6 +47,8 @@ def death(how: str, written: str) -> Death:
 
 
 def _place(files: list[str]) -> str:
-    if PRODUCT.name not in files:
+    if MODULE_PATH.name not in files:
         return "outside of the module"
-    return "in the module" if files[0] == PRODUCT.name else f"in {files[0]}, called by the module"
+    return (
+        "in the module" if files[0] == MODULE_PATH.name else f"in {files[0]}, called by the module"
+    )

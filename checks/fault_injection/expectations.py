@@ -18,7 +18,7 @@ from checks.fault_injection.libfaults import Point, Report
 from checks.fault_injection.results import OF_MEMORY, Outcome, Same, outcome
 from tests.support import reference
 from tests.support.assertions import MODULE
-from tests.support.call_cases import GONE, Case, Silent
+from tests.support.call_cases import DELETED, CallCase, NullLogger
 
 NO_COOKIE_BUFFER = (
     ("CFunctionError", "PyMem_Malloc"),
@@ -50,7 +50,7 @@ class Other(NamedTuple):
 class Judge:
     """Knows how one case ends when nothing fails, and what else it may end with."""
 
-    def __init__(self, case: Case, reference: Outcome) -> None:
+    def __init__(self, case: CallCase, reference: Outcome) -> None:
         self.case, self.reference = case, reference
         self.others = list(others(case))
         self.unworded = None if reference.returned else (reference.ended[0], "")
@@ -82,7 +82,7 @@ class Judge:
         return f"left {entries} traceback entries" if missing or entries > 1 else None
 
 
-def others(case: Case) -> Iterator[Other]:
+def others(case: CallCase) -> Iterator[Other]:
     """Outcomes of failing memory other than MemoryError."""
     if case.function == "encrypt_cookie":
         # The appliance had no memory, and may not say so.
@@ -101,14 +101,14 @@ def others(case: Case) -> Iterator[Other]:
             yield Other(same, RUNNING)
 
 
-def caught(case: Case, error: Exception) -> Iterator[Same]:
+def caught(case: CallCase, error: Exception) -> Iterator[Same]:
     """How the twin ends if each of its lines in turn raises the error."""
     log = Log()
     reference._logger = log
-    for name, value in case.rebound.items():
-        if value is GONE:
+    for name, value in case.patched.items():
+        if value is DELETED:
             vars(reference).pop(name, None)
-        elif not isinstance(value, Silent):
+        elif not isinstance(value, NullLogger):
             setattr(reference, name, value)
     text = case.cli.encode() if isinstance(case.cli, str) else case.cli
     reference.run = lambda command: text  # type: ignore[assignment,return-value]
@@ -126,7 +126,7 @@ def caught(case: Case, error: Exception) -> Iterator[Same]:
         at += 1
 
 
-def called(case: Case) -> object:
+def called(case: CallCase) -> object:
     """The case's call of the twin, on dictionaries of its own."""
     SHARED.clear()
     return getattr(reference, case.function)(*fresh_values(case.args), **fresh_values(case.kwargs))

@@ -28,10 +28,10 @@ from checks.fault_injection.libfaults import NOWHERE, Library, Point, Report
 from checks.fault_injection.results import OF_MEMORY, Found, Outcome, outcome
 from tests.module.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 from tests.support import fake_siblings
-from tests.support.call_cases import Failure, Unequal
-from tests.support.fake_siblings import POINTER, Workbench, created
+from tests.support.call_cases import Failure, UncomparableStr
+from tests.support.fake_siblings import POINTER, SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS, Function
-from tests.support.isolated import MODULE, OTHER_RUNTIME, PRODUCT
+from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE
 
 INIT = f"init {MODULE}"
 # Library functions that the execution calls: sheltered, so that none fails from within.
@@ -41,12 +41,12 @@ CALLED = (("logging", "getLogger"), ("collections", "namedtuple"), ("threading",
 
 def whole_spec() -> Any:
     """An import spec with everything that the creation takes from it."""
-    return spec_from_file_location(MODULE, PRODUCT)
+    return spec_from_file_location(MODULE, MODULE_PATH)
 
 
 def bare_spec() -> Any:
     """One without."""
-    return SimpleNamespace(name=MODULE, origin=str(PRODUCT))
+    return SimpleNamespace(name=MODULE, origin=str(MODULE_PATH))
 
 
 class ImportCase(NamedTuple):
@@ -62,7 +62,7 @@ class ImportCase(NamedTuple):
     spoils: tuple[str, ...] = ()
     prepare: Callable[[Any], object] | None = None
     spec: Callable[[], Any] | None = None
-    path: Path = PRODUCT
+    path: Path = MODULE_PATH
     untried: bool = False
     early: Function | None = None
     refused: bool = False
@@ -122,24 +122,24 @@ def run_as_main(module: Any) -> None:
 
 def fail_at_its_end(module: Any) -> None:
     """Lets the execution fail when all functions are bound."""
-    vars(module)[Unequal("__test__")] = None
+    vars(module)[UncomparableStr("__test__")] = None
     with suppress(Failure):
         _imp.exec_dynamic(module)
 
 
 def hide_main(module: Any) -> None:
     """Lets the look-up of the main module fail."""
-    sys.modules[Unequal("__main__")] = sys.modules.pop("__main__")
+    sys.modules[UncomparableStr("__main__")] = sys.modules.pop("__main__")
 
 
 def hide_module(module: Any) -> None:
     """Lets the look-up of the module's own name fail."""
-    sys.modules[Unequal(MODULE)] = module
+    sys.modules[UncomparableStr(MODULE)] = module
 
 
 def execute_one(module: Any) -> None:
     """Executes a module object before."""
-    _imp.exec_dynamic(created(str(PRODUCT)))
+    _imp.exec_dynamic(create_module(str(MODULE_PATH)))
 
 
 others: list[Any] = []  # interpreters; they live as long as somebody has them
@@ -155,7 +155,7 @@ def create_elsewhere(module: Any) -> None:
         others[0],
         f"""if True:
         from importlib.util import module_from_spec, spec_from_file_location
-        module_from_spec(spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}))
+        module_from_spec(spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}))
         """,
     )
 
@@ -248,7 +248,7 @@ CASES = [
     ImportCase("the main module cannot be looked up", prepare=hide_main),
     ImportCase("the module cannot be looked up", prepare=hide_module),
     ImportCase("of a second module object", prepare=execute_one),
-    ImportCase("under another interpreter", (WARNINGS_RAISE,), path=OTHER_RUNTIME),
+    ImportCase("under another interpreter", (WARNINGS_RAISE,), path=WRONG_PYTHON_MODULE),
     *(spoilt(statement, statement) for statement, _kind, _text in FAILURES),
     *(
         spoilt(f"{name} has grown", resized(name, POINTER), WARNINGS_RAISE)
@@ -262,9 +262,10 @@ CASES = [
             "siblings['util.json'].JSONObject = len",
             "del siblings['util.json'].JSONObject.__pyx_vtable__",
             "siblings['util.json'].JSONObject.__pyx_vtable__ = 5",
-            "siblings['logging'] = altered('logging', getLogger=raising(OSError()))",
-            "siblings['threading'] = altered('threading', Lock=raising(OSError()))",
-            "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
+            "siblings['logging'] = with_attributes('logging', getLogger=raiser(OSError()))",
+            "siblings['threading'] = with_attributes('threading', Lock=raiser(OSError()))",
+            "siblings['collections'] = with_attributes("
+            "'collections', namedtuple=raiser(OSError()))",
         )
     ),
     *(
@@ -291,7 +292,7 @@ class Import:
         self.case = case
         self._executes = case.spec is None and not case.early
         self._library, self._children = library, children
-        self._bench = Workbench()
+        self._bench = SiblingSandbox()
         self._pointers = len(fake_siblings._kept)
         for module, name in CALLED:
             home = sys.modules[module]
@@ -344,8 +345,8 @@ class Import:
                     return outcome(
                         lambda: [*vars(trial(_imp.create_dynamic, (spec,), None, point))]
                     )
-                self._bench.spoil(*case.spoils)
-                module = created(str(case.path))
+                self._bench.break_(*case.spoils)
+                module = create_module(str(case.path))
                 if case.prepare is not None:
                     case.prepare(module)
                 if case.early:
@@ -353,7 +354,7 @@ class Import:
                     return outcome(lambda: trial(*early, None, point))
                 return outcome(lambda: trial(_imp.exec_dynamic, (module,), None, point))
         finally:
-            self._bench.repair()
+            self._bench.restore()
             del fake_siblings._kept[self._pointers :]  # of the spoilt set
             sys.modules.clear()
             sys.modules.update(modules)

@@ -6,7 +6,15 @@ import ctypes
 import sys
 from typing import Any, Callable, NamedTuple
 
-from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, Case, Failure, Unequal, opening
+from tests.support.call_cases import (
+    ARP,
+    ONE_SESSION,
+    ROUTING,
+    CallCase,
+    Failure,
+    UncomparableStr,
+    failing_open,
+)
 
 
 class Arranged(NamedTuple):
@@ -16,7 +24,7 @@ class Arranged(NamedTuple):
     for it.
     """
 
-    case: Case
+    case: CallCase
     arrange: Callable[[Any], object] = lambda module: None
     handling: bool = False
 
@@ -63,7 +71,7 @@ def hide(name: str) -> Callable[[Any], None]:
 
     def hide_in(module: Any) -> None:
         names = vars(module)
-        names[Unequal(name)] = names.pop(name)
+        names[UncomparableStr(name)] = names.pop(name)
 
     return hide_in
 
@@ -79,62 +87,72 @@ def no_file(path: object, mode: str) -> None:
 
 CASES = [
     *(
-        Arranged(Case("get_cookie_name", (1,), {}, Failure, f"{name} is hidden"), hide(name))
+        Arranged(CallCase("get_cookie_name", (1,), {}, Failure, f"{name} is hidden"), hide(name))
         for name in ("text_", "serial_number_ascii")
     ),
     *(
-        Arranged(Case("decrypt_cookie", (bytes(size),), {}, OverflowError, "longer than a buffer"))
+        Arranged(
+            CallCase("decrypt_cookie", (bytes(size),), {}, OverflowError, "longer than a buffer")
+        )
         for size in (2**31,)
         if size < sys.maxsize  # the target has no such bytes
     ),
-    Arranged(Case("get_system_arp_result", label="text not ready", rebound=running(ARP))),
+    Arranged(CallCase("get_system_arp_result", label="text not ready", patched=running(ARP))),
     Arranged(
-        Case("get_routing_table_result", ("a",), label="text not ready", rebound=running(ROUTING))
+        CallCase(
+            "get_routing_table_result", ("a",), label="text not ready", patched=running(ROUTING)
+        )
     ),
     Arranged(
-        Case("get_bfd_neighbor", ("c", {}), label="text not ready", rebound=running(ONE_SESSION))
+        CallCase(
+            "get_bfd_neighbor", ("c", {}), label="text not ready", patched=running(ONE_SESSION)
+        )
     ),
     Arranged(
-        Case(
+        CallCase(
             "get_routing_table_result",
             ("a",),
             label="text not ready, nothing to remove",
-            rebound=running(ROUTING.replace("\r", "")),
+            patched=running(ROUTING.replace("\r", "")),
         )
     ),
     *(
         Arranged(
-            Case(
+            CallCase(
                 "get_cli_command_output",
                 ("c",),
                 label=f"text {what}",
-                rebound={"text_": lambda data, charset, make=make: make("a--More--b")},
+                patched={"text_": lambda data, charset, make=make: make("a--More--b")},
             )
         )
         for what, make in [("not ready", unready), ("made ready", made_ready)]
     ),
     Arranged(
-        Case(
+        CallCase(
             "capture_sniffer_profile", ("p", Each(lambda: unready("Stop"))), label="event not ready"
         )
     ),
     *(
         Arranged(case, handling=True)
         for case in (
-            Case(
+            CallCase(
                 "get_cli_command_output",
                 ("c",),
                 {},
                 Failure,
                 "no output, a class is raised",
                 cli=None,
-                rebound={"CFunctionError": raised_class},
+                patched={"CFunctionError": raised_class},
             ),
-            Case("get_token", (), {}, AttributeError, "no file", rebound={"open": no_file}),
-            Case("get_token", (), {}, Failure, "write fails", rebound={"open": opening("write")}),
-            Case("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
-            Case("get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"),
-            Case("list_bfd_neighbor", label="no output", cli=None),
+            CallCase("get_token", (), {}, AttributeError, "no file", patched={"open": no_file}),
+            CallCase(
+                "get_token", (), {}, Failure, "write fails", patched={"open": failing_open("write")}
+            ),
+            CallCase("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
+            CallCase(
+                "get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"
+            ),
+            CallCase("list_bfd_neighbor", label="no output", cli=None),
         )
     ),
 ]

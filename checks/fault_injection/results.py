@@ -5,7 +5,7 @@ from __future__ import annotations
 from types import TracebackType
 from typing import Any, Callable, NamedTuple
 
-from tests.support.assertions import FILE, taken_apart
+from tests.support.assertions import FILE, with_types
 
 OF_MEMORY = ("MemoryError", "")
 
@@ -45,7 +45,7 @@ def outcome(
     lines = [] if logged is None else logged
     lines.clear()
     try:
-        ended: Any = taken_apart(call())
+        ended: Any = with_types(call())
     except BaseException as error:
         if keep is not None:
             keep.append(error)

@@ -16,10 +16,10 @@ from checks.fault_injection.imports import Import, ImportCase
 from checks.fault_injection.libfaults import Library, Point
 from checks.fault_injection.process_cases import Arranged
 from checks.fault_injection.results import Found
-from tests.support.call_cases import Case
+from tests.support.call_cases import CallCase
 from veldarin_simulator import Simulator
 
-AnyCase = Union[Case, Arranged, ImportCase]
+AnyCase = Union[CallCase, Arranged, ImportCase]
 # Calls that make nothing: their result is one of the interpreter's two truths.
 NEEDING_NO_MEMORY = {
     "check_cert_expiration-(b'/certificate',)",

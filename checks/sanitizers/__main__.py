@@ -29,7 +29,7 @@ PARSERS += [
     "tests/module/test_cli_runner.py",
     "tests/tooling/test_fuzz_regressions.py",
     "-k",
-    "not twin or agree",
+    "not reference or agree",
 ]
 
 

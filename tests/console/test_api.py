@@ -23,7 +23,7 @@ from veldarin_simulator.console.session import Bench
 
 
 @pytest.fixture
-def bench(built: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
+def bench(build: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
     """A bench on the test's scenario."""
     with opened(tmp_path, monkeypatch) as bench:
         yield bench

@@ -22,7 +22,7 @@ LG_STATE = "build_switch_lg_state"
 
 
 @pytest.fixture
-def bench(built: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
+def bench(build: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
     """A bench that was given a scenario; its shelf is `tmp_path / "shelf"`."""
     with opened(tmp_path, monkeypatch) as bench:
         yield bench

@@ -25,7 +25,7 @@ JSON = {"Content-Type": "application/json"}
 
 
 @pytest.fixture(scope="module")
-def served(built: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[tuple[str, int]]:
+def served(build: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[tuple[str, int]]:
     """Where a console listens."""
     with running(tmp_path_factory.mktemp("console")) as (_, host, port):
         yield host, port

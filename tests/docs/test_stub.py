@@ -14,7 +14,7 @@ from typing import Any, Callable
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import MODULE, failure
+from tests.support.assertions import MODULE, raises_exactly
 from tests.support.stub import (
     FACE,
     FUNCTIONS,
@@ -96,7 +96,7 @@ def test_the_face_declares_what_the_table_in_cpp_holds() -> None:
 
 
 def refusal(function: Callable[..., object], *given: object, **named: object) -> str:
-    return str(failure(TypeError, function, *given, **named))
+    return str(raises_exactly(TypeError, function, *given, **named))
 
 
 @every_function
@@ -335,5 +335,6 @@ def test_a_stale_page_is_told_and_written_anew(
 )
 def test_a_face_without_headings_or_texts_makes_no_page(source: str, told: str) -> None:
     assert (
-        str(failure(generate_function_docs.FaceError, generate_function_docs.page, source)) == told
+        str(raises_exactly(generate_function_docs.FaceError, generate_function_docs.page, source))
+        == told
     )

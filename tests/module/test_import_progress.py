@@ -26,12 +26,12 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
     import warnings
     from types import ModuleType
 
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import OTHER_RUNTIME, PRODUCT, describe
+    from tests.support.fake_siblings import SiblingSandbox, create_module
+    from tests.support.isolated import MODULE_PATH, WRONG_PYTHON_MODULE, encode_exception
 
-    bench = Workbench()
-    module = created(str(OTHER_RUNTIME if moment == "warning" else PRODUCT))
-    second = created(str(PRODUCT)) if moment == "second" else None
+    bench = SiblingSandbox()
+    module = create_module(str(WRONG_PYTHON_MODULE if moment == "warning" else MODULE_PATH))
+    second = create_module(str(MODULE_PATH)) if moment == "second" else None
     before = {name: vars(module)[name] for name, _required in calls}
     ended: list[Any] = []
 
@@ -42,7 +42,7 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
             except Exception as error:
                 text = f"{type(error).__name__}: {error}"
                 # The first entry is this function's.
-                ended.append([text, describe(error)["entries"][1:]])
+                ended.append([text, encode_exception(error)["entries"][1:]])
 
     class Sibling(ModuleType):
         def __getattribute__(self, name: str) -> Any:
@@ -60,7 +60,7 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
         module.__loader__.exec_module(module)
         return ended
     if moment == "failed":
-        bench.spoil("siblings['copy'] = None")
+        bench.break_("siblings['copy'] = None")
     else:
         sys.modules["util.errors" if second else moment] = Sibling(moment)
     try:
@@ -99,11 +99,11 @@ def test_function_bound_by_a_failed_import_says_so() -> None:
         from contextlib import suppress
         from types import BuiltinFunctionType
 
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT, describe
+        from tests.support.fake_siblings import SiblingSandbox, create_module
+        from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
 
-        Workbench()
-        module = created(str(PRODUCT))
+        SiblingSandbox()
+        module = create_module(str(MODULE_PATH))
         before = {name: held for name, held in vars(module).items() if callable(held)}
 
         class Unequal(str):
@@ -124,7 +124,7 @@ def test_function_bound_by_a_failed_import_says_so() -> None:
         try:
             function()
         except RuntimeError as error:
-            return [str(error), describe(error)["entries"][1:]]
+            return [str(error), encode_exception(error)["entries"][1:]]
         return []
 
     text, entries = isolated.value(call_bound)
@@ -140,11 +140,11 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
         import importlib
         import weakref
 
-        from tests.support.fake_siblings import Workbench
+        from tests.support.fake_siblings import SiblingSandbox
         from tests.support.isolated import MODULE
 
-        bench = Workbench()
-        bench.spoil(
+        bench = SiblingSandbox()
+        bench.break_(
             *(
                 f"builtins.{kind} = sized_type('{kind}', builtins.{kind}.__basicsize__, {kind})"
                 for kind in ("type", "bool", "complex")
@@ -163,7 +163,7 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
         try:
             importlib.import_module(MODULE)
         finally:
-            bench.repair()
+            bench.restore()
         del sibling
         gc.collect()
         return {name: reference() is not None for name, reference in alive.items()}

@@ -33,23 +33,23 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
     import re
     import sys
 
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
+    from tests.support.fake_siblings import SiblingSandbox, create_module
+    from tests.support.isolated import MODULE, MODULE_PATH
 
-    bench = Workbench()
+    bench = SiblingSandbox()
     bound = "serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json"
     names = [*bound.split(), "CFunctionError", "copy"]
 
     def outcome(run: Any, namespace: Any) -> list[Any]:
         before = dict(sys.modules)
-        bench.spoil("\n".join(spoils))
+        bench.break_("\n".join(spoils))
         error: Any = None
         try:
             run()
         except BaseException as raised:
             error = raised
         finally:
-            bench.repair()
+            bench.restore()
             sys.modules.clear()
             sys.modules.update(before)
         described = None
@@ -71,7 +71,7 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
 
     namespace: dict[str, Any] = {"__name__": MODULE}
     expected = outcome(run_python, namespace)
-    module = created(str(PRODUCT))
+    module = create_module(str(MODULE_PATH))
     found = outcome(lambda: module.__loader__.exec_module(module), vars(module))
     return [expected, found]
 
@@ -103,8 +103,8 @@ SPOILT = {
     "submodule in sys.modules": ["m.__name__ = 'o'", "sys.modules['o.{name}'] = '{name} of o'"],
     "package without the submodule": ["m.__path__ = []", "m.__file__ = 'package'"],
     "path that is not a list": ["m.__path__ = 5"],
-    "failing attribute": ["type(m).__getattr__ = raising(OSError('attribute'))"],
-    "no attribute": ["type(m).__getattr__ = raising(AttributeError('attribute'))", FILE],
+    "failing attribute": ["type(m).__getattr__ = raiser(OSError('attribute'))"],
+    "no attribute": ["type(m).__getattr__ = raiser(AttributeError('attribute'))", FILE],
     "any attribute": ["type(m).__getattr__ = lambda self, name: 'attribute ' + name"],
     "object that is not a module": [
         "siblings['{module}'] = __import__('types').SimpleNamespace(__name__='n', __file__='f')"
@@ -191,14 +191,14 @@ def test_replaced_import_is_called_as_by_a_statement() -> None:
         import builtins
         from types import SimpleNamespace
 
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import SiblingSandbox, create_module
+        from tests.support.isolated import MODULE, MODULE_PATH
 
-        Workbench()
+        SiblingSandbox()
         real = builtins.__import__
         recorded: list[Any] = []
         expected: dict[str, Any] = {"__name__": MODULE}
-        module = created(str(PRODUCT))
+        module = create_module(str(MODULE_PATH))
 
         def record(namespace: Any) -> Any:
             def replaced(*args: Any, **kwargs: Any) -> Any:
@@ -240,10 +240,10 @@ def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
     def errors(deleted: bool) -> list[Any]:
         import builtins
 
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT, describe
+        from tests.support.fake_siblings import SiblingSandbox, create_module
+        from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
 
-        Workbench()
+        SiblingSandbox()
         real = builtins.__import__
 
         def replaced(name: str, *args: Any, **kwargs: Any) -> Any:
@@ -253,7 +253,7 @@ def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
                 del builtins.__import__
             return real(name, *args, **kwargs)
 
-        module = created(str(PRODUCT))
+        module = create_module(str(MODULE_PATH))
         statements = compile(
             "import binascii\nfrom collections import namedtuple", "statements", "exec"
         )
@@ -266,14 +266,14 @@ def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
             try:
                 run()
             except Exception as error:
-                described.append(describe(error))
+                described.append(encode_exception(error))
             builtins.__import__ = real
         return described
 
     expected, found = map(isolated.Error.of, isolated.value(errors, deleted))
     assert (found.type, found.text) == (expected.type, expected.text)
     assert found.text == ("__import__ not found" if deleted else "import")
-    (entry,) = found.named(f"init {isolated.MODULE}")
+    (entry,) = found.entries_of(f"init {isolated.MODULE}")
     assert entry.line == (5 if deleted else 4)
-    assert found.named("<module>") == []
-    assert found.named("replaced") == expected.named("replaced")
+    assert found.entries_of("<module>") == []
+    assert found.entries_of("replaced") == expected.entries_of("replaced")

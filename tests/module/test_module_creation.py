@@ -34,8 +34,8 @@ def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str
     """Creates the module from an import spec of these attributes; `raising` ones fail so."""
     import builtins
 
-    from tests.support.fake_siblings import created_from
-    from tests.support.isolated import PRODUCT, describe
+    from tests.support.fake_siblings import create_from_spec
+    from tests.support.isolated import MODULE_PATH, encode_exception
 
     class ImportSpec:
         def __getattr__(self, name: str) -> object:
@@ -46,9 +46,9 @@ def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str
             raise AttributeError(name)
 
     try:
-        module = created_from(str(PRODUCT), ImportSpec())
+        module = create_from_spec(str(MODULE_PATH), ImportSpec())
     except Exception as error:
-        return {"error": describe(error)}
+        return {"error": encode_exception(error)}
     plain = (str, type(None), list)
     return {name: held for name, held in vars(module).items() if isinstance(held, plain)}
 
@@ -67,10 +67,10 @@ def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> No
     def call_all(calls: list[list[Any]]) -> list[str]:
         from importlib.machinery import ModuleSpec
 
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import create_from_spec
+        from tests.support.isolated import MODULE, MODULE_PATH
 
-        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        module = create_from_spec(str(MODULE_PATH), ModuleSpec(MODULE, None))
         told = []
         for name, required in calls:
             try:
@@ -99,10 +99,10 @@ def test_call_before_execution_does_not_check_its_arguments() -> None:
     def call_all(calls: list[list[Any]]) -> list[list[Any]]:
         from importlib.machinery import ModuleSpec
 
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import create_from_spec
+        from tests.support.isolated import MODULE, MODULE_PATH
 
-        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        module = create_from_spec(str(MODULE_PATH), ModuleSpec(MODULE, None))
         ended: list[list[Any]] = []
         for name, arguments in calls:
             try:
@@ -122,9 +122,9 @@ def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
         import sys
 
         from tests.support.fake_siblings import entry_point
-        from tests.support.isolated import PRODUCT
+        from tests.support.isolated import MODULE_PATH
 
-        entry = entry_point(str(PRODUCT))
+        entry = entry_point(str(MODULE_PATH))
         modules = dict(sys.modules)
         first = entry()
         definition: object = ctypes.cast(first, ctypes.py_object).value
@@ -136,9 +136,9 @@ def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
 def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
     def read_definition() -> dict[str, Any]:
         from tests.support.fake_siblings import definition, rows_until_null
-        from tests.support.isolated import PRODUCT
+        from tests.support.isolated import MODULE_PATH
 
-        defined = definition(str(PRODUCT))
+        defined = definition(str(MODULE_PATH))
         methods = rows_until_null(defined.methods, "name")
         return {
             "name": defined.name.decode(),
@@ -169,10 +169,10 @@ def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
 
 def test_the_module_has_its_name_and_no_docstring() -> None:
     def names() -> list[object]:
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import PRODUCT
+        from tests.support.fake_siblings import create_module
+        from tests.support.isolated import MODULE_PATH
 
-        module = created(str(PRODUCT))
+        module = create_module(str(MODULE_PATH))
         return [module.__name__, module.__doc__]
 
     assert isolated.value(names) == [isolated.MODULE, None]
@@ -238,10 +238,10 @@ def test_a_getter_that_raises_anything_else_fails_the_creation(attribute: str, e
 
 def test_every_creation_before_the_first_execution_gives_a_new_object() -> None:
     def create_twice() -> bool:
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import PRODUCT
+        from tests.support.fake_siblings import create_module
+        from tests.support.isolated import MODULE_PATH
 
-        return created(str(PRODUCT)) is created(str(PRODUCT))
+        return create_module(str(MODULE_PATH)) is create_module(str(MODULE_PATH))
 
     assert isolated.value(create_twice) is False
 
@@ -251,19 +251,19 @@ def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> 
         import importlib
         import sys
 
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import create_module
+        from tests.support.isolated import MODULE, MODULE_PATH
 
         module = importlib.import_module(MODULE)
         before = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
-        again = created(str(PRODUCT), "another.modules_util")
+        again = create_module(str(MODULE_PATH), "another.modules_util")
         after = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
         changed = [name for name in after if after[name] is not before.get(name)]
         for _ in range(20):
-            created(str(PRODUCT))
+            create_module(str(MODULE_PATH))
         count = sys.getrefcount(module)
         for _ in range(200):
-            created(str(PRODUCT))
+            create_module(str(MODULE_PATH))
         return [again is module, module.__name__, changed, sys.getrefcount(module) - count]
 
     same, name, changed, references = isolated.value(create_again)
@@ -280,7 +280,7 @@ def test_create_slot_after_execution_changes_no_name() -> None:
         from types import SimpleNamespace
 
         from tests.support.fake_siblings import run_create_slot
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.isolated import MODULE, MODULE_PATH
 
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = module.new_cookie_id = module.__file__ = "rebound"
@@ -293,7 +293,7 @@ def test_create_slot_after_execution_changes_no_name() -> None:
             parent="another package",
             submodule_search_locations=["another place"],
         )
-        again = run_create_slot(str(PRODUCT), other)
+        again = run_create_slot(str(MODULE_PATH), other)
         return [
             again is module,
             list(vars(module)) == list(before),
@@ -316,8 +316,8 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
         import sys
         from types import BuiltinFunctionType, SimpleNamespace
 
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import create_from_spec
+        from tests.support.isolated import MODULE, MODULE_PATH
 
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = module.new_cookie_id = "rebound"
@@ -327,7 +327,9 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
             del sys.modules[MODULE]
             again = importlib.import_module(MODULE)
         else:
-            again = created_from(str(PRODUCT), SimpleNamespace(name=MODULE, origin="other file"))
+            again = create_from_spec(
+                str(MODULE_PATH), SimpleNamespace(name=MODULE, origin="other file")
+            )
         held = dict(vars(module))
         added = [name for name in held if name not in before]
         changed = [name for name in before if name in held and held[name] is not before[name]]
@@ -356,8 +358,8 @@ def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
     def read_again() -> list[str]:
         import importlib
 
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import create_from_spec
+        from tests.support.isolated import MODULE, MODULE_PATH
 
         importlib.import_module(MODULE)
         read = []
@@ -367,7 +369,7 @@ def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
                 read.append(name)
                 return MODULE
 
-        created_from(str(PRODUCT), ImportSpec())
+        create_from_spec(str(MODULE_PATH), ImportSpec())
         return read
 
     assert isolated.value(read_again) == ["name"]
@@ -380,23 +382,23 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
     import os
     from typing import Any, cast
 
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
+    from tests.support.fake_siblings import SiblingSandbox, create_module
+    from tests.support.isolated import MODULE, MODULE_PATH
 
     interpreters = cast(Any, _xxsubinterpreters)
     done = []
     if in_main_first == "import":
         done.append(importlib.import_module(MODULE).__name__)
     elif in_main_first == "failed import":
-        bench = Workbench()
-        bench.spoil("siblings['util.json'] = None")
+        bench = SiblingSandbox()
+        bench.break_("siblings['util.json'] = None")
         try:
             importlib.import_module(MODULE)
         except ImportError as error:
             done.append(str(error))
-        bench.repair()
+        bench.restore()
     else:
-        done.append(created(str(PRODUCT)).__name__)
+        done.append(create_module(str(MODULE_PATH)).__name__)
 
     read, write = os.pipe()
     interpreters.run_string(
@@ -405,8 +407,8 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         import os
         from importlib.machinery import ExtensionFileLoader
         from importlib.util import module_from_spec, spec_from_file_location
-        loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
-        found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+        loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
+        found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
         try:
             said = "created " + module_from_spec(found).__name__
         except BaseException as error:
@@ -442,8 +444,8 @@ def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
         import _xxsubinterpreters
         from typing import Any, cast
 
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import MODULE, PRODUCT
+        from tests.support.fake_siblings import create_module
+        from tests.support.isolated import MODULE, MODULE_PATH
 
         interpreters = cast(Any, _xxsubinterpreters)
         interpreters.run_string(
@@ -451,12 +453,12 @@ def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
             f"""if True:
             from importlib.machinery import ExtensionFileLoader
             from importlib.util import module_from_spec, spec_from_file_location
-            loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
-            found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+            loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
+            found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
             module_from_spec(found)
         """,
         )
-        created(str(PRODUCT))
+        create_module(str(MODULE_PATH))
 
     refused = isolated.error(create_elsewhere_first)
     assert (refused.type, refused.text) == ("ImportError", INTERPRETER_CHANGE)

@@ -133,7 +133,7 @@ def test_a_name_is_bound_to_this_very_object(module: ModuleType, name: str, valu
         ("__name__", MODULE),
         ("__package__", "veldarin.modules"),
         ("__doc__", None),
-        pytest.param("__file__", str(isolated.PRODUCT), id="__file__"),
+        pytest.param("__file__", str(isolated.MODULE_PATH), id="__file__"),
     ],
 )
 def test_a_name_has_this_type_and_value(module: ModuleType, name: str, value: object) -> None:
@@ -164,12 +164,12 @@ def test_counters_is_the_record_of_an_interfaces_counts(module: ModuleType) -> N
 
 def test_counters_module_is_that_of_the_importing_code() -> None:
     def execute_directly() -> str:
-        from tests.support.fake_siblings import Workbench, created, execute
-        from tests.support.isolated import PRODUCT
+        from tests.support.fake_siblings import SiblingSandbox, create_module, exec_module
+        from tests.support.isolated import MODULE_PATH
 
-        Workbench()
-        module: Any = created(str(PRODUCT))
-        execute(module)  # the nearest Python code is that of `execute`
+        SiblingSandbox()
+        module: Any = create_module(str(MODULE_PATH))
+        exec_module(module)  # the nearest Python code is that of `execute`
         name: str = module.Counters.__module__
         return name
 

@@ -110,9 +110,9 @@ def product(request: pytest.FixtureRequest) -> Path:
     if request.param == "alone":
         path: Path = request.getfixturevalue("alone")
         return path
-    if any(name.startswith("__asan") for name in symbols(isolated.PRODUCT, "--undefined-only")):
+    if any(name.startswith("__asan") for name in symbols(isolated.MODULE_PATH, "--undefined-only")):
         pytest.skip("built with sanitizers: this file does not ship")
-    return isolated.PRODUCT
+    return isolated.MODULE_PATH
 
 
 @pytest.mark.workstation_only("make module builds for the workstation")
@@ -200,6 +200,6 @@ def test_the_stand_in_exports_every_native_service() -> None:
 
 
 def test_the_stage_holds_one_file_of_the_product() -> None:
-    assert [path.name for path in isolated.PRODUCT.parent.glob("modules_util*.so")] == [
-        isolated.PRODUCT.name
+    assert [path.name for path in isolated.MODULE_PATH.parent.glob("modules_util*.so")] == [
+        isolated.MODULE_PATH.name
     ]

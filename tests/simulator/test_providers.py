@@ -21,7 +21,7 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from tests.support.netns import PORTS, ROOT, Message, ip_json, needs_ip, run_in_namespace
+from tests.support.netns import PORTS, ROOT, Message, ip_json, needs_ip, run_in_netns
 from veldarin_simulator import Simulator, scenario, state_dir
 from veldarin_simulator.providers import (
     ScenarioError,
@@ -82,7 +82,7 @@ def command(answers: dict[str, Reply], text: bytes) -> Reply:
 def test_physical_interfaces_are_those_of_ip_link(simulator: Simulator, module: ModuleType) -> None:
     """The kernel adds link-local addresses a while after a link is up: the tool is run before and
     after the call, until both runs show the same."""
-    result, expected = run_in_namespace(
+    result, expected = run_in_netns(
         (
             *PORTS,
             "ip link add port9 mtu 1280 address 02:00:00:00:00:99 type veth peer name port10",
@@ -125,7 +125,7 @@ def test_physical_interfaces_are_those_of_ip_link(simulator: Simulator, module: 
 
 @pytest.mark.requires("netlink")
 def test_a_machine_with_nothing_but_its_loopback_shows_that() -> None:
-    (entry,) = run_in_namespace(
+    (entry,) = run_in_netns(
         ("ip link set lo up",),
         "import json; from veldarin_simulator.providers import links\n"
         "print(json.dumps(links.physical_interfaces()[0]['interface']))",
@@ -166,7 +166,7 @@ def test_a_link_has_a_carrier_only_while_it_is_up(flags: int, carrier: int) -> N
 @pytest.mark.requires("netlink")
 def test_a_link_that_was_lost_twice_has_flapped_twice() -> None:
     flap = ("ip link set port2 down", "sleep 0.1", "ip link set port2 up", "sleep 0.1")
-    monitor, status = run_in_namespace(
+    monitor, status = run_in_netns(
         PORTS + flap + flap,
         "import json; from veldarin_simulator.providers import links\n"
         "print(json.dumps([links.link_monitor_status(), links.flap_status()]))",

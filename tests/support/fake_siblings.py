@@ -18,11 +18,13 @@ from importlib.util import module_from_spec, spec_from_file_location
 from types import ModuleType
 from typing import Any, Callable, Optional
 
-from tests.support.assertions import MODULE
+from tests.support.assertions import MODULE, raiser
 
 POINTER = struct.calcsize("P")
-HEAD = object.__basicsize__
-JSON_OBJECT_SIZE = HEAD + 2 * POINTER  # the method table's pointer, the json-c object's pointer
+HEADER_SIZE = object.__basicsize__
+JSON_OBJECT_SIZE = (
+    HEADER_SIZE + 2 * POINTER
+)  # the method table's pointer, the json-c object's pointer
 
 Siblings = dict[str, Optional[ModuleType]]  # None: the import system refuses the name
 
@@ -69,7 +71,7 @@ def capsule(pointer: int, name: bytes | None) -> Any:
 def null_capsule(name: bytes | None) -> Any:
     """A capsule whose pointer was overwritten with null: the interpreter makes none such."""
     made = capsule(1, name)
-    ctypes.c_void_p.from_address(id(made) + HEAD).value = None
+    ctypes.c_void_p.from_address(id(made) + HEADER_SIZE).value = None
     return made
 
 
@@ -79,7 +81,7 @@ def sized_type(name: str, size: int, like: type | None = None) -> type:
     It may stand for a builtin: what the interpreter's own library makes with it stays right.
     """
     fields: dict[str, Any] = {
-        "__slots__": tuple(f"field_{number}" for number in range((size - HEAD) // POINTER)),
+        "__slots__": tuple(f"field_{number}" for number in range((size - HEADER_SIZE) // POINTER)),
     }
     if like is not None:
         fields["__new__"] = lambda cls, *arguments, **keywords: like(*arguments, **keywords)
@@ -97,7 +99,7 @@ def json_object(size: int = JSON_OBJECT_SIZE) -> Any:
     return made
 
 
-def lacking(name: str, *attributes: str) -> ModuleType:
+def without_attributes(name: str, *attributes: str) -> ModuleType:
     """A copy of a library module without some of its names."""
     copy = ModuleType(name)
     vars(copy).update(vars(importlib.import_module(name)))
@@ -106,20 +108,11 @@ def lacking(name: str, *attributes: str) -> ModuleType:
     return copy
 
 
-def altered(name: str, **attributes: object) -> ModuleType:
+def with_attributes(name: str, **attributes: object) -> ModuleType:
     """A copy of a library module with some of its names bound to other objects."""
-    copy = lacking(name)
+    copy = without_attributes(name)
     vars(copy).update(attributes)
     return copy
-
-
-def raising(error: BaseException) -> Callable[..., None]:
-    """A function that takes anything and raises `error`."""
-
-    def function(*arguments: object, **keywords: object) -> None:
-        raise error
-
-    return function
 
 
 def _c_pointer(function: Any) -> int:
@@ -166,7 +159,7 @@ def install(modules: Siblings) -> None:
             setattr(parent, last, module)
 
 
-class Workbench:
+class SiblingSandbox:
     """Right siblings and builtins to come back to, and one spoilt set at a time beside them.
 
     `spoil` runs statements in which `siblings` is the spoilt set; everything of this file and
@@ -179,20 +172,21 @@ class Workbench:
         self._builtins = dict(vars(builtins))
         install(self._right)
 
-    def spoil(self, *statements: str) -> None:
+    def break_(self, *statements: str) -> None:
         """Installs a new set, spoilt by the statements."""
         spoilt = siblings()
         for statement in statements:
-            exec(statement, {**globals(), "siblings": spoilt, "builtins": builtins})
+            names = {**globals(), "siblings": spoilt, "builtins": builtins, "raiser": raiser}
+            exec(statement, names)
         install(spoilt)
 
-    def repair(self) -> None:
+    def restore(self) -> None:
         """Everything right again."""
         vars(builtins).update(self._builtins)
         install(self._right)
 
 
-def created(path: str, name: str = MODULE) -> Any:
+def create_module(path: str, name: str = MODULE) -> Any:
     """The module created from its file, not yet executed and not in `sys.modules`."""
     loader = ExtensionFileLoader(name, path)
     import_spec = spec_from_file_location(name, path, loader=loader)
@@ -228,7 +222,7 @@ class Definition(ctypes.Structure):
     """`PyModuleDef` up to its slots."""
 
     _fields_ = (
-        ("head", ctypes.c_byte * HEAD),
+        ("head", ctypes.c_byte * HEADER_SIZE),
         ("init", ctypes.c_void_p),
         ("index", ctypes.c_ssize_t),
         ("copy", ctypes.c_void_p),
@@ -264,7 +258,7 @@ def run_create_slot(path: str, import_spec: object) -> Any:
     return create(slots[CREATE_SLOT])(import_spec, ctypes.addressof(defined))
 
 
-def created_from(path: str, import_spec: object) -> Any:
+def create_from_spec(path: str, import_spec: object) -> Any:
     """The module created from any object in the place of an import spec."""
     create = ctypes.pythonapi.PyModule_FromDefAndSpec2
     create.restype = ctypes.py_object
@@ -272,7 +266,7 @@ def created_from(path: str, import_spec: object) -> Any:
     return create(entry_point(path)(), import_spec, sys.api_version)
 
 
-def execute(module: Any) -> None:
+def exec_module(module: Any) -> None:
     """Runs the exec slot of a created module, whether or not the interpreter ran it before."""
     definition = ctypes.pythonapi.PyModule_GetDef
     definition.restype = ctypes.c_void_p

@@ -22,14 +22,23 @@ from typing import Any, Callable
 from tests.support.assertions import MODULE
 from veldarin_simulator import native_library
 
-__all__ = ["BUILD", "MODULE", "OTHER_RUNTIME", "PRODUCT", "ROOT", "Entry", "Error", "Outcome"]
+__all__ = [
+    "BUILD",
+    "MODULE",
+    "MODULE_PATH",
+    "ROOT",
+    "WRONG_PYTHON_MODULE",
+    "Entry",
+    "Error",
+    "Outcome",
+]
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = native_library.build_directory()
-PRODUCT = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
+MODULE_PATH = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
 # The product's own objects, linked so that the interpreter seems to be another release, and so that
 # comparisons can be made to fail.
-OTHER_RUNTIME = BUILD / "wrong_python_version" / PRODUCT.name
+WRONG_PYTHON_MODULE = BUILD / "wrong_python_version" / MODULE_PATH.name
 
 SECONDS = 120  # far beyond any of these processes; a hang must end somewhere
 
@@ -60,7 +69,7 @@ class Error:
         entries = tuple(Entry(*entry) for entry in described["entries"])
         return cls(described["type"], tuple(described["bases"]), described["text"], entries)
 
-    def named(self, name: str) -> list[Entry]:
+    def entries_of(self, name: str) -> list[Entry]:
         """The traceback entries of one function, outermost first."""
         return [entry for entry in self.entries if entry.name == name]
 
@@ -73,7 +82,7 @@ class Outcome:
     error: Error | None
 
 
-def describe(error: BaseException) -> dict[str, Any]:
+def encode_exception(error: BaseException) -> dict[str, Any]:
     """An exception with its traceback as JSON data; the functions under test may use it."""
     entries = []
     link = error.__traceback__
@@ -146,7 +155,7 @@ def _serve() -> None:
     try:
         answer["value"] = names[request["name"]](*request["arguments"])
     except BaseException as ended:  # whatever it is belongs to the answer
-        answer["error"] = describe(ended)
+        answer["error"] = encode_exception(ended)
     json.dump(answer, sys.stdout)
 
 
