@@ -139,7 +139,7 @@ def hide_module(module: Any) -> None:
 
 def execute_one(module: Any) -> None:
     """Executes a module object before."""
-    _imp.exec_dynamic(create_module(str(MODULE_PATH)))
+    _imp.exec_dynamic(create_module())
 
 
 others: list[Any] = []  # interpreters; they live as long as somebody has them
@@ -346,7 +346,7 @@ class Import:
                         lambda: [*vars(trial(_imp.create_dynamic, (spec,), None, point))]
                     )
                 self._bench.break_(*case.spoils)
-                module = create_module(str(case.path))
+                module = create_module(path=case.path)
                 if case.prepare is not None:
                     case.prepare(module)
                 if case.early:

@@ -6,6 +6,7 @@ from __future__ import annotations
 import builtins
 import errno
 import functools
+import importlib
 import io
 import os
 import socket
@@ -30,6 +31,8 @@ from tests.support.assertions import (
     raises_exactly,
     traceback_entries,
 )
+from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
+from tests.support.isolated import MODULE
 from veldarin_simulator import Simulator
 
 HEX = set("0123456789abcdef")
@@ -916,10 +919,6 @@ def test_exit_sees_the_traceback_in_the_exception(
 def test_path_is_read_before_the_class_is_looked_up() -> None:
     def rebind_in_the_getter() -> list[str]:
         import ctypes
-        import importlib
-
-        from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
-        from tests.support.isolated import MODULE
 
         text = ctypes.create_string_buffer(b"/nonexistent/secret")
         events = []

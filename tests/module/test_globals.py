@@ -176,8 +176,6 @@ def test_error_of_the_builtins_getattr_propagates(
 
 def fail_in_comparison(where: str, calls: list[list[Any]]) -> list[str]:
     """How calls end while a key in the way of a name cannot be compared; none deletes a name."""
-    import builtins
-
     from veldarin_simulator import Simulator
 
     class Unequal(str):

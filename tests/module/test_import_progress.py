@@ -2,13 +2,21 @@
 
 from __future__ import annotations
 
+import builtins
+import importlib
+import sys
+import warnings
+from contextlib import suppress
+from types import BuiltinFunctionType, ModuleType
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE
+from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE, encode_exception
 
 CALLS = [[row.name, row.required] for row in FUNCTIONS]
 IMPORTING = f"RuntimeError: {isolated.MODULE} is still being imported"
@@ -22,16 +30,9 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
     something from it), "warning" (in its first step), "failed" (after it), and "second" (on a
     second module object while the first one is imported).
     """
-    import sys
-    import warnings
-    from types import ModuleType
-
-    from tests.support.fake_siblings import SiblingSandbox, create_module
-    from tests.support.isolated import MODULE_PATH, WRONG_PYTHON_MODULE, encode_exception
-
     bench = SiblingSandbox()
-    module = create_module(str(WRONG_PYTHON_MODULE if moment == "warning" else MODULE_PATH))
-    second = create_module(str(MODULE_PATH)) if moment == "second" else None
+    module = create_module(path=WRONG_PYTHON_MODULE if moment == "warning" else MODULE_PATH)
+    second = create_module() if moment == "second" else None
     before = {name: vars(module)[name] for name, _required in calls}
     ended: list[Any] = []
 
@@ -95,15 +96,8 @@ def test_early_call_says_how_far_the_import_is(moment: str, text: str) -> None:
 
 def test_function_bound_by_a_failed_import_says_so() -> None:
     def call_bound() -> list[Any]:
-        import sys
-        from contextlib import suppress
-        from types import BuiltinFunctionType
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
-
         SiblingSandbox()
-        module = create_module(str(MODULE_PATH))
+        module = create_module()
         before = {name: held for name, held in vars(module).items() if callable(held)}
 
         class Unequal(str):
@@ -135,13 +129,8 @@ def test_function_bound_by_a_failed_import_says_so() -> None:
 
 def test_imported_types_and_builtins_are_kept_alive() -> None:
     def kept() -> dict[str, bool]:
-        import builtins
         import gc
-        import importlib
         import weakref
-
-        from tests.support.fake_siblings import SiblingSandbox
-        from tests.support.isolated import MODULE
 
         bench = SiblingSandbox()
         bench.break_(
@@ -152,8 +141,6 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
             "builtins.open = lambda *given: None",
             "builtins.range = lambda *given, real=builtins.range: real(*given)",
         )
-        import sys
-
         alive = {
             name: weakref.ref(getattr(builtins, name))
             for name in ("type", "bool", "complex", "open", "range")

@@ -3,11 +3,16 @@ errors with their name and path, submodules, and what a replaced `__import__` is
 
 from __future__ import annotations
 
+import builtins
+import sys
+from types import SimpleNamespace
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
+from tests.support.fake_siblings import SiblingSandbox, create_module
+from tests.support.isolated import MODULE, encode_exception
 
 STATEMENTS = [
     "from migbase.cmdbapi.cmdbapi_util import serial_number_ascii",
@@ -31,10 +36,6 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
     names were bound to.
     """
     import re
-    import sys
-
-    from tests.support.fake_siblings import SiblingSandbox, create_module
-    from tests.support.isolated import MODULE, MODULE_PATH
 
     bench = SiblingSandbox()
     bound = "serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json"
@@ -71,7 +72,7 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
 
     namespace: dict[str, Any] = {"__name__": MODULE}
     expected = outcome(run_python, namespace)
-    module = create_module(str(MODULE_PATH))
+    module = create_module()
     found = outcome(lambda: module.__loader__.exec_module(module), vars(module))
     return [expected, found]
 
@@ -188,17 +189,11 @@ def test_submodule_is_imported_from_its_package(tmp_path: Any) -> None:
 
 def test_replaced_import_is_called_as_by_a_statement() -> None:
     def calls(statements: list[str]) -> list[Any]:
-        import builtins
-        from types import SimpleNamespace
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH
-
         SiblingSandbox()
         real = builtins.__import__
         recorded: list[Any] = []
         expected: dict[str, Any] = {"__name__": MODULE}
-        module = create_module(str(MODULE_PATH))
+        module = create_module()
 
         def record(namespace: Any) -> Any:
             def replaced(*args: Any, **kwargs: Any) -> Any:
@@ -238,11 +233,6 @@ def test_replaced_import_is_called_as_by_a_statement() -> None:
 @pytest.mark.parametrize("deleted", [False, True])
 def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
     def errors(deleted: bool) -> list[Any]:
-        import builtins
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
-
         SiblingSandbox()
         real = builtins.__import__
 
@@ -253,7 +243,7 @@ def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
                 del builtins.__import__
             return real(name, *args, **kwargs)
 
-        module = create_module(str(MODULE_PATH))
+        module = create_module()
         statements = compile(
             "import binascii\nfrom collections import namedtuple", "statements", "exec"
         )

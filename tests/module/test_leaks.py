@@ -7,6 +7,7 @@ from __future__ import annotations
 import ctypes
 import gc
 import sys
+import warnings
 from collections.abc import Iterator
 from types import ModuleType
 from typing import Callable, NamedTuple
@@ -16,7 +17,9 @@ import pytest
 from checks.fault_injection import imports
 from tests.support import isolated
 from tests.support.call_cases import CASES, DELETED, REPEATED_ONLY, CallCase, FailNth
+from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE
 from tests.support.query_cases import QUERY_CASES
 from tests.support.refcounts import tracked_objects
 from veldarin_simulator import Simulator
@@ -200,13 +203,9 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     to objects that live on, each per attempt."""
     import _imp
     import gc
-    import sys
-    import warnings
     from array import array
 
     from tests.support import fake_siblings
-    from tests.support.fake_siblings import SiblingSandbox, create_module
-    from tests.support.isolated import MODULE, MODULE_PATH
     from tests.support.refcounts import permanent_objects
 
     bench = SiblingSandbox()
@@ -219,7 +218,7 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
         modules = dict(sys.modules)
         with warnings.catch_warnings():
             bench.break_(*spoils)
-            module = create_module(str(MODULE_PATH))
+            module = create_module()
             try:
                 _imp.exec_dynamic(module)
             except Exception:

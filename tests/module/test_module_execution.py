@@ -7,14 +7,27 @@ detail repaired, the same process imports the module.
 
 from __future__ import annotations
 
+import importlib
+import sys
+import warnings
+from contextlib import suppress
+from types import BuiltinFunctionType, ModuleType
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE
-from tests.support.fake_siblings import JSON_OBJECT_SIZE, LIBRARY_MODULES, POINTER
+from tests.support.fake_siblings import (
+    JSON_OBJECT_SIZE,
+    LIBRARY_MODULES,
+    POINTER,
+    SiblingSandbox,
+    create_module,
+    exec_module,
+)
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE, WRONG_PYTHON_MODULE, encode_exception
 
 INIT = f"init {isolated.MODULE}"
 
@@ -77,13 +90,6 @@ def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
 
     Each spoil is a list of statements; tells how each import went, and the last one.
     """
-    import importlib
-    import sys
-    import warnings
-
-    from tests.support.fake_siblings import SiblingSandbox
-    from tests.support.isolated import MODULE, encode_exception
-
     bench = SiblingSandbox()
     attempts = []
     for statements in spoils:
@@ -315,10 +321,7 @@ def test_a_capsule_without_a_name_is_refused_and_the_text_shows_no_null(
 
 def test_the_imported_c_functions_are_the_ones_that_are_called() -> None:
     def call_both() -> list[object]:
-        import importlib
-
         from tests.support import fake_siblings
-        from tests.support.isolated import MODULE
 
         fake_siblings.SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
@@ -366,11 +369,6 @@ def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
 
     Each attempt is what spoils the siblings and the import statement that fails for it, if any.
     """
-    import importlib
-
-    from tests.support.fake_siblings import SiblingSandbox
-    from tests.support.isolated import MODULE
-
     bench = SiblingSandbox()
     errors = []
     for spoil, statement in attempts:
@@ -424,11 +422,6 @@ def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
 
 def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
     """Of each spoilt import statement: the module's error, and that of the same statement here."""
-    import importlib
-
-    from tests.support.fake_siblings import SiblingSandbox
-    from tests.support.isolated import MODULE
-
     bench = SiblingSandbox()
     found: list[list[list[Any]]] = []
     for spoil, source, statement in statements:
@@ -482,13 +475,10 @@ def test_error_of_a_c_item_look_up_fails_the_import(
 
 def names_after_failures(*spoils: str) -> list[list[str]]:
     """The names that modules hold whose execution failed, in order; none of the functions."""
-    from tests.support.fake_siblings import SiblingSandbox, create_module
-    from tests.support.isolated import MODULE_PATH
-
     bench = SiblingSandbox()
     told = []
     for statement in spoils:
-        module = create_module(str(MODULE_PATH))
+        module = create_module()
         before = {*vars(module), "__builtins__"}
         bench.break_(statement)
         try:
@@ -586,13 +576,6 @@ def test_a_failing_call_of_a_module_level_statement_fails_the_import(
 
 def import_with_other_globals(statement: str, name: str) -> Any:
     """Changes the module's globals between its imports and the statements that use them."""
-    import importlib
-    import sys
-    from types import ModuleType
-
-    from tests.support.fake_siblings import SiblingSandbox
-    from tests.support.isolated import MODULE
-
     SiblingSandbox()
 
     class Errors(ModuleType):
@@ -640,13 +623,8 @@ def test_a_global_that_is_gone_when_a_module_level_call_needs_it_is_a_name_error
 
 def test_the_execution_makes_new_functions_and_binds_them_again() -> None:
     def functions_before_and_after() -> list[list[str]]:
-        from types import BuiltinFunctionType
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE_PATH
-
         SiblingSandbox()
-        module = create_module(str(MODULE_PATH), "another.modules_util")
+        module = create_module("another.modules_util")
         before = dict(vars(module))
         module.__loader__.exec_module(module)
         functions = [name for name, held in before.items() if isinstance(held, BuiltinFunctionType)]
@@ -670,11 +648,8 @@ REFUSED = (
 
 def test_of_two_modules_created_before_the_first_execution_the_second_is_refused() -> None:
     def execute_two() -> None:
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE_PATH
-
         SiblingSandbox()
-        first, second = create_module(str(MODULE_PATH)), create_module(str(MODULE_PATH))
+        first, second = create_module(), create_module()
         for module in (first, second):
             module.__loader__.exec_module(module)
 
@@ -685,18 +660,12 @@ def test_of_two_modules_created_before_the_first_execution_the_second_is_refused
 
 def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
     def execute_two() -> list[object]:
-        import sys
-        from contextlib import suppress
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH
-
         SiblingSandbox()
-        first, second = create_module(str(MODULE_PATH)), create_module(str(MODULE_PATH))
+        first, second = create_module(), create_module()
         for module in (first, second):
             with suppress(RuntimeError):
                 module.__loader__.exec_module(module)
-        again = create_module(str(MODULE_PATH))
+        again = create_module()
         return [
             hasattr(first, "_CHARSET"),
             hasattr(second, "_CHARSET"),
@@ -709,15 +678,8 @@ def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
 
 def act_during_execution(act: str) -> dict[str, Any]:
     """Imports the module; at its import of `util.errors`, does what `act` names."""
-    import importlib
-    import sys
-    from types import ModuleType
-
-    from tests.support.fake_siblings import SiblingSandbox, create_module, exec_module
-    from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
-
     SiblingSandbox()
-    early = create_module(str(MODULE_PATH))  # before any execution, so another object
+    early = create_module()  # before any execution, so another object
     seen: dict[str, Any] = {"times": 0, "error": None}
 
     class Errors(ModuleType):
@@ -733,7 +695,7 @@ def act_during_execution(act: str) -> dict[str, Any]:
                 elif act == "execute another":
                     exec_module(early)
                 else:
-                    seen["same"] = create_module(str(MODULE_PATH)) is module
+                    seen["same"] = create_module() is module
             except Exception as error:
                 seen["error"] = encode_exception(error)
             seen["added"] = [name for name in vars(module) if name not in before]
@@ -770,12 +732,6 @@ def test_another_module_is_refused_during_execution() -> None:
 
 def test_executing_the_module_again_changes_nothing() -> None:
     def execute_again() -> list[object]:
-        import importlib
-        import sys
-
-        from tests.support.fake_siblings import SiblingSandbox, exec_module
-        from tests.support.isolated import MODULE
-
         SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = "rebound"
@@ -794,12 +750,6 @@ def test_executing_the_module_again_changes_nothing() -> None:
 @pytest.mark.parametrize("way", ["reload", "import after it left sys.modules"])
 def test_importing_again_gives_the_same_module_unchanged(way: str) -> None:
     def import_again(way: str) -> list[object]:
-        import importlib
-        import sys
-
-        from tests.support.fake_siblings import SiblingSandbox
-        from tests.support.isolated import MODULE
-
         SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = "rebound"
@@ -815,14 +765,9 @@ def test_importing_again_gives_the_same_module_unchanged(way: str) -> None:
 
 def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_gives() -> None:
     def fail_then_import() -> list[bool]:
-        import importlib
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH
-
         bench = SiblingSandbox()
         bench.break_("siblings['copy'] = None")
-        failed = create_module(str(MODULE_PATH))
+        failed = create_module()
         try:
             failed.__loader__.exec_module(failed)
         except ImportError:
@@ -844,11 +789,8 @@ def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_give
 )
 def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> None:
     def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE_PATH
-
         bench = SiblingSandbox()
-        failed = create_module(str(MODULE_PATH))
+        failed = create_module()
         bench.break_(statement)
         try:
             failed.__loader__.exec_module(failed)
@@ -870,30 +812,19 @@ def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> 
 
 def module_in_sys_modules(there_already: bool) -> list[object]:
     """Executes a module that the import system did not put into `sys.modules`."""
-    import sys
-    from types import ModuleType
-
-    from tests.support.fake_siblings import SiblingSandbox, create_module
-    from tests.support.isolated import MODULE, MODULE_PATH
-
     SiblingSandbox()
     other = ModuleType("other")
     if there_already:
         sys.modules[MODULE] = other
-    module = create_module(str(MODULE_PATH))
+    module = create_module()
     module.__loader__.exec_module(module)
     return [sys.modules[MODULE] is module, sys.modules[MODULE] is other]
 
 
 def test_a_module_that_is_run_as_the_main_module_is_called_so() -> None:
     def execute_as_main() -> list[object]:
-        import sys
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH
-
         SiblingSandbox()
-        module = sys.modules["__main__"] = create_module(str(MODULE_PATH))
+        module = sys.modules["__main__"] = create_module()
         module.__loader__.exec_module(module)
         return [module.__name__, module._logger.name, sys.modules[MODULE] is module]
 
@@ -910,13 +841,8 @@ def test_execution_leaves_what_sys_modules_already_holds() -> None:
 
 def test_a_module_of_another_name_is_found_under_its_own_fixed_name() -> None:
     def execute_renamed() -> list[object]:
-        import sys
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module
-        from tests.support.isolated import MODULE, MODULE_PATH
-
         SiblingSandbox()
-        module = create_module(str(MODULE_PATH), "another.modules_util")
+        module = create_module("another.modules_util")
         module.__loader__.exec_module(module)
         return [
             sys.modules[MODULE] is module,
@@ -943,12 +869,6 @@ VERSION_TEXT = (
 
 def test_the_interpreter_it_was_built_for_gives_no_warning() -> None:
     def import_strictly() -> bool:
-        import importlib
-        import warnings
-
-        from tests.support.fake_siblings import SiblingSandbox
-        from tests.support.isolated import MODULE
-
         SiblingSandbox()
         warnings.simplefilter("error")
         return importlib.import_module(MODULE).__test__ == {}
@@ -958,17 +878,11 @@ def test_the_interpreter_it_was_built_for_gives_no_warning() -> None:
 
 def execute_under_another_release(filter_action: str) -> dict[str, Any]:
     """Executes, twice, the module that meets an interpreter which calls itself 3.10.4."""
-    import sys
-    import warnings
-
-    from tests.support.fake_siblings import SiblingSandbox, create_module, exec_module
-    from tests.support.isolated import MODULE, WRONG_PYTHON_MODULE, encode_exception
-
     SiblingSandbox()
     told: dict[str, Any] = {"error": None}
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter(filter_action)  # type: ignore[arg-type]
-        module = create_module(str(WRONG_PYTHON_MODULE))
+        module = create_module(path=WRONG_PYTHON_MODULE)
         try:
             exec_module(module)
             exec_module(module)
@@ -1011,13 +925,8 @@ def test_the_version_warning_as_an_error_fails_the_import_before_anything_else_i
 
 def test_the_version_warning_points_at_the_code_that_imports() -> None:
     def warn() -> list[list[object]]:
-        import warnings
-
-        from tests.support.fake_siblings import SiblingSandbox, create_module, exec_module
-        from tests.support.isolated import WRONG_PYTHON_MODULE
-
         SiblingSandbox()
-        module = create_module(str(WRONG_PYTHON_MODULE))
+        module = create_module(path=WRONG_PYTHON_MODULE)
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
             exec_module(module)

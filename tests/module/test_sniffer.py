@@ -10,6 +10,8 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE, Recorder, entry, raises_exactly, wrong_type_message
+from tests.support.fake_siblings import create_module, exec_module
+from tests.support.isolated import WRONG_PYTHON_MODULE, encode_exception
 from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
@@ -88,13 +90,11 @@ def failing_comparison(number: int) -> dict[str, Any]:
     """Calls `capture_sniffer_profile` while the comparison of this number fails."""
     import os
 
-    from tests.support.fake_siblings import create_module, exec_module
-    from tests.support.isolated import WRONG_PYTHON_MODULE, encode_exception
     from veldarin_simulator import Simulator
 
     os.environ["SEEMING_VERSION"] = "3.9.0"
     with Simulator(live=False) as simulator:
-        module = create_module(str(WRONG_PYTHON_MODULE))
+        module = create_module(path=WRONG_PYTHON_MODULE)
         exec_module(module)
         os.environ["FAILING_COMPARISON"] = str(number)
         try:

@@ -15,6 +15,7 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import FILE, raiser, traceback_entries
 from tests.support.function_table import FUNCTIONS, NAMED
+from tests.support.isolated import encode_exception
 from veldarin_simulator import Simulator
 
 
@@ -247,7 +248,6 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
     import _testcapi
     from typing import Any, cast
 
-    from tests.support.isolated import encode_exception
     from veldarin_simulator import Simulator
 
     capi = cast(Any, _testcapi)

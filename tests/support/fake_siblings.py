@@ -15,10 +15,12 @@ import struct
 import sys
 from importlib.machinery import ExtensionFileLoader
 from importlib.util import module_from_spec, spec_from_file_location
+from pathlib import Path
 from types import ModuleType
 from typing import Any, Callable, Optional
 
 from tests.support.assertions import MODULE, raiser
+from tests.support.isolated import MODULE_PATH
 
 POINTER = struct.calcsize("P")
 HEADER_SIZE = object.__basicsize__
@@ -186,17 +188,17 @@ class SiblingSandbox:
         install(self._right)
 
 
-def create_module(path: str, name: str = MODULE) -> Any:
+def create_module(name: str = MODULE, path: Path = MODULE_PATH) -> Any:
     """The module created from its file, not yet executed and not in `sys.modules`."""
-    loader = ExtensionFileLoader(name, path)
+    loader = ExtensionFileLoader(name, str(path))
     import_spec = spec_from_file_location(name, path, loader=loader)
     assert import_spec is not None
     return module_from_spec(import_spec)
 
 
-def entry_point(path: str) -> Callable[[], int]:
+def entry_point() -> Callable[[], int]:
     """The exported entry of the module's file: gives the address of the definition."""
-    entry = ctypes.PyDLL(path).PyInit_modules_util
+    entry = ctypes.PyDLL(str(MODULE_PATH)).PyInit_modules_util
     entry.restype = ctypes.c_void_p
     return entry
 
@@ -237,9 +239,9 @@ class Definition(ctypes.Structure):
 CREATE_SLOT, EXEC_SLOT = 1, 2  # Py_mod_create, Py_mod_exec
 
 
-def definition(path: str) -> Definition:
+def definition() -> Definition:
     """The definition that the entry of the module's file returns."""
-    return Definition.from_address(entry_point(path)())
+    return Definition.from_address(entry_point()())
 
 
 def rows_until_null(rows: Any, field: str) -> list[Any]:
@@ -250,20 +252,20 @@ def rows_until_null(rows: Any, field: str) -> list[Any]:
     return found
 
 
-def run_create_slot(path: str, import_spec: object) -> Any:
+def run_create_slot(import_spec: object) -> Any:
     """What the create slot returns, without all that the interpreter adds to it."""
-    defined = definition(path)
+    defined = definition()
     slots = {row.slot: row.value for row in rows_until_null(defined.slots, "slot")}
     create = ctypes.PYFUNCTYPE(ctypes.py_object, ctypes.py_object, ctypes.c_void_p)
     return create(slots[CREATE_SLOT])(import_spec, ctypes.addressof(defined))
 
 
-def create_from_spec(path: str, import_spec: object) -> Any:
+def create_from_spec(import_spec: object) -> Any:
     """The module created from any object in the place of an import spec."""
     create = ctypes.pythonapi.PyModule_FromDefAndSpec2
     create.restype = ctypes.py_object
     create.argtypes = [ctypes.c_void_p, ctypes.py_object, ctypes.c_int]
-    return create(entry_point(path)(), import_spec, sys.api_version)
+    return create(entry_point()(), import_spec, sys.api_version)
 
 
 def exec_module(module: Any) -> None:
