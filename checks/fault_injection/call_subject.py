@@ -25,9 +25,9 @@ from checks.fault_injection.expectations import (
 )
 from checks.fault_injection.libfaults import NO_FAILURE, FaultInjector, InjectionPoint
 from checks.fault_injection.process_cases import ProcessCase
-from tests.support.call_cases import GONE, Case, Silent, Step
-from tests.support.query_cases import ROWS
-from tests.support.refcounts import watched
+from tests.support.call_cases import DELETED, CallCase, FailNth, NullLogger
+from tests.support.query_cases import QUERY_CASES
+from tests.support.refcounts import tracked_objects
 from veldarin_simulator import LiveObjects, Simulator
 
 REPEATS = 4  # of a call, twice, to measure leaks
@@ -60,7 +60,7 @@ class CaseSetup:
         self.injections = 0
         self._handling = process_case.handling
         self._module: Any = simulator.module
-        self._steps = [Step(self.case.create), Step(self.case.release)]
+        self._steps = [FailNth(self.case.create), FailNth(self.case.release)]
         self._function = getattr(self._module, self.case.function)
         self._log = Log(injector.exempt)
         # Without sessions in the output, the function returns the default of `list_bfd`.
@@ -70,8 +70,8 @@ class CaseSetup:
         self._bind_globals()
         process_case.prepare(self._module)
         case = self.case
-        arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.rebound.values()]
-        self._tracked = watched(self._module, arguments)
+        arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.patched.values()]
+        self._tracked = tracked_objects(self._module, arguments)
 
     def _set_replies(self) -> None:
         case, simulator = self.case, self.simulator
@@ -80,7 +80,7 @@ class CaseSetup:
         simulator.set_reply("cookieval_unwrap", None)  # returns its argument
         for service in ("aps_get_new_cookie_id", "__get_aps_hash"):
             simulator.set_reply(service, 0xFFFFFFFF)  # not one of the preallocated integers
-        for row in ROWS:
+        for row in QUERY_CASES:
             if row.native:
                 simulator.set_reply(row.native, case.reply)
         for step, name in zip(self._steps, ("on_create", "on_release")):
@@ -88,7 +88,7 @@ class CaseSetup:
                 setattr(simulator, name, step)
 
     def _bind_globals(self) -> None:
-        exempt, module, rebound = self.injector.exempt, self._module, self.case.rebound
+        exempt, module, patched = self.injector.exempt, self._module, self.case.patched
         values: dict[str, Any] = {
             **{name: exempt(getattr(module, name, open)) for name in COLLABORATORS},
             "urandom": exempt(lambda size: bytes(range(size))),
@@ -96,14 +96,14 @@ class CaseSetup:
             "copy": SimpleNamespace(deepcopy=exempt(module.copy.deepcopy)),
             "_logger": self._log,
         }
-        for name, value in rebound.items():
-            if not isinstance(value, Silent):
+        for name, value in patched.items():
+            if not isinstance(value, NullLogger):
                 values[name] = exempt(value) if isinstance(value, FunctionType) else value
-        path = rebound.get("Path", Path)
+        path = patched.get("Path", Path)
         if isinstance(path, type):
             values["Path"] = exempt(lambda text: ExemptPath(self.injector, path(text)))
         for name, value in values.items():
-            if value is GONE:
+            if value is DELETED:
                 delattr(module, name)
             else:
                 setattr(module, name, value)
@@ -167,7 +167,7 @@ class CallSubject:
     def __init__(
         self, injector: FaultInjector, process_case: ProcessCase, simulator: Simulator
     ) -> None:
-        self.case: Case = process_case.case
+        self.case: CallCase = process_case.case
         injector.exempt_json_objects()
         self._setup = CaseSetup(injector, simulator, process_case)
         # The interpreter reuses the frame of a traceback entry, which then needs no memory. Keeping

@@ -15,8 +15,8 @@ from typing import Any, Callable, NamedTuple
 from checks.fault_injection.libfaults import InjectionPoint, Report
 from checks.fault_injection.process_cases import PerCall
 from tests.support import reference
-from tests.support.assertions import FILE, MODULE, taken_apart
-from tests.support.call_cases import GONE, Case, Silent
+from tests.support.assertions import FILE, MODULE, with_types
+from tests.support.call_cases import DELETED, CallCase, NullLogger
 
 OUT_OF_MEMORY = ("MemoryError", "")
 NO_COOKIE_BUFFER = (
@@ -67,7 +67,7 @@ def run(
     lines = [] if logged is None else logged
     lines.clear()
     try:
-        ended: Any = taken_apart(call())
+        ended: Any = with_types(call())
     except BaseException as error:
         if exceptions is not None:
             exceptions.append(error)
@@ -116,7 +116,7 @@ class Alternative(NamedTuple):
 class Expectations:
     """The outcomes that one case may have."""
 
-    def __init__(self, case: Case, baseline: Outcome) -> None:
+    def __init__(self, case: CallCase, baseline: Outcome) -> None:
         self.case, self.baseline = case, baseline
         self._alternatives = list(alternatives(case))
         self._without_message = None if baseline.returned else (baseline.ended[0], "")
@@ -152,7 +152,7 @@ class Expectations:
             )
 
 
-def alternatives(case: Case) -> Iterator[Alternative]:
+def alternatives(case: CallCase) -> Iterator[Alternative]:
     """Yield the outcomes of a failed allocation other than MemoryError."""
     if case.function == "encrypt_cookie":
         # The native service runs out of memory and cannot report it.
@@ -171,14 +171,14 @@ def alternatives(case: Case) -> Iterator[Alternative]:
             yield Alternative(observed, COMMAND_RUNNER)
 
 
-def run_reference(case: Case, error: Exception) -> Iterator[Observed]:
+def run_reference(case: CallCase, error: Exception) -> Iterator[Observed]:
     """Run the reference model once for each line, raising the error there."""
     log = Log()
     reference._logger = log
-    for name, value in case.rebound.items():
-        if value is GONE:
+    for name, value in case.patched.items():
+        if value is DELETED:
             vars(reference).pop(name, None)
-        elif not isinstance(value, Silent):
+        elif not isinstance(value, NullLogger):
             setattr(reference, name, value)
     output = case.cli.encode() if isinstance(case.cli, str) else case.cli
     reference.run = lambda command: output  # type: ignore[assignment,return-value]

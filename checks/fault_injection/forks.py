@@ -12,7 +12,7 @@ import traceback
 from pathlib import Path
 from typing import IO, Any, Callable, NamedTuple, TypeVar
 
-from tests.support.isolated import PRODUCT
+from tests.support.isolated import MODULE_PATH
 
 Result = TypeVar("Result")
 
@@ -49,9 +49,11 @@ def parse_crash(how: str, stderr: str) -> Crash:
     frames = [(file, name) for file, name in frames if not any(part in file for part in SKIPPED)]
     files = [file for file, _function in frames]
     place = "outside the module"
-    if PRODUCT.name in files:
+    if MODULE_PATH.name in files:
         inner = files[0]
-        place = "in the module" if inner == PRODUCT.name else f"in {inner}, called by the module"
+        place = (
+            "in the module" if inner == MODULE_PATH.name else f"in {inner}, called by the module"
+        )
     functions = tuple(function or f"a function of {file}" for file, function in frames)
     return Crash(how, place, found[1], functions[:MAX_FRAMES])
 

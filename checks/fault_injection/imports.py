@@ -28,10 +28,10 @@ from checks.fault_injection.forks import ForkRunner
 from checks.fault_injection.libfaults import NO_FAILURE, FaultInjector, InjectionPoint, Report
 from tests.module.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 from tests.support import fake_siblings
-from tests.support.call_cases import Failure, Unequal
-from tests.support.fake_siblings import POINTER, Workbench, created
+from tests.support.call_cases import Failure, UncomparableStr
+from tests.support.fake_siblings import POINTER, SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS, Function
-from tests.support.isolated import MODULE, OTHER_RUNTIME, PRODUCT
+from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE
 
 INIT = f"init {MODULE}"
 NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's error for lack of memory
@@ -55,7 +55,7 @@ class ImportCase(NamedTuple):
     statements: tuple[str, ...] = ()
     prepare: Callable[[Any], object] | None = None
     spec: Callable[[], Any] | None = None
-    path: Path = PRODUCT
+    path: Path = MODULE_PATH
     first_attempt: bool = False
     early_call: Function | None = None
     always_fails: bool = False
@@ -73,12 +73,12 @@ class ImportCase(NamedTuple):
 
 def whole_spec() -> Any:
     """Return an import spec with everything that the creation reads."""
-    return spec_from_file_location(MODULE, PRODUCT)
+    return spec_from_file_location(MODULE, MODULE_PATH)
 
 
 def minimal_spec() -> Any:
     """Return an import spec with the required attributes only."""
-    return SimpleNamespace(name=MODULE, origin=str(PRODUCT))
+    return SimpleNamespace(name=MODULE, origin=str(MODULE_PATH))
 
 
 # How many keys a dictionary takes before it grows.
@@ -116,24 +116,24 @@ def run_as_main(module: Any) -> None:
 
 def fail_at_end(module: Any) -> None:
     """Let an execution fail after it has bound all functions."""
-    vars(module)[Unequal("__test__")] = None
+    vars(module)[UncomparableStr("__test__")] = None
     with suppress(Failure):
         _imp.exec_dynamic(module)
 
 
 def break_main_lookup(module: Any) -> None:
     """Let the look-up of the main module fail."""
-    sys.modules[Unequal("__main__")] = sys.modules.pop("__main__")
+    sys.modules[UncomparableStr("__main__")] = sys.modules.pop("__main__")
 
 
 def break_module_lookup(module: Any) -> None:
     """Let the look-up of the module's own name fail."""
-    sys.modules[Unequal(MODULE)] = module
+    sys.modules[UncomparableStr(MODULE)] = module
 
 
 def execute_other(module: Any) -> None:
     """Execute another module object."""
-    _imp.exec_dynamic(created(str(PRODUCT)))
+    _imp.exec_dynamic(create_module())
 
 
 interpreters: list[Any] = []  # keeps them alive
@@ -149,7 +149,7 @@ def create_in_subinterpreter(module: Any) -> None:
         interpreters[0],
         f"""if True:
         from importlib.util import module_from_spec, spec_from_file_location
-        module_from_spec(spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}))
+        module_from_spec(spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}))
         """,
     )
 
@@ -188,9 +188,9 @@ BREAKING_STATEMENTS = [
     "siblings['util.json'].JSONObject = len",
     "del siblings['util.json'].JSONObject.__pyx_vtable__",
     "siblings['util.json'].JSONObject.__pyx_vtable__ = 5",
-    "siblings['logging'] = altered('logging', getLogger=raising(OSError()))",
-    "siblings['threading'] = altered('threading', Lock=raising(OSError()))",
-    "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
+    "siblings['logging'] = with_attributes('logging', getLogger=raiser(OSError()))",
+    "siblings['threading'] = with_attributes('threading', Lock=raiser(OSError()))",
+    "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
     *(
         statement
         for module, item, _kind, _signature in C_IMPORTS
@@ -231,7 +231,7 @@ CASES = [
     ImportCase("look-up of the main module fails", prepare=break_main_lookup),
     ImportCase("look-up of the module fails", prepare=break_module_lookup),
     ImportCase("second module object", prepare=execute_other),
-    ImportCase("another Python release", (WARNINGS_RAISE,), path=OTHER_RUNTIME),
+    ImportCase("another Python release", (WARNINGS_RAISE,), path=WRONG_PYTHON_MODULE),
     *(
         ImportCase(f"{name} has grown", (resized(name, POINTER), WARNINGS_RAISE))
         for name in ("builtins.complex", "util.json.JSONObject")
@@ -266,7 +266,7 @@ class ImportSubject:
     def __init__(self, injector: FaultInjector, case: ImportCase, forks: ForkRunner) -> None:
         self.case = case
         self._injector, self._forks = injector, forks
-        self._bench = Workbench()
+        self._sandbox = SiblingSandbox()
         self._pointers = len(fake_siblings._kept)
         for module, name in EXEMPT:
             home = sys.modules[module]
@@ -318,8 +318,8 @@ class ImportSubject:
                     if case.prepare is not None:
                         case.prepare(None)
                     return run(lambda: [*vars(call(_imp.create_dynamic, (spec,), None, point))])
-                self._bench.spoil(*case.statements)
-                module = created(str(case.path))
+                self._sandbox.break_(*case.statements)
+                module = create_module(path=case.path)
                 if case.prepare is not None:
                     case.prepare(module)
                 function: Any = _imp.exec_dynamic
@@ -329,7 +329,7 @@ class ImportSubject:
                     arguments = (None,) * case.early_call.required
                 return run(lambda: call(function, arguments, None, point))
         finally:
-            self._bench.repair()
+            self._sandbox.restore()
             del fake_siblings._kept[self._pointers :]
             sys.modules.clear()
             sys.modules.update(modules)

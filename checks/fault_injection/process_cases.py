@@ -6,7 +6,15 @@ import ctypes
 import sys
 from typing import Any, Callable, NamedTuple
 
-from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, Case, Failure, Unequal, opening
+from tests.support.call_cases import (
+    ARP,
+    ONE_SESSION,
+    ROUTING,
+    CallCase,
+    Failure,
+    UncomparableStr,
+    failing_open,
+)
 
 
 class ProcessCase(NamedTuple):
@@ -16,7 +24,7 @@ class ProcessCase(NamedTuple):
     exception immediately, which allocates.
     """
 
-    case: Case
+    case: CallCase
     prepare: Callable[[Any], object] = lambda module: None
     handling: bool = False
 
@@ -63,7 +71,7 @@ def break_lookup(name: str) -> Callable[[Any], None]:
 
     def prepare(module: Any) -> None:
         names = vars(module)
-        names[Unequal(name)] = names.pop(name)
+        names[UncomparableStr(name)] = names.pop(name)
 
     return prepare
 
@@ -71,18 +79,18 @@ def break_lookup(name: str) -> Callable[[Any], None]:
 CASES = [
     *(
         ProcessCase(
-            Case("get_cookie_name", (1,), {}, Failure, f"look-up of {name} fails"),
+            CallCase("get_cookie_name", (1,), {}, Failure, f"look-up of {name} fails"),
             break_lookup(name),
         )
         for name in ("text_", "serial_number_ascii")
     ),
     *(
-        ProcessCase(Case("decrypt_cookie", (bytes(size),), {}, OverflowError, "longer than int"))
+        ProcessCase(CallCase("decrypt_cookie", (bytes(size),), {}, OverflowError, "too long"))
         for size in (2**31,)
         if size < sys.maxsize  # only on 64-bit platforms
     ),
     *(
-        ProcessCase(Case(function, arguments, label=label, rebound=legacy_output(text)))
+        ProcessCase(CallCase(function, arguments, label=label, patched=legacy_output(text)))
         for function, arguments, label, text in (
             ("get_system_arp_result", (), "legacy string", ARP),
             ("get_routing_table_result", ("a",), "legacy string", ROUTING),
@@ -97,11 +105,11 @@ CASES = [
     ),
     *(
         ProcessCase(
-            Case(
+            CallCase(
                 "get_cli_command_output",
                 ("c",),
                 label=label,
-                rebound={"text_": lambda data, charset, make=make: make("a--More--b")},
+                patched={"text_": lambda data, charset, make=make: make("a--More--b")},
             )
         )
         for label, make in (
@@ -110,7 +118,7 @@ CASES = [
         )
     ),
     ProcessCase(
-        Case(
+        CallCase(
             "capture_sniffer_profile",
             ("p", PerCall(lambda: legacy_string("Stop"))),
             label="legacy string as event",
@@ -119,27 +127,31 @@ CASES = [
     *(
         ProcessCase(case, handling=True)
         for case in (
-            Case(
+            CallCase(
                 "get_cli_command_output",
                 ("c",),
                 {},
                 Failure,
                 "no output, a class is raised",
                 cli=None,
-                rebound={"CFunctionError": lambda message: Failure},
+                patched={"CFunctionError": lambda message: Failure},
             ),
-            Case(
+            CallCase(
                 "get_token",
                 (),
                 {},
                 AttributeError,
                 "open returns None",
-                rebound={"open": lambda path, mode: None},
+                patched={"open": lambda path, mode: None},
             ),
-            Case("get_token", (), {}, Failure, "write fails", rebound={"open": opening("write")}),
-            Case("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
-            Case("get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"),
-            Case("list_bfd_neighbor", label="no output", cli=None),
+            CallCase(
+                "get_token", (), {}, Failure, "write fails", patched={"open": failing_open("write")}
+            ),
+            CallCase("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
+            CallCase(
+                "get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"
+            ),
+            CallCase("list_bfd_neighbor", label="no output", cli=None),
         )
     ),
 ]

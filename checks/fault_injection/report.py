@@ -19,7 +19,7 @@ from checks.fault_injection.call_sites import (
     find_unreviewed_symbols,
 )
 from checks.fault_injection.sweep import CaseResult
-from tests.support.isolated import BUILD, PRODUCT
+from tests.support.isolated import BUILD, MODULE_PATH
 
 MAX_FINDINGS = 40  # printed; the rest is counted
 UPDATES = 10  # lines of progress without a terminal
@@ -102,7 +102,7 @@ def print_call_sites(
         *(f"neither fallible nor reviewed: {key}" for key in find_unreviewed_calls()),
         *(
             f"used, neither fallible nor reviewed: {key}"
-            for key in find_unreviewed_symbols(PRODUCT)
+            for key in find_unreviewed_symbols(MODULE_PATH)
         ),
     ]
     if complete:

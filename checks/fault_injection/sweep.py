@@ -14,10 +14,10 @@ from checks.fault_injection.forks import Crash, CrashError, ForkRunner
 from checks.fault_injection.imports import ImportCase, ImportSubject
 from checks.fault_injection.libfaults import FaultInjector, InjectionPoint
 from checks.fault_injection.process_cases import ProcessCase
-from tests.support.call_cases import Case
+from tests.support.call_cases import CallCase
 from veldarin_simulator import Simulator
 
-AnyCase = Union[Case, ProcessCase, ImportCase]
+AnyCase = Union[CallCase, ProcessCase, ImportCase]
 Result = TypeVar("Result")
 
 # Calls that allocate nothing: they return True or False.

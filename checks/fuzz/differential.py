@@ -9,7 +9,7 @@ from typing import Any
 
 from checks.fuzz.input_format import Sample, read
 from tests.support import reference
-from tests.support.assertions import taken_apart
+from tests.support.assertions import with_types
 from veldarin_simulator import Simulator
 
 
@@ -62,10 +62,10 @@ class Side:
         for kept in (self.commands, self.log.lines, self.shared):
             kept.clear()
         try:
-            ended: object = taken_apart(self._call(sample))
+            ended: object = with_types(self._call(sample))
         except Exception as error:
             ended = type(error).__name__, str(error)
-        return [ended, self.commands[:], self.log.lines[:], taken_apart(self.shared)]
+        return [ended, self.commands[:], self.log.lines[:], with_types(self.shared)]
 
     def _call(self, sample: Sample) -> object:
         function = getattr(self.parser, sample.function)

@@ -16,7 +16,7 @@ from tests.support import isolated
 from tests.support.isolated import ROOT
 
 BUILD = ROOT / "build" / "fuzz"
-PRODUCT = BUILD / isolated.PRODUCT.relative_to(isolated.BUILD)
+PRODUCT = BUILD / isolated.MODULE_PATH.relative_to(isolated.BUILD)
 HERE = ROOT / "checks" / "fuzz"
 PROFILES = BUILD / "profiles"
 ENVIRONMENT = {

@@ -18,7 +18,7 @@ from checks.soak import metrics, report
 from checks.soak.metrics import COUNTS, Growth, Record
 from checks.soak.workload import Stage
 from tests.support.call_cases import CASES
-from tests.support.refcounts import watched
+from tests.support.refcounts import tracked_objects
 from veldarin_simulator import Simulator, native_library
 
 ROUNDS = 48  # a sample after each
@@ -39,7 +39,7 @@ def arguments() -> argparse.Namespace:
 def soaked(stage: Stage, calls: int) -> Record:
     """The counts after every round, under a progress bar; some of them told on the way."""
     times = -(-calls // (ROUNDS * stage.threads * len(CASES)))
-    objects = watched(stage.module, [])
+    objects = tracked_objects(stage.module, [])
     record = Record(ROUNDS)
     bar = ProgressBar(total=ROUNDS)  # no `Progress`: it keeps what it measures, and that grows
     console.print(

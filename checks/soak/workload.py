@@ -14,17 +14,17 @@ from concurrent.futures import ThreadPoolExecutor
 from contextlib import contextmanager
 from typing import Any
 
-from tests.support.call_cases import CASES, GONE, Case, Step
-from tests.support.query_cases import ROWS
+from tests.support.call_cases import CASES, DELETED, CallCase, FailNth
+from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 
 
-def groups() -> list[list[Case]]:
+def groups() -> list[list[CallCase]]:
     """The cases, those together that rebind the same names to the same objects."""
-    found: dict[object, list[Case]] = {}
+    found: dict[object, list[CallCase]] = {}
     for case in CASES:
-        rebound = frozenset((name, id(value)) for name, value in case.rebound.items())
-        found.setdefault(rebound, []).append(case)
+        patched = frozenset((name, id(value)) for name, value in case.patched.items())
+        found.setdefault(patched, []).append(case)
     return list(found.values())
 
 
@@ -52,7 +52,7 @@ class Stage:
         simulator.set_reply("get_cli_cmd_output", lambda command: here.case.cli)
         simulator.set_reply("cookieval_wrap", b"wrapped")
         simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
-        for row in ROWS:
+        for row in QUERY_CASES:
             if row.native:
                 simulator.set_reply(row.native, lambda request: here.case.reply)
         simulator.on_create = lambda arguments: here.create()
@@ -64,7 +64,7 @@ class Stage:
         `AssertionError`: a call ended otherwise than its case says.
         """
         for group in self.groups:
-            with self._bound(group[0].rebound):
+            with self._bound(group[0].patched):
                 turns = [
                     self._pool.submit(self._turn, group, times, f"{number} {thread}")
                     for thread in range(self.threads)
@@ -74,7 +74,7 @@ class Stage:
             self.simulator.clear_calls()
         return self.threads * times * len(CASES)
 
-    def _turn(self, group: list[Case], times: int, seed: str) -> None:
+    def _turn(self, group: list[CallCase], times: int, seed: str) -> None:
         cases = group * times
         random.Random(seed).shuffle(cases)
         for case in cases:
@@ -93,9 +93,9 @@ class Stage:
         elif path.exists():
             path.unlink()
 
-    def _call(self, case: Case) -> None:
+    def _call(self, case: CallCase) -> None:
         here = self._here
-        here.case, here.create, here.release = case, Step(case.create), Step(case.release)
+        here.case, here.create, here.release = case, FailNth(case.create), FailNth(case.release)
         arguments = [{**value} if type(value) is dict else value for value in case.args]
         raised: type[BaseException] | None = None
         try:
@@ -106,9 +106,9 @@ class Stage:
             raise AssertionError(f"{case}: {raised} instead of {case.error}")
 
     @contextmanager
-    def _bound(self, rebound: Mapping[str, Any]) -> Iterator[None]:
-        before = {name: vars(self.module).get(name, GONE) for name in rebound}
-        self._bind(rebound)
+    def _bound(self, patched: Mapping[str, Any]) -> Iterator[None]:
+        before = {name: vars(self.module).get(name, DELETED) for name in patched}
+        self._bind(patched)
         try:
             yield
         finally:
@@ -116,7 +116,7 @@ class Stage:
 
     def _bind(self, values: Mapping[str, Any]) -> None:
         for name, value in values.items():
-            if value is not GONE:
+            if value is not DELETED:
                 setattr(self.module, name, value)
             elif name in vars(self.module):
                 delattr(self.module, name)

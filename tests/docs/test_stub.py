@@ -14,7 +14,7 @@ from typing import Any, Callable
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import MODULE, failure
+from tests.support.assertions import MODULE, raises_exactly
 from tests.support.stub import (
     FACE,
     FUNCTIONS,
@@ -96,7 +96,7 @@ def test_the_face_declares_what_the_table_in_cpp_holds() -> None:
 
 
 def refusal(function: Callable[..., object], *given: object, **named: object) -> str:
-    return str(failure(TypeError, function, *given, **named))
+    return str(raises_exactly(TypeError, function, *given, **named))
 
 
 @every_function
@@ -226,6 +226,7 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
     )
 
 
+@pytest.mark.workstation_only("mypy runs on the workstation")
 def test_the_type_checkers_comparison_of_face_and_module_finds_nothing(tmp_path: Path) -> None:
     allowed = tmp_path / "allowed"
     # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
@@ -286,6 +287,7 @@ except device.CFunctionError:
 """
 
 
+@pytest.mark.workstation_only("mypy runs on the workstation")
 def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> None:
     file = tmp_path / "author.py"
     file.write_text(AUTHORS_FILE)
@@ -333,5 +335,6 @@ def test_a_stale_page_is_told_and_written_anew(
 )
 def test_a_face_without_headings_or_texts_makes_no_page(source: str, told: str) -> None:
     assert (
-        str(failure(generate_function_docs.FaceError, generate_function_docs.page, source)) == told
+        str(raises_exactly(generate_function_docs.FaceError, generate_function_docs.page, source))
+        == told
     )

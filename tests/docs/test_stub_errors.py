@@ -11,7 +11,7 @@ from types import MappingProxyType, ModuleType
 from typing import Any, Callable, NamedTuple
 
 from tests.support import isolated
-from tests.support.query_cases import ROWS
+from tests.support.query_cases import QUERY_CASES
 from tests.support.stub import FUNCTIONS, Function, docstrings, every_function
 from veldarin_simulator import RawJSON, Simulator
 
@@ -82,7 +82,7 @@ PROVOKED = [
     ),
     *(
         Provoked(row.function, row.arguments, {row.native: NO_JSON})
-        for row in ROWS
+        for row in QUERY_CASES
         if row.native is not None
     ),
     Provoked("get_cookie_name", (True,), prepare=forget_serial_number),

@@ -11,7 +11,7 @@ from typing import Any, Callable
 
 import pytest
 
-from tests.support.query_cases import ROWS
+from tests.support.query_cases import QUERY_CASES
 from tests.support.stub import FACE, NAMED, Function, declarations, docstrings, every_function
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
@@ -105,7 +105,7 @@ SECRET = "8f4b1c2d" * 8
 
 
 @pytest.fixture
-def example_device(built: None) -> Iterator[Simulator]:
+def example_device(build: None) -> Iterator[Simulator]:
     """The device of the examples: recorded answers, and those above."""
     with Simulator(live=False) as simulator:
         # The shared dictionary of sessions outlives a simulator.
@@ -190,11 +190,12 @@ def test_the_examples_are_true(example_device: Simulator, function: Function) ->
     )
 
 
-def live_fields() -> list[tuple[dict[str, Any], Callable[[], list[Any]]]]:
+def live_fields() -> list[Any]:
+    netlink = pytest.mark.requires("netlink")
     return [
-        (PORT, lambda: links.physical_interfaces()[0]["interface"]),
-        (MONITORED, links.link_monitor_status),
-        (FLAPS, links.flap_status),
+        pytest.param(PORT, lambda: links.physical_interfaces()[0]["interface"], marks=netlink),
+        pytest.param(MONITORED, links.link_monitor_status, marks=netlink),
+        pytest.param(FLAPS, links.flap_status, marks=netlink),
         (STATISTICS, lambda: ports.statistics({})),
         (GROUP, lambda: multicast.groups({})),
         (FLASH, storage.flash_list),
@@ -213,7 +214,7 @@ def test_the_examples_have_the_fields_of_this_machines_answers(
 
 @every_function
 def test_a_query_names_its_native_services_and_its_request(function: Function) -> None:
-    rows = [row for row in ROWS if row.function == function.name]
+    rows = [row for row in QUERY_CASES if row.function == function.name]
     text = docstrings()[function.name]
     assert set(re.findall(r"`(build_\w+)`", text)) == {row.native for row in rows} - {None}
     for row in rows:

@@ -9,7 +9,7 @@ from typing import Any, Union
 
 import pytest
 
-from tests.support.assertions import Entry, failure, traceback_entries, wrong_type
+from tests.support.assertions import Entry, raises_exactly, traceback_entries, wrong_type_message
 from tests.support.function_table import FUNCTIONS, NAMED, Function
 from veldarin_simulator import Simulator
 
@@ -22,7 +22,7 @@ def rows(*kinds: str) -> Any:
 
 def refused(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
     """The `TypeError` of a call; a keyword may be anything, so the call stands right here."""
-    return failure(TypeError, lambda: function(*args, **kwargs))
+    return raises_exactly(TypeError, lambda: function(*args, **kwargs))
 
 
 def refusal(
@@ -84,9 +84,9 @@ def test_an_empty_dictionary_of_keywords_is_no_keyword(
     module: ModuleType, function: Function
 ) -> None:
     held = getattr(module, function.name)
-    without = failure(TypeError, lambda: held(1, 2, 3, 4))
+    without = raises_exactly(TypeError, lambda: held(1, 2, 3, 4))
     empty: dict[str, object] = {}
-    assert str(failure(TypeError, lambda: held(1, 2, 3, 4, **empty))) == str(without)
+    assert str(raises_exactly(TypeError, lambda: held(1, 2, 3, 4, **empty))) == str(without)
     assert "(4 given)" in str(without)
 
 
@@ -297,10 +297,15 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
     (CAPTURE, (), {"event": 1}, count_error(CAPTURE, "exactly", 2, 0)),
     (CAPTURE, (), {"event": 1, 7: 1}, not_strings(CAPTURE)),
     # and then in the order of the parameters
-    (CAPTURE, (1, 2), {}, wrong_type("profile_name", "str", 1)),
-    (CAPTURE, (), {"event": 1, "profile_name": 2.5}, wrong_type("profile_name", "str", 2.5)),
-    (CAPTURE, ("p", 2), {}, wrong_type("event", "str", 2)),
-    (CAPTURE, (None,), {"event": b"Stop"}, wrong_type("event", "str", b"")),
+    (CAPTURE, (1, 2), {}, wrong_type_message("profile_name", "str", 1)),
+    (
+        CAPTURE,
+        (),
+        {"event": 1, "profile_name": 2.5},
+        wrong_type_message("profile_name", "str", 2.5),
+    ),
+    (CAPTURE, ("p", 2), {}, wrong_type_message("event", "str", 2)),
+    (CAPTURE, (None,), {"event": b"Stop"}, wrong_type_message("event", "str", b"")),
 ]
 
 
@@ -462,7 +467,7 @@ class FailingKey(SameHash):
 def test_a_look_up_that_fails_fails_the_call(module: ModuleType, name: str) -> None:
     function, keyword = getattr(module, name), FailingKey(NAMED[name].parameters[0].name)
     keywords: dict[Any, object] = {keyword: 1}
-    error = failure(OverflowError, lambda: function(**keywords))
+    error = raises_exactly(OverflowError, lambda: function(**keywords))
     (entry,) = traceback_entries(error.__traceback__)
     assert entry == Entry(name, entry.first_line, entry.first_line)
 
@@ -509,10 +514,10 @@ def test_a_typed_parameter_takes_exactly_its_type(
     parameter = function.parameters[position]
     assert parameter.type is not None
     for value in [*WRONG[parameter.type], of_type_named("größe")]:
-        error = failure(
+        error = raises_exactly(
             TypeError, getattr(module, function.name), *arguments_around(function, position, value)
         )
-        assert str(error) == wrong_type(parameter.name, parameter.type.__name__, value)
+        assert str(error) == wrong_type_message(parameter.name, parameter.type.__name__, value)
         (entry,) = traceback_entries(error.__traceback__)
         assert entry == Entry(function.name, entry.first_line, entry.first_line)
         assert function.first_line[0] <= entry.first_line <= function.first_line[1]

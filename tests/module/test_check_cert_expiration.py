@@ -6,7 +6,7 @@ from types import ModuleType
 
 import pytest
 
-from tests.support.assertions import entry, failure, wrong_type
+from tests.support.assertions import entry, raises_exactly, wrong_type_message
 from veldarin_simulator import Simulator
 
 
@@ -51,7 +51,7 @@ def test_an_empty_path_is_the_hosts_to_judge(simulator: Simulator, module: Modul
 
 
 def test_none_is_refused(simulator: Simulator, module: ModuleType) -> None:
-    refused = failure(TypeError, module.check_cert_expiration, None)
+    refused = raises_exactly(TypeError, module.check_cert_expiration, None)
     assert str(refused) == "expected bytes, NoneType found"
     assert entry(refused, "check_cert_expiration").line < 94
     assert simulator.call_log == []
@@ -65,8 +65,8 @@ def test_none_is_refused(simulator: Simulator, module: ModuleType) -> None:
 def test_anything_but_bytes_is_refused(
     simulator: Simulator, module: ModuleType, path: object
 ) -> None:
-    refused = failure(TypeError, module.check_cert_expiration, path)
-    assert str(refused) == wrong_type("path", "bytes", path)
+    refused = raises_exactly(TypeError, module.check_cert_expiration, path)
+    assert str(refused) == wrong_type_message("path", "bytes", path)
     found = entry(refused, "check_cert_expiration")
     assert found.line == found.first_line < 94
     assert simulator.call_log == []

@@ -11,16 +11,16 @@ import pytest
 
 from tests.support.assertions import (
     Recorder,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
-    taken_apart,
+    raiser,
+    raises_exactly,
     traceback_entries,
-    wrong_type,
+    with_types,
+    wrong_type_message,
 )
-from tests.support.fake_cli import CommandLine
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
@@ -90,8 +90,8 @@ def test_a_command_that_is_not_exactly_text_is_refused_before_anything_is_called
 ) -> None:
     encode = Recorder()
     monkeypatch.setattr(module, "bytes_", encode)
-    error = failure(TypeError, module.get_cli_command_output, command)
-    assert str(error) == wrong_type("cmd_s", "str", command)
+    error = raises_exactly(TypeError, module.get_cli_command_output, command)
+    assert str(error) == wrong_type_message("cmd_s", "str", command)
     found = entry(error, FUNCTION)
     assert found.line == found.first_line
     assert encode.calls == []
@@ -101,7 +101,7 @@ def test_a_command_that_is_not_exactly_text_is_refused_before_anything_is_called
 def test_no_command_passes_the_type_test_and_fails_in_the_encoding(
     simulator: Simulator, module: ModuleType
 ) -> None:
-    error = failure(TypeError, module.get_cli_command_output, None)
+    error = raises_exactly(TypeError, module.get_cli_command_output, None)
     assert str(error) == "expected bytes, NoneType found"
     assert line(error, FUNCTION)
     assert sent(simulator) == []
@@ -180,14 +180,14 @@ def test_an_encoding_into_anything_else_is_refused(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: object
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
-    error = failure(TypeError, module.get_cli_command_output, "command")
+    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == f"expected bytes, {type(encoded).__name__} found"
     assert line(error, FUNCTION)
     assert sent(simulator) == []
 
 
 def test_text_that_has_no_encoding_is_not_sent(simulator: Simulator, module: ModuleType) -> None:
-    error = failure(UnicodeEncodeError, module.get_cli_command_output, "\ud800")
+    error = raises_exactly(UnicodeEncodeError, module.get_cli_command_output, "\ud800")
     assert line(error, FUNCTION)
     assert sent(simulator) == []
 
@@ -284,7 +284,7 @@ def test_what_is_no_text_raises_the_interpreters_own_error_and_the_buffer_is_fre
 ) -> None:
     monkeypatch.setattr(module, "text_", lambda value, encoding: decoded)
     simulator.set_reply("get_cli_cmd_output", "output")
-    error = failure(kind, module.get_cli_command_output, "command")
+    error = raises_exactly(kind, module.get_cli_command_output, "command")
     assert str(error) == text
     assert line(error, FUNCTION)
     assert simulator.live_objects.text_buffers == 0
@@ -294,7 +294,7 @@ def test_output_that_cannot_be_decoded_is_an_error_and_the_buffer_is_freed(
     simulator: Simulator, module: ModuleType
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", b"\xff")
-    error = failure(UnicodeDecodeError, module.get_cli_command_output, "command")
+    error = raises_exactly(UnicodeDecodeError, module.get_cli_command_output, "command")
     assert (error.encoding, error.object) == ("utf-8", b"\xff")
     assert line(error, FUNCTION)
     assert simulator.live_objects.text_buffers == 0
@@ -325,7 +325,7 @@ def test_without_output_the_native_failure_is_raised(
     decode = Recorder()
     monkeypatch.setattr(module, "text_", decode)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(module.CFunctionError, module.get_cli_command_output, "command")
+    error = raises_exactly(module.CFunctionError, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
     assert line(error, FUNCTION)
     assert decode.calls == []
@@ -342,7 +342,7 @@ def test_the_native_failure_is_the_class_that_the_global_names_then(
         monkeypatch.setattr(module, "CFunctionError", Other)
 
     simulator.set_reply("get_cli_cmd_output", answer)
-    error = failure(Other, module.get_cli_command_output, "command")
+    error = raises_exactly(Other, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
 
 
@@ -367,7 +367,7 @@ def test_returned_exception_is_raised_as_by_raise(
     make = Recorder(lambda message: returned)
     monkeypatch.setattr(module, "CFunctionError", make)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(kind, module.get_cli_command_output, "command")
+    error = raises_exactly(kind, module.get_cli_command_output, "command")
     assert error.args == (("by the call",) if instance else ())
     assert (error is returned) == instance
     assert make.positional == [("get_cli_command_output's result is null.",)]
@@ -380,7 +380,7 @@ def test_returned_non_exception_raises_type_error(
 ) -> None:
     monkeypatch.setattr(module, "CFunctionError", lambda message: returned)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(TypeError, module.get_cli_command_output, "command")
+    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == "exceptions must derive from BaseException"
     assert line(error, FUNCTION)
 
@@ -396,7 +396,7 @@ def test_returned_class_that_fails_raises_its_own_error(
 
     monkeypatch.setattr(module, "CFunctionError", lambda message: Unmakable)
     simulator.set_reply("get_cli_cmd_output", None)
-    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failed, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
@@ -409,7 +409,7 @@ def test_returned_class_without_instances_raises_type_error(
 
     monkeypatch.setattr(module, "CFunctionError", lambda message: Odd)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(TypeError, module.get_cli_command_output, "command")
+    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == (
         f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
     )
@@ -420,9 +420,9 @@ def test_a_native_failure_that_cannot_be_made_is_told_instead(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     error = Failed()
-    monkeypatch.setattr(module, "CFunctionError", raising(error))
+    monkeypatch.setattr(module, "CFunctionError", raiser(error))
     simulator.set_reply("get_cli_cmd_output", None)
-    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failed, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
@@ -448,7 +448,7 @@ def test_a_missing_global_is_a_name_error_when_it_is_needed(
 ) -> None:
     monkeypatch.delattr(module, name)
     simulator.set_reply("get_cli_cmd_output", output)
-    error = failure(NameError, module.get_cli_command_output, "command")
+    error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == f"name '{name}' is not defined"
     assert line(error, FUNCTION)
     assert sent(simulator) == commands
@@ -463,7 +463,7 @@ def test_a_character_set_that_goes_missing_is_a_name_error_and_the_buffer_is_fre
         return "output"
 
     simulator.set_reply("get_cli_cmd_output", answer)
-    error = failure(NameError, module.get_cli_command_output, "command")
+    error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == "name '_CHARSET' is not defined"
     assert simulator.live_objects.text_buffers == 0
 
@@ -477,9 +477,9 @@ def test_a_failing_conversion_ends_the_call_unchanged(
     commands: list[bytes],
 ) -> None:
     error = Failed()
-    monkeypatch.setattr(module, name, raising(error))
+    monkeypatch.setattr(module, name, raiser(error))
     simulator.set_reply("get_cli_cmd_output", "output")
-    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failed, module.get_cli_command_output, "command") is error
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == FUNCTION
     assert sent(simulator) == commands
@@ -493,18 +493,18 @@ def test_lines_ascend_with_the_statements(
         error = Failed()
         simulator.set_reply("get_cli_cmd_output", output)
         with monkeypatch.context() as patch:
-            patch.setattr(module, name, raising(error))
-            failure(Failed, module.get_cli_command_output, "command")
+            patch.setattr(module, name, raiser(error))
+            raises_exactly(Failed, module.get_cli_command_output, "command")
         return line(error, FUNCTION)
 
-    refused = failure(TypeError, module.get_cli_command_output, 5)
+    refused = raises_exactly(TypeError, module.get_cli_command_output, 5)
     lines = [
         line(refused, FUNCTION),
         failing_line("bytes_", "output"),
         failing_line("CFunctionError", None),
         failing_line("text_", "output"),
     ]
-    assert ascending([250, *lines, 352])
+    assert is_increasing([250, *lines, 352])
 
 
 class UnusedLogger:
@@ -564,17 +564,17 @@ def test_success_and_every_failure_log_nothing(
     ],
 )
 def test_parsers_look_names_up_as_their_statement_reads(
-    cli: CommandLine, function: str, arguments: tuple[object, ...], output: str
+    cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
 ) -> None:
     """text_(get_cli_command_output(command), _CHARSET): first text_, last _CHARSET."""
 
     def run(command: str) -> str:
-        cli.rebind("text_", raising(AssertionError("looked up too late")))
-        cli.rebind("_CHARSET", "rebound while the command ran")
+        cli.patch("text_", raiser(AssertionError("looked up too late")))
+        cli.patch("_CHARSET", "rebound while the command ran")
         return output
 
     decode = Recorder(lambda value, encoding: value)
-    cli.rebind("text_", decode)
+    cli.patch("text_", decode)
     cli.run.answer = run
     getattr(cli.parser, function)(*arguments)
     assert decode.positional == [(output, "rebound while the command ran")]
@@ -608,15 +608,15 @@ class OwnMethods(str):
     ],
 )
 def test_parsers_read_the_characters_of_a_str_subclass(
-    native_cli: CommandLine, function: str, arguments: tuple[object, ...], output: str
+    native_cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
 ) -> None:
     called: list[str] = []
     parse = getattr(native_cli.parser, function)
-    native_cli.prints(output)
+    native_cli.set_output(output)
     expected = parse(*copy.deepcopy(arguments))
     assert expected
-    native_cli.rebind("text_", lambda value, encoding: OwnMethods(output, called))
-    assert taken_apart(parse(*copy.deepcopy(arguments))) == taken_apart(expected)
+    native_cli.patch("text_", lambda value, encoding: OwnMethods(output, called))
+    assert with_types(parse(*copy.deepcopy(arguments))) == with_types(expected)
     assert called == []
 
 

@@ -6,6 +6,7 @@ from __future__ import annotations
 import builtins
 import errno
 import functools
+import importlib
 import io
 import os
 import socket
@@ -20,16 +21,18 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import (
+    CountingBool,
     Entry,
     Recorder,
-    Truth,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
+    raiser,
+    raises_exactly,
     traceback_entries,
 )
+from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
+from tests.support.isolated import MODULE
 from veldarin_simulator import Simulator
 
 HEX = set("0123456789abcdef")
@@ -98,7 +101,7 @@ def test_a_directory_at_the_path_cannot_be_opened_for_writing(
     module: ModuleType, secret_file: Path
 ) -> None:
     secret_file.mkdir()
-    error = failure(IsADirectoryError, module.get_token)
+    error = raises_exactly(IsADirectoryError, module.get_token)
     assert error.filename == str(secret_file)
     assert entry(error, "get_token").line
 
@@ -130,7 +133,7 @@ def test_socket_at_the_path_cannot_be_opened(
     monkeypatch.setattr(module, "open", opened, raising=False)
     with socket.socket(socket.AF_UNIX) as server:
         server.bind(secret_file.name)
-        error = failure(OSError, module.get_token)
+        error = raises_exactly(OSError, module.get_token)
     assert (error.errno, error.filename) == (errno.ENXIO, str(secret_file))
     assert opened.positional == [(secret_file, "w")]
     assert entry(error, "get_token").line
@@ -171,7 +174,7 @@ def test_a_missing_directory_is_the_systems_own_error(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.secret_path = tmp_path / "missing" / "secret"
-    error = failure(FileNotFoundError, module.get_token)
+    error = raises_exactly(FileNotFoundError, module.get_token)
     assert entry(error, "get_token").line
     assert not simulator.secret_path.parent.exists()
 
@@ -219,9 +222,9 @@ def test_a_failure_before_writing_leaves_an_empty_file_that_later_calls_read(
         return files[-1]
 
     with monkeypatch.context() as patch:
-        patch.setattr(module, "urandom", raising(error))
+        patch.setattr(module, "urandom", raiser(error))
         patch.setattr(module, "open", opening, raising=False)
-        assert failure(OSError, module.get_token) is error
+        assert raises_exactly(OSError, module.get_token) is error
     (opened,) = files
     assert opened.closed
     assert secret_file.read_bytes() == b""
@@ -272,7 +275,7 @@ class Manager:
         self.steps = steps
         self.label = label
         # A look-up on the instance would find these, and must not.
-        self.__dict__["__enter__"] = self.__dict__["__exit__"] = raising(AssertionError("instance"))
+        self.__dict__["__enter__"] = self.__dict__["__exit__"] = raiser(AssertionError("instance"))
 
     def note(self, event: str, *details: object) -> None:
         self.steps.note(f"{self.label}: {event}", *details)
@@ -432,29 +435,29 @@ def test_every_step_is_made_once_in_order(module: ModuleType, steps: Steps) -> N
 
 
 def test_nothing_is_written_when_the_path_is_a_file(module: ModuleType, steps: Steps) -> None:
-    truth = Truth(True)
+    truth = CountingBool(True)
     steps.answers["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
     assert steps.events == PATH + READ
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
 
 
 def test_any_false_answer_means_no_file(module: ModuleType, steps: Steps) -> None:
-    truth = Truth(False)
+    truth = CountingBool(False)
     steps.answers["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
     assert steps.events == PATH + WRITE + READ
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
 
 
 def test_the_result_of_writing_and_of_a_clean_exit_is_not_looked_at(
     module: ModuleType, steps: Steps
 ) -> None:
-    untouchable = Truth(AssertionError("asked"))
+    untouchable = CountingBool(AssertionError("asked"))
     for name in ("written", "w: exited", "r: exited"):
         steps.answers[name] = lambda: untouchable
     assert module.get_token() is steps.secret
-    assert untouchable.asked == 0
+    assert untouchable.bool_calls == 0
 
 
 # Names are looked up at the moment they are needed
@@ -465,7 +468,7 @@ def test_a_missing_global_is_a_name_error(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     monkeypatch.delattr(module, name)
-    error = failure(NameError, module.get_token)
+    error = raises_exactly(NameError, module.get_token)
     assert str(error) == f"name '{name}' is not defined"
     assert entry(error, "get_token").line
 
@@ -485,7 +488,7 @@ def test_the_modules_own_open_comes_before_the_builtin(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     with monkeypatch.context() as patch:
-        patch.setattr(builtins, "open", raising(AssertionError("the builtin")))
+        patch.setattr(builtins, "open", raiser(AssertionError("the builtin")))
         secret = module.get_token()
     assert secret is steps.secret
 
@@ -553,8 +556,8 @@ def test_a_failing_step_ends_the_call_with_its_own_exception(
     module: ModuleType, steps: Steps, step: str
 ) -> None:
     error = Failed(step)
-    steps.answers[step] = raising(error)
-    assert failure(Failed, module.get_token) is error
+    steps.answers[step] = raiser(error)
+    assert raises_exactly(Failed, module.get_token) is error
     assert error.__context__ is None
     found = entry(error, "get_token")
     assert found.first_line < found.line
@@ -572,8 +575,8 @@ def test_a_failing_step_ends_the_call_with_its_own_exception(
 
 def test_a_failing_truth_of_is_file_ends_the_call(module: ModuleType, steps: Steps) -> None:
     error = Failed("no truth")
-    steps.answers["is a file"] = lambda: Truth(error)
-    assert failure(Failed, module.get_token) is error
+    steps.answers["is a file"] = lambda: CountingBool(error)
+    assert raises_exactly(Failed, module.get_token) is error
     assert steps.events == PATH
     assert entry(error, "get_token").line
 
@@ -582,12 +585,12 @@ def test_lines_ascend_with_the_statements(module: ModuleType, steps: Steps) -> N
     found: list[Entry] = []
     for step in ("text", "is a file", "open w", "written", "open r", "line"):
         error = Failed(step)
-        steps.answers = {step: raising(error)}
-        assert failure(Failed, module.get_token) is error
+        steps.answers = {step: raiser(error)}
+        assert raises_exactly(Failed, module.get_token) is error
         found.append(entry(error, "get_token"))
-    steps.answers = {"line": raising(Failed()), "r: exited": lambda: True}
-    found.append(entry(failure(UnboundLocalError, module.get_token), "get_token"))
-    assert ascending([found[0].first_line, *(each.line for each in found)])
+    steps.answers = {"line": raiser(Failed()), "r: exited": lambda: True}
+    found.append(entry(raises_exactly(UnboundLocalError, module.get_token), "get_token"))
+    assert is_increasing([found[0].first_line, *(each.line for each in found)])
     assert found[-1].line < 94
     assert len({each.first_line for each in found}) == 1
 
@@ -607,8 +610,8 @@ def test_a_statement_has_one_line(
     lines = set()
     for step in steps_of_one_statement:
         error = Failed(step)
-        steps.answers = {step: raising(error)}
-        failure(Failed, module.get_token)
+        steps.answers = {step: raiser(error)}
+        raises_exactly(Failed, module.get_token)
         lines.add(line(error, "get_token"))
     assert len(lines) == 1
 
@@ -622,12 +625,12 @@ def test_a_failing_body_leaves_through_exit_and_goes_on_when_exit_says_no(
     module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
 ) -> None:
     error = kind("in the body")
-    truth = Truth(False)
-    steps.answers["written" if mode == "w" else "line"] = raising(error)
+    truth = CountingBool(False)
+    steps.answers["written" if mode == "w" else "line"] = raiser(error)
     steps.answers[f"{mode}: exited"] = lambda: truth
-    assert failure(kind, module.get_token) is error
+    assert raises_exactly(kind, module.get_token) is error
     assert steps.events[-1][:3] == (f"{mode}: exit", kind, error)
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
     assert steps.names.count(f"{mode}: exit") == 1
 
 
@@ -636,7 +639,7 @@ def test_the_exception_is_normal_when_exit_gets_it(module: ModuleType, steps: St
         """A line without `strip`: the exception is one that the interpreter makes."""
 
     steps.answers["line"] = Unreadable
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == "'Unreadable' object has no attribute 'strip'"
     assert steps.events[-1][:3] == ("r: exit", AttributeError, error)
 
@@ -649,9 +652,9 @@ def test_exit_sees_the_exception_as_the_one_being_handled(module: ModuleType, st
         handled.append(sys.exc_info()[1])
         return False
 
-    steps.answers["line"] = raising(error)
+    steps.answers["line"] = raiser(error)
     steps.answers["r: exited"] = exited
-    failure(Failed, module.get_token)
+    raises_exactly(Failed, module.get_token)
     assert handled == [error]
     assert sys.exc_info() == (None, None, None)
 
@@ -661,7 +664,7 @@ def test_what_the_caller_handles_stays_being_handled(
     module: ModuleType, steps: Steps, swallowed: bool
 ) -> None:
     outer, error = Failed("being handled by the caller"), LookupError("in the body")
-    steps.answers["written"] = raising(error)
+    steps.answers["written"] = raiser(error)
     steps.answers["w: exited"] = lambda: swallowed
     try:
         raise outer
@@ -669,16 +672,16 @@ def test_what_the_caller_handles_stays_being_handled(
         if swallowed:
             assert module.get_token() is steps.secret
         else:
-            assert failure(LookupError, module.get_token) is error
+            assert raises_exactly(LookupError, module.get_token) is error
         assert sys.exc_info()[1] is outer
 
 
 def test_a_swallowed_failure_of_writing_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
-    truth = Truth(True)
-    steps.answers["written"] = raising(Failed())
+    truth = CountingBool(True)
+    steps.answers["written"] = raiser(Failed())
     steps.answers["w: exited"] = lambda: truth
     assert module.get_token() is steps.secret
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
     assert steps.events[-len(READ) :] == READ
     assert sys.exc_info() == (None, None, None)
 
@@ -687,13 +690,13 @@ def test_a_swallowed_failure_of_writing_goes_on_to_read(module: ModuleType, step
 def test_a_swallowed_failure_of_reading_leaves_the_secret_unbound(
     module: ModuleType, steps: Steps, step: str
 ) -> None:
-    truth = Truth(True)
-    steps.answers[step] = raising(Failed())
+    truth = CountingBool(True)
+    steps.answers[step] = raiser(Failed())
     steps.answers["r: exited"] = lambda: truth
-    error = failure(UnboundLocalError, module.get_token)
+    error = raises_exactly(UnboundLocalError, module.get_token)
     assert str(error) == "local variable 'secret' referenced before assignment"
     assert error.__context__ is None
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
     assert entry(error, "get_token").line
 
 
@@ -702,9 +705,9 @@ def test_an_exit_that_fails_while_an_exception_passes_replaces_it_and_keeps_it_a
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
     body, leaving = Failed("in the body"), LookupError("while leaving")
-    steps.answers["written" if mode == "w" else "line"] = raising(body)
-    steps.answers[f"{mode}: exited"] = raising(leaving)
-    assert failure(LookupError, module.get_token) is leaving
+    steps.answers["written" if mode == "w" else "line"] = raiser(body)
+    steps.answers[f"{mode}: exited"] = raiser(leaving)
+    assert raises_exactly(LookupError, module.get_token) is leaving
     assert leaving.__context__ is body
     assert entry(leaving, "get_token").line
 
@@ -714,17 +717,17 @@ def test_an_exit_whose_answer_has_no_truth_replaces_the_exception(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
     body, truthless = Failed("in the body"), LookupError("no truth")
-    steps.answers["written" if mode == "w" else "line"] = raising(body)
-    steps.answers[f"{mode}: exited"] = lambda: Truth(truthless)
-    assert failure(LookupError, module.get_token) is truthless
+    steps.answers["written" if mode == "w" else "line"] = raiser(body)
+    steps.answers[f"{mode}: exited"] = lambda: CountingBool(truthless)
+    assert raises_exactly(LookupError, module.get_token) is truthless
     assert truthless.__context__ is body
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
 def test_entering_that_fails_is_not_left(module: ModuleType, steps: Steps, mode: str) -> None:
     error = Failed("entering")
-    steps.answers[f"{mode}: entered"] = raising(error)
-    assert failure(Failed, module.get_token) is error
+    steps.answers[f"{mode}: entered"] = raiser(error)
+    assert raises_exactly(Failed, module.get_token) is error
     assert f"{mode}: exit" not in steps.names
     assert steps.names[-1] == f"{mode}: enter"
 
@@ -733,7 +736,7 @@ class NoEnter:
     """Leaves, but does not enter; an instance attribute does not count."""
 
     def __init__(self) -> None:
-        self.__enter__ = raising(AssertionError("found on the instance"))
+        self.__enter__ = raiser(AssertionError("found on the instance"))
 
     def __exit__(self, *triple: object) -> None:
         raise AssertionError("left without being entered")
@@ -743,7 +746,7 @@ class NoExit:
     """Enters, but does not leave; an instance attribute does not count."""
 
     def __init__(self) -> None:
-        self.__exit__ = raising(AssertionError("found on the instance"))
+        self.__exit__ = raiser(AssertionError("found on the instance"))
 
     def __enter__(self) -> None:
         raise AssertionError("entered without a way to leave")
@@ -762,7 +765,7 @@ def test_what_is_no_context_manager_is_refused_before_it_is_entered(
     module: ModuleType, steps: Steps, mode: str, manager: type, missing: str
 ) -> None:
     steps.answers[f"open {mode}"] = manager
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == missing
     assert entry(error, "get_token").line
 
@@ -779,7 +782,7 @@ def test_a_special_method_whose_look_up_fails_ends_the_call(
 
     manager = type("Odd", (io.StringIO,), {name: Unbindable()})
     steps.answers["open w"] = manager
-    assert failure(Failed, module.get_token) is error
+    assert raises_exactly(Failed, module.get_token) is error
 
 
 def test_special_methods_may_be_any_callable_on_the_type(module: ModuleType, steps: Steps) -> None:
@@ -817,7 +820,7 @@ def test_file_without_method_is_refused_before_anything_else(
     if mode == "w":  # a C function, which must not be called with an exception set
         monkeypatch.setattr(module, "urandom", os.urandom)
     steps.answers[f"{mode}: entered"] = FileWithoutMethods
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
     assert steps.events[:body_begins] == (PATH + WRITE + READ)[:body_begins]
     ((event, kind, value, _traceback),) = steps.events[body_begins:]
@@ -905,7 +908,7 @@ def test_exit_sees_the_traceback_in_the_exception(
 
     steps.answers[f"{mode}: entered"] = FileWithoutMethods
     steps.answers[f"{mode}: exited"] = exited
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     ((of_the_exception, handled),) = seen
     assert of_the_exception is handled
     assert steps.events[-1][:3] == (f"{mode}: exit", AttributeError, error)
@@ -916,10 +919,6 @@ def test_exit_sees_the_traceback_in_the_exception(
 def test_path_is_read_before_the_class_is_looked_up() -> None:
     def rebind_in_the_getter() -> list[str]:
         import ctypes
-        import importlib
-
-        from tests.support.fake_siblings import Workbench, _c_pointer, capsule
-        from tests.support.isolated import MODULE
 
         text = ctypes.create_string_buffer(b"/nonexistent/secret")
         events = []
@@ -937,7 +936,7 @@ def test_path_is_read_before_the_class_is_looked_up() -> None:
             module.Path = path("the later Path")
             return ctypes.addressof(text)
 
-        bench = Workbench()
+        bench = SiblingSandbox()
         items: Any = bench._right["veldarin.modules.modules"]
         items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
             _c_pointer(getter), b"char *(void)"

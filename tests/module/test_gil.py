@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from tests.support.query_cases import Row, every_row
+from tests.support.query_cases import QueryCase, every_query
 from veldarin_simulator import GILProbes, Simulator
 
 # How long a native call waits; far longer than another thread takes to get a lock that is free.
@@ -52,9 +52,9 @@ def test_probe_sees_a_caller_that_releases_the_lock(
     assert simulator.gil_probes == GILProbes(calls=1, released=0)
 
 
-@every_row
+@every_query
 def test_query_holds_the_lock_across_native_calls(
-    simulator: Simulator, module: ModuleType, counter: ctypes.c_ulong, row: Row
+    simulator: Simulator, module: ModuleType, counter: ctypes.c_ulong, row: QueryCase
 ) -> None:
     """The calls are that of the service and that of json-c's serializer."""
     if row.native:

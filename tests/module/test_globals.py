@@ -10,8 +10,8 @@ from typing import Any, Callable, NamedTuple
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import RecordingLogger, failure, traceback_entries
-from tests.support.query_cases import ROWS
+from tests.support.assertions import RecordingLogger, raises_exactly, traceback_entries
+from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 
 HEADER = (
@@ -37,7 +37,7 @@ def uses(function: str, names: str, *arguments: Any, cli: str | None = "nothing"
     return [Use(function, arguments, name, cli) for name in names.split()]
 
 
-BRIDGED = {row.function: row.arguments for row in ROWS}
+BRIDGED = {row.function: row.arguments for row in QUERY_CASES}
 USES = [
     *uses("get_cookie_name", "text_ aps_unsigned_int_hash serial_number_ascii", True),
     *uses("get_token", "text_ Path open urandom hexlify"),
@@ -74,7 +74,7 @@ def test_a_name_found_nowhere_is_a_name_error(
 ) -> None:
     home = module if hasattr(module, use.name) else builtins
     monkeypatch.delattr(home, use.name)
-    error = failure(NameError, call, simulator, module, monkeypatch, use)
+    error = raises_exactly(NameError, call, simulator, module, monkeypatch, use)
     assert str(error) == f"name '{use.name}' is not defined"
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
@@ -106,11 +106,13 @@ def trapped(
     """Puts a trap under the name in `holder`; the call must run into it, and not before."""
     if use.name == "_CHARSET":  # an argument to a conversion
         how(holder, use.name, "no such charset")
-        error: BaseException = failure(LookupError, call, simulator, module, monkeypatch, use)
+        error: BaseException = raises_exactly(
+            LookupError, call, simulator, module, monkeypatch, use
+        )
         assert str(error) == "unknown encoding: no such charset"
     else:
         how(holder, use.name, Trap())
-        error = failure(Found, call, simulator, module, monkeypatch, use)
+        error = raises_exactly(Found, call, simulator, module, monkeypatch, use)
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
 
@@ -145,7 +147,7 @@ def test_the_modules_own_name_comes_before_the_builtins(
     monkeypatch.setattr(module, use.name, held, raising=False)
     monkeypatch.setattr(builtins, use.name, Trap(), raising=False)
     if use.name == "CFunctionError":
-        failure(module.CFunctionError, call, simulator, module, monkeypatch, use)
+        raises_exactly(module.CFunctionError, call, simulator, module, monkeypatch, use)
     else:
         call(simulator, module, monkeypatch, use)
 
@@ -167,15 +169,13 @@ def test_error_of_the_builtins_getattr_propagates(
     home = module if hasattr(module, use.name) else builtins
     monkeypatch.delattr(home, use.name)
     monkeypatch.setattr(builtins, "__getattr__", look_up, raising=False)
-    assert failure(ValueError, call, simulator, module, monkeypatch, use) is error
+    assert raises_exactly(ValueError, call, simulator, module, monkeypatch, use) is error
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
 
 
 def fail_in_comparison(where: str, calls: list[list[Any]]) -> list[str]:
     """How calls end while a key in the way of a name cannot be compared; none deletes a name."""
-    import builtins
-
     from veldarin_simulator import Simulator
 
     class Unequal(str):
@@ -235,7 +235,7 @@ def test_a_name_that_the_bfd_listing_misses_is_logged(
     monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: session)
     monkeypatch.delattr(module, name)
     assert module.list_bfd_neighbor() == []
-    assert logger.debugged == [f"e:name '{name}' is not defined"]
+    assert logger.debug_messages == [f"e:name '{name}' is not defined"]
 
 
 def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
@@ -246,7 +246,7 @@ def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
     monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: {"s": {}})
     monkeypatch.setattr(module, "copy", Trap())
     assert module.list_bfd_neighbor() == []
-    assert logger.debugged == ["e:"]  # the trap's own exception has no text
+    assert logger.debug_messages == ["e:"]  # the trap's own exception has no text
 
 
 def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
@@ -254,7 +254,7 @@ def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
 ) -> None:
     monkeypatch.setattr(module, "get_bfd_neighbor", Trap())
     monkeypatch.delattr(module, "_logger")
-    error = failure(NameError, module.list_bfd_neighbor)
+    error = raises_exactly(NameError, module.list_bfd_neighbor)
     assert str(error) == "name '_logger' is not defined"
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == "list_bfd_neighbor"

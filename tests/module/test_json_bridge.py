@@ -11,47 +11,47 @@ import pytest
 import ujson
 
 from tests.support.assertions import (
-    Number,
+    CountingInt,
     Recorder,
     entry,
-    failure,
     line,
-    raising,
-    taken_apart,
+    raiser,
+    raises_exactly,
     traceback_entries,
+    with_types,
 )
 from tests.support.query_cases import (
     FIRST_LINES,
-    Row,
-    crossings,
-    every_native_row,
-    every_row,
-    every_row_without_native,
-    natively,
+    QueryCase,
+    every_native_query,
+    every_query,
+    every_query_without_native,
+    native_calls,
     prepare,
+    without_releases,
 )
 from veldarin_simulator import RawJSON, Simulator
 
 # Success
 
 
-@every_row
+@every_query
 def test_request_native_call_then_both_releases_request_first(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
     result = row.call(module)
-    assert taken_apart(result) == taken_apart(row.picks(row.reply))
-    assert crossings(simulator) == [
+    assert with_types(result) == with_types(row.select(row.reply))
+    assert native_calls(simulator) == [
         *row.sent,
         ("JSONObject.release", row.request),
         ("JSONObject.release", row.reply),
     ]
 
 
-@every_native_row
+@every_native_query
 def test_the_context_and_the_third_pointer_are_null(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
     row.call(module)
@@ -59,9 +59,9 @@ def test_the_context_and_the_third_pointer_are_null(
     assert (call.context, call.third, call.text) == (None, None, None)
 
 
-@every_row
+@every_query
 def test_one_dictionary_and_then_nothing_makes_the_two_objects(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
     made = Recorder()
@@ -74,41 +74,43 @@ def test_one_dictionary_and_then_nothing_makes_the_two_objects(
     assert arguments[0][0] is not arguments[2][0], "a fresh dictionary for every call"
 
 
-@every_row
+@every_query
 def test_the_parsed_value_is_returned_itself(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     parsed = [{"interface": [{"name": row.request.get("name")}]}]
     loads = Recorder(lambda text: parsed)
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
-    assert row.call(module) is row.picks(parsed)
+    assert row.call(module) is row.select(parsed)
     ((text,),) = loads.positional
     assert type(text) is bytes
     assert json.loads(text) == row.reply
 
 
-@every_row_without_native
+@every_query_without_native
 def test_an_untouched_response_parses_to_none_unless_the_sibling_holds_something(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     assert row.call(module) is None
     simulator.default_response = RawJSON('{"x": 1}')
     assert row.call(module) == {"x": 1}
-    assert natively(simulator) == []
+    assert without_releases(simulator) == []
 
 
-@every_native_row
-def test_a_null_reply_is_parsed_as_none(simulator: Simulator, module: ModuleType, row: Row) -> None:
+@every_native_query
+def test_a_null_reply_is_parsed_as_none(
+    simulator: Simulator, module: ModuleType, row: QueryCase
+) -> None:
     simulator.set_reply(str(row.native), None)
     simulator.default_response = RawJSON('{"replaced": true}')
     if row.function == "list_system_interface_physical":
-        error = failure(TypeError, row.call, module)
+        error = raises_exactly(TypeError, row.call, module)
         assert str(error) == "'NoneType' object is not subscriptable"
     else:
         assert row.call(module) is None
-        assert crossings(simulator)[-1] == ("JSONObject.release", None)
-    assert natively(simulator) == row.sent
+        assert native_calls(simulator)[-1] == ("JSONObject.release", None)
+    assert without_releases(simulator) == row.sent
 
 
 @pytest.mark.parametrize(
@@ -133,7 +135,7 @@ def test_replies_of_every_shape_come_back_whole(
     simulator: Simulator, module: ModuleType, reply: object
 ) -> None:
     simulator.set_reply("build_switch_lg_state", reply)
-    assert taken_apart(module.list_switch_lg_state()) == taken_apart(reply)
+    assert with_types(module.list_switch_lg_state()) == with_types(reply)
 
 
 @pytest.mark.parametrize("text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"'])
@@ -161,9 +163,9 @@ def test_the_answer_may_depend_on_the_request(simulator: Simulator, module: Modu
 # The parser is looked up when it is needed
 
 
-@every_native_row
+@every_native_query
 def test_the_parser_is_looked_up_after_the_native_call(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     parsed = [{"interface": [{"name": "port1"}]}]
 
@@ -172,35 +174,35 @@ def test_the_parser_is_looked_up_after_the_native_call(
         return row.reply
 
     simulator.set_reply(str(row.native), answer)
-    assert row.call(module) is row.picks(parsed)
+    assert row.call(module) is row.select(parsed)
 
 
 SERIALIZER = "json_object_to_json_string"
 
 
-@every_row
+@every_query
 def test_loads_is_looked_up_before_the_reply_is_rendered(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     simulator.record_serializer()
     calls_at: dict[str, list[tuple[str, Any]]] = {}
 
     def loads(text: bytes) -> Any:
-        calls_at["call"] = crossings(simulator)
+        calls_at["call"] = native_calls(simulator)
         return ujson.loads(text)
 
     class Parser:
         @property
         def loads(self) -> object:
-            calls_at["lookup"] = crossings(simulator)
+            calls_at["lookup"] = native_calls(simulator)
             return loads
 
     monkeypatch.setattr(module, "json", Parser())
     row.call(module)
     assert calls_at["lookup"] == row.sent
     assert calls_at["call"] == [*row.sent, (SERIALIZER, row.reply)]
-    assert crossings(simulator) == [
+    assert native_calls(simulator) == [
         *row.sent,
         (SERIALIZER, row.reply),
         ("JSONObject.release", row.request),
@@ -215,12 +217,12 @@ class Failed(Exception):
     """Only the tests raise it."""
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("missing", ["json", "loads"])
 def test_missing_loads_leaves_the_reply_unrendered(
     simulator: Simulator,
     module: ModuleType,
-    row: Row,
+    row: QueryCase,
     monkeypatch: pytest.MonkeyPatch,
     missing: str,
 ) -> None:
@@ -230,8 +232,8 @@ def test_missing_loads_leaves_the_reply_unrendered(
         monkeypatch.delattr(module, "json")
     else:
         monkeypatch.setattr(module, "json", SimpleNamespace())
-    failure(NameError if missing == "json" else AttributeError, row.call, module)
-    assert crossings(simulator) == row.sent
+    raises_exactly(NameError if missing == "json" else AttributeError, row.call, module)
+    assert native_calls(simulator) == row.sent
 
 
 def nth_fails(number: int, error: BaseException) -> Recorder:
@@ -245,90 +247,90 @@ def nth_fails(number: int, error: BaseException) -> Recorder:
     return recorder
 
 
-@every_row
+@every_query
 def test_a_request_that_cannot_be_made_ends_the_call(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     error = Failed()
     simulator.on_create = nth_fails(1, error)
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failed, row.call, module) is error
     assert line(error, row.function) == row.lines.request
     assert simulator.call_log == []
 
 
-@every_row
+@every_query
 def test_a_response_that_cannot_be_made_ends_the_call(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     error = Failed()
     simulator.on_create = nth_fails(2, error)
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failed, row.call, module) is error
     assert line(error, row.function) == row.lines.response
     assert simulator.call_log == []
 
 
-@every_row
+@every_query
 def test_without_the_parsers_global_the_call_ends_after_the_native_call(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     monkeypatch.delattr(module, "json")
-    error = failure(NameError, row.call, module)
+    error = raises_exactly(NameError, row.call, module)
     assert str(error) == "name 'json' is not defined"
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
+@every_query
 def test_a_parser_without_loads_is_an_attribute_error(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     monkeypatch.setattr(module, "json", SimpleNamespace())
-    error = failure(AttributeError, row.call, module)
+    error = raises_exactly(AttributeError, row.call, module)
     assert str(error) == "'types.SimpleNamespace' object has no attribute 'loads'"
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
+@every_query
 def test_a_failing_parser_ends_the_call_without_a_release(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     error = Failed()
-    monkeypatch.setattr(module, "json", SimpleNamespace(loads=raising(error)))
-    assert failure(Failed, row.call, module) is error
+    monkeypatch.setattr(module, "json", SimpleNamespace(loads=raiser(error)))
+    assert raises_exactly(Failed, row.call, module) is error
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("text", ["{oops", "", "[1,", "nul"])
 def test_invalid_json_raises_what_the_parser_raises(
-    simulator: Simulator, module: ModuleType, row: Row, text: str
+    simulator: Simulator, module: ModuleType, row: QueryCase, text: str
 ) -> None:
-    expected = failure(ujson.JSONDecodeError, ujson.loads, text.encode())
+    expected = raises_exactly(ujson.JSONDecodeError, ujson.loads, text.encode())
     if row.native:
         simulator.set_reply(row.native, RawJSON(text))
     else:
         simulator.default_response = RawJSON(text)
-    error = failure(ujson.JSONDecodeError, row.call, module)
+    error = raises_exactly(ujson.JSONDecodeError, row.call, module)
     assert error.args == expected.args
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("number", [1, 2])
 def test_a_failing_release_ends_the_call(
-    simulator: Simulator, module: ModuleType, row: Row, number: int
+    simulator: Simulator, module: ModuleType, row: QueryCase, number: int
 ) -> None:
     prepare(simulator, row)
     error = Failed()
     released = nth_fails(number, error)
     simulator.on_release = released
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failed, row.call, module) is error
     expected = row.lines.first_release if number == 1 else row.lines.second_release
     assert line(error, row.function) == expected
     texts = [json.loads(text) for (text,) in released.positional]
@@ -345,12 +347,12 @@ STEPS = [
 ]
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("failing", STEPS)
 def test_failing_step_is_not_retried(
     simulator: Simulator,
     module: ModuleType,
-    row: Row,
+    row: QueryCase,
     monkeypatch: pytest.MonkeyPatch,
     failing: str,
 ) -> None:
@@ -379,31 +381,31 @@ def test_failing_step_is_not_retried(
     simulator.on_create = lambda arguments: step("request" if arguments else "response")
     releases = iter(["release of the request", "release of the response"])
     simulator.on_release = lambda text: step(next(releases))
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failed, row.call, module) is error
     assert steps == STEPS[: STEPS.index(failing) + 1]
-    assert natively(simulator) == (row.sent if "loads lookup" in steps else [])
+    assert without_releases(simulator) == (row.sent if "loads lookup" in steps else [])
 
 
-@every_row
+@every_query
 def test_reply_is_rendered_once_when_loads_fails(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     simulator.record_serializer()
     loads = nth_fails(1, Failed())
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
-    failure(Failed, row.call, module)
+    raises_exactly(Failed, row.call, module)
     assert len(loads.calls) == 1
-    assert crossings(simulator) == [*row.sent, (SERIALIZER, row.reply)]
+    assert native_calls(simulator) == [*row.sent, (SERIALIZER, row.reply)]
 
 
-@every_row
+@every_query
 def test_a_failure_leaves_one_entry_at_the_functions_first_line(
-    simulator: Simulator, module: ModuleType, row: Row
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     error = Failed()
-    simulator.on_create = raising(error)
-    failure(Failed, row.call, module)
+    simulator.on_create = raiser(error)
+    raises_exactly(Failed, row.call, module)
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == row.function
     assert found.first_line < row.lines.request
@@ -425,7 +427,9 @@ every_acl_counter = pytest.mark.parametrize(
 
 def requested(simulator: Simulator) -> Any:
     """The request of the last call, as the sibling module was given it."""
-    return [data for service, data in crossings(simulator) if service == "JSONObject.release"][-2]
+    return [data for service, data in native_calls(simulator) if service == "JSONObject.release"][
+        -2
+    ]
 
 
 @every_acl_counter
@@ -440,7 +444,7 @@ def test_a_false_policy_sends_the_empty_request(
 ) -> None:
     getattr(module, function)(policy)
     assert requested(simulator) == {}
-    assert natively(simulator) == ([(native, {})] if native else [])
+    assert without_releases(simulator) == ([(native, {})] if native else [])
 
 
 @every_acl_counter
@@ -464,8 +468,8 @@ def test_a_true_policy_is_sent_unchanged(
     (((request,),), _response) = made.positional
     assert list(request) == ["policy_id"]
     assert request["policy_id"] is policy
-    assert taken_apart(requested(simulator)) == taken_apart({"policy_id": policy})
-    assert natively(simulator) == ([(native, {"policy_id": policy})] if native else [])
+    assert with_types(requested(simulator)) == with_types({"policy_id": policy})
+    assert without_releases(simulator) == ([(native, {"policy_id": policy})] if native else [])
 
 
 @every_acl_counter
@@ -478,14 +482,14 @@ def test_the_policys_truth_is_asked_once_before_the_request_is_made(
     request_line: int,
     truth: bool,
 ) -> None:
-    policy = Number(5)
+    policy = CountingInt(5)
     policy.truth = truth
-    made = Recorder(lambda args: asked.append(policy.asked))
+    made = Recorder(lambda args: asked.append(policy.bool_calls))
     asked: list[int] = []
     simulator.on_create = made
     getattr(module, function)(policy)
     assert asked == [1, 1]
-    assert policy.asked == 1
+    assert policy.bool_calls == 1
     assert requested(simulator) == ({"policy_id": 5} if truth else {})
 
 
@@ -494,11 +498,11 @@ def test_a_failing_truth_is_reported_at_the_request(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
     error = Failed()
-    policy = Number(5)
+    policy = CountingInt(5)
     policy.truth = error
     made = Recorder()
     simulator.on_create = made
-    assert failure(Failed, getattr(module, function), policy) is error
+    assert raises_exactly(Failed, getattr(module, function), policy) is error
     assert line(error, function) == request_line
     assert made.calls == []
     assert simulator.call_log == []
@@ -508,7 +512,7 @@ def test_a_failing_truth_is_reported_at_the_request(
 def test_a_policy_that_the_request_cannot_hold_is_the_siblings_error(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
-    error = failure(TypeError, getattr(module, function), object())
+    error = raises_exactly(TypeError, getattr(module, function), object())
     assert line(error, function) == request_line
     assert simulator.call_log == []
 
@@ -519,7 +523,7 @@ def test_the_unwired_counters_return_the_same_whatever_the_policy(
 ) -> None:
     simulator.default_response = RawJSON('{"counters": []}')
     assert getattr(module, function)(5) == getattr(module, function)() == {"counters": []}
-    assert natively(simulator) == []
+    assert without_releases(simulator) == []
 
 
 @every_acl_counter
@@ -541,7 +545,7 @@ def test_faulty_arguments_are_reported_at_the_first_line(
     keywords: dict[str, object],
     text: str,
 ) -> None:
-    error = failure(TypeError, getattr(module, function), *positional, **keywords)
+    error = raises_exactly(TypeError, getattr(module, function), *positional, **keywords)
     assert str(error) == text.format(function)
     found = entry(error, function)
     assert found.line == found.first_line == FIRST_LINES[function]

@@ -6,13 +6,29 @@ there is one, and serves a single interpreter per process.
 
 from __future__ import annotations
 
+import builtins
+import importlib
+import sys
+from importlib.machinery import ModuleSpec
+from types import BuiltinFunctionType, SimpleNamespace
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
-from tests.support.fake_siblings import CREATE_SLOT, EXEC_SLOT
+from tests.support.fake_siblings import (
+    CREATE_SLOT,
+    EXEC_SLOT,
+    SiblingSandbox,
+    create_from_spec,
+    create_module,
+    definition,
+    entry_point,
+    rows_until_null,
+    run_create_slot,
+)
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
 
 INTERPRETER_CHANGE = (
     "Interpreter change detected - this module can only be loaded into one interpreter per process."
@@ -32,10 +48,6 @@ COPIED = {
 
 def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str, Any]:
     """Creates the module from an import spec of these attributes; `raising` ones fail so."""
-    import builtins
-
-    from tests.support.fake_siblings import created_from
-    from tests.support.isolated import PRODUCT, describe
 
     class ImportSpec:
         def __getattr__(self, name: str) -> object:
@@ -46,9 +58,9 @@ def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str
             raise AttributeError(name)
 
     try:
-        module = created_from(str(PRODUCT), ImportSpec())
+        module = create_from_spec(ImportSpec())
     except Exception as error:
-        return {"error": describe(error)}
+        return {"error": encode_exception(error)}
     plain = (str, type(None), list)
     return {name: held for name, held in vars(module).items() if isinstance(held, plain)}
 
@@ -65,12 +77,7 @@ WHOLE = {
 
 def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> None:
     def call_all(calls: list[list[Any]]) -> list[str]:
-        from importlib.machinery import ModuleSpec
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
-        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        module = create_from_spec(ModuleSpec(MODULE, None))
         told = []
         for name, required in calls:
             try:
@@ -97,12 +104,7 @@ REFUSED: list[list[Any]] = [
 
 def test_call_before_execution_does_not_check_its_arguments() -> None:
     def call_all(calls: list[list[Any]]) -> list[list[Any]]:
-        from importlib.machinery import ModuleSpec
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
-        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        module = create_from_spec(ModuleSpec(MODULE, None))
         ended: list[list[Any]] = []
         for name, arguments in calls:
             try:
@@ -119,12 +121,8 @@ def test_call_before_execution_does_not_check_its_arguments() -> None:
 def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
     def call_entry() -> list[object]:
         import ctypes
-        import sys
 
-        from tests.support.fake_siblings import entry_point
-        from tests.support.isolated import PRODUCT
-
-        entry = entry_point(str(PRODUCT))
+        entry = entry_point()
         modules = dict(sys.modules)
         first = entry()
         definition: object = ctypes.cast(first, ctypes.py_object).value
@@ -135,10 +133,7 @@ def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
 
 def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
     def read_definition() -> dict[str, Any]:
-        from tests.support.fake_siblings import definition, rows_until_null
-        from tests.support.isolated import PRODUCT
-
-        defined = definition(str(PRODUCT))
+        defined = definition()
         methods = rows_until_null(defined.methods, "name")
         return {
             "name": defined.name.decode(),
@@ -169,10 +164,7 @@ def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
 
 def test_the_module_has_its_name_and_no_docstring() -> None:
     def names() -> list[object]:
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import PRODUCT
-
-        module = created(str(PRODUCT))
+        module = create_module()
         return [module.__name__, module.__doc__]
 
     assert isolated.value(names) == [isolated.MODULE, None]
@@ -238,32 +230,23 @@ def test_a_getter_that_raises_anything_else_fails_the_creation(attribute: str, e
 
 def test_every_creation_before_the_first_execution_gives_a_new_object() -> None:
     def create_twice() -> bool:
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import PRODUCT
-
-        return created(str(PRODUCT)) is created(str(PRODUCT))
+        return create_module() is create_module()
 
     assert isolated.value(create_twice) is False
 
 
 def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> None:
     def create_again() -> list[object]:
-        import importlib
-        import sys
-
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import MODULE, PRODUCT
-
         module = importlib.import_module(MODULE)
         before = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
-        again = created(str(PRODUCT), "another.modules_util")
+        again = create_module("another.modules_util")
         after = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
         changed = [name for name in after if after[name] is not before.get(name)]
         for _ in range(20):
-            created(str(PRODUCT))
+            create_module()
         count = sys.getrefcount(module)
         for _ in range(200):
-            created(str(PRODUCT))
+            create_module()
         return [again is module, module.__name__, changed, sys.getrefcount(module) - count]
 
     same, name, changed, references = isolated.value(create_again)
@@ -276,12 +259,6 @@ def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> 
 
 def test_create_slot_after_execution_changes_no_name() -> None:
     def run_slot_again() -> list[object]:
-        import importlib
-        from types import SimpleNamespace
-
-        from tests.support.fake_siblings import run_create_slot
-        from tests.support.isolated import MODULE, PRODUCT
-
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = module.new_cookie_id = module.__file__ = "rebound"
         del module.Counters, module.get_token, module.__package__
@@ -293,7 +270,7 @@ def test_create_slot_after_execution_changes_no_name() -> None:
             parent="another package",
             submodule_search_locations=["another place"],
         )
-        again = run_create_slot(str(PRODUCT), other)
+        again = run_create_slot(other)
         return [
             again is module,
             list(vars(module)) == list(before),
@@ -312,13 +289,6 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
     """
 
     def create_again(way: str) -> list[object]:
-        import importlib
-        import sys
-        from types import BuiltinFunctionType, SimpleNamespace
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = module.new_cookie_id = "rebound"
         del module.Counters, module.get_token
@@ -327,7 +297,7 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
             del sys.modules[MODULE]
             again = importlib.import_module(MODULE)
         else:
-            again = created_from(str(PRODUCT), SimpleNamespace(name=MODULE, origin="other file"))
+            again = create_from_spec(SimpleNamespace(name=MODULE, origin="other file"))
         held = dict(vars(module))
         added = [name for name in held if name not in before]
         changed = [name for name in before if name in held and held[name] is not before[name]]
@@ -354,11 +324,6 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
 
 def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
     def read_again() -> list[str]:
-        import importlib
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
         importlib.import_module(MODULE)
         read = []
 
@@ -367,7 +332,7 @@ def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
                 read.append(name)
                 return MODULE
 
-        created_from(str(PRODUCT), ImportSpec())
+        create_from_spec(ImportSpec())
         return read
 
     assert isolated.value(read_again) == ["name"]
@@ -376,27 +341,23 @@ def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
 def load_in_two_interpreters(in_main_first: str) -> list[Any]:
     """Creates the module in a second interpreter after `in_main_first` happened in the main one."""
     import _xxsubinterpreters
-    import importlib
     import os
     from typing import Any, cast
-
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
 
     interpreters = cast(Any, _xxsubinterpreters)
     done = []
     if in_main_first == "import":
         done.append(importlib.import_module(MODULE).__name__)
     elif in_main_first == "failed import":
-        bench = Workbench()
-        bench.spoil("siblings['util.json'] = None")
+        bench = SiblingSandbox()
+        bench.break_("siblings['util.json'] = None")
         try:
             importlib.import_module(MODULE)
         except ImportError as error:
             done.append(str(error))
-        bench.repair()
+        bench.restore()
     else:
-        done.append(created(str(PRODUCT)).__name__)
+        done.append(create_module().__name__)
 
     read, write = os.pipe()
     interpreters.run_string(
@@ -405,8 +366,8 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         import os
         from importlib.machinery import ExtensionFileLoader
         from importlib.util import module_from_spec, spec_from_file_location
-        loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
-        found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+        loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
+        found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
         try:
             said = "created " + module_from_spec(found).__name__
         except BaseException as error:
@@ -442,21 +403,18 @@ def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
         import _xxsubinterpreters
         from typing import Any, cast
 
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import MODULE, PRODUCT
-
         interpreters = cast(Any, _xxsubinterpreters)
         interpreters.run_string(
             interpreters.create(),
             f"""if True:
             from importlib.machinery import ExtensionFileLoader
             from importlib.util import module_from_spec, spec_from_file_location
-            loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
-            found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+            loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
+            found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
             module_from_spec(found)
         """,
         )
-        created(str(PRODUCT))
+        create_module()
 
     refused = isolated.error(create_elsewhere_first)
     assert (refused.type, refused.text) == ("ImportError", INTERPRETER_CHANGE)

@@ -15,6 +15,7 @@ import ujson
 
 from tests.support import isolated
 from tests.support.assertions import MODULE
+from tests.support.fake_siblings import SiblingSandbox, create_module, exec_module
 from tests.support.function_table import FUNCTIONS, Function
 
 INTERPRETERS_OWN = {
@@ -56,10 +57,6 @@ every_function = pytest.mark.parametrize("function", FUNCTIONS, ids=lambda row: 
 
 def fresh_names() -> list[str]:
     """The names in the order of the namespace, before any test touched it."""
-    import importlib
-
-    from tests.support.isolated import MODULE
-
     return list(vars(importlib.import_module(MODULE)))
 
 
@@ -133,7 +130,7 @@ def test_a_name_is_bound_to_this_very_object(module: ModuleType, name: str, valu
         ("__name__", MODULE),
         ("__package__", "veldarin.modules"),
         ("__doc__", None),
-        pytest.param("__file__", str(isolated.PRODUCT), id="__file__"),
+        pytest.param("__file__", str(isolated.MODULE_PATH), id="__file__"),
     ],
 )
 def test_a_name_has_this_type_and_value(module: ModuleType, name: str, value: object) -> None:
@@ -164,20 +161,14 @@ def test_counters_is_the_record_of_an_interfaces_counts(module: ModuleType) -> N
 
 def test_counters_module_is_that_of_the_importing_code() -> None:
     def execute_directly() -> str:
-        from tests.support.fake_siblings import Workbench, created, execute
-        from tests.support.isolated import PRODUCT
-
-        Workbench()
-        module: Any = created(str(PRODUCT))
-        execute(module)  # the nearest Python code is that of `execute`
+        SiblingSandbox()
+        module: Any = create_module()
+        exec_module(module)  # the nearest Python code is that of `execute`
         name: str = module.Counters.__module__
         return name
 
     def import_normally() -> list[object]:
-        import importlib
         import pickle
-
-        from tests.support.isolated import MODULE
 
         counters: Any = importlib.import_module(MODULE).Counters
         try:

@@ -10,8 +10,8 @@ from types import ModuleType
 
 import pytest
 
-from tests.support.assertions import failure
-from tests.support.fake_cli import CommandLine
+from tests.support.assertions import raises_exactly
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import RawJSON, Simulator
 
 POINTER = struct.calcsize("P")
@@ -46,7 +46,7 @@ def test_a_number_beyond_64_bits_is_refused_and_nothing_is_asked(
     simulator: Simulator, module: ModuleType
 ) -> None:
     for number in (2**64, -(2**63) - 1):
-        failure(OverflowError, module.switch_acl_ingress_counter, number)
+        raises_exactly(OverflowError, module.switch_acl_ingress_counter, number)
     assert [call for call in simulator.call_log if call.service.startswith("build_")] == []
 
 
@@ -126,13 +126,13 @@ def test_a_pager_prompt_is_removed_wherever_it_lies(
 
 
 @pytest.mark.parametrize("wide", ["", "\xe9", "\u20ac", "\U0001f600"], ids=ascii)
-def test_values_that_differ_in_one_character_are_told_apart(cli: CommandLine, wide: str) -> None:
+def test_values_that_differ_in_one_character_are_told_apart(cli: FakeCli, wide: str) -> None:
     # Short values are looked for among those made before, by words read at any place of the text.
     values = ["", *("x" * n for n in range(1, 70))]
     values += ["x" * n + "y" + "x" * (size - n - 1) for size in (1, 7, 8, 9, 16, 17, 64, 65)
                for n in range(size)]  # fmt: skip
     rows = [f"{value}1 {value}2 {value}3 {value}4{wide}" for value in (*values, *values[::-1])]
-    cli.prints("Address", *rows)
+    cli.set_output("Address", *rows)
     assert [" ".join(row.values()) for row in cli.parser.get_system_arp_result()] == rows
 
 

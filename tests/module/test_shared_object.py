@@ -99,17 +99,23 @@ def alone() -> Path:
     return Path(done.stdout.splitlines()[-1])
 
 
-@pytest.fixture(params=["staged", "alone"])
+MODULE_ALONE = pytest.param(
+    "alone", marks=pytest.mark.workstation_only("make module builds for the workstation")
+)
+
+
+@pytest.fixture(params=["staged", MODULE_ALONE])
 def product(request: pytest.FixtureRequest) -> Path:
     """The product's file, both ways it is built; sanitizers need libraries of their own."""
     if request.param == "alone":
         path: Path = request.getfixturevalue("alone")
         return path
-    if any(name.startswith("__asan") for name in symbols(isolated.PRODUCT, "--undefined-only")):
+    if any(name.startswith("__asan") for name in symbols(isolated.MODULE_PATH, "--undefined-only")):
         pytest.skip("built with sanitizers: this file does not ship")
-    return isolated.PRODUCT
+    return isolated.MODULE_PATH
 
 
+@pytest.mark.workstation_only("make module builds for the workstation")
 def test_the_module_is_built_alone_and_its_path_printed_last(alone: Path) -> None:
     assert alone.is_absolute()
     assert alone.is_file()
@@ -135,6 +141,7 @@ def test_the_file_that_ships_is_small(alone: Path) -> None:
     assert size <= QUARTER.get((platform.machine(), version), SMALL)
 
 
+@pytest.mark.workstation_only("make module builds for the workstation")
 def test_the_file_that_ships_is_a_quarter_of_the_compiled_peers(alone: Path) -> None:
     peers = list(isolated.BUILD.glob("benchmarks/modules_cython.*.so"))
     if not peers:
@@ -193,6 +200,6 @@ def test_the_stand_in_exports_every_native_service() -> None:
 
 
 def test_the_stage_holds_one_file_of_the_product() -> None:
-    assert [path.name for path in isolated.PRODUCT.parent.glob("modules_util*.so")] == [
-        isolated.PRODUCT.name
+    assert [path.name for path in isolated.MODULE_PATH.parent.glob("modules_util*.so")] == [
+        isolated.MODULE_PATH.name
     ]

@@ -9,8 +9,10 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, Recorder, entry, failure, wrong_type
-from tests.support.query_cases import crossings, natively
+from tests.support.assertions import FILE, Recorder, entry, raises_exactly, wrong_type_message
+from tests.support.fake_siblings import create_module, exec_module
+from tests.support.isolated import WRONG_PYTHON_MODULE, encode_exception
+from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
 EVENTS = [
@@ -29,7 +31,7 @@ def test_the_summary_is_the_hosts(simulator: Simulator, module: ModuleType) -> N
     reply = {"profiles": [{"name": "p1", "packets": 17}], "data": None}
     simulator.set_reply("build_system_sniffer_profile_summary", reply)
     assert module.get_system_sniffer_profile_summary() == reply
-    assert natively(simulator) == [("build_system_sniffer_profile_summary", {})]
+    assert without_releases(simulator) == [("build_system_sniffer_profile_summary", {})]
 
 
 @pytest.mark.parametrize("event, native", EVENTS)
@@ -47,7 +49,7 @@ def test_each_event_calls_its_native_function_and_no_other(
     else:
         result = module.capture_sniffer_profile(event=copied, profile_name="p1")
     assert result == {"answered by": native}
-    assert natively(simulator) == [(native, {"profile-name": "p1"})]
+    assert without_releases(simulator) == [(native, {"profile-name": "p1"})]
     call = simulator.call_log[0]
     assert (call.context, call.third) == (None, None)
 
@@ -77,8 +79,8 @@ def test_any_other_event_calls_nothing_and_returns_the_untouched_response(
     assert module.capture_sniffer_profile("p1", event) is None
     simulator.default_response = RawJSON('{"x": 1}')
     assert module.capture_sniffer_profile("p1", event) == {"x": 1}
-    assert natively(simulator) == []
-    assert crossings(simulator)[-2:] == [
+    assert without_releases(simulator) == []
+    assert native_calls(simulator)[-2:] == [
         ("JSONObject.release", {"profile-name": "p1"}),
         ("JSONObject.release", {"x": 1}),
     ]
@@ -88,19 +90,17 @@ def failing_comparison(number: int) -> dict[str, Any]:
     """Calls `capture_sniffer_profile` while the comparison of this number fails."""
     import os
 
-    from tests.support.fake_siblings import created, execute
-    from tests.support.isolated import OTHER_RUNTIME, describe
     from veldarin_simulator import Simulator
 
     os.environ["SEEMING_VERSION"] = "3.9.0"
     with Simulator(live=False) as simulator:
-        module = created(str(OTHER_RUNTIME))
-        execute(module)
+        module = create_module(path=WRONG_PYTHON_MODULE)
+        exec_module(module)
         os.environ["FAILING_COMPARISON"] = str(number)
         try:
             module.capture_sniffer_profile("p1", "Other")
         except MemoryError as error:
-            entries = describe(error)["entries"]
+            entries = encode_exception(error)["entries"]
             return {"entries": entries, "calls": [call.service for call in simulator.call_log]}
     return {}
 
@@ -132,7 +132,7 @@ def test_the_profile_name_is_sent_as_given_under_the_hyphenated_key(
     request = made.positional[0][0][0]
     assert list(request) == ["profile-name"]
     assert request["profile-name"] is profile
-    assert natively(simulator) == [
+    assert without_releases(simulator) == [
         ("build_stop_sniffer_profile_capture", {"profile-name": profile})
     ]
 
@@ -150,10 +150,10 @@ def test_what_is_not_exactly_text_is_refused_before_any_request(
     simulator.on_create = made
     given: dict[str, object] = {"profile_name": "p1", "event": "Stop", parameter: value}
     if keywords:
-        error = failure(TypeError, module.capture_sniffer_profile, **given)
+        error = raises_exactly(TypeError, module.capture_sniffer_profile, **given)
     else:
-        error = failure(TypeError, module.capture_sniffer_profile, *given.values())
-    assert str(error) == wrong_type(parameter, "str", value)
+        error = raises_exactly(TypeError, module.capture_sniffer_profile, *given.values())
+    assert str(error) == wrong_type_message(parameter, "str", value)
     found = entry(error, "capture_sniffer_profile")
     assert found.line == found.first_line == 361
     assert made.calls == []
@@ -161,8 +161,8 @@ def test_what_is_not_exactly_text_is_refused_before_any_request(
 
 
 def test_the_profile_name_is_tested_before_the_event(module: ModuleType) -> None:
-    error = failure(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
-    assert str(error) == wrong_type("profile_name", "str", 2)
+    error = raises_exactly(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
+    assert str(error) == wrong_type_message("profile_name", "str", 2)
 
 
 @pytest.mark.parametrize(
@@ -182,7 +182,7 @@ def test_faulty_arguments_are_reported_at_line_361(
     keywords: dict[str, object],
     text: str,
 ) -> None:
-    error = failure(TypeError, module.capture_sniffer_profile, *arguments, **keywords)
+    error = raises_exactly(TypeError, module.capture_sniffer_profile, *arguments, **keywords)
     assert str(error) == f"capture_sniffer_profile() {text}"
     found = entry(error, "capture_sniffer_profile")
     assert found.line == found.first_line == 361

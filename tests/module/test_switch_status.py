@@ -7,8 +7,15 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import Number, Recorder, entry, failure, line, wrong_type
-from tests.support.query_cases import FIRST_LINES, crossings, natively
+from tests.support.assertions import (
+    CountingInt,
+    Recorder,
+    entry,
+    line,
+    raises_exactly,
+    wrong_type_message,
+)
+from tests.support.query_cases import FIRST_LINES, native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
 
@@ -18,7 +25,9 @@ class Text(str):
 
 def requested(simulator: Simulator) -> Any:
     """The request of the last call, as its object held it."""
-    return [data for service, data in crossings(simulator) if service == "JSONObject.release"][-2]
+    return [data for service, data in native_calls(simulator) if service == "JSONObject.release"][
+        -2
+    ]
 
 
 IF_TRUE = [("list_switch_trunk_state", "trunk_name"), ("list_switch_mclag_list", "mkey")]
@@ -40,19 +49,19 @@ def test_the_stp_instance_is_always_sent(
 ) -> None:
     simulator.set_reply("build_switch_stp_state", ["reply"])
     assert module.list_switch_stp_state(instance) == ["reply"]
-    assert natively(simulator) == [("build_switch_stp_state", {"instance_id": instance})]
+    assert without_releases(simulator) == [("build_switch_stp_state", {"instance_id": instance})]
 
 
 def test_the_stp_instance_is_never_tested_and_sent_itself(
     simulator: Simulator, module: ModuleType
 ) -> None:
-    instance = Number(4)
+    instance = CountingInt(4)
     instance.truth = AssertionError("asked")
     made = Recorder()
     simulator.on_create = made
     module.list_switch_stp_state(instance)
     assert made.positional[0][0][0]["instance_id"] is instance
-    assert instance.asked == 0
+    assert instance.bool_calls == 0
 
 
 @by_truth
@@ -86,10 +95,10 @@ def test_a_true_argument_is_sent_under_its_key_unchanged(
 def test_truth_is_asked_once(
     simulator: Simulator, module: ModuleType, function: str, key: str, truth: bool
 ) -> None:
-    value = Number(9)
+    value = CountingInt(9)
     value.truth = truth
     getattr(module, function)(value)
-    assert value.asked == 1
+    assert value.bool_calls == 1
     assert requested(simulator) == ({key: 9} if truth else {})
 
 
@@ -97,11 +106,11 @@ def test_truth_is_asked_once(
 def test_a_failing_truth_is_reported_at_the_request(
     simulator: Simulator, module: ModuleType, function: str, key: str
 ) -> None:
-    value = Number(9)
+    value = CountingInt(9)
     value.truth = error = LookupError("no truth")
     made = Recorder()
     simulator.on_create = made
-    assert failure(LookupError, getattr(module, function), value) is error
+    assert raises_exactly(LookupError, getattr(module, function), value) is error
     assert line(error, function) == FIRST_LINES[function] + 1
     assert made.calls == []
 
@@ -137,7 +146,7 @@ def test_only_none_is_no_port_name_but_igmp_takes_an_empty_name_for_none_too(
     simulator.on_create = made
     simulator.set_reply(native, {"ports": [port]})
     assert getattr(module, function)(port) == {"ports": [port]}
-    assert natively(simulator) == [(native, request_sent)]
+    assert without_releases(simulator) == [(native, request_sent)]
     request = made.positional[0][0][0]
     assert request == request_sent
     if request_sent:
@@ -158,8 +167,8 @@ def test_a_port_name_that_is_not_exactly_text_is_refused_before_any_request(
 ) -> None:
     made = Recorder()
     simulator.on_create = made
-    error = failure(TypeError, getattr(module, function), port)
-    assert str(error) == wrong_type("port_name", "str", port)
+    error = raises_exactly(TypeError, getattr(module, function), port)
+    assert str(error) == wrong_type_message("port_name", "str", port)
     found = entry(error, function)
     assert found.line == found.first_line == FIRST_LINES[function]
     assert made.calls == []
@@ -167,7 +176,7 @@ def test_a_port_name_that_is_not_exactly_text_is_refused_before_any_request(
 
 
 def test_a_port_number_is_refused_in_these_words(module: ModuleType) -> None:
-    error = failure(TypeError, module.list_switch_port_statistics, 5)
+    error = raises_exactly(TypeError, module.list_switch_port_statistics, 5)
     assert str(error) == "Argument 'port_name' has incorrect type (expected str, got int)"
 
 
@@ -175,7 +184,7 @@ def test_a_port_number_is_refused_in_these_words(module: ModuleType) -> None:
 def test_faulty_arguments_are_reported_at_the_first_line(
     module: ModuleType, function: str, key: str
 ) -> None:
-    error = failure(TypeError, getattr(module, function), 1, 2)
+    error = raises_exactly(TypeError, getattr(module, function), 1, 2)
     assert str(error) == f"{function}() takes at most 1 positional argument (2 given)"
     assert line(error, function) == FIRST_LINES[function]
 
@@ -192,7 +201,7 @@ def test_the_mclag_queries_return_the_untouched_response(
         module.switch_mclag_icl(),
     ]
     assert results == [expected] * 3
-    assert natively(simulator) == []
+    assert without_releases(simulator) == []
 
 
 def test_the_module_summary_calls_the_native_function_with_the_plural_name(
@@ -200,7 +209,7 @@ def test_the_module_summary_calls_the_native_function_with_the_plural_name(
 ) -> None:
     simulator.set_reply("build_switch_modules_summary", {"modules": 2})
     assert module.list_switch_module_summary() == {"modules": 2}
-    assert natively(simulator) == [("build_switch_modules_summary", {})]
+    assert without_releases(simulator) == [("build_switch_modules_summary", {})]
 
 
 @pytest.mark.parametrize(
@@ -217,4 +226,4 @@ def test_a_query_without_argument_sends_the_empty_request_and_nothing_is_picked(
     reply = {"statuses": [{"trunks": 1}], "data": {}}
     simulator.set_reply(native, reply)
     assert getattr(module, function)() == reply
-    assert natively(simulator) == [(native, {})]
+    assert without_releases(simulator) == [(native, {})]

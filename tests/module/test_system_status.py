@@ -12,13 +12,13 @@ import pytest
 from tests.support.assertions import (
     Recorder,
     entry,
-    failure,
     line,
-    raising,
-    taken_apart,
-    wrong_type,
+    raiser,
+    raises_exactly,
+    with_types,
+    wrong_type_message,
 )
-from tests.support.query_cases import crossings, natively
+from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
 PHYSICAL = "build_system_interface_physical"
@@ -50,7 +50,7 @@ def test_the_lists_are_the_hosts(
 ) -> None:
     simulator.set_reply(native, reply)
     assert getattr(module, function)() == reply
-    assert natively(simulator) == [(native, {})]
+    assert without_releases(simulator) == [(native, {})]
 
 
 A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
@@ -85,8 +85,8 @@ def test_the_first_interface_of_that_name_or_else_the_last_is_returned(
     simulator.set_reply(PHYSICAL, reply_of(*entries))
     if picked == 0:
         picked = entries[0]
-    assert taken_apart(module.list_system_interface_physical(name)) == taken_apart(picked)
-    assert crossings(simulator) == [
+    assert with_types(module.list_system_interface_physical(name)) == with_types(picked)
+    assert native_calls(simulator) == [
         (PHYSICAL, {"name": name}),
         ("JSONObject.release", {"name": name}),
         ("JSONObject.release", reply_of(*entries)),
@@ -114,10 +114,10 @@ def test_an_empty_interface_list_leaves_the_result_unbound(
     simulator: Simulator, module: ModuleType, name: str | None
 ) -> None:
     simulator.set_reply(PHYSICAL, reply_of())
-    error = failure(UnboundLocalError, module.list_system_interface_physical, name)
+    error = raises_exactly(UnboundLocalError, module.list_system_interface_physical, name)
     assert str(error) == "local variable 'data' referenced before assignment"
     assert line(error, "list_system_interface_physical") == 143
-    assert crossings(simulator) == [
+    assert native_calls(simulator) == [
         (PHYSICAL, {"name": name}),
         ("JSONObject.release", {"name": name}),
         ("JSONObject.release", reply_of()),
@@ -132,8 +132,8 @@ def test_a_name_that_is_not_exactly_text_is_refused(
 ) -> None:
     made = Recorder()
     simulator.on_create = made
-    error = failure(TypeError, module.list_system_interface_physical, name)
-    assert str(error) == wrong_type("name", "str", name)
+    error = raises_exactly(TypeError, module.list_system_interface_physical, name)
+    assert str(error) == wrong_type_message("name", "str", name)
     found = entry(error, "list_system_interface_physical")
     assert found.line == found.first_line
     assert 130 < found.line < 134
@@ -175,10 +175,10 @@ def test_a_reply_of_another_layout_fails_at_the_step_that_meets_it(
     at: int,
 ) -> None:
     simulator.set_reply(PHYSICAL, reply)
-    error = failure(kind, module.list_system_interface_physical, "A")
+    error = raises_exactly(kind, module.list_system_interface_physical, "A")
     assert str(error) == text
     assert line(error, "list_system_interface_physical") == at
-    assert natively(simulator) == [(PHYSICAL, {"name": "A"})]
+    assert without_releases(simulator) == [(PHYSICAL, {"name": "A"})]
     assert len(simulator.call_log) == 1, "nothing was released by the method table"
 
 
@@ -187,7 +187,7 @@ def test_anything_iterable_without_elements_leaves_the_result_unbound(
     simulator: Simulator, module: ModuleType, reply: object
 ) -> None:
     simulator.set_reply(PHYSICAL, reply)
-    error = failure(UnboundLocalError, module.list_system_interface_physical, "A")
+    error = raises_exactly(UnboundLocalError, module.list_system_interface_physical, "A")
     assert line(error, "list_system_interface_physical") == 143
 
 
@@ -356,9 +356,9 @@ def test_a_failing_step_of_the_choice_ends_the_call_at_its_line(
 ) -> None:
     error = Failed(where)
     parsed.value = Broken(where, error)
-    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failed, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == at
-    assert [service for service, _ in crossings(simulator)] == [PHYSICAL]
+    assert [service for service, _ in native_calls(simulator)] == [PHYSICAL]
 
 
 def test_an_iteration_that_fails_later_is_reported_at_the_loop(
@@ -371,7 +371,7 @@ def test_an_iteration_that_fails_later_is_reported_at_the_loop(
         raise error
 
     parsed.value = [{"interface": entries()}]
-    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failed, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == 138
 
 
@@ -380,10 +380,10 @@ def test_releases_come_after_the_choice_and_before_the_unbound_result(
     simulator: Simulator, module: ModuleType, number: int, at: int
 ) -> None:
     error = Failed()
-    released = Recorder(lambda text: raising(error)() if len(released.calls) == number else None)
+    released = Recorder(lambda text: raiser(error)() if len(released.calls) == number else None)
     simulator.on_release = released
     simulator.set_reply(PHYSICAL, reply_of())
-    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failed, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == at
 
 
@@ -393,4 +393,4 @@ def test_the_reply_may_hold_more_than_the_module_reads(
     text = '[{"interface": [{"name": "A", "z": [1.50, {"y": null}], "a": "b"}], "more": {}}, 5]'
     simulator.set_reply(PHYSICAL, RawJSON(text))
     picked = module.list_system_interface_physical("A")
-    assert taken_apart(picked) == taken_apart({"name": "A", "z": [1.5, {"y": None}], "a": "b"})
+    assert with_types(picked) == with_types({"name": "A", "z": [1.5, {"y": None}], "a": "b"})

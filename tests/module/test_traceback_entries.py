@@ -13,8 +13,9 @@ from typing import Any, Callable, NamedTuple
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, raising, traceback_entries
+from tests.support.assertions import FILE, raiser, traceback_entries
 from tests.support.function_table import FUNCTIONS, NAMED
+from tests.support.isolated import encode_exception
 from veldarin_simulator import Simulator
 
 
@@ -94,7 +95,7 @@ def provoke(
     """The exception of the call; of a raising global it is the very one that was raised."""
     raised = Stop(provoked.raises)
     if provoked.raises is not None:
-        held = Loads(raised) if provoked.raises == "json" else raising(raised)
+        held = Loads(raised) if provoked.raises == "json" else raiser(raised)
         monkeypatch.setattr(module, provoked.raises, held)
     function = getattr(module, provoked.function)
     with pytest.raises(BaseException) as caught:  # noqa: PT011 - any, it is looked at below
@@ -247,7 +248,6 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
     import _testcapi
     from typing import Any, cast
 
-    from tests.support.isolated import describe
     from veldarin_simulator import Simulator
 
     capi = cast(Any, _testcapi)
@@ -259,7 +259,7 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
             new_cookie_id()
         except MemoryError as error:
             capi.remove_mem_hooks()
-            entries: list[list[object]] = describe(error)["entries"]
+            entries: list[list[object]] = encode_exception(error)["entries"]
             return entries
     return []
 

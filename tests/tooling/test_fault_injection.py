@@ -47,7 +47,7 @@ def test_no_two_cases_of_the_sweep_have_the_same_name() -> None:
 
 def test_what_the_module_calls_is_fallible_or_reviewed() -> None:
     assert call_sites.unknown_calls() == []
-    assert call_sites.unknown_symbols(isolated.PRODUCT) == []
+    assert call_sites.unknown_symbols(isolated.MODULE_PATH) == []
 
 
 def test_what_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
@@ -59,11 +59,14 @@ def test_what_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch, tmp_p
     assert call_sites.unknown_calls() == ["source.cpp:3:PyList_Sort(list)"]
 
 
+@pytest.mark.workstation_only(
+    "sys.executable is the emulator's launcher there, not the interpreter"
+)
 def test_a_symbol_that_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch) -> None:
     reviewed = call_sites.cannot_fail()
     del reviewed["PyErr_Clear"]
     monkeypatch.setattr(call_sites, "cannot_fail", lambda: reviewed)
-    assert call_sites.unknown_symbols(isolated.PRODUCT) == ["PyErr_Clear"]
+    assert call_sites.unknown_symbols(isolated.MODULE_PATH) == ["PyErr_Clear"]
 
 
 OF_ASSERTIONS = {"PyCallable_Check"}  # that a debug build has in the interpreter's inline functions
@@ -71,7 +74,9 @@ OF_ASSERTIONS = {"PyCallable_Check"}  # that a debug build has in the interprete
 
 def test_nothing_is_reviewed_that_is_not_called() -> None:
     called = {site.api for file in call_sites.SOURCES for site in call_sites.calls(file)}
-    referred = {name for _kind, name in call_sites._symbols(isolated.PRODUCT, "--undefined-only")}
+    referred = {
+        name for _kind, name in call_sites._symbols(isolated.MODULE_PATH, "--undefined-only")
+    }
     assert set(call_sites.cannot_fail()) - called - referred - OF_ASSERTIONS == set()
     assert call_sites.fallible() - called - referred == set()
 
@@ -90,13 +95,17 @@ died.
 
 
 def test_a_death_is_told_with_its_place_and_the_call_that_was_under_way() -> None:
-    told = str(death("died of SIGSEGV", "before\n" + DIED.format(product=isolated.PRODUCT.name)))
+    told = str(
+        death("died of SIGSEGV", "before\n" + DIED.format(product=isolated.MODULE_PATH.name))
+    )
     assert told.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
     assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in told
 
 
 def test_a_death_in_the_modules_own_code_is_told_as_such() -> None:
-    written = DIED.format(product=isolated.PRODUCT.name).replace("/lib/libpython3.9.so.1.0(Py", "")
+    written = DIED.format(product=isolated.MODULE_PATH.name).replace(
+        "/lib/libpython3.9.so.1.0(Py", ""
+    )
     assert death("died", written).place == "in the module"
 
 
@@ -105,6 +114,7 @@ def test_a_death_elsewhere_is_told_as_such() -> None:
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer tells of deaths itself")
+@pytest.mark.workstation_only("the crash handler unwinds the emulator's stack there")
 def test_a_process_that_dies_tells_where() -> None:
     def die() -> list[object]:
         import ctypes

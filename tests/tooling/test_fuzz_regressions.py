@@ -20,7 +20,7 @@ TEXTS = sorted(FUZZ.glob("*/text/*"))
 
 
 @pytest.fixture
-def comparison(built: None) -> Iterator[Comparison]:
+def comparison(build: None) -> Iterator[Comparison]:
     with Comparison() as comparison:
         yield comparison
 

@@ -26,6 +26,7 @@ def is_release() -> bool:
 
 @pytest.mark.skipif(platform.machine() != "x86_64", reason="the figures are a workstation's")
 @pytest.mark.skipif(not is_release(), reason="the figures are those of the release build")
+@pytest.mark.workstation_only("callgrind counts the workstation's instructions")
 def test_no_call_takes_more_or_less_than_the_baseline_says() -> None:
     found = regression.differences(regression.measure())
     assert not found, "\n".join([*found, "if this is meant: make bench-baseline"])

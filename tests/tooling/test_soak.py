@@ -36,7 +36,7 @@ def test_what_one_case_leaves_at_each_call_is_not_flat(what: int) -> None:
     assert verdicts.count(False) == 1
 
 
-def test_every_case_ends_as_it_says_among_the_others(built: None) -> None:
+def test_every_case_ends_as_it_says_among_the_others(build: None) -> None:
     with Simulator(live=False) as simulator, Stage(simulator, threads=3) as stage:
         assert stage.round(times=2, number=0) == 6 * len(CASES)
         assert simulator.live_objects.json_objects == simulator.live_objects.text_buffers == 0
@@ -45,7 +45,7 @@ def test_every_case_ends_as_it_says_among_the_others(built: None) -> None:
     }
 
 
-def test_a_case_that_ends_otherwise_is_told(built: None, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_a_case_that_ends_otherwise_is_told(build: None, monkeypatch: pytest.MonkeyPatch) -> None:
     with Simulator(live=False) as simulator, Stage(simulator, threads=2) as stage:
         monkeypatch.setattr(stage, "groups", [[CASES[0]._replace(error=KeyError)]])
         with pytest.raises(AssertionError, match="new_cookie_id"):
