@@ -127,7 +127,7 @@ def bases(error: BaseException) -> set[str]:
 
 
 @every_function
-def test_the_documented_errors_are_those_that_calls_raise(
+def test_documented_errors_match_raised_errors(
     simulator: Simulator, module: ModuleType, tmp_path: Path, function: Function
 ) -> None:
     raised = []
@@ -152,7 +152,7 @@ def test_the_documented_errors_are_those_that_calls_raise(
     assert [name for name in named if not any(name in error for error in raised)] == []
 
 
-def test_what_is_said_to_raise_nothing_does_not(simulator: Simulator, module: ModuleType) -> None:
+def test_call_documented_as_safe_raises_nothing(simulator: Simulator, module: ModuleType) -> None:
     silent = {name for name in docstrings() if not documented_errors(name)}
     assert silent == {"new_cookie_id", "switch_mclag_icl", "list_bfd_neighbor"}
     simulator.set_reply("get_cli_cmd_output", None)

@@ -158,7 +158,7 @@ def assert_is(annotation: str, value: Any) -> None:
 
 
 @every_function
-def test_the_examples_are_true(example_device: Simulator, function: Function) -> None:
+def test_examples_give_documented_results(example_device: Simulator, function: Function) -> None:
     simulator, module = example_device, example_device.module
     if function.name in OUTPUTS:
         simulator.set_reply("get_cli_cmd_output", OUTPUTS[function.name])
@@ -203,7 +203,7 @@ def live_fields() -> list[Any]:
 
 
 @pytest.mark.parametrize(("example", "answer"), live_fields())
-def test_the_examples_have_the_fields_of_this_machines_answers(
+def test_examples_have_fields_of_live_replies(
     example: dict[str, Any], answer: Callable[[], list[Any]]
 ) -> None:
     entries = answer()
@@ -213,7 +213,7 @@ def test_the_examples_have_the_fields_of_this_machines_answers(
 
 
 @every_function
-def test_a_query_names_its_native_services_and_its_request(function: Function) -> None:
+def test_query_docs_name_services_and_request(function: Function) -> None:
     rows = [row for row in QUERY_CASES if row.function == function.name]
     text = docstrings()[function.name]
     assert set(re.findall(r"`(build_\w+)`", text)) == {row.native for row in rows} - {None}

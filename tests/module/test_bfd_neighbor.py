@@ -54,7 +54,7 @@ def session(cli: FakeCli, *lines: str) -> list[tuple[str, Any]]:
 TIMERS = {"detect_multiplier": "3", "receive_interval": "250", "transmit_interval": "250"}
 
 
-def test_a_whole_session(cli: FakeCli) -> None:
+def test_session_with_timers_is_parsed(cli: FakeCli) -> None:
     cli.set_output(
         "(echo line, skipped)",
         "peer 10.0.0.2 interface port1",
@@ -89,7 +89,7 @@ def test_a_whole_session(cli: FakeCli) -> None:
 # The output as a whole
 
 
-def test_the_command_is_handed_on_unchanged_and_its_output_decoded(cli: FakeCli) -> None:
+def test_command_is_passed_and_output_decoded(cli: FakeCli) -> None:
     command, output, character_set = object(), object(), object()
     decode = Recorder(lambda value, encoding: "echo\npeer A is B")
     cli.set_output(output)
@@ -100,13 +100,13 @@ def test_the_command_is_handed_on_unchanged_and_its_output_decoded(cli: FakeCli)
     assert decode.positional == [(output, character_set)]
 
 
-def test_bytes_of_the_runner_are_decoded(cli: FakeCli) -> None:
+def test_bytes_output_is_decoded(cli: FakeCli) -> None:
     cli.set_output(b"echo\npeer A is \xc3\xa9")
     assert list(cli.parser.get_bfd_neighbor("command", {})) == ["A_\u00e9"]
 
 
 @pytest.mark.parametrize("output", ["", "\n\n", "pee r", "PEER a b c", "echo\nLocal Diag: 0"])
-def test_output_without_peer_leaves_the_dictionary_alone(cli: FakeCli, output: str) -> None:
+def test_output_without_peer_keeps_dictionary(cli: FakeCli, output: str) -> None:
     cli.set_output(output)
     given = {"old": {"a": "1"}}
     assert cli.parser.get_bfd_neighbor("command", given) is given
@@ -126,7 +126,7 @@ def test_output_without_peer_leaves_the_dictionary_alone(cli: FakeCli, output: s
         (["Objname", "peer 2 is b", "peer 3 is c"], ["2_b"]),
     ],
 )
-def test_one_line_is_skipped_or_two_with_objname_anywhere(
+def test_one_header_line_is_skipped_or_two_with_objname(
     cli: FakeCli, lines: list[str], names: list[str]
 ) -> None:
     cli.set_output(*lines)
@@ -143,7 +143,7 @@ def test_one_line_is_skipped_or_two_with_objname_anywhere(
         ("peer\n", []),
     ],
 )
-def test_output_of_skipped_lines_only_is_an_index_error_in_the_log(
+def test_output_of_header_lines_only_logs_index_error(
     cli: FakeCli, output: str, logged: list[str]
 ) -> None:
     cli.set_output(output)
@@ -153,7 +153,7 @@ def test_output_of_skipped_lines_only_is_an_index_error_in_the_log(
     assert cli.debug_messages == logged
 
 
-def test_lines_end_at_line_feeds_only(cli: FakeCli) -> None:
+def test_only_line_feed_ends_line(cli: FakeCli) -> None:
     items = session(cli, "a: 1\rb: 2", "c: 3\x0bd: 4\x1ce: 5\x85f: 6\u2028g: 7", "h: 8\r")
     assert items == [("a", "1\rb"), ("c", "3\x0bd"), ("h", "8")]
 
@@ -183,7 +183,7 @@ def test_lines_end_at_line_feeds_only(cli: FakeCli) -> None:
         ("peer \u00e9 is \U0001f600", "\u00e9", "\U0001f600", "\u00e9_\U0001f600"),
     ],
 )
-def test_a_header_names_its_session(
+def test_peer_line_names_session(
     cli: FakeCli, header: str, neighbor_ip: str, interface: str, name: str
 ) -> None:
     sessions = parsed(cli, header)
@@ -198,7 +198,7 @@ AROUND_BUFFER_SIZE = pytest.mark.parametrize("size", [63, 64, 65, 66])
 
 @AROUND_BUFFER_SIZE
 @pytest.mark.parametrize("address_size", [1, 31, 60])
-def test_session_name_around_buffer_size_is_whole(
+def test_session_name_around_buffer_size_is_complete(
     cli: FakeCli, size: int, address_size: int
 ) -> None:
     address, interface = "a" * address_size, "i" * (size - address_size - 1)
@@ -209,18 +209,18 @@ def test_session_name_around_buffer_size_is_whole(
     }
 
 
-def test_tabs_are_gone_before_a_header_is_recognised(cli: FakeCli) -> None:
+def test_tabs_are_removed_before_peer_line_is_recognized(cli: FakeCli) -> None:
     assert list(parsed(cli, "p\te\ter\t A is B", "peer")) == ["A_B"]
     assert parsed(cli, "peer\tA is B") == {}
 
 
 @pytest.mark.parametrize("line_", ["peer", "peer:", "xpeer", "peer\tA", "peerA is B", "peer\xa0A"])
-def test_without_a_blank_after_peer_a_line_is_no_header(cli: FakeCli, line_: str) -> None:
+def test_peer_without_space_is_not_peer_line(cli: FakeCli, line_: str) -> None:
     assert parsed(cli, line_) == {}
     assert cli.debug_messages == []
 
 
-def test_fields_before_the_first_header_stay_in_front(cli: FakeCli) -> None:
+def test_fields_before_first_peer_line_come_first(cli: FakeCli) -> None:
     sessions = parsed(cli, "a: 1", "neighbor ip: x", "peer A is B", "c: 3")
     assert list(sessions["A_B"].items()) == [
         ("a", "1"),
@@ -232,12 +232,12 @@ def test_fields_before_the_first_header_stay_in_front(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize("header", ["peer ", "peer A", "peer A is", "peer  "])
-def test_a_header_that_is_too_short_is_logged_and_names_nothing(cli: FakeCli, header: str) -> None:
+def test_short_peer_line_logs_and_names_nothing(cli: FakeCli, header: str) -> None:
     assert parsed(cli, header, "a: 1") == {}
     assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_after_a_header_that_is_too_short_the_next_one_is_the_first(cli: FakeCli) -> None:
+def test_peer_line_after_short_one_starts_session(cli: FakeCli) -> None:
     sessions = parsed(cli, "peer X is", "a: 1", "peer A is B", "b: 2")
     assert list(sessions) == ["A_B"]
     assert list(sessions["A_B"].items()) == [
@@ -250,7 +250,7 @@ def test_after_a_header_that_is_too_short_the_next_one_is_the_first(cli: FakeCli
     assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
+def test_later_peer_line_logs_and_keeps_first_session(
     cli: FakeCli,
 ) -> None:
     sessions = parsed(
@@ -320,7 +320,7 @@ def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
         ("a Local timers: 1", "a_local_timers", "1"),
     ],
 )
-def test_a_line_with_a_colon_is_a_field(cli: FakeCli, line_: str, key: str, value: str) -> None:
+def test_line_with_colon_is_field(cli: FakeCli, line_: str, key: str, value: str) -> None:
     assert with_types(session(cli, line_)) == with_types([(key, value)])
     assert cli.debug_messages == []
 
@@ -328,7 +328,7 @@ def test_a_line_with_a_colon_is_a_field(cli: FakeCli, line_: str, key: str, valu
 @AROUND_BUFFER_SIZE
 @pytest.mark.parametrize("word", ["", "packets"])
 @pytest.mark.parametrize("before", [0, 20, None], ids=["first", "inside", "last"])
-def test_value_around_buffer_size_is_whole(
+def test_value_around_buffer_size_is_complete(
     cli: FakeCli, size: int, word: str, before: int | None
 ) -> None:
     rest = "v" * (size - len(word))
@@ -339,13 +339,13 @@ def test_value_around_buffer_size_is_whole(
 
 @AROUND_BUFFER_SIZE
 @pytest.mark.parametrize("word", ["", "packets"])
-def test_key_around_buffer_size_is_whole(cli: FakeCli, size: int, word: str) -> None:
+def test_key_around_buffer_size_is_complete(cli: FakeCli, size: int, word: str) -> None:
     key = (word + "K " * size)[: size - 1] + "k"
     assert session(cli, f" {key} : 1") == [(key.lower().replace(" ", "_"), "1")]
 
 
 @AROUND_BUFFER_SIZE
-def test_timer_around_buffer_size_is_whole(cli: FakeCli, size: int) -> None:
+def test_timer_around_buffer_size_is_complete(cli: FakeCli, size: int) -> None:
     key, value = "k" * size, ("v" * size + "packets")[-size:]
     lines = [f"{key}: {value}", f"b: {value}", f"{key}: 3"]
     assert session(cli, "Local timers", *lines) == [("local_timers", {key: "3", "b": value})]
@@ -356,7 +356,7 @@ NO_SPACES = [chr(code) for code in range(128) if not chr(code).isspace() and chr
 
 
 @pytest.mark.parametrize("size", [4, 8, 16, 19])
-def test_text_of_one_repeated_character_is_not_stripped(cli: FakeCli, size: int) -> None:
+def test_repeated_nonspace_character_is_not_stripped(cli: FakeCli, size: int) -> None:
     repeated = [character * size for character in NO_SPACES]
     values = [f"key {number}: {text}" for number, text in enumerate(repeated)]
     assert session(cli, *values) == [
@@ -367,28 +367,28 @@ def test_text_of_one_repeated_character_is_not_stripped(cli: FakeCli, size: int)
     assert session(cli, *keys) == list(fields.items())
 
 
-def test_text_with_hash_of_the_last_slot_is_kept(cli: FakeCli) -> None:
+def test_text_in_last_cache_slot_is_returned(cli: FakeCli) -> None:
     """The hash of this text, found by a search, is one of the 256 largest on any byte order."""
     text = "&((&xxxxx7aa7"
     assert session(cli, f"{text}: {text}", f"b: {text}") == [(text, text), ("b", text)]
 
 
 @pytest.mark.parametrize("line_", ["", " ", "\t", "\r", "\x1c \u2028", "no colon", "Local Timers"])
-def test_other_lines_are_ignored(cli: FakeCli, line_: str) -> None:
+def test_line_without_colon_is_ignored(cli: FakeCli, line_: str) -> None:
     assert session(cli, line_, "a: 1") == [("a", "1")]
     assert cli.debug_messages == []
 
 
-def test_a_repeated_field_keeps_its_place_and_takes_the_later_value(cli: FakeCli) -> None:
+def test_repeated_field_keeps_position_and_last_value(cli: FakeCli) -> None:
     assert session(cli, "a: 1", "b: 2", "A: 3") == [("a", "3"), ("b", "2")]
 
 
-def test_fields_may_overwrite_the_headers(cli: FakeCli) -> None:
+def test_field_overwrites_peer_line_value(cli: FakeCli) -> None:
     sessions = parsed(cli, "peer A is B", "Name: other", "Interface: x")
     assert sessions == {"A_B": {"neighbor_ip": "A", "interface": "x", "name": "other"}}
 
 
-def test_a_field_may_be_called_like_the_keywords_of_dict(cli: FakeCli) -> None:
+def test_field_named_like_dict_parameter_is_merged(cli: FakeCli) -> None:
     given = {"A_B": {"self": "0"}}
     cli.set_output("echo", "peer A is B", "self: 1", "iterable: 2")
     cli.parser.get_bfd_neighbor("command", given)
@@ -405,7 +405,7 @@ KEYS = pytest.mark.parametrize(
 
 @KEYS
 @pytest.mark.parametrize("before, after", [("", ""), (" \t ", " of: the peer"), ("\u2003\t", ":")])
-def test_three_lines_after_the_title_are_the_timers(
+def test_three_lines_after_title_are_timers(
     cli: FakeCli, title: str, key: str, before: str, after: str
 ) -> None:
     items = session(
@@ -423,7 +423,7 @@ def test_three_lines_after_the_title_are_the_timers(
 
 
 @KEYS
-def test_timer_lines_are_not_looked_at_otherwise(cli: FakeCli, title: str, key: str) -> None:
+def test_timer_lines_have_no_other_meaning(cli: FakeCli, title: str, key: str) -> None:
     items = session(cli, title, "peer C is D: 1", title + ": 2", ":", "Remote x: y")
     assert items == [
         (key, {"peer_c_is_d": "1", title.lower().replace(" ", "_"): "2", "": ""}),
@@ -433,13 +433,13 @@ def test_timer_lines_are_not_looked_at_otherwise(cli: FakeCli, title: str, key: 
 
 
 @KEYS
-def test_equal_timer_keys_fall_together(cli: FakeCli, title: str, key: str) -> None:
+def test_repeated_timer_key_keeps_last_value(cli: FakeCli, title: str, key: str) -> None:
     assert session(cli, title, "a: 1", "A : 2", "b: 3") == [(key, {"a": "2", "b": "3"})]
 
 
 @KEYS
 @pytest.mark.parametrize("present", [0, 1, 2])
-def test_timers_that_the_output_ends_in_are_logged_and_their_lines_become_fields(
+def test_truncated_timers_log_and_become_fields(
     cli: FakeCli, title: str, key: str, present: int
 ) -> None:
     lines = ["a: 1", "b: 2"][:present]
@@ -449,7 +449,7 @@ def test_timers_that_the_output_ends_in_are_logged_and_their_lines_become_fields
 
 @KEYS
 @pytest.mark.parametrize("faulty", [0, 1, 2])
-def test_a_timer_line_without_a_colon_is_logged_and_the_lines_become_fields(
+def test_timer_without_colon_logs_and_lines_become_fields(
     cli: FakeCli, title: str, key: str, faulty: int
 ) -> None:
     lines = ["a: 1", "b: 2", "c: 3 packets"]
@@ -460,7 +460,7 @@ def test_a_timer_line_without_a_colon_is_logged_and_the_lines_become_fields(
     assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_timers_after_timers(cli: FakeCli) -> None:
+def test_adjacent_timer_blocks_are_separate(cli: FakeCli) -> None:
     three = ["a: 1", "b: 2", "c: 3"]
     items = session(cli, "Local timers", *three, "Remote timers", *three, "Local timers", *three)
     timers = {"a": "1", "b": "2", "c": "3"}
@@ -469,7 +469,7 @@ def test_timers_after_timers(cli: FakeCli) -> None:
     assert local is not remote
 
 
-def test_a_failed_timer_block_leaves_the_earlier_one_standing(cli: FakeCli) -> None:
+def test_failed_timer_block_keeps_earlier_one(cli: FakeCli) -> None:
     items = session(cli, "Local timers", "a: 1", "b: 2", "c: 3", "Local timers", "d: 4")
     assert items == [("local_timers", {"a": "1", "b": "2", "c": "3"}), ("d", "4")]
     assert cli.debug_messages == [OUT_OF_RANGE]
@@ -478,7 +478,7 @@ def test_a_failed_timer_block_leaves_the_earlier_one_standing(cli: FakeCli) -> N
 # Where the session goes
 
 
-def test_the_dictionary_given_is_filled_and_returned(cli: FakeCli) -> None:
+def test_given_dictionary_is_filled_and_returned(cli: FakeCli) -> None:
     given: dict[str, Any] = {"Z": {"z": "1"}}
     cli.set_output("echo", "peer A is B", "a: 1")
     assert cli.parser.get_bfd_neighbor("command", given) is given
@@ -486,7 +486,7 @@ def test_the_dictionary_given_is_filled_and_returned(cli: FakeCli) -> None:
     assert cli.shared == {}
 
 
-def test_both_arguments_may_be_given_by_keyword(cli: FakeCli) -> None:
+def test_arguments_by_keyword_are_accepted(cli: FakeCli) -> None:
     given: dict[str, Any] = {}
     cli.set_output("echo", "peer A is B")
     assert cli.parser.get_bfd_neighbor(list_bfd=given, cmd="the command") is given
@@ -494,7 +494,7 @@ def test_both_arguments_may_be_given_by_keyword(cli: FakeCli) -> None:
     assert list(given) == ["A_B"]
 
 
-def test_a_known_session_becomes_a_new_dictionary_with_the_new_fields_after_the_old(
+def test_known_session_is_merged_into_new_dictionary(
     cli: FakeCli,
 ) -> None:
     old = {"b": "old", "name": "old", "z": "old"}
@@ -514,7 +514,7 @@ def test_a_known_session_becomes_a_new_dictionary_with_the_new_fields_after_the_
     assert old == {"b": "old", "name": "old", "z": "old"}
 
 
-def test_calls_without_a_dictionary_share_one_that_grows(cli: FakeCli) -> None:
+def test_calls_without_dictionary_share_one(cli: FakeCli) -> None:
     cli.set_output("echo", "peer A is B", "a: 1", "b: 1")
     first = cli.parser.get_bfd_neighbor("command")
     entry_ = first["A_B"]
@@ -579,7 +579,7 @@ class NotingDict(dict):
 
 
 @pytest.mark.parametrize("kind", [Mapping, NotingDict])
-def test_any_mapping_takes_the_session_through_the_object_protocol(cli: FakeCli, kind: Any) -> None:
+def test_mapping_is_filled_through_object_protocol(cli: FakeCli, kind: Any) -> None:
     cli.set_output("echo", "peer A is B", "a: 1")
     new = kind()
     assert cli.parser.get_bfd_neighbor("command", new) is new
@@ -613,7 +613,7 @@ def test_any_mapping_takes_the_session_through_the_object_protocol(cli: FakeCli,
     ],
     ids=repr,
 )
-def test_what_cannot_take_the_session_is_the_interpreters_own_error(
+def test_unsuitable_mapping_raises_interpreter_error(
     cli: FakeCli, given: object, kind: type[Exception], text: str
 ) -> None:
     cli.set_output("echo", "peer A is B")
@@ -622,7 +622,7 @@ def test_what_cannot_take_the_session_is_the_interpreters_own_error(
     assert cli.debug_messages == []
 
 
-def test_a_known_session_may_be_anything_that_makes_a_dictionary(cli: FakeCli) -> None:
+def test_known_session_of_pairs_is_merged(cli: FakeCli) -> None:
     cli.set_output("echo", "peer A is B")
     given: dict[str, Any] = {"A_B": [("x", 1), (5, "five")]}
     cli.parser.get_bfd_neighbor("command", given)
@@ -636,7 +636,7 @@ def test_a_known_session_may_be_anything_that_makes_a_dictionary(cli: FakeCli) -
 
 
 @pytest.mark.parametrize("step", ["contains", "get", "set"])
-def test_a_failing_step_of_storing_propagates(cli: FakeCli, step: str) -> None:
+def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
     error = Failed(step)
 
     class Fails(NotingDict):
@@ -676,7 +676,7 @@ def test_a_failing_step_of_storing_propagates(cli: FakeCli, step: str) -> None:
     ],
     ids=repr,
 )
-def test_what_is_no_text_is_the_interpreters_own_error(
+def test_non_str_output_raises_interpreter_error(
     cli: FakeCli, value: object, kind: type[Exception], text: str
 ) -> None:
     cli.set_output(value)
@@ -686,13 +686,13 @@ def test_what_is_no_text_is_the_interpreters_own_error(
 
 
 @pytest.mark.parametrize("value", [[], ["no such"], {}, ()], ids=repr)
-def test_what_has_no_peer_in_it_is_not_looked_at_further(cli: FakeCli, value: object) -> None:
+def test_container_without_peer_is_not_parsed(cli: FakeCli, value: object) -> None:
     cli.set_output(value)
     assert cli.parser.get_bfd_neighbor("command", {"a": 1}) == {"a": 1}
 
 
 @pytest.mark.parametrize("output", ["echo\npeer A is B\nc: 1", "objname\necho\npeer A is B\nc: 1"])
-def test_a_subclass_of_text_is_text(cli: FakeCli, output: str) -> None:
+def test_str_subclass_output_is_parsed(cli: FakeCli, output: str) -> None:
     cli.set_output(Text(output))
     sessions = cli.parser.get_bfd_neighbor("command", {})
     assert with_types(sessions) == with_types(
@@ -710,7 +710,7 @@ class RightAddable:
         return before + "a: 0\nb: 1\npeer A is B\nc: 2"
 
 
-def test_output_that_becomes_text_skips_two_lines(cli: FakeCli) -> None:
+def test_right_addable_output_skips_two_lines(cli: FakeCli) -> None:
     cli.set_output(RightAddable())
     sessions = cli.parser.get_bfd_neighbor("command", {})
     assert list(sessions) == ["A_B"]
@@ -718,7 +718,7 @@ def test_output_that_becomes_text_skips_two_lines(cli: FakeCli) -> None:
     assert cli.debug_messages == []
 
 
-def test_output_that_becomes_only_two_lines_is_logged(cli: FakeCli) -> None:
+def test_right_addable_output_of_two_lines_logs(cli: FakeCli) -> None:
     class TwoLines(RightAddable):
         def __radd__(self, before: str) -> str:
             return before + "peer A is B"
@@ -730,7 +730,7 @@ def test_output_that_becomes_only_two_lines_is_logged(cli: FakeCli) -> None:
 
 @pytest.mark.parametrize("word", ["peer", "objname"])
 @pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_text_whose_membership_test_fails_propagates(
+def test_membership_error_of_output_propagates(
     cli: FakeCli, word: str, kind: type[BaseException]
 ) -> None:
     error = kind(word)
@@ -748,7 +748,7 @@ def test_text_whose_membership_test_fails_propagates(
     assert cli.debug_messages == []
 
 
-def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: FakeCli) -> None:
+def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
     cli.set_output(b"peer")
     cli.patch("text_", lambda value, encoding: value)
     error = raises_exactly(TypeError, cli.parser.get_bfd_neighbor, "command", {})
@@ -760,7 +760,7 @@ def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: FakeCli) -> N
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
 @pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_a_failing_fetch_propagates_unlogged(
+def test_runner_or_decoder_error_propagates_unlogged(
     cli: FakeCli, name: str, kind: type[BaseException]
 ) -> None:
     error = kind()
@@ -772,13 +772,13 @@ def test_a_failing_fetch_propagates_unlogged(
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_a_missing_global_is_a_name_error(cli: FakeCli, name: str) -> None:
+def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
     cli.delete(name)
     error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == f"name '{name}' is not defined"
 
 
-def test_the_log_is_looked_up_when_it_is_written(cli: FakeCli) -> None:
+def test_debug_is_looked_up_for_each_log_line(cli: FakeCli) -> None:
     later = Recorder()
 
     def debug(text: str) -> None:
@@ -791,7 +791,7 @@ def test_the_log_is_looked_up_when_it_is_written(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_a_failing_log_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
+def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
     error = kind("the log")
     cli.logger.debug.answer = raiser(error)
     given: dict[str, Any] = {}
@@ -801,21 +801,21 @@ def test_a_failing_log_propagates(cli: FakeCli, kind: type[BaseException]) -> No
     assert given == {}
 
 
-def test_without_a_logger_the_log_line_is_a_name_error(cli: FakeCli) -> None:
+def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
     cli.delete("_logger")
     cli.set_output("echo", "peer A")
     error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == "name '_logger' is not defined"
 
 
-def test_a_logger_without_debug_is_an_attribute_error(cli: FakeCli) -> None:
+def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
     cli.patch("_logger", object())
     cli.set_output("echo", "peer A")
     error = raises_exactly(AttributeError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == "'object' object has no attribute 'debug'"
 
 
-def test_the_caught_exception_is_handled_while_it_is_logged_and_no_longer(
+def test_caught_exception_is_handled_only_while_logged(
     cli: FakeCli,
 ) -> None:
     handled: list[object] = []
@@ -832,7 +832,7 @@ def test_the_caught_exception_is_handled_while_it_is_logged_and_no_longer(
     assert handled == [IndexError, IndexError]
 
 
-def test_logged_exception_has_its_traceback_set(cli: FakeCli) -> None:
+def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
     seen: list[tuple[Any, Any]] = []
 
     def debug(text: str) -> None:
@@ -885,7 +885,7 @@ def _starved() -> list[list[Any]]:
     return told
 
 
-def test_memory_that_fails_within_a_line_is_logged_and_the_parse_goes_on() -> None:
+def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
     whole = [
         *(("neighbor_ip", "A"), ("interface", "B"), ("name", "A_B"), ("x", "1")),
         *(("local_timers", {"a": "1", "b": "2", "c": "3"}), ("y", "2"), ("z", "3")),
@@ -906,7 +906,7 @@ def test_memory_that_fails_within_a_line_is_logged_and_the_parse_goes_on() -> No
 # Lines, of the native module only
 
 
-def test_lines_ascend_with_the_statements(native_cli: FakeCli) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
     call = cli.parser.get_bfd_neighbor
 
@@ -934,7 +934,7 @@ def test_lines_ascend_with_the_statements(native_cli: FakeCli) -> None:
     assert is_increasing([250, *lines, 352])
 
 
-def test_the_runners_failure_shows_both_functions(
+def test_runner_failure_has_entries_of_both_functions(
     simulator: Any, module: ModuleType, native_cli: FakeCli
 ) -> None:
     native_cli.monkeypatch.undo()
@@ -945,7 +945,7 @@ def test_the_runners_failure_shows_both_functions(
     assert names == [FUNCTION, "get_cli_command_output"]
 
 
-def test_the_text_comes_from_the_host(simulator: Any, module: ModuleType) -> None:
+def test_native_output_is_parsed(simulator: Any, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", "echo\r\npeer A is B\r\n--More--\r c: 1\r\n")
     sessions = module.get_bfd_neighbor("get router info bfd neighbor", {})
     assert sessions == {"A_B\r": {"neighbor_ip": "A", "interface": "B", "name": "A_B\r", "c": "1"}}

@@ -50,7 +50,7 @@ def named(address: str, interface: str, **fields: str) -> dict[str, str]:
 # With the parser itself
 
 
-def test_two_families_with_their_details(cli: FakeCli) -> None:
+def test_both_families_are_listed_with_details(cli: FakeCli) -> None:
     cli.set_outputs(
         {
             IPV4: output("10.0.0.2 port1 Status: up"),
@@ -77,7 +77,7 @@ def test_two_families_with_their_details(cli: FakeCli) -> None:
     assert cli.debug_messages == []
 
 
-def test_no_sessions_and_an_empty_shared_dictionary_list_nothing_without_details(
+def test_no_sessions_give_empty_list_without_details(
     cli: FakeCli,
 ) -> None:
     assert cli.parser.list_bfd_neighbor() == []
@@ -96,14 +96,12 @@ def test_no_sessions_and_an_empty_shared_dictionary_list_nothing_without_details
         ("Zebra Notifications", False),
     ],
 )
-def test_only_neighbors_with_zebra_notifications_are_kept(
-    cli: FakeCli, field: str, kept: bool
-) -> None:
+def test_only_neighbor_with_notifications_is_listed(cli: FakeCli, field: str, kept: bool) -> None:
     cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output(f"A B {field}")})
     assert len(cli.parser.list_bfd_neighbor()) == (1 if kept else 0)
 
 
-def test_details_of_the_other_family_count_too_and_come_last(cli: FakeCli) -> None:
+def test_details_of_other_family_are_merged_last(cli: FakeCli) -> None:
     cli.set_outputs(
         {
             IPV4: output("A B x: summary"),
@@ -115,7 +113,7 @@ def test_details_of_the_other_family_count_too_and_come_last(cli: FakeCli) -> No
     assert with_types(listed) == with_types(named("A", "B", x="six", zebra_notifications="4"))
 
 
-def test_neighbors_of_earlier_calls_are_asked_again_and_dropped_without_details(
+def test_neighbor_of_earlier_call_is_queried_again(
     cli: FakeCli,
 ) -> None:
     cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
@@ -136,7 +134,7 @@ def test_neighbors_of_earlier_calls_are_asked_again_and_dropped_without_details(
     assert list(cli.shared) == ["A_B", "C_D"]
 
 
-def test_what_is_listed_may_be_changed_without_harm_to_the_shared_dictionary(
+def test_changed_result_keeps_shared_dictionary(
     cli: FakeCli,
 ) -> None:
     cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
@@ -145,7 +143,7 @@ def test_what_is_listed_may_be_changed_without_harm_to_the_shared_dictionary(
     assert cli.shared == {"A_B": named("A", "B")}
 
 
-def test_a_failing_summary_is_logged_and_nothing_is_listed(cli: FakeCli) -> None:
+def test_failing_summary_logs_and_lists_nothing(cli: FakeCli) -> None:
     def run(command: str) -> str:
         raise Failed("no " + command)
 
@@ -154,7 +152,7 @@ def test_a_failing_summary_is_logged_and_nothing_is_listed(cli: FakeCli) -> None
     assert cli.debug_messages == [f"e:no {IPV4}"]
 
 
-def test_a_failing_detail_ends_the_listing_with_what_is_there(cli: FakeCli) -> None:
+def test_failing_detail_logs_and_ends_list(cli: FakeCli) -> None:
     outputs = {
         IPV4: output("A B"),
         IPV6: output("C D"),
@@ -192,7 +190,7 @@ class Neighbors:
 ENTRY = {"neighbor_ip": "A", "interface": "B", "zebra_notifications": "1"}
 
 
-def test_arguments_and_objects_of_each_call(cli: FakeCli) -> None:
+def test_each_query_gets_expected_arguments(cli: FakeCli) -> None:
     first: dict[str, Any] = {"k": dict(ENTRY), "l": dict(ENTRY, neighbor_ip="C", interface="D")}
     second = {"l": first["l"], "m": dict(ENTRY, neighbor_ip="E", interface="F")}
     detail_1 = {"k": {"zebra_notifications": "from the detail"}}
@@ -237,7 +235,7 @@ def test_arguments_and_objects_of_each_call(cli: FakeCli) -> None:
     assert len(listed) == 2
 
 
-def test_the_shared_dictionary_itself_is_copied(cli: FakeCli) -> None:
+def test_shared_dictionary_is_deep_copied(cli: FakeCli) -> None:
     shared = {"k": dict(ENTRY)}
 
     def detail(command: str, given: dict[str, Any]) -> dict[str, Any]:
@@ -250,7 +248,7 @@ def test_the_shared_dictionary_itself_is_copied(cli: FakeCli) -> None:
     assert shared == {"k": ENTRY}
 
 
-def test_keys_addresses_and_interfaces_come_from_one_deep_copy(cli: FakeCli) -> None:
+def test_detail_arguments_come_from_one_deep_copy(cli: FakeCli) -> None:
     summary = {"k": dict(ENTRY), "gone": dict(ENTRY)}
     working: list[Any] = []
 
@@ -272,7 +270,7 @@ def test_keys_addresses_and_interfaces_come_from_one_deep_copy(cli: FakeCli) -> 
     assert copied is neighbors.calls.positional[2][1], "the working dictionary"
 
 
-def test_a_real_deep_copy_keeps_what_details_change(cli: FakeCli) -> None:
+def test_deep_copy_keeps_values_that_details_change(cli: FakeCli) -> None:
     summary = {"k": dict(ENTRY), "l": dict(ENTRY, neighbor_ip="C")}
 
     def detail(command: str, given: Any) -> Any:
@@ -287,9 +285,7 @@ def test_a_real_deep_copy_keeps_what_details_change(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize("missing", ["neighbor_ip", "interface"])
-def test_an_entry_without_its_address_ends_the_listing_with_what_is_there(
-    cli: FakeCli, missing: str
-) -> None:
+def test_entry_without_address_logs_and_ends_list(cli: FakeCli, missing: str) -> None:
     lacking = dict(ENTRY)
     del lacking[missing]
     summary = {"k": dict(ENTRY), "l": lacking, "m": dict(ENTRY)}
@@ -337,7 +333,7 @@ KEPT = {"k": ENTRY}
     ],
     ids=repr,
 )
-def test_a_failing_step_is_logged_in_the_interpreters_words(
+def test_failing_step_logs_interpreter_message(
     cli: FakeCli, answers: list[Any], logged: str
 ) -> None:
     Neighbors(cli, *answers)
@@ -358,7 +354,7 @@ def test_a_failing_step_is_logged_in_the_interpreters_words(
     ],
     ids=repr,
 )
-def test_what_works_like_a_dictionary_is_as_good(
+def test_dict_like_sessions_are_accepted(
     cli: FakeCli, answers: list[Any], listed: list[Any]
 ) -> None:
     Neighbors(cli, *answers)
@@ -394,9 +390,7 @@ class OwnKeys(dict):
 
 @pytest.mark.parametrize("kind", [Mapping, OwnKeys])
 @pytest.mark.parametrize("place", [0, 1])
-def test_a_mapping_that_is_no_dict_is_taken_as_python_takes_it(
-    cli: FakeCli, kind: Any, place: int
-) -> None:
+def test_mapping_is_expanded_as_in_python(cli: FakeCli, kind: Any, place: int) -> None:
     answers: list[Any] = [{"z": dict(ENTRY)}, {"z": dict(ENTRY)}]
     answers[place] = kind(k=dict(ENTRY))
     expected = dict(answers[0], **answers[1])
@@ -452,7 +446,7 @@ class LyingDict(dict):
     ],
     ids=["keys without attribute", "item without attribute", "keys", "item", "missing key"],
 )
-def test_a_mapping_that_fails_is_told_in_the_interpreters_words(
+def test_failing_mapping_logs_interpreter_message(
     cli: FakeCli, mapping: object, as_argument: str, after_asterisks: str
 ) -> None:
     for answers in ([mapping, {}], [{}, mapping]):
@@ -537,7 +531,7 @@ MULTIPLE = "dict() got multiple values for keyword argument "
     ids=lambda value: value if isinstance(value, str) else type(value).__name__,
 )
 @pytest.mark.parametrize("detail", [False, True])
-def test_mapping_listing_a_key_twice_is_logged_type_error(
+def test_mapping_with_repeated_key_logs_type_error(
     cli: FakeCli, mapping: Any, text: str, detail: bool
 ) -> None:
     with pytest.raises((TypeError, Failed)) as expected:
@@ -551,13 +545,13 @@ def test_mapping_listing_a_key_twice_is_logged_type_error(
     mapping.fetched = []
 
 
-def test_first_argument_listing_a_key_twice_is_accepted(cli: FakeCli) -> None:
+def test_first_mapping_with_repeated_key_is_accepted(cli: FakeCli) -> None:
     Neighbors(cli, Repeating("k", "k"), {}, *[lambda command, given: given] * 2)
     cli.parser.list_bfd_neighbor()
     assert cli.debug_messages == []
 
 
-def test_an_exception_that_is_no_exception_propagates_unlogged(cli: FakeCli) -> None:
+def test_base_exception_propagates_unlogged(cli: FakeCli) -> None:
     error = KeyboardInterrupt()
     Neighbors(cli, KEPT, KEPT, {}, error)
     assert raises_exactly(KeyboardInterrupt, cli.parser.list_bfd_neighbor) is error
@@ -565,14 +559,14 @@ def test_an_exception_that_is_no_exception_propagates_unlogged(cli: FakeCli) -> 
 
 
 @pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
-def test_a_missing_global_is_logged(cli: FakeCli, name: str) -> None:
+def test_missing_global_is_logged(cli: FakeCli, name: str) -> None:
     Neighbors(cli, KEPT, KEPT)
     cli.delete(name)
     assert cli.parser.list_bfd_neighbor() == []
     assert cli.debug_messages == [f"e:name '{name}' is not defined"]
 
 
-def test_the_parser_is_looked_up_for_each_call(cli: FakeCli) -> None:
+def test_parser_is_looked_up_for_each_call(cli: FakeCli) -> None:
     later = Recorder(lambda *args: {})
 
     def first(*args: object) -> Any:
@@ -585,7 +579,7 @@ def test_the_parser_is_looked_up_for_each_call(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize("answers", [[{}, {}], [{}, {}, None]])
-def test_nothing_is_copied_deeply_when_there_is_nothing(cli: FakeCli, answers: list[Any]) -> None:
+def test_empty_sessions_are_not_deep_copied(cli: FakeCli, answers: list[Any]) -> None:
     deepcopy = Recorder(copy.deepcopy)
     cli.patch("copy", SimpleNamespace(deepcopy=deepcopy))
     Neighbors(cli, *answers)
@@ -603,7 +597,7 @@ def test_copy_is_not_looked_up_without_sessions(cli: FakeCli) -> None:
     assert cli.debug_messages == ["e:name 'copy' is not defined"]
 
 
-def test_a_copier_without_deepcopy_or_with_a_failing_one_is_logged(cli: FakeCli) -> None:
+def test_missing_or_failing_deepcopy_is_logged(cli: FakeCli) -> None:
     cli.patch("copy", SimpleNamespace())
     Neighbors(cli, KEPT, KEPT)
     assert cli.parser.list_bfd_neighbor() == []
@@ -616,19 +610,19 @@ def test_a_copier_without_deepcopy_or_with_a_failing_one_is_logged(cli: FakeCli)
     ]
 
 
-def test_each_call_returns_a_new_list(cli: FakeCli) -> None:
+def test_each_call_returns_new_list(cli: FakeCli) -> None:
     assert cli.parser.list_bfd_neighbor() is not cli.parser.list_bfd_neighbor()
 
 
 @pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_a_failing_log_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
+def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
     error = kind("the log")
     cli.logger.debug.answer = raiser(error)
     Neighbors(cli, KEPT, None)
     assert raises_exactly(kind, cli.parser.list_bfd_neighbor) is error
 
 
-def test_logged_exception_has_its_traceback_set(cli: FakeCli) -> None:
+def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
     seen: list[tuple[Any, Any]] = []
 
     def debug(text: str) -> None:
@@ -644,7 +638,7 @@ def test_logged_exception_has_its_traceback_set(cli: FakeCli) -> None:
     assert of_the_exception is handled
 
 
-def test_what_the_caller_handles_stays_being_handled(cli: FakeCli) -> None:
+def test_exception_of_caller_stays_handled(cli: FakeCli) -> None:
     handled: list[object] = []
     cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))
     outer = Failed("being handled by the caller")
@@ -657,14 +651,14 @@ def test_what_the_caller_handles_stays_being_handled(cli: FakeCli) -> None:
     assert handled == [TypeError]
 
 
-def test_without_a_logger_the_log_line_is_a_name_error(cli: FakeCli) -> None:
+def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
     Neighbors(cli, KEPT, None)
     cli.delete("_logger")
     error = raises_exactly(NameError, cli.parser.list_bfd_neighbor)
     assert str(error) == "name '_logger' is not defined"
 
 
-def test_an_exception_without_text_of_its_own_is_logged_as_its_text_fails(
+def test_exception_with_failing_str_raises_that_error(
     cli: FakeCli,
 ) -> None:
     textless = Failed()
@@ -681,7 +675,7 @@ def test_an_exception_without_text_of_its_own_is_logged_as_its_text_fails(
 # Lines, of the native module only
 
 
-def test_lines_ascend_with_the_statements(native_cli: FakeCli) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     """Only what is no `Exception` leaves the listing, so each statement is made to raise such."""
     cli = native_cli
     given = [lambda command, given: given] * 2
@@ -731,7 +725,7 @@ def test_lines_ascend_with_the_statements(native_cli: FakeCli) -> None:
     assert is_increasing([250, *lines, 352])
 
 
-def test_the_whole_way_from_the_host(simulator: Any, module: ModuleType) -> None:
+def test_native_output_is_listed(simulator: Any, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", "")
     shared = module.get_bfd_neighbor("the shared dictionary")
     shared.clear()
@@ -753,7 +747,7 @@ def test_the_whole_way_from_the_host(simulator: Any, module: ModuleType) -> None
     ]
 
 
-def test_a_failure_of_the_runner_is_logged(
+def test_runner_failure_is_logged(
     simulator: Any, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     logger = RecordingLogger()

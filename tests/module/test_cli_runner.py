@@ -67,7 +67,7 @@ def sent(simulator: Simulator) -> list[bytes | None]:
         ("x" * 126 + "\u00e9", b"x" * 126 + b"\xc3"),
     ],
 )
-def test_the_command_reaches_the_host_encoded_and_cut_to_its_buffer(
+def test_command_is_encoded_and_cut_to_buffer_size(
     simulator: Simulator, module: ModuleType, command: str, arrives: bytes
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "output")
@@ -75,7 +75,7 @@ def test_the_command_reaches_the_host_encoded_and_cut_to_its_buffer(
     assert sent(simulator) == [arrives]
 
 
-def test_each_call_runs_the_command_anew(simulator: Simulator, module: ModuleType) -> None:
+def test_each_call_runs_command_again(simulator: Simulator, module: ModuleType) -> None:
     outputs = iter(["first", "second"])
     simulator.set_reply("get_cli_cmd_output", lambda command: next(outputs))
     assert [module.get_cli_command_output("c") for _ in range(2)] == ["first", "second"]
@@ -85,7 +85,7 @@ def test_each_call_runs_the_command_anew(simulator: Simulator, module: ModuleTyp
 @pytest.mark.parametrize(
     "command", [b"c", Text("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
 )
-def test_a_command_that_is_not_exactly_text_is_refused_before_anything_is_called(
+def test_non_str_command_is_rejected_before_any_call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: object
 ) -> None:
     encode = Recorder()
@@ -98,9 +98,7 @@ def test_a_command_that_is_not_exactly_text_is_refused_before_anything_is_called
     assert sent(simulator) == []
 
 
-def test_no_command_passes_the_type_test_and_fails_in_the_encoding(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_none_command_fails_in_encoding(simulator: Simulator, module: ModuleType) -> None:
     error = raises_exactly(TypeError, module.get_cli_command_output, None)
     assert str(error) == "expected bytes, NoneType found"
     assert line(error, FUNCTION)
@@ -111,7 +109,7 @@ def test_no_command_passes_the_type_test_and_fails_in_the_encoding(
     "command",
     ["plain", None],
 )
-def test_the_encoding_is_asked_for_with_the_character_set(
+def test_command_is_encoded_with_charset(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: str | None
 ) -> None:
     character_set = object()
@@ -132,7 +130,7 @@ def test_the_encoding_is_asked_for_with_the_character_set(
     [b"encoded", bytearray(b"encoded"), Bytes(b"encoded"), ByteArray(b"encoded")],
     ids=lambda encoded: type(encoded).__name__,
 )
-def test_bytes_and_bytearrays_of_any_class_are_a_command(
+def test_encoded_bytes_or_bytearray_is_accepted(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: bytes
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
@@ -142,7 +140,7 @@ def test_bytes_and_bytearrays_of_any_class_are_a_command(
 
 
 @pytest.mark.parametrize("kind", [bytes, bytearray])
-def test_encoded_command_is_dropped_before_the_native_call(
+def test_encoded_command_is_released_before_native_call(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -164,7 +162,7 @@ def test_encoded_command_is_dropped_before_the_native_call(
     assert events == ["dropped", b"encoded"]
 
 
-def test_an_empty_bytearray_is_an_empty_command(
+def test_empty_bytearray_is_empty_command(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: bytearray())
@@ -176,7 +174,7 @@ def test_an_empty_bytearray_is_an_empty_command(
 @pytest.mark.parametrize(
     "encoded", ["text", None, 5, memoryview(b"c"), [99]], ids=lambda e: type(e).__name__
 )
-def test_an_encoding_into_anything_else_is_refused(
+def test_encoded_non_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: object
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
@@ -186,7 +184,7 @@ def test_an_encoding_into_anything_else_is_refused(
     assert sent(simulator) == []
 
 
-def test_text_that_has_no_encoding_is_not_sent(simulator: Simulator, module: ModuleType) -> None:
+def test_unencodable_command_is_not_sent(simulator: Simulator, module: ModuleType) -> None:
     error = raises_exactly(UnicodeEncodeError, module.get_cli_command_output, "\ud800")
     assert line(error, FUNCTION)
     assert sent(simulator) == []
@@ -215,7 +213,7 @@ def test_text_that_has_no_encoding_is_not_sent(simulator: Simulator, module: Mod
         ("x" * 100_000 + "--More--" + "y" * 100_000, "x" * 100_000 + "y" * 100_000),
     ],
 )
-def test_the_output_is_returned_without_pager_prompts_and_otherwise_untouched(
+def test_output_is_returned_without_pager_prompts(
     simulator: Simulator, module: ModuleType, output: str | bytes, text: str
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", output)
@@ -224,7 +222,7 @@ def test_the_output_is_returned_without_pager_prompts_and_otherwise_untouched(
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_the_decoding_gets_the_bytes_up_to_their_nul_and_the_character_set(
+def test_decoder_gets_bytes_up_to_nul_and_charset(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     character_set = object()
@@ -239,7 +237,7 @@ def test_the_decoding_gets_the_bytes_up_to_their_nul_and_the_character_set(
     assert encoding is character_set
 
 
-def test_the_character_set_is_looked_up_for_each_conversion(
+def test_charset_is_looked_up_for_each_conversion(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def answer(command: bytes) -> bytes:
@@ -254,7 +252,7 @@ def test_the_character_set_is_looked_up_for_each_conversion(
     assert sent(simulator) == [b"\xe9"]
 
 
-def test_a_subclass_of_text_is_text(
+def test_str_subclass_output_is_accepted(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "output")
@@ -274,7 +272,7 @@ def test_a_subclass_of_text_is_text(
         (bytearray(b"bytes"), TypeError, "a bytes-like object is required, not 'str'"),
     ],
 )
-def test_what_is_no_text_raises_the_interpreters_own_error_and_the_buffer_is_freed(
+def test_non_str_output_raises_and_frees_buffer(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -290,7 +288,7 @@ def test_what_is_no_text_raises_the_interpreters_own_error_and_the_buffer_is_fre
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_output_that_cannot_be_decoded_is_an_error_and_the_buffer_is_freed(
+def test_undecodable_output_raises_and_frees_buffer(
     simulator: Simulator, module: ModuleType
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", b"\xff")
@@ -300,7 +298,7 @@ def test_output_that_cannot_be_decoded_is_an_error_and_the_buffer_is_freed(
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_the_buffer_lives_until_the_text_is_decoded_and_not_beyond_the_call(
+def test_buffer_is_freed_after_decoding(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     alive: list[int] = []
@@ -319,7 +317,7 @@ def test_the_buffer_lives_until_the_text_is_decoded_and_not_beyond_the_call(
 # No output
 
 
-def test_without_output_the_native_failure_is_raised(
+def test_null_output_raises_c_function_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     decode = Recorder()
@@ -332,7 +330,7 @@ def test_without_output_the_native_failure_is_raised(
     assert sent(simulator) == [b"command"]
 
 
-def test_the_native_failure_is_the_class_that_the_global_names_then(
+def test_error_class_is_looked_up_at_failure(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     class Other(Exception):
@@ -416,7 +414,7 @@ def test_returned_class_without_instances_raises_type_error(
     assert line(error, FUNCTION)
 
 
-def test_a_native_failure_that_cannot_be_made_is_told_instead(
+def test_failing_error_class_raises_its_own_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     error = Failed()
@@ -438,7 +436,7 @@ def test_a_native_failure_that_cannot_be_made_is_told_instead(
         ("CFunctionError", None, [b"command"]),
     ],
 )
-def test_a_missing_global_is_a_name_error_when_it_is_needed(
+def test_missing_global_raises_name_error(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -455,7 +453,7 @@ def test_a_missing_global_is_a_name_error_when_it_is_needed(
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_a_character_set_that_goes_missing_is_a_name_error_and_the_buffer_is_freed(
+def test_charset_missing_at_decoding_frees_buffer(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def answer(command: bytes) -> str:
@@ -469,7 +467,7 @@ def test_a_character_set_that_goes_missing_is_a_name_error_and_the_buffer_is_fre
 
 
 @pytest.mark.parametrize("name, commands", [("bytes_", []), ("text_", [b"command"])])
-def test_a_failing_conversion_ends_the_call_unchanged(
+def test_conversion_error_propagates(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -486,7 +484,7 @@ def test_a_failing_conversion_ends_the_call_unchanged(
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_lines_ascend_with_the_statements(
+def test_traceback_lines_increase_with_statements(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def failing_line(name: str, output: str | None) -> Any:
@@ -529,7 +527,7 @@ class UnusedLogger:
         (5, "output", "TypeError"),
     ],
 )
-def test_success_and_every_failure_log_nothing(
+def test_runner_logs_nothing(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -563,7 +561,7 @@ def test_success_and_every_failure_log_nothing(
         ("get_system_arp_result", (), "Address"),
     ],
 )
-def test_parsers_look_names_up_as_their_statement_reads(
+def test_parsers_look_names_up_in_statement_order(
     cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
 ) -> None:
     """text_(get_cli_command_output(command), _CHARSET): first text_, last _CHARSET."""
@@ -607,7 +605,7 @@ class OwnMethods(str):
         ("get_system_arp_result", (), "Address\na b c d"),
     ],
 )
-def test_parsers_read_the_characters_of_a_str_subclass(
+def test_parsers_read_characters_of_str_subclass(
     native_cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
 ) -> None:
     called: list[str] = []
@@ -620,7 +618,7 @@ def test_parsers_read_the_characters_of_a_str_subclass(
     assert called == []
 
 
-def test_command_output_calls_replace_of_a_str_subclass(
+def test_command_output_calls_replace_of_str_subclass(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     called: list[str] = []

@@ -103,7 +103,7 @@ def _called(
         (None, {"a": "b" * 9999}, None),
     ],
 )
-def test_difference_of_values_gives_short_message(
+def test_assert_same_difference_gives_short_message(
     ours: object, theirs: object, message: str | None
 ) -> None:
     assert_same(ours, deepcopy(ours), "it")
@@ -237,14 +237,14 @@ def arp_outputs(draw: st.DrawFn) -> list[str]:
 @given(outputs(arp_outputs()))
 @example("")
 @example("Address")
-def test_arp_tables(pair: Pair, text: str) -> None:
+def test_arp_tables_match_reference(pair: Pair, text: str) -> None:
     pair.print(text)
     pair.check("get_system_arp_result")
 
 
 @compared
 @given(hostile(["", "Address", "Address"], ["Address", "\n", "a b c d", "Addr", "\na b c d e\n"]))
-def test_arp_of_hostile_text(pair: Pair, text: str) -> None:
+def test_arp_hostile_text_matches_reference(pair: Pair, text: str) -> None:
     pair.print(text)
     pair.check("get_system_arp_result")
 
@@ -277,7 +277,7 @@ addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", Text("x"), Tru
 @given(outputs(routing_outputs()), addresses)
 @example("", None)
 @example("Routing a b c\n,b c,d e,f\na b c", "a")
-def test_routing_entries(pair: Pair, text: str, address: object) -> None:
+def test_routing_entries_match_reference(pair: Pair, text: str, address: object) -> None:
     pair.print(text)
     pair.check("get_routing_table_result", lambda: address)
 
@@ -294,7 +294,7 @@ def test_routing_entries(pair: Pair, text: str, address: object) -> None:
         ["Routing", "a,b c,d e,f\n", "a b c\n", "x y,z w", "\nx,y\n", "Rout", "\r\n", "\n"],
     )
 )
-def test_routing_of_hostile_text(pair: Pair, text: str) -> None:
+def test_routing_hostile_text_matches_reference(pair: Pair, text: str) -> None:
     pair.print(text)
     pair.check("get_routing_table_result", lambda: "a")
 
@@ -350,14 +350,16 @@ list_bfds = st.sampled_from(
 
 @compared
 @given(outputs(bfd_outputs()), list_bfds)
-def test_bfd_sessions(pair: Pair, text: str, list_bfd: Callable[[], object]) -> None:
+def test_bfd_sessions_match_reference(
+    pair: Pair, text: str, list_bfd: Callable[[], object]
+) -> None:
     pair.print(text)
     pair.check("get_bfd_neighbor", lambda: "command", list_bfd)
 
 
 @compared
 @given(st.lists(outputs(bfd_outputs()), min_size=1, max_size=4))
-def test_bfd_sessions_in_the_shared_dictionary(pair: Pair, texts: list[str]) -> None:
+def test_bfd_shared_dictionary_matches_reference(pair: Pair, texts: list[str]) -> None:
     pair.print(*texts)
     for _ in texts:
         pair.check("get_bfd_neighbor", lambda: "command")
@@ -376,14 +378,14 @@ def test_bfd_sessions_in_the_shared_dictionary(pair: Pair, texts: list[str]) -> 
 @example("peer")
 @example("peer\nobjname")
 @example("peer\npeer \n\n")
-def test_bfd_of_hostile_text(pair: Pair, text: str) -> None:
+def test_bfd_hostile_text_matches_reference(pair: Pair, text: str) -> None:
     pair.print(text)
     pair.check("get_bfd_neighbor", lambda: "command", dict)
 
 
 @compared
 @given(st.lists(outputs(bfd_outputs()), min_size=1, max_size=6))
-def test_bfd_listings(pair: Pair, texts: list[str]) -> None:
+def test_bfd_lists_match_reference(pair: Pair, texts: list[str]) -> None:
     pair.print(*texts)
     pair.check("list_bfd_neighbor")
 
@@ -409,7 +411,7 @@ neighbor_answers: st.SearchStrategy[Any] = st.one_of(
 
 @compared
 @given(st.lists(neighbor_answers, min_size=2, max_size=8))
-def test_bfd_listings_of_any_sessions(pair: Pair, answers: list[Any]) -> None:
+def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, answers: list[Any]) -> None:
     pair.print("")
     for cli in (pair.native, pair.reference):
         calls: list[object] = []
@@ -444,7 +446,7 @@ def _answering(calls: list[object], answers: list[Any]) -> Callable[..., object]
 )
 @example(bytearray(b"peer"))
 @example({"peer", "objname"})
-def test_values_that_are_no_text(pair: Pair, value: object) -> None:
+def test_non_str_values_match_reference(pair: Pair, value: object) -> None:
     for function, *arguments in (
         ("get_system_arp_result",),
         ("get_routing_table_result", "a"),
@@ -493,7 +495,7 @@ CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
     ],
     ids=["arp", "routing", "bfd"],
 )
-def test_every_character_around_and_within_words(
+def test_every_character_around_words_matches_reference(
     pair: Pair,
     function: str,
     arguments: list[Any],
@@ -544,7 +546,7 @@ def alike(length: int, variety: int) -> str:
     ],
     ids=["arp", "routing", "bfd"],
 )
-def test_words_of_every_length_alike_at_both_ends(
+def test_words_alike_at_both_ends_match_reference(
     pair: Pair,
     function: str,
     arguments: list[Any],
@@ -577,7 +579,7 @@ def strings(value: Any) -> Iterator[str]:
 @pytest.mark.parametrize(
     "text", [each for each in TEXTS if each.function != RUNNER], ids=lambda text: text.name
 )
-def test_hostile_texts(pair: Pair, text: HostileText) -> None:
+def test_large_hostile_texts_match_reference(pair: Pair, text: HostileText) -> None:
     pair.print(text.output(SIZES[0]))
     result = pair.check(text.function, *(partial(deepcopy, made) for made in text.arguments()))
     assert isinstance(result, IndexError) == text.fails
@@ -596,7 +598,7 @@ def test_hostile_texts(pair: Pair, text: HostileText) -> None:
     st.one_of(st.text(any_character, max_size=200), addresses),
 )
 @example(b"--More----More--", "x" * 130)
-def test_the_command_runner(
+def test_command_runner_matches_reference(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -633,7 +635,7 @@ def test_the_command_runner(
         max_size=4,
     )
 )
-def test_the_whole_way_through_the_host(
+def test_native_output_matches_reference(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,

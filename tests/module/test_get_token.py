@@ -48,9 +48,7 @@ def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
 # The file itself
 
 
-def test_the_first_call_writes_64_hexadecimal_characters_and_returns_them(
-    module: ModuleType, secret_file: Path
-) -> None:
+def test_first_call_writes_64_hex_characters(module: ModuleType, secret_file: Path) -> None:
     secret = module.get_token()
     assert type(secret) is str
     assert len(secret) == 64
@@ -58,9 +56,7 @@ def test_the_first_call_writes_64_hexadecimal_characters_and_returns_them(
     assert secret_file.read_bytes() == secret.encode("ascii")
 
 
-def test_the_second_call_returns_the_same_and_leaves_the_file_alone(
-    module: ModuleType, secret_file: Path
-) -> None:
+def test_second_call_returns_same_and_keeps_file(module: ModuleType, secret_file: Path) -> None:
     secret = module.get_token()
     before = secret_file.stat()
     assert module.get_token() == secret
@@ -69,7 +65,7 @@ def test_the_second_call_returns_the_same_and_leaves_the_file_alone(
     assert (after.st_mtime_ns, after.st_ino) == (before.st_mtime_ns, before.st_ino)
 
 
-def test_a_removed_file_means_a_new_secret(module: ModuleType, secret_file: Path) -> None:
+def test_removed_file_gives_new_secret(module: ModuleType, secret_file: Path) -> None:
     secret = module.get_token()
     secret_file.unlink()
     assert module.get_token() != secret
@@ -89,7 +85,7 @@ def test_a_removed_file_means_a_new_secret(module: ModuleType, secret_file: Path
         ("\u2003\u00e9\u00a0\n".encode(), "\u00e9"),
     ],
 )
-def test_the_secret_is_the_first_line_without_surrounding_whitespace(
+def test_secret_is_stripped_first_line(
     module: ModuleType, secret_file: Path, content: bytes, secret: str
 ) -> None:
     secret_file.write_bytes(content)
@@ -97,7 +93,7 @@ def test_the_secret_is_the_first_line_without_surrounding_whitespace(
     assert secret_file.read_bytes() == content
 
 
-def test_a_directory_at_the_path_cannot_be_opened_for_writing(
+def test_directory_at_path_raises_is_a_directory_error(
     module: ModuleType, secret_file: Path
 ) -> None:
     secret_file.mkdir()
@@ -107,7 +103,7 @@ def test_a_directory_at_the_path_cannot_be_opened_for_writing(
 
 
 @pytest.mark.parametrize("umask", [0o000, 0o022, 0o027, 0o077])
-def test_new_file_has_the_permissions_that_the_umask_leaves(
+def test_new_file_permissions_follow_umask(
     module: ModuleType, secret_file: Path, umask: int
 ) -> None:
     before = os.umask(umask)
@@ -125,7 +121,7 @@ def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Pa
     assert stat.S_IMODE(secret_file.stat().st_mode) == 0o640
 
 
-def test_socket_at_the_path_cannot_be_opened(
+def test_socket_at_path_raises_os_error(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(secret_file.parent)  # a socket's path may have 107 characters
@@ -140,9 +136,7 @@ def test_socket_at_the_path_cannot_be_opened(
     assert stat.S_ISSOCK(secret_file.stat().st_mode)
 
 
-def test_character_device_is_written_and_then_read(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_character_device_is_written_then_read(simulator: Simulator, module: ModuleType) -> None:
     """The device is not a regular file, so the secret is generated and what is read counts."""
     master, slave = os.openpty()
     try:
@@ -159,7 +153,7 @@ def test_character_device_is_written_and_then_read(
     assert set(written) <= HEX
 
 
-def test_null_device_gives_an_empty_secret(
+def test_null_device_gives_empty_secret(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     opened = Recorder(builtins.open)
@@ -170,7 +164,7 @@ def test_null_device_gives_an_empty_secret(
     assert stat.S_ISCHR(null.stat().st_mode)
 
 
-def test_a_missing_directory_is_the_systems_own_error(
+def test_missing_directory_raises_file_not_found_error(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.secret_path = tmp_path / "missing" / "secret"
@@ -179,7 +173,7 @@ def test_a_missing_directory_is_the_systems_own_error(
     assert not simulator.secret_path.parent.exists()
 
 
-def test_a_relative_path_is_made_absolute(
+def test_relative_path_is_made_absolute(
     simulator: Simulator, module: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(tmp_path)
@@ -194,15 +188,13 @@ def test_a_relative_path_is_made_absolute(
     ]
 
 
-def test_a_link_to_a_file_counts_as_a_file(
-    module: ModuleType, secret_file: Path, tmp_path: Path
-) -> None:
+def test_link_to_file_is_read(module: ModuleType, secret_file: Path, tmp_path: Path) -> None:
     (tmp_path / "elsewhere").write_text("linked")
     secret_file.symlink_to(tmp_path / "elsewhere")
     assert module.get_token() == "linked"
 
 
-def test_the_path_is_text_in_the_default_encoding_of_text(
+def test_path_is_decoded_with_default_encoding(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.secret_path = tmp_path / "\u00e9"
@@ -211,7 +203,7 @@ def test_the_path_is_text_in_the_default_encoding_of_text(
     assert not simulator.secret_path.exists()
 
 
-def test_a_failure_before_writing_leaves_an_empty_file_that_later_calls_read(
+def test_failure_before_writing_leaves_empty_file(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     error = OSError("no entropy")
@@ -427,14 +419,14 @@ READ: list[tuple[object, ...]] = [
 ]
 
 
-def test_every_step_is_made_once_in_order(module: ModuleType, steps: Steps) -> None:
+def test_each_step_runs_once_in_order(module: ModuleType, steps: Steps) -> None:
     assert module.get_token() is steps.secret
     assert steps.events == PATH + WRITE + READ
     assert type(steps.events[0][1]) is bytes
     assert type(steps.events[8][1]) is int
 
 
-def test_nothing_is_written_when_the_path_is_a_file(module: ModuleType, steps: Steps) -> None:
+def test_existing_file_is_not_written(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(True)
     steps.answers["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
@@ -442,7 +434,7 @@ def test_nothing_is_written_when_the_path_is_a_file(module: ModuleType, steps: S
     assert truth.bool_calls == 1
 
 
-def test_any_false_answer_means_no_file(module: ModuleType, steps: Steps) -> None:
+def test_any_false_is_file_result_writes_file(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(False)
     steps.answers["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
@@ -450,9 +442,7 @@ def test_any_false_answer_means_no_file(module: ModuleType, steps: Steps) -> Non
     assert truth.bool_calls == 1
 
 
-def test_the_result_of_writing_and_of_a_clean_exit_is_not_looked_at(
-    module: ModuleType, steps: Steps
-) -> None:
+def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: Steps) -> None:
     untouchable = CountingBool(AssertionError("asked"))
     for name in ("written", "w: exited", "r: exited"):
         steps.answers[name] = lambda: untouchable
@@ -464,7 +454,7 @@ def test_the_result_of_writing_and_of_a_clean_exit_is_not_looked_at(
 
 
 @pytest.mark.parametrize("name", ["text_", "Path", "urandom", "hexlify"])
-def test_a_missing_global_is_a_name_error(
+def test_missing_global_raises_name_error(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     monkeypatch.delattr(module, name)
@@ -473,7 +463,7 @@ def test_a_missing_global_is_a_name_error(
     assert entry(error, "get_token").line
 
 
-def test_open_comes_from_the_builtins_at_the_time_of_the_call(
+def test_open_is_looked_up_in_builtins_at_call(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.delattr(module, "open")
@@ -484,7 +474,7 @@ def test_open_comes_from_the_builtins_at_the_time_of_the_call(
     assert steps.events == PATH + WRITE + READ
 
 
-def test_the_modules_own_open_comes_before_the_builtin(
+def test_open_of_module_shadows_builtin(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     with monkeypatch.context() as patch:
@@ -493,7 +483,7 @@ def test_the_modules_own_open_comes_before_the_builtin(
     assert secret is steps.secret
 
 
-def test_no_open_anywhere_is_a_name_error(
+def test_missing_open_raises_name_error(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.delattr(module, "open")
@@ -552,9 +542,7 @@ IN_A_BODY = {
 
 
 @pytest.mark.parametrize("step", PATH_FAILURES + WRITE_FAILURES + READ_FAILURES)
-def test_a_failing_step_ends_the_call_with_its_own_exception(
-    module: ModuleType, steps: Steps, step: str
-) -> None:
+def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps, step: str) -> None:
     error = Failed(step)
     steps.answers[step] = raiser(error)
     assert raises_exactly(Failed, module.get_token) is error
@@ -573,7 +561,7 @@ def test_a_failing_step_ends_the_call_with_its_own_exception(
     assert all(event[1:] == (None, None, None) for event in exits)
 
 
-def test_a_failing_truth_of_is_file_ends_the_call(module: ModuleType, steps: Steps) -> None:
+def test_is_file_truth_error_propagates(module: ModuleType, steps: Steps) -> None:
     error = Failed("no truth")
     steps.answers["is a file"] = lambda: CountingBool(error)
     assert raises_exactly(Failed, module.get_token) is error
@@ -581,7 +569,7 @@ def test_a_failing_truth_of_is_file_ends_the_call(module: ModuleType, steps: Ste
     assert entry(error, "get_token").line
 
 
-def test_lines_ascend_with_the_statements(module: ModuleType, steps: Steps) -> None:
+def test_traceback_lines_increase_with_statements(module: ModuleType, steps: Steps) -> None:
     found: list[Entry] = []
     for step in ("text", "is a file", "open w", "written", "open r", "line"):
         error = Failed(step)
@@ -604,7 +592,7 @@ def test_lines_ascend_with_the_statements(module: ModuleType, steps: Steps) -> N
         ["line", "secret"],
     ],
 )
-def test_a_statement_has_one_line(
+def test_statement_fails_at_one_line(
     module: ModuleType, steps: Steps, steps_of_one_statement: list[str]
 ) -> None:
     lines = set()
@@ -621,7 +609,7 @@ def test_a_statement_has_one_line(
 
 @pytest.mark.parametrize("mode", ["w", "r"])
 @pytest.mark.parametrize("kind", [Failed, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
-def test_a_failing_body_leaves_through_exit_and_goes_on_when_exit_says_no(
+def test_failing_body_propagates_when_exit_returns_false(
     module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
 ) -> None:
     error = kind("in the body")
@@ -634,7 +622,7 @@ def test_a_failing_body_leaves_through_exit_and_goes_on_when_exit_says_no(
     assert steps.names.count(f"{mode}: exit") == 1
 
 
-def test_the_exception_is_normal_when_exit_gets_it(module: ModuleType, steps: Steps) -> None:
+def test_exit_gets_normalized_exception(module: ModuleType, steps: Steps) -> None:
     class Unreadable:
         """A line without `strip`: the exception is one that the interpreter makes."""
 
@@ -644,7 +632,7 @@ def test_the_exception_is_normal_when_exit_gets_it(module: ModuleType, steps: St
     assert steps.events[-1][:3] == ("r: exit", AttributeError, error)
 
 
-def test_exit_sees_the_exception_as_the_one_being_handled(module: ModuleType, steps: Steps) -> None:
+def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) -> None:
     handled: list[object] = []
     error = Failed("in the body")
 
@@ -660,7 +648,7 @@ def test_exit_sees_the_exception_as_the_one_being_handled(module: ModuleType, st
 
 
 @pytest.mark.parametrize("swallowed", [False, True])
-def test_what_the_caller_handles_stays_being_handled(
+def test_exception_of_caller_stays_handled(
     module: ModuleType, steps: Steps, swallowed: bool
 ) -> None:
     outer, error = Failed("being handled by the caller"), LookupError("in the body")
@@ -676,7 +664,7 @@ def test_what_the_caller_handles_stays_being_handled(
         assert sys.exc_info()[1] is outer
 
 
-def test_a_swallowed_failure_of_writing_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
+def test_suppressed_write_error_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(True)
     steps.answers["written"] = raiser(Failed())
     steps.answers["w: exited"] = lambda: truth
@@ -687,7 +675,7 @@ def test_a_swallowed_failure_of_writing_goes_on_to_read(module: ModuleType, step
 
 
 @pytest.mark.parametrize("step", ["line", "secret"])
-def test_a_swallowed_failure_of_reading_leaves_the_secret_unbound(
+def test_suppressed_read_error_raises_unbound_local(
     module: ModuleType, steps: Steps, step: str
 ) -> None:
     truth = CountingBool(True)
@@ -701,7 +689,7 @@ def test_a_swallowed_failure_of_reading_leaves_the_secret_unbound(
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_an_exit_that_fails_while_an_exception_passes_replaces_it_and_keeps_it_as_context(
+def test_failing_exit_keeps_body_error_as_context(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
     body, leaving = Failed("in the body"), LookupError("while leaving")
@@ -713,7 +701,7 @@ def test_an_exit_that_fails_while_an_exception_passes_replaces_it_and_keeps_it_a
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_an_exit_whose_answer_has_no_truth_replaces_the_exception(
+def test_exit_result_truth_error_replaces_exception(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
     body, truthless = Failed("in the body"), LookupError("no truth")
@@ -724,7 +712,7 @@ def test_an_exit_whose_answer_has_no_truth_replaces_the_exception(
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_entering_that_fails_is_not_left(module: ModuleType, steps: Steps, mode: str) -> None:
+def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode: str) -> None:
     error = Failed("entering")
     steps.answers[f"{mode}: entered"] = raiser(error)
     assert raises_exactly(Failed, module.get_token) is error
@@ -761,7 +749,7 @@ class Neither:
     "manager, missing",
     [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")],
 )
-def test_what_is_no_context_manager_is_refused_before_it_is_entered(
+def test_non_context_manager_raises_before_enter(
     module: ModuleType, steps: Steps, mode: str, manager: type, missing: str
 ) -> None:
     steps.answers[f"open {mode}"] = manager
@@ -771,7 +759,7 @@ def test_what_is_no_context_manager_is_refused_before_it_is_entered(
 
 
 @pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_a_special_method_whose_look_up_fails_ends_the_call(
+def test_special_method_lookup_error_propagates(
     module: ModuleType, steps: Steps, name: str
 ) -> None:
     error = Failed(name)
@@ -785,7 +773,7 @@ def test_a_special_method_whose_look_up_fails_ends_the_call(
     assert raises_exactly(Failed, module.get_token) is error
 
 
-def test_special_methods_may_be_any_callable_on_the_type(module: ModuleType, steps: Steps) -> None:
+def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:
     """A static method, a class method, a callable object: bound as the type says."""
     line_ = io.StringIO("first\nsecond")
     exits = Recorder()
@@ -808,7 +796,7 @@ class FileWithoutMethods:
     "mode, method, body_begins",
     [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
 )
-def test_file_without_method_is_refused_before_anything_else(
+def test_file_without_method_raises_attribute_error(
     module: ModuleType,
     steps: Steps,
     monkeypatch: pytest.MonkeyPatch,
@@ -828,7 +816,7 @@ def test_file_without_method_is_refused_before_anything_else(
     assert value is error
 
 
-def test_methods_without_get_keep_their_reference_counts(module: ModuleType, steps: Steps) -> None:
+def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: Steps) -> None:
     class Uncounted:
         """A callable that no type binds, and that notes nothing."""
 
@@ -886,7 +874,7 @@ def remove_method_in_its_get(name: str) -> list[object]:
 
 
 @pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_method_removed_by_its_own_get_is_kept_until_bound(name: str) -> None:
+def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
     assert isolated.value(remove_method_in_its_get, name) == [
         "line",
         ["removed", "bound", "finalized"],
@@ -895,9 +883,7 @@ def test_method_removed_by_its_own_get_is_kept_until_bound(name: str) -> None:
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_exit_sees_the_traceback_in_the_exception(
-    module: ModuleType, steps: Steps, mode: str
-) -> None:
+def test_exit_gets_traceback_of_exception(module: ModuleType, steps: Steps, mode: str) -> None:
     seen: list[tuple[Any, Any]] = []
 
     def exited() -> bool:
@@ -916,7 +902,7 @@ def test_exit_sees_the_traceback_in_the_exception(
     assert traceback_entries(handled) == [entry(error, "get_token")]
 
 
-def test_path_is_read_before_the_class_is_looked_up() -> None:
+def test_native_path_is_read_before_class_lookup() -> None:
     def rebind_in_the_getter() -> list[str]:
         import ctypes
 

@@ -69,7 +69,7 @@ def call(
 
 
 @every_use
-def test_a_name_found_nowhere_is_a_name_error(
+def test_undefined_name_raises_name_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     home = module if hasattr(module, use.name) else builtins
@@ -118,7 +118,7 @@ def trapped(
 
 
 @every_use
-def test_a_name_rebound_in_the_module_is_what_the_next_call_uses(
+def test_rebound_global_is_used_by_next_call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     def put(holder: ModuleType, name: str, value: object) -> None:
@@ -128,7 +128,7 @@ def test_a_name_rebound_in_the_module_is_what_the_next_call_uses(
 
 
 @every_use
-def test_a_name_gone_from_the_module_is_looked_for_among_the_builtins(
+def test_deleted_global_is_looked_up_in_builtins(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     monkeypatch.delattr(module, use.name, raising=False)
@@ -140,7 +140,7 @@ def test_a_name_gone_from_the_module_is_looked_for_among_the_builtins(
 
 
 @every_use
-def test_the_modules_own_name_comes_before_the_builtins(
+def test_global_shadows_builtin(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     held = getattr(module, use.name, None) or getattr(builtins, use.name)
@@ -156,7 +156,7 @@ def test_the_modules_own_name_comes_before_the_builtins(
 
 
 @every_use
-def test_error_of_the_builtins_getattr_propagates(
+def test_builtins_getattr_error_propagates(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     error = ValueError(use.name)
@@ -215,7 +215,7 @@ COMPARED = {
 
 
 @pytest.mark.parametrize("where", COMPARED)
-def test_error_of_a_key_comparison_propagates(where: str) -> None:
+def test_key_comparison_error_propagates(where: str) -> None:
     calls = COMPARED[where]
     assert isolated.value(fail_in_comparison, where, calls) == [
         f"ValueError: {name} is not comparable" for _function, _arguments, name in calls
@@ -226,7 +226,7 @@ def test_error_of_a_key_comparison_propagates(where: str) -> None:
 
 
 @pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
-def test_a_name_that_the_bfd_listing_misses_is_logged(
+def test_bfd_list_missing_global_is_logged(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     logger = RecordingLogger()
@@ -238,7 +238,7 @@ def test_a_name_that_the_bfd_listing_misses_is_logged(
     assert logger.debug_messages == [f"e:name '{name}' is not defined"]
 
 
-def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
+def test_bfd_list_uses_current_copy_module(
     module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     logger = RecordingLogger()
@@ -249,7 +249,7 @@ def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
     assert logger.debug_messages == ["e:"]  # the trap's own exception has no text
 
 
-def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
+def test_bfd_list_missing_logger_raises_name_error(
     module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(module, "get_bfd_neighbor", Trap())
@@ -264,7 +264,7 @@ def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
 
 
 @pytest.mark.parametrize("name", ["dict", "list", "str", "bytes", "len", "range", "type", "print"])
-def test_a_builtin_of_the_same_name_in_the_module_changes_nothing(
+def test_global_named_like_list_is_not_used(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", HEADER)

@@ -114,7 +114,7 @@ def test_generator_later_exception_has_no_context(handle: Handle) -> None:
     assert next(generator) is None
 
 
-def test_generator_lets_caller_exception_be_collected(handle: Handle) -> None:
+def test_generator_lets_exception_of_caller_be_collected(handle: Handle) -> None:
     def view() -> Iterator[object]:
         handle()
         yield None
@@ -200,7 +200,7 @@ def test_coroutine_resumed_outside_handler_handles_nothing(handle: Handle) -> No
     assert stopped.value.value is None
 
 
-def test_asyncio_tasks_do_not_see_each_others_exceptions(handle: Handle) -> None:
+def test_asyncio_tasks_handle_only_their_own_exceptions(handle: Handle) -> None:
     async def view() -> AsyncGenerator[object, None]:
         while True:
             handle()
@@ -230,7 +230,7 @@ def test_asyncio_tasks_do_not_see_each_others_exceptions(handle: Handle) -> None
     assert asyncio.run(tasks()) == [[True, None, None] * 3] * 2
 
 
-def test_exception_in_handler_keeps_the_whole_context_chain(
+def test_exception_in_handler_keeps_context_chain(
     cli: FakeCli, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     chains: list[list[type[BaseException]]] = []
@@ -266,7 +266,7 @@ def test_exception_in_handler_keeps_the_whole_context_chain(
     assert chains == [[IndexError, Outer], [IndexError, KeyError, Outer], [IndexError]]
 
 
-def test_nested_call_from_the_logger_restores_each_handler(
+def test_nested_call_from_logger_restores_handlers(
     cli: FakeCli, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     depth: list[BaseException | None] = []

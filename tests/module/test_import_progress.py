@@ -85,7 +85,7 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
         ("failed", NOT_IMPORTED),
     ],
 )
-def test_early_call_says_how_far_the_import_is(moment: str, text: str) -> None:
+def test_call_before_import_ends_raises_runtime_error(moment: str, text: str) -> None:
     ended = isolated.value(call_at, moment, CALLS)
     assert [each[0] for each in ended] == [text] * 30
     for row, (_text, entries) in zip(FUNCTIONS, ended):
@@ -94,7 +94,7 @@ def test_early_call_says_how_far_the_import_is(moment: str, text: str) -> None:
         assert row.first_line[0] <= first_line == line <= row.first_line[1]
 
 
-def test_function_bound_by_a_failed_import_says_so() -> None:
+def test_function_of_failed_import_raises_runtime_error() -> None:
     def call_bound() -> list[Any]:
         SiblingSandbox()
         module = create_module()

@@ -125,7 +125,7 @@ BOUND = {
 @pytest.mark.parametrize(
     "module, name", [("util.errors", "CFunctionError"), ("pyramid.compat", "text_")]
 )
-def test_from_import_of_spoilt_sibling_ends_as_in_python(
+def test_from_import_of_broken_sibling_ends_as_in_python(
     module: str, name: str, label: str
 ) -> None:
     spoils = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *SPOILT[label]]
@@ -155,7 +155,7 @@ def test_each_statement_fails_as_in_python(module: str, missing: str) -> None:
     assert expected[0][0] == ("ImportError" if missing == "name" else "ModuleNotFoundError")
 
 
-def test_error_of_circular_import_has_text_name_and_path() -> None:
+def test_circular_import_error_has_text_name_and_path() -> None:
     rows = [BARE.format("os", "os"), *SPOILT["partially initialized"]]
     (error, _bound), found = isolated.value(outcomes, STATEMENTS, *rows)
     assert found == [error, _bound]

@@ -36,7 +36,7 @@ from veldarin_simulator import RawJSON, Simulator
 
 
 @every_query
-def test_request_native_call_then_both_releases_request_first(
+def test_query_releases_request_before_response(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
@@ -50,7 +50,7 @@ def test_request_native_call_then_both_releases_request_first(
 
 
 @every_native_query
-def test_the_context_and_the_third_pointer_are_null(
+def test_context_and_third_pointer_are_null(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
@@ -60,7 +60,7 @@ def test_the_context_and_the_third_pointer_are_null(
 
 
 @every_query
-def test_one_dictionary_and_then_nothing_makes_the_two_objects(
+def test_request_gets_dict_and_response_gets_none(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
@@ -75,7 +75,7 @@ def test_one_dictionary_and_then_nothing_makes_the_two_objects(
 
 
 @every_query
-def test_the_parsed_value_is_returned_itself(
+def test_parsed_value_is_returned_itself(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
@@ -89,7 +89,7 @@ def test_the_parsed_value_is_returned_itself(
 
 
 @every_query_without_native
-def test_an_untouched_response_parses_to_none_unless_the_sibling_holds_something(
+def test_untouched_response_is_none_or_default(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     assert row.call(module) is None
@@ -99,9 +99,7 @@ def test_an_untouched_response_parses_to_none_unless_the_sibling_holds_something
 
 
 @every_native_query
-def test_a_null_reply_is_parsed_as_none(
-    simulator: Simulator, module: ModuleType, row: QueryCase
-) -> None:
+def test_null_reply_is_none(simulator: Simulator, module: ModuleType, row: QueryCase) -> None:
     simulator.set_reply(str(row.native), None)
     simulator.default_response = RawJSON('{"replaced": true}')
     if row.function == "list_system_interface_physical":
@@ -131,7 +129,7 @@ def test_a_null_reply_is_parsed_as_none(
     ],
     ids=lambda reply: json.dumps(reply)[:30],
 )
-def test_replies_of_every_shape_come_back_whole(
+def test_reply_of_each_shape_is_returned(
     simulator: Simulator, module: ModuleType, reply: object
 ) -> None:
     simulator.set_reply("build_switch_lg_state", reply)
@@ -139,7 +137,7 @@ def test_replies_of_every_shape_come_back_whole(
 
 
 @pytest.mark.parametrize("text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"'])
-def test_the_parser_gets_the_text_as_rendered(
+def test_loads_gets_rendered_text(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, text: str
 ) -> None:
     loads = Recorder(ujson.loads)
@@ -149,12 +147,12 @@ def test_the_parser_gets_the_text_as_rendered(
     assert loads.positional == [(text.encode(),)]
 
 
-def test_the_text_ends_at_its_first_nul(simulator: Simulator, module: ModuleType) -> None:
+def test_rendered_text_ends_at_first_nul(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_lg_state", RawJSON("[1]\0[2]"))
     assert module.list_switch_lg_state() == [1]
 
 
-def test_the_answer_may_depend_on_the_request(simulator: Simulator, module: ModuleType) -> None:
+def test_reply_may_depend_on_request(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_stp_state", lambda request: {"asked": request})
     for instance in (0, 1, "two"):
         assert module.list_switch_stp_state(instance) == {"asked": {"instance_id": instance}}
@@ -164,7 +162,7 @@ def test_the_answer_may_depend_on_the_request(simulator: Simulator, module: Modu
 
 
 @every_native_query
-def test_the_parser_is_looked_up_after_the_native_call(
+def test_json_is_looked_up_after_native_call(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     parsed = [{"interface": [{"name": "port1"}]}]
@@ -181,7 +179,7 @@ SERIALIZER = "json_object_to_json_string"
 
 
 @every_query
-def test_loads_is_looked_up_before_the_reply_is_rendered(
+def test_loads_is_looked_up_before_rendering(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
@@ -219,7 +217,7 @@ class Failed(Exception):
 
 @every_query
 @pytest.mark.parametrize("missing", ["json", "loads"])
-def test_missing_loads_leaves_the_reply_unrendered(
+def test_missing_loads_leaves_reply_unrendered(
     simulator: Simulator,
     module: ModuleType,
     row: QueryCase,
@@ -248,7 +246,7 @@ def nth_fails(number: int, error: BaseException) -> Recorder:
 
 
 @every_query
-def test_a_request_that_cannot_be_made_ends_the_call(
+def test_failing_request_creation_propagates(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     error = Failed()
@@ -259,7 +257,7 @@ def test_a_request_that_cannot_be_made_ends_the_call(
 
 
 @every_query
-def test_a_response_that_cannot_be_made_ends_the_call(
+def test_failing_response_creation_propagates(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     error = Failed()
@@ -270,7 +268,7 @@ def test_a_response_that_cannot_be_made_ends_the_call(
 
 
 @every_query
-def test_without_the_parsers_global_the_call_ends_after_the_native_call(
+def test_missing_json_raises_after_native_call(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
@@ -282,7 +280,7 @@ def test_without_the_parsers_global_the_call_ends_after_the_native_call(
 
 
 @every_query
-def test_a_parser_without_loads_is_an_attribute_error(
+def test_json_without_loads_raises_attribute_error(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
@@ -294,7 +292,7 @@ def test_a_parser_without_loads_is_an_attribute_error(
 
 
 @every_query
-def test_a_failing_parser_ends_the_call_without_a_release(
+def test_failing_loads_makes_no_release_call(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
@@ -307,7 +305,7 @@ def test_a_failing_parser_ends_the_call_without_a_release(
 
 @every_query
 @pytest.mark.parametrize("text", ["{oops", "", "[1,", "nul"])
-def test_invalid_json_raises_what_the_parser_raises(
+def test_invalid_json_raises_error_of_parser(
     simulator: Simulator, module: ModuleType, row: QueryCase, text: str
 ) -> None:
     expected = raises_exactly(ujson.JSONDecodeError, ujson.loads, text.encode())
@@ -323,7 +321,7 @@ def test_invalid_json_raises_what_the_parser_raises(
 
 @every_query
 @pytest.mark.parametrize("number", [1, 2])
-def test_a_failing_release_ends_the_call(
+def test_failing_release_propagates(
     simulator: Simulator, module: ModuleType, row: QueryCase, number: int
 ) -> None:
     prepare(simulator, row)
@@ -400,7 +398,7 @@ def test_reply_is_rendered_once_when_loads_fails(
 
 
 @every_query
-def test_a_failure_leaves_one_entry_at_the_functions_first_line(
+def test_failure_has_one_entry_of_function(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     error = Failed()
@@ -434,7 +432,7 @@ def requested(simulator: Simulator) -> Any:
 
 @every_acl_counter
 @pytest.mark.parametrize("policy", [0, "", None, False, 0.0, [], {}, ()], ids=repr)
-def test_a_false_policy_sends_the_empty_request(
+def test_false_policy_sends_empty_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -450,7 +448,7 @@ def test_a_false_policy_sends_the_empty_request(
 @every_acl_counter
 @pytest.mark.parametrize("policy", [7, -1, "0", True, 1.5, [0], {"a": 1}], ids=repr)
 @pytest.mark.parametrize("keyword", [False, True], ids=["by position", "by keyword"])
-def test_a_true_policy_is_sent_unchanged(
+def test_true_policy_is_sent_unchanged(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -474,7 +472,7 @@ def test_a_true_policy_is_sent_unchanged(
 
 @every_acl_counter
 @pytest.mark.parametrize("truth", [True, False])
-def test_the_policys_truth_is_asked_once_before_the_request_is_made(
+def test_policy_truth_is_tested_once_before_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -494,7 +492,7 @@ def test_the_policys_truth_is_asked_once_before_the_request_is_made(
 
 
 @every_acl_counter
-def test_a_failing_truth_is_reported_at_the_request(
+def test_policy_truth_error_is_at_request_line(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
     error = Failed()
@@ -509,7 +507,7 @@ def test_a_failing_truth_is_reported_at_the_request(
 
 
 @every_acl_counter
-def test_a_policy_that_the_request_cannot_hold_is_the_siblings_error(
+def test_unserializable_policy_raises_sibling_error(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
     error = raises_exactly(TypeError, getattr(module, function), object())
@@ -518,7 +516,7 @@ def test_a_policy_that_the_request_cannot_hold_is_the_siblings_error(
 
 
 @pytest.mark.parametrize("function", ["switch_acl_egress_counter", "switch_acl_prelookup_counter"])
-def test_the_unwired_counters_return_the_same_whatever_the_policy(
+def test_counters_without_service_ignore_policy(
     simulator: Simulator, module: ModuleType, function: str
 ) -> None:
     simulator.default_response = RawJSON('{"counters": []}')
@@ -535,7 +533,7 @@ def test_the_unwired_counters_return_the_same_whatever_the_policy(
         ((1,), {"policy_id": 2}, "{}() got multiple values for keyword argument 'policy_id'"),
     ],
 )
-def test_faulty_arguments_are_reported_at_the_first_line(
+def test_argument_error_is_at_first_line(
     simulator: Simulator,
     module: ModuleType,
     function: str,

@@ -126,7 +126,7 @@ def call_of(
 
 
 @pytest.mark.parametrize("case", [*CASES, *REPEATED_ONLY], ids=str)
-def test_nothing_stays_behind(
+def test_repeated_call_leaks_nothing(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, case: CallCase
 ) -> None:
     call = call_of(case, simulator, module, monkeypatch)
@@ -134,7 +134,7 @@ def test_nothing_stays_behind(
     assert leaks(call, simulator, tracked_objects(module, arguments)) == []
 
 
-def test_every_function_is_called_in_success_and_in_failure() -> None:
+def test_cases_cover_success_and_failure_of_functions() -> None:
     names = {row.name for row in FUNCTIONS}
     assert {case.function for case in CASES if case.error is None} == names
     assert {case.function for case in CASES if case.error is not None} == names
@@ -147,21 +147,19 @@ def test_every_function_is_called_in_success_and_in_failure() -> None:
 BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
 
 
-def test_the_counting_sees_a_block_that_stays(simulator: Simulator, module: ModuleType) -> None:
+def test_leak_check_detects_memory_block(simulator: Simulator, module: ModuleType) -> None:
     kept: list[object] = []
     found = leaks(lambda: kept.append(bytes(100)), simulator, [])
     assert [leak.what for leak in found] == BLOCKS
 
 
-def test_the_counting_sees_a_container_that_stays(simulator: Simulator, module: ModuleType) -> None:
+def test_leak_check_detects_container(simulator: Simulator, module: ModuleType) -> None:
     kept: list[object] = []
     found = leaks(lambda: kept.append([]), simulator, [])
     assert [leak.what for leak in found] == [*BLOCKS, "collectable objects"]
 
 
-def test_the_counting_sees_a_reference_lost_to_a_living_object(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_leak_check_detects_missing_decref(simulator: Simulator, module: ModuleType) -> None:
     argument = object()
     increment = ctypes.pythonapi.Py_IncRef
     increment.argtypes = [ctypes.py_object]
@@ -169,18 +167,14 @@ def test_the_counting_sees_a_reference_lost_to_a_living_object(
     assert (found.once, found.twice) == (ROUNDS, 2 * ROUNDS)
 
 
-def test_the_counting_sees_a_reference_taken_from_a_living_object(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_leak_check_detects_extra_decref(simulator: Simulator, module: ModuleType) -> None:
     argument = object()
     kept = [argument] * (20 * ROUNDS)
     (found,) = leaks(kept.pop, simulator, [argument])
     assert (found.once, found.twice) == (-ROUNDS, -2 * ROUNDS)
 
 
-def test_the_counting_sees_a_json_object_that_stays(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_leak_check_detects_json_object(simulator: Simulator, module: ModuleType) -> None:
     from util.json import JSONObject
 
     kept: list[object] = []
@@ -189,7 +183,7 @@ def test_the_counting_sees_a_json_object_that_stays(
     kept.clear()
 
 
-def test_the_counting_is_quiet_when_nothing_stays(simulator: Simulator, module: ModuleType) -> None:
+def test_leak_check_without_leak_reports_nothing(simulator: Simulator, module: ModuleType) -> None:
     assert (
         leaks(lambda: [{}, object(), "text".upper()], simulator, tracked_objects(module, [])) == []
     )
@@ -258,21 +252,21 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     return told
 
 
-def test_nothing_stays_behind_of_an_import_that_fails() -> None:
+def test_failed_import_leaks_nothing() -> None:
     spoilt = [case for case in imports.CASES if case.spoils and case.path == isolated.MODULE_PATH]
     assert len(spoilt) > 60
     found = isolated.value(repeat_failing_imports, [(case.label, case.spoils) for case in spoilt])
     assert [row for row in found if row[1:] != [0, 0, {}]] == []
 
 
-def test_the_counting_of_imports_sees_what_stays() -> None:
+def test_import_leak_check_detects_leak() -> None:
     keep = "__import__('sys').__dict__.setdefault('kept', []).append([bytes(100)])"
     cases = [("kept", [keep, "siblings['util.json'] = None"])]
     blocks = 3 if BLOCKS else 0
     assert isolated.value(repeat_failing_imports, cases) == [["kept", blocks, 1, {}]]
 
 
-def test_import_leak_count_sees_a_lost_reference() -> None:
+def test_import_leak_check_detects_missing_decref() -> None:
     lose = "ctypes.pythonapi.Py_IncRef(ctypes.py_object(MODULE))"
     cases = [("lost", [lose, "siblings['util.json'] = None"])]
     assert isolated.value(repeat_failing_imports, cases) == [

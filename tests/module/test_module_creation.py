@@ -75,7 +75,7 @@ WHOLE = {
 }
 
 
-def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> None:
+def test_call_before_execution_raises_runtime_error() -> None:
     def call_all(calls: list[list[Any]]) -> list[str]:
         module = create_from_spec(ModuleSpec(MODULE, None))
         told = []
@@ -102,7 +102,7 @@ REFUSED: list[list[Any]] = [
 ]
 
 
-def test_call_before_execution_does_not_check_its_arguments() -> None:
+def test_call_before_execution_ignores_wrong_arguments() -> None:
     def call_all(calls: list[list[Any]]) -> list[list[Any]]:
         module = create_from_spec(ModuleSpec(MODULE, None))
         ended: list[list[Any]] = []
@@ -118,7 +118,7 @@ def test_call_before_execution_does_not_check_its_arguments() -> None:
     ]
 
 
-def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
+def test_entry_point_returns_definition_only() -> None:
     def call_entry() -> list[object]:
         import ctypes
 
@@ -131,7 +131,7 @@ def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
     assert isolated.value(call_entry) == ["moduledef", True, True]
 
 
-def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
+def test_definition_has_name_methods_and_two_slots() -> None:
     def read_definition() -> dict[str, Any]:
         defined = definition()
         methods = rows_until_null(defined.methods, "name")
@@ -162,7 +162,7 @@ def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
     }
 
 
-def test_the_module_has_its_name_and_no_docstring() -> None:
+def test_module_has_name_and_no_docstring() -> None:
     def names() -> list[object]:
         module = create_module()
         return [module.__name__, module.__doc__]
@@ -170,7 +170,7 @@ def test_the_module_has_its_name_and_no_docstring() -> None:
     assert isolated.value(names) == [isolated.MODULE, None]
 
 
-def test_the_module_is_named_by_the_spec() -> None:
+def test_module_name_comes_from_spec() -> None:
     assert isolated.value(create_from, {**WHOLE, "name": "another.name"}, {})["__name__"] == (
         "another.name"
     )
@@ -187,7 +187,7 @@ def test_creation_copies_four_spec_attributes() -> None:
 
 
 @pytest.mark.parametrize("missing", COPIED)
-def test_a_missing_spec_attribute_is_skipped(missing: str) -> None:
+def test_missing_spec_attribute_is_skipped(missing: str) -> None:
     given = {name: held for name, held in WHOLE.items() if name != missing}
     held = isolated.value(create_from, given, {})
     assert held.pop(COPIED[missing], None) is None  # what a new module holds there, or nothing
@@ -196,25 +196,25 @@ def test_a_missing_spec_attribute_is_skipped(missing: str) -> None:
 
 
 @pytest.mark.parametrize("missing", ["origin", "submodule_search_locations"])
-def test_a_skipped_attribute_leaves_no_name_behind(missing: str) -> None:
+def test_skipped_spec_attribute_sets_no_name(missing: str) -> None:
     given = {name: held for name, held in WHOLE.items() if name != missing}
     assert COPIED[missing] not in isolated.value(create_from, given, {})
 
 
 @pytest.mark.parametrize("attribute", ["loader", "origin", "parent"])
-def test_a_spec_attribute_that_is_none_is_copied(attribute: str) -> None:
+def test_spec_attribute_none_is_copied(attribute: str) -> None:
     held = isolated.value(create_from, {**WHOLE, attribute: None}, {})
     assert COPIED[attribute] in held
     assert held[COPIED[attribute]] is None
 
 
-def test_search_locations_that_are_none_are_skipped() -> None:
+def test_search_locations_none_are_skipped() -> None:
     held = isolated.value(create_from, {**WHOLE, "submodule_search_locations": None}, {})
     assert "__path__" not in held
 
 
 @pytest.mark.parametrize("attribute", COPIED)
-def test_a_getter_that_raises_attribute_error_counts_as_missing(attribute: str) -> None:
+def test_spec_attribute_error_counts_as_missing(attribute: str) -> None:
     held = isolated.value(create_from, WHOLE, {attribute: "AttributeError"})
     assert "error" not in held
     assert held.get(COPIED[attribute]) is None
@@ -222,20 +222,20 @@ def test_a_getter_that_raises_attribute_error_counts_as_missing(attribute: str) 
 
 @pytest.mark.parametrize("attribute", COPIED)
 @pytest.mark.parametrize("error", ["ValueError", "KeyboardInterrupt"])
-def test_a_getter_that_raises_anything_else_fails_the_creation(attribute: str, error: str) -> None:
+def test_other_spec_error_fails_creation(attribute: str, error: str) -> None:
     outcome = isolated.run(create_from, WHOLE, {attribute: error})
     raised = outcome.error or isolated.Error.of(outcome.value["error"])
     assert (raised.type, raised.text) == (error, f"no {attribute} today")
 
 
-def test_every_creation_before_the_first_execution_gives_a_new_object() -> None:
+def test_creation_before_execution_returns_new_object() -> None:
     def create_twice() -> bool:
         return create_module() is create_module()
 
     assert isolated.value(create_twice) is False
 
 
-def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> None:
+def test_creation_after_execution_returns_same_module() -> None:
     def create_again() -> list[object]:
         module = importlib.import_module(MODULE)
         before = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
@@ -281,7 +281,7 @@ def test_create_slot_after_execution_changes_no_name() -> None:
 
 
 @pytest.mark.parametrize("way", ["import", "creation"])
-def test_second_creation_only_restores_the_functions(way: str) -> None:
+def test_second_creation_restores_functions_only(way: str) -> None:
     """The create slot changes nothing, but CPython then adds the definition's methods again.
 
     So a function that was rebound or deleted is the built-in function again; no other name comes
@@ -322,7 +322,7 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
     assert result == 0  # of the native service without an appliance
 
 
-def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
+def test_creation_after_execution_reads_spec_name_only() -> None:
     def read_again() -> list[str]:
         importlib.import_module(MODULE)
         read = []
@@ -388,7 +388,7 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         ("failed import", "import of util.json halted; None in sys.modules"),
     ],
 )
-def test_a_second_interpreter_is_refused_whatever_became_of_the_first(
+def test_second_interpreter_raises_import_error(
     first: str,
     seen: str,
 ) -> None:
@@ -398,7 +398,7 @@ def test_a_second_interpreter_is_refused_whatever_became_of_the_first(
     ]
 
 
-def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
+def test_main_interpreter_after_another_raises() -> None:
     def create_elsewhere_first() -> None:
         import _xxsubinterpreters
         from typing import Any, cast

@@ -174,13 +174,11 @@ FAILURES = [
     FAILURES,
     ids=[text.partition(" Expected")[0] for _statement, _kind, text in FAILURES],
 )
-def test_a_failing_step_fails_the_import_and_a_repaired_one_lets_it_through(
-    statement: str, kind: str, text: str
-) -> None:
+def test_failing_step_fails_import_until_repaired(statement: str, kind: str, text: str) -> None:
     assert kind_and_text(statement) == (kind, text)
 
 
-def test_the_steps_run_in_their_order() -> None:
+def test_import_steps_run_in_order() -> None:
     # All faults at once, then one fewer each time; those of the builtins are made last.
     statements = [statement for statement, _kind, _text in FAILURES]
     fewer = [statements[first:][::-1] for first in range(len(statements))]
@@ -192,20 +190,20 @@ def test_the_steps_run_in_their_order() -> None:
 
 @pytest.mark.parametrize("name", TYPE_SIZES)
 @pytest.mark.parametrize("more", [1, 10])
-def test_a_larger_type_warns_and_the_import_goes_on(name: str, more: int) -> None:
+def test_larger_type_warns_and_import_succeeds(name: str, more: int) -> None:
     (attempt,) = isolated.value(import_spoilt, [resized(name, more * POINTER)])["attempts"]
     assert attempt["error"] is None
     assert attempt["warned"] == [["RuntimeWarning", size_changed(name, more * POINTER)]]
 
 
-def test_the_size_warning_as_an_error_fails_the_import() -> None:
+def test_size_warning_as_error_fails_import() -> None:
     raising = "__import__('warnings').simplefilter('error', RuntimeWarning)"
     assert kinds_and_texts(*([resized(name, POINTER), raising] for name in TYPE_SIZES)) == [
         ("RuntimeWarning", size_changed(name, POINTER)) for name in TYPE_SIZES
     ]
 
 
-def test_the_right_sizes_give_no_warning() -> None:
+def test_expected_sizes_give_no_warning() -> None:
     (attempt,) = isolated.value(import_spoilt, [])["attempts"]
     assert (attempt["error"], attempt["warned"]) == (None, [])
 
@@ -231,13 +229,13 @@ def test_the_right_sizes_give_no_warning() -> None:
         ),
     ],
 )
-def test_a_missing_type_or_table_raises_the_interpreters_own_error(
+def test_missing_type_or_vtable_raises_interpreter_error(
     statement: str, kind: str, text: str
 ) -> None:
     assert kind_and_text(statement) == (kind, text)
 
 
-def test_a_method_table_of_a_base_class_is_not_the_types_own() -> None:
+def test_vtable_of_base_class_is_not_used() -> None:
     heir = "type('JSONObject', (siblings['util.json'].JSONObject,), {'__slots__': ()})"
     assert kind_and_text(f"siblings['util.json'].JSONObject = {heir}") == (
         "KeyError",
@@ -245,7 +243,7 @@ def test_a_method_table_of_a_base_class_is_not_the_types_own() -> None:
     )
 
 
-def test_an_imported_type_that_is_no_type_fails_the_import() -> None:
+def test_imported_non_type_raises_type_error() -> None:
     errors = failures(
         ["siblings['util.json'].JSONObject = json_object()()"],
         ["siblings['util.json'].JSONObject = len"],
@@ -254,7 +252,7 @@ def test_an_imported_type_that_is_no_type_fails_the_import() -> None:
     assert [error.type for error in errors] == ["TypeError"] * 3
 
 
-def test_a_method_table_that_is_no_capsule_fails_the_import() -> None:
+def test_vtable_that_is_not_a_capsule_fails_import() -> None:
     (error,) = failures(["siblings['util.json'].JSONObject.__pyx_vtable__ = 5"])
     assert error.type in {"RuntimeError", "TypeError", "ValueError"}
 
@@ -263,9 +261,7 @@ def test_a_method_table_that_is_no_capsule_fails_the_import() -> None:
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_a_c_item_that_cannot_be_had_fails_the_import(
-    module: str, item: str, kind: str, signature: str
-) -> None:
+def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signature: str) -> None:
     another = f"siblings['{module}'].__pyx_capi__['other'] = capsule(1, {signature.encode()!r})"
     missing = f"del siblings['{module}'].__pyx_capi__['{item}']"
     assert kinds_and_texts(
@@ -282,7 +278,7 @@ def test_a_c_item_that_cannot_be_had_fails_the_import(
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_a_c_item_of_the_wrong_signature_fails_the_import(
+def test_capi_item_of_wrong_signature_fails_import(
     module: str, item: str, kind: str, signature: str
 ) -> None:
     right = signature.encode()
@@ -309,7 +305,7 @@ def test_a_c_item_of_the_wrong_signature_fails_the_import(
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_a_capsule_without_a_name_is_refused_and_the_text_shows_no_null(
+def test_unnamed_capsule_raises_without_null_in_text(
     module: str, item: str, kind: str, signature: str
 ) -> None:
     (error,) = failures([f"siblings['{module}'].__pyx_capi__['{item}'] = capsule(1, None)"])
@@ -319,7 +315,7 @@ def test_a_capsule_without_a_name_is_refused_and_the_text_shows_no_null(
     assert "null" not in error.text
 
 
-def test_the_imported_c_functions_are_the_ones_that_are_called() -> None:
+def test_imported_c_functions_are_called() -> None:
     def call_both() -> list[object]:
         from tests.support import fake_siblings
 
@@ -356,7 +352,7 @@ def without(module: str, name: str) -> str:
     return f"del siblings['{module}'].{name}"
 
 
-def test_a_name_that_its_source_lacks_is_an_import_error() -> None:
+def test_missing_name_raises_import_error() -> None:
     errors = failures(*([without(module, name)] for module, name in FROM_IMPORTS))
     for (_module, name), error in zip(FROM_IMPORTS, errors):
         assert error.type == "ImportError"
@@ -384,7 +380,7 @@ def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
     return errors
 
 
-def test_failing_import_statement_raises_the_interpreters_error() -> None:
+def test_failing_import_raises_interpreter_error() -> None:
     """Compares with the same statement in Python: type, text, `name` and `path`."""
     statements = {
         module: f"from {module} import {', '.join(names)}" if names else f"import {module}"
@@ -406,7 +402,7 @@ def test_failing_import_statement_raises_the_interpreters_error() -> None:
     assert paths["util.errors"] is None
 
 
-def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
+def test_missing_capi_item_error_has_no_name_or_path() -> None:
     attempts = [
         [f"del siblings['{module}'].__pyx_capi__['{item}']", ""]
         for module, item, _kind, _signature in C_IMPORTS
@@ -438,7 +434,7 @@ def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
 
 
 @pytest.mark.parametrize("file", ["/somewhere/source.py", None])
-def test_failing_from_import_has_the_interpreters_name_and_path(file: str | None) -> None:
+def test_failing_from_import_has_name_and_path(file: str | None) -> None:
     statements = []
     for module, name in FROM_IMPORTS:
         attributes = f"vars(siblings['{module}'])"
@@ -466,7 +462,7 @@ siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_error_of_a_c_item_look_up_fails_the_import(
+def test_capi_item_lookup_error_fails_import(
     module: str, item: str, kind: str, signature: str
 ) -> None:
     statement = UNEQUAL_KEY.format(module=module, item=item)
@@ -538,7 +534,7 @@ FAILING_STATEMENTS = [
 ]
 
 
-def test_the_statements_bind_their_names_one_after_the_other() -> None:
+def test_statements_bind_names_in_order() -> None:
     bound = isolated.value(
         names_after_failures, *(statement for statement, _ in FAILING_STATEMENTS)
     )
@@ -568,9 +564,7 @@ def test_the_statements_bind_their_names_one_after_the_other() -> None:
         ),
     ],
 )
-def test_a_failing_call_of_a_module_level_statement_fails_the_import(
-    statement: str, kind: str, text: str
-) -> None:
+def test_failing_module_level_call_fails_import(statement: str, kind: str, text: str) -> None:
     assert kind_and_text(statement) == (kind, text)
 
 
@@ -606,14 +600,12 @@ COUNTERS = [
         ("module['namedtuple'] = lambda *given: given", "Counters", COUNTERS),
     ],
 )
-def test_the_module_level_calls_read_the_globals_at_that_moment(
-    statement: str, name: str, made: object
-) -> None:
+def test_module_level_calls_read_current_globals(statement: str, name: str, made: object) -> None:
     assert isolated.value(import_with_other_globals, statement, name) == made
 
 
 @pytest.mark.parametrize("name", ["getLogger", "Lock", "namedtuple"])
-def test_a_global_that_is_gone_when_a_module_level_call_needs_it_is_a_name_error(
+def test_deleted_global_raises_name_error_in_import(
     name: str,
 ) -> None:
     error = isolated.error(import_with_other_globals, f"del module['{name}']", "_logger")
@@ -621,7 +613,7 @@ def test_a_global_that_is_gone_when_a_module_level_call_needs_it_is_a_name_error
     assert len(error.entries_of(INIT)) == 1
 
 
-def test_the_execution_makes_new_functions_and_binds_them_again() -> None:
+def test_execution_binds_new_functions() -> None:
     def functions_before_and_after() -> list[list[str]]:
         SiblingSandbox()
         module = create_module("another.modules_util")
@@ -646,7 +638,7 @@ REFUSED = (
 )
 
 
-def test_of_two_modules_created_before_the_first_execution_the_second_is_refused() -> None:
+def test_second_module_execution_raises_runtime_error() -> None:
     def execute_two() -> None:
         SiblingSandbox()
         first, second = create_module(), create_module()
@@ -658,7 +650,7 @@ def test_of_two_modules_created_before_the_first_execution_the_second_is_refused
     assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
 
 
-def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
+def test_rejected_module_is_unchanged_and_first_stays() -> None:
     def execute_two() -> list[object]:
         SiblingSandbox()
         first, second = create_module(), create_module()
@@ -709,7 +701,7 @@ def act_during_execution(act: str) -> dict[str, Any]:
 
 
 @pytest.mark.parametrize("act", ["execute", "create"])
-def test_module_is_the_recorded_one_during_execution(act: str) -> None:
+def test_nested_execution_or_creation_changes_nothing(act: str) -> None:
     seen = isolated.value(act_during_execution, act)
     same = {"same": True} if act == "create" else {}
     assert seen == {
@@ -722,7 +714,7 @@ def test_module_is_the_recorded_one_during_execution(act: str) -> None:
     }
 
 
-def test_another_module_is_refused_during_execution() -> None:
+def test_other_module_during_execution_raises() -> None:
     seen = isolated.value(act_during_execution, "execute another")
     error = isolated.Error.of(seen.pop("error"))
     assert (error.type, error.text) == REFUSED
@@ -730,7 +722,7 @@ def test_another_module_is_refused_during_execution() -> None:
     assert seen == {"times": 1, "added": [], "early": [], "complete": True}
 
 
-def test_executing_the_module_again_changes_nothing() -> None:
+def test_second_execution_changes_nothing() -> None:
     def execute_again() -> list[object]:
         SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
@@ -748,7 +740,7 @@ def test_executing_the_module_again_changes_nothing() -> None:
 
 
 @pytest.mark.parametrize("way", ["reload", "import after it left sys.modules"])
-def test_importing_again_gives_the_same_module_unchanged(way: str) -> None:
+def test_second_import_returns_same_module(way: str) -> None:
     def import_again(way: str) -> list[object]:
         SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
@@ -763,7 +755,7 @@ def test_importing_again_gives_the_same_module_unchanged(way: str) -> None:
     assert isolated.value(import_again, way) == [True, "rebound", True]
 
 
-def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_gives() -> None:
+def test_import_after_failed_execution_is_new_module() -> None:
     def fail_then_import() -> list[bool]:
         bench = SiblingSandbox()
         bench.break_("siblings['copy'] = None")
@@ -787,7 +779,7 @@ def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_give
     ],
     ids=["types", "last import", "Counters"],
 )
-def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> None:
+def test_function_after_failed_import_raises_runtime_error(statement: str) -> None:
     def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
         bench = SiblingSandbox()
         failed = create_module()
@@ -821,7 +813,7 @@ def module_in_sys_modules(there_already: bool) -> list[object]:
     return [sys.modules[MODULE] is module, sys.modules[MODULE] is other]
 
 
-def test_a_module_that_is_run_as_the_main_module_is_called_so() -> None:
+def test_module_executed_as_main_is_named_main() -> None:
     def execute_as_main() -> list[object]:
         SiblingSandbox()
         module = sys.modules["__main__"] = create_module()
@@ -831,15 +823,15 @@ def test_a_module_that_is_run_as_the_main_module_is_called_so() -> None:
     assert isolated.value(execute_as_main) == ["__main__", "__main__", True]
 
 
-def test_execution_puts_the_module_into_sys_modules() -> None:
+def test_execution_adds_module_to_sys_modules() -> None:
     assert isolated.value(module_in_sys_modules, False) == [True, False]
 
 
-def test_execution_leaves_what_sys_modules_already_holds() -> None:
+def test_execution_keeps_existing_sys_modules_entry() -> None:
     assert isolated.value(module_in_sys_modules, True) == [False, True]
 
 
-def test_a_module_of_another_name_is_found_under_its_own_fixed_name() -> None:
+def test_renamed_module_is_in_sys_modules_as_modules_util() -> None:
     def execute_renamed() -> list[object]:
         SiblingSandbox()
         module = create_module("another.modules_util")
@@ -867,7 +859,7 @@ VERSION_TEXT = (
 )
 
 
-def test_the_interpreter_it_was_built_for_gives_no_warning() -> None:
+def test_matching_python_version_gives_no_warning() -> None:
     def import_strictly() -> bool:
         SiblingSandbox()
         warnings.simplefilter("error")
@@ -894,7 +886,7 @@ def execute_under_another_release(filter_action: str) -> dict[str, Any]:
     return told
 
 
-def test_another_release_of_the_interpreter_gives_one_warning_and_the_import_goes_on() -> None:
+def test_other_python_version_warns_once() -> None:
     told = isolated.value(execute_under_another_release, "always")
     assert told["error"] is None
     assert told["warnings"] == [["RuntimeWarning", VERSION_TEXT]]
@@ -905,7 +897,7 @@ def test_another_release_of_the_interpreter_gives_one_warning_and_the_import_goe
     ("said", "warned"),
     [("4.9.0", ["4.9"]), ("3.9.0", []), ("3x9 what follows", []), ("2.7", ["2.7"])],
 )
-def test_the_first_and_the_third_character_of_the_version_are_compared(
+def test_version_check_compares_two_characters(
     monkeypatch: pytest.MonkeyPatch, said: str, warned: list[str]
 ) -> None:
     monkeypatch.setenv("SEEMING_VERSION", said)
@@ -915,7 +907,7 @@ def test_the_first_and_the_third_character_of_the_version_are_compared(
     ]
 
 
-def test_the_version_warning_as_an_error_fails_the_import_before_anything_else_is_done() -> None:
+def test_version_warning_as_error_fails_import_first() -> None:
     told = isolated.value(execute_under_another_release, "error")
     error = isolated.Error.of(told["error"])
     assert (error.type, error.text) == ("RuntimeWarning", VERSION_TEXT)
@@ -923,7 +915,7 @@ def test_the_version_warning_as_an_error_fails_the_import_before_anything_else_i
     assert (told["bound"], told["in sys.modules"]) == ([], False)
 
 
-def test_the_version_warning_points_at_the_code_that_imports() -> None:
+def test_version_warning_points_at_importing_code() -> None:
     def warn() -> list[list[object]]:
         SiblingSandbox()
         module = create_module(path=WRONG_PYTHON_MODULE)

@@ -45,7 +45,7 @@ ROUTES = {
 
 
 @pytest.mark.parametrize("name", ROUTES)
-def test_the_daemons_text_of_a_route_is_read(cli: FakeCli, name: str) -> None:
+def test_recorded_route_is_parsed(cli: FakeCli, name: str) -> None:
     prefix, distance, owner, hops = ROUTES[name]
     table = [{"main": main, "ip": ip, "interface": port} for main, ip, port in hops]
     read = routed(cli, name)
@@ -66,12 +66,12 @@ def test_the_daemons_text_of_a_route_is_read(cli: FakeCli, name: str) -> None:
         "route-prohibited",  # a next hop without a comma
     ],
 )
-def test_the_daemons_text_that_the_parser_does_not_take_is_refused(cli: FakeCli, name: str) -> None:
+def test_recorded_unsupported_route_raises_index_error(cli: FakeCli, name: str) -> None:
     with pytest.raises(IndexError):
         routed(cli, name)
 
 
-def test_of_two_entries_the_best_alone_is_read(cli: FakeCli) -> None:
+def test_recorded_route_of_two_entries_gives_best(cli: FakeCli) -> None:
     _, best = captured("route-two-entries").split("\n\n")
     cli.set_output(best)
     read = cli.parser.get_routing_table_result("captured")
@@ -79,7 +79,7 @@ def test_of_two_entries_the_best_alone_is_read(cli: FakeCli) -> None:
     assert read["table"] == [{"main": "*", "ip": "198.51.100.5", "interface": "port2"}]
 
 
-def test_a_session_over_a_cut_wire_is_read_with_its_diagnostic(cli: FakeCli) -> None:
+def test_recorded_down_session_is_parsed_with_diagnostic(cli: FakeCli) -> None:
     sessions = bfd.parsed(captured("bfd-peers-cut"))
     assert len(sessions) == 4
     read: dict[str, Any] = {}

@@ -61,7 +61,7 @@ PLAIN = {
 }
 
 
-def test_a_whole_entry(cli: FakeCli) -> None:
+def test_entry_with_next_hops_is_parsed(cli: FakeCli) -> None:
     parsed = result(
         cli,
         "get router info routing-table detail 192.0.2.7",
@@ -95,7 +95,7 @@ def test_a_whole_entry(cli: FakeCli) -> None:
         (None, "get router info routing-table detail None"),
     ],
 )
-def test_the_address_completes_the_command(cli: FakeCli, address: str | None, command: str) -> None:
+def test_address_completes_command(cli: FakeCli, address: str | None, command: str) -> None:
     output, character_set = object(), object()
     decode = Recorder(lambda value, encoding: "\n".join([HEADER, INFO, UPDATE]))
     cli.set_output(output)
@@ -110,9 +110,7 @@ def test_the_address_completes_the_command(cli: FakeCli, address: str | None, co
 @pytest.mark.parametrize(
     "address", [b"192.0.2.7", Text("192.0.2.7"), 5, ["a"], 1.5], ids=lambda a: type(a).__name__
 )
-def test_an_address_that_is_not_exactly_text_is_refused_before_any_command(
-    cli: FakeCli, address: object
-) -> None:
+def test_non_str_address_raises_before_any_command(cli: FakeCli, address: object) -> None:
     error = raises_exactly(TypeError, cli.parser.get_routing_table_result, address)
     assert str(error) == wrong_type_message("ip_address", "str", address)
     assert cli.commands == []
@@ -141,7 +139,7 @@ def test_an_address_that_is_not_exactly_text_is_refused_before_any_command(
         "RoutingTable x y 192.0.2.0/24",
     ],
 )
-def test_the_first_line_that_starts_with_routing_is_the_header(
+def test_first_line_starting_with_routing_is_header(
     cli: FakeCli, before: list[str], header: str
 ) -> None:
     assert with_types(result(cli, *before, header, INFO, UPDATE)) == with_types(
@@ -161,7 +159,7 @@ def test_the_first_line_that_starts_with_routing_is_the_header(
         ("a\0,b c,d e,\x1c", "c", "e", "a\0, \x1c"),
     ],
 )
-def test_distance_metric_and_other_come_from_the_fields_of_the_next_line(
+def test_line_after_header_gives_distance_and_metric(
     cli: FakeCli, info: str, distance: str, metric: str, other: str
 ) -> None:
     expected = {**PLAIN, "distance": distance, "metric": metric, "other": other, "table": []}
@@ -170,7 +168,7 @@ def test_distance_metric_and_other_come_from_the_fields_of_the_next_line(
 
 @pytest.mark.parametrize("size", [63, 64, 65, 66])  # 64 is the size of the buffer for joining
 @pytest.mark.parametrize("first_size", [1, 31, 60])
-def test_other_around_buffer_size_is_whole(cli: FakeCli, size: int, first_size: int) -> None:
+def test_other_around_buffer_size_is_complete(cli: FakeCli, size: int, first_size: int) -> None:
     first, last = "f" * first_size, "l" * (size - first_size - 2)
     other = result(cli, HEADER, f"{first},b c,d e,{last}", UPDATE)["other"]
     assert len(other) == size
@@ -178,17 +176,17 @@ def test_other_around_buffer_size_is_whole(cli: FakeCli, size: int, first_size: 
 
 
 @pytest.mark.parametrize("size", [63, 64, 65, 66])
-def test_fields_around_buffer_size_are_whole(cli: FakeCli, size: int) -> None:
+def test_fields_around_buffer_size_are_complete(cli: FakeCli, size: int) -> None:
     main, ip, interface = "m" * size, "i" * size, "p" * size
     assert routes(cli, f"{main} {ip}, via {interface}") == [route(main, ip, interface)]
 
 
 @pytest.mark.parametrize("update", ["a b c", "\ta\xa0b\u3000c d e", "a,b c,d c", "  a b c\r"])
-def test_the_last_update_is_the_third_word_of_the_line_after(cli: FakeCli, update: str) -> None:
+def test_last_update_is_third_word_of_its_line(cli: FakeCli, update: str) -> None:
     assert result(cli, HEADER, INFO, update)["lastUpdate"] == "c"
 
 
-def test_carriage_returns_are_removed_wherever_they_are(cli: FakeCli) -> None:
+def test_carriage_returns_are_removed(cli: FakeCli) -> None:
     lines = [HEADER, INFO, UPDATE, " * 198.51.100.1, via port1"]
     expected = result(cli, *lines)
     assert expected["other"] == PLAIN["other"]
@@ -216,26 +214,26 @@ def test_carriage_returns_are_removed_wherever_they_are(cli: FakeCli) -> None:
         ("\u200b,\ufeff", route("", "\u200b", "\ufeff")),
     ],
 )
-def test_a_line_is_a_next_hop(cli: FakeCli, line_: str, expected: dict[str, str]) -> None:
+def test_line_is_parsed_as_next_hop(cli: FakeCli, line_: str, expected: dict[str, str]) -> None:
     assert with_types(routes(cli, line_)) == with_types([expected])
 
 
 @pytest.mark.parametrize(
     "blank", ["", " ", "\t", "\r", "\x0b\x0c", "\x1c\x1d\x1e\x1f", "\xa0\u3000"]
 )
-def test_blank_lines_are_skipped_and_end_nothing(cli: FakeCli, blank: str) -> None:
+def test_blank_lines_are_skipped(cli: FakeCli, blank: str) -> None:
     assert routes(cli, blank, "a,b", blank, blank, "c,d", blank) == [
         route("", "a", "b"),
         route("", "c", "d"),
     ]
 
 
-def test_without_next_hops_the_table_is_an_empty_list(cli: FakeCli) -> None:
+def test_entry_without_next_hops_has_empty_table(cli: FakeCli) -> None:
     assert routes(cli) == []
     assert routes(cli, "") == []
 
 
-def test_a_second_header_block_is_read_as_next_hops(cli: FakeCli) -> None:
+def test_second_header_block_is_parsed_as_next_hops(cli: FakeCli) -> None:
     assert routes(cli, "Routing entry, x", INFO, "a b c, d") == [
         route("Routing", "entry", "x"),
         route("Known", "via", "10"),
@@ -243,7 +241,7 @@ def test_a_second_header_block_is_read_as_next_hops(cli: FakeCli) -> None:
     ]
 
 
-def test_each_call_makes_new_objects(cli: FakeCli) -> None:
+def test_each_call_returns_new_objects(cli: FakeCli) -> None:
     first = result(cli, HEADER, INFO, UPDATE, "a,b")
     second = result(cli, HEADER, INFO, UPDATE, "a,b")
     assert first == second
@@ -325,22 +323,20 @@ MALFORMED = [
         for number, lines in enumerate(outputs)
     ],
 )
-def test_malformed_output_is_an_index_error(cli: FakeCli, lines: list[str]) -> None:
+def test_malformed_output_raises_index_error(cli: FakeCli, lines: list[str]) -> None:
     error = raises_exactly(IndexError, result, cli, *lines)
     assert str(error) == "list index out of range"
     assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize("outputs", [o for _, o in MALFORMED], ids=[s for s, _ in MALFORMED])
-def test_the_same_statement_fails_at_the_same_line(
-    native_cli: FakeCli, outputs: list[list[str]]
-) -> None:
+def test_statement_fails_at_one_line(native_cli: FakeCli, outputs: list[list[str]]) -> None:
     errors = [raises_exactly(IndexError, result, native_cli, *lines) for lines in outputs]
     assert len({line(error, FUNCTION) for error in errors}) == 1
     assert all(len(traceback_entries(error.__traceback__)) == 1 for error in errors)
 
 
-def test_lines_ascend_with_the_statements(native_cli: FakeCli) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
     refused = raises_exactly(TypeError, cli.parser.get_routing_table_result, 5)
     with cli.monkeypatch.context() as patch:
@@ -366,41 +362,41 @@ def test_lines_ascend_with_the_statements(native_cli: FakeCli) -> None:
     ],
     ids=repr,
 )
-def test_what_is_no_text_is_the_interpreters_own_error(
+def test_non_str_output_raises_interpreter_error(
     cli: FakeCli, value: object, kind: type[Exception], text: str
 ) -> None:
     error = raises_exactly(kind, result, cli, value)
     assert str(error) == text
 
 
-def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: FakeCli) -> None:
+def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
     cli.patch("text_", lambda value, encoding: value)
     error = raises_exactly(TypeError, result, cli, b"Routing")
     assert str(error) == "a bytes-like object is required, not 'str'"
 
 
 @pytest.mark.parametrize("carriage_return", ["", "\r"])
-def test_a_subclass_of_text_is_text(cli: FakeCli, carriage_return: str) -> None:
+def test_str_subclass_output_is_parsed(cli: FakeCli, carriage_return: str) -> None:
     text = Text("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
     parsed = result(cli, text)
     assert with_types(parsed) == with_types({**PLAIN, "table": [route("", "a", "b")]})
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-def test_a_failing_fetch_propagates(cli: FakeCli, name: str) -> None:
+def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
     error = Failed()
     cli.patch(name, raiser(error))
     assert raises_exactly(Failed, cli.parser.get_routing_table_result, "a") is error
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_a_missing_global_is_a_name_error(cli: FakeCli, name: str) -> None:
+def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
     cli.delete(name)
     error = raises_exactly(NameError, cli.parser.get_routing_table_result, "a")
     assert str(error) == f"name '{name}' is not defined"
 
 
-def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -> None:
+def test_native_output_is_parsed(simulator: Simulator, module: ModuleType) -> None:
     output = "\r\n".join(["echo", HEADER, INFO, UPDATE, "--More-- * a, via b", ""])
     simulator.set_reply("get_cli_cmd_output", output)
     assert module.get_routing_table_result("192.0.2.7") == {
@@ -412,7 +408,9 @@ def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -
     ]
 
 
-def test_the_runners_failure_shows_both_functions(simulator: Simulator, module: ModuleType) -> None:
+def test_runner_failure_has_entries_of_both_functions(
+    simulator: Simulator, module: ModuleType
+) -> None:
     simulator.set_reply("get_cli_cmd_output", None)
     error = raises_exactly(module.CFunctionError, module.get_routing_table_result, "a")
     assert error.args == ("get_cli_command_output's result is null.",)

@@ -27,7 +27,7 @@ class Text(str):
     """A subclass, which is not exactly str."""
 
 
-def test_the_summary_is_the_hosts(simulator: Simulator, module: ModuleType) -> None:
+def test_summary_is_returned(simulator: Simulator, module: ModuleType) -> None:
     reply = {"profiles": [{"name": "p1", "packets": 17}], "data": None}
     simulator.set_reply("build_system_sniffer_profile_summary", reply)
     assert module.get_system_sniffer_profile_summary() == reply
@@ -36,7 +36,7 @@ def test_the_summary_is_the_hosts(simulator: Simulator, module: ModuleType) -> N
 
 @pytest.mark.parametrize("event, native", EVENTS)
 @pytest.mark.parametrize("keywords", ["none", "event", "both"])
-def test_each_event_calls_its_native_function_and_no_other(
+def test_event_calls_its_service_only(
     simulator: Simulator, module: ModuleType, event: str, native: str, keywords: str
 ) -> None:
     for _event, each in EVENTS:
@@ -73,7 +73,7 @@ def test_each_event_calls_its_native_function_and_no_other(
     ],
     ids=repr,
 )
-def test_any_other_event_calls_nothing_and_returns_the_untouched_response(
+def test_unknown_event_returns_untouched_response(
     simulator: Simulator, module: ModuleType, event: str | None
 ) -> None:
     assert module.capture_sniffer_profile("p1", event) is None
@@ -106,7 +106,7 @@ def failing_comparison(number: int) -> dict[str, Any]:
 
 
 @pytest.mark.parametrize("number, source_line", [(1, 365), (2, 367), (3, 369), (4, 371)])
-def test_failing_event_comparison_is_reported_at_its_line(number: int, source_line: int) -> None:
+def test_event_comparison_error_is_at_its_line(number: int, source_line: int) -> None:
     seen = isolated.value(failing_comparison, number)
     (_caller, found) = seen["entries"]
     assert found[:4] == [
@@ -123,7 +123,7 @@ def test_unknown_event_is_compared_four_times() -> None:
 
 
 @pytest.mark.parametrize("profile", [None, "", "p1", "caf\u00e9"])
-def test_the_profile_name_is_sent_as_given_under_the_hyphenated_key(
+def test_profile_name_is_sent_under_hyphenated_key(
     simulator: Simulator, module: ModuleType, profile: str | None
 ) -> None:
     made = Recorder()
@@ -143,7 +143,7 @@ NOT_TEXT = [b"p1", 5, Text("Stop"), ["Stop"], True]
 @pytest.mark.parametrize("value", NOT_TEXT, ids=lambda value: type(value).__name__)
 @pytest.mark.parametrize("parameter", ["profile_name", "event"])
 @pytest.mark.parametrize("keywords", [False, True], ids=["by position", "by keyword"])
-def test_what_is_not_exactly_text_is_refused_before_any_request(
+def test_non_str_argument_raises_before_request(
     simulator: Simulator, module: ModuleType, parameter: str, value: object, keywords: bool
 ) -> None:
     made = Recorder()
@@ -160,7 +160,7 @@ def test_what_is_not_exactly_text_is_refused_before_any_request(
     assert simulator.call_log == []
 
 
-def test_the_profile_name_is_tested_before_the_event(module: ModuleType) -> None:
+def test_profile_name_is_checked_before_event(module: ModuleType) -> None:
     error = raises_exactly(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
     assert str(error) == wrong_type_message("profile_name", "str", 2)
 
@@ -175,7 +175,7 @@ def test_the_profile_name_is_tested_before_the_event(module: ModuleType) -> None
         (("p",), {"evnt": "Stop"}, "got an unexpected keyword argument 'evnt'"),
     ],
 )
-def test_faulty_arguments_are_reported_at_line_361(
+def test_argument_error_is_at_line_361(
     simulator: Simulator,
     module: ModuleType,
     arguments: tuple[object, ...],

@@ -44,7 +44,7 @@ typed = pytest.mark.parametrize("function, native, empty", TYPED, ids=[f for f, 
 @pytest.mark.parametrize(
     "instance", [None, 0, "", False, [], {}, 7, "x", [1, {"a": None}]], ids=repr
 )
-def test_the_stp_instance_is_always_sent(
+def test_stp_instance_is_always_sent(
     simulator: Simulator, module: ModuleType, instance: object
 ) -> None:
     simulator.set_reply("build_switch_stp_state", ["reply"])
@@ -52,9 +52,7 @@ def test_the_stp_instance_is_always_sent(
     assert without_releases(simulator) == [("build_switch_stp_state", {"instance_id": instance})]
 
 
-def test_the_stp_instance_is_never_tested_and_sent_itself(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_stp_instance_truth_is_not_tested(simulator: Simulator, module: ModuleType) -> None:
     instance = CountingInt(4)
     instance.truth = AssertionError("asked")
     made = Recorder()
@@ -66,7 +64,7 @@ def test_the_stp_instance_is_never_tested_and_sent_itself(
 
 @by_truth
 @pytest.mark.parametrize("value", [None, 0, "", False, [], {}, 0.0], ids=repr)
-def test_a_false_argument_makes_the_empty_request(
+def test_false_argument_sends_empty_request(
     simulator: Simulator, module: ModuleType, function: str, key: str, value: object
 ) -> None:
     getattr(module, function)(value)
@@ -77,7 +75,7 @@ def test_a_false_argument_makes_the_empty_request(
 
 @by_truth
 @pytest.mark.parametrize("value", ["t1", 7, True, [0], {"a": 1}], ids=repr)
-def test_a_true_argument_is_sent_under_its_key_unchanged(
+def test_true_argument_is_sent_under_its_key(
     simulator: Simulator, module: ModuleType, function: str, key: str, value: object
 ) -> None:
     made = Recorder()
@@ -92,7 +90,7 @@ def test_a_true_argument_is_sent_under_its_key_unchanged(
 
 @by_truth
 @pytest.mark.parametrize("truth", [True, False])
-def test_truth_is_asked_once(
+def test_argument_truth_is_tested_once(
     simulator: Simulator, module: ModuleType, function: str, key: str, truth: bool
 ) -> None:
     value = CountingInt(9)
@@ -103,7 +101,7 @@ def test_truth_is_asked_once(
 
 
 @by_truth
-def test_a_failing_truth_is_reported_at_the_request(
+def test_argument_truth_error_is_at_request_line(
     simulator: Simulator, module: ModuleType, function: str, key: str
 ) -> None:
     value = CountingInt(9)
@@ -134,7 +132,7 @@ def test_a_failing_truth_is_reported_at_the_request(
         ),
     ],
 )
-def test_only_none_is_no_port_name_but_igmp_takes_an_empty_name_for_none_too(
+def test_port_name_none_sends_empty_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -157,7 +155,7 @@ def test_only_none_is_no_port_name_but_igmp_takes_an_empty_name_for_none_too(
 @pytest.mark.parametrize(
     "port", [5, b"port1", Text("port1"), ["port1"], True], ids=lambda port: type(port).__name__
 )
-def test_a_port_name_that_is_not_exactly_text_is_refused_before_any_request(
+def test_non_str_port_name_raises_before_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -175,22 +173,20 @@ def test_a_port_name_that_is_not_exactly_text_is_refused_before_any_request(
     assert simulator.call_log == []
 
 
-def test_a_port_number_is_refused_in_these_words(module: ModuleType) -> None:
+def test_int_port_name_raises_exact_message(module: ModuleType) -> None:
     error = raises_exactly(TypeError, module.list_switch_port_statistics, 5)
     assert str(error) == "Argument 'port_name' has incorrect type (expected str, got int)"
 
 
 @by_truth
-def test_faulty_arguments_are_reported_at_the_first_line(
-    module: ModuleType, function: str, key: str
-) -> None:
+def test_argument_error_is_at_first_line(module: ModuleType, function: str, key: str) -> None:
     error = raises_exactly(TypeError, getattr(module, function), 1, 2)
     assert str(error) == f"{function}() takes at most 1 positional argument (2 given)"
     assert line(error, function) == FIRST_LINES[function]
 
 
 @pytest.mark.parametrize("blank", [None, RawJSON('{"x": 1}')], ids=["null", "object"])
-def test_the_mclag_queries_return_the_untouched_response(
+def test_mclag_queries_return_untouched_response(
     simulator: Simulator, module: ModuleType, blank: RawJSON | None
 ) -> None:
     simulator.default_response = blank
@@ -204,9 +200,7 @@ def test_the_mclag_queries_return_the_untouched_response(
     assert without_releases(simulator) == []
 
 
-def test_the_module_summary_calls_the_native_function_with_the_plural_name(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_module_summary_calls_plural_service_name(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_modules_summary", {"modules": 2})
     assert module.list_switch_module_summary() == {"modules": 2}
     assert without_releases(simulator) == [("build_switch_modules_summary", {})]
@@ -220,7 +214,7 @@ def test_the_module_summary_calls_the_native_function_with_the_plural_name(
         ("list_switch_module_summary", "build_switch_modules_summary"),
     ],
 )
-def test_a_query_without_argument_sends_the_empty_request_and_nothing_is_picked(
+def test_no_args_query_returns_whole_reply(
     simulator: Simulator, module: ModuleType, function: str, native: str
 ) -> None:
     reply = {"statuses": [{"trunks": 1}], "data": {}}

@@ -45,7 +45,7 @@ def reply_of(*entries: object) -> list[dict[str, object]]:
     ],
 )
 @pytest.mark.parametrize("reply", [None, [], {"flashes": [1]}, [{"statuses": {"name": 2}}]])
-def test_the_lists_are_the_hosts(
+def test_list_reply_is_returned(
     simulator: Simulator, module: ModuleType, function: str, native: str, reply: object
 ) -> None:
     simulator.set_reply(native, reply)
@@ -75,7 +75,7 @@ A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
         ([{"name": "\u00e9\u20ac\U0001f600"}, B], "\u00e9\u20ac\U0001f600", 0),
     ],
 )
-def test_the_first_interface_of_that_name_or_else_the_last_is_returned(
+def test_first_matching_or_last_interface_is_returned(
     simulator: Simulator,
     module: ModuleType,
     entries: list[dict[str, object]],
@@ -93,12 +93,12 @@ def test_the_first_interface_of_that_name_or_else_the_last_is_returned(
     ]
 
 
-def test_later_elements_of_the_reply_do_not_count(simulator: Simulator, module: ModuleType) -> None:
+def test_later_reply_elements_are_ignored(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply(PHYSICAL, [{"interface": [A], "other": 1}, {"interface": [B]}])
     assert module.list_system_interface_physical("B") == A
 
 
-def test_the_name_is_always_sent_itself(simulator: Simulator, module: ModuleType) -> None:
+def test_name_is_always_sent(simulator: Simulator, module: ModuleType) -> None:
     made = Recorder()
     simulator.on_create = made
     simulator.set_reply(PHYSICAL, reply_of(A))
@@ -110,7 +110,7 @@ def test_the_name_is_always_sent_itself(simulator: Simulator, module: ModuleType
 
 
 @pytest.mark.parametrize("name", ["A", "", None])
-def test_an_empty_interface_list_leaves_the_result_unbound(
+def test_empty_interface_list_raises_unbound_local(
     simulator: Simulator, module: ModuleType, name: str | None
 ) -> None:
     simulator.set_reply(PHYSICAL, reply_of())
@@ -127,7 +127,7 @@ def test_an_empty_interface_list_leaves_the_result_unbound(
 @pytest.mark.parametrize(
     "name", [b"A", 5, Text("A"), ["A"], True], ids=lambda name: type(name).__name__
 )
-def test_a_name_that_is_not_exactly_text_is_refused(
+def test_non_str_name_raises_type_error(
     simulator: Simulator, module: ModuleType, name: object
 ) -> None:
     made = Recorder()
@@ -166,7 +166,7 @@ def test_a_name_that_is_not_exactly_text_is_refused(
         ([{"interface": {"key": A}}], TypeError, "string indices must be integers", 139),
     ],
 )
-def test_a_reply_of_another_layout_fails_at_the_step_that_meets_it(
+def test_reply_of_other_layout_fails_at_its_step(
     simulator: Simulator,
     module: ModuleType,
     reply: object,
@@ -183,7 +183,7 @@ def test_a_reply_of_another_layout_fails_at_the_step_that_meets_it(
 
 
 @pytest.mark.parametrize("reply", [[{"interface": ""}], [{"interface": {}}]])
-def test_anything_iterable_without_elements_leaves_the_result_unbound(
+def test_empty_iterable_raises_unbound_local(
     simulator: Simulator, module: ModuleType, reply: object
 ) -> None:
     simulator.set_reply(PHYSICAL, reply)
@@ -204,7 +204,7 @@ def parsed(
     return holder
 
 
-def test_items_are_taken_through_the_object_protocol(
+def test_items_are_read_through_object_protocol(
     module: ModuleType, parsed: SimpleNamespace
 ) -> None:
     events: list[object] = []
@@ -223,16 +223,12 @@ def test_items_are_taken_through_the_object_protocol(
     assert events == [(int, 0), (str, "interface"), (str, "name")]
 
 
-def test_a_mapping_with_the_number_nought_is_as_good_as_a_list(
-    module: ModuleType, parsed: SimpleNamespace
-) -> None:
+def test_mapping_with_key_zero_is_accepted(module: ModuleType, parsed: SimpleNamespace) -> None:
     parsed.value = {0: {"interface": [A, B]}}
     assert module.list_system_interface_physical("B") is B
 
 
-def test_iteration_stops_at_the_first_equal_name(
-    module: ModuleType, parsed: SimpleNamespace
-) -> None:
+def test_iteration_stops_at_first_equal_name(module: ModuleType, parsed: SimpleNamespace) -> None:
     given: list[object] = []
 
     def entries() -> Iterator[object]:
@@ -245,7 +241,7 @@ def test_iteration_stops_at_the_first_equal_name(
     assert given == [A, B]
 
 
-def test_the_old_sequence_protocol_iterates(module: ModuleType, parsed: SimpleNamespace) -> None:
+def test_sequence_protocol_is_iterated(module: ModuleType, parsed: SimpleNamespace) -> None:
     class Sequence:
         def __getitem__(self, index: int) -> object:
             return [A, B][index]
@@ -254,9 +250,7 @@ def test_the_old_sequence_protocol_iterates(module: ModuleType, parsed: SimpleNa
     assert module.list_system_interface_physical("?") is B
 
 
-def test_a_list_that_grows_is_iterated_to_its_new_end(
-    module: ModuleType, parsed: SimpleNamespace
-) -> None:
+def test_growing_list_is_iterated_to_its_end(module: ModuleType, parsed: SimpleNamespace) -> None:
     class Grows(str):
         __hash__ = str.__hash__
 
@@ -271,7 +265,7 @@ def test_a_list_that_grows_is_iterated_to_its_new_end(
 
 
 @pytest.mark.parametrize("name", ["A", None])
-def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_once(
+def test_name_comparison_result_is_tested_once(
     module: ModuleType, parsed: SimpleNamespace, name: str | None
 ) -> None:
     asked: list[object] = []
@@ -298,7 +292,7 @@ def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_o
     assert asked == [name, "truth", name, "truth"]
 
 
-def test_a_subclass_of_text_compares_by_its_own_rule(
+def test_str_subclass_name_uses_its_own_comparison(
     module: ModuleType, parsed: SimpleNamespace
 ) -> None:
     class Different(str):
@@ -351,7 +345,7 @@ class Broken:
         ("truth", 139),
     ],
 )
-def test_a_failing_step_of_the_choice_ends_the_call_at_its_line(
+def test_failing_selection_step_is_at_its_line(
     simulator: Simulator, module: ModuleType, parsed: SimpleNamespace, where: str, at: int
 ) -> None:
     error = Failed(where)
@@ -361,7 +355,7 @@ def test_a_failing_step_of_the_choice_ends_the_call_at_its_line(
     assert [service for service, _ in native_calls(simulator)] == [PHYSICAL]
 
 
-def test_an_iteration_that_fails_later_is_reported_at_the_loop(
+def test_later_iteration_error_is_at_loop_line(
     simulator: Simulator, module: ModuleType, parsed: SimpleNamespace
 ) -> None:
     error = Failed()
@@ -376,7 +370,7 @@ def test_an_iteration_that_fails_later_is_reported_at_the_loop(
 
 
 @pytest.mark.parametrize("number, at", [(1, 141), (2, 142)])
-def test_releases_come_after_the_choice_and_before_the_unbound_result(
+def test_releases_come_between_selection_and_result(
     simulator: Simulator, module: ModuleType, number: int, at: int
 ) -> None:
     error = Failed()
@@ -387,9 +381,7 @@ def test_releases_come_after_the_choice_and_before_the_unbound_result(
     assert line(error, "list_system_interface_physical") == at
 
 
-def test_the_reply_may_hold_more_than_the_module_reads(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_additional_reply_fields_are_kept(simulator: Simulator, module: ModuleType) -> None:
     text = '[{"interface": [{"name": "A", "z": [1.50, {"y": null}], "a": "b"}], "more": {}}, 5]'
     simulator.set_reply(PHYSICAL, RawJSON(text))
     picked = module.list_system_interface_physical("A")

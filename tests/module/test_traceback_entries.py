@@ -115,12 +115,12 @@ def links(error: BaseException) -> list[TracebackType]:
     return found
 
 
-def test_every_function_is_made_to_fail_here_but_the_one_that_only_memory_can_fail() -> None:
+def test_failures_cover_every_function() -> None:
     assert [row.function for row in FAILING] == [row.name for row in FUNCTIONS][1:]
 
 
 @every_failing
-def test_a_failing_function_leaves_one_entry(
+def test_failing_function_has_one_entry(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
@@ -128,7 +128,7 @@ def test_a_failing_function_leaves_one_entry(
 
 
 @every_failing
-def test_an_entry_points_into_its_function(
+def test_entry_line_is_within_function(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
@@ -141,7 +141,7 @@ def test_an_entry_points_into_its_function(
 
 
 @every_failing
-def test_an_entrys_globals_are_the_modules(
+def test_entry_globals_are_of_module(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
@@ -149,7 +149,7 @@ def test_an_entrys_globals_are_the_modules(
 
 
 @every_failing
-def test_an_entry_stands_between_the_caller_and_what_failed_below(
+def test_entry_is_between_caller_and_callee(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     error = provoke(module, monkeypatch, provoked)
@@ -159,7 +159,7 @@ def test_an_entry_stands_between_the_caller_and_what_failed_below(
 
 
 @every_failing
-def test_a_traceback_with_an_entry_can_be_printed(
+def test_traceback_with_entry_is_printable(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     error = provoke(module, monkeypatch, provoked)
@@ -170,14 +170,14 @@ def test_a_traceback_with_an_entry_can_be_printed(
 
 
 @every_failing
-def test_entry_is_tracked_by_the_collector(
+def test_entry_is_tracked_by_collector(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
     assert gc.is_tracked(link)
 
 
-def test_cycle_through_an_entry_is_collected(
+def test_cycle_through_entry_is_collected(
     module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     class Held(Exception):
@@ -203,7 +203,7 @@ def test_cycle_through_an_entry_is_collected(
 
 
 @every_failing
-def test_the_same_failure_leaves_the_same_entry_again(
+def test_repeated_failure_has_equal_entry(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     errors = [provoke(module, monkeypatch, provoked) for _ in range(3)]
@@ -212,7 +212,7 @@ def test_the_same_failure_leaves_the_same_entry_again(
 
 
 @every_failing
-def test_a_failure_leaves_no_exception_behind(
+def test_failure_leaves_no_handled_exception(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     error = provoke(module, monkeypatch, provoked)
@@ -221,7 +221,7 @@ def test_a_failure_leaves_no_exception_behind(
 
 
 @pytest.mark.parametrize("provoked", CHAINS, ids=lambda row: row.function)
-def test_functions_that_call_each_other_leave_one_entry_each(
+def test_nested_functions_have_one_entry_each(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "text" if provoked.raises == "text_" else None)
@@ -230,9 +230,7 @@ def test_functions_that_call_each_other_leave_one_entry_each(
     assert functions == [provoked.function, *provoked.chain]
 
 
-def test_a_refused_argument_of_an_inner_call_is_shown_at_both_functions(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_inner_argument_error_has_entries_of_both(simulator: Simulator, module: ModuleType) -> None:
     simulator.serial_number = "text"
     with pytest.raises(TypeError) as caught:
         module.get_cookie_name(True)
@@ -264,7 +262,7 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
     return []
 
 
-def test_the_functions_stand_in_the_source_in_the_order_of_the_table(
+def test_first_lines_increase_in_table_order(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     (_caller, entry) = isolated.value(memory_entry_of_new_cookie_id)

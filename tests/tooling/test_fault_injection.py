@@ -28,29 +28,29 @@ def part(every: int, first: int = 1) -> list[str]:
 
 
 @pytest.mark.parametrize("every", [5, 1000])
-def test_a_part_of_the_sweep_has_a_case_of_every_function(every: int) -> None:
+def test_sweep_shard_has_case_of_every_function(every: int) -> None:
     cases = chosen(Namespace(only=None, every=every, first=3))
     assert {row.name for row in FUNCTIONS} < {case.function for case in cases}
 
 
-def test_the_parts_of_the_sweep_are_together_the_whole() -> None:
+def test_sweep_shards_are_together_complete() -> None:
     parts = [part(60, first) for first in range(1, 61)]
     assert {name for names in parts for name in names} == set(part(1))
 
 
-def test_no_two_cases_of_the_sweep_have_the_same_name() -> None:
+def test_sweep_case_names_are_unique() -> None:
     assert len(part(1)) == len(set(part(1)))
 
 
 # Fallible calls
 
 
-def test_what_the_module_calls_is_fallible_or_reviewed() -> None:
+def test_every_called_symbol_is_fallible_or_reviewed() -> None:
     assert call_sites.unknown_calls() == []
     assert call_sites.unknown_symbols(isolated.MODULE_PATH) == []
 
 
-def test_what_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
+def test_unreviewed_call_is_reported(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     source = tmp_path / "source.cpp"
     source.write_text("// PyList_Sort(no)\nPyList_New(0);\nPyList_Sort(list);\n")
     monkeypatch.setattr(call_sites, "ROOT", tmp_path)
@@ -62,7 +62,7 @@ def test_what_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch, tmp_p
 @pytest.mark.workstation_only(
     "sys.executable is the emulator's launcher there, not the interpreter"
 )
-def test_a_symbol_that_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch) -> None:
+def test_unreviewed_symbol_is_reported(monkeypatch: pytest.MonkeyPatch) -> None:
     reviewed = call_sites.cannot_fail()
     del reviewed["PyErr_Clear"]
     monkeypatch.setattr(call_sites, "cannot_fail", lambda: reviewed)
@@ -72,7 +72,7 @@ def test_a_symbol_that_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPat
 OF_ASSERTIONS = {"PyCallable_Check"}  # that a debug build has in the interpreter's inline functions
 
 
-def test_nothing_is_reviewed_that_is_not_called() -> None:
+def test_every_reviewed_symbol_is_called() -> None:
     called = {site.api for file in call_sites.SOURCES for site in call_sites.calls(file)}
     referred = {
         name for _kind, name in call_sites._symbols(isolated.MODULE_PATH, "--undefined-only")
@@ -94,7 +94,7 @@ died.
 """
 
 
-def test_a_death_is_told_with_its_place_and_the_call_that_was_under_way() -> None:
+def test_crash_report_has_place_and_current_call() -> None:
     told = str(
         death("died of SIGSEGV", "before\n" + DIED.format(product=isolated.MODULE_PATH.name))
     )
@@ -102,20 +102,20 @@ def test_a_death_is_told_with_its_place_and_the_call_that_was_under_way() -> Non
     assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in told
 
 
-def test_a_death_in_the_modules_own_code_is_told_as_such() -> None:
+def test_crash_in_module_is_reported_as_such() -> None:
     written = DIED.format(product=isolated.MODULE_PATH.name).replace(
         "/lib/libpython3.9.so.1.0(Py", ""
     )
     assert death("died", written).place == "in the module"
 
 
-def test_a_death_elsewhere_is_told_as_such() -> None:
+def test_crash_elsewhere_is_reported_as_such() -> None:
     assert death("died", DIED.format(product="other.so")).place == "outside of the module"
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer tells of deaths itself")
 @pytest.mark.workstation_only("the crash handler unwinds the emulator's stack there")
-def test_a_process_that_dies_tells_where() -> None:
+def test_crashing_process_reports_place() -> None:
     def die() -> list[object]:
         import ctypes
         import os
@@ -159,9 +159,7 @@ def verdict_of(results: list[Swept], failed: list[Failed], count: int = 1) -> tu
     return status, console.file.getvalue()
 
 
-def test_a_sweep_without_a_fault_says_so_in_its_last_line(
-    monkeypatch: pytest.MonkeyPatch, tmp_path: Path
-) -> None:
+def test_sweep_without_finding_passes(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     monkeypatch.setattr(report, "BUILD", Path.cwd() / "build")
     status, told = verdict_of([swept()], [])
     assert (status, told.splitlines()[0]) == (0, "failing memory: 1 of 1 cases, 5 points, 0 wrong")
@@ -179,7 +177,7 @@ def test_a_sweep_without_a_fault_says_so_in_its_last_line(
     ],
     ids=["a complaint", "a case that has not ended", "a call that never failed"],
 )
-def test_a_sweep_with_a_fault_says_so_and_fails(
+def test_sweep_with_finding_fails(
     monkeypatch: pytest.MonkeyPatch, results: list[Swept], failed: list[Failed], count: int
 ) -> None:
     monkeypatch.setattr(report, "BUILD", Path.cwd() / "build")
@@ -219,7 +217,7 @@ UNREACHABLE = Excluded("source.cpp", "unreachable()", "nothing gets here", line=
         ([NEVER._replace(file="other.cpp")], [3, 4], ["|| never()"]),
     ],
 )
-def test_what_never_ran_is_missing_but_for_what_is_left_out(
+def test_call_site_that_never_ran_is_missing(
     tmp_path: Path, excluded: list[Excluded], missing: list[int], idle: list[str]
 ) -> None:
     (tmp_path / "source.cpp").write_text(SOURCE)

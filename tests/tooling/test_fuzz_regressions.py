@@ -26,11 +26,11 @@ def comparison(build: None) -> Iterator[Comparison]:
 
 
 @pytest.mark.parametrize("file", [*CORPUS, *FOUND], ids=lambda file: file.name)
-def test_the_module_and_its_twin_agree(comparison: Comparison, file: Path) -> None:
+def test_module_and_reference_agree_on_corpus(comparison: Comparison, file: Path) -> None:
     comparison.check(file.read_bytes())
 
 
-def test_the_corpus_has_every_function_in_both_character_sets() -> None:
+def test_corpus_covers_functions_in_both_charsets() -> None:
     samples = [read(file.read_bytes()) for file in CORPUS]
     assert {(each.function, each.charset) for each in samples} == {
         (function, charset)
@@ -39,7 +39,7 @@ def test_the_corpus_has_every_function_in_both_character_sets() -> None:
     }
 
 
-def test_the_text_layer_is_right_about_its_inputs() -> None:
+def test_text_layer_passes_its_corpus() -> None:
     """In a process of its own, which the first thing that does not hold ends with a line."""
 
     def go_through(library: str, files: list[str]) -> int:
@@ -76,7 +76,7 @@ def with_another_key_order(result: list[dict[str, str]]) -> list[dict[str, str]]
     ],
     ids=["order of keys", "type", "value", "row"],
 )
-def test_a_value_that_differs_is_seen(
+def test_differing_value_is_detected(
     comparison: Comparison, monkeypatch: pytest.MonkeyPatch, altered: object
 ) -> None:
     assert callable(altered)
@@ -90,7 +90,7 @@ def test_a_value_that_differs_is_seen(
 @pytest.mark.parametrize(
     "error", [IndexError("another text"), KeyError("list index out of range")], ids=["text", "type"]
 )
-def test_an_exception_that_differs_is_seen(
+def test_differing_exception_is_detected(
     comparison: Comparison, monkeypatch: pytest.MonkeyPatch, error: Exception
 ) -> None:
     def fails() -> None:
@@ -102,7 +102,7 @@ def test_an_exception_that_differs_is_seen(
         comparison.check(written(b"A", b"no header"))
 
 
-def test_a_log_line_that_is_missing_is_seen(
+def test_missing_log_line_is_detected(
     comparison: Comparison, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     comparison.check(SESSION)

@@ -27,7 +27,7 @@ LOG = """\
     ],
     ids=["reports", "none", "cut short", "empty"],
 )
-def test_a_log_is_good_if_it_ends_without_a_report(
+def test_log_without_report_passes(
     tmp_path: Path,
     monkeypatch: pytest.MonkeyPatch,
     capsys: pytest.CaptureFixture[str],
@@ -42,7 +42,7 @@ def test_a_log_is_good_if_it_ends_without_a_report(
     assert first.startswith(f"memcheck: 9 passed; {reports} report")
 
 
-def test_what_the_interpreter_is_allowed_names_nothing_of_the_module() -> None:
+def test_suppressions_name_nothing_of_module() -> None:
     entries = (ROOT / "checks" / "sanitizers" / "interpreter.supp").read_text().split("{")[1:]
     assert entries
     for entry in entries:

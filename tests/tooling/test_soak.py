@@ -29,14 +29,14 @@ def flat(made: Record) -> list[bool]:
 
 
 @pytest.mark.parametrize("what", range(len(COUNTS)), ids=lambda what: COUNTS[what].name)
-def test_what_one_case_leaves_at_each_call_is_not_flat(what: int) -> None:
+def test_leak_of_one_case_is_detected(what: int) -> None:
     assert flat(record(what, 0)) == [True] * len(COUNTS)
     verdicts = flat(record(what, 50))
     assert verdicts[what] is False
     assert verdicts.count(False) == 1
 
 
-def test_every_case_ends_as_it_says_among_the_others(build: None) -> None:
+def test_every_case_ends_as_expected(build: None) -> None:
     with Simulator(live=False) as simulator, Stage(simulator, threads=3) as stage:
         assert stage.round(times=2, number=0) == 6 * len(CASES)
         assert simulator.live_objects.json_objects == simulator.live_objects.text_buffers == 0
@@ -45,7 +45,7 @@ def test_every_case_ends_as_it_says_among_the_others(build: None) -> None:
     }
 
 
-def test_a_case_that_ends_otherwise_is_told(build: None, monkeypatch: pytest.MonkeyPatch) -> None:
+def test_unexpected_case_result_is_reported(build: None, monkeypatch: pytest.MonkeyPatch) -> None:
     with Simulator(live=False) as simulator, Stage(simulator, threads=2) as stage:
         monkeypatch.setattr(stage, "groups", [[CASES[0]._replace(error=KeyError)]])
         with pytest.raises(AssertionError, match="new_cookie_id"):
