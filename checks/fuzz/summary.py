@@ -1,4 +1,4 @@
-"""What became of a fuzzer's run: out of what it printed, and out of the profiles that it left."""
+"""Parse libFuzzer's logs and clang's coverage profiles."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ import subprocess
 from pathlib import Path
 from typing import NamedTuple
 
-PARSERS = (
+PARSER_SOURCES = (
     "arp.cpp",
     "bfd.cpp",
     "cli.cpp",
@@ -16,60 +16,60 @@ PARSERS = (
     "runtime/text.cpp",
     "runtime/strings.cpp",
 )
-SHOWN = 12  # lines of a report; the log has the rest
+MAX_LINES = 12  # shown of a finding; the log has the rest
 
 
-class Reached(NamedTuple):
-    """How far a run came. Edges are steps from one piece of straight code to the next."""
+class Stats(NamedTuple):
+    """libFuzzer's statistics."""
 
     runs: int
-    speed: int  # a second
+    speed: int  # runs per second
     edges: int
-    features: int  # edges, told apart by how often they were taken
+    features: int  # edges, distinguished by how often they were taken
 
 
-def reached(log: str) -> Reached:
-    """The figures of a run, as far as it got."""
-    runs, speed = (
-        _last(rf"^stat::{name}:\s+(\d+)", log)
-        for name in ("number_of_executed_units", "average_exec_per_sec")
+def parse_stats(log: str) -> Stats:
+    """Parse the latest statistics in a log."""
+    patterns = (
+        r"^stat::number_of_executed_units:\s+(\d+)",
+        r"^stat::average_exec_per_sec:\s+(\d+)",
+        r"\bcov: (\d+)",
+        r"\bft: (\d+)",
     )
-    return Reached(runs, speed, _last(r"\bcov: (\d+)", log), _last(r"\bft: (\d+)", log))
+    found = (re.findall(pattern, log, re.MULTILINE) for pattern in patterns)
+    return Stats(*(int(numbers[-1]) if numbers else 0 for numbers in found))
 
 
-def _last(pattern: str, log: str) -> int:
-    found = re.findall(pattern, log, re.MULTILINE)
-    return int(found[-1]) if found else 0
-
-
-def report(log: str) -> list[str]:
-    """What a run ended with: the disagreement, or the sanitizer's report as far as our code."""
+def extract_finding(log: str) -> list[str]:
+    """Extract the difference, or the sanitizer's report without foreign frames, from a log."""
     lines = [
         re.sub(r" \(BuildId: \w+\)| in \(anonymous namespace\)", "", line)
         for line in log.splitlines()
     ]
-    begins = r"^AssertionError|: runtime error: |ERROR: |Fatal Python error"
-    first = next((i for i, line in enumerate(lines) if re.search(begins, line)), len(lines) - SHOWN)
+    start = r"^AssertionError|: runtime error: |ERROR: |Fatal Python error"
+    first = next(
+        (i for i, line in enumerate(lines) if re.search(start, line)), len(lines) - MAX_LINES
+    )
     foreign = r"^$|^\s+#\d+ .* in (fuzzer::|__|raise|abort|main|_start)|^\s+#\d+ \S+  \(|^NOTE"
-    told = [line for line in lines[first:] if not re.search(foreign, line)]
-    ends = r"^SUMMARY|libFuzzer: |^stat::|^MS: "
-    last = next((i for i, line in enumerate(told) if i and re.search(ends, line)), len(told))
-    return told[: min(last, SHOWN)]
+    report = [line for line in lines[first:] if not re.search(foreign, line)]
+    end = r"^SUMMARY|libFuzzer: |^stat::|^MS: "
+    last = next((i for i, line in enumerate(report) if i and re.search(end, line)), len(report))
+    return report[: min(last, MAX_LINES)]
 
 
-def lines_of_files(product: Path, profiles: list[Path]) -> dict[str, tuple[int, int]]:
-    """Lines run, and all, of each source file of the product that the parsers are made of."""
+def line_coverage(module: Path, profiles: list[Path]) -> dict[str, tuple[int, int]]:
+    """Return the lines covered and all lines of each source of the parsers."""
     merged = profiles[0].with_suffix(".profdata")
-    _printed("llvm-profdata", "merge", "-o", merged, *profiles)
-    exported = _printed("llvm-cov", "export", "-summary-only", f"-instr-profile={merged}", product)
+    _run_tool("llvm-profdata", "merge", "-o", merged, *profiles)
+    exported = _run_tool("llvm-cov", "export", "-summary-only", f"-instr-profile={merged}", module)
     lines = {
         file["filename"].rpartition("veldarin/modules/")[2]: file["summary"]["lines"]
         for file in json.loads(exported)["data"][0]["files"]
     }
-    return {file: (lines[file]["covered"], lines[file]["count"]) for file in PARSERS}
+    return {file: (lines[file]["covered"], lines[file]["count"]) for file in PARSER_SOURCES}
 
 
-def _printed(program: str, *arguments: str | Path) -> str:
+def _run_tool(program: str, *arguments: str | Path) -> str:
     path = subprocess.run(
         ["clang", f"-print-prog-name={program}"], capture_output=True, text=True, check=True
     ).stdout.strip()

@@ -1,10 +1,9 @@
-// The text layer's scanning under libFuzzer, and in the tests, over storage that ends where the
-// text ends: a `str` has a NUL behind it, which would hide a step too far. It needs the
-// interpreter's tables of characters, and no interpreter; what makes objects (Strings, open,
-// removed) is under the other target.
+// The text target: the scanning functions on heap blocks that end where the text ends. A `str` has
+// a trailing NUL, which would hide an overread. The target needs the interpreter's character
+// tables, but no interpreter; the parser target covers the functions that create objects.
 //
-// The first byte of an input is how wide its characters are, the second what is searched for. What
-// is found is held against what defines it, not against another way to find it.
+// The first byte of an input selects the width of the characters, the second the separator. The
+// checks compare results with their definitions, not with another implementation.
 #include <Python.h>
 
 #include <algorithm>
@@ -22,15 +21,15 @@ namespace {
 
 using namespace modules_util;
 
-void require(bool holds, const char *what, int line) {
-    if (holds) return;
-    std::fprintf(stderr, "ERROR: does not hold, in line %d: %s\n", line, what);
+void require(bool condition, const char *text, int line) {
+    if (condition) return;
+    std::fprintf(stderr, "ERROR: line %d: expected %s\n", line, text);
     std::abort();
 }
 #define REQUIRE(...) require((__VA_ARGS__), #__VA_ARGS__, __LINE__)
 
-// ASCII, Latin-1, and wider characters: those are a blank, or have a low byte that means something,
-// or are a surrogate.
+// Maps a byte to ASCII, Latin-1 or a wider character: a space, a character whose low byte is a
+// separator, or a surrogate.
 Py_UCS4 character(int width, uint8_t byte) {
     if (width == 0) return byte & 0x7fU;
     if (width == 1 || byte < 0x80) return byte;
@@ -39,7 +38,7 @@ Py_UCS4 character(int width, uint8_t byte) {
     return byte == 0x9f ? 0xd800 : wide;
 }
 
-std::string encoded(Py_UCS4 each) {
+std::string encode(Py_UCS4 each) {
     const auto last = [](Py_UCS4 bits) { return static_cast<char>(0x80 | (bits & 0x3f)); };
     const auto lead = [](Py_UCS4 mark, Py_UCS4 bits) { return static_cast<char>(mark | bits); };
     if (each < 0x80) return {lead(0, each)};
@@ -48,12 +47,12 @@ std::string encoded(Py_UCS4 each) {
     return {lead(0xf0, each >> 18), last(each >> 12), last(each >> 6), last(each)};
 }
 
-// The text by its characters: where each begins, and whether it is white space.
+// A text with the start of each character and whether it is a space.
 struct Sample {
     std::unique_ptr<char[]> storage;
     Slice text;
     std::vector<const char *> begins;  // and the end of the text
-    std::vector<bool> blank;           // of every byte
+    std::vector<bool> spaces;          // for every byte
 
     Sample(int width, const uint8_t *data, size_t size) {
         std::string bytes;
@@ -61,8 +60,8 @@ struct Sample {
         for (size_t i = 0; i < size; ++i) {
             const Py_UCS4 each = character(width, data[i]);
             places.push_back(bytes.size());
-            bytes += encoded(each);
-            blank.resize(bytes.size(), Py_UNICODE_ISSPACE(each) != 0);
+            bytes += encode(each);
+            spaces.resize(bytes.size(), Py_UNICODE_ISSPACE(each) != 0);
         }
         storage.reset(new char[bytes.size()]);
         std::copy(bytes.begin(), bytes.end(), storage.get());
@@ -71,16 +70,16 @@ struct Sample {
         begins.push_back(text.end);
     }
 
-    [[nodiscard]] bool is_blank(const char *at) const {
-        return blank[static_cast<size_t>(at - text.begin)];
+    [[nodiscard]] bool is_space_at(const char *at) const {
+        return spaces[static_cast<size_t>(at - text.begin)];
     }
-    [[nodiscard]] bool are(bool blanks, const char *begin, const char *end) const {
+    [[nodiscard]] bool all_spaces(bool expected, const char *begin, const char *end) const {
         for (; begin != end; ++begin) {
-            if (is_blank(begin) != blanks) return false;
+            if (is_space_at(begin) != expected) return false;
         }
         return true;
     }
-    [[nodiscard]] bool is_whole(Slice part) const {
+    [[nodiscard]] bool has_whole_characters(Slice part) const {
         const auto begins_at = [this](const char *at) {
             return std::find(begins.begin(), begins.end(), at) != begins.end();
         };
@@ -100,18 +99,19 @@ void check_word(Slice text, Slice word) {
     REQUIRE(find(text, word) == place);
     REQUIRE(starts_with(text, word) == at(text, text.begin, word));
 
-    std::vector<char> left;
+    std::vector<char> remaining;
     for (Slice rest = text; !rest.empty();) {
         const bool skipped = at(rest, rest.begin, word);
-        if (!skipped) left.push_back(*rest.begin);
+        if (!skipped) remaining.push_back(*rest.begin);
         rest.begin += skipped ? word.size() : 1;
     }
-    const std::unique_ptr<char[]> copy(new char[left.size()]);
+    const std::unique_ptr<char[]> copy(new char[remaining.size()]);
     const char *end = copy_without(text, word, copy.get());
-    REQUIRE(end == copy.get() + left.size() && std::equal(left.begin(), left.end(), copy.get()));
+    REQUIRE(end == copy.get() + remaining.size() &&
+            std::equal(remaining.begin(), remaining.end(), copy.get()));
 }
 
-// The fields and the separators between them are the text, and no field has a separator.
+// The fields and the separators between them make up the text; no field contains a separator.
 void check_fields(Slice text, char separator) {
     const auto expected = 1 + std::count(text.begin, text.end, separator);
     std::vector<Slice> fields(static_cast<size_t>(expected) + 1);
@@ -136,7 +136,7 @@ void check_fields(Slice text, char separator) {
     REQUIRE(same(first[0], fields[0]) && (expected == 1 || same(first[1], fields[1])));
 }
 
-// Words are not blank, and what lies around and between them is.
+// Words contain no spaces; everything around and between them is spaces.
 void check_words(const Sample &sample) {
     const Slice text = sample.text;
     std::vector<Slice> words(sample.begins.size());
@@ -144,12 +144,13 @@ void check_words(const Sample &sample) {
     const char *expected = text.begin;
     for (int i = 0; i < count; ++i) {
         const Slice &word = words[static_cast<size_t>(i)];
-        REQUIRE(sample.is_whole(word) && !word.empty());
+        REQUIRE(sample.has_whole_characters(word) && !word.empty());
         REQUIRE(expected == text.begin || word.begin != expected);
-        REQUIRE(sample.are(true, expected, word.begin) && sample.are(false, word.begin, word.end));
+        REQUIRE(sample.all_spaces(true, expected, word.begin) &&
+                sample.all_spaces(false, word.begin, word.end));
         expected = word.end;
     }
-    REQUIRE(sample.are(true, expected, text.end));
+    REQUIRE(sample.all_spaces(true, expected, text.end));
 
     Slice first[2];
     REQUIRE(split(text, first) == std::min(count, 2));
@@ -164,13 +165,14 @@ void check_stripped(const Sample &sample) {
     const Slice right = right_stripped(text);
     const Slice both = stripped(text);
     REQUIRE(left.end == text.end && right.begin == text.begin);
-    REQUIRE(sample.is_whole(left) && sample.is_whole(right));
-    REQUIRE(sample.are(true, text.begin, left.begin) && sample.are(true, right.end, text.end));
-    REQUIRE(left.empty() || !sample.is_blank(left.begin));
-    REQUIRE(right.empty() || !sample.is_blank(right.end - 1));
+    REQUIRE(sample.has_whole_characters(left) && sample.has_whole_characters(right));
+    REQUIRE(sample.all_spaces(true, text.begin, left.begin) &&
+            sample.all_spaces(true, right.end, text.end));
+    REQUIRE(left.empty() || !sample.is_space_at(left.begin));
+    REQUIRE(right.empty() || !sample.is_space_at(right.end - 1));
     REQUIRE(both.begin == left.begin && both.end == (left.empty() ? left.end : right.end));
     for (const char *at = text.begin; at != text.end; ++at) {
-        REQUIRE(is_space(at) == sample.is_blank(at));
+        REQUIRE(is_space(at) == sample.is_space_at(at));
     }
 }
 
