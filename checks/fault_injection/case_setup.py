@@ -15,7 +15,8 @@ from typing import Any
 from checks.fault_injection.libfaults import Library, Point
 from checks.fault_injection.process_cases import Arranged, Each
 from checks.fault_injection.results import Outcome, outcome
-from tests.support.call_cases import DELETED, FailNth, NullLogger
+from tests.support.call_cases import DELETED
+from tests.support.doubles import FailNth, NullLogger
 from tests.support.query_cases import QUERY_CASES
 from tests.support.refcounts import tracked_objects
 from veldarin_simulator import LiveObjects, Simulator

@@ -18,7 +18,8 @@ from checks.fault_injection.libfaults import Point, Report
 from checks.fault_injection.results import OF_MEMORY, Outcome, Same, outcome
 from tests.support import reference
 from tests.support.assertions import MODULE
-from tests.support.call_cases import DELETED, CallCase, NullLogger
+from tests.support.call_cases import DELETED, CallCase
+from tests.support.doubles import NullLogger
 
 NO_COOKIE_BUFFER = (
     ("CFunctionError", "PyMem_Malloc"),
