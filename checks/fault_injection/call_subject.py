@@ -25,7 +25,8 @@ from checks.fault_injection.expectations import (
 )
 from checks.fault_injection.libfaults import NO_FAILURE, FaultInjector, InjectionPoint
 from checks.fault_injection.process_cases import ProcessCase
-from tests.support.call_cases import DELETED, CallCase, FailNth, NullLogger
+from tests.support.call_cases import DELETED, CallCase
+from tests.support.doubles import FailNth, NullLogger
 from tests.support.query_cases import QUERY_CASES
 from tests.support.refcounts import tracked_objects
 from veldarin_simulator import LiveObjects, Simulator

@@ -16,7 +16,8 @@ from checks.fault_injection.libfaults import InjectionPoint, Report
 from checks.fault_injection.process_cases import PerCall
 from tests.support import reference
 from tests.support.assertions import FILE, MODULE, with_types
-from tests.support.call_cases import DELETED, CallCase, NullLogger
+from tests.support.call_cases import DELETED, CallCase
+from tests.support.doubles import NullLogger
 
 OUT_OF_MEMORY = ("MemoryError", "")
 NO_COOKIE_BUFFER = (

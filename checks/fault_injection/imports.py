@@ -28,7 +28,7 @@ from checks.fault_injection.forks import ForkRunner
 from checks.fault_injection.libfaults import NO_FAILURE, FaultInjector, InjectionPoint, Report
 from tests.module.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 from tests.support import fake_siblings
-from tests.support.call_cases import Failure, UncomparableStr
+from tests.support.doubles import Failure, UncomparableStr
 from tests.support.fake_siblings import POINTER, SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS, Function
 from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE

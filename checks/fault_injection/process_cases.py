@@ -6,15 +6,8 @@ import ctypes
 import sys
 from typing import Any, Callable, NamedTuple
 
-from tests.support.call_cases import (
-    ARP,
-    ONE_SESSION,
-    ROUTING,
-    CallCase,
-    Failure,
-    UncomparableStr,
-    failing_open,
-)
+from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, CallCase
+from tests.support.doubles import Failure, UncomparableStr, failing_open
 
 
 class ProcessCase(NamedTuple):

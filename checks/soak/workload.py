@@ -13,7 +13,8 @@ from concurrent.futures import ThreadPoolExecutor
 from contextlib import contextmanager
 from typing import Any
 
-from tests.support.call_cases import CASES, DELETED, CallCase, FailNth
+from tests.support.call_cases import CASES, DELETED, CallCase
+from tests.support.doubles import FailNth
 from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 

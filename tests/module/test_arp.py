@@ -9,28 +9,19 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
     entry,
     is_increasing,
     line,
-    raiser,
     raises_exactly,
     traceback_entries,
     with_types,
 )
+from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_system_arp_result"
 HEADER = "Address           Age(min)   Hardware Addr      Interface"
-
-
-class Text(str):
-    """A subclass of str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def result(cli: FakeCli, *lines: object) -> Any:
@@ -194,8 +185,8 @@ def test_statement_fails_at_one_line(native_cli: FakeCli, outputs: list[list[str
 def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
     with cli.monkeypatch.context() as patch:
-        patch.setattr(cli.parser, "text_", raiser(Failed()))
-        fetch = raises_exactly(Failed, result, cli, "")
+        patch.setattr(cli.parser, "text_", raiser(Failure()))
+        fetch = raises_exactly(Failure, result, cli, "")
     split = raises_exactly(AttributeError, result, cli, None)
     header = raises_exactly(IndexError, result, cli, "nothing")
     columns = [
@@ -244,15 +235,15 @@ def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
 
 
 def test_str_subclass_output_is_parsed(cli: FakeCli) -> None:
-    parsed = result(cli, Text(HEADER + "\na b c d"))
+    parsed = result(cli, StrSubclass(HEADER + "\na b c d"))
     assert with_types(parsed) == with_types([row("a", "b", "c", "d")])
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
 def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
-    error = Failed()
+    error = Failure()
     cli.patch(name, raiser(error))
-    assert raises_exactly(Failed, cli.parser.get_system_arp_result) is error
+    assert raises_exactly(Failure, cli.parser.get_system_arp_result) is error
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])

@@ -12,28 +12,19 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import (
-    Recorder,
     entry,
     is_increasing,
     line,
-    raiser,
     raises_exactly,
     traceback_entries,
     with_types,
 )
+from tests.support.doubles import Failure, Recorder, RightAddable, StrSubclass, raiser
 from tests.support.fake_cli import FakeCli
 
 FUNCTION = "get_bfd_neighbor"
 OUT_OF_RANGE = "e:list index out of range"
 NOT_ITERABLE = "e:argument of type 'type' is not iterable"
-
-
-class Text(str):
-    """A subclass of str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def parsed(cli: FakeCli, *lines: str) -> Any:
@@ -637,7 +628,7 @@ def test_known_session_of_pairs_is_merged(cli: FakeCli) -> None:
 
 @pytest.mark.parametrize("step", ["contains", "get", "set"])
 def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
-    error = Failed(step)
+    error = Failure(step)
 
     class Fails(NotingDict):
         def __contains__(self, key: object) -> bool:
@@ -654,7 +645,7 @@ def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
             raise error
 
     cli.set_output("echo", "peer A is B")
-    assert raises_exactly(Failed, cli.parser.get_bfd_neighbor, "command", Fails()) is error
+    assert raises_exactly(Failure, cli.parser.get_bfd_neighbor, "command", Fails()) is error
     assert cli.debug_messages == []
 
 
@@ -693,25 +684,15 @@ def test_container_without_peer_is_not_parsed(cli: FakeCli, value: object) -> No
 
 @pytest.mark.parametrize("output", ["echo\npeer A is B\nc: 1", "objname\necho\npeer A is B\nc: 1"])
 def test_str_subclass_output_is_parsed(cli: FakeCli, output: str) -> None:
-    cli.set_output(Text(output))
+    cli.set_output(StrSubclass(output))
     sessions = cli.parser.get_bfd_neighbor("command", {})
     assert with_types(sessions) == with_types(
         {"A_B": {"neighbor_ip": "A", "interface": "B", "name": "A_B", "c": "1"}}
     )
 
 
-class RightAddable:
-    """No text, but "\\n" + this is one."""
-
-    def __contains__(self, word: object) -> bool:
-        return word == "peer"
-
-    def __radd__(self, before: str) -> str:
-        return before + "a: 0\nb: 1\npeer A is B\nc: 2"
-
-
 def test_right_addable_output_skips_two_lines(cli: FakeCli) -> None:
-    cli.set_output(RightAddable())
+    cli.set_output(RightAddable("a: 0\nb: 1\npeer A is B\nc: 2"))
     sessions = cli.parser.get_bfd_neighbor("command", {})
     assert list(sessions) == ["A_B"]
     assert list(sessions["A_B"]) == ["b", "neighbor_ip", "interface", "name", "c"]
@@ -719,23 +700,19 @@ def test_right_addable_output_skips_two_lines(cli: FakeCli) -> None:
 
 
 def test_right_addable_output_of_two_lines_logs(cli: FakeCli) -> None:
-    class TwoLines(RightAddable):
-        def __radd__(self, before: str) -> str:
-            return before + "peer A is B"
-
-    cli.set_output(TwoLines())
+    cli.set_output(RightAddable("peer A is B"))
     assert cli.parser.get_bfd_neighbor("command", {}) == {}
     assert cli.debug_messages == [OUT_OF_RANGE]
 
 
 @pytest.mark.parametrize("word", ["peer", "objname"])
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
 def test_membership_error_of_output_propagates(
     cli: FakeCli, word: str, kind: type[BaseException]
 ) -> None:
     error = kind(word)
 
-    class FailingText(Text):
+    class FailingText(StrSubclass):
         def __contains__(self, wanted: object) -> bool:
             if wanted == word:
                 raise error
@@ -759,7 +736,7 @@ def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
 def test_runner_or_decoder_error_propagates_unlogged(
     cli: FakeCli, name: str, kind: type[BaseException]
 ) -> None:
@@ -782,18 +759,18 @@ def test_debug_is_looked_up_for_each_log_line(cli: FakeCli) -> None:
     later = Recorder()
 
     def debug(text: str) -> None:
-        cli.logger.debug.answer = later
+        cli.logger.debug.side_effect = later
 
-    cli.logger.debug.answer = debug
+    cli.logger.debug.side_effect = debug
     parsed(cli, "peer A is B", "peer C is D", "peer E is F", "Local timers")
     assert later.positional == [(NOT_ITERABLE,), (OUT_OF_RANGE,)]
     assert cli.debug_messages == [NOT_ITERABLE, NOT_ITERABLE, OUT_OF_RANGE]
 
 
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
 def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
     error = kind("the log")
-    cli.logger.debug.answer = raiser(error)
+    cli.logger.debug.side_effect = raiser(error)
     given: dict[str, Any] = {}
     cli.set_output("echo", "peer A is B", "peer C is D", "peer E is F")
     assert raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given) is error
@@ -819,14 +796,14 @@ def test_caught_exception_is_handled_only_while_logged(
     cli: FakeCli,
 ) -> None:
     handled: list[object] = []
-    cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))
+    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
     parsed(cli, "peer A")
     assert handled == [IndexError]
     assert sys.exc_info() == (None, None, None)
-    outer = Failed("being handled by the caller")
+    outer = Failure("being handled by the caller")
     try:
         raise outer
-    except Failed:
+    except Failure:
         parsed(cli, "peer A")
         assert sys.exc_info()[1] is outer
     assert handled == [IndexError, IndexError]
@@ -840,7 +817,7 @@ def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
         assert value is not None
         seen.append((value.__traceback__, traceback))
 
-    cli.logger.debug.answer = debug
+    cli.logger.debug.side_effect = debug
     parsed(cli, "peer A")
     ((of_the_exception, handled),) = seen
     assert handled is not None
@@ -858,7 +835,7 @@ def _starved() -> list[list[Any]]:
     """
     import _testcapi
 
-    from tests.support.assertions import RecordingLogger
+    from tests.support.doubles import RecordingLogger
     from veldarin_simulator import Simulator
 
     told: list[list[Any]] = []
@@ -920,14 +897,14 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli.set_output(("peer", "objname"))
     split = line_of(AttributeError)
     cli.set_output("echo", "peer A")
-    cli.logger.debug.answer = raiser(Failed())
-    log = line_of(Failed)
+    cli.logger.debug.side_effect = raiser(Failure())
+    log = line_of(Failure)
     cli.set_output("echo", "peer A is B")
     member = line_of(TypeError)
     known = line_of(TypeError, {"A_B": None})
     new = line_of(TypeError, ())
-    cli.patch("text_", raiser(Failed()))
-    fetch = line_of(Failed)
+    cli.patch("text_", raiser(Failure()))
+    fetch = line_of(Failure)
     binding = raises_exactly(TypeError, call)
     assert line(binding, FUNCTION) == entry(binding, FUNCTION).first_line
     lines = [line(binding, FUNCTION), fetch, in_first, prefix, split, log, member, known, new]

@@ -12,23 +12,17 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
-    RecordingLogger,
     is_increasing,
     line,
-    raiser,
     raises_exactly,
     traceback_entries,
     with_types,
 )
+from tests.support.doubles import Failure, Recorder, RecordingLogger, raiser
 from tests.support.fake_cli import FakeCli
 
 IPV4 = "get router info bfd neighbor"
 IPV6 = "get router info6 bfd neighbor"
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def output(*sessions: str) -> str:
@@ -145,9 +139,9 @@ def test_changed_result_keeps_shared_dictionary(
 
 def test_failing_summary_logs_and_lists_nothing(cli: FakeCli) -> None:
     def run(command: str) -> str:
-        raise Failed("no " + command)
+        raise Failure("no " + command)
 
-    cli.run.answer = run
+    cli.run.side_effect = run
     assert cli.parser.list_bfd_neighbor() == []
     assert cli.debug_messages == [f"e:no {IPV4}"]
 
@@ -161,10 +155,10 @@ def test_failing_detail_logs_and_ends_list(cli: FakeCli) -> None:
 
     def run(command: str) -> str:
         if command == f"{IPV6} C D":
-            raise Failed("detail")
+            raise Failure("detail")
         return outputs.get(command, "")
 
-    cli.run.answer = run
+    cli.run.side_effect = run
     assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["A_B"]
     assert cli.debug_messages == ["e:detail"]
 
@@ -327,9 +321,9 @@ KEPT = {"k": ENTRY}
         ([KEPT, KEPT, {}, {}], "'k'"),
         ([KEPT, KEPT, {}, {"k": None}], "argument of type 'NoneType' is not iterable"),
         ([KEPT, KEPT, {}, {"k": 5}], "argument of type 'int' is not iterable"),
-        ([KEPT, Failed("second")], "second"),
-        ([KEPT, KEPT, Failed("third")], "third"),
-        ([KEPT, KEPT, {}, Failed("")], ""),
+        ([KEPT, Failure("second")], "second"),
+        ([KEPT, KEPT, Failure("third")], "third"),
+        ([KEPT, KEPT, {}, Failure("")], ""),
     ],
     ids=repr,
 )
@@ -440,7 +434,7 @@ class LyingDict(dict):
             "own",
             "dict() argument after ** must be a mapping, not FailingMapping",
         ),
-        (FailingMapping(Failed("own")), "own", "own"),
+        (FailingMapping(Failure("own")), "own", "own"),
         (FailingMapping(KeyError("own"), ["k"]), "'own'", "'own'"),
         (LyingDict(k=1), "'gone'", "dict() got multiple values for keyword argument 'gone'"),
     ],
@@ -497,7 +491,7 @@ class Unprintable(str):
     """A key without a text for messages."""
 
     def __str__(self) -> str:
-        raise Failed("no text")
+        raise Failure("no text")
 
 
 class Uncomparable(str):
@@ -506,7 +500,7 @@ class Uncomparable(str):
     __hash__ = str.__hash__
 
     def __eq__(self, other: object) -> bool:
-        raise Failed("not comparable")
+        raise Failure("not comparable")
 
 
 MULTIPLE = "dict() got multiple values for keyword argument "
@@ -534,7 +528,7 @@ MULTIPLE = "dict() got multiple values for keyword argument "
 def test_mapping_with_repeated_key_logs_type_error(
     cli: FakeCli, mapping: Any, text: str, detail: bool
 ) -> None:
-    with pytest.raises((TypeError, Failed)) as expected:
+    with pytest.raises((TypeError, Failure)) as expected:
         dict({}, **mapping)
     assert str(expected.value) == text
     fetched, mapping.fetched = mapping.fetched, []
@@ -601,7 +595,7 @@ def test_missing_or_failing_deepcopy_is_logged(cli: FakeCli) -> None:
     cli.patch("copy", SimpleNamespace())
     Neighbors(cli, KEPT, KEPT)
     assert cli.parser.list_bfd_neighbor() == []
-    cli.patch("copy", SimpleNamespace(deepcopy=raiser(Failed("no copy"))))
+    cli.patch("copy", SimpleNamespace(deepcopy=raiser(Failure("no copy"))))
     Neighbors(cli, KEPT, KEPT)
     assert cli.parser.list_bfd_neighbor() == []
     assert cli.debug_messages == [
@@ -614,10 +608,10 @@ def test_each_call_returns_new_list(cli: FakeCli) -> None:
     assert cli.parser.list_bfd_neighbor() is not cli.parser.list_bfd_neighbor()
 
 
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
 def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
     error = kind("the log")
-    cli.logger.debug.answer = raiser(error)
+    cli.logger.debug.side_effect = raiser(error)
     Neighbors(cli, KEPT, None)
     assert raises_exactly(kind, cli.parser.list_bfd_neighbor) is error
 
@@ -630,7 +624,7 @@ def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
         assert value is not None
         seen.append((value.__traceback__, traceback))
 
-    cli.logger.debug.answer = debug
+    cli.logger.debug.side_effect = debug
     cli.patch("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
     assert cli.parser.list_bfd_neighbor() == []
     ((of_the_exception, handled),) = seen
@@ -640,12 +634,12 @@ def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
 
 def test_exception_of_caller_stays_handled(cli: FakeCli) -> None:
     handled: list[object] = []
-    cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))
-    outer = Failed("being handled by the caller")
+    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
+    outer = Failure("being handled by the caller")
     Neighbors(cli, KEPT, None)
     try:
         raise outer
-    except Failed:
+    except Failure:
         assert cli.parser.list_bfd_neighbor() == []
         assert sys.exc_info()[1] is outer
     assert handled == [TypeError]
@@ -661,14 +655,14 @@ def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
 def test_exception_with_failing_str_raises_that_error(
     cli: FakeCli,
 ) -> None:
-    textless = Failed()
+    textless = Failure()
 
     class Odd(Exception):
         def __str__(self) -> str:
             raise textless
 
     Neighbors(cli, Odd())
-    assert raises_exactly(Failed, cli.parser.list_bfd_neighbor) is textless
+    assert raises_exactly(Failure, cli.parser.list_bfd_neighbor) is textless
     assert cli.debug_messages == []
 
 
@@ -709,7 +703,7 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
 
     known = {"k": Interrupts(ENTRY)}
     Neighbors(cli, KEPT, None)
-    cli.logger.debug.answer = raiser(Failed())
+    cli.logger.debug.side_effect = raiser(Failure())
     lines = [
         line_of(stop()),
         line_of({}, stop()),
@@ -721,7 +715,7 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
         line_of(KEPT, KEPT, {}, known),
     ]
     Neighbors(cli, KEPT, None)
-    lines.append(line(raises_exactly(Failed, cli.parser.list_bfd_neighbor), "list_bfd_neighbor"))
+    lines.append(line(raises_exactly(Failure, cli.parser.list_bfd_neighbor), "list_bfd_neighbor"))
     assert is_increasing([250, *lines, 352])
 
 

@@ -10,6 +10,7 @@ from typing import Any, Union
 import pytest
 
 from tests.support.assertions import Entry, raises_exactly, traceback_entries, wrong_type_message
+from tests.support.doubles import BytesSubclass, MishashedStr, StrSubclass
 from tests.support.function_table import FUNCTIONS, NAMED, Function
 from veldarin_simulator import Simulator
 
@@ -170,10 +171,6 @@ def test_missing_argument_raises_positional_count_error(
 # Functions with keywords: the keywords.
 
 
-class Text(str):
-    """A subclass of str."""
-
-
 class SameHash:
     """No string, but in a dictionary's eyes equal to one."""
 
@@ -208,7 +205,17 @@ LONG = "x" * 300
 @rows("keywords")
 @pytest.mark.parametrize(
     "keyword",
-    ["other", "", "Policy_id", "policy_id ", "profile-name", "größe", LONG, Text("other"), "\x00"],
+    [
+        "other",
+        "",
+        "Policy_id",
+        "policy_id ",
+        "profile-name",
+        "größe",
+        LONG,
+        StrSubclass("other"),
+        "\x00",
+    ],
     ids=ascii,
 )
 def test_unknown_keyword_is_named_in_error(
@@ -234,7 +241,7 @@ def test_non_str_keyword_raises_type_error(
 
 
 @rows("keywords")
-@pytest.mark.parametrize("kind", [str, Text])
+@pytest.mark.parametrize("kind", [str, StrSubclass])
 def test_parameter_bound_twice_raises_type_error(
     module: ModuleType, function: Function, kind: type[str]
 ) -> None:
@@ -348,7 +355,7 @@ def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
         ((), {}, "{}"),
         ((7,), {}, '{"policy_id":7}'),
         ((), {"policy_id": 7}, '{"policy_id":7}'),
-        ((), {Text("policy_id"): 7}, '{"policy_id":7}'),
+        ((), {StrSubclass("policy_id"): 7}, '{"policy_id":7}'),
         ((), {SameHash("policy_id"): 7}, '{"policy_id":7}'),
         ((), {"".join(["policy", "_id"]): 7}, '{"policy_id":7}'),
         ((None,), {}, "{}"),
@@ -369,19 +376,12 @@ def test_optional_parameter_binds_by_position_or_name(
     assert sent_policy(simulator, module, args, kwargs) == request_text
 
 
-class Unfound(str):
-    """A string that a dictionary does not find by its equal."""
-
-    def __hash__(self) -> int:
-        return super().__hash__() ^ 1
-
-
 @pytest.mark.parametrize(
     ("kwargs", "request_text"),
     [
-        ({Unfound("policy_id"): 7}, '{"policy_id":7}'),
-        ({"policy_id": 7, Unfound("policy_id"): 8}, '{"policy_id":7}'),
-        ({Unfound("policy_id"): 8, "policy_id": 7}, '{"policy_id":7}'),
+        ({MishashedStr("policy_id"): 7}, '{"policy_id":7}'),
+        ({"policy_id": 7, MishashedStr("policy_id"): 8}, '{"policy_id":7}'),
+        ({MishashedStr("policy_id"): 8, "policy_id": 7}, '{"policy_id":7}'),
     ],
     ids=["equal alone", "equal after the exact", "equal before the exact"],
 )
@@ -395,7 +395,7 @@ def test_identical_keywords_win_with_two_parameters(
     simulator: Simulator, module: ModuleType
 ) -> None:
     exact: dict[str, str] = {"event": "Stop", "profile_name": "p"}
-    equal: dict[str, str] = {Unfound("event"): "Pause", Unfound("profile_name"): "q"}
+    equal: dict[str, str] = {MishashedStr("event"): "Pause", MishashedStr("profile_name"): "q"}
     for kwargs in ({**exact, **equal}, {**equal, **exact}):
         module.capture_sniffer_profile(**kwargs)
     calls = [call for call in simulator.call_log if call.service.startswith("build_")]
@@ -471,10 +471,6 @@ def test_keyword_comparison_error_propagates(module: ModuleType, name: str) -> N
 # Typed parameters
 
 
-class Bytes(bytes):
-    """A subclass of bytes."""
-
-
 def of_type_named(name: str) -> object:
     """An object whose type bears the name."""
     return type(name, (), {})()
@@ -487,8 +483,17 @@ TYPED = [
     if parameter.type is not None
 ]
 WRONG: dict[type, list[object]] = {
-    bytes: ["text", Bytes(b"text"), bytearray(b"text"), memoryview(b""), 0, True, [], object()],
-    str: [b"text", Text("text"), bytearray(b""), 0, False, (), {}, object()],
+    bytes: [
+        "text",
+        BytesSubclass(b"text"),
+        bytearray(b"text"),
+        memoryview(b""),
+        0,
+        True,
+        [],
+        object(),
+    ],
+    str: [b"text", StrSubclass("text"), bytearray(b""), 0, False, (), {}, object()],
 }
 
 
@@ -578,7 +583,7 @@ def test_none_for_str_is_accepted(
     ],
 )
 @pytest.mark.parametrize(
-    "value", [0, 7, "text", Text("text"), None, [], [1], {"a": 1}, True, 1.5], ids=repr
+    "value", [0, 7, "text", StrSubclass("text"), None, [], [1], {"a": 1}, True, 1.5], ids=repr
 )
 def test_untyped_query_parameter_accepts_anything(
     simulator: Simulator, module: ModuleType, name: str, value: object

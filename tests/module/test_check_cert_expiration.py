@@ -7,11 +7,8 @@ from types import ModuleType
 import pytest
 
 from tests.support.assertions import entry, raises_exactly, wrong_type_message
+from tests.support.doubles import BytesSubclass
 from veldarin_simulator import Simulator
-
-
-class Bytes(bytes):
-    """A subclass, which is not exactly bytes."""
 
 
 @pytest.mark.parametrize(
@@ -59,7 +56,14 @@ def test_none_path_raises_type_error(simulator: Simulator, module: ModuleType) -
 
 @pytest.mark.parametrize(
     "path",
-    ["/some/file", bytearray(b"/some/file"), Bytes(b"/some/file"), memoryview(b"/"), 5, [b"/"]],
+    [
+        "/some/file",
+        bytearray(b"/some/file"),
+        BytesSubclass(b"/some/file"),
+        memoryview(b"/"),
+        5,
+        [b"/"],
+    ],
     ids=lambda path: type(path).__name__,
 )
 def test_non_bytes_path_raises_type_error(

@@ -10,36 +10,23 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
     entry,
     is_increasing,
     line,
-    raiser,
     raises_exactly,
     traceback_entries,
     with_types,
     wrong_type_message,
 )
+from tests.support.doubles import BytesSubclass, Failure, Recorder, StrSubclass, raiser
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
 
 
-class Text(str):
-    """A subclass of str."""
-
-
-class Bytes(bytes):
-    """A subclass of bytes."""
-
-
 class ByteArray(bytearray):
     """A subclass of bytearray."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def sent(simulator: Simulator) -> list[bytes | None]:
@@ -83,7 +70,7 @@ def test_each_call_runs_command_again(simulator: Simulator, module: ModuleType) 
 
 
 @pytest.mark.parametrize(
-    "command", [b"c", Text("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
+    "command", [b"c", StrSubclass("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
 )
 def test_non_str_command_is_rejected_before_any_call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: object
@@ -127,7 +114,7 @@ def test_command_is_encoded_with_charset(
 
 @pytest.mark.parametrize(
     "encoded",
-    [b"encoded", bytearray(b"encoded"), Bytes(b"encoded"), ByteArray(b"encoded")],
+    [b"encoded", bytearray(b"encoded"), BytesSubclass(b"encoded"), ByteArray(b"encoded")],
     ids=lambda encoded: type(encoded).__name__,
 )
 def test_encoded_bytes_or_bytearray_is_accepted(
@@ -257,7 +244,7 @@ def test_str_subclass_output_is_accepted(
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "output")
     for text, expected in (("a--More--b", "ab"), ("plain", "plain")):
-        monkeypatch.setattr(module, "text_", lambda value, encoding, text=text: Text(text))
+        monkeypatch.setattr(module, "text_", lambda value, encoding, text=text: StrSubclass(text))
         result = module.get_cli_command_output("command")
         assert (type(result), result) == (str, expected)
 
@@ -386,7 +373,7 @@ def test_returned_non_exception_raises_type_error(
 def test_returned_class_that_fails_raises_its_own_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    error = Failed()
+    error = Failure()
 
     class Unmakable(Exception):
         def __init__(self) -> None:
@@ -394,7 +381,7 @@ def test_returned_class_that_fails_raises_its_own_error(
 
     monkeypatch.setattr(module, "CFunctionError", lambda message: Unmakable)
     simulator.set_reply("get_cli_cmd_output", None)
-    assert raises_exactly(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
@@ -417,10 +404,10 @@ def test_returned_class_without_instances_raises_type_error(
 def test_failing_error_class_raises_its_own_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    error = Failed()
+    error = Failure()
     monkeypatch.setattr(module, "CFunctionError", raiser(error))
     simulator.set_reply("get_cli_cmd_output", None)
-    assert raises_exactly(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
@@ -474,10 +461,10 @@ def test_conversion_error_propagates(
     name: str,
     commands: list[bytes],
 ) -> None:
-    error = Failed()
+    error = Failure()
     monkeypatch.setattr(module, name, raiser(error))
     simulator.set_reply("get_cli_cmd_output", "output")
-    assert raises_exactly(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == FUNCTION
     assert sent(simulator) == commands
@@ -488,11 +475,11 @@ def test_traceback_lines_increase_with_statements(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def failing_line(name: str, output: str | None) -> Any:
-        error = Failed()
+        error = Failure()
         simulator.set_reply("get_cli_cmd_output", output)
         with monkeypatch.context() as patch:
             patch.setattr(module, name, raiser(error))
-            raises_exactly(Failed, module.get_cli_command_output, "command")
+            raises_exactly(Failure, module.get_cli_command_output, "command")
         return line(error, FUNCTION)
 
     refused = raises_exactly(TypeError, module.get_cli_command_output, 5)
@@ -573,7 +560,7 @@ def test_parsers_look_names_up_in_statement_order(
 
     decode = Recorder(lambda value, encoding: value)
     cli.patch("text_", decode)
-    cli.run.answer = run
+    cli.run.side_effect = run
     getattr(cli.parser, function)(*arguments)
     assert decode.positional == [(output, "rebound while the command ran")]
 

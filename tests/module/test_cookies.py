@@ -11,29 +11,18 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import (
-    CountingBool,
-    Recorder,
-    entry,
-    is_increasing,
-    raiser,
-    raises_exactly,
-    wrong_type_message,
-)
+from tests.support.assertions import entry, is_increasing, raises_exactly, wrong_type_message
+from tests.support.doubles import BytesSubclass, CountingBool, Recorder, raiser
 from veldarin_simulator import Simulator
 
 ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
 GREATEST = pytest.param(ULONG_MAX, id="ULONG_MAX")
 
 
-class Bytes(bytes):
-    """A subclass, which is not exactly bytes."""
-
-
 NOT_EXACTLY_BYTES = [
     pytest.param("text", id="str"),
     pytest.param(bytearray(b"text"), id="bytearray"),
-    pytest.param(Bytes(b"text"), id="subclass of bytes"),
+    pytest.param(BytesSubclass(b"text"), id="subclass of bytes"),
     pytest.param(memoryview(b"text"), id="memoryview"),
     pytest.param(7, id="int"),
     pytest.param([b"text"], id="list"),
@@ -499,7 +488,8 @@ def _exhausted(function: str, arguments: list[str], start: int, stop: int, logge
     """What a call tells when memory fails: the error, the log, the native calls, what is leaked."""
     import _testcapi
 
-    from tests.support.assertions import RecordingLogger, traceback_entries
+    from tests.support.assertions import traceback_entries
+    from tests.support.doubles import RecordingLogger
     from veldarin_simulator import Simulator
 
     with Simulator(live=False) as simulator:
@@ -635,7 +625,7 @@ def test_decrypt_without_working_buffer_logs_and_raises() -> None:
         ("del log.error", "AttributeError", None, False),
         ("del module.CFunctionError", "NameError", "name 'CFunctionError' is not defined", True),
         (
-            "def fails(text): raise ValueError('full')\nlog.error.answer = fails",
+            "def fails(text): raise ValueError('full')\nlog.error.side_effect = fails",
             "ValueError",
             "full",
             True,
@@ -648,7 +638,7 @@ def test_decrypt_without_working_buffer_logs_and_raises() -> None:
         ),
         (
             "class Late(Exception): pass\n"
-            "log.error.answer = lambda text: setattr(module, 'CFunctionError', Late)",
+            "log.error.side_effect = lambda text: setattr(module, 'CFunctionError', Late)",
             "Late",
             "PyMem_Malloc",
             True,

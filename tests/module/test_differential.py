@@ -23,6 +23,7 @@ from hypothesis import strategies as st
 from benchmarks.hostile import RUNNER, SIZES, TEXTS, HostileText
 from tests.support import reference
 from tests.support.assertions import assert_same, line, raises_exactly, with_types
+from tests.support.doubles import StrSubclass
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
@@ -35,10 +36,6 @@ settings.register_profile(
     suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow],
 )
 compared = settings.get_profile("differential")
-
-
-class Text(str):
-    """A subclass of str, which is text too."""
 
 
 # The two parsers side by side
@@ -60,7 +57,7 @@ class Pair:
             self._let(cli, outputs)
 
     def _let(self, cli: FakeCli, outputs: tuple[object, ...]) -> None:
-        cli.run.answer = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
+        cli.run.side_effect = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
 
     def check(self, function: str, *make: Callable[[], object]) -> Any:
         """Calls the function of both with arguments made for each, and compares everything.
@@ -99,7 +96,7 @@ def _called(
         (["a" * 9999 + "b"], ["a" * 9999], "it[0]: 'b' instead of '' at character 9999"),
         ([["a"], []], [["a"]], "it: 2 items instead of 1"),
         ((), [], "it: tuple () instead of list []"),
-        (Text("a"), "a", "it: Text 'a' instead of str 'a'"),
+        (StrSubclass("a"), "a", "it: StrSubclass 'a' instead of str 'a'"),
         (None, {"a": "b" * 9999}, None),
     ],
 )
@@ -192,7 +189,7 @@ def outputs(draw: st.DrawFn, lines: st.SearchStrategy[Iterable[str]]) -> str:
     if widener:
         at = draw(st.integers(0, len(text)))
         text = text[:at] + widener + text[at:]
-    return Text(text) if draw(st.integers(0, 9)) == 0 else text
+    return StrSubclass(text) if draw(st.integers(0, 9)) == 0 else text
 
 
 def hostile(openings: list[str], pieces: list[str]) -> st.SearchStrategy[str]:
@@ -270,7 +267,7 @@ def routing_outputs(draw: st.DrawFn) -> list[str]:
     return [*lines, *draw(st.lists(hops, max_size=6))]
 
 
-addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", Text("x"), True]))
+addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", StrSubclass("x"), True]))
 
 
 @compared

@@ -21,16 +21,14 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import (
-    CountingBool,
     Entry,
-    Recorder,
     entry,
     is_increasing,
     line,
-    raiser,
     raises_exactly,
     traceback_entries,
 )
+from tests.support.doubles import CountingBool, Failure, Recorder, raiser
 from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
 from tests.support.isolated import MODULE
 from veldarin_simulator import Simulator
@@ -515,10 +513,6 @@ def test_open_is_looked_up_for_each_with(
 # A failing step ends the call, unchanged and at its own line
 
 
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
 PATH_FAILURES = ["text", "path", "is a file"]
 WRITE_FAILURES = [
     "absolute path",
@@ -543,9 +537,9 @@ IN_A_BODY = {
 
 @pytest.mark.parametrize("step", PATH_FAILURES + WRITE_FAILURES + READ_FAILURES)
 def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps, step: str) -> None:
-    error = Failed(step)
+    error = Failure(step)
     steps.answers[step] = raiser(error)
-    assert raises_exactly(Failed, module.get_token) is error
+    assert raises_exactly(Failure, module.get_token) is error
     assert error.__context__ is None
     found = entry(error, "get_token")
     assert found.first_line < found.line
@@ -553,7 +547,7 @@ def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps,
     if step in IN_A_BODY:
         name, kind, value, traceback = exits[-1]
         assert name == f"{IN_A_BODY[step]}: exit"
-        assert kind is Failed
+        assert kind is Failure
         assert value is error
         assert isinstance(traceback, TracebackType)
         assert traceback_entries(traceback) == [found]
@@ -562,9 +556,9 @@ def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps,
 
 
 def test_is_file_truth_error_propagates(module: ModuleType, steps: Steps) -> None:
-    error = Failed("no truth")
+    error = Failure("no truth")
     steps.answers["is a file"] = lambda: CountingBool(error)
-    assert raises_exactly(Failed, module.get_token) is error
+    assert raises_exactly(Failure, module.get_token) is error
     assert steps.events == PATH
     assert entry(error, "get_token").line
 
@@ -572,11 +566,11 @@ def test_is_file_truth_error_propagates(module: ModuleType, steps: Steps) -> Non
 def test_traceback_lines_increase_with_statements(module: ModuleType, steps: Steps) -> None:
     found: list[Entry] = []
     for step in ("text", "is a file", "open w", "written", "open r", "line"):
-        error = Failed(step)
+        error = Failure(step)
         steps.answers = {step: raiser(error)}
-        assert raises_exactly(Failed, module.get_token) is error
+        assert raises_exactly(Failure, module.get_token) is error
         found.append(entry(error, "get_token"))
-    steps.answers = {"line": raiser(Failed()), "r: exited": lambda: True}
+    steps.answers = {"line": raiser(Failure()), "r: exited": lambda: True}
     found.append(entry(raises_exactly(UnboundLocalError, module.get_token), "get_token"))
     assert is_increasing([found[0].first_line, *(each.line for each in found)])
     assert found[-1].line < 94
@@ -597,9 +591,9 @@ def test_statement_fails_at_one_line(
 ) -> None:
     lines = set()
     for step in steps_of_one_statement:
-        error = Failed(step)
+        error = Failure(step)
         steps.answers = {step: raiser(error)}
-        raises_exactly(Failed, module.get_token)
+        raises_exactly(Failure, module.get_token)
         lines.add(line(error, "get_token"))
     assert len(lines) == 1
 
@@ -608,7 +602,7 @@ def test_statement_fails_at_one_line(
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-@pytest.mark.parametrize("kind", [Failed, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
+@pytest.mark.parametrize("kind", [Failure, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
 def test_failing_body_propagates_when_exit_returns_false(
     module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
 ) -> None:
@@ -634,7 +628,7 @@ def test_exit_gets_normalized_exception(module: ModuleType, steps: Steps) -> Non
 
 def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) -> None:
     handled: list[object] = []
-    error = Failed("in the body")
+    error = Failure("in the body")
 
     def exited() -> bool:
         handled.append(sys.exc_info()[1])
@@ -642,7 +636,7 @@ def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) 
 
     steps.answers["line"] = raiser(error)
     steps.answers["r: exited"] = exited
-    raises_exactly(Failed, module.get_token)
+    raises_exactly(Failure, module.get_token)
     assert handled == [error]
     assert sys.exc_info() == (None, None, None)
 
@@ -651,12 +645,12 @@ def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) 
 def test_exception_of_caller_stays_handled(
     module: ModuleType, steps: Steps, swallowed: bool
 ) -> None:
-    outer, error = Failed("being handled by the caller"), LookupError("in the body")
+    outer, error = Failure("being handled by the caller"), LookupError("in the body")
     steps.answers["written"] = raiser(error)
     steps.answers["w: exited"] = lambda: swallowed
     try:
         raise outer
-    except Failed:
+    except Failure:
         if swallowed:
             assert module.get_token() is steps.secret
         else:
@@ -666,7 +660,7 @@ def test_exception_of_caller_stays_handled(
 
 def test_suppressed_write_error_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(True)
-    steps.answers["written"] = raiser(Failed())
+    steps.answers["written"] = raiser(Failure())
     steps.answers["w: exited"] = lambda: truth
     assert module.get_token() is steps.secret
     assert truth.bool_calls == 1
@@ -679,7 +673,7 @@ def test_suppressed_read_error_raises_unbound_local(
     module: ModuleType, steps: Steps, step: str
 ) -> None:
     truth = CountingBool(True)
-    steps.answers[step] = raiser(Failed())
+    steps.answers[step] = raiser(Failure())
     steps.answers["r: exited"] = lambda: truth
     error = raises_exactly(UnboundLocalError, module.get_token)
     assert str(error) == "local variable 'secret' referenced before assignment"
@@ -692,7 +686,7 @@ def test_suppressed_read_error_raises_unbound_local(
 def test_failing_exit_keeps_body_error_as_context(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
-    body, leaving = Failed("in the body"), LookupError("while leaving")
+    body, leaving = Failure("in the body"), LookupError("while leaving")
     steps.answers["written" if mode == "w" else "line"] = raiser(body)
     steps.answers[f"{mode}: exited"] = raiser(leaving)
     assert raises_exactly(LookupError, module.get_token) is leaving
@@ -704,7 +698,7 @@ def test_failing_exit_keeps_body_error_as_context(
 def test_exit_result_truth_error_replaces_exception(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
-    body, truthless = Failed("in the body"), LookupError("no truth")
+    body, truthless = Failure("in the body"), LookupError("no truth")
     steps.answers["written" if mode == "w" else "line"] = raiser(body)
     steps.answers[f"{mode}: exited"] = lambda: CountingBool(truthless)
     assert raises_exactly(LookupError, module.get_token) is truthless
@@ -713,9 +707,9 @@ def test_exit_result_truth_error_replaces_exception(
 
 @pytest.mark.parametrize("mode", ["w", "r"])
 def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode: str) -> None:
-    error = Failed("entering")
+    error = Failure("entering")
     steps.answers[f"{mode}: entered"] = raiser(error)
-    assert raises_exactly(Failed, module.get_token) is error
+    assert raises_exactly(Failure, module.get_token) is error
     assert f"{mode}: exit" not in steps.names
     assert steps.names[-1] == f"{mode}: enter"
 
@@ -762,7 +756,7 @@ def test_non_context_manager_raises_before_enter(
 def test_special_method_lookup_error_propagates(
     module: ModuleType, steps: Steps, name: str
 ) -> None:
-    error = Failed(name)
+    error = Failure(name)
 
     class Unbindable:
         def __get__(self, instance: object, owner: type) -> object:
@@ -770,7 +764,7 @@ def test_special_method_lookup_error_propagates(
 
     manager = type("Odd", (io.StringIO,), {name: Unbindable()})
     steps.answers["open w"] = manager
-    assert raises_exactly(Failed, module.get_token) is error
+    assert raises_exactly(Failure, module.get_token) is error
 
 
 def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:

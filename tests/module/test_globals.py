@@ -10,7 +10,8 @@ from typing import Any, Callable, NamedTuple
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import RecordingLogger, raises_exactly, traceback_entries
+from tests.support.assertions import raises_exactly, traceback_entries
+from tests.support.doubles import RecordingLogger
 from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 

@@ -10,16 +10,8 @@ from typing import Any
 import pytest
 import ujson
 
-from tests.support.assertions import (
-    CountingInt,
-    Recorder,
-    entry,
-    line,
-    raiser,
-    raises_exactly,
-    traceback_entries,
-    with_types,
-)
+from tests.support.assertions import entry, line, raises_exactly, traceback_entries, with_types
+from tests.support.doubles import CountingInt, Failure, Recorder, raiser
 from tests.support.query_cases import (
     FIRST_LINES,
     QueryCase,
@@ -211,10 +203,6 @@ def test_loads_is_looked_up_before_rendering(
 # Failures, one statement after the other
 
 
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
 @every_query
 @pytest.mark.parametrize("missing", ["json", "loads"])
 def test_missing_loads_leaves_reply_unrendered(
@@ -249,9 +237,9 @@ def nth_fails(number: int, error: BaseException) -> Recorder:
 def test_failing_request_creation_propagates(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
-    error = Failed()
+    error = Failure()
     simulator.on_create = nth_fails(1, error)
-    assert raises_exactly(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert line(error, row.function) == row.lines.request
     assert simulator.call_log == []
 
@@ -260,9 +248,9 @@ def test_failing_request_creation_propagates(
 def test_failing_response_creation_propagates(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
-    error = Failed()
+    error = Failure()
     simulator.on_create = nth_fails(2, error)
-    assert raises_exactly(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert line(error, row.function) == row.lines.response
     assert simulator.call_log == []
 
@@ -296,9 +284,9 @@ def test_failing_loads_makes_no_release_call(
     simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
-    error = Failed()
+    error = Failure()
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=raiser(error)))
-    assert raises_exactly(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert line(error, row.function) == row.lines.parse
     assert native_calls(simulator) == row.sent
 
@@ -325,10 +313,10 @@ def test_failing_release_propagates(
     simulator: Simulator, module: ModuleType, row: QueryCase, number: int
 ) -> None:
     prepare(simulator, row)
-    error = Failed()
+    error = Failure()
     released = nth_fails(number, error)
     simulator.on_release = released
-    assert raises_exactly(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     expected = row.lines.first_release if number == 1 else row.lines.second_release
     assert line(error, row.function) == expected
     texts = [json.loads(text) for (text,) in released.positional]
@@ -373,13 +361,13 @@ def test_failing_step_is_not_retried(
             step("loads lookup")
             return loads
 
-    error = Failed()
+    error = Failure()
     prepare(simulator, row)
     monkeypatch.setattr(module, "json", Parser())
     simulator.on_create = lambda arguments: step("request" if arguments else "response")
     releases = iter(["release of the request", "release of the response"])
     simulator.on_release = lambda text: step(next(releases))
-    assert raises_exactly(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert steps == STEPS[: STEPS.index(failing) + 1]
     assert without_releases(simulator) == (row.sent if "loads lookup" in steps else [])
 
@@ -390,9 +378,9 @@ def test_reply_is_rendered_once_when_loads_fails(
 ) -> None:
     prepare(simulator, row)
     simulator.record_serializer()
-    loads = nth_fails(1, Failed())
+    loads = nth_fails(1, Failure())
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
-    raises_exactly(Failed, row.call, module)
+    raises_exactly(Failure, row.call, module)
     assert len(loads.calls) == 1
     assert native_calls(simulator) == [*row.sent, (SERIALIZER, row.reply)]
 
@@ -401,9 +389,9 @@ def test_reply_is_rendered_once_when_loads_fails(
 def test_failure_has_one_entry_of_function(
     simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
-    error = Failed()
+    error = Failure()
     simulator.on_create = raiser(error)
-    raises_exactly(Failed, row.call, module)
+    raises_exactly(Failure, row.call, module)
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == row.function
     assert found.first_line < row.lines.request
@@ -495,12 +483,12 @@ def test_policy_truth_is_tested_once_before_request(
 def test_policy_truth_error_is_at_request_line(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
-    error = Failed()
+    error = Failure()
     policy = CountingInt(5)
     policy.truth = error
     made = Recorder()
     simulator.on_create = made
-    assert raises_exactly(Failed, getattr(module, function), policy) is error
+    assert raises_exactly(Failure, getattr(module, function), policy) is error
     assert line(error, function) == request_line
     assert made.calls == []
     assert simulator.call_log == []

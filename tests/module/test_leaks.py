@@ -16,7 +16,8 @@ import pytest
 
 from checks.fault_injection import imports
 from tests.support import isolated
-from tests.support.call_cases import CASES, DELETED, REPEATED_ONLY, CallCase, FailNth
+from tests.support.call_cases import CASES, DELETED, REPEATED_ONLY, CallCase
+from tests.support.doubles import FailNth
 from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
 from tests.support.isolated import MODULE

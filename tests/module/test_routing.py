@@ -9,16 +9,15 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
     entry,
     is_increasing,
     line,
-    raiser,
     raises_exactly,
     traceback_entries,
     with_types,
     wrong_type_message,
 )
+from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
@@ -26,14 +25,6 @@ FUNCTION = "get_routing_table_result"
 HEADER = "Routing entry for 192.0.2.0/24"
 INFO = "  Known via static, distance 10, metric 0, best"
 UPDATE = "  Last update 01:02:03 ago"
-
-
-class Text(str):
-    """A subclass of str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def result(cli: FakeCli, *lines: object) -> Any:
@@ -108,7 +99,9 @@ def test_address_completes_command(cli: FakeCli, address: str | None, command: s
 
 
 @pytest.mark.parametrize(
-    "address", [b"192.0.2.7", Text("192.0.2.7"), 5, ["a"], 1.5], ids=lambda a: type(a).__name__
+    "address",
+    [b"192.0.2.7", StrSubclass("192.0.2.7"), 5, ["a"], 1.5],
+    ids=lambda a: type(a).__name__,
 )
 def test_non_str_address_raises_before_any_command(cli: FakeCli, address: object) -> None:
     error = raises_exactly(TypeError, cli.parser.get_routing_table_result, address)
@@ -340,8 +333,8 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
     refused = raises_exactly(TypeError, cli.parser.get_routing_table_result, 5)
     with cli.monkeypatch.context() as patch:
-        patch.setattr(cli.parser, "text_", raiser(Failed()))
-        fetch = raises_exactly(Failed, result, cli, "")
+        patch.setattr(cli.parser, "text_", raiser(Failure()))
+        fetch = raises_exactly(Failure, result, cli, "")
     split = raises_exactly(AttributeError, result, cli, None)
     malformed = [raises_exactly(IndexError, result, cli, *outputs[0]) for _, outputs in MALFORMED]
     lines = [line(error, FUNCTION) for error in (refused, fetch, split, *malformed)]
@@ -377,16 +370,16 @@ def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
 
 @pytest.mark.parametrize("carriage_return", ["", "\r"])
 def test_str_subclass_output_is_parsed(cli: FakeCli, carriage_return: str) -> None:
-    text = Text("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
+    text = StrSubclass("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
     parsed = result(cli, text)
     assert with_types(parsed) == with_types({**PLAIN, "table": [route("", "a", "b")]})
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
 def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
-    error = Failed()
+    error = Failure()
     cli.patch(name, raiser(error))
-    assert raises_exactly(Failed, cli.parser.get_routing_table_result, "a") is error
+    assert raises_exactly(Failure, cli.parser.get_routing_table_result, "a") is error
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])

@@ -9,7 +9,8 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, Recorder, entry, raises_exactly, wrong_type_message
+from tests.support.assertions import FILE, entry, raises_exactly, wrong_type_message
+from tests.support.doubles import Recorder, StrSubclass
 from tests.support.fake_siblings import create_module, exec_module
 from tests.support.isolated import WRONG_PYTHON_MODULE, encode_exception
 from tests.support.query_cases import native_calls, without_releases
@@ -21,10 +22,6 @@ EVENTS = [
     ("Pause", "build_pause_sniffer_profile_capture"),
     ("Delete", "build_delete_sniffer_profile_capture"),
 ]
-
-
-class Text(str):
-    """A subclass, which is not exactly str."""
 
 
 def test_summary_is_returned(simulator: Simulator, module: ModuleType) -> None:
@@ -137,7 +134,7 @@ def test_profile_name_is_sent_under_hyphenated_key(
     ]
 
 
-NOT_TEXT = [b"p1", 5, Text("Stop"), ["Stop"], True]
+NOT_TEXT = [b"p1", 5, StrSubclass("Stop"), ["Stop"], True]
 
 
 @pytest.mark.parametrize("value", NOT_TEXT, ids=lambda value: type(value).__name__)

@@ -7,20 +7,10 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import (
-    CountingInt,
-    Recorder,
-    entry,
-    line,
-    raises_exactly,
-    wrong_type_message,
-)
+from tests.support.assertions import entry, line, raises_exactly, wrong_type_message
+from tests.support.doubles import CountingInt, Recorder, StrSubclass
 from tests.support.query_cases import FIRST_LINES, native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
-
-
-class Text(str):
-    """A subclass, which is not exactly str."""
 
 
 def requested(simulator: Simulator) -> Any:
@@ -153,7 +143,9 @@ def test_port_name_none_sends_empty_request(
 
 @typed
 @pytest.mark.parametrize(
-    "port", [5, b"port1", Text("port1"), ["port1"], True], ids=lambda port: type(port).__name__
+    "port",
+    [5, b"port1", StrSubclass("port1"), ["port1"], True],
+    ids=lambda port: type(port).__name__,
 )
 def test_non_str_port_name_raises_before_request(
     simulator: Simulator,

@@ -9,27 +9,12 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import (
-    Recorder,
-    entry,
-    line,
-    raiser,
-    raises_exactly,
-    with_types,
-    wrong_type_message,
-)
+from tests.support.assertions import entry, line, raises_exactly, with_types, wrong_type_message
+from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
 from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
 PHYSICAL = "build_system_interface_physical"
-
-
-class Text(str):
-    """A subclass, which is not exactly str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def reply_of(*entries: object) -> list[dict[str, object]]:
@@ -125,7 +110,7 @@ def test_empty_interface_list_raises_unbound_local(
 
 
 @pytest.mark.parametrize(
-    "name", [b"A", 5, Text("A"), ["A"], True], ids=lambda name: type(name).__name__
+    "name", [b"A", 5, StrSubclass("A"), ["A"], True], ids=lambda name: type(name).__name__
 )
 def test_non_str_name_raises_type_error(
     simulator: Simulator, module: ModuleType, name: object
@@ -348,9 +333,9 @@ class Broken:
 def test_failing_selection_step_is_at_its_line(
     simulator: Simulator, module: ModuleType, parsed: SimpleNamespace, where: str, at: int
 ) -> None:
-    error = Failed(where)
+    error = Failure(where)
     parsed.value = Broken(where, error)
-    assert raises_exactly(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == at
     assert [service for service, _ in native_calls(simulator)] == [PHYSICAL]
 
@@ -358,14 +343,14 @@ def test_failing_selection_step_is_at_its_line(
 def test_later_iteration_error_is_at_loop_line(
     simulator: Simulator, module: ModuleType, parsed: SimpleNamespace
 ) -> None:
-    error = Failed()
+    error = Failure()
 
     def entries() -> Iterator[object]:
         yield B
         raise error
 
     parsed.value = [{"interface": entries()}]
-    assert raises_exactly(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == 138
 
 
@@ -373,11 +358,11 @@ def test_later_iteration_error_is_at_loop_line(
 def test_releases_come_between_selection_and_result(
     simulator: Simulator, module: ModuleType, number: int, at: int
 ) -> None:
-    error = Failed()
+    error = Failure()
     released = Recorder(lambda text: raiser(error)() if len(released.calls) == number else None)
     simulator.on_release = released
     simulator.set_reply(PHYSICAL, reply_of())
-    assert raises_exactly(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == at
 
 

@@ -13,7 +13,8 @@ from typing import Any, Callable, NamedTuple
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, raiser, traceback_entries
+from tests.support.assertions import FILE, traceback_entries
+from tests.support.doubles import raiser
 from tests.support.function_table import FUNCTIONS, NAMED
 from tests.support.isolated import encode_exception
 from veldarin_simulator import Simulator

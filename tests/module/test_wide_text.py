@@ -11,7 +11,7 @@ from typing import Any
 import pytest
 
 from tests.support import reference
-from tests.support.assertions import raiser
+from tests.support.doubles import raiser
 from tests.support.fake_cli import FakeCli
 
 # The first and last code points of each length in UTF-8 and of the surrogates.

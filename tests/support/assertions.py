@@ -6,7 +6,7 @@ from __future__ import annotations
 import reprlib
 from collections.abc import Iterable
 from types import TracebackType
-from typing import Any, Callable, NamedTuple, NoReturn, TypeVar
+from typing import Any, Callable, NamedTuple, TypeVar
 
 MODULE = "veldarin.modules.modules_util"
 FILE = "veldarin/modules/modules_util"
@@ -69,73 +69,6 @@ def is_increasing(lines: Iterable[int]) -> bool:
     """Each line is greater than the one before."""
     lines = list(lines)
     return all(before < after for before, after in zip(lines, lines[1:]))
-
-
-def raiser(error: BaseException) -> Callable[..., NoReturn]:
-    """A callable that takes anything and raises the error."""
-
-    def raises(*_args: object, **_kwargs: object) -> NoReturn:
-        raise error
-
-    return raises
-
-
-class Recorder:
-    """A callable that notes its arguments and then does what `answer` does."""
-
-    def __init__(self, answer: Callable[..., Any] = lambda *args, **kwargs: None) -> None:
-        self.answer = answer
-        self.calls: list[tuple[tuple[Any, ...], dict[str, Any]]] = []
-
-    def __call__(self, *args: Any, **kwargs: Any) -> Any:
-        self.calls.append((args, kwargs))
-        return self.answer(*args, **kwargs)
-
-    @property
-    def positional(self) -> list[tuple[Any, ...]]:
-        """The positional arguments of each call; no call had keywords."""
-        assert all(not kwargs for _args, kwargs in self.calls), self.calls
-        return [args for args, _kwargs in self.calls]
-
-
-class RecordingLogger:
-    """A logger that keeps what it is told."""
-
-    def __init__(self) -> None:
-        self.debug = Recorder()
-        self.error = Recorder()
-
-    @property
-    def debug_messages(self) -> list[str]:
-        """The one argument of each call of `debug`."""
-        return [text for (text,) in self.debug.positional]
-
-
-class CountingBool:
-    """A value whose truth is asked for at most as often as the test allows, and counted."""
-
-    def __init__(self, truth: bool | BaseException) -> None:
-        self.truth = truth
-        self.bool_calls = 0
-
-    def __bool__(self) -> bool:
-        self.bool_calls += 1
-        if isinstance(self.truth, BaseException):
-            raise self.truth
-        return self.truth
-
-
-class CountingInt(int):
-    """A number, as a request accepts it, that counts the questions after its truth."""
-
-    truth: bool | BaseException = True
-    bool_calls = 0
-
-    def __bool__(self) -> bool:
-        self.bool_calls += 1
-        if isinstance(self.truth, BaseException):
-            raise self.truth
-        return self.truth
 
 
 def with_types(value: object) -> object:

@@ -3,83 +3,42 @@ appliance can provoke. For tests that repeat each of them or let memory fail wit
 
 from __future__ import annotations
 
-import ctypes
-import io
 import sys
 from collections.abc import Mapping
-from functools import partial
-from pathlib import Path
 from types import MappingProxyType, SimpleNamespace
 from typing import Any, Callable, NamedTuple
 
 import ujson
 
+from tests.support.doubles import (
+    AlwaysRaises,
+    BrokenMapping,
+    Failure,
+    IntMakingException,
+    MishashedStr,
+    MissingKeyMapping,
+    MissingKeyWithoutArgs,
+    MissingKeyWithTwoArgs,
+    NoTruthValue,
+    NoTruthValueFile,
+    NoTruthValuePath,
+    NullLogger,
+    ReadOnlyMapping,
+    RepeatedKeyMapping,
+    RightAddable,
+    Stop,
+    StoppingLogger,
+    UncomparableStr,
+    UnconstructibleException,
+    UnreplaceableStr,
+    fail,
+    failing_open,
+    failing_path,
+    stop,
+)
 from tests.support.function_table import FUNCTIONS, NAMED
 from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import RawJSON, Simulator
-
-
-class Failure(Exception):
-    """What tests make collaborators raise; a new one each time."""
-
-
-def fail(*args: object, **kwargs: object) -> Any:
-    raise Failure
-
-
-class UnconstructibleException(Exception):
-    """An exception that cannot be made."""
-
-    __init__ = fail
-
-
-class IntMakingException(Exception):
-    """An exception class that makes a number."""
-
-    def __new__(cls, *args: object) -> Any:
-        return 5
-
-
-class AlwaysRaises:
-    """An object that fails whatever is asked of it."""
-
-    __call__ = __bool__ = __getattr__ = __iter__ = __eq__ = __len__ = __contains__ = fail
-    __hash__ = None  # type: ignore[assignment]
-
-
-class NullLogger:
-    """A logger that does nothing; it can be called as well."""
-
-    def __init__(self, *given: object) -> None:
-        pass
-
-    def debug(self, text: str) -> None:
-        pass
-
-    error = debug
-
-
-class UncomparableStr(str):
-    """A text that cannot be compared; as a key it stands in the way of its equals."""
-
-    __hash__ = str.__hash__
-    __eq__ = fail
-
-
-class MishashedStr(str):
-    """A text that a dictionary does not find by its equal."""
-
-    def __hash__(self) -> int:
-        return super().__hash__() ^ 1
-
-
-class NoTruthValue:
-    """An object whose answers to a comparison have no truth."""
-
-    __hash__ = None  # type: ignore[assignment]
-
-    def __eq__(self, other: object) -> Any:
-        return AlwaysRaises()
 
 
 class CallCase(NamedTuple):
@@ -106,18 +65,6 @@ class CallCase(NamedTuple):
 
 
 DELETED = object()
-
-
-class FailNth:
-    """Something of which, in each call of the function, the n-th time fails."""
-
-    def __init__(self, fails_at: int | None) -> None:
-        self.fails_at, self.taken = fails_at, 0
-
-    def __call__(self, *given: object) -> None:
-        self.taken += 1
-        if self.taken - 1 == self.fails_at:
-            raise Failure
 
 
 UNBOUND = UnboundLocalError
@@ -215,68 +162,6 @@ def write_secret(simulator: Simulator) -> None:
 
 def make_secret_directory(simulator: Simulator) -> None:
     simulator.secret_path.mkdir(exist_ok=True)
-
-
-class FailingFile(io.StringIO):
-    """A file in which single steps fail; leaving it may swallow what failed."""
-
-    def __init__(self, fails: str = "", swallows: bool = False) -> None:
-        super().__init__("text\n")
-        self.fails, self.swallows = fails, swallows
-
-    def step(self, name: str) -> None:
-        if name == self.fails:
-            raise Failure
-
-    def __enter__(self) -> FailingFile:
-        self.step("enter")
-        return self
-
-    def __exit__(self, *error: object) -> Any:
-        self.step("exit")
-        return self.swallows
-
-    def readline(self, *size: Any) -> Any:
-        self.step("readline")
-        return "text\n"
-
-    def write(self, text: str) -> int:
-        self.step("write")
-        return len(text)
-
-
-class NoTruthValueFile(FailingFile):
-    """A file that cannot say whether it swallows what failed."""
-
-    def __exit__(self, *error: object) -> Any:
-        return AlwaysRaises()
-
-
-def failing_open(
-    fails: str = "", mode: str = "wr", swallows: bool = False
-) -> Callable[..., FailingFile]:
-    """An `open` whose file fails at a step when it is opened in one of the modes."""
-    return lambda path, how: FailingFile(fails if how in mode else "", swallows)
-
-
-def failing_path(fails: str) -> Callable[[str], object]:
-    """A `Path` with a method that fails."""
-
-    class FailingPath(type(Path())):  # type: ignore[misc]
-        pass
-
-    setattr(FailingPath, fails, fail)
-    return FailingPath
-
-
-class NoTruthValuePath:
-    """A `Path` that cannot say whether there is a file."""
-
-    def __init__(self, path: str) -> None:
-        pass
-
-    def is_file(self) -> AlwaysRaises:
-        return AlwaysRaises()
 
 
 def token_case(
@@ -481,12 +366,6 @@ CLI_ERRORS: list[tuple[str, type[Exception], dict[str, object]]] = [
 ]
 
 
-class UnreplaceableStr(str):
-    """A text of which nothing can be replaced."""
-
-    replace = fail
-
-
 def select_lines(text: str, *numbers: int) -> str:
     """Some lines of a text."""
     split = text.split("\n")
@@ -677,20 +556,6 @@ peer 192.0.2.1 interface port1
 TWO_SESSIONS = ONE_SESSION + ONE_SESSION.replace("echo\n", "").replace("port1", "port2")
 
 
-class Stop(BaseException):
-    """Not caught by handlers of `Exception`."""
-
-
-def stop(*args: object) -> Any:
-    raise Stop
-
-
-class StoppingLogger:
-    """A logger that cannot be used."""
-
-    debug = error = staticmethod(stop)
-
-
 def with_sessions(sessions: Any) -> dict[str, object]:
     return {"get_bfd_neighbor": lambda *given: sessions, "_logger": NullLogger()}
 
@@ -703,70 +568,6 @@ def with_details(sessions: Any) -> dict[str, object]:
 def with_copy(known: Callable[[object], object]) -> dict[str, object]:
     """Deep copies of the sessions that are something else."""
     return {**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=known)}
-
-
-class BrokenMapping:
-    """Sessions, all of them, none of which is given or taken."""
-
-    __getitem__: Callable[..., Any] = fail
-    __setitem__ = fail
-
-    def __contains__(self, name: object) -> bool:
-        return True
-
-
-class ReadOnlyMapping(BrokenMapping):
-    """Sessions that are given, but not taken."""
-
-    def __getitem__(self, *name: object) -> Any:
-        return {}
-
-
-class MissingKeyMapping:
-    """A mapping that has not got what it names."""
-
-    __getitem__: Any = {}.__getitem__
-
-    def keys(self) -> list[str]:
-        return ["x"]
-
-
-class RepeatedKeyMapping:
-    """A mapping that lists a key twice."""
-
-    def keys(self) -> list[str]:
-        return ["x", "x"]
-
-    def __getitem__(self, key: str) -> Any:
-        return {}
-
-
-def c_raiser(raiser: Any, *given: object) -> Callable[..., Any]:
-    """A function of the interpreter's that raises, and gives the exception no instance yet."""
-    raiser.restype, raiser.argtypes = None, [ctypes.py_object] * len(given)
-    return partial(raiser, *given)
-
-
-class MissingKeyWithoutArgs(MissingKeyMapping):
-    """The same, and nothing is said of the key."""
-
-    __getitem__ = c_raiser(ctypes.pythonapi.PyErr_SetNone, KeyError)
-
-
-class MissingKeyWithTwoArgs(MissingKeyMapping):
-    """The same, and more is said than the key."""
-
-    __getitem__ = c_raiser(ctypes.pythonapi.PyErr_SetObject, KeyError, ("x", "y"))
-
-
-class RightAddable:
-    """What becomes a text when something is put before it."""
-
-    def __contains__(self, text: object) -> bool:
-        return text == "peer"
-
-    def __radd__(self, text: str) -> str:
-        return text + ONE_SESSION
 
 
 def delete_query(sessions: object) -> object:
@@ -891,7 +692,7 @@ BFD_CASES = [
         "get_bfd_neighbor",
         ("c", {}),
         label="runner gives a sum",
-        patched=runner_returning(RightAddable()),
+        patched=runner_returning(RightAddable(ONE_SESSION)),
     ),
     CallCase(
         "get_bfd_neighbor", ("c", {}), label="tabs within", cli=ONE_SESSION.replace(": ", ":\t")

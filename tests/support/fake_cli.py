@@ -7,7 +7,7 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import Recorder, RecordingLogger
+from tests.support.doubles import Recorder, RecordingLogger
 
 
 class FakeCli:
@@ -38,11 +38,11 @@ class FakeCli:
         output = lines[0]
         if len(lines) > 1:
             output = "\n".join(str(line) for line in lines)
-        self.run.answer = lambda command: output
+        self.run.side_effect = lambda command: output
 
     def set_outputs(self, outputs: dict[str, Any]) -> None:
         """What the commands print; any other prints nothing."""
-        self.run.answer = lambda command: outputs.get(command, "")
+        self.run.side_effect = lambda command: outputs.get(command, "")
 
     @property
     def commands(self) -> list[object]:

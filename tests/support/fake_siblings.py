@@ -19,7 +19,8 @@ from pathlib import Path
 from types import ModuleType
 from typing import Any, Callable, Optional
 
-from tests.support.assertions import MODULE, raiser
+from tests.support.assertions import MODULE
+from tests.support.doubles import raiser
 from tests.support.isolated import MODULE_PATH
 
 POINTER = struct.calcsize("P")
