@@ -5,6 +5,7 @@ Each function prints a part and returns the findings in it; `print_verdict` coun
 
 from __future__ import annotations
 
+import os
 from collections import defaultdict
 from collections.abc import Iterable, Iterator
 
@@ -95,7 +96,7 @@ def print_call_sites(
         f"failed {sum(entry.failures > 0 for entry in coverage)} "
         f"({sum(row.oom > 0 for row in rows)} out of memory, "
         f"{sum(row.other > 0 for row in rows)} for other reasons, "
-        f"{sum(row.forced > 0 for row in rows)} forced): {table}"
+        f"{sum(row.forced > 0 for row in rows)} forced): {os.path.relpath(table)}"
     )
     messages = [
         *(f"logged, but not in the sources: {key}" for key in unknown),

@@ -254,9 +254,13 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
 
 
 def test_failed_import_leaks_nothing() -> None:
-    spoilt = [case for case in imports.CASES if case.spoils and case.path == isolated.MODULE_PATH]
+    spoilt = [
+        case for case in imports.CASES if case.statements and case.path == isolated.MODULE_PATH
+    ]
     assert len(spoilt) > 60
-    found = isolated.value(repeat_failing_imports, [(case.label, case.spoils) for case in spoilt])
+    found = isolated.value(
+        repeat_failing_imports, [(case.label, case.statements) for case in spoilt]
+    )
     assert [row for row in found if row[1:] != [0, 0, {}]] == []
 
 

@@ -37,7 +37,7 @@ def test_log_without_report_passes(
     monkeypatch.setattr(runner, "ROOT", tmp_path)
     file = tmp_path / "memcheck.log"
     file.write_text(log)
-    assert runner.reported("9 passed", file) == (reports == 0)
+    assert runner.report_memcheck("9 passed", file) == (reports == 0)
     first = capsys.readouterr().out.splitlines()[0]
     assert first.startswith(f"memcheck: 9 passed; {reports} report")
 
