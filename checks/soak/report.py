@@ -51,6 +51,7 @@ def _draw(samples: Samples, growths: list[Growth]) -> None:
         axis.set_title(metric.name)
         axis.ticklabel_format(useOffset=False)
         axis.locator_params(nbins=5)
+        axis.spines[["top", "right"]].set_visible(False)
     for axis in axes[-1]:
         axis.set_xlabel("thousand calls")
     CHART.parent.mkdir(exist_ok=True)
