@@ -17,6 +17,7 @@ import warnings
 from array import array
 from collections.abc import Callable, Iterator
 from contextlib import suppress
+from functools import partial
 from importlib.util import spec_from_file_location
 from pathlib import Path
 from types import SimpleNamespace
@@ -71,15 +72,8 @@ class ImportCase(NamedTuple):
         return f"{self.function}: {self.label}"
 
 
-def whole_spec() -> Any:
-    """Return an import spec with everything that the creation reads."""
-    return spec_from_file_location(MODULE, MODULE_PATH)
-
-
-def minimal_spec() -> Any:
-    """Return an import spec with the required attributes only."""
-    return SimpleNamespace(name=MODULE, origin=str(MODULE_PATH))
-
+WHOLE_SPEC = partial(spec_from_file_location, MODULE, MODULE_PATH)
+MINIMAL_SPEC = partial(SimpleNamespace, name=MODULE, origin=str(MODULE_PATH))  # required attributes
 
 # How many keys a dictionary takes before it grows.
 CAPACITIES = [2 * 2**power // 3 for power in range(3, 20)]
@@ -104,16 +98,6 @@ def fill_up_to(name: str) -> Callable[[Any], None]:
     return lambda module: fill(vars(module), bound.index(name))
 
 
-def delete_main(module: Any) -> None:
-    """Delete the main module."""
-    del sys.modules["__main__"]
-
-
-def run_as_main(module: Any) -> None:
-    """Make the module the main module."""
-    sys.modules["__main__"] = module
-
-
 def fail_at_end(module: Any) -> None:
     """Let an execution fail after it has bound all functions."""
     vars(module)[UncomparableStr("__test__")] = None
@@ -121,14 +105,9 @@ def fail_at_end(module: Any) -> None:
         _imp.exec_dynamic(module)
 
 
-def break_main_lookup(module: Any) -> None:
-    """Let the look-up of the main module fail."""
-    sys.modules[UncomparableStr("__main__")] = sys.modules.pop("__main__")
-
-
-def break_module_lookup(module: Any) -> None:
-    """Let the look-up of the module's own name fail."""
-    sys.modules[UncomparableStr(MODULE)] = module
+def break_lookup(name: str) -> Callable[[Any], None]:
+    """Return a function that replaces a name in `sys.modules` with an uncomparable key."""
+    return lambda module: sys.modules.update({UncomparableStr(name): sys.modules.pop(name, module)})
 
 
 def execute_other(module: Any) -> None:
@@ -206,12 +185,12 @@ BREAKING_STATEMENTS = [
     ),
 ]
 CASES = [
-    ImportCase("from a whole spec", spec=whole_spec),
-    ImportCase("from a minimal spec", spec=minimal_spec),
-    ImportCase("twice", spec=whole_spec, prepare=execute_other, first_attempt=True),
+    ImportCase("from a whole spec", spec=WHOLE_SPEC),
+    ImportCase("from a minimal spec", spec=MINIMAL_SPEC),
+    ImportCase("twice", spec=WHOLE_SPEC, prepare=execute_other, first_attempt=True),
     ImportCase(
         "after another interpreter",
-        spec=whole_spec,
+        spec=WHOLE_SPEC,
         prepare=create_in_subinterpreter,
         first_attempt=True,
         always_fails=True,
@@ -224,12 +203,12 @@ CASES = [
         for name in ("_INVALID_INDEX", "_interface_count", "_CHARSET")
     ),
     ImportCase("full sys.modules", prepare=lambda module: fill(sys.modules)),
-    ImportCase("without a main module", prepare=delete_main),
+    ImportCase("without a main module", prepare=lambda module: sys.modules.pop("__main__")),
     *(ImportCase(row.name, early_call=row) for row in FUNCTIONS),
     ImportCase("a bound function after a failure", early_call=FUNCTIONS[0], prepare=fail_at_end),
-    ImportCase("as the main module", prepare=run_as_main),
-    ImportCase("look-up of the main module fails", prepare=break_main_lookup),
-    ImportCase("look-up of the module fails", prepare=break_module_lookup),
+    ImportCase("as the main module", prepare=lambda module: sys.modules.update(__main__=module)),
+    ImportCase("look-up of the main module fails", prepare=break_lookup("__main__")),
+    ImportCase("look-up of the module fails", prepare=break_lookup(MODULE)),
     ImportCase("second module object", prepare=execute_other),
     ImportCase("another Python release", (WARNINGS_RAISE,), path=WRONG_PYTHON_MODULE),
     *(

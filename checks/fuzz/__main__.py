@@ -11,7 +11,7 @@ import sys
 from rich.console import Console
 from rich.progress import BarColumn, Progress, TextColumn, TimeElapsedColumn
 
-from checks.fuzz import runner, summary
+from checks.fuzz import runner
 from checks.fuzz.runner import Run
 from tests.support.isolated import ROOT
 
@@ -45,7 +45,7 @@ def run_targets(seconds: int) -> list[Run]:
     with Progress(*columns, console=console, disable=not console.is_terminal) as progress:
         bar = progress.add_task("fuzzing", total=seconds, edges=0)
         for elapsed in runner.wait(runs, seconds):
-            edges = max(summary.parse_stats(run.read_log(4096)).edges for run in runs)
+            edges = max(runner.parse_stats(run.read_log(4096)).edges for run in runs)
             progress.update(bar, completed=min(elapsed, seconds), edges=edges)
     return runs
 
@@ -53,7 +53,7 @@ def run_targets(seconds: int) -> list[Run]:
 def print_result(run: Run) -> bool:
     """Print the result of a run; return whether it is good."""
     log = run.read_log()
-    stats = summary.parse_stats(log)
+    stats = runner.parse_stats(log)
     if not run.has_finding:
         console.print(
             f"{run.target.name}: {stats.runs:,} runs, {stats.speed:,} per second; "
@@ -63,7 +63,7 @@ def print_result(run: Run) -> bool:
         # A run that was stopped although no other one has a finding did not keep its time limit.
         return not run.stopped and stats.runs > 0
     console.print(f"{run.target.name}: a finding after {stats.runs:,} runs")
-    console.print(*summary.extract_finding(log), sep="\n", markup=False)
+    console.print(*runner.extract_finding(log), sep="\n", markup=False)
     for file in runner.save_crashes(run):
         console.print(f"input: {file.relative_to(ROOT)}")
     console.print(f"log: {run.log.relative_to(ROOT)}")
@@ -80,10 +80,9 @@ def main() -> int:
     results = [print_result(run) for run in run_targets(options.seconds)]
     if not all(results):
         return 1
-    if profiles := [*runner.PROFILES.glob("*.profraw")]:
-        files = summary.line_coverage(runner.MODULE, profiles).items()
-        counts = ", ".join(f"{file} {covered} of {count}" for file, (covered, count) in files)
-        console.print(f"line coverage: {counts}")
+    files = runner.line_coverage().items()
+    counts = ", ".join(f"{file} {covered} of {count}" for file, (covered, count) in files)
+    console.print(f"line coverage: {counts}")
     if options.minimize_corpus:
         console.print(f"corpus of the tests: {len(runner.minimize_corpus())} inputs")
     return 0
