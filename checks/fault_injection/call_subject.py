@@ -195,7 +195,7 @@ class CallSubject:
         outcome = setup.run(point)
         report = setup.injector.report()
         findings = [*self._expectations.check(outcome, point, report)]
-        buffer_kept = report.site is not None and report.site.endswith(BUFFER_KEPT)
+        buffer_kept = report.site.endswith(BUFFER_KEPT)
         expected = KEPT_BLOCK if buffer_kept else []
         # A second try, because the interpreter allocates some things only once.
         if setup.find_leaks(point) != expected and (leaks := setup.find_leaks(point)) != expected:

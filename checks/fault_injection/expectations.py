@@ -12,7 +12,7 @@ from collections.abc import Iterator, Mapping
 from types import FrameType, TracebackType
 from typing import Any, Callable, NamedTuple
 
-from checks.fault_injection.libfaults import InjectionPoint, Report
+from checks.fault_injection.libfaults import NO_SITE, InjectionPoint, Report
 from checks.fault_injection.process_cases import PerCall
 from tests.support import reference
 from tests.support.assertions import FILE, MODULE, with_types
@@ -34,7 +34,6 @@ RUNNING_COMMANDS = (
 
 # Ends of the key of the call site at which an allocation fails.
 ANYWHERE = ("",)
-NO_SITE = "no fallible call"  # in a native service, or in the interpreter before the function
 COMMAND_RUNNER = (NO_SITE, ":PyObject_CallOneArg(function.get(), argument)")
 JSON_SERIALIZER = (":json_object_to_json_string(object)",)
 COOKIE_BUFFER = (":PyMem_Malloc(static_cast<size_t>(decrypted_length))",)
@@ -135,13 +134,12 @@ class Expectations:
             if entries > 1 or (required and not entries):
                 yield f"left {entries} traceback entries"
             return
-        site = report.site or NO_SITE
         # json-c ignores allocation failures while it serializes: the text has gaps.
         gaps = outcome.returned or outcome.ended[0] == "JSONDecodeError"
         expected = (
-            (gaps and point.allocator == "json-c" and site.endswith(JSON_SERIALIZER))
+            (gaps and point.allocator == "json-c" and report.site.endswith(JSON_SERIALIZER))
             or any(
-                outcome.observed == row.observed and site.endswith(row.sites)
+                outcome.observed == row.observed and report.site.endswith(row.sites)
                 for row in self._alternatives
             )
             or outcome.ended == self._without_message
@@ -149,7 +147,7 @@ class Expectations:
         if not expected:
             yield (
                 f"ended with {outcome.observed}, expected {self.baseline.observed} or MemoryError; "
-                f"the allocation failed in {site}"
+                f"the allocation failed in {report.site}"
             )
 
 

@@ -26,7 +26,13 @@ from typing import Any, NamedTuple
 from checks.fault_injection.call_subject import REPEATS
 from checks.fault_injection.expectations import OUT_OF_MEMORY, Outcome, run
 from checks.fault_injection.forks import ForkRunner
-from checks.fault_injection.libfaults import NO_FAILURE, FaultInjector, InjectionPoint, Report
+from checks.fault_injection.libfaults import (
+    NO_FAILURE,
+    NO_SITE,
+    FaultInjector,
+    InjectionPoint,
+    Report,
+)
 from tests.module.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 from tests.support import fake_siblings
 from tests.support.doubles import Failure, UncomparableStr
@@ -330,7 +336,7 @@ class ImportSubject:
         # The interpreter's own failures, before and after the execution, have no entry.
         entries = outcome.entries.count(INIT)
         executes = self.case.spec is None and not self.case.early_call
-        if entries != 1 and report.site is not None and not point.persistent and executes:
+        if entries != 1 and report.site != NO_SITE and not point.persistent and executes:
             yield f"left {entries} traceback entries"
 
     def _blocks_of_attempt(self, point: InjectionPoint) -> int:

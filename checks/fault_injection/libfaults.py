@@ -10,14 +10,22 @@ from typing import Any, Callable, NamedTuple
 from veldarin_simulator import native_library
 
 ALLOCATORS = ("interpreter", "json-c")
+NO_SITE = "no fallible call"  # in a native service, or in the interpreter before the function
 
 
-class _Report(ctypes.Structure):
+class Report(ctypes.Structure):
+    """`struct faults_report`: the last call's allocations, and where the first one failed."""
+
     _fields_ = (
         ("allocations", ctypes.c_long),
         ("failures", ctypes.c_long),
-        ("site", ctypes.c_char_p),
+        ("_site", ctypes.c_char_p),
     )
+
+    @property
+    def site(self) -> str:
+        """The key of the fallible call, or `NO_SITE`."""
+        return self._site.decode() if self._site else NO_SITE
 
 
 class Row(ctypes.Structure):
@@ -54,21 +62,13 @@ class InjectionPoint(NamedTuple):
 NO_FAILURE = InjectionPoint("interpreter", 0, False)
 
 
-class Report(NamedTuple):
-    """`struct faults_report`: the last call's allocations, and where the first one failed."""
-
-    allocations: int
-    failures: int
-    site: str | None
-
-
 _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "faults_open_log": (ctypes.c_int, (ctypes.c_char_p,)),
     "faults_force": (ctypes.c_int, (ctypes.c_char_p,)),
     "faults_install": (ctypes.py_object, (ctypes.py_object,)),
     "faults_hook_json_c": (ctypes.c_int, ()),
     "faults_call": (ctypes.py_object, (ctypes.py_object,) * 3 + (ctypes.c_int,) * 3),
-    "faults_get_report": (None, (ctypes.POINTER(_Report),)),
+    "faults_get_report": (None, (ctypes.POINTER(Report),)),
     "faults_trace_into": (None, (ctypes.POINTER(ctypes.c_void_p), ctypes.c_long)),
     "faults_install_crash_handler": (None, ()),
     "faults_live_blocks": (ctypes.c_long, ()),
@@ -141,10 +141,9 @@ class FaultInjector:
 
     def report(self) -> Report:
         """Return the report of the last call."""
-        report = _Report()
+        report = Report()
         self._library.faults_get_report(ctypes.byref(report))
-        site = None if report.site is None else report.site.decode()
-        return Report(report.allocations, report.failures, site)
+        return report
 
     def trace(self, run: Callable[[], object], size: int = 10_000) -> list[int | None]:
         """Return the innermost fallible call, by address, at each allocation of a run."""

@@ -3,13 +3,15 @@
 from __future__ import annotations
 
 import re
+import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
-from checks.soak.metrics import METRICS, Growth, Samples
+from checks.soak.metrics import Growth, Samples
 from tests.support.isolated import ROOT
 
 PAGE = ROOT / "docs" / "robustness.md"
 CHART = ROOT / "docs" / "robustness" / "soak.svg"
+WIDTH, HEIGHT = 240, 120  # of a panel
 
 
 def write(samples: Samples, growths: list[Growth], seconds: float, threads: int) -> list[Path]:
@@ -34,25 +36,34 @@ def write(samples: Samples, growths: list[Growth], seconds: float, threads: int)
 
 
 def _draw(samples: Samples, growths: list[Growth]) -> None:
-    import matplotlib as mpl
-
-    mpl.use("svg")
-    # Reproducible output: text stays text, and IDs are not random.
-    mpl.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "soak", "font.size": 9})
-    from matplotlib import pyplot as plt
-
-    figure, axes = plt.subplots(2, 2, figsize=(8.4, 5.2), sharex=True, layout="constrained")
-    calls = [calls / 1000 for calls in samples.calls]
-    # The remaining metrics are constantly 0.
-    for axis, metric, values, growth in zip(axes.flat, METRICS, samples.values, growths):
-        axis.plot(calls, values, color="#0072b2", linewidth=1)
-        axis.axhline(growth.before, color="#009e73", linewidth=0.8)
-        axis.axhline(growth.before + growth.limit, color="#c1272d", linewidth=0.8, linestyle="--")
-        axis.set_title(metric.name)
-        axis.ticklabel_format(useOffset=False)
-        axis.locator_params(nbins=5)
-        axis.spines[["top", "right"]].set_visible(False)
-    for axis in axes[-1]:
-        axis.set_xlabel("thousand calls")
+    """Draw a panel for each metric that is not constantly 0: the samples, the median, the limit."""
+    svg = ElementTree.Element("svg", xmlns="http://www.w3.org/2000/svg", viewBox="0 0 720 400")
+    svg.set("font-family", "sans-serif")
+    svg.set("font-size", "11")
+    for number, (growth, values) in enumerate(zip(growths, samples.values)):
+        if not any(values):
+            continue
+        x, y = 80 + 340 * (number % 2), 30 + 190 * (number // 2)
+        limit = growth.before + growth.limit
+        low, high = min(values), max(*values, limit)
+        scale = HEIGHT / (high - low)
+        for levels, color in (
+            (values, "#0072b2"),
+            ([growth.before] * 2, "#009e73"),
+            ([limit] * 2, "#c1272d"),
+        ):
+            points = " ".join(
+                f"{x + i * WIDTH / (len(levels) - 1):.1f},{y + (high - level) * scale:.1f}"
+                for i, level in enumerate(levels)
+            )
+            ElementTree.SubElement(svg, "polyline", points=points, stroke=color, fill="none")
+        for left, top, text in (
+            (x, y - 12, growth.metric.name),
+            (x - 70, y + 8, f"{high:,.1f}"),
+            (x - 70, y + HEIGHT, f"{low:,.1f}"),
+            (x, y + HEIGHT + 16, f"{samples.calls[0]:,.0f} to {samples.calls[-1]:,.0f} calls"),
+        ):
+            ElementTree.SubElement(svg, "text", x=str(left), y=str(top)).text = text
+    ElementTree.indent(svg)
     CHART.parent.mkdir(exist_ok=True)
-    figure.savefig(CHART, metadata=dict.fromkeys(("Creator", "Date", "Format", "Type")))
+    ElementTree.ElementTree(svg).write(CHART)
