@@ -23,7 +23,7 @@ CALL = "/api/functions/switch_mclag_icl"
 
 
 @pytest.fixture
-def bench(built: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
+def bench(build: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> Iterator[Bench]:
     """A bench on the test's scenario."""
     with opened(tmp_path, monkeypatch) as bench:
         yield bench

@@ -25,7 +25,7 @@ JSON = {"Content-Type": "application/json"}
 
 
 @pytest.fixture(scope="module")
-def served(built: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[tuple[str, int]]:
+def served(build: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[tuple[str, int]]:
     """Where a console listens."""
     with running(tmp_path_factory.mktemp("console")) as (_, host, port):
         yield host, port
@@ -60,6 +60,7 @@ def error(answered: tuple[HTTPResponse, bytes]) -> dict[str, Any]:
     return told
 
 
+@pytest.mark.requires("cryptography")
 def test_a_call_goes_through_the_socket(served: tuple[str, int]) -> None:
     body = json.dumps({"arguments": [{"bytes": "user=admin; \\x00"}]})
     path = "/api/functions/encrypt_cookie"
@@ -72,6 +73,7 @@ def test_a_call_goes_through_the_socket(served: tuple[str, int]) -> None:
     assert json.loads(content)["result"]["value"] == "user=admin; "
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_every_function_can_be_called_in_any_thread(served: tuple[str, int]) -> None:
     _, content = asked(served, "GET", "/api/functions")
     for one in json.loads(content)["subsystems"]:
@@ -157,6 +159,7 @@ def test_what_is_no_http_is_answered_in_json(served: tuple[str, int], request_: 
     assert json.loads(body)["error"]["problem"]
 
 
+@pytest.mark.workstation_only("/proc/net/tcp has the byte order of the workstation's kernel")
 def test_it_listens_on_loopback_and_nowhere_else(tmp_path: Path) -> None:
     with running(tmp_path) as (process, host, port):
         listening = [
@@ -221,6 +224,7 @@ def test_a_port_that_is_taken_is_one_line(served: tuple[str, int], tmp_path: Pat
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer's own work would count")
+@pytest.mark.workstation_only("times mean nothing under emulation")
 def test_starting_takes_less_than_a_second_of_work(tmp_path: Path) -> None:
     with running(tmp_path) as (process, _, _):
         times = psutil.Process(process.pid).cpu_times()

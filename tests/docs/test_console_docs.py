@@ -34,7 +34,7 @@ needs_curl = pytest.mark.skipif(shutil.which("curl") is None, reason="curl is no
 
 
 @pytest.fixture(scope="module")
-def served(built: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[str]:
+def served(build: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[str]:
     """Where a console listens."""
     with running(tmp_path_factory.mktemp("console")) as (_, host, port):
         yield f"http://{host}:{port}/"

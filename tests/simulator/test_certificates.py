@@ -18,6 +18,8 @@ from hypothesis import strategies as st
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import certificates
 
+pytestmark = pytest.mark.requires("cryptography")
+
 
 def certificate(
     begins: timedelta,

@@ -91,6 +91,7 @@ def toured(out: str) -> dict[str, tuple[str, str, str]]:
     return found
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_the_tour_has_a_heading_thirty_lines_in_order_and_the_counts(run: Any) -> None:
     status, out, err = run("demo")
     assert (status, err) == (0, "")
@@ -108,6 +109,7 @@ def test_the_tour_has_a_heading_thirty_lines_in_order_and_the_counts(run: Any) -
     assert max(map(len, out.splitlines())) <= 140
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_the_tour_says_what_is_live_and_what_is_recorded(run: Any) -> None:
     found = toured(run("demo")[1])
     by_source: dict[str, set[str]] = {}
@@ -133,6 +135,7 @@ def test_the_tour_says_what_is_live_and_what_is_recorded(run: Any) -> None:
     }
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_the_tours_values_are_real(run: Any, workstation: Path) -> None:
     found = toured(run("demo")[1])
     assert found["decrypt_cookie"][2] == "b'user=admin; level=7'"
@@ -146,6 +149,7 @@ def test_the_tours_values_are_real(run: Any, workstation: Path) -> None:
     assert secret[8:16] not in shown
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_the_secret_is_the_same_on_the_next_tour(run: Any, workstation: Path) -> None:
     run("demo")
     first = (workstation / "preference-cookie-secret").read_text()
@@ -153,6 +157,7 @@ def test_the_secret_is_the_same_on_the_next_tour(run: Any, workstation: Path) ->
     assert (workstation / "preference-cookie-secret").read_text() == first
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_without_a_certificate_on_the_machine_the_tour_makes_one_and_says_so(
     run: Any, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -162,6 +167,7 @@ def test_without_a_certificate_on_the_machine_the_tour_makes_one_and_says_so(
     assert (source, value) == ("live", "True")
 
 
+@pytest.mark.requires("cryptography", "netlink")
 def test_a_function_that_raises_is_a_line_too_and_fails_the_tour(run: Any, tmp_path: Path) -> None:
     scenario = tmp_path / "mine"
     (scenario / "cli").mkdir(parents=True)
@@ -207,6 +213,7 @@ def _read(common: int) -> bytes:
 
 
 @pytest.mark.parametrize("columns", [60, 100, 200])
+@pytest.mark.requires("cryptography", "netlink")
 def test_on_a_terminal_a_function_still_takes_one_line(columns: int) -> None:
     printed = on_a_terminal(columns, sys.executable, "-m", "veldarin_simulator", "demo")
     plain = re.sub(r"\x1b\[[0-9;]*m", "", printed).splitlines()
@@ -232,6 +239,7 @@ def test_call_says_nothing_of_a_source_where_no_service_was_asked(run: Any) -> N
     assert run("call", "switch_mclag_icl") == (0, "null\n", "")
 
 
+@pytest.mark.requires("cryptography")
 def test_a_cookie_comes_back_in_another_process(run: Any, workstation: Path) -> None:
     status, wrapped, _ = run("call", "encrypt_cookie", "grüße")
     assert status == 0
@@ -239,6 +247,7 @@ def test_a_cookie_comes_back_in_another_process(run: Any, workstation: Path) -> 
     assert json.loads(done.stdout) == "grüße"
 
 
+@pytest.mark.requires("cryptography")
 def test_bytes_that_are_no_text_are_printed_as_escapes(run: Any) -> None:
     wrapped = json.loads(run("call", "encrypt_cookie", os.fsdecode(b"a\xff\\"))[1])
     assert json.loads(run("call", "decrypt_cookie", "--", wrapped)[1]) == "a\\xff\\"
@@ -358,6 +367,7 @@ def test_options_and_arguments_may_be_mixed(run: Any, tmp_path: Path) -> None:
         assert (status, json.loads(out)) == (0, [{"instance_id": 3}])
 
 
+@pytest.mark.requires("cryptography")
 def test_an_argument_may_begin_with_a_dash(run: Any) -> None:
     wrapped = json.loads(run("call", "encrypt_cookie", "--", "--more")[1])
     assert json.loads(run("call", "decrypt_cookie", "--", wrapped)[1]) == "--more"

@@ -13,7 +13,14 @@ from types import ModuleType
 import pytest
 from pyroute2.netlink.rtnl.ndmsg import NUD_STALE
 
-from tests.support.netns import ALONE, PORTS, Message, ip_json, needs_ip, run_in_namespace
+from tests.support.netns import (
+    ENV_WITHOUT_SANITIZER,
+    PORTS,
+    Message,
+    ip_json,
+    needs_ip,
+    run_in_netns,
+)
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import arp, routing
 
@@ -45,7 +52,7 @@ print(json.dumps([confirmed(), arp.listing(), confirmed()]))
 def test_the_arp_parser_reads_the_kernels_neighbors(
     simulator: Simulator, module: ModuleType
 ) -> None:
-    before, listing, after = run_in_namespace(PORTS + NEIGHBORS, LIST_ARP_AND_AGES)
+    before, listing, after = run_in_netns(PORTS + NEIGHBORS, LIST_ARP_AND_AGES)
     simulator.set_reply("get_cli_cmd_output", listing)
     rows = {row["ipAddress"]: row for row in module.get_system_arp_result()}
     assert {address: row["mac"] for address, row in rows.items()} == {
@@ -65,7 +72,7 @@ def test_the_arp_parser_reads_the_kernels_neighbors(
 def test_a_machine_without_neighbors_has_an_arp_listing_without_rows(
     simulator: Simulator, module: ModuleType
 ) -> None:
-    simulator.set_reply("get_cli_cmd_output", run_in_namespace(("true",), LIST_ARP))
+    simulator.set_reply("get_cli_cmd_output", run_in_netns(("true",), LIST_ARP))
     assert module.get_system_arp_result() == []
 
 
@@ -137,6 +144,8 @@ ROUTES = (
 DETAILS = """
 import json, sys
 from veldarin_simulator.providers import routing
+
+pytestmark = pytest.mark.requires("netlink")
 addresses = {addresses!r}
 print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 """
@@ -145,7 +154,7 @@ print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 def details(*addresses: str, setup: tuple[str, ...] = PORTS + ROUTES) -> dict[str, str]:
     """The routing texts for addresses in a namespace with `ROUTES`."""
     source = DETAILS.format(addresses=addresses)
-    return dict(run_in_namespace(setup, source))
+    return dict(run_in_netns(setup, source))
 
 
 def test_the_routing_parser_reads_every_field_of_the_kernels_entry(
@@ -252,7 +261,7 @@ def test_what_is_no_address_is_refused(address: str) -> None:
 def test_the_entry_of_this_machine_is_that_of_ip_route(address: str) -> None:
     tried = subprocess.run(
         ["ip", "-j", "route", "get", "fibmatch", address],
-        env=ALONE,
+        env=ENV_WITHOUT_SANITIZER,
         capture_output=True,
         check=False,
     )

@@ -21,7 +21,7 @@ import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
-from tests.support.netns import PORTS, ROOT, Message, ip_json, needs_ip, run_in_namespace
+from tests.support.netns import PORTS, ROOT, Message, ip_json, needs_ip, run_in_netns
 from veldarin_simulator import Simulator, scenario, state_dir
 from veldarin_simulator.providers import (
     ScenarioError,
@@ -78,10 +78,11 @@ def command(answers: dict[str, Reply], text: bytes) -> Reply:
 # Interfaces, ports, links
 
 
+@pytest.mark.requires("netlink")
 def test_physical_interfaces_are_those_of_ip_link(simulator: Simulator, module: ModuleType) -> None:
     """The kernel adds link-local addresses a while after a link is up: the tool is run before and
     after the call, until both runs show the same."""
-    result, expected = run_in_namespace(
+    result, expected = run_in_netns(
         (
             *PORTS,
             "ip link add port9 mtu 1280 address 02:00:00:00:00:99 type veth peer name port10",
@@ -122,8 +123,9 @@ def test_physical_interfaces_are_those_of_ip_link(simulator: Simulator, module: 
         }
 
 
+@pytest.mark.requires("netlink")
 def test_a_machine_with_nothing_but_its_loopback_shows_that() -> None:
-    (entry,) = run_in_namespace(
+    (entry,) = run_in_netns(
         ("ip link set lo up",),
         "import json; from veldarin_simulator.providers import links\n"
         "print(json.dumps(links.physical_interfaces()[0]['interface']))",
@@ -134,6 +136,7 @@ def test_a_machine_with_nothing_but_its_loopback_shows_that() -> None:
     assert entry["speed"] is None
 
 
+@pytest.mark.requires("netlink")
 def test_links_with_a_device_behind_them_hide_the_virtual_ones() -> None:
     with_device = {path.parent.name for path in Path("/sys/class/net").glob("*/device")}
     if not with_device:
@@ -143,6 +146,7 @@ def test_links_with_a_device_behind_them_hide_the_virtual_ones() -> None:
     assert {entry["type"] for entry in entries} == {"device"}
 
 
+@pytest.mark.requires("netlink")
 def test_the_link_monitor_counts_as_sysfs_counts() -> None:
     for entry in links.link_monitor_status():
         folder = Path("/sys/class/net") / entry["name"]
@@ -159,9 +163,10 @@ def test_a_link_has_a_carrier_only_while_it_is_up(flags: int, carrier: int) -> N
     assert links._has_carrier(Message({"flags": 1}, {"IFLA_CARRIER": 1})) is True
 
 
+@pytest.mark.requires("netlink")
 def test_a_link_that_was_lost_twice_has_flapped_twice() -> None:
     flap = ("ip link set port2 down", "sleep 0.1", "ip link set port2 up", "sleep 0.1")
-    monitor, status = run_in_namespace(
+    monitor, status = run_in_netns(
         PORTS + flap + flap,
         "import json; from veldarin_simulator.providers import links\n"
         "print(json.dumps([links.link_monitor_status(), links.flap_status()]))",
@@ -200,6 +205,7 @@ def test_a_request_for_a_port_is_answered_for_that_port(service: Any) -> None:
 
 
 @needs_ip
+@pytest.mark.workstation_only("/proc/net/igmp has the byte order of the workstation's kernel")
 def test_multicast_groups_are_those_of_ip_maddress() -> None:
     expected = {
         (link["ifname"], entry["address"])
@@ -309,6 +315,7 @@ def test_a_path_that_is_no_readable_file_is_unreadable(tmp_path: Path) -> None:
 # Cookies, state, identity
 
 
+@pytest.mark.requires("cryptography")
 def test_a_cookie_value_comes_back_through_the_module(
     simulator: Simulator, module: ModuleType
 ) -> None:
@@ -323,12 +330,14 @@ def test_a_cookie_value_comes_back_through_the_module(
         assert module.decrypt_cookie(wrapped) == plain
 
 
+@pytest.mark.requires("cryptography")
 def test_the_same_value_is_never_wrapped_alike() -> None:
     cipher = cookies.ValueCipher()
     assert len({cipher.wrap(b"value") for _ in range(100)}) == 100
 
 
 @pytest.mark.parametrize("plain", [b"admin", b"admins", b"adminis"])  # spare bits: 0, 4, 2
+@pytest.mark.requires("cryptography")
 def test_every_damaged_cookie_unwraps_to_the_empty_text(
     simulator: Simulator, module: ModuleType, plain: bytes
 ) -> None:
@@ -347,6 +356,7 @@ def test_every_damaged_cookie_unwraps_to_the_empty_text(
     assert module.decrypt_cookie(wrapped) == plain
 
 
+@pytest.mark.requires("cryptography")
 def test_another_processs_cipher_reads_the_cookie_and_another_keys_does_not(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -356,6 +366,7 @@ def test_another_processs_cipher_reads_the_cookie_and_another_keys_does_not(
     assert cookies.ValueCipher().unwrap(wrapped) == b""
 
 
+@pytest.mark.requires("cryptography")
 def test_the_key_is_its_owners_alone(state_directory: Path) -> None:
     cookies.ValueCipher().wrap(b"")
     assert [path.name for path in state_directory.iterdir()] == ["cookie-key"]
@@ -697,11 +708,13 @@ def test_a_command_that_nobody_knows_has_no_output() -> None:
             simulator.module.get_cli_command_output("get system nonsense")
 
 
+@pytest.mark.requires("netlink")
 def test_the_words_of_a_command_may_be_apart_by_any_white_space() -> None:
     answers = default_answers(None, live=True)
     assert command(answers, b" get\tsystem   arp\r\n").source == "live"
 
 
+@pytest.mark.requires("netlink")
 def test_the_module_reads_the_live_commands_of_this_machine() -> None:
     with Simulator(live=True) as simulator:
         assert isinstance(simulator.module.get_system_arp_result(), list)

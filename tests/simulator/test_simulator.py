@@ -397,7 +397,7 @@ def test_serializer_is_journaled_only_when_recorded(simulator: Simulator, native
     native.put(reply)
 
 
-def test_serializer_is_not_recorded_by_the_next_appliance(built: None) -> None:
+def test_serializer_is_not_recorded_by_the_next_appliance(build: None) -> None:
     native = Native()
     with Simulator(live=False) as simulator:
         simulator.record_serializer()
@@ -408,7 +408,7 @@ def test_serializer_is_not_recorded_by_the_next_appliance(built: None) -> None:
         assert simulator.call_log == []
 
 
-def test_gil_probe_ends_with_the_appliance(built: None) -> None:
+def test_gil_probe_ends_with_the_appliance(build: None) -> None:
     native = Native()
     counter = ctypes.c_ulong()
     with Simulator(live=False) as simulator:
@@ -510,7 +510,7 @@ def test_text_buffers_count_until_they_are_freed(simulator: Simulator, native: N
         assert simulator.live_objects.text_buffers == left
 
 
-def test_what_an_earlier_appliance_made_counts_no_more(built: None) -> None:
+def test_what_an_earlier_appliance_made_counts_no_more(build: None) -> None:
     native = Native()
     with Simulator(live=False) as simulator:
         simulator.set_reply(STATUS, [1])
@@ -541,7 +541,7 @@ def allocator() -> tuple[int | None, ...]:
     return tuple(getattr(current, name) for name in Allocator.NAMES)
 
 
-def test_the_allocator_is_wrapped_only_while_buffers_are_counted(built: None) -> None:
+def test_the_allocator_is_wrapped_only_while_buffers_are_counted(build: None) -> None:
     before = allocator()
     with Simulator(live=False):
         assert allocator() != before
@@ -552,7 +552,7 @@ def test_the_allocator_is_wrapped_only_while_buffers_are_counted(built: None) ->
             simulator.live_objects  # noqa: B018
 
 
-def test_counting_gets_on_with_others_that_wrap_the_allocator(built: None) -> None:
+def test_counting_gets_on_with_others_that_wrap_the_allocator(build: None) -> None:
     native = Native()
     before = allocator()
     with Simulator(live=False):
@@ -594,7 +594,7 @@ def test_a_failing_answer_is_null_and_raised_by_check(simulator: Simulator, nati
     assert isinstance(several.value.__cause__, LookupError)
 
 
-def test_a_failing_answer_is_raised_when_the_block_ends(built: None) -> None:
+def test_a_failing_answer_is_raised_when_the_block_ends(build: None) -> None:
     def block() -> None:
         with Simulator(live=False) as simulator:
             simulator.set_reply(STATUS, fail)
@@ -604,7 +604,7 @@ def test_a_failing_answer_is_raised_when_the_block_ends(built: None) -> None:
         block()
 
 
-def test_an_exception_of_the_block_comes_with_the_failed_answer(built: None) -> None:
+def test_an_exception_of_the_block_comes_with_the_failed_answer(build: None) -> None:
     def block() -> None:
         with Simulator(live=False) as simulator:
             simulator.set_reply(STATUS, fail)
@@ -792,7 +792,7 @@ def test_a_canned_text_that_does_not_fit_is_told_by_check(
     simulator.raise_errors()
 
 
-def test_a_wrapped_text_is_empty_rather_than_null_when_memory_fails(built: None) -> None:
+def test_a_wrapped_text_is_empty_rather_than_null_when_memory_fails(build: None) -> None:
     native = Native()
     testcapi = importlib.import_module("_testcapi")
     wrap = native.function("cookieval_wrap", ctypes.c_void_p, ctypes.c_char_p)
@@ -1066,7 +1066,7 @@ def test_the_serial_number_is_scripted(simulator: Simulator) -> None:
     assert serial_number() == simulator.serial_number == b"SN1"
 
 
-def test_an_appliance_starts_clean(built: None, tmp_path: Path) -> None:
+def test_an_appliance_starts_clean(build: None, tmp_path: Path) -> None:
     native = Native()
     sibling = importlib.import_module("util.json")
     with Simulator(live=False) as simulator:
@@ -1094,7 +1094,7 @@ def test_an_appliance_starts_clean(built: None, tmp_path: Path) -> None:
         release(blank)
 
 
-def test_a_closed_appliance_answers_nothing(built: None) -> None:
+def test_a_closed_appliance_answers_nothing(build: None) -> None:
     native = Native()
     with Simulator(live=False) as simulator:
         simulator.set_reply("aps_get_new_cookie_id", 5)
@@ -1115,7 +1115,7 @@ def test_one_appliance_at_a_time(simulator: Simulator) -> None:
     assert len(simulator.call_log) == 1, "the open one goes on"
 
 
-def test_a_closed_appliance_is_garbage(built: None) -> None:
+def test_a_closed_appliance_is_garbage(build: None) -> None:
     with Simulator(live=False) as simulator:
         folder = simulator.secret_path.parent
         alive = weakref.ref(simulator)
@@ -1134,7 +1134,7 @@ def answers(monkeypatch: pytest.MonkeyPatch) -> ModuleType:
 
 
 def test_default_answers_are_asked_for_the_scenario_and_live(
-    built: None, answers: Any, tmp_path: Path
+    build: None, answers: Any, tmp_path: Path
 ) -> None:
     asked = []
 
@@ -1160,7 +1160,7 @@ def test_default_answers_are_asked_for_the_scenario_and_live(
     assert asked == [(None, True), (tmp_path, False)]
 
 
-def test_a_failing_default_answer_closes_the_appliance(built: None, answers: Any) -> None:
+def test_a_failing_default_answer_closes_the_appliance(build: None, answers: Any) -> None:
     answers.default_answers = fail
     with pytest.raises(LookupError, match="no answer"):
         Simulator()

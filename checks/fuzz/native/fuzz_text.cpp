@@ -1,8 +1,9 @@
-// The text scanner's fuzz target, which also the tests run. A text lies in storage that ends where
-// the text ends: a `str` has a NUL behind it, which would hide a read past the end.
+// The text target: the scanning functions on heap blocks that end where the text ends. A `str` has
+// a trailing NUL, which would hide an overread. The target needs no interpreter; the parser target
+// covers the functions that create objects.
 //
-// The first byte of an input is the width of its characters, the second the separator. The target
-// checks each result against its definition, not against a second implementation.
+// The first byte of an input selects the width of the characters, the second the separator. The
+// checks compare results with their definitions, not with another implementation.
 #include "veldarin/modules/text/scan.h"
 
 #include <algorithm>
@@ -19,9 +20,9 @@ namespace {
 
 using namespace modules_util;
 
-void require(bool holds, const char *condition, int line) {
-    if (holds) return;
-    std::fprintf(stderr, "ERROR: line %d: not true: %s\n", line, condition);
+void require(bool condition, const char *text, int line) {
+    if (condition) return;
+    std::fprintf(stderr, "ERROR: line %d: expected %s\n", line, text);
     std::abort();
 }
 #define REQUIRE(...) require((__VA_ARGS__), #__VA_ARGS__, __LINE__)
@@ -31,7 +32,8 @@ constexpr std::u32string_view white_space =
     U"\t\n\v\f\r\x1c\x1d\x1e\x1f \x85\xa0\u1680\u2000\u2001\u2002\u2003\u2004\u2005\u2006\u2007"
     U"\u2008\u2009\u200a\u2028\u2029\u202f\u205f\u3000";
 
-// ASCII, Latin-1, and wider characters: white space, or a low byte with a meaning, or a surrogate.
+// Maps a byte to ASCII, Latin-1 or a wider character: a space, a character whose low byte is a
+// separator, or a surrogate.
 char32_t character(int width, uint8_t byte) {
     if (width == 0) return byte & 0x7fU;
     if (width == 1 || byte < 0x80) return byte;
@@ -40,7 +42,7 @@ char32_t character(int width, uint8_t byte) {
     return byte == 0x9f ? 0xd800 : wide;
 }
 
-std::string encoded(char32_t each) {
+std::string encode(char32_t each) {
     const auto last = [](char32_t bits) { return static_cast<char>(0x80 | (bits & 0x3f)); };
     const auto lead = [](char32_t mark, char32_t bits) { return static_cast<char>(mark | bits); };
     if (each < 0x80) return {lead(0, each)};
@@ -49,12 +51,12 @@ std::string encoded(char32_t each) {
     return {lead(0xf0, each >> 18), last(each >> 12), last(each >> 6), last(each)};
 }
 
-// A text with the begin of each character and whether it is white space.
+// A text with the start of each character and whether it is a space.
 struct Sample {
     std::unique_ptr<char[]> storage;
     TextView text;
-    std::vector<const char *> begins;  // of the characters, then the text's end
-    std::vector<bool> white;           // for every byte
+    std::vector<const char *> begins;  // and the end of the text
+    std::vector<bool> spaces;          // for every byte
 
     Sample(int width, const uint8_t *data, size_t size) {
         std::string bytes;
@@ -62,8 +64,8 @@ struct Sample {
         for (size_t i = 0; i < size; ++i) {
             const char32_t each = character(width, data[i]);
             places.push_back(bytes.size());
-            bytes += encoded(each);
-            white.resize(bytes.size(), white_space.find(each) != white_space.npos);
+            bytes += encode(each);
+            spaces.resize(bytes.size(), white_space.find(each) != white_space.npos);
         }
         storage.reset(new char[bytes.size()]);
         std::copy(bytes.begin(), bytes.end(), storage.get());
@@ -72,16 +74,16 @@ struct Sample {
         begins.push_back(text.end);
     }
 
-    [[nodiscard]] bool is_white_space(const char *at) const {
-        return white[static_cast<size_t>(at - text.begin)];
+    [[nodiscard]] bool is_space_at(const char *at) const {
+        return spaces[static_cast<size_t>(at - text.begin)];
     }
-    [[nodiscard]] bool are(bool wanted, const char *begin, const char *end) const {
+    [[nodiscard]] bool all_spaces(bool expected, const char *begin, const char *end) const {
         for (; begin != end; ++begin) {
-            if (is_white_space(begin) != wanted) return false;
+            if (is_space_at(begin) != expected) return false;
         }
         return true;
     }
-    [[nodiscard]] bool is_whole(TextView part) const {
+    [[nodiscard]] bool has_whole_characters(TextView part) const {
         const auto begins_at = [this](const char *at) {
             return std::find(begins.begin(), begins.end(), at) != begins.end();
         };
@@ -101,18 +103,19 @@ void check_word(TextView text, TextView word) {
     REQUIRE(find(text, word) == place);
     REQUIRE(starts_with(text, word) == at(text, text.begin, word));
 
-    std::vector<char> left;
+    std::vector<char> remaining;
     for (TextView rest = text; !rest.empty();) {
         const bool skipped = at(rest, rest.begin, word);
-        if (!skipped) left.push_back(*rest.begin);
+        if (!skipped) remaining.push_back(*rest.begin);
         rest.begin += skipped ? word.size() : 1;
     }
-    const std::unique_ptr<char[]> copy(new char[left.size()]);
+    const std::unique_ptr<char[]> copy(new char[remaining.size()]);
     const char *end = copy_without(text, word, copy.get());
-    REQUIRE(end == copy.get() + left.size() && std::equal(left.begin(), left.end(), copy.get()));
+    REQUIRE(end == copy.get() + remaining.size() &&
+            std::equal(remaining.begin(), remaining.end(), copy.get()));
 }
 
-// The fields with separators between them make up the text; no field contains a separator.
+// The fields and the separators between them make up the text; no field contains a separator.
 void check_fields(TextView text, char separator) {
     const auto expected = 1 + std::count(text.begin, text.end, separator);
     std::vector<TextView> fields(static_cast<size_t>(expected) + 1);
@@ -137,7 +140,7 @@ void check_fields(TextView text, char separator) {
     REQUIRE(same(first[0], fields[0]) && (expected == 1 || same(first[1], fields[1])));
 }
 
-// Words contain no white space; around and between them there is nothing else.
+// Words contain no spaces; everything around and between them is spaces.
 void check_words(const Sample &sample) {
     const TextView text = sample.text;
     std::vector<TextView> words(sample.begins.size());
@@ -145,12 +148,13 @@ void check_words(const Sample &sample) {
     const char *expected = text.begin;
     for (int i = 0; i < count; ++i) {
         const TextView &word = words[static_cast<size_t>(i)];
-        REQUIRE(sample.is_whole(word) && !word.empty());
+        REQUIRE(sample.has_whole_characters(word) && !word.empty());
         REQUIRE(expected == text.begin || word.begin != expected);
-        REQUIRE(sample.are(true, expected, word.begin) && sample.are(false, word.begin, word.end));
+        REQUIRE(sample.all_spaces(true, expected, word.begin) &&
+                sample.all_spaces(false, word.begin, word.end));
         expected = word.end;
     }
-    REQUIRE(sample.are(true, expected, text.end));
+    REQUIRE(sample.all_spaces(true, expected, text.end));
 
     TextView first[2];
     REQUIRE(split(text, first) == std::min(count, 2));
@@ -165,13 +169,14 @@ void check_stripped(const Sample &sample) {
     const TextView right = right_stripped(text);
     const TextView both = stripped(text);
     REQUIRE(left.end == text.end && right.begin == text.begin);
-    REQUIRE(sample.is_whole(left) && sample.is_whole(right));
-    REQUIRE(sample.are(true, text.begin, left.begin) && sample.are(true, right.end, text.end));
-    REQUIRE(left.empty() || !sample.is_white_space(left.begin));
-    REQUIRE(right.empty() || !sample.is_white_space(right.end - 1));
+    REQUIRE(sample.has_whole_characters(left) && sample.has_whole_characters(right));
+    REQUIRE(sample.all_spaces(true, text.begin, left.begin) &&
+            sample.all_spaces(true, right.end, text.end));
+    REQUIRE(left.empty() || !sample.is_space_at(left.begin));
+    REQUIRE(right.empty() || !sample.is_space_at(right.end - 1));
     REQUIRE(both.begin == left.begin && both.end == (left.empty() ? left.end : right.end));
     for (const char *at = text.begin; at != text.end; ++at) {
-        REQUIRE(is_space(at) == sample.is_white_space(at));
+        REQUIRE(is_space(at) == sample.is_space_at(at));
     }
 }
 

@@ -54,7 +54,7 @@ def folder(tmp_path: Path) -> Path:
 
 
 @pytest.fixture(scope="module")
-def served(built: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[str]:
+def served(build: None, tmp_path_factory: pytest.TempPathFactory) -> Iterator[str]:
     """Where a console is served that no test edits."""
     folder = tmp_path_factory.mktemp("console")
     given = scenario(folder / "given")
