@@ -9,14 +9,14 @@ from types import ModuleType
 import pytest
 
 from tests.support import reference
-from tests.support.fake_cli import CommandLine
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import LiveObjects, Simulator, native_library
 
-NOTHING = LiveObjects(json_objects=0, text_buffers=0)
+NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
 
 
 @pytest.fixture(scope="session")
-def built() -> None:
+def build() -> None:
     """Ends the run with one line where there is no build to test."""
     try:
         native_library.load()
@@ -25,13 +25,13 @@ def built() -> None:
 
 
 @pytest.fixture
-def simulator(built: None) -> Iterator[Simulator]:
+def simulator(build: None) -> Iterator[Simulator]:
     """A fresh appliance. The test fails if an answer failed, a json-c object or buffer leaked."""
     with Simulator(live=False) as simulator:
         yield simulator
-        if simulator.live_objects != NOTHING:
+        if simulator.live_objects != NO_LIVE_OBJECTS:
             gc.collect()  # a cycle may have kept something; too slow to be done after every test
-        assert simulator.live_objects == NOTHING, "not freed by the test's end"
+        assert simulator.live_objects == NO_LIVE_OBJECTS, "not freed by the test's end"
 
 
 @pytest.fixture
@@ -40,18 +40,18 @@ def module(simulator: Simulator) -> ModuleType:
     return simulator.module
 
 
-@pytest.fixture(params=["module", "twin"])
-def cli(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Iterator[CommandLine]:
+@pytest.fixture(params=["module", "reference"])
+def cli(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Iterator[FakeCli]:
     """The command line under the parsers: those of the native module, and those of the twin."""
-    parser = reference if request.param == "twin" else request.getfixturevalue("module")
-    line = CommandLine(parser, monkeypatch)
+    parser = reference if request.param == "reference" else request.getfixturevalue("module")
+    line = FakeCli(parser, monkeypatch)
     yield line
     line.shared.clear()
 
 
 @pytest.fixture
-def native_cli(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Iterator[CommandLine]:
+def native_cli(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Iterator[FakeCli]:
     """The command line under the native module's parsers only."""
-    line = CommandLine(module, monkeypatch)
+    line = FakeCli(module, monkeypatch)
     yield line
     line.shared.clear()

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "util/json.h"
-#include "veldarin/modules/runtime/ref.h"
-#include "veldarin/modules/services.h"
+#include "veldarin/modules/native_services.h"
+#include "veldarin/modules/python/ref.h"
 
 namespace {
 
@@ -119,7 +119,7 @@ PyObject *get_cli_command_output(PyObject *, PyObject *command) {
 // What the exchange is made of. Owned, but for the method table.
 struct {
     PyObject *type, *loads, *request;
-    const JSONObjectMethods *methods;
+    const JSONObjectVTable *methods;
 } prepared;
 
 // prepare_bridge(JSONObject, loads): the pieces of the calls that follow.
@@ -136,7 +136,7 @@ PyObject *prepare_bridge(PyObject *, PyObject *const *arguments, Py_ssize_t coun
     }
     void *methods = PyCapsule_GetPointer(table, PyCapsule_GetName(table));
     if (!methods) return nullptr;
-    prepared.methods = static_cast<const JSONObjectMethods *>(methods);
+    prepared.methods = static_cast<const JSONObjectVTable *>(methods);
     Py_XSETREF(prepared.type, Ref::borrow(arguments[0]).release());
     Py_XSETREF(prepared.loads, Ref::borrow(arguments[1]).release());
     Py_XSETREF(prepared.request, PyDict_New());

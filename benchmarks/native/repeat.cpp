@@ -6,7 +6,7 @@
 
 #include <ctime>
 
-#include "veldarin/modules/runtime/ref.h"
+#include "veldarin/modules/python/ref.h"
 
 namespace {
 

@@ -1,7 +1,1 @@
-"""Which lines and branches of the module run under its tests and its sweep of failing memory:
-`make coverage`.
-
-    __main__.py   runs both against the build that counts, and has gcovr read the counts
-    counted.py    what was counted, held against what may be left out
-    excluded.py   what may be left out, each with its reason
-"""
+"""Line and branch coverage of the module under its tests and the fault-injection sweep."""

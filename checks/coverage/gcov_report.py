@@ -1,5 +1,7 @@
-"""What ran and what did not, from gcovr's JSON report. Every instance of a template counts on its
-own: a parser has one for each width of characters."""
+"""Read gcovr's JSON report and apply the exclusions.
+
+gcovr reports each instance of a template on its own: a parser has one per character width.
+"""
 
 from __future__ import annotations
 
@@ -9,16 +11,15 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import NamedTuple
 
-from checks.coverage.exclusions import Excluded
+from checks.coverage.exclusions import Exclusion
 
 
 class Line(NamedTuple):
-    """A line in one function, or in one instance of a template."""
+    """A line of a function or of one template instance."""
 
     file: str
     number: int
     text: str
-    function: str
     ran: bool
     branches: int
     untaken: int
@@ -29,61 +30,60 @@ class Line(NamedTuple):
 
 
 @dataclass
-class Verdict:
-    """Figures, what is missing, and how many instances of its lines each row left out."""
+class Coverage:
+    """Totals, the uncovered lines, and how many lines each exclusion applies to."""
 
     lines: int = 0
     lines_run: int = 0
     branches: int = 0
     branches_taken: int = 0
-    missing: list[Line] = field(default_factory=list)
-    left_out: dict[Excluded, int] = field(default_factory=dict)
+    uncovered: list[Line] = field(default_factory=list)
+    uses: dict[Exclusion, int] = field(default_factory=dict)
 
     @property
-    def idle(self) -> list[Excluded]:
-        """Rows that left nothing out."""
-        return [row for row, instances in self.left_out.items() if not instances]
+    def unused(self) -> list[Exclusion]:
+        """The exclusions that apply to no line."""
+        return [row for row, uses in self.uses.items() if not uses]
 
 
-def lines(report: Path, root: Path) -> Iterator[Line]:
-    """Every line that holds code."""
+def read_lines(report: Path, root: Path) -> Iterator[Line]:
+    """Read every line that holds code."""
     for file in json.loads(report.read_text())["files"]:
         source = (root / file["file"]).read_text().splitlines()
         for line in file["lines"]:
-            branches = line["branches"]
+            untaken = [branch for branch in line["branches"] if branch["count"] == 0]
+            number = line["line_number"]
             yield Line(
                 file["file"],
-                line["line_number"],
-                source[line["line_number"] - 1].strip(),
-                line.get("function_name", ""),
+                number,
+                source[number - 1].strip(),
                 line["count"] > 0,
-                len(branches),
-                sum(branch["count"] == 0 for branch in branches),
+                len(line["branches"]),
+                len(untaken),
             )
 
 
-def judge(counted: Iterator[Line], excluded: list[Excluded]) -> Verdict:
-    """What is left of the lines without those left out."""
-    verdict = Verdict(left_out=dict.fromkeys(excluded, 0))
-    for line in counted:
-        fitting = [
-            row for row in excluded if line.file.startswith(row.file) and row.text in line.text
-        ]
-        if not line.ran and any(row.line for row in fitting):
-            for row in fitting:
-                verdict.left_out[row] += row.line
+def evaluate(lines: Iterator[Line], exclusions: list[Exclusion]) -> Coverage:
+    """Add up the lines that no exclusion applies to."""
+    coverage = Coverage(uses=dict.fromkeys(exclusions, 0))
+    for line in lines:
+        rows = [row for row in exclusions if line.file.startswith(row.file)]
+        rows = [row for row in rows if row.text in line.text]
+        if not line.ran and any(row.line for row in rows):
+            for row in rows:
+                coverage.uses[row] += row.line
             continue
         allowed = 0
-        for row in fitting:
+        for row in rows:
             if line.untaken and row.branches:
-                verdict.left_out[row] += 1
+                coverage.uses[row] += 1
                 allowed += row.branches
         branches = line.branches - min(allowed, line.untaken)
         taken = line.branches - line.untaken
-        verdict.lines += 1
-        verdict.lines_run += line.ran
-        verdict.branches += branches
-        verdict.branches_taken += taken
+        coverage.lines += 1
+        coverage.lines_run += line.ran
+        coverage.branches += branches
+        coverage.branches_taken += taken
         if not line.ran or taken < branches:
-            verdict.missing.append(line)
-    return verdict
+            coverage.uncovered.append(line)
+    return coverage

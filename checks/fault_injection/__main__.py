@@ -1,5 +1,7 @@
-"""`python -m checks.fault_injection`: sweep every case and compare the recorded call sites with the
-sources. Exit status 1 for a finding, 2 for a usage error."""
+"""Inject a failure at every allocation of every case, and check that every fallible call fails.
+
+The exit status is 1 for a finding and 2 for a usage error.
+"""
 
 from __future__ import annotations
 
@@ -16,100 +18,89 @@ from pathlib import Path
 from rich.console import Console
 
 from checks.fault_injection import call_sites, imports, process_cases, report
-from checks.fault_injection.libfaults import Library, record
-from checks.fault_injection.sweep import AnyCase, Swept, sweep
+from checks.fault_injection.libfaults import FaultInjector, read_log
+from checks.fault_injection.sweep import AnyCase, CaseResult, sweep
 from tests.support.call_cases import CASES
-from tests.support.isolated import BUILD, PRODUCT
-from veldarin_simulator import Simulator, native_library
+from tests.support.isolated import BUILD
+from veldarin_simulator import Simulator
 
 console = Console(highlight=False, soft_wrap=True)
 
 
-def arguments() -> argparse.Namespace:
-    """What the command line asks for."""
+def parse_arguments() -> argparse.Namespace:
+    """Parse the command line."""
     parser = argparse.ArgumentParser(prog="python -m checks.fault_injection", description=__doc__)
-    parser.add_argument("--only", metavar="TEXT", help="cases whose name contains this")
+    parser.add_argument("--only", metavar="TEXT", help="run the cases whose name contains TEXT")
     parser.add_argument(
-        "--every",
-        type=positive,
-        default=1,
-        metavar="N",
-        help="of each function one case of N, at least one; calls that never fail are no "
-        "complaint then",
+        "--shard",
+        type=parse_shard,
+        default=(1, 1),
+        metavar="K/N",
+        help="run the Kth of N parts, each with at least one case of every function; calls that "
+        "never fail are not findings then",
     )
     parser.add_argument(
-        "--from",
-        type=positive,
-        default=1,
-        metavar="K",
-        dest="first",
-        help="the first case with --every: 1 to N together are all",
-    )
-    parser.add_argument(
-        "--single",
+        "--one-shot",
         action="store_true",
-        help="one allocation fails at a time, and none after it; calls that never fail are no "
-        "complaint then",
+        help="inject no persistent failures; calls that never fail are not findings then",
     )
     parser.add_argument(
-        "--orderly",
+        "--run-atexit",
         action="store_true",
-        help="children end by the C library's exit, so that a coverage build counts them",
+        help="end children through C's exit, so that a coverage build writes its counts",
     )
-    cores = len(os.sched_getaffinity(0))
-    parser.add_argument("--jobs", type=positive, default=cores, metavar="N")
+    parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), metavar="N")
     return parser.parse_args()
 
 
-def positive(text: str) -> int:
-    """A number from 1 on."""
-    number = int(text)
-    if number < 1:
+def parse_shard(text: str) -> tuple[int, int]:
+    """Parse "K/N" with 1 <= K <= N."""
+    number, count = map(int, text.split("/"))
+    if not 1 <= number <= count:
         raise ValueError
-    return number
+    return number, count
 
 
-def chosen(options: argparse.Namespace) -> list[AnyCase]:
-    """The cases to sweep, or the end of the process with one line."""
+def select_cases(only: str | None = None, shard: tuple[int, int] = (1, 1)) -> list[AnyCase]:
+    """Select the cases to sweep."""
+    by_function: dict[str, list[AnyCase]] = defaultdict(list)
     cases: list[AnyCase] = [*imports.CASES, *process_cases.CASES, *CASES]
-    if options.only:
-        cases = [case for case in cases if options.only in str(case)]
-    of_function: dict[str, list[AnyCase]] = defaultdict(list)
     for case in cases:
-        of_function[case.function].append(case)
-    parts = [
-        part[(options.first - 1) % len(part) :: options.every] for part in of_function.values()
+        if only is None or only in str(case):
+            by_function[case.function].append(case)
+    number, count = shard
+    return [
+        case for cases in by_function.values() for case in cases[(number - 1) % len(cases) :: count]
     ]
-    if not parts:
-        console.print(f"faults: no case has {options.only!r} in its name")
-        sys.exit(2)
-    return [case for part in parts for case in part]
 
 
-def prepared(path: Path) -> Library:
-    """The library, with everything loaded that the module imports, but not the module."""
-    library = Library()
-    library.record_in(path)
-    library.shelter_services()
+def prepare(log: Path) -> FaultInjector:
+    """Load everything that the module imports, but not the module, and hook the allocators."""
+    injector = FaultInjector()
+    injector.open_log(log)
+    injector.exempt_providers()
     with warnings.catch_warnings():
         warnings.simplefilter("ignore")
         import pyramid.compat  # noqa: F401
         import ujson  # noqa: F401
     with Simulator(live=False):
         pass
-    library.install()
-    return library
+    injector.install()
+    return injector
 
 
-def swept(library: Library, cases: list[AnyCase], options: argparse.Namespace) -> Iterator[Swept]:
-    """What becomes of the cases, as it comes, from several processes."""
+def run_jobs(
+    injector: FaultInjector, cases: list[AnyCase], options: argparse.Namespace
+) -> Iterator[CaseResult]:
+    """Sweep the cases in several processes and yield the results as they arrive."""
     readers, workers = [], []
     for number in range(options.jobs):
         reader, writer = Pipe(duplex=False)
         worker = os.fork()
         if worker == 0:
             reader.close()
-            work(library, cases[number :: options.jobs], writer, options)
+            for case in cases[number :: options.jobs]:
+                run_case(injector, case, writer, options)
             os._exit(0)
         writer.close()
         readers.append(reader)
@@ -125,45 +116,48 @@ def swept(library: Library, cases: list[AnyCase], options: argparse.Namespace) -
         os.waitpid(worker, 0)
 
 
-def work(
-    library: Library, cases: list[AnyCase], writer: Connection, options: argparse.Namespace
+def run_case(
+    injector: FaultInjector, case: AnyCase, writer: Connection, options: argparse.Namespace
 ) -> None:
-    """Sweeps the cases one after the other, each in a process of its own."""
-    for case in cases:
-        child = os.fork()
-        if child == 0:
-            try:
-                writer.send(sweep(library, case, options.orderly, options.single))
-            except BaseException:
-                told = traceback.format_exc()
-                writer.send(Swept(str(case), case.function, complaints=[told]))
-            os._exit(0)
-        _pid, status = os.waitpid(child, 0)
-        if status != 0:
-            writer.send(Swept(str(case), case.function, complaints=[f"ended with {status}"]))
+    """Sweep a case in a process of its own and send the result."""
+    child = os.fork()
+    if child == 0:
+        try:
+            writer.send(sweep(injector, case, options.run_atexit, options.one_shot))
+        except BaseException:
+            finding = traceback.format_exc()
+            writer.send(CaseResult(str(case), case.function, findings=[finding]))
+        os._exit(0)
+    _pid, status = os.waitpid(child, 0)
+    if status != 0:
+        finding = f"ended with wait status {status}"
+        writer.send(CaseResult(str(case), case.function, findings=[finding]))
 
 
 def main() -> int:
-    """The exit status."""
-    options = arguments()
-    if not (native_library.build_directory() / "libfaults.so").is_file():
-        console.print("faults: nothing is built to sweep; run: make faults")
+    """Run the command and return its exit status."""
+    options = parse_arguments()
+    if not (BUILD / "libfaults.so").is_file():
+        console.print(f"fault-injection: {BUILD} has no libfaults.so; run: make fault-injection")
         return 1
-    cases = chosen(options)
-    path = BUILD / f"faults.{os.getpid()}.record"
+    cases = select_cases(options.only, options.shard)
+    if not cases:
+        console.print(f"fault-injection: no case has {options.only!r} in its name")
+        return 2
+    log = BUILD / f"call_sites.{os.getpid()}.log"
     try:
-        library = prepared(path)
-        results = report.progress(console, swept(library, cases, options), len(cases))
-        failed, strangers = call_sites.table(record(path))
+        injector = prepare(log)
+        results = run_jobs(injector, cases, options)
+        finished = list(report.show_progress(console, results, len(cases)))
+        coverage, unknown = call_sites.match_log(read_log(log))
     finally:
-        path.unlink(missing_ok=True)
-    whole = options.every == 1 and not options.only and not options.single
-    wrong = [
-        *report.points(console, results, len(cases)),
-        *report.calls(console, failed, strangers, whole),
-        *report.symbols(console, call_sites.unknown_symbols(PRODUCT)),
+        log.unlink(missing_ok=True)
+    complete = options.shard[1] == 1 and not options.only and not options.one_shot
+    findings = [
+        *report.print_points(console, finished, len(cases)),
+        *report.print_call_sites(console, coverage, unknown, complete),
     ]
-    return report.verdict(console, results, failed, wrong, whole)
+    return report.print_verdict(console, finished, coverage, findings, complete)
 
 
 if __name__ == "__main__":

@@ -1,8 +1,7 @@
-"""The module's fallible calls: those in the sources, those recorded, and those that the built file
-refers to, held against each other.
+"""The module's fallible calls: in the sources, in the call-site log and in the built file.
 
-Fallible is what native/calls.h names. What the module calls besides is in cannot_fail.txt with a
-reason that somebody has reviewed.
+native/instrumented_calls.h names the fallible functions; infallible_calls.txt names the others that
+the module calls, each with the reason.
 """
 
 from __future__ import annotations
@@ -16,17 +15,17 @@ from pathlib import Path
 from typing import NamedTuple
 
 from checks.fault_injection.libfaults import Row
+from tests.support.isolated import ROOT
 
 HERE = Path(__file__).resolve().parent
-ROOT = HERE.parent.parent
 SOURCES = sorted(
     file
     for folder in ("veldarin/modules", "util", "migbase")
     for file in ROOT.joinpath(folder).rglob("*.*")
     if file.suffix in {".cpp", ".h"}
 )
-# Macros of the interpreter's, and what calls.h makes of them.
-RENAMED = {
+# Macros of the interpreter, and the functions that instrumented_calls.h replaces them with.
+MACROS = {
     "PyCFunction_NewEx": "PyCMethod_New",
     "PyObject_GC_New": "_PyObject_GC_New",
     "PyUnicode_READY": "_PyUnicode_Ready",
@@ -34,66 +33,107 @@ RENAMED = {
 
 DEFINED = re.compile(r"^#define (\w+)\(", re.MULTILINE)
 CALLED = re.compile(r"\b(_?Py[A-Z]\w*_\w+|_?Py_[A-Z]\w*|json_object_to_json_string)\s*\(")
-COMMENT_OR_TEXT = re.compile(r'"(?:\\.|[^"\\\n])*"|//[^\n]*|/\*.*?\*/', re.DOTALL)
+COMMENT_OR_STRING = re.compile(r'"(?:\\.|[^"\\\n])*"|//[^\n]*|/\*.*?\*/', re.DOTALL)
 
 
-class Site(NamedTuple):
-    """A fallible call in the sources."""
+class CallSite(NamedTuple):
+    """A call into the interpreter in the sources."""
 
     file: str
     line: int
     call: str
 
     @property
-    def api(self) -> str:
-        """The interface that is called."""
+    def function(self) -> str:
+        """The function that is called."""
         return self.call.partition("(")[0]
 
     @property
     def key(self) -> str:
-        """What the record calls it."""
+        """The key of the log's row."""
         return f"{self.file}:{self.line}:{self.call}"
 
 
-def fallible() -> set[str]:
-    """The interfaces that calls.h names."""
+class ForcedFailure(NamedTuple):
+    """A call that only the sweep can make fail, the case that reaches it, and the reason."""
+
+    call: str
+    case: str
+    reason: str
+
+
+EXECUTION = "import: execution: after a failure"
+FORCED_FAILURES = [
+    ForcedFailure(
+        "PyInterpreterState_GetID(PyInterpreterState_Get())",
+        "import: creation: from a whole spec",
+        "an interpreter that runs code has an ID",
+    ),
+    ForcedFailure("PyLong_FromLong(0)", EXECUTION, "the interpreter preallocates small integers"),
+    ForcedFailure("PyLong_FromLong(32)", EXECUTION, "the interpreter preallocates small integers"),
+    ForcedFailure(
+        "PyDict_SetItem(state.globals, interned[id::dunder_name], interned[id::dunder_main])",
+        "import: execution: as the main module",
+        "the key exists and only its value changes",
+    ),
+    ForcedFailure(
+        "PyUnicode_Compare(keyword, interned[function.parameters[i].name])",
+        "switch_acl_ingress_counter-unknown keyword",
+        "dictionary keys are ready strings",
+    ),
+    ForcedFailure(
+        "PyCapsule_GetPointer(item.get(), signature)",
+        EXECUTION,
+        "the module has checked the capsule's pointer and name",
+    ),
+    ForcedFailure(
+        "PyDict_SetItem(arp.get(), interned[id::interface], interface.get())",
+        "get_system_arp_result-()",
+        "the key exists and only its value changes",
+    ),
+    ForcedFailure(
+        "PyErr_SetObject(PyExceptionInstance_Class(raised.get()), raised.get())",
+        "get_cli_command_output-no output",
+        "raising an existing exception allocates nothing",
+    ),
+]
+
+
+def fallible_functions() -> set[str]:
+    """Read the function names in instrumented_calls.h."""
     names = set(DEFINED.findall((HERE / "native" / "instrumented_calls.h").read_text()))
-    return {RENAMED.get(name, name) for name in names if not name.startswith("FAULTS_")}
+    return {MACROS.get(name, name) for name in names if not name.startswith("FAULTS_")}
 
 
-def cannot_fail() -> dict[str, str]:
-    """The interfaces that cannot fail where the module calls them, with the reason."""
+def infallible_functions() -> dict[str, str]:
+    """Read the function names in infallible_calls.txt, with the reasons."""
     lines = (HERE / "infallible_calls.txt").read_text().splitlines()
     rows = (line.split(None, 1) for line in lines if line and not line.startswith("#"))
     return {row[0]: row[1] for row in rows}
 
 
-def calls(file: Path) -> Iterator[Site]:
-    """Every call into the interpreter in a source, macros included."""
-    text = COMMENT_OR_TEXT.sub(
+def find_calls(file: Path) -> Iterator[CallSite]:
+    """Find every call into the interpreter in a source, macros included."""
+    text = COMMENT_OR_STRING.sub(
         lambda found: found[0] if found[0][0] == '"' else re.sub(r"[^\n]", " ", found[0]),
         file.read_text(),
     )
     name = str(file.relative_to(ROOT))
     for found in CALLED.finditer(text):
-        if text[: found.start()].endswith("#define ") or _is_declaration(text, found.start()):
-            continue
+        before = text[text.rfind("\n", 0, found.start()) + 1 : found.start()]
+        if re.search(r"#define $|^\s*(PyMODINIT_FUNC|const char \*)\s*$", before):
+            continue  # a definition or declaration
         line = text.count("\n", 0, found.start()) + 1
-        api = RENAMED.get(found[1], found[1])
-        yield Site(name, line, f"{api}({_arguments(text, found.end())})")
+        function = MACROS.get(found[1], found[1])
+        yield CallSite(name, line, f"{function}({_read_arguments(text, found.end())})")
 
 
-def _is_declaration(text: str, at: int) -> bool:
-    line = text[text.rfind("\n", 0, at) + 1 : at]
-    return bool(re.match(r"\s*(PyMODINIT_FUNC|const char \*)\s*$", line))
-
-
-def _arguments(text: str, at: int) -> str:
-    """From behind an opening parenthesis to its end, white space outside texts as one blank."""
+def _read_arguments(text: str, at: int) -> str:
+    """Read up to the closing parenthesis and collapse the white space outside strings."""
     depth, parts, start = 1, [], at
     while depth:
         if text[at] == '"':
-            end = COMMENT_OR_TEXT.match(text, at).end()  # type: ignore[union-attr]
+            end = COMMENT_OR_STRING.match(text, at).end()  # type: ignore[union-attr]
             parts += [re.sub(r"\s+", " ", text[start:at]), text[at:end]]
             start = at = end
             continue
@@ -103,66 +143,67 @@ def _arguments(text: str, at: int) -> str:
     return "".join(parts).strip()
 
 
-def sites() -> list[Site]:
-    """The fallible calls in the sources."""
-    names = fallible()
-    return [site for file in SOURCES for site in calls(file) if site.api in names]
+def find_fallible_calls() -> list[CallSite]:
+    """Find the fallible calls in the sources."""
+    names = fallible_functions()
+    return [site for file in SOURCES for site in find_calls(file) if site.function in names]
 
 
-def unknown_calls() -> list[str]:
-    """Calls in the sources that are neither fallible nor reviewed."""
-    known = fallible() | set(cannot_fail())
-    return [site.key for file in SOURCES for site in calls(file) if site.api not in known]
+def find_unreviewed_calls() -> list[str]:
+    """Find calls in the sources to functions that neither list names."""
+    known = {*fallible_functions(), *infallible_functions()}
+    return [site.key for file in SOURCES for site in find_calls(file) if site.function not in known]
 
 
-def unknown_symbols(product: Path) -> list[str]:
-    """Functions of the interpreter's that the shipped file refers to, neither fallible nor
-    reviewed."""
-    known = fallible() | set(cannot_fail())
-    functions = {name for kind, name in _symbols(_interpreter(), "--defined-only") if kind in "TW"}
-    undefined = {name for _kind, name in _symbols(product, "--undefined-only")}
-    return sorted(undefined & functions - known)
+def find_unreviewed_symbols(module: Path) -> list[str]:
+    """Find functions of the interpreter that the built file uses and neither list names."""
+    interpreter = Path(sys.executable).resolve()
+    if sysconfig.get_config_var("Py_ENABLE_SHARED"):
+        maps = Path("/proc/self/maps").read_text().splitlines()
+        interpreter = next(Path(line.split()[-1]) for line in maps if "/libpython3.9" in line)
+    defined = read_symbols(interpreter, "--defined-only")
+    functions = {name for kind, name in defined if kind in "TW"}
+    undefined = {name for _kind, name in read_symbols(module, "--undefined-only")}
+    return sorted(undefined & functions - {*fallible_functions(), *infallible_functions()})
 
 
-def _symbols(file: Path, which: str) -> list[tuple[str, str]]:
-    listed = subprocess.run(
-        ["nm", "-D", which, str(file)], capture_output=True, text=True, check=True
+def read_symbols(file: Path, option: str) -> list[tuple[str, str]]:
+    """List the dynamic symbols of a file with nm, as (kind, name)."""
+    listing = subprocess.run(
+        ["nm", "-D", option, str(file)], capture_output=True, text=True, check=True
     ).stdout
-    rows = (line.split()[-2:] for line in listed.splitlines())
+    rows = (line.split()[-2:] for line in listing.splitlines())
     return [(kind, name.partition("@")[0]) for kind, name in rows]
 
 
-def _interpreter() -> Path:
-    """The file that holds the interpreter's C interface."""
-    if not sysconfig.get_config_var("Py_ENABLE_SHARED"):
-        return Path(sys.executable).resolve()
-    maps = Path("/proc/self/maps").read_text().splitlines()
-    return next(Path(line.split()[-1]) for line in maps if "/libpython3.9" in line)
+class CallSiteCoverage(NamedTuple):
+    """A fallible call with its row of the log, if it was reached."""
 
-
-class Failed(NamedTuple):
-    """A fallible call and how often it failed, in which way."""
-
-    site: Site
+    site: CallSite
     row: Row | None
 
     @property
-    def times(self) -> int:
-        """How often it failed, whatever the reason."""
-        return 0 if self.row is None else self.row.of_memory + self.row.otherwise + self.row.forced
+    def failures(self) -> int:
+        """How often it failed, for whatever reason."""
+        return 0 if self.row is None else self.row.oom + self.row.other + self.row.forced
+
+    def __str__(self) -> str:
+        row = self.row or Row()
+        function = f" in {row.function.decode()}" if row.function else ""
+        return f"{row.reached:>9} {row.oom:>8} {row.other:>8}  {self.site.key}{function}"
 
 
-def table(rows: list[Row]) -> tuple[list[Failed], list[str]]:
-    """The calls in the sources with what was recorded of them, and records of no such call."""
-    recorded = {row.key.decode(): row for row in rows}
-    failed = [Failed(site, recorded.pop(site.key, None)) for site in sites()]
-    return failed, list(recorded)
+TABLE_HEAD = f"{'reached':>9} {'oom':>8} {'other':>8}  call"
 
 
-def lines(failed: list[Failed]) -> Iterator[str]:
-    """The table as text: where, in which function, what, and how often it was made and failed."""
-    yield f"{'reached':>9} {'memory':>8} {'other':>8}  call"
-    for site, row in failed:
-        counts = (0, 0, 0) if row is None else (row.reached, row.of_memory, row.otherwise)
-        function = "" if row is None else f" in {row.function.decode()}"
-        yield "{:>9} {:>8} {:>8}  {}{}".format(*counts, site.key, function)
+def match_log(rows: list[Row]) -> tuple[list[CallSiteCoverage], list[str]]:
+    """Match the log against the sources.
+
+    Returns:
+        The fallible calls, and the keys of rows that match no call.
+    """
+    logged = {row.key.decode(): row for row in rows}
+    coverage = [
+        CallSiteCoverage(site, logged.pop(site.key, None)) for site in find_fallible_calls()
+    ]
+    return coverage, list(logged)

@@ -1,154 +1,220 @@
-"""What may come out of a call whose memory fails, and what may not.
+"""How a call ends, and how it may end if an allocation fails.
 
-Either nothing of it is seen (the call ends as ever: memory failed where it does not matter, such as
-for a traceback entry), or MemoryError is raised. Where the text of another exception was being
-made, the interpreter raises that exception without a text. Some functions do more than pass the
-failure on: see `others`.
+A failed allocation either has no visible effect or raises MemoryError with one traceback entry of
+the function. If it was for another exception's message, that exception is raised without a message.
+`alternatives` lists the remaining outcomes and where the allocation must fail for each.
 """
 
 from __future__ import annotations
 
 import sys
-from collections.abc import Callable, Iterator
-from types import FrameType
-from typing import Any, NamedTuple
+from collections.abc import Iterator, Mapping
+from types import FrameType, TracebackType
+from typing import Any, Callable, NamedTuple
 
-from checks.fault_injection.case_setup import Log, fresh_values
-from checks.fault_injection.libfaults import Point, Report
-from checks.fault_injection.results import OF_MEMORY, Outcome, Same, outcome
+from checks.fault_injection.libfaults import NO_SITE, InjectionPoint, Report
+from checks.fault_injection.process_cases import PerCall
 from tests.support import reference
-from tests.support.assertions import MODULE
-from tests.support.call_cases import GONE, Case, Silent
+from tests.support.assertions import FILE, MODULE, with_types
+from tests.support.call_cases import DELETED, CallCase
+from tests.support.doubles import NullLogger
 
+OUT_OF_MEMORY = ("MemoryError", "")
 NO_COOKIE_BUFFER = (
     ("CFunctionError", "PyMem_Malloc"),
     ("error: Could not allocate memory for decreypt_cookie decrypted",),
 )
 NO_SECRET = ("UnboundLocalError", "local variable 'secret' referenced before assignment")
 NO_OUTPUT = ("CFunctionError", "get_cli_command_output's result is null.")
-CATCHING = ("get_bfd_neighbor", "list_bfd_neighbor")  # functions that catch exceptions and go on
-SHARED = reference.get_bfd_neighbor("")  # the twin's one default of `list_bfd`
+SHARED_SESSIONS = reference.get_bfd_neighbor("")  # the default of its `list_bfd`
+CATCHING = ("get_bfd_neighbor", "list_bfd_neighbor")  # functions that catch exceptions
 RUNNING_COMMANDS = (
     "get_cli_command_output", "get_routing_table_result", "get_system_arp_result", *CATCHING
 )  # fmt: skip
 
-# Where memory failed: the end of the fallible call's key.
+# Ends of the key of the call site at which an allocation fails.
 ANYWHERE = ("",)
-IN_NO_CALL = "in no call"  # in a native service, or in the interpreter before the function's body
-RUNNING = (IN_NO_CALL, ":PyObject_CallOneArg(function.get(), argument)")
-WRITING_JSON = (":json_object_to_json_string(object)",)
-MAKING_THE_BUFFER = (":PyMem_Malloc(static_cast<size_t>(decrypted_length))",)
+COMMAND_RUNNER = (NO_SITE, ":PyObject_CallOneArg(function.get(), argument)")
+JSON_SERIALIZER = (":json_object_to_json_string(object)",)
+COOKIE_BUFFER = (":PyMem_Malloc(static_cast<size_t>(decrypted_length))",)
+
+Observed = tuple[tuple[str, Any], tuple[str, ...]]
 
 
-class Other(NamedTuple):
-    """An outcome of failing memory that is not MemoryError, and where memory fails for it."""
+class Outcome(NamedTuple):
+    """How a call ended: a value or an exception with its message, and what it logged.
 
-    same: Same
-    where: tuple[str, ...] = ANYWHERE
+    `entries` are the functions of the module's traceback entries, outermost first.
+    """
 
+    ended: tuple[str, Any]
+    returned: bool
+    logged: tuple[str, ...] = ()
+    entries: tuple[str, ...] = ()
 
-class Judge:
-    """Knows how one case ends when nothing fails, and what else it may end with."""
-
-    def __init__(self, case: Case, reference: Outcome) -> None:
-        self.case, self.reference = case, reference
-        self.others = list(others(case))
-        self.unworded = None if reference.returned else (reference.ended[0], "")
-        # The interpreter itself refuses some arguments, before the module knows of the call.
-        self.entered = reference.returned or bool(reference.entries)
-
-    def complaint(self, found: Outcome, point: Point, report: Report) -> str | None:
-        """What is wrong with an outcome, if anything is."""
-        if found.same == self.reference.same:
-            return None
-        if found.ended == OF_MEMORY:
-            return self._entry_complaint(found, point.lasting)
-        site = report.site or IN_NO_CALL
-        # json-c does not look whether its writing succeeds: the text has gaps.
-        gaps = found.returned or found.ended[0] == "JSONDecodeError"
-        if gaps and point.allocator == "json-c" and site.endswith(WRITING_JSON):
-            return None
-        if any(found.same == other.same and site.endswith(other.where) for other in self.others):
-            return None
-        if found.ended == self.unworded:
-            return None
-        wanted = f"not with {self.reference.same} or MemoryError"
-        return f"ended with {found.same}, {wanted}, memory failing in {site}"
-
-    def _entry_complaint(self, found: Outcome, lasting: bool) -> str | None:
-        # With one failure only, there was memory for the entry.
-        entries = found.entries.count(f"{MODULE}.{self.case.function}")
-        missing = not entries and not lasting and self.entered
-        return f"left {entries} traceback entries" if missing or entries > 1 else None
+    @property
+    def observed(self) -> Observed:
+        """The part that a caller compares."""
+        return self.ended, self.logged
 
 
-def others(case: Case) -> Iterator[Other]:
-    """Outcomes of failing memory other than MemoryError."""
+def run(
+    call: Callable[[], object],
+    logged: list[str] | None = None,
+    exceptions: list[BaseException] | None = None,
+) -> Outcome:
+    """Run a call and return its outcome; append an exception that it raises to `exceptions`."""
+    lines = [] if logged is None else logged
+    lines.clear()
+    try:
+        ended: Any = with_types(call())
+    except BaseException as error:
+        if exceptions is not None:
+            exceptions.append(error)
+        ended = type(error).__qualname__, str(error)
+        return Outcome(ended, False, tuple(lines), tuple(_entries(error.__traceback__)))
+    return Outcome(ended, True, tuple(lines))
+
+
+def _entries(traceback: TracebackType | None) -> Iterator[str]:
+    while traceback is not None:
+        code = traceback.tb_frame.f_code
+        if code.co_filename == FILE:
+            yield code.co_name
+        traceback = traceback.tb_next
+
+
+class Log:
+    """A logger that stores its lines; `exempt` wraps its methods."""
+
+    def __init__(self, exempt: Callable[[Any], Any] = lambda function: function) -> None:
+        self.lines: list[str] = []
+        self.debug = exempt(self.lines.append)
+        self.error = exempt(lambda text: self.lines.append(f"error: {text}"))
+
+
+def fresh_arguments(values: Any) -> Any:
+    """Copy the arguments' dictionaries, which a call may change."""
+    if isinstance(values, Mapping):
+        return {name: _fresh(value) for name, value in values.items()}
+    return tuple(_fresh(value) for value in values)
+
+
+def _fresh(value: Any) -> Any:
+    if isinstance(value, PerCall):
+        return value.make()
+    return {**value} if type(value) is dict else value
+
+
+class Alternative(NamedTuple):
+    """An outcome other than MemoryError, and where the allocation must fail for it."""
+
+    observed: Observed
+    sites: tuple[str, ...] = ANYWHERE
+
+
+class Expectations:
+    """The outcomes that one case may have."""
+
+    def __init__(self, case: CallCase, baseline: Outcome) -> None:
+        self.case, self.baseline = case, baseline
+        self._alternatives = list(alternatives(case))
+        self._without_message = None if baseline.returned else (baseline.ended[0], "")
+        # The interpreter rejects some arguments before it calls the module.
+        self._entered = baseline.returned or bool(baseline.entries)
+
+    def check(self, outcome: Outcome, point: InjectionPoint, report: Report) -> Iterator[str]:
+        """Yield a finding unless the outcome is expected."""
+        if outcome.observed == self.baseline.observed:
+            return
+        if outcome.ended == OUT_OF_MEMORY:
+            # After a one-shot failure there is memory for the traceback entry.
+            entries = outcome.entries.count(f"{MODULE}.{self.case.function}")
+            required = self._entered and not point.persistent
+            if entries > 1 or (required and not entries):
+                yield f"left {entries} traceback entries"
+            return
+        # json-c ignores allocation failures while it serializes: the text has gaps.
+        gaps = outcome.returned or outcome.ended[0] == "JSONDecodeError"
+        expected = (
+            (gaps and point.allocator == "json-c" and report.site.endswith(JSON_SERIALIZER))
+            or any(
+                outcome.observed == row.observed and report.site.endswith(row.sites)
+                for row in self._alternatives
+            )
+            or outcome.ended == self._without_message
+        )
+        if not expected:
+            yield (
+                f"ended with {outcome.observed}, expected {self.baseline.observed} or MemoryError; "
+                f"the allocation failed in {report.site}"
+            )
+
+
+def alternatives(case: CallCase) -> Iterator[Alternative]:
+    """Yield the outcomes of a failed allocation other than MemoryError."""
     if case.function == "encrypt_cookie":
-        # The appliance had no memory, and may not say so.
-        yield Other((("bytes", b""), ()), (IN_NO_CALL,))
+        # The native service runs out of memory and cannot report it.
+        yield Alternative((("bytes", b""), ()), (NO_SITE,))
     if case.function == "decrypt_cookie":
-        yield Other(NO_COOKIE_BUFFER, MAKING_THE_BUFFER)
+        yield Alternative(NO_COOKIE_BUFFER, COOKIE_BUFFER)
     if case.function == "get_token" and "swallowed" in case.label:
-        # The file swallowed what failed, whatever it was.
-        yield Other((NO_SECRET, ()))
-        yield Other(((NO_SECRET[0], ""), ()))
+        # The file's __exit__ suppresses any exception.
+        yield Alternative((NO_SECRET, ()))
+        yield Alternative(((NO_SECRET[0], ""), ()))
     if case.function in RUNNING_COMMANDS:
-        yield Other((NO_OUTPUT, ()), RUNNING)  # the appliance had no memory for its text
+        yield Alternative((NO_OUTPUT, ()), COMMAND_RUNNER)  # as above
     if case.function in CATCHING:
-        yield from map(Other, caught(case, MemoryError()))
-        for same in caught(case, reference.CFunctionError(NO_OUTPUT[1])):
-            yield Other(same, RUNNING)
+        yield from map(Alternative, run_reference(case, MemoryError()))
+        for observed in run_reference(case, reference.CFunctionError(NO_OUTPUT[1])):
+            yield Alternative(observed, COMMAND_RUNNER)
 
 
-def caught(case: Case, error: Exception) -> Iterator[Same]:
-    """How the twin ends if each of its lines in turn raises the error."""
+def run_reference(case: CallCase, error: Exception) -> Iterator[Observed]:
+    """Run the reference model once for each line, raising the error there."""
     log = Log()
     reference._logger = log
-    for name, value in case.rebound.items():
-        if value is GONE:
+    for name, value in case.patched.items():
+        if value is DELETED:
             vars(reference).pop(name, None)
-        elif not isinstance(value, Silent):
+        elif not isinstance(value, NullLogger):
             setattr(reference, name, value)
-    text = case.cli.encode() if isinstance(case.cli, str) else case.cli
-    reference.run = lambda command: text  # type: ignore[assignment,return-value]
-    at = 1
-    while True:
-        raiser = Raiser(at, error)
-        sys.settrace(raiser.enters)
+    output = case.cli.encode() if isinstance(case.cli, str) else case.cli
+    reference.run = lambda command: output  # type: ignore[assignment,return-value]
+    function = getattr(reference, case.function)
+
+    def call() -> object:
+        SHARED_SESSIONS.clear()
+        return function(*fresh_arguments(case.args), **fresh_arguments(case.kwargs))
+
+    raiser = LineRaiser(error)
+    while raiser.line >= raiser.raise_at:
+        raiser.line, raiser.raise_at = 0, raiser.raise_at + 1
+        sys.settrace(raiser.trace_call)
         try:
-            ended = outcome(lambda: called(case), log.lines)
+            outcome = run(call, log.lines)
         finally:
             sys.settrace(None)
-        yield ended.same
-        if raiser.line < at:
-            return
-        at += 1
+        yield outcome.observed
 
 
-def called(case: Case) -> object:
-    """The case's call of the twin, on dictionaries of its own."""
-    SHARED.clear()
-    return getattr(reference, case.function)(*fresh_values(case.args), **fresh_values(case.kwargs))
-
-
-class Raiser:
-    """A trace function that raises an error at one line of the functions that catch."""
+class LineRaiser:
+    """A trace function that raises an error at the nth line of the functions in `CATCHING`."""
 
     codes = tuple(getattr(reference, name).__code__ for name in CATCHING)
 
-    def __init__(self, at: int, error: Exception) -> None:
-        self.at, self.error = at, error
-        self.line = 0
+    def __init__(self, error: Exception) -> None:
+        self.error = error
+        self.raise_at = self.line = 0
 
-    def enters(self, frame: FrameType, event: str, argument: Any) -> Callable[..., Any] | None:
-        """The trace function of a new frame."""
-        return self.runs if frame.f_code in self.codes else None
+    def trace_call(self, frame: FrameType, event: str, argument: Any) -> Callable[..., Any] | None:
+        """Trace the lines of the functions."""
+        return self.trace_line if frame.f_code in self.codes else None
 
-    def runs(self, frame: FrameType, event: str, argument: Any) -> Callable[..., Any]:
-        """The trace function of a line."""
+    def trace_line(self, frame: FrameType, event: str, argument: Any) -> Callable[..., Any]:
+        """Count the lines and raise the error."""
         if event == "line":
             self.line += 1
-            if self.line == self.at:
+            if self.line == self.raise_at:
                 raise self.error
-        return self.runs
+        return self.trace_line

@@ -1,9 +1,9 @@
-"""The import of the module as cases: its creation, its execution, and the ways in which what it
-imports can be spoilt.
+"""The import of the module as the subject of a sweep.
 
-The sibling modules are those of tests/support/fake_siblings.py. An execution that fails is
-forgotten, so one process can try again and again; only the names are kept for the next attempt.
-Hence the execution is swept twice: in a process that never tried, and in one that has.
+The cases create or execute the module with the siblings of tests/support/fake_siblings.py, broken
+by the statements of the case. A failed execution leaves only interned strings behind and can be
+repeated in the same process, so most cases run after a first attempt; some cases are the first
+attempt.
 """
 
 from __future__ import annotations
@@ -17,26 +17,33 @@ import warnings
 from array import array
 from collections.abc import Callable, Iterator
 from contextlib import suppress
+from functools import partial
 from importlib.util import spec_from_file_location
 from pathlib import Path
 from types import SimpleNamespace
 from typing import Any, NamedTuple
 
-from checks.fault_injection.case_setup import TIMES
-from checks.fault_injection.forks import Children
-from checks.fault_injection.libfaults import NOWHERE, Library, Point, Report
-from checks.fault_injection.results import OF_MEMORY, Found, Outcome, outcome
+from checks.fault_injection.call_subject import REPEATS
+from checks.fault_injection.expectations import OUT_OF_MEMORY, Outcome, run
+from checks.fault_injection.forks import ForkRunner
+from checks.fault_injection.libfaults import (
+    NO_FAILURE,
+    NO_SITE,
+    FaultInjector,
+    InjectionPoint,
+    Report,
+)
 from tests.module.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 from tests.support import fake_siblings
-from tests.support.call_cases import Failure, Unequal
-from tests.support.fake_siblings import POINTER, Workbench, created
+from tests.support.doubles import Failure, UncomparableStr
+from tests.support.fake_siblings import POINTER, SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS, Function
-from tests.support.isolated import MODULE, OTHER_RUNTIME, PRODUCT
+from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE
 
 INIT = f"init {MODULE}"
-# Library functions that the execution calls: sheltered, so that none fails from within.
-NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's own, for want of memory
-CALLED = (
+NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's error for lack of memory
+# Library functions that the execution calls, which are exempt.
+EXEMPT = (
     ("logging", "getLogger"),
     ("collections", "namedtuple"),
     ("threading", "Lock"),
@@ -44,246 +51,148 @@ CALLED = (
 )
 
 
-def whole_spec() -> Any:
-    """An import spec with everything that the creation takes from it."""
-    return spec_from_file_location(MODULE, PRODUCT)
-
-
-def bare_spec() -> Any:
-    """One without."""
-    return SimpleNamespace(name=MODULE, origin=str(PRODUCT))
-
-
 class ImportCase(NamedTuple):
-    """An import: statements that spoil the siblings, and what is done to the module object first.
+    """One step of an import under test: by default, the execution.
 
-    `spec`: the step is the creation from this spec; `early`: it is a call of this function before
-    the execution, with as many arguments as it needs; else it is the execution. `untried`: in a
-    process that has not tried before. `refused`: what is done first makes every import of this
-    process fail.
+    Attributes:
+        statements: Break the siblings.
+        prepare: Called with the module object before the step.
+        spec: The step is the creation from this spec.
+        early_call: The step is a call of this function before the execution.
+        first_attempt: The process has not tried the import before.
+        always_fails: After the preparation every import of the process fails.
     """
 
     label: str
-    spoils: tuple[str, ...] = ()
+    statements: tuple[str, ...] = ()
     prepare: Callable[[Any], object] | None = None
     spec: Callable[[], Any] | None = None
-    path: Path = PRODUCT
-    untried: bool = False
-    early: Function | None = None
-    refused: bool = False
+    path: Path = MODULE_PATH
+    first_attempt: bool = False
+    early_call: Function | None = None
+    always_fails: bool = False
 
     @property
     def function(self) -> str:
-        """The step, for the table of points."""
-        if self.early:
-            return "import: before it"
+        """The step, as the report names it."""
+        if self.early_call:
+            return "import: early call"
         return "import: execution" if self.spec is None else "import: creation"
 
     def __str__(self) -> str:
         return f"{self.function}: {self.label}"
 
 
-def fill(names: dict[Any, Any], left: int = 0) -> None:
-    """Leaves room in a dictionary for some names and no more."""
+WHOLE_SPEC = partial(spec_from_file_location, MODULE, MODULE_PATH)
+MINIMAL_SPEC = partial(SimpleNamespace, name=MODULE, origin=str(MODULE_PATH))  # required attributes
+
+# How many keys a dictionary takes before it grows.
+CAPACITIES = [2 * 2**power // 3 for power in range(3, 20)]
+
+
+def fill(names: dict[Any, Any], free: int = 0) -> None:
+    """Fill a dictionary until it takes `free` more keys without growing."""
     size = sys.getsizeof(names)
-    room = 0
-    while sys.getsizeof(names) == size or room - len(names) < left:  # it grows, and has no gaps
+    capacity = 0
+    # Growing it first removes the gaps that deleted keys leave.
+    while sys.getsizeof(names) == size or capacity - len(names) < free:
         names[f"filler {len(names)}"] = None
-        room = next(room for room in ROOMS if room >= len(names))
-    while len(names) < room - left:
+        capacity = next(capacity for capacity in CAPACITIES if capacity >= len(names))
+    while len(names) < capacity - free:
         names[f"filler {len(names)}"] = None
 
 
-# How many names a dictionary of the interpreter's takes before it grows.
-ROOMS = [2 * 2**power // 3 for power in range(3, 20)]
-
-
-def fill_globals(module: Any) -> None:
-    """Leaves no room in the module's dictionary for the next name."""
-    fill(vars(module))
-
-
-def filled_up_to(name: str) -> Callable[[Any], None]:
-    """Leaves room in the module's dictionary for what the execution binds before a name."""
+def fill_up_to(name: str) -> Callable[[Any], None]:
+    """Return a function that makes the module's dictionary grow when the execution binds a name."""
     bound = ["__builtins__", *(name for _module, name in FROM_IMPORTS), "json", "copy"]
     bound += ["_logger", "_INVALID_INDEX", "_interface_count", "_interface_lock", "_CHARSET"]
     return lambda module: fill(vars(module), bound.index(name))
 
 
-def lose_main(module: Any) -> None:
-    """Leaves no main module in `sys.modules`."""
-    del sys.modules["__main__"]
-
-
-def fill_modules(module: Any) -> None:
-    """Leaves no room in `sys.modules`."""
-    fill(sys.modules)
-
-
-def run_as_main(module: Any) -> None:
-    """Puts the module where the interpreter has the main one."""
-    sys.modules["__main__"] = module
-
-
-def fail_at_its_end(module: Any) -> None:
-    """Lets the execution fail when all functions are bound."""
-    vars(module)[Unequal("__test__")] = None
+def fail_at_end(module: Any) -> None:
+    """Let an execution fail after it has bound all functions."""
+    vars(module)[UncomparableStr("__test__")] = None
     with suppress(Failure):
         _imp.exec_dynamic(module)
 
 
-def hide_main(module: Any) -> None:
-    """Lets the look-up of the main module fail."""
-    sys.modules[Unequal("__main__")] = sys.modules.pop("__main__")
+def break_lookup(name: str) -> Callable[[Any], None]:
+    """Return a function that replaces a name in `sys.modules` with an uncomparable key."""
+    return lambda module: sys.modules.update({UncomparableStr(name): sys.modules.pop(name, module)})
 
 
-def hide_module(module: Any) -> None:
-    """Lets the look-up of the module's own name fail."""
-    sys.modules[Unequal(MODULE)] = module
+def execute_other(module: Any) -> None:
+    """Execute another module object."""
+    _imp.exec_dynamic(create_module())
 
 
-def execute_one(module: Any) -> None:
-    """Executes a module object before."""
-    _imp.exec_dynamic(created(str(PRODUCT)))
+interpreters: list[Any] = []  # keeps them alive
 
 
-others: list[Any] = []  # interpreters; they live as long as somebody has them
-
-
-def create_elsewhere(module: Any) -> None:
-    """Creates the module in another interpreter before, unless that was done."""
-    if others:
+def create_in_subinterpreter(module: Any) -> None:
+    """Create the module in another interpreter, once per process."""
+    if interpreters:
         return
-    interpreters: Any = _xxsubinterpreters
-    others.append(interpreters.create())
-    interpreters.run_string(
-        others[0],
+    subinterpreters: Any = _xxsubinterpreters
+    interpreters.append(subinterpreters.create())
+    subinterpreters.run_string(
+        interpreters[0],
         f"""if True:
         from importlib.util import module_from_spec, spec_from_file_location
-        module_from_spec(spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}))
+        module_from_spec(spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}))
         """,
     )
 
 
-def spoilt(label: str, *statements: str) -> ImportCase:
-    """An execution for which the statements spoil the siblings."""
-    return ImportCase(label, statements)
-
-
-LEAVES = """
-def leave(self, name):
-    sys.modules.pop(MODULE, None)
-    raise AttributeError(name)
-siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': leave})('util.errors')
+# Replaces util.errors with a module whose __getattr__ does more.
+HOOKED = """
+def hook(self, name):
+    %s
+siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': hook})('util.errors')
 """
-# The builtins have a name as well.
-LOSES_NAME = """
-def lose(self, name):
-    if name != 'CFunctionError':
+# The statements after it run only for the imported name.
+LACKS_OTHERS = """if name != 'CFunctionError':
         raise AttributeError(name)
-    vars(sys.modules[MODULE]).pop('__name__')
-    vars(builtins).pop('__name__')
-    return OSError
-siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
-"""
-# The binding of a name fails: a key that cannot be compared is in the way. What the import needs
-# last is made by then.
-BLOCKS_NAME = """
-def fail(self, other):
-    raise OSError
-def block(self, name):
+    """
+LEAVE_MODULES = HOOKED % "sys.modules.pop(MODULE, None); raise AttributeError(name)"
+LOSE_IMPORT = HOOKED % (LACKS_OTHERS + "vars(builtins).pop('__import__'); return OSError")
+LOSE_NAME = HOOKED % (  # the builtins have one as well
+    LACKS_OTHERS
+    + "vars(sys.modules[MODULE]).pop('__name__'); vars(builtins).pop('__name__'); return OSError"
+)
+# A key that cannot be compared makes the binding of a name fail. Everything else is imported then.
+BLOCK_NAME = (
+    HOOKED
+    % """def fail(self, other):
+        raise OSError
     names = vars(sys.modules[MODULE])
-    names.pop({name!r}, None)
-    key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': fail}})({name!r})
-    names[key] = None
-    return OSError
-siblings['util.errors'] = type('Errors', (ModuleType,), {{'__getattr__': block}})('util.errors')
-"""
-LOSES_IMPORT = """
-def lose(self, name):
-    if name != 'CFunctionError':
-        raise AttributeError(name)
-    vars(builtins).pop('__import__')
-    return OSError
-siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
-"""
-# Siblings without the name that is imported from them.
+    names.pop('NAME', None)
+    names[type('Key', (str,), {'__hash__': str.__hash__, '__eq__': fail})('NAME')] = None
+    return OSError"""
+)
+# Statements that replace util.errors with a module that lacks the imported name.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
-INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
-HIDDEN = """m.__name__ = 'm'
-class Unequal(str):
+UNCOMPARABLE_SUBMODULE = """m.__name__ = 'm'
+class UncomparableStr(str):
     __hash__ = str.__hash__
-    __eq__ = raising(OSError())
-sys.modules[Unequal('m.CFunctionError')] = None"""
-PLAIN = ImportCase("after a failure")
+    __eq__ = raiser(OSError())
+sys.modules[UncomparableStr('m.CFunctionError')] = None"""
+INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
-CASES = [
-    ImportCase("from a whole spec", spec=whole_spec),
-    ImportCase("from a bare spec", spec=bare_spec),
-    ImportCase("of a module that is there", spec=whole_spec, prepare=execute_one, untried=True),
-    ImportCase(
-        "after another interpreter's",
-        spec=whole_spec,
-        prepare=create_elsewhere,
-        untried=True,
-        refused=True,
-    ),
-    ImportCase("at first", untried=True),
-    PLAIN,
-    ImportCase("into a full dictionary", prepare=fill_globals),
+
+AFTER_FAILURE = ImportCase("after a failure")
+BREAKING_STATEMENTS = [
+    *(statement for statement, _kind, _text in FAILURES),
+    "siblings['util.json'] = None",
+    "del siblings['util.json'].JSONObject",
+    "siblings['util.json'].JSONObject = len",
+    "del siblings['util.json'].JSONObject.__pyx_vtable__",
+    "siblings['util.json'].JSONObject.__pyx_vtable__ = 5",
+    "siblings['logging'] = with_attributes('logging', getLogger=raiser(OSError()))",
+    "siblings['threading'] = with_attributes('threading', Lock=raiser(OSError()))",
+    "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
     *(
-        ImportCase(f"into a dictionary that is full at {name}", prepare=filled_up_to(name))
-        for name in ("_INVALID_INDEX", "_interface_count", "_CHARSET")
-    ),
-    ImportCase("with sys.modules full", prepare=fill_modules),
-    ImportCase("without a main module", prepare=lose_main),
-    ImportCase("which loses its name", (LOSES_NAME,)),
-    *(ImportCase(f"{row.name} is called", early=row) for row in FUNCTIONS),
-    ImportCase("a bound function after a failure", early=FUNCTIONS[0], prepare=fail_at_its_end),
-    ImportCase("which loses __import__", (LOSES_IMPORT,)),
-    *(
-        ImportCase(label, (LACKING + statement,))
-        for label, statement in (
-            ("from a module that is being initialized", INITIALIZING % "True"),
-            (
-                "from a module of unknown progress",
-                INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
-            ),
-            ("from a module without a name", "del m.__name__"),
-            ("from a module whose name is not a str", "m.__name__ = 5"),
-            ("the submodule cannot be looked up", HIDDEN),
-        )
-    ),
-    ImportCase("which leaves sys.modules", (LEAVES,)),
-    *(
-        spoilt(f"{name} cannot be bound", BLOCKS_NAME.format(name=name))
-        for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")
-    ),
-    ImportCase("as the main module", prepare=run_as_main),
-    ImportCase("the main module cannot be looked up", prepare=hide_main),
-    ImportCase("the module cannot be looked up", prepare=hide_module),
-    ImportCase("of a second module object", prepare=execute_one),
-    ImportCase("under another interpreter", (WARNINGS_RAISE,), path=OTHER_RUNTIME),
-    *(spoilt(statement, statement) for statement, _kind, _text in FAILURES),
-    *(
-        spoilt(f"{name} has grown", resized(name, POINTER), WARNINGS_RAISE)
-        for name in ("builtins.complex", "util.json.JSONObject")
-    ),
-    *(
-        spoilt(statement, statement)
-        for statement in (
-            "siblings['util.json'] = None",
-            "del siblings['util.json'].JSONObject",
-            "siblings['util.json'].JSONObject = len",
-            "del siblings['util.json'].JSONObject.__pyx_vtable__",
-            "siblings['util.json'].JSONObject.__pyx_vtable__ = 5",
-            "siblings['logging'] = altered('logging', getLogger=raising(OSError()))",
-            "siblings['threading'] = altered('threading', Lock=raising(OSError()))",
-            "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
-        )
-    ),
-    *(
-        spoilt(statement, statement)
+        statement
         for module, item, _kind, _signature in C_IMPORTS
         for statement in (
             f"siblings['{module}'] = None",
@@ -295,60 +204,113 @@ CASES = [
             f"siblings['{module}'].__pyx_capi__['{item}'] = 5",
         )
     ),
-    *(spoilt(f"{name} is gone", without(module, name)) for module, name in FROM_IMPORTS),
+]
+CASES = [
+    ImportCase("from a whole spec", spec=WHOLE_SPEC),
+    ImportCase("from a minimal spec", spec=MINIMAL_SPEC),
+    ImportCase("twice", spec=WHOLE_SPEC, prepare=execute_other, first_attempt=True),
+    ImportCase(
+        "after another interpreter",
+        spec=WHOLE_SPEC,
+        prepare=create_in_subinterpreter,
+        first_attempt=True,
+        always_fails=True,
+    ),
+    ImportCase("first attempt", first_attempt=True),
+    AFTER_FAILURE,
+    ImportCase("full dictionary", prepare=lambda module: fill(vars(module))),
+    *(
+        ImportCase(f"dictionary full at {name}", prepare=fill_up_to(name))
+        for name in ("_INVALID_INDEX", "_interface_count", "_CHARSET")
+    ),
+    ImportCase("full sys.modules", prepare=lambda module: fill(sys.modules)),
+    ImportCase("without a main module", prepare=lambda module: sys.modules.pop("__main__")),
+    *(ImportCase(row.name, early_call=row) for row in FUNCTIONS),
+    ImportCase("a bound function after a failure", early_call=FUNCTIONS[0], prepare=fail_at_end),
+    ImportCase("as the main module", prepare=lambda module: sys.modules.update(__main__=module)),
+    ImportCase("look-up of the main module fails", prepare=break_lookup("__main__")),
+    ImportCase("look-up of the module fails", prepare=break_lookup(MODULE)),
+    ImportCase("second module object", prepare=execute_other),
+    ImportCase("another Python release", (WARNINGS_RAISE,), path=WRONG_PYTHON_MODULE),
+    *(
+        ImportCase(f"{name} has grown", (resized(name, POINTER), WARNINGS_RAISE))
+        for name in ("builtins.complex", "util.json.JSONObject")
+    ),
+    *(
+        ImportCase(label, (statement,))
+        for label, statement in (
+            ("the module loses its name", LOSE_NAME),
+            ("the builtins lose __import__", LOSE_IMPORT),
+            ("the module leaves sys.modules", LEAVE_MODULES),
+            ("partially initialized sibling", LACKING + INITIALIZING % "True"),
+            (
+                "sibling of unknown progress",
+                LACKING + INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
+            ),
+            ("sibling without a name", LACKING + "del m.__name__"),
+            ("sibling whose name is not a str", LACKING + "m.__name__ = 5"),
+            ("sibling whose submodule is not comparable", LACKING + UNCOMPARABLE_SUBMODULE),
+            *(
+                (f"{name} cannot be bound", BLOCK_NAME.replace("NAME", name))
+                for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")
+            ),
+            *((statement, statement) for statement in BREAKING_STATEMENTS),
+            *((f"{name} is missing", without(module, name)) for module, name in FROM_IMPORTS),
+        )
+    ),
 ]
 
 
-class Import:
-    """A case in this process, for good."""
+class ImportSubject:
+    """An import case in this process, for good."""
 
-    def __init__(self, library: Library, case: ImportCase, children: Children) -> None:
+    def __init__(self, injector: FaultInjector, case: ImportCase, forks: ForkRunner) -> None:
         self.case = case
-        self._executes = case.spec is None and not case.early
-        self._library, self._children = library, children
-        self._bench = Workbench()
+        self._injector, self._forks = injector, forks
+        self._sandbox = SiblingSandbox()
         self._pointers = len(fake_siblings._kept)
-        for module, name in CALLED:
+        for module, name in EXEMPT:
             home = sys.modules[module]
-            setattr(home, name, library.sheltered(emptying(getattr(home, name))))
-        if not case.untried:
-            self._attempt(spoilt("at its end", "siblings['copy'] = None"), NOWHERE)
+            setattr(home, name, injector.exempt(collecting(getattr(home, name))))
+        if not case.first_attempt:
+            self._attempt(ImportCase("fails", ("siblings['copy'] = None",)), NO_FAILURE)
         gc.collect()
         gc.freeze()
-        self._reference, calls = children.result(self._traced, case)
-        _outcome, plain = children.result(self._traced, PLAIN)
-        self._first = 1 + common(calls, plain) if case.spoils else 1
+        self._baseline, calls = forks.run(self._trace, case)
+        _outcome, usual = forks.run(self._trace, AFTER_FAILURE)
+        # A broken execution is like any other up to the statement that fails.
+        self._first = 1 + count_common(calls, usual) if case.statements else 1
 
-    def starts(self) -> Iterator[Point]:
-        """The first allocation, alone and with all after it; of a spoilt execution the first that
-        a plain one does not make in the same place."""
-        for lasting in (False, True):
-            yield Point("interpreter", self._first, lasting)
+    def first_points(self) -> Iterator[InjectionPoint]:
+        """Yield the first allocation to fail, in both failure modes."""
+        for persistent in (False, True):
+            yield InjectionPoint("interpreter", self._first, persistent)
 
-    def examine(self, point: Point) -> Found:
-        """The step with its point, the same over and over, and the import with all memory again."""
-        once = self.case.untried and not self.case.refused
-        kept_too_much = [*self._kept_too_much(point)] if once else []
-        found = self._attempt(self.case, point)
-        report = self._library.report()
-        complaints = [*self._complaints(found, point, report)]
-        if not found.returned:
-            complaints += kept_too_much if once else self._grown(point)
-        complaints += self._complaints_afterwards()
-        return Found(report.failed > 0, tuple(complaints))
+    def inject(self, point: InjectionPoint) -> tuple[bool, list[str]]:
+        """Run the step with an injected failure, repeat it to find leaks, then import the module.
 
-    def force(self, key: str) -> Found:
-        """The step with one fallible call failing of which memory is no reason."""
-        self._library.force(key)
-        found = self._attempt(self.case, NOWHERE)
-        self._library.force(None)
-        wrong = found.ended != OF_MEMORY
-        complaints = [f"ended with {found.ended}"] if wrong else []
-        return Found(True, (*complaints, *self._complaints_afterwards()))
+        Returns:
+            Whether an allocation failed, and the findings.
+        """
+        once = self.case.first_attempt and not self.case.always_fails
+        leaks = [*self._compare_leaks(point)] if once else []
+        outcome = self._attempt(self.case, point)
+        report = self._injector.report()
+        findings = [*self._check(outcome, point, report)]
+        if not outcome.returned:
+            findings += leaks if once else self._find_leaks(point)
+        return report.failures > 0, [*findings, *self._check_import()]
 
-    def _attempt(self, case: ImportCase, point: Point) -> Outcome:
-        """The case's step with memory failing at the point."""
-        trial = self._library.trial
+    def force(self, key: str) -> list[str]:
+        """Run the step with one fallible call forced to fail; return the findings."""
+        self._injector.force(key)
+        outcome = self._attempt(self.case, NO_FAILURE)
+        self._injector.force(None)
+        findings = [] if outcome.ended == OUT_OF_MEMORY else [f"ended with {outcome.ended}"]
+        return [*findings, *self._check_import()]
+
+    def _attempt(self, case: ImportCase, point: InjectionPoint) -> Outcome:
+        call = self._injector.call
         modules = dict(sys.modules)
         try:
             with warnings.catch_warnings():
@@ -356,73 +318,77 @@ class Import:
                     spec = case.spec()
                     if case.prepare is not None:
                         case.prepare(None)
-                    return outcome(
-                        lambda: [*vars(trial(_imp.create_dynamic, (spec,), None, point))]
-                    )
-                self._bench.spoil(*case.spoils)
-                module = created(str(case.path))
+                    return run(lambda: [*vars(call(_imp.create_dynamic, (spec,), None, point))])
+                self._sandbox.break_(*case.statements)
+                module = create_module(path=case.path)
                 if case.prepare is not None:
                     case.prepare(module)
-                if case.early:
-                    early = getattr(module, case.early.name), (None,) * case.early.required
-                    return outcome(lambda: trial(*early, None, point))
-                return outcome(lambda: trial(_imp.exec_dynamic, (module,), None, point))
+                function: Any = _imp.exec_dynamic
+                arguments: tuple[Any, ...] = (module,)
+                if case.early_call:
+                    function = getattr(module, case.early_call.name)
+                    arguments = (None,) * case.early_call.required
+                return run(lambda: call(function, arguments, None, point))
         finally:
-            self._bench.repair()
-            del fake_siblings._kept[self._pointers :]  # of the spoilt set
+            self._sandbox.restore()
+            del fake_siblings._kept[self._pointers :]
             sys.modules.clear()
             sys.modules.update(modules)
 
-    def _traced(self, case: ImportCase) -> tuple[Outcome, list[int | None]]:
-        found: list[Outcome] = []
-        calls = self._library.traced(lambda: found.append(self._attempt(case, NOWHERE)))
-        return found[0], calls
+    def _trace(self, case: ImportCase) -> tuple[Outcome, list[int | None]]:
+        outcomes: list[Outcome] = []
+        calls = self._injector.trace(lambda: outcomes.append(self._attempt(case, NO_FAILURE)))
+        return outcomes[0], calls
 
-    def _complaints(self, found: Outcome, point: Point, report: Report) -> Iterator[str]:
-        ended = self._reference.ended
-        if found.same == self._reference.same or found.ended == NO_LOCK:
+    def _check(self, outcome: Outcome, point: InjectionPoint, report: Report) -> Iterator[str]:
+        expected = self._baseline.ended
+        if outcome.observed == self._baseline.observed or outcome.ended == NO_LOCK:
             return
-        if found.ended != OF_MEMORY and (found.returned or found.ended != (ended[0], "")):
-            yield f"ended with {found.ended}, not with {ended} or MemoryError"
-        # Before the first call of the execution and after its last the failure is not its own.
-        entries = found.entries.count(INIT)
-        if entries != 1 and report.site is not None and not point.lasting and self._executes:
+        without_message = (expected[0], "")
+        if outcome.ended != OUT_OF_MEMORY and (
+            outcome.returned or outcome.ended != without_message
+        ):
+            yield f"ended with {outcome.ended}, expected {expected} or MemoryError"
+        # The interpreter's own failures, before and after the execution, have no entry.
+        entries = outcome.entries.count(INIT)
+        executes = self.case.spec is None and not self.case.early_call
+        if entries != 1 and report.site != NO_SITE and not point.persistent and executes:
             yield f"left {entries} traceback entries"
 
-    def _kept_by(self, point: Point) -> int:
-        """Blocks that an attempt that fails at the point and one that goes through leave alive."""
+    def _blocks_of_attempt(self, point: InjectionPoint) -> int:
+        """Count the blocks that a failed and then a successful attempt leave alive."""
         gc.collect()
-        before = self._library.live()
+        before = self._injector.live_blocks()
         self._attempt(self.case, point)
         importlib.import_module(MODULE)
         gc.collect()
-        return self._library.live() - before
+        return self._injector.live_blocks() - before
 
-    def _kept_too_much(self, point: Point) -> Iterator[str]:
-        kept, first = (
-            self._children.result(self._kept_by, at) for at in (point, point._replace(nth=1))
+    def _compare_leaks(self, point: InjectionPoint) -> Iterator[str]:
+        """Compare the blocks with those of a failure at the first allocation."""
+        blocks, expected = (
+            self._forks.run(self._blocks_of_attempt, at) for at in (point, point._replace(nth=1))
         )
-        if kept != first:
-            yield f"left behind: {kept - first:+} memory blocks"
+        if blocks != expected:
+            yield f"leaked: {blocks - expected:+} memory blocks"
 
-    def _grown(self, point: Point) -> Iterator[str]:
-        """What the same attempt leaves behind each time."""
+    def _find_leaks(self, point: InjectionPoint) -> Iterator[str]:
+        """Repeat the attempt and count the blocks that each one leaves alive."""
         blocks = array("q", [0, 0])
-        for i in range(2 * TIMES):
+        for i in range(2 * REPEATS):
             if self._attempt(self.case, point).returned:
-                return  # an import that has gone through cannot be tried again
+                return  # a successful import cannot be repeated
             gc.collect()
-            blocks[i // TIMES] = self._library.live()
-        if each_time := round((blocks[1] - blocks[0]) / TIMES):
-            yield f"left behind: {each_time:+} memory blocks"
+            blocks[i // REPEATS] = self._injector.live_blocks()
+        if per_attempt := round((blocks[1] - blocks[0]) / REPEATS):
+            yield f"leaked: {per_attempt:+} memory blocks"
 
-    def _complaints_afterwards(self) -> Iterator[str]:
+    def _check_import(self) -> Iterator[str]:
         try:
             module: Any = importlib.import_module(MODULE)
         except Exception as error:
-            if self.case.refused and isinstance(error, ImportError):
-                return
-            yield f"afterwards the import ended with {error!r}"
+            if not (self.case.always_fails and isinstance(error, ImportError)):
+                yield f"afterwards the import ended with {error!r}"
             return
         missing = [row.name for row in FUNCTIONS if not hasattr(module, row.name)]
         if missing:
@@ -431,20 +397,19 @@ class Import:
             yield "afterwards the module does not work"
 
 
-def emptying(function: Callable[..., Any]) -> Callable[..., Any]:
-    """The function; afterwards the interpreter has no dictionaries left over to use again."""
+def collecting(function: Callable[..., Any]) -> Callable[..., Any]:
+    """Wrap a function so that it ends with a collection, which clears the free list of dicts."""
 
-    def call(*given: object) -> Any:
-        result = function(*given)
+    def call(*arguments: object) -> Any:
+        result = function(*arguments)
         gc.collect()
         return result
 
     return call
 
 
-def common(calls: list[int | None], others: list[int | None]) -> int:
-    """How many allocations at the beginning are made in the same calls."""
-    for at, (call, other) in enumerate(zip(calls, others)):
-        if call != other:
-            return max(at - 1, 0)
-    return max(min(len(calls), len(others)) - 1, 0)
+def count_common(calls: list[int | None], others: list[int | None]) -> int:
+    """Count the leading allocations, except the last, that two traces have in common."""
+    same = (call == other for call, other in zip(calls, others))
+    common = next((i for i, equal in enumerate(same) if not equal), min(len(calls), len(others)))
+    return max(common - 1, 0)

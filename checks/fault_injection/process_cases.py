@@ -1,4 +1,4 @@
-"""Cases that only a process of its own can bear: what they arrange is never taken back."""
+"""Cases that need a process of their own, because nothing undoes their preparation."""
 
 from __future__ import annotations
 
@@ -6,18 +6,19 @@ import ctypes
 import sys
 from typing import Any, Callable, NamedTuple
 
-from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, Case, Failure, Unequal, opening
+from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, CallCase
+from tests.support.doubles import Failure, UncomparableStr, failing_open
 
 
-class Arranged(NamedTuple):
-    """A case, what is done to the module before, and whether its caller is handling an exception.
+class ProcessCase(NamedTuple):
+    """A case with a preparation of the module.
 
-    The interpreter makes an exception at once where another one is being handled, and needs memory
-    for it.
+    With `handling`, the caller is handling an exception: then the interpreter normalizes a new
+    exception immediately, which allocates.
     """
 
-    case: Case
-    arrange: Callable[[Any], object] = lambda module: None
+    case: CallCase
+    prepare: Callable[[Any], object] = lambda module: None
     handling: bool = False
 
     @property
@@ -29,112 +30,121 @@ class Arranged(NamedTuple):
         return f"{self.case}{' while handling' * self.handling}"
 
 
-class Each:
-    """An argument that is made anew for each call."""
+class PerCall:
+    """An argument to create for each call."""
 
     def __init__(self, make: Callable[[], object]) -> None:
         self.make = make
 
 
-def unready(text: str) -> str:
-    """A text as old interfaces of the interpreter make it: its storage is not settled yet."""
-    make, characters = ctypes.pythonapi.PyUnicode_FromUnicode, ctypes.pythonapi.PyUnicode_AsUnicode
-    make.restype, make.argtypes = ctypes.py_object, [ctypes.c_void_p, ctypes.c_ssize_t]
-    characters.restype, characters.argtypes = ctypes.c_void_p, [ctypes.py_object]
-    made: str = make(None, len(text))
-    ctypes.memmove(characters(made), ctypes.create_unicode_buffer(text), 4 * len(text))
-    return made
+def legacy_string(text: str) -> str:
+    """Create a legacy string, which is not ready."""
+    create, buffer_of = ctypes.pythonapi.PyUnicode_FromUnicode, ctypes.pythonapi.PyUnicode_AsUnicode
+    create.restype, create.argtypes = ctypes.py_object, [ctypes.c_void_p, ctypes.c_ssize_t]
+    buffer_of.restype, buffer_of.argtypes = ctypes.c_void_p, [ctypes.py_object]
+    string: str = create(None, len(text))
+    ctypes.memmove(buffer_of(string), ctypes.create_unicode_buffer(text), 4 * len(text))
+    return string
 
 
-def made_ready(text: str) -> str:
-    """Such a text whose storage has been settled: it is not where that of other texts is."""
-    made = unready(text)
-    len(made + "more")
-    return made
+def ready_legacy_string(text: str) -> str:
+    """Create a legacy string that is ready; its data lies in a separate block."""
+    string = legacy_string(text)
+    len(string + "more")
+    return string
 
 
-def running(text: str) -> dict[str, Any]:
-    """A runner whose text is not ready."""
-    return {"get_cli_command_output": lambda command: unready(text)}
+def legacy_output(text: str) -> dict[str, Any]:
+    """Return the globals for a command runner that returns a legacy string."""
+    return {"get_cli_command_output": lambda command: legacy_string(text)}
 
 
-def hide(name: str) -> Callable[[Any], None]:
-    """Puts a key that cannot be compared in the place of a global name."""
+def break_lookup(name: str) -> Callable[[Any], None]:
+    """Return a function that replaces a global name with a key that cannot be compared."""
 
-    def hide_in(module: Any) -> None:
+    def prepare(module: Any) -> None:
         names = vars(module)
-        names[Unequal(name)] = names.pop(name)
+        names[UncomparableStr(name)] = names.pop(name)
 
-    return hide_in
-
-
-def raised_class(message: str) -> type[Exception]:
-    """What may be raised for an error: a class alone."""
-    return Failure
-
-
-def no_file(path: object, mode: str) -> None:
-    """What may be opened instead of a file."""
+    return prepare
 
 
 CASES = [
     *(
-        Arranged(Case("get_cookie_name", (1,), {}, Failure, f"{name} is hidden"), hide(name))
+        ProcessCase(
+            CallCase("get_cookie_name", (1,), {}, Failure, f"look-up of {name} fails"),
+            break_lookup(name),
+        )
         for name in ("text_", "serial_number_ascii")
     ),
     *(
-        Arranged(Case("decrypt_cookie", (bytes(size),), {}, OverflowError, "longer than a buffer"))
+        ProcessCase(CallCase("decrypt_cookie", (bytes(size),), {}, OverflowError, "too long"))
         for size in (2**31,)
-        if size < sys.maxsize  # the target has no such bytes
+        if size < sys.maxsize  # only on 64-bit platforms
     ),
-    Arranged(Case("get_system_arp_result", label="text not ready", rebound=running(ARP))),
-    Arranged(
-        Case("get_routing_table_result", ("a",), label="text not ready", rebound=running(ROUTING))
-    ),
-    Arranged(
-        Case("get_bfd_neighbor", ("c", {}), label="text not ready", rebound=running(ONE_SESSION))
-    ),
-    Arranged(
-        Case(
-            "get_routing_table_result",
-            ("a",),
-            label="text not ready, nothing to remove",
-            rebound=running(ROUTING.replace("\r", "")),
+    *(
+        ProcessCase(CallCase(function, arguments, label=label, patched=legacy_output(text)))
+        for function, arguments, label, text in (
+            ("get_system_arp_result", (), "legacy string", ARP),
+            ("get_routing_table_result", ("a",), "legacy string", ROUTING),
+            (
+                "get_routing_table_result",
+                ("a",),
+                "legacy string, nothing to remove",
+                ROUTING.replace("\r", ""),
+            ),
+            ("get_bfd_neighbor", ("c", {}), "legacy string", ONE_SESSION),
         )
     ),
     *(
-        Arranged(
-            Case(
+        ProcessCase(
+            CallCase(
                 "get_cli_command_output",
                 ("c",),
-                label=f"text {what}",
-                rebound={"text_": lambda data, charset, make=make: make("a--More--b")},
+                label=label,
+                patched={"text_": lambda data, charset, make=make: make("a--More--b")},
             )
         )
-        for what, make in [("not ready", unready), ("made ready", made_ready)]
+        for label, make in (
+            ("legacy string", legacy_string),
+            ("ready legacy string", ready_legacy_string),
+        )
     ),
-    Arranged(
-        Case(
-            "capture_sniffer_profile", ("p", Each(lambda: unready("Stop"))), label="event not ready"
+    ProcessCase(
+        CallCase(
+            "capture_sniffer_profile",
+            ("p", PerCall(lambda: legacy_string("Stop"))),
+            label="legacy string as event",
         )
     ),
     *(
-        Arranged(case, handling=True)
+        ProcessCase(case, handling=True)
         for case in (
-            Case(
+            CallCase(
                 "get_cli_command_output",
                 ("c",),
                 {},
                 Failure,
                 "no output, a class is raised",
                 cli=None,
-                rebound={"CFunctionError": raised_class},
+                patched={"CFunctionError": lambda message: Failure},
             ),
-            Case("get_token", (), {}, AttributeError, "no file", rebound={"open": no_file}),
-            Case("get_token", (), {}, Failure, "write fails", rebound={"open": opening("write")}),
-            Case("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
-            Case("get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"),
-            Case("list_bfd_neighbor", label="no output", cli=None),
+            CallCase(
+                "get_token",
+                (),
+                {},
+                AttributeError,
+                "open returns None",
+                patched={"open": lambda path, mode: None},
+            ),
+            CallCase(
+                "get_token", (), {}, Failure, "write fails", patched={"open": failing_open("write")}
+            ),
+            CallCase("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
+            CallCase(
+                "get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"
+            ),
+            CallCase("list_bfd_neighbor", label="no output", cli=None),
         )
     ),
 ]

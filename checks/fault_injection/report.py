@@ -1,139 +1,132 @@
-"""What a sweep says: how far it is, the points of each function, the fallible calls, the verdict.
+"""The printed report of a sweep.
 
-A part that finds something wrong prints it and gives a line for each; the verdict counts them.
+Each function prints a part and returns the findings in it; `print_verdict` counts them.
 """
 
 from __future__ import annotations
 
+import os
 from collections import defaultdict
-from collections.abc import Iterable
-from pathlib import Path
+from collections.abc import Iterable, Iterator
 
 from rich.console import Console
 from rich.progress import BarColumn, MofNCompleteColumn, Progress, TextColumn, TimeElapsedColumn
 from rich.table import Table
 
-from checks.fault_injection import imports
-from checks.fault_injection.call_sites import Failed, lines, unknown_calls
-from checks.fault_injection.sweep import Swept
-from tests.support.function_table import FUNCTIONS
-from tests.support.isolated import BUILD
+from checks.fault_injection.call_sites import (
+    TABLE_HEAD,
+    CallSiteCoverage,
+    find_unreviewed_calls,
+    find_unreviewed_symbols,
+)
+from checks.fault_injection.sweep import CaseResult
+from tests.support.isolated import BUILD, MODULE_PATH
 
-SHOWN = 40  # complaints; the rest is counted
-STEPS = 10  # lines of progress where there is no terminal
+MAX_FINDINGS = 40  # printed; the rest is counted
+UPDATES = 10  # lines of progress without a terminal
 
 
-def progress(console: Console, swept: Iterable[Swept], count: int) -> list[Swept]:
-    """The results as they come: a bar on a terminal, elsewhere a line for each tenth."""
-    results: list[Swept] = []
+def show_progress(
+    console: Console, results: Iterable[CaseResult], count: int
+) -> Iterator[CaseResult]:
+    """Yield the results as they arrive and show the progress."""
     columns = (
-        TextColumn("{task.description}"),
+        TextColumn("injecting failures"),
         BarColumn(),
         MofNCompleteColumn(),
-        TextColumn("{task.fields[found]}"),
+        TextColumn("{task.description}"),
         TimeElapsedColumn(),
     )
-    with Progress(*columns, console=console, disable=not console.is_terminal) as bar:
-        task = bar.add_task("failing memory", total=count, found="cases")
-        for result in swept:
-            results.append(result)
-            wrong = sum(len(result.complaints) for result in results)
-            found = f"cases, {_all_points(results)} points, {wrong} wrong"
-            bar.update(task, advance=1, found=found)
-            done = len(results)
-            if not console.is_terminal and done * STEPS // count > (done - 1) * STEPS // count:
-                console.print(f"failing memory: {done} of {count} {found}")
-    return results
+    points = findings = 0
+    with Progress(*columns, console=console, disable=not console.is_terminal) as progress:
+        task = progress.add_task("cases", total=count)
+        for done, result in enumerate(results, 1):
+            points += result.one_shot + result.persistent
+            findings += len(result.findings)
+            description = f"cases, {points} points, {findings} findings"
+            progress.update(task, advance=1, description=description)
+            if not console.is_terminal and done * UPDATES // count > (done - 1) * UPDATES // count:
+                console.print(f"injecting failures: {done} of {count} {description}")
+            yield result
 
 
-def points(console: Console, results: list[Swept], count: int) -> list[str]:
-    """The points of each function, and what is wrong at which."""
-    table = Table("function", box=None)
-    for column in ("cases", "single", "lasting", "wrong"):
-        table.add_column(column, justify="right")
-    of_function: dict[str, list[Swept]] = defaultdict(list)
+def print_points(console: Console, results: list[CaseResult], count: int) -> list[str]:
+    """Print the injection points of each function, the findings and the crashes."""
+    by_function: dict[str, list[CaseResult]] = defaultdict(list)
     for result in results:
-        of_function[result.function].append(result)
-    steps = dict.fromkeys(case.function for case in imports.CASES)
-    for function in (*steps, *(row.name for row in FUNCTIONS)):
-        if function in of_function:
-            _add_row(table, function, of_function[function])
-    table.add_section()
-    _add_row(table, "all", results)
+        by_function[result.function].append(result)
+    table = Table("function", box=None)
+    for column in ("cases", "one-shot", "persistent", "findings"):
+        table.add_column(column, justify="right")
+    for function, group in [*sorted(by_function.items()), ("all", results)]:
+        findings = sum(len(result.findings) for result in group)
+        one_shot = sum(result.one_shot for result in group)
+        persistent = sum(result.persistent for result in group)
+        table.add_row(
+            function, str(len(group)), str(one_shot), str(persistent), str(findings or "")
+        )
     console.print(table)
 
-    told = [f"{result.case}: {text}" for result in results for text in result.complaints]
+    messages = [f"{result.case}: {text}" for result in results for text in result.findings]
     if len(results) < count:
-        told.append(f"{count - len(results)} cases were not swept to their end")
-    for text in told[:SHOWN]:
+        messages.append(f"{count - len(results)} cases have no result")
+    for text in messages[:MAX_FINDINGS]:
         console.print(text, markup=False)
-    if len(told) > SHOWN:
-        console.print(f"... and {len(told) - SHOWN} more")
-    _show_deaths(console, results)
-    return told
+    if len(messages) > MAX_FINDINGS:
+        console.print(f"... and {len(messages) - MAX_FINDINGS} more")
 
-
-def _add_row(table: Table, name: str, results: list[Swept]) -> None:
-    wrong = sum(len(result.complaints) for result in results)
-    single = sum(result.single for result in results)
-    lasting = sum(result.lasting for result in results)
-    table.add_row(name, str(len(results)), str(single), str(lasting), str(wrong or ""))
-
-
-def _show_deaths(console: Console, results: list[Swept]) -> None:
     cases: dict[str, list[str]] = defaultdict(list)
     for result in results:
-        for death in result.deaths:
-            cases[str(death)].append(result.case)
-    for told, where in sorted(cases.items(), key=lambda item: -len(item[1])):
-        console.print(f"{len(where)} times, first in {where[0]}: {told}", markup=False)
+        for crash in result.crashes:
+            cases[str(crash)].append(result.case)
+    for text, names in sorted(cases.items(), key=lambda item: -len(item[1])):
+        console.print(f"{len(names)} times, first in {names[0]}: {text}", markup=False)
+    return messages
 
 
-def calls(console: Console, failed: list[Failed], strangers: list[str], whole: bool) -> list[str]:
-    """How many fallible calls were reached and failed; what of them is wrong."""
-    listing = BUILD / "faults.txt"
-    listing.write_text("".join(f"{line}\n" for line in lines(failed)))
-    rows = [entry.row for entry in failed if entry.row is not None]
+def print_call_sites(
+    console: Console, coverage: list[CallSiteCoverage], unknown: list[str], complete: bool
+) -> list[str]:
+    """Print the call-site coverage and write its table; a complete sweep must cover every call."""
+    table = BUILD / "call_sites.txt"
+    table.write_text("".join(f"{line}\n" for line in (TABLE_HEAD, *coverage)))
+    rows = [entry.row for entry in coverage if entry.row is not None]
     console.print(
-        f"fallible calls in the sources: {len(failed)}, "
-        f"reached {sum(row.reached > 0 for row in rows)}, "
-        f"failed {sum(entry.times > 0 for entry in failed)} "
-        f"({sum(row.of_memory > 0 for row in rows)} for want of memory, "
-        f"{sum(row.otherwise > 0 for row in rows)} otherwise, "
-        f"{sum(row.forced > 0 for row in rows)} by their place): "
-        f"{listing.relative_to(Path.cwd())}"
+        f"fallible calls: {len(coverage)}, reached {sum(row.reached > 0 for row in rows)}, "
+        f"failed {sum(entry.failures > 0 for entry in coverage)} "
+        f"({sum(row.oom > 0 for row in rows)} out of memory, "
+        f"{sum(row.other > 0 for row in rows)} for other reasons, "
+        f"{sum(row.forced > 0 for row in rows)} forced): {os.path.relpath(table)}"
     )
-    told = [
-        *(f"recorded, but in no source: {key}" for key in strangers),
-        *(f"neither fallible nor reviewed: {key}" for key in unknown_calls()),
+    messages = [
+        *(f"logged, but not in the sources: {key}" for key in unknown),
+        *(f"neither fallible nor reviewed: {key}" for key in find_unreviewed_calls()),
+        *(
+            f"used, neither fallible nor reviewed: {key}"
+            for key in find_unreviewed_symbols(MODULE_PATH)
+        ),
     ]
-    if whole:
-        told += [f"never failed: {entry.site.key}" for entry in failed if not entry.times]
-    for text in told:
+    if complete:
+        messages += [f"never failed: {entry.site.key}" for entry in coverage if not entry.failures]
+    for text in messages:
         console.print(text, markup=False)
-    return told
+    return messages
 
 
-def symbols(console: Console, unknown: list[str]) -> list[str]:
-    """What the built file refers to and nobody has reviewed."""
-    told = [f"referred to, neither fallible nor reviewed: {name}" for name in unknown]
-    for text in told:
-        console.print(text, markup=False)
-    return told
-
-
-def verdict(
-    console: Console, results: list[Swept], failed: list[Failed], wrong: list[str], whole: bool
+def print_verdict(
+    console: Console,
+    results: list[CaseResult],
+    coverage: list[CallSiteCoverage],
+    findings: list[str],
+    complete: bool,
 ) -> int:
-    """The last line, and the exit status."""
-    what = f"{_all_points(results)} points of {len(results)} cases"
-    if whole:
-        what += f", {sum(entry.times > 0 for entry in failed)} of {len(failed)} fallible calls"
+    """Print the last line and return the exit status."""
+    points = sum(result.one_shot + result.persistent for result in results)
+    summary = f"{points} points of {len(results)} cases, "
+    if complete:
+        failed = sum(entry.failures > 0 for entry in coverage)
+        summary += f"{failed} of {len(coverage)} fallible calls"
     else:
-        what += ", a part"
-    console.print(f"faults: {what}: {f'{len(wrong)} WRONG' if wrong else 'nothing wrong'}")
-    return 1 if wrong else 0
-
-
-def _all_points(results: list[Swept]) -> int:
-    return sum(result.single + result.lasting for result in results)
+        summary += "a partial sweep"
+    console.print(f"fault-injection: {summary}: {len(findings)} findings")
+    return 1 if findings else 0

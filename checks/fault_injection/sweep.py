@@ -1,4 +1,4 @@
-"""The points of a case: each allocation that it makes, and a child process in which it fails."""
+"""The sweep of a case: a child process for each allocation to fail and each forced failure."""
 
 from __future__ import annotations
 
@@ -6,103 +6,108 @@ import tempfile
 from collections.abc import Iterable
 from contextlib import ExitStack
 from dataclasses import dataclass, field
-from typing import Protocol, Union
+from typing import Any, Callable, Protocol, TypeVar, Union
 
+from checks.fault_injection.call_sites import FORCED_FAILURES
 from checks.fault_injection.call_subject import CallSubject
-from checks.fault_injection.crashes import Death
-from checks.fault_injection.forced_failures import FORCED
-from checks.fault_injection.forks import Children, DiedError
-from checks.fault_injection.imports import Import, ImportCase
-from checks.fault_injection.libfaults import Library, Point
-from checks.fault_injection.process_cases import Arranged
-from checks.fault_injection.results import Found
-from tests.support.call_cases import Case
+from checks.fault_injection.forks import Crash, CrashError, ForkRunner
+from checks.fault_injection.imports import ImportCase, ImportSubject
+from checks.fault_injection.libfaults import FaultInjector, InjectionPoint
+from checks.fault_injection.process_cases import ProcessCase
+from tests.support.call_cases import CallCase
 from veldarin_simulator import Simulator
 
-AnyCase = Union[Case, Arranged, ImportCase]
-# Calls that make nothing: their result is one of the interpreter's two truths.
-NEEDING_NO_MEMORY = {
+AnyCase = Union[CallCase, ProcessCase, ImportCase]
+Result = TypeVar("Result")
+
+# Calls that allocate nothing: they return True or False.
+WITHOUT_ALLOCATIONS = {
     "check_cert_expiration-(b'/certificate',)",
     "check_cert_expiration-expired",
 }
-DEATHS = 5  # of a case, after which nobody needs to know more
+MAX_CRASHES = 5  # in a row, after which the sweep of a failure mode ends
 
 
 class Subject(Protocol):
-    """A case in this process."""
+    """A case prepared in this process; `inject` and `force` run in forks of it."""
 
-    def starts(self) -> Iterable[Point]:
-        """The first points of each way to fail; the others follow them."""
+    def first_points(self) -> Iterable[InjectionPoint]:
+        """Yield the first injection point of each failure mode and allocator."""
 
-    def examine(self, point: Point) -> Found:
-        """What is found at the point; in a process for this point only."""
+    def inject(self, point: InjectionPoint) -> tuple[bool, list[str]]:
+        """Return whether an allocation failed, and the findings."""
 
-    def force(self, key: str) -> Found:
-        """What is found when a fallible call is made to fail; in a process for this only."""
+    def force(self, key: str) -> list[str]:
+        """Return the findings with a fallible call forced to fail."""
 
 
 @dataclass
-class Swept:
-    """What became of a case: how many points it has, and what was wrong at which."""
+class CaseResult:
+    """The number of injection points of a case, and the findings."""
 
     case: str
     function: str
-    single: int = 0  # points of single failures
-    lasting: int = 0  # and of lasting ones
-    complaints: list[str] = field(default_factory=list)
-    deaths: list[Death] = field(default_factory=list)  # each of them is a complaint, too
+    one_shot: int = 0
+    persistent: int = 0
+    findings: list[str] = field(default_factory=list)
+    crashes: list[Crash] = field(default_factory=list)  # each of them is a finding, too
 
 
-def sweep(library: Library, case: AnyCase, orderly: bool, single: bool = False) -> Swept:
-    """All points of a case, or those of single failures alone.
+def sweep(
+    injector: FaultInjector, case: AnyCase, run_atexit: bool, one_shot: bool = False
+) -> CaseResult:
+    """Sweep all injection points of a case, or only the one-shot failures.
 
-    The case stays set up in this process: the process is for this case only.
+    The process must not be used for another case.
     """
-    swept = Swept(str(case), case.function)
-    with tempfile.TemporaryFile() as errors, ExitStack() as ending:
-        children = Children(errors, orderly)
-        library.tell_deaths()
+    result = CaseResult(str(case), case.function)
+    with tempfile.TemporaryFile() as stderr, ExitStack() as stack:
+        forks = ForkRunner(stderr, run_atexit)
+        injector.install_crash_handler()
         subject: Subject
         if isinstance(case, ImportCase):
-            subject = Import(library, case, children)
+            subject = ImportSubject(injector, case, forks)
         else:
-            arranged = case if isinstance(case, Arranged) else Arranged(case)
-            subject = CallSubject(library, arranged, ending.enter_context(Simulator(live=False)))
-        for start in subject.starts():
-            if not (single and start.lasting):
-                _sweep(subject, start, children, swept)
-        needed = swept.single > 0 and (single or swept.lasting > 0)
-        if needed == (swept.case in NEEDING_NO_MEMORY):
-            swept.complaints.append(f"{'an' if needed else 'no'} allocation was made to fail")
-        for row in FORCED:
-            if row.case == str(case) and library.records:
-                _force(subject, library.key(row.call), children, swept)
-    return swept
+            process_case = case if isinstance(case, ProcessCase) else ProcessCase(case)
+            simulator = stack.enter_context(Simulator(live=False))
+            subject = CallSubject(injector, process_case, simulator)
+        for point in subject.first_points():
+            if not (one_shot and point.persistent):
+                _sweep_from(subject, point, forks, result)
+        swept = result.one_shot > 0 and (one_shot or result.persistent > 0)
+        if swept == (result.case in WITHOUT_ALLOCATIONS):
+            result.findings.append(f"{'an' if swept else 'no'} allocation failed")
+        for row in FORCED_FAILURES:
+            if row.case == str(case) and injector.has_log():
+                key = injector.find_key(row.call)
+                findings: list[str] = _run(forks, result, subject.force, key) or []
+                result.findings += [f"{key} forced to fail: {finding}" for finding in findings]
+    return result
 
 
-def _sweep(subject: Subject, point: Point, children: Children, swept: Swept) -> None:
-    """Goes on from a point until no allocation is left to fail."""
-    deaths = 0
-    found = Found(True)
-    while found.fired and deaths < DEATHS:
-        try:
-            found = children.result(subject.examine, point)
-        except DiedError as died:
-            found = Found(True, (str(died),))
-            swept.deaths.append(died.death)
-            deaths += 1
-        swept.complaints += [f"{point}: {complaint}" for complaint in found.complaints]
-        swept.lasting += found.fired and point.lasting
-        swept.single += found.fired and not point.lasting
+def _sweep_from(
+    subject: Subject, point: InjectionPoint, forks: ForkRunner, result: CaseResult
+) -> None:
+    """Sweep from a point on until no allocation is left to fail."""
+    crashes = len(result.crashes)
+    triggered = True
+    while triggered and len(result.crashes) < crashes + MAX_CRASHES:
+        triggered, findings = _run(forks, result, subject.inject, point) or (True, [])
+        result.findings += [f"{point}: {finding}" for finding in findings]
+        result.persistent += triggered and point.persistent
+        result.one_shot += triggered and not point.persistent
         point = point.next
-    if found.fired:
-        swept.complaints.append(f"{point} and what follows: not swept after {DEATHS} deaths")
+    if triggered:
+        result.findings.append(f"{point} and later: not swept after {MAX_CRASHES} crashes")
 
 
-def _force(subject: Subject, key: str, children: Children, swept: Swept) -> None:
+def _run(
+    forks: ForkRunner, result: CaseResult, function: Callable[[Any], Result], argument: object
+) -> Result | None:
+    """Call a function in a fork; add a crash to the result."""
     try:
-        complaints = children.result(subject.force, key).complaints
-    except DiedError as died:
-        complaints = (str(died),)
-        swept.deaths.append(died.death)
-    swept.complaints += [f"{key} made to fail: {complaint}" for complaint in complaints]
+        return forks.run(function, argument)
+    except CrashError as error:
+        result.crashes.append(error.crash)
+        result.findings.append(f"{argument}: {error}")
+        return None

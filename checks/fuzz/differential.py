@@ -1,115 +1,105 @@
-"""One input given to the native module and to its twin in plain Python: they must agree on the
-value, its types and the order of its keys, or the type and text of the exception; on the log lines,
-the commands, and the sessions left behind; and the appliance gets every buffer back."""
+"""Compare the module with the reference model on one input.
+
+Both must agree on the value, its types and the order of keys, or on the type and message of the
+exception; on log lines, commands and the sessions in `list_bfd`. The module must free every buffer.
+"""
 
 from __future__ import annotations
 
-from types import TracebackType
+from contextlib import ExitStack
 from typing import Any
 
-from checks.fuzz.input_format import Sample, read
+from checks.fuzz.input_format import Sample, decode
 from tests.support import reference
-from tests.support.assertions import taken_apart
+from tests.support.assertions import with_types
 from veldarin_simulator import Simulator
 
 
 class Log:
-    """A logger that keeps its lines."""
+    """A logger that stores its lines with their levels."""
 
     def __init__(self) -> None:
         self.lines: list[tuple[str, object]] = []
-
-    def debug(self, text: object) -> None:
-        """Keeps a line."""
-        self.lines.append(("debug", text))
-
-    def error(self, text: object) -> None:
-        """Keeps a line of another level."""
-        self.lines.append(("error", text))
+        self.debug = lambda text: self.lines.append(("debug", text))
+        self.error = lambda text: self.lines.append(("error", text))
 
 
-class Side:
-    """The module or the twin, with what it is given and what it does."""
+class Implementation:
+    """The module or the reference model, its input and its observable effects."""
 
     def __init__(self, parser: Any) -> None:
         self.parser = parser
-        self._before = {name: getattr(parser, name) for name in ("_logger", "_CHARSET")}
+        self._saved = {name: getattr(parser, name) for name in ("_logger", "_CHARSET")}
         self.log = parser._logger = Log()
         self.outputs: list[bytes | None] = [b""]
         self.commands: list[bytes] = []
-        # The one of all calls without `list_bfd`; a text without sessions gives it as it is.
-        self.shared: dict[str, Any] = {}
+        self.shared_sessions: dict[str, Any] = {}  # the default of `list_bfd`
 
-    def run(self, command: bytes) -> bytes | None:
-        """Stands in for the appliance's command line."""
+    def run_command(self, command: bytes) -> bytes | None:
+        """Return the next output."""
         self.commands.append(command)
         return self.outputs[(len(self.commands) - 1) % len(self.outputs)]
 
-    def share(self) -> None:
-        """Gets hold of the shared sessions, once commands are answered."""
-        self.shared = self.parser.get_bfd_neighbor("")
+    def find_shared_sessions(self) -> None:
+        """Get the default of `list_bfd`, which an output without sessions returns."""
+        self.shared_sessions = self.parser.get_bfd_neighbor("")
 
     def restore(self) -> None:
-        """The parser as it was."""
-        self.shared.clear()
-        for name, value in self._before.items():
+        """Restore the globals."""
+        self.shared_sessions.clear()
+        for name, value in self._saved.items():
             setattr(self.parser, name, value)
 
     def outcome(self, sample: Sample) -> list[object]:
-        """All that can be seen of a call."""
+        """Call the function and return everything observable."""
         self.parser._CHARSET = sample.charset
         self.outputs = sample.outputs
-        for kept in (self.commands, self.log.lines, self.shared):
-            kept.clear()
+        for container in (self.commands, self.log.lines, self.shared_sessions):
+            container.clear()
         try:
-            ended: object = taken_apart(self._call(sample))
+            ended: object = with_types(self._call(sample))
         except Exception as error:
             ended = type(error).__name__, str(error)
-        return [ended, self.commands[:], self.log.lines[:], taken_apart(self.shared)]
+        return [ended, self.commands[:], self.log.lines[:], with_types(self.shared_sessions)]
 
     def _call(self, sample: Sample) -> object:
         function = getattr(self.parser, sample.function)
         if sample.function in ("get_routing_table_result", "get_cli_command_output"):
             return function(sample.argument)
         if sample.function == "get_bfd_neighbor":
-            # One command after the other into the same sessions, as the listing has it.
+            # Collects the sessions of several outputs, as list_bfd_neighbor does.
             sessions: dict[str, Any] = {}
-            given = [function("command", sessions) for _output in sample.outputs]
-            return [sessions, [each is sessions for each in given]]
+            results = [function("command", sessions) for _output in sample.outputs]
+            return [sessions, [result is sessions for result in results]]
         return function()
 
 
-class Comparison:
-    """The module and the twin on one appliance, until the context is left."""
+class Comparison(ExitStack):
+    """The module and the reference model on one simulator; a context manager."""
 
     def __enter__(self) -> Comparison:
-        self.simulator = Simulator(live=False).__enter__()
-        self.ours, self.theirs = Side(self.simulator.module), Side(reference)
-        self._runner = reference.run
-        self.simulator.set_reply("get_cli_cmd_output", self.ours.run)
-        reference.run = self.theirs.run
-        self.ours.share()
-        self.theirs.share()
+        self.simulator = self.enter_context(Simulator(live=False))
+        self.actual = Implementation(self.simulator.module)
+        self.expected = Implementation(reference)
+        self.callback(setattr, reference, "run", reference.run)
+        self.simulator.set_reply("get_cli_cmd_output", self.actual.run_command)
+        reference.run = self.expected.run_command
+        for implementation in (self.actual, self.expected):
+            implementation.find_shared_sessions()
+            self.callback(implementation.restore)
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        traceback: TracebackType | None,
-    ) -> None:
-        reference.run = self._runner
-        self.ours.restore()
-        self.theirs.restore()
-        self.simulator.__exit__(kind, error, traceback)
-
     def check(self, data: bytes) -> None:
-        """`AssertionError`: they disagree, or a buffer is not freed."""
-        sample = read(data)
-        ours, theirs = self.ours.outcome(sample), self.theirs.outcome(sample)
-        if ours != theirs:
-            raise AssertionError(f"{sample}\nthe module: {ours}\nthe twin:   {theirs}")
-        counts = self.simulator.live_objects
-        if counts.text_buffers or counts.json_objects:
-            raise AssertionError(f"{sample}\nnot freed: {counts}")
+        """Check one input.
+
+        Raises:
+            AssertionError: The outcomes differ, or the module leaked a native object.
+        """
+        sample = decode(data)
+        actual, expected = self.actual.outcome(sample), self.expected.outcome(sample)
+        if actual != expected:
+            raise AssertionError(f"{sample}\nactual:   {actual}\nexpected: {expected}")
+        live = self.simulator.live_objects
+        if live.text_buffers or live.json_objects:
+            raise AssertionError(f"{sample}\nnot freed: {live}")
         self.simulator.clear_calls()

@@ -1,10 +1,9 @@
-"""What the bytes of an input mean: a function, its argument, and what the appliance prints.
+"""The format of an input: a function, its argument, and the output of the command line.
 
-The first byte is a letter of `FUNCTIONS`: a capital has the texts in UTF-8, a small one in the
-character set of characters.py. The rest is in pieces with 0xFF, which no UTF-8 has, between them:
-the argument, for a function that takes one, and what each command prints in turn, from the
-beginning again when the pieces run out. A piece that is the one byte 0xFE stands for `None`, or
-for a command line that hands back nothing.
+The first byte is a letter of `FUNCTIONS`: upper case for UTF-8, lower case for the tricky codec.
+0xFF, which UTF-8 never contains, separates the fields after it: the argument, if the function takes
+one, and the outputs of the commands, which repeat when they run out. A field 0xFE is `None`: a null
+argument, or a command without output.
 """
 
 from __future__ import annotations
@@ -13,7 +12,7 @@ from typing import NamedTuple
 
 from checks.fuzz import tricky_codec
 
-# By letter; and whether the first piece is an argument.
+# The letter's function, and whether the first field is its argument.
 FUNCTIONS = {
     b"A": ("get_system_arp_result", False),
     b"R": ("get_routing_table_result", True),
@@ -22,12 +21,12 @@ FUNCTIONS = {
     b"C": ("get_cli_command_output", True),
 }
 _LETTERS = b"".join(FUNCTIONS) + b"".join(FUNCTIONS).lower()
-_BETWEEN = b"\xff"
-_NOTHING = b"\xfe"
+_SEPARATOR = b"\xff"
+_NONE = b"\xfe"
 
 
 class Sample(NamedTuple):
-    """An input, read."""
+    """A decoded input."""
 
     function: str
     charset: str
@@ -35,18 +34,18 @@ class Sample(NamedTuple):
     outputs: list[bytes | None]
 
 
-def read(data: bytes) -> Sample:
-    """The meaning of any bytes."""
+def decode(data: bytes) -> Sample:
+    """Decode an input; every byte string is valid."""
     first = data[0] if data else 0
     letter = bytes([first if first in _LETTERS else _LETTERS[first % len(_LETTERS)]])
     function, has_argument = FUNCTIONS[letter.upper()]
     charset = "utf-8" if letter.isupper() else tricky_codec.NAME
-    pieces = [None if piece == _NOTHING else piece for piece in data[1:].split(_BETWEEN)]
-    given = pieces.pop(0) if has_argument else b""
-    argument = None if given is None else given.decode(charset, "surrogateescape")
-    return Sample(function, charset, argument, pieces or [b""])
+    fields = [None if field == _NONE else field for field in data[1:].split(_SEPARATOR)]
+    encoded = fields.pop(0) if has_argument else b""
+    argument = None if encoded is None else encoded.decode(charset, "surrogateescape")
+    return Sample(function, charset, argument, fields or [b""])
 
 
-def written(letter: bytes, *pieces: bytes | None) -> bytes:
-    """The bytes of an input."""
-    return letter + _BETWEEN.join(_NOTHING if piece is None else piece for piece in pieces)
+def encode(letter: bytes, *fields: bytes | None) -> bytes:
+    """Encode an input."""
+    return letter + _SEPARATOR.join(_NONE if field is None else field for field in fields)

@@ -1,22 +1,24 @@
-"""The fuzzer's targets, side by side for a while, each with a log, a growing corpus and a folder
-for what it finds."""
+"""Run the fuzz targets, and parse their logs and coverage profiles."""
 
 from __future__ import annotations
 
+import json
 import os
+import re
 import shutil
 import subprocess
 import time
 from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
+from typing import NamedTuple
 
 from checks.fuzz import seeds
 from tests.support import isolated
 from tests.support.isolated import ROOT
 
 BUILD = ROOT / "build" / "fuzz"
-PRODUCT = BUILD / isolated.PRODUCT.relative_to(isolated.BUILD)
+MODULE = BUILD / isolated.MODULE_PATH.relative_to(isolated.BUILD)
 HERE = ROOT / "checks" / "fuzz"
 PROFILES = BUILD / "profiles"
 ENVIRONMENT = {
@@ -24,48 +26,46 @@ ENVIRONMENT = {
     "MODULES_UTIL_BUILD": "build/fuzz",
     "PYTHONPATH": str(ROOT),
     "PYTHONWARNINGS": "ignore",
-    "PYTHONMALLOC": "malloc",  # every block is the sanitizer's own
+    "PYTHONMALLOC": "malloc",  # lets the sanitizer check every block
     "UBSAN_OPTIONS": "print_stacktrace=1",
     "LLVM_PROFILE_FILE": str(PROFILES / "%p.profraw"),
 }
 
 
+PARSER_SOURCES = (
+    "cli.cpp parsers/arp_table.cpp parsers/bfd_neighbor.cpp parsers/routing_table.cpp "
+    "text/scan.cpp text/string_cache.cpp text/utf8_text.cpp"
+).split()
+MAX_LINES = 12  # shown of a finding; the log has the rest
+
+
 @dataclass
 class Target:
-    """One target: how long its inputs get, and what they are made of."""
+    """A fuzz target, the maximum length of its inputs, and its dictionary."""
 
     name: str
-    longest: int
+    max_len: int
     dictionary: Path | None = None
 
-    @property
-    def grown(self) -> Path:
-        """The inputs that reached something new, kept from run to run."""
-        return BUILD / "corpus" / self.name
+    def __post_init__(self) -> None:
+        self.grown = BUILD / "corpus" / self.name  # kept from run to run
+        self.artifacts = BUILD / "artifacts" / self.name
+        self.corpus = HERE / "corpus" / self.name  # of the tests
+        self.crashes = HERE / "crashes" / self.name  # likewise
+        self.seeds = BUILD / "seeds" / self.name
 
     @property
-    def artifacts(self) -> Path:
-        """Where the fuzzer writes what it finds."""
-        return BUILD / "artifacts" / self.name
-
-    @property
-    def found(self) -> Path:
-        """Where the tests go through what it found."""
-        return HERE / "crashes" / self.name
-
-    @property
-    def begins_with(self) -> list[Path]:
-        """Seeds, and what the tests go through."""
-        return [BUILD / "seeds" / self.name, HERE / "corpus" / self.name, self.found]
+    def folders(self) -> list[Path]:
+        """The folders with inputs; libFuzzer writes new ones to the first."""
+        return [self.grown, self.seeds, self.corpus, self.crashes]
 
     def command(self, *options: str, folders: list[Path]) -> list[str]:
-        """The fuzzer's command line; into the first of the folders goes what is new."""
-        dictionary = [f"-dict={self.dictionary}"] if self.dictionary else []
+        """Return libFuzzer's command line."""
         return [
             str(BUILD / f"fuzz_{self.name}"),
-            f"-max_len={self.longest}",
+            f"-max_len={self.max_len}",
             f"-artifact_prefix={self.artifacts}/",
-            *dictionary,
+            *([f"-dict={self.dictionary}"] if self.dictionary else []),
             *options,
             *map(str, folders),
         ]
@@ -77,51 +77,41 @@ TEXT = Target("text", 256)
 
 @dataclass
 class Run:
-    """A target at work, and afterwards."""
+    """A running or finished target."""
 
     target: Target
     log: Path
     process: subprocess.Popen[bytes]
-    stopped: bool = False  # by us, before it was done
+    stopped: bool = False  # before it was done
+
+    def read_log(self, tail: int | None = None) -> str:
+        """Read the log, or the last bytes of it."""
+        return self.log.read_bytes()[-tail if tail else None :].decode(errors="replace")
 
     @property
-    def text(self) -> str:
-        """All that the fuzzer has printed."""
-        return self.log.read_text(errors="replace")
-
-    @property
-    def latest(self) -> str:
-        """The end of it."""
-        with self.log.open("rb") as log:
-            log.seek(max(0, self.log.stat().st_size - 4096))
-            return log.read().decode(errors="replace")
-
-    @property
-    def failed(self) -> bool:
-        """It ended with a finding, or could not begin."""
+    def has_finding(self) -> bool:
+        """Whether it ended with a finding, or could not start."""
         return not self.stopped and self.process.poll() not in (None, 0)
 
 
 def prepare() -> None:
-    """Fresh seeds, the folders there, and nothing of an earlier run but what it learnt."""
+    """Remove the results of earlier runs, except the grown corpora, and write the seeds."""
     for folder in (BUILD / "seeds", BUILD / "artifacts", PROFILES):
         shutil.rmtree(folder, ignore_errors=True)
     for target in (PARSERS, TEXT):
-        for folder in (target.grown, target.artifacts, *target.begins_with):
+        for folder in (target.artifacts, *target.folders):
             folder.mkdir(parents=True, exist_ok=True)
-    seeds.write(BUILD / "seeds" / PARSERS.name)
+    seeds.write(PARSERS.seeds)
 
 
-def sees_leaks() -> bool:
-    """Looking for leaks is possible here: the sanitizer has to trace its own process for that."""
-    tried = subprocess.run(
-        TEXT.command("-runs=1", folders=[]), env=ENVIRONMENT, capture_output=True
-    )
-    return tried.returncode == 0
+def can_detect_leaks() -> bool:
+    """Try whether LeakSanitizer, which traces its own process, works here."""
+    command = TEXT.command("-runs=1", folders=[])
+    return subprocess.run(command, env=ENVIRONMENT, capture_output=True).returncode == 0
 
 
-def started(seconds: int, leaks: bool) -> list[Run]:
-    """The text layer on one processor, the parsers on each other one."""
+def start(seconds: int, leaks: bool) -> list[Run]:
+    """Start the text target on one processor and the parser target on each other one."""
     workers = max(1, len(os.sched_getaffinity(0)) - 1)
     runs = []
     for number, target in enumerate([*[PARSERS] * workers, TEXT]):
@@ -129,7 +119,7 @@ def started(seconds: int, leaks: bool) -> list[Run]:
         options = [f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1"]
         with log.open("wb") as out:
             process = subprocess.Popen(
-                target.command(*options, folders=[target.grown, *target.begins_with]),
+                target.command(*options, folders=target.folders),
                 stdin=subprocess.DEVNULL,
                 stdout=out,
                 stderr=subprocess.STDOUT,
@@ -140,16 +130,16 @@ def started(seconds: int, leaks: bool) -> list[Run]:
     return runs
 
 
-def ticks(runs: list[Run], seconds: int) -> Iterator[float]:
-    """The seconds gone by while the targets run; the first finding ends them all."""
-    begun = time.monotonic()
-    patience = seconds + 60  # a fuzzer that does not keep its time
+def wait(runs: list[Run], seconds: int) -> Iterator[float]:
+    """Yield the elapsed time until all targets end; the first finding stops the others."""
+    begin = time.monotonic()
+    grace = 60  # for a target that exceeds its time limit
     try:
         while any(run.process.poll() is None for run in runs):
-            gone = time.monotonic() - begun
-            if any(run.failed for run in runs) or gone > patience:
+            elapsed = time.monotonic() - begin
+            if any(run.has_finding for run in runs) or elapsed > seconds + grace:
                 break
-            yield gone
+            yield elapsed
             time.sleep(0.5)
     finally:
         for run in runs:
@@ -160,25 +150,79 @@ def ticks(runs: list[Run], seconds: int) -> Iterator[float]:
             run.process.wait()
 
 
-def kept(run: Run) -> list[Path]:
-    """Copies of what the run found where the tests go through it."""
+def save_crashes(run: Run) -> list[Path]:
+    """Copy the inputs of the findings to the folder that the tests read."""
     files = [file for file in run.target.artifacts.iterdir() if not file.name.startswith("slow")]
-    return [Path(shutil.copy(file, run.target.found)) for file in files]
+    return [Path(shutil.copy(file, run.target.crashes)) for file in files]
 
 
-def collect() -> list[Path]:
-    """The fewest known inputs that reach every edge reached, as the corpus of the tests."""
-    return [file for target in (PARSERS, TEXT) for file in _collected(target)]
+def minimize_corpus() -> list[Path]:
+    """Replace the tests' corpora with the fewest known inputs that reach every known edge."""
+    for target in (PARSERS, TEXT):
+        merged = BUILD / "merged" / target.name
+        shutil.rmtree(merged, ignore_errors=True)
+        merged.mkdir(parents=True)
+        options = ("-merge=1", "-use_counters=0")
+        command = target.command(*options, folders=[merged, *target.folders])
+        subprocess.run(command, cwd=ROOT, env=ENVIRONMENT, check=True, capture_output=True)
+        shutil.rmtree(target.corpus)
+        shutil.copytree(merged, target.corpus)
+    return [file for target in (PARSERS, TEXT) for file in sorted(target.corpus.iterdir())]
 
 
-def _collected(target: Target) -> list[Path]:
-    corpus = HERE / "corpus" / target.name
-    fewest = BUILD / "fewest" / target.name
-    shutil.rmtree(fewest, ignore_errors=True)
-    fewest.mkdir(parents=True)
-    folders = [fewest, target.grown, *target.begins_with]
-    merge = target.command("-merge=1", "-use_counters=0", folders=folders)
-    subprocess.run(merge, cwd=ROOT, env=ENVIRONMENT, check=True, capture_output=True)
-    shutil.rmtree(corpus)
-    shutil.copytree(fewest, corpus)
-    return sorted(corpus.iterdir())
+class Stats(NamedTuple):
+    """libFuzzer's statistics."""
+
+    runs: int
+    speed: int  # runs per second
+    edges: int
+    features: int  # edges, distinguished by how often they were taken
+
+
+def parse_stats(log: str) -> Stats:
+    """Parse the latest statistics in a log."""
+    patterns = (
+        r"^stat::number_of_executed_units:\s+(\d+)",
+        r"^stat::average_exec_per_sec:\s+(\d+)",
+        r"\bcov: (\d+)",
+        r"\bft: (\d+)",
+    )
+    found = (re.findall(pattern, log, re.MULTILINE) for pattern in patterns)
+    return Stats(*(int(numbers[-1]) if numbers else 0 for numbers in found))
+
+
+def extract_finding(log: str) -> list[str]:
+    """Extract the difference, or the sanitizer's report without foreign frames, from a log."""
+    lines = [
+        re.sub(r" \(BuildId: \w+\)| in \(anonymous namespace\)", "", line)
+        for line in log.splitlines()
+    ]
+    start = r"^AssertionError|: runtime error: |ERROR: |Fatal Python error"
+    first = next(
+        (i for i, line in enumerate(lines) if re.search(start, line)), len(lines) - MAX_LINES
+    )
+    foreign = r"^$|^\s+#\d+ .* in (fuzzer::|__|raise|abort|main|_start)|^\s+#\d+ \S+  \(|^NOTE"
+    report = [line for line in lines[first:] if not re.search(foreign, line)]
+    end = r"^SUMMARY|libFuzzer: |^stat::|^MS: "
+    last = next((i for i, line in enumerate(report) if i and re.search(end, line)), len(report))
+    return report[: min(last, MAX_LINES)]
+
+
+def line_coverage() -> dict[str, tuple[int, int]]:
+    """Return the lines covered and all lines of each source of the parsers."""
+    profiles = list(PROFILES.glob("*.profraw"))
+    merged = PROFILES / "merged.profdata"
+    _run_tool("llvm-profdata", "merge", "-o", merged, *profiles)
+    exported = _run_tool("llvm-cov", "export", "-summary-only", f"-instr-profile={merged}", MODULE)
+    lines = {
+        file["filename"].rpartition("veldarin/modules/")[2]: file["summary"]["lines"]
+        for file in json.loads(exported)["data"][0]["files"]
+    }
+    return {file: (lines[file]["covered"], lines[file]["count"]) for file in PARSER_SOURCES}
+
+
+def _run_tool(program: str, *arguments: str | Path) -> str:
+    path = subprocess.run(
+        ["clang", f"-print-prog-name={program}"], capture_output=True, text=True, check=True
+    ).stdout.strip()
+    return subprocess.run([path, *arguments], capture_output=True, text=True, check=True).stdout

@@ -1,9 +1,8 @@
-"""What is counted while the calls go on, and the rule by which it is flat.
+"""The metrics that must not grow, their samples, and the limits.
 
-Of each count the median of the second quarter of the run is taken, and that of the last: half of
-the calls lie between. The first quarter is left out, in which caches fill. Flat is what has grown
-by no more than its limit. That for blocks, objects and references is two fifths of the calls that a
-single case gets in that time: what any one case leaves behind at each call is seen.
+The growth of a metric is the difference of its medians in the second and the last quarter of a run;
+half of the calls lie between. The first quarter fills caches. The default limit is 0.4 per call of
+a case in that time, so that a leak of one object per call in any single case shows.
 """
 
 from __future__ import annotations
@@ -19,72 +18,76 @@ from typing import NamedTuple
 from veldarin_simulator import Simulator
 
 
-class Count(NamedTuple):
-    """A count: its name, the head of its column, and by how much it may have grown; `None`: by the
-    rule."""
+class Metric(NamedTuple):
+    """A metric, the head of its column, and the limit of its growth if it is not the default."""
 
     name: str
     short: str
     limit: float | None = None
 
 
-COUNTS = (
-    Count("resident memory, MiB", "MiB", 1.0),
-    Count("allocated blocks", "blocks"),
-    Count("objects of the collector", "objects"),
-    Count("references to living objects", "references"),
-    Count("json-c objects", "json-c", 0),
-    Count("text buffers", "buffers", 0),
+METRICS = (
+    Metric("resident memory, MiB", "MiB", 1.0),
+    Metric("allocated blocks", "blocks"),
+    Metric("collectable objects", "objects"),
+    Metric("references to permanent objects", "references"),
+    Metric("json-c objects", "json-c", 0),
+    Metric("text buffers", "buffers", 0),
 )
 
 
-class Record:
-    """The counts after each round. It is as large from the beginning as at the end, since it is
-    among what is counted."""
+class Samples:
+    """A sample of every metric after each round.
+
+    The arrays have their final size from the start, because their memory is measured, too.
+    """
 
     def __init__(self, rounds: int) -> None:
         self.calls = array("d", [0.0] * rounds)
-        self.counts = [array("d", [0.0] * rounds) for _count in COUNTS]
+        self.values = [array("d", [0.0] * rounds) for _metric in METRICS]
 
-    def take(self, number: int, calls: int, simulator: Simulator, watched: list[object]) -> None:
-        """The counts of now, without what only waits to be collected."""
+    def take(self, number: int, calls: int, simulator: Simulator, tracked: list[object]) -> None:
+        """Collect garbage and take a sample."""
         gc.collect()
         resident = int(Path("/proc/self/statm").read_text().split()[1]) * resource.getpagesize()
-        alive = simulator.live_objects
+        live = simulator.live_objects
         self.calls[number] = calls
-        counts = (
+        sample = (
             resident / 2**20,
             sys.getallocatedblocks(),
             len(gc.get_objects()),
-            sum(map(sys.getrefcount, watched)),
-            alive.json_objects,
-            alive.text_buffers,
+            sum(map(sys.getrefcount, tracked)),
+            live.json_objects,
+            live.text_buffers,
         )
-        for values, count in zip(self.counts, counts):
-            values[number] = count
+        for values, value in zip(self.values, sample):
+            values[number] = value
 
 
 class Growth(NamedTuple):
-    """What became of a count from the second quarter to the last."""
+    """The growth of a metric from the second quarter to the last."""
 
-    of: Count
+    metric: Metric
     before: float
     after: float
     limit: float
 
     @property
-    def flat(self) -> bool:
-        """It has grown by no more than its limit."""
+    def is_flat(self) -> bool:
+        """Whether the growth is within the limit."""
         return self.after - self.before <= self.limit
 
 
-def growths(record: Record, cases: int) -> list[Growth]:
-    """Every count by the rule."""
-    quarter = len(record.calls) // 4
-    calls_of_a_case = record.calls[-1] / cases / 2
-    found = []
-    for count, values in zip(COUNTS, record.counts):
-        before, after = median(values[quarter : 2 * quarter]), median(values[-quarter:])
-        limit = 0.4 * calls_of_a_case if count.limit is None else count.limit
-        found.append(Growth(count, before, after, limit))
-    return found
+def measure_growth(samples: Samples, cases: int) -> list[Growth]:
+    """Measure the growth of every metric."""
+    quarter = len(samples.calls) // 4
+    calls_per_case = samples.calls[-1] / cases / 2
+    return [
+        Growth(
+            metric,
+            median(values[quarter : 2 * quarter]),
+            median(values[-quarter:]),
+            0.4 * calls_per_case if metric.limit is None else metric.limit,
+        )
+        for metric, values in zip(METRICS, samples.values)
+    ]

@@ -1,8 +1,7 @@
-"""The cases of tests/support/call_cases.py on one device, from many threads at once.
+"""The cases of tests/support/call_cases.py, called from many threads at once.
 
-A case prepares the device and rebinds names of the module. What the device answers is looked up by
-thread, so that cases run side by side whatever they prepare; names of the module are everybody's,
-so cases that rebind the same run together, and the others before or after.
+The simulator's replies depend on the thread, so that cases run side by side. Globals of the module
+are shared: cases that patch the same globals form a group, and the groups run one after the other.
 """
 
 from __future__ import annotations
@@ -14,101 +13,97 @@ from concurrent.futures import ThreadPoolExecutor
 from contextlib import contextmanager
 from typing import Any
 
-from tests.support.call_cases import CASES, GONE, Case, Step
-from tests.support.query_cases import ROWS
+from tests.support.call_cases import CASES, DELETED, CallCase
+from tests.support.doubles import FailNth
+from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 
 
-def groups() -> list[list[Case]]:
-    """The cases, those together that rebind the same names to the same objects."""
-    found: dict[object, list[Case]] = {}
+def group_cases() -> list[list[CallCase]]:
+    """Group the cases that patch the same globals with the same objects."""
+    groups: dict[object, list[CallCase]] = {}
     for case in CASES:
-        rebound = frozenset((name, id(value)) for name, value in case.rebound.items())
-        found.setdefault(rebound, []).append(case)
-    return list(found.values())
+        key = frozenset((name, id(value)) for name, value in case.patched.items())
+        groups.setdefault(key, []).append(case)
+    return list(groups.values())
 
 
-class Stage:
-    """A device that answers each thread what its case of the moment says; with threads of its own,
-    until the context is left."""
+class Workload:
+    """A thread pool that calls the module; a context manager."""
 
     def __init__(self, simulator: Simulator, threads: int) -> None:
         self.simulator, self.module = simulator, simulator.module
         self.threads = threads
-        self.groups = groups()
+        self.groups = group_cases()
         self._pool = ThreadPoolExecutor(threads)
-        self._here = threading.local()
-        self._one_at_a_time = threading.Lock()  # for cases that prepare files, or the device itself
-        self._script()
+        self._local = local = threading.local()
+        self._lock = threading.Lock()  # for cases that prepare files or the simulator
+        simulator.set_reply("get_cli_cmd_output", lambda command: local.case.cli)
+        simulator.set_reply("cookieval_wrap", b"wrapped")
+        simulator.set_reply("cookieval_unwrap", None)  # returns its argument
+        for row in QUERY_CASES:
+            if row.native:
+                simulator.set_reply(row.native, lambda request: local.case.reply)
+        simulator.on_create = lambda arguments: local.create()
+        simulator.on_release = lambda text: local.release()
 
-    def __enter__(self) -> Stage:
+    def __enter__(self) -> Workload:
         return self
 
     def __exit__(self, *error: object) -> None:
         self._pool.shutdown()
 
-    def _script(self) -> None:
-        simulator, here = self.simulator, self._here
-        simulator.set_reply("get_cli_cmd_output", lambda command: here.case.cli)
-        simulator.set_reply("cookieval_wrap", b"wrapped")
-        simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
-        for row in ROWS:
-            if row.native:
-                simulator.set_reply(row.native, lambda request: here.case.reply)
-        simulator.on_create = lambda arguments: here.create()
-        simulator.on_release = lambda text: here.release()
+    def run_round(self, repeats: int, number: int) -> int:
+        """Call every case so many times in every thread.
 
-    def round(self, times: int, number: int) -> int:
-        """Every case so many times in every thread; how many calls that made.
+        Returns:
+            The number of calls.
 
-        `AssertionError`: a call ended otherwise than its case says.
+        Raises:
+            AssertionError: A call did not end as its case says.
         """
         for group in self.groups:
-            with self._bound(group[0].rebound):
-                turns = [
-                    self._pool.submit(self._turn, group, times, f"{number} {thread}")
+            with self._patched(group[0].patched):
+                futures = [
+                    self._pool.submit(self._run_group, group, repeats, f"{number} {thread}")
                     for thread in range(self.threads)
                 ]
-                for turn in turns:
-                    turn.result()
+                for future in futures:
+                    future.result()
             self.simulator.clear_calls()
-        return self.threads * times * len(CASES)
+        return self.threads * repeats * len(CASES)
 
-    def _turn(self, group: list[Case], times: int, seed: str) -> None:
-        cases = group * times
+    def _run_group(self, group: list[CallCase], repeats: int, seed: str) -> None:
+        cases = group * repeats
         random.Random(seed).shuffle(cases)
         for case in cases:
             if case.before is None:
                 self._call(case)
             else:
-                with self._one_at_a_time:
-                    self._clear()
+                with self._lock:
+                    path = self.simulator.secret_path
+                    if path.is_dir():
+                        path.rmdir()
+                    path.unlink(missing_ok=True)
                     case.before(self.simulator)
                     self._call(case)
 
-    def _clear(self) -> None:
-        path = self.simulator.secret_path
-        if path.is_dir():
-            path.rmdir()
-        elif path.exists():
-            path.unlink()
-
-    def _call(self, case: Case) -> None:
-        here = self._here
-        here.case, here.create, here.release = case, Step(case.create), Step(case.release)
+    def _call(self, case: CallCase) -> None:
+        local = self._local
+        local.case, local.create, local.release = case, FailNth(case.create), FailNth(case.release)
         arguments = [{**value} if type(value) is dict else value for value in case.args]
         raised: type[BaseException] | None = None
         try:
             getattr(self.module, case.function)(*arguments, **case.kwargs)
-        except BaseException as error:  # a case may raise what is no Exception
+        except BaseException as error:  # some cases raise KeyboardInterrupt
             raised = type(error)
         if raised is not case.error:
-            raise AssertionError(f"{case}: {raised} instead of {case.error}")
+            raise AssertionError(f"{case}: raised {raised}, expected {case.error}")
 
     @contextmanager
-    def _bound(self, rebound: Mapping[str, Any]) -> Iterator[None]:
-        before = {name: vars(self.module).get(name, GONE) for name in rebound}
-        self._bind(rebound)
+    def _patched(self, values: Mapping[str, Any]) -> Iterator[None]:
+        before = {name: vars(self.module).get(name, DELETED) for name in values}
+        self._bind(values)
         try:
             yield
         finally:
@@ -116,7 +111,7 @@ class Stage:
 
     def _bind(self, values: Mapping[str, Any]) -> None:
         for name, value in values.items():
-            if value is not GONE:
+            if value is not DELETED:
                 setattr(self.module, name, value)
-            elif name in vars(self.module):
-                delattr(self.module, name)
+            else:
+                vars(self.module).pop(name, None)

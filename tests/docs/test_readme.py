@@ -34,14 +34,14 @@ def sessions() -> list[tuple[str, str]]:
     ]
 
 
-def test_the_readme_shows_each_tool() -> None:
+def test_readme_shows_each_tool() -> None:
     shown = " ".join(command for command, _output in sessions())
     assert "veldarin_simulator call" in shown
     assert "veldarin_simulator parse" in shown
 
 
 @pytest.mark.parametrize(("command", "output"), sessions())
-def test_a_command_prints_what_is_shown(command: str, output: str) -> None:
+def test_readme_command_prints_shown_output(command: str, output: str) -> None:
     assert ".venv/bin/python " in command
     done = subprocess.run(
         # Both streams as a terminal shows them, one after the other.
@@ -61,7 +61,7 @@ def without_messages(lines: list[str]) -> list[str]:
     return [line for line in lines if not line.startswith("veldarin_simulator: ")]
 
 
-def test_the_lines_of_the_tour_are_those_of_the_functions() -> None:
+def test_demo_output_has_one_line_per_function() -> None:
     shown = re.findall(r"^ ?(\d+)  (\w+)\(.*  (?:live|recorded|no call)  ", blocks("")[0], re.M)
     assert len(shown) == len(blocks("")[0].splitlines())
     for number, name in shown:
@@ -81,19 +81,19 @@ def run_python(source: str, folder: Path) -> str:
     return done.stdout
 
 
-def test_the_scripted_device_does_what_is_shown(tmp_path: Path) -> None:
+def test_readme_script_gives_shown_results(tmp_path: Path) -> None:
     _host, program = blocks("python")
     assert run_python(program, isolated.ROOT) == blocks("")[1]
 
 
-def test_the_module_runs_in_another_host(tmp_path: Path) -> None:
+def test_readme_host_program_runs_module(tmp_path: Path) -> None:
     host, _program = blocks("python")
     shutil.copy(isolated.BUILD / "libsimulator.so", tmp_path / "libservices.so")
     shutil.copytree(isolated.BUILD / "stage", tmp_path / "import-root")
     assert run_python(host, tmp_path) == "0\n"
 
 
-def test_what_the_other_host_lacks_is_named(tmp_path: Path) -> None:
+def test_readme_names_what_another_host_lacks(tmp_path: Path) -> None:
     host, _program = blocks("python")
     shutil.copytree(isolated.BUILD / "stage", tmp_path / "import-root")
     without_services = re.sub(r"^ctypes\.CDLL.*\n", "", host, flags=re.MULTILINE)
@@ -105,7 +105,7 @@ def test_what_the_other_host_lacks_is_named(tmp_path: Path) -> None:
     assert re.search(r"^ImportError: .* undefined symbol: \w+$", done.stderr, re.MULTILINE)
 
 
-def test_the_table_of_targets_is_the_makefiles() -> None:
+def test_readme_target_table_matches_makefile() -> None:
     makefile = (isolated.ROOT / "Makefile").read_text()
     documented = re.findall(r"^([a-z-]+):.*?## +(.*)$", makefile, re.MULTILINE)
     assert len(documented) > 10
@@ -127,7 +127,7 @@ def anchors(page: Path) -> set[str]:
     }
 
 
-def test_the_links_of_the_pages_lead_somewhere() -> None:
+def test_page_links_resolve() -> None:
     assert len(links()) > 30
     for page, target in links():
         path, _, anchor = target.partition("#")
@@ -141,7 +141,7 @@ PLACE = re.compile(r"`([\w.-]+(?:/[\w.-]+)*/?)`")
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.name)
-def test_the_paths_in_the_pages_exist(page: Path) -> None:
+def test_page_paths_exist(page: Path) -> None:
     known = [
         isolated.ROOT,
         isolated.ROOT / "veldarin" / "modules",

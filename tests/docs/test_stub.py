@@ -13,7 +13,7 @@ from typing import Any, Callable
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import MODULE, failure
+from tests.support.assertions import MODULE, raises_exactly
 from tests.support.stub import (
     FUNCTIONS,
     NAMED,
@@ -25,22 +25,24 @@ from tests.support.stub import (
 from tools import generate_function_docs
 from veldarin_simulator import Simulator, stub
 
-TABLE = stub.STUB.with_name("functions.cpp")
+TABLE = stub.STUB.with_name("function_table.def")
 
 # A parameter's constructor in the table: what it is held to, its default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
-    "any": (None, None),
-    "bytes": ("bytes", None),
-    "text": ("str", None),
-    "optional": (None, "None"),
-    "sessions": (None, "..."),
+    "ANY": (None, None),
+    "BYTES": ("bytes", None),
+    "TEXT": ("str", None),
+    "OPTIONAL": (None, "None"),
+    "SHARED_DICT": (None, "..."),
 }
 
 
 def table() -> list[Function]:
     """The rows of the table of functions in C++."""
     rows = re.findall(
-        r"^ +(?:FUNCTION|QUERY) *\((\w+), *(\w+), *(.*)\)$", TABLE.read_text(), re.MULTILINE
+        r"^(?:FUNCTION|QUERY|SELECT|CAPTURE) *\((\w+), *(\w+), *([^,]+),",
+        TABLE.read_text(),
+        re.MULTILINE,
     )
     return [
         Function(
@@ -48,7 +50,7 @@ def table() -> list[Function]:
             kind,
             [
                 Parameter(parameter, *CONSTRUCTORS[constructor])
-                for constructor, parameter in re.findall(r"(\w+)\(Name::(\w+)\)", parameters)
+                for constructor, parameter in re.findall(r"(\w+)\((\w+)\)", parameters)
             ],
         )
         for kind, name, parameters in rows
@@ -73,7 +75,7 @@ def own_functions() -> list[str]:
     ]
 
 
-def test_the_face_declares_the_functions_of_the_module_in_their_order() -> None:
+def test_stub_declares_functions_in_module_order() -> None:
     assert [function.name for function in FUNCTIONS] == isolated.value(own_functions)
     assert len(FUNCTIONS) == 30
 
@@ -83,7 +85,7 @@ def held_to(parameter: Parameter) -> Parameter:
     return parameter._replace(type=None) if parameter.name == "cmd" else parameter
 
 
-def test_the_face_declares_what_the_table_in_cpp_holds() -> None:
+def test_stub_matches_cpp_function_table() -> None:
     assert [
         Function(name, kind, [*map(held_to, parameters)])
         for name, kind, parameters, _result in FUNCTIONS
@@ -94,13 +96,11 @@ def test_the_face_declares_what_the_table_in_cpp_holds() -> None:
 
 
 def refusal(function: Callable[..., object], *given: object, **named: object) -> str:
-    return str(failure(TypeError, function, *given, **named))
+    return str(raises_exactly(TypeError, function, *given, **named))
 
 
 @every_function
-def test_a_declared_kind_is_how_the_function_takes_keywords(
-    module: ModuleType, function: Function
-) -> None:
+def test_declared_kind_matches_keyword_handling(module: ModuleType, function: Function) -> None:
     text = refusal(getattr(module, function.name), unheard_of=1)
     if function.kind == "keywords":
         assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
@@ -109,9 +109,7 @@ def test_a_declared_kind_is_how_the_function_takes_keywords(
 
 
 @every_function
-def test_as_many_parameters_are_declared_as_the_refusal_of_more_says(
-    module: ModuleType, function: Function
-) -> None:
+def test_declared_parameter_count_matches_error(module: ModuleType, function: Function) -> None:
     text = refusal(getattr(module, function.name), *range(9))
     words = {"no arguments": 0, "exactly one argument": 1}
     found = re.search(r"takes (no arguments|exactly one argument) \(9 given\)", text)
@@ -125,18 +123,14 @@ def test_as_many_parameters_are_declared_as_the_refusal_of_more_says(
 
 
 @with_keywords
-def test_a_declared_name_is_a_keyword_of_the_function(
-    module: ModuleType, function: Function
-) -> None:
+def test_declared_name_is_accepted_as_keyword(module: ModuleType, function: Function) -> None:
     for parameter in function.parameters:
         text = refusal(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
         assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
 
 
 @every_function
-def test_a_parameter_without_a_declared_default_is_required(
-    module: ModuleType, function: Function
-) -> None:
+def test_parameter_without_default_is_required(module: ModuleType, function: Function) -> None:
     required = sum(parameter.default is None for parameter in function.parameters)
     called = getattr(module, function.name)
     if function.kind == "keywords" and required:
@@ -148,9 +142,7 @@ def test_a_parameter_without_a_declared_default_is_required(
         assert required == len(function.parameters)
 
 
-def test_the_declared_default_none_is_what_an_omitted_argument_is(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_default_none_equals_omitted_argument(simulator: Simulator, module: ModuleType) -> None:
     made: list[tuple[Any, ...]] = []
     simulator.on_create = made.append
     for function in FUNCTIONS:
@@ -161,9 +153,7 @@ def test_the_declared_default_none_is_what_an_omitted_argument_is(
     assert requests == [({},)] * 10
 
 
-def test_the_default_that_is_not_shown_is_one_dictionary(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_elided_default_is_one_shared_dictionary(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", "nothing")
     default = module.get_bfd_neighbor("command")
     assert type(default) is dict
@@ -172,9 +162,7 @@ def test_the_default_that_is_not_shown_is_one_dictionary(
 
 
 @every_function
-def test_a_declared_type_is_the_one_that_the_parameter_is_held_to(
-    module: ModuleType, function: Function
-) -> None:
+def test_declared_type_matches_type_check(module: ModuleType, function: Function) -> None:
     for position, parameter in enumerate(map(held_to, function.parameters)):
         if parameter.type is None:
             continue
@@ -199,7 +187,7 @@ def own_names() -> list[str]:
     return list(vars(importlib.import_module(MODULE)))
 
 
-def test_the_face_has_every_name_of_the_module_and_no_other() -> None:
+def test_stub_names_match_module_names() -> None:
     interpreters_own = set(vars(ModuleType("any"))) | {"__file__", "__builtins__"}
     present = set(isolated.value(own_names)) - interpreters_own
     assert STUB.names - FOR_ANNOTATIONS == present
@@ -212,7 +200,7 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
 
 
 @pytest.mark.workstation_only("mypy runs on the workstation")
-def test_the_type_checkers_comparison_of_face_and_module_finds_nothing(tmp_path: Path) -> None:
+def test_stubtest_finds_no_difference(tmp_path: Path) -> None:
     allowed = tmp_path / "allowed"
     # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
     allowed.write_text(f"{MODULE}.BFDSession\n{MODULE}.Lock\n")
@@ -273,7 +261,7 @@ except device.CFunctionError:
 
 
 @pytest.mark.workstation_only("mypy runs on the workstation")
-def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> None:
+def test_mypy_accepts_stub_and_its_declarations(tmp_path: Path) -> None:
     file = tmp_path / "author.py"
     file.write_text(AUTHORS_FILE)
     done = run("-m", "mypy", "--no-error-summary", str(stub.STUB), str(file))
@@ -283,18 +271,18 @@ def test_the_type_checker_accepts_the_face_and_what_it_says(tmp_path: Path) -> N
 # The page
 
 
-def test_the_page_of_functions_is_up_to_date() -> None:
+def test_function_page_is_up_to_date() -> None:
     done = run("-m", "tools.generate_function_docs", "--check")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
 
 
-def test_the_page_has_a_part_for_each_function_in_order() -> None:
+def test_function_page_has_section_per_function() -> None:
     headings = re.findall(r"^### (\w+)$", generate_function_docs.PAGE.read_text(), re.MULTILINE)
     names = [function.name for function in FUNCTIONS]
     assert [heading for heading in headings if heading in names] == names
 
 
-def test_a_stale_page_is_told_and_written_anew(
+def test_stale_function_page_is_reported_and_rewritten(
     tmp_path: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
 ) -> None:
     monkeypatch.setattr(generate_function_docs, "ROOT", tmp_path)
@@ -318,7 +306,8 @@ def test_a_stale_page_is_told_and_written_anew(
         ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no docstring"),
     ],
 )
-def test_a_face_without_headings_or_texts_makes_no_page(source: str, told: str) -> None:
+def test_stub_without_headings_or_docs_is_rejected(source: str, told: str) -> None:
     assert (
-        str(failure(generate_function_docs.StubError, generate_function_docs.page, source)) == told
+        str(raises_exactly(generate_function_docs.StubError, generate_function_docs.page, source))
+        == told
     )

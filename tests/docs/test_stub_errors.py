@@ -11,7 +11,7 @@ from types import MappingProxyType, ModuleType
 from typing import Any, Callable, NamedTuple
 
 from tests.support import isolated
-from tests.support.query_cases import ROWS
+from tests.support.query_cases import QUERY_CASES
 from tests.support.stub import FUNCTIONS, Function, docstrings, every_function
 from veldarin_simulator import RawJSON, Simulator
 
@@ -82,7 +82,7 @@ PROVOKED = [
     ),
     *(
         Provoked(row.function, row.arguments, {row.native: NO_JSON})
-        for row in ROWS
+        for row in QUERY_CASES
         if row.native is not None
     ),
     Provoked("get_cookie_name", (True,), prepare=forget_serial_number),
@@ -127,7 +127,7 @@ def bases(error: BaseException) -> set[str]:
 
 
 @every_function
-def test_the_documented_errors_are_those_that_calls_raise(
+def test_documented_errors_match_raised_errors(
     simulator: Simulator, module: ModuleType, tmp_path: Path, function: Function
 ) -> None:
     raised = []
@@ -152,7 +152,7 @@ def test_the_documented_errors_are_those_that_calls_raise(
     assert [name for name in named if not any(name in error for error in raised)] == []
 
 
-def test_what_is_said_to_raise_nothing_does_not(simulator: Simulator, module: ModuleType) -> None:
+def test_call_documented_as_safe_raises_nothing(simulator: Simulator, module: ModuleType) -> None:
     silent = {name for name in docstrings() if not documented_errors(name)}
     assert silent == {"new_cookie_id", "switch_mclag_icl", "list_bfd_neighbor"}
     simulator.set_reply("get_cli_cmd_output", None)

@@ -10,7 +10,7 @@ from typing import Any, Callable
 
 import pytest
 
-from tests.support.query_cases import ROWS
+from tests.support.query_cases import QUERY_CASES
 from tests.support.stub import NAMED, STUB, Function, docstrings, every_function
 from veldarin_simulator import Simulator, stub
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
@@ -104,7 +104,7 @@ SECRET = "8f4b1c2d" * 8
 
 
 @pytest.fixture
-def example_device(built: None) -> Iterator[Simulator]:
+def example_device(build: None) -> Iterator[Simulator]:
     """The device of the examples: recorded answers, and those above."""
     with Simulator(live=False) as simulator:
         # The shared dictionary of sessions outlives a simulator.
@@ -152,7 +152,7 @@ def assert_is(annotation: str, value: Any) -> None:
 
 
 @every_function
-def test_the_examples_are_true(example_device: Simulator, function: Function) -> None:
+def test_examples_give_documented_results(example_device: Simulator, function: Function) -> None:
     simulator, module = example_device, example_device.module
     if function.name in OUTPUTS:
         simulator.set_reply("get_cli_cmd_output", OUTPUTS[function.name])
@@ -197,7 +197,7 @@ def live_fields() -> list[Any]:
 
 
 @pytest.mark.parametrize(("example", "answer"), live_fields())
-def test_the_examples_have_the_fields_of_this_machines_answers(
+def test_examples_have_fields_of_live_replies(
     example: dict[str, Any], answer: Callable[[], list[Any]]
 ) -> None:
     entries = answer()
@@ -207,8 +207,8 @@ def test_the_examples_have_the_fields_of_this_machines_answers(
 
 
 @every_function
-def test_a_query_names_its_native_services_and_its_request(function: Function) -> None:
-    rows = [row for row in ROWS if row.function == function.name]
+def test_query_docs_name_services_and_request(function: Function) -> None:
+    rows = [row for row in QUERY_CASES if row.function == function.name]
     text = docstrings()[function.name]
     assert set(re.findall(r"`(build_\w+)`", text)) == {row.native for row in rows} - {None}
     for row in rows:

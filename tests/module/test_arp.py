@@ -9,33 +9,24 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
-    taken_apart,
+    raises_exactly,
     traceback_entries,
+    with_types,
 )
-from tests.support.fake_cli import CommandLine
+from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_system_arp_result"
 HEADER = "Address           Age(min)   Hardware Addr      Interface"
 
 
-class Text(str):
-    """A subclass of str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
-def result(cli: CommandLine, *lines: object) -> Any:
+def result(cli: FakeCli, *lines: object) -> Any:
     """The parsed output of these lines."""
-    cli.prints(*lines)
+    cli.set_output(*lines)
     return cli.parser.get_system_arp_result()
 
 
@@ -44,7 +35,7 @@ def row(ip: str, age: str, mac: str, interface: str) -> dict[str, str]:
     return {"ipAddress": ip, "age": age, "mac": mac, "interface": interface}
 
 
-def test_a_whole_table(cli: CommandLine) -> None:
+def test_arp_table_parses_every_row(cli: FakeCli) -> None:
     parsed = result(
         cli,
         "get system arp",
@@ -53,7 +44,7 @@ def test_a_whole_table(cli: CommandLine) -> None:
         "192.0.2.11        3          02:00:00:aa:bb:cd  port1 vlan10",
         "",
     )
-    assert taken_apart(parsed) == taken_apart(
+    assert with_types(parsed) == with_types(
         [
             row("192.0.2.10", "0", "02:00:00:aa:bb:cc", "port1"),
             row("192.0.2.11", "3", "02:00:00:aa:bb:cd", "port1 vlan10"),
@@ -61,12 +52,12 @@ def test_a_whole_table(cli: CommandLine) -> None:
     )
 
 
-def test_the_command_is_run_and_its_output_decoded(cli: CommandLine) -> None:
+def test_command_output_is_decoded_with_charset(cli: FakeCli) -> None:
     output, character_set = object(), object()
     decode = Recorder(lambda value, encoding: HEADER)
-    cli.prints(output)
-    cli.rebind("text_", decode)
-    cli.rebind("_CHARSET", character_set)
+    cli.set_output(output)
+    cli.patch("text_", decode)
+    cli.patch("_CHARSET", character_set)
     assert cli.parser.get_system_arp_result() == []
     assert cli.commands == ["get system arp"]
     assert type(cli.commands[0]) is str
@@ -88,14 +79,14 @@ def test_the_command_is_run_and_its_output_decoded(cli: CommandLine) -> None:
         "\xa0\u3000Address\u2003",
     ],
 )
-def test_rows_follow_the_first_line_that_starts_with_address(
-    cli: CommandLine, before: list[str], header: str
+def test_rows_follow_first_line_starting_with_address(
+    cli: FakeCli, before: list[str], header: str
 ) -> None:
     assert result(cli, *before, header, "a b c d") == [row("a", "b", "c", "d")]
 
 
 @pytest.mark.parametrize("after", [[], [""], ["", "\t", " \r"]])
-def test_a_header_without_rows_gives_the_empty_list(cli: CommandLine, after: list[str]) -> None:
+def test_header_without_rows_gives_empty_list(cli: FakeCli, after: list[str]) -> None:
     assert result(cli, HEADER, *after) == []
 
 
@@ -117,22 +108,20 @@ def test_a_header_without_rows_gives_the_empty_list(cli: CommandLine, after: lis
         ("\u200b \u180e \ufeff \u00ad", row("\u200b", "\u180e", "\ufeff", "\u00ad")),
     ],
 )
-def test_a_line_is_a_row_of_columns(cli: CommandLine, line_: str, expected: dict[str, str]) -> None:
-    assert taken_apart(result(cli, HEADER, line_)) == taken_apart([expected])
+def test_line_is_split_into_columns(cli: FakeCli, line_: str, expected: dict[str, str]) -> None:
+    assert with_types(result(cli, HEADER, line_)) == with_types([expected])
 
 
 @pytest.mark.parametrize("size", [63, 64, 65, 66])  # 64 is the size of the buffer for joining
 @pytest.mark.parametrize("first_size", [1, 31, 60])
-def test_interface_around_buffer_size_is_whole(
-    cli: CommandLine, size: int, first_size: int
-) -> None:
+def test_interface_around_buffer_size_is_complete(cli: FakeCli, size: int, first_size: int) -> None:
     interface = f"{'i' * first_size} {'j' * (size - first_size - 1)}"
     assert len(interface) == size
     assert result(cli, HEADER, f"a b c {interface}") == [row("a", "b", "c", interface)]
 
 
 @pytest.mark.parametrize("size", [63, 64, 65, 66])
-def test_columns_around_buffer_size_are_whole(cli: CommandLine, size: int) -> None:
+def test_columns_around_buffer_size_are_complete(cli: FakeCli, size: int) -> None:
     columns = [character * size for character in "abcd"]
     assert result(cli, HEADER, " ".join(columns)) == [row(*columns)]
 
@@ -140,18 +129,18 @@ def test_columns_around_buffer_size_are_whole(cli: CommandLine, size: int) -> No
 @pytest.mark.parametrize(
     "blank", ["", " ", "\t", "\r", "\x0b\x0c", "\x1c\x1d\x1e\x1f", "\xa0\u3000"]
 )
-def test_blank_lines_are_skipped_and_end_nothing(cli: CommandLine, blank: str) -> None:
+def test_blank_lines_are_skipped(cli: FakeCli, blank: str) -> None:
     rows = result(cli, HEADER, blank, "a b c d", blank, blank, "e f g h i", blank)
     assert rows == [row("a", "b", "c", "d"), row("e", "f", "g", "h i")]
 
 
-def test_lines_end_at_line_feeds_only(cli: CommandLine) -> None:
+def test_only_line_feed_ends_line(cli: FakeCli) -> None:
     assert result(cli, HEADER + "\r" + HEADER, "a b\rc\x0bd\u2028e\x85f") == [
         row("a", "b", "c", "d e")
     ]
 
 
-def test_each_call_makes_new_objects(cli: CommandLine) -> None:
+def test_each_call_returns_new_objects(cli: FakeCli) -> None:
     first, second = result(cli, HEADER, "a b c d"), result(cli, HEADER, "a b c d")
     assert first == second
     assert first is not second
@@ -180,43 +169,43 @@ AGE = [HEADER, "prompt#"]
         for number, lines in enumerate(outputs)
     ],
 )
-def test_malformed_output_is_an_index_error(cli: CommandLine, lines: list[str]) -> None:
-    error = failure(IndexError, result, cli, *lines)
+def test_malformed_output_raises_index_error(cli: FakeCli, lines: list[str]) -> None:
+    error = raises_exactly(IndexError, result, cli, *lines)
     assert str(error) == "list index out of range"
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize("outputs", [o for _, o in MALFORMED], ids=[s for s, _ in MALFORMED])
-def test_the_same_statement_fails_at_the_same_line(
-    native_cli: CommandLine, outputs: list[list[str]]
-) -> None:
-    errors = [failure(IndexError, result, native_cli, *lines) for lines in outputs]
+def test_statement_fails_at_one_line(native_cli: FakeCli, outputs: list[list[str]]) -> None:
+    errors = [raises_exactly(IndexError, result, native_cli, *lines) for lines in outputs]
     assert len({line(error, FUNCTION) for error in errors}) == 1
     assert all(len(traceback_entries(error.__traceback__)) == 1 for error in errors)
 
 
-def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
     with cli.monkeypatch.context() as patch:
-        patch.setattr(cli.parser, "text_", raising(Failed()))
-        fetch = failure(Failed, result, cli, "")
-    split = failure(AttributeError, result, cli, None)
-    header = failure(IndexError, result, cli, "nothing")
+        patch.setattr(cli.parser, "text_", raiser(Failure()))
+        fetch = raises_exactly(Failure, result, cli, "")
+    split = raises_exactly(AttributeError, result, cli, None)
+    header = raises_exactly(IndexError, result, cli, "nothing")
     columns = [
-        failure(IndexError, result, cli, *lines)
+        raises_exactly(IndexError, result, cli, *lines)
         for lines in (AGE, MALFORMED[1][1][0], MALFORMED[2][1][0])
     ]
     lines = [line(error, FUNCTION) for error in (fetch, split, header, *columns)]
-    assert ascending([entry(fetch, FUNCTION).first_line, *lines])
+    assert is_increasing([entry(fetch, FUNCTION).first_line, *lines])
 
 
-def test_the_function_stands_behind_the_routing_parser(native_cli: CommandLine) -> None:
+def test_function_lines_follow_routing_parser(native_cli: FakeCli) -> None:
     routing = "get_routing_table_result"
-    last = failure(
+    last = raises_exactly(
         IndexError,
         lambda: native_cli.parser.get_routing_table_result("a"),
     )
-    assert line(last, routing) < entry(failure(IndexError, result, native_cli, ""), FUNCTION)[1]
+    assert (
+        line(last, routing) < entry(raises_exactly(IndexError, result, native_cli, ""), FUNCTION)[1]
+    )
 
 
 # What is no text, and failures of the collaborators
@@ -232,47 +221,49 @@ def test_the_function_stands_behind_the_routing_parser(native_cli: CommandLine) 
     ],
     ids=repr,
 )
-def test_what_is_no_text_is_the_interpreters_own_error(
-    cli: CommandLine, value: object, kind: type[Exception], text: str
+def test_non_str_output_raises_interpreter_error(
+    cli: FakeCli, value: object, kind: type[Exception], text: str
 ) -> None:
-    error = failure(kind, result, cli, value)
+    error = raises_exactly(kind, result, cli, value)
     assert str(error) == text
 
 
-def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) -> None:
-    cli.rebind("text_", lambda value, encoding: value)
-    error = failure(TypeError, result, cli, b"Address")
+def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
+    cli.patch("text_", lambda value, encoding: value)
+    error = raises_exactly(TypeError, result, cli, b"Address")
     assert str(error) == "a bytes-like object is required, not 'str'"
 
 
-def test_a_subclass_of_text_is_text(cli: CommandLine) -> None:
-    parsed = result(cli, Text(HEADER + "\na b c d"))
-    assert taken_apart(parsed) == taken_apart([row("a", "b", "c", "d")])
+def test_str_subclass_output_is_parsed(cli: FakeCli) -> None:
+    parsed = result(cli, StrSubclass(HEADER + "\na b c d"))
+    assert with_types(parsed) == with_types([row("a", "b", "c", "d")])
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-def test_a_failing_fetch_propagates(cli: CommandLine, name: str) -> None:
-    error = Failed()
-    cli.rebind(name, raising(error))
-    assert failure(Failed, cli.parser.get_system_arp_result) is error
+def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
+    error = Failure()
+    cli.patch(name, raiser(error))
+    assert raises_exactly(Failure, cli.parser.get_system_arp_result) is error
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_a_missing_global_is_a_name_error(cli: CommandLine, name: str) -> None:
-    cli.unbind(name)
-    error = failure(NameError, cli.parser.get_system_arp_result)
+def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
+    cli.delete(name)
+    error = raises_exactly(NameError, cli.parser.get_system_arp_result)
     assert str(error) == f"name '{name}' is not defined"
 
 
-def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -> None:
+def test_native_output_is_parsed(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", HEADER + "\r\na b c d\r\n--More--e f g h i\r\n")
     assert module.get_system_arp_result() == [row("a", "b", "c", "d"), row("e", "f", "g", "h i")]
     assert [call.text for call in simulator.call_log] == [b"get system arp"]
 
 
-def test_the_runners_failure_shows_both_functions(simulator: Simulator, module: ModuleType) -> None:
+def test_runner_failure_has_entries_of_both_functions(
+    simulator: Simulator, module: ModuleType
+) -> None:
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(module.CFunctionError, module.get_system_arp_result)
+    error = raises_exactly(module.CFunctionError, module.get_system_arp_result)
     assert error.args == ("get_cli_command_output's result is null.",)
     names = [found.function for found in traceback_entries(error.__traceback__)]
     assert names == [FUNCTION, "get_cli_command_output"]

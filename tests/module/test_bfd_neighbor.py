@@ -12,37 +12,28 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import (
-    Recorder,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
-    taken_apart,
+    raises_exactly,
     traceback_entries,
+    with_types,
 )
-from tests.support.fake_cli import CommandLine
+from tests.support.doubles import Failure, Recorder, RightAddable, StrSubclass, raiser
+from tests.support.fake_cli import FakeCli
 
 FUNCTION = "get_bfd_neighbor"
 OUT_OF_RANGE = "e:list index out of range"
 NOT_ITERABLE = "e:argument of type 'type' is not iterable"
 
 
-class Text(str):
-    """A subclass of str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
-def parsed(cli: CommandLine, *lines: str) -> Any:
+def parsed(cli: FakeCli, *lines: str) -> Any:
     """The sessions of an output with these lines, the echo of the command before them."""
-    cli.prints("echo", *lines)
+    cli.set_output("echo", *lines)
     return cli.parser.get_bfd_neighbor("command", {})
 
 
-def session(cli: CommandLine, *lines: str) -> list[tuple[str, Any]]:
+def session(cli: FakeCli, *lines: str) -> list[tuple[str, Any]]:
     """The items of the one session that starts with the header 'peer A is B'."""
     sessions = parsed(cli, "peer A is B", *lines)
     assert list(sessions) == ["A_B"]
@@ -54,8 +45,8 @@ def session(cli: CommandLine, *lines: str) -> list[tuple[str, Any]]:
 TIMERS = {"detect_multiplier": "3", "receive_interval": "250", "transmit_interval": "250"}
 
 
-def test_a_whole_session(cli: CommandLine) -> None:
-    cli.prints(
+def test_session_with_timers_is_parsed(cli: FakeCli) -> None:
+    cli.set_output(
         "(echo line, skipped)",
         "peer 10.0.0.2 interface port1",
         "    Local Diag: 0",
@@ -70,7 +61,7 @@ def test_a_whole_session(cli: CommandLine) -> None:
         "        Transmit Interval: 250",
     )
     sessions = cli.parser.get_bfd_neighbor("command", {})
-    assert taken_apart(sessions) == taken_apart(
+    assert with_types(sessions) == with_types(
         {
             "10.0.0.2_port1": {
                 "neighbor_ip": "10.0.0.2",
@@ -83,36 +74,36 @@ def test_a_whole_session(cli: CommandLine) -> None:
             }
         }
     )
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 # The output as a whole
 
 
-def test_the_command_is_handed_on_unchanged_and_its_output_decoded(cli: CommandLine) -> None:
+def test_command_is_passed_and_output_decoded(cli: FakeCli) -> None:
     command, output, character_set = object(), object(), object()
     decode = Recorder(lambda value, encoding: "echo\npeer A is B")
-    cli.prints(output)
-    cli.rebind("text_", decode)
-    cli.rebind("_CHARSET", character_set)
+    cli.set_output(output)
+    cli.patch("text_", decode)
+    cli.patch("_CHARSET", character_set)
     assert list(cli.parser.get_bfd_neighbor(command, {})) == ["A_B"]
     assert cli.commands == [command]
     assert decode.positional == [(output, character_set)]
 
 
-def test_bytes_of_the_runner_are_decoded(cli: CommandLine) -> None:
-    cli.prints(b"echo\npeer A is \xc3\xa9")
+def test_bytes_output_is_decoded(cli: FakeCli) -> None:
+    cli.set_output(b"echo\npeer A is \xc3\xa9")
     assert list(cli.parser.get_bfd_neighbor("command", {})) == ["A_\u00e9"]
 
 
 @pytest.mark.parametrize("output", ["", "\n\n", "pee r", "PEER a b c", "echo\nLocal Diag: 0"])
-def test_output_without_peer_leaves_the_dictionary_alone(cli: CommandLine, output: str) -> None:
-    cli.prints(output)
+def test_output_without_peer_keeps_dictionary(cli: FakeCli, output: str) -> None:
+    cli.set_output(output)
     given = {"old": {"a": "1"}}
     assert cli.parser.get_bfd_neighbor("command", given) is given
     assert given == {"old": {"a": "1"}}
     assert cli.parser.get_bfd_neighbor("command", 5) == 5, "it is not even looked at"
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize(
@@ -126,10 +117,10 @@ def test_output_without_peer_leaves_the_dictionary_alone(cli: CommandLine, outpu
         (["Objname", "peer 2 is b", "peer 3 is c"], ["2_b"]),
     ],
 )
-def test_one_line_is_skipped_or_two_with_objname_anywhere(
-    cli: CommandLine, lines: list[str], names: list[str]
+def test_one_header_line_is_skipped_or_two_with_objname(
+    cli: FakeCli, lines: list[str], names: list[str]
 ) -> None:
-    cli.prints(*lines)
+    cli.set_output(*lines)
     assert list(cli.parser.get_bfd_neighbor("command", {})) == names
 
 
@@ -143,17 +134,17 @@ def test_one_line_is_skipped_or_two_with_objname_anywhere(
         ("peer\n", []),
     ],
 )
-def test_output_of_skipped_lines_only_is_an_index_error_in_the_log(
-    cli: CommandLine, output: str, logged: list[str]
+def test_output_of_header_lines_only_logs_index_error(
+    cli: FakeCli, output: str, logged: list[str]
 ) -> None:
-    cli.prints(output)
+    cli.set_output(output)
     given: dict[str, Any] = {}
     assert cli.parser.get_bfd_neighbor("command", given) is given
     assert given == {}
-    assert cli.logged == logged
+    assert cli.debug_messages == logged
 
 
-def test_lines_end_at_line_feeds_only(cli: CommandLine) -> None:
+def test_only_line_feed_ends_line(cli: FakeCli) -> None:
     items = session(cli, "a: 1\rb: 2", "c: 3\x0bd: 4\x1ce: 5\x85f: 6\u2028g: 7", "h: 8\r")
     assert items == [("a", "1\rb"), ("c", "3\x0bd"), ("h", "8")]
 
@@ -183,13 +174,13 @@ def test_lines_end_at_line_feeds_only(cli: CommandLine) -> None:
         ("peer \u00e9 is \U0001f600", "\u00e9", "\U0001f600", "\u00e9_\U0001f600"),
     ],
 )
-def test_a_header_names_its_session(
-    cli: CommandLine, header: str, neighbor_ip: str, interface: str, name: str
+def test_peer_line_names_session(
+    cli: FakeCli, header: str, neighbor_ip: str, interface: str, name: str
 ) -> None:
     sessions = parsed(cli, header)
     expected = {"neighbor_ip": neighbor_ip, "interface": interface, "name": name}
-    assert taken_apart(sessions) == taken_apart({name: expected})
-    assert cli.logged == []
+    assert with_types(sessions) == with_types({name: expected})
+    assert cli.debug_messages == []
 
 
 # Short texts are built in a buffer of 64 characters; longer ones are not.
@@ -198,8 +189,8 @@ AROUND_BUFFER_SIZE = pytest.mark.parametrize("size", [63, 64, 65, 66])
 
 @AROUND_BUFFER_SIZE
 @pytest.mark.parametrize("address_size", [1, 31, 60])
-def test_session_name_around_buffer_size_is_whole(
-    cli: CommandLine, size: int, address_size: int
+def test_session_name_around_buffer_size_is_complete(
+    cli: FakeCli, size: int, address_size: int
 ) -> None:
     address, interface = "a" * address_size, "i" * (size - address_size - 1)
     name = f"{address}_{interface}"
@@ -209,18 +200,18 @@ def test_session_name_around_buffer_size_is_whole(
     }
 
 
-def test_tabs_are_gone_before_a_header_is_recognised(cli: CommandLine) -> None:
+def test_tabs_are_removed_before_peer_line_is_recognized(cli: FakeCli) -> None:
     assert list(parsed(cli, "p\te\ter\t A is B", "peer")) == ["A_B"]
     assert parsed(cli, "peer\tA is B") == {}
 
 
 @pytest.mark.parametrize("line_", ["peer", "peer:", "xpeer", "peer\tA", "peerA is B", "peer\xa0A"])
-def test_without_a_blank_after_peer_a_line_is_no_header(cli: CommandLine, line_: str) -> None:
+def test_peer_without_space_is_not_peer_line(cli: FakeCli, line_: str) -> None:
     assert parsed(cli, line_) == {}
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_fields_before_the_first_header_stay_in_front(cli: CommandLine) -> None:
+def test_fields_before_first_peer_line_come_first(cli: FakeCli) -> None:
     sessions = parsed(cli, "a: 1", "neighbor ip: x", "peer A is B", "c: 3")
     assert list(sessions["A_B"].items()) == [
         ("a", "1"),
@@ -232,14 +223,12 @@ def test_fields_before_the_first_header_stay_in_front(cli: CommandLine) -> None:
 
 
 @pytest.mark.parametrize("header", ["peer ", "peer A", "peer A is", "peer  "])
-def test_a_header_that_is_too_short_is_logged_and_names_nothing(
-    cli: CommandLine, header: str
-) -> None:
+def test_short_peer_line_logs_and_names_nothing(cli: FakeCli, header: str) -> None:
     assert parsed(cli, header, "a: 1") == {}
-    assert cli.logged == [OUT_OF_RANGE]
+    assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_after_a_header_that_is_too_short_the_next_one_is_the_first(cli: CommandLine) -> None:
+def test_peer_line_after_short_one_starts_session(cli: FakeCli) -> None:
     sessions = parsed(cli, "peer X is", "a: 1", "peer A is B", "b: 2")
     assert list(sessions) == ["A_B"]
     assert list(sessions["A_B"].items()) == [
@@ -249,11 +238,11 @@ def test_after_a_header_that_is_too_short_the_next_one_is_the_first(cli: Command
         ("name", "A_B"),
         ("b", "2"),
     ]
-    assert cli.logged == [OUT_OF_RANGE]
+    assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
-    cli: CommandLine,
+def test_later_peer_line_logs_and_keeps_first_session(
+    cli: FakeCli,
 ) -> None:
     sessions = parsed(
         cli,
@@ -270,7 +259,7 @@ def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
         "peer",
         "peer E",
     )
-    assert taken_apart(sessions) == taken_apart(
+    assert with_types(sessions) == with_types(
         {
             "A_B": {
                 "neighbor_ip": "A",
@@ -283,7 +272,7 @@ def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
             }
         }
     )
-    assert cli.logged == [NOT_ITERABLE, NOT_ITERABLE]
+    assert cli.debug_messages == [NOT_ITERABLE, NOT_ITERABLE]
 
 
 # Key-value lines
@@ -322,16 +311,16 @@ def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
         ("a Local timers: 1", "a_local_timers", "1"),
     ],
 )
-def test_a_line_with_a_colon_is_a_field(cli: CommandLine, line_: str, key: str, value: str) -> None:
-    assert taken_apart(session(cli, line_)) == taken_apart([(key, value)])
-    assert cli.logged == []
+def test_line_with_colon_is_field(cli: FakeCli, line_: str, key: str, value: str) -> None:
+    assert with_types(session(cli, line_)) == with_types([(key, value)])
+    assert cli.debug_messages == []
 
 
 @AROUND_BUFFER_SIZE
 @pytest.mark.parametrize("word", ["", "packets"])
 @pytest.mark.parametrize("before", [0, 20, None], ids=["first", "inside", "last"])
-def test_value_around_buffer_size_is_whole(
-    cli: CommandLine, size: int, word: str, before: int | None
+def test_value_around_buffer_size_is_complete(
+    cli: FakeCli, size: int, word: str, before: int | None
 ) -> None:
     rest = "v" * (size - len(word))
     value = rest + word if before is None else rest[:before] + word + rest[before:]
@@ -341,13 +330,13 @@ def test_value_around_buffer_size_is_whole(
 
 @AROUND_BUFFER_SIZE
 @pytest.mark.parametrize("word", ["", "packets"])
-def test_key_around_buffer_size_is_whole(cli: CommandLine, size: int, word: str) -> None:
+def test_key_around_buffer_size_is_complete(cli: FakeCli, size: int, word: str) -> None:
     key = (word + "K " * size)[: size - 1] + "k"
     assert session(cli, f" {key} : 1") == [(key.lower().replace(" ", "_"), "1")]
 
 
 @AROUND_BUFFER_SIZE
-def test_timer_around_buffer_size_is_whole(cli: CommandLine, size: int) -> None:
+def test_timer_around_buffer_size_is_complete(cli: FakeCli, size: int) -> None:
     key, value = "k" * size, ("v" * size + "packets")[-size:]
     lines = [f"{key}: {value}", f"b: {value}", f"{key}: 3"]
     assert session(cli, "Local timers", *lines) == [("local_timers", {key: "3", "b": value})]
@@ -358,7 +347,7 @@ NO_SPACES = [chr(code) for code in range(128) if not chr(code).isspace() and chr
 
 
 @pytest.mark.parametrize("size", [4, 8, 16, 19])
-def test_text_of_one_repeated_character_is_not_stripped(cli: CommandLine, size: int) -> None:
+def test_repeated_nonspace_character_is_not_stripped(cli: FakeCli, size: int) -> None:
     repeated = [character * size for character in NO_SPACES]
     values = [f"key {number}: {text}" for number, text in enumerate(repeated)]
     assert session(cli, *values) == [
@@ -369,30 +358,30 @@ def test_text_of_one_repeated_character_is_not_stripped(cli: CommandLine, size: 
     assert session(cli, *keys) == list(fields.items())
 
 
-def test_text_with_hash_of_the_last_slot_is_kept(cli: CommandLine) -> None:
+def test_text_in_last_cache_slot_is_returned(cli: FakeCli) -> None:
     """The hash of this text, found by a search, is one of the 256 largest on any byte order."""
     text = "&((&xxxxx7aa7"
     assert session(cli, f"{text}: {text}", f"b: {text}") == [(text, text), ("b", text)]
 
 
 @pytest.mark.parametrize("line_", ["", " ", "\t", "\r", "\x1c \u2028", "no colon", "Local Timers"])
-def test_other_lines_are_ignored(cli: CommandLine, line_: str) -> None:
+def test_line_without_colon_is_ignored(cli: FakeCli, line_: str) -> None:
     assert session(cli, line_, "a: 1") == [("a", "1")]
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_a_repeated_field_keeps_its_place_and_takes_the_later_value(cli: CommandLine) -> None:
+def test_repeated_field_keeps_position_and_last_value(cli: FakeCli) -> None:
     assert session(cli, "a: 1", "b: 2", "A: 3") == [("a", "3"), ("b", "2")]
 
 
-def test_fields_may_overwrite_the_headers(cli: CommandLine) -> None:
+def test_field_overwrites_peer_line_value(cli: FakeCli) -> None:
     sessions = parsed(cli, "peer A is B", "Name: other", "Interface: x")
     assert sessions == {"A_B": {"neighbor_ip": "A", "interface": "x", "name": "other"}}
 
 
-def test_a_field_may_be_called_like_the_keywords_of_dict(cli: CommandLine) -> None:
+def test_field_named_like_dict_parameter_is_merged(cli: FakeCli) -> None:
     given = {"A_B": {"self": "0"}}
-    cli.prints("echo", "peer A is B", "self: 1", "iterable: 2")
+    cli.set_output("echo", "peer A is B", "self: 1", "iterable: 2")
     cli.parser.get_bfd_neighbor("command", given)
     assert given["A_B"]["self"] == "1"
     assert given["A_B"]["iterable"] == "2"
@@ -407,8 +396,8 @@ KEYS = pytest.mark.parametrize(
 
 @KEYS
 @pytest.mark.parametrize("before, after", [("", ""), (" \t ", " of: the peer"), ("\u2003\t", ":")])
-def test_three_lines_after_the_title_are_the_timers(
-    cli: CommandLine, title: str, key: str, before: str, after: str
+def test_three_lines_after_title_are_timers(
+    cli: FakeCli, title: str, key: str, before: str, after: str
 ) -> None:
     items = session(
         cli,
@@ -418,51 +407,51 @@ def test_three_lines_after_the_title_are_the_timers(
         "c:\r",
         "d: 6",
     )
-    assert taken_apart(items) == taken_apart(
+    assert with_types(items) == with_types(
         [(key, {"detect_multiplier": "3", "b_b": "4 packets", "c": ""}), ("d", "6")]
     )
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @KEYS
-def test_timer_lines_are_not_looked_at_otherwise(cli: CommandLine, title: str, key: str) -> None:
+def test_timer_lines_have_no_other_meaning(cli: FakeCli, title: str, key: str) -> None:
     items = session(cli, title, "peer C is D: 1", title + ": 2", ":", "Remote x: y")
     assert items == [
         (key, {"peer_c_is_d": "1", title.lower().replace(" ", "_"): "2", "": ""}),
         ("remote_x", "y"),
     ]
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @KEYS
-def test_equal_timer_keys_fall_together(cli: CommandLine, title: str, key: str) -> None:
+def test_repeated_timer_key_keeps_last_value(cli: FakeCli, title: str, key: str) -> None:
     assert session(cli, title, "a: 1", "A : 2", "b: 3") == [(key, {"a": "2", "b": "3"})]
 
 
 @KEYS
 @pytest.mark.parametrize("present", [0, 1, 2])
-def test_timers_that_the_output_ends_in_are_logged_and_their_lines_become_fields(
-    cli: CommandLine, title: str, key: str, present: int
+def test_truncated_timers_log_and_become_fields(
+    cli: FakeCli, title: str, key: str, present: int
 ) -> None:
     lines = ["a: 1", "b: 2"][:present]
     assert session(cli, title, *lines) == [("a", "1"), ("b", "2")][:present]
-    assert cli.logged == [OUT_OF_RANGE]
+    assert cli.debug_messages == [OUT_OF_RANGE]
 
 
 @KEYS
 @pytest.mark.parametrize("faulty", [0, 1, 2])
-def test_a_timer_line_without_a_colon_is_logged_and_the_lines_become_fields(
-    cli: CommandLine, title: str, key: str, faulty: int
+def test_timer_without_colon_logs_and_lines_become_fields(
+    cli: FakeCli, title: str, key: str, faulty: int
 ) -> None:
     lines = ["a: 1", "b: 2", "c: 3 packets"]
     fields = [("a", "1"), ("b", "2"), ("c", "3 ")]
     lines[faulty] = "none"
     del fields[faulty]
     assert session(cli, title, *lines) == fields
-    assert cli.logged == [OUT_OF_RANGE]
+    assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_timers_after_timers(cli: CommandLine) -> None:
+def test_adjacent_timer_blocks_are_separate(cli: FakeCli) -> None:
     three = ["a: 1", "b: 2", "c: 3"]
     items = session(cli, "Local timers", *three, "Remote timers", *three, "Local timers", *three)
     timers = {"a": "1", "b": "2", "c": "3"}
@@ -471,37 +460,37 @@ def test_timers_after_timers(cli: CommandLine) -> None:
     assert local is not remote
 
 
-def test_a_failed_timer_block_leaves_the_earlier_one_standing(cli: CommandLine) -> None:
+def test_failed_timer_block_keeps_earlier_one(cli: FakeCli) -> None:
     items = session(cli, "Local timers", "a: 1", "b: 2", "c: 3", "Local timers", "d: 4")
     assert items == [("local_timers", {"a": "1", "b": "2", "c": "3"}), ("d", "4")]
-    assert cli.logged == [OUT_OF_RANGE]
+    assert cli.debug_messages == [OUT_OF_RANGE]
 
 
 # Where the session goes
 
 
-def test_the_dictionary_given_is_filled_and_returned(cli: CommandLine) -> None:
+def test_given_dictionary_is_filled_and_returned(cli: FakeCli) -> None:
     given: dict[str, Any] = {"Z": {"z": "1"}}
-    cli.prints("echo", "peer A is B", "a: 1")
+    cli.set_output("echo", "peer A is B", "a: 1")
     assert cli.parser.get_bfd_neighbor("command", given) is given
     assert list(given) == ["Z", "A_B"]
     assert cli.shared == {}
 
 
-def test_both_arguments_may_be_given_by_keyword(cli: CommandLine) -> None:
+def test_arguments_by_keyword_are_accepted(cli: FakeCli) -> None:
     given: dict[str, Any] = {}
-    cli.prints("echo", "peer A is B")
+    cli.set_output("echo", "peer A is B")
     assert cli.parser.get_bfd_neighbor(list_bfd=given, cmd="the command") is given
     assert cli.commands == ["the command"]
     assert list(given) == ["A_B"]
 
 
-def test_a_known_session_becomes_a_new_dictionary_with_the_new_fields_after_the_old(
-    cli: CommandLine,
+def test_known_session_is_merged_into_new_dictionary(
+    cli: FakeCli,
 ) -> None:
     old = {"b": "old", "name": "old", "z": "old"}
     given: dict[str, Any] = {"A_B": old, "Z": {}}
-    cli.prints("echo", "peer A is B", "a: new", "b: new")
+    cli.set_output("echo", "peer A is B", "a: new", "b: new")
     cli.parser.get_bfd_neighbor("command", given)
     assert list(given) == ["A_B", "Z"]
     assert given["A_B"] is not old
@@ -516,15 +505,15 @@ def test_a_known_session_becomes_a_new_dictionary_with_the_new_fields_after_the_
     assert old == {"b": "old", "name": "old", "z": "old"}
 
 
-def test_calls_without_a_dictionary_share_one_that_grows(cli: CommandLine) -> None:
-    cli.prints("echo", "peer A is B", "a: 1", "b: 1")
+def test_calls_without_dictionary_share_one(cli: FakeCli) -> None:
+    cli.set_output("echo", "peer A is B", "a: 1", "b: 1")
     first = cli.parser.get_bfd_neighbor("command")
     entry_ = first["A_B"]
-    cli.prints("echo", "peer C is D", "c: 1")
+    cli.set_output("echo", "peer C is D", "c: 1")
     assert cli.parser.get_bfd_neighbor("command") is first
-    cli.prints("echo", "peer A is B", "b: 2", "c: 2")
+    cli.set_output("echo", "peer A is B", "b: 2", "c: 2")
     assert cli.parser.get_bfd_neighbor(cmd="command") is first
-    cli.prints("nothing")
+    cli.set_output("nothing")
     assert cli.parser.get_bfd_neighbor("command") is first
     assert list(first) == ["A_B", "C_D"]
     assert list(first["A_B"].items())[3:] == [("a", "1"), ("b", "2"), ("c", "2")]
@@ -581,10 +570,8 @@ class NotingDict(dict):
 
 
 @pytest.mark.parametrize("kind", [Mapping, NotingDict])
-def test_any_mapping_takes_the_session_through_the_object_protocol(
-    cli: CommandLine, kind: Any
-) -> None:
-    cli.prints("echo", "peer A is B", "a: 1")
+def test_mapping_is_filled_through_object_protocol(cli: FakeCli, kind: Any) -> None:
+    cli.set_output("echo", "peer A is B", "a: 1")
     new = kind()
     assert cli.parser.get_bfd_neighbor("command", new) is new
     assert new.events == [("contains", "A_B"), ("set", "A_B")]
@@ -617,17 +604,17 @@ def test_any_mapping_takes_the_session_through_the_object_protocol(
     ],
     ids=repr,
 )
-def test_what_cannot_take_the_session_is_the_interpreters_own_error(
-    cli: CommandLine, given: object, kind: type[Exception], text: str
+def test_unsuitable_mapping_raises_interpreter_error(
+    cli: FakeCli, given: object, kind: type[Exception], text: str
 ) -> None:
-    cli.prints("echo", "peer A is B")
-    error = failure(kind, cli.parser.get_bfd_neighbor, "command", given)
+    cli.set_output("echo", "peer A is B")
+    error = raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given)
     assert str(error) == text
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_a_known_session_may_be_anything_that_makes_a_dictionary(cli: CommandLine) -> None:
-    cli.prints("echo", "peer A is B")
+def test_known_session_of_pairs_is_merged(cli: FakeCli) -> None:
+    cli.set_output("echo", "peer A is B")
     given: dict[str, Any] = {"A_B": [("x", 1), (5, "five")]}
     cli.parser.get_bfd_neighbor("command", given)
     assert list(given["A_B"].items()) == [
@@ -640,8 +627,8 @@ def test_a_known_session_may_be_anything_that_makes_a_dictionary(cli: CommandLin
 
 
 @pytest.mark.parametrize("step", ["contains", "get", "set"])
-def test_a_failing_step_of_storing_propagates(cli: CommandLine, step: str) -> None:
-    error = Failed(step)
+def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
+    error = Failure(step)
 
     class Fails(NotingDict):
         def __contains__(self, key: object) -> bool:
@@ -657,9 +644,9 @@ def test_a_failing_step_of_storing_propagates(cli: CommandLine, step: str) -> No
         def __setitem__(self, key: object, value: object) -> None:
             raise error
 
-    cli.prints("echo", "peer A is B")
-    assert failure(Failed, cli.parser.get_bfd_neighbor, "command", Fails()) is error
-    assert cli.logged == []
+    cli.set_output("echo", "peer A is B")
+    assert raises_exactly(Failure, cli.parser.get_bfd_neighbor, "command", Fails()) is error
+    assert cli.debug_messages == []
 
 
 # What is no text
@@ -680,82 +667,68 @@ def test_a_failing_step_of_storing_propagates(cli: CommandLine, step: str) -> No
     ],
     ids=repr,
 )
-def test_what_is_no_text_is_the_interpreters_own_error(
-    cli: CommandLine, value: object, kind: type[Exception], text: str
+def test_non_str_output_raises_interpreter_error(
+    cli: FakeCli, value: object, kind: type[Exception], text: str
 ) -> None:
-    cli.prints(value)
-    error = failure(kind, cli.parser.get_bfd_neighbor, "command", {})
+    cli.set_output(value)
+    error = raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == text
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize("value", [[], ["no such"], {}, ()], ids=repr)
-def test_what_has_no_peer_in_it_is_not_looked_at_further(cli: CommandLine, value: object) -> None:
-    cli.prints(value)
+def test_container_without_peer_is_not_parsed(cli: FakeCli, value: object) -> None:
+    cli.set_output(value)
     assert cli.parser.get_bfd_neighbor("command", {"a": 1}) == {"a": 1}
 
 
 @pytest.mark.parametrize("output", ["echo\npeer A is B\nc: 1", "objname\necho\npeer A is B\nc: 1"])
-def test_a_subclass_of_text_is_text(cli: CommandLine, output: str) -> None:
-    cli.prints(Text(output))
+def test_str_subclass_output_is_parsed(cli: FakeCli, output: str) -> None:
+    cli.set_output(StrSubclass(output))
     sessions = cli.parser.get_bfd_neighbor("command", {})
-    assert taken_apart(sessions) == taken_apart(
+    assert with_types(sessions) == with_types(
         {"A_B": {"neighbor_ip": "A", "interface": "B", "name": "A_B", "c": "1"}}
     )
 
 
-class RightAddable:
-    """No text, but "\\n" + this is one."""
-
-    def __contains__(self, word: object) -> bool:
-        return word == "peer"
-
-    def __radd__(self, before: str) -> str:
-        return before + "a: 0\nb: 1\npeer A is B\nc: 2"
-
-
-def test_output_that_becomes_text_skips_two_lines(cli: CommandLine) -> None:
-    cli.prints(RightAddable())
+def test_right_addable_output_skips_two_lines(cli: FakeCli) -> None:
+    cli.set_output(RightAddable("a: 0\nb: 1\npeer A is B\nc: 2"))
     sessions = cli.parser.get_bfd_neighbor("command", {})
     assert list(sessions) == ["A_B"]
     assert list(sessions["A_B"]) == ["b", "neighbor_ip", "interface", "name", "c"]
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_output_that_becomes_only_two_lines_is_logged(cli: CommandLine) -> None:
-    class TwoLines(RightAddable):
-        def __radd__(self, before: str) -> str:
-            return before + "peer A is B"
-
-    cli.prints(TwoLines())
+def test_right_addable_output_of_two_lines_logs(cli: FakeCli) -> None:
+    cli.set_output(RightAddable("peer A is B"))
     assert cli.parser.get_bfd_neighbor("command", {}) == {}
-    assert cli.logged == [OUT_OF_RANGE]
+    assert cli.debug_messages == [OUT_OF_RANGE]
 
 
 @pytest.mark.parametrize("word", ["peer", "objname"])
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_text_whose_membership_test_fails_propagates(
-    cli: CommandLine, word: str, kind: type[BaseException]
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
+def test_membership_error_of_output_propagates(
+    cli: FakeCli, word: str, kind: type[BaseException]
 ) -> None:
     error = kind(word)
 
-    class FailingText(Text):
+    class FailingText(StrSubclass):
         def __contains__(self, wanted: object) -> bool:
             if wanted == word:
                 raise error
             return str(wanted) in str(self)
 
-    cli.prints(FailingText("echo\npeer A is B\nc: 1"))
+    cli.set_output(FailingText("echo\npeer A is B\nc: 1"))
     given: dict[str, Any] = {}
-    assert failure(kind, cli.parser.get_bfd_neighbor, "command", given) is error
+    assert raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given) is error
     assert given == {}
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) -> None:
-    cli.prints(b"peer")
-    cli.rebind("text_", lambda value, encoding: value)
-    error = failure(TypeError, cli.parser.get_bfd_neighbor, "command", {})
+def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
+    cli.set_output(b"peer")
+    cli.patch("text_", lambda value, encoding: value)
+    error = raises_exactly(TypeError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == "a bytes-like object is required, not 'str'"
 
 
@@ -763,80 +736,80 @@ def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) 
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_a_failing_fetch_propagates_unlogged(
-    cli: CommandLine, name: str, kind: type[BaseException]
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
+def test_runner_or_decoder_error_propagates_unlogged(
+    cli: FakeCli, name: str, kind: type[BaseException]
 ) -> None:
     error = kind()
-    cli.rebind(name, raising(error))
+    cli.patch(name, raiser(error))
     given: dict[str, Any] = {}
-    assert failure(kind, cli.parser.get_bfd_neighbor, "command", given) is error
+    assert raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given) is error
     assert given == {}
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_a_missing_global_is_a_name_error(cli: CommandLine, name: str) -> None:
-    cli.unbind(name)
-    error = failure(NameError, cli.parser.get_bfd_neighbor, "command", {})
+def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
+    cli.delete(name)
+    error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == f"name '{name}' is not defined"
 
 
-def test_the_log_is_looked_up_when_it_is_written(cli: CommandLine) -> None:
+def test_debug_is_looked_up_for_each_log_line(cli: FakeCli) -> None:
     later = Recorder()
 
     def debug(text: str) -> None:
-        cli.logger.debug.answer = later
+        cli.logger.debug.side_effect = later
 
-    cli.logger.debug.answer = debug
+    cli.logger.debug.side_effect = debug
     parsed(cli, "peer A is B", "peer C is D", "peer E is F", "Local timers")
     assert later.positional == [(NOT_ITERABLE,), (OUT_OF_RANGE,)]
-    assert cli.logged == [NOT_ITERABLE, NOT_ITERABLE, OUT_OF_RANGE]
+    assert cli.debug_messages == [NOT_ITERABLE, NOT_ITERABLE, OUT_OF_RANGE]
 
 
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_a_failing_log_propagates(cli: CommandLine, kind: type[BaseException]) -> None:
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
+def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
     error = kind("the log")
-    cli.logger.debug.answer = raising(error)
+    cli.logger.debug.side_effect = raiser(error)
     given: dict[str, Any] = {}
-    cli.prints("echo", "peer A is B", "peer C is D", "peer E is F")
-    assert failure(kind, cli.parser.get_bfd_neighbor, "command", given) is error
-    assert cli.logged == [NOT_ITERABLE]
+    cli.set_output("echo", "peer A is B", "peer C is D", "peer E is F")
+    assert raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given) is error
+    assert cli.debug_messages == [NOT_ITERABLE]
     assert given == {}
 
 
-def test_without_a_logger_the_log_line_is_a_name_error(cli: CommandLine) -> None:
-    cli.unbind("_logger")
-    cli.prints("echo", "peer A")
-    error = failure(NameError, cli.parser.get_bfd_neighbor, "command", {})
+def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
+    cli.delete("_logger")
+    cli.set_output("echo", "peer A")
+    error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == "name '_logger' is not defined"
 
 
-def test_a_logger_without_debug_is_an_attribute_error(cli: CommandLine) -> None:
-    cli.rebind("_logger", object())
-    cli.prints("echo", "peer A")
-    error = failure(AttributeError, cli.parser.get_bfd_neighbor, "command", {})
+def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
+    cli.patch("_logger", object())
+    cli.set_output("echo", "peer A")
+    error = raises_exactly(AttributeError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == "'object' object has no attribute 'debug'"
 
 
-def test_the_caught_exception_is_handled_while_it_is_logged_and_no_longer(
-    cli: CommandLine,
+def test_caught_exception_is_handled_only_while_logged(
+    cli: FakeCli,
 ) -> None:
     handled: list[object] = []
-    cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))
+    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
     parsed(cli, "peer A")
     assert handled == [IndexError]
     assert sys.exc_info() == (None, None, None)
-    outer = Failed("being handled by the caller")
+    outer = Failure("being handled by the caller")
     try:
         raise outer
-    except Failed:
+    except Failure:
         parsed(cli, "peer A")
         assert sys.exc_info()[1] is outer
     assert handled == [IndexError, IndexError]
 
 
-def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
+def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
     seen: list[tuple[Any, Any]] = []
 
     def debug(text: str) -> None:
@@ -844,7 +817,7 @@ def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
         assert value is not None
         seen.append((value.__traceback__, traceback))
 
-    cli.logger.debug.answer = debug
+    cli.logger.debug.side_effect = debug
     parsed(cli, "peer A")
     ((of_the_exception, handled),) = seen
     assert handled is not None
@@ -862,7 +835,7 @@ def _starved() -> list[list[Any]]:
     """
     import _testcapi
 
-    from tests.support.assertions import RecordingLogger
+    from tests.support.doubles import RecordingLogger
     from veldarin_simulator import Simulator
 
     told: list[list[Any]] = []
@@ -883,13 +856,13 @@ def _starved() -> list[list[Any]]:
             finally:
                 _testcapi.remove_mem_hooks()
             fields = list(sessions["A_B"].items()) if "A_B" in sessions else None
-            told.append([raised, logger.debugged, fields])
-            if raised is None and not logger.debugged:
+            told.append([raised, logger.debug_messages, fields])
+            if raised is None and not logger.debug_messages:
                 break
     return told
 
 
-def test_memory_that_fails_within_a_line_is_logged_and_the_parse_goes_on() -> None:
+def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
     whole = [
         *(("neighbor_ip", "A"), ("interface", "B"), ("name", "A_B"), ("x", "1")),
         *(("local_timers", {"a": "1", "b": "2", "c": "3"}), ("y", "2"), ("z", "3")),
@@ -910,46 +883,46 @@ def test_memory_that_fails_within_a_line_is_logged_and_the_parse_goes_on() -> No
 # Lines, of the native module only
 
 
-def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
     call = cli.parser.get_bfd_neighbor
 
     def line_of(kind: type[BaseException], given: object = None) -> int:
-        return line(failure(kind, call, "command", given), FUNCTION)
+        return line(raises_exactly(kind, call, "command", given), FUNCTION)
 
-    cli.prints(None)
+    cli.set_output(None)
     in_first = line_of(TypeError)
-    cli.prints(["peer"])
+    cli.set_output(["peer"])
     prefix = line_of(TypeError)
-    cli.prints(("peer", "objname"))
+    cli.set_output(("peer", "objname"))
     split = line_of(AttributeError)
-    cli.prints("echo", "peer A")
-    cli.logger.debug.answer = raising(Failed())
-    log = line_of(Failed)
-    cli.prints("echo", "peer A is B")
+    cli.set_output("echo", "peer A")
+    cli.logger.debug.side_effect = raiser(Failure())
+    log = line_of(Failure)
+    cli.set_output("echo", "peer A is B")
     member = line_of(TypeError)
     known = line_of(TypeError, {"A_B": None})
     new = line_of(TypeError, ())
-    cli.rebind("text_", raising(Failed()))
-    fetch = line_of(Failed)
-    binding = failure(TypeError, call)
+    cli.patch("text_", raiser(Failure()))
+    fetch = line_of(Failure)
+    binding = raises_exactly(TypeError, call)
     assert line(binding, FUNCTION) == entry(binding, FUNCTION).first_line
     lines = [line(binding, FUNCTION), fetch, in_first, prefix, split, log, member, known, new]
-    assert ascending([250, *lines, 352])
+    assert is_increasing([250, *lines, 352])
 
 
-def test_the_runners_failure_shows_both_functions(
-    simulator: Any, module: ModuleType, native_cli: CommandLine
+def test_runner_failure_has_entries_of_both_functions(
+    simulator: Any, module: ModuleType, native_cli: FakeCli
 ) -> None:
     native_cli.monkeypatch.undo()
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(module.CFunctionError, module.get_bfd_neighbor, "command", {})
+    error = raises_exactly(module.CFunctionError, module.get_bfd_neighbor, "command", {})
     assert error.args == ("get_cli_command_output's result is null.",)
     names = [found.function for found in traceback_entries(error.__traceback__)]
     assert names == [FUNCTION, "get_cli_command_output"]
 
 
-def test_the_text_comes_from_the_host(simulator: Any, module: ModuleType) -> None:
+def test_native_output_is_parsed(simulator: Any, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", "echo\r\npeer A is B\r\n--More--\r c: 1\r\n")
     sessions = module.get_bfd_neighbor("get router info bfd neighbor", {})
     assert sessions == {"A_B\r": {"neighbor_ip": "A", "interface": "B", "name": "A_B\r", "c": "1"}}

@@ -12,23 +12,17 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
-    RecordingLogger,
-    ascending,
-    failure,
+    is_increasing,
     line,
-    raising,
-    taken_apart,
+    raises_exactly,
     traceback_entries,
+    with_types,
 )
-from tests.support.fake_cli import CommandLine
+from tests.support.doubles import Failure, Recorder, RecordingLogger, raiser
+from tests.support.fake_cli import FakeCli
 
 IPV4 = "get router info bfd neighbor"
 IPV6 = "get router info6 bfd neighbor"
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def output(*sessions: str) -> str:
@@ -50,8 +44,8 @@ def named(address: str, interface: str, **fields: str) -> dict[str, str]:
 # With the parser itself
 
 
-def test_two_families_with_their_details(cli: CommandLine) -> None:
-    cli.answers(
+def test_both_families_are_listed_with_details(cli: FakeCli) -> None:
+    cli.set_outputs(
         {
             IPV4: output("10.0.0.2 port1 Status: up"),
             IPV6: output("fe80::2 port2"),
@@ -60,7 +54,7 @@ def test_two_families_with_their_details(cli: CommandLine) -> None:
         }
     )
     listed = cli.parser.list_bfd_neighbor()
-    assert taken_apart(listed) == taken_apart(
+    assert with_types(listed) == with_types(
         [
             named("10.0.0.2", "port1", status="up", zebra_notifications="7"),
             named("fe80::2", "port2", zebra_notifications="9", status="down"),
@@ -74,15 +68,15 @@ def test_two_families_with_their_details(cli: CommandLine) -> None:
         f"{IPV4} fe80::2 port2",
         f"{IPV6} fe80::2 port2",
     ]
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_no_sessions_and_an_empty_shared_dictionary_list_nothing_without_details(
-    cli: CommandLine,
+def test_no_sessions_give_empty_list_without_details(
+    cli: FakeCli,
 ) -> None:
     assert cli.parser.list_bfd_neighbor() == []
     assert cli.commands == [IPV4, IPV6]
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize(
@@ -96,15 +90,13 @@ def test_no_sessions_and_an_empty_shared_dictionary_list_nothing_without_details
         ("Zebra Notifications", False),
     ],
 )
-def test_only_neighbors_with_zebra_notifications_are_kept(
-    cli: CommandLine, field: str, kept: bool
-) -> None:
-    cli.answers({IPV4: output("A B"), f"{IPV4} A B": output(f"A B {field}")})
+def test_only_neighbor_with_notifications_is_listed(cli: FakeCli, field: str, kept: bool) -> None:
+    cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output(f"A B {field}")})
     assert len(cli.parser.list_bfd_neighbor()) == (1 if kept else 0)
 
 
-def test_details_of_the_other_family_count_too_and_come_last(cli: CommandLine) -> None:
-    cli.answers(
+def test_details_of_other_family_are_merged_last(cli: FakeCli) -> None:
+    cli.set_outputs(
         {
             IPV4: output("A B x: summary"),
             f"{IPV4} A B": output("A B x: four,zebra notifications: 4"),
@@ -112,18 +104,18 @@ def test_details_of_the_other_family_count_too_and_come_last(cli: CommandLine) -
         }
     )
     (listed,) = cli.parser.list_bfd_neighbor()
-    assert taken_apart(listed) == taken_apart(named("A", "B", x="six", zebra_notifications="4"))
+    assert with_types(listed) == with_types(named("A", "B", x="six", zebra_notifications="4"))
 
 
-def test_neighbors_of_earlier_calls_are_asked_again_and_dropped_without_details(
-    cli: CommandLine,
+def test_neighbor_of_earlier_call_is_queried_again(
+    cli: FakeCli,
 ) -> None:
-    cli.answers({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
+    cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
     assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["A_B"]
     assert list(cli.shared) == ["A_B"]
     assert "zebra_notifications" not in cli.shared["A_B"], "details stay out of the shared one"
     cli.run.calls.clear()
-    cli.answers({IPV4: output("C D"), f"{IPV4} C D": output("C D zebra notifications: 2")})
+    cli.set_outputs({IPV4: output("C D"), f"{IPV4} C D": output("C D zebra notifications: 2")})
     assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["C_D"]
     assert cli.commands == [
         IPV4,
@@ -136,25 +128,25 @@ def test_neighbors_of_earlier_calls_are_asked_again_and_dropped_without_details(
     assert list(cli.shared) == ["A_B", "C_D"]
 
 
-def test_what_is_listed_may_be_changed_without_harm_to_the_shared_dictionary(
-    cli: CommandLine,
+def test_changed_result_keeps_shared_dictionary(
+    cli: FakeCli,
 ) -> None:
-    cli.answers({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
+    cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
     (listed,) = cli.parser.list_bfd_neighbor()
     listed.clear()
     assert cli.shared == {"A_B": named("A", "B")}
 
 
-def test_a_failing_summary_is_logged_and_nothing_is_listed(cli: CommandLine) -> None:
+def test_failing_summary_logs_and_lists_nothing(cli: FakeCli) -> None:
     def run(command: str) -> str:
-        raise Failed("no " + command)
+        raise Failure("no " + command)
 
-    cli.run.answer = run
+    cli.run.side_effect = run
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == [f"e:no {IPV4}"]
+    assert cli.debug_messages == [f"e:no {IPV4}"]
 
 
-def test_a_failing_detail_ends_the_listing_with_what_is_there(cli: CommandLine) -> None:
+def test_failing_detail_logs_and_ends_list(cli: FakeCli) -> None:
     outputs = {
         IPV4: output("A B"),
         IPV6: output("C D"),
@@ -163,12 +155,12 @@ def test_a_failing_detail_ends_the_listing_with_what_is_there(cli: CommandLine) 
 
     def run(command: str) -> str:
         if command == f"{IPV6} C D":
-            raise Failed("detail")
+            raise Failure("detail")
         return outputs.get(command, "")
 
-    cli.run.answer = run
+    cli.run.side_effect = run
     assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["A_B"]
-    assert cli.logged == ["e:detail"]
+    assert cli.debug_messages == ["e:detail"]
 
 
 # With the parser replaced: each call and each object by itself
@@ -177,13 +169,13 @@ def test_a_failing_detail_ends_the_listing_with_what_is_there(cli: CommandLine) 
 class Neighbors:
     """Stands for `get_bfd_neighbor`: the n-th call returns the n-th answer."""
 
-    def __init__(self, cli: CommandLine, *answers: Any) -> None:
-        self.answers = list(answers)
+    def __init__(self, cli: FakeCli, *answers: Any) -> None:
+        self.replies = list(answers)
         self.calls = Recorder(self._answer)
-        cli.rebind("get_bfd_neighbor", self.calls)
+        cli.patch("get_bfd_neighbor", self.calls)
 
     def _answer(self, *args: object) -> object:
-        answer = self.answers[len(self.calls.calls) - 1]
+        answer = self.replies[len(self.calls.calls) - 1]
         if isinstance(answer, BaseException):
             raise answer
         return answer(*args) if callable(answer) else answer
@@ -192,7 +184,7 @@ class Neighbors:
 ENTRY = {"neighbor_ip": "A", "interface": "B", "zebra_notifications": "1"}
 
 
-def test_arguments_and_objects_of_each_call(cli: CommandLine) -> None:
+def test_each_query_gets_expected_arguments(cli: FakeCli) -> None:
     first: dict[str, Any] = {"k": dict(ENTRY), "l": dict(ENTRY, neighbor_ip="C", interface="D")}
     second = {"l": first["l"], "m": dict(ENTRY, neighbor_ip="E", interface="F")}
     detail_1 = {"k": {"zebra_notifications": "from the detail"}}
@@ -237,7 +229,7 @@ def test_arguments_and_objects_of_each_call(cli: CommandLine) -> None:
     assert len(listed) == 2
 
 
-def test_the_shared_dictionary_itself_is_copied(cli: CommandLine) -> None:
+def test_shared_dictionary_is_deep_copied(cli: FakeCli) -> None:
     shared = {"k": dict(ENTRY)}
 
     def detail(command: str, given: dict[str, Any]) -> dict[str, Any]:
@@ -250,7 +242,7 @@ def test_the_shared_dictionary_itself_is_copied(cli: CommandLine) -> None:
     assert shared == {"k": ENTRY}
 
 
-def test_keys_addresses_and_interfaces_come_from_one_deep_copy(cli: CommandLine) -> None:
+def test_detail_arguments_come_from_one_deep_copy(cli: FakeCli) -> None:
     summary = {"k": dict(ENTRY), "gone": dict(ENTRY)}
     working: list[Any] = []
 
@@ -263,7 +255,7 @@ def test_keys_addresses_and_interfaces_come_from_one_deep_copy(cli: CommandLine)
         given["k"]["neighbor_ip"] = "changed"
         return given
 
-    cli.rebind("copy", SimpleNamespace(deepcopy=Recorder(deepcopy)))
+    cli.patch("copy", SimpleNamespace(deepcopy=Recorder(deepcopy)))
     neighbors = Neighbors(cli, summary, summary, detail, detail)
     assert cli.parser.list_bfd_neighbor() == [summary["k"]]
     commands = [args[0] for args in neighbors.calls.positional]
@@ -272,7 +264,7 @@ def test_keys_addresses_and_interfaces_come_from_one_deep_copy(cli: CommandLine)
     assert copied is neighbors.calls.positional[2][1], "the working dictionary"
 
 
-def test_a_real_deep_copy_keeps_what_details_change(cli: CommandLine) -> None:
+def test_deep_copy_keeps_values_that_details_change(cli: FakeCli) -> None:
     summary = {"k": dict(ENTRY), "l": dict(ENTRY, neighbor_ip="C")}
 
     def detail(command: str, given: Any) -> Any:
@@ -287,9 +279,7 @@ def test_a_real_deep_copy_keeps_what_details_change(cli: CommandLine) -> None:
 
 
 @pytest.mark.parametrize("missing", ["neighbor_ip", "interface"])
-def test_an_entry_without_its_address_ends_the_listing_with_what_is_there(
-    cli: CommandLine, missing: str
-) -> None:
+def test_entry_without_address_logs_and_ends_list(cli: FakeCli, missing: str) -> None:
     lacking = dict(ENTRY)
     del lacking[missing]
     summary = {"k": dict(ENTRY), "l": lacking, "m": dict(ENTRY)}
@@ -297,7 +287,7 @@ def test_an_entry_without_its_address_ends_the_listing_with_what_is_there(
     neighbors = Neighbors(cli, summary, summary, *returned)
     assert cli.parser.list_bfd_neighbor() == [ENTRY]
     assert len(neighbors.calls.calls) == 4
-    assert cli.logged == [f"e:'{missing}'"]
+    assert cli.debug_messages == [f"e:'{missing}'"]
 
 
 KEPT = {"k": ENTRY}
@@ -331,18 +321,18 @@ KEPT = {"k": ENTRY}
         ([KEPT, KEPT, {}, {}], "'k'"),
         ([KEPT, KEPT, {}, {"k": None}], "argument of type 'NoneType' is not iterable"),
         ([KEPT, KEPT, {}, {"k": 5}], "argument of type 'int' is not iterable"),
-        ([KEPT, Failed("second")], "second"),
-        ([KEPT, KEPT, Failed("third")], "third"),
-        ([KEPT, KEPT, {}, Failed("")], ""),
+        ([KEPT, Failure("second")], "second"),
+        ([KEPT, KEPT, Failure("third")], "third"),
+        ([KEPT, KEPT, {}, Failure("")], ""),
     ],
     ids=repr,
 )
-def test_a_failing_step_is_logged_in_the_interpreters_words(
-    cli: CommandLine, answers: list[Any], logged: str
+def test_failing_step_logs_interpreter_message(
+    cli: FakeCli, answers: list[Any], logged: str
 ) -> None:
     Neighbors(cli, *answers)
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == [f"e:{logged}"]
+    assert cli.debug_messages == [f"e:{logged}"]
 
 
 @pytest.mark.parametrize(
@@ -358,12 +348,12 @@ def test_a_failing_step_is_logged_in_the_interpreters_words(
     ],
     ids=repr,
 )
-def test_what_works_like_a_dictionary_is_as_good(
-    cli: CommandLine, answers: list[Any], listed: list[Any]
+def test_dict_like_sessions_are_accepted(
+    cli: FakeCli, answers: list[Any], listed: list[Any]
 ) -> None:
     Neighbors(cli, *answers)
     assert cli.parser.list_bfd_neighbor() == listed
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 class Mapping:
@@ -394,16 +384,14 @@ class OwnKeys(dict):
 
 @pytest.mark.parametrize("kind", [Mapping, OwnKeys])
 @pytest.mark.parametrize("place", [0, 1])
-def test_a_mapping_that_is_no_dict_is_taken_as_python_takes_it(
-    cli: CommandLine, kind: Any, place: int
-) -> None:
+def test_mapping_is_expanded_as_in_python(cli: FakeCli, kind: Any, place: int) -> None:
     answers: list[Any] = [{"z": dict(ENTRY)}, {"z": dict(ENTRY)}]
     answers[place] = kind(k=dict(ENTRY))
     expected = dict(answers[0], **answers[1])
     neighbors = Neighbors(cli, *answers, *[lambda command, given: given] * 4)
     cli.parser.list_bfd_neighbor()
     working = neighbors.calls.positional[2][1]
-    assert taken_apart(working) == taken_apart(expected)
+    assert with_types(working) == with_types(expected)
     assert "k" in working
 
 
@@ -446,19 +434,19 @@ class LyingDict(dict):
             "own",
             "dict() argument after ** must be a mapping, not FailingMapping",
         ),
-        (FailingMapping(Failed("own")), "own", "own"),
+        (FailingMapping(Failure("own")), "own", "own"),
         (FailingMapping(KeyError("own"), ["k"]), "'own'", "'own'"),
         (LyingDict(k=1), "'gone'", "dict() got multiple values for keyword argument 'gone'"),
     ],
     ids=["keys without attribute", "item without attribute", "keys", "item", "missing key"],
 )
-def test_a_mapping_that_fails_is_told_in_the_interpreters_words(
-    cli: CommandLine, mapping: object, as_argument: str, after_asterisks: str
+def test_failing_mapping_logs_interpreter_message(
+    cli: FakeCli, mapping: object, as_argument: str, after_asterisks: str
 ) -> None:
     for answers in ([mapping, {}], [{}, mapping]):
         Neighbors(cli, *answers)
         assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == [f"e:{as_argument}", f"e:{after_asterisks}"]
+    assert cli.debug_messages == [f"e:{as_argument}", f"e:{after_asterisks}"]
 
 
 class Repeating:
@@ -503,7 +491,7 @@ class Unprintable(str):
     """A key without a text for messages."""
 
     def __str__(self) -> str:
-        raise Failed("no text")
+        raise Failure("no text")
 
 
 class Uncomparable(str):
@@ -512,7 +500,7 @@ class Uncomparable(str):
     __hash__ = str.__hash__
 
     def __eq__(self, other: object) -> bool:
-        raise Failed("not comparable")
+        raise Failure("not comparable")
 
 
 MULTIPLE = "dict() got multiple values for keyword argument "
@@ -537,100 +525,98 @@ MULTIPLE = "dict() got multiple values for keyword argument "
     ids=lambda value: value if isinstance(value, str) else type(value).__name__,
 )
 @pytest.mark.parametrize("detail", [False, True])
-def test_mapping_listing_a_key_twice_is_logged_type_error(
-    cli: CommandLine, mapping: Any, text: str, detail: bool
+def test_mapping_with_repeated_key_logs_type_error(
+    cli: FakeCli, mapping: Any, text: str, detail: bool
 ) -> None:
-    with pytest.raises((TypeError, Failed)) as expected:
+    with pytest.raises((TypeError, Failure)) as expected:
         dict({}, **mapping)
     assert str(expected.value) == text
     fetched, mapping.fetched = mapping.fetched, []
     Neighbors(cli, *([KEPT, {}, {}, mapping] if detail else [{}, mapping]))
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == [f"e:{text}"]
+    assert cli.debug_messages == [f"e:{text}"]
     assert mapping.fetched == fetched
     mapping.fetched = []
 
 
-def test_first_argument_listing_a_key_twice_is_accepted(cli: CommandLine) -> None:
+def test_first_mapping_with_repeated_key_is_accepted(cli: FakeCli) -> None:
     Neighbors(cli, Repeating("k", "k"), {}, *[lambda command, given: given] * 2)
     cli.parser.list_bfd_neighbor()
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
-def test_an_exception_that_is_no_exception_propagates_unlogged(cli: CommandLine) -> None:
+def test_base_exception_propagates_unlogged(cli: FakeCli) -> None:
     error = KeyboardInterrupt()
     Neighbors(cli, KEPT, KEPT, {}, error)
-    assert failure(KeyboardInterrupt, cli.parser.list_bfd_neighbor) is error
-    assert cli.logged == []
+    assert raises_exactly(KeyboardInterrupt, cli.parser.list_bfd_neighbor) is error
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
-def test_a_missing_global_is_logged(cli: CommandLine, name: str) -> None:
+def test_missing_global_is_logged(cli: FakeCli, name: str) -> None:
     Neighbors(cli, KEPT, KEPT)
-    cli.unbind(name)
+    cli.delete(name)
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == [f"e:name '{name}' is not defined"]
+    assert cli.debug_messages == [f"e:name '{name}' is not defined"]
 
 
-def test_the_parser_is_looked_up_for_each_call(cli: CommandLine) -> None:
+def test_parser_is_looked_up_for_each_call(cli: FakeCli) -> None:
     later = Recorder(lambda *args: {})
 
     def first(*args: object) -> Any:
-        cli.rebind("get_bfd_neighbor", later)
+        cli.patch("get_bfd_neighbor", later)
         return {}
 
-    cli.rebind("get_bfd_neighbor", first)
+    cli.patch("get_bfd_neighbor", first)
     assert cli.parser.list_bfd_neighbor() == []
     assert later.positional == [(IPV6,)]
 
 
 @pytest.mark.parametrize("answers", [[{}, {}], [{}, {}, None]])
-def test_nothing_is_copied_deeply_when_there_is_nothing(
-    cli: CommandLine, answers: list[Any]
-) -> None:
+def test_empty_sessions_are_not_deep_copied(cli: FakeCli, answers: list[Any]) -> None:
     deepcopy = Recorder(copy.deepcopy)
-    cli.rebind("copy", SimpleNamespace(deepcopy=deepcopy))
+    cli.patch("copy", SimpleNamespace(deepcopy=deepcopy))
     Neighbors(cli, *answers)
     assert cli.parser.list_bfd_neighbor() == []
     assert deepcopy.calls == []
 
 
-def test_copy_is_not_looked_up_without_sessions(cli: CommandLine) -> None:
-    cli.unbind("copy")
+def test_copy_is_not_looked_up_without_sessions(cli: FakeCli) -> None:
+    cli.delete("copy")
     Neighbors(cli, {}, {})
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == []
+    assert cli.debug_messages == []
     Neighbors(cli, KEPT, KEPT)
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == ["e:name 'copy' is not defined"]
+    assert cli.debug_messages == ["e:name 'copy' is not defined"]
 
 
-def test_a_copier_without_deepcopy_or_with_a_failing_one_is_logged(cli: CommandLine) -> None:
-    cli.rebind("copy", SimpleNamespace())
+def test_missing_or_failing_deepcopy_is_logged(cli: FakeCli) -> None:
+    cli.patch("copy", SimpleNamespace())
     Neighbors(cli, KEPT, KEPT)
     assert cli.parser.list_bfd_neighbor() == []
-    cli.rebind("copy", SimpleNamespace(deepcopy=raising(Failed("no copy"))))
+    cli.patch("copy", SimpleNamespace(deepcopy=raiser(Failure("no copy"))))
     Neighbors(cli, KEPT, KEPT)
     assert cli.parser.list_bfd_neighbor() == []
-    assert cli.logged == [
+    assert cli.debug_messages == [
         "e:'types.SimpleNamespace' object has no attribute 'deepcopy'",
         "e:no copy",
     ]
 
 
-def test_each_call_returns_a_new_list(cli: CommandLine) -> None:
+def test_each_call_returns_new_list(cli: FakeCli) -> None:
     assert cli.parser.list_bfd_neighbor() is not cli.parser.list_bfd_neighbor()
 
 
-@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
-def test_a_failing_log_propagates(cli: CommandLine, kind: type[BaseException]) -> None:
+@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
+def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> None:
     error = kind("the log")
-    cli.logger.debug.answer = raising(error)
+    cli.logger.debug.side_effect = raiser(error)
     Neighbors(cli, KEPT, None)
-    assert failure(kind, cli.parser.list_bfd_neighbor) is error
+    assert raises_exactly(kind, cli.parser.list_bfd_neighbor) is error
 
 
-def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
+def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
     seen: list[tuple[Any, Any]] = []
 
     def debug(text: str) -> None:
@@ -638,52 +624,52 @@ def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
         assert value is not None
         seen.append((value.__traceback__, traceback))
 
-    cli.logger.debug.answer = debug
-    cli.rebind("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
+    cli.logger.debug.side_effect = debug
+    cli.patch("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
     assert cli.parser.list_bfd_neighbor() == []
     ((of_the_exception, handled),) = seen
     assert handled is not None
     assert of_the_exception is handled
 
 
-def test_what_the_caller_handles_stays_being_handled(cli: CommandLine) -> None:
+def test_exception_of_caller_stays_handled(cli: FakeCli) -> None:
     handled: list[object] = []
-    cli.logger.debug.answer = lambda text: handled.append(type(sys.exc_info()[1]))
-    outer = Failed("being handled by the caller")
+    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
+    outer = Failure("being handled by the caller")
     Neighbors(cli, KEPT, None)
     try:
         raise outer
-    except Failed:
+    except Failure:
         assert cli.parser.list_bfd_neighbor() == []
         assert sys.exc_info()[1] is outer
     assert handled == [TypeError]
 
 
-def test_without_a_logger_the_log_line_is_a_name_error(cli: CommandLine) -> None:
+def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
     Neighbors(cli, KEPT, None)
-    cli.unbind("_logger")
-    error = failure(NameError, cli.parser.list_bfd_neighbor)
+    cli.delete("_logger")
+    error = raises_exactly(NameError, cli.parser.list_bfd_neighbor)
     assert str(error) == "name '_logger' is not defined"
 
 
-def test_an_exception_without_text_of_its_own_is_logged_as_its_text_fails(
-    cli: CommandLine,
+def test_exception_with_failing_str_raises_that_error(
+    cli: FakeCli,
 ) -> None:
-    textless = Failed()
+    textless = Failure()
 
     class Odd(Exception):
         def __str__(self) -> str:
             raise textless
 
     Neighbors(cli, Odd())
-    assert failure(Failed, cli.parser.list_bfd_neighbor) is textless
-    assert cli.logged == []
+    assert raises_exactly(Failure, cli.parser.list_bfd_neighbor) is textless
+    assert cli.debug_messages == []
 
 
 # Lines, of the native module only
 
 
-def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     """Only what is no `Exception` leaves the listing, so each statement is made to raise such."""
     cli = native_cli
     given = [lambda command, given: given] * 2
@@ -704,7 +690,7 @@ def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
 
     def line_of(*answers: Any) -> int:
         Neighbors(cli, *answers)
-        error = failure(KeyboardInterrupt, cli.parser.list_bfd_neighbor)
+        error = raises_exactly(KeyboardInterrupt, cli.parser.list_bfd_neighbor)
         (found,) = traceback_entries(error.__traceback__)
         assert found.function == "list_bfd_neighbor"
         assert found.first_line < found.line
@@ -717,11 +703,11 @@ def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
 
     known = {"k": Interrupts(ENTRY)}
     Neighbors(cli, KEPT, None)
-    cli.logger.debug.answer = raising(Failed())
+    cli.logger.debug.side_effect = raiser(Failure())
     lines = [
         line_of(stop()),
         line_of({}, stop()),
-        with_copy(raising(stop())),
+        with_copy(raiser(stop())),
         with_copy(lambda value: {"k": Interrupts(ENTRY, interrupting="neighbor_ip")}),
         with_copy(lambda value: {"k": Interrupts(ENTRY, interrupting="interface")}),
         line_of(KEPT, KEPT, stop()),
@@ -729,11 +715,11 @@ def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
         line_of(KEPT, KEPT, {}, known),
     ]
     Neighbors(cli, KEPT, None)
-    lines.append(line(failure(Failed, cli.parser.list_bfd_neighbor), "list_bfd_neighbor"))
-    assert ascending([250, *lines, 352])
+    lines.append(line(raises_exactly(Failure, cli.parser.list_bfd_neighbor), "list_bfd_neighbor"))
+    assert is_increasing([250, *lines, 352])
 
 
-def test_the_whole_way_from_the_host(simulator: Any, module: ModuleType) -> None:
+def test_native_output_is_listed(simulator: Any, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", "")
     shared = module.get_bfd_neighbor("the shared dictionary")
     shared.clear()
@@ -755,11 +741,11 @@ def test_the_whole_way_from_the_host(simulator: Any, module: ModuleType) -> None
     ]
 
 
-def test_a_failure_of_the_runner_is_logged(
+def test_runner_failure_is_logged(
     simulator: Any, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     logger = RecordingLogger()
     monkeypatch.setattr(module, "_logger", logger)
     simulator.set_reply("get_cli_cmd_output", None)
     assert module.list_bfd_neighbor() == []
-    assert logger.debugged == ["e:get_cli_command_output's result is null."]
+    assert logger.debug_messages == ["e:get_cli_command_output's result is null."]

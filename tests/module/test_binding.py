@@ -9,7 +9,8 @@ from typing import Any, Union
 
 import pytest
 
-from tests.support.assertions import Entry, failure, traceback_entries, wrong_type
+from tests.support.assertions import Entry, raises_exactly, traceback_entries, wrong_type_message
+from tests.support.doubles import BytesSubclass, MishashedStr, StrSubclass
 from tests.support.function_table import FUNCTIONS, NAMED, Function
 from veldarin_simulator import Simulator
 
@@ -22,7 +23,7 @@ def rows(*kinds: str) -> Any:
 
 def refused(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
     """The `TypeError` of a call; a keyword may be anything, so the call stands right here."""
-    return failure(TypeError, lambda: function(*args, **kwargs))
+    return raises_exactly(TypeError, lambda: function(*args, **kwargs))
 
 
 def refusal(
@@ -41,7 +42,7 @@ def refusal(
 
 @rows("none")
 @pytest.mark.parametrize("given", [1, 2, 5])
-def test_a_function_without_parameters_takes_no_argument(
+def test_no_args_function_rejects_arguments(
     module: ModuleType, function: Function, given: int
 ) -> None:
     assert refusal(module, function, range(given)) == (
@@ -51,7 +52,7 @@ def test_a_function_without_parameters_takes_no_argument(
 
 @rows("one")
 @pytest.mark.parametrize("given", [0, 2, 3])
-def test_a_function_of_one_argument_takes_exactly_one(
+def test_one_arg_function_takes_exactly_one(
     module: ModuleType, function: Function, given: int
 ) -> None:
     assert refusal(module, function, range(given)) == (
@@ -60,9 +61,7 @@ def test_a_function_of_one_argument_takes_exactly_one(
 
 
 @rows("one")
-def test_a_function_of_one_argument_does_not_take_it_by_its_name(
-    module: ModuleType, function: Function
-) -> None:
+def test_one_arg_function_rejects_keyword(module: ModuleType, function: Function) -> None:
     (parameter,) = function.parameters
     assert refusal(module, function, (), {parameter.name: None}) == (
         f"{function.qualified}() takes no keyword arguments"
@@ -71,7 +70,7 @@ def test_a_function_of_one_argument_does_not_take_it_by_its_name(
 
 @rows("none", "one")
 @pytest.mark.parametrize("positional", [0, 1, 2])
-def test_keywords_are_refused_before_the_arguments_are_counted(
+def test_keywords_are_rejected_before_arguments_are_counted(
     module: ModuleType, function: Function, positional: int
 ) -> None:
     assert refusal(module, function, range(positional), {"other": 1}) == (
@@ -80,18 +79,16 @@ def test_keywords_are_refused_before_the_arguments_are_counted(
 
 
 @rows("none", "one", "keywords")
-def test_an_empty_dictionary_of_keywords_is_no_keyword(
-    module: ModuleType, function: Function
-) -> None:
+def test_empty_keywords_are_ignored(module: ModuleType, function: Function) -> None:
     held = getattr(module, function.name)
-    without = failure(TypeError, lambda: held(1, 2, 3, 4))
+    without = raises_exactly(TypeError, lambda: held(1, 2, 3, 4))
     empty: dict[str, object] = {}
-    assert str(failure(TypeError, lambda: held(1, 2, 3, 4, **empty))) == str(without)
+    assert str(raises_exactly(TypeError, lambda: held(1, 2, 3, 4, **empty))) == str(without)
     assert "(4 given)" in str(without)
 
 
 @rows("none", "one")
-def test_the_interpreters_own_refusals_leave_no_entry_of_the_function(
+def test_interpreter_argument_error_has_no_module_entry(
     module: ModuleType, function: Function
 ) -> None:
     for args, kwargs in [((1, 2), {}), ((), {"other": 1})]:
@@ -100,7 +97,7 @@ def test_the_interpreters_own_refusals_leave_no_entry_of_the_function(
 
 
 @rows("none", "one", "keywords")
-def test_a_refused_call_reaches_no_native_service(
+def test_rejected_call_makes_no_native_call(
     simulator: Simulator, module: ModuleType, function: Function
 ) -> None:
     many = range(5)
@@ -137,7 +134,7 @@ def count_error(name: str, words: str, bound: int, given: int) -> str:
 
 
 @pytest.mark.parametrize(("name", "given", "words", "bound"), COUNTS)
-def test_a_wrong_count_of_positional_arguments_is_refused(
+def test_wrong_argument_count_raises_type_error(
     module: ModuleType, name: str, given: int, words: str, bound: int
 ) -> None:
     assert refusal(module, name, [ANY] * given) == count_error(name, words, bound, given)
@@ -146,7 +143,7 @@ def test_a_wrong_count_of_positional_arguments_is_refused(
 @pytest.mark.parametrize(
     ("name", "given", "words", "bound"), [row for row in COUNTS if row[1] > row[3]]
 )
-def test_too_many_positional_arguments_are_refused_before_any_keyword_is_looked_at(
+def test_too_many_arguments_are_rejected_before_keywords(
     module: ModuleType, name: str, given: int, words: str, bound: int
 ) -> None:
     keyword: object
@@ -165,17 +162,13 @@ def test_too_many_positional_arguments_are_refused_before_any_keyword_is_looked_
         ("capture_sniffer_profile", (), {"event": "Stop"}, "exactly", 2),
     ],
 )
-def test_a_required_parameter_left_unbound_is_a_count_error_of_the_positional_arguments(
+def test_missing_argument_raises_positional_count_error(
     module: ModuleType, name: str, args: Any, kwargs: Any, words: str, bound: int
 ) -> None:
     assert refusal(module, name, args, kwargs) == count_error(name, words, bound, len(args))
 
 
 # Functions with keywords: the keywords.
-
-
-class Text(str):
-    """A subclass of str."""
 
 
 class SameHash:
@@ -212,10 +205,20 @@ LONG = "x" * 300
 @rows("keywords")
 @pytest.mark.parametrize(
     "keyword",
-    ["other", "", "Policy_id", "policy_id ", "profile-name", "größe", LONG, Text("other"), "\x00"],
+    [
+        "other",
+        "",
+        "Policy_id",
+        "policy_id ",
+        "profile-name",
+        "größe",
+        LONG,
+        StrSubclass("other"),
+        "\x00",
+    ],
     ids=ascii,
 )
-def test_an_unknown_keyword_is_refused_by_its_name(
+def test_unknown_keyword_is_named_in_error(
     module: ModuleType, function: Function, keyword: str
 ) -> None:
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
@@ -230,7 +233,7 @@ def test_an_unknown_keyword_is_refused_by_its_name(
     [7, b"policy_id", None, (), 1.5, object()],
     ids=lambda keyword: type(keyword).__name__,
 )
-def test_a_keyword_that_is_not_a_string_is_refused(
+def test_non_str_keyword_raises_type_error(
     module: ModuleType, function: Function, keyword: Any
 ) -> None:
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
@@ -238,8 +241,8 @@ def test_a_keyword_that_is_not_a_string_is_refused(
 
 
 @rows("keywords")
-@pytest.mark.parametrize("kind", [str, Text])
-def test_a_keyword_for_a_parameter_bound_by_position_is_refused(
+@pytest.mark.parametrize("kind", [str, StrSubclass])
+def test_parameter_bound_twice_raises_type_error(
     module: ModuleType, function: Function, kind: type[str]
 ) -> None:
     positional: list[None] = []
@@ -297,24 +300,27 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
     (CAPTURE, (), {"event": 1}, count_error(CAPTURE, "exactly", 2, 0)),
     (CAPTURE, (), {"event": 1, 7: 1}, not_strings(CAPTURE)),
     # and then in the order of the parameters
-    (CAPTURE, (1, 2), {}, wrong_type("profile_name", "str", 1)),
-    (CAPTURE, (), {"event": 1, "profile_name": 2.5}, wrong_type("profile_name", "str", 2.5)),
-    (CAPTURE, ("p", 2), {}, wrong_type("event", "str", 2)),
-    (CAPTURE, (None,), {"event": b"Stop"}, wrong_type("event", "str", b"")),
+    (CAPTURE, (1, 2), {}, wrong_type_message("profile_name", "str", 1)),
+    (
+        CAPTURE,
+        (),
+        {"event": 1, "profile_name": 2.5},
+        wrong_type_message("profile_name", "str", 2.5),
+    ),
+    (CAPTURE, ("p", 2), {}, wrong_type_message("event", "str", 2)),
+    (CAPTURE, (None,), {"event": b"Stop"}, wrong_type_message("event", "str", b"")),
 ]
 
 
 @pytest.mark.parametrize(("name", "args", "kwargs", "text"), SEVERAL_FAULTS)
-def test_of_several_faults_the_first_in_the_order_of_the_checks_is_reported(
+def test_first_failed_check_is_reported(
     module: ModuleType, name: str, args: Any, kwargs: Any, text: str
 ) -> None:
     assert refusal(module, name, args, kwargs) == text
 
 
 @rows("keywords")
-def test_every_binding_error_leaves_one_entry_at_the_functions_first_line(
-    module: ModuleType, function: Function
-) -> None:
+def test_binding_error_has_one_entry_at_first_line(module: ModuleType, function: Function) -> None:
     first = function.parameters[0].name
     faulty: list[tuple[tuple[Any, ...], dict[Any, Any]]] = [
         ((None,) * 5, {}),
@@ -349,7 +355,7 @@ def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
         ((), {}, "{}"),
         ((7,), {}, '{"policy_id":7}'),
         ((), {"policy_id": 7}, '{"policy_id":7}'),
-        ((), {Text("policy_id"): 7}, '{"policy_id":7}'),
+        ((), {StrSubclass("policy_id"): 7}, '{"policy_id":7}'),
         ((), {SameHash("policy_id"): 7}, '{"policy_id":7}'),
         ((), {"".join(["policy", "_id"]): 7}, '{"policy_id":7}'),
         ((None,), {}, "{}"),
@@ -364,37 +370,32 @@ def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
         "None",
     ],
 )
-def test_an_optional_parameter_is_bound_by_position_or_by_exact_look_up_of_its_name(
+def test_optional_parameter_binds_by_position_or_name(
     simulator: Simulator, module: ModuleType, args: Any, kwargs: Any, request_text: str
 ) -> None:
     assert sent_policy(simulator, module, args, kwargs) == request_text
 
 
-class Unfound(str):
-    """A string that a dictionary does not find by its equal."""
-
-    def __hash__(self) -> int:
-        return super().__hash__() ^ 1
-
-
 @pytest.mark.parametrize(
     ("kwargs", "request_text"),
     [
-        ({Unfound("policy_id"): 7}, '{"policy_id":7}'),
-        ({"policy_id": 7, Unfound("policy_id"): 8}, '{"policy_id":7}'),
-        ({Unfound("policy_id"): 8, "policy_id": 7}, '{"policy_id":7}'),
+        ({MishashedStr("policy_id"): 7}, '{"policy_id":7}'),
+        ({"policy_id": 7, MishashedStr("policy_id"): 8}, '{"policy_id":7}'),
+        ({MishashedStr("policy_id"): 8, "policy_id": 7}, '{"policy_id":7}'),
     ],
     ids=["equal alone", "equal after the exact", "equal before the exact"],
 )
-def test_exact_keyword_wins_over_an_equal_one(
+def test_identical_keyword_wins_over_equal_one(
     simulator: Simulator, module: ModuleType, kwargs: Any, request_text: str
 ) -> None:
     assert sent_policy(simulator, module, (), kwargs) == request_text
 
 
-def test_exact_keywords_win_with_two_parameters(simulator: Simulator, module: ModuleType) -> None:
+def test_identical_keywords_win_with_two_parameters(
+    simulator: Simulator, module: ModuleType
+) -> None:
     exact: dict[str, str] = {"event": "Stop", "profile_name": "p"}
-    equal: dict[str, str] = {Unfound("event"): "Pause", Unfound("profile_name"): "q"}
+    equal: dict[str, str] = {MishashedStr("event"): "Pause", MishashedStr("profile_name"): "q"}
     for kwargs in ({**exact, **equal}, {**equal, **exact}):
         module.capture_sniffer_profile(**kwargs)
     calls = [call for call in simulator.call_log if call.service.startswith("build_")]
@@ -411,7 +412,7 @@ def test_exact_keywords_win_with_two_parameters(simulator: Simulator, module: Mo
         ((), {"event": "Stop", "profile_name": "p"}),
     ],
 )
-def test_required_parameters_are_bound_by_position_or_by_name_in_any_order(
+def test_required_parameters_bind_in_any_order(
     simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
 ) -> None:
     module.capture_sniffer_profile(*args, **kwargs)
@@ -432,7 +433,7 @@ HELD: dict[str, str] = {}
         ((), {"list_bfd": HELD, "cmd": "command"}),
     ],
 )
-def test_the_dictionary_of_sessions_is_bound_by_position_or_by_name(
+def test_list_bfd_binds_by_position_or_name(
     simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "nothing")
@@ -440,7 +441,7 @@ def test_the_dictionary_of_sessions_is_bound_by_position_or_by_name(
     assert [call.text for call in simulator.call_log] == [b"command"]
 
 
-def test_the_caller_keeps_its_dictionary_of_keywords_as_it_was(module: ModuleType) -> None:
+def test_keyword_dictionary_of_caller_is_unchanged(module: ModuleType) -> None:
     keywords = {"policy_id": 7}
     module.switch_acl_egress_counter(**keywords)
     assert keywords == {"policy_id": 7}
@@ -459,19 +460,15 @@ class FailingKey(SameHash):
 
 
 @pytest.mark.parametrize("name", ["switch_acl_egress_counter", "list_switch_mclag_list"])
-def test_a_look_up_that_fails_fails_the_call(module: ModuleType, name: str) -> None:
+def test_keyword_comparison_error_propagates(module: ModuleType, name: str) -> None:
     function, keyword = getattr(module, name), FailingKey(NAMED[name].parameters[0].name)
     keywords: dict[Any, object] = {keyword: 1}
-    error = failure(OverflowError, lambda: function(**keywords))
+    error = raises_exactly(OverflowError, lambda: function(**keywords))
     (entry,) = traceback_entries(error.__traceback__)
     assert entry == Entry(name, entry.first_line, entry.first_line)
 
 
 # Typed parameters
-
-
-class Bytes(bytes):
-    """A subclass of bytes."""
 
 
 def of_type_named(name: str) -> object:
@@ -486,8 +483,17 @@ TYPED = [
     if parameter.type is not None
 ]
 WRONG: dict[type, list[object]] = {
-    bytes: ["text", Bytes(b"text"), bytearray(b"text"), memoryview(b""), 0, True, [], object()],
-    str: [b"text", Text("text"), bytearray(b""), 0, False, (), {}, object()],
+    bytes: [
+        "text",
+        BytesSubclass(b"text"),
+        bytearray(b"text"),
+        memoryview(b""),
+        0,
+        True,
+        [],
+        object(),
+    ],
+    str: [b"text", StrSubclass("text"), bytearray(b""), 0, False, (), {}, object()],
 }
 
 
@@ -503,16 +509,16 @@ def arguments_around(function: Function, position: int, value: object) -> list[o
     TYPED,
     ids=[f"{function.name}-{function.parameters[at].name}" for function, at in TYPED],
 )
-def test_a_typed_parameter_takes_exactly_its_type(
+def test_typed_parameter_accepts_exact_type_only(
     simulator: Simulator, module: ModuleType, function: Function, position: int
 ) -> None:
     parameter = function.parameters[position]
     assert parameter.type is not None
     for value in [*WRONG[parameter.type], of_type_named("größe")]:
-        error = failure(
+        error = raises_exactly(
             TypeError, getattr(module, function.name), *arguments_around(function, position, value)
         )
-        assert str(error) == wrong_type(parameter.name, parameter.type.__name__, value)
+        assert str(error) == wrong_type_message(parameter.name, parameter.type.__name__, value)
         (entry,) = traceback_entries(error.__traceback__)
         assert entry == Entry(function.name, entry.first_line, entry.first_line)
         assert function.first_line[0] <= entry.first_line <= function.first_line[1]
@@ -524,7 +530,7 @@ def test_a_typed_parameter_takes_exactly_its_type(
     TYPED,
     ids=[f"{function.name}-{function.parameters[at].name}" for function, at in TYPED],
 )
-def test_the_name_of_a_wrong_type_is_shown_up_to_its_two_hundredth_character(
+def test_type_name_in_error_is_cut_at_200_characters(
     module: ModuleType, function: Function, position: int
 ) -> None:
     value = of_type_named(LONG)
@@ -542,7 +548,7 @@ NONE_REFUSED = {
 
 
 @pytest.mark.parametrize(("name", "text"), NONE_REFUSED.items())
-def test_none_for_bytes_is_refused_in_the_functions_own_words(
+def test_none_for_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, name: str, text: str
 ) -> None:
     assert refusal(module, name, [None]) == text
@@ -558,7 +564,7 @@ def test_none_for_bytes_is_refused_in_the_functions_own_words(
     ],
     ids=lambda row: row.name,
 )
-def test_none_passes_the_type_test_of_a_text_parameter(
+def test_none_for_str_is_accepted(
     simulator: Simulator, module: ModuleType, function: Function
 ) -> None:
     simulator.set_reply("build_system_interface_physical", [{"interface": [{"name": None}]}])
@@ -577,9 +583,9 @@ def test_none_passes_the_type_test_of_a_text_parameter(
     ],
 )
 @pytest.mark.parametrize(
-    "value", [0, 7, "text", Text("text"), None, [], [1], {"a": 1}, True, 1.5], ids=repr
+    "value", [0, 7, "text", StrSubclass("text"), None, [], [1], {"a": 1}, True, 1.5], ids=repr
 )
-def test_a_query_without_a_type_for_its_parameter_takes_anything(
+def test_untyped_query_parameter_accepts_anything(
     simulator: Simulator, module: ModuleType, name: str, value: object
 ) -> None:
     made: list[tuple[Any, ...]] = []
@@ -590,7 +596,7 @@ def test_a_query_without_a_type_for_its_parameter_takes_anything(
     assert all(held is value for held in request.values())
 
 
-def test_a_cookie_name_takes_anything(module: ModuleType) -> None:
+def test_cookie_name_argument_accepts_anything(module: ModuleType) -> None:
     values: list[object] = ["", "text", b"", None, 7, [], {}, object]
     named = [module.get_cookie_name(value) for value in values]
     assert [name.partition("_")[0] for name in named] == [

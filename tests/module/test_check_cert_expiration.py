@@ -6,12 +6,9 @@ from types import ModuleType
 
 import pytest
 
-from tests.support.assertions import entry, failure, wrong_type
+from tests.support.assertions import entry, raises_exactly, wrong_type_message
+from tests.support.doubles import BytesSubclass
 from veldarin_simulator import Simulator
-
-
-class Bytes(bytes):
-    """A subclass, which is not exactly bytes."""
 
 
 @pytest.mark.parametrize(
@@ -35,7 +32,7 @@ def test_only_status_zero_is_valid(
         (b"/" + b"x" * 5000, b"/" + b"x" * 5000),
     ],
 )
-def test_the_host_checks_the_path_up_to_its_first_nul(
+def test_path_is_passed_up_to_first_nul(
     simulator: Simulator, module: ModuleType, path: bytes, checked: bytes
 ) -> None:
     simulator.set_reply("gui_chk_cert_expiration", lambda text: 0 if text == checked else 3)
@@ -45,13 +42,13 @@ def test_the_host_checks_the_path_up_to_its_first_nul(
     ]
 
 
-def test_an_empty_path_is_the_hosts_to_judge(simulator: Simulator, module: ModuleType) -> None:
+def test_empty_path_is_passed_to_service(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("gui_chk_cert_expiration", 2)
     assert module.check_cert_expiration(b"") is False
 
 
-def test_none_is_refused(simulator: Simulator, module: ModuleType) -> None:
-    refused = failure(TypeError, module.check_cert_expiration, None)
+def test_none_path_raises_type_error(simulator: Simulator, module: ModuleType) -> None:
+    refused = raises_exactly(TypeError, module.check_cert_expiration, None)
     assert str(refused) == "expected bytes, NoneType found"
     assert entry(refused, "check_cert_expiration").line < 94
     assert simulator.call_log == []
@@ -59,14 +56,21 @@ def test_none_is_refused(simulator: Simulator, module: ModuleType) -> None:
 
 @pytest.mark.parametrize(
     "path",
-    ["/some/file", bytearray(b"/some/file"), Bytes(b"/some/file"), memoryview(b"/"), 5, [b"/"]],
+    [
+        "/some/file",
+        bytearray(b"/some/file"),
+        BytesSubclass(b"/some/file"),
+        memoryview(b"/"),
+        5,
+        [b"/"],
+    ],
     ids=lambda path: type(path).__name__,
 )
-def test_anything_but_bytes_is_refused(
+def test_non_bytes_path_raises_type_error(
     simulator: Simulator, module: ModuleType, path: object
 ) -> None:
-    refused = failure(TypeError, module.check_cert_expiration, path)
-    assert str(refused) == wrong_type("path", "bytes", path)
+    refused = raises_exactly(TypeError, module.check_cert_expiration, path)
+    assert str(refused) == wrong_type_message("path", "bytes", path)
     found = entry(refused, "check_cert_expiration")
     assert found.line == found.first_line < 94
     assert simulator.call_log == []

@@ -10,36 +10,23 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
-    taken_apart,
+    raises_exactly,
     traceback_entries,
-    wrong_type,
+    with_types,
+    wrong_type_message,
 )
-from tests.support.fake_cli import CommandLine
+from tests.support.doubles import BytesSubclass, Failure, Recorder, StrSubclass, raiser
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
 
 
-class Text(str):
-    """A subclass of str."""
-
-
-class Bytes(bytes):
-    """A subclass of bytes."""
-
-
 class ByteArray(bytearray):
     """A subclass of bytearray."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def sent(simulator: Simulator) -> list[bytes | None]:
@@ -67,7 +54,7 @@ def sent(simulator: Simulator) -> list[bytes | None]:
         ("x" * 126 + "\u00e9", b"x" * 126 + b"\xc3"),
     ],
 )
-def test_the_command_reaches_the_host_encoded_and_cut_to_its_buffer(
+def test_command_is_encoded_and_cut_to_buffer_size(
     simulator: Simulator, module: ModuleType, command: str, arrives: bytes
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "output")
@@ -75,7 +62,7 @@ def test_the_command_reaches_the_host_encoded_and_cut_to_its_buffer(
     assert sent(simulator) == [arrives]
 
 
-def test_each_call_runs_the_command_anew(simulator: Simulator, module: ModuleType) -> None:
+def test_each_call_runs_command_again(simulator: Simulator, module: ModuleType) -> None:
     outputs = iter(["first", "second"])
     simulator.set_reply("get_cli_cmd_output", lambda command: next(outputs))
     assert [module.get_cli_command_output("c") for _ in range(2)] == ["first", "second"]
@@ -83,25 +70,23 @@ def test_each_call_runs_the_command_anew(simulator: Simulator, module: ModuleTyp
 
 
 @pytest.mark.parametrize(
-    "command", [b"c", Text("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
+    "command", [b"c", StrSubclass("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
 )
-def test_a_command_that_is_not_exactly_text_is_refused_before_anything_is_called(
+def test_non_str_command_is_rejected_before_any_call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: object
 ) -> None:
     encode = Recorder()
     monkeypatch.setattr(module, "bytes_", encode)
-    error = failure(TypeError, module.get_cli_command_output, command)
-    assert str(error) == wrong_type("cmd_s", "str", command)
+    error = raises_exactly(TypeError, module.get_cli_command_output, command)
+    assert str(error) == wrong_type_message("cmd_s", "str", command)
     found = entry(error, FUNCTION)
     assert found.line == found.first_line
     assert encode.calls == []
     assert sent(simulator) == []
 
 
-def test_no_command_passes_the_type_test_and_fails_in_the_encoding(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    error = failure(TypeError, module.get_cli_command_output, None)
+def test_none_command_fails_in_encoding(simulator: Simulator, module: ModuleType) -> None:
+    error = raises_exactly(TypeError, module.get_cli_command_output, None)
     assert str(error) == "expected bytes, NoneType found"
     assert line(error, FUNCTION)
     assert sent(simulator) == []
@@ -111,7 +96,7 @@ def test_no_command_passes_the_type_test_and_fails_in_the_encoding(
     "command",
     ["plain", None],
 )
-def test_the_encoding_is_asked_for_with_the_character_set(
+def test_command_is_encoded_with_charset(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: str | None
 ) -> None:
     character_set = object()
@@ -129,10 +114,10 @@ def test_the_encoding_is_asked_for_with_the_character_set(
 
 @pytest.mark.parametrize(
     "encoded",
-    [b"encoded", bytearray(b"encoded"), Bytes(b"encoded"), ByteArray(b"encoded")],
+    [b"encoded", bytearray(b"encoded"), BytesSubclass(b"encoded"), ByteArray(b"encoded")],
     ids=lambda encoded: type(encoded).__name__,
 )
-def test_bytes_and_bytearrays_of_any_class_are_a_command(
+def test_encoded_bytes_or_bytearray_is_accepted(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: bytes
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
@@ -142,7 +127,7 @@ def test_bytes_and_bytearrays_of_any_class_are_a_command(
 
 
 @pytest.mark.parametrize("kind", [bytes, bytearray])
-def test_encoded_command_is_dropped_before_the_native_call(
+def test_encoded_command_is_released_before_native_call(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -164,7 +149,7 @@ def test_encoded_command_is_dropped_before_the_native_call(
     assert events == ["dropped", b"encoded"]
 
 
-def test_an_empty_bytearray_is_an_empty_command(
+def test_empty_bytearray_is_empty_command(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: bytearray())
@@ -176,18 +161,18 @@ def test_an_empty_bytearray_is_an_empty_command(
 @pytest.mark.parametrize(
     "encoded", ["text", None, 5, memoryview(b"c"), [99]], ids=lambda e: type(e).__name__
 )
-def test_an_encoding_into_anything_else_is_refused(
+def test_encoded_non_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: object
 ) -> None:
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
-    error = failure(TypeError, module.get_cli_command_output, "command")
+    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == f"expected bytes, {type(encoded).__name__} found"
     assert line(error, FUNCTION)
     assert sent(simulator) == []
 
 
-def test_text_that_has_no_encoding_is_not_sent(simulator: Simulator, module: ModuleType) -> None:
-    error = failure(UnicodeEncodeError, module.get_cli_command_output, "\ud800")
+def test_unencodable_command_is_not_sent(simulator: Simulator, module: ModuleType) -> None:
+    error = raises_exactly(UnicodeEncodeError, module.get_cli_command_output, "\ud800")
     assert line(error, FUNCTION)
     assert sent(simulator) == []
 
@@ -215,7 +200,7 @@ def test_text_that_has_no_encoding_is_not_sent(simulator: Simulator, module: Mod
         ("x" * 100_000 + "--More--" + "y" * 100_000, "x" * 100_000 + "y" * 100_000),
     ],
 )
-def test_the_output_is_returned_without_pager_prompts_and_otherwise_untouched(
+def test_output_is_returned_without_pager_prompts(
     simulator: Simulator, module: ModuleType, output: str | bytes, text: str
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", output)
@@ -224,7 +209,7 @@ def test_the_output_is_returned_without_pager_prompts_and_otherwise_untouched(
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_the_decoding_gets_the_bytes_up_to_their_nul_and_the_character_set(
+def test_decoder_gets_bytes_up_to_nul_and_charset(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     character_set = object()
@@ -239,7 +224,7 @@ def test_the_decoding_gets_the_bytes_up_to_their_nul_and_the_character_set(
     assert encoding is character_set
 
 
-def test_the_character_set_is_looked_up_for_each_conversion(
+def test_charset_is_looked_up_for_each_conversion(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def answer(command: bytes) -> bytes:
@@ -254,12 +239,12 @@ def test_the_character_set_is_looked_up_for_each_conversion(
     assert sent(simulator) == [b"\xe9"]
 
 
-def test_a_subclass_of_text_is_text(
+def test_str_subclass_output_is_accepted(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "output")
     for text, expected in (("a--More--b", "ab"), ("plain", "plain")):
-        monkeypatch.setattr(module, "text_", lambda value, encoding, text=text: Text(text))
+        monkeypatch.setattr(module, "text_", lambda value, encoding, text=text: StrSubclass(text))
         result = module.get_cli_command_output("command")
         assert (type(result), result) == (str, expected)
 
@@ -274,7 +259,7 @@ def test_a_subclass_of_text_is_text(
         (bytearray(b"bytes"), TypeError, "a bytes-like object is required, not 'str'"),
     ],
 )
-def test_what_is_no_text_raises_the_interpreters_own_error_and_the_buffer_is_freed(
+def test_non_str_output_raises_and_frees_buffer(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -284,23 +269,23 @@ def test_what_is_no_text_raises_the_interpreters_own_error_and_the_buffer_is_fre
 ) -> None:
     monkeypatch.setattr(module, "text_", lambda value, encoding: decoded)
     simulator.set_reply("get_cli_cmd_output", "output")
-    error = failure(kind, module.get_cli_command_output, "command")
+    error = raises_exactly(kind, module.get_cli_command_output, "command")
     assert str(error) == text
     assert line(error, FUNCTION)
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_output_that_cannot_be_decoded_is_an_error_and_the_buffer_is_freed(
+def test_undecodable_output_raises_and_frees_buffer(
     simulator: Simulator, module: ModuleType
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", b"\xff")
-    error = failure(UnicodeDecodeError, module.get_cli_command_output, "command")
+    error = raises_exactly(UnicodeDecodeError, module.get_cli_command_output, "command")
     assert (error.encoding, error.object) == ("utf-8", b"\xff")
     assert line(error, FUNCTION)
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_the_buffer_lives_until_the_text_is_decoded_and_not_beyond_the_call(
+def test_buffer_is_freed_after_decoding(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     alive: list[int] = []
@@ -319,20 +304,20 @@ def test_the_buffer_lives_until_the_text_is_decoded_and_not_beyond_the_call(
 # No output
 
 
-def test_without_output_the_native_failure_is_raised(
+def test_null_output_raises_c_function_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     decode = Recorder()
     monkeypatch.setattr(module, "text_", decode)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(module.CFunctionError, module.get_cli_command_output, "command")
+    error = raises_exactly(module.CFunctionError, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
     assert line(error, FUNCTION)
     assert decode.calls == []
     assert sent(simulator) == [b"command"]
 
 
-def test_the_native_failure_is_the_class_that_the_global_names_then(
+def test_error_class_is_looked_up_at_failure(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     class Other(Exception):
@@ -342,7 +327,7 @@ def test_the_native_failure_is_the_class_that_the_global_names_then(
         monkeypatch.setattr(module, "CFunctionError", Other)
 
     simulator.set_reply("get_cli_cmd_output", answer)
-    error = failure(Other, module.get_cli_command_output, "command")
+    error = raises_exactly(Other, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
 
 
@@ -367,7 +352,7 @@ def test_returned_exception_is_raised_as_by_raise(
     make = Recorder(lambda message: returned)
     monkeypatch.setattr(module, "CFunctionError", make)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(kind, module.get_cli_command_output, "command")
+    error = raises_exactly(kind, module.get_cli_command_output, "command")
     assert error.args == (("by the call",) if instance else ())
     assert (error is returned) == instance
     assert make.positional == [("get_cli_command_output's result is null.",)]
@@ -380,7 +365,7 @@ def test_returned_non_exception_raises_type_error(
 ) -> None:
     monkeypatch.setattr(module, "CFunctionError", lambda message: returned)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(TypeError, module.get_cli_command_output, "command")
+    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == "exceptions must derive from BaseException"
     assert line(error, FUNCTION)
 
@@ -388,7 +373,7 @@ def test_returned_non_exception_raises_type_error(
 def test_returned_class_that_fails_raises_its_own_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    error = Failed()
+    error = Failure()
 
     class Unmakable(Exception):
         def __init__(self) -> None:
@@ -396,7 +381,7 @@ def test_returned_class_that_fails_raises_its_own_error(
 
     monkeypatch.setattr(module, "CFunctionError", lambda message: Unmakable)
     simulator.set_reply("get_cli_cmd_output", None)
-    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
@@ -409,20 +394,20 @@ def test_returned_class_without_instances_raises_type_error(
 
     monkeypatch.setattr(module, "CFunctionError", lambda message: Odd)
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(TypeError, module.get_cli_command_output, "command")
+    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == (
         f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
     )
     assert line(error, FUNCTION)
 
 
-def test_a_native_failure_that_cannot_be_made_is_told_instead(
+def test_failing_error_class_raises_its_own_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    error = Failed()
-    monkeypatch.setattr(module, "CFunctionError", raising(error))
+    error = Failure()
+    monkeypatch.setattr(module, "CFunctionError", raiser(error))
     simulator.set_reply("get_cli_cmd_output", None)
-    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
@@ -438,7 +423,7 @@ def test_a_native_failure_that_cannot_be_made_is_told_instead(
         ("CFunctionError", None, [b"command"]),
     ],
 )
-def test_a_missing_global_is_a_name_error_when_it_is_needed(
+def test_missing_global_raises_name_error(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -448,14 +433,14 @@ def test_a_missing_global_is_a_name_error_when_it_is_needed(
 ) -> None:
     monkeypatch.delattr(module, name)
     simulator.set_reply("get_cli_cmd_output", output)
-    error = failure(NameError, module.get_cli_command_output, "command")
+    error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == f"name '{name}' is not defined"
     assert line(error, FUNCTION)
     assert sent(simulator) == commands
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_a_character_set_that_goes_missing_is_a_name_error_and_the_buffer_is_freed(
+def test_charset_missing_at_decoding_frees_buffer(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def answer(command: bytes) -> str:
@@ -463,48 +448,48 @@ def test_a_character_set_that_goes_missing_is_a_name_error_and_the_buffer_is_fre
         return "output"
 
     simulator.set_reply("get_cli_cmd_output", answer)
-    error = failure(NameError, module.get_cli_command_output, "command")
+    error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == "name '_CHARSET' is not defined"
     assert simulator.live_objects.text_buffers == 0
 
 
 @pytest.mark.parametrize("name, commands", [("bytes_", []), ("text_", [b"command"])])
-def test_a_failing_conversion_ends_the_call_unchanged(
+def test_conversion_error_propagates(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
     name: str,
     commands: list[bytes],
 ) -> None:
-    error = Failed()
-    monkeypatch.setattr(module, name, raising(error))
+    error = Failure()
+    monkeypatch.setattr(module, name, raiser(error))
     simulator.set_reply("get_cli_cmd_output", "output")
-    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == FUNCTION
     assert sent(simulator) == commands
     assert simulator.live_objects.text_buffers == 0
 
 
-def test_lines_ascend_with_the_statements(
+def test_traceback_lines_increase_with_statements(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def failing_line(name: str, output: str | None) -> Any:
-        error = Failed()
+        error = Failure()
         simulator.set_reply("get_cli_cmd_output", output)
         with monkeypatch.context() as patch:
-            patch.setattr(module, name, raising(error))
-            failure(Failed, module.get_cli_command_output, "command")
+            patch.setattr(module, name, raiser(error))
+            raises_exactly(Failure, module.get_cli_command_output, "command")
         return line(error, FUNCTION)
 
-    refused = failure(TypeError, module.get_cli_command_output, 5)
+    refused = raises_exactly(TypeError, module.get_cli_command_output, 5)
     lines = [
         line(refused, FUNCTION),
         failing_line("bytes_", "output"),
         failing_line("CFunctionError", None),
         failing_line("text_", "output"),
     ]
-    assert ascending([250, *lines, 352])
+    assert is_increasing([250, *lines, 352])
 
 
 class UnusedLogger:
@@ -529,7 +514,7 @@ class UnusedLogger:
         (5, "output", "TypeError"),
     ],
 )
-def test_success_and_every_failure_log_nothing(
+def test_runner_logs_nothing(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -563,19 +548,19 @@ def test_success_and_every_failure_log_nothing(
         ("get_system_arp_result", (), "Address"),
     ],
 )
-def test_parsers_look_names_up_as_their_statement_reads(
-    cli: CommandLine, function: str, arguments: tuple[object, ...], output: str
+def test_parsers_look_names_up_in_statement_order(
+    cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
 ) -> None:
     """text_(get_cli_command_output(command), _CHARSET): first text_, last _CHARSET."""
 
     def run(command: str) -> str:
-        cli.rebind("text_", raising(AssertionError("looked up too late")))
-        cli.rebind("_CHARSET", "rebound while the command ran")
+        cli.patch("text_", raiser(AssertionError("looked up too late")))
+        cli.patch("_CHARSET", "rebound while the command ran")
         return output
 
     decode = Recorder(lambda value, encoding: value)
-    cli.rebind("text_", decode)
-    cli.run.answer = run
+    cli.patch("text_", decode)
+    cli.run.side_effect = run
     getattr(cli.parser, function)(*arguments)
     assert decode.positional == [(output, "rebound while the command ran")]
 
@@ -607,20 +592,20 @@ class OwnMethods(str):
         ("get_system_arp_result", (), "Address\na b c d"),
     ],
 )
-def test_parsers_read_the_characters_of_a_str_subclass(
-    native_cli: CommandLine, function: str, arguments: tuple[object, ...], output: str
+def test_parsers_read_characters_of_str_subclass(
+    native_cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
 ) -> None:
     called: list[str] = []
     parse = getattr(native_cli.parser, function)
-    native_cli.prints(output)
+    native_cli.set_output(output)
     expected = parse(*copy.deepcopy(arguments))
     assert expected
-    native_cli.rebind("text_", lambda value, encoding: OwnMethods(output, called))
-    assert taken_apart(parse(*copy.deepcopy(arguments))) == taken_apart(expected)
+    native_cli.patch("text_", lambda value, encoding: OwnMethods(output, called))
+    assert with_types(parse(*copy.deepcopy(arguments))) == with_types(expected)
     assert called == []
 
 
-def test_command_output_calls_replace_of_a_str_subclass(
+def test_command_output_calls_replace_of_str_subclass(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     called: list[str] = []

@@ -11,29 +11,18 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import (
-    Recorder,
-    Truth,
-    ascending,
-    entry,
-    failure,
-    raising,
-    wrong_type,
-)
+from tests.support.assertions import entry, is_increasing, raises_exactly, wrong_type_message
+from tests.support.doubles import BytesSubclass, CountingBool, Recorder, raiser
 from veldarin_simulator import Simulator
 
 ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
 GREATEST = pytest.param(ULONG_MAX, id="ULONG_MAX")
 
 
-class Bytes(bytes):
-    """A subclass, which is not exactly bytes."""
-
-
 NOT_EXACTLY_BYTES = [
     pytest.param("text", id="str"),
     pytest.param(bytearray(b"text"), id="bytearray"),
-    pytest.param(Bytes(b"text"), id="subclass of bytes"),
+    pytest.param(BytesSubclass(b"text"), id="subclass of bytes"),
     pytest.param(memoryview(b"text"), id="memoryview"),
     pytest.param(7, id="int"),
     pytest.param([b"text"], id="list"),
@@ -49,7 +38,7 @@ def texts(simulator: Simulator) -> list[tuple[str, bytes | None]]:
 
 
 @pytest.mark.parametrize("identifier", [0, 1, 2**31 - 1, 2**31, 4294967295, GREATEST])
-def test_new_cookie_id_is_the_native_value_unsigned(
+def test_new_cookie_id_is_unsigned_native_value(
     simulator: Simulator, module: ModuleType, identifier: int
 ) -> None:
     simulator.set_reply("aps_get_new_cookie_id", identifier)
@@ -58,7 +47,7 @@ def test_new_cookie_id_is_the_native_value_unsigned(
     assert texts(simulator) == [("aps_get_new_cookie_id", None)]
 
 
-def test_new_cookie_id_asks_the_host_each_time(simulator: Simulator, module: ModuleType) -> None:
+def test_new_cookie_id_calls_service_each_time(simulator: Simulator, module: ModuleType) -> None:
     identifiers = iter([3, 1, 2])
     simulator.set_reply("aps_get_new_cookie_id", lambda: next(identifiers))
     assert [module.new_cookie_id() for _ in range(3)] == [3, 1, 2]
@@ -68,7 +57,7 @@ def test_new_cookie_id_asks_the_host_each_time(simulator: Simulator, module: Mod
 
 
 @pytest.mark.parametrize("value", [0, 2**31, 4294967295, GREATEST])
-def test_hash_is_the_native_value_unsigned(
+def test_hash_is_unsigned_native_value(
     simulator: Simulator, module: ModuleType, value: int
 ) -> None:
     simulator.set_reply("__get_aps_hash", value)
@@ -86,7 +75,7 @@ def test_hash_is_the_native_value_unsigned(
         (b"\0ab", b""),
     ],
 )
-def test_hash_covers_the_bytes_up_to_the_first_nul(
+def test_hash_input_ends_at_first_nul(
     simulator: Simulator, module: ModuleType, characters: bytes, hashed: bytes
 ) -> None:
     simulator.set_reply("__get_aps_hash", lambda text: len(text) + 1000)
@@ -94,19 +83,19 @@ def test_hash_covers_the_bytes_up_to_the_first_nul(
     assert texts(simulator) == [("__get_aps_hash", hashed)]
 
 
-def test_hash_of_none_is_refused(simulator: Simulator, module: ModuleType) -> None:
-    refused = failure(TypeError, module.aps_unsigned_int_hash, None)
+def test_hash_of_none_raises_type_error(simulator: Simulator, module: ModuleType) -> None:
+    refused = raises_exactly(TypeError, module.aps_unsigned_int_hash, None)
     assert str(refused) == "expected bytes, NoneType found"
     assert entry(refused, "aps_unsigned_int_hash").line
     assert simulator.call_log == []
 
 
 @pytest.mark.parametrize("characters", NOT_EXACTLY_BYTES)
-def test_hash_of_anything_but_bytes_is_refused(
+def test_hash_of_non_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, characters: object
 ) -> None:
-    refused = failure(TypeError, module.aps_unsigned_int_hash, characters)
-    assert str(refused) == wrong_type("characters", "bytes", characters)
+    refused = raises_exactly(TypeError, module.aps_unsigned_int_hash, characters)
+    assert str(refused) == wrong_type_message("characters", "bytes", characters)
     found = entry(refused, "aps_unsigned_int_hash")
     assert found.line == found.first_line
     assert simulator.call_log == []
@@ -129,7 +118,7 @@ def test_hash_of_anything_but_bytes_is_refused(
         ([], "APCOOKIE_4294967295"),
     ],
 )
-def test_cookie_name_is_prefix_and_decimal_hash_of_the_serial_number(
+def test_cookie_name_is_prefix_and_serial_number_hash(
     simulator: Simulator, module: ModuleType, https: object, name: str
 ) -> None:
     simulator.serial_number = b"SN0123456789"
@@ -141,18 +130,16 @@ def test_cookie_name_is_prefix_and_decimal_hash_of_the_serial_number(
         assert texts(simulator) == [("__get_aps_hash", b"SN0123456789")]
 
 
-def test_cookie_name_asks_the_truth_once(simulator: Simulator, module: ModuleType) -> None:
+def test_cookie_name_tests_truth_once(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("__get_aps_hash", 5)
-    https = Truth(True)
+    https = CountingBool(True)
     assert module.get_cookie_name(https) == "APSCOOKIE_5"
-    assert https.asked == 1
+    assert https.bool_calls == 1
 
 
-def test_cookie_name_passes_on_a_failing_truth_test(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_cookie_name_truth_error_propagates(simulator: Simulator, module: ModuleType) -> None:
     error = LookupError("no truth")
-    assert failure(LookupError, module.get_cookie_name, Truth(error)) is error
+    assert raises_exactly(LookupError, module.get_cookie_name, CountingBool(error)) is error
     assert entry(error, "get_cookie_name").line
     assert simulator.call_log == []
 
@@ -197,7 +184,7 @@ def test_cookie_name_calls_in_order(
 
 
 @pytest.mark.parametrize("https", [True, False])
-def test_cookie_name_decodes_as_utf_8_whatever_charset_holds(
+def test_cookie_name_is_decoded_as_utf_8(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, https: bool
 ) -> None:
     text_ = Recorder(lambda value, encoding: "prefix")
@@ -209,7 +196,7 @@ def test_cookie_name_decodes_as_utf_8_whatever_charset_holds(
     assert [encoding for _value, encoding in text_.positional] == ["utf-8", "utf-8"]
 
 
-def test_cookie_name_makes_a_fresh_prefix_each_time(
+def test_cookie_name_decodes_new_prefix_each_time(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     text_ = Recorder(lambda value, encoding: value.decode(encoding))
@@ -221,7 +208,7 @@ def test_cookie_name_makes_a_fresh_prefix_each_time(
     assert first is not second
 
 
-def test_cookie_name_looks_text_up_before_the_truth_test(
+def test_cookie_name_looks_up_text_before_truth_test(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     before = Recorder(lambda value, encoding: "before")
@@ -236,7 +223,7 @@ def test_cookie_name_looks_text_up_before_the_truth_test(
     assert before.positional == [(b"APSCOOKIE", "utf-8")]
 
 
-def test_cookie_name_looks_hash_and_serial_up_after_the_prefix_is_text(
+def test_cookie_name_looks_up_hash_after_prefix(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def text_(value: bytes, encoding: str) -> str:
@@ -248,7 +235,7 @@ def test_cookie_name_looks_hash_and_serial_up_after_the_prefix_is_text(
     assert module.get_cookie_name(True) == "prefix_('hash of', 'serial')"
 
 
-def test_cookie_name_looks_the_hash_up_before_it_asks_for_the_serial_number(
+def test_cookie_name_looks_up_hash_before_serial_number(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def serial_number_ascii() -> bytes:
@@ -261,11 +248,11 @@ def test_cookie_name_looks_the_hash_up_before_it_asks_for_the_serial_number(
 
 
 @pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
-def test_cookie_name_without_a_global_is_a_name_error(
+def test_cookie_name_missing_global_raises_name_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     monkeypatch.delattr(module, name)
-    error = failure(NameError, module.get_cookie_name, True)
+    error = raises_exactly(NameError, module.get_cookie_name, True)
     assert str(error) == f"name '{name}' is not defined"
     assert entry(error, "get_cookie_name").line
 
@@ -277,7 +264,7 @@ def test_cookie_name_without_a_global_is_a_name_error(
         (["aps_unsigned_int_hash", "serial_number_ascii"], "aps_unsigned_int_hash"),
     ],
 )
-def test_cookie_name_looks_globals_up_in_order(
+def test_cookie_name_looks_up_globals_in_order(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -286,16 +273,19 @@ def test_cookie_name_looks_globals_up_in_order(
 ) -> None:
     for name in missing:
         monkeypatch.delattr(module, name)
-    assert str(failure(NameError, module.get_cookie_name, 1)) == f"name '{named}' is not defined"
+    assert (
+        str(raises_exactly(NameError, module.get_cookie_name, 1))
+        == f"name '{named}' is not defined"
+    )
 
 
 @pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
-def test_cookie_name_passes_on_a_failing_call(
+def test_cookie_name_call_error_propagates(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     error = LookupError("not now")
-    monkeypatch.setattr(module, name, raising(error))
-    assert failure(LookupError, module.get_cookie_name, True) is error
+    monkeypatch.setattr(module, name, raiser(error))
+    assert raises_exactly(LookupError, module.get_cookie_name, True) is error
     assert entry(error, "get_cookie_name").line
 
 
@@ -310,7 +300,7 @@ def test_cookie_name_passes_on_a_failing_call(
         ),
     ],
 )
-def test_cookie_name_hashes_the_serial_number_through_the_checked_function(
+def test_cookie_name_serial_number_must_be_bytes(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -318,7 +308,7 @@ def test_cookie_name_hashes_the_serial_number_through_the_checked_function(
     text: str,
 ) -> None:
     monkeypatch.setattr(module, "serial_number_ascii", lambda: serial)
-    error = failure(TypeError, module.get_cookie_name, True)
+    error = raises_exactly(TypeError, module.get_cookie_name, True)
     assert str(error) == text
     assert entry(error, "get_cookie_name").line < 94
     assert entry(error, "aps_unsigned_int_hash").line < entry(error, "get_cookie_name").first_line
@@ -332,7 +322,7 @@ def test_cookie_name_hashes_the_serial_number_through_the_checked_function(
     "plain, wrapped_from",
     [(b"", b""), (b"value", b"value"), (b"\xff\x01", b"\xff\x01"), (b"val\0ue", b"val")],
 )
-def test_encrypting_wraps_the_text_up_to_its_first_nul(
+def test_encrypt_input_ends_at_first_nul(
     simulator: Simulator, module: ModuleType, plain: bytes, wrapped_from: bytes
 ) -> None:
     simulator.set_reply("cookieval_wrap", lambda text: b"<" + text + b">")
@@ -342,7 +332,7 @@ def test_encrypting_wraps_the_text_up_to_its_first_nul(
 
 
 @pytest.mark.parametrize("wrapped, result", [(b"", b""), (b"x" * 5000, b"x" * 5000)])
-def test_encrypting_returns_what_the_host_wraps(
+def test_encrypt_returns_wrapped_value(
     simulator: Simulator, module: ModuleType, wrapped: bytes, result: bytes
 ) -> None:
     simulator.set_reply("cookieval_wrap", wrapped)
@@ -360,7 +350,7 @@ def test_encrypting_returns_what_the_host_wraps(
         (b"val\0ue", b"val", b"V"),
     ],
 )
-def test_decrypting_unwraps_a_copy_up_to_the_first_nul(
+def test_decrypt_unwraps_copy_up_to_first_nul(
     simulator: Simulator, module: ModuleType, encrypted: bytes, copied: bytes, unwrapped: bytes
 ) -> None:
     simulator.set_reply("cookieval_unwrap", lambda text: unwrapped)
@@ -372,7 +362,7 @@ def test_decrypting_unwraps_a_copy_up_to_the_first_nul(
 
 
 @pytest.mark.parametrize("function", ["encrypt_cookie", "decrypt_cookie"])
-def test_a_cookie_value_ends_at_its_first_nul(
+def test_cookie_value_ends_at_first_nul(
     simulator: Simulator, module: ModuleType, function: str
 ) -> None:
     simulator.set_reply("cookieval_wrap", b"ab\0cd")
@@ -383,7 +373,7 @@ def test_a_cookie_value_ends_at_its_first_nul(
 @pytest.mark.parametrize(
     "encrypted", [bytes(1_000_000), b"x" * 1_000_000], ids=["nothing before a NUL", "all text"]
 )
-def test_the_working_buffer_is_sized_from_the_full_length(
+def test_decrypt_buffer_has_size_of_whole_argument(
     simulator: Simulator, module: ModuleType, encrypted: bytes
 ) -> None:
     simulator.set_fixed_reply("cookieval_unwrap", b"")
@@ -407,7 +397,7 @@ def test_the_working_buffer_is_sized_from_the_full_length(
         ("check_cert_expiration", "gui_chk_cert_expiration", 0, True),
     ],
 )
-def test_the_host_is_given_the_bytes_themselves_and_no_copy(
+def test_service_gets_argument_bytes_without_copy(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -435,10 +425,10 @@ def test_the_host_is_given_the_bytes_themselves_and_no_copy(
         ("decrypt_cookie", "object of type 'NoneType' has no len()"),
     ],
 )
-def test_none_is_refused_in_two_different_wordings(
+def test_none_cookie_value_raises_type_error(
     simulator: Simulator, module: ModuleType, function: str, text: str
 ) -> None:
-    refused = failure(TypeError, getattr(module, function), None)
+    refused = raises_exactly(TypeError, getattr(module, function), None)
     assert str(refused) == text
     assert entry(refused, function).line
     assert simulator.call_log == []
@@ -448,25 +438,25 @@ def test_none_is_refused_in_two_different_wordings(
 @pytest.mark.parametrize(
     "function, parameter", [("encrypt_cookie", "plain"), ("decrypt_cookie", "encrypted")]
 )
-def test_a_cookie_value_that_is_not_exactly_bytes_is_refused(
+def test_non_bytes_cookie_value_raises_type_error(
     simulator: Simulator, module: ModuleType, function: str, parameter: str, value: object
 ) -> None:
-    refused = failure(TypeError, getattr(module, function), value)
-    assert str(refused) == wrong_type(parameter, "bytes", value)
+    refused = raises_exactly(TypeError, getattr(module, function), value)
+    assert str(refused) == wrong_type_message(parameter, "bytes", value)
     found = entry(refused, function)
     assert found.line == found.first_line
     assert simulator.call_log == []
 
 
 @pytest.mark.workstation_only("no bytes object is that long with 32-bit sizes")
-def test_a_text_too_long_for_the_copying_function_is_refused_before_anything_is_allocated(
+def test_decrypt_oversized_value_raises_before_allocation(
     simulator: Simulator, module: ModuleType
 ) -> None:
     encrypted = bytes(2**31 - 1)  # the pages are never touched
     tracemalloc.start()
     try:
         before = tracemalloc.get_traced_memory()[0]
-        refused = failure(OverflowError, module.decrypt_cookie, encrypted)
+        refused = raises_exactly(OverflowError, module.decrypt_cookie, encrypted)
         peak = tracemalloc.get_traced_memory()[1]
     finally:
         tracemalloc.stop()
@@ -477,15 +467,13 @@ def test_a_text_too_long_for_the_copying_function_is_refused_before_anything_is_
 
 
 @pytest.mark.workstation_only("no bytes object is that long with 32-bit sizes")
-def test_the_longest_text_that_the_copying_function_takes_is_unwrapped(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_decrypt_longest_value_is_unwrapped(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("cookieval_unwrap", lambda text: text)
     assert module.decrypt_cookie(bytes(2**31 - 2)) == b""
     assert texts(simulator) == [("cookieval_unwrap", b"")]
 
 
-def test_decrypting_uses_the_host_for_each_call(simulator: Simulator, module: ModuleType) -> None:
+def test_decrypt_calls_service_each_time(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("cookieval_unwrap", lambda text: text[::-1])
     assert [module.decrypt_cookie(text) for text in (b"abc", b"de", b"")] == [b"cba", b"ed", b""]
     assert [call.service for call in simulator.call_log] == ["cookieval_unwrap"] * 3
@@ -500,7 +488,8 @@ def _exhausted(function: str, arguments: list[str], start: int, stop: int, logge
     """What a call tells when memory fails: the error, the log, the native calls, what is leaked."""
     import _testcapi
 
-    from tests.support.assertions import RecordingLogger, traceback_entries
+    from tests.support.assertions import traceback_entries
+    from tests.support.doubles import RecordingLogger
     from veldarin_simulator import Simulator
 
     with Simulator(live=False) as simulator:
@@ -549,14 +538,14 @@ def exhausted(
     return told
 
 
-def test_new_cookie_id_fails_when_the_int_cannot_be_made() -> None:
+def test_new_cookie_id_without_memory_raises_memory_error() -> None:
     told = exhausted("new_cookie_id")
     assert told["type"] == "MemoryError"
     assert told["entries"] == ["new_cookie_id"]
     assert told["called"] == ["aps_get_new_cookie_id"]
 
 
-def test_a_wrapped_value_that_cannot_be_made_into_bytes_leaves_the_native_buffer_behind() -> None:
+def test_encrypt_without_memory_leaks_native_buffer() -> None:
     told = exhausted("encrypt_cookie", "value", start=1, stop=2)
     assert told["type"] == "MemoryError"
     assert told["entries"] == ["encrypt_cookie"]
@@ -565,7 +554,7 @@ def test_a_wrapped_value_that_cannot_be_made_into_bytes_leaves_the_native_buffer
     assert told["logged"] == []
 
 
-def test_an_unwrapped_value_that_cannot_be_made_into_bytes_is_a_memory_error() -> None:
+def test_decrypt_without_memory_raises_memory_error() -> None:
     told = exhausted("decrypt_cookie", "value", start=1, stop=2)
     assert told["type"] == "MemoryError"
     assert told["entries"] == ["decrypt_cookie"]
@@ -607,19 +596,19 @@ def _left_behind(length: int, times: int, start: int, stop: int) -> int:
         return tracemalloc.get_traced_memory()[0] - before
 
 
-def test_the_working_buffer_stays_behind_when_the_result_cannot_be_made() -> None:
+def test_decrypt_without_result_leaks_working_buffer() -> None:
     buffers = 200 * (LONG + 1)
     assert buffers <= isolated.value(_left_behind, LONG, 200, 1, 2) < buffers + 20_000
 
 
-def test_nothing_stays_behind_when_the_working_buffer_cannot_be_made() -> None:
+def test_decrypt_without_working_buffer_leaks_nothing() -> None:
     assert isolated.value(_left_behind, LONG, 200, 0, 1) < 20_000
 
 
 LOG_TEXT = "Could not allocate memory for decreypt_cookie decrypted"
 
 
-def test_without_a_working_buffer_decrypting_logs_and_raises_the_native_failure() -> None:
+def test_decrypt_without_working_buffer_logs_and_raises() -> None:
     told = exhausted("decrypt_cookie", "value")
     assert told["type"] == "CFunctionError"
     assert told["own"]
@@ -636,7 +625,7 @@ def test_without_a_working_buffer_decrypting_logs_and_raises_the_native_failure(
         ("del log.error", "AttributeError", None, False),
         ("del module.CFunctionError", "NameError", "name 'CFunctionError' is not defined", True),
         (
-            "def fails(text): raise ValueError('full')\nlog.error.answer = fails",
+            "def fails(text): raise ValueError('full')\nlog.error.side_effect = fails",
             "ValueError",
             "full",
             True,
@@ -649,7 +638,7 @@ def test_without_a_working_buffer_decrypting_logs_and_raises_the_native_failure(
         ),
         (
             "class Late(Exception): pass\n"
-            "log.error.answer = lambda text: setattr(module, 'CFunctionError', Late)",
+            "log.error.side_effect = lambda text: setattr(module, 'CFunctionError', Late)",
             "Late",
             "PyMem_Malloc",
             True,
@@ -664,7 +653,7 @@ def test_without_a_working_buffer_decrypting_logs_and_raises_the_native_failure(
         "exception class rebound while logging",
     ],
 )
-def test_what_is_missing_when_decrypting_fails_is_told_instead(
+def test_decrypt_failure_reports_missing_global(
     logger: str, kind: str, text: str | None, logged: bool
 ) -> None:
     told = exhausted("decrypt_cookie", "value", logger=logger)
@@ -676,7 +665,7 @@ def test_what_is_missing_when_decrypting_fails_is_told_instead(
     assert told["logged"] == ([[[LOG_TEXT], {}]] if logged else [])
 
 
-def test_lines_ascend_within_decrypting_and_between_the_cookie_functions() -> None:
+def test_traceback_lines_increase_with_statements() -> None:
     new_cookie_id = exhausted("new_cookie_id")["lines"]
     encrypt = exhausted("encrypt_cookie", "value", start=1, stop=2)["lines"]
     decrypt = [
@@ -686,4 +675,4 @@ def test_lines_ascend_within_decrypting_and_between_the_cookie_functions() -> No
     ]
     lines = [*new_cookie_id, *encrypt, *(line for found in decrypt for line in found)]
     assert len(lines) == 5
-    assert ascending(lines)
+    assert is_increasing(lines)

@@ -22,45 +22,42 @@ from hypothesis import strategies as st
 
 from benchmarks.hostile import RUNNER, SIZES, TEXTS, HostileText
 from tests.support import reference
-from tests.support.assertions import assert_same, failure, line, taken_apart
-from tests.support.fake_cli import CommandLine
+from tests.support.assertions import assert_same, line, raises_exactly, with_types
+from tests.support.doubles import StrSubclass
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 settings.register_profile(
-    "twin",
+    "differential",
     max_examples=int(os.environ.get("HYPOTHESIS_EXAMPLES", "250")),
     derandomize="CI" in os.environ,
     database=None,
     deadline=None,
     suppress_health_check=[HealthCheck.function_scoped_fixture, HealthCheck.too_slow],
 )
-compared = settings.get_profile("twin")
+compared = settings.get_profile("differential")
 
 
-class Text(str):
-    """A subclass of str, which is text too."""
+# The two parsers side by side
 
 
-# Both parsers side by side
-
-
-class Both:
+class Pair:
     """The command lines of the native module and of the twin, given the same and compared."""
 
-    def __init__(self, native: CommandLine, plain: CommandLine) -> None:
+    def __init__(self, native: FakeCli, reference: FakeCli) -> None:
         self.native = native
-        self.plain = plain
+        self.reference = reference
 
     def print(self, *outputs: object) -> None:
         """What the commands print, in the order they come; then from the beginning again."""
-        for cli in (self.native, self.plain):
+        for cli in (self.native, self.reference):
             cli.run.calls.clear()
             cli.logger.debug.calls.clear()
             cli.shared.clear()
             self._let(cli, outputs)
 
-    def _let(self, cli: CommandLine, outputs: tuple[object, ...]) -> None:
-        cli.run.answer = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
+    def _let(self, cli: FakeCli, outputs: tuple[object, ...]) -> None:
+        cli.run.side_effect = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
 
     def check(self, function: str, *make: Callable[[], object]) -> Any:
         """Calls the function of both with arguments made for each, and compares everything.
@@ -68,11 +65,11 @@ class Both:
         The native value, or the exception.
         """
         our_arguments, ours = _called(self.native, function, make)
-        their_arguments, theirs = _called(self.plain, function, make)
+        their_arguments, theirs = _called(self.reference, function, make)
         assert_same(our_arguments, their_arguments, "the arguments")
-        assert_same(self.native.logged, self.plain.logged, "the log")
-        assert_same(self.native.commands, self.plain.commands, "the commands")
-        assert_same(self.native.shared, self.plain.shared, "the shared dictionary")
+        assert_same(self.native.debug_messages, self.reference.debug_messages, "the log")
+        assert_same(self.native.commands, self.reference.commands, "the commands")
+        assert_same(self.native.shared, self.reference.shared, "the shared dictionary")
         if isinstance(ours, Exception) and isinstance(theirs, Exception):
             assert (type(ours).__name__, str(ours)) == (type(theirs).__name__, str(theirs))
             same_statement(function, ours, theirs)
@@ -82,7 +79,7 @@ class Both:
 
 
 def _called(
-    cli: CommandLine, function: str, make: tuple[Callable[[], object], ...]
+    cli: FakeCli, function: str, make: tuple[Callable[[], object], ...]
 ) -> tuple[list[object], object]:
     arguments = [made() for made in make]
     try:
@@ -99,15 +96,15 @@ def _called(
         (["a" * 9999 + "b"], ["a" * 9999], "it[0]: 'b' instead of '' at character 9999"),
         ([["a"], []], [["a"]], "it: 2 items instead of 1"),
         ((), [], "it: tuple () instead of list []"),
-        (Text("a"), "a", "it: Text 'a' instead of str 'a'"),
+        (StrSubclass("a"), "a", "it: StrSubclass 'a' instead of str 'a'"),
         (None, {"a": "b" * 9999}, None),
     ],
 )
-def test_difference_of_values_gives_short_message(
+def test_assert_same_difference_gives_short_message(
     ours: object, theirs: object, message: str | None
 ) -> None:
     assert_same(ours, deepcopy(ours), "it")
-    found = str(failure(AssertionError, assert_same, ours, theirs, "it"))
+    found = str(raises_exactly(AssertionError, assert_same, ours, theirs, "it"))
     assert len(found) < 200
     assert message in (None, found)
 
@@ -129,10 +126,10 @@ def same_statement(function: str, ours: Exception, theirs: Exception) -> None:
 
 
 @pytest.fixture
-def both(native_cli: CommandLine) -> Iterator[Both]:
+def pair(native_cli: FakeCli) -> Iterator[Pair]:
     """Both parsers, each with a command line of its own."""
     with pytest.MonkeyPatch.context() as patch:
-        yield Both(native_cli, CommandLine(reference, patch))
+        yield Pair(native_cli, FakeCli(reference, patch))
 
 
 # Characters, words, lines
@@ -192,7 +189,7 @@ def outputs(draw: st.DrawFn, lines: st.SearchStrategy[Iterable[str]]) -> str:
     if widener:
         at = draw(st.integers(0, len(text)))
         text = text[:at] + widener + text[at:]
-    return Text(text) if draw(st.integers(0, 9)) == 0 else text
+    return StrSubclass(text) if draw(st.integers(0, 9)) == 0 else text
 
 
 def hostile(openings: list[str], pieces: list[str]) -> st.SearchStrategy[str]:
@@ -237,16 +234,16 @@ def arp_outputs(draw: st.DrawFn) -> list[str]:
 @given(outputs(arp_outputs()))
 @example("")
 @example("Address")
-def test_arp_tables(both: Both, text: str) -> None:
-    both.print(text)
-    both.check("get_system_arp_result")
+def test_arp_tables_match_reference(pair: Pair, text: str) -> None:
+    pair.print(text)
+    pair.check("get_system_arp_result")
 
 
 @compared
 @given(hostile(["", "Address", "Address"], ["Address", "\n", "a b c d", "Addr", "\na b c d e\n"]))
-def test_arp_of_hostile_text(both: Both, text: str) -> None:
-    both.print(text)
-    both.check("get_system_arp_result")
+def test_arp_hostile_text_matches_reference(pair: Pair, text: str) -> None:
+    pair.print(text)
+    pair.check("get_system_arp_result")
 
 
 # Routing
@@ -270,16 +267,16 @@ def routing_outputs(draw: st.DrawFn) -> list[str]:
     return [*lines, *draw(st.lists(hops, max_size=6))]
 
 
-addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", Text("x"), True]))
+addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", StrSubclass("x"), True]))
 
 
 @compared
 @given(outputs(routing_outputs()), addresses)
 @example("", None)
 @example("Routing a b c\n,b c,d e,f\na b c", "a")
-def test_routing_entries(both: Both, text: str, address: object) -> None:
-    both.print(text)
-    both.check("get_routing_table_result", lambda: address)
+def test_routing_entries_match_reference(pair: Pair, text: str, address: object) -> None:
+    pair.print(text)
+    pair.check("get_routing_table_result", lambda: address)
 
 
 @compared
@@ -294,9 +291,9 @@ def test_routing_entries(both: Both, text: str, address: object) -> None:
         ["Routing", "a,b c,d e,f\n", "a b c\n", "x y,z w", "\nx,y\n", "Rout", "\r\n", "\n"],
     )
 )
-def test_routing_of_hostile_text(both: Both, text: str) -> None:
-    both.print(text)
-    both.check("get_routing_table_result", lambda: "a")
+def test_routing_hostile_text_matches_reference(pair: Pair, text: str) -> None:
+    pair.print(text)
+    pair.check("get_routing_table_result", lambda: "a")
 
 
 # BFD
@@ -350,17 +347,19 @@ list_bfds = st.sampled_from(
 
 @compared
 @given(outputs(bfd_outputs()), list_bfds)
-def test_bfd_sessions(both: Both, text: str, list_bfd: Callable[[], object]) -> None:
-    both.print(text)
-    both.check("get_bfd_neighbor", lambda: "command", list_bfd)
+def test_bfd_sessions_match_reference(
+    pair: Pair, text: str, list_bfd: Callable[[], object]
+) -> None:
+    pair.print(text)
+    pair.check("get_bfd_neighbor", lambda: "command", list_bfd)
 
 
 @compared
 @given(st.lists(outputs(bfd_outputs()), min_size=1, max_size=4))
-def test_bfd_sessions_in_the_shared_dictionary(both: Both, texts: list[str]) -> None:
-    both.print(*texts)
+def test_bfd_shared_dictionary_matches_reference(pair: Pair, texts: list[str]) -> None:
+    pair.print(*texts)
     for _ in texts:
-        both.check("get_bfd_neighbor", lambda: "command")
+        pair.check("get_bfd_neighbor", lambda: "command")
 
 
 @compared
@@ -376,16 +375,16 @@ def test_bfd_sessions_in_the_shared_dictionary(both: Both, texts: list[str]) -> 
 @example("peer")
 @example("peer\nobjname")
 @example("peer\npeer \n\n")
-def test_bfd_of_hostile_text(both: Both, text: str) -> None:
-    both.print(text)
-    both.check("get_bfd_neighbor", lambda: "command", dict)
+def test_bfd_hostile_text_matches_reference(pair: Pair, text: str) -> None:
+    pair.print(text)
+    pair.check("get_bfd_neighbor", lambda: "command", dict)
 
 
 @compared
 @given(st.lists(outputs(bfd_outputs()), min_size=1, max_size=6))
-def test_bfd_listings(both: Both, texts: list[str]) -> None:
-    both.print(*texts)
-    both.check("list_bfd_neighbor")
+def test_bfd_lists_match_reference(pair: Pair, texts: list[str]) -> None:
+    pair.print(*texts)
+    pair.check("list_bfd_neighbor")
 
 
 entries = st.fixed_dictionaries(
@@ -409,12 +408,12 @@ neighbor_answers: st.SearchStrategy[Any] = st.one_of(
 
 @compared
 @given(st.lists(neighbor_answers, min_size=2, max_size=8))
-def test_bfd_listings_of_any_sessions(both: Both, answers: list[Any]) -> None:
-    both.print("")
-    for cli in (both.native, both.plain):
+def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, answers: list[Any]) -> None:
+    pair.print("")
+    for cli in (pair.native, pair.reference):
         calls: list[object] = []
-        cli.rebind("get_bfd_neighbor", _answering(calls, answers))
-    both.check("list_bfd_neighbor")
+        cli.patch("get_bfd_neighbor", _answering(calls, answers))
+    pair.check("list_bfd_neighbor")
 
 
 def _answering(calls: list[object], answers: list[Any]) -> Callable[..., object]:
@@ -444,15 +443,15 @@ def _answering(calls: list[object], answers: list[Any]) -> Callable[..., object]
 )
 @example(bytearray(b"peer"))
 @example({"peer", "objname"})
-def test_values_that_are_no_text(both: Both, value: object) -> None:
+def test_non_str_values_match_reference(pair: Pair, value: object) -> None:
     for function, *arguments in (
         ("get_system_arp_result",),
         ("get_routing_table_result", "a"),
         ("get_bfd_neighbor", "command"),
         ("list_bfd_neighbor",),
     ):
-        both.print(value)
-        both.check(function, *(partial(deepcopy, made) for made in arguments))
+        pair.print(value)
+        pair.check(function, *(partial(deepcopy, made) for made in arguments))
 
 
 # Every character, in each storage width that can hold it
@@ -494,8 +493,8 @@ CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
     ],
     ids=["arp", "routing", "bfd"],
 )
-def test_every_character_around_and_within_words(
-    both: Both,
+def test_every_character_around_words_matches_reference(
+    pair: Pair,
     function: str,
     arguments: list[Any],
     before: list[str],
@@ -506,8 +505,8 @@ def test_every_character_around_and_within_words(
 ) -> None:
     template = "".join(each for each in template if ord(each) <= widest)
     lines = [template.replace("?", each) for each in tried if ord(each) <= widest]
-    both.print("\n".join([*before, *lines, template.replace("?", chr(widest))]))
-    result = both.check(function, *(partial(deepcopy, made) for made in arguments))
+    pair.print("\n".join([*before, *lines, template.replace("?", chr(widest))]))
+    result = pair.check(function, *(partial(deepcopy, made) for made in arguments))
     assert size(result) > len(lines)
 
 
@@ -545,8 +544,8 @@ def alike(length: int, variety: int) -> str:
     ],
     ids=["arp", "routing", "bfd"],
 )
-def test_words_of_every_length_alike_at_both_ends(
-    both: Both,
+def test_words_alike_at_both_ends_match_reference(
+    pair: Pair,
     function: str,
     arguments: list[Any],
     before: list[str],
@@ -556,8 +555,8 @@ def test_words_of_every_length_alike_at_both_ends(
     words = [alike(length, variety) for length in LENGTHS for variety in (0, 1, 2, 3, 0, 4)]
     words += [alike(length, 4) for length in reversed(LENGTHS)]
     lines = [template.replace("?", word) for word in words]
-    both.print("\n".join([*before, *lines, template.replace("?", stored_with or "x")]))
-    result = both.check(function, *(partial(deepcopy, made) for made in arguments))
+    pair.print("\n".join([*before, *lines, template.replace("?", stored_with or "x")]))
+    result = pair.check(function, *(partial(deepcopy, made) for made in arguments))
     assert max(map(len, strings(result))) >= 5000
 
 
@@ -578,9 +577,9 @@ def strings(value: Any) -> Iterator[str]:
 @pytest.mark.parametrize(
     "text", [each for each in TEXTS if each.function != RUNNER], ids=lambda text: text.name
 )
-def test_hostile_texts(both: Both, text: HostileText) -> None:
-    both.print(text.output(SIZES[0]))
-    result = both.check(text.function, *(partial(deepcopy, made) for made in text.arguments()))
+def test_large_hostile_texts_match_reference(pair: Pair, text: HostileText) -> None:
+    pair.print(text.output(SIZES[0]))
+    result = pair.check(text.function, *(partial(deepcopy, made) for made in text.arguments()))
     assert isinstance(result, IndexError) == text.fails
 
 
@@ -597,7 +596,7 @@ def test_hostile_texts(both: Both, text: HostileText) -> None:
     st.one_of(st.text(any_character, max_size=200), addresses),
 )
 @example(b"--More----More--", "x" * 130)
-def test_the_command_runner(
+def test_command_runner_matches_reference(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -616,7 +615,7 @@ def test_the_command_runner(
     outcomes = []
     for parser in (module, reference):
         try:
-            outcomes.append(taken_apart(parser.get_cli_command_output(command)))
+            outcomes.append(with_types(parser.get_cli_command_output(command)))
         except Exception as error:
             outcomes.append((type(error).__name__, str(error)))
     assert outcomes[0] == outcomes[1]
@@ -634,7 +633,7 @@ def test_the_command_runner(
         max_size=4,
     )
 )
-def test_the_whole_way_through_the_host(
+def test_native_output_matches_reference(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
@@ -658,7 +657,7 @@ def test_the_whole_way_through_the_host(
         ]
         for function, arguments in calls:
             try:
-                outcomes[parser].append(taken_apart(getattr(parser, function)(*arguments)))
+                outcomes[parser].append(with_types(getattr(parser, function)(*arguments)))
             except Exception as error:
                 outcomes[parser].append((type(error).__name__, str(error)))
         outcomes[parser].append(commands)

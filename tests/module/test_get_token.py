@@ -6,6 +6,7 @@ from __future__ import annotations
 import builtins
 import errno
 import functools
+import importlib
 import io
 import os
 import socket
@@ -21,15 +22,15 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import (
     Entry,
-    Recorder,
-    Truth,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
+    raises_exactly,
     traceback_entries,
 )
+from tests.support.doubles import CountingBool, Failure, Recorder, raiser
+from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
+from tests.support.isolated import MODULE
 from veldarin_simulator import Simulator
 
 HEX = set("0123456789abcdef")
@@ -45,9 +46,7 @@ def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
 # The file itself
 
 
-def test_the_first_call_writes_64_hexadecimal_characters_and_returns_them(
-    module: ModuleType, secret_file: Path
-) -> None:
+def test_first_call_writes_64_hex_characters(module: ModuleType, secret_file: Path) -> None:
     secret = module.get_token()
     assert type(secret) is str
     assert len(secret) == 64
@@ -55,9 +54,7 @@ def test_the_first_call_writes_64_hexadecimal_characters_and_returns_them(
     assert secret_file.read_bytes() == secret.encode("ascii")
 
 
-def test_the_second_call_returns_the_same_and_leaves_the_file_alone(
-    module: ModuleType, secret_file: Path
-) -> None:
+def test_second_call_returns_same_and_keeps_file(module: ModuleType, secret_file: Path) -> None:
     secret = module.get_token()
     before = secret_file.stat()
     assert module.get_token() == secret
@@ -66,7 +63,7 @@ def test_the_second_call_returns_the_same_and_leaves_the_file_alone(
     assert (after.st_mtime_ns, after.st_ino) == (before.st_mtime_ns, before.st_ino)
 
 
-def test_a_removed_file_means_a_new_secret(module: ModuleType, secret_file: Path) -> None:
+def test_removed_file_gives_new_secret(module: ModuleType, secret_file: Path) -> None:
     secret = module.get_token()
     secret_file.unlink()
     assert module.get_token() != secret
@@ -86,7 +83,7 @@ def test_a_removed_file_means_a_new_secret(module: ModuleType, secret_file: Path
         ("\u2003\u00e9\u00a0\n".encode(), "\u00e9"),
     ],
 )
-def test_the_secret_is_the_first_line_without_surrounding_whitespace(
+def test_secret_is_stripped_first_line(
     module: ModuleType, secret_file: Path, content: bytes, secret: str
 ) -> None:
     secret_file.write_bytes(content)
@@ -94,17 +91,17 @@ def test_the_secret_is_the_first_line_without_surrounding_whitespace(
     assert secret_file.read_bytes() == content
 
 
-def test_a_directory_at_the_path_cannot_be_opened_for_writing(
+def test_directory_at_path_raises_is_a_directory_error(
     module: ModuleType, secret_file: Path
 ) -> None:
     secret_file.mkdir()
-    error = failure(IsADirectoryError, module.get_token)
+    error = raises_exactly(IsADirectoryError, module.get_token)
     assert error.filename == str(secret_file)
     assert entry(error, "get_token").line
 
 
 @pytest.mark.parametrize("umask", [0o000, 0o022, 0o027, 0o077])
-def test_new_file_has_the_permissions_that_the_umask_leaves(
+def test_new_file_permissions_follow_umask(
     module: ModuleType, secret_file: Path, umask: int
 ) -> None:
     before = os.umask(umask)
@@ -122,7 +119,7 @@ def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Pa
     assert stat.S_IMODE(secret_file.stat().st_mode) == 0o640
 
 
-def test_socket_at_the_path_cannot_be_opened(
+def test_socket_at_path_raises_os_error(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(secret_file.parent)  # a socket's path may have 107 characters
@@ -130,16 +127,14 @@ def test_socket_at_the_path_cannot_be_opened(
     monkeypatch.setattr(module, "open", opened, raising=False)
     with socket.socket(socket.AF_UNIX) as server:
         server.bind(secret_file.name)
-        error = failure(OSError, module.get_token)
+        error = raises_exactly(OSError, module.get_token)
     assert (error.errno, error.filename) == (errno.ENXIO, str(secret_file))
     assert opened.positional == [(secret_file, "w")]
     assert entry(error, "get_token").line
     assert stat.S_ISSOCK(secret_file.stat().st_mode)
 
 
-def test_character_device_is_written_and_then_read(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_character_device_is_written_then_read(simulator: Simulator, module: ModuleType) -> None:
     """The device is not a regular file, so the secret is generated and what is read counts."""
     master, slave = os.openpty()
     try:
@@ -156,7 +151,7 @@ def test_character_device_is_written_and_then_read(
     assert set(written) <= HEX
 
 
-def test_null_device_gives_an_empty_secret(
+def test_null_device_gives_empty_secret(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     opened = Recorder(builtins.open)
@@ -167,16 +162,16 @@ def test_null_device_gives_an_empty_secret(
     assert stat.S_ISCHR(null.stat().st_mode)
 
 
-def test_a_missing_directory_is_the_systems_own_error(
+def test_missing_directory_raises_file_not_found_error(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.secret_path = tmp_path / "missing" / "secret"
-    error = failure(FileNotFoundError, module.get_token)
+    error = raises_exactly(FileNotFoundError, module.get_token)
     assert entry(error, "get_token").line
     assert not simulator.secret_path.parent.exists()
 
 
-def test_a_relative_path_is_made_absolute(
+def test_relative_path_is_made_absolute(
     simulator: Simulator, module: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(tmp_path)
@@ -191,15 +186,13 @@ def test_a_relative_path_is_made_absolute(
     ]
 
 
-def test_a_link_to_a_file_counts_as_a_file(
-    module: ModuleType, secret_file: Path, tmp_path: Path
-) -> None:
+def test_link_to_file_is_read(module: ModuleType, secret_file: Path, tmp_path: Path) -> None:
     (tmp_path / "elsewhere").write_text("linked")
     secret_file.symlink_to(tmp_path / "elsewhere")
     assert module.get_token() == "linked"
 
 
-def test_the_path_is_text_in_the_default_encoding_of_text(
+def test_path_is_decoded_with_default_encoding(
     simulator: Simulator, module: ModuleType, tmp_path: Path
 ) -> None:
     simulator.secret_path = tmp_path / "\u00e9"
@@ -208,7 +201,7 @@ def test_the_path_is_text_in_the_default_encoding_of_text(
     assert not simulator.secret_path.exists()
 
 
-def test_a_failure_before_writing_leaves_an_empty_file_that_later_calls_read(
+def test_failure_before_writing_leaves_empty_file(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     error = OSError("no entropy")
@@ -219,9 +212,9 @@ def test_a_failure_before_writing_leaves_an_empty_file_that_later_calls_read(
         return files[-1]
 
     with monkeypatch.context() as patch:
-        patch.setattr(module, "urandom", raising(error))
+        patch.setattr(module, "urandom", raiser(error))
         patch.setattr(module, "open", opening, raising=False)
-        assert failure(OSError, module.get_token) is error
+        assert raises_exactly(OSError, module.get_token) is error
     (opened,) = files
     assert opened.closed
     assert secret_file.read_bytes() == b""
@@ -272,7 +265,7 @@ class Manager:
         self.steps = steps
         self.label = label
         # A look-up on the instance would find these, and must not.
-        self.__dict__["__enter__"] = self.__dict__["__exit__"] = raising(AssertionError("instance"))
+        self.__dict__["__enter__"] = self.__dict__["__exit__"] = raiser(AssertionError("instance"))
 
     def note(self, event: str, *details: object) -> None:
         self.steps.note(f"{self.label}: {event}", *details)
@@ -424,53 +417,51 @@ READ: list[tuple[object, ...]] = [
 ]
 
 
-def test_every_step_is_made_once_in_order(module: ModuleType, steps: Steps) -> None:
+def test_each_step_runs_once_in_order(module: ModuleType, steps: Steps) -> None:
     assert module.get_token() is steps.secret
     assert steps.events == PATH + WRITE + READ
     assert type(steps.events[0][1]) is bytes
     assert type(steps.events[8][1]) is int
 
 
-def test_nothing_is_written_when_the_path_is_a_file(module: ModuleType, steps: Steps) -> None:
-    truth = Truth(True)
+def test_existing_file_is_not_written(module: ModuleType, steps: Steps) -> None:
+    truth = CountingBool(True)
     steps.answers["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
     assert steps.events == PATH + READ
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
 
 
-def test_any_false_answer_means_no_file(module: ModuleType, steps: Steps) -> None:
-    truth = Truth(False)
+def test_any_false_is_file_result_writes_file(module: ModuleType, steps: Steps) -> None:
+    truth = CountingBool(False)
     steps.answers["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
     assert steps.events == PATH + WRITE + READ
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
 
 
-def test_the_result_of_writing_and_of_a_clean_exit_is_not_looked_at(
-    module: ModuleType, steps: Steps
-) -> None:
-    untouchable = Truth(AssertionError("asked"))
+def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: Steps) -> None:
+    untouchable = CountingBool(AssertionError("asked"))
     for name in ("written", "w: exited", "r: exited"):
         steps.answers[name] = lambda: untouchable
     assert module.get_token() is steps.secret
-    assert untouchable.asked == 0
+    assert untouchable.bool_calls == 0
 
 
 # Names are looked up at the moment they are needed
 
 
 @pytest.mark.parametrize("name", ["text_", "Path", "urandom", "hexlify"])
-def test_a_missing_global_is_a_name_error(
+def test_missing_global_raises_name_error(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     monkeypatch.delattr(module, name)
-    error = failure(NameError, module.get_token)
+    error = raises_exactly(NameError, module.get_token)
     assert str(error) == f"name '{name}' is not defined"
     assert entry(error, "get_token").line
 
 
-def test_open_comes_from_the_builtins_at_the_time_of_the_call(
+def test_open_is_looked_up_in_builtins_at_call(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.delattr(module, "open")
@@ -481,16 +472,16 @@ def test_open_comes_from_the_builtins_at_the_time_of_the_call(
     assert steps.events == PATH + WRITE + READ
 
 
-def test_the_modules_own_open_comes_before_the_builtin(
+def test_open_of_module_shadows_builtin(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     with monkeypatch.context() as patch:
-        patch.setattr(builtins, "open", raising(AssertionError("the builtin")))
+        patch.setattr(builtins, "open", raiser(AssertionError("the builtin")))
         secret = module.get_token()
     assert secret is steps.secret
 
 
-def test_no_open_anywhere_is_a_name_error(
+def test_missing_open_raises_name_error(
     module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.delattr(module, "open")
@@ -522,10 +513,6 @@ def test_open_is_looked_up_for_each_with(
 # A failing step ends the call, unchanged and at its own line
 
 
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
 PATH_FAILURES = ["text", "path", "is a file"]
 WRITE_FAILURES = [
     "absolute path",
@@ -549,12 +536,10 @@ IN_A_BODY = {
 
 
 @pytest.mark.parametrize("step", PATH_FAILURES + WRITE_FAILURES + READ_FAILURES)
-def test_a_failing_step_ends_the_call_with_its_own_exception(
-    module: ModuleType, steps: Steps, step: str
-) -> None:
-    error = Failed(step)
-    steps.answers[step] = raising(error)
-    assert failure(Failed, module.get_token) is error
+def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps, step: str) -> None:
+    error = Failure(step)
+    steps.answers[step] = raiser(error)
+    assert raises_exactly(Failure, module.get_token) is error
     assert error.__context__ is None
     found = entry(error, "get_token")
     assert found.first_line < found.line
@@ -562,7 +547,7 @@ def test_a_failing_step_ends_the_call_with_its_own_exception(
     if step in IN_A_BODY:
         name, kind, value, traceback = exits[-1]
         assert name == f"{IN_A_BODY[step]}: exit"
-        assert kind is Failed
+        assert kind is Failure
         assert value is error
         assert isinstance(traceback, TracebackType)
         assert traceback_entries(traceback) == [found]
@@ -570,24 +555,24 @@ def test_a_failing_step_ends_the_call_with_its_own_exception(
     assert all(event[1:] == (None, None, None) for event in exits)
 
 
-def test_a_failing_truth_of_is_file_ends_the_call(module: ModuleType, steps: Steps) -> None:
-    error = Failed("no truth")
-    steps.answers["is a file"] = lambda: Truth(error)
-    assert failure(Failed, module.get_token) is error
+def test_is_file_truth_error_propagates(module: ModuleType, steps: Steps) -> None:
+    error = Failure("no truth")
+    steps.answers["is a file"] = lambda: CountingBool(error)
+    assert raises_exactly(Failure, module.get_token) is error
     assert steps.events == PATH
     assert entry(error, "get_token").line
 
 
-def test_lines_ascend_with_the_statements(module: ModuleType, steps: Steps) -> None:
+def test_traceback_lines_increase_with_statements(module: ModuleType, steps: Steps) -> None:
     found: list[Entry] = []
     for step in ("text", "is a file", "open w", "written", "open r", "line"):
-        error = Failed(step)
-        steps.answers = {step: raising(error)}
-        assert failure(Failed, module.get_token) is error
+        error = Failure(step)
+        steps.answers = {step: raiser(error)}
+        assert raises_exactly(Failure, module.get_token) is error
         found.append(entry(error, "get_token"))
-    steps.answers = {"line": raising(Failed()), "r: exited": lambda: True}
-    found.append(entry(failure(UnboundLocalError, module.get_token), "get_token"))
-    assert ascending([found[0].first_line, *(each.line for each in found)])
+    steps.answers = {"line": raiser(Failure()), "r: exited": lambda: True}
+    found.append(entry(raises_exactly(UnboundLocalError, module.get_token), "get_token"))
+    assert is_increasing([found[0].first_line, *(each.line for each in found)])
     assert found[-1].line < 94
     assert len({each.first_line for each in found}) == 1
 
@@ -601,14 +586,14 @@ def test_lines_ascend_with_the_statements(module: ModuleType, steps: Steps) -> N
         ["line", "secret"],
     ],
 )
-def test_a_statement_has_one_line(
+def test_statement_fails_at_one_line(
     module: ModuleType, steps: Steps, steps_of_one_statement: list[str]
 ) -> None:
     lines = set()
     for step in steps_of_one_statement:
-        error = Failed(step)
-        steps.answers = {step: raising(error)}
-        failure(Failed, module.get_token)
+        error = Failure(step)
+        steps.answers = {step: raiser(error)}
+        raises_exactly(Failure, module.get_token)
         lines.add(line(error, "get_token"))
     assert len(lines) == 1
 
@@ -617,114 +602,114 @@ def test_a_statement_has_one_line(
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-@pytest.mark.parametrize("kind", [Failed, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
-def test_a_failing_body_leaves_through_exit_and_goes_on_when_exit_says_no(
+@pytest.mark.parametrize("kind", [Failure, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
+def test_failing_body_propagates_when_exit_returns_false(
     module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
 ) -> None:
     error = kind("in the body")
-    truth = Truth(False)
-    steps.answers["written" if mode == "w" else "line"] = raising(error)
+    truth = CountingBool(False)
+    steps.answers["written" if mode == "w" else "line"] = raiser(error)
     steps.answers[f"{mode}: exited"] = lambda: truth
-    assert failure(kind, module.get_token) is error
+    assert raises_exactly(kind, module.get_token) is error
     assert steps.events[-1][:3] == (f"{mode}: exit", kind, error)
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
     assert steps.names.count(f"{mode}: exit") == 1
 
 
-def test_the_exception_is_normal_when_exit_gets_it(module: ModuleType, steps: Steps) -> None:
+def test_exit_gets_normalized_exception(module: ModuleType, steps: Steps) -> None:
     class Unreadable:
         """A line without `strip`: the exception is one that the interpreter makes."""
 
     steps.answers["line"] = Unreadable
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == "'Unreadable' object has no attribute 'strip'"
     assert steps.events[-1][:3] == ("r: exit", AttributeError, error)
 
 
-def test_exit_sees_the_exception_as_the_one_being_handled(module: ModuleType, steps: Steps) -> None:
+def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) -> None:
     handled: list[object] = []
-    error = Failed("in the body")
+    error = Failure("in the body")
 
     def exited() -> bool:
         handled.append(sys.exc_info()[1])
         return False
 
-    steps.answers["line"] = raising(error)
+    steps.answers["line"] = raiser(error)
     steps.answers["r: exited"] = exited
-    failure(Failed, module.get_token)
+    raises_exactly(Failure, module.get_token)
     assert handled == [error]
     assert sys.exc_info() == (None, None, None)
 
 
 @pytest.mark.parametrize("swallowed", [False, True])
-def test_what_the_caller_handles_stays_being_handled(
+def test_exception_of_caller_stays_handled(
     module: ModuleType, steps: Steps, swallowed: bool
 ) -> None:
-    outer, error = Failed("being handled by the caller"), LookupError("in the body")
-    steps.answers["written"] = raising(error)
+    outer, error = Failure("being handled by the caller"), LookupError("in the body")
+    steps.answers["written"] = raiser(error)
     steps.answers["w: exited"] = lambda: swallowed
     try:
         raise outer
-    except Failed:
+    except Failure:
         if swallowed:
             assert module.get_token() is steps.secret
         else:
-            assert failure(LookupError, module.get_token) is error
+            assert raises_exactly(LookupError, module.get_token) is error
         assert sys.exc_info()[1] is outer
 
 
-def test_a_swallowed_failure_of_writing_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
-    truth = Truth(True)
-    steps.answers["written"] = raising(Failed())
+def test_suppressed_write_error_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
+    truth = CountingBool(True)
+    steps.answers["written"] = raiser(Failure())
     steps.answers["w: exited"] = lambda: truth
     assert module.get_token() is steps.secret
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
     assert steps.events[-len(READ) :] == READ
     assert sys.exc_info() == (None, None, None)
 
 
 @pytest.mark.parametrize("step", ["line", "secret"])
-def test_a_swallowed_failure_of_reading_leaves_the_secret_unbound(
+def test_suppressed_read_error_raises_unbound_local(
     module: ModuleType, steps: Steps, step: str
 ) -> None:
-    truth = Truth(True)
-    steps.answers[step] = raising(Failed())
+    truth = CountingBool(True)
+    steps.answers[step] = raiser(Failure())
     steps.answers["r: exited"] = lambda: truth
-    error = failure(UnboundLocalError, module.get_token)
+    error = raises_exactly(UnboundLocalError, module.get_token)
     assert str(error) == "local variable 'secret' referenced before assignment"
     assert error.__context__ is None
-    assert truth.asked == 1
+    assert truth.bool_calls == 1
     assert entry(error, "get_token").line
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_an_exit_that_fails_while_an_exception_passes_replaces_it_and_keeps_it_as_context(
+def test_failing_exit_keeps_body_error_as_context(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
-    body, leaving = Failed("in the body"), LookupError("while leaving")
-    steps.answers["written" if mode == "w" else "line"] = raising(body)
-    steps.answers[f"{mode}: exited"] = raising(leaving)
-    assert failure(LookupError, module.get_token) is leaving
+    body, leaving = Failure("in the body"), LookupError("while leaving")
+    steps.answers["written" if mode == "w" else "line"] = raiser(body)
+    steps.answers[f"{mode}: exited"] = raiser(leaving)
+    assert raises_exactly(LookupError, module.get_token) is leaving
     assert leaving.__context__ is body
     assert entry(leaving, "get_token").line
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_an_exit_whose_answer_has_no_truth_replaces_the_exception(
+def test_exit_result_truth_error_replaces_exception(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
-    body, truthless = Failed("in the body"), LookupError("no truth")
-    steps.answers["written" if mode == "w" else "line"] = raising(body)
-    steps.answers[f"{mode}: exited"] = lambda: Truth(truthless)
-    assert failure(LookupError, module.get_token) is truthless
+    body, truthless = Failure("in the body"), LookupError("no truth")
+    steps.answers["written" if mode == "w" else "line"] = raiser(body)
+    steps.answers[f"{mode}: exited"] = lambda: CountingBool(truthless)
+    assert raises_exactly(LookupError, module.get_token) is truthless
     assert truthless.__context__ is body
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_entering_that_fails_is_not_left(module: ModuleType, steps: Steps, mode: str) -> None:
-    error = Failed("entering")
-    steps.answers[f"{mode}: entered"] = raising(error)
-    assert failure(Failed, module.get_token) is error
+def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode: str) -> None:
+    error = Failure("entering")
+    steps.answers[f"{mode}: entered"] = raiser(error)
+    assert raises_exactly(Failure, module.get_token) is error
     assert f"{mode}: exit" not in steps.names
     assert steps.names[-1] == f"{mode}: enter"
 
@@ -733,7 +718,7 @@ class NoEnter:
     """Leaves, but does not enter; an instance attribute does not count."""
 
     def __init__(self) -> None:
-        self.__enter__ = raising(AssertionError("found on the instance"))
+        self.__enter__ = raiser(AssertionError("found on the instance"))
 
     def __exit__(self, *triple: object) -> None:
         raise AssertionError("left without being entered")
@@ -743,7 +728,7 @@ class NoExit:
     """Enters, but does not leave; an instance attribute does not count."""
 
     def __init__(self) -> None:
-        self.__exit__ = raising(AssertionError("found on the instance"))
+        self.__exit__ = raiser(AssertionError("found on the instance"))
 
     def __enter__(self) -> None:
         raise AssertionError("entered without a way to leave")
@@ -758,20 +743,20 @@ class Neither:
     "manager, missing",
     [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")],
 )
-def test_what_is_no_context_manager_is_refused_before_it_is_entered(
+def test_non_context_manager_raises_before_enter(
     module: ModuleType, steps: Steps, mode: str, manager: type, missing: str
 ) -> None:
     steps.answers[f"open {mode}"] = manager
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == missing
     assert entry(error, "get_token").line
 
 
 @pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_a_special_method_whose_look_up_fails_ends_the_call(
+def test_special_method_lookup_error_propagates(
     module: ModuleType, steps: Steps, name: str
 ) -> None:
-    error = Failed(name)
+    error = Failure(name)
 
     class Unbindable:
         def __get__(self, instance: object, owner: type) -> object:
@@ -779,10 +764,10 @@ def test_a_special_method_whose_look_up_fails_ends_the_call(
 
     manager = type("Odd", (io.StringIO,), {name: Unbindable()})
     steps.answers["open w"] = manager
-    assert failure(Failed, module.get_token) is error
+    assert raises_exactly(Failure, module.get_token) is error
 
 
-def test_special_methods_may_be_any_callable_on_the_type(module: ModuleType, steps: Steps) -> None:
+def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:
     """A static method, a class method, a callable object: bound as the type says."""
     line_ = io.StringIO("first\nsecond")
     exits = Recorder()
@@ -805,7 +790,7 @@ class FileWithoutMethods:
     "mode, method, body_begins",
     [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
 )
-def test_file_without_method_is_refused_before_anything_else(
+def test_file_without_method_raises_attribute_error(
     module: ModuleType,
     steps: Steps,
     monkeypatch: pytest.MonkeyPatch,
@@ -817,7 +802,7 @@ def test_file_without_method_is_refused_before_anything_else(
     if mode == "w":  # a C function, which must not be called with an exception set
         monkeypatch.setattr(module, "urandom", os.urandom)
     steps.answers[f"{mode}: entered"] = FileWithoutMethods
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
     assert steps.events[:body_begins] == (PATH + WRITE + READ)[:body_begins]
     ((event, kind, value, _traceback),) = steps.events[body_begins:]
@@ -825,7 +810,7 @@ def test_file_without_method_is_refused_before_anything_else(
     assert value is error
 
 
-def test_methods_without_get_keep_their_reference_counts(module: ModuleType, steps: Steps) -> None:
+def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: Steps) -> None:
     class Uncounted:
         """A callable that no type binds, and that notes nothing."""
 
@@ -883,7 +868,7 @@ def remove_method_in_its_get(name: str) -> list[object]:
 
 
 @pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_method_removed_by_its_own_get_is_kept_until_bound(name: str) -> None:
+def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
     assert isolated.value(remove_method_in_its_get, name) == [
         "line",
         ["removed", "bound", "finalized"],
@@ -892,9 +877,7 @@ def test_method_removed_by_its_own_get_is_kept_until_bound(name: str) -> None:
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
-def test_exit_sees_the_traceback_in_the_exception(
-    module: ModuleType, steps: Steps, mode: str
-) -> None:
+def test_exit_gets_traceback_of_exception(module: ModuleType, steps: Steps, mode: str) -> None:
     seen: list[tuple[Any, Any]] = []
 
     def exited() -> bool:
@@ -905,7 +888,7 @@ def test_exit_sees_the_traceback_in_the_exception(
 
     steps.answers[f"{mode}: entered"] = FileWithoutMethods
     steps.answers[f"{mode}: exited"] = exited
-    error = failure(AttributeError, module.get_token)
+    error = raises_exactly(AttributeError, module.get_token)
     ((of_the_exception, handled),) = seen
     assert of_the_exception is handled
     assert steps.events[-1][:3] == (f"{mode}: exit", AttributeError, error)
@@ -913,13 +896,9 @@ def test_exit_sees_the_traceback_in_the_exception(
     assert traceback_entries(handled) == [entry(error, "get_token")]
 
 
-def test_path_is_read_before_the_class_is_looked_up() -> None:
+def test_native_path_is_read_before_class_lookup() -> None:
     def rebind_in_the_getter() -> list[str]:
         import ctypes
-        import importlib
-
-        from tests.support.fake_siblings import Workbench, _c_pointer, capsule
-        from tests.support.isolated import MODULE
 
         text = ctypes.create_string_buffer(b"/nonexistent/secret")
         events = []
@@ -937,7 +916,7 @@ def test_path_is_read_before_the_class_is_looked_up() -> None:
             module.Path = path("the later Path")
             return ctypes.addressof(text)
 
-        bench = Workbench()
+        bench = SiblingSandbox()
         items: Any = bench._right["veldarin.modules.modules"]
         items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
             _c_pointer(getter), b"char *(void)"

@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from tests.support.query_cases import Row, every_row
+from tests.support.query_cases import QueryCase, every_query
 from veldarin_simulator import GILProbes, Simulator
 
 # How long a native call waits; far longer than another thread takes to get a lock that is free.
@@ -40,7 +40,7 @@ def counter() -> Iterator[ctypes.c_ulong]:
     assert not thread.is_alive()
 
 
-def test_probe_sees_a_caller_that_releases_the_lock(
+def test_probe_detects_caller_that_releases_gil(
     simulator: Simulator, counter: ctypes.c_ulong
 ) -> None:
     simulator.set_fixed_reply("aps_get_new_cookie_id", 1)
@@ -52,9 +52,9 @@ def test_probe_sees_a_caller_that_releases_the_lock(
     assert simulator.gil_probes == GILProbes(calls=1, released=0)
 
 
-@every_row
-def test_query_holds_the_lock_across_native_calls(
-    simulator: Simulator, module: ModuleType, counter: ctypes.c_ulong, row: Row
+@every_query
+def test_query_holds_gil_across_native_calls(
+    simulator: Simulator, module: ModuleType, counter: ctypes.c_ulong, row: QueryCase
 ) -> None:
     """The calls are that of the service and that of json-c's serializer."""
     if row.native:
@@ -80,7 +80,7 @@ def test_query_holds_the_lock_across_native_calls(
         ("get_system_arp_result", (), "get_cli_cmd_output", None),
     ],
 )
-def test_function_holds_the_lock_across_its_native_call(
+def test_function_holds_gil_across_native_call(
     simulator: Simulator,
     module: ModuleType,
     counter: ctypes.c_ulong,

@@ -10,8 +10,9 @@ from typing import Any, Callable, NamedTuple
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import RecordingLogger, failure, traceback_entries
-from tests.support.query_cases import ROWS
+from tests.support.assertions import raises_exactly, traceback_entries
+from tests.support.doubles import RecordingLogger
+from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 
 HEADER = (
@@ -37,7 +38,7 @@ def uses(function: str, names: str, *arguments: Any, cli: str | None = "nothing"
     return [Use(function, arguments, name, cli) for name in names.split()]
 
 
-BRIDGED = {row.function: row.arguments for row in ROWS}
+BRIDGED = {row.function: row.arguments for row in QUERY_CASES}
 USES = [
     *uses("get_cookie_name", "text_ aps_unsigned_int_hash serial_number_ascii", True),
     *uses("get_token", "text_ Path open urandom hexlify"),
@@ -69,12 +70,12 @@ def call(
 
 
 @every_use
-def test_a_name_found_nowhere_is_a_name_error(
+def test_undefined_name_raises_name_error(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     home = module if hasattr(module, use.name) else builtins
     monkeypatch.delattr(home, use.name)
-    error = failure(NameError, call, simulator, module, monkeypatch, use)
+    error = raises_exactly(NameError, call, simulator, module, monkeypatch, use)
     assert str(error) == f"name '{use.name}' is not defined"
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
@@ -106,17 +107,19 @@ def trapped(
     """Puts a trap under the name in `holder`; the call must run into it, and not before."""
     if use.name == "_CHARSET":  # an argument to a conversion
         how(holder, use.name, "no such charset")
-        error: BaseException = failure(LookupError, call, simulator, module, monkeypatch, use)
+        error: BaseException = raises_exactly(
+            LookupError, call, simulator, module, monkeypatch, use
+        )
         assert str(error) == "unknown encoding: no such charset"
     else:
         how(holder, use.name, Trap())
-        error = failure(Found, call, simulator, module, monkeypatch, use)
+        error = raises_exactly(Found, call, simulator, module, monkeypatch, use)
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
 
 
 @every_use
-def test_a_name_rebound_in_the_module_is_what_the_next_call_uses(
+def test_rebound_global_is_used_by_next_call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     def put(holder: ModuleType, name: str, value: object) -> None:
@@ -126,7 +129,7 @@ def test_a_name_rebound_in_the_module_is_what_the_next_call_uses(
 
 
 @every_use
-def test_a_name_gone_from_the_module_is_looked_for_among_the_builtins(
+def test_deleted_global_is_looked_up_in_builtins(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     monkeypatch.delattr(module, use.name, raising=False)
@@ -138,14 +141,14 @@ def test_a_name_gone_from_the_module_is_looked_for_among_the_builtins(
 
 
 @every_use
-def test_the_modules_own_name_comes_before_the_builtins(
+def test_global_shadows_builtin(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     held = getattr(module, use.name, None) or getattr(builtins, use.name)
     monkeypatch.setattr(module, use.name, held, raising=False)
     monkeypatch.setattr(builtins, use.name, Trap(), raising=False)
     if use.name == "CFunctionError":
-        failure(module.CFunctionError, call, simulator, module, monkeypatch, use)
+        raises_exactly(module.CFunctionError, call, simulator, module, monkeypatch, use)
     else:
         call(simulator, module, monkeypatch, use)
 
@@ -154,7 +157,7 @@ def test_the_modules_own_name_comes_before_the_builtins(
 
 
 @every_use
-def test_error_of_the_builtins_getattr_propagates(
+def test_builtins_getattr_error_propagates(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
     error = ValueError(use.name)
@@ -167,15 +170,13 @@ def test_error_of_the_builtins_getattr_propagates(
     home = module if hasattr(module, use.name) else builtins
     monkeypatch.delattr(home, use.name)
     monkeypatch.setattr(builtins, "__getattr__", look_up, raising=False)
-    assert failure(ValueError, call, simulator, module, monkeypatch, use) is error
+    assert raises_exactly(ValueError, call, simulator, module, monkeypatch, use) is error
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
 
 
 def fail_in_comparison(where: str, calls: list[list[Any]]) -> list[str]:
     """How calls end while a key in the way of a name cannot be compared; none deletes a name."""
-    import builtins
-
     from veldarin_simulator import Simulator
 
     class Unequal(str):
@@ -215,7 +216,7 @@ COMPARED = {
 
 
 @pytest.mark.parametrize("where", COMPARED)
-def test_error_of_a_key_comparison_propagates(where: str) -> None:
+def test_key_comparison_error_propagates(where: str) -> None:
     calls = COMPARED[where]
     assert isolated.value(fail_in_comparison, where, calls) == [
         f"ValueError: {name} is not comparable" for _function, _arguments, name in calls
@@ -226,7 +227,7 @@ def test_error_of_a_key_comparison_propagates(where: str) -> None:
 
 
 @pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
-def test_a_name_that_the_bfd_listing_misses_is_logged(
+def test_bfd_list_missing_global_is_logged(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     logger = RecordingLogger()
@@ -235,10 +236,10 @@ def test_a_name_that_the_bfd_listing_misses_is_logged(
     monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: session)
     monkeypatch.delattr(module, name)
     assert module.list_bfd_neighbor() == []
-    assert logger.debugged == [f"e:name '{name}' is not defined"]
+    assert logger.debug_messages == [f"e:name '{name}' is not defined"]
 
 
-def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
+def test_bfd_list_uses_current_copy_module(
     module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     logger = RecordingLogger()
@@ -246,15 +247,15 @@ def test_the_bfd_listing_uses_the_copy_that_the_module_holds_now(
     monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: {"s": {}})
     monkeypatch.setattr(module, "copy", Trap())
     assert module.list_bfd_neighbor() == []
-    assert logger.debugged == ["e:"]  # the trap's own exception has no text
+    assert logger.debug_messages == ["e:"]  # the trap's own exception has no text
 
 
-def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
+def test_bfd_list_missing_logger_raises_name_error(
     module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(module, "get_bfd_neighbor", Trap())
     monkeypatch.delattr(module, "_logger")
-    error = failure(NameError, module.list_bfd_neighbor)
+    error = raises_exactly(NameError, module.list_bfd_neighbor)
     assert str(error) == "name '_logger' is not defined"
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == "list_bfd_neighbor"
@@ -264,7 +265,7 @@ def test_a_missing_logger_is_a_name_error_of_the_bfd_listing(
 
 
 @pytest.mark.parametrize("name", ["dict", "list", "str", "bytes", "len", "range", "type", "print"])
-def test_a_builtin_of_the_same_name_in_the_module_changes_nothing(
+def test_global_named_like_list_is_not_used(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", HEADER)

@@ -15,7 +15,7 @@ from typing import Any, Callable
 import pytest
 
 from tests.support import reference
-from tests.support.fake_cli import CommandLine
+from tests.support.fake_cli import FakeCli
 
 Handle = Callable[[], object]
 
@@ -42,8 +42,8 @@ class File(io.StringIO):
         "module.get_bfd_neighbor",
         "module.list_bfd_neighbor",
         "module.get_token",
-        "twin.get_bfd_neighbor",
-        "twin.list_bfd_neighbor",
+        "reference.get_bfd_neighbor",
+        "reference.list_bfd_neighbor",
     ]
 )
 def handle(
@@ -55,22 +55,22 @@ def handle(
         monkeypatch.setattr(module, "open", lambda *given: File(), raising=False)
         yield module.get_token
         return
-    cli = CommandLine(reference if parser == "twin" else module, monkeypatch)
+    cli = FakeCli(reference if parser == "reference" else module, monkeypatch)
     if function == "get_bfd_neighbor":
-        cli.prints("x", "peer a", "")
+        cli.set_output("x", "peer a", "")
 
         def parse() -> None:
             cli.parser.get_bfd_neighbor("c", {})
-            assert cli.logged == ["e:list index out of range"]
+            assert cli.debug_messages == ["e:list index out of range"]
             cli.logger.debug.calls.clear()
 
         yield parse
     else:
-        cli.rebind("get_bfd_neighbor", lambda *given: None)
+        cli.patch("get_bfd_neighbor", lambda *given: None)
 
         def list_all() -> None:
             cli.parser.list_bfd_neighbor()
-            (text,) = cli.logged
+            (text,) = cli.debug_messages
             assert text.startswith("e:dict() argument after ** must be a mapping")
             cli.logger.debug.calls.clear()
 
@@ -114,7 +114,7 @@ def test_generator_later_exception_has_no_context(handle: Handle) -> None:
     assert next(generator) is None
 
 
-def test_generator_lets_caller_exception_be_collected(handle: Handle) -> None:
+def test_generator_lets_exception_of_caller_be_collected(handle: Handle) -> None:
     def view() -> Iterator[object]:
         handle()
         yield None
@@ -200,7 +200,7 @@ def test_coroutine_resumed_outside_handler_handles_nothing(handle: Handle) -> No
     assert stopped.value.value is None
 
 
-def test_asyncio_tasks_do_not_see_each_others_exceptions(handle: Handle) -> None:
+def test_asyncio_tasks_handle_only_their_own_exceptions(handle: Handle) -> None:
     async def view() -> AsyncGenerator[object, None]:
         while True:
             handle()
@@ -230,8 +230,8 @@ def test_asyncio_tasks_do_not_see_each_others_exceptions(handle: Handle) -> None
     assert asyncio.run(tasks()) == [[True, None, None] * 3] * 2
 
 
-def test_exception_in_handler_keeps_the_whole_context_chain(
-    cli: CommandLine, monkeypatch: pytest.MonkeyPatch
+def test_exception_in_handler_keeps_context_chain(
+    cli: FakeCli, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     chains: list[list[type[BaseException]]] = []
 
@@ -243,7 +243,7 @@ def test_exception_in_handler_keeps_the_whole_context_chain(
         chains.append(chain)
 
     monkeypatch.setattr(cli.logger, "debug", debug)
-    cli.prints("x", "peer a", "")
+    cli.set_output("x", "peer a", "")
 
     def view() -> Iterator[object]:
         cli.parser.get_bfd_neighbor("c", {})
@@ -266,8 +266,8 @@ def test_exception_in_handler_keeps_the_whole_context_chain(
     assert chains == [[IndexError, Outer], [IndexError, KeyError, Outer], [IndexError]]
 
 
-def test_nested_call_from_the_logger_restores_each_handler(
-    cli: CommandLine, monkeypatch: pytest.MonkeyPatch
+def test_nested_call_from_logger_restores_handlers(
+    cli: FakeCli, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     depth: list[BaseException | None] = []
 
@@ -279,7 +279,7 @@ def test_nested_call_from_the_logger_restores_each_handler(
         assert handled() is error
 
     monkeypatch.setattr(cli.logger, "debug", debug)
-    cli.prints("x", "peer a", "")
+    cli.set_output("x", "peer a", "")
     cli.parser.get_bfd_neighbor("c", {})
     assert handled() is None
     first, second, third = depth

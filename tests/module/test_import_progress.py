@@ -2,13 +2,21 @@
 
 from __future__ import annotations
 
+import builtins
+import importlib
+import sys
+import warnings
+from contextlib import suppress
+from types import BuiltinFunctionType, ModuleType
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE
+from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE, encode_exception
 
 CALLS = [[row.name, row.required] for row in FUNCTIONS]
 IMPORTING = f"RuntimeError: {isolated.MODULE} is still being imported"
@@ -22,16 +30,9 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
     something from it), "warning" (in its first step), "failed" (after it), and "second" (on a
     second module object while the first one is imported).
     """
-    import sys
-    import warnings
-    from types import ModuleType
-
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import OTHER_RUNTIME, PRODUCT, describe
-
-    bench = Workbench()
-    module = created(str(OTHER_RUNTIME if moment == "warning" else PRODUCT))
-    second = created(str(PRODUCT)) if moment == "second" else None
+    bench = SiblingSandbox()
+    module = create_module(path=WRONG_PYTHON_MODULE if moment == "warning" else MODULE_PATH)
+    second = create_module() if moment == "second" else None
     before = {name: vars(module)[name] for name, _required in calls}
     ended: list[Any] = []
 
@@ -42,7 +43,7 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
             except Exception as error:
                 text = f"{type(error).__name__}: {error}"
                 # The first entry is this function's.
-                ended.append([text, describe(error)["entries"][1:]])
+                ended.append([text, encode_exception(error)["entries"][1:]])
 
     class Sibling(ModuleType):
         def __getattribute__(self, name: str) -> Any:
@@ -60,7 +61,7 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
         module.__loader__.exec_module(module)
         return ended
     if moment == "failed":
-        bench.spoil("siblings['copy'] = None")
+        bench.break_("siblings['copy'] = None")
     else:
         sys.modules["util.errors" if second else moment] = Sibling(moment)
     try:
@@ -84,7 +85,7 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
         ("failed", NOT_IMPORTED),
     ],
 )
-def test_early_call_says_how_far_the_import_is(moment: str, text: str) -> None:
+def test_call_before_import_ends_raises_runtime_error(moment: str, text: str) -> None:
     ended = isolated.value(call_at, moment, CALLS)
     assert [each[0] for each in ended] == [text] * 30
     for row, (_text, entries) in zip(FUNCTIONS, ended):
@@ -93,17 +94,10 @@ def test_early_call_says_how_far_the_import_is(moment: str, text: str) -> None:
         assert row.first_line[0] <= first_line == line <= row.first_line[1]
 
 
-def test_function_bound_by_a_failed_import_says_so() -> None:
+def test_function_of_failed_import_raises_runtime_error() -> None:
     def call_bound() -> list[Any]:
-        import sys
-        from contextlib import suppress
-        from types import BuiltinFunctionType
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT, describe
-
-        Workbench()
-        module = created(str(PRODUCT))
+        SiblingSandbox()
+        module = create_module()
         before = {name: held for name, held in vars(module).items() if callable(held)}
 
         class Unequal(str):
@@ -124,7 +118,7 @@ def test_function_bound_by_a_failed_import_says_so() -> None:
         try:
             function()
         except RuntimeError as error:
-            return [str(error), describe(error)["entries"][1:]]
+            return [str(error), encode_exception(error)["entries"][1:]]
         return []
 
     text, entries = isolated.value(call_bound)
@@ -135,16 +129,11 @@ def test_function_bound_by_a_failed_import_says_so() -> None:
 
 def test_imported_types_and_builtins_are_kept_alive() -> None:
     def kept() -> dict[str, bool]:
-        import builtins
         import gc
-        import importlib
         import weakref
 
-        from tests.support.fake_siblings import Workbench
-        from tests.support.isolated import MODULE
-
-        bench = Workbench()
-        bench.spoil(
+        bench = SiblingSandbox()
+        bench.break_(
             *(
                 f"builtins.{kind} = sized_type('{kind}', builtins.{kind}.__basicsize__, {kind})"
                 for kind in ("type", "bool", "complex")
@@ -152,8 +141,6 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
             "builtins.open = lambda *given: None",
             "builtins.range = lambda *given, real=builtins.range: real(*given)",
         )
-        import sys
-
         alive = {
             name: weakref.ref(getattr(builtins, name))
             for name in ("type", "bool", "complex", "open", "range")
@@ -163,7 +150,7 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
         try:
             importlib.import_module(MODULE)
         finally:
-            bench.repair()
+            bench.restore()
         del sibling
         gc.collect()
         return {name: reference() is not None for name, reference in alive.items()}

@@ -3,11 +3,16 @@ errors with their name and path, submodules, and what a replaced `__import__` is
 
 from __future__ import annotations
 
+import builtins
+import sys
+from types import SimpleNamespace
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
+from tests.support.fake_siblings import SiblingSandbox, create_module
+from tests.support.isolated import MODULE, encode_exception
 
 STATEMENTS = [
     "from migbase.cmdbapi.cmdbapi_util import serial_number_ascii",
@@ -31,25 +36,21 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
     names were bound to.
     """
     import re
-    import sys
 
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
-
-    bench = Workbench()
+    bench = SiblingSandbox()
     bound = "serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json"
     names = [*bound.split(), "CFunctionError", "copy"]
 
     def outcome(run: Any, namespace: Any) -> list[Any]:
         before = dict(sys.modules)
-        bench.spoil("\n".join(spoils))
+        bench.break_("\n".join(spoils))
         error: Any = None
         try:
             run()
         except BaseException as raised:
             error = raised
         finally:
-            bench.repair()
+            bench.restore()
             sys.modules.clear()
             sys.modules.update(before)
         described = None
@@ -71,7 +72,7 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
 
     namespace: dict[str, Any] = {"__name__": MODULE}
     expected = outcome(run_python, namespace)
-    module = created(str(PRODUCT))
+    module = create_module()
     found = outcome(lambda: module.__loader__.exec_module(module), vars(module))
     return [expected, found]
 
@@ -105,13 +106,13 @@ SPOILT = {
         "m.__name__ = 'o'",
         "class Key(str):",
         "    __hash__ = str.__hash__",
-        "    __eq__ = raising(OSError('compare'))",
+        "    __eq__ = raiser(OSError('compare'))",
         "sys.modules[Key('o.{name}')] = 'submodule'",
     ],
     "package without the submodule": ["m.__path__ = []", "m.__file__ = 'package'"],
     "path that is not a list": ["m.__path__ = 5"],
-    "failing attribute": ["type(m).__getattr__ = raising(OSError('attribute'))"],
-    "no attribute": ["type(m).__getattr__ = raising(AttributeError('attribute'))", FILE],
+    "failing attribute": ["type(m).__getattr__ = raiser(OSError('attribute'))"],
+    "no attribute": ["type(m).__getattr__ = raiser(AttributeError('attribute'))", FILE],
     "any attribute": ["type(m).__getattr__ = lambda self, name: 'attribute ' + name"],
     "object that is not a module": [
         "siblings['{module}'] = __import__('types').SimpleNamespace(__name__='n', __file__='f')"
@@ -131,7 +132,7 @@ BOUND = {
 @pytest.mark.parametrize(
     "module, name", [("util.errors", "CFunctionError"), ("pyramid.compat", "text_")]
 )
-def test_from_import_of_spoilt_sibling_ends_as_in_python(
+def test_from_import_of_broken_sibling_ends_as_in_python(
     module: str, name: str, label: str
 ) -> None:
     spoils = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *SPOILT[label]]
@@ -161,7 +162,7 @@ def test_each_statement_fails_as_in_python(module: str, missing: str) -> None:
     assert expected[0][0] == ("ImportError" if missing == "name" else "ModuleNotFoundError")
 
 
-def test_error_of_circular_import_has_text_name_and_path() -> None:
+def test_circular_import_error_has_text_name_and_path() -> None:
     rows = [BARE.format("os", "os"), *SPOILT["partially initialized"]]
     (error, _bound), found = isolated.value(outcomes, STATEMENTS, *rows)
     assert found == [error, _bound]
@@ -195,17 +196,11 @@ def test_submodule_is_imported_from_its_package(tmp_path: Any) -> None:
 
 def test_replaced_import_is_called_as_by_a_statement() -> None:
     def calls(statements: list[str]) -> list[Any]:
-        import builtins
-        from types import SimpleNamespace
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT
-
-        Workbench()
+        SiblingSandbox()
         real = builtins.__import__
         recorded: list[Any] = []
         expected: dict[str, Any] = {"__name__": MODULE}
-        module = created(str(PRODUCT))
+        module = create_module()
 
         def record(namespace: Any) -> Any:
             def replaced(*args: Any, **kwargs: Any) -> Any:
@@ -245,12 +240,7 @@ def test_replaced_import_is_called_as_by_a_statement() -> None:
 @pytest.mark.parametrize("deleted", [False, True])
 def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
     def errors(deleted: bool) -> list[Any]:
-        import builtins
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT, describe
-
-        Workbench()
+        SiblingSandbox()
         real = builtins.__import__
 
         def replaced(name: str, *args: Any, **kwargs: Any) -> Any:
@@ -260,7 +250,7 @@ def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
                 del builtins.__import__
             return real(name, *args, **kwargs)
 
-        module = created(str(PRODUCT))
+        module = create_module()
         statements = compile(
             "import binascii\nfrom collections import namedtuple", "statements", "exec"
         )
@@ -273,14 +263,14 @@ def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
             try:
                 run()
             except Exception as error:
-                described.append(describe(error))
+                described.append(encode_exception(error))
             builtins.__import__ = real
         return described
 
     expected, found = map(isolated.Error.of, isolated.value(errors, deleted))
     assert (found.type, found.text) == (expected.type, expected.text)
     assert found.text == ("__import__ not found" if deleted else "import")
-    (entry,) = found.named(f"init {isolated.MODULE}")
+    (entry,) = found.entries_of(f"init {isolated.MODULE}")
     assert entry.line == (5 if deleted else 4)
-    assert found.named("<module>") == []
-    assert found.named("replaced") == expected.named("replaced")
+    assert found.entries_of("<module>") == []
+    assert found.entries_of("replaced") == expected.entries_of("replaced")

@@ -10,48 +10,40 @@ from typing import Any
 import pytest
 import ujson
 
-from tests.support.assertions import (
-    Number,
-    Recorder,
-    entry,
-    failure,
-    line,
-    raising,
-    taken_apart,
-    traceback_entries,
-)
+from tests.support.assertions import entry, line, raises_exactly, traceback_entries, with_types
+from tests.support.doubles import CountingInt, Failure, Recorder, raiser
 from tests.support.query_cases import (
     FIRST_LINES,
-    Row,
-    crossings,
-    every_native_row,
-    every_row,
-    every_row_without_native,
-    natively,
+    QueryCase,
+    every_native_query,
+    every_query,
+    every_query_without_native,
+    native_calls,
     prepare,
+    without_releases,
 )
 from veldarin_simulator import RawJSON, Simulator
 
 # Success
 
 
-@every_row
-def test_request_native_call_then_both_releases_request_first(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_query
+def test_query_releases_request_before_response(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
     result = row.call(module)
-    assert taken_apart(result) == taken_apart(row.picks(row.reply))
-    assert crossings(simulator) == [
+    assert with_types(result) == with_types(row.select(row.reply))
+    assert native_calls(simulator) == [
         *row.sent,
         ("JSONObject.release", row.request),
         ("JSONObject.release", row.reply),
     ]
 
 
-@every_native_row
-def test_the_context_and_the_third_pointer_are_null(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_native_query
+def test_context_and_third_pointer_are_null(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
     row.call(module)
@@ -59,9 +51,9 @@ def test_the_context_and_the_third_pointer_are_null(
     assert (call.context, call.third, call.text) == (None, None, None)
 
 
-@every_row
-def test_one_dictionary_and_then_nothing_makes_the_two_objects(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_query
+def test_request_gets_dict_and_response_gets_none(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     prepare(simulator, row)
     made = Recorder()
@@ -74,41 +66,41 @@ def test_one_dictionary_and_then_nothing_makes_the_two_objects(
     assert arguments[0][0] is not arguments[2][0], "a fresh dictionary for every call"
 
 
-@every_row
-def test_the_parsed_value_is_returned_itself(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+@every_query
+def test_parsed_value_is_returned_itself(
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     parsed = [{"interface": [{"name": row.request.get("name")}]}]
     loads = Recorder(lambda text: parsed)
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
-    assert row.call(module) is row.picks(parsed)
+    assert row.call(module) is row.select(parsed)
     ((text,),) = loads.positional
     assert type(text) is bytes
     assert json.loads(text) == row.reply
 
 
-@every_row_without_native
-def test_an_untouched_response_parses_to_none_unless_the_sibling_holds_something(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_query_without_native
+def test_untouched_response_is_none_or_default(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
     assert row.call(module) is None
     simulator.default_response = RawJSON('{"x": 1}')
     assert row.call(module) == {"x": 1}
-    assert natively(simulator) == []
+    assert without_releases(simulator) == []
 
 
-@every_native_row
-def test_a_null_reply_is_parsed_as_none(simulator: Simulator, module: ModuleType, row: Row) -> None:
+@every_native_query
+def test_null_reply_is_none(simulator: Simulator, module: ModuleType, row: QueryCase) -> None:
     simulator.set_reply(str(row.native), None)
     simulator.default_response = RawJSON('{"replaced": true}')
     if row.function == "list_system_interface_physical":
-        error = failure(TypeError, row.call, module)
+        error = raises_exactly(TypeError, row.call, module)
         assert str(error) == "'NoneType' object is not subscriptable"
     else:
         assert row.call(module) is None
-        assert crossings(simulator)[-1] == ("JSONObject.release", None)
-    assert natively(simulator) == row.sent
+        assert native_calls(simulator)[-1] == ("JSONObject.release", None)
+    assert without_releases(simulator) == row.sent
 
 
 @pytest.mark.parametrize(
@@ -129,15 +121,15 @@ def test_a_null_reply_is_parsed_as_none(simulator: Simulator, module: ModuleType
     ],
     ids=lambda reply: json.dumps(reply)[:30],
 )
-def test_replies_of_every_shape_come_back_whole(
+def test_reply_of_each_shape_is_returned(
     simulator: Simulator, module: ModuleType, reply: object
 ) -> None:
     simulator.set_reply("build_switch_lg_state", reply)
-    assert taken_apart(module.list_switch_lg_state()) == taken_apart(reply)
+    assert with_types(module.list_switch_lg_state()) == with_types(reply)
 
 
 @pytest.mark.parametrize("text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"'])
-def test_the_parser_gets_the_text_as_rendered(
+def test_loads_gets_rendered_text(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, text: str
 ) -> None:
     loads = Recorder(ujson.loads)
@@ -147,12 +139,12 @@ def test_the_parser_gets_the_text_as_rendered(
     assert loads.positional == [(text.encode(),)]
 
 
-def test_the_text_ends_at_its_first_nul(simulator: Simulator, module: ModuleType) -> None:
+def test_rendered_text_ends_at_first_nul(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_lg_state", RawJSON("[1]\0[2]"))
     assert module.list_switch_lg_state() == [1]
 
 
-def test_the_answer_may_depend_on_the_request(simulator: Simulator, module: ModuleType) -> None:
+def test_reply_may_depend_on_request(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_stp_state", lambda request: {"asked": request})
     for instance in (0, 1, "two"):
         assert module.list_switch_stp_state(instance) == {"asked": {"instance_id": instance}}
@@ -161,9 +153,9 @@ def test_the_answer_may_depend_on_the_request(simulator: Simulator, module: Modu
 # The parser is looked up when it is needed
 
 
-@every_native_row
-def test_the_parser_is_looked_up_after_the_native_call(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+@every_native_query
+def test_json_is_looked_up_after_native_call(
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     parsed = [{"interface": [{"name": "port1"}]}]
 
@@ -172,35 +164,35 @@ def test_the_parser_is_looked_up_after_the_native_call(
         return row.reply
 
     simulator.set_reply(str(row.native), answer)
-    assert row.call(module) is row.picks(parsed)
+    assert row.call(module) is row.select(parsed)
 
 
 SERIALIZER = "json_object_to_json_string"
 
 
-@every_row
-def test_loads_is_looked_up_before_the_reply_is_rendered(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+@every_query
+def test_loads_is_looked_up_before_rendering(
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     simulator.record_serializer()
     calls_at: dict[str, list[tuple[str, Any]]] = {}
 
     def loads(text: bytes) -> Any:
-        calls_at["call"] = crossings(simulator)
+        calls_at["call"] = native_calls(simulator)
         return ujson.loads(text)
 
     class Parser:
         @property
         def loads(self) -> object:
-            calls_at["lookup"] = crossings(simulator)
+            calls_at["lookup"] = native_calls(simulator)
             return loads
 
     monkeypatch.setattr(module, "json", Parser())
     row.call(module)
     assert calls_at["lookup"] == row.sent
     assert calls_at["call"] == [*row.sent, (SERIALIZER, row.reply)]
-    assert crossings(simulator) == [
+    assert native_calls(simulator) == [
         *row.sent,
         (SERIALIZER, row.reply),
         ("JSONObject.release", row.request),
@@ -211,16 +203,12 @@ def test_loads_is_looked_up_before_the_reply_is_rendered(
 # Failures, one statement after the other
 
 
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
-@every_row
+@every_query
 @pytest.mark.parametrize("missing", ["json", "loads"])
-def test_missing_loads_leaves_the_reply_unrendered(
+def test_missing_loads_leaves_reply_unrendered(
     simulator: Simulator,
     module: ModuleType,
-    row: Row,
+    row: QueryCase,
     monkeypatch: pytest.MonkeyPatch,
     missing: str,
 ) -> None:
@@ -230,8 +218,8 @@ def test_missing_loads_leaves_the_reply_unrendered(
         monkeypatch.delattr(module, "json")
     else:
         monkeypatch.setattr(module, "json", SimpleNamespace())
-    failure(NameError if missing == "json" else AttributeError, row.call, module)
-    assert crossings(simulator) == row.sent
+    raises_exactly(NameError if missing == "json" else AttributeError, row.call, module)
+    assert native_calls(simulator) == row.sent
 
 
 def nth_fails(number: int, error: BaseException) -> Recorder:
@@ -245,90 +233,90 @@ def nth_fails(number: int, error: BaseException) -> Recorder:
     return recorder
 
 
-@every_row
-def test_a_request_that_cannot_be_made_ends_the_call(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_query
+def test_failing_request_creation_propagates(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
-    error = Failed()
+    error = Failure()
     simulator.on_create = nth_fails(1, error)
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert line(error, row.function) == row.lines.request
     assert simulator.call_log == []
 
 
-@every_row
-def test_a_response_that_cannot_be_made_ends_the_call(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_query
+def test_failing_response_creation_propagates(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
-    error = Failed()
+    error = Failure()
     simulator.on_create = nth_fails(2, error)
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert line(error, row.function) == row.lines.response
     assert simulator.call_log == []
 
 
-@every_row
-def test_without_the_parsers_global_the_call_ends_after_the_native_call(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+@every_query
+def test_missing_json_raises_after_native_call(
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     monkeypatch.delattr(module, "json")
-    error = failure(NameError, row.call, module)
+    error = raises_exactly(NameError, row.call, module)
     assert str(error) == "name 'json' is not defined"
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
-def test_a_parser_without_loads_is_an_attribute_error(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+@every_query
+def test_json_without_loads_raises_attribute_error(
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     monkeypatch.setattr(module, "json", SimpleNamespace())
-    error = failure(AttributeError, row.call, module)
+    error = raises_exactly(AttributeError, row.call, module)
     assert str(error) == "'types.SimpleNamespace' object has no attribute 'loads'"
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
-def test_a_failing_parser_ends_the_call_without_a_release(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+@every_query
+def test_failing_loads_makes_no_release_call(
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
-    error = Failed()
-    monkeypatch.setattr(module, "json", SimpleNamespace(loads=raising(error)))
-    assert failure(Failed, row.call, module) is error
+    error = Failure()
+    monkeypatch.setattr(module, "json", SimpleNamespace(loads=raiser(error)))
+    assert raises_exactly(Failure, row.call, module) is error
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("text", ["{oops", "", "[1,", "nul"])
-def test_invalid_json_raises_what_the_parser_raises(
-    simulator: Simulator, module: ModuleType, row: Row, text: str
+def test_invalid_json_raises_error_of_parser(
+    simulator: Simulator, module: ModuleType, row: QueryCase, text: str
 ) -> None:
-    expected = failure(ujson.JSONDecodeError, ujson.loads, text.encode())
+    expected = raises_exactly(ujson.JSONDecodeError, ujson.loads, text.encode())
     if row.native:
         simulator.set_reply(row.native, RawJSON(text))
     else:
         simulator.default_response = RawJSON(text)
-    error = failure(ujson.JSONDecodeError, row.call, module)
+    error = raises_exactly(ujson.JSONDecodeError, row.call, module)
     assert error.args == expected.args
     assert line(error, row.function) == row.lines.parse
-    assert crossings(simulator) == row.sent
+    assert native_calls(simulator) == row.sent
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("number", [1, 2])
-def test_a_failing_release_ends_the_call(
-    simulator: Simulator, module: ModuleType, row: Row, number: int
+def test_failing_release_propagates(
+    simulator: Simulator, module: ModuleType, row: QueryCase, number: int
 ) -> None:
     prepare(simulator, row)
-    error = Failed()
+    error = Failure()
     released = nth_fails(number, error)
     simulator.on_release = released
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     expected = row.lines.first_release if number == 1 else row.lines.second_release
     assert line(error, row.function) == expected
     texts = [json.loads(text) for (text,) in released.positional]
@@ -345,12 +333,12 @@ STEPS = [
 ]
 
 
-@every_row
+@every_query
 @pytest.mark.parametrize("failing", STEPS)
 def test_failing_step_is_not_retried(
     simulator: Simulator,
     module: ModuleType,
-    row: Row,
+    row: QueryCase,
     monkeypatch: pytest.MonkeyPatch,
     failing: str,
 ) -> None:
@@ -373,37 +361,37 @@ def test_failing_step_is_not_retried(
             step("loads lookup")
             return loads
 
-    error = Failed()
+    error = Failure()
     prepare(simulator, row)
     monkeypatch.setattr(module, "json", Parser())
     simulator.on_create = lambda arguments: step("request" if arguments else "response")
     releases = iter(["release of the request", "release of the response"])
     simulator.on_release = lambda text: step(next(releases))
-    assert failure(Failed, row.call, module) is error
+    assert raises_exactly(Failure, row.call, module) is error
     assert steps == STEPS[: STEPS.index(failing) + 1]
-    assert natively(simulator) == (row.sent if "loads lookup" in steps else [])
+    assert without_releases(simulator) == (row.sent if "loads lookup" in steps else [])
 
 
-@every_row
+@every_query
 def test_reply_is_rendered_once_when_loads_fails(
-    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, row: QueryCase, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     prepare(simulator, row)
     simulator.record_serializer()
-    loads = nth_fails(1, Failed())
+    loads = nth_fails(1, Failure())
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
-    failure(Failed, row.call, module)
+    raises_exactly(Failure, row.call, module)
     assert len(loads.calls) == 1
-    assert crossings(simulator) == [*row.sent, (SERIALIZER, row.reply)]
+    assert native_calls(simulator) == [*row.sent, (SERIALIZER, row.reply)]
 
 
-@every_row
-def test_a_failure_leaves_one_entry_at_the_functions_first_line(
-    simulator: Simulator, module: ModuleType, row: Row
+@every_query
+def test_failure_has_one_entry_of_function(
+    simulator: Simulator, module: ModuleType, row: QueryCase
 ) -> None:
-    error = Failed()
-    simulator.on_create = raising(error)
-    failure(Failed, row.call, module)
+    error = Failure()
+    simulator.on_create = raiser(error)
+    raises_exactly(Failure, row.call, module)
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == row.function
     assert found.first_line < row.lines.request
@@ -425,12 +413,14 @@ every_acl_counter = pytest.mark.parametrize(
 
 def requested(simulator: Simulator) -> Any:
     """The request of the last call, as the sibling module was given it."""
-    return [data for service, data in crossings(simulator) if service == "JSONObject.release"][-2]
+    return [data for service, data in native_calls(simulator) if service == "JSONObject.release"][
+        -2
+    ]
 
 
 @every_acl_counter
 @pytest.mark.parametrize("policy", [0, "", None, False, 0.0, [], {}, ()], ids=repr)
-def test_a_false_policy_sends_the_empty_request(
+def test_false_policy_sends_empty_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -440,13 +430,13 @@ def test_a_false_policy_sends_the_empty_request(
 ) -> None:
     getattr(module, function)(policy)
     assert requested(simulator) == {}
-    assert natively(simulator) == ([(native, {})] if native else [])
+    assert without_releases(simulator) == ([(native, {})] if native else [])
 
 
 @every_acl_counter
 @pytest.mark.parametrize("policy", [7, -1, "0", True, 1.5, [0], {"a": 1}], ids=repr)
 @pytest.mark.parametrize("keyword", [False, True], ids=["by position", "by keyword"])
-def test_a_true_policy_is_sent_unchanged(
+def test_true_policy_is_sent_unchanged(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -464,13 +454,13 @@ def test_a_true_policy_is_sent_unchanged(
     (((request,),), _response) = made.positional
     assert list(request) == ["policy_id"]
     assert request["policy_id"] is policy
-    assert taken_apart(requested(simulator)) == taken_apart({"policy_id": policy})
-    assert natively(simulator) == ([(native, {"policy_id": policy})] if native else [])
+    assert with_types(requested(simulator)) == with_types({"policy_id": policy})
+    assert without_releases(simulator) == ([(native, {"policy_id": policy})] if native else [])
 
 
 @every_acl_counter
 @pytest.mark.parametrize("truth", [True, False])
-def test_the_policys_truth_is_asked_once_before_the_request_is_made(
+def test_policy_truth_is_tested_once_before_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -478,48 +468,48 @@ def test_the_policys_truth_is_asked_once_before_the_request_is_made(
     request_line: int,
     truth: bool,
 ) -> None:
-    policy = Number(5)
+    policy = CountingInt(5)
     policy.truth = truth
-    made = Recorder(lambda args: asked.append(policy.asked))
+    made = Recorder(lambda args: asked.append(policy.bool_calls))
     asked: list[int] = []
     simulator.on_create = made
     getattr(module, function)(policy)
     assert asked == [1, 1]
-    assert policy.asked == 1
+    assert policy.bool_calls == 1
     assert requested(simulator) == ({"policy_id": 5} if truth else {})
 
 
 @every_acl_counter
-def test_a_failing_truth_is_reported_at_the_request(
+def test_policy_truth_error_is_at_request_line(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
-    error = Failed()
-    policy = Number(5)
+    error = Failure()
+    policy = CountingInt(5)
     policy.truth = error
     made = Recorder()
     simulator.on_create = made
-    assert failure(Failed, getattr(module, function), policy) is error
+    assert raises_exactly(Failure, getattr(module, function), policy) is error
     assert line(error, function) == request_line
     assert made.calls == []
     assert simulator.call_log == []
 
 
 @every_acl_counter
-def test_a_policy_that_the_request_cannot_hold_is_the_siblings_error(
+def test_unserializable_policy_raises_sibling_error(
     simulator: Simulator, module: ModuleType, function: str, native: str | None, request_line: int
 ) -> None:
-    error = failure(TypeError, getattr(module, function), object())
+    error = raises_exactly(TypeError, getattr(module, function), object())
     assert line(error, function) == request_line
     assert simulator.call_log == []
 
 
 @pytest.mark.parametrize("function", ["switch_acl_egress_counter", "switch_acl_prelookup_counter"])
-def test_the_unwired_counters_return_the_same_whatever_the_policy(
+def test_counters_without_service_ignore_policy(
     simulator: Simulator, module: ModuleType, function: str
 ) -> None:
     simulator.default_response = RawJSON('{"counters": []}')
     assert getattr(module, function)(5) == getattr(module, function)() == {"counters": []}
-    assert natively(simulator) == []
+    assert without_releases(simulator) == []
 
 
 @every_acl_counter
@@ -531,7 +521,7 @@ def test_the_unwired_counters_return_the_same_whatever_the_policy(
         ((1,), {"policy_id": 2}, "{}() got multiple values for keyword argument 'policy_id'"),
     ],
 )
-def test_faulty_arguments_are_reported_at_the_first_line(
+def test_argument_error_is_at_first_line(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -541,7 +531,7 @@ def test_faulty_arguments_are_reported_at_the_first_line(
     keywords: dict[str, object],
     text: str,
 ) -> None:
-    error = failure(TypeError, getattr(module, function), *positional, **keywords)
+    error = raises_exactly(TypeError, getattr(module, function), *positional, **keywords)
     assert str(error) == text.format(function)
     found = entry(error, function)
     assert found.line == found.first_line == FIRST_LINES[function]

@@ -7,6 +7,7 @@ from __future__ import annotations
 import ctypes
 import gc
 import sys
+import warnings
 from collections.abc import Iterator
 from types import ModuleType
 from typing import Callable, NamedTuple
@@ -15,10 +16,13 @@ import pytest
 
 from checks.fault_injection import imports
 from tests.support import isolated
-from tests.support.call_cases import CASES, GONE, REPEATED, Case, Step
+from tests.support.call_cases import CASES, DELETED, REPEATED_ONLY, CallCase
+from tests.support.doubles import FailNth
+from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
-from tests.support.query_cases import ROWS
-from tests.support.refcounts import watched
+from tests.support.isolated import MODULE
+from tests.support.query_cases import QUERY_CASES
+from tests.support.refcounts import tracked_objects
 from veldarin_simulator import Simulator
 
 pytestmark = pytest.mark.slow
@@ -89,21 +93,21 @@ def _everything_else_set_aside() -> Iterator[None]:
 
 
 def call_of(
-    case: Case, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    case: CallCase, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> Callable[[], None]:
     """The case as something to call, which also sees that it succeeds or fails as it says."""
     simulator.set_reply("get_cli_cmd_output", case.cli)
     simulator.set_reply("cookieval_wrap", b"wrapped")
     simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
-    for row in ROWS:
+    for row in QUERY_CASES:
         if row.native:
             simulator.set_reply(row.native, case.reply)
-    for name, value in case.rebound.items():
-        if value is GONE:
+    for name, value in case.patched.items():
+        if value is DELETED:
             monkeypatch.delattr(module, name)
         else:
             monkeypatch.setattr(module, name, value, raising=False)
-    steps = [Step(case.create), Step(case.release)]
+    steps = [FailNth(case.create), FailNth(case.release)]
     for step, name in zip(steps, ["on_create", "on_release"]):
         if step.fails_at is not None:
             setattr(simulator, name, step)
@@ -124,16 +128,16 @@ def call_of(
     return call
 
 
-@pytest.mark.parametrize("case", REPEATED, ids=str)
-def test_nothing_stays_behind(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, case: Case
+@pytest.mark.parametrize("case", [*CASES, *REPEATED_ONLY], ids=str)
+def test_repeated_call_leaks_nothing(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, case: CallCase
 ) -> None:
     call = call_of(case, simulator, module, monkeypatch)
-    arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.rebound.values()]
-    assert leaks(call, simulator, watched(module, arguments)) == []
+    arguments = [*case.args, *case.kwargs, *case.kwargs.values(), *case.patched.values()]
+    assert leaks(call, simulator, tracked_objects(module, arguments)) == []
 
 
-def test_every_function_is_called_in_success_and_in_failure() -> None:
+def test_cases_cover_success_and_failure_of_functions() -> None:
     names = {row.name for row in FUNCTIONS}
     assert {case.function for case in CASES if case.error is None} == names
     assert {case.function for case in CASES if case.error is not None} == names
@@ -146,21 +150,19 @@ def test_every_function_is_called_in_success_and_in_failure() -> None:
 BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
 
 
-def test_the_counting_sees_a_block_that_stays(simulator: Simulator, module: ModuleType) -> None:
+def test_leak_check_detects_memory_block(simulator: Simulator, module: ModuleType) -> None:
     kept: list[object] = []
     found = leaks(lambda: kept.append(bytes(100)), simulator, [])
     assert [leak.what for leak in found] == BLOCKS
 
 
-def test_the_counting_sees_a_container_that_stays(simulator: Simulator, module: ModuleType) -> None:
+def test_leak_check_detects_container(simulator: Simulator, module: ModuleType) -> None:
     kept: list[object] = []
     found = leaks(lambda: kept.append([]), simulator, [])
     assert [leak.what for leak in found] == [*BLOCKS, "collectable objects"]
 
 
-def test_the_counting_sees_a_reference_lost_to_a_living_object(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_leak_check_detects_missing_decref(simulator: Simulator, module: ModuleType) -> None:
     argument = object()
     increment = ctypes.pythonapi.Py_IncRef
     increment.argtypes = [ctypes.py_object]
@@ -168,18 +170,14 @@ def test_the_counting_sees_a_reference_lost_to_a_living_object(
     assert (found.once, found.twice) == (ROUNDS, 2 * ROUNDS)
 
 
-def test_the_counting_sees_a_reference_taken_from_a_living_object(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_leak_check_detects_extra_decref(simulator: Simulator, module: ModuleType) -> None:
     argument = object()
     kept = [argument] * (20 * ROUNDS)
     (found,) = leaks(kept.pop, simulator, [argument])
     assert (found.once, found.twice) == (-ROUNDS, -2 * ROUNDS)
 
 
-def test_the_counting_sees_a_json_object_that_stays(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_leak_check_detects_json_object(simulator: Simulator, module: ModuleType) -> None:
     from util.json import JSONObject
 
     kept: list[object] = []
@@ -188,8 +186,10 @@ def test_the_counting_sees_a_json_object_that_stays(
     kept.clear()
 
 
-def test_the_counting_is_quiet_when_nothing_stays(simulator: Simulator, module: ModuleType) -> None:
-    assert leaks(lambda: [{}, object(), "text".upper()], simulator, watched(module, [])) == []
+def test_leak_check_without_leak_reports_nothing(simulator: Simulator, module: ModuleType) -> None:
+    assert (
+        leaks(lambda: [{}, object(), "text".upper()], simulator, tracked_objects(module, [])) == []
+    )
 
 
 # The import: one that fails is forgotten and can be tried again, so it can be repeated.
@@ -200,32 +200,28 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     to objects that live on, each per attempt."""
     import _imp
     import gc
-    import sys
-    import warnings
     from array import array
 
     from tests.support import fake_siblings
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
-    from tests.support.refcounts import lasting
+    from tests.support.refcounts import permanent_objects
 
-    bench = Workbench()
+    bench = SiblingSandbox()
     imported = [module for module in bench._right.values() if module is not None]
     held = [item for module in imported for item in (vars(module), *vars(module).values())]
-    watched = [MODULE, sys, sys.modules, *lasting(), *imported, *held]
+    tracked_objects = [MODULE, sys, sys.modules, *permanent_objects(), *imported, *held]
     kept = len(fake_siblings._kept)
 
     def attempt(spoils: list[str]) -> None:
         modules = dict(sys.modules)
         with warnings.catch_warnings():
-            bench.spoil(*spoils)
-            module = created(str(PRODUCT))
+            bench.break_(*spoils)
+            module = create_module()
             try:
                 _imp.exec_dynamic(module)
             except Exception:
                 return
             finally:
-                bench.repair()
+                bench.restore()
                 del fake_siblings._kept[kept:]
                 sys.modules.clear()
                 sys.modules.update(modules)
@@ -235,7 +231,7 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
         gc.collect()
         sys._clear_type_cache()  # its entries refer to names, or to None
         blocks, objects = sys.getallocatedblocks(), len(gc.get_objects())
-        return array("q", [blocks, objects, *map(sys.getrefcount, watched)])
+        return array("q", [blocks, objects, *map(sys.getrefcount, tracked_objects)])
 
     def grown(spoils: list[str]) -> list[int]:
         before = counts()
@@ -254,26 +250,30 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
             if any(found):  # a leak is found again; what the interpreter makes at times is not
                 found = [min(pair, key=abs) for pair in zip(found, grown(spoils))]
         blocks, objects, *references = found
-        more = {repr(item)[:60]: n for item, n in zip(watched, references) if n}
+        more = {repr(item)[:60]: n for item, n in zip(tracked_objects, references) if n}
         told.append([label, blocks, objects, more])
     return told
 
 
-def test_nothing_stays_behind_of_an_import_that_fails() -> None:
-    spoilt = [case for case in imports.CASES if case.spoils and case.path == isolated.PRODUCT]
+def test_failed_import_leaks_nothing() -> None:
+    spoilt = [
+        case for case in imports.CASES if case.statements and case.path == isolated.MODULE_PATH
+    ]
     assert len(spoilt) > 60
-    found = isolated.value(repeat_failing_imports, [(case.label, case.spoils) for case in spoilt])
+    found = isolated.value(
+        repeat_failing_imports, [(case.label, case.statements) for case in spoilt]
+    )
     assert [row for row in found if row[1:] != [0, 0, {}]] == []
 
 
-def test_the_counting_of_imports_sees_what_stays() -> None:
+def test_import_leak_check_detects_leak() -> None:
     keep = "__import__('sys').__dict__.setdefault('kept', []).append([bytes(100)])"
     cases = [("kept", [keep, "siblings['util.json'] = None"])]
     blocks = 3 if BLOCKS else 0
     assert isolated.value(repeat_failing_imports, cases) == [["kept", blocks, 1, {}]]
 
 
-def test_import_leak_count_sees_a_lost_reference() -> None:
+def test_import_leak_check_detects_missing_decref() -> None:
     lose = "ctypes.pythonapi.Py_IncRef(ctypes.py_object(MODULE))"
     cases = [("lost", [lose, "siblings['util.json'] = None"])]
     assert isolated.value(repeat_failing_imports, cases) == [

@@ -6,13 +6,29 @@ there is one, and serves a single interpreter per process.
 
 from __future__ import annotations
 
+import builtins
+import importlib
+import sys
+from importlib.machinery import ModuleSpec
+from types import BuiltinFunctionType, SimpleNamespace
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
-from tests.support.fake_siblings import CREATE_SLOT, EXEC_SLOT
+from tests.support.fake_siblings import (
+    CREATE_SLOT,
+    EXEC_SLOT,
+    SiblingSandbox,
+    create_from_spec,
+    create_module,
+    definition,
+    entry_point,
+    rows_until_null,
+    run_create_slot,
+)
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
 
 pytestmark = pytest.mark.slow
 
@@ -34,10 +50,6 @@ COPIED = {
 
 def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str, Any]:
     """Creates the module from an import spec of these attributes; `raising` ones fail so."""
-    import builtins
-
-    from tests.support.fake_siblings import created_from
-    from tests.support.isolated import PRODUCT, describe
 
     class ImportSpec:
         def __getattr__(self, name: str) -> object:
@@ -48,9 +60,9 @@ def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str
             raise AttributeError(name)
 
     try:
-        module = created_from(str(PRODUCT), ImportSpec())
+        module = create_from_spec(ImportSpec())
     except Exception as error:
-        return {"error": describe(error)}
+        return {"error": encode_exception(error)}
     plain = (str, type(None), list)
     return {name: held for name, held in vars(module).items() if isinstance(held, plain)}
 
@@ -65,14 +77,9 @@ WHOLE = {
 }
 
 
-def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> None:
+def test_call_before_execution_raises_runtime_error() -> None:
     def call_all(calls: list[list[Any]]) -> list[str]:
-        from importlib.machinery import ModuleSpec
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
-        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        module = create_from_spec(ModuleSpec(MODULE, None))
         told = []
         for name, required in calls:
             try:
@@ -97,14 +104,9 @@ REFUSED: list[list[Any]] = [
 ]
 
 
-def test_call_before_execution_does_not_check_its_arguments() -> None:
+def test_call_before_execution_ignores_wrong_arguments() -> None:
     def call_all(calls: list[list[Any]]) -> list[list[Any]]:
-        from importlib.machinery import ModuleSpec
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
-        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        module = create_from_spec(ModuleSpec(MODULE, None))
         ended: list[list[Any]] = []
         for name, arguments in calls:
             try:
@@ -118,15 +120,11 @@ def test_call_before_execution_does_not_check_its_arguments() -> None:
     ]
 
 
-def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
+def test_entry_point_returns_definition_only() -> None:
     def call_entry() -> list[object]:
         import ctypes
-        import sys
 
-        from tests.support.fake_siblings import entry_point
-        from tests.support.isolated import PRODUCT
-
-        entry = entry_point(str(PRODUCT))
+        entry = entry_point()
         modules = dict(sys.modules)
         first = entry()
         definition: object = ctypes.cast(first, ctypes.py_object).value
@@ -135,12 +133,9 @@ def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
     assert isolated.value(call_entry) == ["moduledef", True, True]
 
 
-def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
+def test_definition_has_name_methods_and_two_slots() -> None:
     def read_definition() -> dict[str, Any]:
-        from tests.support.fake_siblings import definition, rows_until_null
-        from tests.support.isolated import PRODUCT
-
-        defined = definition(str(PRODUCT))
+        defined = definition()
         methods = rows_until_null(defined.methods, "name")
         return {
             "name": defined.name.decode(),
@@ -169,18 +164,15 @@ def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
     }
 
 
-def test_the_module_has_its_name_and_no_docstring() -> None:
+def test_module_has_name_and_no_docstring() -> None:
     def names() -> list[object]:
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import PRODUCT
-
-        module = created(str(PRODUCT))
+        module = create_module()
         return [module.__name__, module.__doc__]
 
     assert isolated.value(names) == [isolated.MODULE, None]
 
 
-def test_the_module_is_named_by_the_spec() -> None:
+def test_module_name_comes_from_spec() -> None:
     assert isolated.value(create_from, {**WHOLE, "name": "another.name"}, {})["__name__"] == (
         "another.name"
     )
@@ -197,7 +189,7 @@ def test_creation_copies_four_spec_attributes() -> None:
 
 
 @pytest.mark.parametrize("missing", COPIED)
-def test_a_missing_spec_attribute_is_skipped(missing: str) -> None:
+def test_missing_spec_attribute_is_skipped(missing: str) -> None:
     given = {name: held for name, held in WHOLE.items() if name != missing}
     held = isolated.value(create_from, given, {})
     assert held.pop(COPIED[missing], None) is None  # what a new module holds there, or nothing
@@ -206,25 +198,25 @@ def test_a_missing_spec_attribute_is_skipped(missing: str) -> None:
 
 
 @pytest.mark.parametrize("missing", ["origin", "submodule_search_locations"])
-def test_a_skipped_attribute_leaves_no_name_behind(missing: str) -> None:
+def test_skipped_spec_attribute_sets_no_name(missing: str) -> None:
     given = {name: held for name, held in WHOLE.items() if name != missing}
     assert COPIED[missing] not in isolated.value(create_from, given, {})
 
 
 @pytest.mark.parametrize("attribute", ["loader", "origin", "parent"])
-def test_a_spec_attribute_that_is_none_is_copied(attribute: str) -> None:
+def test_spec_attribute_none_is_copied(attribute: str) -> None:
     held = isolated.value(create_from, {**WHOLE, attribute: None}, {})
     assert COPIED[attribute] in held
     assert held[COPIED[attribute]] is None
 
 
-def test_search_locations_that_are_none_are_skipped() -> None:
+def test_search_locations_none_are_skipped() -> None:
     held = isolated.value(create_from, {**WHOLE, "submodule_search_locations": None}, {})
     assert "__path__" not in held
 
 
 @pytest.mark.parametrize("attribute", COPIED)
-def test_a_getter_that_raises_attribute_error_counts_as_missing(attribute: str) -> None:
+def test_spec_attribute_error_counts_as_missing(attribute: str) -> None:
     held = isolated.value(create_from, WHOLE, {attribute: "AttributeError"})
     assert "error" not in held
     assert held.get(COPIED[attribute]) is None
@@ -232,40 +224,31 @@ def test_a_getter_that_raises_attribute_error_counts_as_missing(attribute: str) 
 
 @pytest.mark.parametrize("attribute", COPIED)
 @pytest.mark.parametrize("error", ["ValueError", "KeyboardInterrupt"])
-def test_a_getter_that_raises_anything_else_fails_the_creation(attribute: str, error: str) -> None:
+def test_other_spec_error_fails_creation(attribute: str, error: str) -> None:
     outcome = isolated.run(create_from, WHOLE, {attribute: error})
     raised = outcome.error or isolated.Error.of(outcome.value["error"])
     assert (raised.type, raised.text) == (error, f"no {attribute} today")
 
 
-def test_every_creation_before_the_first_execution_gives_a_new_object() -> None:
+def test_creation_before_execution_returns_new_object() -> None:
     def create_twice() -> bool:
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import PRODUCT
-
-        return created(str(PRODUCT)) is created(str(PRODUCT))
+        return create_module() is create_module()
 
     assert isolated.value(create_twice) is False
 
 
-def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> None:
+def test_creation_after_execution_returns_same_module() -> None:
     def create_again() -> list[object]:
-        import importlib
-        import sys
-
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import MODULE, PRODUCT
-
         module = importlib.import_module(MODULE)
         before = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
-        again = created(str(PRODUCT), "another.modules_util")
+        again = create_module("another.modules_util")
         after = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
         changed = [name for name in after if after[name] is not before.get(name)]
         for _ in range(20):
-            created(str(PRODUCT))
+            create_module()
         count = sys.getrefcount(module)
         for _ in range(200):
-            created(str(PRODUCT))
+            create_module()
         return [again is module, module.__name__, changed, sys.getrefcount(module) - count]
 
     same, name, changed, references = isolated.value(create_again)
@@ -278,12 +261,6 @@ def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> 
 
 def test_create_slot_after_execution_changes_no_name() -> None:
     def run_slot_again() -> list[object]:
-        import importlib
-        from types import SimpleNamespace
-
-        from tests.support.fake_siblings import run_create_slot
-        from tests.support.isolated import MODULE, PRODUCT
-
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = module.new_cookie_id = module.__file__ = "rebound"
         del module.Counters, module.get_token, module.__package__
@@ -295,7 +272,7 @@ def test_create_slot_after_execution_changes_no_name() -> None:
             parent="another package",
             submodule_search_locations=["another place"],
         )
-        again = run_create_slot(str(PRODUCT), other)
+        again = run_create_slot(other)
         return [
             again is module,
             list(vars(module)) == list(before),
@@ -306,7 +283,7 @@ def test_create_slot_after_execution_changes_no_name() -> None:
 
 
 @pytest.mark.parametrize("way", ["import", "creation"])
-def test_second_creation_only_restores_the_functions(way: str) -> None:
+def test_second_creation_restores_functions_only(way: str) -> None:
     """The create slot changes nothing, but CPython then adds the definition's methods again.
 
     So a function that was rebound or deleted is the built-in function again; no other name comes
@@ -314,13 +291,6 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
     """
 
     def create_again(way: str) -> list[object]:
-        import importlib
-        import sys
-        from types import BuiltinFunctionType, SimpleNamespace
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = module.new_cookie_id = "rebound"
         del module.Counters, module.get_token
@@ -329,7 +299,7 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
             del sys.modules[MODULE]
             again = importlib.import_module(MODULE)
         else:
-            again = created_from(str(PRODUCT), SimpleNamespace(name=MODULE, origin="other file"))
+            again = create_from_spec(SimpleNamespace(name=MODULE, origin="other file"))
         held = dict(vars(module))
         added = [name for name in held if name not in before]
         changed = [name for name in before if name in held and held[name] is not before[name]]
@@ -354,13 +324,8 @@ def test_second_creation_only_restores_the_functions(way: str) -> None:
     assert result == 0  # of the native service without an appliance
 
 
-def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
+def test_creation_after_execution_reads_spec_name_only() -> None:
     def read_again() -> list[str]:
-        import importlib
-
-        from tests.support.fake_siblings import created_from
-        from tests.support.isolated import MODULE, PRODUCT
-
         importlib.import_module(MODULE)
         read = []
 
@@ -369,7 +334,7 @@ def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
                 read.append(name)
                 return MODULE
 
-        created_from(str(PRODUCT), ImportSpec())
+        create_from_spec(ImportSpec())
         return read
 
     assert isolated.value(read_again) == ["name"]
@@ -378,27 +343,23 @@ def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:
 def load_in_two_interpreters(in_main_first: str) -> list[Any]:
     """Creates the module in a second interpreter after `in_main_first` happened in the main one."""
     import _xxsubinterpreters
-    import importlib
     import os
     from typing import Any, cast
-
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
 
     interpreters = cast(Any, _xxsubinterpreters)
     done = []
     if in_main_first == "import":
         done.append(importlib.import_module(MODULE).__name__)
     elif in_main_first == "failed import":
-        bench = Workbench()
-        bench.spoil("siblings['util.json'] = None")
+        bench = SiblingSandbox()
+        bench.break_("siblings['util.json'] = None")
         try:
             importlib.import_module(MODULE)
         except ImportError as error:
             done.append(str(error))
-        bench.repair()
+        bench.restore()
     else:
-        done.append(created(str(PRODUCT)).__name__)
+        done.append(create_module().__name__)
 
     read, write = os.pipe()
     interpreters.run_string(
@@ -407,8 +368,8 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         import os
         from importlib.machinery import ExtensionFileLoader
         from importlib.util import module_from_spec, spec_from_file_location
-        loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
-        found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+        loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
+        found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
         try:
             said = "created " + module_from_spec(found).__name__
         except BaseException as error:
@@ -429,7 +390,7 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         ("failed import", "import of util.json halted; None in sys.modules"),
     ],
 )
-def test_a_second_interpreter_is_refused_whatever_became_of_the_first(
+def test_second_interpreter_raises_import_error(
     first: str,
     seen: str,
 ) -> None:
@@ -439,13 +400,10 @@ def test_a_second_interpreter_is_refused_whatever_became_of_the_first(
     ]
 
 
-def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
+def test_main_interpreter_after_another_raises() -> None:
     def create_elsewhere_first() -> None:
         import _xxsubinterpreters
         from typing import Any, cast
-
-        from tests.support.fake_siblings import created
-        from tests.support.isolated import MODULE, PRODUCT
 
         interpreters = cast(Any, _xxsubinterpreters)
         interpreters.run_string(
@@ -453,12 +411,12 @@ def test_the_main_interpreter_is_refused_when_another_one_came_first() -> None:
             f"""if True:
             from importlib.machinery import ExtensionFileLoader
             from importlib.util import module_from_spec, spec_from_file_location
-            loader = ExtensionFileLoader({MODULE!r}, {str(PRODUCT)!r})
-            found = spec_from_file_location({MODULE!r}, {str(PRODUCT)!r}, loader=loader)
+            loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
+            found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
             module_from_spec(found)
         """,
         )
-        created(str(PRODUCT))
+        create_module()
 
     refused = isolated.error(create_elsewhere_first)
     assert (refused.type, refused.text) == ("ImportError", INTERPRETER_CHANGE)

@@ -7,14 +7,27 @@ detail repaired, the same process imports the module.
 
 from __future__ import annotations
 
+import importlib
+import sys
+import warnings
+from contextlib import suppress
+from types import BuiltinFunctionType, ModuleType
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE
-from tests.support.fake_siblings import JSON_OBJECT_SIZE, LIBRARY_MODULES, POINTER
+from tests.support.fake_siblings import (
+    JSON_OBJECT_SIZE,
+    LIBRARY_MODULES,
+    POINTER,
+    SiblingSandbox,
+    create_module,
+    exec_module,
+)
 from tests.support.function_table import FUNCTIONS
+from tests.support.isolated import MODULE, WRONG_PYTHON_MODULE, encode_exception
 
 pytestmark = pytest.mark.slow
 
@@ -79,26 +92,19 @@ def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
 
     Each spoil is a list of statements; tells how each import went, and the last one.
     """
-    import importlib
-    import sys
-    import warnings
-
-    from tests.support.fake_siblings import Workbench
-    from tests.support.isolated import MODULE, describe
-
-    bench = Workbench()
+    bench = SiblingSandbox()
     attempts = []
     for statements in spoils:
         error = None
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
-            bench.spoil(*statements)
+            bench.break_(*statements)
             try:
                 importlib.import_module(MODULE)
             except BaseException as raised:
-                error = describe(raised)
+                error = encode_exception(raised)
             finally:
-                bench.repair()
+                bench.restore()
         warned = [[warning.category.__name__, str(warning.message)] for warning in caught]
         attempts.append({"error": error, "warned": warned, "left behind": MODULE in sys.modules})
     module: Any = importlib.import_module(MODULE)
@@ -114,7 +120,7 @@ def failures(*spoils: list[str]) -> list[isolated.Error]:
     for spoil, attempt in zip(spoils, told["attempts"]):
         assert attempt["error"] is not None, f"the import went through: {spoil}"
         error = isolated.Error.of(attempt["error"])
-        assert [entry.file for entry in error.named(INIT)] == [FILE]
+        assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
         assert (attempt["warned"], attempt["left behind"]) == ([], False)
         errors.append(error)
     return errors
@@ -170,13 +176,11 @@ FAILURES = [
     FAILURES,
     ids=[text.partition(" Expected")[0] for _statement, _kind, text in FAILURES],
 )
-def test_a_failing_step_fails_the_import_and_a_repaired_one_lets_it_through(
-    statement: str, kind: str, text: str
-) -> None:
+def test_failing_step_fails_import_until_repaired(statement: str, kind: str, text: str) -> None:
     assert kind_and_text(statement) == (kind, text)
 
 
-def test_the_steps_run_in_their_order() -> None:
+def test_import_steps_run_in_order() -> None:
     # All faults at once, then one fewer each time; those of the builtins are made last.
     statements = [statement for statement, _kind, _text in FAILURES]
     fewer = [statements[first:][::-1] for first in range(len(statements))]
@@ -188,20 +192,20 @@ def test_the_steps_run_in_their_order() -> None:
 
 @pytest.mark.parametrize("name", TYPE_SIZES)
 @pytest.mark.parametrize("more", [1, 10])
-def test_a_larger_type_warns_and_the_import_goes_on(name: str, more: int) -> None:
+def test_larger_type_warns_and_import_succeeds(name: str, more: int) -> None:
     (attempt,) = isolated.value(import_spoilt, [resized(name, more * POINTER)])["attempts"]
     assert attempt["error"] is None
     assert attempt["warned"] == [["RuntimeWarning", size_changed(name, more * POINTER)]]
 
 
-def test_the_size_warning_as_an_error_fails_the_import() -> None:
+def test_size_warning_as_error_fails_import() -> None:
     raising = "__import__('warnings').simplefilter('error', RuntimeWarning)"
     assert kinds_and_texts(*([resized(name, POINTER), raising] for name in TYPE_SIZES)) == [
         ("RuntimeWarning", size_changed(name, POINTER)) for name in TYPE_SIZES
     ]
 
 
-def test_the_right_sizes_give_no_warning() -> None:
+def test_expected_sizes_give_no_warning() -> None:
     (attempt,) = isolated.value(import_spoilt, [])["attempts"]
     assert (attempt["error"], attempt["warned"]) == (None, [])
 
@@ -227,13 +231,13 @@ def test_the_right_sizes_give_no_warning() -> None:
         ),
     ],
 )
-def test_a_missing_type_or_table_raises_the_interpreters_own_error(
+def test_missing_type_or_vtable_raises_interpreter_error(
     statement: str, kind: str, text: str
 ) -> None:
     assert kind_and_text(statement) == (kind, text)
 
 
-def test_a_method_table_of_a_base_class_is_not_the_types_own() -> None:
+def test_vtable_of_base_class_is_not_used() -> None:
     heir = "type('JSONObject', (siblings['util.json'].JSONObject,), {'__slots__': ()})"
     assert kind_and_text(f"siblings['util.json'].JSONObject = {heir}") == (
         "KeyError",
@@ -241,7 +245,7 @@ def test_a_method_table_of_a_base_class_is_not_the_types_own() -> None:
     )
 
 
-def test_an_imported_type_that_is_no_type_fails_the_import() -> None:
+def test_imported_non_type_raises_type_error() -> None:
     errors = failures(
         ["siblings['util.json'].JSONObject = json_object()()"],
         ["siblings['util.json'].JSONObject = len"],
@@ -250,7 +254,7 @@ def test_an_imported_type_that_is_no_type_fails_the_import() -> None:
     assert [error.type for error in errors] == ["TypeError"] * 3
 
 
-def test_a_method_table_that_is_no_capsule_fails_the_import() -> None:
+def test_vtable_that_is_not_a_capsule_fails_import() -> None:
     (error,) = failures(["siblings['util.json'].JSONObject.__pyx_vtable__ = 5"])
     assert error.type in {"RuntimeError", "TypeError", "ValueError"}
 
@@ -259,9 +263,7 @@ def test_a_method_table_that_is_no_capsule_fails_the_import() -> None:
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_a_c_item_that_cannot_be_had_fails_the_import(
-    module: str, item: str, kind: str, signature: str
-) -> None:
+def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signature: str) -> None:
     another = f"siblings['{module}'].__pyx_capi__['other'] = capsule(1, {signature.encode()!r})"
     missing = f"del siblings['{module}'].__pyx_capi__['{item}']"
     assert kinds_and_texts(
@@ -278,7 +280,7 @@ def test_a_c_item_that_cannot_be_had_fails_the_import(
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_a_c_item_of_the_wrong_signature_fails_the_import(
+def test_capi_item_of_wrong_signature_fails_import(
     module: str, item: str, kind: str, signature: str
 ) -> None:
     right = signature.encode()
@@ -305,7 +307,7 @@ def test_a_c_item_of_the_wrong_signature_fails_the_import(
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_a_capsule_without_a_name_is_refused_and_the_text_shows_no_null(
+def test_unnamed_capsule_raises_without_null_in_text(
     module: str, item: str, kind: str, signature: str
 ) -> None:
     (error,) = failures([f"siblings['{module}'].__pyx_capi__['{item}'] = capsule(1, None)"])
@@ -315,14 +317,11 @@ def test_a_capsule_without_a_name_is_refused_and_the_text_shows_no_null(
     assert "null" not in error.text
 
 
-def test_the_imported_c_functions_are_the_ones_that_are_called() -> None:
+def test_imported_c_functions_are_called() -> None:
     def call_both() -> list[object]:
-        import importlib
-
         from tests.support import fake_siblings
-        from tests.support.isolated import MODULE
 
-        fake_siblings.Workbench()
+        fake_siblings.SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
         module.decrypt_cookie(b"cookie")
         paths = []
@@ -351,11 +350,11 @@ def test_the_imported_c_functions_are_the_ones_that_are_called() -> None:
 def without(module: str, name: str) -> str:
     """The statement that takes one name from a module."""
     if module in LIBRARY_MODULES:
-        return f"siblings['{module}'] = lacking('{module}', '{name}')"
+        return f"siblings['{module}'] = without_attributes('{module}', '{name}')"
     return f"del siblings['{module}'].{name}"
 
 
-def test_a_name_that_its_source_lacks_is_an_import_error() -> None:
+def test_missing_name_raises_import_error() -> None:
     errors = failures(*([without(module, name)] for module, name in FROM_IMPORTS))
     for (_module, name), error in zip(FROM_IMPORTS, errors):
         assert error.type == "ImportError"
@@ -368,27 +367,22 @@ def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
 
     Each attempt is what spoils the siblings and the import statement that fails for it, if any.
     """
-    import importlib
-
-    from tests.support.fake_siblings import Workbench
-    from tests.support.isolated import MODULE
-
-    bench = Workbench()
+    bench = SiblingSandbox()
     errors = []
     for spoil, statement in attempts:
         seen: list[Any] = [None, None]
-        bench.spoil(spoil)
+        bench.break_(spoil)
         for index, source in enumerate([f"importlib.import_module({MODULE!r})", statement]):
             try:
                 exec(source, {"importlib": importlib})
             except ImportError as error:
                 seen[index] = [type(error).__name__, str(error), error.name, error.path]
-        bench.repair()
+        bench.restore()
         errors.append(seen)
     return errors
 
 
-def test_failing_import_statement_raises_the_interpreters_error() -> None:
+def test_failing_import_raises_interpreter_error() -> None:
     """Compares with the same statement in Python: type, text, `name` and `path`."""
     statements = {
         module: f"from {module} import {', '.join(names)}" if names else f"import {module}"
@@ -410,7 +404,7 @@ def test_failing_import_statement_raises_the_interpreters_error() -> None:
     assert paths["util.errors"] is None
 
 
-def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
+def test_missing_capi_item_error_has_no_name_or_path() -> None:
     attempts = [
         [f"del siblings['{module}'].__pyx_capi__['{item}']", ""]
         for module, item, _kind, _signature in C_IMPORTS
@@ -426,35 +420,32 @@ def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
 
 def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
     """Of each spoilt import statement: the module's error, and that of the same statement here."""
-    import importlib
-
-    from tests.support.fake_siblings import Workbench
-    from tests.support.isolated import MODULE
-
-    bench = Workbench()
+    bench = SiblingSandbox()
     found: list[list[list[Any]]] = []
     for spoil, source, statement in statements:
-        bench.spoil(spoil, source)
+        bench.break_(spoil, source)
         errors: list[list[Any]] = []
         for run in (lambda: importlib.import_module(MODULE), lambda: exec(statement)):  # noqa: B023
             try:
                 run()
             except ImportError as error:
                 errors.append([type(error).__name__, str(error), error.name, error.path])
-        bench.repair()
+        bench.restore()
         found.append(errors)
     return found
 
 
 @pytest.mark.parametrize("file", ["/somewhere/source.py", None])
-def test_failing_from_import_has_the_interpreters_name_and_path(file: str | None) -> None:
+def test_failing_from_import_has_name_and_path(file: str | None) -> None:
     statements = []
     for module, name in FROM_IMPORTS:
         attributes = f"vars(siblings['{module}'])"
         source = f"{attributes}.update(__file__={file!r})"
         if file is None:
             source = f"{attributes}.pop('__file__', None)"
-        copied = f"siblings['{module}'] = lacking('{module}'); " * (module in LIBRARY_MODULES)
+        copied = f"siblings['{module}'] = without_attributes('{module}'); " * (
+            module in LIBRARY_MODULES
+        )
         spoil = copied + without(module, name)
         statements.append([spoil, source, f"from {module} import {name}"])
     found = isolated.value(compare_import_errors, statements)
@@ -473,7 +464,7 @@ siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
 
 
 @pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
-def test_error_of_a_c_item_look_up_fails_the_import(
+def test_capi_item_lookup_error_fails_import(
     module: str, item: str, kind: str, signature: str
 ) -> None:
     statement = UNEQUAL_KEY.format(module=module, item=item)
@@ -482,21 +473,18 @@ def test_error_of_a_c_item_look_up_fails_the_import(
 
 def names_after_failures(*spoils: str) -> list[list[str]]:
     """The names that modules hold whose execution failed, in order; none of the functions."""
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import PRODUCT
-
-    bench = Workbench()
+    bench = SiblingSandbox()
     told = []
     for statement in spoils:
-        module = created(str(PRODUCT))
+        module = create_module()
         before = {*vars(module), "__builtins__"}
-        bench.spoil(statement)
+        bench.break_(statement)
         try:
             module.__loader__.exec_module(module)
         except Exception:
             told.append([name for name in vars(module) if name not in before])
         finally:
-            bench.repair()
+            bench.restore()
     return told
 
 
@@ -536,16 +524,19 @@ FAILING_STATEMENTS = [
     ("siblings['ujson'] = None", "json"),
     ("siblings['util.errors'] = None", "CFunctionError"),
     ("siblings['copy'] = None", "copy"),
-    ("siblings['logging'] = altered('logging', getLogger=raising(OSError()))", "_logger"),
-    ("siblings['threading'] = altered('threading', Lock=raising(OSError()))", "_interface_lock"),
+    ("siblings['logging'] = with_attributes('logging', getLogger=raiser(OSError()))", "_logger"),
     (
-        "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
+        "siblings['threading'] = with_attributes('threading', Lock=raiser(OSError()))",
+        "_interface_lock",
+    ),
+    (
+        "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
         "Counters",
     ),
 ]
 
 
-def test_the_statements_bind_their_names_one_after_the_other() -> None:
+def test_statements_bind_names_in_order() -> None:
     bound = isolated.value(
         names_after_failures, *(statement for statement, _ in FAILING_STATEMENTS)
     )
@@ -556,38 +547,32 @@ def test_the_statements_bind_their_names_one_after_the_other() -> None:
     ("statement", "kind", "text"),
     [
         (
-            "siblings['logging'] = altered('logging', getLogger=raising(OSError('no logger')))",
+            "siblings['logging'] = with_attributes("
+            "'logging', getLogger=raiser(OSError('no logger')))",
             "OSError",
             "no logger",
         ),
         (
-            "siblings['threading'] = altered('threading', Lock=raising(MemoryError('no lock')))",
+            "siblings['threading'] = with_attributes("
+            "'threading', Lock=raiser(MemoryError('no lock')))",
             "MemoryError",
             "no lock",
         ),
         (
-            "siblings['collections'] = altered('collections', namedtuple=raising(KeyError('no')))",
+            "siblings['collections'] = with_attributes("
+            "'collections', namedtuple=raiser(KeyError('no')))",
             "KeyError",
             "'no'",
         ),
     ],
 )
-def test_a_failing_call_of_a_module_level_statement_fails_the_import(
-    statement: str, kind: str, text: str
-) -> None:
+def test_failing_module_level_call_fails_import(statement: str, kind: str, text: str) -> None:
     assert kind_and_text(statement) == (kind, text)
 
 
 def import_with_other_globals(statement: str, name: str) -> Any:
     """Changes the module's globals between its imports and the statements that use them."""
-    import importlib
-    import sys
-    from types import ModuleType
-
-    from tests.support.fake_siblings import Workbench
-    from tests.support.isolated import MODULE
-
-    Workbench()
+    SiblingSandbox()
 
     class Errors(ModuleType):
         def __getattr__(self, wanted: str) -> Any:
@@ -617,30 +602,23 @@ COUNTERS = [
         ("module['namedtuple'] = lambda *given: given", "Counters", COUNTERS),
     ],
 )
-def test_the_module_level_calls_read_the_globals_at_that_moment(
-    statement: str, name: str, made: object
-) -> None:
+def test_module_level_calls_read_current_globals(statement: str, name: str, made: object) -> None:
     assert isolated.value(import_with_other_globals, statement, name) == made
 
 
 @pytest.mark.parametrize("name", ["getLogger", "Lock", "namedtuple"])
-def test_a_global_that_is_gone_when_a_module_level_call_needs_it_is_a_name_error(
+def test_deleted_global_raises_name_error_in_import(
     name: str,
 ) -> None:
     error = isolated.error(import_with_other_globals, f"del module['{name}']", "_logger")
     assert (error.type, error.text) == ("NameError", f"name '{name}' is not defined")
-    assert len(error.named(INIT)) == 1
+    assert len(error.entries_of(INIT)) == 1
 
 
-def test_the_execution_makes_new_functions_and_binds_them_again() -> None:
+def test_execution_binds_new_functions() -> None:
     def functions_before_and_after() -> list[list[str]]:
-        from types import BuiltinFunctionType
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import PRODUCT
-
-        Workbench()
-        module = created(str(PRODUCT), "another.modules_util")
+        SiblingSandbox()
+        module = create_module("another.modules_util")
         before = dict(vars(module))
         module.__loader__.exec_module(module)
         functions = [name for name, held in before.items() if isinstance(held, BuiltinFunctionType)]
@@ -662,35 +640,26 @@ REFUSED = (
 )
 
 
-def test_of_two_modules_created_before_the_first_execution_the_second_is_refused() -> None:
+def test_second_module_execution_raises_runtime_error() -> None:
     def execute_two() -> None:
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import PRODUCT
-
-        Workbench()
-        first, second = created(str(PRODUCT)), created(str(PRODUCT))
+        SiblingSandbox()
+        first, second = create_module(), create_module()
         for module in (first, second):
             module.__loader__.exec_module(module)
 
     error = isolated.error(execute_two)
     assert (error.type, error.text) == REFUSED
-    assert [entry.file for entry in error.named(INIT)] == [FILE]
+    assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
 
 
-def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
+def test_rejected_module_is_unchanged_and_first_stays() -> None:
     def execute_two() -> list[object]:
-        import sys
-        from contextlib import suppress
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT
-
-        Workbench()
-        first, second = created(str(PRODUCT)), created(str(PRODUCT))
+        SiblingSandbox()
+        first, second = create_module(), create_module()
         for module in (first, second):
             with suppress(RuntimeError):
                 module.__loader__.exec_module(module)
-        again = created(str(PRODUCT))
+        again = create_module()
         return [
             hasattr(first, "_CHARSET"),
             hasattr(second, "_CHARSET"),
@@ -703,15 +672,8 @@ def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
 
 def act_during_execution(act: str) -> dict[str, Any]:
     """Imports the module; at its import of `util.errors`, does what `act` names."""
-    import importlib
-    import sys
-    from types import ModuleType
-
-    from tests.support.fake_siblings import Workbench, created, execute
-    from tests.support.isolated import MODULE, PRODUCT, describe
-
-    Workbench()
-    early = created(str(PRODUCT))  # before any execution, so another object
+    SiblingSandbox()
+    early = create_module()  # before any execution, so another object
     seen: dict[str, Any] = {"times": 0, "error": None}
 
     class Errors(ModuleType):
@@ -723,13 +685,13 @@ def act_during_execution(act: str) -> dict[str, Any]:
             before = dict(vars(module))
             try:
                 if act == "execute":
-                    execute(module)
+                    exec_module(module)
                 elif act == "execute another":
-                    execute(early)
+                    exec_module(early)
                 else:
-                    seen["same"] = created(str(PRODUCT)) is module
+                    seen["same"] = create_module() is module
             except Exception as error:
-                seen["error"] = describe(error)
+                seen["error"] = encode_exception(error)
             seen["added"] = [name for name in vars(module) if name not in before]
             seen["early"] = [name for name in ("__builtins__", "hexlify") if hasattr(early, name)]
             return Exception
@@ -741,7 +703,7 @@ def act_during_execution(act: str) -> dict[str, Any]:
 
 
 @pytest.mark.parametrize("act", ["execute", "create"])
-def test_module_is_the_recorded_one_during_execution(act: str) -> None:
+def test_nested_execution_or_creation_changes_nothing(act: str) -> None:
     seen = isolated.value(act_during_execution, act)
     same = {"same": True} if act == "create" else {}
     assert seen == {
@@ -754,29 +716,23 @@ def test_module_is_the_recorded_one_during_execution(act: str) -> None:
     }
 
 
-def test_another_module_is_refused_during_execution() -> None:
+def test_other_module_during_execution_raises() -> None:
     seen = isolated.value(act_during_execution, "execute another")
     error = isolated.Error.of(seen.pop("error"))
     assert (error.type, error.text) == REFUSED
-    assert [entry.file for entry in error.named(INIT)] == [FILE]
+    assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
     assert seen == {"times": 1, "added": [], "early": [], "complete": True}
 
 
-def test_executing_the_module_again_changes_nothing() -> None:
+def test_second_execution_changes_nothing() -> None:
     def execute_again() -> list[object]:
-        import importlib
-        import sys
-
-        from tests.support.fake_siblings import Workbench, execute
-        from tests.support.isolated import MODULE
-
-        Workbench()
+        SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = "rebound"
         del module.Counters
         before = dict(vars(module))
         sys.modules["ujson"] = None  # type: ignore[assignment]
-        execute(module)
+        exec_module(module)
         return [
             list(vars(module)) == list(before),
             all(held is before[name] for name, held in vars(module).items()),
@@ -786,15 +742,9 @@ def test_executing_the_module_again_changes_nothing() -> None:
 
 
 @pytest.mark.parametrize("way", ["reload", "import after it left sys.modules"])
-def test_importing_again_gives_the_same_module_unchanged(way: str) -> None:
+def test_second_import_returns_same_module(way: str) -> None:
     def import_again(way: str) -> list[object]:
-        import importlib
-        import sys
-
-        from tests.support.fake_siblings import Workbench
-        from tests.support.isolated import MODULE
-
-        Workbench()
+        SiblingSandbox()
         module: Any = importlib.import_module(MODULE)
         module._CHARSET = "rebound"
         if way == "reload":
@@ -807,20 +757,15 @@ def test_importing_again_gives_the_same_module_unchanged(way: str) -> None:
     assert isolated.value(import_again, way) == [True, "rebound", True]
 
 
-def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_gives() -> None:
+def test_import_after_failed_execution_is_new_module() -> None:
     def fail_then_import() -> list[bool]:
-        import importlib
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT
-
-        bench = Workbench()
-        bench.spoil("siblings['copy'] = None")
-        failed = created(str(PRODUCT))
+        bench = SiblingSandbox()
+        bench.break_("siblings['copy'] = None")
+        failed = create_module()
         try:
             failed.__loader__.exec_module(failed)
         except ImportError:
-            bench.repair()
+            bench.restore()
         module: Any = importlib.import_module(MODULE)
         return [module is failed, hasattr(failed, "__test__"), hasattr(module, "__test__")]
 
@@ -832,22 +777,19 @@ def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_give
     [
         "siblings['util.json'] = None",
         "siblings['copy'] = None",
-        "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
+        "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
     ],
     ids=["types", "last import", "Counters"],
 )
-def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> None:
+def test_function_after_failed_import_raises_runtime_error(statement: str) -> None:
     def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import PRODUCT
-
-        bench = Workbench()
-        failed = created(str(PRODUCT))
-        bench.spoil(statement)
+        bench = SiblingSandbox()
+        failed = create_module()
+        bench.break_(statement)
         try:
             failed.__loader__.exec_module(failed)
         except Exception:
-            bench.repair()
+            bench.restore()
         ended: list[list[Any]] = []
         for name, required in calls:
             try:
@@ -864,53 +806,37 @@ def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> 
 
 def module_in_sys_modules(there_already: bool) -> list[object]:
     """Executes a module that the import system did not put into `sys.modules`."""
-    import sys
-    from types import ModuleType
-
-    from tests.support.fake_siblings import Workbench, created
-    from tests.support.isolated import MODULE, PRODUCT
-
-    Workbench()
+    SiblingSandbox()
     other = ModuleType("other")
     if there_already:
         sys.modules[MODULE] = other
-    module = created(str(PRODUCT))
+    module = create_module()
     module.__loader__.exec_module(module)
     return [sys.modules[MODULE] is module, sys.modules[MODULE] is other]
 
 
-def test_a_module_that_is_run_as_the_main_module_is_called_so() -> None:
+def test_module_executed_as_main_is_named_main() -> None:
     def execute_as_main() -> list[object]:
-        import sys
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT
-
-        Workbench()
-        module = sys.modules["__main__"] = created(str(PRODUCT))
+        SiblingSandbox()
+        module = sys.modules["__main__"] = create_module()
         module.__loader__.exec_module(module)
         return [module.__name__, module._logger.name, sys.modules[MODULE] is module]
 
     assert isolated.value(execute_as_main) == ["__main__", "__main__", True]
 
 
-def test_execution_puts_the_module_into_sys_modules() -> None:
+def test_execution_adds_module_to_sys_modules() -> None:
     assert isolated.value(module_in_sys_modules, False) == [True, False]
 
 
-def test_execution_leaves_what_sys_modules_already_holds() -> None:
+def test_execution_keeps_existing_sys_modules_entry() -> None:
     assert isolated.value(module_in_sys_modules, True) == [False, True]
 
 
-def test_a_module_of_another_name_is_found_under_its_own_fixed_name() -> None:
+def test_renamed_module_is_in_sys_modules_as_modules_util() -> None:
     def execute_renamed() -> list[object]:
-        import sys
-
-        from tests.support.fake_siblings import Workbench, created
-        from tests.support.isolated import MODULE, PRODUCT
-
-        Workbench()
-        module = created(str(PRODUCT), "another.modules_util")
+        SiblingSandbox()
+        module = create_module("another.modules_util")
         module.__loader__.exec_module(module)
         return [
             sys.modules[MODULE] is module,
@@ -935,15 +861,9 @@ VERSION_TEXT = (
 )
 
 
-def test_the_interpreter_it_was_built_for_gives_no_warning() -> None:
+def test_matching_python_version_gives_no_warning() -> None:
     def import_strictly() -> bool:
-        import importlib
-        import warnings
-
-        from tests.support.fake_siblings import Workbench
-        from tests.support.isolated import MODULE
-
-        Workbench()
+        SiblingSandbox()
         warnings.simplefilter("error")
         return importlib.import_module(MODULE).__test__ == {}
 
@@ -952,29 +872,23 @@ def test_the_interpreter_it_was_built_for_gives_no_warning() -> None:
 
 def execute_under_another_release(filter_action: str) -> dict[str, Any]:
     """Executes, twice, the module that meets an interpreter which calls itself 3.10.4."""
-    import sys
-    import warnings
-
-    from tests.support.fake_siblings import Workbench, created, execute
-    from tests.support.isolated import MODULE, OTHER_RUNTIME, describe
-
-    Workbench()
+    SiblingSandbox()
     told: dict[str, Any] = {"error": None}
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter(filter_action)  # type: ignore[arg-type]
-        module = created(str(OTHER_RUNTIME))
+        module = create_module(path=WRONG_PYTHON_MODULE)
         try:
-            execute(module)
-            execute(module)
+            exec_module(module)
+            exec_module(module)
         except Exception as error:
-            told["error"] = describe(error)
+            told["error"] = encode_exception(error)
     told["warnings"] = [[warning.category.__name__, str(warning.message)] for warning in caught]
     told["bound"] = [name for name in ("__builtins__", "_CHARSET") if hasattr(module, name)]
     told["in sys.modules"] = MODULE in sys.modules
     return told
 
 
-def test_another_release_of_the_interpreter_gives_one_warning_and_the_import_goes_on() -> None:
+def test_other_python_version_warns_once() -> None:
     told = isolated.value(execute_under_another_release, "always")
     assert told["error"] is None
     assert told["warnings"] == [["RuntimeWarning", VERSION_TEXT]]
@@ -985,7 +899,7 @@ def test_another_release_of_the_interpreter_gives_one_warning_and_the_import_goe
     ("said", "warned"),
     [("4.9.0", ["4.9"]), ("3.9.0", []), ("3x9 what follows", []), ("2.7", ["2.7"])],
 )
-def test_the_first_and_the_third_character_of_the_version_are_compared(
+def test_version_check_compares_two_characters(
     monkeypatch: pytest.MonkeyPatch, said: str, warned: list[str]
 ) -> None:
     monkeypatch.setenv("SEEMING_VERSION", said)
@@ -995,30 +909,25 @@ def test_the_first_and_the_third_character_of_the_version_are_compared(
     ]
 
 
-def test_the_version_warning_as_an_error_fails_the_import_before_anything_else_is_done() -> None:
+def test_version_warning_as_error_fails_import_first() -> None:
     told = isolated.value(execute_under_another_release, "error")
     error = isolated.Error.of(told["error"])
     assert (error.type, error.text) == ("RuntimeWarning", VERSION_TEXT)
-    assert [entry.file for entry in error.named(INIT)] == [FILE]
+    assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
     assert (told["bound"], told["in sys.modules"]) == ([], False)
 
 
-def test_the_version_warning_points_at_the_code_that_imports() -> None:
+def test_version_warning_points_at_importing_code() -> None:
     def warn() -> list[list[object]]:
-        import warnings
-
-        from tests.support.fake_siblings import Workbench, created, execute
-        from tests.support.isolated import OTHER_RUNTIME
-
-        Workbench()
-        module = created(str(OTHER_RUNTIME))
+        SiblingSandbox()
+        module = create_module(path=WRONG_PYTHON_MODULE)
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
-            execute(module)
+            exec_module(module)
         return [
             [
-                warning.filename == execute.__code__.co_filename,
-                warning.lineno > execute.__code__.co_firstlineno,
+                warning.filename == exec_module.__code__.co_filename,
+                warning.lineno > exec_module.__code__.co_firstlineno,
             ]
             for warning in caught
         ]

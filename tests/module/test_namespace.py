@@ -15,6 +15,7 @@ import ujson
 
 from tests.support import isolated
 from tests.support.assertions import MODULE
+from tests.support.fake_siblings import SiblingSandbox, create_module, exec_module
 from tests.support.function_table import FUNCTIONS, Function
 
 INTERPRETERS_OWN = {
@@ -56,10 +57,6 @@ every_function = pytest.mark.parametrize("function", FUNCTIONS, ids=lambda row: 
 
 def fresh_names() -> list[str]:
     """The names in the order of the namespace, before any test touched it."""
-    import importlib
-
-    from tests.support.isolated import MODULE
-
     return list(vars(importlib.import_module(MODULE)))
 
 
@@ -69,22 +66,22 @@ def names() -> list[str]:
     return ordered
 
 
-def test_the_namespace_holds_exactly_these_names(names: list[str]) -> None:
+def test_namespace_holds_exactly_these_names(names: list[str]) -> None:
     functions = {function.name for function in FUNCTIONS}
     assert set(names) == INTERPRETERS_OWN | set(BOUND_IN_ORDER) | functions
 
 
-def test_the_functions_stand_in_the_order_of_the_table(names: list[str]) -> None:
+def test_functions_are_in_table_order(names: list[str]) -> None:
     functions = {function.name for function in FUNCTIONS}
     assert [name for name in names if name in functions] == [row.name for row in FUNCTIONS]
 
 
-def test_the_other_names_are_bound_in_the_order_of_the_statements(names: list[str]) -> None:
+def test_names_are_bound_in_statement_order(names: list[str]) -> None:
     bound = set(BOUND_IN_ORDER)
     assert [name for name in names if name in bound] == BOUND_IN_ORDER
 
 
-def test_the_test_dictionary_is_bound_last(names: list[str]) -> None:
+def test_test_dictionary_is_bound_last(names: list[str]) -> None:
     assert names[-1] == "__test__"
 
 
@@ -104,7 +101,7 @@ def test_the_test_dictionary_is_bound_last(names: list[str]) -> None:
     ],
 )
 @pytest.mark.filterwarnings("ignore::DeprecationWarning")
-def test_an_imported_name_is_the_object_of_its_source(
+def test_imported_name_is_object_of_its_source(
     module: ModuleType, name: str, source: str, attribute: str
 ) -> None:
     assert getattr(module, name) is getattr(importlib.import_module(source), attribute)
@@ -119,7 +116,7 @@ def test_an_imported_name_is_the_object_of_its_source(
         ("_logger", logging.getLogger(MODULE)),
     ],
 )
-def test_a_name_is_bound_to_this_very_object(module: ModuleType, name: str, value: object) -> None:
+def test_name_is_bound_to_expected_object(module: ModuleType, name: str, value: object) -> None:
     assert getattr(module, name) is value
 
 
@@ -133,20 +130,20 @@ def test_a_name_is_bound_to_this_very_object(module: ModuleType, name: str, valu
         ("__name__", MODULE),
         ("__package__", "veldarin.modules"),
         ("__doc__", None),
-        pytest.param("__file__", str(isolated.PRODUCT), id="__file__"),
+        pytest.param("__file__", str(isolated.MODULE_PATH), id="__file__"),
     ],
 )
-def test_a_name_has_this_type_and_value(module: ModuleType, name: str, value: object) -> None:
+def test_name_has_expected_type_and_value(module: ModuleType, name: str, value: object) -> None:
     held = getattr(module, name)
     assert (type(held), held) == (type(value), value)
 
 
-def test_the_interface_lock_is_a_plain_lock_that_nobody_holds(module: ModuleType) -> None:
+def test_interface_lock_is_unlocked_lock(module: ModuleType) -> None:
     assert type(module._interface_lock) is type(threading.Lock())
     assert module._interface_lock.locked() is False
 
 
-def test_counters_is_the_record_of_an_interfaces_counts(module: ModuleType) -> None:
+def test_counters_is_named_tuple_with_expected_fields(module: ModuleType) -> None:
     assert module.Counters.__name__ == "Counters"
     assert module.Counters.__bases__ == (tuple,)
     assert module.Counters._fields == (
@@ -162,22 +159,16 @@ def test_counters_is_the_record_of_an_interfaces_counts(module: ModuleType) -> N
     assert module.Counters._field_defaults == {}
 
 
-def test_counters_module_is_that_of_the_importing_code() -> None:
+def test_counters_module_is_importing_module() -> None:
     def execute_directly() -> str:
-        from tests.support.fake_siblings import Workbench, created, execute
-        from tests.support.isolated import PRODUCT
-
-        Workbench()
-        module: Any = created(str(PRODUCT))
-        execute(module)  # the nearest Python code is that of `execute`
+        SiblingSandbox()
+        module: Any = create_module()
+        exec_module(module)  # the nearest Python code is that of `execute`
         name: str = module.Counters.__module__
         return name
 
     def import_normally() -> list[object]:
-        import importlib
         import pickle
-
-        from tests.support.isolated import MODULE
 
         counters: Any = importlib.import_module(MODULE).Counters
         try:
@@ -190,7 +181,7 @@ def test_counters_module_is_that_of_the_importing_code() -> None:
     assert isolated.value(import_normally) == ["importlib._bootstrap", "not pickled"]
 
 
-def test_the_thirty_functions_are_all_that_is_callable_and_of_this_module(
+def test_only_table_functions_belong_to_module(
     module: ModuleType,
 ) -> None:
     own = [
@@ -202,9 +193,7 @@ def test_the_thirty_functions_are_all_that_is_callable_and_of_this_module(
 
 
 @every_function
-def test_a_function_is_a_builtin_of_this_module_without_a_docstring(
-    module: ModuleType, function: Function
-) -> None:
+def test_function_is_builtin_without_docstring(module: ModuleType, function: Function) -> None:
     held: Any = getattr(module, function.name)
     kind: object = type(held)
     assert kind is BuiltinFunctionType
@@ -214,14 +203,14 @@ def test_a_function_is_a_builtin_of_this_module_without_a_docstring(
 
 
 @every_function
-def test_a_function_bears_its_name_and_no_self(module: ModuleType, function: Function) -> None:
+def test_function_has_name_and_no_self(module: ModuleType, function: Function) -> None:
     held: Any = getattr(module, function.name)
     assert (held.__name__, held.__qualname__) == (function.name, function.name)
     assert held.__self__ is None
     assert repr(held) == f"<built-in function {function.name}>"
 
 
-def test_no_function_takes_the_interface_lock_or_uses_the_names_kept_for_others() -> None:
+def test_reserved_names_are_not_used_by_functions() -> None:
     def call_without_them() -> list[object]:
         from veldarin_simulator import Simulator
 

@@ -10,8 +10,8 @@ from types import ModuleType
 
 import pytest
 
-from tests.support.assertions import failure
-from tests.support.fake_cli import CommandLine
+from tests.support.assertions import raises_exactly
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import RawJSON, Simulator
 
 POINTER = struct.calcsize("P")
@@ -27,7 +27,7 @@ BOUNDS = [
 
 
 @pytest.mark.parametrize("number", BOUNDS)
-def test_a_counter_of_64_bits_comes_back_whole(
+def test_64_bit_counter_is_returned_exactly(
     simulator: Simulator, module: ModuleType, number: int
 ) -> None:
     simulator.set_reply("build_switch_port_statistics", [{"bytes_recv": number}])
@@ -35,31 +35,29 @@ def test_a_counter_of_64_bits_comes_back_whole(
 
 
 @pytest.mark.parametrize("number", BOUNDS)
-def test_a_request_carries_a_number_of_64_bits_whole(
+def test_64_bit_request_number_is_sent_exactly(
     simulator: Simulator, module: ModuleType, number: int
 ) -> None:
     simulator.set_reply("build_switch_acl_ingress_stats", lambda request: request["policy_id"])
     assert module.switch_acl_ingress_counter(number) == number
 
 
-def test_a_number_beyond_64_bits_is_refused_and_nothing_is_asked(
+def test_number_beyond_64_bits_raises_without_native_call(
     simulator: Simulator, module: ModuleType
 ) -> None:
     for number in (2**64, -(2**63) - 1):
-        failure(OverflowError, module.switch_acl_ingress_counter, number)
+        raises_exactly(OverflowError, module.switch_acl_ingress_counter, number)
     assert [call for call in simulator.call_log if call.service.startswith("build_")] == []
 
 
 @pytest.mark.parametrize("number", [0.1, -2.5e-7, 1e300, 5e-324, 2.0**53, 1 / 3])
-def test_a_fraction_comes_back_to_its_last_bit(
-    simulator: Simulator, module: ModuleType, number: float
-) -> None:
+def test_float_is_returned_exactly(simulator: Simulator, module: ModuleType, number: float) -> None:
     simulator.set_reply("build_switch_lg_state", RawJSON(repr(number)))
     assert struct.pack(">d", module.list_switch_lg_state()) == struct.pack(">d", number)
 
 
 @pytest.mark.parametrize("sign", [1, -1])
-def test_every_bit_of_a_status_keeps_it_from_being_a_success(
+def test_status_with_any_bit_set_is_failure(
     simulator: Simulator, module: ModuleType, sign: int
 ) -> None:
     for bit in range(31):
@@ -69,9 +67,7 @@ def test_every_bit_of_a_status_keeps_it_from_being_a_success(
     assert module.check_cert_expiration(b"path") is False
 
 
-def test_every_bit_of_an_unsigned_long_arrives_in_its_place(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_unsigned_long_is_returned_exactly(simulator: Simulator, module: ModuleType) -> None:
     for bit in range(8 * ctypes.sizeof(ctypes.c_ulong)):
         simulator.set_reply("aps_get_new_cookie_id", 2**bit)
         simulator.set_reply("__get_aps_hash", 2**bit)
@@ -79,9 +75,7 @@ def test_every_bit_of_an_unsigned_long_arrives_in_its_place(
         assert module.aps_unsigned_int_hash(b"") == 2**bit
 
 
-def test_a_name_has_the_ten_digits_of_the_greatest_hash(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_cookie_name_shows_largest_hash(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("__get_aps_hash", 2**32 - 1)
     assert module.get_cookie_name(True) == "APSCOOKIE_4294967295"
 
@@ -89,9 +83,7 @@ def test_a_name_has_the_ten_digits_of_the_greatest_hash(
 # Characters, which may have a sign
 
 
-def test_every_byte_reaches_the_native_services_as_it_is(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_every_byte_value_reaches_native_services(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("cookieval_wrap", lambda text: text[::-1])
     simulator.set_reply("cookieval_unwrap", lambda text: text[::-1])
     assert module.encrypt_cookie(EVERY_BYTE) == EVERY_BYTE[::-1]
@@ -101,9 +93,7 @@ def test_every_byte_reaches_the_native_services_as_it_is(
     assert [call.text for call in simulator.call_log] == [EVERY_BYTE] * 4
 
 
-def test_every_character_of_a_command_reaches_the_command_line(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_every_command_character_is_sent(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", lambda command: command)
     for first in range(1, 0x900, 40):
         text = "".join(map(chr, range(first, first + 40)))
@@ -113,7 +103,7 @@ def test_every_character_of_a_command_reaches_the_command_line(
 
 
 @pytest.mark.parametrize("wide", ["a", "\xe9", "\u20ac", "\U0001f600"], ids=ascii)
-def test_a_pager_prompt_is_removed_wherever_it_lies(
+def test_pager_prompt_at_any_offset_is_removed(
     simulator: Simulator, module: ModuleType, wide: str
 ) -> None:
     for before in range(9):
@@ -126,18 +116,18 @@ def test_a_pager_prompt_is_removed_wherever_it_lies(
 
 
 @pytest.mark.parametrize("wide", ["", "\xe9", "\u20ac", "\U0001f600"], ids=ascii)
-def test_values_that_differ_in_one_character_are_told_apart(cli: CommandLine, wide: str) -> None:
+def test_values_differing_in_one_character_are_kept_apart(cli: FakeCli, wide: str) -> None:
     # Short values are looked for among those made before, by words read at any place of the text.
     values = ["", *("x" * n for n in range(1, 70))]
     values += ["x" * n + "y" + "x" * (size - n - 1) for size in (1, 7, 8, 9, 16, 17, 64, 65)
                for n in range(size)]  # fmt: skip
     rows = [f"{value}1 {value}2 {value}3 {value}4{wide}" for value in (*values, *values[::-1])]
-    cli.prints("Address", *rows)
+    cli.set_output("Address", *rows)
     assert [" ".join(row.values()) for row in cli.parser.get_system_arp_result()] == rows
 
 
 @pytest.mark.parametrize("offset", range(9))
-def test_a_text_may_begin_at_any_address(
+def test_text_at_any_alignment_is_parsed(
     simulator: Simulator, module: ModuleType, offset: int
 ) -> None:
     # The native buffer is aligned; what is found in it need not be.
@@ -150,7 +140,7 @@ def test_a_text_may_begin_at_any_address(
 # What lies where
 
 
-def test_a_json_object_is_a_head_and_two_pointers(simulator: Simulator) -> None:
+def test_json_object_is_header_and_two_pointers(simulator: Simulator) -> None:
     from util.json import JSONObject
 
     assert JSONObject.__basicsize__ == object.__basicsize__ + 2 * POINTER

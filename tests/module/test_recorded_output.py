@@ -8,7 +8,7 @@ from typing import Any
 
 import pytest
 
-from tests.support.fake_cli import CommandLine
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator.providers import bfd
 
 CAPTURES = Path(__file__).parents[1] / "data" / "cli_output"
@@ -18,9 +18,9 @@ def captured(name: str) -> str:
     return (CAPTURES / f"{name}.txt").read_text()
 
 
-def routed(cli: CommandLine, name: str) -> Any:
+def routed(cli: FakeCli, name: str) -> Any:
     """What the parser makes of the daemon's text of a route, unaltered."""
-    cli.prints(captured(name))
+    cli.set_output(captured(name))
     return cli.parser.get_routing_table_result("captured")
 
 
@@ -45,7 +45,7 @@ ROUTES = {
 
 
 @pytest.mark.parametrize("name", ROUTES)
-def test_the_daemons_text_of_a_route_is_read(cli: CommandLine, name: str) -> None:
+def test_recorded_route_is_parsed(cli: FakeCli, name: str) -> None:
     prefix, distance, owner, hops = ROUTES[name]
     table = [{"main": main, "ip": ip, "interface": port} for main, ip, port in hops]
     read = routed(cli, name)
@@ -66,27 +66,25 @@ def test_the_daemons_text_of_a_route_is_read(cli: CommandLine, name: str) -> Non
         "route-prohibited",  # a next hop without a comma
     ],
 )
-def test_the_daemons_text_that_the_parser_does_not_take_is_refused(
-    cli: CommandLine, name: str
-) -> None:
+def test_recorded_unsupported_route_raises_index_error(cli: FakeCli, name: str) -> None:
     with pytest.raises(IndexError):
         routed(cli, name)
 
 
-def test_of_two_entries_the_best_alone_is_read(cli: CommandLine) -> None:
+def test_recorded_route_of_two_entries_gives_best(cli: FakeCli) -> None:
     _, best = captured("route-two-entries").split("\n\n")
-    cli.prints(best)
+    cli.set_output(best)
     read = cli.parser.get_routing_table_result("captured")
     assert read["distance"] == "5"
     assert read["table"] == [{"main": "*", "ip": "198.51.100.5", "interface": "port2"}]
 
 
-def test_a_session_over_a_cut_wire_is_read_with_its_diagnostic(cli: CommandLine) -> None:
+def test_recorded_down_session_is_parsed_with_diagnostic(cli: FakeCli) -> None:
     sessions = bfd.parse(captured("bfd-peers-cut"))
     assert len(sessions) == 4
     read: dict[str, Any] = {}
     for session in sessions:
-        cli.prints(bfd.render([session]))
+        cli.set_output(bfd.render([session]))
         cli.parser.get_bfd_neighbor("captured", read)
     told = {name: (entry["status"], entry["diagnostics"]) for name, entry in read.items()}
     down = ("down", "control detection time expired")

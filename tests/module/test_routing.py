@@ -9,17 +9,16 @@ from typing import Any
 import pytest
 
 from tests.support.assertions import (
-    Recorder,
-    ascending,
     entry,
-    failure,
+    is_increasing,
     line,
-    raising,
-    taken_apart,
+    raises_exactly,
     traceback_entries,
-    wrong_type,
+    with_types,
+    wrong_type_message,
 )
-from tests.support.fake_cli import CommandLine
+from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
+from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_routing_table_result"
@@ -28,21 +27,13 @@ INFO = "  Known via static, distance 10, metric 0, best"
 UPDATE = "  Last update 01:02:03 ago"
 
 
-class Text(str):
-    """A subclass of str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
-
-
-def result(cli: CommandLine, *lines: object) -> Any:
+def result(cli: FakeCli, *lines: object) -> Any:
     """The parsed output of these lines."""
-    cli.prints(*lines)
+    cli.set_output(*lines)
     return cli.parser.get_routing_table_result("192.0.2.7")
 
 
-def routes(cli: CommandLine, *lines: str) -> Any:
+def routes(cli: FakeCli, *lines: str) -> Any:
     """The next hops of an output with these lines after a plain header block."""
     return result(cli, HEADER, INFO, UPDATE, *lines)["table"]
 
@@ -61,7 +52,7 @@ PLAIN = {
 }
 
 
-def test_a_whole_entry(cli: CommandLine) -> None:
+def test_entry_with_next_hops_is_parsed(cli: FakeCli) -> None:
     parsed = result(
         cli,
         "get router info routing-table detail 192.0.2.7",
@@ -79,7 +70,7 @@ def test_a_whole_entry(cli: CommandLine) -> None:
             route("directly", "connected", "port2"),
         ],
     }
-    assert taken_apart(parsed) == taken_apart(expected)
+    assert with_types(parsed) == with_types(expected)
 
 
 # The command
@@ -95,14 +86,12 @@ def test_a_whole_entry(cli: CommandLine) -> None:
         (None, "get router info routing-table detail None"),
     ],
 )
-def test_the_address_completes_the_command(
-    cli: CommandLine, address: str | None, command: str
-) -> None:
+def test_address_completes_command(cli: FakeCli, address: str | None, command: str) -> None:
     output, character_set = object(), object()
     decode = Recorder(lambda value, encoding: "\n".join([HEADER, INFO, UPDATE]))
-    cli.prints(output)
-    cli.rebind("text_", decode)
-    cli.rebind("_CHARSET", character_set)
+    cli.set_output(output)
+    cli.patch("text_", decode)
+    cli.patch("_CHARSET", character_set)
     assert cli.parser.get_routing_table_result(address) == {**PLAIN, "table": []}
     assert cli.commands == [command]
     assert type(cli.commands[0]) is str
@@ -110,13 +99,13 @@ def test_the_address_completes_the_command(
 
 
 @pytest.mark.parametrize(
-    "address", [b"192.0.2.7", Text("192.0.2.7"), 5, ["a"], 1.5], ids=lambda a: type(a).__name__
+    "address",
+    [b"192.0.2.7", StrSubclass("192.0.2.7"), 5, ["a"], 1.5],
+    ids=lambda a: type(a).__name__,
 )
-def test_an_address_that_is_not_exactly_text_is_refused_before_any_command(
-    cli: CommandLine, address: object
-) -> None:
-    error = failure(TypeError, cli.parser.get_routing_table_result, address)
-    assert str(error) == wrong_type("ip_address", "str", address)
+def test_non_str_address_raises_before_any_command(cli: FakeCli, address: object) -> None:
+    error = raises_exactly(TypeError, cli.parser.get_routing_table_result, address)
+    assert str(error) == wrong_type_message("ip_address", "str", address)
     assert cli.commands == []
 
 
@@ -143,10 +132,10 @@ def test_an_address_that_is_not_exactly_text_is_refused_before_any_command(
         "RoutingTable x y 192.0.2.0/24",
     ],
 )
-def test_the_first_line_that_starts_with_routing_is_the_header(
-    cli: CommandLine, before: list[str], header: str
+def test_first_line_starting_with_routing_is_header(
+    cli: FakeCli, before: list[str], header: str
 ) -> None:
-    assert taken_apart(result(cli, *before, header, INFO, UPDATE)) == taken_apart(
+    assert with_types(result(cli, *before, header, INFO, UPDATE)) == with_types(
         {**PLAIN, "table": []}
     )
 
@@ -163,16 +152,16 @@ def test_the_first_line_that_starts_with_routing_is_the_header(
         ("a\0,b c,d e,\x1c", "c", "e", "a\0, \x1c"),
     ],
 )
-def test_distance_metric_and_other_come_from_the_fields_of_the_next_line(
-    cli: CommandLine, info: str, distance: str, metric: str, other: str
+def test_line_after_header_gives_distance_and_metric(
+    cli: FakeCli, info: str, distance: str, metric: str, other: str
 ) -> None:
     expected = {**PLAIN, "distance": distance, "metric": metric, "other": other, "table": []}
-    assert taken_apart(result(cli, HEADER, info, UPDATE)) == taken_apart(expected)
+    assert with_types(result(cli, HEADER, info, UPDATE)) == with_types(expected)
 
 
 @pytest.mark.parametrize("size", [63, 64, 65, 66])  # 64 is the size of the buffer for joining
 @pytest.mark.parametrize("first_size", [1, 31, 60])
-def test_other_around_buffer_size_is_whole(cli: CommandLine, size: int, first_size: int) -> None:
+def test_other_around_buffer_size_is_complete(cli: FakeCli, size: int, first_size: int) -> None:
     first, last = "f" * first_size, "l" * (size - first_size - 2)
     other = result(cli, HEADER, f"{first},b c,d e,{last}", UPDATE)["other"]
     assert len(other) == size
@@ -180,17 +169,17 @@ def test_other_around_buffer_size_is_whole(cli: CommandLine, size: int, first_si
 
 
 @pytest.mark.parametrize("size", [63, 64, 65, 66])
-def test_fields_around_buffer_size_are_whole(cli: CommandLine, size: int) -> None:
+def test_fields_around_buffer_size_are_complete(cli: FakeCli, size: int) -> None:
     main, ip, interface = "m" * size, "i" * size, "p" * size
     assert routes(cli, f"{main} {ip}, via {interface}") == [route(main, ip, interface)]
 
 
 @pytest.mark.parametrize("update", ["a b c", "\ta\xa0b\u3000c d e", "a,b c,d c", "  a b c\r"])
-def test_the_last_update_is_the_third_word_of_the_line_after(cli: CommandLine, update: str) -> None:
+def test_last_update_is_third_word_of_its_line(cli: FakeCli, update: str) -> None:
     assert result(cli, HEADER, INFO, update)["lastUpdate"] == "c"
 
 
-def test_carriage_returns_are_removed_wherever_they_are(cli: CommandLine) -> None:
+def test_carriage_returns_are_removed(cli: FakeCli) -> None:
     lines = [HEADER, INFO, UPDATE, " * 198.51.100.1, via port1"]
     expected = result(cli, *lines)
     assert expected["other"] == PLAIN["other"]
@@ -218,26 +207,26 @@ def test_carriage_returns_are_removed_wherever_they_are(cli: CommandLine) -> Non
         ("\u200b,\ufeff", route("", "\u200b", "\ufeff")),
     ],
 )
-def test_a_line_is_a_next_hop(cli: CommandLine, line_: str, expected: dict[str, str]) -> None:
-    assert taken_apart(routes(cli, line_)) == taken_apart([expected])
+def test_line_is_parsed_as_next_hop(cli: FakeCli, line_: str, expected: dict[str, str]) -> None:
+    assert with_types(routes(cli, line_)) == with_types([expected])
 
 
 @pytest.mark.parametrize(
     "blank", ["", " ", "\t", "\r", "\x0b\x0c", "\x1c\x1d\x1e\x1f", "\xa0\u3000"]
 )
-def test_blank_lines_are_skipped_and_end_nothing(cli: CommandLine, blank: str) -> None:
+def test_blank_lines_are_skipped(cli: FakeCli, blank: str) -> None:
     assert routes(cli, blank, "a,b", blank, blank, "c,d", blank) == [
         route("", "a", "b"),
         route("", "c", "d"),
     ]
 
 
-def test_without_next_hops_the_table_is_an_empty_list(cli: CommandLine) -> None:
+def test_entry_without_next_hops_has_empty_table(cli: FakeCli) -> None:
     assert routes(cli) == []
     assert routes(cli, "") == []
 
 
-def test_a_second_header_block_is_read_as_next_hops(cli: CommandLine) -> None:
+def test_second_header_block_is_parsed_as_next_hops(cli: FakeCli) -> None:
     assert routes(cli, "Routing entry, x", INFO, "a b c, d") == [
         route("Routing", "entry", "x"),
         route("Known", "via", "10"),
@@ -245,7 +234,7 @@ def test_a_second_header_block_is_read_as_next_hops(cli: CommandLine) -> None:
     ]
 
 
-def test_each_call_makes_new_objects(cli: CommandLine) -> None:
+def test_each_call_returns_new_objects(cli: FakeCli) -> None:
     first = result(cli, HEADER, INFO, UPDATE, "a,b")
     second = result(cli, HEADER, INFO, UPDATE, "a,b")
     assert first == second
@@ -327,32 +316,30 @@ MALFORMED = [
         for number, lines in enumerate(outputs)
     ],
 )
-def test_malformed_output_is_an_index_error(cli: CommandLine, lines: list[str]) -> None:
-    error = failure(IndexError, result, cli, *lines)
+def test_malformed_output_raises_index_error(cli: FakeCli, lines: list[str]) -> None:
+    error = raises_exactly(IndexError, result, cli, *lines)
     assert str(error) == "list index out of range"
-    assert cli.logged == []
+    assert cli.debug_messages == []
 
 
 @pytest.mark.parametrize("outputs", [o for _, o in MALFORMED], ids=[s for s, _ in MALFORMED])
-def test_the_same_statement_fails_at_the_same_line(
-    native_cli: CommandLine, outputs: list[list[str]]
-) -> None:
-    errors = [failure(IndexError, result, native_cli, *lines) for lines in outputs]
+def test_statement_fails_at_one_line(native_cli: FakeCli, outputs: list[list[str]]) -> None:
+    errors = [raises_exactly(IndexError, result, native_cli, *lines) for lines in outputs]
     assert len({line(error, FUNCTION) for error in errors}) == 1
     assert all(len(traceback_entries(error.__traceback__)) == 1 for error in errors)
 
 
-def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
+def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     cli = native_cli
-    refused = failure(TypeError, cli.parser.get_routing_table_result, 5)
+    refused = raises_exactly(TypeError, cli.parser.get_routing_table_result, 5)
     with cli.monkeypatch.context() as patch:
-        patch.setattr(cli.parser, "text_", raising(Failed()))
-        fetch = failure(Failed, result, cli, "")
-    split = failure(AttributeError, result, cli, None)
-    malformed = [failure(IndexError, result, cli, *outputs[0]) for _, outputs in MALFORMED]
+        patch.setattr(cli.parser, "text_", raiser(Failure()))
+        fetch = raises_exactly(Failure, result, cli, "")
+    split = raises_exactly(AttributeError, result, cli, None)
+    malformed = [raises_exactly(IndexError, result, cli, *outputs[0]) for _, outputs in MALFORMED]
     lines = [line(error, FUNCTION) for error in (refused, fetch, split, *malformed)]
     assert entry(refused, FUNCTION).first_line == lines[0]
-    assert ascending([375, *lines])
+    assert is_increasing([375, *lines])
 
 
 # What is no text, and failures of the collaborators
@@ -368,41 +355,41 @@ def test_lines_ascend_with_the_statements(native_cli: CommandLine) -> None:
     ],
     ids=repr,
 )
-def test_what_is_no_text_is_the_interpreters_own_error(
-    cli: CommandLine, value: object, kind: type[Exception], text: str
+def test_non_str_output_raises_interpreter_error(
+    cli: FakeCli, value: object, kind: type[Exception], text: str
 ) -> None:
-    error = failure(kind, result, cli, value)
+    error = raises_exactly(kind, result, cli, value)
     assert str(error) == text
 
 
-def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) -> None:
-    cli.rebind("text_", lambda value, encoding: value)
-    error = failure(TypeError, result, cli, b"Routing")
+def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
+    cli.patch("text_", lambda value, encoding: value)
+    error = raises_exactly(TypeError, result, cli, b"Routing")
     assert str(error) == "a bytes-like object is required, not 'str'"
 
 
 @pytest.mark.parametrize("carriage_return", ["", "\r"])
-def test_a_subclass_of_text_is_text(cli: CommandLine, carriage_return: str) -> None:
-    text = Text("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
+def test_str_subclass_output_is_parsed(cli: FakeCli, carriage_return: str) -> None:
+    text = StrSubclass("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
     parsed = result(cli, text)
-    assert taken_apart(parsed) == taken_apart({**PLAIN, "table": [route("", "a", "b")]})
+    assert with_types(parsed) == with_types({**PLAIN, "table": [route("", "a", "b")]})
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-def test_a_failing_fetch_propagates(cli: CommandLine, name: str) -> None:
-    error = Failed()
-    cli.rebind(name, raising(error))
-    assert failure(Failed, cli.parser.get_routing_table_result, "a") is error
+def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
+    error = Failure()
+    cli.patch(name, raiser(error))
+    assert raises_exactly(Failure, cli.parser.get_routing_table_result, "a") is error
 
 
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_a_missing_global_is_a_name_error(cli: CommandLine, name: str) -> None:
-    cli.unbind(name)
-    error = failure(NameError, cli.parser.get_routing_table_result, "a")
+def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
+    cli.delete(name)
+    error = raises_exactly(NameError, cli.parser.get_routing_table_result, "a")
     assert str(error) == f"name '{name}' is not defined"
 
 
-def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -> None:
+def test_native_output_is_parsed(simulator: Simulator, module: ModuleType) -> None:
     output = "\r\n".join(["echo", HEADER, INFO, UPDATE, "--More-- * a, via b", ""])
     simulator.set_reply("get_cli_cmd_output", output)
     assert module.get_routing_table_result("192.0.2.7") == {
@@ -414,9 +401,11 @@ def test_the_whole_way_from_the_host(simulator: Simulator, module: ModuleType) -
     ]
 
 
-def test_the_runners_failure_shows_both_functions(simulator: Simulator, module: ModuleType) -> None:
+def test_runner_failure_has_entries_of_both_functions(
+    simulator: Simulator, module: ModuleType
+) -> None:
     simulator.set_reply("get_cli_cmd_output", None)
-    error = failure(module.CFunctionError, module.get_routing_table_result, "a")
+    error = raises_exactly(module.CFunctionError, module.get_routing_table_result, "a")
     assert error.args == ("get_cli_command_output's result is null.",)
     names = [found.function for found in traceback_entries(error.__traceback__)]
     assert names == [FUNCTION, "get_cli_command_output"]

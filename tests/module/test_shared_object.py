@@ -110,19 +110,19 @@ def product(request: pytest.FixtureRequest) -> Path:
     if request.param == "alone":
         path: Path = request.getfixturevalue("alone")
         return path
-    if any(name.startswith("__asan") for name in symbols(isolated.PRODUCT, "--undefined-only")):
+    if any(name.startswith("__asan") for name in symbols(isolated.MODULE_PATH, "--undefined-only")):
         pytest.skip("built with sanitizers: this file does not ship")
-    return isolated.PRODUCT
+    return isolated.MODULE_PATH
 
 
 @pytest.mark.workstation_only("make module builds for the workstation")
-def test_the_module_is_built_alone_and_its_path_printed_last(alone: Path) -> None:
+def test_make_module_prints_path_last(alone: Path) -> None:
     assert alone.is_absolute()
     assert alone.is_file()
     assert alone.read_bytes()[:4] == b"\x7fELF"
 
 
-def test_the_file_is_named_for_the_interpreter_and_the_platform(product: Path) -> None:
+def test_file_name_has_extension_suffix(product: Path) -> None:
     assert product.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
     assert product.name.startswith("modules_util.cpython-39-")
 
@@ -134,7 +134,7 @@ QUARTER = {("x86_64", "12"): 218_472 // 4}
 
 
 @pytest.mark.skipif(struct.calcsize("P") != 8, reason="the figures are a workstation's")
-def test_the_file_that_ships_is_small(alone: Path) -> None:
+def test_release_file_is_small(alone: Path) -> None:
     size = alone.stat().st_size
     assert size <= SMALL
     version = said_by("c++", "-dumpversion")[0].partition(".")[0]
@@ -142,24 +142,24 @@ def test_the_file_that_ships_is_small(alone: Path) -> None:
 
 
 @pytest.mark.workstation_only("make module builds for the workstation")
-def test_the_file_that_ships_is_a_quarter_of_the_compiled_peers(alone: Path) -> None:
+def test_release_file_is_quarter_of_cython_module(alone: Path) -> None:
     peers = list(isolated.BUILD.glob("benchmarks/modules_cython.*.so"))
     if not peers:
         pytest.skip("the compiled peer is not built: make bench")
     assert alone.stat().st_size <= peers[0].stat().st_size / 4
 
 
-def test_only_the_c_library_is_needed(product: Path) -> None:
+def test_only_c_library_is_needed(product: Path) -> None:
     libraries = needed(product)
     assert libraries
     assert [name for name in libraries if not C_LIBRARY.fullmatch(name)] == []
 
 
-def test_the_entry_point_is_all_that_is_exported(product: Path) -> None:
+def test_entry_point_is_only_export(product: Path) -> None:
     assert symbols(product, "--defined-only") == {"PyInit_modules_util"}
 
 
-def test_every_undefined_symbol_is_somebodys(product: Path) -> None:
+def test_undefined_symbols_belong_to_known_libraries(product: Path) -> None:
     undefined = symbols(product, "--undefined-only")
     of_interpreter = {
         name for name in symbols(interpreter(), "--defined-only") if re.match("_?Py", name)
@@ -171,13 +171,13 @@ def test_every_undefined_symbol_is_somebodys(product: Path) -> None:
     assert undefined - somebodys == set()
 
 
-def test_every_native_service_is_left_to_the_process(product: Path) -> None:
+def test_native_services_are_undefined_symbols(product: Path) -> None:
     undefined = symbols(product, "--undefined-only")
     assert NATIVE_SERVICES - undefined == set()
     assert JSON_C - undefined == set()
 
 
-def test_nothing_of_the_cpp_runtime_is_referred_to(product: Path) -> None:
+def test_no_cpp_runtime_symbol_is_referenced(product: Path) -> None:
     undefined = symbols(product, "--undefined-only")
     runtime = [
         name
@@ -188,18 +188,18 @@ def test_nothing_of_the_cpp_runtime_is_referred_to(product: Path) -> None:
     assert runtime == []
 
 
-def test_the_file_carries_no_search_path_of_the_machine_it_was_built_on(product: Path) -> None:
+def test_file_has_no_build_machine_path(product: Path) -> None:
     tags = "\n".join(said_by("readelf", "-d", str(product)))
     assert "RPATH" not in tags
     assert "RUNPATH" not in tags
     assert str(isolated.ROOT).encode() not in product.read_bytes()
 
 
-def test_the_stand_in_exports_every_native_service() -> None:
+def test_simulator_exports_every_native_service() -> None:
     assert NATIVE_SERVICES - symbols(isolated.BUILD / "libsimulator.so", "--defined-only") == set()
 
 
-def test_the_stage_holds_one_file_of_the_product() -> None:
-    assert [path.name for path in isolated.PRODUCT.parent.glob("modules_util*.so")] == [
-        isolated.PRODUCT.name
+def test_staging_directory_holds_one_module_file() -> None:
+    assert [path.name for path in isolated.MODULE_PATH.parent.glob("modules_util*.so")] == [
+        isolated.MODULE_PATH.name
     ]

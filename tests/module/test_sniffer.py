@@ -9,8 +9,11 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, Recorder, entry, failure, wrong_type
-from tests.support.query_cases import crossings, natively
+from tests.support.assertions import FILE, entry, raises_exactly, wrong_type_message
+from tests.support.doubles import Recorder, StrSubclass
+from tests.support.fake_siblings import create_module, exec_module
+from tests.support.isolated import WRONG_PYTHON_MODULE, encode_exception
+from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
 EVENTS = [
@@ -21,20 +24,16 @@ EVENTS = [
 ]
 
 
-class Text(str):
-    """A subclass, which is not exactly str."""
-
-
-def test_the_summary_is_the_hosts(simulator: Simulator, module: ModuleType) -> None:
+def test_summary_is_returned(simulator: Simulator, module: ModuleType) -> None:
     reply = {"profiles": [{"name": "p1", "packets": 17}], "data": None}
     simulator.set_reply("build_system_sniffer_profile_summary", reply)
     assert module.get_system_sniffer_profile_summary() == reply
-    assert natively(simulator) == [("build_system_sniffer_profile_summary", {})]
+    assert without_releases(simulator) == [("build_system_sniffer_profile_summary", {})]
 
 
 @pytest.mark.parametrize("event, native", EVENTS)
 @pytest.mark.parametrize("keywords", ["none", "event", "both"])
-def test_each_event_calls_its_native_function_and_no_other(
+def test_event_calls_its_service_only(
     simulator: Simulator, module: ModuleType, event: str, native: str, keywords: str
 ) -> None:
     for _event, each in EVENTS:
@@ -47,7 +46,7 @@ def test_each_event_calls_its_native_function_and_no_other(
     else:
         result = module.capture_sniffer_profile(event=copied, profile_name="p1")
     assert result == {"answered by": native}
-    assert natively(simulator) == [(native, {"profile-name": "p1"})]
+    assert without_releases(simulator) == [(native, {"profile-name": "p1"})]
     call = simulator.call_log[0]
     assert (call.context, call.third) == (None, None)
 
@@ -71,14 +70,14 @@ def test_each_event_calls_its_native_function_and_no_other(
     ],
     ids=repr,
 )
-def test_any_other_event_calls_nothing_and_returns_the_untouched_response(
+def test_unknown_event_returns_untouched_response(
     simulator: Simulator, module: ModuleType, event: str | None
 ) -> None:
     assert module.capture_sniffer_profile("p1", event) is None
     simulator.default_response = RawJSON('{"x": 1}')
     assert module.capture_sniffer_profile("p1", event) == {"x": 1}
-    assert natively(simulator) == []
-    assert crossings(simulator)[-2:] == [
+    assert without_releases(simulator) == []
+    assert native_calls(simulator)[-2:] == [
         ("JSONObject.release", {"profile-name": "p1"}),
         ("JSONObject.release", {"x": 1}),
     ]
@@ -88,25 +87,23 @@ def failing_comparison(number: int) -> dict[str, Any]:
     """Calls `capture_sniffer_profile` while the comparison of this number fails."""
     import os
 
-    from tests.support.fake_siblings import created, execute
-    from tests.support.isolated import OTHER_RUNTIME, describe
     from veldarin_simulator import Simulator
 
     os.environ["SEEMING_VERSION"] = "3.9.0"
     with Simulator(live=False) as simulator:
-        module = created(str(OTHER_RUNTIME))
-        execute(module)
+        module = create_module(path=WRONG_PYTHON_MODULE)
+        exec_module(module)
         os.environ["FAILING_COMPARISON"] = str(number)
         try:
             module.capture_sniffer_profile("p1", "Other")
         except MemoryError as error:
-            entries = describe(error)["entries"]
+            entries = encode_exception(error)["entries"]
             return {"entries": entries, "calls": [call.service for call in simulator.call_log]}
     return {}
 
 
 @pytest.mark.parametrize("number, source_line", [(1, 365), (2, 367), (3, 369), (4, 371)])
-def test_failing_event_comparison_is_reported_at_its_line(number: int, source_line: int) -> None:
+def test_event_comparison_error_is_at_its_line(number: int, source_line: int) -> None:
     seen = isolated.value(failing_comparison, number)
     (_caller, found) = seen["entries"]
     assert found[:4] == [
@@ -123,7 +120,7 @@ def test_unknown_event_is_compared_four_times() -> None:
 
 
 @pytest.mark.parametrize("profile", [None, "", "p1", "caf\u00e9"])
-def test_the_profile_name_is_sent_as_given_under_the_hyphenated_key(
+def test_profile_name_is_sent_under_hyphenated_key(
     simulator: Simulator, module: ModuleType, profile: str | None
 ) -> None:
     made = Recorder()
@@ -132,37 +129,37 @@ def test_the_profile_name_is_sent_as_given_under_the_hyphenated_key(
     request = made.positional[0][0][0]
     assert list(request) == ["profile-name"]
     assert request["profile-name"] is profile
-    assert natively(simulator) == [
+    assert without_releases(simulator) == [
         ("build_stop_sniffer_profile_capture", {"profile-name": profile})
     ]
 
 
-NOT_TEXT = [b"p1", 5, Text("Stop"), ["Stop"], True]
+NOT_TEXT = [b"p1", 5, StrSubclass("Stop"), ["Stop"], True]
 
 
 @pytest.mark.parametrize("value", NOT_TEXT, ids=lambda value: type(value).__name__)
 @pytest.mark.parametrize("parameter", ["profile_name", "event"])
 @pytest.mark.parametrize("keywords", [False, True], ids=["by position", "by keyword"])
-def test_what_is_not_exactly_text_is_refused_before_any_request(
+def test_non_str_argument_raises_before_request(
     simulator: Simulator, module: ModuleType, parameter: str, value: object, keywords: bool
 ) -> None:
     made = Recorder()
     simulator.on_create = made
     given: dict[str, object] = {"profile_name": "p1", "event": "Stop", parameter: value}
     if keywords:
-        error = failure(TypeError, module.capture_sniffer_profile, **given)
+        error = raises_exactly(TypeError, module.capture_sniffer_profile, **given)
     else:
-        error = failure(TypeError, module.capture_sniffer_profile, *given.values())
-    assert str(error) == wrong_type(parameter, "str", value)
+        error = raises_exactly(TypeError, module.capture_sniffer_profile, *given.values())
+    assert str(error) == wrong_type_message(parameter, "str", value)
     found = entry(error, "capture_sniffer_profile")
     assert found.line == found.first_line == 361
     assert made.calls == []
     assert simulator.call_log == []
 
 
-def test_the_profile_name_is_tested_before_the_event(module: ModuleType) -> None:
-    error = failure(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
-    assert str(error) == wrong_type("profile_name", "str", 2)
+def test_profile_name_is_checked_before_event(module: ModuleType) -> None:
+    error = raises_exactly(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
+    assert str(error) == wrong_type_message("profile_name", "str", 2)
 
 
 @pytest.mark.parametrize(
@@ -175,14 +172,14 @@ def test_the_profile_name_is_tested_before_the_event(module: ModuleType) -> None
         (("p",), {"evnt": "Stop"}, "got an unexpected keyword argument 'evnt'"),
     ],
 )
-def test_faulty_arguments_are_reported_at_line_361(
+def test_argument_error_is_at_line_361(
     simulator: Simulator,
     module: ModuleType,
     arguments: tuple[object, ...],
     keywords: dict[str, object],
     text: str,
 ) -> None:
-    error = failure(TypeError, module.capture_sniffer_profile, *arguments, **keywords)
+    error = raises_exactly(TypeError, module.capture_sniffer_profile, *arguments, **keywords)
     assert str(error) == f"capture_sniffer_profile() {text}"
     found = entry(error, "capture_sniffer_profile")
     assert found.line == found.first_line == 361

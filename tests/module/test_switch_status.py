@@ -7,18 +7,17 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import Number, Recorder, entry, failure, line, wrong_type
-from tests.support.query_cases import FIRST_LINES, crossings, natively
+from tests.support.assertions import entry, line, raises_exactly, wrong_type_message
+from tests.support.doubles import CountingInt, Recorder, StrSubclass
+from tests.support.query_cases import FIRST_LINES, native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
-
-
-class Text(str):
-    """A subclass, which is not exactly str."""
 
 
 def requested(simulator: Simulator) -> Any:
     """The request of the last call, as its object held it."""
-    return [data for service, data in crossings(simulator) if service == "JSONObject.release"][-2]
+    return [data for service, data in native_calls(simulator) if service == "JSONObject.release"][
+        -2
+    ]
 
 
 IF_TRUE = [("list_switch_trunk_state", "trunk_name"), ("list_switch_mclag_list", "mkey")]
@@ -35,29 +34,27 @@ typed = pytest.mark.parametrize("function, native, empty", TYPED, ids=[f for f, 
 @pytest.mark.parametrize(
     "instance", [None, 0, "", False, [], {}, 7, "x", [1, {"a": None}]], ids=repr
 )
-def test_the_stp_instance_is_always_sent(
+def test_stp_instance_is_always_sent(
     simulator: Simulator, module: ModuleType, instance: object
 ) -> None:
     simulator.set_reply("build_switch_stp_state", ["reply"])
     assert module.list_switch_stp_state(instance) == ["reply"]
-    assert natively(simulator) == [("build_switch_stp_state", {"instance_id": instance})]
+    assert without_releases(simulator) == [("build_switch_stp_state", {"instance_id": instance})]
 
 
-def test_the_stp_instance_is_never_tested_and_sent_itself(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    instance = Number(4)
+def test_stp_instance_truth_is_not_tested(simulator: Simulator, module: ModuleType) -> None:
+    instance = CountingInt(4)
     instance.truth = AssertionError("asked")
     made = Recorder()
     simulator.on_create = made
     module.list_switch_stp_state(instance)
     assert made.positional[0][0][0]["instance_id"] is instance
-    assert instance.asked == 0
+    assert instance.bool_calls == 0
 
 
 @by_truth
 @pytest.mark.parametrize("value", [None, 0, "", False, [], {}, 0.0], ids=repr)
-def test_a_false_argument_makes_the_empty_request(
+def test_false_argument_sends_empty_request(
     simulator: Simulator, module: ModuleType, function: str, key: str, value: object
 ) -> None:
     getattr(module, function)(value)
@@ -68,7 +65,7 @@ def test_a_false_argument_makes_the_empty_request(
 
 @by_truth
 @pytest.mark.parametrize("value", ["t1", 7, True, [0], {"a": 1}], ids=repr)
-def test_a_true_argument_is_sent_under_its_key_unchanged(
+def test_true_argument_is_sent_under_its_key(
     simulator: Simulator, module: ModuleType, function: str, key: str, value: object
 ) -> None:
     made = Recorder()
@@ -83,25 +80,25 @@ def test_a_true_argument_is_sent_under_its_key_unchanged(
 
 @by_truth
 @pytest.mark.parametrize("truth", [True, False])
-def test_truth_is_asked_once(
+def test_argument_truth_is_tested_once(
     simulator: Simulator, module: ModuleType, function: str, key: str, truth: bool
 ) -> None:
-    value = Number(9)
+    value = CountingInt(9)
     value.truth = truth
     getattr(module, function)(value)
-    assert value.asked == 1
+    assert value.bool_calls == 1
     assert requested(simulator) == ({key: 9} if truth else {})
 
 
 @by_truth
-def test_a_failing_truth_is_reported_at_the_request(
+def test_argument_truth_error_is_at_request_line(
     simulator: Simulator, module: ModuleType, function: str, key: str
 ) -> None:
-    value = Number(9)
+    value = CountingInt(9)
     value.truth = error = LookupError("no truth")
     made = Recorder()
     simulator.on_create = made
-    assert failure(LookupError, getattr(module, function), value) is error
+    assert raises_exactly(LookupError, getattr(module, function), value) is error
     assert line(error, function) == FIRST_LINES[function] + 1
     assert made.calls == []
 
@@ -125,7 +122,7 @@ def test_a_failing_truth_is_reported_at_the_request(
         ),
     ],
 )
-def test_only_none_is_no_port_name_but_igmp_takes_an_empty_name_for_none_too(
+def test_port_name_none_sends_empty_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -137,7 +134,7 @@ def test_only_none_is_no_port_name_but_igmp_takes_an_empty_name_for_none_too(
     simulator.on_create = made
     simulator.set_reply(native, {"ports": [port]})
     assert getattr(module, function)(port) == {"ports": [port]}
-    assert natively(simulator) == [(native, request_sent)]
+    assert without_releases(simulator) == [(native, request_sent)]
     request = made.positional[0][0][0]
     assert request == request_sent
     if request_sent:
@@ -146,9 +143,11 @@ def test_only_none_is_no_port_name_but_igmp_takes_an_empty_name_for_none_too(
 
 @typed
 @pytest.mark.parametrize(
-    "port", [5, b"port1", Text("port1"), ["port1"], True], ids=lambda port: type(port).__name__
+    "port",
+    [5, b"port1", StrSubclass("port1"), ["port1"], True],
+    ids=lambda port: type(port).__name__,
 )
-def test_a_port_name_that_is_not_exactly_text_is_refused_before_any_request(
+def test_non_str_port_name_raises_before_request(
     simulator: Simulator,
     module: ModuleType,
     function: str,
@@ -158,30 +157,28 @@ def test_a_port_name_that_is_not_exactly_text_is_refused_before_any_request(
 ) -> None:
     made = Recorder()
     simulator.on_create = made
-    error = failure(TypeError, getattr(module, function), port)
-    assert str(error) == wrong_type("port_name", "str", port)
+    error = raises_exactly(TypeError, getattr(module, function), port)
+    assert str(error) == wrong_type_message("port_name", "str", port)
     found = entry(error, function)
     assert found.line == found.first_line == FIRST_LINES[function]
     assert made.calls == []
     assert simulator.call_log == []
 
 
-def test_a_port_number_is_refused_in_these_words(module: ModuleType) -> None:
-    error = failure(TypeError, module.list_switch_port_statistics, 5)
+def test_int_port_name_raises_exact_message(module: ModuleType) -> None:
+    error = raises_exactly(TypeError, module.list_switch_port_statistics, 5)
     assert str(error) == "Argument 'port_name' has incorrect type (expected str, got int)"
 
 
 @by_truth
-def test_faulty_arguments_are_reported_at_the_first_line(
-    module: ModuleType, function: str, key: str
-) -> None:
-    error = failure(TypeError, getattr(module, function), 1, 2)
+def test_argument_error_is_at_first_line(module: ModuleType, function: str, key: str) -> None:
+    error = raises_exactly(TypeError, getattr(module, function), 1, 2)
     assert str(error) == f"{function}() takes at most 1 positional argument (2 given)"
     assert line(error, function) == FIRST_LINES[function]
 
 
 @pytest.mark.parametrize("blank", [None, RawJSON('{"x": 1}')], ids=["null", "object"])
-def test_the_mclag_queries_return_the_untouched_response(
+def test_mclag_queries_return_untouched_response(
     simulator: Simulator, module: ModuleType, blank: RawJSON | None
 ) -> None:
     simulator.default_response = blank
@@ -192,15 +189,13 @@ def test_the_mclag_queries_return_the_untouched_response(
         module.switch_mclag_icl(),
     ]
     assert results == [expected] * 3
-    assert natively(simulator) == []
+    assert without_releases(simulator) == []
 
 
-def test_the_module_summary_calls_the_native_function_with_the_plural_name(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_module_summary_calls_plural_service_name(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_modules_summary", {"modules": 2})
     assert module.list_switch_module_summary() == {"modules": 2}
-    assert natively(simulator) == [("build_switch_modules_summary", {})]
+    assert without_releases(simulator) == [("build_switch_modules_summary", {})]
 
 
 @pytest.mark.parametrize(
@@ -211,10 +206,10 @@ def test_the_module_summary_calls_the_native_function_with_the_plural_name(
         ("list_switch_module_summary", "build_switch_modules_summary"),
     ],
 )
-def test_a_query_without_argument_sends_the_empty_request_and_nothing_is_picked(
+def test_no_args_query_returns_whole_reply(
     simulator: Simulator, module: ModuleType, function: str, native: str
 ) -> None:
     reply = {"statuses": [{"trunks": 1}], "data": {}}
     simulator.set_reply(native, reply)
     assert getattr(module, function)() == reply
-    assert natively(simulator) == [(native, {})]
+    assert without_releases(simulator) == [(native, {})]

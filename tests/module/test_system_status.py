@@ -9,27 +9,12 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import (
-    Recorder,
-    entry,
-    failure,
-    line,
-    raising,
-    taken_apart,
-    wrong_type,
-)
-from tests.support.query_cases import crossings, natively
+from tests.support.assertions import entry, line, raises_exactly, with_types, wrong_type_message
+from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
+from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
 PHYSICAL = "build_system_interface_physical"
-
-
-class Text(str):
-    """A subclass, which is not exactly str."""
-
-
-class Failed(Exception):
-    """Only the tests raise it."""
 
 
 def reply_of(*entries: object) -> list[dict[str, object]]:
@@ -45,12 +30,12 @@ def reply_of(*entries: object) -> list[dict[str, object]]:
     ],
 )
 @pytest.mark.parametrize("reply", [None, [], {"flashes": [1]}, [{"statuses": {"name": 2}}]])
-def test_the_lists_are_the_hosts(
+def test_list_reply_is_returned(
     simulator: Simulator, module: ModuleType, function: str, native: str, reply: object
 ) -> None:
     simulator.set_reply(native, reply)
     assert getattr(module, function)() == reply
-    assert natively(simulator) == [(native, {})]
+    assert without_releases(simulator) == [(native, {})]
 
 
 A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
@@ -75,7 +60,7 @@ A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
         ([{"name": "\u00e9\u20ac\U0001f600"}, B], "\u00e9\u20ac\U0001f600", 0),
     ],
 )
-def test_the_first_interface_of_that_name_or_else_the_last_is_returned(
+def test_first_matching_or_last_interface_is_returned(
     simulator: Simulator,
     module: ModuleType,
     entries: list[dict[str, object]],
@@ -85,20 +70,20 @@ def test_the_first_interface_of_that_name_or_else_the_last_is_returned(
     simulator.set_reply(PHYSICAL, reply_of(*entries))
     if picked == 0:
         picked = entries[0]
-    assert taken_apart(module.list_system_interface_physical(name)) == taken_apart(picked)
-    assert crossings(simulator) == [
+    assert with_types(module.list_system_interface_physical(name)) == with_types(picked)
+    assert native_calls(simulator) == [
         (PHYSICAL, {"name": name}),
         ("JSONObject.release", {"name": name}),
         ("JSONObject.release", reply_of(*entries)),
     ]
 
 
-def test_later_elements_of_the_reply_do_not_count(simulator: Simulator, module: ModuleType) -> None:
+def test_later_reply_elements_are_ignored(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply(PHYSICAL, [{"interface": [A], "other": 1}, {"interface": [B]}])
     assert module.list_system_interface_physical("B") == A
 
 
-def test_the_name_is_always_sent_itself(simulator: Simulator, module: ModuleType) -> None:
+def test_name_is_always_sent(simulator: Simulator, module: ModuleType) -> None:
     made = Recorder()
     simulator.on_create = made
     simulator.set_reply(PHYSICAL, reply_of(A))
@@ -110,14 +95,14 @@ def test_the_name_is_always_sent_itself(simulator: Simulator, module: ModuleType
 
 
 @pytest.mark.parametrize("name", ["A", "", None])
-def test_an_empty_interface_list_leaves_the_result_unbound(
+def test_empty_interface_list_raises_unbound_local(
     simulator: Simulator, module: ModuleType, name: str | None
 ) -> None:
     simulator.set_reply(PHYSICAL, reply_of())
-    error = failure(UnboundLocalError, module.list_system_interface_physical, name)
+    error = raises_exactly(UnboundLocalError, module.list_system_interface_physical, name)
     assert str(error) == "local variable 'data' referenced before assignment"
     assert line(error, "list_system_interface_physical") == 143
-    assert crossings(simulator) == [
+    assert native_calls(simulator) == [
         (PHYSICAL, {"name": name}),
         ("JSONObject.release", {"name": name}),
         ("JSONObject.release", reply_of()),
@@ -125,15 +110,15 @@ def test_an_empty_interface_list_leaves_the_result_unbound(
 
 
 @pytest.mark.parametrize(
-    "name", [b"A", 5, Text("A"), ["A"], True], ids=lambda name: type(name).__name__
+    "name", [b"A", 5, StrSubclass("A"), ["A"], True], ids=lambda name: type(name).__name__
 )
-def test_a_name_that_is_not_exactly_text_is_refused(
+def test_non_str_name_raises_type_error(
     simulator: Simulator, module: ModuleType, name: object
 ) -> None:
     made = Recorder()
     simulator.on_create = made
-    error = failure(TypeError, module.list_system_interface_physical, name)
-    assert str(error) == wrong_type("name", "str", name)
+    error = raises_exactly(TypeError, module.list_system_interface_physical, name)
+    assert str(error) == wrong_type_message("name", "str", name)
     found = entry(error, "list_system_interface_physical")
     assert found.line == found.first_line
     assert 130 < found.line < 134
@@ -166,7 +151,7 @@ def test_a_name_that_is_not_exactly_text_is_refused(
         ([{"interface": {"key": A}}], TypeError, "string indices must be integers", 139),
     ],
 )
-def test_a_reply_of_another_layout_fails_at_the_step_that_meets_it(
+def test_reply_of_other_layout_fails_at_its_step(
     simulator: Simulator,
     module: ModuleType,
     reply: object,
@@ -175,19 +160,19 @@ def test_a_reply_of_another_layout_fails_at_the_step_that_meets_it(
     at: int,
 ) -> None:
     simulator.set_reply(PHYSICAL, reply)
-    error = failure(kind, module.list_system_interface_physical, "A")
+    error = raises_exactly(kind, module.list_system_interface_physical, "A")
     assert str(error) == text
     assert line(error, "list_system_interface_physical") == at
-    assert natively(simulator) == [(PHYSICAL, {"name": "A"})]
+    assert without_releases(simulator) == [(PHYSICAL, {"name": "A"})]
     assert len(simulator.call_log) == 1, "nothing was released by the method table"
 
 
 @pytest.mark.parametrize("reply", [[{"interface": ""}], [{"interface": {}}]])
-def test_anything_iterable_without_elements_leaves_the_result_unbound(
+def test_empty_iterable_raises_unbound_local(
     simulator: Simulator, module: ModuleType, reply: object
 ) -> None:
     simulator.set_reply(PHYSICAL, reply)
-    error = failure(UnboundLocalError, module.list_system_interface_physical, "A")
+    error = raises_exactly(UnboundLocalError, module.list_system_interface_physical, "A")
     assert line(error, "list_system_interface_physical") == 143
 
 
@@ -204,7 +189,7 @@ def parsed(
     return holder
 
 
-def test_items_are_taken_through_the_object_protocol(
+def test_items_are_read_through_object_protocol(
     module: ModuleType, parsed: SimpleNamespace
 ) -> None:
     events: list[object] = []
@@ -223,16 +208,12 @@ def test_items_are_taken_through_the_object_protocol(
     assert events == [(int, 0), (str, "interface"), (str, "name")]
 
 
-def test_a_mapping_with_the_number_nought_is_as_good_as_a_list(
-    module: ModuleType, parsed: SimpleNamespace
-) -> None:
+def test_mapping_with_key_zero_is_accepted(module: ModuleType, parsed: SimpleNamespace) -> None:
     parsed.value = {0: {"interface": [A, B]}}
     assert module.list_system_interface_physical("B") is B
 
 
-def test_iteration_stops_at_the_first_equal_name(
-    module: ModuleType, parsed: SimpleNamespace
-) -> None:
+def test_iteration_stops_at_first_equal_name(module: ModuleType, parsed: SimpleNamespace) -> None:
     given: list[object] = []
 
     def entries() -> Iterator[object]:
@@ -245,7 +226,7 @@ def test_iteration_stops_at_the_first_equal_name(
     assert given == [A, B]
 
 
-def test_the_old_sequence_protocol_iterates(module: ModuleType, parsed: SimpleNamespace) -> None:
+def test_sequence_protocol_is_iterated(module: ModuleType, parsed: SimpleNamespace) -> None:
     class Sequence:
         def __getitem__(self, index: int) -> object:
             return [A, B][index]
@@ -254,9 +235,7 @@ def test_the_old_sequence_protocol_iterates(module: ModuleType, parsed: SimpleNa
     assert module.list_system_interface_physical("?") is B
 
 
-def test_a_list_that_grows_is_iterated_to_its_new_end(
-    module: ModuleType, parsed: SimpleNamespace
-) -> None:
+def test_growing_list_is_iterated_to_its_end(module: ModuleType, parsed: SimpleNamespace) -> None:
     class Grows(str):
         __hash__ = str.__hash__
 
@@ -271,7 +250,7 @@ def test_a_list_that_grows_is_iterated_to_its_new_end(
 
 
 @pytest.mark.parametrize("name", ["A", None])
-def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_once(
+def test_name_comparison_result_is_tested_once(
     module: ModuleType, parsed: SimpleNamespace, name: str | None
 ) -> None:
     asked: list[object] = []
@@ -298,7 +277,7 @@ def test_the_entrys_name_is_compared_with_the_name_given_and_its_answer_tested_o
     assert asked == [name, "truth", name, "truth"]
 
 
-def test_a_subclass_of_text_compares_by_its_own_rule(
+def test_str_subclass_name_uses_its_own_comparison(
     module: ModuleType, parsed: SimpleNamespace
 ) -> None:
     class Different(str):
@@ -351,46 +330,44 @@ class Broken:
         ("truth", 139),
     ],
 )
-def test_a_failing_step_of_the_choice_ends_the_call_at_its_line(
+def test_failing_selection_step_is_at_its_line(
     simulator: Simulator, module: ModuleType, parsed: SimpleNamespace, where: str, at: int
 ) -> None:
-    error = Failed(where)
+    error = Failure(where)
     parsed.value = Broken(where, error)
-    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == at
-    assert [service for service, _ in crossings(simulator)] == [PHYSICAL]
+    assert [service for service, _ in native_calls(simulator)] == [PHYSICAL]
 
 
-def test_an_iteration_that_fails_later_is_reported_at_the_loop(
+def test_later_iteration_error_is_at_loop_line(
     simulator: Simulator, module: ModuleType, parsed: SimpleNamespace
 ) -> None:
-    error = Failed()
+    error = Failure()
 
     def entries() -> Iterator[object]:
         yield B
         raise error
 
     parsed.value = [{"interface": entries()}]
-    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == 138
 
 
 @pytest.mark.parametrize("number, at", [(1, 141), (2, 142)])
-def test_releases_come_after_the_choice_and_before_the_unbound_result(
+def test_releases_come_between_selection_and_result(
     simulator: Simulator, module: ModuleType, number: int, at: int
 ) -> None:
-    error = Failed()
-    released = Recorder(lambda text: raising(error)() if len(released.calls) == number else None)
+    error = Failure()
+    released = Recorder(lambda text: raiser(error)() if len(released.calls) == number else None)
     simulator.on_release = released
     simulator.set_reply(PHYSICAL, reply_of())
-    assert failure(Failed, module.list_system_interface_physical, "A") is error
+    assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, "list_system_interface_physical") == at
 
 
-def test_the_reply_may_hold_more_than_the_module_reads(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_additional_reply_fields_are_kept(simulator: Simulator, module: ModuleType) -> None:
     text = '[{"interface": [{"name": "A", "z": [1.50, {"y": null}], "a": "b"}], "more": {}}, 5]'
     simulator.set_reply(PHYSICAL, RawJSON(text))
     picked = module.list_system_interface_physical("A")
-    assert taken_apart(picked) == taken_apart({"name": "A", "z": [1.5, {"y": None}], "a": "b"})
+    assert with_types(picked) == with_types({"name": "A", "z": [1.5, {"y": None}], "a": "b"})

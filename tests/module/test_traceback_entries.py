@@ -13,8 +13,10 @@ from typing import Any, Callable, NamedTuple
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, raising, traceback_entries
+from tests.support.assertions import FILE, traceback_entries
+from tests.support.doubles import raiser
 from tests.support.function_table import FUNCTIONS, NAMED
+from tests.support.isolated import encode_exception
 from veldarin_simulator import Simulator
 
 
@@ -94,7 +96,7 @@ def provoke(
     """The exception of the call; of a raising global it is the very one that was raised."""
     raised = Stop(provoked.raises)
     if provoked.raises is not None:
-        held = Loads(raised) if provoked.raises == "json" else raising(raised)
+        held = Loads(raised) if provoked.raises == "json" else raiser(raised)
         monkeypatch.setattr(module, provoked.raises, held)
     function = getattr(module, provoked.function)
     with pytest.raises(BaseException) as caught:  # noqa: PT011 - any, it is looked at below
@@ -114,12 +116,12 @@ def links(error: BaseException) -> list[TracebackType]:
     return found
 
 
-def test_every_function_is_made_to_fail_here_but_the_one_that_only_memory_can_fail() -> None:
+def test_failures_cover_every_function() -> None:
     assert [row.function for row in FAILING] == [row.name for row in FUNCTIONS][1:]
 
 
 @every_failing
-def test_a_failing_function_leaves_one_entry(
+def test_failing_function_has_one_entry(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
@@ -127,7 +129,7 @@ def test_a_failing_function_leaves_one_entry(
 
 
 @every_failing
-def test_an_entry_points_into_its_function(
+def test_entry_line_is_within_function(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
@@ -140,7 +142,7 @@ def test_an_entry_points_into_its_function(
 
 
 @every_failing
-def test_an_entrys_globals_are_the_modules(
+def test_entry_globals_are_of_module(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
@@ -148,7 +150,7 @@ def test_an_entrys_globals_are_the_modules(
 
 
 @every_failing
-def test_an_entry_stands_between_the_caller_and_what_failed_below(
+def test_entry_is_between_caller_and_callee(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     error = provoke(module, monkeypatch, provoked)
@@ -158,7 +160,7 @@ def test_an_entry_stands_between_the_caller_and_what_failed_below(
 
 
 @every_failing
-def test_a_traceback_with_an_entry_can_be_printed(
+def test_traceback_with_entry_is_printable(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     error = provoke(module, monkeypatch, provoked)
@@ -169,14 +171,14 @@ def test_a_traceback_with_an_entry_can_be_printed(
 
 
 @every_failing
-def test_entry_is_tracked_by_the_collector(
+def test_entry_is_tracked_by_collector(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     (link,) = links(provoke(module, monkeypatch, provoked))
     assert gc.is_tracked(link)
 
 
-def test_cycle_through_an_entry_is_collected(
+def test_cycle_through_entry_is_collected(
     module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     class Held(Exception):
@@ -202,7 +204,7 @@ def test_cycle_through_an_entry_is_collected(
 
 
 @every_failing
-def test_the_same_failure_leaves_the_same_entry_again(
+def test_repeated_failure_has_equal_entry(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     errors = [provoke(module, monkeypatch, provoked) for _ in range(3)]
@@ -211,7 +213,7 @@ def test_the_same_failure_leaves_the_same_entry_again(
 
 
 @every_failing
-def test_a_failure_leaves_no_exception_behind(
+def test_failure_leaves_no_handled_exception(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     error = provoke(module, monkeypatch, provoked)
@@ -220,7 +222,7 @@ def test_a_failure_leaves_no_exception_behind(
 
 
 @pytest.mark.parametrize("provoked", CHAINS, ids=lambda row: row.function)
-def test_functions_that_call_each_other_leave_one_entry_each(
+def test_nested_functions_have_one_entry_each(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "text" if provoked.raises == "text_" else None)
@@ -229,9 +231,7 @@ def test_functions_that_call_each_other_leave_one_entry_each(
     assert functions == [provoked.function, *provoked.chain]
 
 
-def test_a_refused_argument_of_an_inner_call_is_shown_at_both_functions(
-    simulator: Simulator, module: ModuleType
-) -> None:
+def test_inner_argument_error_has_entries_of_both(simulator: Simulator, module: ModuleType) -> None:
     simulator.serial_number = "text"
     with pytest.raises(TypeError) as caught:
         module.get_cookie_name(True)
@@ -247,7 +247,6 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
     import _testcapi
     from typing import Any, cast
 
-    from tests.support.isolated import describe
     from veldarin_simulator import Simulator
 
     capi = cast(Any, _testcapi)
@@ -259,12 +258,12 @@ def memory_entry_of_new_cookie_id() -> list[list[object]]:
             new_cookie_id()
         except MemoryError as error:
             capi.remove_mem_hooks()
-            entries: list[list[object]] = describe(error)["entries"]
+            entries: list[list[object]] = encode_exception(error)["entries"]
             return entries
     return []
 
 
-def test_the_functions_stand_in_the_source_in_the_order_of_the_table(
+def test_first_lines_increase_in_table_order(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     (_caller, entry) = isolated.value(memory_entry_of_new_cookie_id)

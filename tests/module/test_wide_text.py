@@ -11,8 +11,8 @@ from typing import Any
 import pytest
 
 from tests.support import reference
-from tests.support.assertions import raising
-from tests.support.fake_cli import CommandLine
+from tests.support.doubles import raiser
+from tests.support.fake_cli import FakeCli
 
 # The first and last code points of each length in UTF-8 and of the surrogates.
 BOUNDARIES = "\x7f\x80\xff\u0100\u07ff\u0800\ud7ff\ud800\udbff\udc00\udfff\ue000\uffff"
@@ -41,7 +41,7 @@ class Text(str):
 def error_handler(request: pytest.FixtureRequest) -> Iterator[None]:
     """Leaves the process's "surrogatepass" handler as it is, or registers another one."""
     handlers: dict[str, Any] = {
-        "raises": raising(AssertionError("the error handler was called")),
+        "raises": raiser(AssertionError("the error handler was called")),
         "replaces": lambda error: ("?", error.end),
     }
     before = codecs.lookup_error("surrogatepass")
@@ -52,7 +52,7 @@ def error_handler(request: pytest.FixtureRequest) -> Iterator[None]:
 
 def result(parser: Any, function: str, output: str, monkeypatch: pytest.MonkeyPatch) -> Any:
     """What a parser makes of an output."""
-    CommandLine(parser, monkeypatch).prints(output)
+    FakeCli(parser, monkeypatch).set_output(output)
     arguments: dict[str, tuple[object, ...]] = {
         "get_bfd_neighbor": ("c", {}),
         "get_routing_table_result": ("a",),
@@ -101,10 +101,10 @@ def test_text_of_each_width_parses_as_in_python(
 @pytest.mark.parametrize("character", BOUNDARIES, ids=ascii)
 @pytest.mark.parametrize("other", ["", "a", "\xe9", "\ud800", "\U0001f600"], ids=ascii)
 def test_code_points_pass_through_unchanged(
-    native_cli: CommandLine, character: str, other: str
+    native_cli: FakeCli, character: str, other: str
 ) -> None:
     words = [character + other, other + character, character * 3 + other, character * 70]
     rows = [" ".join(words), " ".join(reversed(words))]
-    native_cli.prints("\n".join(["Address", *rows]))
+    native_cli.set_output("\n".join(["Address", *rows]))
     listed = native_cli.parser.get_system_arp_result()
     assert [list(row.values()) for row in listed] == [row.split() for row in rows]

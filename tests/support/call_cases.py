@@ -3,90 +3,49 @@ appliance can provoke. For tests that repeat each of them or let memory fail wit
 
 from __future__ import annotations
 
-import ctypes
-import io
 import sys
 from collections.abc import Mapping
-from functools import partial
-from pathlib import Path
 from types import MappingProxyType, SimpleNamespace
 from typing import Any, Callable, NamedTuple
 
 import ujson
 
+from tests.support.doubles import (
+    AlwaysRaises,
+    BrokenMapping,
+    Failure,
+    IntMakingException,
+    MishashedStr,
+    MissingKeyMapping,
+    MissingKeyWithoutArgs,
+    MissingKeyWithTwoArgs,
+    NoTruthValue,
+    NoTruthValueFile,
+    NoTruthValuePath,
+    NullLogger,
+    ReadOnlyMapping,
+    RepeatedKeyMapping,
+    RightAddable,
+    Stop,
+    StoppingLogger,
+    UncomparableStr,
+    UnconstructibleException,
+    UnreplaceableStr,
+    fail,
+    failing_open,
+    failing_path,
+    stop,
+)
 from tests.support.function_table import FUNCTIONS, NAMED
-from tests.support.query_cases import ROWS
+from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import RawJSON, Simulator
 
 
-class Failure(Exception):
-    """What tests make collaborators raise; a new one each time."""
-
-
-def fail(*args: object, **kwargs: object) -> Any:
-    raise Failure
-
-
-class FailingException(Exception):
-    """An exception that cannot be made."""
-
-    __init__ = fail
-
-
-class NumberException(Exception):
-    """An exception class that makes a number."""
-
-    def __new__(cls, *args: object) -> Any:
-        return 5
-
-
-class Failing:
-    """An object that fails whatever is asked of it."""
-
-    __call__ = __bool__ = __getattr__ = __iter__ = __eq__ = __len__ = __contains__ = fail
-    __hash__ = None  # type: ignore[assignment]
-
-
-class Silent:
-    """A logger that does nothing; it can be called as well."""
-
-    def __init__(self, *given: object) -> None:
-        pass
-
-    def debug(self, text: str) -> None:
-        pass
-
-    error = debug
-
-
-class Unequal(str):
-    """A text that cannot be compared; as a key it stands in the way of its equals."""
-
-    __hash__ = str.__hash__
-    __eq__ = fail
-
-
-class Unfound(str):
-    """A text that a dictionary does not find by its equal."""
-
-    def __hash__(self) -> int:
-        return super().__hash__() ^ 1
-
-
-class Unsure:
-    """An object whose answers to a comparison have no truth."""
-
-    __hash__ = None  # type: ignore[assignment]
-
-    def __eq__(self, other: object) -> Any:
-        return Failing()
-
-
-class Case(NamedTuple):
+class CallCase(NamedTuple):
     """A call that is repeated: what it raises, if anything, and how the device is prepared.
 
     `cli` is what the command line answers, `reply` what every bridged query is answered; `rebound`
-    module globals are bound to these values, and those bound to `GONE` are deleted.
+    module globals are bound to these values, and those bound to `DELETED` are deleted.
     """
 
     function: str
@@ -96,7 +55,7 @@ class Case(NamedTuple):
     label: str = ""
     cli: object = "nothing"
     reply: object = None
-    rebound: Mapping[str, Any] = MappingProxyType({})
+    patched: Mapping[str, Any] = MappingProxyType({})
     create: int | None = None  # which creation of a JSONObject fails, counted from 0
     release: int | None = None  # which release of a JSONObject fails
     before: Callable[[Simulator], object] | None = None  # each call
@@ -105,89 +64,85 @@ class Case(NamedTuple):
         return f"{self.function}-{self.label or self.args}"
 
 
-GONE = object()
-
-
-class Step:
-    """Something of which, in each call of the function, the n-th time fails."""
-
-    def __init__(self, fails_at: int | None) -> None:
-        self.fails_at, self.taken = fails_at, 0
-
-    def __call__(self, *given: object) -> None:
-        self.taken += 1
-        if self.taken - 1 == self.fails_at:
-            raise Failure
+DELETED = object()
 
 
 UNBOUND = UnboundLocalError
-ERRORS_OF_ARGUMENTS = [
-    *(Case(row.name, (1,) * 7, {}, TypeError, "too many arguments") for row in FUNCTIONS),
+ARGUMENT_CASES = [
+    *(CallCase(row.name, (1,) * 7, {}, TypeError, "too many arguments") for row in FUNCTIONS),
     *(
-        Case(row.name, (None,) * row.required, {"other": 1}, TypeError, "unknown keyword")
+        CallCase(row.name, (None,) * row.required, {"other": 1}, TypeError, "unknown keyword")
         for row in FUNCTIONS
     ),
-    *(Case(row.name, (), {}, TypeError, "too few arguments") for row in FUNCTIONS if row.required),
     *(
-        Case(row.name, (), {b"bytes": 1}, TypeError, "keyword that is no string")
+        CallCase(row.name, (), {}, TypeError, "too few arguments")
+        for row in FUNCTIONS
+        if row.required
+    ),
+    *(
+        CallCase(row.name, (), {b"bytes": 1}, TypeError, "keyword that is no string")
         for row in FUNCTIONS
         if row.kind == "keywords"
     ),
     *(
-        Case(row.name, (None,), {row.parameters[0].name: 1}, TypeError, "bound twice")
+        CallCase(row.name, (None,), {row.parameters[0].name: 1}, TypeError, "bound twice")
         for row in FUNCTIONS
         if row.kind == "keywords"
     ),
     *(
-        Case(row.name, (bytearray(b"value"),) * row.required, {}, TypeError, "wrong type")
+        CallCase(row.name, (bytearray(b"value"),) * row.required, {}, TypeError, "wrong type")
         for row in FUNCTIONS
         if row.parameters and row.parameters[0].type
     ),
     *(
-        Case(row.name, (None,), {}, TypeError, "None for bytes")
+        CallCase(row.name, (None,), {}, TypeError, "None for bytes")
         for row in FUNCTIONS
         if row.parameters and row.parameters[0].type is bytes
     ),
-    Case("capture_sniffer_profile", ("p", 5), {}, TypeError, "wrong type of the event"),
-    Case("capture_sniffer_profile", ("p",), {"event": 5}, TypeError, "wrong type by keyword"),
-    Case("capture_sniffer_profile", (), {"event": "Stop"}, TypeError, "missing by keyword"),
-    Case(
-        "list_switch_trunk_state", (), {Unequal("trunk_name"): 1}, Failure, "uncomparable keyword"
+    CallCase("capture_sniffer_profile", ("p", 5), {}, TypeError, "wrong type of the event"),
+    CallCase("capture_sniffer_profile", ("p",), {"event": 5}, TypeError, "wrong type by keyword"),
+    CallCase("capture_sniffer_profile", (), {"event": "Stop"}, TypeError, "missing by keyword"),
+    CallCase(
+        "list_switch_trunk_state",
+        (),
+        {UncomparableStr("trunk_name"): 1},
+        Failure,
+        "uncomparable keyword",
     ),
-    Case("get_bfd_neighbor", (), {"list_bfd": {}}, TypeError, "missing by keyword"),
+    CallCase("get_bfd_neighbor", (), {"list_bfd": {}}, TypeError, "missing by keyword"),
 ]
 
-SESSION_CASES = [
-    Case("new_cookie_id"),
-    Case("aps_unsigned_int_hash", (b"some\0text",)),
-    Case("get_cookie_name", ([1],)),
-    Case("get_cookie_name", ("",)),
-    Case("get_cookie_name", (Failing(),), {}, Failure, "truth fails"),
+COOKIE_CASES = [
+    CallCase("new_cookie_id"),
+    CallCase("aps_unsigned_int_hash", (b"some\0text",)),
+    CallCase("get_cookie_name", ([1],)),
+    CallCase("get_cookie_name", ("",)),
+    CallCase("get_cookie_name", (AlwaysRaises(),), {}, Failure, "truth fails"),
     *(
-        Case("get_cookie_name", (1,), {}, Failure, f"{name} fails", rebound={name: fail})
+        CallCase("get_cookie_name", (1,), {}, Failure, f"{name} fails", patched={name: fail})
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
     ),
     *(
-        Case("get_cookie_name", (1,), {}, NameError, f"{name} gone", rebound={name: GONE})
+        CallCase("get_cookie_name", (1,), {}, NameError, f"{name} gone", patched={name: DELETED})
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
     ),
     *(
-        Case(
+        CallCase(
             "get_cookie_name",
             (1,),
             {},
             TypeError,
             f"serial number {serial!r}",
-            rebound={"serial_number_ascii": lambda serial=serial: serial},
+            patched={"serial_number_ascii": lambda serial=serial: serial},
         )
         for serial in (None, "text", 5)
     ),
-    Case("encrypt_cookie", (b"plain",)),
-    Case("encrypt_cookie", (b"",)),
-    Case("decrypt_cookie", (b"encrypted\0more",)),
-    Case("decrypt_cookie", (b"x" * 5000,), label="long text"),
-    Case("check_cert_expiration", (b"/certificate",)),
-    Case(
+    CallCase("encrypt_cookie", (b"plain",)),
+    CallCase("encrypt_cookie", (b"",)),
+    CallCase("decrypt_cookie", (b"encrypted\0more",)),
+    CallCase("decrypt_cookie", (b"x" * 5000,), label="long text"),
+    CallCase("check_cert_expiration", (b"/certificate",)),
+    CallCase(
         "check_cert_expiration",
         (b"/certificate",),
         label="expired",
@@ -196,113 +151,60 @@ SESSION_CASES = [
 ]
 
 
-def unlink(simulator: Simulator) -> None:
+def remove_secret(simulator: Simulator) -> None:
     if simulator.secret_path.exists():
         simulator.secret_path.unlink()
 
 
-def write(simulator: Simulator) -> None:
+def write_secret(simulator: Simulator) -> None:
     simulator.secret_path.write_text(" secret \nmore")
 
 
-def make_directory(simulator: Simulator) -> None:
+def make_secret_directory(simulator: Simulator) -> None:
     simulator.secret_path.mkdir(exist_ok=True)
 
 
-class File(io.StringIO):
-    """A file in which single steps fail; leaving it may swallow what failed."""
-
-    def __init__(self, fails: str = "", swallows: bool = False) -> None:
-        super().__init__("text\n")
-        self.fails, self.swallows = fails, swallows
-
-    def step(self, name: str) -> None:
-        if name == self.fails:
-            raise Failure
-
-    def __enter__(self) -> File:
-        self.step("enter")
-        return self
-
-    def __exit__(self, *error: object) -> Any:
-        self.step("exit")
-        return self.swallows
-
-    def readline(self, *size: Any) -> Any:
-        self.step("readline")
-        return "text\n"
-
-    def write(self, text: str) -> int:
-        self.step("write")
-        return len(text)
-
-
-class UnsureFile(File):
-    """A file that cannot say whether it swallows what failed."""
-
-    def __exit__(self, *error: object) -> Any:
-        return Failing()
-
-
-def opening(fails: str = "", mode: str = "wr", swallows: bool = False) -> Callable[..., File]:
-    """An `open` whose file fails at a step when it is opened in one of the modes."""
-    return lambda path, how: File(fails if how in mode else "", swallows)
-
-
-def path_like(fails: str) -> Callable[[str], object]:
-    """A `Path` with a method that fails."""
-
-    class FailingPath(type(Path())):  # type: ignore[misc]
-        pass
-
-    setattr(FailingPath, fails, fail)
-    return FailingPath
-
-
-class PathOfUnknownTruth:
-    """A `Path` that cannot say whether there is a file."""
-
-    def __init__(self, path: str) -> None:
-        pass
-
-    def is_file(self) -> Failing:
-        return Failing()
-
-
-def token(
-    label: str, error: type[BaseException] | None, before: Any = unlink, **rebound: object
-) -> Case:
-    return Case("get_token", (), {}, error, label, rebound=rebound, before=before)
+def token_case(
+    label: str, error: type[BaseException] | None, before: Any = remove_secret, **patched: object
+) -> CallCase:
+    return CallCase("get_token", (), {}, error, label, patched=patched, before=before)
 
 
 TOKEN_CASES = [
-    token("file made", None),
-    token("file read", None, write),
-    token("directory in its place", IsADirectoryError, make_directory),
+    token_case("file made", None),
+    token_case("file read", None, write_secret),
+    token_case("directory in its place", IsADirectoryError, make_secret_directory),
     *(
-        token(f"{name} fails", Failure, **{name: fail})
+        token_case(f"{name} fails", Failure, **{name: fail})
         for name in ("text_", "Path", "open", "urandom", "hexlify")
     ),
     *(
-        token(f"{name} gone", NameError, **{name: GONE})
+        token_case(f"{name} gone", NameError, **{name: DELETED})
         for name in ("text_", "Path", "urandom", "hexlify")
     ),
-    *(token(f"{name} fails", Failure, Path=path_like(name)) for name in ("is_file", "absolute")),
-    token("absolute fails on reading", Failure, write, Path=path_like("absolute")),
-    token("truth of is_file fails", Failure, Path=PathOfUnknownTruth),
     *(
-        token(f"{step} fails on writing", Failure, open=opening(step, "w"))
+        token_case(f"{name} fails", Failure, Path=failing_path(name))
+        for name in ("is_file", "absolute")
+    ),
+    token_case("absolute fails on reading", Failure, write_secret, Path=failing_path("absolute")),
+    token_case("truth of is_file fails", Failure, Path=NoTruthValuePath),
+    *(
+        token_case(f"{step} fails on writing", Failure, open=failing_open(step, "w"))
         for step in ("enter", "write", "exit")
     ),
     *(
-        token(f"{step} fails on reading", Failure, open=opening(step, "r"))
+        token_case(f"{step} fails on reading", Failure, open=failing_open(step, "r"))
         for step in ("enter", "readline", "exit")
     ),
-    token("writing fails and is swallowed", None, open=opening("write", "w", swallows=True)),
-    token("reading fails and is swallowed", UNBOUND, open=opening("readline", "r", swallows=True)),
-    token("truth of exit fails", Failure, open=lambda path, how: UnsureFile("readline")),
-    token("open gives no context manager", AttributeError, open=lambda path, how: None),
-    token("hexlify gives no bytes", AttributeError, hexlify=lambda random: "text"),
+    token_case(
+        "writing fails and is swallowed", None, open=failing_open("write", "w", swallows=True)
+    ),
+    token_case(
+        "reading fails and is swallowed", UNBOUND, open=failing_open("readline", "r", swallows=True)
+    ),
+    token_case("truth of exit fails", Failure, open=lambda path, how: NoTruthValueFile("readline")),
+    token_case("open gives no context manager", AttributeError, open=lambda path, how: None),
+    token_case("hexlify gives no bytes", AttributeError, hexlify=lambda random: "text"),
 ]
 
 # What the interface query is answered, and what that leads to.
@@ -322,17 +224,17 @@ REPLIES: list[tuple[Any, type[Exception] | None]] = [
 ]
 # What json.loads may give instead, and what that leads to.
 PARSED: list[tuple[str, Callable[[bytes], object]]] = [
-    ("comparison fails", lambda text: [{"interface": [{"name": Failing()}]}]),
-    ("truth of comparison fails", lambda text: [{"interface": [{"name": Unsure()}]}]),
+    ("comparison fails", lambda text: [{"interface": [{"name": AlwaysRaises()}]}]),
+    ("truth of comparison fails", lambda text: [{"interface": [{"name": NoTruthValue()}]}]),
     ("iteration fails", lambda text: [{"interface": map(fail, [1])}]),
 ]
-BRIDGE_CASES = [
+QUERY_CALL_CASES = [
     *(
-        Case(row.function, row.arguments, reply=row.reply, label=f"success {row.arguments}")
-        for row in ROWS
+        CallCase(row.function, row.arguments, reply=row.reply, label=f"success {row.arguments}")
+        for row in QUERY_CASES
     ),
     *(
-        Case(
+        CallCase(
             row.function,
             row.arguments,
             {},
@@ -340,11 +242,11 @@ BRIDGE_CASES = [
             f"creation {number} fails {row.arguments}",
             create=number,
         )
-        for row in ROWS
+        for row in QUERY_CASES
         for number in (0, 1)
     ),
     *(
-        Case(
+        CallCase(
             row.function,
             row.arguments,
             {},
@@ -353,35 +255,35 @@ BRIDGE_CASES = [
             reply=row.reply,
             release=number,
         )
-        for row in ROWS
+        for row in QUERY_CASES
         for number in (0, 1)
     ),
     *(
-        Case(
+        CallCase(
             row.function,
             row.arguments,
             {},
             NameError,
             f"json gone {row.arguments}",
             reply=row.reply,
-            rebound={"json": GONE},
+            patched={"json": DELETED},
         )
-        for row in ROWS
+        for row in QUERY_CASES
     ),
     *(
-        Case(
+        CallCase(
             row.function,
             row.arguments,
             {},
             Failure,
             f"loads gone {row.arguments}",
             reply=row.reply,
-            rebound={"json": Failing()},
+            patched={"json": AlwaysRaises()},
         )
-        for row in ROWS
+        for row in QUERY_CASES
     ),
     *(
-        Case(
+        CallCase(
             row.function,
             row.arguments,
             {},
@@ -389,11 +291,11 @@ BRIDGE_CASES = [
             f"no JSON {row.arguments}",
             reply=RawJSON("{oops"),
         )
-        for row in ROWS
+        for row in QUERY_CASES
         if row.native
     ),
     *(
-        Case(name, (Failing(),), {}, Failure, "truth fails")
+        CallCase(name, (AlwaysRaises(),), {}, Failure, "truth fails")
         for name in (
             "switch_acl_ingress_counter",
             "switch_acl_egress_counter",
@@ -402,29 +304,33 @@ BRIDGE_CASES = [
             "list_switch_mclag_list",
         )
     ),
-    Case("switch_acl_ingress_counter", (), {"policy_id": "by keyword"}),
-    Case("list_switch_trunk_state", (), {"trunk_name": "by keyword"}),
-    Case("list_switch_trunk_state", (), {Unfound("trunk_name"): "a"}, label="unfound keyword"),
-    Case(
+    CallCase("switch_acl_ingress_counter", (), {"policy_id": "by keyword"}),
+    CallCase("list_switch_trunk_state", (), {"trunk_name": "by keyword"}),
+    CallCase(
+        "list_switch_trunk_state", (), {MishashedStr("trunk_name"): "a"}, label="unfound keyword"
+    ),
+    CallCase(
         "list_switch_trunk_state",
         (),
-        {"trunk_name": "a", Unfound("trunk_name"): "b"},
+        {"trunk_name": "a", MishashedStr("trunk_name"): "b"},
         label="keyword and its unfound equal",
     ),
-    Case("list_switch_stp_state", (object(),), {}, TypeError, "request of no JSON type"),
-    Case("capture_sniffer_profile", (), {"event": "Pause", "profile_name": None}),
+    CallCase("list_switch_stp_state", (object(),), {}, TypeError, "request of no JSON type"),
+    CallCase("capture_sniffer_profile", (), {"event": "Pause", "profile_name": None}),
     *(
-        Case("list_system_interface_physical", ("port1",), {}, error, f"reply {reply}", reply=reply)
+        CallCase(
+            "list_system_interface_physical", ("port1",), {}, error, f"reply {reply}", reply=reply
+        )
         for reply, error in REPLIES
     ),
     *(
-        Case(
+        CallCase(
             "list_system_interface_physical",
             ("port1",),
             {},
             Failure,
             label,
-            rebound={"json": SimpleNamespace(loads=loads)},
+            patched={"json": SimpleNamespace(loads=loads)},
         )
         for label, loads in PARSED
     ),
@@ -446,117 +352,119 @@ WIDE = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
 CLI_ERRORS: list[tuple[str, type[Exception], dict[str, object]]] = [
     ("bytes_ fails", Failure, {"bytes_": fail}),
     ("bytes_ gives text", TypeError, {"bytes_": lambda text, charset: "text"}),
-    ("bytes_ gone", NameError, {"bytes_": GONE}),
+    ("bytes_ gone", NameError, {"bytes_": DELETED}),
     ("text_ fails", Failure, {"text_": fail}),
     ("text_ gives a number", AttributeError, {"text_": lambda data, charset: 5}),
-    ("text_ gives text of its own", Failure, {"text_": lambda data, charset: Irreplaceable(data)}),
-    ("text_ gone", NameError, {"text_": GONE}),
-    ("_CHARSET gone", NameError, {"_CHARSET": GONE}),
+    (
+        "text_ gives text of its own",
+        Failure,
+        {"text_": lambda data, charset: UnreplaceableStr(data)},
+    ),
+    ("text_ gone", NameError, {"text_": DELETED}),
+    ("_CHARSET gone", NameError, {"_CHARSET": DELETED}),
     ("_CHARSET unknown", LookupError, {"_CHARSET": "no such charset"}),
 ]
 
 
-class Irreplaceable(str):
-    """A text of which nothing can be replaced."""
-
-    replace = fail
-
-
-def lines(text: str, *numbers: int) -> str:
+def select_lines(text: str, *numbers: int) -> str:
     """Some lines of a text."""
     split = text.split("\n")
     return "\n".join(split[number] for number in numbers)
 
 
-def answered(text: object) -> dict[str, object]:
+def runner_returning(text: object) -> dict[str, object]:
     """A runner of the module's own whose text is anything."""
     return {"get_cli_command_output": lambda command: text}
 
 
 CLI_CASES = [
-    Case("get_cli_command_output", ("command",), cli="a--More--b\n"),
-    Case("get_cli_command_output", ("command",), cli="", label="empty output"),
-    Case("get_cli_command_output", ("ö" * 300,), label="long command"),
-    Case("get_cli_command_output", (None,), {}, TypeError, "no command"),
-    Case("get_cli_command_output", ("\ud800",), {}, UnicodeEncodeError, "unencodable command"),
-    Case("get_cli_command_output", ("c",), {}, UnicodeDecodeError, "bad output", cli=b"\xff\xfe"),
-    Case(
+    CallCase("get_cli_command_output", ("command",), cli="a--More--b\n"),
+    CallCase("get_cli_command_output", ("command",), cli="", label="empty output"),
+    CallCase("get_cli_command_output", ("ö" * 300,), label="long command"),
+    CallCase("get_cli_command_output", (None,), {}, TypeError, "no command"),
+    CallCase("get_cli_command_output", ("\ud800",), {}, UnicodeEncodeError, "unencodable command"),
+    CallCase(
+        "get_cli_command_output", ("c",), {}, UnicodeDecodeError, "bad output", cli=b"\xff\xfe"
+    ),
+    CallCase(
         "get_cli_command_output",
         ("c",),
         {},
         NameError,
         "no output, no error class",
         cli=None,
-        rebound={"CFunctionError": GONE},
+        patched={"CFunctionError": DELETED},
     ),
-    Case(
+    CallCase(
         "get_cli_command_output",
         ("c",),
         {},
         Failure,
         "no output, failing class",
         cli=None,
-        rebound={"CFunctionError": fail},
+        patched={"CFunctionError": fail},
     ),
-    Case(
+    CallCase(
         "get_cli_command_output",
         ("c",),
         {},
         TypeError,
         "no output, no exception class",
         cli=None,
-        rebound={"CFunctionError": str},
+        patched={"CFunctionError": str},
     ),
-    Case(
+    CallCase(
         "get_cli_command_output",
         ("c",),
         {},
         TypeError,
         "no output, a class that is no exception",
         cli=None,
-        rebound={"CFunctionError": lambda message: int},
+        patched={"CFunctionError": lambda message: int},
     ),
-    Case(
+    CallCase(
         "get_cli_command_output",
         ("c",),
         {},
         Failure,
         "no output",
         cli=None,
-        rebound={"CFunctionError": Failure},
+        patched={"CFunctionError": Failure},
     ),
     *(
-        Case(
+        CallCase(
             "get_cli_command_output",
             ("c",),
             {},
             error,
             f"no output, {label}",
             cli=None,
-            rebound={"CFunctionError": lambda message, returned=returned: returned},
+            patched={"CFunctionError": lambda message, returned=returned: returned},
         )
         for label, error, returned in (
             ("returned exception class", Failure, Failure),
-            ("returned class that fails", Failure, FailingException),
-            ("returned class without instances", TypeError, NumberException),
+            ("returned class that fails", Failure, UnconstructibleException),
+            ("returned class without instances", TypeError, IntMakingException),
         )
     ),
     *(
-        Case("get_cli_command_output", ("command",), {}, error, label, rebound=rebound)
-        for label, error, rebound in CLI_ERRORS
+        CallCase("get_cli_command_output", ("command",), {}, error, label, patched=patched)
+        for label, error, patched in CLI_ERRORS
     ),
-    Case("get_routing_table_result", ("192.0.2.7",), cli=ROUTING),
-    Case("get_routing_table_result", (None,), cli=WIDE + ROUTING, label="wide text"),
-    Case("get_routing_table_result", ("a",), cli=lines(ROUTING, 1, 2, 3), label="no routes"),
-    Case("get_routing_table_result", ("a",), cli=ROUTING + "10.0.0.1, port1", label="one word"),
+    CallCase("get_routing_table_result", ("192.0.2.7",), cli=ROUTING),
+    CallCase("get_routing_table_result", (None,), cli=WIDE + ROUTING, label="wide text"),
+    CallCase(
+        "get_routing_table_result", ("a",), cli=select_lines(ROUTING, 1, 2, 3), label="no routes"
+    ),
+    CallCase("get_routing_table_result", ("a",), cli=ROUTING + "10.0.0.1, port1", label="one word"),
     *(
-        Case(
+        CallCase(
             "get_routing_table_result",
             ("a",),
             {},
             IndexError,
             f"lines {numbers} + {more!r}",
-            cli=lines(ROUTING, *numbers) + more,
+            cli=select_lines(ROUTING, *numbers) + more,
         )
         for numbers, more in [
             ((0,), ""),
@@ -573,28 +481,30 @@ CLI_CASES = [
         ]
     ),
     *(
-        Case("get_routing_table_result", ("a",), {}, error, label, rebound=rebound)
-        for label, error, rebound in CLI_ERRORS
+        CallCase("get_routing_table_result", ("a",), {}, error, label, patched=patched)
+        for label, error, patched in CLI_ERRORS
     ),
-    Case("get_system_arp_result", cli=ARP),
-    Case("get_system_arp_result", cli=WIDE, label="wide text"),
-    Case("get_system_arp_result", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n", label="long words"),
+    CallCase("get_system_arp_result", cli=ARP),
+    CallCase("get_system_arp_result", cli=WIDE, label="wide text"),
+    CallCase(
+        "get_system_arp_result", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n", label="long words"
+    ),
     *(
-        Case("get_system_arp_result", (), {}, IndexError, f"{text!r}", cli=text)
+        CallCase("get_system_arp_result", (), {}, IndexError, f"{text!r}", cli=text)
         for text in ("", "no header", ARP + "too few columns", ARP + "two words\n", ARP + "one")
     ),
     *(
-        Case("get_system_arp_result", (), {}, error, label, rebound=rebound)
-        for label, error, rebound in CLI_ERRORS
+        CallCase("get_system_arp_result", (), {}, error, label, patched=patched)
+        for label, error, patched in CLI_ERRORS
     ),
     *(
-        Case(
+        CallCase(
             name,
             ("a",) * NAMED[name].required,
             {},
             error,
             f"runner gives {what}",
-            rebound=answered(text),
+            patched=runner_returning(text),
         )
         for name in ("get_routing_table_result", "get_system_arp_result")
         for what, text, error in [
@@ -602,28 +512,28 @@ CLI_CASES = [
             ("None", None, AttributeError),
             ("bad bytes", b"\xff", UnicodeDecodeError),
             ("what fails", SimpleNamespace(split=fail, replace=fail), Failure),
-            ("what is no text", SimpleNamespace(split=Silent, replace=Silent), TypeError),
+            ("what is no text", SimpleNamespace(split=NullLogger, replace=NullLogger), TypeError),
         ]
     ),
     *(
-        Case(
+        CallCase(
             name,
             ("a",) * NAMED[name].required,
             {},
             Failure,
             "runner fails",
-            rebound={"get_cli_command_output": fail},
+            patched={"get_cli_command_output": fail},
         )
         for name in ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
     ),
     *(
-        Case(
+        CallCase(
             name,
             ("a",) * NAMED[name].required,
             {},
             NameError,
             "runner gone",
-            rebound={"get_cli_command_output": GONE},
+            patched={"get_cli_command_output": DELETED},
         )
         for name in ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
     ),
@@ -646,170 +556,119 @@ peer 192.0.2.1 interface port1
 TWO_SESSIONS = ONE_SESSION + ONE_SESSION.replace("echo\n", "").replace("port1", "port2")
 
 
-class Stop(BaseException):
-    """Not caught by handlers of `Exception`."""
+def with_sessions(sessions: Any) -> dict[str, object]:
+    return {"get_bfd_neighbor": lambda *given: sessions, "_logger": NullLogger()}
 
 
-def stop(*args: object) -> Any:
-    raise Stop
-
-
-class StoppingLogger:
-    """A logger that cannot be used."""
-
-    debug = error = staticmethod(stop)
-
-
-def given_sessions(sessions: Any) -> dict[str, object]:
-    return {"get_bfd_neighbor": lambda *given: sessions, "_logger": Silent()}
-
-
-def detailed(sessions: Any) -> dict[str, object]:
+def with_details(sessions: Any) -> dict[str, object]:
     """Queries whose details are other than the summaries."""
     return {"get_bfd_neighbor": lambda cmd, *given: sessions if given else SESSIONS, **QUIET}
 
 
-def copied(known: Callable[[object], object]) -> dict[str, object]:
+def with_copy(known: Callable[[object], object]) -> dict[str, object]:
     """Deep copies of the sessions that are something else."""
-    return {**given_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=known)}
+    return {**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=known)}
 
 
-class Holding:
-    """Sessions, all of them, none of which is given or taken."""
-
-    __getitem__: Callable[..., Any] = fail
-    __setitem__ = fail
-
-    def __contains__(self, name: object) -> bool:
-        return True
-
-
-class Full(Holding):
-    """Sessions that are given, but not taken."""
-
-    def __getitem__(self, *name: object) -> Any:
-        return {}
-
-
-class Lost:
-    """A mapping that has not got what it names."""
-
-    __getitem__: Any = {}.__getitem__
-
-    def keys(self) -> list[str]:
-        return ["x"]
-
-
-class Repeating:
-    """A mapping that lists a key twice."""
-
-    def keys(self) -> list[str]:
-        return ["x", "x"]
-
-    def __getitem__(self, key: str) -> Any:
-        return {}
-
-
-def raising_as_c(raiser: Any, *given: object) -> Callable[..., Any]:
-    """A function of the interpreter's that raises, and gives the exception no instance yet."""
-    raiser.restype, raiser.argtypes = None, [ctypes.py_object] * len(given)
-    return partial(raiser, *given)
-
-
-class LostWithoutWord(Lost):
-    """The same, and nothing is said of the key."""
-
-    __getitem__ = raising_as_c(ctypes.pythonapi.PyErr_SetNone, KeyError)
-
-
-class LostWithWords(Lost):
-    """The same, and more is said than the key."""
-
-    __getitem__ = raising_as_c(ctypes.pythonapi.PyErr_SetObject, KeyError, ("x", "y"))
-
-
-class Sum:
-    """What becomes a text when something is put before it."""
-
-    def __contains__(self, text: object) -> bool:
-        return text == "peer"
-
-    def __radd__(self, text: str) -> str:
-        return text + ONE_SESSION
-
-
-def lose_query(sessions: object) -> object:
+def delete_query(sessions: object) -> object:
     """A deep copy that makes the module lose its query."""
     vars(sys.modules["veldarin.modules.modules_util"]).pop("get_bfd_neighbor", None)
     return sessions
 
 
-def find_query(simulator: Simulator) -> None:
-    vars(simulator.module)["get_bfd_neighbor"] = given_sessions(SESSIONS)["get_bfd_neighbor"]
+def restore_query(simulator: Simulator) -> None:
+    vars(simulator.module)["get_bfd_neighbor"] = with_sessions(SESSIONS)["get_bfd_neighbor"]
 
 
 NAME = "192.0.2.1_port1"  # of ONE_SESSION
 SESSIONS = {"s": {"neighbor_ip": "192.0.2.1", "interface": "port1", "zebra_notifications": "1"}}
-QUIET = {"_logger": Silent()}
+QUIET = {"_logger": NullLogger()}
 BFD_CASES = [
-    Case("get_bfd_neighbor", ("c",), label="no session"),
-    Case("get_bfd_neighbor", ("c",), cli=ONE_SESSION, label="one session, shared default"),
-    Case("get_bfd_neighbor", ("c", {}), cli=ONE_SESSION, label="one session"),
-    Case("get_bfd_neighbor", (), {"cmd": "c", "list_bfd": {}}, cli=ONE_SESSION, label="by keyword"),
-    Case("get_bfd_neighbor", ("c", {}), cli="objname\n" + ONE_SESSION, label="objname"),
-    Case("get_bfd_neighbor", ("c", {}), cli=TWO_SESSIONS, label="two sessions", rebound=QUIET),
-    Case("get_bfd_neighbor", ("c", {}), cli=ONE_SESSION + "größe: \U0001f600", label="wide text"),
-    Case(
+    CallCase("get_bfd_neighbor", ("c",), label="no session"),
+    CallCase("get_bfd_neighbor", ("c",), cli=ONE_SESSION, label="one session, shared default"),
+    CallCase("get_bfd_neighbor", ("c", {}), cli=ONE_SESSION, label="one session"),
+    CallCase(
+        "get_bfd_neighbor", (), {"cmd": "c", "list_bfd": {}}, cli=ONE_SESSION, label="by keyword"
+    ),
+    CallCase("get_bfd_neighbor", ("c", {}), cli="objname\n" + ONE_SESSION, label="objname"),
+    CallCase("get_bfd_neighbor", ("c", {}), cli=TWO_SESSIONS, label="two sessions", patched=QUIET),
+    CallCase(
+        "get_bfd_neighbor", ("c", {}), cli=ONE_SESSION + "größe: \U0001f600", label="wide text"
+    ),
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         cli="echo\npeer \npeer 1\na: b: c\npeer 1 2 3\nd:e",
         label="broken headers",
-        rebound=QUIET,
+        patched=QUIET,
     ),
-    Case(
-        "get_bfd_neighbor", ("c", {}), cli=ONE_SESSION[:-60], label="broken timers", rebound=QUIET
+    CallCase(
+        "get_bfd_neighbor", ("c", {}), cli=ONE_SESSION[:-60], label="broken timers", patched=QUIET
     ),
-    Case(
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         {},
         Stop,
         "logger stops",
         cli=TWO_SESSIONS,
-        rebound={"_logger": StoppingLogger()},
+        patched={"_logger": StoppingLogger()},
     ),
-    Case(
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         {},
         NameError,
         "logger gone",
         cli=TWO_SESSIONS,
-        rebound={"_logger": GONE},
+        patched={"_logger": DELETED},
     ),
-    Case(
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         {},
         AttributeError,
         "no logger",
         cli=TWO_SESSIONS,
-        rebound={"_logger": None},
+        patched={"_logger": None},
     ),
-    Case("get_bfd_neighbor", ("c", {NAME: {"old": "1"}}), cli=ONE_SESSION, label="session known"),
-    Case("get_bfd_neighbor", ("c", Holding()), {}, Failure, "sessions not given", cli=ONE_SESSION),
-    Case("get_bfd_neighbor", ("c", Full()), {}, Failure, "sessions not taken", cli=ONE_SESSION),
-    Case(
+    CallCase(
+        "get_bfd_neighbor", ("c", {NAME: {"old": "1"}}), cli=ONE_SESSION, label="session known"
+    ),
+    CallCase(
+        "get_bfd_neighbor",
+        ("c", BrokenMapping()),
+        {},
+        Failure,
+        "sessions not given",
+        cli=ONE_SESSION,
+    ),
+    CallCase(
+        "get_bfd_neighbor",
+        ("c", ReadOnlyMapping()),
+        {},
+        Failure,
+        "sessions not taken",
+        cli=ONE_SESSION,
+    ),
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         {},
         TypeError,
         "runner gives a list",
-        rebound=answered(["peer"]),
+        patched=runner_returning(["peer"]),
     ),
-    Case("get_bfd_neighbor", ("c", 5), {}, TypeError, "no dictionary", cli=ONE_SESSION),
-    Case("get_bfd_neighbor", ("c", Failing()), {}, Failure, "failing dictionary", cli=ONE_SESSION),
-    Case(
+    CallCase("get_bfd_neighbor", ("c", 5), {}, TypeError, "no dictionary", cli=ONE_SESSION),
+    CallCase(
+        "get_bfd_neighbor",
+        ("c", AlwaysRaises()),
+        {},
+        Failure,
+        "failing dictionary",
+        cli=ONE_SESSION,
+    ),
+    CallCase(
         "get_bfd_neighbor",
         ("c", {NAME: 5}),
         {},
@@ -818,79 +677,101 @@ BFD_CASES = [
         cli=ONE_SESSION,
     ),
     *(
-        Case("get_bfd_neighbor", ("c", {}), {}, error, label, cli=ONE_SESSION, rebound=rebound)
-        for label, error, rebound in CLI_ERRORS
+        CallCase("get_bfd_neighbor", ("c", {}), {}, error, label, cli=ONE_SESSION, patched=patched)
+        for label, error, patched in CLI_ERRORS
     ),
-    Case(
-        "get_bfd_neighbor", ("c", {}), {}, TypeError, "runner gives a number", rebound=answered(5)
+    CallCase(
+        "get_bfd_neighbor",
+        ("c", {}),
+        {},
+        TypeError,
+        "runner gives a number",
+        patched=runner_returning(5),
     ),
-    Case("get_bfd_neighbor", ("c", {}), label="runner gives a sum", rebound=answered(Sum())),
-    Case("get_bfd_neighbor", ("c", {}), label="tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
-    Case("get_bfd_neighbor", ("c", {}), label="one line", cli="peer", rebound=QUIET),
-    Case(
+    CallCase(
+        "get_bfd_neighbor",
+        ("c", {}),
+        label="runner gives a sum",
+        patched=runner_returning(RightAddable(ONE_SESSION)),
+    ),
+    CallCase(
+        "get_bfd_neighbor", ("c", {}), label="tabs within", cli=ONE_SESSION.replace(": ", ":\t")
+    ),
+    CallCase("get_bfd_neighbor", ("c", {}), label="one line", cli="peer", patched=QUIET),
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         label="long field",
         cli=f"{ONE_SESSION}{'K' * 80}: {'v' * 80}",
     ),
-    Case(
+    CallCase(
         "get_bfd_neighbor",
         ("c", {}),
         label="timers that need room",
         cli=ONE_SESSION.replace("\tZebra Notifications: 2\n", ""),
     ),
-    Case("list_bfd_neighbor", label="no sessions"),
-    Case("list_bfd_neighbor", cli=ONE_SESSION, label="one session"),
-    Case("list_bfd_neighbor", cli=TWO_SESSIONS, label="two sessions", rebound=QUIET),
-    Case("list_bfd_neighbor", rebound=given_sessions(SESSIONS), label="given sessions"),
-    Case("list_bfd_neighbor", rebound=given_sessions({"s": {}}), label="no address"),
-    Case(
+    CallCase("list_bfd_neighbor", label="no sessions"),
+    CallCase("list_bfd_neighbor", cli=ONE_SESSION, label="one session"),
+    CallCase("list_bfd_neighbor", cli=TWO_SESSIONS, label="two sessions", patched=QUIET),
+    CallCase("list_bfd_neighbor", patched=with_sessions(SESSIONS), label="given sessions"),
+    CallCase("list_bfd_neighbor", patched=with_sessions({"s": {}}), label="no address"),
+    CallCase(
         "list_bfd_neighbor",
-        rebound=given_sessions({"s": {"neighbor_ip": 1, "interface": 2}}),
+        patched=with_sessions({"s": {"neighbor_ip": 1, "interface": 2}}),
         label="address of no text",
     ),
-    Case("list_bfd_neighbor", rebound=given_sessions(5), label="no mapping"),
-    Case("list_bfd_neighbor", rebound=given_sessions({5: {}}), label="key of no text"),
-    Case("list_bfd_neighbor", rebound=given_sessions(Lost()), label="mapping lost its keys"),
-    Case("list_bfd_neighbor", rebound=given_sessions(Repeating()), label="mapping repeats a key"),
-    Case(
+    CallCase("list_bfd_neighbor", patched=with_sessions(5), label="no mapping"),
+    CallCase("list_bfd_neighbor", patched=with_sessions({5: {}}), label="key of no text"),
+    CallCase(
         "list_bfd_neighbor",
-        rebound={**given_sessions(SESSIONS), "copy": Failing()},
+        patched=with_sessions(MissingKeyMapping()),
+        label="mapping lost its keys",
+    ),
+    CallCase(
+        "list_bfd_neighbor",
+        patched=with_sessions(RepeatedKeyMapping()),
+        label="mapping repeats a key",
+    ),
+    CallCase(
+        "list_bfd_neighbor",
+        patched={**with_sessions(SESSIONS), "copy": AlwaysRaises()},
         label="copy fails",
     ),
-    Case(
-        "list_bfd_neighbor", rebound={**given_sessions(SESSIONS), "copy": GONE}, label="copy gone"
+    CallCase(
+        "list_bfd_neighbor", patched={**with_sessions(SESSIONS), "copy": DELETED}, label="copy gone"
     ),
     *(
-        Case("list_bfd_neighbor", rebound=rebound, label=label)
-        for label, rebound in [
-            ("details lose the session", detailed({})),
-            ("details are no session", detailed({"s": 5})),
-            ("no details", detailed(None)),
-            ("copy has other keys", copied(lambda sessions: ["x"])),
-            ("copy fails on the way", copied(lambda sessions: map(fail, [1]))),
+        CallCase("list_bfd_neighbor", patched=patched, label=label)
+        for label, patched in [
+            ("details lose the session", with_details({})),
+            ("details are no session", with_details({"s": 5})),
+            ("no details", with_details(None)),
+            ("copy has other keys", with_copy(lambda sessions: ["x"])),
+            ("copy fails on the way", with_copy(lambda sessions: map(fail, [1]))),
         ]
     ),
-    Case("list_bfd_neighbor", rebound={**QUIET, "get_bfd_neighbor": fail}, label="query fails"),
-    Case("list_bfd_neighbor", rebound={**QUIET, "get_bfd_neighbor": GONE}, label="query gone"),
-    Case("list_bfd_neighbor", (), {}, Stop, "query stops", rebound={"get_bfd_neighbor": stop}),
-    Case(
+    CallCase("list_bfd_neighbor", patched={**QUIET, "get_bfd_neighbor": fail}, label="query fails"),
+    CallCase(
+        "list_bfd_neighbor", patched={**QUIET, "get_bfd_neighbor": DELETED}, label="query gone"
+    ),
+    CallCase("list_bfd_neighbor", (), {}, Stop, "query stops", patched={"get_bfd_neighbor": stop}),
+    CallCase(
         "list_bfd_neighbor",
         (),
         {},
         Stop,
         "logger stops",
-        rebound={"get_bfd_neighbor": fail, "_logger": StoppingLogger()},
+        patched={"get_bfd_neighbor": fail, "_logger": StoppingLogger()},
     ),
-    Case(
+    CallCase(
         "list_bfd_neighbor",
         (),
         {},
         NameError,
         "logger gone",
-        rebound={"get_bfd_neighbor": fail, "_logger": GONE},
+        patched={"get_bfd_neighbor": fail, "_logger": DELETED},
     ),
-    Case("list_bfd_neighbor", cli=None, rebound=QUIET, label="no output"),
+    CallCase("list_bfd_neighbor", cli=None, patched=QUIET, label="no output"),
 ]
 
 # Texts are scanned by the width of their characters. Each of these makes one of another width where
@@ -898,7 +779,7 @@ BFD_CASES = [
 WIDTHS = {"latin": "\u00f6\n", "two bytes": "\u0142\n", "four bytes": "\U0001f600\n"}
 
 
-def widened(case: Case, width: str) -> Case:
+def with_width(case: CallCase, width: str) -> CallCase:
     """The case with a text of another width."""
     before = WIDTHS[width]
     if case.function == "get_bfd_neighbor":
@@ -909,32 +790,35 @@ def widened(case: Case, width: str) -> Case:
 
 PARSERS = ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
 WIDE_CASES = [
-    widened(case, width)
+    with_width(case, width)
     for case in (*CLI_CASES, *BFD_CASES)
     if case.function in PARSERS and isinstance(case.cli, str) and case.cli != "nothing"
     for width in WIDTHS
 ]
 
 CASES = [
-    *ERRORS_OF_ARGUMENTS,
-    *SESSION_CASES,
+    *ARGUMENT_CASES,
+    *COOKIE_CASES,
     *TOKEN_CASES,
-    *BRIDGE_CASES,
+    *QUERY_CALL_CASES,
     *CLI_CASES,
     *BFD_CASES,
-    *(case for case in WIDE_CASES if case.error is None and not case.rebound),
+    *(case for case in WIDE_CASES if case.error is None and not case.patched),
 ]
 # These are repeated only. Where memory fails, wide texts do what those before do; and the functions
 # that raise as C does have no memory to be called. The last one changes the module itself.
-REPEATED = [
-    *CASES,
-    *(case for case in WIDE_CASES if case.error is not None or case.rebound),
-    Case("list_bfd_neighbor", rebound=given_sessions(LostWithoutWord()), label="nothing said"),
-    Case("list_bfd_neighbor", rebound=given_sessions(LostWithWords()), label="more said"),
-    Case(
+REPEATED_ONLY = [
+    *(case for case in WIDE_CASES if case.error is not None or case.patched),
+    CallCase(
+        "list_bfd_neighbor", patched=with_sessions(MissingKeyWithoutArgs()), label="nothing said"
+    ),
+    CallCase(
+        "list_bfd_neighbor", patched=with_sessions(MissingKeyWithTwoArgs()), label="more said"
+    ),
+    CallCase(
         "list_bfd_neighbor",
-        rebound={**given_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=lose_query)},
+        patched={**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=delete_query)},
         label="query lost on the way",
-        before=find_query,
+        before=restore_query,
     ),
 ]

@@ -7,10 +7,10 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import Recorder, RecordingLogger
+from tests.support.doubles import Recorder, RecordingLogger
 
 
-class CommandLine:
+class FakeCli:
     """Stands in `parser`, the native module or the twin, for what the parsers call."""
 
     def __init__(self, parser: Any, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -18,31 +18,31 @@ class CommandLine:
         self.monkeypatch = monkeypatch
         self.run = Recorder(lambda command: "")
         self.logger = RecordingLogger()
-        self.rebind("get_cli_command_output", self.run)
-        self.rebind("_logger", self.logger)
+        self.patch("get_cli_command_output", self.run)
+        self.patch("_logger", self.logger)
         # The one dictionary of all calls without `list_bfd`, as if nothing had been called yet.
         self.shared: dict[str, Any] = parser.get_bfd_neighbor("")
         self.shared.clear()
         self.run.calls.clear()
 
-    def rebind(self, name: str, value: object) -> None:
+    def patch(self, name: str, value: object) -> None:
         """Another value for a global of the parser."""
         self.monkeypatch.setattr(self.parser, name, value)
 
-    def unbind(self, name: str) -> None:
+    def delete(self, name: str) -> None:
         """Takes a global of the parser away."""
         self.monkeypatch.delattr(self.parser, name)
 
-    def prints(self, *lines: object) -> None:
+    def set_output(self, *lines: object) -> None:
         """What every command prints: lines, or one object that is no text."""
         output = lines[0]
         if len(lines) > 1:
             output = "\n".join(str(line) for line in lines)
-        self.run.answer = lambda command: output
+        self.run.side_effect = lambda command: output
 
-    def answers(self, outputs: dict[str, Any]) -> None:
+    def set_outputs(self, outputs: dict[str, Any]) -> None:
         """What the commands print; any other prints nothing."""
-        self.run.answer = lambda command: outputs.get(command, "")
+        self.run.side_effect = lambda command: outputs.get(command, "")
 
     @property
     def commands(self) -> list[object]:
@@ -50,7 +50,7 @@ class CommandLine:
         return [command for (command,) in self.run.positional]
 
     @property
-    def logged(self) -> list[str]:
+    def debug_messages(self) -> list[str]:
         """The debug log so far; nothing is logged at another level."""
         assert self.logger.error.calls == []
-        return self.logger.debugged
+        return self.logger.debug_messages

@@ -15,14 +15,19 @@ import struct
 import sys
 from importlib.machinery import ExtensionFileLoader
 from importlib.util import module_from_spec, spec_from_file_location
+from pathlib import Path
 from types import ModuleType
 from typing import Any, Callable, Optional
 
 from tests.support.assertions import MODULE
+from tests.support.doubles import raiser
+from tests.support.isolated import MODULE_PATH
 
 POINTER = struct.calcsize("P")
-HEAD = object.__basicsize__
-JSON_OBJECT_SIZE = HEAD + 2 * POINTER  # the method table's pointer, the json-c object's pointer
+HEADER_SIZE = object.__basicsize__
+JSON_OBJECT_SIZE = (
+    HEADER_SIZE + 2 * POINTER
+)  # the method table's pointer, the json-c object's pointer
 
 Siblings = dict[str, Optional[ModuleType]]  # None: the import system refuses the name
 
@@ -69,7 +74,7 @@ def capsule(pointer: int, name: bytes | None) -> Any:
 def null_capsule(name: bytes | None) -> Any:
     """A capsule whose pointer was overwritten with null: the interpreter makes none such."""
     made = capsule(1, name)
-    ctypes.c_void_p.from_address(id(made) + HEAD).value = None
+    ctypes.c_void_p.from_address(id(made) + HEADER_SIZE).value = None
     return made
 
 
@@ -79,7 +84,7 @@ def sized_type(name: str, size: int, like: type | None = None) -> type:
     It may stand for a builtin: what the interpreter's own library makes with it stays right.
     """
     fields: dict[str, Any] = {
-        "__slots__": tuple(f"field_{number}" for number in range((size - HEAD) // POINTER)),
+        "__slots__": tuple(f"field_{number}" for number in range((size - HEADER_SIZE) // POINTER)),
     }
     if like is not None:
         fields["__new__"] = lambda cls, *arguments, **keywords: like(*arguments, **keywords)
@@ -97,7 +102,7 @@ def json_object(size: int = JSON_OBJECT_SIZE) -> Any:
     return made
 
 
-def lacking(name: str, *attributes: str) -> ModuleType:
+def without_attributes(name: str, *attributes: str) -> ModuleType:
     """A copy of a library module without some of its names."""
     copy = ModuleType(name)
     vars(copy).update(vars(importlib.import_module(name)))
@@ -106,20 +111,11 @@ def lacking(name: str, *attributes: str) -> ModuleType:
     return copy
 
 
-def altered(name: str, **attributes: object) -> ModuleType:
+def with_attributes(name: str, **attributes: object) -> ModuleType:
     """A copy of a library module with some of its names bound to other objects."""
-    copy = lacking(name)
+    copy = without_attributes(name)
     vars(copy).update(attributes)
     return copy
-
-
-def raising(error: BaseException) -> Callable[..., None]:
-    """A function that takes anything and raises `error`."""
-
-    def function(*arguments: object, **keywords: object) -> None:
-        raise error
-
-    return function
 
 
 def _c_pointer(function: Any) -> int:
@@ -166,7 +162,7 @@ def install(modules: Siblings) -> None:
             setattr(parent, last, module)
 
 
-class Workbench:
+class SiblingSandbox:
     """Right siblings and builtins to come back to, and one spoilt set at a time beside them.
 
     `spoil` runs statements in which `siblings` is the spoilt set; everything of this file and
@@ -179,30 +175,31 @@ class Workbench:
         self._builtins = dict(vars(builtins))
         install(self._right)
 
-    def spoil(self, *statements: str) -> None:
+    def break_(self, *statements: str) -> None:
         """Installs a new set, spoilt by the statements."""
         spoilt = siblings()
         for statement in statements:
-            exec(statement, {**globals(), "siblings": spoilt, "builtins": builtins})
+            names = {**globals(), "siblings": spoilt, "builtins": builtins, "raiser": raiser}
+            exec(statement, names)
         install(spoilt)
 
-    def repair(self) -> None:
+    def restore(self) -> None:
         """Everything right again."""
         vars(builtins).update(self._builtins)
         install(self._right)
 
 
-def created(path: str, name: str = MODULE) -> Any:
+def create_module(name: str = MODULE, path: Path = MODULE_PATH) -> Any:
     """The module created from its file, not yet executed and not in `sys.modules`."""
-    loader = ExtensionFileLoader(name, path)
+    loader = ExtensionFileLoader(name, str(path))
     import_spec = spec_from_file_location(name, path, loader=loader)
     assert import_spec is not None
     return module_from_spec(import_spec)
 
 
-def entry_point(path: str) -> Callable[[], int]:
+def entry_point() -> Callable[[], int]:
     """The exported entry of the module's file: gives the address of the definition."""
-    entry = ctypes.PyDLL(path).PyInit_modules_util
+    entry = ctypes.PyDLL(str(MODULE_PATH)).PyInit_modules_util
     entry.restype = ctypes.c_void_p
     return entry
 
@@ -228,7 +225,7 @@ class Definition(ctypes.Structure):
     """`PyModuleDef` up to its slots."""
 
     _fields_ = (
-        ("head", ctypes.c_byte * HEAD),
+        ("head", ctypes.c_byte * HEADER_SIZE),
         ("init", ctypes.c_void_p),
         ("index", ctypes.c_ssize_t),
         ("copy", ctypes.c_void_p),
@@ -243,9 +240,9 @@ class Definition(ctypes.Structure):
 CREATE_SLOT, EXEC_SLOT = 1, 2  # Py_mod_create, Py_mod_exec
 
 
-def definition(path: str) -> Definition:
+def definition() -> Definition:
     """The definition that the entry of the module's file returns."""
-    return Definition.from_address(entry_point(path)())
+    return Definition.from_address(entry_point()())
 
 
 def rows_until_null(rows: Any, field: str) -> list[Any]:
@@ -256,23 +253,23 @@ def rows_until_null(rows: Any, field: str) -> list[Any]:
     return found
 
 
-def run_create_slot(path: str, import_spec: object) -> Any:
+def run_create_slot(import_spec: object) -> Any:
     """What the create slot returns, without all that the interpreter adds to it."""
-    defined = definition(path)
+    defined = definition()
     slots = {row.slot: row.value for row in rows_until_null(defined.slots, "slot")}
     create = ctypes.PYFUNCTYPE(ctypes.py_object, ctypes.py_object, ctypes.c_void_p)
     return create(slots[CREATE_SLOT])(import_spec, ctypes.addressof(defined))
 
 
-def created_from(path: str, import_spec: object) -> Any:
+def create_from_spec(import_spec: object) -> Any:
     """The module created from any object in the place of an import spec."""
     create = ctypes.pythonapi.PyModule_FromDefAndSpec2
     create.restype = ctypes.py_object
     create.argtypes = [ctypes.c_void_p, ctypes.py_object, ctypes.c_int]
-    return create(entry_point(path)(), import_spec, sys.api_version)
+    return create(entry_point()(), import_spec, sys.api_version)
 
 
-def execute(module: Any) -> None:
+def exec_module(module: Any) -> None:
     """Runs the exec slot of a created module, whether or not the interpreter ran it before."""
     definition = ctypes.pythonapi.PyModule_GetDef
     definition.restype = ctypes.c_void_p

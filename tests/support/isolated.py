@@ -9,27 +9,42 @@ answers in JSON: the function's value or the exception that ended it.
 from __future__ import annotations
 import __future__
 
+import builtins
+import importlib
 import inspect
 import json
 import subprocess
 import sys
 import textwrap
+import warnings
+from contextlib import suppress
 from dataclasses import dataclass
+from importlib.machinery import ModuleSpec
 from pathlib import Path
 from sysconfig import get_config_var
+from types import BuiltinFunctionType, ModuleType, SimpleNamespace
 from typing import Any, Callable
 
 from tests.support.assertions import MODULE
 from veldarin_simulator import native_library
 
-__all__ = ["BUILD", "MODULE", "OTHER_RUNTIME", "PRODUCT", "ROOT", "Entry", "Error", "Outcome"]
+__all__ = [
+    "BUILD",
+    "MODULE",
+    "MODULE_PATH",
+    "ROOT",
+    "WRONG_PYTHON_MODULE",
+    "Entry",
+    "Error",
+    "Outcome",
+]
 
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = native_library.build_directory()
-PRODUCT = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
+MODULE_PATH = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
 # The product's own objects, linked so that the interpreter seems to be another release, and so that
 # comparisons can be made to fail.
-OTHER_RUNTIME = BUILD / "wrong_python_version" / PRODUCT.name
+WRONG_PYTHON_MODULE = BUILD / "wrong_python_version" / MODULE_PATH.name
 
 SECONDS = 120  # far beyond any of these processes; a hang must end somewhere
 
@@ -60,7 +75,7 @@ class Error:
         entries = tuple(Entry(*entry) for entry in described["entries"])
         return cls(described["type"], tuple(described["bases"]), described["text"], entries)
 
-    def named(self, name: str) -> list[Entry]:
+    def entries_of(self, name: str) -> list[Entry]:
         """The traceback entries of one function, outermost first."""
         return [entry for entry in self.entries if entry.name == name]
 
@@ -73,7 +88,7 @@ class Outcome:
     error: Error | None
 
 
-def describe(error: BaseException) -> dict[str, Any]:
+def encode_exception(error: BaseException) -> dict[str, Any]:
     """An exception with its traceback as JSON data; the functions under test may use it."""
     entries = []
     link = error.__traceback__
@@ -101,8 +116,8 @@ def describe(error: BaseException) -> dict[str, Any]:
 def run(function: Callable[..., object], *arguments: object) -> Outcome:
     """Calls `function` in a new interpreter with `arguments`, which JSON must be able to carry.
 
-    The function reaches only what it imports itself. A process that dies fails the test with all
-    that it wrote to its standard error.
+    The function sees the names of this file and of `fake_siblings`, those of `_names`, and what it
+    imports itself. A process that dies fails the test with all that it wrote to standard error.
     """
     request = {
         "source": textwrap.dedent(inspect.getsource(function)),
@@ -136,18 +151,28 @@ def error(function: Callable[..., object], *arguments: object) -> Error:
     return outcome.error
 
 
+def _names() -> dict[str, Any]:
+    """The globals of a function in the new interpreter."""
+    siblings = importlib.import_module("tests.support.fake_siblings")
+    shared: list[Any] = [BuiltinFunctionType, ModuleSpec, ModuleType, SimpleNamespace, suppress]
+    modules = [builtins, importlib, sys, warnings]
+    named = {item.__name__: item for item in (*shared, *modules)}
+    return {**vars(siblings), **globals(), **named, "__name__": "isolated", "Any": Any}
+
+
 def _serve() -> None:
-    """The new interpreter's side: a request from standard input, an answer to standard output."""
+    """Read a request from standard input, call its function, write a reply to standard output."""
     request = json.load(sys.stdin)
     native_library.load()
-    names: dict[str, Any] = {"__name__": "fresh", "Any": Any}
-    exec(compile(request["source"], "<fresh>", "exec", __future__.annotations.compiler_flag), names)
-    answer: dict[str, Any] = {"value": None, "error": None}
+    names = _names()
+    code = compile(request["source"], "<isolated>", "exec", __future__.annotations.compiler_flag)
+    exec(code, names)
+    reply: dict[str, Any] = {"value": None, "error": None}
     try:
-        answer["value"] = names[request["name"]](*request["arguments"])
-    except BaseException as ended:  # whatever it is belongs to the answer
-        answer["error"] = describe(ended)
-    json.dump(answer, sys.stdout)
+        reply["value"] = names[request["name"]](*request["arguments"])
+    except BaseException as error:  # also SystemExit and KeyboardInterrupt
+        reply["error"] = encode_exception(error)
+    json.dump(reply, sys.stdout)
 
 
 if __name__ == "__main__":

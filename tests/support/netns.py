@@ -34,13 +34,17 @@ PORTS = (
 
 needs_ip = pytest.mark.skipif(shutil.which("ip") is None, reason="the tool ip is the oracle")
 # Without the sanitizers' runtime, which has something to say of the tool itself.
-ALONE = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
+ENV_WITHOUT_SANITIZER = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
 
 
 def ip_json(*arguments: str) -> Any:
     """What `ip -j` says."""
     done = subprocess.run(
-        ["ip", "-j", *arguments], env=ALONE, capture_output=True, check=True, text=True
+        ["ip", "-j", *arguments],
+        env=ENV_WITHOUT_SANITIZER,
+        capture_output=True,
+        check=True,
+        text=True,
     )
     return json.loads(done.stdout or "[]")
 
@@ -56,26 +60,26 @@ class Message(dict):
         return self._attributes.get(name)
 
 
-def run_in_namespace(setup: tuple[str, ...], source: str) -> Any:
+def run_in_netns(setup: tuple[str, ...], source: str) -> Any:
     """What `source` prints as JSON, run after `setup`. A failing command fails the test."""
-    why_not = _why_not()
+    why_not = _skip_reason()
     if why_not:
         pytest.skip(why_not)
-    done = _unshared("\n".join((*setup, 'exec "$0" -c "$1"')), sys.executable, source)
+    done = _run_unshared("\n".join((*setup, 'exec "$0" -c "$1"')), sys.executable, source)
     assert done.returncode == 0, done.stderr
     return json.loads(done.stdout)
 
 
 @cache
-def _why_not() -> str | None:
+def _skip_reason() -> str | None:
     for tool in ("unshare", "ip"):
         if shutil.which(tool) is None:
             return f"a namespace of its own needs the tool {tool}"
-    tried = _unshared("\n".join(PORTS))
+    tried = _run_unshared("\n".join(PORTS))
     return f"no network namespace: {tried.stderr.strip()}" if tried.returncode else None
 
 
-def _unshared(script: str, *arguments: str) -> subprocess.CompletedProcess[str]:
+def _run_unshared(script: str, *arguments: str) -> subprocess.CompletedProcess[str]:
     # The view of /sys goes with the namespace that mounted it.
     script = f"mount -t sysfs none /sys\n{script}"
     return subprocess.run(

@@ -14,7 +14,7 @@ from veldarin_simulator import RawJSON, Simulator
 REPLY: Any = [{"id": 1, "state": ["up", None, 2.5]}]
 
 
-class Lines(NamedTuple):
+class QueryLines(NamedTuple):
     """The lines of the five statements that all bridged functions have."""
 
     request: int
@@ -24,16 +24,16 @@ class Lines(NamedTuple):
     second_release: int
 
 
-class Row(NamedTuple):
+class QueryCase(NamedTuple):
     """One call of a bridged function."""
 
     function: str
     arguments: tuple[Any, ...]
     request: dict[str, Any]
     native: str | None  # None: wired to no native function
-    lines: Lines
+    lines: QueryLines
     reply: Any = REPLY
-    picks: Callable[[Any], Any] = lambda reply: reply  # the part of the reply that is returned
+    select: Callable[[Any], Any] = lambda reply: reply  # the part of the reply that is returned
 
     def call(self, module: ModuleType) -> Any:
         """The function, called."""
@@ -55,149 +55,153 @@ def _first_interface(reply: Any) -> Any:
     return reply[0]["interface"][0]
 
 
-ACL_INGRESS = Lines(95, 96, 99, 100, 101)
-ACL_EGRESS = Lines(105, 106, 109, 110, 111)
-ACL_PRELOOKUP = Lines(115, 116, 119, 120, 121)
-PORT_STATISTICS = Lines(167, 168, 170, 171, 172)
-LLDP = Lines(179, 180, 182, 183, 184)
-TRUNK = Lines(188, 189, 191, 192, 193)
-MCLAG = Lines(197, 198, 201, 202, 203)
-IGMP = Lines(217, 218, 220, 221, 222)
-CAPTURE = Lines(362, 363, 373, 374, 375)
+ACL_INGRESS = QueryLines(95, 96, 99, 100, 101)
+ACL_EGRESS = QueryLines(105, 106, 109, 110, 111)
+ACL_PRELOOKUP = QueryLines(115, 116, 119, 120, 121)
+PORT_STATISTICS = QueryLines(167, 168, 170, 171, 172)
+LLDP = QueryLines(179, 180, 182, 183, 184)
+TRUNK = QueryLines(188, 189, 191, 192, 193)
+MCLAG = QueryLines(197, 198, 201, 202, 203)
+IGMP = QueryLines(217, 218, 220, 221, 222)
+CAPTURE = QueryLines(362, 363, 373, 374, 375)
 
-ROWS = [
-    Row("switch_acl_ingress_counter", (), {}, "build_switch_acl_ingress_stats", ACL_INGRESS),
-    Row(
+QUERY_CASES = [
+    QueryCase("switch_acl_ingress_counter", (), {}, "build_switch_acl_ingress_stats", ACL_INGRESS),
+    QueryCase(
         "switch_acl_ingress_counter",
         (7,),
         {"policy_id": 7},
         "build_switch_acl_ingress_stats",
         ACL_INGRESS,
     ),
-    Row("switch_acl_egress_counter", (), {}, None, ACL_EGRESS),
-    Row("switch_acl_egress_counter", (7,), {"policy_id": 7}, None, ACL_EGRESS),
-    Row("switch_acl_prelookup_counter", (), {}, None, ACL_PRELOOKUP),
-    Row("switch_acl_prelookup_counter", (7,), {"policy_id": 7}, None, ACL_PRELOOKUP),
-    Row(
+    QueryCase("switch_acl_egress_counter", (), {}, None, ACL_EGRESS),
+    QueryCase("switch_acl_egress_counter", (7,), {"policy_id": 7}, None, ACL_EGRESS),
+    QueryCase("switch_acl_prelookup_counter", (), {}, None, ACL_PRELOOKUP),
+    QueryCase("switch_acl_prelookup_counter", (7,), {"policy_id": 7}, None, ACL_PRELOOKUP),
+    QueryCase(
         "list_switch_stp_state",
         (3,),
         {"instance_id": 3},
         "build_switch_stp_state",
-        Lines(125, 126, 128, 129, 130),
+        QueryLines(125, 126, 128, 129, 130),
     ),
-    Row(
+    QueryCase(
         "list_system_interface_physical",
         ("port1",),
         {"name": "port1"},
         "build_system_interface_physical",
-        Lines(134, 135, 137, 141, 142),
+        QueryLines(134, 135, 137, 141, 142),
         INTERFACES,
         _first_interface,
     ),
-    Row("list_switch_lg_state", (), {}, "build_switch_lg_state", Lines(146, 147, 149, 150, 151)),
-    Row(
+    QueryCase(
+        "list_switch_lg_state", (), {}, "build_switch_lg_state", QueryLines(146, 147, 149, 150, 151)
+    ),
+    QueryCase(
         "list_switch_flapguard_status",
         (),
         {},
         "build_switch_flapguard_status",
-        Lines(155, 156, 158, 159, 160),
+        QueryLines(155, 156, 158, 159, 160),
     ),
-    Row(
+    QueryCase(
         "list_switch_port_statistics",
         (None,),
         {},
         "build_switch_port_statistics",
         PORT_STATISTICS._replace(request=165),
     ),
-    Row(
+    QueryCase(
         "list_switch_port_statistics",
         ("port1",),
         {"port_name": "port1"},
         "build_switch_port_statistics",
         PORT_STATISTICS,
     ),
-    Row(
+    QueryCase(
         "list_switch_lldp_state", (None,), {}, "build_switch_lldp_state", LLDP._replace(request=177)
     ),
-    Row(
+    QueryCase(
         "list_switch_lldp_state",
         ("port1",),
         {"port_name": "port1"},
         "build_switch_lldp_state",
         LLDP,
     ),
-    Row("list_switch_trunk_state", (), {}, "build_switch_trunk_state", TRUNK),
-    Row(
+    QueryCase("list_switch_trunk_state", (), {}, "build_switch_trunk_state", TRUNK),
+    QueryCase(
         "list_switch_trunk_state", ("t1",), {"trunk_name": "t1"}, "build_switch_trunk_state", TRUNK
     ),
-    Row("list_switch_mclag_list", (), {}, None, MCLAG),
-    Row("list_switch_mclag_list", ("m1",), {"mkey": "m1"}, None, MCLAG),
-    Row("switch_mclag_icl", (), {}, None, Lines(207, 208, 211, 212, 213)),
-    Row("list_switch_igmp_snooping_group", (None,), {}, "build_switch_igmp_snooping_group", IGMP),
-    Row(
+    QueryCase("list_switch_mclag_list", (), {}, None, MCLAG),
+    QueryCase("list_switch_mclag_list", ("m1",), {"mkey": "m1"}, None, MCLAG),
+    QueryCase("switch_mclag_icl", (), {}, None, QueryLines(207, 208, 211, 212, 213)),
+    QueryCase(
+        "list_switch_igmp_snooping_group", (None,), {}, "build_switch_igmp_snooping_group", IGMP
+    ),
+    QueryCase(
         "list_switch_igmp_snooping_group",
         ("port1",),
         {"port_name": "port1"},
         "build_switch_igmp_snooping_group",
         IGMP,
     ),
-    Row(
+    QueryCase(
         "list_system_flash_list_status",
         (),
         {},
         "build_system_flash_list",
-        Lines(226, 227, 229, 230, 231),
+        QueryLines(226, 227, 229, 230, 231),
     ),
-    Row(
+    QueryCase(
         "list_system_link_monitor_status",
         (),
         {},
         "build_system_link_monitor_status",
-        Lines(235, 236, 238, 239, 240),
+        QueryLines(235, 236, 238, 239, 240),
     ),
-    Row(
+    QueryCase(
         "list_switch_module_summary",
         (),
         {},
         "build_switch_modules_summary",
-        Lines(244, 245, 248, 249, 250),
+        QueryLines(244, 245, 248, 249, 250),
     ),
-    Row(
+    QueryCase(
         "get_system_sniffer_profile_summary",
         (),
         {},
         "build_system_sniffer_profile_summary",
-        Lines(352, 353, 356, 357, 358),
+        QueryLines(352, 353, 356, 357, 358),
     ),
-    Row(
+    QueryCase(
         "capture_sniffer_profile",
         ("p1", "Running"),
         {"profile-name": "p1"},
         "build_start_sniffer_profile_capture",
         CAPTURE,
     ),
-    Row(
+    QueryCase(
         "capture_sniffer_profile",
         ("p1", "Stop"),
         {"profile-name": "p1"},
         "build_stop_sniffer_profile_capture",
         CAPTURE,
     ),
-    Row(
+    QueryCase(
         "capture_sniffer_profile",
         ("p1", "Pause"),
         {"profile-name": "p1"},
         "build_pause_sniffer_profile_capture",
         CAPTURE,
     ),
-    Row(
+    QueryCase(
         "capture_sniffer_profile",
         ("p1", "Delete"),
         {"profile-name": "p1"},
         "build_delete_sniffer_profile_capture",
         CAPTURE,
     ),
-    Row("capture_sniffer_profile", ("p1", "Start"), {"profile-name": "p1"}, None, CAPTURE),
+    QueryCase("capture_sniffer_profile", ("p1", "Start"), {"profile-name": "p1"}, None, CAPTURE),
 ]
 
 # Where the definition of the function stands: its argument errors are reported there.
@@ -218,14 +222,14 @@ FIRST_LINES = {
     "capture_sniffer_profile": 361,
 }
 
-every_row = pytest.mark.parametrize("row", ROWS, ids=str)
-every_native_row = pytest.mark.parametrize("row", [r for r in ROWS if r.native], ids=str)
-every_row_without_native = pytest.mark.parametrize(
-    "row", [r for r in ROWS if not r.native], ids=str
+every_query = pytest.mark.parametrize("row", QUERY_CASES, ids=str)
+every_native_query = pytest.mark.parametrize("row", [r for r in QUERY_CASES if r.native], ids=str)
+every_query_without_native = pytest.mark.parametrize(
+    "row", [r for r in QUERY_CASES if not r.native], ids=str
 )
 
 
-def prepare(simulator: Simulator, row: Row) -> None:
+def prepare(simulator: Simulator, row: QueryCase) -> None:
     """Makes the row's reply what the appliance answers, or what an untouched response holds."""
     if row.native:
         simulator.set_reply(row.native, row.reply)
@@ -233,7 +237,7 @@ def prepare(simulator: Simulator, row: Row) -> None:
         simulator.default_response = RawJSON(json.dumps(row.reply))
 
 
-def crossings(simulator: Simulator) -> list[tuple[str, Any]]:
+def native_calls(simulator: Simulator) -> list[tuple[str, Any]]:
     """What crossed to the appliance, in order: (service, request as data)."""
     return [
         (call.service, None if call.request is None else json.loads(call.request))
@@ -241,6 +245,6 @@ def crossings(simulator: Simulator) -> list[tuple[str, Any]]:
     ]
 
 
-def natively(simulator: Simulator) -> list[tuple[str, Any]]:
+def without_releases(simulator: Simulator) -> list[tuple[str, Any]]:
     """The crossings without the releases of `JSONObject`."""
-    return [call for call in crossings(simulator) if call[0] != "JSONObject.release"]
+    return [call for call in native_calls(simulator) if call[0] != "JSONObject.release"]

@@ -9,7 +9,7 @@ from types import ModuleType
 from tests.support.function_table import FUNCTIONS
 
 
-def interned() -> list[str]:
+def interned_strings() -> list[str]:
     """Texts that the module keeps as long as the process: names, keys, constants."""
     words = """
         policy_id instance_id port_name trunk_name mkey name profile-name profile_name event cmd
@@ -23,7 +23,7 @@ def interned() -> list[str]:
     return [sys.intern(word) for word in [*words, *names, "", " ", "_", "\n", "\t", "\r", ":", ","]]
 
 
-def lasting() -> list[object]:
+def permanent_objects() -> list[object]:
     """Objects of the interpreter's that live as long as the process."""
     types: list[object] = [
         object,
@@ -51,11 +51,11 @@ def lasting() -> list[object]:
     constants: list[object] = [None, True, False, (), b"", Ellipsis]
     # The interpreter has one object each for these: a reference too few ends them some day.
     shared: list[object] = [*range(-5, 257), *map(chr, range(256))]
-    return [*types, *constants, *shared, *interned()]
+    return [*types, *constants, *shared, *interned_strings()]
 
 
-def watched(module: ModuleType, arguments: list[object]) -> list[object]:
+def tracked_objects(module: ModuleType, arguments: list[object]) -> list[object]:
     """Objects whose references are counted."""
     from util.json import JSONObject
 
-    return [*lasting(), JSONObject, vars(module), *vars(module).values(), *arguments]
+    return [*permanent_objects(), JSONObject, vars(module), *vars(module).values(), *arguments]

@@ -35,7 +35,7 @@ def docstrings() -> dict[str, str]:
 def _function(declared: stub.Function) -> Function:
     keyword = {parameter.keyword for parameter in declared.parameters}
     assert len(keyword) < 2
-    kind = "keywords" if True in keyword else "one" if keyword else "none"
+    kind = "keywords" if True in keyword else "one_arg" if keyword else "no_args"
     parameters = [
         Parameter(p.name, next(iter(p.types)) if p.types <= {"bytes", "str"} else None, p.default)
         for p in declared.parameters

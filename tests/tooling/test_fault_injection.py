@@ -6,187 +6,195 @@ from __future__ import annotations
 import io
 import json
 import os
-from argparse import Namespace
 from pathlib import Path
 
 import pytest
 from rich.console import Console
 
-from checks.coverage.exclusions import Excluded
-from checks.coverage.gcov_report import judge, lines
+from checks.coverage.exclusions import Exclusion
+from checks.coverage.gcov_report import evaluate, read_lines
 from checks.fault_injection import call_sites, report
-from checks.fault_injection.__main__ import chosen
-from checks.fault_injection.call_sites import Failed, Site
-from checks.fault_injection.crashes import death
-from checks.fault_injection.sweep import Swept
+from checks.fault_injection.__main__ import select_cases
+from checks.fault_injection.call_sites import CallSite, CallSiteCoverage
+from checks.fault_injection.forks import parse_crash
+from checks.fault_injection.sweep import CaseResult
 from tests.support import isolated
 from tests.support.function_table import FUNCTIONS
 
 
-def part(every: int, first: int = 1) -> list[str]:
-    return [str(case) for case in chosen(Namespace(only=None, every=every, first=first))]
+def shard(number: int, count: int) -> list[str]:
+    return [str(case) for case in select_cases(shard=(number, count))]
 
 
-@pytest.mark.parametrize("every", [5, 1000])
-def test_a_part_of_the_sweep_has_a_case_of_every_function(every: int) -> None:
-    cases = chosen(Namespace(only=None, every=every, first=3))
+@pytest.mark.parametrize("count", [5, 1000])
+def test_sweep_shard_has_case_of_every_function(count: int) -> None:
+    cases = select_cases(shard=(3, count))
     assert {row.name for row in FUNCTIONS} < {case.function for case in cases}
 
 
-def test_the_parts_of_the_sweep_are_together_the_whole() -> None:
-    parts = [part(60, first) for first in range(1, 61)]
-    assert {name for names in parts for name in names} == set(part(1))
+def test_sweep_shards_are_together_complete() -> None:
+    shards = [shard(number, 60) for number in range(1, 61)]
+    assert {name for names in shards for name in names} == set(shard(1, 1))
 
 
-def test_no_two_cases_of_the_sweep_have_the_same_name() -> None:
-    assert len(part(1)) == len(set(part(1)))
+def test_sweep_case_names_are_unique() -> None:
+    assert len(shard(1, 1)) == len(set(shard(1, 1)))
 
 
 # Fallible calls
 
 
-def test_what_the_module_calls_is_fallible_or_reviewed() -> None:
-    assert call_sites.unknown_calls() == []
-    assert call_sites.unknown_symbols(isolated.PRODUCT) == []
+def test_every_called_symbol_is_fallible_or_reviewed() -> None:
+    assert call_sites.find_unreviewed_calls() == []
+    assert call_sites.find_unreviewed_symbols(isolated.MODULE_PATH) == []
 
 
-def test_what_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
+def test_unreviewed_call_is_reported(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     source = tmp_path / "source.cpp"
     source.write_text("// PyList_Sort(no)\nPyList_New(0);\nPyList_Sort(list);\n")
     monkeypatch.setattr(call_sites, "ROOT", tmp_path)
     monkeypatch.setattr(call_sites, "SOURCES", [source])
-    assert call_sites.sites() == [Site("source.cpp", 2, "PyList_New(0)")]
-    assert call_sites.unknown_calls() == ["source.cpp:3:PyList_Sort(list)"]
+    assert call_sites.find_fallible_calls() == [CallSite("source.cpp", 2, "PyList_New(0)")]
+    assert call_sites.find_unreviewed_calls() == ["source.cpp:3:PyList_Sort(list)"]
 
 
 @pytest.mark.workstation_only(
     "sys.executable is the emulator's launcher there, not the interpreter"
 )
-def test_a_symbol_that_nobody_has_reviewed_is_seen(monkeypatch: pytest.MonkeyPatch) -> None:
-    reviewed = call_sites.cannot_fail()
+def test_unreviewed_symbol_is_reported(monkeypatch: pytest.MonkeyPatch) -> None:
+    reviewed = call_sites.infallible_functions()
     del reviewed["PyErr_Clear"]
-    monkeypatch.setattr(call_sites, "cannot_fail", lambda: reviewed)
-    assert call_sites.unknown_symbols(isolated.PRODUCT) == ["PyErr_Clear"]
+    monkeypatch.setattr(call_sites, "infallible_functions", lambda: reviewed)
+    assert call_sites.find_unreviewed_symbols(isolated.MODULE_PATH) == ["PyErr_Clear"]
 
 
 OF_ASSERTIONS = {"PyCallable_Check"}  # that a debug build has in the interpreter's inline functions
 
 
-def test_nothing_is_reviewed_that_is_not_called() -> None:
-    called = {site.api for file in call_sites.SOURCES for site in call_sites.calls(file)}
-    referred = {name for _kind, name in call_sites._symbols(isolated.PRODUCT, "--undefined-only")}
-    assert set(call_sites.cannot_fail()) - called - referred - OF_ASSERTIONS == set()
-    assert call_sites.fallible() - called - referred == set()
+def test_every_reviewed_symbol_is_called() -> None:
+    called = {site.function for file in call_sites.SOURCES for site in call_sites.find_calls(file)}
+    referred = {
+        name for _kind, name in call_sites.read_symbols(isolated.MODULE_PATH, "--undefined-only")
+    }
+    assert set(call_sites.infallible_functions()) - called - referred - OF_ASSERTIONS == set()
+    assert call_sites.fallible_functions() - called - referred == set()
 
 
 # Where a process died
 
 
-DIED = """died in the call: veldarin/modules/arp.cpp:44:PyDict_SetItem(a, b, c)
-died in the functions:
+DIED = """crashed in call: veldarin/modules/arp.cpp:44:PyDict_SetItem(a, b, c)
+stack:
 /build/libfaults.so(+0x3b2c)[0x7f]
 /lib/libc.so.6(+0x3bf90)[0x7f]
 /lib/libpython3.9.so.1.0(PyDict_SetItem+0x1c)[0x7f]
 /stage/{product}(+0x5f10)[0x7f]
-died.
+end of stack
 """
 
 
-def test_a_death_is_told_with_its_place_and_the_call_that_was_under_way() -> None:
-    told = str(death("died of SIGSEGV", "before\n" + DIED.format(product=isolated.PRODUCT.name)))
+def test_crash_report_has_place_and_current_call() -> None:
+    told = str(
+        parse_crash("died of SIGSEGV", "before\n" + DIED.format(product=isolated.MODULE_PATH.name))
+    )
     assert told.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
     assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in told
 
 
-def test_a_death_in_the_modules_own_code_is_told_as_such() -> None:
-    written = DIED.format(product=isolated.PRODUCT.name).replace("/lib/libpython3.9.so.1.0(Py", "")
-    assert death("died", written).place == "in the module"
+def test_crash_in_module_is_reported_as_such() -> None:
+    written = DIED.format(product=isolated.MODULE_PATH.name).replace(
+        "/lib/libpython3.9.so.1.0(Py", ""
+    )
+    assert parse_crash("died", written).place == "in the module"
 
 
-def test_a_death_elsewhere_is_told_as_such() -> None:
-    assert death("died", DIED.format(product="other.so")).place == "outside of the module"
+def test_crash_elsewhere_is_reported_as_such() -> None:
+    assert parse_crash("died", DIED.format(product="other.so")).place == "outside the module"
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer tells of deaths itself")
 @pytest.mark.workstation_only("the crash handler unwinds the emulator's stack there")
-def test_a_process_that_dies_tells_where() -> None:
+def test_crashing_process_reports_place() -> None:
     def die() -> list[object]:
         import ctypes
         import os
         import tempfile
 
-        from checks.fault_injection.forks import Children, DiedError
-        from checks.fault_injection.libfaults import Library
+        from checks.fault_injection.forks import CrashError, ForkRunner
+        from checks.fault_injection.libfaults import FaultInjector
 
-        library = Library()
+        injector = FaultInjector()
         with tempfile.TemporaryFile() as errors:
-            children = Children(errors, orderly=False)
-            library.tell_deaths()
-            told: list[object] = [children.result(os.getpid) != os.getpid()]
+            forks = ForkRunner(errors, run_atexit=False)
+            injector.install_crash_handler()
+            told: list[object] = [forks.run(os.getpid) != os.getpid()]
             for fatal in (os.abort, lambda: ctypes.string_at(0)):
                 try:
-                    children.result(fatal)
-                except DiedError as died:
-                    told.append([died.death.how, len(died.death.functions) > 1])
+                    forks.run(fatal)
+                except CrashError as error:
+                    told.append([error.crash.how, len(error.crash.functions) > 1])
         return told
 
     died = isolated.value(die)
     assert died == [True, ["died of SIGABRT", True], ["died of SIGSEGV", True]]
 
 
-# The verdict of the sweep
+# The report of the sweep
 
 
-def swept(*complaints: str) -> Swept:
-    return Swept("case", "new_cookie_id", single=3, lasting=2, complaints=list(complaints))
+def result(*findings: str) -> CaseResult:
+    return CaseResult("case", "new_cookie_id", 3, 2, list(findings))
 
 
-def verdict_of(results: list[Swept], failed: list[Failed], count: int = 1) -> tuple[int, str]:
-    """The exit status and what is printed."""
+def print_report(
+    results: list[CaseResult], coverage: list[CallSiteCoverage], count: int = 1
+) -> tuple[int, list[str]]:
+    """Return the exit status and the lines of a complete sweep's report."""
     console = Console(file=io.StringIO(), width=200)
-    wrong = [
-        *report.points(console, report.progress(console, results, count), count),
-        *report.calls(console, failed, [], True),
+    finished = list(report.show_progress(console, results, count))
+    findings = [
+        *report.print_points(console, finished, count),
+        *report.print_call_sites(console, coverage, [], True),
     ]
-    status = report.verdict(console, results, failed, wrong, True)
+    status = report.print_verdict(console, finished, coverage, findings, True)
     assert isinstance(console.file, io.StringIO)
-    return status, console.file.getvalue()
+    return status, console.file.getvalue().splitlines()
 
 
-def test_a_sweep_without_a_fault_says_so_in_its_last_line(
-    monkeypatch: pytest.MonkeyPatch, tmp_path: Path
-) -> None:
-    monkeypatch.setattr(report, "BUILD", Path.cwd() / "build")
-    status, told = verdict_of([swept()], [])
-    assert (status, told.splitlines()[0]) == (0, "failing memory: 1 of 1 cases, 5 points, 0 wrong")
-    assert told.splitlines()[-1] == (
-        "faults: 5 points of 1 cases, 0 of 0 fallible calls: nothing wrong"
-    )
+def test_sweep_without_finding_passes(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
+    monkeypatch.setattr(report, "BUILD", tmp_path)
+    status, lines = print_report([result()], [])
+    assert (status, lines[0]) == (0, "injecting failures: 1 of 1 cases, 5 points, 0 findings")
+    assert lines[-1] == ("fault-injection: 5 points of 1 cases, 0 of 0 fallible calls: 0 findings")
 
 
 @pytest.mark.parametrize(
-    ("results", "failed", "count"),
+    ("results", "coverage", "count"),
     [
-        ([swept("left behind")], [], 1),
-        ([swept()], [], 2),
-        ([swept()], [Failed(Site("a.cpp", 1, "PyList_New(0)"), None)], 1),
+        ([result("leaked")], [], 1),
+        ([result()], [], 2),
+        ([result()], [CallSiteCoverage(CallSite("a.cpp", 1, "PyList_New(0)"), None)], 1),
     ],
-    ids=["a complaint", "a case that has not ended", "a call that never failed"],
+    ids=["finding", "case without result", "call that never failed"],
 )
-def test_a_sweep_with_a_fault_says_so_and_fails(
-    monkeypatch: pytest.MonkeyPatch, results: list[Swept], failed: list[Failed], count: int
+def test_sweep_with_finding_fails(
+    monkeypatch: pytest.MonkeyPatch,
+    tmp_path: Path,
+    results: list[CaseResult],
+    coverage: list[CallSiteCoverage],
+    count: int,
 ) -> None:
-    monkeypatch.setattr(report, "BUILD", Path.cwd() / "build")
-    status, told = verdict_of(results, failed, count)
+    monkeypatch.setattr(report, "BUILD", tmp_path)
+    status, lines = print_report(results, coverage, count)
     assert status == 1
-    assert told.splitlines()[-1].endswith(": 1 WRONG")
+    assert lines[-1].endswith(": 1 findings")
 
 
-# What ran
+# Line and branch coverage
 
 
 SOURCE = "int f(int a) {\n    if (a) return 1;\n    return a || never();\n    unreachable();\n}\n"
-COUNTED = {
+REPORT = {
     "files": [
         {
             "file": "source.cpp",
@@ -198,12 +206,12 @@ COUNTED = {
         }
     ]
 }
-NEVER = Excluded("source.cpp", "|| never()", "it never is", branches=1)
-UNREACHABLE = Excluded("source.cpp", "unreachable()", "nothing gets here", line=True)
+NEVER = Exclusion("source.cpp", "|| never()", "it never is", branches=1)
+UNREACHABLE = Exclusion("source.cpp", "unreachable()", "nothing gets here", line=True)
 
 
 @pytest.mark.parametrize(
-    ("excluded", "missing", "idle"),
+    ("exclusions", "uncovered", "unused"),
     [
         ([], [3, 4], []),
         ([NEVER], [4], []),
@@ -213,11 +221,11 @@ UNREACHABLE = Excluded("source.cpp", "unreachable()", "nothing gets here", line=
         ([NEVER._replace(file="other.cpp")], [3, 4], ["|| never()"]),
     ],
 )
-def test_what_never_ran_is_missing_but_for_what_is_left_out(
-    tmp_path: Path, excluded: list[Excluded], missing: list[int], idle: list[str]
+def test_call_site_that_never_ran_is_missing(
+    tmp_path: Path, exclusions: list[Exclusion], uncovered: list[int], unused: list[str]
 ) -> None:
     (tmp_path / "source.cpp").write_text(SOURCE)
-    (tmp_path / "counts.json").write_text(json.dumps(COUNTED))
-    verdict = judge(lines(tmp_path / "counts.json", tmp_path), excluded)
-    assert [line.number for line in verdict.missing] == missing
-    assert [row.text for row in verdict.idle] == idle
+    (tmp_path / "counts.json").write_text(json.dumps(REPORT))
+    coverage = evaluate(read_lines(tmp_path / "counts.json", tmp_path), exclusions)
+    assert [line.number for line in coverage.uncovered] == uncovered
+    assert [row.text for row in coverage.unused] == unused

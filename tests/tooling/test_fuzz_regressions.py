@@ -9,29 +9,29 @@ from pathlib import Path
 import pytest
 
 from checks.fuzz.differential import Comparison
-from checks.fuzz.input_format import FUNCTIONS, read, written
+from checks.fuzz.input_format import FUNCTIONS, decode, encode
 from tests.support import isolated, reference
 from tests.support.isolated import ROOT
 
 FUZZ = ROOT / "checks" / "fuzz"
 CORPUS = sorted(FUZZ.glob("corpus/parsers/*"))
-FOUND = sorted(FUZZ.glob("found/parsers/*"))
+FOUND = sorted(FUZZ.glob("crashes/parsers/*"))
 TEXTS = sorted(FUZZ.glob("*/text/*"))
 
 
 @pytest.fixture
-def comparison(built: None) -> Iterator[Comparison]:
+def comparison(build: None) -> Iterator[Comparison]:
     with Comparison() as comparison:
         yield comparison
 
 
 @pytest.mark.parametrize("file", [*CORPUS, *FOUND], ids=lambda file: file.name)
-def test_the_module_and_its_twin_agree(comparison: Comparison, file: Path) -> None:
+def test_module_and_reference_agree_on_corpus(comparison: Comparison, file: Path) -> None:
     comparison.check(file.read_bytes())
 
 
-def test_the_corpus_has_every_function_in_both_character_sets() -> None:
-    samples = [read(file.read_bytes()) for file in CORPUS]
+def test_corpus_covers_functions_in_both_charsets() -> None:
+    samples = [decode(file.read_bytes()) for file in CORPUS]
     assert {(each.function, each.charset) for each in samples} == {
         (function, charset)
         for function, _has_argument in FUNCTIONS.values()
@@ -39,7 +39,7 @@ def test_the_corpus_has_every_function_in_both_character_sets() -> None:
     }
 
 
-def test_the_text_layer_is_right_about_its_inputs() -> None:
+def test_text_layer_passes_its_corpus() -> None:
     """In a process of its own, which the first thing that does not hold ends with a line."""
 
     def go_through(library: str, files: list[str]) -> int:
@@ -58,8 +58,8 @@ def test_the_text_layer_is_right_about_its_inputs() -> None:
 # The comparison itself: a difference of each kind is seen.
 
 
-ARP = written(b"A", b"Address\na b c d\n")
-SESSION = written(b"B", b"echo\npeer a b c\npeer d e f\n")
+ARP = encode(b"A", b"Address\na b c d\n")
+SESSION = encode(b"B", b"echo\npeer a b c\npeer d e f\n")
 
 
 def with_another_key_order(result: list[dict[str, str]]) -> list[dict[str, str]]:
@@ -76,36 +76,36 @@ def with_another_key_order(result: list[dict[str, str]]) -> list[dict[str, str]]
     ],
     ids=["order of keys", "type", "value", "row"],
 )
-def test_a_value_that_differs_is_seen(
+def test_differing_value_is_detected(
     comparison: Comparison, monkeypatch: pytest.MonkeyPatch, altered: object
 ) -> None:
     assert callable(altered)
     right = reference.get_system_arp_result
     comparison.check(ARP)
     monkeypatch.setattr(reference, "get_system_arp_result", lambda: altered(right()))
-    with pytest.raises(AssertionError, match="the twin"):
+    with pytest.raises(AssertionError, match="expected: "):
         comparison.check(ARP)
 
 
 @pytest.mark.parametrize(
     "error", [IndexError("another text"), KeyError("list index out of range")], ids=["text", "type"]
 )
-def test_an_exception_that_differs_is_seen(
+def test_differing_exception_is_detected(
     comparison: Comparison, monkeypatch: pytest.MonkeyPatch, error: Exception
 ) -> None:
     def fails() -> None:
         raise error
 
-    comparison.check(written(b"A", b"no header"))
+    comparison.check(encode(b"A", b"no header"))
     monkeypatch.setattr(reference, "get_system_arp_result", fails)
     with pytest.raises(AssertionError, match="list index out of range"):
-        comparison.check(written(b"A", b"no header"))
+        comparison.check(encode(b"A", b"no header"))
 
 
-def test_a_log_line_that_is_missing_is_seen(
+def test_missing_log_line_is_detected(
     comparison: Comparison, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     comparison.check(SESSION)
-    monkeypatch.setattr(comparison.theirs.log, "debug", lambda text: None)
+    monkeypatch.setattr(comparison.expected.log, "debug", lambda text: None)
     with pytest.raises(AssertionError, match="argument of type 'type' is not iterable"):
         comparison.check(SESSION)

@@ -50,13 +50,19 @@ def places(files: list[Path], pattern: str) -> list[str]:
 
 PRODUCT_SOURCES = sorted([*PRODUCT.rglob("*.cpp"), *PRODUCT.rglob("*.h")])
 # What runs once per process: here a name given as C text costs nothing that anybody notices.
-ONCE = {"modules_util.cpp", "imports.cpp", "names.cpp"}
+ONCE = {"modules_util.cpp", "imports.cpp", "interned.cpp"}
 REPEATED = [file for file in PRODUCT_SOURCES if file.name not in ONCE]
 
 
-def test_there_is_a_product_to_look_at() -> None:
+def test_module_sources_are_found() -> None:
     names = {file.name for file in PRODUCT_SOURCES}
-    assert names >= {"modules_util.cpp", "session.cpp", "status.cpp", "cli.cpp", "bfd.cpp"}
+    assert names >= {
+        "modules_util.cpp",
+        "cookies.cpp",
+        "json_bridge.cpp",
+        "cli.cpp",
+        "arp_table.cpp",
+    }
     assert len(names) > 10
 
 
@@ -86,7 +92,7 @@ FORBIDDEN_IN_THE_PRODUCT = [
 
 
 @pytest.mark.parametrize(("what", "pattern", "why"), FORBIDDEN_IN_THE_PRODUCT)
-def test_the_product_does_without(what: str, pattern: str, why: str) -> None:
+def test_module_avoids_forbidden_constructs(what: str, pattern: str, why: str) -> None:
     # `Thing(const Thing &) = delete;` forbids copies and is welcome.
     found = [place for place in places(PRODUCT_SOURCES, pattern) if "= delete" not in place]
     assert found == [], f"{what}: {why}"
@@ -99,15 +105,15 @@ KEYED_BY_C_TEXT = (
 )
 
 
-def test_what_runs_on_every_call_uses_the_names_that_were_interned_once() -> None:
+def test_calls_use_interned_strings() -> None:
     assert places(REPEATED, KEYED_BY_C_TEXT) == []
 
 
-def test_no_dictionary_item_is_looked_up_with_errors_swallowed() -> None:
+def test_dict_lookup_does_not_suppress_errors() -> None:
     assert places(PRODUCT_SOURCES, r"\bPyDict_GetItem(String)?\s*\(") == []
 
 
-def test_no_utf8_text_is_taken_where_its_absence_would_go_unnoticed() -> None:
+def test_utf8_conversion_result_is_checked() -> None:
     unchecked = r"(?<!= )\bPyUnicode_AsUTF8(AndSize)?\([^;]*\)\s*[,)]"
     assert places(PRODUCT_SOURCES, unchecked) == []
 
@@ -144,7 +150,7 @@ TEXTS = [
 ]
 
 
-def test_a_text_stands_in_one_place() -> None:
+def test_string_literal_is_defined_once() -> None:
     sources = "\n".join(without_comments(file.read_text()) for file in PRODUCT_SOURCES)
     joined = re.sub(r'"\s*"', "", sources)  # as the compiler joins literals that follow each other
     # The summary command of the BFD listing also begins its detail command.
@@ -188,7 +194,7 @@ def opening(file: Path) -> str:
     return ""
 
 
-def test_a_file_opens_with_what_it_is_and_for_whom() -> None:
+def test_source_file_begins_with_description() -> None:
     sentence = re.compile(r".{10,}?\w\S*[.:](\s|$)")
     assert [
         str(file.relative_to(ROOT)) for file in COMMENTED if not sentence.match(opening(file))
@@ -217,15 +223,15 @@ def lines_with(pattern: re.Pattern[str]) -> list[str]:
     ]
 
 
-def test_no_leftover_marks_stand_in_the_project() -> None:
+def test_project_has_no_leftover_markers() -> None:
     assert lines_with(LEFTOVER) == []
 
 
-def test_no_path_of_one_machine_stands_in_the_project() -> None:
+def test_project_has_no_machine_path() -> None:
     assert lines_with(MACHINE) == []
 
 
-def test_a_line_of_the_page_has_at_most_100_columns() -> None:
+def test_console_page_lines_have_at_most_100_columns() -> None:
     page = [file for file in TEXT_FILES if file.suffix in {".js", ".css", ".html"}]
     assert len(page) > 10
     assert [
@@ -236,6 +242,6 @@ def test_a_line_of_the_page_has_at_most_100_columns() -> None:
     ] == []
 
 
-def test_a_header_of_the_product_is_included_once() -> None:
+def test_module_header_has_include_guard() -> None:
     headers = [file for file in PRODUCT_SOURCES if file.suffix == ".h"]
     assert [file.name for file in headers if "#pragma once" not in file.read_text()] == []

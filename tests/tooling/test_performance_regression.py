@@ -27,7 +27,7 @@ def is_release() -> bool:
 @pytest.mark.skipif(platform.machine() != "x86_64", reason="the figures are a workstation's")
 @pytest.mark.skipif(not is_release(), reason="the figures are those of the release build")
 @pytest.mark.workstation_only("callgrind counts the workstation's instructions")
-def test_no_call_takes_more_or_less_than_the_baseline_says() -> None:
+def test_calls_match_instruction_baseline() -> None:
     found = regression.differences(regression.measure())
     assert not found, "\n".join([*found, "if this is meant: make bench-baseline"])
 
@@ -77,18 +77,18 @@ def foreign(monkeypatch: pytest.MonkeyPatch) -> None:
     monkeypatch.setattr(regression, "toolchain", lambda: "another")
 
 
-def test_the_baseline_has_every_gated_workload_and_no_other() -> None:
+def test_baseline_has_exactly_gated_workloads() -> None:
     assert list(figures()) == [each.name for each in regression.GATED]
 
 
 @pytest.mark.usefixtures("known")
-def test_the_baseline_differs_from_itself_in_nothing() -> None:
+def test_baseline_equals_itself() -> None:
     assert regression.differences(counts()) == []
 
 
 @pytest.mark.usefixtures("known")
 @pytest.mark.parametrize("factor", [1.04, 0.96])
-def test_four_percent_more_or_less_is_named(factor: float) -> None:
+def test_four_percent_change_is_reported(factor: float) -> None:
     (sentence,) = regression.differences(counts(instructions=factor))
     assert sentence.startswith(f"{ARP}: ")
     assert "instructions" in sentence
@@ -96,12 +96,12 @@ def test_four_percent_more_or_less_is_named(factor: float) -> None:
 
 @pytest.mark.usefixtures("known")
 @pytest.mark.parametrize("factor", [1.02, 0.98])
-def test_two_percent_is_within_the_tolerance(factor: float) -> None:
+def test_two_percent_change_is_tolerated(factor: float) -> None:
     assert regression.differences(counts(instructions=factor)) == []
 
 
 @pytest.mark.usefixtures("known")
-def test_a_query_is_held_to_what_it_takes_beyond_its_floor() -> None:
+def test_query_is_compared_beyond_lower_bound() -> None:
     own = figures()[BRIDGE]
     whole = counts().instructions[BRIDGE][PRODUCT]
     (sentence,) = regression.differences(counts(BRIDGE, instructions=1 + 0.04 * own / whole))
@@ -109,16 +109,14 @@ def test_a_query_is_held_to_what_it_takes_beyond_its_floor() -> None:
 
 
 @pytest.mark.parametrize("toolchain", ["known", "foreign"])
-def test_an_allocation_more_is_named_everywhere(
-    toolchain: str, request: pytest.FixtureRequest
-) -> None:
+def test_additional_allocation_is_reported(toolchain: str, request: pytest.FixtureRequest) -> None:
     request.getfixturevalue(toolchain)
     (sentence,) = regression.differences(counts(allocations=1.1))
     assert "allocations" in sentence
 
 
 @pytest.mark.usefixtures("foreign")
-def test_on_another_toolchain_the_ratio_to_the_floor_counts() -> None:
+def test_other_toolchain_compares_ratio_to_lower_bound() -> None:
     assert regression.differences(counts(instructions=1.08)) == []
     (sentence,) = regression.differences(counts(instructions=1.12))
     assert "times the floor" in sentence
@@ -128,12 +126,12 @@ def test_growth_up_to_17_times_is_linear() -> None:
     assert regression.nonlinear({"a": (1000, 17_000), "b": (1000, 2000)}) == []
 
 
-def test_growth_beyond_17_times_is_named() -> None:
+def test_growth_beyond_17_times_is_reported() -> None:
     (sentence,) = regression.nonlinear({"a": (1000, 17_001), "b": (1000, 17_000)})
     assert sentence.startswith("a: 17,001 instructions")
 
 
-def test_hostile_texts_are_of_the_sizes_counted() -> None:
+def test_hostile_texts_have_counted_sizes() -> None:
     """A text that stayed small would pass whatever the module does."""
     for text in hostile.TEXTS:
         around = len(text.head) + len(text.tail)

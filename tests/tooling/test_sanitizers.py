@@ -27,7 +27,7 @@ LOG = """\
     ],
     ids=["reports", "none", "cut short", "empty"],
 )
-def test_a_log_is_good_if_it_ends_without_a_report(
+def test_log_without_report_passes(
     tmp_path: Path,
     monkeypatch: pytest.MonkeyPatch,
     capsys: pytest.CaptureFixture[str],
@@ -37,12 +37,12 @@ def test_a_log_is_good_if_it_ends_without_a_report(
     monkeypatch.setattr(runner, "ROOT", tmp_path)
     file = tmp_path / "memcheck.log"
     file.write_text(log)
-    assert runner.reported("9 passed", file) == (reports == 0)
+    assert runner.report_memcheck("9 passed", file) == (reports == 0)
     first = capsys.readouterr().out.splitlines()[0]
     assert first.startswith(f"memcheck: 9 passed; {reports} report")
 
 
-def test_what_the_interpreter_is_allowed_names_nothing_of_the_module() -> None:
+def test_suppressions_name_nothing_of_module() -> None:
     entries = (ROOT / "checks" / "sanitizers" / "interpreter.supp").read_text().split("{")[1:]
     assert entries
     for entry in entries:

@@ -1,14 +1,14 @@
-// Runs a command through the native runner and cleans its output.
-#include "cli.h"
+// Runs a command through the native runner and removes pager prompts from its output.
+#include "veldarin/modules/cli.h"
 
-#include "lines.h"
-#include "runtime/errors.h"
-#include "runtime/globals.h"
-#include "runtime/names.h"
-#include "runtime/state.h"
-#include "runtime/text.h"
-#include "runtime/traceback.h"
-#include "services.h"
+#include "veldarin/modules/interned.h"
+#include "veldarin/modules/native_services.h"
+#include "veldarin/modules/python/errors.h"
+#include "veldarin/modules/python/globals.h"
+#include "veldarin/modules/python/traceback.h"
+#include "veldarin/modules/state.h"
+#include "veldarin/modules/text/utf8_text.h"
+#include "veldarin/modules/traceback_lines.h"
 
 namespace modules_util {
 
@@ -16,27 +16,27 @@ namespace {
 
 constexpr int command_size = 128;
 
-// What the native runner has handed over; freed on every path.
-struct Output {
+// Owns a buffer from PyMem_Malloc.
+struct PyMemBuffer {
     char *text;
 
-    explicit Output(char *owned) : text(owned) {}
-    ~Output() { PyMem_Free(text); }
-    Output(const Output &) = delete;
-    Output &operator=(const Output &) = delete;
+    explicit PyMemBuffer(char *owned) : text(owned) {}
+    ~PyMemBuffer() { PyMem_Free(text); }
+    PyMemBuffer(const PyMemBuffer &) = delete;
+    PyMemBuffer &operator=(const PyMemBuffer &) = delete;
 };
 
-// function(object, _CHARSET): the text and byte conversions.
+// function(object, _CHARSET), for text_ and bytes_.
 Ref convert(const Ref &function, PyObject *object) {
-    const Ref charset = global(names.CHARSET);
+    const Ref charset = global(interned[id::charset_global]);
     if (!charset) return {};
     PyObject *const arguments[] = {object, charset.get()};
     return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 2, nullptr));
 }
 
-// The command in the module's character set, cut to the buffer.
+// Encodes the command into a buffer of command_size bytes, which may truncate it.
 bool encode(PyObject *cmd_s, char *cmd) {
-    const Ref bytes_ = global(names.bytes_);
+    const Ref bytes_ = global(interned[id::bytes_]);
     if (!bytes_) return false;
     const Ref encoded = convert(bytes_, cmd_s);
     if (!encoded) return false;
@@ -54,7 +54,7 @@ bool encode(PyObject *cmd_s, char *cmd) {
 }
 
 Ref decode(const char *output) {
-    const Ref text_ = global(names.text_);
+    const Ref text_ = global(interned[id::text_]);
     if (!text_) return {};
     const Ref bytes = Ref::steal(PyBytes_FromString(output));
     if (!bytes) return {};
@@ -62,36 +62,35 @@ Ref decode(const char *output) {
 }
 
 // text.replace("--More--", "")
-Ref without_pager(PyObject *text) {
-    if (PyUnicode_CheckExact(text) && PyUnicode_IS_READY(text)) {
-        return removed(text, state.constants.remove_pager);
-    }
-    const Ref replace = Ref::steal(PyObject_GetAttr(text, names.replace));
+Ref strip_pager(PyObject *text) {
+    PyObject *pair = state.constants.replace_args.pager_prompt;
+    if (PyUnicode_CheckExact(text) && PyUnicode_IS_READY(text)) return str_remove(text, pair);
+    const Ref replace = Ref::steal(PyObject_GetAttr(text, interned[id::replace]));
     if (!replace) return {};
-    return Ref::steal(PyObject_Call(replace.get(), state.constants.remove_pager, nullptr));
+    return Ref::steal(PyObject_Call(replace.get(), pair, nullptr));
 }
 
 }  // namespace
 
 PyObject *get_cli_command_output(PyObject *cmd_s) {
-    namespace at = line::get_cli_command_output;
+    namespace at = source_line::get_cli_command_output;
     char cmd[command_size];
-    if (!encode(cmd_s, cmd)) return failed(at::encode);
-    const Output output(get_cli_cmd_output(nullptr, cmd));
+    if (!encode(cmd_s, cmd)) return fail(at::encode);
+    const PyMemBuffer output(get_cli_cmd_output(nullptr, cmd));
     if (!output.text) {
-        raise_global(names.CFunctionError, names.no_cli_output);
-        return failed(at::failed);
+        raise_from_global(interned[id::CFunctionError], interned[id::no_cli_output]);
+        return fail(at::no_output);
     }
     const Ref text = decode(output.text);
-    if (!text) return failed(at::decode);
-    Ref result = without_pager(text.get());
-    return result ? result.release() : failed(at::replace);
+    if (!text) return fail(at::decode);
+    Ref result = strip_pager(text.get());
+    return result ? result.release() : fail(at::replace);
 }
 
-Ref command_text(PyObject *command) {
-    const Ref text_ = global(names.text_);
+Ref run_command(PyObject *command) {
+    const Ref text_ = global(interned[id::text_]);
     if (!text_) return {};
-    const Ref output = call_global(names.get_cli_command_output, command);
+    const Ref output = call_global(interned[id::get_cli_command_output], command);
     if (!output) return {};
     return convert(text_, output.get());
 }

@@ -3,7 +3,7 @@
 
 namespace modules {
 
-// get_preference_cookie_secret_path: a path owned by that module, never null.
+// get_preference_cookie_secret_path: a path that the module owns; never null.
 using GetPreferenceCookieSecretPath = char *(*)();
 inline constexpr char get_preference_cookie_secret_path_signature[] = "char *(void)";
 

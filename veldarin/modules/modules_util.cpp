@@ -1,17 +1,17 @@
 // The extension module veldarin.modules.modules_util: its creation, its execution step by step, and
-// its definition, for the interpreter that imports it. The functions are in functions.cpp.
+// its definition. function_table.def lists its functions.
 #include <Python.h>
 
-#include "functions.h"
-#include "lines.h"
-#include "runtime/errors.h"
-#include "runtime/globals.h"
-#include "runtime/imports.h"
-#include "runtime/names.h"
-#include "runtime/ref.h"
-#include "runtime/state.h"
-#include "runtime/traceback.h"
 #include "util/json.h"
+#include "veldarin/modules/dispatch.h"
+#include "veldarin/modules/interned.h"
+#include "veldarin/modules/python/errors.h"
+#include "veldarin/modules/python/globals.h"
+#include "veldarin/modules/python/imports.h"
+#include "veldarin/modules/python/ref.h"
+#include "veldarin/modules/python/traceback.h"
+#include "veldarin/modules/state.h"
+#include "veldarin/modules/traceback_lines.h"
 
 namespace modules_util {
 
@@ -19,45 +19,46 @@ namespace {
 
 // ------------------------------------------------------------------ creation
 
-// The module lives in the interpreter that first asked for it, for the life of the process.
-bool is_first_interpreter() {
-    static int64_t first = -1;
+// The first interpreter that creates the module keeps it for the life of the process. False with
+// ImportError in another one.
+bool check_interpreter() {
     const int64_t current = PyInterpreterState_GetID(PyInterpreterState_Get());
     if (current < 0) return false;
-    if (first < 0) first = current;
-    if (first == current) return true;
+    if (!state.has_interpreter_id) state.interpreter_id = current;
+    state.has_interpreter_id = true;
+    if (state.interpreter_id == current) return true;
     PyErr_SetString(PyExc_ImportError,
                     "Interpreter change detected - this module can only be loaded into one "
                     "interpreter per process.");
     return false;
 }
 
-struct ImportAttribute {
+struct SpecAttribute {
     const char *attribute, *name;
-    bool none_counts;
+    bool copy_none;
 };
 
-constexpr ImportAttribute import_attributes[] = {
+constexpr SpecAttribute spec_attributes[] = {
     {"loader",                     "__loader__",  true },
     {"origin",                     "__file__",    true },
     {"parent",                     "__package__", true },
     {"submodule_search_locations", "__path__",    false},
 };
 
-// Copies one attribute of the import spec, if it has it.
-bool copy_attribute(PyObject *spec, PyObject *globals, const ImportAttribute &row) {
+// Copies one attribute of the import spec if the spec has it.
+bool copy_attribute(PyObject *spec, PyObject *globals, const SpecAttribute &row) {
     const Ref value = Ref::steal(PyObject_GetAttrString(spec, row.attribute));
     if (!value) {
         if (!PyErr_ExceptionMatches(PyExc_AttributeError)) return false;
         PyErr_Clear();
         return true;
     }
-    if (value.get() == Py_None && !row.none_counts) return true;
+    if (value.get() == Py_None && !row.copy_none) return true;
     return PyDict_SetItemString(globals, row.name, value.get()) == 0;
 }
 
-PyObject *create(PyObject *spec, PyModuleDef *) {
-    if (!is_first_interpreter()) return nullptr;
+PyObject *create_module(PyObject *spec, PyModuleDef *) {
+    if (!check_interpreter()) return nullptr;
     if (state.module) return Ref::borrow(state.module).release();
 
     const Ref name = Ref::steal(PyObject_GetAttrString(spec, "name"));
@@ -65,7 +66,7 @@ PyObject *create(PyObject *spec, PyModuleDef *) {
     Ref module = Ref::steal(PyModule_NewObject(name.get()));
     if (!module) return nullptr;
     PyObject *globals = PyModule_GetDict(module.get());
-    for (const ImportAttribute &row : import_attributes) {
+    for (const SpecAttribute &row : spec_attributes) {
         if (!copy_attribute(spec, globals, row)) return nullptr;
     }
     return module.release();
@@ -73,9 +74,9 @@ PyObject *create(PyObject *spec, PyModuleDef *) {
 
 // ------------------------------------------------------------------ execution
 
-// Each step is true, or false with an exception set.
+// Each step returns true, or false with an exception set.
 
-// Compares only what a version's first and third characters tell.
+// Compares the first and the third character of the versions only.
 bool check_version() {
     char built[4];
     char running[4];
@@ -89,181 +90,185 @@ bool check_version() {
     return PyErr_WarnFormat(PyExc_RuntimeWarning, 1, "%s", message) == 0;
 }
 
-bool record(PyObject *module) {
+bool record_module(PyObject *module) {
     state.module = Ref::borrow(module).release();
     state.globals = PyModule_GetDict(module);
     PyObject *builtins = PyImport_AddModule("builtins");
     if (!builtins) return false;
     Py_INCREF(builtins);
     Py_XSETREF(state.builtins, builtins);
-    return PyDict_SetItem(state.globals, names.dunder_builtins, builtins) == 0;
+    return PyDict_SetItem(state.globals, interned[id::dunder_builtins], builtins) == 0;
 }
 
-bool keep(PyObject *&constant, PyObject *made) {
-    Py_XSETREF(constant, made);
-    return made != nullptr;
+bool set_constant(PyObject *&constant, PyObject *constants) {
+    Py_XSETREF(constant, constants);
+    return constants != nullptr;
+}
+
+PyObject *new_pair(StringId first, StringId second) {
+    return PyTuple_Pack(2, interned[first], interned[second]);
 }
 
 bool make_constants() {
-    Constants &made = state.constants;
-    return keep(made.zero, PyLong_FromLong(0)) && keep(made.token_size, PyLong_FromLong(32)) &&
-           keep(made.remove_pager, Py_BuildValue("(ss)", pager_prompt, "")) &&
-           keep(made.remove_tabs, Py_BuildValue("(ss)", tab, "")) &&
-           keep(made.replace_blanks, Py_BuildValue("(ss)", " ", "_")) &&
-           keep(made.remove_packets, Py_BuildValue("(ss)", packets_word, "")) &&
-           keep(made.remove_returns, Py_BuildValue("(ss)", carriage_return, "")) &&
-           keep(made.newline, Py_BuildValue("(s)", "\n")) &&
-           keep(made.three_nones, PyTuple_Pack(3, Py_None, Py_None, Py_None)) &&
-           keep(made.counters, Py_BuildValue("(ss)", "Counters",
-                                             "bytes_sent bytes_recv packets_sent packets_recv "
-                                             "errin errout dropin dropout"));
+    Constants &constants = state.constants;
+    ReplaceArgs &replace = constants.replace_args;
+    return set_constant(constants.zero, PyLong_FromLong(0)) &&
+           set_constant(constants.token_bytes, PyLong_FromLong(32)) &&
+           set_constant(replace.pager_prompt, new_pair(id::pager_prompt, id::empty)) &&
+           set_constant(replace.tabs, new_pair(id::tab, id::empty)) &&
+           set_constant(replace.spaces, new_pair(id::space, id::underscore)) &&
+           set_constant(replace.packets, new_pair(id::packets, id::empty)) &&
+           set_constant(replace.carriage_returns, new_pair(id::carriage_return, id::empty)) &&
+           set_constant(constants.split_args, PyTuple_Pack(1, interned[id::newline])) &&
+           set_constant(constants.exit_args, PyTuple_Pack(3, Py_None, Py_None, Py_None)) &&
+           set_constant(constants.counters_args, new_pair(id::Counters, id::counters_fields));
 }
 
-// Makes sure that `sys.modules` holds the module under its own name. `added` tells whether it did
-// not before.
+// Adds the module to `sys.modules` under its own name if it is absent; `added` reports that.
 bool register_module(bool &added) {
     PyObject *modules = PyImport_GetModuleDict();
-    const PyObject *main = PyDict_GetItemWithError(modules, names.dunder_main);
+    const PyObject *main = PyDict_GetItemWithError(modules, interned[id::dunder_main]);
     if (!main && PyErr_Occurred()) return false;
     if (main == state.module &&
-        PyDict_SetItem(state.globals, names.dunder_name, names.dunder_main) < 0) {
+        PyDict_SetItem(state.globals, interned[id::dunder_name], interned[id::dunder_main]) < 0) {
         return false;
     }
-    if (PyDict_GetItemWithError(modules, names.module_name)) return true;
+    if (PyDict_GetItemWithError(modules, interned[id::module_name])) return true;
     if (PyErr_Occurred()) return false;
-    added = PyDict_SetItem(modules, names.module_name, state.module) == 0;
+    added = PyDict_SetItem(modules, interned[id::module_name], state.module) == 0;
     return added;
 }
 
-bool keep_builtins() {
-    return keep(state.imports.open, builtin(names.open).release()) &&
-           keep(state.imports.range, builtin(names.range).release());
+bool import_builtins() {
+    return set_constant(state.imports.open, builtin(interned[id::open]).release()) &&
+           set_constant(state.imports.range, builtin(interned[id::range]).release());
 }
 
 bool make_code_objects() {
-    if (!keep(state.code_objects, PyList_New(0))) return false;
-    for (size_t row = 0; row < function_count; ++row) {
+    if (!set_constant(state.code_objects, PyList_New(0))) return false;
+    for (size_t row = 0; methods[row].ml_name; ++row) {
         if (!add_code_object(methods[row].ml_name, functions[row].first_line)) return false;
     }
     return true;
 }
 
 struct TypeImport {
-    Name module, name;
+    StringId module, name;
     size_t size;
     PyObject *Imports::*type;
 };
 
-constexpr TypeImport checked_types[] = {
-    {Name::builtins,  Name::type,       sizeof(PyHeapTypeObject), &Imports::type      },
-    {Name::builtins,  Name::bool_,      sizeof(PyLongObject),     &Imports::bool_     },
-    {Name::builtins,  Name::complex,    sizeof(PyComplexObject),  &Imports::complex   },
-    {Name::util_json, Name::JSONObject, sizeof(JSONObject),       &Imports::JSONObject},
+constexpr TypeImport type_imports[] = {
+    {id::builtins,  id::type,       sizeof(PyHeapTypeObject), &Imports::type      },
+    {id::builtins,  id::bool_,      sizeof(PyLongObject),     &Imports::bool_     },
+    {id::builtins,  id::complex,    sizeof(PyComplexObject),  &Imports::complex   },
+    {id::util_json, id::JSONObject, sizeof(JSONObject),       &Imports::JSONObject},
 };
 
 bool import_types() {
     Imports &imports = state.imports;
-    for (const TypeImport &row : checked_types) {
+    for (const TypeImport &row : type_imports) {
         const auto size = static_cast<Py_ssize_t>(row.size);
-        Ref type = import_type(names[row.module], names[row.name], size);
-        if (!keep(imports.*row.type, type.release())) return false;
+        Ref type = import_type(interned[row.module], interned[row.name], size);
+        if (!set_constant(imports.*row.type, type.release())) return false;
     }
-    void *methods = import_method_table(imports.JSONObject);
-    imports.json_methods = static_cast<const JSONObjectMethods *>(methods);
-    return methods != nullptr;
+    void *vtable = import_vtable(imports.JSONObject);
+    imports.json_object_vtable = static_cast<const JSONObjectVTable *>(vtable);
+    return vtable != nullptr;
 }
 
-bool import_c_items() {
+bool import_capsules() {
     Imports &imports = state.imports;
-    void *variable = import_c_item(CItem::variable, names.migbase_migbase, names.WARM_START_PATH,
-                                   migbase::warm_start_path_signature);
+    void *variable =
+        import_capsule(CapiItem::variable, interned[id::migbase_migbase],
+                       interned[id::WARM_START_PATH], migbase::warm_start_path_signature);
     if (!variable) return false;
     imports.WARM_START_PATH = static_cast<migbase::WarmStartPath>(variable);
-    void *path = import_c_item(CItem::function, names.veldarin_modules_modules,
-                               names.get_preference_cookie_secret_path,
-                               modules::get_preference_cookie_secret_path_signature);
+    void *path = import_capsule(CapiItem::function, interned[id::veldarin_modules_modules],
+                                interned[id::get_preference_cookie_secret_path],
+                                modules::get_preference_cookie_secret_path_signature);
     if (!path) return false;
     imports.get_preference_cookie_secret_path =
         reinterpret_cast<modules::GetPreferenceCookieSecretPath>(path);
-    void *copy =
-        import_c_item(CItem::function, names.util_string, names.strtcpy, util::strtcpy_signature);
+    void *copy = import_capsule(CapiItem::function, interned[id::util_string],
+                                interned[id::strtcpy], util::strtcpy_signature);
     if (!copy) return false;
     imports.strtcpy = reinterpret_cast<util::Strtcpy>(copy);
     return true;
 }
 
-// from module import name, second        (or, with no name: import module as `as`)
+// from module import name, second; or, without a name: import module as `as`
 struct ImportStatement {
-    Name module, name, second, as;
+    StringId module, name, second, as;
     int line;
 };
 
 // clang-format off
 constexpr ImportStatement import_statements[] = {
-    {Name::migbase_cmdbapi_util, Name::serial_number_ascii, Name::none,  Name::none, line::init::serial_number_ascii},
-    {Name::binascii,             Name::hexlify,             Name::none,  Name::none, line::init::hexlify},
-    {Name::collections,          Name::namedtuple,          Name::none,  Name::none, line::init::namedtuple},
-    {Name::logging,              Name::getLogger,           Name::none,  Name::none, line::init::get_logger},
-    {Name::os,                   Name::urandom,             Name::none,  Name::none, line::init::urandom},
-    {Name::pathlib,              Name::Path,                Name::none,  Name::none, line::init::path},
-    {Name::pyramid_compat,       Name::bytes_,              Name::text_, Name::none, line::init::compat},
-    {Name::threading,            Name::Lock,                Name::none,  Name::none, line::init::lock},
-    {Name::ujson,                Name::none,                Name::none,  Name::json, line::init::json},
-    {Name::util_errors,          Name::CFunctionError,      Name::none,  Name::none, line::init::c_function_error},
-    {Name::copy,                 Name::none,                Name::none,  Name::copy, line::init::copy},
+    {id::migbase_cmdbapi_util, id::serial_number_ascii, id::none,  id::none, source_line::init::serial_number_ascii},
+    {id::binascii,             id::hexlify,             id::none,  id::none, source_line::init::hexlify},
+    {id::collections,          id::namedtuple,          id::none,  id::none, source_line::init::namedtuple},
+    {id::logging,              id::getLogger,           id::none,  id::none, source_line::init::get_logger},
+    {id::os,                   id::urandom,             id::none,  id::none, source_line::init::urandom},
+    {id::pathlib,              id::Path_class,                id::none,  id::none, source_line::init::path},
+    {id::pyramid_compat,       id::bytes_,              id::text_, id::none, source_line::init::compat},
+    {id::threading,            id::Lock,                id::none,  id::none, source_line::init::lock},
+    {id::ujson,                id::none,                id::none,  id::json, source_line::init::json},
+    {id::util_errors,          id::CFunctionError,      id::none,  id::none, source_line::init::c_function_error},
+    {id::copy,                 id::none,                id::none,  id::copy, source_line::init::copy},
 };
 // clang-format on
 
-bool bind_global(Name name, const Ref &value) {
-    return value && PyDict_SetItem(state.globals, names[name], value.get()) == 0;
+bool bind_global(StringId name, const Ref &value) {
+    return value && PyDict_SetItem(state.globals, interned[name], value.get()) == 0;
 }
 
-// The tuple of the names to import, or None for a whole module.
+// The tuple of the names to import; None to import the module itself.
 Ref import_list(const ImportStatement &row) {
-    if (row.name == Name::none) return Ref::borrow(Py_None);
-    if (row.second == Name::none) return Ref::steal(PyTuple_Pack(1, names[row.name]));
-    return Ref::steal(PyTuple_Pack(2, names[row.name], names[row.second]));
+    if (row.name == id::none) return Ref::borrow(Py_None);
+    if (row.second == id::none) return Ref::steal(PyTuple_Pack(1, interned[row.name]));
+    return Ref::steal(PyTuple_Pack(2, interned[row.name], interned[row.second]));
 }
 
 bool run_import(const ImportStatement &row) {
     const Ref list = import_list(row);
     if (!list) return false;
-    const Ref module = import_module(names[row.module], list.get());
+    const Ref module = import_module(interned[row.module], list.get());
     if (!module) return false;
-    if (row.as != Name::none) return bind_global(row.as, module);
-    for (const Name name : {row.name, row.second}) {
-        if (name == Name::none) break;
-        if (!bind_global(name, import_from(module.get(), names[name]))) return false;
+    if (row.as != id::none) return bind_global(row.as, module);
+    for (const StringId name : {row.name, row.second}) {
+        if (name == id::none) break;
+        if (!bind_global(name, import_from(module.get(), interned[name]))) return false;
     }
     return true;
 }
 
 // getLogger(__name__)
 Ref new_logger() {
-    const Ref get_logger = global(names.getLogger);
+    const Ref get_logger = global(interned[id::getLogger]);
     if (!get_logger) return {};
-    const Ref name = global(names.dunder_name);
+    const Ref name = global(interned[id::dunder_name]);
     if (!name) return {};
     return Ref::steal(PyObject_CallOneArg(get_logger.get(), name.get()));
 }
 
 Ref new_counters() {
-    const Ref namedtuple = global(names.namedtuple);
+    const Ref namedtuple = global(interned[id::namedtuple]);
     if (!namedtuple) return {};
-    return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters, nullptr));
+    return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters_args, nullptr));
 }
 
-// New function objects, of a fixed module and of no object. The one default dictionary is made just
-// before the function that it belongs to.
+// Creates the function objects with a fixed `__module__` and no `__self__`. Creates the shared
+// default dictionary just before the function that it belongs to.
 bool bind_functions(int &line) {
-    for (size_t row = 0; row < function_count; ++row) {
+    for (size_t row = 0; methods[row].ml_name; ++row) {
         line = functions[row].first_line;
-        if (functions[row].parameters[1].fallback == Parameter::sessions) {
-            Py_XSETREF(state.sessions, PyDict_New());
-            if (!state.sessions) return false;
+        if (functions[row].parameters[1].default_kind == Parameter::shared_dict) {
+            Py_XSETREF(state.default_list_bfd, PyDict_New());
+            if (!state.default_list_bfd) return false;
         }
         const Ref function = Ref::steal(PyCFunction_NewEx(const_cast<PyMethodDef *>(&methods[row]),
-                                                          nullptr, names.module_name));
+                                                          nullptr, interned[id::module_name]));
         if (!function) return false;
         if (PyDict_SetItemString(state.globals, methods[row].ml_name, function.get()) < 0) {
             return false;
@@ -272,88 +277,89 @@ bool bind_functions(int &line) {
     return true;
 }
 
-// The module-level statements; `line` is the one that is run.
+// Runs the module-level statements; `line` is that of the current one.
 bool run_statements(int &line) {
-    namespace at = line::init;
+    namespace at = source_line::init;
     for (const ImportStatement &row : import_statements) {
         line = row.line;
         if (!run_import(row)) return false;
     }
     line = at::logger;
-    if (!bind_global(Name::logger, new_logger())) return false;
+    if (!bind_global(id::logger, new_logger())) return false;
     line = at::invalid_index;
-    if (!bind_global(Name::INVALID_INDEX, Ref::borrow(names.invalid_index))) return false;
+    if (!bind_global(id::invalid_index_global, Ref::borrow(interned[id::invalid_index_text])))
+        return false;
     line = at::interface_count;
-    if (!bind_global(Name::interface_count, Ref::borrow(state.constants.zero))) return false;
+    if (!bind_global(id::interface_count, Ref::borrow(state.constants.zero))) return false;
     line = at::interface_lock;
-    if (!bind_global(Name::interface_lock, call_global(names.Lock))) return false;
+    if (!bind_global(id::interface_lock, call_global(interned[id::Lock]))) return false;
     line = at::charset;
-    if (!bind_global(Name::CHARSET, Ref::borrow(names.charset))) return false;
+    if (!bind_global(id::charset_global, Ref::borrow(interned[id::utf8]))) return false;
     line = at::counters;
-    if (!bind_global(Name::Counters, new_counters())) return false;
+    if (!bind_global(id::Counters, new_counters())) return false;
     if (!bind_functions(line)) return false;
     line = at::module;
-    return bind_global(Name::dunder_test, Ref::steal(PyDict_New()));
+    return bind_global(id::dunder_test, Ref::steal(PyDict_New()));
 }
 
-// Every step of the import, in order. `registered`: `sys.modules` has got the module from us.
-bool import(PyObject *module, bool &registered, int &line) {
-    return check_version() && make_names() && record(module) && make_constants() &&
-           register_module(registered) && keep_builtins() && make_code_objects() &&
-           import_types() && import_c_items() && run_statements(line);
+// Runs the steps of the import in order. `registered` reports that they added the module to
+// `sys.modules`.
+bool run_import_steps(PyObject *module, bool &registered, int &line) {
+    return check_version() && intern_strings() && record_module(module) && make_constants() &&
+           register_module(registered) && import_builtins() && make_code_objects() &&
+           import_types() && import_capsules() && run_statements(line);
 }
 
-// Forgets a module whose import has failed, so that it can be imported once the cause is removed.
-// The exception stays.
+// Drops a module whose import failed, so that a later import can succeed. Keeps the exception.
 void forget_module(bool registered) {
     PyObject *type = nullptr;
     PyObject *value = nullptr;
     PyObject *traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
     PyObject *modules = PyImport_GetModuleDict();
-    if (registered && PyDict_DelItem(modules, names.module_name) < 0) PyErr_Clear();
+    if (registered && PyDict_DelItem(modules, interned[id::module_name]) < 0) PyErr_Clear();
     state.progress = State::not_imported;
     state.globals = nullptr;
     Py_CLEAR(state.module);
     PyErr_Restore(type, value, traceback);
 }
 
-int execute(PyObject *module) {
+int exec_module(PyObject *module) {
     if (state.module == module) return 0;
-    int line = line::init::module;
+    int line = source_line::init::module;
     if (state.module) {
         PyErr_SetString(PyExc_RuntimeError,
                         "Module 'modules_util' has already been imported. Re-initialisation is "
                         "not supported.");
-        failed_import(PyModule_GetDict(module), line);
+        add_import_traceback(PyModule_GetDict(module), line);
         return -1;
     }
     bool registered = false;
     state.progress = State::importing;
-    if (import(module, registered, line)) {
+    if (run_import_steps(module, registered, line)) {
         state.progress = State::imported;
         return 0;
     }
-    failed_import(PyModule_GetDict(module), line);
+    add_import_traceback(PyModule_GetDict(module), line);
     forget_module(registered);
     return -1;
 }
 
 // ------------------------------------------------------------------ definition
 
-// The interpreter takes its tables as if it wrote to them; it does not.
+// The interpreter takes its tables as non-const pointers but does not write to them.
 const PyModuleDef_Slot slots[] = {
-    {Py_mod_create, reinterpret_cast<void *>(create) },
-    {Py_mod_exec,   reinterpret_cast<void *>(execute)},
-    {0,             nullptr                          },
+    {Py_mod_create, reinterpret_cast<void *>(create_module)},
+    {Py_mod_exec,   reinterpret_cast<void *>(exec_module)  },
+    {0,             nullptr                                },
 };
 
 PyModuleDef definition = {
     PyModuleDef_HEAD_INIT,
     module_name,
     nullptr,  // no docstring
-    0,        // the state is the process's, not the module object's
-    nullptr,  // the methods, which PyInit puts here
+    0,        // the state belongs to the process, not to the module object
+    nullptr,  // PyInit sets the methods
     const_cast<PyModuleDef_Slot *>(slots),
     nullptr,
     nullptr,

@@ -1,5 +1,5 @@
-// The record of the module's fallible calls: rows in a file that is mapped by every process of a
-// run, so that forks, test processes and processes that die all add to the same counts.
+// The log of the module's fallible calls is a file that every process of a run maps, so that
+// processes that crash contribute, too.
 #include "call_site_log.h"
 
 #include <fcntl.h>
@@ -10,31 +10,26 @@
 #include <cstring>
 #include <utility>
 
-#include "faults.h"
-
 namespace faults {
 namespace {
 
-constexpr size_t row_count = 1024;  // several times the places there are
-constexpr size_t record_size = row_count * sizeof(faults_row);
+constexpr size_t row_count = 1024;  // several times the number of call sites
+constexpr size_t log_size = row_count * sizeof(faults_row);
 
-faults_row unshared[row_count];  // unless a file is named
-faults_row *rows = unshared;
+faults_row private_rows[row_count];  // until a file is mapped
+faults_row *rows = private_rows;
 
-faults_site *under_way = nullptr;
+faults_site *current = nullptr;
 faults_row *forced = nullptr;
 
-void add(unsigned long &count) { __atomic_fetch_add(&count, 1, __ATOMIC_RELAXED); }
+void increment(unsigned long &count) { __atomic_fetch_add(&count, 1, __ATOMIC_RELAXED); }
 
-void write_key(char (&key)[sizeof faults_row::key], const faults_site &site) {
-    const char *name = std::strstr(site.file, "veldarin/modules/");
-    std::snprintf(key, sizeof key, "%s:%d:%s", name ? name : site.file, site.line, site.call);
-}
-
-// Rows are taken in order, each by one process: whoever puts down the first character.
-faults_row *row_of(const faults_site &site, const char *function) {
+// Finds the site's row or claims the next free one: the process that stores the first byte of the
+// key owns the row.
+faults_row *find_row(const faults_site &site, const char *function) {
     char key[sizeof faults_row::key];
-    write_key(key, site);
+    const char *file = std::strstr(site.file, "veldarin/modules/");
+    std::snprintf(key, sizeof key, "%s:%d:%s", file ? file : site.file, site.line, site.call);
     for (faults_row *row = rows; row != rows + row_count; ++row) {
         char expected = '\0';
         if (__atomic_compare_exchange_n(&row->key[0], &expected, key[0], false, __ATOMIC_ACQ_REL,
@@ -45,32 +40,30 @@ faults_row *row_of(const faults_site &site, const char *function) {
         }
         if (std::strcmp(row->key, key) == 0) return row;
     }
-    std::fprintf(stderr, "the record of fallible calls is full\n");
+    std::fprintf(stderr, "the call-site log is full\n");
     std::abort();
 }
 
 }  // namespace
 
-const void *row_under_way() { return under_way == nullptr ? nullptr : under_way->row; }
+const faults_row *current_row() { return current == nullptr ? nullptr : current->row; }
 
-const char *call_under_way() { return under_way == nullptr ? nullptr : under_way->row->key; }
-
-const char *note_fired() {
-    if (under_way == nullptr) return nullptr;
-    add(under_way->row->fired);
-    return call_under_way();
+const char *log_triggered() {
+    if (current == nullptr) return nullptr;
+    increment(current->row->triggered);
+    return current->row->key;
 }
 
 }  // namespace faults
 
 using namespace faults;
 
-int faults_record_in(const char *path) {
+int faults_open_log(const char *path) {
     const int file = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (file < 0) return 0;
     void *mapped = MAP_FAILED;
-    if (ftruncate(file, record_size) == 0) {
-        mapped = mmap(nullptr, record_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    if (ftruncate(file, log_size) == 0) {
+        mapped = mmap(nullptr, log_size, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
     }
     close(file);
     if (mapped == MAP_FAILED) return 0;
@@ -88,16 +81,16 @@ int faults_force(const char *key) {
 }
 
 faults_site *faults_enter(faults_site *site, const char *function, bool *is_forced) {
-    if (site->row == nullptr) site->row = row_of(*site, function);
-    add(site->row->reached);
+    if (site->row == nullptr) site->row = find_row(*site, function);
+    increment(site->row->reached);
     *is_forced = site->row == forced;
-    if (*is_forced) add(site->row->forced);
-    return std::exchange(under_way, site);
+    if (*is_forced) increment(site->row->forced);
+    return std::exchange(current, site);
 }
 
 void faults_leave(faults_site *site, faults_site *outer, bool failed) {
-    under_way = outer;
+    current = outer;
     if (failed && site->row != forced) {
-        add(memory_has_failed() ? site->row->of_memory : site->row->otherwise);
+        increment(has_failure() ? site->row->oom : site->row->other);
     }
 }

@@ -1,18 +1,17 @@
-// The record of the module's fallible calls, for the gate: where a failing allocation strikes.
+// The log of the module's fallible calls, as seen by the failing allocators.
 #pragma once
+
+#include "faults.h"
 
 namespace faults {
 
-// An allocation fails in the innermost call under way; its key, or null.
-const char *note_fired();
+// Counts an injected failure for the innermost call; returns its key, or null.
+const char *log_triggered();
 
-// The row of the innermost call under way, or null.
-const void *row_under_way();
+// Returns the row of the innermost call, or null.
+const faults_row *current_row();
 
-// The key of the innermost call under way, or null.
-const char *call_under_way();
-
-// Memory has failed since the last trial began.
-bool memory_has_failed();
+// Returns whether an allocation has failed in the current faults_call.
+bool has_failure();
 
 }  // namespace faults

@@ -1,45 +1,38 @@
-// What a process that dies says before: the functions that it dies in, innermost first, as the
-// loader knows them. checks/fault_injection/crashes.py reads it.
+// Before a process dies of a signal it prints its stack and the fallible call that was running;
+// checks/fault_injection/forks.py parses the output.
 #include <execinfo.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 
 #include "call_site_log.h"
-#include "faults.h"
 
 namespace faults {
 namespace {
 
 constexpr int signals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
-constexpr int most_frames = 64;
+constexpr int max_frames = 64;
 
-struct sigaction before[NSIG];
-char own_stack[64 * 1024];  // a stack that has run over cannot tell its own end
+struct sigaction previous[NSIG];
+char signal_stack[64 * 1024];  // for stack overflows
 
-template <size_t size>
-void say(const char (&text)[size]) {
-    if (write(STDERR_FILENO, text, size - 1) < 0) _exit(1);
+void print(const char *text) {
+    if (write(STDERR_FILENO, text, std::strlen(text)) < 0) _exit(1);
 }
 
-void say_text(const char *text) {
-    size_t length = 0;
-    while (text[length]) ++length;
-    if (write(STDERR_FILENO, text, length) < 0) _exit(1);
-}
-
-void tell(int number) {
-    void *frames[most_frames];
-    const int count = backtrace(frames, most_frames);
-    say("died in the call: ");
-    const char *call = call_under_way();
-    say_text(call == nullptr ? "none" : call);
-    say("\ndied in the functions:\n");
+void handle(int number) {
+    void *frames[max_frames];
+    const int count = backtrace(frames, max_frames);
+    const faults_row *row = current_row();
+    print("crashed in call: ");
+    print(row == nullptr ? "none" : row->key);
+    print("\nstack:\n");
     backtrace_symbols_fd(frames, count, STDERR_FILENO);
-    say("died.\n");
-    sigaction(number, &before[number], nullptr);
-    raise(number);  // once this handler is left
+    print("end of stack\n");
+    sigaction(number, &previous[number], nullptr);
+    raise(number);  // takes effect when this handler returns
 }
 
 }  // namespace
@@ -47,17 +40,17 @@ void tell(int number) {
 
 using namespace faults;
 
-void faults_tell_deaths() {
+void faults_install_crash_handler() {
     void *frame = nullptr;
-    backtrace(&frame, 1);  // loads what it needs, while there is memory
+    backtrace(&frame, 1);  // loads libgcc now, while memory is available
     stack_t stack{};
-    stack.ss_sp = own_stack;
-    stack.ss_size = sizeof own_stack;
+    stack.ss_sp = signal_stack;
+    stack.ss_size = sizeof signal_stack;
     sigaltstack(&stack, nullptr);
     for (const int number : signals) {
         struct sigaction action{};
-        action.sa_handler = tell;
+        action.sa_handler = handle;
         action.sa_flags = SA_ONSTACK;
-        sigaction(number, &action, &before[number]);
+        sigaction(number, &action, &previous[number]);
     }
 }

@@ -1,5 +1,5 @@
-// Memory that fails on purpose. The interpreter's own `set_nomemory` fails the allocations; it can
-// not be told to look away for a while, so a gate stands before it: closed, requests pass it by.
+// Allocation-failure injection. _testcapi's set_nomemory fails the allocations. It cannot be
+// suspended, so our hooks call it only while injection is enabled.
 #include "faults.h"
 
 #include <dlfcn.h>
@@ -22,128 +22,99 @@ namespace {
 constexpr PyMemAllocatorDomain domains[] = {PYMEM_DOMAIN_RAW, PYMEM_DOMAIN_MEM, PYMEM_DOMAIN_OBJ};
 constexpr int domain_count = 3;
 
-PyMemAllocatorEx real[domain_count];
+PyMemAllocatorEx original[domain_count];
 PyMemAllocatorEx failing[domain_count];  // set_nomemory's
 PyObject *set_nomemory = nullptr;        // owned
-long live = 0;                           // blocks made minus blocks freed
+long live_blocks = 0;
 
-// The trial. While it is over the gate is closed.
-bool gate_open = false;
+// The state of a faults_call.
+bool enabled = false;  // injection
+bool under_test = false;
 int allocator = FAULTS_INTERPRETER;
-int first_failing = 0;  // 0: none
-bool all_from_there = false;
-bool on_trial = false;
+int first_failure = 0;  // 0: none
+bool is_persistent = false;
 const void **trace = nullptr;
 long trace_size = 0;
 faults_report report;
 
-// What belongs to somebody else runs with the gate closed.
-class Shelter {
+class SuspendInjection {
 public:
-    Shelter() : was_open_(gate_open) { gate_open = false; }
-    ~Shelter() { gate_open = was_open_; }
-    Shelter(const Shelter &) = delete;
-    Shelter &operator=(const Shelter &) = delete;
+    SuspendInjection() : saved_(enabled) { enabled = false; }
+    ~SuspendInjection() { enabled = saved_; }
+    SuspendInjection(const SuspendInjection &) = delete;
+    SuspendInjection &operator=(const SuspendInjection &) = delete;
 
 private:
-    bool was_open_;
+    bool saved_;
 };
 
-void note_failure() {
-    ++report.failed;
-    const char *site = note_fired();
-    if (report.failed == 1) report.site = site;
+void count_failure() {
+    ++report.failures;
+    const char *site = log_triggered();
+    if (report.failures == 1) report.site = site;
 }
 
 // ------------------------------------------------------------------ the interpreter's allocators
 
-bool counts(int of) { return gate_open && allocator == of; }
+// An allocator may forward a large request to another domain: only the outermost one counts.
+int depth = 0;
 
-PyMemAllocatorEx &chosen(PyMemAllocatorEx *domain) {
-    if (!counts(FAULTS_INTERPRETER)) return *domain;
-    if (report.counted < trace_size) trace[report.counted] = row_under_way();
-    ++report.counted;
-    return failing[domain - real];
-}
-
-// A request of one domain may go on to another, as large ones do: a block counts once.
-int nested = 0;
-
-class Request {
-public:
-    Request() { ++nested; }
-    ~Request() { --nested; }
-    Request(const Request &) = delete;
-    Request &operator=(const Request &) = delete;
-
-    void made(const void *block) const { live += block != nullptr && nested == 1; }
-    void freed(const void *block) const { live -= block != nullptr && nested == 1; }
-};
-
-void *noted(void *block) {
-    if (block == nullptr && gate_open) note_failure();
+// Makes a request of the original or the failing allocator, and counts the blocks.
+template <typename Allocate>
+void *request(void *domain, bool is_new, Allocate &&allocate) {
+    auto *chosen = static_cast<PyMemAllocatorEx *>(domain);
+    if (enabled && allocator == FAULTS_INTERPRETER) {
+        if (report.allocations < trace_size) trace[report.allocations] = current_row();
+        ++report.allocations;
+        chosen = &failing[chosen - original];
+    }
+    ++depth;
+    void *block = allocate(*chosen);
+    --depth;
+    if (block == nullptr && enabled) count_failure();
+    if (block != nullptr && is_new && depth == 0) ++live_blocks;
     return block;
 }
 
-void *gate_malloc(void *domain, size_t size) {
-    const Request request;
-    PyMemAllocatorEx &below = chosen(static_cast<PyMemAllocatorEx *>(domain));
-    void *block = noted(below.malloc(below.ctx, size));
-    request.made(block);
-    return block;
+void *hook_malloc(void *domain, size_t size) {
+    return request(domain, true, [&](auto &next) { return next.malloc(next.ctx, size); });
 }
 
-void *gate_calloc(void *domain, size_t count, size_t size) {
-    const Request request;
-    PyMemAllocatorEx &below = chosen(static_cast<PyMemAllocatorEx *>(domain));
-    void *block = noted(below.calloc(below.ctx, count, size));
-    request.made(block);
-    return block;
+void *hook_calloc(void *domain, size_t count, size_t size) {
+    return request(domain, true, [&](auto &next) { return next.calloc(next.ctx, count, size); });
 }
 
-void *gate_realloc(void *domain, void *old, size_t size) {
-    const Request request;
-    PyMemAllocatorEx &below = chosen(static_cast<PyMemAllocatorEx *>(domain));
-    void *block = noted(below.realloc(below.ctx, old, size));
-    if (old == nullptr) request.made(block);
-    return block;
+void *hook_realloc(void *domain, void *old, size_t size) {
+    return request(domain, old == nullptr,
+                   [&](auto &next) { return next.realloc(next.ctx, old, size); });
 }
 
-void gate_free(void *domain, void *block) {
-    const Request request;
-    auto *below = static_cast<PyMemAllocatorEx *>(domain);
-    request.freed(block);
-    below->free(below->ctx, block);
+void hook_free(void *domain, void *block) {
+    auto *next = static_cast<PyMemAllocatorEx *>(domain);
+    if (block != nullptr && depth == 0) --live_blocks;
+    ++depth;
+    next->free(next->ctx, block);
+    --depth;
 }
 
-// set_nomemory(start, stop): what comes after `start` fails, up to `stop` or without end.
-bool arm_interpreter(int nth, bool lasting) {
+// set_nomemory(start, stop) fails the requests after `start`, up to `stop`; 0 means all of them.
+bool arm_interpreter(int nth, bool persistent) {
     const int start = nth > 0 ? nth - 1 : INT_MAX;
-    PyObject *done =
-        PyObject_CallFunction(set_nomemory, "ii", start, lasting ? 0 : start + (nth > 0));
-    Py_XDECREF(done);
-    return done != nullptr;
-}
-
-bool arm(int of, int nth, bool lasting) {
-    allocator = of;
-    first_failing = nth;
-    all_from_there = lasting;
-    report = {};
-    if (of == FAULTS_INTERPRETER && !arm_interpreter(nth, lasting)) return false;
-    PyGC_Collect();  // also empties the free lists, from which allocations would be met
-    return true;
+    PyObject *result =
+        PyObject_CallFunction(set_nomemory, "ii", start, persistent ? 0 : start + (nth > 0));
+    Py_XDECREF(result);
+    return result != nullptr;
 }
 
 // ------------------------------------------------------------------ json-c's allocators
 
 bool json_c_fails() {
-    if (!counts(FAULTS_JSON_C)) return false;
-    ++report.counted;
-    const bool fails = first_failing > 0 && (report.counted == first_failing ||
-                                             (all_from_there && report.counted > first_failing));
+    if (!enabled || allocator != FAULTS_JSON_C) return false;
+    ++report.allocations;
+    const bool fails = first_failure > 0 && (report.allocations == first_failure ||
+                                             (is_persistent && report.allocations > first_failure));
     if (fails) {
-        note_failure();
+        count_failure();
         errno = ENOMEM;
     }
     return fails;
@@ -170,7 +141,7 @@ const Replacement replacements[] = {
     {"strdup",  reinterpret_cast<void *>(json_c_strdup) },
 };
 
-// Writes into a library's table of imported functions, which is read-only once it is loaded.
+// Writes into a library's import table, which the loader made read-only.
 bool replace(void **entry, void *function) {
     constexpr std::uintptr_t page = 4096;
     auto *start = reinterpret_cast<void *>(reinterpret_cast<std::uintptr_t>(entry) & ~(page - 1));
@@ -180,42 +151,43 @@ bool replace(void **entry, void *function) {
 }
 
 #ifdef __mips__
-constexpr bool relocated = false;  // the loader leaves the addresses in a dynamic section as linked
+constexpr bool relocated = false;  // the loader does not relocate the dynamic section
 #else
 constexpr bool relocated = true;
 #endif
 
-size_t value_of(const link_map *library, decltype(ElfW(Dyn)::d_tag) tag) {
+size_t dynamic_value(const link_map *library, decltype(ElfW(Dyn)::d_tag) tag) {
     for (const ElfW(Dyn) *entry = library->l_ld; entry->d_tag != DT_NULL; ++entry) {
         if (entry->d_tag == tag) return entry->d_un.d_val;
     }
     return 0;
 }
 
-template <typename Wanted>
-Wanted *entry_of(const link_map *library, decltype(ElfW(Dyn)::d_tag) tag) {
-    const size_t address = value_of(library, tag);
+template <typename Target>
+Target *dynamic_pointer(const link_map *library, decltype(ElfW(Dyn)::d_tag) tag) {
+    const size_t address = dynamic_value(library, tag);
     if (address == 0) return nullptr;
-    return reinterpret_cast<Wanted *>(relocated ? address : library->l_addr + address);
+    return reinterpret_cast<Target *>(relocated ? address : library->l_addr + address);
 }
 
-// Replaces what a slot holds if the symbol is one of the replaced; 1 if it was, 0 if not.
+// Writes the replacement of an imported symbol into its slot; returns how many slots it wrote.
 int replace_import(const link_map *library, size_t symbol, void **slot) {
-    const auto *symbols = entry_of<const ElfW(Sym)>(library, DT_SYMTAB);
-    const char *name = entry_of<const char>(library, DT_STRTAB) + symbols[symbol].st_name;
-    for (const Replacement &by : replacements) {
-        if (std::strcmp(name, by.name) == 0) return replace(slot, by.function) ? 1 : 0;
+    const auto *symbols = dynamic_pointer<const ElfW(Sym)>(library, DT_SYMTAB);
+    const char *name = dynamic_pointer<const char>(library, DT_STRTAB) + symbols[symbol].st_name;
+    for (const Replacement &replacement : replacements) {
+        if (std::strcmp(name, replacement.name) == 0) return replace(slot, replacement.function);
     }
     return 0;
 }
 
 #ifdef __mips__
-// Here the global offset table has one slot for each imported symbol, in the symbols' order.
+// On MIPS the global offset table has one slot per imported symbol, in symbol order.
 int replace_imports(const link_map *library) {
-    auto **slots = entry_of<void *>(library, DT_PLTGOT) + value_of(library, DT_MIPS_LOCAL_GOTNO);
-    const size_t first = value_of(library, DT_MIPS_GOTSYM);
+    auto **slots =
+        dynamic_pointer<void *>(library, DT_PLTGOT) + dynamic_value(library, DT_MIPS_LOCAL_GOTNO);
+    const size_t first = dynamic_value(library, DT_MIPS_GOTSYM);
     int replaced = 0;
-    for (size_t symbol = first; symbol < value_of(library, DT_MIPS_SYMTABNO); ++symbol) {
+    for (size_t symbol = first; symbol < dynamic_value(library, DT_MIPS_SYMTABNO); ++symbol) {
         replaced += replace_import(library, symbol, slots + (symbol - first));
     }
     return replaced;
@@ -229,14 +201,17 @@ int replace_imports(const link_map *library) {
             replaced += replace_import(library, ELF64_R_SYM(row->r_info), slot);
         }
     };
-    replace_all(entry_of<const ElfW(Rela)>(library, DT_JMPREL), value_of(library, DT_PLTRELSZ));
-    replace_all(entry_of<const ElfW(Rela)>(library, DT_RELA), value_of(library, DT_RELASZ));
+    replace_all(dynamic_pointer<const ElfW(Rela)>(library, DT_JMPREL),
+                dynamic_value(library, DT_PLTRELSZ));
+    replace_all(dynamic_pointer<const ElfW(Rela)>(library, DT_RELA),
+                dynamic_value(library, DT_RELASZ));
     return replaced;
 }
 #endif
 
-const link_map *json_c() {
-    void *function = dlsym(RTLD_DEFAULT, "json_object_to_json_string");
+const link_map *find_json_c() {
+    // The simulator exports json_object_to_json_string, too.
+    void *function = dlsym(RTLD_DEFAULT, "json_object_new_object");
     Dl_info info;
     link_map *library = nullptr;
     if (function == nullptr ||
@@ -246,11 +221,11 @@ const link_map *json_c() {
     return library;
 }
 
-// ------------------------------------------------------------------ shelters
+// ------------------------------------------------------------------ exempt functions
 
-// A call of somebody else's code is one allocation.
-bool call_is_allowed() {
-    if (!gate_open) return true;
+// The call of an exempt function counts as one allocation.
+bool may_call() {
+    if (!enabled) return true;
     void *block = PyObject_Malloc(1);
     if (block == nullptr) {
         PyErr_NoMemory();
@@ -260,60 +235,58 @@ bool call_is_allowed() {
     return true;
 }
 
-struct Sheltered {
+struct Exempt {
     PyObject_HEAD vectorcallfunc call;
     PyObject *callable;  // owned
 };
 
-PyObject *sheltered_call(PyObject *self, PyObject *const *arguments, size_t count,
-                         PyObject *names) {
-    if (!call_is_allowed()) return nullptr;
-    const Shelter shelter;
-    return PyObject_Vectorcall(reinterpret_cast<Sheltered *>(self)->callable, arguments, count,
-                               names);
+PyObject *exempt_call(PyObject *self, PyObject *const *arguments, size_t count, PyObject *names) {
+    if (!may_call()) return nullptr;
+    const SuspendInjection suspend;
+    return PyObject_Vectorcall(reinterpret_cast<Exempt *>(self)->callable, arguments, count, names);
 }
 
-void sheltered_dealloc(PyObject *self) {
-    Py_DECREF(reinterpret_cast<Sheltered *>(self)->callable);
+void exempt_dealloc(PyObject *self) {
+    Py_DECREF(reinterpret_cast<Exempt *>(self)->callable);
     PyObject_Free(self);
 }
 
-PyTypeObject sheltered_type = [] {
+PyTypeObject exempt_type = [] {
     PyTypeObject type{};
     type.ob_base.ob_base.ob_refcnt = 1;
-    type.tp_name = "Sheltered";
-    type.tp_basicsize = sizeof(Sheltered);
-    type.tp_dealloc = sheltered_dealloc;
-    type.tp_vectorcall_offset = offsetof(Sheltered, call);
+    type.tp_name = "Exempt";
+    type.tp_basicsize = sizeof(Exempt);
+    type.tp_dealloc = exempt_dealloc;
+    type.tp_vectorcall_offset = offsetof(Exempt, call);
     type.tp_call = PyVectorcall_Call;
     type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_VECTORCALL;
     return type;
 }();
 
-newfunc made_by = nullptr;
-PyObject *(*released_by)(PyObject *) = nullptr;
-void (*callback)(const char *, const char *) = nullptr;
+newfunc original_new = nullptr;
+PyObject *(*original_release)(PyObject *) = nullptr;
+void (*original_callback)(const char *, const char *) = nullptr;
 
-PyObject *sheltered_new(PyTypeObject *type, PyObject *arguments, PyObject *keywords) {
-    if (!call_is_allowed()) return nullptr;
-    const Shelter shelter;
-    return made_by(type, arguments, keywords);
+PyObject *exempt_new(PyTypeObject *type, PyObject *arguments, PyObject *keywords) {
+    if (!may_call()) return nullptr;
+    const SuspendInjection suspend;
+    return original_new(type, arguments, keywords);
 }
 
-PyObject *sheltered_release(PyObject *self) {
-    if (!call_is_allowed()) return nullptr;
-    const Shelter shelter;
-    return released_by(self);
+PyObject *exempt_release(PyObject *self) {
+    if (!may_call()) return nullptr;
+    const SuspendInjection suspend;
+    return original_release(self);
 }
 
-void sheltered_callback(const char *first, const char *second) {
-    const Shelter shelter;
-    callback(first, second);
+void exempt_callback(const char *first, const char *second) {
+    const SuspendInjection suspend;
+    original_callback(first, second);
 }
 
 }  // namespace
 
-bool memory_has_failed() { return on_trial && report.failed > 0; }
+bool has_failure() { return under_test && report.failures > 0; }
 
 }  // namespace faults
 
@@ -322,63 +295,66 @@ using namespace faults;
 PyObject *faults_install(PyObject *function) {
     Py_INCREF(function);
     Py_XSETREF(set_nomemory, function);
-    for (int i = 0; i < domain_count; ++i) PyMem_GetAllocator(domains[i], &real[i]);
-    // From here to the gate nothing may be allocated.
+    for (int i = 0; i < domain_count; ++i) PyMem_GetAllocator(domains[i], &original[i]);
     if (!arm_interpreter(0, false)) return nullptr;
+    // Nothing may allocate between set_nomemory's hooks and ours.
     for (int i = 0; i < domain_count; ++i) {
         PyMem_GetAllocator(domains[i], &failing[i]);
-        PyMemAllocatorEx gate = {&real[i], gate_malloc, gate_calloc, gate_realloc, gate_free};
-        PyMem_SetAllocator(domains[i], &gate);
+        PyMemAllocatorEx hooks = {&original[i], hook_malloc, hook_calloc, hook_realloc, hook_free};
+        PyMem_SetAllocator(domains[i], &hooks);
     }
     Py_RETURN_NONE;
 }
 
-int faults_follow_json_c() {
-    const link_map *library = json_c();
-    if (library == nullptr) return 0;
-    const int replaced = replace_imports(library);
-    return replaced >= 2;  // malloc and realloc, however the library was linked
+int faults_hook_json_c() {
+    const link_map *library = find_json_c();
+    return library != nullptr && replace_imports(library) >= 2;  // at least malloc and realloc
 }
 
-PyObject *faults_trial(PyObject *callable, PyObject *arguments, PyObject *keywords, int of, int nth,
-                       int lasting) {
-    if (!arm(of, nth, lasting != 0)) return nullptr;
-    on_trial = gate_open = true;
+PyObject *faults_call(PyObject *callable, PyObject *arguments, PyObject *keywords, int of, int nth,
+                      int persistent) {
+    allocator = of;
+    first_failure = nth;
+    is_persistent = persistent != 0;
+    report = {};
+    if (of == FAULTS_INTERPRETER && !arm_interpreter(nth, is_persistent)) return nullptr;
+    PyGC_Collect();  // also clears the free lists, which would serve requests
+    under_test = enabled = true;
     PyObject *result = PyObject_Call(callable, arguments, keywords == Py_None ? nullptr : keywords);
-    on_trial = gate_open = false;
+    under_test = enabled = false;
     return result;
 }
 
-void faults_report_of(faults_report *out) { *out = report; }
+void faults_get_report(faults_report *out) { *out = report; }
 
 void faults_trace_into(const void **rows, long size) {
     trace = rows;
     trace_size = size;
 }
 
-long faults_live() { return live; }
+long faults_live_blocks() { return live_blocks; }
 
-PyObject *faults_sheltered(PyObject *callable) {
-    if (PyType_Ready(&sheltered_type) < 0) return nullptr;
-    auto *made = PyObject_New(Sheltered, &sheltered_type);
-    if (made == nullptr) return nullptr;
-    made->call = sheltered_call;
+PyObject *faults_exempt(PyObject *callable) {
+    if (PyType_Ready(&exempt_type) < 0) return nullptr;
+    auto *wrapper = PyObject_New(Exempt, &exempt_type);
+    if (wrapper == nullptr) return nullptr;
+    wrapper->call = exempt_call;
     Py_INCREF(callable);
-    made->callable = callable;
-    return reinterpret_cast<PyObject *>(made);
+    wrapper->callable = callable;
+    return reinterpret_cast<PyObject *>(wrapper);
 }
 
-void faults_shelter_type(PyObject *type) {
-    auto *sheltered = reinterpret_cast<PyTypeObject *>(type);
-    if (made_by == nullptr) made_by = std::exchange(sheltered->tp_new, sheltered_new);
+void faults_exempt_type(PyObject *type) {
+    auto *exempted = reinterpret_cast<PyTypeObject *>(type);
+    if (original_new == nullptr) original_new = std::exchange(exempted->tp_new, exempt_new);
 }
 
-void faults_shelter_method_table(PyObject *capsule) {
-    auto *table = static_cast<PyObject *(**)(PyObject *)>(PyCapsule_GetPointer(capsule, nullptr));
-    if (released_by == nullptr) released_by = std::exchange(*table, sheltered_release);
+void faults_exempt_vtable(PyObject *capsule) {
+    auto *vtable = static_cast<PyObject *(**)(PyObject *)>(PyCapsule_GetPointer(capsule, nullptr));
+    if (original_release == nullptr) original_release = std::exchange(*vtable, exempt_release);
 }
 
-void *faults_shelter_callback(void *original) {
-    callback = reinterpret_cast<void (*)(const char *, const char *)>(original);
-    return reinterpret_cast<void *>(sheltered_callback);
+void *faults_exempt_callback(void *callback) {
+    original_callback = reinterpret_cast<void (*)(const char *, const char *)>(callback);
+    return reinterpret_cast<void *>(exempt_callback);
 }

@@ -1,7 +1,7 @@
-// Put before every source of the product in the build that records its fallible calls: each call
-// into the interpreter that can fail leaves a record of its place and of its outcome, and can be
-// made to fail by its place. checks/fault_injection/call_sites.py reads the list below: what is
-// neither here nor in cannot_fail.txt is an error there.
+// The fault-injection build force-includes this file into every source of the module: each fallible
+// call into the interpreter logs its outcome and can be forced to fail.
+// checks/fault_injection/call_sites.py parses the macros below; a function that is neither here nor
+// in infallible_calls.txt is a finding.
 #pragma once
 
 #include <Python.h>
@@ -11,44 +11,40 @@
 #include <cstddef>
 
 #include "faults.h"
-#include "veldarin/modules/services.h"  // declares what is a macro below
+#include "veldarin/modules/native_services.h"  // declares functions that become macros below
 
 namespace faults {
 
-// How a result says that the call has failed: with an exception set, or quietly.
+// Failure modes: how a result shows that the call failed, and how to force that.
 struct null {
     static bool failed(const void *result) { return !result; }
     static std::nullptr_t fail() { return PyErr_NoMemory(), nullptr; }
 };
-struct null_quietly {
-    static bool failed(const void *result) { return !result; }
+struct null_without_error : null {
     static std::nullptr_t fail() { return nullptr; }
 };
-struct null_with_error {  // null alone is an answer
+struct null_with_error : null {  // null without an exception is a valid result
     static bool failed(const void *result) { return !result && PyErr_Occurred(); }
-    static std::nullptr_t fail() { return PyErr_NoMemory(), nullptr; }
 };
 struct negative {
     static bool failed(long long result) { return result < 0; }
     static int fail() { return PyErr_NoMemory(), -1; }
 };
-struct negative_with_error {  // a negative number alone is an answer
+struct negative_with_error : negative {  // a negative number without one is a valid result
     static bool failed(long long result) { return result < 0 && PyErr_Occurred(); }
-    static int fail() { return PyErr_NoMemory(), -1; }
 };
-struct zero_quietly {
+struct zero_without_error {
     static bool failed(long long result) { return result == 0; }
     static int fail() { return 0; }
 };
 
-// One call, from before it is made until its outcome is known.
-class Made {
+class TrackedCall {
 public:
-    Made(faults_site &site, const char *function)
+    TrackedCall(faults_site &site, const char *function)
         : site_(site), outer_(faults_enter(&site, function, &forced_)) {}
 
     [[nodiscard]] bool forced() const { return forced_; }
-    void ended(bool failed) { faults_leave(&site_, outer_, failed); }
+    void end(bool failed) { faults_leave(&site_, outer_, failed); }
 
 private:
     faults_site &site_;
@@ -56,71 +52,71 @@ private:
     faults_site *outer_;
 };
 
-template <typename How, typename Call>
-auto outcome(Made made, Call &&call) -> decltype(call()) {
-    using Result = decltype(call());
-    const Result result = made.forced() ? static_cast<Result>(How::fail()) : call();
-    made.ended(How::failed(result));
+template <typename FailureMode, typename Function>
+auto call(TrackedCall tracked, Function &&function) -> decltype(function()) {
+    using Result = decltype(function());
+    const Result result = tracked.forced() ? static_cast<Result>(FailureMode::fail()) : function();
+    tracked.end(FailureMode::failed(result));
     return result;
 }
 
-// What raises fails by raising something else, or by raising it without its text.
-inline bool misses(PyObject *wanted, bool worded) {
+// A function that raises fails by raising a different exception, or one without its message.
+inline bool raised_other(PyObject *expected) {
     PyObject *type = nullptr;
     PyObject *value = nullptr;
     PyObject *traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
     PyErr_Restore(type, value, traceback);
-    return type != wanted || (worded && !value);
+    return type != expected || !value;
 }
-template <typename Call>
-std::nullptr_t raised(Made made, PyObject *wanted, bool worded, Call &&call) {
-    if (made.forced()) PyErr_NoMemory();
-    else call();
-    made.ended(misses(wanted, worded));
+template <typename Function>
+std::nullptr_t raise(TrackedCall tracked, PyObject *type, Function &&function) {
+    if (tracked.forced()) PyErr_NoMemory();
+    else function();
+    tracked.end(raised_other(type));
     return nullptr;
 }
 
-// And what puts an exception in order, by leaving another one there.
-template <typename Call>
-void kept(Made made, PyObject **type, Call &&call) {
+// PyErr_NormalizeException fails by replacing the exception.
+template <typename Function>
+void normalize(TrackedCall tracked, PyObject **type, Function &&function) {
     PyObject *const before = *type;
-    if (!made.forced()) call();
-    made.ended(*type != before);
+    if (!tracked.forced()) function();
+    tracked.end(*type != before);
 }
 
 }  // namespace faults
 
-#define FAULTS_MADE(api, text)                                              \
-    faults::Made(                                                           \
-        []() -> faults_site & {                                             \
-            static faults_site site{__FILE__, __LINE__, #api "(" text ")", nullptr}; \
-            return site;                                                    \
-        }(),                                                                \
+#define FAULTS_TRACKED(api, text)                                                          \
+    faults::TrackedCall(                                                                   \
+        []() -> faults_site & {                                                            \
+            static faults_site site{__FILE__, __LINE__, #api "(" text ")", nullptr};       \
+            return site;                                                                   \
+        }(),                                                                               \
         __func__)
-#define FAULTS_CALL(how, api, arguments, text) \
-    faults::outcome<faults::how>(FAULTS_MADE(api, text), [&] { return api arguments; })
-#define FAULTS_RAISE(api, type, worded, arguments, text) \
-    faults::raised(FAULTS_MADE(api, text), type, worded, [&] { api arguments; })
-#define FAULTS_KEEP(api, type, arguments, text) \
-    faults::kept(FAULTS_MADE(api, text), type, [&] { api arguments; })
+#define FAULTS_CALL(mode, api, arguments, text) \
+    faults::call<faults::mode>(FAULTS_TRACKED(api, text), [&] { return api arguments; })
+#define FAULTS_RAISE(api, type, arguments, text) \
+    faults::raise(FAULTS_TRACKED(api, text), type, [&] { api arguments; })
+#define FAULTS_NORMALIZE(api, type, arguments, text) \
+    faults::normalize(FAULTS_TRACKED(api, text), type, [&] { api arguments; })
 
 // clang-format off
 #define PyBytes_FromString(...)           FAULTS_CALL(null, PyBytes_FromString, (__VA_ARGS__), #__VA_ARGS__)
 #define PyCapsule_GetName(...)            FAULTS_CALL(null_with_error, PyCapsule_GetName, (__VA_ARGS__), #__VA_ARGS__)
 #define PyCapsule_GetPointer(...)         FAULTS_CALL(null, PyCapsule_GetPointer, (__VA_ARGS__), #__VA_ARGS__)
-#define PyCapsule_IsValid(...)            FAULTS_CALL(zero_quietly, PyCapsule_IsValid, (__VA_ARGS__), #__VA_ARGS__)
+#define PyCapsule_IsValid(...)            FAULTS_CALL(zero_without_error, PyCapsule_IsValid, (__VA_ARGS__), #__VA_ARGS__)
 #define PyCode_NewEmpty(...)              FAULTS_CALL(null, PyCode_NewEmpty, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_DelItem(...)               FAULTS_CALL(negative, PyDict_DelItem, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_GetItemWithError(...)      FAULTS_CALL(null_with_error, PyDict_GetItemWithError, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_New(...)                   FAULTS_CALL(null, PyDict_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_SetItem(...)               FAULTS_CALL(negative, PyDict_SetItem, (__VA_ARGS__), #__VA_ARGS__)
 #define PyDict_SetItemString(...)         FAULTS_CALL(negative, PyDict_SetItemString, (__VA_ARGS__), #__VA_ARGS__)
-#define PyErr_Format(type, ...)           FAULTS_RAISE(PyErr_Format, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
-#define PyErr_NormalizeException(type, ...) FAULTS_KEEP(PyErr_NormalizeException, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
-#define PyErr_SetImportError(...)         FAULTS_RAISE(PyErr_SetImportError, PyExc_ImportError, true, (__VA_ARGS__), #__VA_ARGS__)
-#define PyErr_SetObject(type, ...)        FAULTS_RAISE(PyErr_SetObject, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
-#define PyErr_SetString(type, ...)        FAULTS_RAISE(PyErr_SetString, type, true, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_Format(type, ...)           FAULTS_RAISE(PyErr_Format, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_NormalizeException(type, ...) FAULTS_NORMALIZE(PyErr_NormalizeException, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_SetImportError(...)         FAULTS_RAISE(PyErr_SetImportError, PyExc_ImportError, (__VA_ARGS__), #__VA_ARGS__)
+#define PyErr_SetObject(type, ...)        FAULTS_RAISE(PyErr_SetObject, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
+#define PyErr_SetString(type, ...)        FAULTS_RAISE(PyErr_SetString, type, (type, __VA_ARGS__), #type ", " #__VA_ARGS__)
 #define PyErr_WarnFormat(...)             FAULTS_CALL(negative, PyErr_WarnFormat, (__VA_ARGS__), #__VA_ARGS__)
 #define PyFrame_New(...)                  FAULTS_CALL(null, PyFrame_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyImport_AddModule(...)           FAULTS_CALL(null, PyImport_AddModule, (__VA_ARGS__), #__VA_ARGS__)
@@ -132,7 +128,7 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyList_New(...)                   FAULTS_CALL(null, PyList_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyLong_FromLong(...)              FAULTS_CALL(null, PyLong_FromLong, (__VA_ARGS__), #__VA_ARGS__)
 #define PyLong_FromUnsignedLong(...)      FAULTS_CALL(null, PyLong_FromUnsignedLong, (__VA_ARGS__), #__VA_ARGS__)
-#define PyMem_Malloc(...)                 FAULTS_CALL(null_quietly, PyMem_Malloc, (__VA_ARGS__), #__VA_ARGS__)
+#define PyMem_Malloc(...)                 FAULTS_CALL(null_without_error, PyMem_Malloc, (__VA_ARGS__), #__VA_ARGS__)
 #define PyModule_GetFilenameObject(...)   FAULTS_CALL(null, PyModule_GetFilenameObject, (__VA_ARGS__), #__VA_ARGS__)
 #define PyModule_NewObject(...)           FAULTS_CALL(null, PyModule_NewObject, (__VA_ARGS__), #__VA_ARGS__)
 #define PyNumber_Add(...)                 FAULTS_CALL(null, PyNumber_Add, (__VA_ARGS__), #__VA_ARGS__)
@@ -157,12 +153,11 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyUnicode_InternFromString(...)   FAULTS_CALL(null, PyUnicode_InternFromString, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_New(...)                FAULTS_CALL(null, PyUnicode_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_Replace(...)            FAULTS_CALL(null, PyUnicode_Replace, (__VA_ARGS__), #__VA_ARGS__)
-#define Py_BuildValue(...)                FAULTS_CALL(null, Py_BuildValue, (__VA_ARGS__), #__VA_ARGS__)
 #define _PyDict_MergeEx(...)              FAULTS_CALL(negative, _PyDict_MergeEx, (__VA_ARGS__), #__VA_ARGS__)
 #define _PyObject_LookupAttr(...)         FAULTS_CALL(negative, _PyObject_LookupAttr, (__VA_ARGS__), #__VA_ARGS__)
-#define _PyType_Lookup(...)               FAULTS_CALL(null_quietly, _PyType_Lookup, (__VA_ARGS__), #__VA_ARGS__)
+#define _PyType_Lookup(...)               FAULTS_CALL(null_without_error, _PyType_Lookup, (__VA_ARGS__), #__VA_ARGS__)
 
-// Macros of the interpreter's, over calls that can fail.
+// The interpreter's macros that expand to fallible calls.
 #undef PyCFunction_NewEx
 #define PyCFunction_NewEx(method, self, module) \
     FAULTS_CALL(null, PyCMethod_New, (method, self, module, nullptr), #method ", " #self ", " #module)
@@ -173,6 +168,6 @@ void kept(Made made, PyObject **type, Call &&call) {
 #define PyUnicode_READY(text) \
     (PyUnicode_IS_READY(text) ? 0 : FAULTS_CALL(negative, _PyUnicode_Ready, (text), #text))
 
-// Of the native services one can fail for want of memory.
-#define json_object_to_json_string(...)   FAULTS_CALL(null_quietly, json_object_to_json_string, (__VA_ARGS__), #__VA_ARGS__)
+// The only native service that can fail for lack of memory.
+#define json_object_to_json_string(...)   FAULTS_CALL(null_without_error, json_object_to_json_string, (__VA_ARGS__), #__VA_ARGS__)
 // clang-format on

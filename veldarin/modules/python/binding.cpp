@@ -1,0 +1,102 @@
+// Binds arguments in this order: positional ones, each other parameter by its exact name, keywords
+// that remain, defaults. Then it tests the types.
+#include "veldarin/modules/python/binding.h"
+
+namespace modules_util {
+
+namespace {
+
+bool raise_wrong_count(const char *name, const Function &function, Py_ssize_t given) {
+    const bool too_many = given > function.count();
+    const bool exact = function.count() == function.required();
+    const Py_ssize_t limit = too_many ? function.count() : function.required();
+    PyErr_Format(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
+                 name,
+                 exact      ? "exactly"
+                 : too_many ? "at most"
+                            : "at least",
+                 limit, limit == 1 ? "" : "s", given);
+    return false;
+}
+
+// The index of the parameter that a keyword names, or -1.
+int find_parameter(const Function &function, PyObject *keyword) {
+    for (int i = 0; i < function.count(); ++i) {
+        if (PyUnicode_Compare(keyword, interned[function.parameters[i].name]) == 0) return i;
+    }
+    return -1;
+}
+
+// Checks every keyword in order, so that the first faulty one is reported. Binds a keyword that the
+// exact look-up missed because its type, a subclass of str, compares or hashes differently.
+bool check_keywords(const char *name, const Function &function, PyObject *keywords,
+                    Py_ssize_t given, Ref *bound) {
+    PyObject *keyword = nullptr;
+    PyObject *value = nullptr;
+    for (Py_ssize_t at = 0; PyDict_Next(keywords, &at, &keyword, &value);) {
+        if (!PyUnicode_Check(keyword)) {
+            PyErr_Format(PyExc_TypeError, "%.200s() keywords must be strings", name);
+            return false;
+        }
+        const int index = find_parameter(function, keyword);
+        if (PyErr_Occurred()) return false;
+        if (index < 0) {
+            PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%U'", name,
+                         keyword);
+            return false;
+        }
+        if (index < given) {
+            PyErr_Format(PyExc_TypeError, "%s() got multiple values for keyword argument '%U'",
+                         name, keyword);
+            return false;
+        }
+        if (!bound[index]) bound[index] = Ref::borrow(value);
+    }
+    return true;
+}
+
+bool bind_keywords(const char *name, const Function &function, PyObject *keywords, Py_ssize_t given,
+                   Ref *bound) {
+    Py_ssize_t left = PyDict_GET_SIZE(keywords);
+    for (Py_ssize_t i = given; left > 0 && i < function.count(); ++i) {
+        PyObject *parameter = interned[function.parameters[i].name];
+        bound[i] = Ref::borrow(PyDict_GetItemWithError(keywords, parameter));
+        if (bound[i]) --left;
+        else if (PyErr_Occurred()) return false;
+    }
+    return left == 0 || check_keywords(name, function, keywords, given, bound);
+}
+
+}  // namespace
+
+void raise_wrong_type(const Parameter &parameter, PyObject *argument) {
+    PyErr_Format(
+        PyExc_TypeError, "Argument '%.200U' has incorrect type (expected %.200s, got %.200s)",
+        interned[parameter.name], accepted_type(parameter)->tp_name, Py_TYPE(argument)->tp_name);
+}
+
+bool bind(const char *name, const Function &function, PyObject *positional, PyObject *keywords,
+          PyObject *shared_dict, Ref *bound) {
+    const Py_ssize_t given = PyTuple_GET_SIZE(positional);
+    if (given > function.count()) return raise_wrong_count(name, function, given);
+    if (!keywords && given < function.required()) return raise_wrong_count(name, function, given);
+
+    for (Py_ssize_t i = 0; i < given; ++i) {
+        bound[i] = Ref::borrow(PyTuple_GET_ITEM(positional, i));
+    }
+    if (keywords && !bind_keywords(name, function, keywords, given, bound)) return false;
+
+    for (Py_ssize_t i = given; i < function.count(); ++i) {
+        const Parameter &parameter = function.parameters[i];
+        if (bound[i]) continue;
+        if (parameter.is_required()) return raise_wrong_count(name, function, given);
+        bound[i] =
+            Ref::borrow(parameter.default_kind == Parameter::shared_dict ? shared_dict : Py_None);
+    }
+    for (int i = 0; i < function.count(); ++i) {
+        if (!accepts(function.parameters[i], bound[i].get())) return false;
+    }
+    return true;
+}
+
+}  // namespace modules_util

@@ -1,8 +1,0 @@
-// The one copy of the module's state.
-#include "state.h"
-
-namespace modules_util {
-
-State state;
-
-}  // namespace modules_util

@@ -1,0 +1,91 @@
+// Creates strings and caches the short ones.
+#include "veldarin/modules/text/string_cache.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
+namespace modules_util {
+
+namespace {
+
+char *ascii_data(PyObject *string) {
+    return reinterpret_cast<char *>(reinterpret_cast<PyASCIIObject *>(string) + 1);
+}
+
+bool equals(PyObject *string, TextView text) {
+    const Py_ssize_t size = PyUnicode_GET_LENGTH(string);
+    return size == text.size() &&
+           std::memcmp(ascii_data(string), text.begin, static_cast<size_t>(size)) == 0;
+}
+
+char *copy(TextView text, char *to) {
+    std::memcpy(to, text.begin, static_cast<size_t>(text.size()));
+    return to + text.size();
+}
+
+[[gnu::cold]] PyObject *decode(TextView text) {
+    Py_ssize_t length = 0;
+    Py_UCS4 widest = 0;
+    for (const char *at = text.begin; at != text.end; ++length) {
+        widest = std::max<Py_UCS4>(widest, next_code_point(at));
+    }
+    PyObject *string = PyUnicode_New(length, widest);
+    if (!string) return nullptr;
+    const auto kind = PyUnicode_KIND(string);
+    void *const data = PyUnicode_DATA(string);
+    const char *at = text.begin;
+    for (Py_ssize_t i = 0; i < length; ++i) PyUnicode_WRITE(kind, data, i, next_code_point(at));
+    return string;
+}
+
+}  // namespace
+
+PyObject *StringCache::new_string(TextView text) const {
+    if (!is_ascii_) return decode(text);
+    PyObject *string = PyUnicode_New(text.size(), 127);
+    if (string) copy(text, ascii_data(string));
+    return string;
+}
+
+PyObject *StringCache::cached_string(TextView text) {
+    if (!is_ascii_ || text.size() > max_cached) return new_string(text);
+    Ref &cached = cache_[slot_index(text)];
+    if (!cached || !equals(cached.get(), text)) {
+        Ref string = make(text);
+        if (!string) return nullptr;
+        cached = std::move(string);
+    }
+    return Ref::borrow(cached.get()).release();
+}
+
+Ref StringCache::join(TextView left, TextView between, TextView right) {
+    char joined[max_cached];
+    if (left.size() + between.size() + right.size() <= max_cached) {
+        return make_cached({joined, copy(right, copy(between, copy(left, joined)))});
+    }
+    const Ref first = make(left);
+    if (!first) return {};
+    const Ref second = make(right);
+    if (!second) return {};
+    return Ref::steal(PyUnicode_FromFormat("%U%s%U", first.get(), between.begin, second.get()));
+}
+
+// Hashes the length and the first and last four bytes; table values usually differ there.
+size_t StringCache::slot_index(TextView text) {
+    uint32_t first = 0;
+    uint32_t last = 0;
+    if (text.size() >= static_cast<ptrdiff_t>(sizeof last)) {
+        std::memcpy(&first, text.begin, sizeof first);
+        std::memcpy(&last, text.end - sizeof last, sizeof last);
+    } else {
+        for (const char *at = text.begin; at != text.end; ++at) {
+            first = first * 256 + static_cast<unsigned char>(*at);
+        }
+    }
+    const auto size = static_cast<uint32_t>(text.size());
+    const uint32_t mixed = ((first * 31 + last) * 31 + size) * 0x165667B1;
+    return mixed / (UINT32_MAX / slots + 1);
+}
+
+}  // namespace modules_util

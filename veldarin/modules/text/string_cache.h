@@ -1,0 +1,40 @@
+// Creates the strings that a parser returns from views of its text.
+#pragma once
+
+#include "veldarin/modules/python/ref.h"
+#include "veldarin/modules/text/utf8_text.h"
+
+namespace modules_util {
+
+// Every method that returns a Ref returns a new reference, or nothing with MemoryError set.
+class StringCache {
+public:
+    // Strings up to this length are built on the stack and cached.
+    static constexpr ptrdiff_t max_cached = 64;
+
+    explicit StringCache(const Utf8Text &text) : is_ascii_(text.is_ascii) {}
+
+    // Whether the text, and so every view of it, is ASCII.
+    [[nodiscard]] bool is_ascii() const { return is_ascii_; }
+
+    [[nodiscard]] Ref make(TextView text) const { return Ref::steal(new_string(text)); }
+
+    // Returns the same object again for a short ASCII text that was made recently: values repeat
+    // within a table.
+    Ref make_cached(TextView text) { return Ref::steal(cached_string(text)); }
+
+    // left + between + right
+    Ref join(TextView left, TextView between, TextView right);
+
+private:
+    static constexpr size_t slots = 256;
+    static size_t slot_index(TextView text);
+
+    [[nodiscard]] PyObject *new_string(TextView text) const;
+    PyObject *cached_string(TextView text);
+
+    bool is_ascii_;
+    Ref cache_[slots];
+};
+
+}  // namespace modules_util
