@@ -1,78 +1,98 @@
-"""docs/benchmarks.md: the tables and pictures of a run, the machine they are of, and what people
-have noted beside them."""
+"""Writes docs/benchmarks.md and its plots from the results of a run; notes.md comes at the end."""
 
 from __future__ import annotations
 
 import platform
-from collections.abc import Iterable, Sequence
+import re
+from collections.abc import Iterable, Mapping, Sequence
+from dataclasses import dataclass
 from importlib import metadata
 from pathlib import Path
+from typing import Any
 
-from benchmarks import regression
-from benchmarks.measure import Run
-from benchmarks.tables import Table, all_tables
+from benchmarks import measure, regression, thresholds, workloads
+from benchmarks.cli_samples import Variant
+from benchmarks.competitors import CYTHON, IMPORT_NAMES, MODULE
+from benchmarks.measure import Results, Times
+from benchmarks.workloads import LOWER_BOUND, WITH_BYTES, Workload
 from veldarin_simulator import native_library
 
 PAGE = native_library.ROOT / "docs" / "benchmarks.md"
-PICTURES = PAGE.with_suffix("")
+_PLOTS = PAGE.with_suffix("")
 _NOTES = Path(__file__).with_name("notes.md")
-_PEERS = ("Cython", "textfsm", "ttp")
 
 _OPENING = """\
-# What a call costs
+# Benchmarks
 
-Written by `make bench`, from one run. What people add goes into `benchmarks/notes.md` and comes at
-the end.
+`make bench` writes this page from one run; `make bench ARGS=report` writes it from the last run
+again. The notes at the end come from `benchmarks/notes.md`.
 
-The module is `{product}`; it is compared with
+The module is `{module}`; it is compared with
 
-- **floor**: what nobody can do without. A builtin that makes the result again from strings that are
-  ready: new dictionaries, new strings, a new list, nothing searched. Keys are shared ones.
-- **Cython** {cython}: the same functions written statement by statement and compiled with Cython's
-  defaults and the interpreter's own flags, over the same native services.
-- **split** and **regex**: plain Python, by `str.split` and by one compiled pattern a table.
-- **TextFSM** {textfsm} and **TTP** {ttp}: templates, compiled once. They are not asked for more
-  than 1,000 rows.
+- **lower bound**: the work that no implementation can avoid. A builtin copies the result from its
+  own strings: it makes new dictionaries, new strings and a new list, and shares the keys.
+- **Cython** {cython}: the same functions written statement by statement, compiled with Cython's
+  defaults and the interpreter's own flags, with the same native services. Its parsers are those of
+  the tests' reference model.
+- **split** and **regex**: plain Python, with `str.split` and with one compiled pattern per table.
+- **TextFSM** {textfsm} and **TTP** {ttp}: templates, compiled once, with at most 1,000 rows.
 
-All but the Cython module get their text from the module's own `get_cli_command_output`. Each
-returns the same as the module, compared by `repr` before anything is measured. Native replies are
-canned: no Python runs inside a native call. Texts come in two variants: *repeating*, where ages,
-interfaces and markers come again as in a real table, and *distinct*, where no value comes twice.
+All but the Cython module read the text with the module's own `get_cli_command_output`. Before
+measuring, the runner checks that each competitor returns the module's result, compared by `repr`.
+Native replies are fixed: no Python code runs inside a native call. Texts come in two variants:
+*repeating*, where ages, interfaces and markers repeat as in a real table, and *distinct*, where no
+value repeats.
 
-Times are processor time of the calling thread; every round runs each contender once, back and
-forth, and the median round counts. The release of the result is in every figure. The garbage
+Times are processor time of the calling thread. Each round runs each competitor once, back and
+forth; the figures are medians of the rounds. They include the release of the result. The garbage
 collector is off. Measured on {machine}; {toolchain}.
 """
 
+# Color and marker by competitor, in the order of the legend and of the tables' columns.
+_STYLES = {
+    MODULE: ("#c1272d", "o"),
+    LOWER_BOUND: ("#555555", "x"),
+    CYTHON: ("#0072b2", "s"),
+    "split": ("#009e73", "^"),
+    "regex": ("#e69f00", "v"),
+    "TextFSM": ("#cc79a7", "D"),
+    "TTP": ("#56b4e9", "P"),
+}
+_ALL = list(_STYLES)
+_COUNTED = _ALL[:5]
 
-def write(run: Run, pictures: Iterable[Path]) -> None:
-    """Writes the page."""
-    parts = [_opening(), *(_section(table) for table in all_tables(run))]
-    parts.append("## Cost against size\n\n" + "\n".join(map(_picture, pictures)) + "\n")
-    parts.append(_NOTES.read_text())
-    PAGE.write_text("\n".join(parts))
+
+@dataclass(frozen=True)
+class Table:
+    """One section of the page."""
+
+    title: str
+    explanation: str
+    headings: Sequence[str]
+    rows: Sequence[Sequence[str]]
 
 
-def _opening() -> str:
-    return _OPENING.format(
-        product="veldarin.modules.modules_util",
-        **{name.lower(): metadata.version(name) for name in _PEERS},
+def write(results: Results) -> None:
+    """Write the page and the plots."""
+    opening = _OPENING.format(
+        module=IMPORT_NAMES[MODULE],
+        **{name.lower(): metadata.version(name) for name in ("Cython", "textfsm", "ttp")},
         machine=_processor(),
         toolchain=regression.toolchain(),
     )
+    sections = [
+        f"## {table.title}\n\n{table.explanation}\n\n{_markdown(table)}\n"
+        for table in tables(results)
+    ]
+    plots = "".join(f"![{file.stem}]({_PLOTS.name}/{file.name})\n" for file in _plot(results))
+    parts = [opening, *sections, f"## Cost by size\n\n{plots}", _NOTES.read_text()]
+    PAGE.write_text("\n".join(parts))
 
 
-def _section(table: Table) -> str:
-    return f"## {table.title}\n\n{table.explanation}\n\n{_markdown(table.head, table.rows)}\n"
-
-
-def _markdown(head: Sequence[str], rows: Sequence[Sequence[str]]) -> str:
-    rule = ["---", *("--:" for _ in head[1:])]
-    return "\n".join("| " + " | ".join(cells) + " |" for cells in (head, rule, *rows))
-
-
-def _picture(file: Path) -> str:
-    return f"![{file.stem}]({PICTURES.name}/{file.name})"
+def _markdown(table: Table) -> str:
+    rule = ["---", *("--:" for _ in table.headings[1:])]
+    rows = (table.headings, rule, *table.rows)
+    return "\n".join("| " + " | ".join(cells) + " |" for cells in rows)
 
 
 def _processor() -> str:
@@ -80,3 +100,298 @@ def _processor() -> str:
         if line.startswith("model name"):
             return line.partition(":")[2].strip()
     return platform.machine()
+
+
+# ------------------------------------------------------------------ tables
+
+
+def tables(results: Results) -> list[Table]:
+    """Return the tables of the page, those of machine-independent figures first."""
+    return [
+        _instructions(results),
+        _allocations(results),
+        _memory(results),
+        _thresholds(results),
+        _times(results),
+        _growth(results),
+        _status_queries(results),
+        _single_calls(results),
+        _import_and_file(results),
+    ]
+
+
+def _instructions(results: Results) -> Table:
+    counts = {**results.counts.instructions, "import": results.counts.imports}
+    return Table(
+        "Instructions",
+        "Per row of a table, or per call. Callgrind counts n and 5n calls, with the release of the "
+        "result; the figure is the difference. The import is a single one, siblings loaded.",
+        ["workload", *_COUNTED, *_ratios(LOWER_BOUND)],
+        [
+            [
+                name,
+                *(_number(row.get(column)) for column in _COUNTED),
+                _quotient(row, MODULE, LOWER_BOUND),
+                _quotient(row, CYTHON, MODULE),
+            ]
+            for name, row in counts.items()
+        ],
+    )
+
+
+def _allocations(results: Results) -> Table:
+    return Table(
+        "Allocations",
+        "New and resized blocks of the interpreter's allocator, per row or per call.",
+        ["workload", *_COUNTED],
+        [
+            [name, *(_number(row.get(column), 3) for column in _COUNTED)]
+            for name, row in results.counts.allocations.items()
+        ],
+    )
+
+
+def _memory(results: Results) -> Table:
+    return Table(
+        "Memory per returned row",
+        "Bytes of the result / peak during the call, including the result, the command's output "
+        "and its copies; by tracemalloc.",
+        ["workload", *_COUNTED],
+        [
+            [
+                table.name,
+                *(f"{row[column].held:,.0f} / {row[column].peak:,.0f}" for column in _COUNTED),
+            ]
+            for table in workloads.TABLES
+            if table.rows == workloads.THRESHOLD_SIZE
+            for row in [results.memory[table.name]]
+        ],
+    )
+
+
+def _thresholds(results: Results) -> Table:
+    return Table(
+        "Thresholds",
+        "Processor time, unless the row says otherwise.",
+        ["workload", "threshold", "measured", ""],
+        [
+            [
+                each.subject,
+                str(each),
+                f"{each.figure(results):.3g} {each.unit}",
+                "met" if each.is_met(results) else "not met",
+            ]
+            for each in thresholds.THRESHOLDS
+        ],
+    )
+
+
+def _times(results: Results) -> Table:
+    return Table(
+        "Tables",
+        "Nanoseconds per row: medians. Ratios are medians of the rounds' ratios.",
+        ["workload", *_ALL, *_ratios(LOWER_BOUND), f"split / {MODULE}"],
+        [
+            [
+                table.name,
+                *_medians(times, _ALL),
+                f"{times[MODULE].over(times[LOWER_BOUND]):.2f}",
+                f"{times[CYTHON].over(times[MODULE]):.2f}",
+                f"{times['split'].over(times[MODULE]):.2f}",
+            ]
+            for table in workloads.TABLES
+            for times in [results.times[table.name]]
+        ],
+    )
+
+
+def _growth(results: Results) -> Table:
+    columns = _ALL[:4]
+    size = f"{workloads.THRESHOLD_SIZE:,}"
+    return Table(
+        "Growth",
+        f"Time per row at {workloads.SIZES[-1]:,} rows, divided by that at {size}. The lower bound "
+        "grows too: larger results do not fit the caches.",
+        ["workload", *columns],
+        [
+            [
+                parser(workloads.THRESHOLD_SIZE, variant).name.replace(f" {size}", ""),
+                *(f"{thresholds.growth(results, parser, variant, name):.2f}" for name in columns),
+            ]
+            for parser in workloads.PARSERS
+            for variant in Variant
+        ],
+    )
+
+
+def _status_queries(results: Results) -> Table:
+    columns = _ALL[:3]
+    rows = []
+    for workload in (*workloads.BRIDGES, *workloads.NO_PARSE_BRIDGES):
+        times = results.times[workload.name]
+        pairs = ((MODULE, LOWER_BOUND), (CYTHON, LOWER_BOUND), (LOWER_BOUND, WITH_BYTES))
+        differences = [times[above].minus(times[below]) for above, below in pairs]
+        rows.append(
+            [
+                workload.name,
+                *(_number(times[name].median / 1000, 4) for name in columns),
+                *(f"{figure / 1000:+.2f} ± {error / 1000:.2f}" for figure, error in differences),
+                f"{times[MODULE].over(times[CYTHON]):.3f}",
+            ]
+        )
+    return Table(
+        "Status queries",
+        "Microseconds per call. The lower bound makes both JSONObjects, calls the same service and "
+        "`json_object_to_json_string`, makes bytes of the text, calls `ujson.loads` and releases "
+        'both objects; the columns above it show each module\'s own work. "Bytes" is the time to '
+        "make the bytes for `loads`. Differences have their standard error. In *no-parse* calls "
+        "json-c copies a ready text and `loads` is an empty builtin, which makes small differences "
+        "measurable.",
+        [
+            "workload",
+            *columns,
+            f"{MODULE} above lower bound",
+            f"{CYTHON} above lower bound",
+            "bytes",
+            f"{MODULE} / {CYTHON}",
+        ],
+        rows,
+    )
+
+
+def _single_calls(results: Results) -> Table:
+    columns = [MODULE, LOWER_BOUND, "empty", CYTHON, "deepcopy"]
+    return Table(
+        "Single calls",
+        "Nanoseconds per call, from a loop in C. The lower bound of a trivial call is a builtin "
+        "with the same calling convention that calls the same service and converts its reply; "
+        "`empty` is one that returns None. `deepcopy` is the `copy.deepcopy` of the sessions that "
+        "`list_bfd_neighbor` makes.",
+        ["workload", *columns, *_ratios(LOWER_BOUND)],
+        [
+            [
+                workload.name,
+                *_medians(times, columns, 4),
+                f"{times[MODULE].over(times[LOWER_BOUND]):.3f}" if LOWER_BOUND in times else "",
+                f"{times[CYTHON].over(times[MODULE]):.2f}",
+            ]
+            for workload in [workloads.LISTING, *workloads.OUTPUTS, *workloads.CALLS]
+            for times in [results.times[workload.name]]
+        ],
+    )
+
+
+def _import_and_file(results: Results) -> Table:
+    imports, sizes = results.imports, results.sizes
+    return Table(
+        "Import and file",
+        f"The import is processor time in a new process with siblings and packages loaded: the "
+        f"median of {measure.IMPORT_ROUNDS}. `{measure.NAMEDTUPLE}` is the creation of the record "
+        "type, part of every import. Files are stripped.",
+        ["", MODULE, CYTHON, f"{MODULE} / {CYTHON}", measure.NAMEDTUPLE],
+        [
+            [
+                "import, µs",
+                *(f"{imports[name].median / 1000:,.0f}" for name in (MODULE, CYTHON)),
+                f"{imports[MODULE].over(imports[CYTHON]):.2f}",
+                f"{imports[measure.NAMEDTUPLE].median / 1000:,.0f}",
+            ],
+            [
+                "file, bytes",
+                *(f"{sizes[name]:,}" for name in (MODULE, CYTHON)),
+                f"{sizes[MODULE] / sizes[CYTHON]:.2f}",
+                "",
+            ],
+        ],
+    )
+
+
+def _ratios(lower_bound: str) -> list[str]:
+    return [f"{MODULE} / {lower_bound}", f"{CYTHON} / {MODULE}"]
+
+
+def _quotient(row: Mapping[str, float], dividend: str, divisor: str) -> str:
+    return f"{row[dividend] / row[divisor]:.2f}" if {dividend, divisor} <= row.keys() else ""
+
+
+def _medians(times: Mapping[str, Times], names: Iterable[str], digits: int = 0) -> list[str]:
+    return [_number(times[name].median, digits) if name in times else "" for name in names]
+
+
+def _number(figure: float | None, digits: int = 0) -> str:
+    """Format with that many significant digits, or as a whole number."""
+    if figure is None:
+        return ""
+    if digits and figure < 10 ** (digits - 1):
+        return f"{figure:.{digits}g}"
+    return f"{figure:,.0f}"
+
+
+# ------------------------------------------------------------------ plots
+
+
+def _plot(results: Results) -> list[Path]:
+    """Write log-log plots of cost by size and return their paths."""
+    _PLOTS.mkdir(exist_ok=True)
+    files = []
+    for parser in workloads.PARSERS:
+        title, unit = parser(1, Variant.REPEATING).name.replace("1 ", "").split(", ")[:2]
+        panels = {
+            f"{title}, {variant.value}": {size: parser(size, variant) for size in workloads.SIZES}
+            for variant in Variant
+        }
+        files.append(_draw(results, panels, unit, _ALL, title.lower()))
+    bridges = dict(zip((1_000, 100_000, 5_000_000), workloads.BRIDGES[1:]))
+    panels = {"status query": bridges}
+    return [*files, _draw(results, panels, "bytes of the reply", _ALL[:3], "bridge")]
+
+
+def _draw(
+    results: Results,
+    panels: Mapping[str, Mapping[int, Workload]],
+    unit: str,
+    names: Sequence[str],
+    stem: str,
+) -> Path:
+    """Draw panels of workloads by size and title, with one line per competitor."""
+    import matplotlib as mpl
+
+    mpl.use("svg")
+    # Text stays text, and equal figures give equal files.
+    mpl.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "benchmarks", "font.size": 9})
+    from matplotlib import pyplot as plt
+
+    width = 4.2 * len(panels)
+    figure, (axes,) = plt.subplots(
+        1, len(panels), figsize=(width, 3.6), sharey=True, squeeze=False, layout="constrained"
+    )
+    for axis, (title, sized) in zip(axes, panels.items()):
+        for name in names:
+            _draw_line(axis, results, sized, name)
+        axis.set(xscale="log", yscale="log", title=title, xlabel=unit)
+        axis.minorticks_off()
+        axis.grid(visible=True, linewidth=0.3)
+    axes[0].set_ylabel("µs per call, processor time")
+    axes[-1].legend(frameon=False)
+    file = _PLOTS / f"{stem}.svg"
+    figure.savefig(file, metadata={"Date": None})
+    _shrink(file)
+    return file
+
+
+def _draw_line(axis: Any, results: Results, sized: Mapping[int, Workload], name: str) -> None:
+    points = {
+        size: results.times[workload.name][name].median * workload.rows / 1000
+        for size, workload in sized.items()
+        if name in results.times[workload.name]
+    }
+    color, marker = _STYLES[name]
+    axis.plot(
+        *zip(*points.items()), color=color, marker=marker, markersize=4, linewidth=1, label=name
+    )
+
+
+def _shrink(file: Path) -> None:
+    """Round coordinates to tenths of a point; remove comments and white space between elements."""
+    text = re.sub(r"<!--.*?-->|(?<=>)\s+(?=<)", "", file.read_text())
+    file.write_text(re.sub(r"(\d\.\d)\d+", r"\1", text) + "\n")
