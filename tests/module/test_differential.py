@@ -20,8 +20,9 @@ import pytest
 from hypothesis import HealthCheck, example, given, settings
 from hypothesis import strategies as st
 
+from benchmarks.hostile import RUNNER, SIZES, TEXTS, HostileText
 from tests.support import reference
-from tests.support.assertions import line, taken_apart
+from tests.support.assertions import assert_same, failure, line, taken_apart
 from tests.support.fake_cli import CommandLine
 from veldarin_simulator import Simulator
 
@@ -68,15 +69,15 @@ class Both:
         """
         our_arguments, ours = _called(self.native, function, make)
         their_arguments, theirs = _called(self.plain, function, make)
-        assert taken_apart(our_arguments) == taken_apart(their_arguments)
-        assert self.native.logged == self.plain.logged
-        assert self.native.commands == self.plain.commands
-        assert taken_apart(self.native.shared) == taken_apart(self.plain.shared)
+        assert_same(our_arguments, their_arguments, "the arguments")
+        assert_same(self.native.logged, self.plain.logged, "the log")
+        assert_same(self.native.commands, self.plain.commands, "the commands")
+        assert_same(self.native.shared, self.plain.shared, "the shared dictionary")
         if isinstance(ours, Exception) and isinstance(theirs, Exception):
             assert (type(ours).__name__, str(ours)) == (type(theirs).__name__, str(theirs))
             same_statement(function, ours, theirs)
         else:
-            assert taken_apart(ours) == taken_apart(theirs)
+            assert_same(ours, theirs, "the result")
         return ours
 
 
@@ -88,6 +89,27 @@ def _called(
         return arguments, getattr(cli.parser, function)(*arguments)
     except Exception as error:
         return arguments, error
+
+
+@pytest.mark.parametrize(
+    "ours, theirs, message",
+    [
+        ([{"a": 1}], [{"a": True}], "it[0]['a']: int 1 instead of bool True"),
+        ({"a": 1, "b": 2}, {"b": 2, "a": 1}, "it, a key: 'a' instead of 'b' at character 0"),
+        (["a" * 9999 + "b"], ["a" * 9999], "it[0]: 'b' instead of '' at character 9999"),
+        ([["a"], []], [["a"]], "it: 2 items instead of 1"),
+        ((), [], "it: tuple () instead of list []"),
+        (Text("a"), "a", "it: Text 'a' instead of str 'a'"),
+        (None, {"a": "b" * 9999}, None),
+    ],
+)
+def test_difference_of_values_gives_short_message(
+    ours: object, theirs: object, message: str | None
+) -> None:
+    assert_same(ours, deepcopy(ours), "it")
+    found = str(failure(AssertionError, assert_same, ours, theirs, "it"))
+    assert len(found) < 200
+    assert message in (None, found)
 
 
 # (function, line in the twin) -> line in the native module
@@ -547,6 +569,18 @@ def strings(value: Any) -> Iterator[str]:
     else:
         for each in value:
             yield from strings(each)
+
+
+# Texts on which a scan within a scan would show
+
+
+@pytest.mark.parametrize(
+    "text", [each for each in TEXTS if each.function != RUNNER], ids=lambda text: text.name
+)
+def test_hostile_texts(both: Both, text: HostileText) -> None:
+    both.print(text.output(SIZES[0]))
+    result = both.check(text.function, *(partial(deepcopy, made) for made in text.arguments()))
+    assert isinstance(result, IndexError) == text.fails
 
 
 # The command runner, and the whole way through the host

@@ -79,17 +79,23 @@ def command(answers: dict[str, Reply], text: bytes) -> Reply:
 
 
 def test_physical_interfaces_are_those_of_ip_link(simulator: Simulator, module: ModuleType) -> None:
-    show = "ip -j addr show > /dev/shm/appliance-links.$$; exec 3< /dev/shm/appliance-links.$$"
+    """The kernel adds link-local addresses a while after a link is up: the tool is run before and
+    after the call, until both runs show the same."""
     result, expected = run_in_namespace(
         (
             *PORTS,
             "ip link add port9 mtu 1280 address 02:00:00:00:00:99 type veth peer name port10",
             "ip -6 address add 2001:db8::1/64 dev port1 nodad",
-            show,
-            "rm /dev/shm/appliance-links.$$",
         ),
-        "import json, os; from veldarin_simulator.providers import links\n"
-        "print(json.dumps([links.physical_interfaces({}), json.load(os.fdopen(3))]))",
+        "import json\n"
+        "from tests.support.netns import ip_json\n"
+        "from veldarin_simulator.providers import links\n"
+        "before, result, after = None, None, ip_json('addr', 'show')\n"
+        "while before != after:\n"
+        "    before = after\n"
+        "    result = links.physical_interfaces({})\n"
+        "    after = ip_json('addr', 'show')\n"
+        "print(json.dumps([result, after]))",
     )
     simulator.set_reply("build_system_interface_physical", result)
     assert module.list_system_interface_physical("port9") == {

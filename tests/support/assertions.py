@@ -3,6 +3,7 @@ calls, and values taken apart so that types and the order of keys count."""
 
 from __future__ import annotations
 
+import reprlib
 from collections.abc import Iterable
 from types import TracebackType
 from typing import Any, Callable, NamedTuple, NoReturn, TypeVar
@@ -145,3 +146,38 @@ def taken_apart(value: object) -> object:
     if isinstance(value, (list, tuple)):
         return kind, [taken_apart(v) for v in value]
     return kind, value
+
+
+def assert_same(ours: object, theirs: object, what: str) -> None:
+    """Fail unless the values are equal, the types and the order of keys included.
+
+    The message names the first difference only: pytest takes minutes to compare huge values.
+    """
+    if taken_apart(ours) != taken_apart(theirs):
+        raise AssertionError(_first_difference(ours, theirs, what))
+
+
+def _first_difference(ours: Any, theirs: Any, where: str) -> str:
+    if type(ours).__name__ != type(theirs).__name__:
+        return f"{where}: {_described(ours)} instead of {_described(theirs)}"
+    if isinstance(ours, dict):
+        for (our_key, our_value), (their_key, their_value) in zip(ours.items(), theirs.items()):
+            if taken_apart(our_key) != taken_apart(their_key):
+                return _first_difference(our_key, their_key, f"{where}, a key")
+            if taken_apart(our_value) != taken_apart(their_value):
+                return _first_difference(our_value, their_value, f"{where}[{our_key!r:.60}]")
+    elif isinstance(ours, (list, tuple)):
+        for index, (our_item, their_item) in enumerate(zip(ours, theirs)):
+            if taken_apart(our_item) != taken_apart(their_item):
+                return _first_difference(our_item, their_item, f"{where}[{index}]")
+    elif isinstance(ours, str):
+        shorter = min(len(ours), len(theirs))
+        at = next((at for at in range(shorter) if ours[at] != theirs[at]), shorter)
+        return f"{where}: {ours[at:][:40]!r} instead of {theirs[at:][:40]!r} at character {at}"
+    else:
+        return f"{where}: {_described(ours)} instead of {_described(theirs)}"
+    return f"{where}: {len(ours)} items instead of {len(theirs)}"
+
+
+def _described(value: object) -> str:
+    return f"{type(value).__name__} {reprlib.repr(value)}"

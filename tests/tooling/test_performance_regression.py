@@ -30,6 +30,13 @@ def test_counts_of_this_build_equal_the_baseline() -> None:
     assert not differences, "\n".join([*differences, "if intended: make bench-baseline"])
 
 
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="valgrind runs on a workstation only")
+@pytest.mark.skipif(not is_release(), reason="the release build's searches are those that ship")
+def test_hostile_texts_take_linear_time() -> None:
+    sentences = regression.nonlinear(regression.measure_growth())
+    assert not sentences, "\n".join(sentences)
+
+
 # The comparison itself, with the baseline's own figures or one changed figure.
 
 

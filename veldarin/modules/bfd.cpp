@@ -208,23 +208,24 @@ private:
 // it gets a line break put before it, which a `str` need not be copied for.
 int skipped_lines(PyObject *text, bool named) { return named || !PyUnicode_Check(text) ? 2 : 1; }
 
-// Only white space stands between the line's begin and `at`.
-bool leads_line(const char *begin, const char *at) {
+// Whether the characters before `at`, back to `begin` or a line break, are all white space.
+bool only_space_before(const char *at, const char *begin) {
     while (at != begin && at[-1] != '\n') {
         if (!is_space(--at)) return false;
     }
     return true;
 }
 
-// A tab after the first word of a line. Those before it go with the other white space there.
+// Whether a line has a tab after its first word. The tabs before it are stripped with the other
+// white space. Before the last such tab there is nothing to look at again: the scan is linear.
 bool has_inner_tab(Slice text) {
-    Slice rest = text;
     while (true) {
-        rest.begin = find(rest, tab[0]);
-        if (rest.empty()) return false;
-        if (!leads_line(text.begin, rest.begin)) return true;
-        do ++rest.begin;
-        while (!rest.empty() && *rest.begin == tab[0]);
+        const char *const found = find(text, tab[0]);
+        if (found == text.end) return false;
+        if (!only_space_before(found, text.begin)) return true;
+        text.begin = found;
+        do ++text.begin;
+        while (!text.empty() && *text.begin == tab[0]);
     }
 }
 
