@@ -392,6 +392,6 @@ def _draw_line(axis: Any, results: Results, sized: Mapping[int, Workload], name:
 
 
 def _shrink(file: Path) -> None:
-    """Round coordinates to tenths of a point; remove comments and white space between elements."""
-    text = re.sub(r"<!--.*?-->|(?<=>)\s+(?=<)", "", file.read_text())
+    """Round coordinates to tenths of a point; remove comments, group names and white space."""
+    text = re.sub(r"<!--.*?-->|(?<=>)\s+(?=<)|(?<=<g) id=\"\w*\"", "", file.read_text())
     file.write_text(re.sub(r"(\d\.\d)\d+", r"\1", text) + "\n")
