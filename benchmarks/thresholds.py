@@ -8,13 +8,10 @@ from dataclasses import dataclass
 from benchmarks import workloads
 from benchmarks.cli_samples import Variant
 from benchmarks.competitors import CYTHON, MODULE
-from benchmarks.measure import Results
+from benchmarks.measure import Results, Times
 from benchmarks.workloads import LOWER_BOUND, THRESHOLD_SIZE, WITH_BYTES, Workload
 
 _AT_MOST, _AT_LEAST = "at most", "at least"
-_TIMES_CYTHON = "x Cython"
-_TIMES_FASTER = "x faster than"
-_TIMES_LOWER_BOUND = "x lower bound"
 
 
 @dataclass(frozen=True)
@@ -45,34 +42,41 @@ def growth(results: Results, parser: workloads.Parser, variant: Variant, name: s
     return large / usual
 
 
-def _time_ratio(workload: Workload, above: str, below: str) -> Callable[[Results], float]:
-    return lambda results: results.times[workload.name][above].over(
-        results.times[workload.name][below]
+def _at_least(workload: Workload, limit: float, name: str) -> Threshold:
+    """The module must be so many times faster than the named competitor."""
+    return Threshold(
+        workload.name,
+        lambda results: _times(results, workload, name).over(_times(results, workload, MODULE)),
+        _AT_LEAST,
+        limit,
+        f"x faster than {name}",
     )
 
 
-def _instruction_ratio(workload: Workload) -> Callable[[Results], float]:
-    def figure(results: Results) -> float:
-        row = results.counts.instructions[workload.name]
-        return row[MODULE] / row[LOWER_BOUND]
-
-    return figure
-
-
-def _microseconds_above(workload: Workload, lower_bound: str) -> Callable[[Results], float]:
-    def figure(results: Results) -> float:
-        times = results.times[workload.name]
-        return times[MODULE].minus(times[lower_bound])[0] / 1000
-
-    return figure
+def _at_most(workload: Workload, limit: float, name: str) -> Threshold:
+    """The module may take so many times the named competitor's time."""
+    return Threshold(
+        workload.name,
+        lambda results: _times(results, workload, MODULE).over(_times(results, workload, name)),
+        _AT_MOST,
+        limit,
+        f"x {name}",
+    )
 
 
-def _growth_ratio(parser: workloads.Parser, variant: Variant) -> Callable[[Results], float]:
-    # The result of repeating BFD sessions has a constant size: its lower bound does not grow.
-    constant = parser is workloads.bfd and variant is Variant.REPEATING
-    return lambda results: (
-        growth(results, parser, variant, MODULE)
-        / (1 if constant else growth(results, parser, variant, LOWER_BOUND))
+def _times(results: Results, workload: Workload, name: str) -> Times:
+    return results.times[workload.name][name]
+
+
+def _microseconds_above(workload: Workload, limit: float, bound: str) -> Threshold:
+    return Threshold(
+        f"{workload.name}, above the {bound}",
+        lambda results: (
+            _times(results, workload, MODULE).minus(_times(results, workload, bound))[0] / 1000
+        ),
+        _AT_MOST,
+        limit,
+        "µs",
     )
 
 
@@ -81,70 +85,54 @@ _LIMITS = dict(zip(workloads.PARSERS, (1.15, 1.25, 3.0)))
 
 def _table_thresholds(parser: workloads.Parser, variant: Variant) -> Iterator[Threshold]:
     table = parser(THRESHOLD_SIZE, variant)
-    limit = (_AT_MOST, _LIMITS[parser], _TIMES_LOWER_BOUND)
-    # The lower bound does not include reading, nearly all the work for repeating BFD sessions.
-    if not (parser is workloads.bfd and variant is Variant.REPEATING):
-        yield Threshold(table.name, _time_ratio(table, MODULE, LOWER_BOUND), *limit)
-        yield Threshold(f"{table.name}, instructions", _instruction_ratio(table), *limit)
-    faster = {"split": 3, "TextFSM": 40, "TTP": 40}
+    # Repeating BFD sessions have a small result of constant size: the lower bound does not include
+    # reading, and does not grow.
+    is_bounded = not (parser is workloads.bfd and variant is Variant.REPEATING)
+    if is_bounded:
+        yield _at_most(table, _LIMITS[parser], LOWER_BOUND)
+
+        def instruction_ratio(results: Results) -> float:
+            row = results.counts.instructions[table.name]
+            return row[MODULE] / row[LOWER_BOUND]
+
+        subject = f"{table.name}, instructions"
+        yield Threshold(subject, instruction_ratio, _AT_MOST, _LIMITS[parser], f"x {LOWER_BOUND}")
     if parser is workloads.bfd:
-        faster = {CYTHON: 6, **faster}
-    for name, times in faster.items():
-        figure = _time_ratio(table, name, MODULE)
-        yield Threshold(table.name, figure, _AT_LEAST, times, f"{_TIMES_FASTER} {name}")
+        yield _at_least(table, 6, CYTHON)
+    for name, limit in {"split": 3, "TextFSM": 40, "TTP": 40}.items():
+        yield _at_least(table, limit, name)
     yield Threshold(
         f"{table.name}, growth to {workloads.SIZES[-1]:,}",
-        _growth_ratio(parser, variant),
+        lambda results: (
+            growth(results, parser, variant, MODULE)
+            / (growth(results, parser, variant, LOWER_BOUND) if is_bounded else 1)
+        ),
         _AT_MOST,
         1.2,
         "x the lower bound's growth",
     )
 
 
+def _file_ratio(results: Results) -> float:
+    return results.sizes[MODULE] / results.sizes[CYTHON]
+
+
+def _import_ratio(results: Results) -> float:
+    return results.imports[MODULE].over(results.imports[CYTHON])
+
+
 THRESHOLDS = [
+    *(row for parser in workloads.PARSERS for v in Variant for row in _table_thresholds(parser, v)),
+    *(_at_least(each, 2, CYTHON) for each in (workloads.LISTING, workloads.OUTPUT)),
     *(
-        threshold
-        for parser in workloads.PARSERS
-        for variant in Variant
-        for threshold in _table_thresholds(parser, variant)
-    ),
-    *(
-        Threshold(
-            each.name, _time_ratio(each, CYTHON, MODULE), _AT_LEAST, 2, f"{_TIMES_FASTER} {CYTHON}"
-        )
-        for each in (workloads.LISTING, workloads.OUTPUT)
-    ),
-    *(
-        Threshold(
-            f"{each.name}, above the {bound}", _microseconds_above(each, bound), _AT_MOST, 0.5, "µs"
-        )
+        _microseconds_above(each, 0.5, bound)
         for each in workloads.NO_PARSE_BRIDGES
         for bound in (LOWER_BOUND, WITH_BYTES)
     ),
     # Not slower: two runs of the same code differ by up to 2 %.
-    *(
-        Threshold(each.name, _time_ratio(each, MODULE, CYTHON), _AT_MOST, 1.02, _TIMES_CYTHON)
-        for each in workloads.BRIDGES[1:]
-    ),
-    *(
-        Threshold(
-            each.name, _time_ratio(each, MODULE, LOWER_BOUND), _AT_MOST, 1.1, _TIMES_LOWER_BOUND
-        )
-        for each in workloads.TRIVIAL
-    ),
-    Threshold(
-        "file, stripped",
-        lambda results: results.sizes[MODULE] / results.sizes[CYTHON],
-        _AT_MOST,
-        0.25,
-        _TIMES_CYTHON,
-    ),
+    *(_at_most(each, 1.02, CYTHON) for each in workloads.BRIDGES[1:]),
+    *(_at_most(each, 1.1, LOWER_BOUND) for each in workloads.TRIVIAL),
+    Threshold("file, stripped", _file_ratio, _AT_MOST, 0.25, f"x {CYTHON}"),
     Threshold("file, stripped", lambda results: results.sizes[MODULE] / 1024, _AT_MOST, 64, "KiB"),
-    Threshold(
-        "import, siblings loaded",
-        lambda results: results.imports[MODULE].over(results.imports[CYTHON]),
-        _AT_MOST,
-        0.5,
-        _TIMES_CYTHON,
-    ),
+    Threshold("import, siblings loaded", _import_ratio, _AT_MOST, 0.5, f"x {CYTHON}"),
 ]

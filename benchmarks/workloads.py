@@ -58,9 +58,9 @@ class Workload:
 def arp(rows: int, variant: Variant) -> Workload:
     """Parse the ARP table."""
     return Workload(
-        name=f"ARP, {rows:,} rows, {variant.value}",
-        function="get_system_arp_result",
-        replies=lambda: {CLI: cli_samples.arp(rows, variant)},
+        f"ARP, {rows:,} rows, {variant.value}",
+        "get_system_arp_result",
+        lambda: {CLI: cli_samples.arp(rows, variant)},
         rows=rows,
         bounds={LOWER_BOUND: "rebuild"},
     )
@@ -69,10 +69,10 @@ def arp(rows: int, variant: Variant) -> Workload:
 def routing(rows: int, variant: Variant) -> Workload:
     """Parse the routing table."""
     return Workload(
-        name=f"routing, {rows:,} routes, {variant.value}",
-        function="get_routing_table_result",
-        replies=lambda: {CLI: cli_samples.routing(rows, variant)},
-        arguments=("192.0.2.7",),
+        f"routing, {rows:,} routes, {variant.value}",
+        "get_routing_table_result",
+        lambda: {CLI: cli_samples.routing(rows, variant)},
+        ("192.0.2.7",),
         rows=rows,
         bounds={LOWER_BOUND: "rebuild"},
     )
@@ -81,10 +81,10 @@ def routing(rows: int, variant: Variant) -> Workload:
 def bfd(rows: int, variant: Variant) -> Workload:
     """Parse BFD sessions; `rows` are lines with a key."""
     return Workload(
-        name=f"BFD, {rows:,} key lines, {variant.value}",
-        function="get_bfd_neighbor",
-        replies=lambda: {CLI: cli_samples.bfd(rows, variant)},
-        arguments=("get router info bfd neighbor", {}),
+        f"BFD, {rows:,} key lines, {variant.value}",
+        "get_bfd_neighbor",
+        lambda: {CLI: cli_samples.bfd(rows, variant)},
+        ("get router info bfd neighbor", {}),
         rows=rows,
         bounds={LOWER_BOUND: "rebuild", "lower bound, new keys": "rebuild_with_keys"},
         clears=True,
@@ -97,9 +97,9 @@ def listing() -> Workload:
     "deepcopy" is the interpreter's `copy.deepcopy` of the sessions, which the function calls.
     """
     return Workload(
-        name=f"list_bfd_neighbor, {NEIGHBORS} neighbors",
-        function="list_bfd_neighbor",
-        replies=lambda: {CLI: cli_samples.bfd_session(0)},
+        f"list_bfd_neighbor, {NEIGHBORS} neighbors",
+        "list_bfd_neighbor",
+        lambda: {CLI: cli_samples.bfd_session(0)},
         sessions=NEIGHBORS,
         bounds={LOWER_BOUND: "rebuild", "deepcopy": "deepcopy"},
     )
