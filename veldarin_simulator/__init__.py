@@ -4,8 +4,16 @@
 `python -m veldarin_simulator --help` for the tools.
 """
 
-from veldarin_simulator.call_log import LiveObjects, NativeCall
+from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Reply, Source
 from veldarin_simulator.simulator import Simulator
 
-__all__ = ["LiveObjects", "NativeCall", "RawJSON", "Reply", "Simulator", "Source"]
+__all__ = [
+    "GILProbes",
+    "LiveObjects",
+    "NativeCall",
+    "RawJSON",
+    "Reply",
+    "Simulator",
+    "Source",
+]

@@ -12,8 +12,9 @@ from veldarin_simulator.reply import Source
 class NativeCall:
     """One call of a native service, or one method-table release of a JSONObject.
 
-    A release has the service "JSONObject.release", and as request the JSON text held. Pointers are
-    given as `int`, null as `None`. Two calls compare equal whatever the source of their answers.
+    A release has the service "JSONObject.release", and as request the JSON text held; so has a call
+    of "json_object_to_json_string", where these are recorded. Pointers are given as `int`, null as
+    `None`. Two calls compare equal whatever the source of their answers.
     """
 
     service: str
@@ -22,6 +23,13 @@ class NativeCall:
     third: int | None = None  # the third pointer of the capture functions
     text: bytes | None = None  # of services that take a text, up to its NUL
     source: Source = field(default="none", compare=False)
+
+
+class GILProbes(NamedTuple):
+    """What native calls saw of the interpreter lock."""
+
+    calls: int  # calls that waited
+    released: int  # those in which another Python thread ran
 
 
 class LiveObjects(NamedTuple):

@@ -15,7 +15,7 @@ from enum import IntEnum
 from pathlib import Path
 from typing import Any
 
-from veldarin_simulator.call_log import LiveObjects, NativeCall
+from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Source
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -89,6 +89,12 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "simulator_journal_read": (ctypes.c_int, (ctypes.c_size_t, ctypes.POINTER(_Call))),
     "simulator_journal_forget": (None, ()),
     "simulator_count": (None, (ctypes.POINTER(_Counts),)),
+    "simulator_record_serializer": (None, (ctypes.c_int,)),
+    "simulator_probe_gil": (None, (ctypes.POINTER(ctypes.c_ulong), ctypes.c_uint)),
+    "simulator_gil_probes": (
+        None,
+        (ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)),
+    ),
     "simulator_set_blank": (ctypes.c_char_p, (ctypes.POINTER(EncodedReply),)),
 }
 
@@ -149,6 +155,7 @@ class NativeLibrary:
         self.forms = dict(self._services())
         self._indices = {service: index for index, service in enumerate(self.forms)}
         self._callback: object = None  # the library calls it: kept alive here
+        self._counter: object = None  # the library reads it: kept alive here
 
     def _services(self) -> Iterator[tuple[str, ReplyForm]]:
         form = ctypes.c_int()
@@ -170,7 +177,7 @@ class NativeLibrary:
     def close(self) -> None:
         """From here on services answer null, nought or empty text."""
         self._library.simulator_close()
-        self._callback = None
+        self._callback = self._counter = None
 
     def set_reply(self, service: str, reply: EncodedReply) -> None:
         """Answers the call of the service that is being asked about."""
@@ -217,6 +224,21 @@ class NativeLibrary:
     def clear_calls(self) -> None:
         """Empties the journal."""
         self._library.simulator_journal_forget()
+
+    def record_serializer(self, record: bool) -> None:
+        """Journals the calls of `json_object_to_json_string`, or stops to do so."""
+        self._library.simulator_record_serializer(record)
+
+    def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int) -> None:
+        """Makes native calls wait until the counter changes, for this time at most."""
+        self._library.simulator_probe_gil(counter, milliseconds)
+        self._counter = counter
+
+    def gil_probes(self) -> GILProbes:
+        """What the native calls saw while they waited."""
+        calls, released = ctypes.c_ulong(), ctypes.c_ulong()
+        self._library.simulator_gil_probes(ctypes.byref(calls), ctypes.byref(released))
+        return GILProbes(calls.value, released.value)
 
     def live_objects(self) -> LiveObjects:
         """What is alive."""

@@ -3,6 +3,7 @@ crossed the native boundary. For tests, tools and GUI authors."""
 
 from __future__ import annotations
 
+import ctypes
 import difflib
 import importlib
 import json
@@ -15,7 +16,7 @@ from types import ModuleType, TracebackType
 from typing import Any, Union
 
 from veldarin_simulator import native_library
-from veldarin_simulator.call_log import LiveObjects, NativeCall
+from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Reply, Source
 
 PRODUCT = "veldarin.modules.modules_util"
@@ -193,6 +194,29 @@ class Simulator:
     def clear_calls(self) -> None:
         """Empties the journal."""
         self._host.clear_calls()
+
+    def record_serializer(self, record: bool = True) -> None:
+        """Adds the calls of `json_object_to_json_string` to the journal, or stops to do so.
+
+        Each entry has the name of the function as its service, and as request the JSON text of the
+        object. The release of a JSONObject renders its object too if there is an `on_release`.
+        """
+        self._host.record_serializer(record)
+
+    def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int = 20) -> None:
+        """Makes the native services watch whether their caller holds the interpreter lock.
+
+        Each service, and `json_object_to_json_string`, waits in C until the counter changes, for
+        this time at most. Another Python thread has to increment the counter; `gil_probes` tells
+        what the services saw. `None` ends it. `can` the replies: a reply from Python may itself let
+        another thread run, though only after the wait.
+        """
+        self._host.probe_gil(counter, milliseconds)
+
+    @property
+    def gil_probes(self) -> GILProbes:
+        """What the native services saw since `probe_gil` was called."""
+        return self._host.gil_probes()
 
     @property
     def live_objects(self) -> LiveObjects:

@@ -16,6 +16,7 @@ import sys
 import warnings
 from array import array
 from collections.abc import Callable, Iterator
+from contextlib import suppress
 from importlib.util import spec_from_file_location
 from pathlib import Path
 from types import SimpleNamespace
@@ -27,7 +28,7 @@ from checks.fault_injection.libfaults import NOWHERE, Library, Point, Report
 from checks.fault_injection.results import OF_MEMORY, Found, Outcome, outcome
 from tests.module.test_module_execution import C_IMPORTS, FAILURES, FROM_IMPORTS, resized, without
 from tests.support import fake_siblings
-from tests.support.call_cases import Unequal
+from tests.support.call_cases import Failure, Unequal
 from tests.support.fake_siblings import POINTER, Workbench, created
 from tests.support.function_table import FUNCTIONS, Function
 from tests.support.isolated import MODULE, OTHER_RUNTIME, PRODUCT
@@ -35,7 +36,12 @@ from tests.support.isolated import MODULE, OTHER_RUNTIME, PRODUCT
 INIT = f"init {MODULE}"
 # Library functions that the execution calls: sheltered, so that none fails from within.
 NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's own, for want of memory
-CALLED = (("logging", "getLogger"), ("collections", "namedtuple"), ("threading", "Lock"))
+CALLED = (
+    ("logging", "getLogger"),
+    ("collections", "namedtuple"),
+    ("threading", "Lock"),
+    ("_frozen_importlib", "_handle_fromlist"),
+)
 
 
 def whole_spec() -> Any:
@@ -119,6 +125,13 @@ def run_as_main(module: Any) -> None:
     sys.modules["__main__"] = module
 
 
+def fail_at_its_end(module: Any) -> None:
+    """Lets the execution fail when all functions are bound."""
+    vars(module)[Unequal("__test__")] = None
+    with suppress(Failure):
+        _imp.exec_dynamic(module)
+
+
 def hide_main(module: Any) -> None:
     """Lets the look-up of the main module fail."""
     sys.modules[Unequal("__main__")] = sys.modules.pop("__main__")
@@ -159,18 +172,49 @@ def spoilt(label: str, *statements: str) -> ImportCase:
 
 LEAVES = """
 def leave(self, name):
-    del sys.modules[MODULE]
+    sys.modules.pop(MODULE, None)
     raise AttributeError(name)
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': leave})('util.errors')
 """
 # The builtins have a name as well.
 LOSES_NAME = """
 def lose(self, name):
+    if name != 'CFunctionError':
+        raise AttributeError(name)
     vars(sys.modules[MODULE]).pop('__name__')
     vars(builtins).pop('__name__')
     return OSError
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
 """
+# The binding of a name fails: a key that cannot be compared is in the way. What the import needs
+# last is made by then.
+BLOCKS_NAME = """
+def fail(self, other):
+    raise OSError
+def block(self, name):
+    names = vars(sys.modules[MODULE])
+    names.pop({name!r}, None)
+    key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': fail}})({name!r})
+    names[key] = None
+    return OSError
+siblings['util.errors'] = type('Errors', (ModuleType,), {{'__getattr__': block}})('util.errors')
+"""
+LOSES_IMPORT = """
+def lose(self, name):
+    if name != 'CFunctionError':
+        raise AttributeError(name)
+    vars(builtins).pop('__import__')
+    return OSError
+siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': lose})('util.errors')
+"""
+# Siblings without the name that is imported from them.
+LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
+INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
+HIDDEN = """m.__name__ = 'm'
+class Unequal(str):
+    __hash__ = str.__hash__
+    __eq__ = raising(OSError())
+sys.modules[Unequal('m.CFunctionError')] = None"""
 PLAIN = ImportCase("after a failure")
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 CASES = [
@@ -195,7 +239,26 @@ CASES = [
     ImportCase("without a main module", prepare=lose_main),
     ImportCase("which loses its name", (LOSES_NAME,)),
     *(ImportCase(f"{row.name} is called", early=row) for row in FUNCTIONS),
+    ImportCase("a bound function after a failure", early=FUNCTIONS[0], prepare=fail_at_its_end),
+    ImportCase("which loses __import__", (LOSES_IMPORT,)),
+    *(
+        ImportCase(label, (LACKING + statement,))
+        for label, statement in (
+            ("from a module that is being initialized", INITIALIZING % "True"),
+            (
+                "from a module of unknown progress",
+                INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
+            ),
+            ("from a module without a name", "del m.__name__"),
+            ("from a module whose name is not a str", "m.__name__ = 5"),
+            ("the submodule cannot be looked up", HIDDEN),
+        )
+    ),
     ImportCase("which leaves sys.modules", (LEAVES,)),
+    *(
+        spoilt(f"{name} cannot be bound", BLOCKS_NAME.format(name=name))
+        for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")
+    ),
     ImportCase("as the main module", prepare=run_as_main),
     ImportCase("the main module cannot be looked up", prepare=hide_main),
     ImportCase("the module cannot be looked up", prepare=hide_module),

@@ -121,6 +121,22 @@ def test_a_line_is_a_row_of_columns(cli: CommandLine, line_: str, expected: dict
     assert taken_apart(result(cli, HEADER, line_)) == taken_apart([expected])
 
 
+@pytest.mark.parametrize("size", [63, 64, 65, 66])  # 64 is the size of the buffer for joining
+@pytest.mark.parametrize("first_size", [1, 31, 60])
+def test_interface_around_buffer_size_is_whole(
+    cli: CommandLine, size: int, first_size: int
+) -> None:
+    interface = f"{'i' * first_size} {'j' * (size - first_size - 1)}"
+    assert len(interface) == size
+    assert result(cli, HEADER, f"a b c {interface}") == [row("a", "b", "c", interface)]
+
+
+@pytest.mark.parametrize("size", [63, 64, 65, 66])
+def test_columns_around_buffer_size_are_whole(cli: CommandLine, size: int) -> None:
+    columns = [character * size for character in "abcd"]
+    assert result(cli, HEADER, " ".join(columns)) == [row(*columns)]
+
+
 @pytest.mark.parametrize(
     "blank", ["", " ", "\t", "\r", "\x0b\x0c", "\x1c\x1d\x1e\x1f", "\xa0\u3000"]
 )

@@ -170,6 +170,8 @@ def test_lines_end_at_line_feeds_only(cli: CommandLine) -> None:
         ("peer A is B \r", "A", "B", "A_B"),
         ("peer A is B\u3000\x1f", "A", "B", "A_B\u3000\x1f"),
         ("peer A is B more words", "A", "B", "A_B"),
+        ("peer A is \x0bB\x0b", "A", "\x0bB", "A_\x0bB\x0b"),
+        ("peer A is \u2003B\u2003", "A", "\u2003B", "A_\u2003B\u2003"),
         ("peer  is B", "", "B", "_B"),
         ("peer A  B", "A", "B", "A_B"),
         ("peer A B ", "A", "", "A_"),
@@ -188,6 +190,23 @@ def test_a_header_names_its_session(
     expected = {"neighbor_ip": neighbor_ip, "interface": interface, "name": name}
     assert taken_apart(sessions) == taken_apart({name: expected})
     assert cli.logged == []
+
+
+# Short texts are built in a buffer of 64 characters; longer ones are not.
+AROUND_BUFFER_SIZE = pytest.mark.parametrize("size", [63, 64, 65, 66])
+
+
+@AROUND_BUFFER_SIZE
+@pytest.mark.parametrize("address_size", [1, 31, 60])
+def test_session_name_around_buffer_size_is_whole(
+    cli: CommandLine, size: int, address_size: int
+) -> None:
+    address, interface = "a" * address_size, "i" * (size - address_size - 1)
+    name = f"{address}_{interface}"
+    assert len(name) == size
+    assert parsed(cli, f"peer {address} is {interface}") == {
+        name: {"neighbor_ip": address, "interface": interface, "name": name}
+    }
 
 
 def test_tabs_are_gone_before_a_header_is_recognised(cli: CommandLine) -> None:
@@ -306,6 +325,54 @@ def test_later_headers_are_logged_and_their_fields_overwrite_those_of_the_first(
 def test_a_line_with_a_colon_is_a_field(cli: CommandLine, line_: str, key: str, value: str) -> None:
     assert taken_apart(session(cli, line_)) == taken_apart([(key, value)])
     assert cli.logged == []
+
+
+@AROUND_BUFFER_SIZE
+@pytest.mark.parametrize("word", ["", "packets"])
+@pytest.mark.parametrize("before", [0, 20, None], ids=["first", "inside", "last"])
+def test_value_around_buffer_size_is_whole(
+    cli: CommandLine, size: int, word: str, before: int | None
+) -> None:
+    rest = "v" * (size - len(word))
+    value = rest + word if before is None else rest[:before] + word + rest[before:]
+    assert len(value) == size
+    assert session(cli, f"a: {value}") == [("a", rest)]
+
+
+@AROUND_BUFFER_SIZE
+@pytest.mark.parametrize("word", ["", "packets"])
+def test_key_around_buffer_size_is_whole(cli: CommandLine, size: int, word: str) -> None:
+    key = (word + "K " * size)[: size - 1] + "k"
+    assert session(cli, f" {key} : 1") == [(key.lower().replace(" ", "_"), "1")]
+
+
+@AROUND_BUFFER_SIZE
+def test_timer_around_buffer_size_is_whole(cli: CommandLine, size: int) -> None:
+    key, value = "k" * size, ("v" * size + "packets")[-size:]
+    lines = [f"{key}: {value}", f"b: {value}", f"{key}: 3"]
+    assert session(cli, "Local timers", *lines) == [("local_timers", {key: "3", "b": value})]
+
+
+# What a blank-skipping scan of several characters at a time may take for blanks.
+NO_SPACES = [chr(code) for code in range(128) if not chr(code).isspace() and chr(code) != ":"]
+
+
+@pytest.mark.parametrize("size", [4, 8, 16, 19])
+def test_text_of_one_repeated_character_is_not_stripped(cli: CommandLine, size: int) -> None:
+    repeated = [character * size for character in NO_SPACES]
+    values = [f"key {number}: {text}" for number, text in enumerate(repeated)]
+    assert session(cli, *values) == [
+        (f"key_{number}", text) for number, text in enumerate(repeated)
+    ]
+    keys = [f"{text}x: {number}" for number, text in enumerate(repeated)]
+    fields = {f"{text}x".lower(): str(number) for number, text in enumerate(repeated)}
+    assert session(cli, *keys) == list(fields.items())
+
+
+def test_text_with_hash_of_the_last_slot_is_kept(cli: CommandLine) -> None:
+    """The hash of this text, found by a search, is one of the 256 largest on any byte order."""
+    text = "&((&xxxxx7aa7"
+    assert session(cli, f"{text}: {text}", f"b: {text}") == [(text, text), ("b", text)]
 
 
 @pytest.mark.parametrize("line_", ["", " ", "\t", "\r", "\x1c \u2028", "no colon", "Local Timers"])
@@ -637,6 +704,54 @@ def test_a_subclass_of_text_is_text(cli: CommandLine, output: str) -> None:
     )
 
 
+class RightAddable:
+    """No text, but "\\n" + this is one."""
+
+    def __contains__(self, word: object) -> bool:
+        return word == "peer"
+
+    def __radd__(self, before: str) -> str:
+        return before + "a: 0\nb: 1\npeer A is B\nc: 2"
+
+
+def test_output_that_becomes_text_skips_two_lines(cli: CommandLine) -> None:
+    cli.prints(RightAddable())
+    sessions = cli.parser.get_bfd_neighbor("command", {})
+    assert list(sessions) == ["A_B"]
+    assert list(sessions["A_B"]) == ["b", "neighbor_ip", "interface", "name", "c"]
+    assert cli.logged == []
+
+
+def test_output_that_becomes_only_two_lines_is_logged(cli: CommandLine) -> None:
+    class TwoLines(RightAddable):
+        def __radd__(self, before: str) -> str:
+            return before + "peer A is B"
+
+    cli.prints(TwoLines())
+    assert cli.parser.get_bfd_neighbor("command", {}) == {}
+    assert cli.logged == [OUT_OF_RANGE]
+
+
+@pytest.mark.parametrize("word", ["peer", "objname"])
+@pytest.mark.parametrize("kind", [Failed, KeyboardInterrupt])
+def test_text_whose_membership_test_fails_propagates(
+    cli: CommandLine, word: str, kind: type[BaseException]
+) -> None:
+    error = kind(word)
+
+    class FailingText(Text):
+        def __contains__(self, wanted: object) -> bool:
+            if wanted == word:
+                raise error
+            return str(wanted) in str(self)
+
+    cli.prints(FailingText("echo\npeer A is B\nc: 1"))
+    given: dict[str, Any] = {}
+    assert failure(kind, cli.parser.get_bfd_neighbor, "command", given) is error
+    assert given == {}
+    assert cli.logged == []
+
+
 def test_bytes_that_stay_bytes_are_the_interpreters_own_error(cli: CommandLine) -> None:
     cli.prints(b"peer")
     cli.rebind("text_", lambda value, encoding: value)
@@ -719,6 +834,21 @@ def test_the_caught_exception_is_handled_while_it_is_logged_and_no_longer(
         parsed(cli, "peer A")
         assert sys.exc_info()[1] is outer
     assert handled == [IndexError, IndexError]
+
+
+def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
+    seen: list[tuple[Any, Any]] = []
+
+    def debug(text: str) -> None:
+        _kind, value, traceback = sys.exc_info()
+        assert value is not None
+        seen.append((value.__traceback__, traceback))
+
+    cli.logger.debug.answer = debug
+    parsed(cli, "peer A")
+    ((of_the_exception, handled),) = seen
+    assert handled is not None
+    assert of_the_exception is handled
 
 
 # Memory, of the native module only

@@ -461,6 +461,102 @@ def test_a_mapping_that_fails_is_told_in_the_interpreters_words(
     assert cli.logged == [f"e:{as_argument}", f"e:{after_asterisks}"]
 
 
+class Repeating:
+    """A mapping that lists some of its keys more than once."""
+
+    def __init__(self, *keys: object) -> None:
+        self.listed = keys
+        self.fetched: list[object] = []
+
+    def keys(self) -> Any:
+        return self.listed
+
+    def __getitem__(self, key: object) -> object:
+        self.fetched.append(key)
+        return dict(ENTRY)
+
+
+class RepeatingDict(dict):
+    """A dict whose iteration, and so its keys, are not those of a dict."""
+
+    fetched: list[object]
+
+    def __init__(self, **items: object) -> None:
+        super().__init__(items)
+        self.fetched = []
+
+    def __iter__(self) -> Iterator[str]:
+        return iter(["k", "k"])
+
+    def keys(self) -> Any:
+        return iter(self)
+
+
+class Key(str):
+    """A key with a text of its own for messages."""
+
+    def __str__(self) -> str:
+        return "own text"
+
+
+class Unprintable(str):
+    """A key without a text for messages."""
+
+    def __str__(self) -> str:
+        raise Failed("no text")
+
+
+class Uncomparable(str):
+    """A key that is equal to none and fails to say so."""
+
+    __hash__ = str.__hash__
+
+    def __eq__(self, other: object) -> bool:
+        raise Failed("not comparable")
+
+
+MULTIPLE = "dict() got multiple values for keyword argument "
+
+
+@pytest.mark.parametrize(
+    "mapping, text",
+    [
+        (Repeating("k", "k"), f"{MULTIPLE}'k'"),
+        (Repeating("a", "b", "a", "b"), f"{MULTIPLE}'a'"),
+        (Repeating("k", Key("k")), f"{MULTIPLE}'own text'"),
+        (Repeating("k", Unprintable("k")), ""),  # a TypeError without a text
+        (Repeating("k", Uncomparable("k")), "not comparable"),
+        (Repeating(1, 1.0), f"{MULTIPLE}'1.0'"),
+        (Repeating(("a", "b"), ("a", "b")), f"{MULTIPLE}'('a', 'b')'"),
+        (Repeating((), ()), f"{MULTIPLE}'()'"),
+        (Repeating([], []), "unhashable type: 'list'"),
+        (Repeating("", ""), f"{MULTIPLE}''"),
+        (Repeating(1, 2), "keywords must be strings"),
+        (RepeatingDict(k=dict(ENTRY)), f"{MULTIPLE}'k'"),
+    ],
+    ids=lambda value: value if isinstance(value, str) else type(value).__name__,
+)
+@pytest.mark.parametrize("detail", [False, True])
+def test_mapping_listing_a_key_twice_is_logged_type_error(
+    cli: CommandLine, mapping: Any, text: str, detail: bool
+) -> None:
+    with pytest.raises((TypeError, Failed)) as expected:
+        dict({}, **mapping)
+    assert str(expected.value) == text
+    fetched, mapping.fetched = mapping.fetched, []
+    Neighbors(cli, *([KEPT, {}, {}, mapping] if detail else [{}, mapping]))
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == [f"e:{text}"]
+    assert mapping.fetched == fetched
+    mapping.fetched = []
+
+
+def test_first_argument_listing_a_key_twice_is_accepted(cli: CommandLine) -> None:
+    Neighbors(cli, Repeating("k", "k"), {}, *[lambda command, given: given] * 2)
+    cli.parser.list_bfd_neighbor()
+    assert cli.logged == []
+
+
 def test_an_exception_that_is_no_exception_propagates_unlogged(cli: CommandLine) -> None:
     error = KeyboardInterrupt()
     Neighbors(cli, KEPT, KEPT, {}, error)
@@ -499,6 +595,16 @@ def test_nothing_is_copied_deeply_when_there_is_nothing(
     assert deepcopy.calls == []
 
 
+def test_copy_is_not_looked_up_without_sessions(cli: CommandLine) -> None:
+    cli.unbind("copy")
+    Neighbors(cli, {}, {})
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == []
+    Neighbors(cli, KEPT, KEPT)
+    assert cli.parser.list_bfd_neighbor() == []
+    assert cli.logged == ["e:name 'copy' is not defined"]
+
+
 def test_a_copier_without_deepcopy_or_with_a_failing_one_is_logged(cli: CommandLine) -> None:
     cli.rebind("copy", SimpleNamespace())
     Neighbors(cli, KEPT, KEPT)
@@ -522,6 +628,22 @@ def test_a_failing_log_propagates(cli: CommandLine, kind: type[BaseException]) -
     cli.logger.debug.answer = raising(error)
     Neighbors(cli, KEPT, None)
     assert failure(kind, cli.parser.list_bfd_neighbor) is error
+
+
+def test_logged_exception_has_its_traceback_set(cli: CommandLine) -> None:
+    seen: list[tuple[Any, Any]] = []
+
+    def debug(text: str) -> None:
+        _kind, value, traceback = sys.exc_info()
+        assert value is not None
+        seen.append((value.__traceback__, traceback))
+
+    cli.logger.debug.answer = debug
+    cli.rebind("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
+    assert cli.parser.list_bfd_neighbor() == []
+    ((of_the_exception, handled),) = seen
+    assert handled is not None
+    assert of_the_exception is handled
 
 
 def test_what_the_caller_handles_stays_being_handled(cli: CommandLine) -> None:

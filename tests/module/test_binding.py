@@ -370,6 +370,38 @@ def test_an_optional_parameter_is_bound_by_position_or_by_exact_look_up_of_its_n
     assert sent_policy(simulator, module, args, kwargs) == request_text
 
 
+class Unfound(str):
+    """A string that a dictionary does not find by its equal."""
+
+    def __hash__(self) -> int:
+        return super().__hash__() ^ 1
+
+
+@pytest.mark.parametrize(
+    ("kwargs", "request_text"),
+    [
+        ({Unfound("policy_id"): 7}, '{"policy_id":7}'),
+        ({"policy_id": 7, Unfound("policy_id"): 8}, '{"policy_id":7}'),
+        ({Unfound("policy_id"): 8, "policy_id": 7}, '{"policy_id":7}'),
+    ],
+    ids=["equal alone", "equal after the exact", "equal before the exact"],
+)
+def test_exact_keyword_wins_over_an_equal_one(
+    simulator: Simulator, module: ModuleType, kwargs: Any, request_text: str
+) -> None:
+    assert sent_policy(simulator, module, (), kwargs) == request_text
+
+
+def test_exact_keywords_win_with_two_parameters(simulator: Simulator, module: ModuleType) -> None:
+    exact: dict[str, str] = {"event": "Stop", "profile_name": "p"}
+    equal: dict[str, str] = {Unfound("event"): "Pause", Unfound("profile_name"): "q"}
+    for kwargs in ({**exact, **equal}, {**equal, **exact}):
+        module.capture_sniffer_profile(**kwargs)
+    calls = [call for call in simulator.call_log if call.service.startswith("build_")]
+    assert [call.service for call in calls] == ["build_stop_sniffer_profile_capture"] * 2
+    assert ["".join(str(call.request).split()) for call in calls] == ['{"profile-name":"p"}'] * 2
+
+
 @pytest.mark.parametrize(
     ("args", "kwargs"),
     [

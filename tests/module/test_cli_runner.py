@@ -3,6 +3,7 @@ buffer, which is freed whatever happens."""
 
 from __future__ import annotations
 
+import copy
 from types import ModuleType
 from typing import Any
 
@@ -15,6 +16,7 @@ from tests.support.assertions import (
     failure,
     line,
     raising,
+    taken_apart,
     traceback_entries,
     wrong_type,
 )
@@ -137,6 +139,29 @@ def test_bytes_and_bytearrays_of_any_class_are_a_command(
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output("command") == "output"
     assert sent(simulator) == [b"encoded"]
+
+
+@pytest.mark.parametrize("kind", [bytes, bytearray])
+def test_encoded_command_is_dropped_before_the_native_call(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    kind: type[bytes],
+) -> None:
+    events: list[object] = []
+
+    class Encoded(kind):  # type: ignore[valid-type, misc]
+        def __del__(self) -> None:
+            events.append("dropped")
+
+    def answer(command: bytes) -> str:
+        events.append(command)
+        return "output"
+
+    monkeypatch.setattr(module, "bytes_", lambda text, encoding: Encoded(b"encoded"))
+    simulator.set_reply("get_cli_cmd_output", answer)
+    module.get_cli_command_output("command")
+    assert events == ["dropped", b"encoded"]
 
 
 def test_an_empty_bytearray_is_an_empty_command(
@@ -321,6 +346,76 @@ def test_the_native_failure_is_the_class_that_the_global_names_then(
     assert error.args == ("get_cli_command_output's result is null.",)
 
 
+class ReturnedFailure(Exception):
+    """An exception that a call returns, as a class or as an instance."""
+
+
+class StoppingFailure(KeyboardInterrupt):
+    """The same, not derived from Exception."""
+
+
+@pytest.mark.parametrize("kind", [ReturnedFailure, StoppingFailure])
+@pytest.mark.parametrize("instance", [True, False], ids=["instance", "class"])
+def test_returned_exception_is_raised_as_by_raise(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    kind: type[BaseException],
+    instance: bool,
+) -> None:
+    returned = kind("by the call") if instance else kind
+    make = Recorder(lambda message: returned)
+    monkeypatch.setattr(module, "CFunctionError", make)
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(kind, module.get_cli_command_output, "command")
+    assert error.args == (("by the call",) if instance else ())
+    assert (error is returned) == instance
+    assert make.positional == [("get_cli_command_output's result is null.",)]
+    assert line(error, FUNCTION)
+
+
+@pytest.mark.parametrize("returned", [None, "text", 5, object], ids=repr)
+def test_returned_non_exception_raises_type_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, returned: object
+) -> None:
+    monkeypatch.setattr(module, "CFunctionError", lambda message: returned)
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(TypeError, module.get_cli_command_output, "command")
+    assert str(error) == "exceptions must derive from BaseException"
+    assert line(error, FUNCTION)
+
+
+def test_returned_class_that_fails_raises_its_own_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    error = Failed()
+
+    class Unmakable(Exception):
+        def __init__(self) -> None:
+            raise error
+
+    monkeypatch.setattr(module, "CFunctionError", lambda message: Unmakable)
+    simulator.set_reply("get_cli_cmd_output", None)
+    assert failure(Failed, module.get_cli_command_output, "command") is error
+    assert line(error, FUNCTION)
+
+
+def test_returned_class_without_instances_raises_type_error(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Odd(Exception):
+        def __new__(cls) -> Any:
+            return 5
+
+    monkeypatch.setattr(module, "CFunctionError", lambda message: Odd)
+    simulator.set_reply("get_cli_cmd_output", None)
+    error = failure(TypeError, module.get_cli_command_output, "command")
+    assert str(error) == (
+        f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
+    )
+    assert line(error, FUNCTION)
+
+
 def test_a_native_failure_that_cannot_be_made_is_told_instead(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
@@ -412,6 +507,51 @@ def test_lines_ascend_with_the_statements(
     assert ascending([250, *lines, 352])
 
 
+class UnusedLogger:
+    """A logger that records the look-up of any of its attributes."""
+
+    def __init__(self) -> None:
+        self.looked_up: list[str] = []
+
+    def __getattr__(self, name: str) -> Any:
+        self.looked_up.append(name)
+        return lambda *args, **kwargs: None
+
+
+@pytest.mark.parametrize(
+    "command, output, kind",
+    [
+        ("command", "a--More--b", None),
+        ("command", None, "CFunctionError"),
+        ("command", b"\xff", "UnicodeDecodeError"),
+        ("\ud800", "output", "UnicodeEncodeError"),
+        (None, "output", "TypeError"),
+        (5, "output", "TypeError"),
+    ],
+)
+def test_success_and_every_failure_log_nothing(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    caplog: pytest.LogCaptureFixture,
+    command: Any,
+    output: str | bytes | None,
+    kind: str | None,
+) -> None:
+    logger = UnusedLogger()
+    monkeypatch.setattr(module, "_logger", logger)
+    simulator.set_reply("get_cli_cmd_output", output)
+    raised = None
+    with caplog.at_level(0):
+        try:
+            module.get_cli_command_output(command)
+        except Exception as error:
+            raised = type(error).__name__
+    assert raised == kind
+    assert logger.looked_up == []
+    assert caplog.records == []
+
+
 # What the parsers do with it
 
 
@@ -438,3 +578,53 @@ def test_parsers_look_names_up_as_their_statement_reads(
     cli.run.answer = run
     getattr(cli.parser, function)(*arguments)
     assert decode.positional == [(output, "rebound while the command ran")]
+
+
+class OwnMethods(str):
+    """Text whose methods are its own."""
+
+    called: list[str]
+
+    def __new__(cls, text: str, called: list[str]) -> OwnMethods:
+        made = super().__new__(cls, text)
+        made.called = called
+        return made
+
+    def split(self, *args: Any) -> list[str]:
+        self.called.append("split")
+        return []
+
+    def replace(self, *args: Any) -> str:
+        self.called.append("replace")
+        return "replaced"
+
+
+@pytest.mark.parametrize(
+    "function, arguments, output",
+    [
+        ("get_bfd_neighbor", ("command", {}), "echo\npeer a b c\n\tk: v"),
+        ("get_routing_table_result", ("address",), "Routing a b c\r\na,b c,d e,f\na b c"),
+        ("get_system_arp_result", (), "Address\na b c d"),
+    ],
+)
+def test_parsers_read_the_characters_of_a_str_subclass(
+    native_cli: CommandLine, function: str, arguments: tuple[object, ...], output: str
+) -> None:
+    called: list[str] = []
+    parse = getattr(native_cli.parser, function)
+    native_cli.prints(output)
+    expected = parse(*copy.deepcopy(arguments))
+    assert expected
+    native_cli.rebind("text_", lambda value, encoding: OwnMethods(output, called))
+    assert taken_apart(parse(*copy.deepcopy(arguments))) == taken_apart(expected)
+    assert called == []
+
+
+def test_command_output_calls_replace_of_a_str_subclass(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    called: list[str] = []
+    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethods("text", called))
+    simulator.set_reply("get_cli_cmd_output", "output")
+    assert module.get_cli_command_output("command") == "replaced"
+    assert called == ["replace"]

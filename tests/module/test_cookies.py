@@ -196,6 +196,19 @@ def test_cookie_name_calls_in_order(
     ]
 
 
+@pytest.mark.parametrize("https", [True, False])
+def test_cookie_name_decodes_as_utf_8_whatever_charset_holds(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, https: bool
+) -> None:
+    text_ = Recorder(lambda value, encoding: "prefix")
+    monkeypatch.setattr(module, "text_", text_)
+    monkeypatch.setattr(module, "_CHARSET", "utf-16")
+    module.get_cookie_name(https)
+    monkeypatch.delattr(module, "_CHARSET")
+    module.get_cookie_name(https)
+    assert [encoding for _value, encoding in text_.positional] == ["utf-8", "utf-8"]
+
+
 def test_cookie_name_makes_a_fresh_prefix_each_time(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:

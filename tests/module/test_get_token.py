@@ -4,15 +4,21 @@ own statement does it."""
 from __future__ import annotations
 
 import builtins
+import errno
 import functools
 import io
+import os
+import socket
+import stat
 import sys
+import tty
 from pathlib import Path
 from types import ModuleType, TracebackType
 from typing import Any, Callable
 
 import pytest
 
+from tests.support import isolated
 from tests.support.assertions import (
     Entry,
     Recorder,
@@ -95,6 +101,70 @@ def test_a_directory_at_the_path_cannot_be_opened_for_writing(
     error = failure(IsADirectoryError, module.get_token)
     assert error.filename == str(secret_file)
     assert entry(error, "get_token").line
+
+
+@pytest.mark.parametrize("umask", [0o000, 0o022, 0o027, 0o077])
+def test_new_file_has_the_permissions_that_the_umask_leaves(
+    module: ModuleType, secret_file: Path, umask: int
+) -> None:
+    before = os.umask(umask)
+    try:
+        module.get_token()
+    finally:
+        os.umask(before)
+    assert stat.S_IMODE(secret_file.stat().st_mode) == 0o666 & ~umask
+
+
+def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Path) -> None:
+    secret_file.write_text("secret")
+    secret_file.chmod(0o640)
+    module.get_token()
+    assert stat.S_IMODE(secret_file.stat().st_mode) == 0o640
+
+
+def test_socket_at_the_path_cannot_be_opened(
+    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.chdir(secret_file.parent)  # a socket's path may have 107 characters
+    opened = Recorder(builtins.open)
+    monkeypatch.setattr(module, "open", opened, raising=False)
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind(secret_file.name)
+        error = failure(OSError, module.get_token)
+    assert (error.errno, error.filename) == (errno.ENXIO, str(secret_file))
+    assert opened.positional == [(secret_file, "w")]
+    assert entry(error, "get_token").line
+    assert stat.S_ISSOCK(secret_file.stat().st_mode)
+
+
+def test_character_device_is_written_and_then_read(
+    simulator: Simulator, module: ModuleType
+) -> None:
+    """The device is not a regular file, so the secret is generated and what is read counts."""
+    master, slave = os.openpty()
+    try:
+        tty.setraw(slave)  # bytes pass unchanged both ways, and are not echoed
+        os.set_blocking(master, False)
+        os.write(master, b"  placed \nsecond line\n")
+        simulator.secret_path = Path(os.ttyname(slave))
+        assert module.get_token() == "placed"
+        written = os.read(master, 1000).decode()
+    finally:
+        os.close(master)
+        os.close(slave)
+    assert len(written) == 64
+    assert set(written) <= HEX
+
+
+def test_null_device_gives_an_empty_secret(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    opened = Recorder(builtins.open)
+    monkeypatch.setattr(module, "open", opened, raising=False)
+    simulator.secret_path = null = Path(os.devnull)
+    assert module.get_token() == ""
+    assert opened.positional == [(null, "w"), (null, "r")]
+    assert stat.S_ISCHR(null.stat().st_mode)
 
 
 def test_a_missing_directory_is_the_systems_own_error(
@@ -725,3 +795,163 @@ def test_special_methods_may_be_any_callable_on_the_type(module: ModuleType, ste
     steps.answers["open r"] = Odd
     assert module.get_token() == "first"
     assert exits.positional == [(None, None, None)]
+
+
+class FileWithoutMethods:
+    """What entering gives: a file with nothing to write to or read from."""
+
+
+@pytest.mark.parametrize(
+    "mode, method, body_begins",
+    [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
+)
+def test_file_without_method_is_refused_before_anything_else(
+    module: ModuleType,
+    steps: Steps,
+    monkeypatch: pytest.MonkeyPatch,
+    mode: str,
+    method: str,
+    body_begins: int,
+) -> None:
+    """The interpreter evaluates `file.write` before the argument of the call."""
+    if mode == "w":  # a C function, which must not be called with an exception set
+        monkeypatch.setattr(module, "urandom", os.urandom)
+    steps.answers[f"{mode}: entered"] = FileWithoutMethods
+    error = failure(AttributeError, module.get_token)
+    assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
+    assert steps.events[:body_begins] == (PATH + WRITE + READ)[:body_begins]
+    ((event, kind, value, _traceback),) = steps.events[body_begins:]
+    assert (event, kind) == (f"{mode}: exit", AttributeError)
+    assert value is error
+
+
+def test_methods_without_get_keep_their_reference_counts(module: ModuleType, steps: Steps) -> None:
+    class Uncounted:
+        """A callable that no type binds, and that notes nothing."""
+
+        def __init__(self, result: object) -> None:
+            self.result = result
+
+        def __call__(self, *args: object) -> object:
+            return self.result
+
+    enter, leave = Uncounted(io.StringIO("line")), Uncounted(None)
+    steps.answers["is a file"] = lambda: True
+    steps.answers["open r"] = type("Odd", (), {"__enter__": enter, "__exit__": leave})
+    spare = [enter, leave] * 1000  # so that a reference too few frees nothing
+    before = sys.getrefcount(enter), sys.getrefcount(leave)
+    for _ in range(100):
+        module.get_token()
+    assert (sys.getrefcount(enter), sys.getrefcount(leave)) == before
+    assert len(spare) == 2000
+
+
+def remove_method_in_its_get(name: str) -> list[object]:
+    """Reads the secret from a file whose special method leaves its type while it is bound.
+
+    `getattr` in the place of `__get__` takes the method, the file as a name and the file's type;
+    it calls the method's object once more after the removal.
+    """
+    import io
+
+    from veldarin_simulator import Simulator
+
+    events: list[object] = []
+
+    class Method:
+        __get__ = getattr
+
+        def __getattribute__(self, file: str) -> Any:
+            events.append("removed")
+            delattr(type(file), name)
+            raise AttributeError(file)
+
+        def __getattr__(self, file: str) -> Any:
+            events.append("bound")
+            return lambda *args: io.StringIO("line")
+
+        def __del__(self) -> None:
+            events.append("finalized")
+
+    special = {"__enter__": lambda file: io.StringIO("line"), "__exit__": lambda *args: None}
+    file = type("File", (str,), {**special, name: Method()})
+    with Simulator(live=False) as simulator:
+        simulator.secret_path.write_text("there is a file")
+        module: Any = simulator.module
+        module.open = lambda *args: file()
+        return [module.get_token(), events, name in vars(file)]
+
+
+@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
+def test_method_removed_by_its_own_get_is_kept_until_bound(name: str) -> None:
+    assert isolated.value(remove_method_in_its_get, name) == [
+        "line",
+        ["removed", "bound", "finalized"],
+        False,
+    ]
+
+
+@pytest.mark.parametrize("mode", ["w", "r"])
+def test_exit_sees_the_traceback_in_the_exception(
+    module: ModuleType, steps: Steps, mode: str
+) -> None:
+    seen: list[tuple[Any, Any]] = []
+
+    def exited() -> bool:
+        _kind, value, traceback = sys.exc_info()
+        assert value is not None
+        seen.append((value.__traceback__, traceback))
+        return False
+
+    steps.answers[f"{mode}: entered"] = FileWithoutMethods
+    steps.answers[f"{mode}: exited"] = exited
+    error = failure(AttributeError, module.get_token)
+    ((of_the_exception, handled),) = seen
+    assert of_the_exception is handled
+    assert steps.events[-1][:3] == (f"{mode}: exit", AttributeError, error)
+    assert steps.events[-1][3] is handled
+    assert traceback_entries(handled) == [entry(error, "get_token")]
+
+
+def test_path_is_read_before_the_class_is_looked_up() -> None:
+    def rebind_in_the_getter() -> list[str]:
+        import ctypes
+        import importlib
+
+        from tests.support.fake_siblings import Workbench, _c_pointer, capsule
+        from tests.support.isolated import MODULE
+
+        text = ctypes.create_string_buffer(b"/nonexistent/secret")
+        events = []
+
+        def path(name: str) -> Any:
+            def construct(given: str) -> Any:
+                events.append(f"{name}({given!r})")
+                raise OSError("far enough")
+
+            return construct
+
+        @ctypes.CFUNCTYPE(ctypes.c_void_p)
+        def getter() -> int:
+            events.append("getter")
+            module.Path = path("the later Path")
+            return ctypes.addressof(text)
+
+        bench = Workbench()
+        items: Any = bench._right["veldarin.modules.modules"]
+        items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
+            _c_pointer(getter), b"char *(void)"
+        )
+        module: Any = importlib.import_module(MODULE)
+        module.Path = path("the earlier Path")
+        try:
+            module.get_token()
+        except OSError:
+            events.append("OSError")
+        return events
+
+    assert isolated.value(rebind_in_the_getter) == [
+        "getter",
+        "the later Path('/nonexistent/secret')",
+        "OSError",
+    ]

@@ -9,6 +9,7 @@ from typing import Any, Callable, NamedTuple
 
 import pytest
 
+from tests.support import isolated
 from tests.support.assertions import RecordingLogger, failure, traceback_entries
 from tests.support.query_cases import ROWS
 from veldarin_simulator import Simulator
@@ -147,6 +148,78 @@ def test_the_modules_own_name_comes_before_the_builtins(
         failure(module.CFunctionError, call, simulator, module, monkeypatch, use)
     else:
         call(simulator, module, monkeypatch, use)
+
+
+# A look-up that fails otherwise than by finding nothing
+
+
+@every_use
+def test_error_of_the_builtins_getattr_propagates(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+) -> None:
+    error = ValueError(use.name)
+
+    def look_up(name: str) -> object:
+        if name == use.name:
+            raise error
+        raise AttributeError(name)
+
+    home = module if hasattr(module, use.name) else builtins
+    monkeypatch.delattr(home, use.name)
+    monkeypatch.setattr(builtins, "__getattr__", look_up, raising=False)
+    assert failure(ValueError, call, simulator, module, monkeypatch, use) is error
+    (entry,) = traceback_entries(error.__traceback__)
+    assert entry.function == use.function
+
+
+def fail_in_comparison(where: str, calls: list[list[Any]]) -> list[str]:
+    """How calls end while a key in the way of a name cannot be compared; none deletes a name."""
+    import builtins
+
+    from veldarin_simulator import Simulator
+
+    class Unequal(str):
+        __hash__ = str.__hash__
+
+        def __eq__(self, other: object) -> bool:
+            raise ValueError(f"{str(self)!s} is not comparable")
+
+    ended = []
+    with Simulator(live=False) as simulator:
+        module = simulator.module
+        for function, arguments, name in calls:
+            names: dict[str, Any] = vars(module if where == "module" else builtins)
+            kept = names.pop(name, None)
+            key = Unequal(name)
+            names[key] = kept
+            try:
+                ended.append(f"returned {getattr(module, function)(*arguments)!r}")
+            except Exception as error:
+                ended.append(f"{type(error).__name__}: {error}")
+            finally:
+                del names[key]
+                if kept is not None:
+                    names[name] = kept
+    return ended
+
+
+# A name of the module's own, and one that only the builtins have.
+COMPARED = {
+    "module": [
+        ["get_cli_command_output", ["command"], "bytes_"],
+        ["switch_mclag_icl", [], "json"],
+        ["get_token", [], "open"],
+    ],
+    "builtins": [["get_token", [], "open"]],
+}
+
+
+@pytest.mark.parametrize("where", COMPARED)
+def test_error_of_a_key_comparison_propagates(where: str) -> None:
+    calls = COMPARED[where]
+    assert isolated.value(fail_in_comparison, where, calls) == [
+        f"ValueError: {name} is not comparable" for _function, _arguments, name in calls
+    ]
 
 
 # The BFD listing catches what its statements raise, and logs it.

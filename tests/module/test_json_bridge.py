@@ -175,11 +175,63 @@ def test_the_parser_is_looked_up_after_the_native_call(
     assert row.call(module) is row.picks(parsed)
 
 
+SERIALIZER = "json_object_to_json_string"
+
+
+@every_row
+def test_loads_is_looked_up_before_the_reply_is_rendered(
+    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    prepare(simulator, row)
+    simulator.record_serializer()
+    calls_at: dict[str, list[tuple[str, Any]]] = {}
+
+    def loads(text: bytes) -> Any:
+        calls_at["call"] = crossings(simulator)
+        return ujson.loads(text)
+
+    class Parser:
+        @property
+        def loads(self) -> object:
+            calls_at["lookup"] = crossings(simulator)
+            return loads
+
+    monkeypatch.setattr(module, "json", Parser())
+    row.call(module)
+    assert calls_at["lookup"] == row.sent
+    assert calls_at["call"] == [*row.sent, (SERIALIZER, row.reply)]
+    assert crossings(simulator) == [
+        *row.sent,
+        (SERIALIZER, row.reply),
+        ("JSONObject.release", row.request),
+        ("JSONObject.release", row.reply),
+    ]
+
+
 # Failures, one statement after the other
 
 
 class Failed(Exception):
     """Only the tests raise it."""
+
+
+@every_row
+@pytest.mark.parametrize("missing", ["json", "loads"])
+def test_missing_loads_leaves_the_reply_unrendered(
+    simulator: Simulator,
+    module: ModuleType,
+    row: Row,
+    monkeypatch: pytest.MonkeyPatch,
+    missing: str,
+) -> None:
+    prepare(simulator, row)
+    simulator.record_serializer()
+    if missing == "json":
+        monkeypatch.delattr(module, "json")
+    else:
+        monkeypatch.setattr(module, "json", SimpleNamespace())
+    failure(NameError if missing == "json" else AttributeError, row.call, module)
+    assert crossings(simulator) == row.sent
 
 
 def nth_fails(number: int, error: BaseException) -> Recorder:
@@ -281,6 +333,68 @@ def test_a_failing_release_ends_the_call(
     assert line(error, row.function) == expected
     texts = [json.loads(text) for (text,) in released.positional]
     assert texts == [row.request, row.reply][:number]
+
+
+STEPS = [
+    "request",
+    "response",
+    "loads lookup",
+    "loads",
+    "release of the request",
+    "release of the response",
+]
+
+
+@every_row
+@pytest.mark.parametrize("failing", STEPS)
+def test_failing_step_is_not_retried(
+    simulator: Simulator,
+    module: ModuleType,
+    row: Row,
+    monkeypatch: pytest.MonkeyPatch,
+    failing: str,
+) -> None:
+    """Every step up to the failing one runs exactly once, and none after it."""
+    steps: list[str] = []
+
+    def step(name: str) -> None:
+        steps.append(name)
+        # Only the first attempt fails: a second one would go through.
+        if name == failing and steps.count(name) == 1:
+            raise error
+
+    def loads(text: bytes) -> Any:
+        step("loads")
+        return ujson.loads(text)
+
+    class Parser:
+        @property
+        def loads(self) -> object:
+            step("loads lookup")
+            return loads
+
+    error = Failed()
+    prepare(simulator, row)
+    monkeypatch.setattr(module, "json", Parser())
+    simulator.on_create = lambda arguments: step("request" if arguments else "response")
+    releases = iter(["release of the request", "release of the response"])
+    simulator.on_release = lambda text: step(next(releases))
+    assert failure(Failed, row.call, module) is error
+    assert steps == STEPS[: STEPS.index(failing) + 1]
+    assert natively(simulator) == (row.sent if "loads lookup" in steps else [])
+
+
+@every_row
+def test_reply_is_rendered_once_when_loads_fails(
+    simulator: Simulator, module: ModuleType, row: Row, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    prepare(simulator, row)
+    simulator.record_serializer()
+    loads = nth_fails(1, Failed())
+    monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
+    failure(Failed, row.call, module)
+    assert len(loads.calls) == 1
+    assert crossings(simulator) == [*row.sent, (SERIALIZER, row.reply)]
 
 
 @every_row

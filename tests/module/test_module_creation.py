@@ -11,11 +11,15 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
+from tests.support.fake_siblings import CREATE_SLOT, EXEC_SLOT
 from tests.support.function_table import FUNCTIONS
 
 INTERPRETER_CHANGE = (
     "Interpreter change detected - this module can only be loaded into one interpreter per process."
 )
+
+# Calling conventions of the interpreter, `methodobject.h`.
+METH_KEYWORDS, METH_NOARGS, METH_O = 0x2, 0x4, 0x8
 
 # attribute of the import spec -> the name that holds it in the module
 COPIED = {
@@ -80,6 +84,38 @@ def test_a_function_that_is_called_before_the_module_is_executed_says_so() -> No
     assert set(told) == {f"RuntimeError: {isolated.MODULE} has not been imported"}
 
 
+# Arguments that each kind of function refuses once the module is executed.
+REFUSED: list[list[Any]] = [
+    *(
+        [row.name, [5] * len(row.parameters)]
+        for row in FUNCTIONS
+        if row.parameters and row.parameters[0].type
+    ),
+    *([row.name, [None] * 3] for row in FUNCTIONS if row.kind == "keywords"),
+]
+
+
+def test_call_before_execution_does_not_check_its_arguments() -> None:
+    def call_all(calls: list[list[Any]]) -> list[list[Any]]:
+        from importlib.machinery import ModuleSpec
+
+        from tests.support.fake_siblings import created_from
+        from tests.support.isolated import MODULE, PRODUCT
+
+        module = created_from(str(PRODUCT), ModuleSpec(MODULE, None))
+        ended: list[list[Any]] = []
+        for name, arguments in calls:
+            try:
+                ended.append([name, repr(getattr(module, name)(*arguments))])
+            except Exception as error:
+                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
+        return ended
+
+    assert isolated.value(call_all, REFUSED) == [
+        [name, "RuntimeError", True] for name, _ in REFUSED
+    ]
+
+
 def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
     def call_entry() -> list[object]:
         import ctypes
@@ -95,6 +131,40 @@ def test_the_entry_point_gives_the_definition_and_creates_nothing() -> None:
         return [type(definition).__name__, entry() == first, sys.modules == modules]
 
     assert isolated.value(call_entry) == ["moduledef", True, True]
+
+
+def test_definition_has_the_name_thirty_methods_and_two_slots() -> None:
+    def read_definition() -> dict[str, Any]:
+        from tests.support.fake_siblings import definition, rows_until_null
+        from tests.support.isolated import PRODUCT
+
+        defined = definition(str(PRODUCT))
+        methods = rows_until_null(defined.methods, "name")
+        return {
+            "name": defined.name.decode(),
+            "docstring": defined.docstring,
+            "methods": [[row.name.decode(), row.flags] for row in methods],
+            "complete methods": all(row.function and row.docstring is None for row in methods),
+            "slots": [row.slot for row in rows_until_null(defined.slots, "slot")],
+            "complete slots": all(row.value for row in rows_until_null(defined.slots, "slot")),
+        }
+
+    found = isolated.value(read_definition)
+    methods = found.pop("methods")
+    assert [name for name, _flags in methods] == [row.name for row in FUNCTIONS]
+    assert len(methods) == 30
+    for (name, flags), row in zip(methods, FUNCTIONS):
+        if row.kind == "keywords":
+            assert flags & METH_KEYWORDS, name
+        else:
+            assert flags == {"none": METH_NOARGS, "one": METH_O}[row.kind], name
+    assert found == {
+        "name": isolated.MODULE,
+        "docstring": None,
+        "complete methods": True,
+        "slots": [CREATE_SLOT, EXEC_SLOT],
+        "complete slots": True,
+    }
 
 
 def test_the_module_has_its_name_and_no_docstring() -> None:
@@ -202,6 +272,84 @@ def test_creation_after_execution_returns_the_module_and_does_nothing_else() -> 
     # The import machinery writes the import spec that it was given; nothing else changes.
     assert set(changed) <= {"__spec__"}
     assert references == 0
+
+
+def test_create_slot_after_execution_changes_no_name() -> None:
+    def run_slot_again() -> list[object]:
+        import importlib
+        from types import SimpleNamespace
+
+        from tests.support.fake_siblings import run_create_slot
+        from tests.support.isolated import MODULE, PRODUCT
+
+        module: Any = importlib.import_module(MODULE)
+        module._CHARSET = module.new_cookie_id = module.__file__ = "rebound"
+        del module.Counters, module.get_token, module.__package__
+        before = dict(vars(module))
+        other = SimpleNamespace(
+            name="another.modules_util",
+            loader="another loader",
+            origin="another file",
+            parent="another package",
+            submodule_search_locations=["another place"],
+        )
+        again = run_create_slot(str(PRODUCT), other)
+        return [
+            again is module,
+            list(vars(module)) == list(before),
+            [name for name, held in vars(module).items() if held is not before[name]],
+        ]
+
+    assert isolated.value(run_slot_again) == [True, True, []]
+
+
+@pytest.mark.parametrize("way", ["import", "creation"])
+def test_second_creation_only_restores_the_functions(way: str) -> None:
+    """The create slot changes nothing, but CPython then adds the definition's methods again.
+
+    So a function that was rebound or deleted is the built-in function again; no other name comes
+    back. The import machinery writes `__spec__`.
+    """
+
+    def create_again(way: str) -> list[object]:
+        import importlib
+        import sys
+        from types import BuiltinFunctionType, SimpleNamespace
+
+        from tests.support.fake_siblings import created_from
+        from tests.support.isolated import MODULE, PRODUCT
+
+        module: Any = importlib.import_module(MODULE)
+        module._CHARSET = module.new_cookie_id = "rebound"
+        del module.Counters, module.get_token
+        before = dict(vars(module))
+        if way == "import":
+            del sys.modules[MODULE]
+            again = importlib.import_module(MODULE)
+        else:
+            again = created_from(str(PRODUCT), SimpleNamespace(name=MODULE, origin="other file"))
+        held = dict(vars(module))
+        added = [name for name in held if name not in before]
+        changed = [name for name in before if name in held and held[name] is not before[name]]
+        kinds = [type(held[name]) for name in [*changed, *added] if name != "__spec__"]
+        return [
+            again is module,
+            [name for name in before if name not in held],
+            added,
+            changed,
+            all(kind is BuiltinFunctionType for kind in kinds),
+            module.new_cookie_id(),
+        ]
+
+    same, removed, added, changed, are_functions, result = isolated.value(create_again, way)
+    assert same is True
+    assert removed == []
+    functions = {row.name for row in FUNCTIONS}
+    assert added == ["get_token"]
+    assert set(changed) - {"__spec__"} == functions - {"get_token"}
+    assert ("__spec__" in changed) is (way != "creation")
+    assert are_functions is True
+    assert result == 0  # of the native service without an appliance
 
 
 def test_creation_after_execution_reads_only_the_name_of_the_spec() -> None:

@@ -14,6 +14,7 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import FILE
 from tests.support.fake_siblings import JSON_OBJECT_SIZE, LIBRARY_MODULES, POINTER
+from tests.support.function_table import FUNCTIONS
 
 INIT = f"init {isolated.MODULE}"
 
@@ -360,6 +361,123 @@ def test_a_name_that_its_source_lacks_is_an_import_error() -> None:
         assert name in error.text.split()[3]
 
 
+def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
+    """Type, text, `name` and `path` of import errors: the module's, and those of statements.
+
+    Each attempt is what spoils the siblings and the import statement that fails for it, if any.
+    """
+    import importlib
+
+    from tests.support.fake_siblings import Workbench
+    from tests.support.isolated import MODULE
+
+    bench = Workbench()
+    errors = []
+    for spoil, statement in attempts:
+        seen: list[Any] = [None, None]
+        bench.spoil(spoil)
+        for index, source in enumerate([f"importlib.import_module({MODULE!r})", statement]):
+            try:
+                exec(source, {"importlib": importlib})
+            except ImportError as error:
+                seen[index] = [type(error).__name__, str(error), error.name, error.path]
+        bench.repair()
+        errors.append(seen)
+    return errors
+
+
+def test_failing_import_statement_raises_the_interpreters_error() -> None:
+    """Compares with the same statement in Python: type, text, `name` and `path`."""
+    statements = {
+        module: f"from {module} import {', '.join(names)}" if names else f"import {module}"
+        for module, names in IMPORT_STATEMENTS
+    }
+    attempts = [
+        *([f"siblings['{module}'] = None", statements[module]] for module in statements),
+        *([without(module, name), statements[module]] for module, name in FROM_IMPORTS),
+    ]
+    errors = isolated.value(import_errors, attempts)
+    assert len(errors) == len(attempts) == 21
+    for (spoil, _statement), (own, interpreters) in zip(attempts, errors):
+        assert own is not None, spoil
+        assert own == interpreters
+        assert own[2], "the name of the module"
+    # Modules with a file, without one, and built into the interpreter.
+    paths = {name: path for (_own, (_type, _text, name, path)) in errors[len(statements) :]}
+    assert paths["os"].endswith("os.py")
+    assert paths["util.errors"] is None
+
+
+def test_import_error_of_a_missing_c_item_has_no_name_or_path() -> None:
+    attempts = [
+        [f"del siblings['{module}'].__pyx_capi__['{item}']", ""]
+        for module, item, _kind, _signature in C_IMPORTS
+    ]
+    assert isolated.value(import_errors, attempts) == [
+        [
+            ["ImportError", f"{module} does not export expected C {kind} {item}", None, None],
+            None,
+        ]
+        for module, item, kind, _signature in C_IMPORTS
+    ]
+
+
+def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
+    """Of each spoilt import statement: the module's error, and that of the same statement here."""
+    import importlib
+
+    from tests.support.fake_siblings import Workbench
+    from tests.support.isolated import MODULE
+
+    bench = Workbench()
+    found: list[list[list[Any]]] = []
+    for spoil, source, statement in statements:
+        bench.spoil(spoil, source)
+        errors: list[list[Any]] = []
+        for run in (lambda: importlib.import_module(MODULE), lambda: exec(statement)):  # noqa: B023
+            try:
+                run()
+            except ImportError as error:
+                errors.append([type(error).__name__, str(error), error.name, error.path])
+        bench.repair()
+        found.append(errors)
+    return found
+
+
+@pytest.mark.parametrize("file", ["/somewhere/source.py", None])
+def test_failing_from_import_has_the_interpreters_name_and_path(file: str | None) -> None:
+    statements = []
+    for module, name in FROM_IMPORTS:
+        attributes = f"vars(siblings['{module}'])"
+        source = f"{attributes}.update(__file__={file!r})"
+        if file is None:
+            source = f"{attributes}.pop('__file__', None)"
+        copied = f"siblings['{module}'] = lacking('{module}'); " * (module in LIBRARY_MODULES)
+        spoil = copied + without(module, name)
+        statements.append([spoil, source, f"from {module} import {name}"])
+    found = isolated.value(compare_import_errors, statements)
+    for (module, name), (ours, interpreters) in zip(FROM_IMPORTS, found):
+        assert ours == interpreters
+        assert name in ours[1]
+        assert (ours[0], ours[2], ours[3]) == ("ImportError", module, file)
+
+
+UNEQUAL_KEY = """
+def fail(self, other):
+    raise OSError('no comparison')
+Key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': fail}})
+siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
+"""
+
+
+@pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
+def test_error_of_a_c_item_look_up_fails_the_import(
+    module: str, item: str, kind: str, signature: str
+) -> None:
+    statement = UNEQUAL_KEY.format(module=module, item=item)
+    assert kind_and_text(statement) == ("OSError", "no comparison")
+
+
 def names_after_failures(*spoils: str) -> list[list[str]]:
     """The names that modules hold whose execution failed, in order; none of the functions."""
     from tests.support.fake_siblings import Workbench, created
@@ -581,6 +699,67 @@ def test_the_refused_module_is_left_alone_and_the_first_one_stays() -> None:
     assert isolated.value(execute_two) == [True, False, True, True]
 
 
+def act_during_execution(act: str) -> dict[str, Any]:
+    """Imports the module; at its import of `util.errors`, does what `act` names."""
+    import importlib
+    import sys
+    from types import ModuleType
+
+    from tests.support.fake_siblings import Workbench, created, execute
+    from tests.support.isolated import MODULE, PRODUCT, describe
+
+    Workbench()
+    early = created(str(PRODUCT))  # before any execution, so another object
+    seen: dict[str, Any] = {"times": 0, "error": None}
+
+    class Errors(ModuleType):
+        def __getattr__(self, wanted: str) -> Any:
+            if wanted != "CFunctionError":
+                raise AttributeError(wanted)
+            seen["times"] += 1
+            module: Any = sys.modules[MODULE]
+            before = dict(vars(module))
+            try:
+                if act == "execute":
+                    execute(module)
+                elif act == "execute another":
+                    execute(early)
+                else:
+                    seen["same"] = created(str(PRODUCT)) is module
+            except Exception as error:
+                seen["error"] = describe(error)
+            seen["added"] = [name for name in vars(module) if name not in before]
+            seen["early"] = [name for name in ("__builtins__", "hexlify") if hasattr(early, name)]
+            return Exception
+
+    sys.modules["util.errors"] = Errors("util.errors")
+    module: Any = importlib.import_module(MODULE)
+    seen["complete"] = module is not early and module.__test__ == {}
+    return seen
+
+
+@pytest.mark.parametrize("act", ["execute", "create"])
+def test_module_is_the_recorded_one_during_execution(act: str) -> None:
+    seen = isolated.value(act_during_execution, act)
+    same = {"same": True} if act == "create" else {}
+    assert seen == {
+        "times": 1,
+        "error": None,
+        "added": [],
+        "early": [],
+        "complete": True,
+        **same,
+    }
+
+
+def test_another_module_is_refused_during_execution() -> None:
+    seen = isolated.value(act_during_execution, "execute another")
+    error = isolated.Error.of(seen.pop("error"))
+    assert (error.type, error.text) == REFUSED
+    assert [entry.file for entry in error.named(INIT)] == [FILE]
+    assert seen == {"times": 1, "added": [], "early": [], "complete": True}
+
+
 def test_executing_the_module_again_changes_nothing() -> None:
     def execute_again() -> list[object]:
         import importlib
@@ -644,6 +823,41 @@ def test_a_module_whose_execution_failed_is_not_the_one_that_a_later_import_give
         return [module is failed, hasattr(failed, "__test__"), hasattr(module, "__test__")]
 
     assert isolated.value(fail_then_import) == [False, False, True]
+
+
+@pytest.mark.parametrize(
+    "statement",
+    [
+        "siblings['util.json'] = None",
+        "siblings['copy'] = None",
+        "siblings['collections'] = altered('collections', namedtuple=raising(OSError()))",
+    ],
+    ids=["types", "last import", "Counters"],
+)
+def test_function_after_a_failed_import_raises_runtime_error(statement: str) -> None:
+    def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
+        from tests.support.fake_siblings import Workbench, created
+        from tests.support.isolated import PRODUCT
+
+        bench = Workbench()
+        failed = created(str(PRODUCT))
+        bench.spoil(statement)
+        try:
+            failed.__loader__.exec_module(failed)
+        except Exception:
+            bench.repair()
+        ended: list[list[Any]] = []
+        for name, required in calls:
+            try:
+                ended.append([name, repr(getattr(failed, name)(*[None] * required))])
+            except Exception as error:
+                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
+        return ended
+
+    calls = [[row.name, row.required] for row in FUNCTIONS]
+    assert isolated.value(call_all, statement, calls) == [
+        [row.name, "RuntimeError", True] for row in FUNCTIONS
+    ]
 
 
 def module_in_sys_modules(there_already: bool) -> list[object]:

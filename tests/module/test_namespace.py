@@ -162,6 +162,34 @@ def test_counters_is_the_record_of_an_interfaces_counts(module: ModuleType) -> N
     assert module.Counters._field_defaults == {}
 
 
+def test_counters_module_is_that_of_the_importing_code() -> None:
+    def execute_directly() -> str:
+        from tests.support.fake_siblings import Workbench, created, execute
+        from tests.support.isolated import PRODUCT
+
+        Workbench()
+        module: Any = created(str(PRODUCT))
+        execute(module)  # the nearest Python code is that of `execute`
+        name: str = module.Counters.__module__
+        return name
+
+    def import_normally() -> list[object]:
+        import importlib
+        import pickle
+
+        from tests.support.isolated import MODULE
+
+        counters: Any = importlib.import_module(MODULE).Counters
+        try:
+            pickle.dumps(counters(*range(8)))
+        except pickle.PicklingError:
+            return [counters.__module__, "not pickled"]
+        return [counters.__module__, "pickled"]
+
+    assert isolated.value(execute_directly) == "tests.support.fake_siblings"
+    assert isolated.value(import_normally) == ["importlib._bootstrap", "not pickled"]
+
+
 def test_the_thirty_functions_are_all_that_is_callable_and_of_this_module(
     module: ModuleType,
 ) -> None:

@@ -170,6 +170,21 @@ def test_distance_metric_and_other_come_from_the_fields_of_the_next_line(
     assert taken_apart(result(cli, HEADER, info, UPDATE)) == taken_apart(expected)
 
 
+@pytest.mark.parametrize("size", [63, 64, 65, 66])  # 64 is the size of the buffer for joining
+@pytest.mark.parametrize("first_size", [1, 31, 60])
+def test_other_around_buffer_size_is_whole(cli: CommandLine, size: int, first_size: int) -> None:
+    first, last = "f" * first_size, "l" * (size - first_size - 2)
+    other = result(cli, HEADER, f"{first},b c,d e,{last}", UPDATE)["other"]
+    assert len(other) == size
+    assert other == f"{first}, {last}"
+
+
+@pytest.mark.parametrize("size", [63, 64, 65, 66])
+def test_fields_around_buffer_size_are_whole(cli: CommandLine, size: int) -> None:
+    main, ip, interface = "m" * size, "i" * size, "p" * size
+    assert routes(cli, f"{main} {ip}, via {interface}") == [route(main, ip, interface)]
+
+
 @pytest.mark.parametrize("update", ["a b c", "\ta\xa0b\u3000c d e", "a,b c,d c", "  a b c\r"])
 def test_the_last_update_is_the_third_word_of_the_line_after(cli: CommandLine, update: str) -> None:
     assert result(cli, HEADER, INFO, update)["lastUpdate"] == "c"

@@ -4,10 +4,12 @@ capture."""
 from __future__ import annotations
 
 from types import ModuleType
+from typing import Any
 
 import pytest
 
-from tests.support.assertions import Recorder, entry, failure, wrong_type
+from tests.support import isolated
+from tests.support.assertions import FILE, Recorder, entry, failure, wrong_type
 from tests.support.query_cases import crossings, natively
 from veldarin_simulator import RawJSON, Simulator
 
@@ -80,6 +82,44 @@ def test_any_other_event_calls_nothing_and_returns_the_untouched_response(
         ("JSONObject.release", {"profile-name": "p1"}),
         ("JSONObject.release", {"x": 1}),
     ]
+
+
+def failing_comparison(number: int) -> dict[str, Any]:
+    """Calls `capture_sniffer_profile` while the comparison of this number fails."""
+    import os
+
+    from tests.support.fake_siblings import created, execute
+    from tests.support.isolated import OTHER_RUNTIME, describe
+    from veldarin_simulator import Simulator
+
+    os.environ["SEEMING_VERSION"] = "3.9.0"
+    with Simulator(live=False) as simulator:
+        module = created(str(OTHER_RUNTIME))
+        execute(module)
+        os.environ["FAILING_COMPARISON"] = str(number)
+        try:
+            module.capture_sniffer_profile("p1", "Other")
+        except MemoryError as error:
+            entries = describe(error)["entries"]
+            return {"entries": entries, "calls": [call.service for call in simulator.call_log]}
+    return {}
+
+
+@pytest.mark.parametrize("number, source_line", [(1, 365), (2, 367), (3, 369), (4, 371)])
+def test_failing_event_comparison_is_reported_at_its_line(number: int, source_line: int) -> None:
+    seen = isolated.value(failing_comparison, number)
+    (_caller, found) = seen["entries"]
+    assert found[:4] == [
+        f"{isolated.MODULE}.capture_sniffer_profile",
+        FILE,
+        361,
+        source_line,
+    ]
+    assert seen["calls"] == []
+
+
+def test_unknown_event_is_compared_four_times() -> None:
+    assert isolated.value(failing_comparison, 5) == {}
 
 
 @pytest.mark.parametrize("profile", [None, "", "p1", "caf\u00e9"])

@@ -3,8 +3,10 @@ place in the chain, and that there is exactly one of it."""
 
 from __future__ import annotations
 
+import gc
 import sys
 import traceback
+import weakref
 from types import ModuleType, TracebackType
 from typing import Any, Callable, NamedTuple
 
@@ -164,6 +166,39 @@ def test_a_traceback_with_an_entry_can_be_printed(
     text = "".join(traceback.format_exception(type(error), error, error.__traceback__))
     qualified = NAMED[provoked.function].qualified
     assert f'  File "{FILE}", line {link.tb_lineno}, in {qualified}\n' in text
+
+
+@every_failing
+def test_entry_is_tracked_by_the_collector(
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+) -> None:
+    (link,) = links(provoke(module, monkeypatch, provoked))
+    assert gc.is_tracked(link)
+
+
+def test_cycle_through_an_entry_is_collected(
+    module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    class Held(Exception):
+        """An exception that the frame below the module's entry keeps alive."""
+
+    def fail(*args: object) -> None:
+        error = Held()
+        raise error
+
+    def call() -> weakref.ref[Held]:
+        try:
+            module.get_system_arp_result()
+        except Held as error:
+            entries = links(error)
+            assert [entry.tb_next is not None for entry in entries] == [True]
+            return weakref.ref(error)
+        raise AssertionError("nothing was raised")
+
+    monkeypatch.setattr(module, "get_cli_command_output", fail)
+    held = call()
+    gc.collect()
+    assert held() is None
 
 
 @every_failing

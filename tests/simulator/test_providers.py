@@ -88,8 +88,8 @@ def test_physical_interfaces_are_those_of_ip_link(simulator: Simulator, module: 
             "ip -6 address add 2001:db8::1/64 dev port1 nodad",
         ),
         "import json\n"
-        "from tests.support.netns import ip_json\n"
         "from veldarin_simulator.providers import links\n"
+        "from tests.support.netns import ip_json\n"
         "before, result, after = None, None, ip_json('addr', 'show')\n"
         "while before != after:\n"
         "    before = after\n"

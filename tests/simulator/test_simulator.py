@@ -21,6 +21,7 @@ from typing import Any
 import pytest
 
 from veldarin_simulator import (
+    GILProbes,
     LiveObjects,
     NativeCall,
     RawJSON,
@@ -376,6 +377,51 @@ def test_the_journal_holds_what_crossed_in_order(
         NativeCall("cookieval_unwrap", None, None, None, b"wrapped"),
         NativeCall(RELEASE, None, '{"mkey":"é/"}', None, None),
     ]
+
+
+def test_serializer_is_journaled_only_when_recorded(simulator: Simulator, native: Native) -> None:
+    serializer = "json_object_to_json_string"
+    simulator.set_reply(STATUS, {"a": [1, "/"]})
+    reply = native.status(STATUS, None, None)
+    before = native.rendered(reply)
+    assert [call.service for call in simulator.call_log] == [STATUS]
+    simulator.record_serializer()
+    assert native.rendered(reply) == before
+    assert native.rendered(None) == b"null"
+    simulator.record_serializer(False)
+    assert native.rendered(reply) == before
+    assert simulator.call_log[1:] == [
+        NativeCall(serializer, request='{"a":[1,"/"]}'),
+        NativeCall(serializer, request="null"),
+    ]
+    native.put(reply)
+
+
+def test_serializer_is_not_recorded_by_the_next_appliance(built: None) -> None:
+    native = Native()
+    with Simulator(live=False) as simulator:
+        simulator.record_serializer()
+        native.rendered(None)
+        assert len(simulator.call_log) == 1
+    with Simulator(live=False) as simulator:
+        native.rendered(None)
+        assert simulator.call_log == []
+
+
+def test_gil_probe_ends_with_the_appliance(built: None) -> None:
+    native = Native()
+    counter = ctypes.c_ulong()
+    with Simulator(live=False) as simulator:
+        simulator.probe_gil(counter, 1)
+        native.number("aps_get_new_cookie_id")
+        assert simulator.gil_probes == GILProbes(calls=1, released=0)
+        simulator.probe_gil(None)
+        native.number("aps_get_new_cookie_id")
+        assert simulator.gil_probes == GILProbes(calls=0, released=0)
+        simulator.probe_gil(counter, 1)
+    with Simulator(live=False) as simulator:
+        native.number("aps_get_new_cookie_id")
+        assert simulator.gil_probes == GILProbes(calls=0, released=0)
 
 
 def test_forgetting_empties_the_journal_even_during_a_call(

@@ -27,6 +27,19 @@ def fail(*args: object, **kwargs: object) -> Any:
     raise Failure
 
 
+class FailingException(Exception):
+    """An exception that cannot be made."""
+
+    __init__ = fail
+
+
+class NumberException(Exception):
+    """An exception class that makes a number."""
+
+    def __new__(cls, *args: object) -> Any:
+        return 5
+
+
 class Failing:
     """An object that fails whatever is asked of it."""
 
@@ -513,6 +526,22 @@ CLI_CASES = [
         rebound={"CFunctionError": Failure},
     ),
     *(
+        Case(
+            "get_cli_command_output",
+            ("c",),
+            {},
+            error,
+            f"no output, {label}",
+            cli=None,
+            rebound={"CFunctionError": lambda message, returned=returned: returned},
+        )
+        for label, error, returned in (
+            ("returned exception class", Failure, Failure),
+            ("returned class that fails", Failure, FailingException),
+            ("returned class without instances", TypeError, NumberException),
+        )
+    ),
+    *(
         Case("get_cli_command_output", ("command",), {}, error, label, rebound=rebound)
         for label, error, rebound in CLI_ERRORS
     ),
@@ -671,6 +700,16 @@ class Lost:
         return ["x"]
 
 
+class Repeating:
+    """A mapping that lists a key twice."""
+
+    def keys(self) -> list[str]:
+        return ["x", "x"]
+
+    def __getitem__(self, key: str) -> Any:
+        return {}
+
+
 def raising_as_c(raiser: Any, *given: object) -> Callable[..., Any]:
     """A function of the interpreter's that raises, and gives the exception no instance yet."""
     raiser.restype, raiser.argtypes = None, [ctypes.py_object] * len(given)
@@ -813,6 +852,7 @@ BFD_CASES = [
     Case("list_bfd_neighbor", rebound=given_sessions(5), label="no mapping"),
     Case("list_bfd_neighbor", rebound=given_sessions({5: {}}), label="key of no text"),
     Case("list_bfd_neighbor", rebound=given_sessions(Lost()), label="mapping lost its keys"),
+    Case("list_bfd_neighbor", rebound=given_sessions(Repeating()), label="mapping repeats a key"),
     Case(
         "list_bfd_neighbor",
         rebound={**given_sessions(SESSIONS), "copy": Failing()},

@@ -207,6 +207,63 @@ def entry_point(path: str) -> Callable[[], int]:
     return entry
 
 
+class MethodRow(ctypes.Structure):
+    """`PyMethodDef`."""
+
+    _fields_ = (
+        ("name", ctypes.c_char_p),
+        ("function", ctypes.c_void_p),
+        ("flags", ctypes.c_int),
+        ("docstring", ctypes.c_char_p),
+    )
+
+
+class SlotRow(ctypes.Structure):
+    """`PyModuleDef_Slot`."""
+
+    _fields_ = (("slot", ctypes.c_int), ("value", ctypes.c_void_p))
+
+
+class Definition(ctypes.Structure):
+    """`PyModuleDef` up to its slots."""
+
+    _fields_ = (
+        ("head", ctypes.c_byte * HEAD),
+        ("init", ctypes.c_void_p),
+        ("index", ctypes.c_ssize_t),
+        ("copy", ctypes.c_void_p),
+        ("name", ctypes.c_char_p),
+        ("docstring", ctypes.c_char_p),
+        ("size", ctypes.c_ssize_t),
+        ("methods", ctypes.POINTER(MethodRow)),
+        ("slots", ctypes.POINTER(SlotRow)),
+    )
+
+
+CREATE_SLOT, EXEC_SLOT = 1, 2  # Py_mod_create, Py_mod_exec
+
+
+def definition(path: str) -> Definition:
+    """The definition that the entry of the module's file returns."""
+    return Definition.from_address(entry_point(path)())
+
+
+def rows_until_null(rows: Any, field: str) -> list[Any]:
+    """The rows of a table that ends with a row whose field is null."""
+    found: list[Any] = []
+    while getattr(rows[len(found)], field):
+        found.append(rows[len(found)])
+    return found
+
+
+def run_create_slot(path: str, import_spec: object) -> Any:
+    """What the create slot returns, without all that the interpreter adds to it."""
+    defined = definition(path)
+    slots = {row.slot: row.value for row in rows_until_null(defined.slots, "slot")}
+    create = ctypes.PYFUNCTYPE(ctypes.py_object, ctypes.py_object, ctypes.c_void_p)
+    return create(slots[CREATE_SLOT])(import_spec, ctypes.addressof(defined))
+
+
 def created_from(path: str, import_spec: object) -> Any:
     """The module created from any object in the place of an import spec."""
     create = ctypes.pythonapi.PyModule_FromDefAndSpec2

@@ -27,7 +27,8 @@ __all__ = ["BUILD", "MODULE", "OTHER_RUNTIME", "PRODUCT", "ROOT", "Entry", "Erro
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = native_library.build_directory()
 PRODUCT = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
-# The product's own objects, linked so that the interpreter seems to be another release.
+# The product's own objects, linked so that the interpreter seems to be another release, and so that
+# comparisons can be made to fail.
 OTHER_RUNTIME = BUILD / "wrong_python_version" / PRODUCT.name
 
 SECONDS = 120  # far beyond any of these processes; a hang must end somewhere

@@ -23,10 +23,8 @@ def interned() -> list[str]:
     return [sys.intern(word) for word in [*words, *names, "", " ", "_", "\n", "\t", "\r", ":", ","]]
 
 
-def watched(module: ModuleType, arguments: list[object]) -> list[object]:
-    """Objects whose references are counted."""
-    from util.json import JSONObject
-
+def lasting() -> list[object]:
+    """Objects of the interpreter's that live as long as the process."""
     types: list[object] = [
         object,
         type,
@@ -49,10 +47,15 @@ def watched(module: ModuleType, arguments: list[object]) -> list[object]:
         ValueError,
         UnboundLocalError,
         UnicodeDecodeError,
-        JSONObject,
     ]
     constants: list[object] = [None, True, False, (), b"", Ellipsis]
     # The interpreter has one object each for these: a reference too few ends them some day.
     shared: list[object] = [*range(-5, 257), *map(chr, range(256))]
-    names = [*interned(), vars(module), *vars(module).values()]
-    return [*types, *constants, *shared, *names, *arguments]
+    return [*types, *constants, *shared, *interned()]
+
+
+def watched(module: ModuleType, arguments: list[object]) -> list[object]:
+    """Objects whose references are counted."""
+    from util.json import JSONObject
+
+    return [*lasting(), JSONObject, vars(module), *vars(module).values(), *arguments]

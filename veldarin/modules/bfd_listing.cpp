@@ -40,11 +40,11 @@ void reword_keyword_error(PyObject *mapping) {
         PyObject *value = nullptr;
         PyObject *traceback = nullptr;
         PyErr_Fetch(&type, &value, &traceback);
-        // A dictionary's own look-up: the value is still the arguments, the key alone.
-        const bool missing = value && PyTuple_Check(value) && PyTuple_GET_SIZE(value) == 1;
+        // The merge itself, or a look-up of a dictionary: the value is still a tuple of the key.
+        const bool key_alone = value && PyTuple_Check(value) && PyTuple_GET_SIZE(value) == 1;
         const Ref arguments = Ref::borrow(value);
         PyErr_Restore(type, value, traceback);
-        if (!missing) return;
+        if (!key_alone) return;
         PyErr_Format(PyExc_TypeError, "dict() got multiple values for keyword argument '%S'",
                      PyTuple_GET_ITEM(arguments.get(), 0));
     }
@@ -52,10 +52,11 @@ void reword_keyword_error(PyObject *mapping) {
 
 // The keyword dictionary of dict(…, **mapping).
 Ref keywords_of(PyObject *mapping) {
+    constexpr int reject_duplicates = 2;
     if (PyDict_CheckExact(mapping)) return Ref::borrow(mapping);
     Ref keywords = Ref::steal(PyDict_New());
     if (!keywords) return {};
-    if (PyDict_Update(keywords.get(), mapping) == 0) return keywords;
+    if (_PyDict_MergeEx(keywords.get(), mapping, reject_duplicates) == 0) return keywords;
     reword_keyword_error(mapping);
     return {};
 }

@@ -68,7 +68,7 @@ Ref without_pager(PyObject *text) {
     }
     const Ref replace = Ref::steal(PyObject_GetAttr(text, names.replace));
     if (!replace) return {};
-    return Ref::steal(PyObject_CallObject(replace.get(), state.constants.remove_pager));
+    return Ref::steal(PyObject_Call(replace.get(), state.constants.remove_pager, nullptr));
 }
 
 }  // namespace

@@ -107,14 +107,20 @@ constexpr std::array<Function, function_count> functions = function_table(EveryR
 namespace {
 
 // The definition's method table is there from the module's creation on: its functions may be called
-// before the module is executed, or after that has failed.
-[[gnu::cold]] PyObject *not_ready() {
-    PyErr_SetString(PyExc_RuntimeError, "veldarin.modules.modules_util has not been imported");
+// before the module is executed, by a sibling that it imports, or after its import has failed.
+// `module` is null for the functions that the import itself has bound.
+[[gnu::cold]] PyObject *not_ready(PyObject *module, const Function &function) {
+    PyErr_Format(
+        PyExc_RuntimeError, "%s %s", module_name,
+        state.progress == State::importing ? "is still being imported" : "has not been imported");
+    failed_early(module ? PyModule_GetDict(module) : nullptr,
+                 methods[&function - functions.data()].ml_name, function.first_line);
     return nullptr;
 }
 
-PyObject *call_query(const Function &function, const Query &query, PyObject *argument) {
-    if (!state.ready) return not_ready();
+PyObject *call_query(PyObject *module, const Function &function, const Query &query,
+                     PyObject *argument) {
+    if (state.progress != State::imported) return not_ready(module, function);
     if (!accepts(function.parameters[0], argument)) return failed(function.first_line);
     return run(query, &argument);
 }
@@ -122,20 +128,20 @@ PyObject *call_query(const Function &function, const Query &query, PyObject *arg
 // What comes before the body may weigh against a body of a few instructions: it is compiled into
 // every function but the queries.
 template <size_t row>
-PyObject *call(PyObject *, PyObject *argument) {
+PyObject *call(PyObject *module, PyObject *argument) {
     constexpr const Function &function = functions[row];
     if constexpr (rows[row].is_query) {
-        return call_query(function, *rows[row].query, argument);
+        return call_query(module, function, *rows[row].query, argument);
     } else {
-        if (!state.ready) return not_ready();
+        if (state.progress != State::imported) return not_ready(module, function);
         if (!accepts(function.parameters[0], argument)) return failed(function.first_line);
         return rows[row].body(&argument);
     }
 }
 
-PyObject *bind_and_call(const char *name, const Function &function, Body *body,
+PyObject *bind_and_call(PyObject *module, const char *name, const Function &function, Body *body,
                         PyObject *positional, PyObject *named) {
-    if (!state.ready) return not_ready();
+    if (state.progress != State::imported) return not_ready(module, function);
     Ref bound[most_parameters];
     if (!bind(name, function, positional, named, bound)) return failed(function.first_line);
     PyObject *const arguments[most_parameters] = {bound[0].get(), bound[1].get()};
@@ -144,8 +150,8 @@ PyObject *bind_and_call(const char *name, const Function &function, Body *body,
 
 // The keywords come as a dictionary, so that one that is no string gets here.
 template <size_t row>
-PyObject *call_with_keywords(PyObject *, PyObject *positional, PyObject *named) {
-    return bind_and_call(rows[row].name, functions[row], rows[row].body, positional, named);
+PyObject *call_with_keywords(PyObject *module, PyObject *positional, PyObject *named) {
+    return bind_and_call(module, rows[row].name, functions[row], rows[row].body, positional, named);
 }
 
 template <size_t row>

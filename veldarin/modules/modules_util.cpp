@@ -17,8 +17,6 @@ namespace modules_util {
 
 namespace {
 
-constexpr char module_name[] = "veldarin.modules.modules_util";
-
 // ------------------------------------------------------------------ creation
 
 // The module lives in the interpreter that first asked for it, for the life of the process.
@@ -88,7 +86,7 @@ bool check_version() {
     PyOS_snprintf(message, sizeof message,
                   "compiletime version %s of module '%.100s' does not match runtime version %s",
                   built, module_name, running);
-    return PyErr_WarnEx(nullptr, message, 1) == 0;
+    return PyErr_WarnFormat(PyExc_RuntimeWarning, 1, "%s", message) == 0;
 }
 
 bool record(PyObject *module) {
@@ -137,7 +135,10 @@ bool register_module(bool &added) {
     return added;
 }
 
-bool check_builtins() { return builtin(names.open) && builtin(names.range); }
+bool keep_builtins() {
+    return keep(state.imports.open, builtin(names.open).release()) &&
+           keep(state.imports.range, builtin(names.range).release());
+}
 
 bool make_code_objects() {
     if (!keep(state.code_objects, PyList_New(0))) return false;
@@ -150,26 +151,26 @@ bool make_code_objects() {
 struct TypeImport {
     Name module, name;
     size_t size;
+    PyObject *Imports::*type;
 };
 
 constexpr TypeImport checked_types[] = {
-    {Name::builtins,  Name::type,       sizeof(PyHeapTypeObject)},
-    {Name::builtins,  Name::bool_,      sizeof(PyLongObject)    },
-    {Name::builtins,  Name::complex,    sizeof(PyComplexObject) },
-    {Name::util_json, Name::JSONObject, sizeof(JSONObject)      },
+    {Name::builtins,  Name::type,       sizeof(PyHeapTypeObject), &Imports::type      },
+    {Name::builtins,  Name::bool_,      sizeof(PyLongObject),     &Imports::bool_     },
+    {Name::builtins,  Name::complex,    sizeof(PyComplexObject),  &Imports::complex   },
+    {Name::util_json, Name::JSONObject, sizeof(JSONObject),       &Imports::JSONObject},
 };
 
 bool import_types() {
-    Ref type;
+    Imports &imports = state.imports;
     for (const TypeImport &row : checked_types) {
-        type = import_type(names[row.module], names[row.name], static_cast<Py_ssize_t>(row.size));
-        if (!type) return false;
+        const auto size = static_cast<Py_ssize_t>(row.size);
+        Ref type = import_type(names[row.module], names[row.name], size);
+        if (!keep(imports.*row.type, type.release())) return false;
     }
-    void *methods = import_method_table(type.get());
-    if (!methods) return false;
-    state.imports.json_methods = static_cast<const JSONObjectMethods *>(methods);
-    Py_XSETREF(state.imports.JSONObject, type.release());
-    return true;
+    void *methods = import_method_table(imports.JSONObject);
+    imports.json_methods = static_cast<const JSONObjectMethods *>(methods);
+    return methods != nullptr;
 }
 
 bool import_c_items() {
@@ -217,14 +218,22 @@ bool bind_global(Name name, const Ref &value) {
     return value && PyDict_SetItem(state.globals, names[name], value.get()) == 0;
 }
 
+// The tuple of the names to import, or None for a whole module.
+Ref import_list(const ImportStatement &row) {
+    if (row.name == Name::none) return Ref::borrow(Py_None);
+    if (row.second == Name::none) return Ref::steal(PyTuple_Pack(1, names[row.name]));
+    return Ref::steal(PyTuple_Pack(2, names[row.name], names[row.second]));
+}
+
 bool run_import(const ImportStatement &row) {
-    PyObject *source = names[row.module];
-    const Ref module = import_module(source);
+    const Ref list = import_list(row);
+    if (!list) return false;
+    const Ref module = import_module(names[row.module], list.get());
     if (!module) return false;
     if (row.as != Name::none) return bind_global(row.as, module);
     for (const Name name : {row.name, row.second}) {
         if (name == Name::none) break;
-        if (!bind_global(name, import_name(module, source, names[name]))) return false;
+        if (!bind_global(name, import_from(module.get(), names[name]))) return false;
     }
     return true;
 }
@@ -241,7 +250,7 @@ Ref new_logger() {
 Ref new_counters() {
     const Ref namedtuple = global(names.namedtuple);
     if (!namedtuple) return {};
-    return Ref::steal(PyObject_CallObject(namedtuple.get(), state.constants.counters));
+    return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters, nullptr));
 }
 
 // New function objects, of a fixed module and of no object. The one default dictionary is made just
@@ -290,7 +299,7 @@ bool run_statements(int &line) {
 // Every step of the import, in order. `registered`: `sys.modules` has got the module from us.
 bool import(PyObject *module, bool &registered, int &line) {
     return check_version() && make_names() && record(module) && make_constants() &&
-           register_module(registered) && check_builtins() && make_code_objects() &&
+           register_module(registered) && keep_builtins() && make_code_objects() &&
            import_types() && import_c_items() && run_statements(line);
 }
 
@@ -303,6 +312,7 @@ void forget_module(bool registered) {
     PyErr_Fetch(&type, &value, &traceback);
     PyObject *modules = PyImport_GetModuleDict();
     if (registered && PyDict_DelItem(modules, names.module_name) < 0) PyErr_Clear();
+    state.progress = State::not_imported;
     state.globals = nullptr;
     Py_CLEAR(state.module);
     PyErr_Restore(type, value, traceback);
@@ -319,8 +329,11 @@ int execute(PyObject *module) {
         return -1;
     }
     bool registered = false;
-    state.ready = import(module, registered, line);
-    if (state.ready) return 0;
+    state.progress = State::importing;
+    if (import(module, registered, line)) {
+        state.progress = State::imported;
+        return 0;
+    }
     failed_import(PyModule_GetDict(module), line);
     forget_module(registered);
     return -1;

@@ -22,6 +22,15 @@ What all functions have in common:
 - The interpreter lock is held throughout, also while a native service works. A slow service holds
   up every thread of the management process.
 - Nothing is kept from call to call but the sessions of `get_bfd_neighbor`.
+- The parsers `get_bfd_neighbor`, `get_routing_table_result` and `get_system_arp_result` read the
+  characters of an instance of a subclass of `str` as those of a `str`: they do not call a `split`
+  or `replace` that the subclass defines. `get_cli_command_output` calls such a `replace`.
+- Compare the strings in a result with `==`. One of a single character need not be the object that
+  the interpreter shares for that character.
+- The interpreter creates the module once per process. A second import, after the module was removed
+  from `sys.modules`, gives the same module object; the interpreter then binds all thirty functions
+  again, so a function that was rebound or deleted is back. Every other name but `__spec__` stays as
+  it was.
 
 The examples show the stand-in appliance's answers: on the appliance the layout of a status reply is
 that of its native service.
@@ -689,7 +698,12 @@ _interface_lock: Lock
 """For other modules; no function of this one takes it."""
 
 class Counters(NamedTuple):
-    """Counters of an interface, for other modules; not used here."""
+    """Counters of an interface, for other modules; not used here.
+
+    `Counters.__module__` is the name that `namedtuple` finds when it is called from C: that of the
+    Python code that runs the import, usually "importlib._bootstrap". `pickle` does not find the
+    class there.
+    """
 
     bytes_sent: Any
     bytes_recv: Any

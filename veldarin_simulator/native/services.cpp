@@ -3,8 +3,10 @@
 // asks Python, journalled.
 #include "services.h"
 
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -49,6 +51,37 @@ thread_local Question *asked = nullptr;
 std::vector<json_object *> blanks;
 json_object *blank = nullptr;
 
+bool records_serializer = false;
+
+struct GILProbe {
+    const unsigned long *counter = nullptr;
+    std::chrono::milliseconds wait{};
+    unsigned long calls = 0;
+    unsigned long released = 0;
+};
+GILProbe gil_probe;
+
+void wait_for_threads() {
+    using clock = std::chrono::steady_clock;
+    const auto read = [] { return __atomic_load_n(gil_probe.counter, __ATOMIC_RELAXED); };
+    const unsigned long before = read();
+    const auto end = clock::now() + gil_probe.wait;
+    ++gil_probe.calls;
+    do {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        if (read() != before) {
+            ++gil_probe.released;
+            return;
+        }
+    } while (clock::now() < end);
+}
+
+void probe_gil() {
+    if (gil_probe.counter != nullptr) {
+        wait_for_threads();
+    }
+}
+
 Slot &slot_of(Service service) { return slots[static_cast<std::size_t>(service)]; }
 
 // Takes over a reply in the form of the service; null, or the reason why not.
@@ -92,9 +125,9 @@ void uncan(Slot &slot) {
 
 // The object itself, or the blank of the same text in its place.
 json_object *kept_blank(json_object *object) {
-    const std::string text = json_object_to_json_string(object);
+    const std::string text = rendered(object);
     for (json_object *known : blanks) {
-        if (text == json_object_to_json_string(known)) {
+        if (text == rendered(known)) {
             json_object_put(object);
             return known;
         }
@@ -119,6 +152,7 @@ Kept ask(Question question, const Entry &entry) {
 }
 
 json_object *reply_object(Service service, void *context, json_object *request, void *third) {
+    probe_gil();
     Slot &slot = slot_of(service);
     if (slot.canned) {
         ++slot.calls;
@@ -129,6 +163,7 @@ json_object *reply_object(Service service, void *context, json_object *request, 
 
 // The reply is the slot's, or one put into `answer`.
 const Kept &reply(Service service, void *context, const char *text, Kept &answer) {
+    probe_gil();
     Slot &slot = slot_of(service);
     if (slot.canned) {
         ++slot.calls;
@@ -205,6 +240,15 @@ APPLIANCE_EXPORT int gui_chk_cert_expiration(const char *path) {
     return static_cast<int>(kept.number);
 }
 
+// Comes before json-c's own in the process, which is this one call as well.
+APPLIANCE_EXPORT const char *json_object_to_json_string(json_object *object) {
+    simulator::probe_gil();
+    if (simulator::records_serializer) {
+        simulator::journal_add({__func__, nullptr, nullptr, simulator::rendered(object)});
+    }
+    return json_object_to_json_string_ext(object, JSON_C_TO_STRING_SPACED);
+}
+
 int simulator_open(simulator_callback callback, int counting) {
     simulator_close();
     simulator::journal_forget();
@@ -216,6 +260,8 @@ int simulator_open(simulator_callback callback, int counting) {
 void simulator_close() {
     simulator::ask_python = nullptr;
     simulator::blank = nullptr;
+    simulator::records_serializer = false;
+    simulator::gil_probe = {};
     for (auto &slot : simulator::slots) {
         simulator::uncan(slot);
     }
@@ -276,6 +322,17 @@ unsigned long simulator_canned_calls(size_t service) {
 unsigned long simulator_canned_misfits() { return std::exchange(simulator::misfits, 0); }
 
 void simulator_count(simulator_counts *counts) { *counts = simulator::counts(); }
+
+void simulator_record_serializer(int record) { simulator::records_serializer = record != 0; }
+
+void simulator_probe_gil(const unsigned long *counter, unsigned milliseconds) {
+    simulator::gil_probe = {counter, std::chrono::milliseconds(milliseconds)};
+}
+
+void simulator_gil_probes(unsigned long *calls, unsigned long *released) {
+    *calls = simulator::gil_probe.calls;
+    *released = simulator::gil_probe.released;
+}
 
 const char *simulator_set_blank(const simulator_reply *reply) {
     const char *reason = nullptr;

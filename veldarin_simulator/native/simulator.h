@@ -81,6 +81,18 @@ APPLIANCE_EXPORT int simulator_journal_read(size_t index, struct simulator_call 
 APPLIANCE_EXPORT void simulator_journal_forget(void);
 APPLIANCE_EXPORT void simulator_count(struct simulator_counts *counts);
 
+// Also journals the calls of json_object_to_json_string, with the object's text as request. Off
+// until set, and again when an appliance is opened.
+APPLIANCE_EXPORT void simulator_record_serializer(int record);
+
+// Makes every service and json_object_to_json_string wait in C, with whatever locks its caller
+// holds, for the time or until `counter` changes. Another Python thread increments the counter: a
+// change shows that the caller released the interpreter lock. Null ends it, as does opening an
+// appliance.
+APPLIANCE_EXPORT void simulator_probe_gil(const unsigned long *counter, unsigned milliseconds);
+// Calls that waited since the probe was set, and those of them in which the counter changed.
+APPLIANCE_EXPORT void simulator_gil_probes(unsigned long *calls, unsigned long *released);
+
 // What a JSONObject made without argument holds; borrowed, lives as long as the library.
 APPLIANCE_EXPORT const char *simulator_set_blank(const struct simulator_reply *reply);
 APPLIANCE_EXPORT struct json_object *simulator_blank(void);

@@ -24,12 +24,21 @@ void raise_undefined_name(PyObject *name) {
 }
 
 void raise_global(PyObject *exception, PyObject *message) {
-    const Ref raised = call_global(exception, message);
+    Ref raised = call_global(exception, message);
     if (!raised) return;
+    if (PyExceptionClass_Check(raised.get())) {
+        Ref instance = Ref::steal(PyObject_CallNoArgs(raised.get()));
+        if (!instance) return;
+        if (!PyExceptionInstance_Check(instance.get())) {
+            PyErr_Format(PyExc_TypeError,
+                         "calling %R should have returned an instance of BaseException, not %R",
+                         raised.get(), Py_TYPE(instance.get()));
+            return;
+        }
+        raised = std::move(instance);
+    }
     if (PyExceptionInstance_Check(raised.get())) {
         PyErr_SetObject(PyExceptionInstance_Class(raised.get()), raised.get());
-    } else if (PyExceptionClass_Check(raised.get())) {
-        PyErr_SetNone(raised.get());
     } else {
         PyErr_SetString(PyExc_TypeError, "exceptions must derive from BaseException");
     }
@@ -46,12 +55,24 @@ Handled::Handled() {
     value_ = Ref::steal(value);
     traceback_ = Ref::steal(traceback);
 
-    PyErr_GetExcInfo(&outer_type_, &outer_value_, &outer_traceback_);
-    PyErr_SetExcInfo(Ref::borrow(type).release(), Ref::borrow(value).release(),
-                     Ref::borrow(traceback).release());
+    saved_ = {Ref::borrow(type).release(), Ref::borrow(value).release(),
+              Ref::borrow(traceback).release(), nullptr};
+    swap_handled();
 }
 
-Handled::~Handled() { PyErr_SetExcInfo(outer_type_, outer_value_, outer_traceback_); }
+Handled::~Handled() {
+    swap_handled();
+    Py_XDECREF(saved_.exc_type);
+    Py_XDECREF(saved_.exc_value);
+    Py_XDECREF(saved_.exc_traceback);
+}
+
+void Handled::swap_handled() {
+    _PyErr_StackItem &own = *PyThreadState_Get()->exc_info;
+    std::swap(own.exc_type, saved_.exc_type);
+    std::swap(own.exc_value, saved_.exc_value);
+    std::swap(own.exc_traceback, saved_.exc_traceback);
+}
 
 void Handled::raise_again() {
     PyErr_Restore(type_.release(), value_.release(), traceback_.release());

@@ -16,8 +16,9 @@ void raise_undefined_name(PyObject *name);
 // raise exception(message), with the class looked up as a global name.
 void raise_global(PyObject *exception, PyObject *message);
 
-// `except … as e`: takes the current exception and makes it the one being handled, as sys.exc_info
-// shows it, for as long as this object lives. What is raised meanwhile gets it as its context.
+// `except … as e`: takes the current exception and makes it the one that the running frame (or its
+// generator) handles, as sys.exc_info shows it, for as long as this object lives. Exceptions that
+// are raised meanwhile get it as their context.
 class Handled {
 public:
     Handled();
@@ -31,10 +32,12 @@ public:
     void raise_again();
 
 private:
+    // Exchanges the frame's own exception for the saved one. PyErr_GetExcInfo would give that of
+    // the nearest caller which handles one.
+    void swap_handled();
+
     Ref type_, value_, traceback_;
-    PyObject *outer_type_ = nullptr;  // the three of the handler around this one, owned
-    PyObject *outer_value_ = nullptr;
-    PyObject *outer_traceback_ = nullptr;
+    _PyErr_StackItem saved_ = {};  // owned; its link to other items is not used
 };
 
 }  // namespace modules_util

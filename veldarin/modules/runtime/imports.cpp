@@ -1,21 +1,35 @@
 // Imports from Python and from C.
 #include "imports.h"
 
+#include "state.h"
+
 namespace modules_util {
 
 namespace {
 
-// The ImportError of `from module import name`, worded as the interpreter does.
-void raise_cannot_import(PyObject *module, PyObject *module_name, PyObject *name) {
-    const Ref path = Ref::steal(PyModule_GetFilenameObject(module));
-    if (!path) PyErr_Clear();
+// Whether source.__spec__._initializing is true; like the interpreter, drops every error.
+bool is_initializing(PyObject *source) {
+    const Ref spec = Ref::steal(PyObject_GetAttr(source, names.dunder_spec));
+    const Ref value = spec ? Ref::steal(PyObject_GetAttr(spec.get(), names.initializing)) : Ref();
+    const bool result = value && PyObject_IsTrue(value.get()) > 0;
+    PyErr_Clear();
+    return result;
+}
+
+// The ImportError of `from source import name`, worded as the interpreter does. `source_name` is
+// null for a source without a name.
+void raise_cannot_import(PyObject *source, PyObject *source_name, PyObject *name) {
+    const Ref path = Ref::steal(PyModule_GetFilenameObject(source));
+    PyErr_Clear();
+    const bool is_partial = path && is_initializing(source);
     const Ref message =
-        Ref::steal(path ? PyUnicode_FromFormat("cannot import name %R from %R (%S)", name,
-                                               module_name, path.get())
-                        : PyUnicode_FromFormat("cannot import name %R from %R (unknown location)",
-                                               name, module_name));
+        Ref::steal(PyUnicode_FromFormat("cannot import name %R from %s%R %s(%S)", name,
+                                        is_partial ? "partially initialized module " : "",
+                                        source_name ? source_name : names.unknown_module_name,
+                                        is_partial ? "(most likely due to a circular import) " : "",
+                                        path ? path.get() : names.unknown_location));
     if (!message) return;
-    const Ref error = Ref::steal(PyErr_SetImportError(message.get(), module_name, path.get()));
+    const Ref error = Ref::steal(PyErr_SetImportError(message.get(), source_name, path.get()));
 }
 
 // Reports an instance size that is not the one this module was built for. False: stop the import.
@@ -54,19 +68,37 @@ const char *signature_of(PyObject *item) {
 
 }  // namespace
 
-Ref import_module(PyObject *module) { return Ref::steal(PyImport_Import(module)); }
-
-Ref import_name(const Ref &module, PyObject *module_name, PyObject *name) {
-    Ref value = Ref::steal(PyObject_GetAttr(module.get(), name));
-    if (!value && PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        PyErr_Clear();
-        raise_cannot_import(module.get(), module_name, name);
+Ref import_module(PyObject *module, PyObject *names_or_none) {
+    PyObject *builtins = PyModule_GetDict(state.builtins);
+    const Ref function = Ref::borrow(PyDict_GetItemWithError(builtins, names.dunder_import));
+    if (!function) {
+        if (!PyErr_Occurred()) PyErr_SetString(PyExc_ImportError, "__import__ not found");
+        return {};
     }
-    return value;
+    PyObject *const arguments[] = {module, state.globals, state.globals, names_or_none,
+                                   state.constants.zero};
+    return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 5, nullptr));
+}
+
+Ref import_from(PyObject *source, PyObject *name) {
+    PyObject *value = nullptr;
+    if (_PyObject_LookupAttr(source, name, &value) != 0) return Ref::steal(value);
+    const Ref source_name = Ref::steal(PyObject_GetAttr(source, names.dunder_name));
+    if (!source_name && PyErr_ExceptionMatches(PyExc_MemoryError)) return {};
+    PyErr_Clear();
+    if (!source_name || !PyUnicode_Check(source_name.get())) {
+        raise_cannot_import(source, nullptr, name);
+        return {};
+    }
+    const Ref full_name = Ref::steal(PyUnicode_FromFormat("%U.%U", source_name.get(), name));
+    if (!full_name) return {};
+    Ref submodule = Ref::steal(PyImport_GetModule(full_name.get()));
+    if (!submodule && !PyErr_Occurred()) raise_cannot_import(source, source_name.get(), name);
+    return submodule;
 }
 
 Ref import_type(PyObject *module, PyObject *name, Py_ssize_t size) {
-    const Ref source = import_module(module);
+    const Ref source = Ref::steal(PyImport_Import(module));
     if (!source) return {};
     Ref type = Ref::steal(PyObject_GetAttr(source.get(), name));
     if (!type) return {};
@@ -94,7 +126,7 @@ void *import_method_table(PyObject *type) {
 
 void *import_c_item(CItem kind, PyObject *module, PyObject *name, const char *signature) {
     const CItemTexts &texts = kind == CItem::function ? function_texts : variable_texts;
-    const Ref source = import_module(module);
+    const Ref source = Ref::steal(PyImport_Import(module));
     if (!source) return nullptr;
     const Ref items = Ref::steal(PyObject_GetAttr(source.get(), names.dunder_pyx_capi));
     if (!items) return nullptr;

@@ -8,11 +8,10 @@
 
 namespace modules_util {
 
-// import module
-Ref import_module(PyObject *module);
-
-// from module import name, of a module already imported.
-Ref import_name(const Ref &module, PyObject *module_name, PyObject *name);
+// Both halves of an import statement at module level, as the interpreter runs them: the call of the
+// builtin __import__ with a tuple of names or None, and the binding of one name of its result.
+Ref import_module(PyObject *module, PyObject *names_or_none);
+Ref import_from(PyObject *source, PyObject *name);
 
 // The type `module.name`, whose instances must be `size` bytes: a smaller instance is a ValueError,
 // a larger one a RuntimeWarning, since a newer sibling may append fields.

@@ -31,11 +31,14 @@ namespace modules_util {
     X(dunder_builtins, "__builtins__")                                                            \
     X(dunder_enter, "__enter__")                                                                  \
     X(dunder_exit, "__exit__")                                                                    \
+    X(dunder_import, "__import__")                                                                \
     X(dunder_main, "__main__")                                                                    \
     X(dunder_name, "__name__")                                                                    \
     X(dunder_pyx_capi, "__pyx_capi__")                                                            \
     X(dunder_pyx_vtable, "__pyx_vtable__")                                                        \
+    X(dunder_spec, "__spec__")                                                                    \
     X(dunder_test, "__test__")                                                                    \
+    X(initializing, "_initializing")                                                              \
     X(interface_count, "_interface_count")                                                        \
     X(interface_lock, "_interface_lock")                                                          \
     X(logger, "_logger")                                                                          \
@@ -66,6 +69,8 @@ namespace modules_util {
     X(bfd6_command, "get router info6 bfd neighbor")                                              \
     X(bfd_detail_command, "get router info bfd neighbor ")                                        \
     X(bfd6_detail_command, "get router info6 bfd neighbor ")                                      \
+    X(unknown_location, "unknown location")                                                       \
+    X(unknown_module_name, "<unknown module name>")                                               \
     X(peer, "peer")                                                                               \
     X(objname, "objname")                                                                         \
     X(newline, "\n")                                                                              \

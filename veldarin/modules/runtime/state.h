@@ -11,14 +11,17 @@
 
 namespace modules_util {
 
-// Imported from the sibling modules. `JSONObject` is owned, the rest is theirs.
+// What the import found in other modules, kept for the life of the process. The objects are owned;
+// what the pointers below them point at belongs to the sibling modules.
 struct Imports {
-    PyObject *JSONObject;
+    PyObject *open, *range, *type, *bool_, *complex, *JSONObject;
     const JSONObjectMethods *json_methods;
     modules::GetPreferenceCookieSecretPath get_preference_cookie_secret_path;
     util::Strtcpy strtcpy;
     migbase::WarmStartPath WARM_START_PATH;
 };
+
+inline constexpr char module_name[] = "veldarin.modules.modules_util";
 
 // What goes from the texts of the command line.
 inline constexpr char pager_prompt[] = "--More--";
@@ -42,7 +45,7 @@ struct State {
     PyObject *builtins;      // owned
     PyObject *sessions;      // owned: the one default of every get_bfd_neighbor call
     PyObject *code_objects;  // owned: a list, in the order of their first lines
-    bool ready;              // the import has ended well
+    enum : unsigned char { not_imported, importing, imported } progress;
     Constants constants;
     Imports imports;
 };

@@ -1,6 +1,7 @@
 // Makes strings, and remembers the short ones.
 #include "strings.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
@@ -24,10 +25,25 @@ char *copy(Slice text, char *to) {
     return to + text.size();
 }
 
+[[gnu::cold]] PyObject *decoded(Slice text) {
+    Py_ssize_t length = 0;
+    Py_UCS4 widest = 0;
+    for (const char *at = text.begin; at != text.end; ++length) {
+        widest = std::max(widest, next_code_point(at));
+    }
+    PyObject *made = PyUnicode_New(length, widest);
+    if (!made) return nullptr;
+    const auto kind = PyUnicode_KIND(made);
+    void *const data = PyUnicode_DATA(made);
+    const char *at = text.begin;
+    for (Py_ssize_t i = 0; i < length; ++i) PyUnicode_WRITE(kind, data, i, next_code_point(at));
+    return made;
+}
+
 }  // namespace
 
 PyObject *Strings::made(Slice text) const {
-    if (!ascii_) return PyUnicode_DecodeUTF8(text.begin, text.size(), keep_surrogates);
+    if (!ascii_) return decoded(text);
     PyObject *made = PyUnicode_New(text.size(), 127);
     if (made) copy(text, characters_of(made));
     return made;

@@ -23,18 +23,42 @@ Py_ssize_t length_without(Slice text, Slice unwanted) {
     return length;
 }
 
+bool is_continuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; }
+
 // Whether a byte outside of ASCII belongs to a character that is white space.
 [[gnu::cold]] bool is_rare_white(const char *at) {
-    const auto bits = [&at](int index, Py_UCS4 mask) {
-        return static_cast<unsigned char>(at[index]) & mask;
-    };
-    while (bits(0, 0xC0U) == 0x80U) --at;
-    const Py_UCS4 lead = bits(0, 0xFFU);
-    if (lead >= 0xF0U) return false;  // beyond the basic plane there are none
-    const Py_UCS4 character =
-        lead < 0xE0U ? bits(0, 0x1FU) * 0x40U + bits(1, 0x3FU)
-                     : bits(0, 0x0FU) * 0x1000U + bits(1, 0x3FU) * 0x40U + bits(2, 0x3FU);
+    while (is_continuation(*at)) --at;
+    const Py_UCS4 character = next_code_point(at);
     return Py_UNICODE_ISSPACE(character) != 0;
+}
+
+// Appends a code point in UTF-8.
+char *encode(Py_UCS4 character, char *to) {
+    if (character < 0x80U) {
+        *to = static_cast<char>(character);
+        return to + 1;
+    }
+    unsigned rest = 1U + (character >= 0x800U) + (character >= 0x10000U);
+    *to++ = static_cast<char>(0xFF80U >> rest | character >> 6U * rest);
+    while (rest-- > 0) *to++ = static_cast<char>(0x80U | (character >> 6U * rest & 0x3FU));
+    return to;
+}
+
+[[gnu::cold]] Text encoded(PyObject *text) {
+    const Py_ssize_t length = PyUnicode_GET_LENGTH(text);
+    // A string of wider characters is the buffer: a code point needs twice its own byte in UTF-8,
+    // or at most four.
+    Ref copy = Ref::steal(
+        PyUnicode_New(length, PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND ? 0xFFFF : 0x10FFFF));
+    if (!copy) return {};
+    auto *const to = static_cast<char *>(PyUnicode_DATA(copy.get()));
+    char *end = to;
+    const auto kind = PyUnicode_KIND(text);
+    const void *const data = PyUnicode_DATA(text);
+    for (Py_ssize_t i = 0; i < length; ++i) end = encode(PyUnicode_READ(kind, data, i), end);
+    return {
+        std::move(copy), false, {to, end}
+    };
 }
 
 inline bool is_white(const char *at) {
@@ -88,11 +112,7 @@ bool is_text(PyObject *object, PyObject *method, PyObject *arguments) {
 
 Text open(PyObject *text) {
     if (PyUnicode_IS_ASCII(text)) return {Ref::borrow(text), true, storage_of(text)};
-    Ref copy = Ref::steal(PyUnicode_AsEncodedString(text, "utf-8", keep_surrogates));
-    if (!copy) return {};
-    const char *data = PyBytes_AS_STRING(copy.get());
-    const Slice all(data, data + PyBytes_GET_SIZE(copy.get()));
-    return {std::move(copy), false, all};
+    return encoded(text);
 }
 
 Ref replaced(PyObject *text, PyObject *pair) {

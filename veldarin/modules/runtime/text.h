@@ -24,13 +24,12 @@ struct Slice {
     [[nodiscard]] bool empty() const { return begin == end; }
 };
 
-// How surrogates, which a `str` may hold, pass through UTF-8.
-inline constexpr char keep_surrogates[] = "surrogatepass";
-
 // The whole of a `str`. What is ASCII, as the output of a command is as a rule, is scanned in the
-// string's own storage.
+// string's own storage, anything else in a copy. In the copy a surrogate is encoded like every
+// other code point: the interpreter's codecs would call an error handler, which a program may
+// replace.
 struct Text {
-    Ref owner;  // of what `all` is a slice of: the `str`, or a copy in UTF-8
+    Ref owner;  // of what `all` is a slice of: the `str`, or an object whose storage holds the copy
     bool ascii;
     Slice all;
 };
@@ -48,6 +47,18 @@ Ref replaced(PyObject *text, PyObject *pair);
 
 // The same for a pair (ASCII, "") of what `is_text`; the text itself if there is nothing to remove.
 Ref removed(PyObject *text, PyObject *pair);
+
+// The code point that begins at `at`, which moves behind it.
+inline Py_UCS4 next_code_point(const char *&at) {
+    const Py_UCS4 lead = static_cast<unsigned char>(*at++);
+    if (lead < 0x80U) return lead;
+    unsigned rest = 1U + (lead >= 0xE0U) + (lead >= 0xF0U);
+    Py_UCS4 character = lead & 0x7FU >> rest;  // the bit left of these is 0
+    while (rest-- > 0) {
+        character = character << 6U | (static_cast<unsigned char>(*at++) & 0x3FU);
+    }
+    return character;
+}
 
 // Whether the byte at `at` belongs to a character that is white space, as str.isspace has it.
 bool is_space(const char *at);

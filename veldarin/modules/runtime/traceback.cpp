@@ -10,8 +10,6 @@ namespace modules_util {
 namespace {
 
 constexpr char source_file[] = "veldarin/modules/modules_util";
-constexpr char import_entry[] = "init veldarin.modules.modules_util";
-constexpr int import_line = 1;
 
 // Borrowed, or null for a line before every function: the last code object that begins no later.
 PyObject *code_of(int line) {
@@ -24,9 +22,11 @@ PyObject *code_of(int line) {
     return found;
 }
 
-Ref new_import_code() {
-    return Ref::steal(
-        reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, import_entry, import_line)));
+// The code object of a function, or of the import (null).
+Ref new_code(const char *function, int first_line) {
+    char name[80];
+    PyOS_snprintf(name, sizeof name, function ? "%s.%s" : "init %s", module_name, function);
+    return Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, name, first_line)));
 }
 
 // A traceback in front of `next` (null: none), or null with an exception set. The line is the
@@ -46,15 +46,16 @@ Ref new_entry(PyObject *code, PyObject *globals, PyObject *next, int line) {
     return Ref::steal(reinterpret_cast<PyObject *>(entry));
 }
 
-// `function` is borrowed; null is the import itself, whose code object is made when it fails.
-void add_entry(PyObject *function, PyObject *globals, int line) {
+// Adds the entry of `code`, or (null) of a new code object.
+void add_entry(PyObject *code, const char *function, int first_line, PyObject *globals, int line) {
     PyObject *type = nullptr;
     PyObject *value = nullptr;
     PyObject *traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);
-    const Ref code = function ? Ref::borrow(function) : new_import_code();
-    if (code) {
-        if (Ref entry = new_entry(code.get(), globals, traceback, line)) {
+    const Ref owned_code = code ? Ref::borrow(code) : new_code(function, first_line);
+    const Ref owned_globals = globals ? Ref::borrow(globals) : Ref::steal(PyDict_New());
+    if (owned_code && owned_globals) {
+        if (Ref entry = new_entry(owned_code.get(), owned_globals.get(), traceback, line)) {
             Py_XDECREF(traceback);
             traceback = entry.release();
         }
@@ -65,17 +66,18 @@ void add_entry(PyObject *function, PyObject *globals, int line) {
 }  // namespace
 
 Failed failed(int line) {
-    add_entry(code_of(line), state.globals, line);
+    add_entry(code_of(line), nullptr, 0, state.globals, line);
     return {};
 }
 
-void failed_import(PyObject *globals, int line) { add_entry(nullptr, globals, line); }
+void failed_import(PyObject *globals, int line) { add_entry(nullptr, nullptr, 1, globals, line); }
+
+void failed_early(PyObject *globals, const char *function, int first_line) {
+    add_entry(nullptr, function, first_line, globals, first_line);
+}
 
 bool add_code_object(const char *function, int first_line) {
-    char name[80];
-    PyOS_snprintf(name, sizeof name, "veldarin.modules.modules_util.%s", function);
-    const Ref code =
-        Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, name, first_line)));
+    const Ref code = new_code(function, first_line);
     return code && PyList_Append(state.code_objects, code.get()) == 0;
 }
 

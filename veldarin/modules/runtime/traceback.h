@@ -20,6 +20,9 @@ struct Failed {
 // The entry of a failing import. `globals` is the dictionary of the module being imported.
 void failed_import(PyObject *globals, int line);
 
+// The entry of a function whose code object may not be made yet. `globals` may be null.
+void failed_early(PyObject *globals, const char *function, int first_line);
+
 // Makes the code object of a function, after those of all functions before it. False with an
 // exception set.
 bool add_code_object(const char *function, int first_line);

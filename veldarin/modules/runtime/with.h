@@ -30,7 +30,7 @@ bool with(PyObject *manager, int line, Body &&body) {
 
     if (!body(file.get())) return exit_with_exception(exit.get(), line);
 
-    const Ref left = Ref::steal(PyObject_CallObject(exit.get(), state.constants.three_nones));
+    const Ref left = Ref::steal(PyObject_Call(exit.get(), state.constants.three_nones, nullptr));
     return left || failed(line);
 }
 

@@ -1,0 +1,110 @@
+"""Text with characters beyond ASCII: every code point passes through the parsers unchanged, in each
+storage width, and no codec error handler of the process takes part."""
+
+from __future__ import annotations
+
+import codecs
+import sys
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+
+from tests.support import reference
+from tests.support.assertions import raising
+from tests.support.fake_cli import CommandLine
+
+# The first and last code points of each length in UTF-8 and of the surrogates.
+BOUNDARIES = "\x7f\x80\xff\u0100\u07ff\u0800\ud7ff\ud800\udbff\udc00\udfff\ue000\uffff"
+BOUNDARIES += "\U00010000\U0010ffff"
+WIDTHS = {
+    "one byte": "\xe9",
+    "two bytes": "\u0142",
+    "surrogates": "\ud83d\ude00",
+    "four bytes": "\U0001f600",
+    "four bytes and surrogates": "\U0001f600\udfff\ud800",
+}
+OUTPUTS = {
+    "get_bfd_neighbor": "x\npeer {0}a is {0}b\n{0}K{0}: {0}v packets{0}\nLong {1}: {1}packets\n"
+    "Local timers\nA{0}: 1{0}\n{0}B: {0}2\nC: {1}\nplain: value\n",
+    "get_routing_table_result": "Routing entry for {0}/{1}\n{0}, distance {0}, metric {1}, best\n"
+    "Last update {0} ago\n{0} {1}, via {0}\n{1}, {0}a b\n\n",
+    "get_system_arp_result": "{0} Age\nAddress {0}\n{0} {1} c{0} d\n{1} b c {0}{1}\na b c d {0}\n",
+}
+
+
+class Text(str):
+    """A subclass of str, whose instances store their characters apart."""
+
+
+@pytest.fixture(params=["none", "raises", "replaces"])
+def error_handler(request: pytest.FixtureRequest) -> Iterator[None]:
+    """Leaves the process's "surrogatepass" handler as it is, or registers another one."""
+    handlers: dict[str, Any] = {
+        "raises": raising(AssertionError("the error handler was called")),
+        "replaces": lambda error: ("?", error.end),
+    }
+    before = codecs.lookup_error("surrogatepass")
+    codecs.register_error("surrogatepass", handlers.get(request.param, before))
+    yield
+    codecs.register_error("surrogatepass", before)
+
+
+def result(parser: Any, function: str, output: str, monkeypatch: pytest.MonkeyPatch) -> Any:
+    """What a parser makes of an output."""
+    CommandLine(parser, monkeypatch).prints(output)
+    arguments: dict[str, tuple[object, ...]] = {
+        "get_bfd_neighbor": ("c", {}),
+        "get_routing_table_result": ("a",),
+    }
+    return getattr(parser, function)(*arguments.get(function, ()))
+
+
+def strings(value: Any) -> Iterator[str]:
+    """Every string in a result, keys included."""
+    if isinstance(value, str):
+        yield value
+    elif isinstance(value, dict):
+        for key, item in value.items():
+            yield from strings(key)
+            yield from strings(item)
+    else:
+        assert isinstance(value, list)
+        for item in value:
+            yield from strings(item)
+
+
+@pytest.mark.usefixtures("error_handler")
+@pytest.mark.parametrize("function", OUTPUTS)
+@pytest.mark.parametrize("width", WIDTHS)
+@pytest.mark.parametrize("repeat", [1, 70])
+@pytest.mark.parametrize("kind", [str, Text])
+def test_text_of_each_width_parses_as_in_python(
+    module: Any,
+    monkeypatch: pytest.MonkeyPatch,
+    function: str,
+    width: str,
+    repeat: int,
+    kind: type[str],
+) -> None:
+    text = WIDTHS[width]
+    output = kind(OUTPUTS[function].format(text, text * repeat))
+    parsed = result(module, function, output, monkeypatch)
+    assert parsed == result(reference, function, output, monkeypatch)
+    assert any(text in each for each in strings(parsed))
+    # A string that is stored wider than its characters need is equal to none.
+    sizes = [(sys.getsizeof(each), sys.getsizeof("".join([*each]))) for each in strings(parsed)]
+    assert [size for size, _ in sizes] == [size for _, size in sizes]
+
+
+@pytest.mark.usefixtures("error_handler")
+@pytest.mark.parametrize("character", BOUNDARIES, ids=ascii)
+@pytest.mark.parametrize("other", ["", "a", "\xe9", "\ud800", "\U0001f600"], ids=ascii)
+def test_code_points_pass_through_unchanged(
+    native_cli: CommandLine, character: str, other: str
+) -> None:
+    words = [character + other, other + character, character * 3 + other, character * 70]
+    rows = [" ".join(words), " ".join(reversed(words))]
+    native_cli.prints("\n".join(["Address", *rows]))
+    listed = native_cli.parser.get_system_arp_result()
+    assert [list(row.values()) for row in listed] == [row.split() for row in rows]
