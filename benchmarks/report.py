@@ -4,8 +4,9 @@ from __future__ import annotations
 
 import platform
 import re
-from collections.abc import Iterable, Mapping, Sequence
+from collections.abc import Callable, Iterable, Mapping, Sequence
 from dataclasses import dataclass
+from functools import partial
 from importlib import metadata
 from pathlib import Path
 from typing import Any
@@ -13,7 +14,7 @@ from typing import Any
 from benchmarks import measure, regression, thresholds, workloads
 from benchmarks.cli_samples import Variant
 from benchmarks.competitors import CYTHON, IMPORT_NAMES, MODULE
-from benchmarks.measure import Results, Times
+from benchmarks.measure import Memory, Results, Times
 from benchmarks.workloads import LOWER_BOUND, WITH_BYTES, Workload
 from veldarin_simulator import native_library
 
@@ -104,105 +105,144 @@ def _processor() -> str:
 
 # ------------------------------------------------------------------ tables
 
+# The columns of a table: headings, and functions that format a row's figures by name.
+Columns = dict[str, Callable[[Mapping[str, Any]], str]]
+
 
 def tables(results: Results) -> list[Table]:
     """Return the tables of the page, those of machine-independent figures first."""
+    counts, times = results.counts, results.times
+    bridges = [*workloads.BRIDGES, *workloads.NO_PARSE_BRIDGES]
+    single_calls = [workloads.LISTING, *workloads.OUTPUTS, *workloads.CALLS]
+    of_threshold_size = [
+        table for table in workloads.TABLES if table.rows == workloads.THRESHOLD_SIZE
+    ]
+    ratios = {**_ratio(MODULE, LOWER_BOUND), **_ratio(CYTHON, MODULE)}
     return [
-        _instructions(results),
-        _allocations(results),
-        _memory(results),
-        _thresholds(results),
-        _times(results),
+        _table(
+            "Instructions",
+            "Per row of a table, or per call. Callgrind counts n and 5n calls, with the release of "
+            "the result; the figure is the difference. The import is one, siblings loaded.",
+            {**counts.instructions, "import": counts.imports},
+            {**_figures(_COUNTED), **ratios},
+        ),
+        _table(
+            "Allocations",
+            "New and resized blocks of the interpreter's allocator, per row or per call.",
+            counts.allocations,
+            _figures(_COUNTED, 3),
+        ),
+        _table(
+            "Memory per returned row",
+            "Bytes of the result / peak during the call, including the result, the command's "
+            "output and its copies; by tracemalloc.",
+            _select(results.memory, of_threshold_size),
+            {name: partial(_memory, name) for name in _COUNTED},
+        ),
+        Table(
+            "Thresholds",
+            "Processor time, unless the row says otherwise.",
+            ["workload", "threshold", "measured", ""],
+            [
+                [
+                    each.subject,
+                    str(each),
+                    f"{each.figure(results):.3g} {each.unit}",
+                    "met" if each.is_met(results) else "not met",
+                ]
+                for each in thresholds.THRESHOLDS
+            ],
+        ),
+        _table(
+            "Tables",
+            "Nanoseconds per row: medians. Ratios are medians of the rounds' ratios.",
+            _select(times, workloads.TABLES),
+            {**_figures(_ALL), **ratios, **_ratio("split", MODULE)},
+        ),
         _growth(results),
-        _status_queries(results),
-        _single_calls(results),
-        _import_and_file(results),
+        _table(
+            "Status queries",
+            "Microseconds per call. The lower bound makes both JSONObjects, calls the same service "
+            "and `json_object_to_json_string`, makes bytes of the text, calls `ujson.loads` and "
+            'releases both objects; the columns above it show each module\'s own work. "Bytes" is '
+            "the time to make the bytes for `loads`. Differences have their standard error. In "
+            "*no-parse* calls json-c copies a ready text and `loads` is an empty builtin, which "
+            "makes small differences measurable.",
+            _select(times, bridges),
+            {
+                **_figures(_ALL[:3], 4, unit=1000),
+                f"{MODULE} above lower bound": partial(_difference, MODULE, LOWER_BOUND),
+                f"{CYTHON} above lower bound": partial(_difference, CYTHON, LOWER_BOUND),
+                "bytes": partial(_difference, LOWER_BOUND, WITH_BYTES),
+                **_ratio(MODULE, CYTHON, 3),
+            },
+        ),
+        _table(
+            "Single calls",
+            "Nanoseconds per call, from a loop in C. The lower bound of a trivial call is a "
+            "builtin with the same calling convention that calls the same service and converts its "
+            "reply; `empty` is one that returns None. `deepcopy` is the `copy.deepcopy` of the "
+            "sessions that `list_bfd_neighbor` makes.",
+            _select(times, single_calls),
+            {
+                **_figures([MODULE, LOWER_BOUND, "empty", CYTHON, "deepcopy"], 4),
+                **_ratio(MODULE, LOWER_BOUND, 3),
+                **_ratio(CYTHON, MODULE),
+            },
+        ),
+        _table(
+            "Import and file",
+            "The import is processor time in a new process with siblings and packages loaded: the "
+            f"median of {measure.IMPORT_ROUNDS}. `{measure.NAMEDTUPLE}` is the creation of the "
+            "record type, part of every import. Files are stripped.",
+            {"import, ns": results.imports, "file, bytes": results.sizes},
+            {**_figures([MODULE, CYTHON, measure.NAMEDTUPLE]), **_ratio(MODULE, CYTHON)},
+        ),
     ]
 
 
-def _instructions(results: Results) -> Table:
-    counts = {**results.counts.instructions, "import": results.counts.imports}
-    return Table(
-        "Instructions",
-        "Per row of a table, or per call. Callgrind counts n and 5n calls, with the release of the "
-        "result; the figure is the difference. The import is a single one, siblings loaded.",
-        ["workload", *_COUNTED, *_ratios(LOWER_BOUND)],
-        [
-            [
-                name,
-                *(_number(row.get(column)) for column in _COUNTED),
-                _quotient(row, MODULE, LOWER_BOUND),
-                _quotient(row, CYTHON, MODULE),
-            ]
-            for name, row in counts.items()
-        ],
-    )
+def _table(
+    title: str, explanation: str, rows: Mapping[str, Mapping[str, Any]], columns: Columns
+) -> Table:
+    cells = [[name, *(format(row) for format in columns.values())] for name, row in rows.items()]
+    return Table(title, explanation, ["workload", *columns], cells)
 
 
-def _allocations(results: Results) -> Table:
-    return Table(
-        "Allocations",
-        "New and resized blocks of the interpreter's allocator, per row or per call.",
-        ["workload", *_COUNTED],
-        [
-            [name, *(_number(row.get(column), 3) for column in _COUNTED)]
-            for name, row in results.counts.allocations.items()
-        ],
-    )
+def _select(figures: Mapping[str, Any], chosen: Iterable[Workload]) -> dict[str, Any]:
+    return {workload.name: figures[workload.name] for workload in chosen}
 
 
-def _memory(results: Results) -> Table:
-    return Table(
-        "Memory per returned row",
-        "Bytes of the result / peak during the call, including the result, the command's output "
-        "and its copies; by tracemalloc.",
-        ["workload", *_COUNTED],
-        [
-            [
-                table.name,
-                *(f"{row[column].held:,.0f} / {row[column].peak:,.0f}" for column in _COUNTED),
-            ]
-            for table in workloads.TABLES
-            if table.rows == workloads.THRESHOLD_SIZE
-            for row in [results.memory[table.name]]
-        ],
-    )
+def _figures(names: Iterable[str], digits: int = 0, unit: int = 1) -> Columns:
+    """Return columns with that many significant digits, or with whole numbers."""
+
+    def format_figure(name: str, row: Mapping[str, Any]) -> str:
+        if name not in row:
+            return ""
+        figure = (row[name].median if isinstance(row[name], Times) else row[name]) / unit
+        has_fraction = digits and figure < 10 ** (digits - 1)
+        return f"{figure:.{digits}g}" if has_fraction else f"{figure:,.0f}"
+
+    return {name: partial(format_figure, name) for name in names}
 
 
-def _thresholds(results: Results) -> Table:
-    return Table(
-        "Thresholds",
-        "Processor time, unless the row says otherwise.",
-        ["workload", "threshold", "measured", ""],
-        [
-            [
-                each.subject,
-                str(each),
-                f"{each.figure(results):.3g} {each.unit}",
-                "met" if each.is_met(results) else "not met",
-            ]
-            for each in thresholds.THRESHOLDS
-        ],
-    )
+def _ratio(dividend: str, divisor: str, digits: int = 2) -> Columns:
+    def format_ratio(row: Mapping[str, Any]) -> str:
+        if not {dividend, divisor} <= row.keys():
+            return ""
+        above, below = row[dividend], row[divisor]
+        ratio = above.over(below) if isinstance(above, Times) else above / below
+        return f"{ratio:.{digits}f}"
+
+    return {f"{dividend} / {divisor}": format_ratio}
 
 
-def _times(results: Results) -> Table:
-    return Table(
-        "Tables",
-        "Nanoseconds per row: medians. Ratios are medians of the rounds' ratios.",
-        ["workload", *_ALL, *_ratios(LOWER_BOUND), f"split / {MODULE}"],
-        [
-            [
-                table.name,
-                *_medians(times, _ALL),
-                f"{times[MODULE].over(times[LOWER_BOUND]):.2f}",
-                f"{times[CYTHON].over(times[MODULE]):.2f}",
-                f"{times['split'].over(times[MODULE]):.2f}",
-            ]
-            for table in workloads.TABLES
-            for times in [results.times[table.name]]
-        ],
-    )
+def _difference(above: str, below: str, row: Mapping[str, Times]) -> str:
+    figure, error = row[above].minus(row[below])
+    return f"{figure / 1000:+.2f} ± {error / 1000:.2f}"
+
+
+def _memory(name: str, row: Mapping[str, Memory]) -> str:
+    return f"{row[name].held:,.0f} / {row[name].peak:,.0f}"
 
 
 def _growth(results: Results) -> Table:
@@ -222,109 +262,6 @@ def _growth(results: Results) -> Table:
             for variant in Variant
         ],
     )
-
-
-def _status_queries(results: Results) -> Table:
-    columns = _ALL[:3]
-    rows = []
-    for workload in (*workloads.BRIDGES, *workloads.NO_PARSE_BRIDGES):
-        times = results.times[workload.name]
-        pairs = ((MODULE, LOWER_BOUND), (CYTHON, LOWER_BOUND), (LOWER_BOUND, WITH_BYTES))
-        differences = [times[above].minus(times[below]) for above, below in pairs]
-        rows.append(
-            [
-                workload.name,
-                *(_number(times[name].median / 1000, 4) for name in columns),
-                *(f"{figure / 1000:+.2f} ± {error / 1000:.2f}" for figure, error in differences),
-                f"{times[MODULE].over(times[CYTHON]):.3f}",
-            ]
-        )
-    return Table(
-        "Status queries",
-        "Microseconds per call. The lower bound makes both JSONObjects, calls the same service and "
-        "`json_object_to_json_string`, makes bytes of the text, calls `ujson.loads` and releases "
-        'both objects; the columns above it show each module\'s own work. "Bytes" is the time to '
-        "make the bytes for `loads`. Differences have their standard error. In *no-parse* calls "
-        "json-c copies a ready text and `loads` is an empty builtin, which makes small differences "
-        "measurable.",
-        [
-            "workload",
-            *columns,
-            f"{MODULE} above lower bound",
-            f"{CYTHON} above lower bound",
-            "bytes",
-            f"{MODULE} / {CYTHON}",
-        ],
-        rows,
-    )
-
-
-def _single_calls(results: Results) -> Table:
-    columns = [MODULE, LOWER_BOUND, "empty", CYTHON, "deepcopy"]
-    return Table(
-        "Single calls",
-        "Nanoseconds per call, from a loop in C. The lower bound of a trivial call is a builtin "
-        "with the same calling convention that calls the same service and converts its reply; "
-        "`empty` is one that returns None. `deepcopy` is the `copy.deepcopy` of the sessions that "
-        "`list_bfd_neighbor` makes.",
-        ["workload", *columns, *_ratios(LOWER_BOUND)],
-        [
-            [
-                workload.name,
-                *_medians(times, columns, 4),
-                f"{times[MODULE].over(times[LOWER_BOUND]):.3f}" if LOWER_BOUND in times else "",
-                f"{times[CYTHON].over(times[MODULE]):.2f}",
-            ]
-            for workload in [workloads.LISTING, *workloads.OUTPUTS, *workloads.CALLS]
-            for times in [results.times[workload.name]]
-        ],
-    )
-
-
-def _import_and_file(results: Results) -> Table:
-    imports, sizes = results.imports, results.sizes
-    return Table(
-        "Import and file",
-        f"The import is processor time in a new process with siblings and packages loaded: the "
-        f"median of {measure.IMPORT_ROUNDS}. `{measure.NAMEDTUPLE}` is the creation of the record "
-        "type, part of every import. Files are stripped.",
-        ["", MODULE, CYTHON, f"{MODULE} / {CYTHON}", measure.NAMEDTUPLE],
-        [
-            [
-                "import, µs",
-                *(f"{imports[name].median / 1000:,.0f}" for name in (MODULE, CYTHON)),
-                f"{imports[MODULE].over(imports[CYTHON]):.2f}",
-                f"{imports[measure.NAMEDTUPLE].median / 1000:,.0f}",
-            ],
-            [
-                "file, bytes",
-                *(f"{sizes[name]:,}" for name in (MODULE, CYTHON)),
-                f"{sizes[MODULE] / sizes[CYTHON]:.2f}",
-                "",
-            ],
-        ],
-    )
-
-
-def _ratios(lower_bound: str) -> list[str]:
-    return [f"{MODULE} / {lower_bound}", f"{CYTHON} / {MODULE}"]
-
-
-def _quotient(row: Mapping[str, float], dividend: str, divisor: str) -> str:
-    return f"{row[dividend] / row[divisor]:.2f}" if {dividend, divisor} <= row.keys() else ""
-
-
-def _medians(times: Mapping[str, Times], names: Iterable[str], digits: int = 0) -> list[str]:
-    return [_number(times[name].median, digits) if name in times else "" for name in names]
-
-
-def _number(figure: float | None, digits: int = 0) -> str:
-    """Format with that many significant digits, or as a whole number."""
-    if figure is None:
-        return ""
-    if digits and figure < 10 ** (digits - 1):
-        return f"{figure:.{digits}g}"
-    return f"{figure:,.0f}"
 
 
 # ------------------------------------------------------------------ plots

@@ -14,7 +14,7 @@ from lab import daemons, host_snapshot, topology
 from lab.network import skip_reason, wait_until
 from lab.network_states import STATES, Lab
 
-_WIDTH = 100
+_WIDTH = 110
 _ROW = ("state", "comparison", "function", "oracle")
 _VERSIONS = pytest.StashKey[str]()
 

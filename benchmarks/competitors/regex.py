@@ -35,7 +35,6 @@ _BFD_LINE = re.compile(
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """Return the rows of the ARP table."""
     text = get_cli_command_output("get system arp")
     header = _ARP_HEADER.search(text)
     if not header:
@@ -44,7 +43,6 @@ def get_system_arp_result() -> list[dict[str, str]]:
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """Return the routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
     text = text.replace("\r", "")
     header = _ROUTING_HEADER.search(text)
@@ -55,7 +53,6 @@ def get_routing_table_result(ip_address: str) -> dict[str, Any]:
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """Merge the BFD session of a command's output into `list_bfd` and return that."""
     text = get_cli_command_output(cmd)
     lines = _BFD_LINE.finditer(text, text.index("\n"))
     return results.merge_session(map(re.Match.groups, lines), list_bfd)

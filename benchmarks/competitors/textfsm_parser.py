@@ -78,13 +78,11 @@ Lines
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """Return the rows of the ARP table."""
     rows = _parse(_ARP, get_cli_command_output("get system arp"))
     return [dict(zip(_ARP.header, row)) for row in rows]
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """Return the routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
     rows = _parse(_ROUTING, text.replace("\r", ""))
     routes = [{"main": main, "ip": ip, "interface": interface} for *_, main, ip, interface in rows]
@@ -92,7 +90,6 @@ def get_routing_table_result(ip_address: str) -> dict[str, Any]:
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """Merge the BFD session of a command's output into `list_bfd` and return that."""
     return results.merge_session(_parse(_BFD, get_cli_command_output(cmd)), list_bfd)
 
 

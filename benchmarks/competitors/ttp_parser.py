@@ -43,20 +43,17 @@ _BFD_PARTS = ("address", "interface", "timers", "key", "value")
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """Return the rows of the ARP table."""
     rows: list[dict[str, str]] = _parse(_ARP, get_cli_command_output("get system arp"))["rows"]
     return rows
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """Return the routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
     parsed = _parse(_ROUTING, text.replace("\r", ""))
     return results.routing_entry(parsed["header"], parsed["table"])
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """Merge the BFD session of a command's output into `list_bfd` and return that."""
     # A pattern matches from the beginning of a line. The first line is not a part of the session.
     text = "\n".join(line.lstrip() for line in get_cli_command_output(cmd).split("\n")[1:])
     lines = _parse(_BFD, text)["lines"]
