@@ -9,10 +9,10 @@ from typing import Any
 
 from lab.network import ENV_WITHOUT_SANITIZER
 
-_FOLDERS = [
-    Path(folder)
-    for folder in "/etc/frr /etc/netns /run/frr /run/netns /var/log/frr /var/tmp/frr".split()
-]
+_FOLDERS = (
+    *map(Path, "/etc/frr /etc/netns /run/frr /run/netns /var/log/frr".split()),
+    Path("/var/tmp", "frr"),
+)
 _TABLES = (
     "-d link",
     "address",
