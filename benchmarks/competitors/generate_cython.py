@@ -47,12 +47,18 @@ def {function}({parameter}):
     return data
 """
 
+# Native services of the other queries.
+_SERVICES = ["build_system_interface_physical"]
+_CAPTURES = [
+    f"build_{event}_sniffer_profile_capture" for event in "start stop pause delete".split()
+]
+
 _EXTERN = '''
 cdef extern from *:
     """
-    extern struct json_object *{service}(void *context, struct json_object *request);
+    extern struct json_object *{service}(void *context, struct json_object *request{more});
     """
-    json_object *{service}(void *context, json_object *request)
+    json_object *{service}(void *context, json_object *request{more})
 '''
 
 
@@ -86,7 +92,7 @@ def _query(row: str) -> str:
         return _QUERY.format(function=function, parameter=parameter, request=request, call="pass")
     call = f"response.held = {service}(NULL, request.held)"
     query = _QUERY.format(function=function, parameter=parameter, request=request, call=call)
-    return _EXTERN.format(service=service) + query
+    return _EXTERN.format(service=service, more="") + query
 
 
 def main(reference: str, output: str) -> None:
@@ -98,7 +104,9 @@ def main(reference: str, output: str) -> None:
     }
     parsers = [_parser(functions[name]) + "\n" for name in _PARSERS]
     queries = [_query(row) for row in _QUERIES.strip().splitlines()]
-    Path(output).write_text("\n\n".join([*parsers, *queries]))
+    externs = [_EXTERN.format(service=name, more="") for name in _SERVICES]
+    externs += [_EXTERN.format(service=name, more=", void *third") for name in _CAPTURES]
+    Path(output).write_text("\n\n".join([*externs, *parsers, *queries]))
 
 
 if __name__ == "__main__":

@@ -34,12 +34,6 @@ cdef extern from *:
     extern int cookieval_unwrap(char *text);
     extern int gui_chk_cert_expiration(const char *path);
     extern char *get_cli_cmd_output(void *first, const char *command);
-    extern struct json_object *build_system_interface_physical(
-        void *context, struct json_object *request);
-    #define CAPTURE(name) \\
-        extern struct json_object *name(void *context, struct json_object *request, void *third);
-    CAPTURE(build_start_sniffer_profile_capture) CAPTURE(build_stop_sniffer_profile_capture)
-    CAPTURE(build_pause_sniffer_profile_capture) CAPTURE(build_delete_sniffer_profile_capture)
     """
     unsigned long aps_get_new_cookie_id()
     unsigned long get_aps_hash "__get_aps_hash"(const char *text)
@@ -47,15 +41,6 @@ cdef extern from *:
     int cookieval_unwrap(char *text)
     int gui_chk_cert_expiration(const char *path)
     char *get_cli_cmd_output(void *first, const char *command)
-    json_object *build_system_interface_physical(void *context, json_object *request)
-    json_object *build_start_sniffer_profile_capture(
-        void *context, json_object *request, void *third)
-    json_object *build_stop_sniffer_profile_capture(
-        void *context, json_object *request, void *third)
-    json_object *build_pause_sniffer_profile_capture(
-        void *context, json_object *request, void *third)
-    json_object *build_delete_sniffer_profile_capture(
-        void *context, json_object *request, void *third)
 
 
 _logger = getLogger(__name__)
