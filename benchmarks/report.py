@@ -1,4 +1,4 @@
-"""Writes docs/benchmarks.md and its plots from the results of a run; notes.md comes at the end."""
+"""Writes docs/benchmarks.md and its plots from the results of a run, and keeps the page's notes."""
 
 from __future__ import annotations
 
@@ -20,13 +20,13 @@ from veldarin_simulator import native_library
 
 PAGE = native_library.ROOT / "docs" / "benchmarks.md"
 _PLOTS = PAGE.with_suffix("")
-_NOTES = Path(__file__).with_name("notes.md")
+_NOTES = "## Notes\n"
 
 _OPENING = """\
 # Benchmarks
 
 `make bench` writes this page from one run; `make bench ARGS=report` writes it from the last run
-again. The notes at the end come from `benchmarks/notes.md`.
+again. Both keep the notes at the end, which are written by hand.
 
 The module is `{module}`; it is compared with
 
@@ -86,7 +86,8 @@ def write(results: Results) -> None:
         for table in tables(results)
     ]
     plots = "".join(f"![{file.stem}]({_PLOTS.name}/{file.name})\n" for file in _plot(results))
-    parts = [opening, *sections, f"## Cost by size\n\n{plots}", _NOTES.read_text()]
+    notes = _NOTES + PAGE.read_text().partition(_NOTES)[2]
+    parts = [opening, *sections, f"## Cost by size\n\n{plots}", notes]
     PAGE.write_text("\n".join(parts))
 
 
