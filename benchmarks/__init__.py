@@ -1,1 +1,1 @@
-"""The speed and size of the module on this machine, beside what people would use instead."""
+"""Measures the module's speed, memory and size and compares them with competitors."""

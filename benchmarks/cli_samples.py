@@ -1,8 +1,7 @@
-"""Texts of the appliance's command line in any size: what the benchmarks have parsed.
+"""Generates command output of any size for the benchmarks.
 
-Each table comes in two variants. In `REPEATING` the ages and interfaces come again, as in a real
-table; in `DISTINCT` no value comes twice, which is the worst case for whoever keeps made values.
-The values are made up by counting; addresses are private ones.
+In the `REPEATING` variant of a table, ages and interfaces repeat, as in a real table. In `DISTINCT`
+no value repeats, the worst case for a cache of strings. Addresses are private.
 """
 
 from __future__ import annotations
@@ -12,14 +11,14 @@ from enum import Enum
 
 
 class Variant(Enum):
-    """Whether values come again within a text."""
+    """Whether values repeat within a text."""
 
     REPEATING = "repeating"
     DISTINCT = "distinct"
 
 
 def arp(rows: int, variant: Variant) -> str:
-    """ "get system arp": one row a neighbour."""
+    """Return the output of "get system arp", one row per neighbor."""
     lines = ["Address           Age(min)   Hardware Addr      Interface"]
     for i in range(rows):
         age, interface = (i * 7 % 60, _port(i)) if variant is Variant.REPEATING else (i, f"vlan{i}")
@@ -28,7 +27,7 @@ def arp(rows: int, variant: Variant) -> str:
 
 
 def routing(routes: int, variant: Variant) -> str:
-    """ "get router info routing-table detail": a header and one line a next hop."""
+    """Return the output of "get router info routing-table detail", one line per next hop."""
     lines = [
         "Routing entry for 192.0.2.0/24",
         '  Known via "ospf", distance 110, metric 20, best',
@@ -41,11 +40,10 @@ def routing(routes: int, variant: Variant) -> str:
 
 
 def bfd(key_lines: int, variant: Variant) -> str:
-    """ "get router info bfd neighbor": blocks of sessions, or (`DISTINCT`) one long session.
+    """Return the output of "get router info bfd neighbor": many sessions or one long (`DISTINCT`).
 
-    Later sessions of one output go on filling the first one's dictionary, so repeating blocks give
-    a small result and the distinct lines one field each. `key_lines` counts lines with a key, timer
-    lines among them.
+    The parser merges later sessions into the first, so that repeating sessions have a small result.
+    `key_lines` is the number of lines with a key, including timer lines.
     """
     if variant is Variant.DISTINCT:
         lines = ["peer 10.0.0.2 interface port1", *map(_counter, range(key_lines))]
@@ -65,12 +63,12 @@ def bfd(key_lines: int, variant: Variant) -> str:
 
 
 def bfd_session(session: int) -> str:
-    """The output for one session alone."""
+    """Return the output for one session."""
     return _text(["BFD Peers:", *_session(session)])
 
 
 def output(size: int, prompts: bool = False) -> str:
-    """Any command's output of `size` characters, with a pager prompt every 24 lines or without."""
+    """Return command output of `size` characters; `prompts` adds a pager prompt every 24 lines."""
     lines = arp(size // 50, Variant.REPEATING).split("\n")
     if prompts:
         lines = [("--More--" if i % 24 == 23 else "") + line for i, line in enumerate(lines)]
@@ -78,7 +76,7 @@ def output(size: int, prompts: bool = False) -> str:
 
 
 def ports(size: int) -> list[dict[str, object]]:
-    """A status reply of about `size` bytes of JSON: one object a switch port."""
+    """Return a status reply of about `size` bytes of JSON, one object per switch port."""
     return [_port_state(i) for i in range(max(1, size // _PORT_BYTES))]
 
 

@@ -1,6 +1,6 @@
 """Hostile texts: command output on which a scan within a scan would take quadratic time.
 
-Each text is one piece, repeated. The gate counts a call on a text of each of the two sizes.
+Each text is one piece, repeated. The regression test counts a call on both sizes.
 """
 
 from __future__ import annotations

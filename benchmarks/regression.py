@@ -1,13 +1,13 @@
-"""The gate: instructions and allocations per row, held against the figures in baseline.json.
+"""Compares instructions and allocations per row with baseline.json.
 
-Instructions depend on the interpreter's build, the compiler and the C library, so absolute counts
-are kept per toolchain. The ratio to the floor, counted in the same run, is kept once for all: it is
-what is compared where the toolchain is not known, with more room. Allocations depend on nothing.
+Instructions depend on the interpreter's build, the compiler and the C library, so the baseline has
+absolute counts per toolchain. On an unknown toolchain the ratio to the lower bound, counted in the
+same run, is compared instead, with a larger tolerance. Allocations do not depend on the toolchain.
 
 A call on a hostile text of 16 times the size may take 17 times the instructions: every scan is
 linear. That needs no baseline.
 
-`make bench-baseline` writes the file anew, for the toolchain at hand; the others' counts stay.
+`make bench-baseline` updates the counts of this toolchain and keeps those of the others.
 """
 
 from __future__ import annotations
@@ -21,33 +21,37 @@ from pathlib import Path
 from typing import Any
 
 from benchmarks import hostile, instructions
-from benchmarks.competitors import PRODUCT
-from benchmarks.instructions import Counts, Growth
-from benchmarks.workloads import BARE_BRIDGES, BRIDGES, COUNTED, FLOOR
+from benchmarks.competitors import MODULE
+from benchmarks.instructions import Growth, InstructionCounts
+from benchmarks.workloads import BRIDGES, COUNTED, LOWER_BOUND, NO_PARSE_BRIDGES
 from veldarin_simulator import native_library
 
 BASELINE = Path(__file__).with_name("baseline.json")
 TOLERANCE = 0.03
-# Where a short text happens to lie makes a few instructions more or less to find its end.
+# The alignment of a short text changes the instructions of `strlen`.
 _SLACK = 16
-# Of ratios on a toolchain that the file does not know.
-FOREIGN_TOLERANCE = 0.10
+# For ratios on a toolchain without absolute counts.
+UNKNOWN_TOOLCHAIN_TOLERANCE = 0.10
 
 MAX_GROWTH = hostile.FACTOR + 1
 
-# Of a query nearly all is json-c's and ujson's, and varies with the C library's allocator: what it
-# takes beyond its floor is gated, where the reply is null.
+# A query spends nearly all instructions in json-c and ujson, which vary with the C library's
+# allocator. So only the null reply is compared, by the instructions above the lower bound.
 _QUERY = BRIDGES[0]
-GATED = [each for each in COUNTED if each not in (*BRIDGES[1:], *BARE_BRIDGES)]
+COMPARED = [each for each in COUNTED if each not in (*BRIDGES[1:], *NO_PARSE_BRIDGES)]
 
 
-def measure() -> Counts:
-    """The counts of the build in use. `RuntimeError`: they cannot be had."""
-    return instructions.count(GATED, [PRODUCT])
+def measure() -> InstructionCounts:
+    """Return the counts of the build in use.
+
+    Raises:
+        RuntimeError: They cannot be counted.
+    """
+    return instructions.count(COMPARED, [MODULE])
 
 
 def toolchain() -> str:
-    """What absolute counts depend on."""
+    """Return a description of everything that absolute counts depend on."""
     options = sysconfig.get_config_var("CONFIG_ARGS") or ""
     build = [
         "shared" if sysconfig.get_config_var("Py_ENABLE_SHARED") else "static",
@@ -60,32 +64,34 @@ def toolchain() -> str:
             f"CPython {platform.python_version()} {' '.join(build)} {platform.python_compiler()}",
             _compiler(),
             " ".join(platform.libc_ver()),
-            # The C library has its copies and searches by what the processor can do.
+            # The C library chooses its copy and search functions by the processor's features.
             platform.machine() + (" avx2" if "avx2" in flags else ""),
         ]
     )
 
 
-def differences(counts: Counts) -> list[str]:
-    """A sentence for every figure that is not what the baseline says. Better ones are named too:
-    a gate that lags behind lets the next loss through."""
+def differences(counts: InstructionCounts) -> list[str]:
+    """Return a sentence for every figure that differs from the baseline.
+
+    Improvements count as differences: a baseline that lags behind would hide the next regression.
+    """
     baseline: dict[str, Any] = json.loads(BASELINE.read_text())
     absolute: dict[str, float] | None = baseline["instructions"].get(toolchain())
-    found = []
-    for workload in GATED:
+    sentences = []
+    for workload in COMPARED:
         name = workload.name
-        now, before = counts.allocations[name][PRODUCT], baseline["allocations"][name]
-        if _far(now, before, TOLERANCE):
-            found.append(_sentence(name, "allocations", now, before))
+        now, before = counts.allocations[name][MODULE], baseline["allocations"][name]
+        if _differs(now, before, TOLERANCE):
+            sentences.append(_describe(name, "allocations", now, before))
         if absolute is not None:
             now, before = _instructions(counts, name), absolute[name]
-            if _far(now, before, TOLERANCE, _SLACK):
-                found.append(_sentence(name, "instructions", now, before))
+            if _differs(now, before, TOLERANCE, _SLACK):
+                sentences.append(_describe(name, "instructions", now, before))
         if absolute is None and name in baseline["ratios"]:
             now, before = _ratio(counts, name), baseline["ratios"][name]
-            if now > before and _far(now, before, FOREIGN_TOLERANCE):
-                found.append(_sentence(name, "times the floor", now, before))
-    return found
+            if now > before and _differs(now, before, UNKNOWN_TOOLCHAIN_TOLERANCE):
+                sentences.append(_describe(name, "times the lower bound", now, before))
+    return sentences
 
 
 def measure_growth() -> Growth:
@@ -107,39 +113,39 @@ def nonlinear(growth: Growth) -> list[str]:
     ]
 
 
-def write(counts: Counts) -> None:
-    """Makes the counts the baseline."""
-    known = json.loads(BASELINE.read_text())["instructions"] if BASELINE.is_file() else {}
-    of_product = {each.name: _instructions(counts, each.name) for each in GATED}
-    with_floor = [each.name for each in GATED if FLOOR in each.floors and each is not _QUERY]
+def write(counts: InstructionCounts) -> None:
+    """Record the counts as the baseline."""
+    recorded = json.loads(BASELINE.read_text())["instructions"] if BASELINE.is_file() else {}
+    absolute = {each.name: _instructions(counts, each.name) for each in COMPARED}
+    bounded = [each.name for each in COMPARED if LOWER_BOUND in each.bounds and each is not _QUERY]
     baseline = {
-        "allocations": _rounded({name: row[PRODUCT] for name, row in counts.allocations.items()}),
-        "ratios": _rounded({name: _ratio(counts, name) for name in with_floor}),
-        "instructions": {**known, toolchain(): _rounded(of_product)},
+        "allocations": _round({name: row[MODULE] for name, row in counts.allocations.items()}),
+        "ratios": _round({name: _ratio(counts, name) for name in bounded}),
+        "instructions": {**recorded, toolchain(): _round(absolute)},
     }
     BASELINE.write_text(json.dumps(baseline, indent=2) + "\n")
 
 
-def _instructions(counts: Counts, name: str) -> float:
+def _instructions(counts: InstructionCounts, name: str) -> float:
     row = counts.instructions[name]
-    return row[PRODUCT] - row[FLOOR] if name == _QUERY.name else row[PRODUCT]
+    return row[MODULE] - row[LOWER_BOUND] if name == _QUERY.name else row[MODULE]
 
 
-def _ratio(counts: Counts, name: str) -> float:
+def _ratio(counts: InstructionCounts, name: str) -> float:
     row = counts.instructions[name]
-    return row[PRODUCT] / row[FLOOR]
+    return row[MODULE] / row[LOWER_BOUND]
 
 
-def _far(now: float, before: float, tolerance: float, slack: float = 0) -> bool:
+def _differs(now: float, before: float, tolerance: float, slack: float = 0) -> bool:
     return abs(now - before) > max(tolerance * before, slack)
 
 
-def _sentence(name: str, what: str, now: float, before: float) -> str:
+def _describe(name: str, what: str, now: float, before: float) -> str:
     percent = (now / before - 1) * 100 if before else float("inf")
     return f"{name}: {now:,.4g} {what} instead of {before:,.4g} ({percent:+.1f} %)"
 
 
-def _rounded(figures: dict[str, float]) -> dict[str, float]:
+def _round(figures: dict[str, float]) -> dict[str, float]:
     return {name: float(f"{figure:.5g}") for name, figure in figures.items()}
 
 
@@ -151,6 +157,8 @@ def _compiler() -> str:
         if line.startswith("CMAKE_CXX_COMPILER:")
     )
     command = [compiler, "-dumpfullversion"]
-    plain = {**os.environ, "LC_ALL": "C"}
-    version = subprocess.run(command, capture_output=True, text=True, env=plain, check=True).stdout
+    environment = {**os.environ, "LC_ALL": "C"}
+    version = subprocess.run(
+        command, capture_output=True, text=True, env=environment, check=True
+    ).stdout
     return f"{Path(compiler).name} {version.strip()}"

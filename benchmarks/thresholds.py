@@ -1,4 +1,4 @@
-"""What the module is to reach, as rows: a figure of the run, and its limit."""
+"""The performance thresholds: each is a figure of the results with its limit."""
 
 from __future__ import annotations
 
@@ -7,137 +7,132 @@ from dataclasses import dataclass
 
 from benchmarks import workloads
 from benchmarks.cli_samples import Variant
-from benchmarks.competitors import CYTHON, PRODUCT
-from benchmarks.measure import Run
-from benchmarks.workloads import FLOOR, GOAL_SIZE, READY, Workload
+from benchmarks.competitors import CYTHON, MODULE
+from benchmarks.measure import Results, Times
+from benchmarks.workloads import LOWER_BOUND, THRESHOLD_SIZE, WITH_BYTES, Workload
+
+_AT_MOST, _AT_LEAST = "at most", "at least"
 
 
 @dataclass(frozen=True)
-class Goal:
-    """`figure(run)` is to be at most, or at least, `limit` of what `unit` says."""
+class Threshold:
+    """The limit of a figure, in a unit."""
 
-    what: str
-    figure: Callable[[Run], float]
+    subject: str
+    figure: Callable[[Results], float]
     bound: str
     limit: float
     unit: str
 
-    def reached(self, run: Run) -> bool:
-        """Whether the run reaches it."""
-        figure = self.figure(run)
-        return figure <= self.limit if self.bound == _MOST else figure >= self.limit
+    def is_met(self, results: Results) -> bool:
+        """Whether the results are within the limit."""
+        figure = self.figure(results)
+        return figure <= self.limit if self.bound == _AT_MOST else figure >= self.limit
 
-    def wanted(self) -> str:
-        """The limit in words."""
+    def __str__(self) -> str:
         return f"{self.bound} {self.limit:g} {self.unit}"
 
 
-_MOST, _LEAST = "at most", "at least"
-_FLOORS = "x floor"
-_CYTHONS = "x Cython"
-_FASTER = "x faster than"
-
-
-def _over(workload: Workload, base: str) -> Callable[[Run], float]:
-    """The module's time, in times of another's."""
-    return lambda run: run.times[workload.name][PRODUCT].over(run.times[workload.name][base])
-
-
-def _faster(workload: Workload, peer: str) -> Callable[[Run], float]:
-    """The other's time, in times of the module's."""
-    return lambda run: run.times[workload.name][peer].over(run.times[workload.name][PRODUCT])
-
-
-def _counted_over(workload: Workload, base: str) -> Callable[[Run], float]:
-    def figure(run: Run) -> float:
-        row = run.counts.instructions[workload.name]
-        return row[PRODUCT] / row[base]
-
-    return figure
-
-
-def _beyond(workload: Workload, floor: str) -> Callable[[Run], float]:
-    """Microseconds a call beyond the floor."""
-
-    def figure(run: Run) -> float:
-        times = run.times[workload.name]
-        return times[PRODUCT].more_than(times[floor])[0] / 1000
-
-    return figure
-
-
-def growth(run: Run, parser: workloads.Parser, variant: Variant, contender: str) -> float:
-    """Time per row of the largest table, in times of that of the table the goals are set for."""
+def growth(results: Results, parser: workloads.Parser, variant: Variant, name: str) -> float:
+    """Return the time per row of the largest table, divided by that at the thresholds' size."""
     large, usual = (
-        run.times[parser(size, variant).name][contender].median
-        for size in (workloads.SIZES[-1], GOAL_SIZE)
+        results.times[parser(size, variant).name][name].median
+        for size in (workloads.SIZES[-1], THRESHOLD_SIZE)
     )
     return large / usual
 
 
-def _growth_over_floor(parser: workloads.Parser, variant: Variant) -> Callable[[Run], float]:
-    # What is returned for repeating BFD sessions does not grow: only the text does.
-    base = None if parser is workloads.bfd and variant is Variant.REPEATING else FLOOR
-
-    def figure(run: Run) -> float:
-        own = growth(run, parser, variant, PRODUCT)
-        return own / growth(run, parser, variant, base) if base else own
-
-    return figure
-
-
-def _size_over_cython(run: Run) -> float:
-    return run.sizes[PRODUCT] / run.sizes[CYTHON]
+def _at_least(workload: Workload, limit: float, name: str) -> Threshold:
+    """The module must be so many times faster than the named competitor."""
+    return Threshold(
+        workload.name,
+        lambda results: _times(results, workload, name).over(_times(results, workload, MODULE)),
+        _AT_LEAST,
+        limit,
+        f"x faster than {name}",
+    )
 
 
-def _import_over_cython(run: Run) -> float:
-    return run.imports[PRODUCT].over(run.imports[CYTHON])
+def _at_most(workload: Workload, limit: float, name: str) -> Threshold:
+    """The module may take so many times the named competitor's time."""
+    return Threshold(
+        workload.name,
+        lambda results: _times(results, workload, MODULE).over(_times(results, workload, name)),
+        _AT_MOST,
+        limit,
+        f"x {name}",
+    )
+
+
+def _times(results: Results, workload: Workload, name: str) -> Times:
+    return results.times[workload.name][name]
+
+
+def _microseconds_above(workload: Workload, limit: float, bound: str) -> Threshold:
+    return Threshold(
+        f"{workload.name}, above the {bound}",
+        lambda results: (
+            _times(results, workload, MODULE).minus(_times(results, workload, bound))[0] / 1000
+        ),
+        _AT_MOST,
+        limit,
+        "µs",
+    )
 
 
 _LIMITS = dict(zip(workloads.PARSERS, (1.15, 1.25, 3.0)))
 
 
-def _goals_of(parser: workloads.Parser, variant: Variant) -> Iterator[Goal]:
-    table = parser(GOAL_SIZE, variant)
-    limit = _LIMITS[parser]
-    # Repeating BFD sessions end up in a single small one: no floor for the reading of them.
-    if not (parser is workloads.bfd and variant is Variant.REPEATING):
-        counted = _counted_over(table, FLOOR)
-        yield Goal(table.name, _over(table, FLOOR), _MOST, limit, _FLOORS)
-        yield Goal(f"{table.name}, instructions", counted, _MOST, limit, _FLOORS)
-    faster = {"split": 3, "TextFSM": 40, "TTP": 40}
+def _table_thresholds(parser: workloads.Parser, variant: Variant) -> Iterator[Threshold]:
+    table = parser(THRESHOLD_SIZE, variant)
+    # Repeating BFD sessions have a small result of constant size: the lower bound does not include
+    # reading, and does not grow.
+    is_bounded = not (parser is workloads.bfd and variant is Variant.REPEATING)
+    if is_bounded:
+        yield _at_most(table, _LIMITS[parser], LOWER_BOUND)
+
+        def instruction_ratio(results: Results) -> float:
+            row = results.counts.instructions[table.name]
+            return row[MODULE] / row[LOWER_BOUND]
+
+        subject = f"{table.name}, instructions"
+        yield Threshold(subject, instruction_ratio, _AT_MOST, _LIMITS[parser], f"x {LOWER_BOUND}")
     if parser is workloads.bfd:
-        faster = {CYTHON: 6, **faster}
-    for peer, times in faster.items():
-        yield Goal(table.name, _faster(table, peer), _LEAST, times, f"{_FASTER} {peer}")
-    larger = f"{table.name}, growth to {workloads.SIZES[-1]:,}"
-    yield Goal(larger, _growth_over_floor(parser, variant), _MOST, 1.2, "x the floor's growth")
+        yield _at_least(table, 6, CYTHON)
+    for name, limit in {"split": 3, "TextFSM": 40, "TTP": 40}.items():
+        yield _at_least(table, limit, name)
+    yield Threshold(
+        f"{table.name}, growth to {workloads.SIZES[-1]:,}",
+        lambda results: (
+            growth(results, parser, variant, MODULE)
+            / (growth(results, parser, variant, LOWER_BOUND) if is_bounded else 1)
+        ),
+        _AT_MOST,
+        1.2,
+        "x the lower bound's growth",
+    )
 
 
-_PARSING = [goal for parser in workloads.PARSERS for v in Variant for goal in _goals_of(parser, v)]
-_CALLS = [
-    Goal(each.name, _faster(each, CYTHON), _LEAST, 2, f"{_FASTER} {CYTHON}")
-    for each in (workloads.LISTING, workloads.OUTPUT)
-]
-_BRIDGE = [
+def _file_ratio(results: Results) -> float:
+    return results.sizes[MODULE] / results.sizes[CYTHON]
+
+
+def _import_ratio(results: Results) -> float:
+    return results.imports[MODULE].over(results.imports[CYTHON])
+
+
+THRESHOLDS = [
+    *(row for parser in workloads.PARSERS for v in Variant for row in _table_thresholds(parser, v)),
+    *(_at_least(each, 2, CYTHON) for each in (workloads.LISTING, workloads.OUTPUT)),
     *(
-        Goal(f"{each.name}, {what}", _beyond(each, floor), _MOST, 0.5, "µs a call")
-        for each in workloads.BARE_BRIDGES
-        for what, floor in {"the module's own": FLOOR, "with the bytes": READY}.items()
+        _microseconds_above(each, 0.5, bound)
+        for each in workloads.NO_PARSE_BRIDGES
+        for bound in (LOWER_BOUND, WITH_BYTES)
     ),
-    # Never slower: 2 % is what two runs of the same differ by.
-    *(
-        Goal(each.name, _over(each, CYTHON), _MOST, 1.02, _CYTHONS)
-        for each in workloads.BRIDGES[1:]
-    ),
+    # Not slower: two runs of the same code differ by up to 2 %.
+    *(_at_most(each, 1.02, CYTHON) for each in workloads.BRIDGES[1:]),
+    *(_at_most(each, 1.1, LOWER_BOUND) for each in workloads.TRIVIAL),
+    Threshold("file, stripped", _file_ratio, _AT_MOST, 0.25, f"x {CYTHON}"),
+    Threshold("file, stripped", lambda results: results.sizes[MODULE] / 1024, _AT_MOST, 64, "KiB"),
+    Threshold("import, siblings loaded", _import_ratio, _AT_MOST, 0.5, f"x {CYTHON}"),
 ]
-_TRIVIAL = [
-    Goal(each.name, _over(each, FLOOR), _MOST, 1.1, "x the bare builtin")
-    for each in workloads.TRIVIAL
-]
-_FILE = [
-    Goal("file, stripped", _size_over_cython, _MOST, 0.25, _CYTHONS),
-    Goal("file, stripped", lambda run: run.sizes[PRODUCT] / 1024, _MOST, 64, "KiB"),
-    Goal("import, siblings loaded", _import_over_cython, _MOST, 0.5, _CYTHONS),
-]
-GOALS = [*_PARSING, *_CALLS, *_BRIDGE, *_TRIVIAL, *_FILE]

@@ -1,5 +1,7 @@
-"""What is measured: rows of calls, each with the native replies that are canned for it and the
-floors it is compared with. Figures are per row of the table that is parsed, or per call."""
+"""The measured calls, with their native replies and lower bounds, as rows.
+
+Figures are per row of the parsed table, or per call.
+"""
 
 from __future__ import annotations
 
@@ -14,24 +16,28 @@ from veldarin_simulator import RawJSON
 
 CLI = "get_cli_cmd_output"
 NEIGHBORS = 10
-FLOOR = "floor"
-READY = "floor, bytes ready"
+LOWER_BOUND = "lower bound"
+WITH_BYTES = "lower bound, bytes ready"
 
-_SHORT = 100  # calls of a function that ends soon
+_SHORT = 100  # calls of a short function
 
 
 @dataclass(frozen=True)
 class Workload:
-    """One function, called in one way.
+    """One call of a function.
 
-    `rows`: what the figures are divided by. `replies`: canned per native service, made when the
-    workload is prepared. `floors`: functions of the floor module by the name that their figures
-    have; "rebuild…" and "deepcopy" are given what the call returned, the others what the call is
-    given. `merges`: the last argument is a dictionary that the call fills; it is emptied before
-    every call. `sessions`: BFD sessions that are known from earlier calls. `fails`: the exception
-    that every call ends in. `calls`: how many make up the smaller count of instructions.
-    `compiled`: only the compiled modules have the parameters, and the errors, in question. `bare`:
-    replies are rendered from ready text and not parsed, so that little is left but the exchange.
+    Attributes:
+        replies: Returns the fixed replies by native service.
+        keywords: Names of the last arguments, if they are keyword arguments.
+        rows: The divisor of the figures.
+        bounds: Functions of the lower-bound module by the name of their figures. "rebuild…" and
+            "deepcopy" take the call's result as their argument, the others the call's arguments.
+        clears: The call fills its last argument, a dictionary, which is cleared before every call.
+        sessions: The number of BFD sessions known from earlier calls.
+        raises: The exception that every call raises.
+        calls: The smaller of the two numbers of calls under callgrind.
+        compiled_only: The plain Python competitors do not have the parameters or the exception.
+        no_parse: json-c copies a ready text and `loads` is an empty builtin.
     """
 
     name: str
@@ -40,91 +46,92 @@ class Workload:
     arguments: tuple[Any, ...] = ()
     keywords: tuple[str, ...] = ()
     rows: int = 1
-    floors: Mapping[str, str] = field(default_factory=dict)
-    merges: bool = False
+    bounds: Mapping[str, str] = field(default_factory=dict)
+    clears: bool = False
     sessions: int = 0
-    fails: type[BaseException] | None = None
+    raises: type[BaseException] | None = None
     calls: int = 1
-    compiled: bool = False
-    bare: bool = False
+    compiled_only: bool = False
+    no_parse: bool = False
 
 
 def arp(rows: int, variant: Variant) -> Workload:
-    """The ARP table."""
+    """Parse the ARP table."""
     return Workload(
-        name=f"ARP, {rows:,} rows, {variant.value}",
-        function="get_system_arp_result",
-        replies=lambda: {CLI: cli_samples.arp(rows, variant)},
+        f"ARP, {rows:,} rows, {variant.value}",
+        "get_system_arp_result",
+        lambda: {CLI: cli_samples.arp(rows, variant)},
         rows=rows,
-        floors={FLOOR: "rebuild"},
+        bounds={LOWER_BOUND: "rebuild"},
     )
 
 
 def routing(rows: int, variant: Variant) -> Workload:
-    """The routing table."""
+    """Parse the routing table."""
     return Workload(
-        name=f"routing, {rows:,} routes, {variant.value}",
-        function="get_routing_table_result",
-        replies=lambda: {CLI: cli_samples.routing(rows, variant)},
-        arguments=("192.0.2.7",),
+        f"routing, {rows:,} routes, {variant.value}",
+        "get_routing_table_result",
+        lambda: {CLI: cli_samples.routing(rows, variant)},
+        ("192.0.2.7",),
         rows=rows,
-        floors={FLOOR: "rebuild"},
+        bounds={LOWER_BOUND: "rebuild"},
     )
 
 
 def bfd(rows: int, variant: Variant) -> Workload:
-    """BFD sessions; `rows` are lines with a key."""
+    """Parse BFD sessions; `rows` are lines with a key."""
     return Workload(
-        name=f"BFD, {rows:,} key lines, {variant.value}",
-        function="get_bfd_neighbor",
-        replies=lambda: {CLI: cli_samples.bfd(rows, variant)},
-        arguments=("get router info bfd neighbor", {}),
+        f"BFD, {rows:,} key lines, {variant.value}",
+        "get_bfd_neighbor",
+        lambda: {CLI: cli_samples.bfd(rows, variant)},
+        ("get router info bfd neighbor", {}),
         rows=rows,
-        floors={FLOOR: "rebuild", "floor, keys too": "rebuild_with_keys"},
-        merges=True,
+        bounds={LOWER_BOUND: "rebuild", "lower bound, new keys": "rebuild_with_keys"},
+        clears=True,
     )
 
 
 def listing() -> Workload:
-    """All BFD neighbors. Every command is answered with the same text.
+    """List the BFD neighbors; every command has the same output.
 
-    "deepcopy" is the part of the work that the interpreter's `copy` does, on as many sessions.
+    "deepcopy" is the interpreter's `copy.deepcopy` of the sessions, which the function calls.
     """
     return Workload(
-        name=f"list_bfd_neighbor, {NEIGHBORS} neighbors",
-        function="list_bfd_neighbor",
-        replies=lambda: {CLI: cli_samples.bfd_session(0)},
+        f"list_bfd_neighbor, {NEIGHBORS} neighbors",
+        "list_bfd_neighbor",
+        lambda: {CLI: cli_samples.bfd_session(0)},
         sessions=NEIGHBORS,
-        floors={FLOOR: "rebuild", "deepcopy": "deepcopy"},
+        bounds={LOWER_BOUND: "rebuild", "deepcopy": "deepcopy"},
     )
 
 
 def output(size: int, label: str, prompts: bool = False) -> Workload:
-    """The command runner alone."""
+    """Run a command."""
     return Workload(
         name=f"get_cli_command_output, {label}" + (", with pager prompts" if prompts else ""),
         function="get_cli_command_output",
         replies=lambda: {CLI: cli_samples.output(size, prompts)},
         arguments=("get system arp",),
-        floors={} if prompts else {FLOOR: "get_cli_command_output"},
+        bounds={} if prompts else {LOWER_BOUND: "get_cli_command_output"},
     )
 
 
-def bridge(size: int, label: str, bare: bool = False) -> Workload:
-    """A status query with a reply of about `size` bytes; 0 is the null reply."""
+def bridge(size: int, label: str, no_parse: bool = False) -> Workload:
+    """Run a status query with a reply of about `size` bytes; 0 means the null reply."""
 
     def reply() -> object:
         if not size:
             return None
-        return RawJSON(json.dumps(cli_samples.ports(size))) if bare else cli_samples.ports(size)
+        ports = cli_samples.ports(size)
+        return RawJSON(json.dumps(ports)) if no_parse else ports
 
     return Workload(
-        name=f"bridge, {label}" + (", bare" if bare else ""),
+        name=f"bridge, {label}" + (", no-parse" if no_parse else ""),
         function="list_switch_lg_state",
         replies=lambda: {"build_switch_lg_state": reply()},
-        floors={FLOOR: "bridge", READY: "bridge_with_bytes"},
-        calls=_SHORT if bare or not size else 1,
-        bare=bare,
+        bounds={LOWER_BOUND: "bridge", WITH_BYTES: "bridge_with_bytes"},
+        calls=_SHORT if no_parse or not size else 1,
+        no_parse=no_parse,
     )
 
 
@@ -137,51 +144,51 @@ _COOKIES: Mapping[str, object] = {
 
 
 def trivial(function: str, *arguments: object) -> Workload:
-    """A call that is little more than the native service it stands for."""
+    """Call a function that does little more than call its native service."""
     return Workload(
         name=function,
         function=function,
         replies=lambda: _COOKIES,
         arguments=arguments,
-        floors={FLOOR: function, "empty": "empty_one" if arguments else "empty_none"},
+        bounds={LOWER_BOUND: function, "empty": "empty_one" if arguments else "empty_none"},
         calls=_SHORT,
     )
 
 
 def binding(name: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Workload:
-    """A call that finds nothing to parse, given its parameters in one way or another."""
+    """Call a function that takes its arguments in several ways, with nothing to parse."""
     return Workload(
         name=f"binding, {name}",
         function="get_bfd_neighbor",
         replies=lambda: {CLI: ""},
         arguments=arguments,
         keywords=keywords,
-        floors={"empty": "empty_keywords"},
+        bounds={"empty": "empty_keywords"},
         calls=_SHORT,
-        compiled=True,
+        compiled_only=True,
     )
 
 
 def failing(name: str, function: str, error: type[BaseException], *arguments: object) -> Workload:
-    """A call that ends in an exception."""
+    """Call a function that raises an exception."""
     return Workload(
         name=f"error, {name}",
         function=function,
         replies=lambda: {CLI: "no header\n"},
         arguments=arguments,
-        fails=error,
+        raises=error,
         calls=_SHORT,
-        compiled=True,
+        compiled_only=True,
     )
 
 
 Parser = Callable[[int, Variant], Workload]
 PARSERS: tuple[Parser, Parser, Parser] = (arp, routing, bfd)
 SIZES = (10, 100, 1_000, 10_000, 100_000)
-# The goals are set for tables of this size; instructions are counted there.
-GOAL_SIZE = 1_000
-# Those who take milliseconds a row are not asked for more.
-MOST_ROWS = {"TextFSM": 1_000, "TTP": 1_000}
+# The size that the thresholds apply to; instructions are counted at this size.
+THRESHOLD_SIZE = 1_000
+# The template competitors take milliseconds per row.
+MAX_ROWS = {"TextFSM": 1_000, "TTP": 1_000}
 
 BRIDGES = [
     bridge(0, "null"),
@@ -189,7 +196,7 @@ BRIDGES = [
     bridge(100_000, "100 kB"),
     bridge(5_000_000, "5 MB"),
 ]
-BARE_BRIDGES = [bridge(1_000, "1 kB", bare=True), bridge(100_000, "100 kB", bare=True)]
+NO_PARSE_BRIDGES = [bridge(1_000, "1 kB", no_parse=True), bridge(100_000, "100 kB", no_parse=True)]
 LISTING = listing()
 OUTPUT = output(100_000, "100 kB")
 TRIVIAL = [
@@ -212,13 +219,13 @@ OUTPUTS = [OUTPUT, output(100_000, "100 kB", prompts=True)]
 CALLS = [*TRIVIAL, *BINDING, *ERRORS]
 
 TABLES = [parser(size, variant) for parser in PARSERS for variant in Variant for size in SIZES]
-TIMED = [*TABLES, LISTING, *OUTPUTS, *BRIDGES, *BARE_BRIDGES, *CALLS]
-# The largest reply takes callgrind minutes.
+TIMED = [*TABLES, LISTING, *OUTPUTS, *BRIDGES, *NO_PARSE_BRIDGES, *CALLS]
+# Under callgrind the largest reply would take minutes.
 COUNTED = [
-    *(table for table in TABLES if table.rows == GOAL_SIZE),
+    *(table for table in TABLES if table.rows == THRESHOLD_SIZE),
     LISTING,
     *OUTPUTS,
     *BRIDGES[:3],
-    *BARE_BRIDGES,
+    *NO_PARSE_BRIDGES,
     *CALLS,
 ]

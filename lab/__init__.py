@@ -1,8 +1,7 @@
-"""The lab: real routing daemons in network namespaces, and the module's parsers on what they say.
+"""Runs the module's parsers on the output of real routing daemons in network namespaces.
 
-For whoever wants to see the parsers meet text that was not written for them; `make lab`, told in
-docs/lab.md. One file per concern: `topology` is the network as rows, `network` builds it and takes
-it down, `daemons` configures and starts what routes in it, `inside` runs the module in a node,
-`oracles` ask the system's own tools, `checks` hold what is compared with what, `outside` is this
-machine as the lab must leave it.
+`make lab` runs it; docs/lab.md describes it. `topology` holds the network as rows, `network` builds
+it, `daemons` configures and starts the routing daemons, `node_agent` runs the module in a node,
+`oracles` query the system's own tools, `comparisons` compare the module with them, and
+`host_snapshot` checks that the lab leaves this machine unchanged.
 """

@@ -1,4 +1,4 @@
-"""`python -m lab`, which is `make lab`: the checks, or with --stay a network to look around in."""
+"""`python -m lab` (`make lab`) runs the comparisons, or with --stay an interactive network."""
 
 from __future__ import annotations
 
@@ -7,39 +7,31 @@ from contextlib import suppress
 
 import pytest
 
-from lab.network import ROOT, why_not
+from lab.network import skip_reason
 from lab.network_states import Lab
-
-_STAY = "--stay"
+from veldarin_simulator.native_library import ROOT
 
 
 def main(arguments: list[str]) -> int:
-    """Runs pytest on the lab with the arguments, or stays; returns the exit status."""
-    reason = why_not()
+    """Run pytest on the lab with the arguments, or stay; return the exit status."""
+    reason = skip_reason()
     if reason:
         print(f"skipped: {reason}")
         return 0
-    if _STAY in arguments:
-        return _stay()
-    return int(pytest.main(["-q", str(ROOT / "lab"), *arguments]))
-
-
-def _stay() -> int:
+    if "--stay" not in arguments:
+        return int(pytest.main(["-q", str(ROOT / "lab"), *arguments]))
     with Lab() as lab:
-        print(_invitation(lab), flush=True)
+        nodes = ", ".join(f"{name} {node.pid}" for name, node in lab.nodes.items())
+        print(
+            f"The network is up: {nodes}. To call the module in hub:\n"
+            f"    {' '.join(lab.nodes['hub'].enter)} {sys.executable}"
+            " -m veldarin_simulator call list_bfd_neighbor\n"
+            "Press Enter or Ctrl-C to stop it.",
+            flush=True,
+        )
         with suppress(KeyboardInterrupt):
             sys.stdin.readline()
     return 0
-
-
-def _invitation(lab: Lab) -> str:
-    nodes = ", ".join(f"{name} {node.pid}" for name, node in lab.nodes.items())
-    enter = " ".join(lab.nodes["hub"].enter)
-    return (
-        f"The network is up: {nodes}. For example in hub:\n"
-        f"    {enter} {sys.executable} -m veldarin_simulator call list_bfd_neighbor\n"
-        "Enter or Ctrl-C takes it down."
-    )
 
 
 if __name__ == "__main__":

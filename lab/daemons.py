@@ -1,5 +1,4 @@
-"""The routing daemons of a node: their configuration from the topology's rows, their start, and
-whether the network has come to the state that the rows say."""
+"""Configures and starts the routing daemons, and waits until they converge."""
 
 from __future__ import annotations
 
@@ -11,15 +10,15 @@ from lab.topology import Route, Session
 
 _FOLDER = "/usr/lib/frr"
 _DAEMONS = ("zebra", "staticd", "bfdd")
-# The kernel takes a lost next hop out of its groups. The daemon would keep the group for three
-# minutes and put it to use again as it was, one next hop short: it shall forget it in a second.
-_KEEP = "zebra nexthop-group keep 1\n"
+# The kernel removes a lost next hop from its groups. By default the daemon keeps a group for three
+# minutes and would reuse it with the next hop missing.
+_NEXT_HOP_GROUPS = "zebra nexthop-group keep 1\n"
 
 
 def start(network: Network) -> None:
-    """Starts the daemons of every node and hands them their configuration."""
+    """Start the daemons of every node with their configuration."""
     for node in network.nodes.values():
-        node.run("sh", "-c", "cat > /etc/frr/frr.conf; : > /etc/frr/vtysh.conf", given=config(node))
+        node.run("sh", "-c", "cat > /etc/frr/frr.conf; : > /etc/frr/vtysh.conf", stdin=config(node))
         for daemon in _DAEMONS:
             node.run(f"{_FOLDER}/{daemon}", "-d", "--log", f"file:/var/log/frr/{daemon}.log")
     for node in network.nodes.values():
@@ -27,15 +26,15 @@ def start(network: Network) -> None:
 
 
 def version(node: Node) -> str:
-    """The daemons' version, as they say it."""
+    """Return the daemons' name and version."""
     return node.run("vtysh", "-c", "show version").splitlines()[0].split(" (")[0]
 
 
 def config(node: Node) -> str:
-    """The daemons' configuration of a node."""
+    """Return the daemons' configuration of a node."""
     routes = [_route(row) for row in topology.ROUTES if row.node == node.name]
     sessions = [_session(row) for row in topology.SESSIONS if row.node == node.name]
-    return "".join((_KEEP, *routes, "bfd\n", *sessions, "exit\n"))
+    return "".join((_NEXT_HOP_GROUPS, *routes, "bfd\n", *sessions, "exit\n"))
 
 
 def _route(row: Route) -> str:
@@ -46,7 +45,7 @@ def _route(row: Route) -> str:
 def _session(row: Session) -> str:
     over = "multihop" if row.port is None else ""
     at = f"interface {row.port}" if row.port else ""
-    # The daemon wants the local address where it could not find it out.
+    # The daemon requires the local address for these sessions.
     local = f"local-address {row.local}" if over or row.version == 6 else ""
     lines = (
         f"detect-multiplier {row.multiplier}",
@@ -58,63 +57,67 @@ def _session(row: Session) -> str:
     return f" {header}\n" + "".join(f"  {line}\n" for line in lines) + " exit\n"
 
 
-def settle(network: Network, *, cut: bool) -> None:
-    """Waits until sessions, routes and neighbours of every node are as the rows say, with the wire
-    cut or whole. `LabError` names what is not."""
-    wait_until(lambda: _missing(network, cut))
+def wait_converged(network: Network, *, link_down: bool) -> None:
+    """Wait until sessions, routes and neighbors of every node match the topology.
+
+    Raises:
+        LabError: They do not; the message has the first difference.
+    """
+    wait_until(lambda: _find_difference(network, link_down))
 
 
-def _missing(network: Network, cut: bool) -> str | None:
+def _find_difference(network: Network, link_down: bool) -> str | None:
     for name, node in network.nodes.items():
-        for missing in (_sessions, _routes, _groups, _neighbors):
-            if lacking := missing(node, cut):
-                return f"{name}: {lacking}"
+        for find in (_sessions, _routes, _groups, _neighbors):
+            if difference := find(node, link_down):
+                return f"{name}: {difference}"
     return None
 
 
-def _sessions(node: Node, cut: bool) -> str | None:
-    told = {(peer["peer"], peer.get("interface", peer["vrf"])): peer for peer in oracles.bfd(node)}
+def _sessions(node: Node, link_down: bool) -> str | None:
+    peers = {(peer["peer"], peer.get("interface", peer["vrf"])): peer for peer in oracles.bfd(node)}
     for row in topology.SESSIONS:
         if row.node != node.name:
             continue
-        wanted = "down" if not row.answered or (cut and row.over_the_cut) else "up"
-        peer = told.get((row.peer, row.place), {})
-        # The first packets after the change still tell the timers of before.
-        if peer.get("status") != wanted or (wanted == "up" and not _agreed(row, peer)):
-            return f"the session with {row.peer} is not {wanted}"
+        expected = "down" if not row.has_peer or (link_down and row.uses_failing_link) else "up"
+        peer = peers.get((row.peer, row.location), {})
+        # The first packets after the change still have the old timers.
+        if peer.get("status") != expected or (expected == "up" and not _has_timers(row, peer)):
+            return f"the session with {row.peer} is not {expected}"
     return None
 
 
-def _agreed(row: Session, peer: dict[str, Any]) -> bool:
-    """Whether the daemon has the other end's timers."""
+def _has_timers(row: Session, peer: dict[str, Any]) -> bool:
+    """Whether the daemon has received the other end's timers."""
     (other,) = (end for end in topology.SESSIONS if (end.peer, end.local) == (row.local, row.peer))
-    told = (peer["remote-detect-multiplier"], peer["remote-transmit-interval"])
-    return told == (other.multiplier, other.transmit)
+    timers = (peer["remote-detect-multiplier"], peer["remote-transmit-interval"])
+    return timers == (other.multiplier, other.transmit)
 
 
-def _routes(node: Node, cut: bool) -> str | None:
-    lost = {address for end in topology.CUT for address in end.addresses} if cut else set()
+def _routes(node: Node, link_down: bool) -> str | None:
+    ends = topology.FAILING_LINK if link_down else ()
+    lost = {address for end in ends for address in end.addresses}
     for row in topology.ROUTES:
         if row.node != node.name:
             continue
         entries = oracles.routes(node, 6 if ":" in row.prefix else 4).get(row.prefix, [])
-        told = [entry for entry in entries if entry["distance"] == row.distance]
-        active = sum(hop.get("active", False) for entry in told for hop in entry["nexthops"])
-        wanted = len([hop for hop in row.hops if hop not in lost])
-        if active != wanted or any("queued" in entry for entry in entries):
-            return f"{row.prefix} has {active} next hops, not {wanted}"
+        installed = [entry for entry in entries if entry["distance"] == row.distance]
+        active = sum(hop.get("active", False) for entry in installed for hop in entry["nexthops"])
+        expected = len([hop for hop in row.hops if hop not in lost])
+        if active != expected or any("queued" in entry for entry in entries):
+            return f"{row.prefix} has {active} next hops, expected {expected}"
     return None
 
 
-def _groups(node: Node, cut: bool) -> str | None:
+def _groups(node: Node, link_down: bool) -> str | None:
     groups = [row["group"] for row in oracles.next_hop_objects(node) if "group" in row]
-    return "a group of one next hop is kept" if any(len(group) < 2 for group in groups) else None
+    return "a group has only one next hop" if any(len(group) < 2 for group in groups) else None
 
 
-def _neighbors(node: Node, cut: bool) -> str | None:
+def _neighbors(node: Node, link_down: bool) -> str | None:
     known = {entry["dst"] for entry in oracles.neighbors(node) if "lladdr" in entry}
-    for near, far in topology.ends(node.name):
-        gone = cut and (near in topology.CUT)
-        if (far.addresses[0] in known) == gone:
-            return f"{far.addresses[0]} is {'still' if gone else 'not'} known on {near.name}"
+    for near, far in topology.link_ends(node.name):
+        is_lost = link_down and near in topology.FAILING_LINK
+        if (far.addresses[0] in known) == is_lost:
+            return f"{far.addresses[0]} is {'still' if is_lost else 'not'} known on {near.name}"
     return None

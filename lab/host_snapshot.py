@@ -1,8 +1,4 @@
-"""This machine outside the lab's namespaces, as the lab has to leave it.
-
-What is looked at is what a network lab could touch: links, addresses, routes and rules, the
-kernel's network settings, mounts, the routing daemons' folders and those of named namespaces.
-"""
+"""A snapshot of this machine outside the lab's namespaces, which the lab must leave unchanged."""
 
 from __future__ import annotations
 
@@ -11,81 +7,76 @@ import subprocess
 from pathlib import Path
 from typing import Any
 
-from lab.network import ALONE
+from lab.network import ENV_WITHOUT_SANITIZER
 
-_SETTINGS = Path("/proc/sys/net")
 _FOLDERS = (
-    Path("/etc", "frr"),
-    Path("/etc", "netns"),
-    Path("/run", "frr"),
-    Path("/run", "netns"),
-    Path("/var", "log", "frr"),
-    Path("/var", "tmp", "frr"),
+    *map(Path, "/etc/frr /etc/netns /run/frr /run/netns /var/log/frr".split()),
+    Path("/var/tmp", "frr"),
 )
-_TABLES = {
-    "links": ("-d", "link"),
-    "addresses": ("address",),
-    "IPv4 routes": ("-4", "route", "show", "table", "all"),
-    "IPv6 routes": ("-6", "route", "show", "table", "all"),
-    "IPv4 rules": ("-4", "rule"),
-    "IPv6 rules": ("-6", "rule"),
-}
-# These pass by themselves, of addresses and routes that a router or a server lends.
-_TIMES = {"valid_life_time", "preferred_life_time", "expires"}
-# A counter of the present connections, not a setting.
+_TABLES = (
+    "-d link",
+    "address",
+    "-4 route show table all",
+    "-6 route show table all",
+    "-4 rule",
+    "-6 rule",
+)
+# Lifetimes count down by themselves.
+_LIFETIMES = {"valid_life_time", "preferred_life_time", "expires"}
+# The number of current connections, not a setting.
 _COUNTERS = {"nf_conntrack_count"}
 
 
-def state() -> dict[str, Any]:
-    """Everything that is looked at, to be compared with what it is later."""
-    tables = {name: _without_times(_ip(*words)) for name, words in _TABLES.items()}
+def snapshot() -> dict[str, Any]:
+    """Return links, addresses, routes, rules, network settings, mounts and the daemons' files."""
     return {
-        **tables,
+        **{table: _without_lifetimes(_ip(table)) for table in _TABLES},
         "settings": _settings(),
         "mounts": sorted(Path("/proc/self/mountinfo").read_text().splitlines()),
         "files": [_file(path) for folder in _FOLDERS for path in [folder, *folder.rglob("*")]],
     }
 
 
-def inhabitants(namespaces: set[str]) -> list[str]:
-    """The processes of this machine that are in one of the network namespaces."""
-    found = []
+def processes_in(namespaces: set[str]) -> list[str]:
+    """Return the processes of this machine in one of the network namespaces."""
+    processes = []
     for process in Path("/proc").glob("[0-9]*"):
         try:
             if str((process / "ns" / "net").readlink()) in namespaces:
-                found.append(f"{process.name} {(process / 'comm').read_text().strip()}")
+                processes.append(f"{process.name} {(process / 'comm').read_text().strip()}")
         except OSError:
             continue  # it has ended
-    return found
+    return processes
 
 
-def left(namespaces: set[str]) -> str | None:
-    """Who is still there, in one line, or None."""
-    return ", ".join(inhabitants(namespaces)) or None
+def remaining_processes(namespaces: set[str]) -> str | None:
+    """Return the processes in the namespaces as one line, or None, for `wait_until`."""
+    return ", ".join(processes_in(namespaces)) or None
 
 
-def _ip(*words: str) -> Any:
+def _ip(table: str) -> Any:
+    command = ["ip", "-j", *table.split()]
     done = subprocess.run(
-        ["ip", "-j", *words], env=ALONE, capture_output=True, text=True, check=True
+        command, env=ENV_WITHOUT_SANITIZER, capture_output=True, text=True, check=True
     )
     return json.loads(done.stdout or "[]")
 
 
-def _without_times(told: Any) -> Any:
-    if isinstance(told, dict):
-        return {key: _without_times(told[key]) for key in told if key not in _TIMES}
-    return [_without_times(item) for item in told] if isinstance(told, list) else told
+def _without_lifetimes(value: Any) -> Any:
+    if isinstance(value, dict):
+        return {key: _without_lifetimes(value[key]) for key in value if key not in _LIFETIMES}
+    return [_without_lifetimes(item) for item in value] if isinstance(value, list) else value
 
 
 def _settings() -> dict[str, str]:
-    read = {}
-    for path in _SETTINGS.rglob("*"):
+    settings = {}
+    for path in Path("/proc/sys/net").rglob("*"):
         if path.is_file() and path.name not in _COUNTERS:
             try:
-                read[str(path)] = path.read_text()
+                settings[str(path)] = path.read_text()
             except OSError as error:
-                read[str(path)] = str(error.strerror)  # some can only be written
-    return read
+                settings[str(path)] = str(error.strerror)  # a write-only setting
+    return settings
 
 
 def _file(path: Path) -> tuple[str, int, int] | tuple[str]:

@@ -1,48 +1,51 @@
-"""Expected values that are no constants: what a clock or a counter may have become meanwhile."""
+"""Expected values with a range: clocks and counters advance between two samples."""
 
 from __future__ import annotations
 
 import re
 from dataclasses import dataclass
-from typing import Any
+from typing import Any, NamedTuple
 
 _UNITS = {"day": 86400, "hour": 3600, "minute": 60, "second": 1}
 
 
+class Outcome(NamedTuple):
+    """The result of the module and what the oracle expects, in the same structure."""
+
+    actual: Any
+    expected: Any
+
+
 @dataclass(frozen=True)
-class Between:
-    """Equal to a text that stands for a whole number from `low` to `high`; what is around the
-    number has to be there."""
+class InRange:
+    """Equal to a text with a whole number from `low` to `high`, followed by `suffix`."""
 
     low: int
     high: int
-    before: str = ""
-    after: str = ""
+    suffix: str = ""
 
     def __eq__(self, other: object) -> bool:
         if not isinstance(other, str):
             return NotImplemented
-        found = re.fullmatch(f"{re.escape(self.before)}([0-9]+){re.escape(self.after)}", other)
-        return found is not None and self.low <= int(found[1]) <= self.high
+        try:
+            return self.low <= self._parse(other) <= self.high
+        except ValueError:
+            return False
 
     __hash__ = None  # type: ignore[assignment]
 
+    def _parse(self, text: str) -> int:
+        number = text[: len(text) - len(self.suffix)]
+        if number + self.suffix != text or not re.fullmatch("[0-9]+", number):
+            raise ValueError(text)
+        return int(number)
 
-@dataclass(frozen=True)
-class Lasting:
-    """Equal to a text that tells a time from `low` to `high` seconds: "1 minute(s), 49 second(s)"
-    as the BFD daemon writes it, or "00:01:49" as the routing daemon does."""
 
-    low: int
-    high: int
+class Duration(InRange):
+    """Equal to a duration of `low` to `high` seconds, as the daemons print it."""
 
-    def __eq__(self, other: object) -> bool:
-        if not isinstance(other, str):
-            return NotImplemented
-        told = seconds(other)
-        return told is not None and self.low <= told <= self.high
-
-    __hash__ = None  # type: ignore[assignment]
+    def _parse(self, text: str) -> int:
+        return seconds(text)
 
 
 @dataclass(frozen=True)
@@ -57,21 +60,18 @@ class OneOf:
     __hash__ = None  # type: ignore[assignment]
 
 
-def seconds(text: str) -> int | None:
-    """The time that a daemon tells, or None for another text."""
+def seconds(text: str) -> int:
+    """Parse "1 minute(s), 49 second(s)" or "00:01:49"; raise ValueError for any other text."""
     if re.fullmatch(r"\d\d:\d\d:\d\d", text):
         hours, minutes, rest = map(int, text.split(":"))
         return hours * 3600 + minutes * 60 + rest
     if re.fullmatch(r"\d+ (day|hour|minute|second)\(s\)(, \d+ (hour|minute|second)\(s\))*", text):
-        parts = re.findall(r"(\d+) (\w+)", text)
-        return sum(int(count) * _UNITS[unit] for count, unit in parts)
-    return None
+        return sum(int(count) * _UNITS[unit] for count, unit in re.findall(r"(\d+) (\w+)", text))
+    raise ValueError(f"not a duration: {text!r}")
 
 
 def count(value: Any) -> int:
-    """How many single values a structure of dictionaries and lists holds."""
+    """Return the number of leaves in a structure of dictionaries and lists."""
     if isinstance(value, dict):
-        return sum(count(item) for item in value.values())
-    if isinstance(value, (list, tuple)):
-        return sum(count(item) for item in value)
-    return 1
+        return sum(map(count, value.values()))
+    return sum(map(count, value)) if isinstance(value, (list, tuple)) else 1

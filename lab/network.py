@@ -1,10 +1,10 @@
-"""Builds the lab's network and takes it down: a node is a set of namespaces without a name.
+"""Builds the lab's network: each node is a set of anonymous namespaces.
 
-Each node has a network, a mount and a process namespace of its own, held by one process that waits
-for the end of its standard input. That input is a pipe of this process: however this process ends,
-the pipe closes, the holder leaves, and the kernel ends every process of the node and gives its
-links, routes and mounts back. Nothing has to be found and removed later, and nothing is ever
-visible outside: the wires are made inside, configuration, sockets and logs are kept in memory.
+A node has its own network, mount and process namespace, held by one init process that waits for the
+end of its standard input, a pipe from this process. However this process ends, the pipe closes, the
+init process exits, and the kernel ends every process of the node and removes its links, routes and
+mounts. No cleanup is needed and nothing is visible outside: links are created inside, and
+configuration, sockets and logs are on tmpfs.
 """
 
 from __future__ import annotations
@@ -16,17 +16,18 @@ import subprocess
 import time
 from collections.abc import Callable
 from pathlib import Path
-from types import TracebackType
-from typing import Any
+from typing import Any, TypeVar
 
 import psutil
 
 from lab import topology
-from lab.node_agent import Inside
-from lab.topology import Port, Wire
+from lab.node_agent import NodeAgent
+from lab.topology import Link, Port
+from veldarin_simulator.native_library import ROOT
 
-ROOT = Path(__file__).resolve().parent.parent
-SECONDS = 30.0  # for one command, and for a change to show
+Self = TypeVar("Self", bound="Network")
+
+TIMEOUT = 30.0  # seconds, for one command and for a change to take effect
 
 _TOOLS = {
     "unshare": "util-linux",
@@ -37,14 +38,13 @@ _TOOLS = {
     "/usr/lib/frr/staticd": "frr",
     "/usr/lib/frr/bfdd": "frr",
 }
-# The daemons and the system's tools go without the sanitizers' runtime, which would judge them too.
-ALONE = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
-_NAMESPACES = ("--net", "--mount", "--pid")
-_FORKED = ("--fork", "--mount-proc")  # a process namespace begins with a child
+# The sanitizers' runtime is for the module, not for the daemons and the system's tools.
+ENV_WITHOUT_SANITIZER = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
+# A process namespace starts with a child process.
+_UNSHARE = ("unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc")
 
-# The view of /sys goes with the namespace that mounted it. What the daemons and their shell write
-# lies in memory of the node alone.
-_HOLDER = """
+# /sys shows the network namespace that mounted it.
+NODE_INIT = """
 mount -t sysfs none /sys
 for folder in /run /etc/frr /var/log/frr /var/tmp; do
     mount -t tmpfs -o mode=755 none $folder
@@ -57,106 +57,124 @@ exec cat
 
 
 class LabError(RuntimeError):
-    """The lab itself failed: a command in a node, or something that did not come about in time."""
+    """The lab itself failed: a command in a node, or a change that timed out."""
 
 
-def why_not() -> str | None:
-    """Why there can be no lab here, in one line, or None."""
+def skip_reason() -> str | None:
+    """Return why the lab cannot run here, in one line, or None."""
     if os.geteuid() != 0:
         return "the lab needs root, for network namespaces"
     for tool, package in _TOOLS.items():
         if shutil.which(tool) is None:
-            return f"the lab needs {tool}, of Debian's package {package}"
-    tried = subprocess.run(
-        ["unshare", *_NAMESPACES, *_FORKED, "ip", "link", "add", "type", "veth"],
-        env=ALONE,
+            return f"the lab needs {tool}, from Debian's package {package}"
+    done = subprocess.run(
+        [*_UNSHARE, "ip", "link", "add", "type", "veth"],
+        env=ENV_WITHOUT_SANITIZER,
         capture_output=True,
         text=True,
         check=False,
     )
-    return f"no namespaces here: {tried.stderr.strip()}" if tried.returncode else None
+    return f"cannot create namespaces: {done.stderr.strip()}" if done.returncode else None
 
 
-def wait_until(missing: Callable[[], str | None], seconds: float = SECONDS) -> None:
-    """Returns once `missing()` says None. `LabError` with what it says if that takes too long."""
-    deadline = time.monotonic() + seconds
-    while lacking := missing():
+def wait_until(find_problem: Callable[[], str | None], timeout: float = TIMEOUT) -> None:
+    """Wait until `find_problem()` returns None.
+
+    Raises:
+        LabError: The time is over; the message has the last problem.
+    """
+    deadline = time.monotonic() + timeout
+    while problem := find_problem():
         if time.monotonic() > deadline:
-            raise LabError(f"not within {seconds:.0f} s: {lacking}")
+            raise LabError(f"not within {timeout:.0f} s: {problem}")
         time.sleep(0.1)
 
 
 class Node:
-    """A node: run a tool in it, or call the module in it. `peers` are all nodes by their names."""
+    """A node, to run tools and the module in; `peers` are all nodes by name."""
 
     def __init__(self, name: str, peers: dict[str, Node]) -> None:
         self.name = name
         self.peers = peers
-        self._holder = subprocess.Popen(
-            ["unshare", *_NAMESPACES, *_FORKED, "--kill-child", "sh", "-ec", _HOLDER],
-            env=ALONE,
+        self._init = subprocess.Popen(
+            [*_UNSHARE, "--kill-child", "sh", "-ec", NODE_INIT],
+            env=ENV_WITHOUT_SANITIZER,
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
-            start_new_session=True,  # an interrupt from the keyboard is for the lab to handle
+            start_new_session=True,  # the lab handles Ctrl-C
         )
-        self._inside: Inside | None = None
-        assert self._holder.stdout is not None
-        if self._holder.stdout.readline() != "ready\n":
-            raise LabError(f"{name}: no node: {self._holder.communicate(timeout=SECONDS)[1]}")
-        (child,) = psutil.Process(self._holder.pid).children()
+        self._agent: NodeAgent | None = None
+        assert self._init.stdout is not None
+        if self._init.stdout.readline() != "ready\n":
+            errors = self._init.communicate(timeout=TIMEOUT)[1]
+            raise LabError(f"{name}: the node did not start: {errors}")
+        (child,) = psutil.Process(self._init.pid).children()
         self.pid = child.pid
 
     @property
     def enter(self) -> list[str]:
-        """The beginning of a command that runs in the node, in the project's folder."""
+        """The prefix of a command that runs in the node, in the project's folder."""
         return ["nsenter", "-t", str(self.pid), "-n", "-m", "-p", f"--wdns={ROOT}"]
 
     @property
     def namespace(self) -> str:
-        """What tells the node's network namespace from all others."""
+        """The identity of the node's network namespace."""
         return str(Path(f"/proc/{self.pid}/ns/net").readlink())
 
-    def run(self, *command: str, given: str = "") -> str:
-        """What a command in the node prints. `LabError`: it failed."""
+    @property
+    def agent(self) -> NodeAgent:
+        """The module in the node: one process for the node's life, as on an appliance."""
+        if self._agent is None:
+            self._agent = NodeAgent(self.enter)
+        return self._agent
+
+    def run(self, *command: str, stdin: str = "") -> str:
+        """Return the output of a command in the node.
+
+        Raises:
+            LabError: The command failed.
+        """
         done = subprocess.run(
             [*self.enter, *command],
-            env=ALONE,
-            input=given,
+            env=ENV_WITHOUT_SANITIZER,
+            input=stdin,
             capture_output=True,
             text=True,
-            timeout=SECONDS,
+            timeout=TIMEOUT,
             check=False,
         )
         if done.returncode:
-            said = (done.stderr or done.stdout).strip()
-            raise LabError(f"{self.name}: {' '.join(command)}: {said}")
+            message = (done.stderr or done.stdout).strip()
+            raise LabError(f"{self.name}: {' '.join(command)}: {message}")
         return done.stdout
 
     def json(self, *command: str) -> Any:
-        """The JSON that a command in the node prints; a tool with nothing to say prints nothing."""
+        """Return the JSON output of a command in the node, an empty list for no output."""
         return json.loads(self.run(*command) or "[]")
 
-    @property
-    def inside(self) -> Inside:
-        """The module in the node: one process for the node's life, as on an appliance."""
-        if self._inside is None:
-            self._inside = Inside(self.enter)
-        return self._inside
+    def ip(self, *lines: str) -> None:
+        """Run `ip` commands in the node."""
+        self.run("ip", "-batch", "-", stdin="".join(f"{line}\n" for line in lines))
+
+    def set_sysctls(self, settings: dict[str, int], port: str = "") -> None:
+        """Set kernel parameters in the node, those of a port if their names have a `{}`."""
+        lines = [f"echo {value} > /proc/sys/{key.format(port)}" for key, value in settings.items()]
+        self.run("sh", "-e", stdin="\n".join(lines))
 
     def close(self) -> None:
-        """Ends the node and all that runs in it."""
-        if self._inside is not None:
-            self._inside.close()
-        for pipe in (self._holder.stdin, self._holder.stdout, self._holder.stderr):
+        """End the node and all its processes."""
+        if self._agent is not None:
+            self._agent.close()
+        for pipe in (self._init.stdin, self._init.stdout, self._init.stderr):
             if pipe is not None:
                 pipe.close()
-        self._holder.wait(SECONDS)
+        self._init.wait(TIMEOUT)
 
 
 class Network:
-    """The nodes of the topology, wired, with their addresses, neighbours and kernel routes."""
+    """The nodes of the topology with their links, addresses and kernel routes."""
 
     def __init__(self) -> None:
         self.nodes: dict[str, Node] = {}
@@ -168,74 +186,59 @@ class Network:
             self.close()
             raise
 
-    def __enter__(self) -> Network:
+    def __enter__(self: Self) -> Self:
         return self
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        traceback: TracebackType | None,
-    ) -> None:
+    def __exit__(self, *_: object) -> None:
         self.close()
 
     def close(self) -> None:
-        """Ends every node."""
+        """End every node."""
         while self.nodes:
             self.nodes.popitem()[1].close()
 
-    def cut(self, wire: Wire) -> None:
-        """Takes the first end down; the other loses its carrier."""
-        self._set(wire[0], "down")
+    def link_down(self, link: Link) -> None:
+        """Take the first end down; the other end loses its carrier."""
+        self.nodes[link[0].node].ip(f"link set {link[0].name} down")
 
-    def mend(self, wire: Wire) -> None:
-        """Takes the first end up again."""
-        self._set(wire[0], "up")
+    def link_up(self, link: Link) -> None:
+        """Take the first end up."""
+        self.nodes[link[0].node].ip(f"link set {link[0].name} up")
 
-    def _set(self, port: Port, state: str) -> None:
-        self.nodes[port.node].run("ip", "link", "set", port.name, state)
+    def add_neighbors(self) -> None:
+        """Add the neighbor entries of the topology.
+
+        Only after the network has converged: some lookups are made to last, the real ones as well.
+        """
+        for row in topology.NEIGHBORS:
+            node = self.nodes[row.node]
+            if row.state == "incomplete":
+                node.set_sysctls(topology.INCOMPLETE_SYSCTLS, row.port)
+            mac = f"lladdr {row.mac} " if row.mac else ""
+            node.ip(f"neigh replace {row.address} {mac}dev {row.port} nud {row.state}")
 
     def _build(self) -> None:
         for name, node in self.nodes.items():
-            _sysctls(node, topology.SYSCTLS)
+            node.set_sysctls(topology.SYSCTLS)
             loopbacks = [f"address add {address} dev lo" for address in topology.LOOPBACKS[name]]
-            _ip(node, "link set lo up", *loopbacks)
-        for one, other in topology.WIRES:
-            self._wire(one, other)
-        for port in (port for wire in topology.WIRES for port in wire):
-            _sysctls(self.nodes[port.node], topology.PORT_SYSCTLS, port.name)
-            _ip(
-                self.nodes[port.node],
+            node.ip("link set lo up", *loopbacks)
+        for one, other in topology.LINKS:
+            self._connect(one, other)
+        for port in (port for link in topology.LINKS for port in link):
+            node = self.nodes[port.node]
+            node.set_sysctls(topology.PORT_SYSCTLS, port.name)
+            node.ip(
                 f"link set {port.name} up",
                 f"address add {port.ipv4} dev {port.name}",
                 f"address add {port.ipv6} dev {port.name}",
             )
         for name, node in self.nodes.items():
-            _ip(node, *(f"route add {route}" for route in topology.KERNEL_ROUTES[name]))
+            node.ip(*(f"route add {route}" for route in topology.KERNEL_ROUTES[name]))
 
-    def _wire(self, one: Port, other: Port) -> None:
+    def _connect(self, one: Port, other: Port) -> None:
         near, far = self.nodes[one.node], self.nodes[other.node]
-        # Not by way of the process namespace: the far node's process has another number in there.
+        # Without entering the process namespace, in which the peer's process has another number.
         enter = ["nsenter", "-t", str(near.pid), "-n"]
         peer = ["peer", "name", other.name, "netns", str(far.pid)]
-        wire = ["ip", "link", "add", one.name, "type", "veth", *peer]
-        subprocess.run([*enter, *wire], env=ALONE, check=True)
-
-    def add_neighbors(self) -> None:
-        """The neighbour entries of the topology. For when the real ones are there: a look-up that
-        nobody answers is made to last, and so would theirs."""
-        for row in topology.NEIGHBORS:
-            node = self.nodes[row.node]
-            if row.state == "incomplete":
-                _sysctls(node, topology.INCOMPLETE_SYSCTLS, row.port)
-            mac = f"lladdr {row.mac} " if row.mac else ""
-            _ip(node, f"neigh replace {row.address} {mac}dev {row.port} nud {row.state}")
-
-
-def _sysctls(node: Node, settings: dict[str, int], port: str = "") -> None:
-    lines = [f"echo {value} > /proc/sys/{key.format(port)}" for key, value in settings.items()]
-    node.run("sh", "-e", given="\n".join(lines))
-
-
-def _ip(node: Node, *lines: str) -> None:
-    node.run("ip", "-batch", "-", given="".join(f"{line}\n" for line in lines))
+        add = ["ip", "link", "add", one.name, "type", "veth", *peer]
+        subprocess.run([*enter, *add], env=ENV_WITHOUT_SANITIZER, check=True)

@@ -1,101 +1,80 @@
-"""The lab as a whole: the network with its daemons, brought into one state after the other, and
-what the module said in each."""
+"""The lab's network with its daemons, in one state after another."""
 
 from __future__ import annotations
 
-from types import TracebackType
 from typing import Any
 
 from lab import daemons, topology
 from lab.comparisons import bfd
-from lab.network import Network, Node
+from lab.network import Network
 from lab.topology import Session
 
-# One wire is cut and mended; mended has to be as whole as before.
-STATES = ("whole", "cut", "mended")
+# One link goes down and comes up; "restored" must equal "baseline".
+STATES = BASELINE, LINK_DOWN, RESTORED = ("baseline", "link_down", "restored")
 
-# Of a node: "arp", "routes" (by address), "sessions" (by name), "listing".
-Told = dict[str, Any]
+# Results of the module on a node: "arp", "routes" by address, "sessions" by name, "listing".
+Observations = dict[str, Any]
 
 
-class Lab:
-    """A network that has come to rest. Built whole; `come_to` brings it into another state."""
+class Lab(Network):
+    """A converged network in the state "baseline"."""
 
     def __init__(self) -> None:
-        self._state = STATES[0]
-        self._told: dict[str, dict[str, Told]] = {}
-        self.network = Network()
+        super().__init__()
+        self._state = BASELINE
+        self._observations: dict[str, dict[str, Observations]] = {}
         try:
-            daemons.start(self.network)
-            daemons.settle(self.network, cut=False)
-            self.network.add_neighbors()
+            daemons.start(self)
+            daemons.wait_converged(self, link_down=False)
+            self.add_neighbors()
         except BaseException:
             self.close()
             raise
 
-    def __enter__(self) -> Lab:
-        return self
+    def transition_to(self, state: str) -> None:
+        """Take the failing link down or up if needed and wait until the network converges.
 
-    def __exit__(
-        self,
-        kind: type[BaseException] | None,
-        error: BaseException | None,
-        traceback: TracebackType | None,
-    ) -> None:
-        self.close()
-
-    def close(self) -> None:
-        """Takes everything down."""
-        self.network.close()
-
-    @property
-    def nodes(self) -> dict[str, Node]:
-        """The nodes by name."""
-        return self.network.nodes
-
-    def come_to(self, state: str) -> None:
-        """Cuts or mends the wire if it has to be, and waits until everything shows it. `LabError`
-        names what does not."""
-        if (self._state, state) == ("whole", "mended"):
-            self.come_to("cut")
+        Raises:
+            LabError: It did not converge; the message names the first difference.
+        """
+        if (self._state, state) == (BASELINE, RESTORED):
+            self.transition_to(LINK_DOWN)
         if state == self._state:
             return
-        self._remember()
-        cut = state == "cut"
-        if cut != (self._state == "cut"):
-            (self.network.cut if cut else self.network.mend)(topology.CUT)
-            daemons.settle(self.network, cut=cut)
+        self._observe()
+        link_down = state == LINK_DOWN
+        if link_down != (self._state == LINK_DOWN):
+            (self.link_down if link_down else self.link_up)(topology.FAILING_LINK)
+            daemons.wait_converged(self, link_down=link_down)
         self._state = state
 
-    def told(self, state: str) -> dict[str, Told]:
-        """What the module said in a state, by node: once, when the state was first left or asked
-        about."""
+    def observations(self, state: str) -> dict[str, Observations]:
+        """Return the module's results in a state by node, collected once per state."""
         for each in STATES:
-            if each not in self._told and state not in self._told:
-                self.come_to(each)
-                self._remember()
-        return self._told[state]
+            if each not in self._observations and state not in self._observations:
+                self.transition_to(each)
+                self._observe()
+        return self._observations[state]
 
     def session(self, state: str, row: Session) -> dict[str, Any]:
-        """What the module said of a session in a state."""
-        told: dict[str, Any] = self.told(state)[row.node]["sessions"][f"{row.peer}_{row.place}"]
-        return told
+        """Return the module's result for a session in a state."""
+        sessions = self.observations(state)[row.node]["sessions"]
+        session: dict[str, Any] = sessions[f"{row.peer}_{row.location}"]
+        return session
 
-    def _remember(self) -> None:
-        if self._state not in self._told:
-            self._told[self._state] = self._listen()
-
-    def _listen(self) -> dict[str, Told]:
-        return {
+    def _observe(self) -> None:
+        if self._state in self._observations:
+            return
+        self._observations[self._state] = {
             name: {
-                "arp": node.inside.live("get_system_arp_result"),
+                "arp": node.agent.call_live("get_system_arp_result"),
                 "routes": {
-                    row.address: node.inside.live("get_routing_table_result", row.address)
+                    row.address: node.agent.call_live("get_routing_table_result", row.address)
                     for row in topology.REROUTED
                     if row.node == name
                 },
-                "sessions": bfd.told(node),
-                "listing": node.inside.live("list_bfd_neighbor"),
+                "sessions": bfd.call_for_each_session(node),
+                "listing": node.agent.call_live("list_bfd_neighbor"),
             }
             for name, node in self.nodes.items()
         }

@@ -1,8 +1,7 @@
-"""The module in a node: a process there that answers calls, and the face of it outside.
+"""Calls the module in a node, through a process that runs there for the node's life.
 
-The process has a live stand-in appliance open for as long as it runs, so that what the module
-keeps between calls is kept as in the management process. A request and its answer are a line of
-JSON each.
+The process keeps a live simulator open, so that the module's state lasts between calls as it does
+in the management process. Each request and each result is one line of JSON.
 """
 
 from __future__ import annotations
@@ -16,26 +15,25 @@ from typing import Any
 
 from veldarin_simulator import Simulator
 
-_SECONDS = 30.0
-_COMMAND_LINE = "get_cli_cmd_output"
+_TIMEOUT = 30.0  # seconds
+_CLI = "get_cli_cmd_output"
 
 
 class NodeError(RuntimeError):
-    """The process in the node gave no answer."""
+    """A call in a node failed."""
 
 
 @dataclass(frozen=True)
-class Said:
-    """What a function of the module returned, or the name of the exception that ended it; and where
-    the outputs of the commands came from."""
+class CallResult:
+    """The return value of a call or its exception's name, and the sources of native replies."""
 
     value: Any
     error: str | None
     sources: list[str]
 
 
-class Inside:
-    """Calls the module in a node. `enter` is the beginning of a command that runs there."""
+class NodeAgent:
+    """The process in a node; `enter` is the command prefix that enters the node."""
 
     def __init__(self, enter: list[str]) -> None:
         self._process = subprocess.Popen(
@@ -46,33 +44,36 @@ class Inside:
             start_new_session=True,
         )
 
-    def call(self, function: str, *arguments: object, output: str | None = None) -> Said:
-        """Calls a function; `output` is then what every command prints, in place of the live
-        answer."""
+    def call(self, function: str, *arguments: object, output: str | None = None) -> CallResult:
+        """Call a function; `output` replaces the live output of every command."""
         assert self._process.stdin is not None
         assert self._process.stdout is not None
         request = {"function": function, "arguments": arguments, "output": output}
         print(json.dumps(request), file=self._process.stdin, flush=True)
-        if not select.select([self._process.stdout], [], [], _SECONDS)[0]:
-            raise NodeError(f"{function} did not return within {_SECONDS:.0f} s")
-        answer = self._process.stdout.readline()
-        if not answer:
-            raise NodeError(f"{function} ended the process, status {self._process.wait(_SECONDS)}")
-        return Said(**json.loads(answer))
+        if not select.select([self._process.stdout], [], [], _TIMEOUT)[0]:
+            raise NodeError(f"{function} did not return within {_TIMEOUT:.0f} s")
+        line = self._process.stdout.readline()
+        if not line:
+            raise NodeError(f"{function} ended the process, status {self._process.wait(_TIMEOUT)}")
+        return CallResult(**json.loads(line))
 
-    def live(self, function: str, *arguments: object) -> Any:
-        """What a function returns on live answers alone."""
-        said = self.call(function, *arguments)
-        if said.error is not None or set(said.sources) != {"live"}:
-            raise NodeError(f"{function}{arguments}: {said}")
-        return said.value
+    def call_live(self, function: str, *arguments: object) -> Any:
+        """Return the value of a call for which all native replies were live.
+
+        Raises:
+            NodeError: The call raised an exception, or a reply was not live.
+        """
+        result = self.call(function, *arguments)
+        if result.error is not None or set(result.sources) != {"live"}:
+            raise NodeError(f"{function}{arguments}: {result}")
+        return result.value
 
     def close(self) -> None:
-        """Ends the process."""
+        """End the process."""
         for pipe in (self._process.stdin, self._process.stdout):
             if pipe is not None:
                 pipe.close()
-        self._process.wait(_SECONDS)
+        self._process.wait(_TIMEOUT)
 
 
 def _serve() -> None:
@@ -80,19 +81,18 @@ def _serve() -> None:
         for line in sys.stdin:
             request = json.loads(line)
             output = request["output"]
-            simulator.reset_reply(_COMMAND_LINE)
+            simulator.reset_reply(_CLI)
             if output is not None:
-                simulator.set_reply(_COMMAND_LINE, output)
+                simulator.set_reply(_CLI, output)
             simulator.clear_calls()
             value = error = None
             try:
                 value = getattr(simulator.module, request["function"])(*request["arguments"])
-            except Exception as raised:
-                error = type(raised).__name__
+            except Exception as exception:
+                error = type(exception).__name__
             simulator.raise_errors()
             sources = [call.source for call in simulator.call_log]
-            answer = {"value": value, "error": error, "sources": sources}
-            print(json.dumps(answer), flush=True)
+            print(json.dumps({"value": value, "error": error, "sources": sources}), flush=True)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,7 @@
-"""What the system itself says of a node: the kernel through `ip -j`, the routing daemons through
-their own JSON. Nothing here knows of the module or of the stand-in appliance."""
+"""Queries the system's own tools in a node: `ip -j` for the kernel and `vtysh` for the daemons.
+
+This file does not use the module or the simulator.
+"""
 
 from __future__ import annotations
 
@@ -9,66 +11,69 @@ import time
 from collections.abc import Callable
 from typing import Any, TypeVar
 
-from lab.network import SECONDS, LabError, Node
+from lab.network import TIMEOUT, LabError, Node
 
-Seen = TypeVar("Seen")
-Done = TypeVar("Done")
+Sample = TypeVar("Sample")
+Result = TypeVar("Result")
 
 
 def neighbors(node: Node) -> Any:
-    """The kernel's IPv4 neighbours in every state, with their ages in seconds."""
+    """Return the kernel's IPv4 neighbors in every state, with their ages in seconds."""
     return node.json("ip", "-s", "-j", "-4", "neigh", "show", "nud", "all")
 
 
 def macs(node: Node) -> dict[str, str]:
-    """The hardware address of each port."""
+    """Return the MAC address of each port."""
     return {link["ifname"]: link["address"] for link in node.json("ip", "-j", "link")}
 
 
 def kernel_routes(node: Node, version: int, *options: str) -> Any:
-    """The kernel's routes of all tables."""
+    """Return the kernel's routes of all tables."""
     return node.json("ip", *options, "-j", f"-{version}", "route", "show", "table", "all")
 
 
 def kernel_route(node: Node, address: str) -> Any:
-    """The kernel's route that covers an address. `LabError` for a route that refuses traffic."""
+    """Return the kernel's route for an address.
+
+    Raises:
+        LabError: The route rejects traffic.
+    """
     (route,) = node.json("ip", "-j", "route", "get", "fibmatch", address)
     return route
 
 
 def next_hop_objects(node: Node) -> Any:
-    """The kernel's next-hop objects, groups of them included."""
+    """Return the kernel's next-hop objects and groups."""
     return node.json("ip", "-j", "nexthop", "show")
 
 
 def daemon_protocols(node: Node) -> set[str]:
-    """The kernel's numbers for routes of the routing daemons, as the daemons' package lists them
-    for `ip`."""
+    """Return the kernel's protocol numbers of the routing daemons, from their package's file."""
     table = node.run("cat", "/etc/iproute2/rt_protos.d/frr.conf")
     lines = [line.split() for line in table.splitlines()]
     return {words[0] for words in lines if words and not words[0].startswith("#")}
 
 
 def routes(node: Node, version: int) -> Any:
-    """The daemon's routes: prefix to its entries."""
-    (told,) = _daemon(node, f"show {_family(version)} route json")
-    return told
+    """Return the daemon's routes by prefix."""
+    (by_prefix,) = _daemon(node, f"show {_family(version)} route json")
+    return by_prefix
 
 
 def bfd(node: Node) -> Any:
-    """The daemon's BFD sessions."""
-    (told,) = _daemon(node, "show bfd peers json")
-    return told
+    """Return the daemon's BFD sessions."""
+    (peers,) = _daemon(node, "show bfd peers json")
+    return peers
 
 
 def bfd_with_counters(node: Node) -> tuple[Any, Any]:
-    """The daemon's BFD sessions, and their counters."""
+    """Return the daemon's BFD sessions and their counters."""
     peers, counters = _daemon(node, "show bfd peers json", "show bfd peers counters json")
     return peers, counters
 
 
 def route_texts(node: Node, version: int, addresses: list[str]) -> dict[str, str]:
-    """The daemon's own texts of the entries that cover the addresses, by prefix."""
+    """Return the daemon's texts of the routes for the addresses, by prefix."""
     commands = [f"show {_family(version)} route {address}" for address in addresses]
     text = _shell(node, *commands)
     texts: dict[str, str] = {}
@@ -87,28 +92,35 @@ def _shell(node: Node, *commands: str) -> str:
 
 
 def _daemon(node: Node, *commands: str) -> list[Any]:
-    """The JSON texts that the daemons' shell prints one after the other."""
+    """Return the JSON values that the daemons' shell prints in sequence."""
     text = _shell(node, *commands).strip()
-    told = []
+    values = []
     while text:
         value, end = json.JSONDecoder().raw_decode(text)
-        told.append(value)
+        values.append(value)
         text = text[end:].lstrip()
-    return told
+    return values
 
 
-def steady(
-    look: Callable[[], Seen], act: Callable[[], Done], still: Callable[[Seen], object]
-) -> tuple[Seen, Done, Seen]:
-    """What is seen before an action, what the action gives, and what is seen after it, once what
-    `still` picks out of either sight is the same: then the action met nothing else."""
-    deadline = time.monotonic() + SECONDS
+def sample_until_stable(
+    look: Callable[[], Sample],
+    act: Callable[[], Result],
+    stable_part: Callable[[Sample], object],
+) -> tuple[Sample, Result, Sample]:
+    """Return a sample, the result of an action and another sample.
+
+    Repeats until `stable_part` of both samples is equal, so that nothing changed during the action.
+
+    Raises:
+        LabError: The samples keep changing.
+    """
+    deadline = time.monotonic() + TIMEOUT
     before = look()
     while True:
-        done = act()
+        result = act()
         after = look()
-        if still(before) == still(after):
-            return before, done, after
+        if stable_part(before) == stable_part(after):
+            return before, result, after
         if time.monotonic() > deadline:
-            raise LabError(f"it does not come to rest: {still(before)}, then {still(after)}")
+            raise LabError(f"unstable: {stable_part(before)}, then {stable_part(after)}")
         before = after

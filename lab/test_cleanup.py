@@ -1,4 +1,4 @@
-"""However the lab ends, nothing of it is left, and this machine is as it was."""
+"""However the lab ends, no process remains and this machine is unchanged."""
 
 from __future__ import annotations
 
@@ -13,7 +13,8 @@ from pathlib import Path
 import pytest
 
 from lab import host_snapshot
-from lab.network import ROOT, Network, wait_until
+from lab.network import Network, wait_until
+from veldarin_simulator.native_library import ROOT
 
 ENDINGS = {
     "Enter": None,
@@ -23,34 +24,34 @@ ENDINGS = {
 }
 
 
-@pytest.mark.usefixtures("possible")
-def test_nothing_is_left_however_the_lab_ends() -> None:
-    before = host_snapshot.state()
-    labs = {ending: started() for ending in ENDINGS}
-    namespaces = {ending: inhabited(lab) for ending, lab in labs.items()}
+@pytest.mark.usefixtures("require_lab")
+def test_lab_ended_in_any_way_leaves_no_trace() -> None:
+    before = host_snapshot.snapshot()
+    labs = {ending: start_lab() for ending in ENDINGS}
+    namespaces = {ending: namespaces_of(lab) for ending, lab in labs.items()}
     assert len(set().union(*namespaces.values())) == 3 * len(labs)
     for ending, lab in labs.items():
-        assert len(host_snapshot.inhabitants(namespaces[ending])) > 9, (
-            "a holder and three daemons a node"
+        assert len(host_snapshot.processes_in(namespaces[ending])) > 9, (
+            "an init process and three daemons per node"
         )
         end(lab, ENDINGS[ending])
-        wait_until(partial(host_snapshot.left, namespaces[ending]))
+        wait_until(partial(host_snapshot.remaining_processes, namespaces[ending]))
         lab.wait(20)
-    assert host_snapshot.state() == before
+    assert host_snapshot.snapshot() == before
 
 
-@pytest.mark.usefixtures("possible")
-def test_nothing_is_left_of_a_network_in_which_something_failed() -> None:
-    before = host_snapshot.state()
+@pytest.mark.usefixtures("require_lab")
+def test_network_after_an_exception_leaves_no_trace() -> None:
+    before = host_snapshot.snapshot()
     with pytest.raises(ZeroDivisionError), Network() as network:
         namespaces = {node.namespace for node in network.nodes.values()}
-        assert host_snapshot.left(namespaces)
+        assert host_snapshot.remaining_processes(namespaces)
         _ = 1 // 0
-    wait_until(partial(host_snapshot.left, namespaces))
-    assert host_snapshot.state() == before
+    wait_until(partial(host_snapshot.remaining_processes, namespaces))
+    assert host_snapshot.snapshot() == before
 
 
-def started() -> subprocess.Popen[str]:
+def start_lab() -> subprocess.Popen[str]:
     return subprocess.Popen(
         [sys.executable, "-m", "lab", "--stay"],
         cwd=ROOT,
@@ -61,8 +62,8 @@ def started() -> subprocess.Popen[str]:
     )
 
 
-def inhabited(lab: subprocess.Popen[str]) -> set[str]:
-    """The network namespaces of a lab's nodes, once it says that it is up."""
+def namespaces_of(lab: subprocess.Popen[str]) -> set[str]:
+    """Wait until the lab is up and return the network namespaces of its nodes."""
     assert lab.stdout is not None
     line = lab.stdout.readline()
     assert line.startswith("The network is up: "), line
@@ -74,6 +75,6 @@ def end(lab: subprocess.Popen[str], by: signal.Signals | None) -> None:
     if by is None:
         lab.communicate("\n", timeout=20)
     elif by is signal.SIGINT:
-        os.killpg(lab.pid, by)  # as a terminal does: everyone in the foreground gets it
+        os.killpg(lab.pid, by)  # as a terminal does: the whole foreground group gets it
     else:
         lab.send_signal(by)

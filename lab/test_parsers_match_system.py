@@ -1,5 +1,4 @@
-"""In every state of the network the module says what the system itself says, of every node; and
-what the nodes say of each other fits together."""
+"""Compares the module with the system on every node, in every state of the network."""
 
 from __future__ import annotations
 
@@ -8,34 +7,38 @@ from collections.abc import Callable
 import pytest
 
 from lab import matchers, topology
-from lab.comparisons import CHECKS, Check
-from lab.network_states import Lab
+from lab.comparisons import COMPARISONS, Comparison
+from lab.network_states import BASELINE, Lab
 
 
 @pytest.mark.parametrize("node", topology.NODES)
-@pytest.mark.parametrize("check", CHECKS, ids=lambda check: check.name)
-def test_the_module_says_what_the_system_says(
-    state: str, check: Check, node: str, lab: Lab, record_property: Callable[[str, object], None]
+@pytest.mark.parametrize("comparison", COMPARISONS, ids=lambda row: row.name)
+def test_module_and_system_report_the_same(
+    state: str,
+    comparison: Comparison,
+    node: str,
+    lab: Lab,
+    record_property: Callable[[str, object], None],
 ) -> None:
-    compared = check.compare(lab.nodes[node])
+    outcome = comparison.compare(lab.nodes[node])
     for name, value in {
         "state": state,
-        "check": check.name,
-        "function": check.function,
-        "oracle": check.oracle,
+        "comparison": comparison.name,
+        "function": comparison.function,
+        "oracle": comparison.oracle,
         "node": node,
-        "values": matchers.count(compared.expected),
+        "values": matchers.count(outcome.expected),
     }.items():
         record_property(name, value)
-    assert matchers.count(compared.expected) > 0
-    assert compared.said == compared.expected
+    assert matchers.count(outcome.expected) > 0
+    assert outcome.actual == outcome.expected
 
 
-def test_the_two_ends_of_a_session_tell_each_others_discriminators_and_timers(lab: Lab) -> None:
-    answered = [row for row in topology.SESSIONS if row.answered]
-    for row in answered:
-        (other,) = (end for end in answered if (end.peer, end.local) == (row.local, row.peer))
-        near, far = lab.session("whole", row), lab.session("whole", other)
+def test_session_ends_report_each_others_id_and_timers(lab: Lab) -> None:
+    ends = [row for row in topology.SESSIONS if row.has_peer]
+    for row in ends:
+        (other,) = (end for end in ends if (end.peer, end.local) == (row.local, row.peer))
+        near, far = lab.session(BASELINE, row), lab.session(BASELINE, other)
         assert near["remote_id"] == far["id"]
         assert near["remote_timers"] == far["local_timers"]
         assert near["local_timers"] == {
@@ -45,9 +48,9 @@ def test_the_two_ends_of_a_session_tell_each_others_discriminators_and_timers(la
         }
 
 
-def test_a_node_with_one_session_of_each_family_lists_them_all(lab: Lab) -> None:
-    assert [entry["name"] for entry in lab.told("whole")["branch"]["listing"]] == [
+def test_listing_with_one_session_per_ip_version_is_complete(lab: Lab) -> None:
+    assert [entry["name"] for entry in lab.observations(BASELINE)["branch"]["listing"]] == [
         "10.3.0.1_default",
         "2001:db8:12::2_port1",
     ]
-    assert len(lab.told("whole")["branch"]["sessions"]) == 2
+    assert len(lab.observations(BASELINE)["branch"]["sessions"]) == 2

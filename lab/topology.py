@@ -1,10 +1,9 @@
-"""The network of the lab as rows: three nodes, the wires between them, and what each node holds.
+"""The lab's network as rows: three nodes, their links, routes, neighbors and BFD sessions.
 
     branch port1 ---------- port1 hub port2 ---------- port1 edge
                                   hub port3 ---------- port2 edge
 
-The addresses are those reserved for documentation and private use; they exist in the namespaces
-only. Everything else in the lab follows these rows.
+The addresses are reserved for documentation and private use.
 """
 
 from __future__ import annotations
@@ -17,7 +16,7 @@ NODES = ("branch", "hub", "edge")
 
 
 class Port(NamedTuple):
-    """One end of a wire, with an address of each IP version."""
+    """One end of a link, with an address of each IP version."""
 
     node: str
     name: str
@@ -30,9 +29,9 @@ class Port(NamedTuple):
         return str(ip_interface(self.ipv4).ip), str(ip_interface(self.ipv6).ip)
 
 
-Wire = tuple[Port, Port]
+Link = tuple[Port, Port]
 
-WIRES: tuple[Wire, ...] = (
+LINKS: tuple[Link, ...] = (
     (
         Port("branch", "port1", "192.0.2.1/24", "2001:db8:12::1/64"),
         Port("hub", "port1", "192.0.2.2/24", "2001:db8:12::2/64"),
@@ -47,8 +46,8 @@ WIRES: tuple[Wire, ...] = (
     ),
 )
 
-# The wire that is cut, and at which end: that port is taken down, the other loses its carrier.
-CUT = WIRES[2]
+# The lab takes the first port of this link down; the second loses its carrier.
+FAILING_LINK = LINKS[2]
 
 LOOPBACKS = {
     "branch": ("10.1.0.1/32", "2001:db8:1::1/128"),
@@ -58,8 +57,10 @@ LOOPBACKS = {
 
 
 class Route(NamedTuple):
-    """A static route of the routing daemon. A next hop is an address, a port, "blackhole" (dropped
-    in silence) or "reject" (refused with a message)."""
+    """A static route of the routing daemon.
+
+    A next hop is an address, a port, "blackhole" (drop) or "reject" (drop with an ICMP error).
+    """
 
     node: str
     prefix: str
@@ -82,78 +83,47 @@ ROUTES = (
     Route("hub", "2001:db8:3::/48", ("2001:db8:23::2", "2001:db8:24::2")),
     Route("edge", "0.0.0.0/0", ("198.51.100.1", "198.51.100.5")),
     Route("edge", "10.80.0.0/16", ("198.51.100.5",), distance=5),
-    Route("edge", "10.80.0.0/16", ("198.51.100.1",), distance=50),  # while the other is lost
+    Route("edge", "10.80.0.0/16", ("198.51.100.1",), distance=50),  # used while the other is lost
     Route("edge", "::/0", ("2001:db8:23::1", "2001:db8:24::1")),
     Route("edge", "2001:db8:dead::/48", ("reject",)),
 )
 
-# Routes that an administrator gives the kernel, past the daemon: `ip route add …`.
+# Routes for `ip route add`, which the routing daemon does not own.
 KERNEL_ROUTES = {
     "branch": (
         "10.90.0.0/16 via inet6 2001:db8:12::2 dev port1",
         "prohibit 10.91.0.0/16",
     ),
     "hub": ("10.92.0.0/16 via 192.0.2.1 metric 77 proto static",),
-    # Over the wire that is cut: the kernel keeps it, and says that its link is down.
+    # Over the failing link: the kernel keeps it and flags it "linkdown".
     "edge": ("10.93.0.0/16 via 198.51.100.5",),
 }
 
 
 class Rerouted(NamedTuple):
-    """An address whose route goes over the wire that is cut, and the route's next hops as the
-    module tells them: marker, address, port."""
+    """An address with a route over the failing link, and the gateways that the module reports."""
 
     node: str
     address: str
-    whole: list[tuple[str, ...]]
-    cut: list[tuple[str, ...]]
+    baseline: tuple[str, ...]
+    link_down: tuple[str, ...]
+    link_down_marker: str = "*"
 
 
 REROUTED = (
-    Rerouted(
-        "hub",
-        "10.3.0.9",
-        [("*", "198.51.100.2", "port2"), ("*", "198.51.100.6", "port3")],
-        [("*", "198.51.100.2", "port2")],
-    ),
-    Rerouted(
-        "hub",
-        "2001:db8:3::9",
-        [("*", "2001:db8:23::2", "port2"), ("*", "2001:db8:24::2", "port3")],
-        [("*", "2001:db8:23::2", "port2")],
-    ),
-    Rerouted(
-        "edge",
-        "203.0.113.9",
-        [("*", "198.51.100.1", "port1"), ("*", "198.51.100.5", "port2")],
-        [("*", "198.51.100.1", "port1")],
-    ),
-    Rerouted(
-        "edge",
-        "2001:db8:ffff::9",
-        [("*", "2001:db8:23::1", "port1"), ("*", "2001:db8:24::1", "port2")],
-        [("*", "2001:db8:23::1", "port1")],
-    ),
-    # The route of greater distance takes over.
-    Rerouted(
-        "edge",
-        "10.80.0.9",
-        [("*", "198.51.100.5", "port2")],
-        [("*", "198.51.100.1", "port1")],
-    ),
-    # The kernel's own stays, without its mark.
-    Rerouted(
-        "edge",
-        "10.93.0.9",
-        [("*", "198.51.100.5", "port2")],
-        [("", "198.51.100.5", "port2")],
-    ),
+    Rerouted("hub", "10.3.0.9", ("198.51.100.2", "198.51.100.6"), ("198.51.100.2",)),
+    Rerouted("hub", "2001:db8:3::9", ("2001:db8:23::2", "2001:db8:24::2"), ("2001:db8:23::2",)),
+    Rerouted("edge", "203.0.113.9", ("198.51.100.1", "198.51.100.5"), ("198.51.100.1",)),
+    Rerouted("edge", "2001:db8:ffff::9", ("2001:db8:23::1", "2001:db8:24::1"), ("2001:db8:23::1",)),
+    # The route with the greater distance takes over.
+    Rerouted("edge", "10.80.0.9", ("198.51.100.5",), ("198.51.100.1",)),
+    # The kernel's own route stays, without its marker.
+    Rerouted("edge", "10.93.0.9", ("198.51.100.5",), ("198.51.100.5",), link_down_marker=""),
 )
 
 
 class Neighbor(NamedTuple):
-    """A neighbour entry that an administrator makes. Without a hardware address: an address that
-    nobody answers for, in the state that the kernel gives it."""
+    """A neighbor entry for `ip neigh replace`; without a MAC address, no host has the address."""
 
     node: str
     port: str
@@ -174,7 +144,7 @@ NEIGHBORS = (
 
 @dataclass(frozen=True)
 class Session:
-    """One end of a BFD session: intervals in milliseconds; without a port over several hops."""
+    """One end of a BFD session, multihop if it has no port; intervals in milliseconds."""
 
     node: str
     peer: str
@@ -183,8 +153,8 @@ class Session:
     multiplier: int = 3
     receive: int = 300
     transmit: int = 300
-    settings: tuple[str, ...] = ()  # further lines of the daemon's configuration
-    answered: bool = True  # by a session of another node
+    settings: tuple[str, ...] = ()  # more lines for the daemon's configuration
+    has_peer: bool = True  # another node has the other end
 
     @property
     def version(self) -> int:
@@ -192,25 +162,25 @@ class Session:
         return ip_address(self.peer).version
 
     @property
-    def place(self) -> str:
-        """Where the command line looks for it: the port, or the VRF without one."""
+    def location(self) -> str:
+        """The port, or the VRF of a multihop session, as the command line wants it."""
         return self.port or "default"
 
     @property
-    def over_the_cut(self) -> bool:
-        """Whether it goes over the wire that is cut, and no other way."""
-        return any((self.node, self.port) == (end.node, end.name) for end in CUT)
+    def uses_failing_link(self) -> bool:
+        """Whether the session has no path but the failing link."""
+        return any((self.node, self.port) == (end.node, end.name) for end in FAILING_LINK)
 
 
-# Long enough that no session ends because this machine is busy: nearly a second without a packet.
+# The timers tolerate nearly a second without a packet, in case this machine is busy.
 SESSIONS = (
-    # One session of each IP version: the listing of this node is complete.
+    # One session of each IP version: list_bfd_neighbor lists them all.
     Session("branch", "10.3.0.1", "10.1.0.1", None, 4, 320, 330, ("minimum-ttl 250",)),
     Session("branch", "2001:db8:12::2", "2001:db8:12::1", "port1", 5, 290, 310),
-    # Several of both.
+    # Several of both versions.
     Session("hub", "198.51.100.2", "198.51.100.1", "port2", 4, 310, 320),
     Session("hub", "198.51.100.6", "198.51.100.5", "port3", 3, 330, 340),
-    Session("hub", "192.0.2.77", "192.0.2.2", "port1", answered=False),
+    Session("hub", "192.0.2.77", "192.0.2.2", "port1", has_peer=False),
     Session("hub", "2001:db8:12::1", "2001:db8:12::2", "port1"),
     Session("hub", "2001:db8:24::2", "2001:db8:24::1", "port3", 3, 350, 360),
     # Several of version 4, one of version 6.
@@ -220,8 +190,7 @@ SESSIONS = (
     Session("edge", "2001:db8:24::1", "2001:db8:24::2", "port2"),
 )
 
-# Of every node, before it has ports: packets passed on, no waiting for addresses, addresses that
-# outlive a cut.
+# For every node: forwarding, no duplicate address detection, IPv6 addresses that stay on link down.
 SYSCTLS = {
     "net/ipv4/ip_forward": 1,
     "net/ipv4/conf/all/rp_filter": 0,
@@ -231,14 +200,14 @@ SYSCTLS = {
     "net/ipv6/conf/default/accept_dad": 0,
     "net/ipv6/conf/all/keep_addr_on_down": 1,
 }
-# Of every port: neighbours that keep their state while the lab looks at them. The kernel dates an
-# entry of an administrator back by twice this time, so that it has an age of ten minutes.
+# For every port: neighbors keep their state during the comparisons. The kernel sets the age of
+# added entries to twice this time, ten minutes.
 PORT_SYSCTLS = {"net/ipv4/neigh/{}/base_reachable_time_ms": 300_000}
-# Of a port with a neighbour whose look-up shall last.
+# For a port with a lasting lookup.
 INCOMPLETE_SYSCTLS = {"net/ipv4/neigh/{}/retrans_time_ms": 60_000}
 
 
-def ends(node: str) -> list[tuple[Port, Port]]:
-    """The ports of a node, each with the port at the other end of its wire."""
-    both = [pair for one, other in WIRES for pair in ((one, other), (other, one))]
+def link_ends(node: str) -> list[tuple[Port, Port]]:
+    """Return the ports of a node, each with the port at the other end of its link."""
+    both = [pair for one, other in LINKS for pair in ((one, other), (other, one))]
     return [(near, far) for near, far in both if near.node == node]

@@ -1,11 +1,11 @@
-"""The parsers with compiled regular expressions: one pattern finds the rows of a table."""
+"""The parsers as compiled regular expressions: one pattern matches the rows of a table."""
 
 from __future__ import annotations
 
 import re
 from typing import Any
 
-from benchmarks.competitors import bfd_merge
+from benchmarks.competitors import results
 from veldarin.modules.modules_util import get_cli_command_output
 
 _ARP_HEADER = re.compile(r"^\s*Address.*$", re.MULTILINE)
@@ -35,7 +35,6 @@ _BFD_LINE = re.compile(
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """The rows of the ARP table."""
     text = get_cli_command_output("get system arp")
     header = _ARP_HEADER.search(text)
     if not header:
@@ -44,24 +43,16 @@ def get_system_arp_result() -> list[dict[str, str]]:
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """The routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
     text = text.replace("\r", "")
     header = _ROUTING_HEADER.search(text)
     if not header:
         raise IndexError("list index out of range")
-    return {
-        "entry": header["entry"],
-        "distance": header["distance"],
-        "metric": header["metric"],
-        "lastUpdate": header["lastUpdate"],
-        "other": f"{header['known']}, {header['best']}",
-        "table": [route.groupdict("") for route in _ROUTE.finditer(text, header.end())],
-    }
+    routes = [route.groupdict("") for route in _ROUTE.finditer(text, header.end())]
+    return results.routing_entry(header, routes)
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """BFD sessions of a command's output, merged into `list_bfd`."""
     text = get_cli_command_output(cmd)
     lines = _BFD_LINE.finditer(text, text.index("\n"))
-    return bfd_merge.merge(map(re.Match.groups, lines), list_bfd)
+    return results.merge_session(map(re.Match.groups, lines), list_bfd)

@@ -1,4 +1,4 @@
-"""The parsers in plain Python, with `str.split`, as one would write them by hand."""
+"""The parsers in plain Python with `str.split`, written for speed."""
 
 from __future__ import annotations
 
@@ -9,7 +9,6 @@ from veldarin.modules.modules_util import get_cli_command_output
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """The rows of the ARP table."""
     lines = iter(get_cli_command_output("get system arp").split("\n"))
     while not next(lines).lstrip().startswith("Address"):
         pass
@@ -24,7 +23,6 @@ def get_system_arp_result() -> list[dict[str, str]]:
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """The routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
     lines = iter(text.replace("\r", "").split("\n"))
     line = next(lines)
@@ -57,7 +55,6 @@ def get_routing_table_result(ip_address: str) -> dict[str, Any]:
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """BFD sessions of a command's output, merged into `list_bfd`."""
     text = get_cli_command_output(cmd)
     if "peer" not in text:
         return list_bfd

@@ -1,4 +1,4 @@
-"""The parsers as TextFSM templates, compiled once; what is left is to name the columns."""
+"""The parsers as TextFSM templates, compiled once."""
 
 from __future__ import annotations
 
@@ -7,7 +7,7 @@ from typing import Any
 
 from textfsm import TextFSM
 
-from benchmarks.competitors import bfd_merge
+from benchmarks.competitors import results
 from veldarin.modules.modules_util import get_cli_command_output
 
 _ARP = TextFSM(
@@ -78,33 +78,21 @@ Lines
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """The rows of the ARP table."""
-    rows = _parsed(_ARP, get_cli_command_output("get system arp"))
+    rows = _parse(_ARP, get_cli_command_output("get system arp"))
     return [dict(zip(_ARP.header, row)) for row in rows]
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """The routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
-    rows = _parsed(_ROUTING, text.replace("\r", ""))
-    entry, known, distance, metric, best, last_update, *_ = rows[0]
-    return {
-        "entry": entry,
-        "distance": distance,
-        "metric": metric,
-        "lastUpdate": last_update,
-        "other": f"{known}, {best}",
-        "table": [
-            {"main": main, "ip": ip, "interface": interface} for *_, main, ip, interface in rows
-        ],
-    }
+    rows = _parse(_ROUTING, text.replace("\r", ""))
+    routes = [{"main": main, "ip": ip, "interface": interface} for *_, main, ip, interface in rows]
+    return results.routing_entry(dict(zip(_ROUTING.header, rows[0])), routes)
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """BFD sessions of a command's output, merged into `list_bfd`."""
-    return bfd_merge.merge(_parsed(_BFD, get_cli_command_output(cmd)), list_bfd)
+    return results.merge_session(_parse(_BFD, get_cli_command_output(cmd)), list_bfd)
 
 
-def _parsed(machine: TextFSM, text: str) -> Any:
+def _parse(machine: TextFSM, text: str) -> Any:
     machine.Reset()
     return machine.ParseText(text)

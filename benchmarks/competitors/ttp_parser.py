@@ -1,4 +1,4 @@
-"""The parsers as TTP templates, compiled once; what is left is to put the groups together."""
+"""The parsers as TTP templates, compiled once."""
 
 from __future__ import annotations
 
@@ -6,7 +6,7 @@ from typing import Any
 
 from ttp import ttp
 
-from benchmarks.competitors import bfd_merge
+from benchmarks.competitors import results
 from veldarin.modules.modules_util import get_cli_command_output
 
 _ARP = ttp(
@@ -43,35 +43,24 @@ _BFD_PARTS = ("address", "interface", "timers", "key", "value")
 
 
 def get_system_arp_result() -> list[dict[str, str]]:
-    """The rows of the ARP table."""
-    rows: list[dict[str, str]] = _parsed(_ARP, get_cli_command_output("get system arp"))["rows"]
+    rows: list[dict[str, str]] = _parse(_ARP, get_cli_command_output("get system arp"))["rows"]
     return rows
 
 
 def get_routing_table_result(ip_address: str) -> dict[str, Any]:
-    """The routing-table entry that covers an address."""
     text = get_cli_command_output(f"get router info routing-table detail {ip_address}")
-    parsed = _parsed(_ROUTING, text.replace("\r", ""))
-    header = parsed["header"]
-    return {
-        "entry": header["entry"],
-        "distance": header["distance"],
-        "metric": header["metric"],
-        "lastUpdate": header["lastUpdate"],
-        "other": f"{header['known']}, {header['best']}",
-        "table": parsed["table"],
-    }
+    parsed = _parse(_ROUTING, text.replace("\r", ""))
+    return results.routing_entry(parsed["header"], parsed["table"])
 
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """BFD sessions of a command's output, merged into `list_bfd`."""
-    # The patterns begin where the line does; the first line is no part of the session.
+    # A pattern matches from the beginning of a line. The first line is not a part of the session.
     text = "\n".join(line.lstrip() for line in get_cli_command_output(cmd).split("\n")[1:])
-    lines = _parsed(_BFD, text)["lines"]
-    return bfd_merge.merge((list(map(line.get, _BFD_PARTS)) for line in lines), list_bfd)
+    lines = _parse(_BFD, text)["lines"]
+    return results.merge_session((list(map(line.get, _BFD_PARTS)) for line in lines), list_bfd)
 
 
-def _parsed(parser: Any, text: str) -> Any:
+def _parse(parser: Any, text: str) -> Any:
     parser.clear_input()
     parser.clear_result()
     parser.add_input(text)

@@ -1,6 +1,5 @@
-// The benchmarks' meter: calls a function many times from C, so that no interpreter loop is counted
-// with it, and tells callgrind where a count begins and ends, or counts the blocks that are
-// allocated meanwhile.
+// Repeats a call from C, so that no interpreter loop is measured with it: measures the processor
+// time, has callgrind count the instructions, or counts the allocations.
 #include <Python.h>
 #include <valgrind/callgrind.h>
 
@@ -14,14 +13,14 @@ using modules_util::Ref;
 
 // ------------------------------------------------------------------ repeated calls
 
-// One call as it was asked for; everything borrowed.
+// One call; all references are borrowed.
 struct Call {
     PyObject *function;
     PyObject *const *arguments;
     size_t positional;
     PyObject *keywords;  // names of the arguments after the positional ones, or null
-    PyObject *cleared;   // a dictionary that is emptied before every call, or null
-    bool fails;          // every call must end in an exception
+    PyObject *cleared;   // a dictionary to clear before every call, or null
+    bool fails;          // every call must raise an exception
 };
 
 bool call_once(const Call &call) {
@@ -32,7 +31,7 @@ bool call_once(const Call &call) {
         PyErr_Clear();
         return true;
     }
-    if (result) PyErr_SetString(PyExc_AssertionError, "the call was to fail");
+    if (result) PyErr_SetString(PyExc_AssertionError, "the call did not raise an exception");
     return false;
 }
 
@@ -43,9 +42,9 @@ bool repeat(const Call &call, Py_ssize_t times) {
     return true;
 }
 
-// (function, arguments, keywords, cleared, fails, times): what all functions here begin with.
-// `arguments` is a tuple of values, `keywords` a tuple of the last ones' names or None, `cleared` a
-// dictionary or None.
+// The first parameters of every function here: (function, arguments, keywords, cleared, fails,
+// times). `arguments` is a tuple of values, `keywords` a tuple with the names of the last of them
+// or None, `cleared` a dictionary or None.
 constexpr Py_ssize_t call_parts = 6;
 
 bool parse(PyObject *const *parts, Py_ssize_t count, Py_ssize_t expected, Call &call,
@@ -54,7 +53,7 @@ bool parse(PyObject *const *parts, Py_ssize_t count, Py_ssize_t expected, Call &
         (parts[2] != Py_None && !PyTuple_CheckExact(parts[2])) ||
         (parts[3] != Py_None && !PyDict_CheckExact(parts[3]))) {
         PyErr_SetString(PyExc_TypeError,
-                        "function, arguments, keywords, cleared, fails, times are wanted");
+                        "expected function, arguments, keywords, cleared, fails, times");
         return false;
     }
     call.function = parts[0];
@@ -70,14 +69,14 @@ bool parse(PyObject *const *parts, Py_ssize_t count, Py_ssize_t expected, Call &
 
 // ------------------------------------------------------------------ time
 
-// Of this thread alone: who else uses the processor meanwhile does not count.
+// The processor time of this thread alone: other processes do not count.
 long long processor_time() {
     timespec now;
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
 }
 
-// time(...): calls, drops what is returned; the processor time of all calls in nanoseconds.
+// time(...): returns the processor time of all calls, in nanoseconds.
 PyObject *time(PyObject *, PyObject *const *parts, Py_ssize_t count) {
     Call call;
     Py_ssize_t times = 0;
@@ -89,7 +88,8 @@ PyObject *time(PyObject *, PyObject *const *parts, Py_ssize_t count) {
 
 // ------------------------------------------------------------------ callgrind
 
-// instrument(on): callgrind counts from here on, or stops. Each change of mode takes it time.
+// instrument(on): starts or stops callgrind's instrumentation. Each change takes callgrind some
+// time.
 PyObject *instrument(PyObject *, PyObject *on) {
     if (on == Py_True) {
         CALLGRIND_START_INSTRUMENTATION;
@@ -99,8 +99,8 @@ PyObject *instrument(PyObject *, PyObject *on) {
     Py_RETURN_NONE;
 }
 
-// instructions(..., label): the same, counted by callgrind, which must be counting, and written out
-// under the label.
+// instructions(..., label): has callgrind dump the instructions of all calls under the label.
+// Instrumentation must be on.
 PyObject *instructions(PyObject *, PyObject *const *parts, Py_ssize_t count) {
     Call call;
     Py_ssize_t times = 0;
@@ -117,7 +117,7 @@ PyObject *instructions(PyObject *, PyObject *const *parts, Py_ssize_t count) {
 // ------------------------------------------------------------------ allocations
 
 constexpr PyMemAllocatorDomain domains[] = {PYMEM_DOMAIN_MEM, PYMEM_DOMAIN_OBJ};
-PyMemAllocatorEx below[2];
+PyMemAllocatorEx underlying[2];
 Py_ssize_t allocated = 0;
 
 void *counted_malloc(void *context, size_t size) {
@@ -140,37 +140,37 @@ void counted_free(void *context, void *block) {
     next->free(next->ctx, block);
 }
 
-// allocations(...): the same; returns how many blocks were asked for, from the interpreter's
-// allocator, in new ones and by growing.
+// allocations(...): returns how often the calls asked the interpreter's allocator for a new or a
+// resized block.
 PyObject *allocations(PyObject *, PyObject *const *parts, Py_ssize_t count) {
     Call call;
     Py_ssize_t times = 0;
     if (!parse(parts, count, call_parts, call, times)) return nullptr;
     allocated = 0;
     for (size_t i = 0; i < 2; ++i) {
-        PyMem_GetAllocator(domains[i], &below[i]);
-        PyMemAllocatorEx counted = {&below[i], counted_malloc, counted_calloc, counted_realloc,
+        PyMem_GetAllocator(domains[i], &underlying[i]);
+        PyMemAllocatorEx counted = {&underlying[i], counted_malloc, counted_calloc, counted_realloc,
                                     counted_free};
         PyMem_SetAllocator(domains[i], &counted);
     }
     const bool done = repeat(call, times);
-    for (size_t i = 0; i < 2; ++i) PyMem_SetAllocator(domains[i], &below[i]);
+    for (size_t i = 0; i < 2; ++i) PyMem_SetAllocator(domains[i], &underlying[i]);
     return done ? PyLong_FromSsize_t(allocated) : nullptr;
 }
 
 // ------------------------------------------------------------------ definition
 
 template <typename Function>
-PyCFunction entry(Function *function) {
+PyCFunction cfunction(Function *function) {
     return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function));
 }
 
 PyMethodDef methods[] = {
-    {"time",         entry(time),         METH_FASTCALL, nullptr},
-    {"instrument",   instrument,          METH_O,        nullptr},
-    {"instructions", entry(instructions), METH_FASTCALL, nullptr},
-    {"allocations",  entry(allocations),  METH_FASTCALL, nullptr},
-    {nullptr,        nullptr,             0,             nullptr},
+    {"time",         cfunction(time),         METH_FASTCALL, nullptr},
+    {"instrument",   instrument,              METH_O,        nullptr},
+    {"instructions", cfunction(instructions), METH_FASTCALL, nullptr},
+    {"allocations",  cfunction(allocations),  METH_FASTCALL, nullptr},
+    {nullptr,        nullptr,                 0,             nullptr},
 };
 
 PyModuleDef definition = {

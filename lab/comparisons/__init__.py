@@ -1,27 +1,44 @@
-"""What is compared with what: a row for each, made in the file of its subject.
-
-A comparison is of everything at once: `compare` gives the structure that the module's function
-made of the network and the one that the oracle says it must be, for a test to hold side by side.
-"""
+"""The comparisons of the module with the system's own tools, as rows."""
 
 from __future__ import annotations
 
+from collections.abc import Callable
+from functools import partial
+from typing import NamedTuple
+
 from lab.comparisons import arp, bfd, routing
-from lab.comparisons.comparison import Check
+from lab.matchers import Outcome
+from lab.network import Node
 
-__all__ = ["CHECKS", "Check"]
 
-CHECKS = (
-    Check("ARP", "get_system_arp_result", "ip -s -j -4 neigh", arp.entries),
-    Check("ARP, far ends", "get_system_arp_result", "the far ends' ip -j link", arp.far_ends),
-    Check("ARP, text", "get_cli_command_output", "ip -s -j -4 neigh", arp.text),
-    Check("IPv4 routes", "get_routing_table_result", "ip -j route", routing.kernel(4)),
-    Check("IPv6 routes", "get_routing_table_result", "ip -j -6 route", routing.kernel(6)),
-    Check("IPv4 daemon", "get_routing_table_result", "show ip route json", routing.daemon(4)),
-    Check("IPv6 daemon", "get_routing_table_result", "show ipv6 route json", routing.daemon(6)),
-    Check("IPv4 own text", "get_routing_table_result", "show ip route json", routing.own_text(4)),
-    Check("IPv6 own text", "get_routing_table_result", "show ipv6 route json", routing.own_text(6)),
-    Check("BFD sessions", "get_bfd_neighbor", "show bfd peers [counters] json", bfd.sessions),
-    Check("BFD listing", "list_bfd_neighbor", "show bfd peers [counters] json", bfd.listing),
-    Check("BFD summaries", "get_cli_command_output", "show bfd peers json", bfd.summaries),
+class Comparison(NamedTuple):
+    """Compares all results of a function on a node with what an oracle reports."""
+
+    name: str
+    function: str
+    oracle: str
+    compare: Callable[[Node], Outcome]
+
+
+def _arp(name: str, oracle: str, compare: Callable[[Node], Outcome]) -> Comparison:
+    return Comparison(name, "get_system_arp_result", oracle, compare)
+
+
+def _routing(name: str, oracle: str, compare: Callable[[Node], Outcome]) -> Comparison:
+    return Comparison(name, "get_routing_table_result", oracle, compare)
+
+
+COMPARISONS = (
+    _arp("ARP", "ip -s -j -4 neigh", arp.entries),
+    _arp("ARP, peer MACs", "the peers' ip -j link", arp.peer_macs),
+    Comparison("ARP, text", "get_cli_command_output", "ip -s -j -4 neigh", arp.text),
+    _routing("IPv4 routes", "ip -j route", partial(routing.kernel, 4)),
+    _routing("IPv6 routes", "ip -j -6 route", partial(routing.kernel, 6)),
+    _routing("IPv4 daemon", "show ip route json", partial(routing.daemon, 4)),
+    _routing("IPv6 daemon", "show ipv6 route json", partial(routing.daemon, 6)),
+    _routing("IPv4 daemon text", "show ip route json", partial(routing.daemon_text, 4)),
+    _routing("IPv6 daemon text", "show ipv6 route json", partial(routing.daemon_text, 6)),
+    Comparison("BFD sessions", "get_bfd_neighbor", "show bfd peers [counters] json", bfd.sessions),
+    Comparison("BFD list", "list_bfd_neighbor", "show bfd peers [counters] json", bfd.listing),
+    Comparison("BFD summaries", "get_cli_command_output", "show bfd peers json", bfd.summaries),
 )

@@ -1,65 +1,64 @@
-"""The ARP table: every IPv4 neighbour of a node against the kernel's list and the far ends."""
+"""Compares the ARP table of a node with the kernel's neighbors and the peers' ports."""
 
 from __future__ import annotations
 
 from typing import Any
 
 from lab import oracles, topology
-from lab.comparisons.comparison import Compared
-from lab.matchers import Between
+from lab.matchers import InRange, Outcome
 from lab.network import Node
 
-# As the stand-in's listing leaves them out: they say nothing about a neighbour.
-_LEFT_OUT = {"FAILED", "NOARP", "NONE"}
-_COMMAND = "get system arp"
+# The states that the simulator's ARP table does not list.
+_UNLISTED = {"FAILED", "NOARP", "NONE"}
 
 
-def entries(node: Node) -> Compared:
-    """Every neighbour with its age, hardware address and port, in the kernel's order."""
-    before, said, after = _while_steady(node, lambda: node.inside.live("get_system_arp_result"))
-    return Compared(said, _expected(before, after))
+def entries(node: Node) -> Outcome:
+    """Compare every neighbor: age, MAC address and port, in the kernel's order."""
+    before, actual, after = _sample(node, "get_system_arp_result")
+    return Outcome(actual, _expected_entries(before, after))
 
 
-def far_ends(node: Node) -> Compared:
-    """Each wire's neighbour has the hardware address that the far port has in its own node; where
-    the kernel knows none, the listing has none."""
-    before, said, _ = _while_steady(node, lambda: node.inside.live("get_system_arp_result"))
-    known = {entry["dst"] for entry in before if "lladdr" in entry}
-    told = {(entry["ipAddress"], entry["interface"]): entry["mac"] for entry in said}
-    wires = [(near.name, far.addresses[0], far) for near, far in topology.ends(node.name)]
-    return Compared(
-        {address: told.get((address, port)) for port, address, _ in wires if address in known},
-        {
-            address: oracles.macs(node.peers[far.node])[far.name]
-            for _, address, far in wires
-            if address in known
-        },
+def peer_macs(node: Node) -> Outcome:
+    """Compare the MAC address of each link's neighbor with that of the peer's port."""
+    before, actual, _ = _sample(node, "get_system_arp_result")
+    resolved = {entry["dst"] for entry in before if "lladdr" in entry}
+    macs = {(entry["ipAddress"], entry["interface"]): entry["mac"] for entry in actual}
+    peers = [
+        (near.name, far.addresses[0], far)
+        for near, far in topology.link_ends(node.name)
+        if far.addresses[0] in resolved
+    ]
+    return Outcome(
+        {address: macs.get((address, port)) for port, address, _ in peers},
+        {address: oracles.macs(node.peers[far.node])[far.name] for _, address, far in peers},
     )
 
 
-def text(node: Node) -> Compared:
-    """The listing as text: a header line, then the columns of every neighbour."""
-    before, said, after = _while_steady(
-        node, lambda: node.inside.live("get_cli_command_output", _COMMAND)
-    )
-    header, *rows = said.splitlines()
-    return Compared(
-        {"header": header.split()[0], "rows": [row.split() for row in rows]},
-        {
-            "header": "Address",
-            "rows": [list(entry.values()) for entry in _expected(before, after)],
-        },
+def text(node: Node) -> Outcome:
+    """Compare the command's text: a header line, then the columns of every neighbor."""
+    before, output, after = _sample(node, "get_cli_command_output", "get system arp")
+    header, *rows = output.splitlines()
+    return Outcome(
+        [header.split()[0], *(row.split() for row in rows)],
+        ["Address", *(list(entry.values()) for entry in _expected_entries(before, after))],
     )
 
 
-def _while_steady(node: Node, act: Any) -> Any:
-    def still(seen: Any) -> list[Any]:
-        return [(e["dst"], e["dev"], e.get("lladdr"), _shown(e), _state(e)) for e in seen]
+def _sample(node: Node, function: str, *arguments: str) -> Any:
+    def stable_part(neighbors: Any) -> list[Any]:
+        return [
+            (entry["dst"], entry["dev"], entry.get("lladdr"), _is_listed(entry), _state(entry))
+            for entry in neighbors
+        ]
 
-    return oracles.steady(lambda: oracles.neighbors(node), act, still)
+    return oracles.sample_until_stable(
+        lambda: oracles.neighbors(node),
+        lambda: node.agent.call_live(function, *arguments),
+        stable_part,
+    )
 
 
-def _expected(before: Any, after: Any) -> list[dict[str, Any]]:
+def _expected_entries(before: Any, after: Any) -> list[dict[str, Any]]:
     return [
         {
             "ipAddress": entry["dst"],
@@ -68,24 +67,20 @@ def _expected(before: Any, after: Any) -> list[dict[str, Any]]:
             "interface": entry["dev"],
         }
         for entry, later in zip(before, after)
-        if _shown(entry)
+        if _is_listed(entry)
     ]
 
 
 def _age(entry: Any, later: Any) -> object:
-    if _state(entry) in ("PERMANENT", "INCOMPLETE"):
+    if _state(entry):
         return "-"
-    ages = sorted(seen["confirmed"] // 60 for seen in (entry, later))
-    return Between(ages[0], ages[1])
+    return InRange(*sorted(each["confirmed"] // 60 for each in (entry, later)))
 
 
-def _shown(entry: Any) -> bool:
-    return not _LEFT_OUT & set(entry["state"])
+def _is_listed(entry: Any) -> bool:
+    return not _UNLISTED & set(entry["state"])
 
 
 def _state(entry: Any) -> str:
-    """The state, as far as the listing tells it."""
-    for state in ("PERMANENT", "INCOMPLETE"):
-        if state in entry["state"]:
-            return state
-    return ""
+    """Return the state if the ARP table shows it, else an empty string."""
+    return next((name for name in ("PERMANENT", "INCOMPLETE") if name in entry["state"]), "")

@@ -1,15 +1,13 @@
-"""The routing entries: for every prefix that a node has a route to, what the module says of an
-address in it, against the kernel and against the routing daemon."""
+"""Compares the routing-table entry of every prefix with the kernel and the routing daemon."""
 
 from __future__ import annotations
 
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from ipaddress import IPv4Address, IPv4Network, IPv6Address, IPv6Network, ip_network
 from typing import Any, Union
 
 from lab import oracles
-from lab.comparisons.comparison import Compared
-from lab.matchers import Lasting, OneOf
+from lab.matchers import Duration, OneOf, Outcome, seconds
 from lab.network import LabError, Node
 
 Prefix = Union[IPv4Network, IPv6Network]
@@ -17,95 +15,87 @@ Address = Union[IPv4Address, IPv6Address]
 
 _FUNCTION = "get_routing_table_result"
 _DEFAULTS = {4: "0.0.0.0/0", 6: "::/0"}
-_REFUSING = ("blackhole", "unreachable", "prohibit")
-# Of these the kernel says nothing when it is asked for the route that covers an address.
-_NOT_LOOKED_UP = ("multicast", "anycast")
+_REJECTING = ("blackhole", "unreachable", "prohibit")
+# `ip route get` does not find routes of these types.
+_WITHOUT_LOOKUP = ("multicast", "anycast")
 
 
-def kernel(version: int) -> Callable[[Node], Compared]:
-    """Every route of the kernel's tables: prefix, owner, distance, metric and every next hop."""
+def kernel(version: int, node: Node) -> Outcome:
+    """Compare the kernel's routes of all tables: prefix, owner, distance, metric, next hops."""
+    actual = _call_for_each_prefix(node, version)
+    daemon_prefixes = _daemon_prefixes(node, version)
+    expected = {
+        prefix: _kernel_entry(_route(node, rows, address), prefix, prefix in daemon_prefixes)
+        for prefix, rows, address in _probes(node, version)
+    }
+    return Outcome(actual, expected)
 
-    def compare(node: Node) -> Compared:
-        told = _told(node, version)
-        daemons = _of_daemons(node, version)
-        wanted = {
-            prefix: _kernel_entry(_route(node, rows, address), prefix, prefix in daemons)
-            for prefix, rows, address in _probes(node, version)
+
+def daemon(version: int, node: Node) -> Outcome:
+    """Compare the daemon's routes that it installs or takes from the ports.
+
+    The metric is not compared: the kernel's is a priority. Routes that the daemon learned from the
+    kernel are not compared: it does not know gateways of the other IP version.
+    """
+    entries = {
+        prefix: rows
+        for prefix, rows in oracles.routes(node, version).items()
+        if rows[0]["protocol"] != "kernel"
+    }
+    actual = {
+        prefix: {
+            "entry": entry["entry"],
+            "distance": entry["distance"],
+            "owner": entry["other"].split('"')[1],
+            "table": sorted(entry["table"], key=str),
         }
-        return Compared(told, wanted)
-
-    return compare
-
-
-def daemon(version: int) -> Callable[[Node], Compared]:
-    """Every route that the daemon has put into the kernel or takes from its ports: prefix, owner,
-    distance, next hops. The metric is not compared: the kernel's is a priority, which the daemon
-    gives it. Routes that the daemon only hears of are not: it knows no gateway of the other IP
-    version, and calls such a one connected."""
-
-    def compare(node: Node) -> Compared:
-        told = _told(node, version)
-        entries = {
-            prefix: found
-            for prefix, found in oracles.routes(node, version).items()
-            if found[0]["protocol"] != "kernel"
-        }
-        wanted = {prefix: _daemon_entry(prefix, entries[prefix]) for prefix in entries}
-        said = {
-            prefix: {
-                "entry": entry["entry"],
-                "distance": entry["distance"],
-                "owner": entry["other"].split('"')[1],
-                "table": sorted(entry["table"], key=str),
-            }
-            for prefix, entry in told.items()
-            if prefix in entries
-        }
-        return Compared(said, wanted)
-
-    return compare
+        for prefix, entry in _call_for_each_prefix(node, version).items()
+        if prefix in entries
+    }
+    return Outcome(actual, {prefix: _daemon_entry(prefix, entries[prefix]) for prefix in entries})
 
 
-def own_text(version: int) -> Callable[[Node], Compared]:
-    """The daemon's own text of every prefix, unaltered, as the parser reads it."""
-
-    def compare(node: Node) -> Compared:
-        addresses = {prefix: address for prefix, _, address in _probes(node, version)}
-
-        def act() -> dict[str, Any]:
-            asked = [addresses[prefix] for prefix in oracles.routes(node, version)]
-            texts = oracles.route_texts(node, version, asked)
-            return {prefix: _parsed(node, text) for prefix, text in texts.items()}
-
-        before, said, after = oracles.steady(
-            lambda: oracles.routes(node, version), act, _without_times
-        )
-        wanted = {prefix: _text_entry(before[prefix], after[prefix]) for prefix in before}
-        return Compared(said, wanted)
-
-    return compare
-
-
-def _told(node: Node, version: int) -> dict[str, Any]:
-    """Prefix to what the module says of an address in it."""
+def daemon_text(version: int, node: Node) -> Outcome:
+    """Compare the parser's results for the daemon's own text of every prefix."""
     addresses = {prefix: address for prefix, _, address in _probes(node, version)}
-    return {prefix: node.inside.live(_FUNCTION, addresses[prefix]) for prefix in addresses}
+
+    def parse_texts() -> dict[str, Any]:
+        probed = [addresses[prefix] for prefix in oracles.routes(node, version)]
+        texts = oracles.route_texts(node, version, probed)
+        return {prefix: _parse(node, text) for prefix, text in texts.items()}
+
+    before, actual, after = oracles.sample_until_stable(
+        lambda: oracles.routes(node, version), parse_texts, _without_uptime
+    )
+    return Outcome(
+        actual, {prefix: _text_entry(before[prefix], after[prefix]) for prefix in before}
+    )
+
+
+def _call_for_each_prefix(node: Node, version: int) -> dict[str, Any]:
+    """Return the module's result for an address in each prefix, by prefix."""
+    return {
+        prefix: node.agent.call_live(_FUNCTION, address)
+        for prefix, _, address in _probes(node, version)
+    }
 
 
 def _probes(node: Node, version: int) -> Iterator[tuple[str, list[Any], str]]:
-    """Every prefix of the kernel's routes, its routes, and an address that it covers best."""
+    """Yield each prefix of the kernel's routes, its routes, and an address to look up."""
     rows: dict[Prefix, list[Any]] = {}
     for row in oracles.kernel_routes(node, version):
-        if row.get("type") not in _NOT_LOOKED_UP:
+        if row.get("type") not in _WITHOUT_LOOKUP:
             prefix = ip_network(_DEFAULTS[version] if row["dst"] == "default" else row["dst"])
             rows.setdefault(prefix, []).append(row)
-    for prefix, found in rows.items():
-        yield str(prefix), found, str(_address(prefix, list(rows)))
+    for prefix, routes in rows.items():
+        yield str(prefix), routes, str(_address(prefix, list(rows)))
 
 
 def _address(prefix: Prefix, others: list[Any]) -> Address:
-    """An address for which the prefix is the longest of all that cover it: one at its own edges, or
-    next to a prefix inside it."""
+    """Return an address whose longest matching prefix is this one.
+
+    Candidates are at the edges of the prefix and next to the prefixes inside it.
+    """
     inside = [other for other in others if other != prefix and other.subnet_of(prefix)]
     edges = [int(prefix[1 if prefix.num_addresses > 1 else 0]), int(prefix[-1])]
     for other in inside:
@@ -116,16 +106,16 @@ def _address(prefix: Prefix, others: list[Any]) -> Address:
             continue
         if not (address.is_multicast or address.is_unspecified):
             return address
-    raise LabError(f"no address to ask for {prefix}")
+    raise LabError(f"no address to look up for {prefix}")
 
 
 def _route(node: Node, rows: list[Any], address: str) -> Any:
-    """The kernel's own look-up; a route that refuses traffic is not told by it, but listed."""
-    refusing = [row for row in rows if row.get("type") in _REFUSING]
-    return refusing[0] if refusing else oracles.kernel_route(node, address)
+    """Return the kernel's lookup, or from the rows a route that rejects traffic."""
+    rejecting = [row for row in rows if row.get("type") in _REJECTING]
+    return rejecting[0] if rejecting else oracles.kernel_route(node, address)
 
 
-def _of_daemons(node: Node, version: int) -> set[str]:
+def _daemon_prefixes(node: Node, version: int) -> set[str]:
     numbers = oracles.daemon_protocols(node)
     return {
         _DEFAULTS[version] if row["dst"] == "default" else str(ip_network(row["dst"]))
@@ -134,15 +124,15 @@ def _of_daemons(node: Node, version: int) -> set[str]:
     }
 
 
-def _kernel_entry(row: Any, prefix: str, of_daemon: bool) -> dict[str, Any]:
-    told = _DEFAULTS[ip_network(prefix).version] if row["dst"] == "default" else row["dst"]
+def _kernel_entry(row: Any, prefix: str, is_daemon_route: bool) -> dict[str, Any]:
+    entry = _DEFAULTS[ip_network(prefix).version] if row["dst"] == "default" else row["dst"]
     kind = row.get("type", "unicast")
     owner = _protocol(row)
     if owner == "kernel":
         owner = "connected" if kind == "unicast" else kind
     return {
-        "entry": str(ip_network(told)),
-        "distance": "n/a" if of_daemon else "0",
+        "entry": str(ip_network(entry)),
+        "distance": "n/a" if is_daemon_route else "0",
         "metric": str(row.get("metric", 0)),
         "lastUpdate": "n/a",
         "other": f'  Known via "{owner}",  best',
@@ -151,17 +141,17 @@ def _kernel_entry(row: Any, prefix: str, of_daemon: bool) -> dict[str, Any]:
 
 
 def _protocol(row: Any) -> str:
-    return str(row.get("protocol", "boot"))  # what an administrator says, is not said
+    return str(row.get("protocol", "boot"))  # `ip` omits the default
 
 
 def _kernel_hop(hop: Any, kind: str) -> dict[str, str]:
-    if kind in _REFUSING:
+    if kind in _REJECTING:
         return _hop("*", kind, "none")
     gateway = hop.get("gateway") or hop.get("via", {}).get("host")
     if gateway is None:
         return _hop("directly", "connected", hop["dev"])
-    down = {"dead", "linkdown"} & set(hop["flags"])
-    return _hop("" if down else "*", gateway, hop["dev"])
+    is_down = {"dead", "linkdown"} & set(hop["flags"])
+    return _hop("" if is_down else "*", gateway, hop["dev"])
 
 
 def _hop(main: str, address: str, interface: str) -> dict[str, str]:
@@ -170,13 +160,13 @@ def _hop(main: str, address: str, interface: str) -> dict[str, str]:
 
 def _daemon_entry(prefix: str, entries: Any) -> dict[str, Any]:
     in_use = [entry for entry in entries if entry.get("selected")]
-    # A link-local prefix is connected once for each port; the kernel looks up one of them.
-    alike = [entry for entry in entries if entry["protocol"] == "connected"] or in_use
-    hops = [sorted((_daemon_hop(hop) for hop in _in_use(entry)), key=str) for entry in alike]
+    # A link-local prefix is connected on each port; the kernel looks up one of them.
+    candidates = [entry for entry in entries if entry["protocol"] == "connected"] or in_use
+    hops = [sorted((_daemon_hop(hop) for hop in _in_use(entry)), key=str) for entry in candidates]
     (entry,) = in_use
     return {
         "entry": prefix,
-        # What the kernel is not told, the stand-in says so.
+        # The kernel does not store the distance; the simulator then prints "n/a".
         "distance": OneOf(("n/a", str(entry["distance"]))),
         "owner": _owner(prefix, entry["protocol"]),
         "table": OneOf(tuple(hops)) if len(hops) > 1 else hops[0],
@@ -185,7 +175,7 @@ def _daemon_entry(prefix: str, entries: Any) -> dict[str, Any]:
 
 def _owner(prefix: str, protocol: str) -> str:
     if protocol == "connected" and ip_network(prefix).num_addresses == 1:
-        return "local"  # its only address is the node's own
+        return "local"  # a local address of the node
     return protocol
 
 
@@ -201,49 +191,42 @@ def _daemon_hop(hop: Any) -> dict[str, str]:
     return _hop("*", hop["ip"], hop["interfaceName"])
 
 
-def _without_times(entries: Any) -> Any:
+def _without_uptime(entries: Any) -> Any:
     return {
         prefix: [{key: entry[key] for key in entry if key != "uptime"} for entry in rows]
         for prefix, rows in entries.items()
     }
 
 
-def _parsed(node: Node, text: str) -> Any:
-    """What the parser makes of the text: its result, or the name of its exception."""
-    said = node.inside.call(_FUNCTION, "captured", output=text)
-    return said.error or said.value
+def _parse(node: Node, text: str) -> Any:
+    """Return the parser's result for the text, or the name of its exception."""
+    result = node.agent.call(_FUNCTION, "captured", output=text)
+    return result.error or result.value
 
 
 def _text_entry(before: Any, after: Any) -> Any:
-    """What the parser has to make of the daemon's text of a prefix.
+    """Return what the parser must return for the daemon's text of a prefix.
 
-    It refuses a line without a comma below the header: that of a second entry of the prefix, which
-    begins a block of its own, and a refusal that the daemon only heard of, which has no weight.
+    It raises IndexError for a line without a comma below the header: the second block of a prefix
+    with two entries, or a reject route learned from elsewhere, which has no weight.
     """
     entry, later = before[0], after[0]
     if len(before) > 1 or any(
         hop.get("unreachable") and "weight" not in hop for hop in entry["nexthops"]
     ):
         return "IndexError"
-    ages = [_age(seen["uptime"]) for seen in (entry, later)]
     return {
         "entry": entry["prefix"],
         "distance": str(entry["distance"]),
         "metric": str(entry["metric"]),
-        "lastUpdate": Lasting(*ages),
+        "lastUpdate": Duration(seconds(entry["uptime"]), seconds(later["uptime"])),
         "other": f'  Known via "{entry["protocol"]}",  best',
         "table": [_text_hop(hop) for hop in entry["nexthops"]],
     }
 
 
-def _age(told: str) -> int:
-    hours, minutes, seconds = map(int, told.split(":"))
-    return hours * 3600 + minutes * 60 + seconds
-
-
 def _text_hop(hop: Any) -> dict[str, str]:
-    """The next hop by the parser's rules: of the line's first field the first word and the second,
-    of its second field the second word or the only one."""
+    """Return the next hop as parsed: two words of the first field, the last of the second."""
     marker = "*" if hop.get("fib") else ""
     if hop.get("unreachable"):
         return _hop(marker, "unreachable", str(hop["weight"]))  # "…, weight 1"

@@ -1,5 +1,4 @@
-"""What a call costs, in instructions and allocations, is what it was: a change that makes the
-module slower does not pass unseen, on however busy a machine."""
+"""Compares the instructions and allocations of calls with the baseline."""
 
 from __future__ import annotations
 
@@ -9,117 +8,119 @@ import platform
 import pytest
 
 from benchmarks import hostile, regression
-from benchmarks.competitors import PRODUCT
-from benchmarks.instructions import Counts, Table
-from benchmarks.workloads import FLOOR
+from benchmarks.competitors import MODULE
+from benchmarks.instructions import InstructionCounts, Table
+from benchmarks.workloads import LOWER_BOUND
 from veldarin_simulator import native_library
 
-ARP = regression.GATED[0].name
+ARP = regression.COMPARED[0].name
 BRIDGE = "bridge, null"
 
 
 def is_release() -> bool:
-    """Whether the build in use is the one that ships."""
+    """Whether the build in use is a release build."""
     cache = native_library.build_directory() / "CMakeCache.txt"
     return cache.is_file() and "CMAKE_BUILD_TYPE:STRING=Release" in cache.read_text().splitlines()
 
 
-@pytest.mark.skipif(platform.machine() != "x86_64", reason="the figures are a workstation's")
-@pytest.mark.skipif(not is_release(), reason="the figures are those of the release build")
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="the baseline is of a workstation")
+@pytest.mark.skipif(not is_release(), reason="the baseline is of the release build")
 @pytest.mark.workstation_only("callgrind counts the workstation's instructions")
-def test_calls_match_instruction_baseline() -> None:
-    found = regression.differences(regression.measure())
-    assert not found, "\n".join([*found, "if this is meant: make bench-baseline"])
+def test_counts_of_this_build_equal_the_baseline() -> None:
+    differences = regression.differences(regression.measure())
+    assert not differences, "\n".join([*differences, "if intended: make bench-baseline"])
 
 
-@pytest.mark.skipif(platform.machine() != "x86_64", reason="valgrind counts on a workstation")
+@pytest.mark.skipif(platform.machine() != "x86_64", reason="valgrind runs on a workstation only")
 @pytest.mark.skipif(not is_release(), reason="the release build's searches are those that ship")
 def test_hostile_texts_take_linear_time() -> None:
-    found = regression.nonlinear(regression.measure_growth())
-    assert not found, "\n".join(found)
+    sentences = regression.nonlinear(regression.measure_growth())
+    assert not sentences, "\n".join(sentences)
 
 
-# The gate itself, on figures that are the baseline's own but for one.
+# The comparison itself, with the baseline's own figures or one changed figure.
 
 
 def figures() -> dict[str, float]:
-    """The baseline's instructions, of whichever toolchain comes first."""
+    """Return the baseline's instructions for its first toolchain."""
     baseline = json.loads(regression.BASELINE.read_text())
     instructions: dict[str, float] = next(iter(baseline["instructions"].values()))
     return instructions
 
 
-def counts(name: str = ARP, instructions: float = 1, allocations: float = 1) -> Counts:
-    """Counts as in the baseline, those of one workload times the factors given."""
+def counts(name: str = ARP, instructions: float = 1, allocations: float = 1) -> InstructionCounts:
+    """Return the counts of the baseline, with those of one workload multiplied."""
     baseline = json.loads(regression.BASELINE.read_text())
-    counted: Table = {}
+    instruction_table: Table = {}
     for each, figure in figures().items():
-        floor = figure / baseline["ratios"].get(each, 1)
-        whole = figure + floor if each == BRIDGE else figure
-        counted[each] = {PRODUCT: whole, FLOOR: floor}
-    counted[name][PRODUCT] *= instructions
-    allocated: Table = {each: {PRODUCT: n} for each, n in baseline["allocations"].items()}
-    allocated[name][PRODUCT] *= allocations
-    return Counts(counted, allocated, {})
+        lower_bound = figure / baseline["ratios"].get(each, 1)
+        whole = figure + lower_bound if each == BRIDGE else figure
+        instruction_table[each] = {MODULE: whole, LOWER_BOUND: lower_bound}
+    instruction_table[name][MODULE] *= instructions
+    allocated: Table = {each: {MODULE: n} for each, n in baseline["allocations"].items()}
+    allocated[name][MODULE] *= allocations
+    return InstructionCounts(instruction_table, allocated, {})
 
 
 @pytest.fixture
-def known(monkeypatch: pytest.MonkeyPatch) -> None:
-    """A toolchain that the baseline has counts of."""
+def known_toolchain(monkeypatch: pytest.MonkeyPatch) -> None:
+    """Use a toolchain that the baseline has counts for."""
     baseline = json.loads(regression.BASELINE.read_text())
     toolchain = next(iter(baseline["instructions"]))
     monkeypatch.setattr(regression, "toolchain", lambda: toolchain)
 
 
 @pytest.fixture
-def foreign(monkeypatch: pytest.MonkeyPatch) -> None:
-    """A toolchain that it has none of."""
+def unknown_toolchain(monkeypatch: pytest.MonkeyPatch) -> None:
+    """Use a toolchain that the baseline has no counts for."""
     monkeypatch.setattr(regression, "toolchain", lambda: "another")
 
 
-def test_baseline_has_exactly_gated_workloads() -> None:
-    assert list(figures()) == [each.name for each in regression.GATED]
+def test_baseline_has_exactly_the_compared_workloads() -> None:
+    assert list(figures()) == [each.name for each in regression.COMPARED]
 
 
-@pytest.mark.usefixtures("known")
-def test_baseline_equals_itself() -> None:
+@pytest.mark.usefixtures("known_toolchain")
+def test_differences_of_the_baseline_are_empty() -> None:
     assert regression.differences(counts()) == []
 
 
-@pytest.mark.usefixtures("known")
+@pytest.mark.usefixtures("known_toolchain")
 @pytest.mark.parametrize("factor", [1.04, 0.96])
-def test_four_percent_change_is_reported(factor: float) -> None:
+def test_differences_beyond_three_percent_are_reported(factor: float) -> None:
     (sentence,) = regression.differences(counts(instructions=factor))
     assert sentence.startswith(f"{ARP}: ")
     assert "instructions" in sentence
 
 
-@pytest.mark.usefixtures("known")
+@pytest.mark.usefixtures("known_toolchain")
 @pytest.mark.parametrize("factor", [1.02, 0.98])
-def test_two_percent_change_is_tolerated(factor: float) -> None:
+def test_differences_within_three_percent_are_tolerated(factor: float) -> None:
     assert regression.differences(counts(instructions=factor)) == []
 
 
-@pytest.mark.usefixtures("known")
-def test_query_is_compared_beyond_lower_bound() -> None:
+@pytest.mark.usefixtures("known_toolchain")
+def test_query_counts_are_compared_above_the_lower_bound() -> None:
     own = figures()[BRIDGE]
-    whole = counts().instructions[BRIDGE][PRODUCT]
+    whole = counts().instructions[BRIDGE][MODULE]
     (sentence,) = regression.differences(counts(BRIDGE, instructions=1 + 0.04 * own / whole))
     assert sentence.startswith(BRIDGE)
 
 
-@pytest.mark.parametrize("toolchain", ["known", "foreign"])
-def test_additional_allocation_is_reported(toolchain: str, request: pytest.FixtureRequest) -> None:
+@pytest.mark.parametrize("toolchain", ["known_toolchain", "unknown_toolchain"])
+def test_more_allocations_are_reported_on_any_toolchain(
+    toolchain: str, request: pytest.FixtureRequest
+) -> None:
     request.getfixturevalue(toolchain)
     (sentence,) = regression.differences(counts(allocations=1.1))
     assert "allocations" in sentence
 
 
-@pytest.mark.usefixtures("foreign")
-def test_other_toolchain_compares_ratio_to_lower_bound() -> None:
+@pytest.mark.usefixtures("unknown_toolchain")
+def test_unknown_toolchain_compares_ratios_to_lower_bound() -> None:
     assert regression.differences(counts(instructions=1.08)) == []
     (sentence,) = regression.differences(counts(instructions=1.12))
-    assert "times the floor" in sentence
+    assert "times the lower bound" in sentence
 
 
 def test_growth_up_to_17_times_is_linear() -> None:
@@ -131,8 +132,8 @@ def test_growth_beyond_17_times_is_reported() -> None:
     assert sentence.startswith("a: 17,001 instructions")
 
 
-def test_hostile_texts_have_counted_sizes() -> None:
-    """A text that stayed small would pass whatever the module does."""
+def test_hostile_texts_have_the_counted_sizes() -> None:
+    """A text that did not grow would pass whatever the module does."""
     for text in hostile.TEXTS:
         around = len(text.head) + len(text.tail)
         small, large = (len(text.output(size)) - around for size in hostile.SIZES)

@@ -1,5 +1,4 @@
-"""What the peers that tell lines apart by patterns have in common: a BFD session made of the lines
-that a pattern has taken apart."""
+"""The module's results, built from what a pattern matched."""
 
 from __future__ import annotations
 
@@ -7,11 +6,24 @@ from collections.abc import Iterable, Sequence
 from typing import Any
 
 
-def merge(lines: Iterable[Sequence[Any]], list_bfd: dict[str, Any]) -> dict[str, Any]:
-    """Puts the session of the lines into `list_bfd`, and returns that.
+def routing_entry(header: Any, table: list[Any]) -> dict[str, Any]:
+    """Return the routing-table entry; `header` is subscriptable by the names of its fields."""
+    return {
+        "entry": header["entry"],
+        "distance": header["distance"],
+        "metric": header["metric"],
+        "lastUpdate": header["lastUpdate"],
+        "other": f"{header['known']}, {header['best']}",
+        "table": table,
+    }
 
-    A line is (address, interface, kind of timers, key, value), with nothing where it has no such
-    part.
+
+def merge_session(lines: Iterable[Sequence[Any]], list_bfd: dict[str, Any]) -> dict[str, Any]:
+    """Merge the BFD session of the lines into `list_bfd` and return that.
+
+    Args:
+        lines: (address, interface, kind of timers, key, value), empty if missing.
+        list_bfd: The sessions that are already known, by name.
     """
     session: dict[str, Any] = {}
     name = None
