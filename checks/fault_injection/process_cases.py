@@ -80,13 +80,11 @@ def no_file(path: object, mode: str) -> None:
 
 CASES = [
     *(
-        Arranged(CallCase("get_cookie_name", (1,), {}, Failure, f"{name} is hidden"), hide(name))
+        Arranged(CallCase("get_cookie_name", (1,), Failure, f"{name} is hidden"), hide(name))
         for name in ("text_", "serial_number_ascii")
     ),
     *(
-        Arranged(
-            CallCase("decrypt_cookie", (bytes(size),), {}, OverflowError, "longer than a buffer")
-        )
+        Arranged(CallCase("decrypt_cookie", (bytes(size),), OverflowError, "longer than a buffer"))
         for size in (2**31,)
         if size < sys.maxsize  # the target has no such bytes
     ),
@@ -131,17 +129,16 @@ CASES = [
             CallCase(
                 "get_cli_command_output",
                 ("c",),
-                {},
                 Failure,
                 "no output, a class is raised",
                 cli=None,
                 patched={"CFunctionError": raised_class},
             ),
-            CallCase("get_token", (), {}, AttributeError, "no file", patched={"open": no_file}),
+            CallCase("get_token", (), AttributeError, "no file", patched={"open": no_file}),
             CallCase(
-                "get_token", (), {}, Failure, "write fails", patched={"open": failing_open("write")}
+                "get_token", (), Failure, "write fails", patched={"open": failing_open("write")}
             ),
-            CallCase("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
+            CallCase("get_system_arp_result", (), IndexError, "no header", cli="no header"),
             CallCase(
                 "get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"
             ),
