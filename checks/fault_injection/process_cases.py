@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import sys
+from functools import partial
 from typing import Any, Callable, NamedTuple
 
 from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, CallCase
@@ -33,8 +34,8 @@ class ProcessCase(NamedTuple):
 class PerCall:
     """An argument to create for each call."""
 
-    def __init__(self, make: Callable[[], object]) -> None:
-        self.make = make
+    def __init__(self, make: Callable[..., object], *arguments: object) -> None:
+        self.make = partial(make, *arguments)
 
 
 def legacy_string(text: str) -> str:
@@ -105,9 +106,7 @@ CASES = [
         )
     ),
     ProcessCase(
-        CallCase(
-            "capture_sniffer_profile", ("p", PerCall(lambda: legacy_string("Stop"))), None, LEGACY
-        )
+        CallCase("capture_sniffer_profile", ("p", PerCall(legacy_string, "Stop")), None, LEGACY)
     ),
     *(
         ProcessCase(
