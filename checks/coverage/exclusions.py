@@ -23,6 +23,8 @@ class Exclusion(NamedTuple):
 
 MODULE = "veldarin/modules/"
 TEMPORARY = "the compiler tests whether it must destroy a temporary, which always exists"
+COMPACT = "a new string always has the compact layout"
+NOT_ASCII = "ASCII strings do not get here"
 ALL_ENUMERATORS = "the switch handles every enumerator"
 NEVER_TRUE = "failed() adds a traceback entry and always returns false"
 EXCLUSIONS = [
@@ -41,7 +43,9 @@ EXCLUSIONS = [
     ),
     Exclusion(f"{MODULE}bfd.cpp", "put_into(session_, new_key(", TEMPORARY, branches=1),
     Exclusion(f"{MODULE}routing.cpp", "put(route, names.ip, strings.", TEMPORARY, branches=1),
-    Exclusion(f"{MODULE}modules_util.cpp", "builtin(names.open) && ", TEMPORARY, branches=1),
+    Exclusion(
+        f"{MODULE}modules_util.cpp", "keep(state.imports.range, builtin(", TEMPORARY, branches=1
+    ),
     Exclusion(
         f"{MODULE}functions.cpp",
         "if (!accepts(function.parameters[0], argument))",
@@ -57,15 +61,23 @@ EXCLUSIONS = [
     Exclusion(
         f"{MODULE}runtime/text.cpp",
         "PyUnicode_1BYTE_DATA(ascii)",
-        "only ASCII strings get here",
+        "only compact ASCII strings get here",
         branches=1,
     ),
     Exclusion(
         f"{MODULE}runtime/text.cpp",
         "PyUnicode_1BYTE_DATA(made.get())",
-        "a new string always has the compact layout",
+        COMPACT,
         branches=2,
     ),
+    Exclusion(
+        f"{MODULE}runtime/text.cpp",
+        "PyUnicode_DATA(copy.get())",
+        "a new string of wider characters is compact and not ASCII",
+        branches=2,
+    ),
+    Exclusion(f"{MODULE}runtime/text.cpp", "PyUnicode_DATA(text)", NOT_ASCII, branches=1),
+    Exclusion(f"{MODULE}runtime/strings.cpp", "PyUnicode_DATA(made)", COMPACT, branches=1),
     Exclusion(f"{MODULE}status.cpp", "switch (keyed) {", ALL_ENUMERATORS, branches=1),
     Exclusion(f"{MODULE}status.cpp", "Py_UNREACHABLE();", ALL_ENUMERATORS, line=True),
 ]

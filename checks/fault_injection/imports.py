@@ -43,7 +43,12 @@ from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE
 INIT = f"init {MODULE}"
 NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's error for lack of memory
 # Library functions that the execution calls, which are exempt.
-EXEMPT = (("logging", "getLogger"), ("collections", "namedtuple"), ("threading", "Lock"))
+EXEMPT = (
+    ("logging", "getLogger"),
+    ("collections", "namedtuple"),
+    ("threading", "Lock"),
+    ("_frozen_importlib", "_handle_fromlist"),
+)
 
 
 class ImportCase(NamedTuple):
@@ -139,13 +144,15 @@ def create_in_subinterpreter(module: Any) -> None:
     )
 
 
-# Replaces util.errors with a module whose __getattr__ does more.
+# Replaces util.errors with a module whose __getattr__ does more when the name is imported.
 HOOKED = """
 def hook(self, name):
+    if name != 'CFunctionError':
+        raise AttributeError(name)
     %s
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': hook})('util.errors')
 """
-LEAVE_MODULES = HOOKED % "del sys.modules[MODULE]; raise AttributeError(name)"
+LEAVE_MODULES = HOOKED % "sys.modules.pop(MODULE, None); raise AttributeError(name)"
 LOSE_IMPORT = HOOKED % "vars(builtins).pop('__import__'); return OSError"
 LOSE_NAME = HOOKED % (  # the builtins have one as well
     "vars(sys.modules[MODULE]).pop('__name__'); vars(builtins).pop('__name__'); return OSError"
@@ -163,6 +170,11 @@ BLOCK_NAME = (
 # Statements that replace util.errors with a module that lacks the imported name.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
 INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
+BREAK_SUBMODULE = """m.__name__ = 'm'
+class Uncomparable(str):
+    __hash__ = str.__hash__
+    __eq__ = raiser(OSError())
+sys.modules[Uncomparable('m.CFunctionError')] = None"""
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 
 AFTER_FAILURE = ImportCase("after a failure")
@@ -234,6 +246,7 @@ CASES = [
             ),
             ("sibling without a name", LACKING + "del m.__name__"),
             ("sibling whose name is not a str", LACKING + "m.__name__ = 5"),
+            ("look-up of the submodule fails", LACKING + BREAK_SUBMODULE),
             *(
                 (f"{name} cannot be bound", BLOCK_NAME.replace("NAME", name))
                 for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")

@@ -102,6 +102,13 @@ SPOILT = {
         "sys.modules['other.{name}'] = None",
     ],
     "submodule in sys.modules": ["m.__name__ = 'o'", "sys.modules['o.{name}'] = '{name} of o'"],
+    "failing look-up of the submodule": [
+        "m.__name__ = 'o'",
+        "class Key(str):",
+        "    __hash__ = str.__hash__",
+        "    __eq__ = raising(OSError('compare'))",
+        "sys.modules[Key('o.{name}')] = 'submodule'",
+    ],
     "package without the submodule": ["m.__path__ = []", "m.__file__ = 'package'"],
     "path that is not a list": ["m.__path__ = 5"],
     "failing attribute": ["type(m).__getattr__ = raiser(OSError('attribute'))"],

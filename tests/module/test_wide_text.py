@@ -33,6 +33,10 @@ OUTPUTS = {
 }
 
 
+class Text(str):
+    """A subclass of str, whose instances store their characters apart."""
+
+
 @pytest.fixture(params=["none", "raises", "replaces"])
 def error_handler(request: pytest.FixtureRequest) -> Iterator[None]:
     """Leaves the process's "surrogatepass" handler as it is, or registers another one."""
@@ -74,11 +78,17 @@ def strings(value: Any) -> Iterator[str]:
 @pytest.mark.parametrize("function", OUTPUTS)
 @pytest.mark.parametrize("width", WIDTHS)
 @pytest.mark.parametrize("repeat", [1, 70])
+@pytest.mark.parametrize("kind", [str, Text])
 def test_text_of_each_width_parses_as_in_python(
-    module: Any, monkeypatch: pytest.MonkeyPatch, function: str, width: str, repeat: int
+    module: Any,
+    monkeypatch: pytest.MonkeyPatch,
+    function: str,
+    width: str,
+    repeat: int,
+    kind: type[str],
 ) -> None:
     text = WIDTHS[width]
-    output = OUTPUTS[function].format(text, text * repeat)
+    output = kind(OUTPUTS[function].format(text, text * repeat))
     parsed = result(module, function, output, monkeypatch)
     assert parsed == result(reference, function, output, monkeypatch)
     assert any(text in each for each in strings(parsed))

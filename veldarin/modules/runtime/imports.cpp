@@ -84,8 +84,9 @@ Ref import_from(PyObject *source, PyObject *name) {
     PyObject *value = nullptr;
     if (_PyObject_LookupAttr(source, name, &value) != 0) return Ref::steal(value);
     const Ref source_name = Ref::steal(PyObject_GetAttr(source, names.dunder_name));
+    if (!source_name && PyErr_ExceptionMatches(PyExc_MemoryError)) return {};
+    PyErr_Clear();
     if (!source_name || !PyUnicode_Check(source_name.get())) {
-        PyErr_Clear();
         raise_cannot_import(source, nullptr, name);
         return {};
     }

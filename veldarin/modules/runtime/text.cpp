@@ -51,11 +51,13 @@ char *encode(Py_UCS4 character, char *to) {
     Ref copy = Ref::steal(
         PyUnicode_New(length, PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND ? 0xFFFF : 0x10FFFF));
     if (!copy) return {};
-    auto *const data = static_cast<char *>(PyUnicode_DATA(copy.get()));
-    char *end = data;
-    for (Py_ssize_t i = 0; i < length; ++i) end = encode(PyUnicode_READ_CHAR(text, i), end);
+    auto *const to = static_cast<char *>(PyUnicode_DATA(copy.get()));
+    char *end = to;
+    const auto kind = PyUnicode_KIND(text);
+    const void *const data = PyUnicode_DATA(text);
+    for (Py_ssize_t i = 0; i < length; ++i) end = encode(PyUnicode_READ(kind, data, i), end);
     return {
-        std::move(copy), false, {data, end}
+        std::move(copy), false, {to, end}
     };
 }
 
