@@ -23,6 +23,8 @@ class Exclusion(NamedTuple):
 
 MODULE = "veldarin/modules/"
 TEMPORARY = "the compiler tests whether it must destroy a temporary, which always exists"
+COMPACT = "a new string always has the compact layout"
+NOT_ASCII = "ASCII strings do not get here"
 ALL_ENUMERATORS = "the switch handles every enumerator"
 NEVER_TRUE = "fail() adds a traceback entry and always returns false"
 EXCLUSIONS = [
@@ -60,13 +62,13 @@ EXCLUSIONS = [
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_1BYTE_DATA(ascii)",
-        "only ASCII strings get here",
+        "only compact ASCII strings get here",
         branches=1,
     ),
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_1BYTE_DATA(result.get())",
-        "a new string always has the compact layout",
+        COMPACT,
         branches=2,
     ),
     Exclusion(
@@ -78,13 +80,13 @@ EXCLUSIONS = [
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_DATA(text)",
-        "no ASCII string gets here",
+        NOT_ASCII,
         branches=1,
     ),
     Exclusion(
         f"{MODULE}text/string_cache.cpp",
         "PyUnicode_DATA(string)",
-        "a new string always has the compact layout",
+        COMPACT,
         branches=1,
     ),
     Exclusion(f"{MODULE}json_bridge.cpp", "switch (when) {", ALL_ENUMERATORS, branches=1),
