@@ -3,7 +3,6 @@ fail and are logged, and the dictionary that all calls share."""
 
 from __future__ import annotations
 
-import sys
 from collections.abc import Iterator, MutableMapping
 from types import ModuleType
 from typing import Any
@@ -16,7 +15,6 @@ from tests.support.assertions import (
     is_increasing,
     line,
     raises_exactly,
-    traceback_entries,
     with_types,
 )
 from tests.support.doubles import Failure, Recorder, RightAddable, StrSubclass, raiser
@@ -725,34 +723,7 @@ def test_membership_error_of_output_propagates(
     assert cli.debug_messages == []
 
 
-def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
-    cli.set_output(b"peer")
-    cli.patch("text_", lambda value, encoding: value)
-    error = raises_exactly(TypeError, cli.parser.get_bfd_neighbor, "command", {})
-    assert str(error) == "a bytes-like object is required, not 'str'"
-
-
 # Failures outside the lines, and in the log
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
-def test_runner_or_decoder_error_propagates_unlogged(
-    cli: FakeCli, name: str, kind: type[BaseException]
-) -> None:
-    error = kind()
-    cli.patch(name, raiser(error))
-    given: dict[str, Any] = {}
-    assert raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given) is error
-    assert given == {}
-    assert cli.debug_messages == []
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
-    cli.delete(name)
-    error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
-    assert str(error) == f"name '{name}' is not defined"
 
 
 def test_debug_is_looked_up_for_each_log_line(cli: FakeCli) -> None:
@@ -790,38 +761,6 @@ def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
     cli.set_output("echo", "peer A")
     error = raises_exactly(AttributeError, cli.parser.get_bfd_neighbor, "command", {})
     assert str(error) == "'object' object has no attribute 'debug'"
-
-
-def test_caught_exception_is_handled_only_while_logged(
-    cli: FakeCli,
-) -> None:
-    handled: list[object] = []
-    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
-    parsed(cli, "peer A")
-    assert handled == [IndexError]
-    assert sys.exc_info() == (None, None, None)
-    outer = Failure("being handled by the caller")
-    try:
-        raise outer
-    except Failure:
-        parsed(cli, "peer A")
-        assert sys.exc_info()[1] is outer
-    assert handled == [IndexError, IndexError]
-
-
-def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
-    seen: list[tuple[Any, Any]] = []
-
-    def debug(text: str) -> None:
-        _kind, value, traceback = sys.exc_info()
-        assert value is not None
-        seen.append((value.__traceback__, traceback))
-
-    cli.logger.debug.side_effect = debug
-    parsed(cli, "peer A")
-    ((of_the_exception, handled),) = seen
-    assert handled is not None
-    assert of_the_exception is handled
 
 
 # Memory, of the native module only
@@ -909,17 +848,6 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     assert line(binding, FUNCTION) == entry(binding, FUNCTION).first_line
     lines = [line(binding, FUNCTION), fetch, in_first, prefix, split, log, member, known, new]
     assert is_increasing([250, *lines, 352])
-
-
-def test_runner_failure_has_entries_of_both_functions(
-    simulator: Any, module: ModuleType, native_cli: FakeCli
-) -> None:
-    native_cli.monkeypatch.undo()
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(module.CFunctionError, module.get_bfd_neighbor, "command", {})
-    assert error.args == ("get_cli_command_output's result is null.",)
-    names = [found.function for found in traceback_entries(error.__traceback__)]
-    assert names == [FUNCTION, "get_cli_command_output"]
 
 
 def test_native_output_is_parsed(simulator: Any, module: ModuleType) -> None:

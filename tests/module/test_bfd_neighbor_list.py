@@ -4,7 +4,6 @@ neighbors, what is kept, and what ends the listing early."""
 from __future__ import annotations
 
 import copy
-import sys
 from collections.abc import Iterator
 from types import ModuleType, SimpleNamespace
 from typing import Any
@@ -614,35 +613,6 @@ def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> Non
     cli.logger.debug.side_effect = raiser(error)
     Neighbors(cli, KEPT, None)
     assert raises_exactly(kind, cli.parser.list_bfd_neighbor) is error
-
-
-def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
-    seen: list[tuple[Any, Any]] = []
-
-    def debug(text: str) -> None:
-        _kind, value, traceback = sys.exc_info()
-        assert value is not None
-        seen.append((value.__traceback__, traceback))
-
-    cli.logger.debug.side_effect = debug
-    cli.patch("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
-    assert cli.parser.list_bfd_neighbor() == []
-    ((of_the_exception, handled),) = seen
-    assert handled is not None
-    assert of_the_exception is handled
-
-
-def test_exception_of_caller_stays_handled(cli: FakeCli) -> None:
-    handled: list[object] = []
-    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
-    outer = Failure("being handled by the caller")
-    Neighbors(cli, KEPT, None)
-    try:
-        raise outer
-    except Failure:
-        assert cli.parser.list_bfd_neighbor() == []
-        assert sys.exc_info()[1] is outer
-    assert handled == [TypeError]
 
 
 def test_missing_logger_raises_name_error(cli: FakeCli) -> None:

@@ -3,7 +3,6 @@ buffer, which is freed whatever happens."""
 
 from __future__ import annotations
 
-import copy
 from types import ModuleType
 from typing import Any
 
@@ -15,11 +14,16 @@ from tests.support.assertions import (
     line,
     raises_exactly,
     traceback_entries,
-    with_types,
     wrong_type_message,
 )
-from tests.support.doubles import BytesSubclass, Failure, Recorder, StrSubclass, raiser
-from tests.support.fake_cli import FakeCli
+from tests.support.doubles import (
+    BytesSubclass,
+    Failure,
+    OwnMethodsStr,
+    Recorder,
+    StrSubclass,
+    raiser,
+)
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
@@ -537,79 +541,11 @@ def test_runner_logs_nothing(
     assert caplog.records == []
 
 
-# What the parsers do with it
-
-
-@pytest.mark.parametrize(
-    "function, arguments, output",
-    [
-        ("get_bfd_neighbor", ("command", {}), "echo\npeer a b c"),
-        ("get_routing_table_result", ("address",), "Routing a b c\na,b c,d e,f\na b c"),
-        ("get_system_arp_result", (), "Address"),
-    ],
-)
-def test_parsers_look_names_up_in_statement_order(
-    cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
-) -> None:
-    """text_(get_cli_command_output(command), _CHARSET): first text_, last _CHARSET."""
-
-    def run(command: str) -> str:
-        cli.patch("text_", raiser(AssertionError("looked up too late")))
-        cli.patch("_CHARSET", "rebound while the command ran")
-        return output
-
-    decode = Recorder(lambda value, encoding: value)
-    cli.patch("text_", decode)
-    cli.run.side_effect = run
-    getattr(cli.parser, function)(*arguments)
-    assert decode.positional == [(output, "rebound while the command ran")]
-
-
-class OwnMethods(str):
-    """Text whose methods are its own."""
-
-    called: list[str]
-
-    def __new__(cls, text: str, called: list[str]) -> OwnMethods:
-        made = super().__new__(cls, text)
-        made.called = called
-        return made
-
-    def split(self, *args: Any) -> list[str]:
-        self.called.append("split")
-        return []
-
-    def replace(self, *args: Any) -> str:
-        self.called.append("replace")
-        return "replaced"
-
-
-@pytest.mark.parametrize(
-    "function, arguments, output",
-    [
-        ("get_bfd_neighbor", ("command", {}), "echo\npeer a b c\n\tk: v"),
-        ("get_routing_table_result", ("address",), "Routing a b c\r\na,b c,d e,f\na b c"),
-        ("get_system_arp_result", (), "Address\na b c d"),
-    ],
-)
-def test_parsers_read_characters_of_str_subclass(
-    native_cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
-) -> None:
-    called: list[str] = []
-    parse = getattr(native_cli.parser, function)
-    native_cli.set_output(output)
-    expected = parse(*copy.deepcopy(arguments))
-    assert expected
-    native_cli.patch("text_", lambda value, encoding: OwnMethods(output, called))
-    assert with_types(parse(*copy.deepcopy(arguments))) == with_types(expected)
-    assert called == []
-
-
 def test_command_output_calls_replace_of_str_subclass(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     called: list[str] = []
-    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethods("text", called))
+    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethodsStr("text", called))
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output("command") == "replaced"
     assert called == ["replace"]

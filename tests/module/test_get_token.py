@@ -916,8 +916,8 @@ def test_native_path_is_read_before_class_lookup() -> None:
             module.Path = path("the later Path")
             return ctypes.addressof(text)
 
-        bench = SiblingSandbox()
-        items: Any = bench._right["veldarin.modules.modules"]
+        sandbox = SiblingSandbox()
+        items: Any = sandbox._right["veldarin.modules.modules"]
         items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
             _c_pointer(getter), b"char *(void)"
         )

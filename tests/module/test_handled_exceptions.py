@@ -9,6 +9,7 @@ import io
 import sys
 import weakref
 from collections.abc import AsyncGenerator, Iterator
+from functools import partial
 from types import ModuleType
 from typing import Any, Callable
 
@@ -81,6 +82,38 @@ def handle(
 def handled() -> BaseException | None:
     """The exception being handled."""
     return sys.exc_info()[1]
+
+
+@pytest.mark.parametrize(
+    "function, kind", [("get_bfd_neighbor", IndexError), ("list_bfd_neighbor", TypeError)]
+)
+def test_logged_exception_is_handled_only_while_logged(
+    cli: FakeCli, function: str, kind: type[Exception]
+) -> None:
+    logged: list[tuple[type[BaseException], bool]] = []
+
+    def debug(text: str) -> None:
+        error, traceback = sys.exc_info()[1:]
+        assert error is not None
+        assert traceback is not None
+        logged.append((type(error), error.__traceback__ is traceback))
+
+    cli.logger.debug.side_effect = debug
+    if function == "get_bfd_neighbor":
+        cli.set_output("echo", "peer A")
+        call = partial(cli.parser.get_bfd_neighbor, "command", {})
+    else:
+        cli.patch("get_bfd_neighbor", lambda *given: None)
+        call = cli.parser.list_bfd_neighbor
+    call()
+    assert sys.exc_info() == (None, None, None)
+    outer = Outer()
+    try:
+        raise outer
+    except Outer:
+        call()
+        assert handled() is outer
+    assert logged == [(kind, True)] * 2
 
 
 def test_generator_resumed_outside_handler_handles_nothing(handle: Handle) -> None:

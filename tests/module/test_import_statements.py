@@ -37,20 +37,20 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
     """
     import re
 
-    bench = SiblingSandbox()
+    sandbox = SiblingSandbox()
     bound = "serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json"
     names = [*bound.split(), "CFunctionError", "copy"]
 
     def outcome(run: Any, namespace: Any) -> list[Any]:
         before = dict(sys.modules)
-        bench.break_("\n".join(spoils))
+        sandbox.break_("\n".join(spoils))
         error: Any = None
         try:
             run()
         except BaseException as raised:
             error = raised
         finally:
-            bench.restore()
+            sandbox.restore()
             sys.modules.clear()
             sys.modules.update(before)
         described = None
@@ -79,7 +79,8 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
 
 # A sibling that lacks every name. Its representation must not tell where it lies.
 BARE = "m = siblings['{}'] = type('Bare', (ModuleType,), {{'__repr__': lambda self: 'm'}})('{}')"
-FILE = "m.__file__ = '/somewhere/a.py'"
+PATH = "/somewhere/a.py"
+FILE = f"m.__file__ = {PATH!r}"
 INITIALIZING = "m.__spec__ = __import__('types').SimpleNamespace(_initializing={})"
 
 SPOILT = {
@@ -146,13 +147,17 @@ def test_from_import_of_broken_sibling_ends_as_in_python(
     [
         *((statement.split()[1], "module") for statement in STATEMENTS),
         *((row.split()[1], "name") for row in STATEMENTS if row.startswith("from")),
+        *((row.split()[1], "name of a file") for row in STATEMENTS if row.startswith("from")),
     ],
 )
 def test_each_statement_fails_as_in_python(module: str, missing: str) -> None:
-    spoil = BARE.format(module, module) if missing == "name" else f"siblings['{module}'] = None"
-    expected, found = isolated.value(outcomes, STATEMENTS, spoil)
+    broken = [f"siblings['{module}'] = None"]
+    if missing != "module":
+        broken = [BARE.format(module, module), *[FILE] * (missing == "name of a file")]
+    expected, found = isolated.value(outcomes, STATEMENTS, *broken)
     assert found == expected
-    assert expected[0][0] == ("ImportError" if missing == "name" else "ModuleNotFoundError")
+    assert expected[0][0] == ("ModuleNotFoundError" if missing == "module" else "ImportError")
+    assert expected[0][4:] == [repr(module), repr(PATH if missing == "name of a file" else None)]
 
 
 def test_circular_import_error_has_text_name_and_path() -> None:

@@ -203,8 +203,8 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     from tests.support import fake_siblings
     from tests.support.refcounts import permanent_objects
 
-    bench = SiblingSandbox()
-    imported = [module for module in bench._right.values() if module is not None]
+    sandbox = SiblingSandbox()
+    imported = [module for module in sandbox._right.values() if module is not None]
     held = [item for module in imported for item in (vars(module), *vars(module).values())]
     tracked_objects = [MODULE, sys, sys.modules, *permanent_objects(), *imported, *held]
     kept = len(fake_siblings._kept)
@@ -212,14 +212,14 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     def attempt(spoils: list[str]) -> None:
         modules = dict(sys.modules)
         with warnings.catch_warnings():
-            bench.break_(*spoils)
+            sandbox.break_(*spoils)
             module = create_module()
             try:
                 _imp.exec_dynamic(module)
             except Exception:
                 return
             finally:
-                bench.restore()
+                sandbox.restore()
                 del fake_siblings._kept[kept:]
                 sys.modules.clear()
                 sys.modules.update(modules)

@@ -75,22 +75,6 @@ WHOLE = {
 }
 
 
-def test_call_before_execution_raises_runtime_error() -> None:
-    def call_all(calls: list[list[Any]]) -> list[str]:
-        module = create_from_spec(ModuleSpec(MODULE, None))
-        told = []
-        for name, required in calls:
-            try:
-                told.append(f"{name} returned {getattr(module, name)(*[None] * required)!r}")
-            except Exception as error:
-                told.append(f"{type(error).__name__}: {error}")
-        return told
-
-    told = isolated.value(call_all, [[row.name, row.required] for row in FUNCTIONS])
-    assert len(told) == 30
-    assert set(told) == {f"RuntimeError: {isolated.MODULE} has not been imported"}
-
-
 # Arguments that each kind of function refuses once the module is executed.
 REFUSED: list[list[Any]] = [
     *(
@@ -349,13 +333,13 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
     if in_main_first == "import":
         done.append(importlib.import_module(MODULE).__name__)
     elif in_main_first == "failed import":
-        bench = SiblingSandbox()
-        bench.break_("siblings['util.json'] = None")
+        sandbox = SiblingSandbox()
+        sandbox.break_("siblings['util.json'] = None")
         try:
             importlib.import_module(MODULE)
         except ImportError as error:
             done.append(str(error))
-        bench.restore()
+        sandbox.restore()
     else:
         done.append(create_module().__name__)
 

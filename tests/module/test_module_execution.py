@@ -26,7 +26,6 @@ from tests.support.fake_siblings import (
     create_module,
     exec_module,
 )
-from tests.support.function_table import FUNCTIONS
 from tests.support.isolated import MODULE, WRONG_PYTHON_MODULE, encode_exception
 
 INIT = f"init {isolated.MODULE}"
@@ -90,19 +89,19 @@ def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
 
     Each spoil is a list of statements; tells how each import went, and the last one.
     """
-    bench = SiblingSandbox()
+    sandbox = SiblingSandbox()
     attempts = []
     for statements in spoils:
         error = None
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
-            bench.break_(*statements)
+            sandbox.break_(*statements)
             try:
                 importlib.import_module(MODULE)
             except BaseException as raised:
                 error = encode_exception(raised)
             finally:
-                bench.restore()
+                sandbox.restore()
         warned = [[warning.category.__name__, str(warning.message)] for warning in caught]
         attempts.append({"error": error, "warned": warned, "left behind": MODULE in sys.modules})
     module: Any = importlib.import_module(MODULE)
@@ -360,97 +359,23 @@ def test_missing_name_raises_import_error() -> None:
         assert name in error.text.split()[3]
 
 
-def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
-    """Type, text, `name` and `path` of import errors: the module's, and those of statements.
-
-    Each attempt is what spoils the siblings and the import statement that fails for it, if any.
-    """
-    bench = SiblingSandbox()
-    errors = []
-    for spoil, statement in attempts:
-        seen: list[Any] = [None, None]
-        bench.break_(spoil)
-        for index, source in enumerate([f"importlib.import_module({MODULE!r})", statement]):
-            try:
-                exec(source, {"importlib": importlib})
-            except ImportError as error:
-                seen[index] = [type(error).__name__, str(error), error.name, error.path]
-        bench.restore()
-        errors.append(seen)
-    return errors
-
-
-def test_failing_import_raises_interpreter_error() -> None:
-    """Compares with the same statement in Python: type, text, `name` and `path`."""
-    statements = {
-        module: f"from {module} import {', '.join(names)}" if names else f"import {module}"
-        for module, names in IMPORT_STATEMENTS
-    }
-    attempts = [
-        *([f"siblings['{module}'] = None", statements[module]] for module in statements),
-        *([without(module, name), statements[module]] for module, name in FROM_IMPORTS),
-    ]
-    errors = isolated.value(import_errors, attempts)
-    assert len(errors) == len(attempts) == 21
-    for (spoil, _statement), (own, interpreters) in zip(attempts, errors):
-        assert own is not None, spoil
-        assert own == interpreters
-        assert own[2], "the name of the module"
-    # Modules with a file, without one, and built into the interpreter.
-    paths = {name: path for (_own, (_type, _text, name, path)) in errors[len(statements) :]}
-    assert paths["os"].endswith("os.py")
-    assert paths["util.errors"] is None
-
-
 def test_missing_capi_item_error_has_no_name_or_path() -> None:
-    attempts = [
-        [f"del siblings['{module}'].__pyx_capi__['{item}']", ""]
-        for module, item, _kind, _signature in C_IMPORTS
-    ]
-    assert isolated.value(import_errors, attempts) == [
-        [
-            ["ImportError", f"{module} does not export expected C {kind} {item}", None, None],
-            None,
-        ]
+    def import_errors(items: list[list[str]]) -> list[list[Any]]:
+        sandbox = SiblingSandbox()
+        errors = []
+        for module, item in items:
+            sandbox.break_(f"del siblings[{module!r}].__pyx_capi__[{item!r}]")
+            try:
+                importlib.import_module(MODULE)
+            except ImportError as error:
+                errors.append([str(error), error.name, error.path])
+            sandbox.restore()
+        return errors
+
+    assert isolated.value(import_errors, [row[:2] for row in C_IMPORTS]) == [
+        [f"{module} does not export expected C {kind} {item}", None, None]
         for module, item, kind, _signature in C_IMPORTS
     ]
-
-
-def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
-    """Of each spoilt import statement: the module's error, and that of the same statement here."""
-    bench = SiblingSandbox()
-    found: list[list[list[Any]]] = []
-    for spoil, source, statement in statements:
-        bench.break_(spoil, source)
-        errors: list[list[Any]] = []
-        for run in (lambda: importlib.import_module(MODULE), lambda: exec(statement)):  # noqa: B023
-            try:
-                run()
-            except ImportError as error:
-                errors.append([type(error).__name__, str(error), error.name, error.path])
-        bench.restore()
-        found.append(errors)
-    return found
-
-
-@pytest.mark.parametrize("file", ["/somewhere/source.py", None])
-def test_failing_from_import_has_name_and_path(file: str | None) -> None:
-    statements = []
-    for module, name in FROM_IMPORTS:
-        attributes = f"vars(siblings['{module}'])"
-        source = f"{attributes}.update(__file__={file!r})"
-        if file is None:
-            source = f"{attributes}.pop('__file__', None)"
-        copied = f"siblings['{module}'] = without_attributes('{module}'); " * (
-            module in LIBRARY_MODULES
-        )
-        spoil = copied + without(module, name)
-        statements.append([spoil, source, f"from {module} import {name}"])
-    found = isolated.value(compare_import_errors, statements)
-    for (module, name), (ours, interpreters) in zip(FROM_IMPORTS, found):
-        assert ours == interpreters
-        assert name in ours[1]
-        assert (ours[0], ours[2], ours[3]) == ("ImportError", module, file)
 
 
 UNEQUAL_KEY = """
@@ -471,18 +396,18 @@ def test_capi_item_lookup_error_fails_import(
 
 def names_after_failures(*spoils: str) -> list[list[str]]:
     """The names that modules hold whose execution failed, in order; none of the functions."""
-    bench = SiblingSandbox()
+    sandbox = SiblingSandbox()
     told = []
     for statement in spoils:
         module = create_module()
         before = {*vars(module), "__builtins__"}
-        bench.break_(statement)
+        sandbox.break_(statement)
         try:
             module.__loader__.exec_module(module)
         except Exception:
             told.append([name for name in vars(module) if name not in before])
         finally:
-            bench.restore()
+            sandbox.restore()
     return told
 
 
@@ -757,49 +682,17 @@ def test_second_import_returns_same_module(way: str) -> None:
 
 def test_import_after_failed_execution_is_new_module() -> None:
     def fail_then_import() -> list[bool]:
-        bench = SiblingSandbox()
-        bench.break_("siblings['copy'] = None")
+        sandbox = SiblingSandbox()
+        sandbox.break_("siblings['copy'] = None")
         failed = create_module()
         try:
             failed.__loader__.exec_module(failed)
         except ImportError:
-            bench.restore()
+            sandbox.restore()
         module: Any = importlib.import_module(MODULE)
         return [module is failed, hasattr(failed, "__test__"), hasattr(module, "__test__")]
 
     assert isolated.value(fail_then_import) == [False, False, True]
-
-
-@pytest.mark.parametrize(
-    "statement",
-    [
-        "siblings['util.json'] = None",
-        "siblings['copy'] = None",
-        "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
-    ],
-    ids=["types", "last import", "Counters"],
-)
-def test_function_after_failed_import_raises_runtime_error(statement: str) -> None:
-    def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
-        bench = SiblingSandbox()
-        failed = create_module()
-        bench.break_(statement)
-        try:
-            failed.__loader__.exec_module(failed)
-        except Exception:
-            bench.restore()
-        ended: list[list[Any]] = []
-        for name, required in calls:
-            try:
-                ended.append([name, repr(getattr(failed, name)(*[None] * required))])
-            except Exception as error:
-                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
-        return ended
-
-    calls = [[row.name, row.required] for row in FUNCTIONS]
-    assert isolated.value(call_all, statement, calls) == [
-        [row.name, "RuntimeError", True] for row in FUNCTIONS
-    ]
 
 
 def module_in_sys_modules(there_already: bool) -> list[object]:
