@@ -1,5 +1,5 @@
-"""The module, its table in C++, its Python face and the page of functions hold together: the same
-functions in the same order, the same names, and the parameters that calls show."""
+"""The module, its function table in C++, its type stub and the page of functions agree: functions,
+order, names and parameters."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ from veldarin_simulator import Simulator
 
 TABLE = FACE.with_name("functions.cpp")
 
-# A parameter's constructor in the table: what it is held to, its default.
+# A parameter's constructor in the table: its type and default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
     "any": (None, None),
     "bytes": ("bytes", None),
@@ -81,7 +81,7 @@ def test_stub_declares_functions_in_module_order() -> None:
 
 
 def held_to(parameter: Parameter) -> Parameter:
-    # A command may be anything on its way to the runner, which takes text: the face says text.
+    # The stub declares str for a command: the module accepts anything, the runner str only.
     return parameter._replace(type=None) if parameter.name == "cmd" else parameter
 
 
@@ -175,7 +175,7 @@ def test_declared_type_matches_type_check(module: ModuleType, function: Function
 
 # Other names
 
-# What the face has for annotations only.
+# Names that the stub defines for annotations only.
 FOR_ANNOTATIONS = {"BFDSession", "ARPEntry", "Route", "RoutingTable"}
 
 
@@ -215,9 +215,9 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
 @pytest.mark.workstation_only("mypy runs on the workstation")
 def test_stubtest_finds_no_difference(tmp_path: Path) -> None:
     allowed = tmp_path / "allowed"
-    # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
+    # An alias does not exist at run time; the function that creates locks also stands for the type.
     allowed.write_text(f"{MODULE}.BFDSession\n{MODULE}.Lock\n")
-    # The comparison imports the module, so the stand-in's libraries have to be there first.
+    # stubtest imports the module, so the simulator's libraries are loaded first.
     source = (
         "from veldarin_simulator import native_library; native_library.load()\n"
         "from mypy.stubtest import main, parse_options\n"
@@ -231,7 +231,7 @@ def test_stubtest_finds_no_difference(tmp_path: Path) -> None:
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-# A GUI author's file: every line that a type checker must refuse says with which code.
+# A caller's file: each line that mypy must reject names the error code.
 AUTHORS_FILE = """\
 from __future__ import annotations
 

@@ -1,5 +1,5 @@
-"""The examples of the Python face are run, on a device that answers as they say; and what its texts
-say of native services, requests and results is what such calls show."""
+"""The examples of the type stub run on a simulator with the replies that they assume. Calls use the
+native services, requests and result types that the docstrings name."""
 
 from __future__ import annotations
 
@@ -81,7 +81,7 @@ MONITORED = {
 }
 FLAPS = {"port_name": "port1", "link": "up", "flaps": 1, "guard": "none"}
 
-# What the services of the examples answer where a recording does not.
+# Replies of the services in the examples that the scenario does not have.
 ANSWERS: dict[str, object] = {
     "aps_get_new_cookie_id": 2882400018,
     "__get_aps_hash": cookies.text_hash,
@@ -106,7 +106,7 @@ SECRET = "8f4b1c2d" * 8
 
 @pytest.fixture
 def example_device(build: None) -> Iterator[Simulator]:
-    """The device of the examples: recorded answers, and those above."""
+    """The simulator of the examples: the default scenario and the replies above."""
     with Simulator(live=False) as simulator:
         # The shared dictionary of sessions outlives a simulator.
         simulator.set_reply("get_cli_cmd_output", "")
@@ -119,7 +119,7 @@ def example_device(build: None) -> Iterator[Simulator]:
 
 
 class Kept:
-    """A function that keeps what it returns."""
+    """Wrap a function to keep its results."""
 
     def __init__(self, function: Callable[..., object]) -> None:
         self.function = function
@@ -131,7 +131,7 @@ class Kept:
 
 
 def assert_is(annotation: str, value: Any) -> None:
-    """The value is what the annotation of the face says, down to the keys of a row."""
+    """Check the value against the stub's annotation, down to the keys of a row."""
     container = re.fullmatch(r"(list|dict)\[(?:str, )?(\w+)\]", annotation)
     fields = {
         node.name: {ast.unparse(row.target): ast.unparse(row.annotation) for row in rows}

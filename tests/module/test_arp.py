@@ -1,5 +1,5 @@
-"""The ARP table parser, in the native module and in its twin: rows, columns, and the line of every
-statement that a malformed output fails at."""
+"""The ARP table parser of the module and of the reference model: rows, columns, and the line of
+every statement that malformed output makes fail."""
 
 from __future__ import annotations
 
@@ -208,7 +208,7 @@ def test_function_lines_follow_routing_parser(native_cli: FakeCli) -> None:
     )
 
 
-# What is no text, and failures of the collaborators
+# Output that is not a string
 
 
 @pytest.mark.parametrize(

@@ -1,5 +1,5 @@
-"""The BFD detail parser, in the native module and in its twin: sessions, timers, the lines that
-fail and are logged, and the dictionary that all calls share."""
+"""The BFD detail parser of the module and of the reference model: sessions, timers, lines that fail
+and are logged, and the shared default dictionary."""
 
 from __future__ import annotations
 
@@ -75,7 +75,7 @@ def test_session_with_timers_is_parsed(cli: FakeCli) -> None:
     assert cli.debug_messages == []
 
 
-# The output as a whole
+# Whole output
 
 
 def test_command_is_passed_and_output_decoded(cli: FakeCli) -> None:
@@ -340,7 +340,7 @@ def test_timer_around_buffer_size_is_complete(cli: FakeCli, size: int) -> None:
     assert session(cli, "Local timers", *lines) == [("local_timers", {key: "3", "b": value})]
 
 
-# What a blank-skipping scan of several characters at a time may take for blanks.
+# A scan that skips spaces several characters at a time could mistake these for spaces.
 NO_SPACES = [chr(code) for code in range(128) if not chr(code).isspace() and chr(code) != ":"]
 
 
@@ -519,7 +519,7 @@ def test_calls_without_dictionary_share_one(cli: FakeCli) -> None:
 
 
 class Mapping(MutableMapping):
-    """A mapping that is no dict and notes what is done with it."""
+    """A mapping that is not a dict and records its use."""
 
     def __init__(self, **items: Any) -> None:
         self.items_ = items
@@ -548,7 +548,7 @@ class Mapping(MutableMapping):
 
 
 class NotingDict(dict):
-    """A dict that notes what is done with it."""
+    """A dict that records its use."""
 
     def __init__(self, **items: Any) -> None:
         super().__init__(**items)
@@ -647,7 +647,7 @@ def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
     assert cli.debug_messages == []
 
 
-# What is no text
+# Output that is not a string
 
 
 @pytest.mark.parametrize(
@@ -767,10 +767,9 @@ def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
 
 
 def _starved() -> list[list[Any]]:
-    """Parses in which the interpreter's first, second, third … request for memory fails.
+    """Parse while the first, second, third … allocation fails, until no allocation fails.
 
-    Of each: what was raised, what was logged, the fields of the one session, if it is there. The
-    last parse is the first in which nothing fails.
+    Returns the exception, the log and the fields of the session, if any, of each call.
     """
     import _testcapi
 

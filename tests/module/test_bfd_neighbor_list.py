@@ -1,5 +1,5 @@
-"""The BFD listing, in the native module and in its twin: which commands are run for which
-neighbors, what is kept, and what ends the listing early."""
+"""The BFD neighbor list of the module and of the reference model: the commands for each neighbor,
+the entries of the result, and the errors that end the list early."""
 
 from __future__ import annotations
 
@@ -166,7 +166,7 @@ def test_failing_detail_logs_and_ends_list(cli: FakeCli) -> None:
 
 
 class Neighbors:
-    """Stands for `get_bfd_neighbor`: the n-th call returns the n-th answer."""
+    """Stand in for `get_bfd_neighbor`: call number n returns, calls or raises reply number n."""
 
     def __init__(self, cli: FakeCli, *answers: Any) -> None:
         self.replies = list(answers)
@@ -356,7 +356,7 @@ def test_dict_like_sessions_are_accepted(
 
 
 class Mapping:
-    """A mapping in the sense of `dict(…)` and `**`, and no dict."""
+    """A mapping for `dict(…)` and `**` that is not a dict."""
 
     def __init__(self, **items: Any) -> None:
         self.items_ = items
@@ -369,7 +369,7 @@ class Mapping:
 
 
 class OwnKeys(dict):
-    """A dict whose `keys` say something else."""
+    """A dict whose `keys` differ from its items."""
 
     def keys(self) -> Any:
         return ["k"]
@@ -411,7 +411,7 @@ class FailingMapping:
 
 
 class LyingDict(dict):
-    """A dict that tells of a key which it has not got."""
+    """A dict that lists a key which it does not contain."""
 
     def keys(self) -> Any:
         return ["gone"]
@@ -480,21 +480,21 @@ class RepeatingDict(dict):
 
 
 class Key(str):
-    """A key with a text of its own for messages."""
+    """A key with its own `__str__`."""
 
     def __str__(self) -> str:
         return "own text"
 
 
 class Unprintable(str):
-    """A key without a text for messages."""
+    """A key whose `__str__` fails."""
 
     def __str__(self) -> str:
         raise Failure("no text")
 
 
 class Uncomparable(str):
-    """A key that is equal to none and fails to say so."""
+    """A key whose comparison fails."""
 
     __hash__ = str.__hash__
 
@@ -640,7 +640,7 @@ def test_exception_with_failing_str_raises_that_error(
 
 
 def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
-    """Only what is no `Exception` leaves the listing, so each statement is made to raise such."""
+    """Only a BaseException propagates, so each statement raises one."""
     cli = native_cli
     given = [lambda command, given: given] * 2
 

@@ -1,5 +1,5 @@
-"""How the thirty functions bind their arguments: every refusal with its whole text, the order of
-the checks, and the place that a traceback shows for them."""
+"""Argument binding of the thirty functions: the whole text of each error, the order of the checks,
+and the traceback entries."""
 
 from __future__ import annotations
 
@@ -16,13 +16,13 @@ from veldarin_simulator import Simulator
 
 
 def rows(*kinds: str) -> Any:
-    """Parametrises a test over the functions of some kinds."""
+    """Parametrize a test over the functions of some kinds."""
     chosen = [row for row in FUNCTIONS if row.kind in kinds]
     return pytest.mark.parametrize("function", chosen, ids=lambda row: row.name)
 
 
 def refused(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
-    """The `TypeError` of a call; a keyword may be anything, so the call stands right here."""
+    """The `TypeError` of a call; the lambda passes keywords that are not strings."""
     return raises_exactly(TypeError, lambda: function(*args, **kwargs))
 
 
@@ -172,7 +172,7 @@ def test_missing_argument_raises_positional_count_error(
 
 
 class SameHash:
-    """No string, but in a dictionary's eyes equal to one."""
+    """An object that hashes and compares like a string, but is not one."""
 
     def __init__(self, text: str) -> None:
         self.text = text
@@ -262,7 +262,7 @@ ACL, TRUNK, MCLAG = (
 )
 BFD, CAPTURE = "get_bfd_neighbor", "capture_sniffer_profile"
 SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
-    # of several faulty keywords the first in the dictionary's order is named
+    # the error names the first faulty keyword in the dictionary's order
     (ACL, (), {"b": 1, "a": 2}, unexpected(ACL, "b")),
     (ACL, (), {"a": 1, "b": 2}, unexpected(ACL, "a")),
     (ACL, (), {"a": 1, 7: 2}, unexpected(ACL, "a")),
@@ -274,7 +274,7 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
     (CAPTURE, ("p", "e"), {"event": 1, "profile_name": 2}, multiple(CAPTURE, "event")),
     (CAPTURE, ("p", "e"), {"profile_name": 2, "event": 1}, multiple(CAPTURE, "profile_name")),
     (BFD, ("c", {}), {"list_bfd": 1, "x": 2, 3: 4}, multiple(BFD, "list_bfd")),
-    # what binds is passed over, wherever it stands
+    # keywords that bind are skipped, in any position
     (ACL, (), {"policy_id": 1, "a": 2}, unexpected(ACL, "a")),
     (ACL, (), {"a": 2, "policy_id": 1}, unexpected(ACL, "a")),
     (TRUNK, (), {"trunk_name": 1, 7: 2}, not_strings(TRUNK)),
@@ -338,7 +338,7 @@ def test_binding_error_has_one_entry_at_first_line(module: ModuleType, function:
         assert low <= entry.first_line <= high
 
 
-# What binding gives: the rows say how, the request or the command says what arrived.
+# Results of binding, as the request or the command shows them
 
 
 def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any) -> str:
@@ -451,7 +451,7 @@ def test_keyword_dictionary_of_caller_is_unchanged(module: ModuleType) -> None:
 
 
 class FailingKey(SameHash):
-    """A keyword that cannot be compared."""
+    """A keyword whose comparison fails."""
 
     __hash__ = SameHash.__hash__
 
@@ -472,7 +472,7 @@ def test_keyword_comparison_error_propagates(module: ModuleType, name: str) -> N
 
 
 def of_type_named(name: str) -> object:
-    """An object whose type bears the name."""
+    """An object whose type has this name."""
     return type(name, (), {})()
 
 
@@ -498,7 +498,7 @@ WRONG: dict[type, list[object]] = {
 
 
 def arguments_around(function: Function, position: int, value: object) -> list[object]:
-    """Arguments of which only the one at `position` can be wrong."""
+    """Arguments that are valid except for the one at `position`."""
     arguments: list[object] = [None] * len(function.parameters)
     arguments[position] = value
     return arguments
@@ -538,7 +538,7 @@ def test_type_name_in_error_is_cut_at_200_characters(
     assert text.endswith(f", got {LONG[:200]})")
 
 
-# What each bytes function says of None; those held to str take it as a value of theirs.
+# The error of each bytes function for None; functions that expect str accept None.
 NONE_REFUSED = {
     "aps_unsigned_int_hash": "expected bytes, NoneType found",
     "encrypt_cookie": "expected bytes, NoneType found",

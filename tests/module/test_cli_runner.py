@@ -1,5 +1,5 @@
-"""The command runner: the command on its way to the host, the text on its way back, and the native
-buffer, which is freed whatever happens."""
+"""The command runner: encoding of the command, decoding of the output, and the native buffer, which
+is freed on every path."""
 
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ class ByteArray(bytearray):
 
 
 def sent(simulator: Simulator) -> list[bytes | None]:
-    """The commands that reached the host, each with a null first pointer."""
+    """The commands that reached the service, each with a null context."""
     assert all(call.service == "get_cli_cmd_output" for call in simulator.call_log)
     assert all(call.context is None for call in simulator.call_log)
     return [call.text for call in simulator.call_log]

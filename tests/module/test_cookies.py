@@ -1,5 +1,4 @@
-"""Cookie identifiers, cookie names and cookie values: what crosses to the native services, what
-comes back, and every refusal."""
+"""Cookie identifiers, names and values: native calls, results and every error."""
 
 from __future__ import annotations
 
@@ -30,7 +29,7 @@ NOT_EXACTLY_BYTES = [
 
 
 def texts(simulator: Simulator) -> list[tuple[str, bytes | None]]:
-    """The native calls in order, each with the text that it was given."""
+    """The native calls in order, each with its text argument."""
     return [(call.service, call.text) for call in simulator.call_log]
 
 
@@ -145,7 +144,7 @@ def test_cookie_name_truth_error_propagates(simulator: Simulator, module: Module
 
 
 class Shown:
-    """A value that notes when it is formatted."""
+    """A value that records its formatting."""
 
     def __init__(self, text: str, events: list[object]) -> None:
         self.text = text
@@ -480,12 +479,12 @@ def test_decrypt_calls_service_each_time(simulator: Simulator, module: ModuleTyp
     assert all(call.context is None for call in simulator.call_log)
 
 
-# Memory that cannot be had, each case in a process of its own: the interpreter's allocators fail
-# every request from number `start` on, before number `stop`.
+# Allocation failures, each in a new process: the interpreter's allocators fail the requests from
+# number `start` up to, not including, number `stop`.
 
 
 def _exhausted(function: str, arguments: list[str], start: int, stop: int, logger: str) -> Any:
-    """What a call tells when memory fails: the error, the log, the native calls, what is leaked."""
+    """Call while allocations fail; return the error, the log, the native calls and the leaks."""
     import _testcapi
 
     from tests.support.assertions import traceback_entries
@@ -531,7 +530,7 @@ def _exhausted(function: str, arguments: list[str], start: int, stop: int, logge
 def exhausted(
     function: str, *arguments: str, start: int = 0, stop: int = 1, logger: str = ""
 ) -> dict[str, Any]:
-    """What the call tells in a fresh process whose memory fails."""
+    """The result of `_exhausted` in a new process."""
     told: dict[str, Any] = isolated.value(
         _exhausted, function, list(arguments), start, stop, logger
     )
@@ -562,11 +561,11 @@ def test_decrypt_without_memory_raises_memory_error() -> None:
     assert told["logged"] == []
 
 
-LONG = 400  # bytes of a cookie: enough to stand out, and still one request to the allocator
+LONG = 400  # bytes of a cookie: a large block that is still one request to the allocator
 
 
 def _left_behind(length: int, times: int, start: int, stop: int) -> int:
-    """Bytes of the interpreter's allocator that stay after so many failing decryptions."""
+    """Bytes of the interpreter's allocator that `times` failing decryptions leak."""
     import _testcapi
     import tracemalloc
 

@@ -1,5 +1,5 @@
-"""The preference cookie's secret: the file, every step in order, and `with` as the interpreter's
-own statement does it."""
+"""The secret of the preference cookie: the file, the order of the steps, and the semantics of the
+`with` statement."""
 
 from __future__ import annotations
 
@@ -38,7 +38,7 @@ HEX = set("0123456789abcdef")
 
 @pytest.fixture
 def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
-    """Where the host wants the secret; there is no file yet."""
+    """The path of the secret; the file does not exist yet."""
     simulator.secret_path = tmp_path / "secret"
     return simulator.secret_path
 
@@ -135,7 +135,7 @@ def test_socket_at_path_raises_os_error(
 
 
 def test_character_device_is_written_then_read(simulator: Simulator, module: ModuleType) -> None:
-    """The device is not a regular file, so the secret is generated and what is read counts."""
+    """The device is not a regular file, so a secret is written and the result is read back."""
     master, slave = os.openpty()
     try:
         tty.setraw(slave)  # bytes pass unchanged both ways, and are not echoed
@@ -243,11 +243,11 @@ def test_every_opened_file_is_closed(
     )
 
 
-# The steps, watched by stand-ins for everything that the function reaches
+# The steps, recorded by test doubles of everything that the function calls
 
 
 class Special:
-    """A special method whose look-up on the type is an event of its own."""
+    """A special method that records its lookup on the type."""
 
     def __init__(self, name: str, method: Callable[..., object]) -> None:
         self.name = name
@@ -259,7 +259,7 @@ class Special:
 
 
 class Manager:
-    """What `open` returns: a context manager that notes what is done with it."""
+    """The result of `open`: a context manager that records its use."""
 
     def __init__(self, steps: Steps, label: str) -> None:
         self.steps = steps
@@ -283,7 +283,7 @@ class Manager:
 
 
 class Entered:
-    """What entering the manager gives, which is not the manager."""
+    """The result of `__enter__`, which is not the manager."""
 
     def __init__(self, manager: Manager) -> None:
         self.manager = manager
@@ -309,7 +309,7 @@ class Line:
 
 
 class Hexadecimal:
-    """What `hexlify` returns."""
+    """The result of `hexlify`."""
 
     def __init__(self, steps: Steps) -> None:
         self.steps = steps
@@ -320,7 +320,7 @@ class Hexadecimal:
 
 
 class FakePath:
-    """What `Path` returns."""
+    """The result of `Path`."""
 
     def __init__(self, steps: Steps) -> None:
         self.steps = steps
@@ -335,7 +335,7 @@ class FakePath:
 
 
 class Steps:
-    """Every step that `get_token` makes, in order, and what to answer instead of the usual."""
+    """Record the steps of `get_token`; `replies` replaces the results of some."""
 
     def __init__(self) -> None:
         self.events: list[tuple[object, ...]] = []
@@ -377,7 +377,7 @@ class Steps:
 
 @pytest.fixture
 def steps(simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Steps:
-    """The module with a recording stand-in for every name that the function looks up."""
+    """The module with a recorder for every name that the function looks up."""
     watched = Steps()
     simulator.secret_path = Path("/some/secret")
     monkeypatch.setattr(module, "text_", watched.text_)
@@ -618,7 +618,7 @@ def test_failing_body_propagates_when_exit_returns_false(
 
 def test_exit_gets_normalized_exception(module: ModuleType, steps: Steps) -> None:
     class Unreadable:
-        """A line without `strip`: the exception is one that the interpreter makes."""
+        """A line without `strip`, for which the interpreter raises AttributeError."""
 
     steps.answers["line"] = Unreadable
     error = raises_exactly(AttributeError, module.get_token)
@@ -715,7 +715,7 @@ def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode
 
 
 class NoEnter:
-    """Leaves, but does not enter; an instance attribute does not count."""
+    """Has `__exit__`, but `__enter__` on the instance only, where it is not looked up."""
 
     def __init__(self) -> None:
         self.__enter__ = raiser(AssertionError("found on the instance"))
@@ -725,7 +725,7 @@ class NoEnter:
 
 
 class NoExit:
-    """Enters, but does not leave; an instance attribute does not count."""
+    """Has `__enter__`, but `__exit__` on the instance only, where it is not looked up."""
 
     def __init__(self) -> None:
         self.__exit__ = raiser(AssertionError("found on the instance"))
@@ -735,7 +735,7 @@ class NoExit:
 
 
 class Neither:
-    """No context manager at all."""
+    """Not a context manager."""
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
@@ -768,7 +768,7 @@ def test_special_method_lookup_error_propagates(
 
 
 def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:
-    """A static method, a class method, a callable object: bound as the type says."""
+    """A static method and a callable object are bound like any class attribute."""
     line_ = io.StringIO("first\nsecond")
     exits = Recorder()
 
@@ -783,7 +783,7 @@ def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: S
 
 
 class FileWithoutMethods:
-    """What entering gives: a file with nothing to write to or read from."""
+    """A file without `write` and `readline`."""
 
 
 @pytest.mark.parametrize(
@@ -812,7 +812,7 @@ def test_file_without_method_raises_attribute_error(
 
 def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: Steps) -> None:
     class Uncounted:
-        """A callable that no type binds, and that notes nothing."""
+        """A callable without `__get__` that keeps no references."""
 
         def __init__(self, result: object) -> None:
             self.result = result
@@ -823,7 +823,7 @@ def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: St
     enter, leave = Uncounted(io.StringIO("line")), Uncounted(None)
     steps.answers["is a file"] = lambda: True
     steps.answers["open r"] = type("Odd", (), {"__enter__": enter, "__exit__": leave})
-    spare = [enter, leave] * 1000  # so that a reference too few frees nothing
+    spare = [enter, leave] * 1000  # a missing reference must not free them
     before = sys.getrefcount(enter), sys.getrefcount(leave)
     for _ in range(100):
         module.get_token()
@@ -832,10 +832,10 @@ def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: St
 
 
 def remove_method_in_its_get(name: str) -> list[object]:
-    """Reads the secret from a file whose special method leaves its type while it is bound.
+    """Read the secret from a file whose special method is deleted while it is bound.
 
-    `getattr` in the place of `__get__` takes the method, the file as a name and the file's type;
-    it calls the method's object once more after the removal.
+    `getattr` as `__get__` gets the method, the file (a string) as name and the file's type as
+    default; it uses the method again after the deletion.
     """
     import io
 

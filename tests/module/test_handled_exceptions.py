@@ -1,5 +1,5 @@
-"""The exception being handled, as sys.exc_info shows it: each call that handles an exception of its
-own restores the caller's, also in a generator or coroutine that runs inside an except clause."""
+"""sys.exc_info after calls that handle an exception: each call restores the caller's exception,
+also in a generator or coroutine that runs in an except clause."""
 
 from __future__ import annotations
 
@@ -22,11 +22,11 @@ Handle = Callable[[], object]
 
 
 class Outer(Exception):
-    """The exception that the caller handles; unlike a builtin one it can be weakly referenced."""
+    """The exception that the caller handles; it supports weak references."""
 
 
 class File(io.StringIO):
-    """A file that cannot be written; leaving it swallows that."""
+    """A file whose `write` fails and whose `__exit__` suppresses the error."""
 
     def __init__(self) -> None:
         super().__init__("secret")
@@ -50,7 +50,7 @@ class File(io.StringIO):
 def handle(
     request: pytest.FixtureRequest, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> Iterator[Handle]:
-    """A call during which the module, or its model in Python, handles one exception."""
+    """A call in which the module or the reference model handles one exception."""
     parser, function = request.param.split(".")
     if function == "get_token":
         monkeypatch.setattr(module, "open", lambda *given: File(), raising=False)

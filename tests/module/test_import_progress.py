@@ -1,4 +1,4 @@
-"""Functions called before the module's import has ended, and what an import keeps alive."""
+"""Calls of functions before the import ends, and objects that an import keeps alive."""
 
 from __future__ import annotations
 
@@ -24,7 +24,7 @@ NOT_IMPORTED = f"RuntimeError: {isolated.MODULE} has not been imported"
 
 
 def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
-    """Calls every function at a moment of the import; how each call ends, with its entries.
+    """Call every function at a moment of the import; return how each call ends, with its entries.
 
     The moments: "created" (before the execution), the name of a sibling (when the execution takes
     something from it), "warning" (in its first step), a statement that breaks a sibling (after the

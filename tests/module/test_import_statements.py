@@ -1,5 +1,5 @@
-"""The import statements of the module's execution, held against the same statements run by Python:
-errors with their name and path, submodules, and what a replaced `__import__` is called with."""
+"""The import statements of the module's execution compared with the same statements in Python:
+errors with name and path, submodules, and the arguments of a replaced `__import__`."""
 
 from __future__ import annotations
 
@@ -30,10 +30,10 @@ STATEMENTS = [
 
 
 def outcomes(statements: list[str], *spoils: str) -> list[Any]:
-    """What Python's own statements do with spoilt siblings, then what the module's import does.
+    """Run the statements in Python with broken siblings, then the module's execution.
 
-    Each outcome is the error's type, text, cause, context, name and path, or None, and what the
-    names were bound to.
+    Each outcome is the error's type, text, cause, context, name and path, or None, and the values
+    of the names.
     """
     import re
 
@@ -77,7 +77,7 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
     return [expected, found]
 
 
-# A sibling that lacks every name. Its representation must not tell where it lies.
+# A sibling without any names. Its repr has no address.
 BARE = "m = siblings['{}'] = type('Bare', (ModuleType,), {{'__repr__': lambda self: 'm'}})('{}')"
 PATH = "/somewhere/a.py"
 FILE = f"m.__file__ = {PATH!r}"

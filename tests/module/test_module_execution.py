@@ -1,8 +1,7 @@
-"""The exec slot: what it checks, imports and refuses, in which order, and how it fails.
+"""The exec slot: its checks, imports and errors, and their order.
 
-Every import happens in a fresh process with sibling modules of `fake_siblings`, one detail spoilt
-by the statement that the row shows. Each row also shows that a failed import is forgotten: with the
-detail repaired, the same process imports the module.
+Each import runs in a new process with the sibling modules of `fake_siblings`, one of which a
+statement breaks. After the sibling is restored the same process imports the module.
 """
 
 from __future__ import annotations
@@ -30,7 +29,7 @@ from tests.support.isolated import MODULE, WRONG_PYTHON_MODULE, encode_exception
 
 INIT = f"init {isolated.MODULE}"
 
-# (module, item, "variable" or "function", signature) of what is imported at C level.
+# (module, item, "variable" or "function", signature) of each C-level import.
 C_IMPORTS = [
     ("migbase.migbase", "WARM_START_PATH", "variable", "char *"),
     (
@@ -42,7 +41,7 @@ C_IMPORTS = [
     ("util.string", "strtcpy", "function", "int (char *, int, char const *)"),
 ]
 
-# What the module-level statements import and bind, in order.
+# The module-level import statements in order: module, names.
 IMPORT_STATEMENTS: list[tuple[str, tuple[str, ...]]] = [
     ("migbase.cmdbapi.cmdbapi_util", ("serial_number_ascii",)),
     ("binascii", ("hexlify",)),
@@ -67,7 +66,7 @@ TYPE_SIZES: dict[str, Any] = {
 
 
 def size_changed(name: str, more: int) -> str:
-    """What is said of an imported type whose size differs by `more` bytes."""
+    """The message for an imported type whose size differs by `more` bytes."""
     expected = TYPE_SIZES[name]
     return (
         f"{name} size changed, may indicate binary incompatibility. "
@@ -76,7 +75,7 @@ def size_changed(name: str, more: int) -> str:
 
 
 def resized(name: str, more: int) -> str:
-    """The statement that puts a type whose size differs by `more` bytes in the place of one."""
+    """The statement that replaces a type with one whose size differs by `more` bytes."""
     size = TYPE_SIZES[name] + more
     module, _, kind = name.rpartition(".")
     if module == "builtins":
@@ -85,9 +84,9 @@ def resized(name: str, more: int) -> str:
 
 
 def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
-    """Imports with one set of spoilt siblings after the other, then with right ones.
+    """Import with each set of broken siblings, then with valid ones.
 
-    Each spoil is a list of statements; tells how each import went, and the last one.
+    Each set is a list of statements. Returns the result of each import and of the last one.
     """
     sandbox = SiblingSandbox()
     attempts = []
@@ -110,7 +109,7 @@ def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
 
 
 def failures(*spoils: list[str]) -> list[isolated.Error]:
-    """The errors of imports that fail, each in the way that every failing import does."""
+    """The errors of failing imports, after the checks that apply to each of them."""
     told = isolated.value(import_spoilt, *spoils)
     assert told["repaired"] == [isolated.MODULE, "new_cookie_id", {}]
     errors = []
@@ -129,7 +128,7 @@ def kinds_and_texts(*spoils: list[str]) -> list[tuple[str, str]]:
 
 
 def kind_and_text(*statements: str) -> tuple[str, str]:
-    """The same of a single import."""
+    """Type and text of the error of one failing import."""
     (told,) = kinds_and_texts([*statements])
     return told
 
@@ -178,7 +177,7 @@ def test_failing_step_fails_import_until_repaired(statement: str, kind: str, tex
 
 
 def test_import_steps_run_in_order() -> None:
-    # All faults at once, then one fewer each time; those of the builtins are made last.
+    # All faults together, then one fewer each time; builtins are broken last.
     statements = [statement for statement, _kind, _text in FAILURES]
     fewer = [statements[first:][::-1] for first in range(len(statements))]
     assert kinds_and_texts(*fewer) == [(kind, text) for _statement, kind, text in FAILURES]
@@ -287,7 +286,7 @@ def test_capi_item_of_wrong_signature_fails_import(
         (f"capsule(1, {right + b' '!r})", signature + " "),
         (f"capsule(1, {right[:-1]!r})", signature[:-1]),
         ("capsule(1, b'x' * 700)", "x" * 500),
-        # no capsule at all: its type is named
+        # not a capsule: the error names its type
         ("5", "int"),
         ("None", "NoneType"),
         ("len", "builtin_function_or_method"),
@@ -345,7 +344,7 @@ def test_imported_c_functions_are_called() -> None:
 
 
 def without(module: str, name: str) -> str:
-    """The statement that takes one name from a module."""
+    """The statement that deletes one name of a module."""
     if module in LIBRARY_MODULES:
         return f"siblings['{module}'] = without_attributes('{module}', '{name}')"
     return f"del siblings['{module}'].{name}"
@@ -395,7 +394,7 @@ def test_capi_item_lookup_error_fails_import(
 
 
 def names_after_failures(*spoils: str) -> list[list[str]]:
-    """The names that modules hold whose execution failed, in order; none of the functions."""
+    """The names that failed executions bound, in order, without the functions."""
     sandbox = SiblingSandbox()
     told = []
     for statement in spoils:
@@ -434,7 +433,7 @@ BINDINGS = [
 
 
 FAILING_STATEMENTS = [
-    # (what is spoilt, the first name that is not bound then)
+    # (statement that breaks a step, first name that is not bound then)
     ("siblings['util.string'] = None", "serial_number_ascii"),
     ("siblings['migbase.cmdbapi.cmdbapi_util'] = None", "serial_number_ascii"),
     ("siblings['binascii'] = None", "hexlify"),
@@ -594,7 +593,7 @@ def test_rejected_module_is_unchanged_and_first_stays() -> None:
 
 
 def act_during_execution(act: str) -> dict[str, Any]:
-    """Imports the module; at its import of `util.errors`, does what `act` names."""
+    """Import the module; during its import of `util.errors`, perform the act."""
     SiblingSandbox()
     early = create_module()  # before any execution, so another object
     seen: dict[str, Any] = {"times": 0, "error": None}
@@ -696,7 +695,7 @@ def test_import_after_failed_execution_is_new_module() -> None:
 
 
 def module_in_sys_modules(there_already: bool) -> list[object]:
-    """Executes a module that the import system did not put into `sys.modules`."""
+    """Execute a module that the import system did not add to `sys.modules`."""
     SiblingSandbox()
     other = ModuleType("other")
     if there_already:
@@ -762,7 +761,7 @@ def test_matching_python_version_gives_no_warning() -> None:
 
 
 def execute_under_another_release(filter_action: str) -> dict[str, Any]:
-    """Executes, twice, the module that meets an interpreter which calls itself 3.10.4."""
+    """Execute twice the module that finds another Python version at run time."""
     SiblingSandbox()
     told: dict[str, Any] = {"error": None}
     with warnings.catch_warnings(record=True) as caught:

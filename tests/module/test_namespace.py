@@ -1,4 +1,4 @@
-"""What the module's namespace holds: exactly these names, with these values, in this order."""
+"""The module's namespace: exactly these names, with these values, in this order."""
 
 from __future__ import annotations
 

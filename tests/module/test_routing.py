@@ -1,5 +1,5 @@
-"""The routing-table parser, in the native module and in its twin: header block, next hops, and the
-line of every statement that a malformed output fails at."""
+"""The routing-table parser of the module and of the reference model: header block, next hops, and
+the line of every statement that malformed output makes fail."""
 
 from __future__ import annotations
 
@@ -342,7 +342,7 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     assert is_increasing([375, *lines])
 
 
-# What is no text, and failures of the collaborators
+# Output that is not a string
 
 
 @pytest.mark.parametrize(

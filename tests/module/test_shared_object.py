@@ -1,5 +1,4 @@
-"""The file that ships: what it needs, what it exports, what it leaves to the process it is loaded
-into, and how it is built alone."""
+"""The released shared object: libraries, exported and undefined symbols, size, and build."""
 
 from __future__ import annotations
 
@@ -37,7 +36,7 @@ JSON_C = {"json_object_to_json_string"}
 
 # Libraries that a C program needs for the C library and its threads, by the start of their names.
 C_LIBRARY = re.compile(r"(libc|libpthread)\.so\.\d+")
-# What the compiler's start files refer to, if somebody has it.
+# Optional symbols that the compiler's start files refer to.
 START_FILES = {"__gmon_start__", "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable"}
 
 
@@ -71,7 +70,7 @@ def loaded(name: str) -> Path:
 
 
 def interpreter() -> Path:
-    """The file that holds the interpreter's C interface."""
+    """The file with the interpreter's C interface."""
     if sysconfig.get_config_var("Py_ENABLE_SHARED"):
         return loaded("libpython3.9")
     return Path("/proc/self/exe").resolve()
@@ -79,7 +78,7 @@ def interpreter() -> Path:
 
 @pytest.fixture(scope="module")
 def alone() -> Path:
-    """The product built alone; what the command prints last."""
+    """Build the module alone; return the last line of output."""
     kept = {
         name: value
         for name, value in os.environ.items()
@@ -106,7 +105,7 @@ MODULE_ALONE = pytest.param(
 
 @pytest.fixture(params=["staged", MODULE_ALONE])
 def product(request: pytest.FixtureRequest) -> Path:
-    """The product's file, both ways it is built; sanitizers need libraries of their own."""
+    """The module's file of both builds; a build with sanitizers needs additional libraries."""
     if request.param == "alone":
         path: Path = request.getfixturevalue("alone")
         return path
@@ -128,7 +127,7 @@ def test_file_name_has_extension_suffix(product: Path) -> None:
 
 
 # Whoever compiles it, the file fits into 64 KiB; with the compiler that it was measured with, into
-# a quarter of what Cython makes of the same functions.
+# a quarter of the size of the Cython module with the same functions.
 SMALL = 64 * 1024
 QUARTER = {("x86_64", "12"): 218_472 // 4}
 

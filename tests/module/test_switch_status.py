@@ -1,4 +1,4 @@
-"""The managed-switch queries: which request each kind of argument makes, and what is refused."""
+"""The managed-switch queries: the request for each kind of argument, and argument errors."""
 
 from __future__ import annotations
 

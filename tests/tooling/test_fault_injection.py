@@ -1,5 +1,5 @@
-"""The sweep of failing memory and the count of what runs, themselves: what they look at is all
-there is, and what is wrong is seen. The sweep is `make faults`, the count `make coverage`."""
+"""The tools of `make fault-injection` and `make coverage`: they cover every case and call site, and
+they report every finding."""
 
 from __future__ import annotations
 
@@ -148,7 +148,7 @@ def swept(*complaints: str) -> Swept:
 
 
 def verdict_of(results: list[Swept], failed: list[Failed], count: int = 1) -> tuple[int, str]:
-    """The exit status and what is printed."""
+    """Return the exit status and the output."""
     console = Console(file=io.StringIO(), width=200)
     wrong = [
         *report.points(console, report.progress(console, results, count), count),
@@ -186,7 +186,7 @@ def test_sweep_with_finding_fails(
     assert told.splitlines()[-1].endswith(": 1 WRONG")
 
 
-# What ran
+# Call-site coverage
 
 
 SOURCE = "int f(int a) {\n    if (a) return 1;\n    return a || never();\n    unreachable();\n}\n"

@@ -33,7 +33,7 @@ def without_comments(text: str) -> str:
 
 
 def without_literals(code: str) -> str:
-    """Code with the text of its string literals taken out."""
+    """Return code without the text of its string literals."""
     return re.sub(r'"(?:\\.|[^"\\\n])*"', '""', code)
 
 
@@ -49,7 +49,7 @@ def places(files: list[Path], pattern: str) -> list[str]:
 
 
 PRODUCT_SOURCES = sorted([*PRODUCT.rglob("*.cpp"), *PRODUCT.rglob("*.h")])
-# What runs once per process: here a name given as C text costs nothing that anybody notices.
+# These files run once per process: looking a name up by C string is cheap enough.
 ONCE = {"modules_util.cpp", "imports.cpp", "names.cpp"}
 REPEATED = [file for file in PRODUCT_SOURCES if file.name not in ONCE]
 
@@ -60,7 +60,7 @@ def test_module_sources_are_found() -> None:
     assert len(names) > 10
 
 
-# (what, pattern, why)
+# (construct, pattern, reason)
 FORBIDDEN_IN_THE_PRODUCT = [
     ("exceptions", r"\b(throw|try|catch)\b", "it is built without them"),
     ("run-time types", r"\b(dynamic_cast|typeid)\b", "it is built without them"),
@@ -147,7 +147,7 @@ TEXTS = [
 def test_string_literal_is_defined_once() -> None:
     sources = "\n".join(without_comments(file.read_text()) for file in PRODUCT_SOURCES)
     joined = re.sub(r'"\s*"', "", sources)  # as the compiler joins literals that follow each other
-    # The summary command of the BFD listing also begins its detail command.
+    # The summary command of the BFD neighbor list is also the prefix of its detail command.
     allowed = {text: {1, 2} if "bfd neighbor" in text else {1} for text in TEXTS}
     assert [text for text in TEXTS if joined.count(text) not in allowed[text]] == []
 
@@ -179,7 +179,7 @@ BLOCK = re.compile(r"\A/\*(.*?)\*/", re.DOTALL)
 
 
 def opening(file: Path) -> str:
-    """The words of the comment that a file opens with."""
+    """The words of a file's first comment."""
     c_family = file.suffix in {".cpp", ".c", ".h", ".js", ".css"}
     for pattern in (SLASH_LINES, BLOCK) if c_family else (DOCSTRING, HASH_LINES):
         found = pattern.match(file.read_text())

@@ -1,5 +1,5 @@
-"""What a call costs, in instructions and allocations, is what it was: a change that makes the
-module slower does not pass unseen, on however busy a machine."""
+"""Instruction and allocation counts of calls match the baseline, so that a slower module fails the
+tests even on a busy machine."""
 
 from __future__ import annotations
 
@@ -50,7 +50,7 @@ def figures() -> dict[str, float]:
 
 
 def counts(name: str = ARP, instructions: float = 1, allocations: float = 1) -> Counts:
-    """Counts as in the baseline, those of one workload times the factors given."""
+    """Counts of the baseline, with those of one workload multiplied by factors."""
     baseline = json.loads(regression.BASELINE.read_text())
     counted: Table = {}
     for each, figure in figures().items():
@@ -132,7 +132,7 @@ def test_growth_beyond_17_times_is_reported() -> None:
 
 
 def test_hostile_texts_have_counted_sizes() -> None:
-    """A text that stayed small would pass whatever the module does."""
+    """A text that does not grow would always pass."""
     for text in hostile.TEXTS:
         around = len(text.head) + len(text.tail)
         small, large = (len(text.output(size)) - around for size in hostile.SIZES)
