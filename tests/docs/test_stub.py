@@ -95,13 +95,13 @@ def test_stub_matches_cpp_function_table() -> None:
 # Parameters, as calls show them
 
 
-def refusal(function: Callable[..., object], *given: object, **named: object) -> str:
+def error_text(function: Callable[..., object], *given: object, **named: object) -> str:
     return str(raises_exactly(TypeError, function, *given, **named))
 
 
 @every_function
 def test_declared_kind_matches_keyword_handling(module: ModuleType, function: Function) -> None:
-    text = refusal(getattr(module, function.name), unheard_of=1)
+    text = error_text(getattr(module, function.name), unheard_of=1)
     if function.kind == "keywords":
         assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
     else:
@@ -110,7 +110,7 @@ def test_declared_kind_matches_keyword_handling(module: ModuleType, function: Fu
 
 @every_function
 def test_declared_parameter_count_matches_error(module: ModuleType, function: Function) -> None:
-    text = refusal(getattr(module, function.name), *range(9))
+    text = error_text(getattr(module, function.name), *range(9))
     words = {"no arguments": 0, "exactly one argument": 1}
     found = re.search(r"takes (no arguments|exactly one argument) \(9 given\)", text)
     if found is None:
@@ -125,7 +125,7 @@ def test_declared_parameter_count_matches_error(module: ModuleType, function: Fu
 @with_keywords
 def test_declared_name_is_accepted_as_keyword(module: ModuleType, function: Function) -> None:
     for parameter in function.parameters:
-        text = refusal(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
+        text = error_text(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
         assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
 
 
@@ -135,7 +135,7 @@ def test_parameter_without_default_is_required(module: ModuleType, function: Fun
     called = getattr(module, function.name)
     if function.kind == "keywords" and required:
         words = "exactly" if required == len(function.parameters) else "at least"
-        assert f" {words} {required} positional argument" in refusal(called)
+        assert f" {words} {required} positional argument" in error_text(called)
     elif function.kind == "keywords":
         called()
     else:
@@ -168,7 +168,7 @@ def test_declared_type_matches_type_check(module: ModuleType, function: Function
             continue
         arguments: list[object] = [None] * len(function.parameters)
         arguments[position] = 7
-        assert refusal(getattr(module, function.name), *arguments) == (
+        assert error_text(getattr(module, function.name), *arguments) == (
             f"Argument '{parameter.name}' has incorrect type (expected {parameter.type}, got int)"
         )
 
@@ -312,15 +312,15 @@ def test_stale_function_page_is_reported_and_rewritten(
 
 
 @pytest.mark.parametrize(
-    ("source", "told"),
+    ("source", "output"),
     [
         ("def f() -> int:\n    'Text.'\n", "line 1: f stands under no heading"),
         ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no text"),
         ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no text"),
     ],
 )
-def test_stub_without_headings_or_docs_is_rejected(source: str, told: str) -> None:
+def test_stub_without_headings_or_docs_is_rejected(source: str, output: str) -> None:
     assert (
         str(raises_exactly(generate_function_docs.FaceError, generate_function_docs.page, source))
-        == told
+        == output
     )

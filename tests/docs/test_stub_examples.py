@@ -105,15 +105,15 @@ SECRET = "8f4b1c2d" * 8
 
 
 @pytest.fixture
-def example_device(build: None) -> Iterator[Simulator]:
+def example_simulator(build: None) -> Iterator[Simulator]:
     """The simulator of the examples: the default scenario and the replies above."""
     with Simulator(live=False) as simulator:
         # The shared dictionary of sessions outlives a simulator.
         simulator.set_reply("get_cli_cmd_output", "")
         simulator.module.get_bfd_neighbor("").clear()
     with Simulator(DEFAULT_SCENARIO, live=False) as simulator:
-        for service, answer in ANSWERS.items():
-            simulator.set_reply(service, answer)
+        for service, reply in ANSWERS.items():
+            simulator.set_reply(service, reply)
         simulator.secret_path.write_text(SECRET)
         yield simulator
 
@@ -158,8 +158,8 @@ def assert_is(annotation: str, value: Any) -> None:
 
 
 @every_function
-def test_examples_give_documented_results(example_device: Simulator, function: Function) -> None:
-    simulator, module = example_device, example_device.module
+def test_examples_give_documented_results(example_simulator: Simulator, function: Function) -> None:
+    simulator, module = example_simulator, example_simulator.module
     if function.name in OUTPUTS:
         simulator.set_reply("get_cli_cmd_output", OUTPUTS[function.name])
     called = Kept(getattr(module, function.name))
@@ -202,11 +202,11 @@ def live_fields() -> list[Any]:
     ]
 
 
-@pytest.mark.parametrize(("example", "answer"), live_fields())
+@pytest.mark.parametrize(("example", "reply"), live_fields())
 def test_examples_have_fields_of_live_replies(
-    example: dict[str, Any], answer: Callable[[], list[Any]]
+    example: dict[str, Any], reply: Callable[[], list[Any]]
 ) -> None:
-    entries = answer()
+    entries = reply()
     if not entries:
         pytest.skip("this machine has no entry of the kind")
     assert list(example) == list(entries[0])

@@ -65,8 +65,7 @@ def test_command_output_is_decoded_with_charset(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize(
-    "before",
-    [[], [""], ["an Address", "address", "x y", "a b c d e"], ["get system arp\r", "\t"]],
+    "before", [[], [""], ["an Address", "address", "x y", "a b c d e"], ["get system arp\r", "\t"]]
 )
 @pytest.mark.parametrize(
     "header",
@@ -199,10 +198,7 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
 
 def test_function_lines_follow_routing_parser(native_cli: FakeCli) -> None:
     routing = "get_routing_table_result"
-    last = raises_exactly(
-        IndexError,
-        lambda: native_cli.parser.get_routing_table_result("a"),
-    )
+    last = raises_exactly(IndexError, lambda: native_cli.parser.get_routing_table_result("a"))
     assert (
         line(last, routing) < entry(raises_exactly(IndexError, result, native_cli, ""), FUNCTION)[1]
     )

@@ -10,13 +10,7 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import (
-    entry,
-    is_increasing,
-    line,
-    raises_exactly,
-    with_types,
-)
+from tests.support.assertions import entry, is_increasing, line, raises_exactly, with_types
 from tests.support.doubles import Failure, Recorder, RightAddable, StrSubclass, raiser
 from tests.support.fake_cli import FakeCli
 
@@ -239,9 +233,7 @@ def test_peer_line_after_short_one_starts_session(cli: FakeCli) -> None:
     assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_later_peer_line_logs_and_keeps_first_session(
-    cli: FakeCli,
-) -> None:
+def test_later_peer_line_logs_and_keeps_first_session(cli: FakeCli) -> None:
     sessions = parsed(
         cli,
         "peer A is B",
@@ -483,9 +475,7 @@ def test_arguments_by_keyword_are_accepted(cli: FakeCli) -> None:
     assert list(given) == ["A_B"]
 
 
-def test_known_session_is_merged_into_new_dictionary(
-    cli: FakeCli,
-) -> None:
+def test_known_session_is_merged_into_new_dictionary(cli: FakeCli) -> None:
     old = {"b": "old", "name": "old", "z": "old"}
     given: dict[str, Any] = {"A_B": old, "Z": {}}
     cli.set_output("echo", "peer A is B", "a: new", "b: new")
@@ -518,7 +508,7 @@ def test_calls_without_dictionary_share_one(cli: FakeCli) -> None:
     assert entry_["b"] == "1", "the merged entry is a new dictionary"
 
 
-class Mapping(MutableMapping):
+class RecordingMapping(MutableMapping):
     """A mapping that is not a dict and records its use."""
 
     def __init__(self, **items: Any) -> None:
@@ -547,7 +537,7 @@ class Mapping(MutableMapping):
         raise AssertionError("measured")
 
 
-class NotingDict(dict):
+class RecordingDict(dict):
     """A dict that records its use."""
 
     def __init__(self, **items: Any) -> None:
@@ -567,7 +557,7 @@ class NotingDict(dict):
         super().__setitem__(key, value)
 
 
-@pytest.mark.parametrize("kind", [Mapping, NotingDict])
+@pytest.mark.parametrize("kind", [RecordingMapping, RecordingDict])
 def test_mapping_is_filled_through_object_protocol(cli: FakeCli, kind: Any) -> None:
     cli.set_output("echo", "peer A is B", "a: 1")
     new = kind()
@@ -628,7 +618,7 @@ def test_known_session_of_pairs_is_merged(cli: FakeCli) -> None:
 def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
     error = Failure(step)
 
-    class Fails(NotingDict):
+    class Fails(RecordingDict):
         def __contains__(self, key: object) -> bool:
             if step == "contains":
                 raise error
@@ -766,7 +756,7 @@ def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
 # Memory, of the native module only
 
 
-def _starved() -> list[list[Any]]:
+def _parse_without_memory() -> list[list[Any]]:
     """Parse while the first, second, third … allocation fails, until no allocation fails.
 
     Returns the exception, the log and the fields of the session, if any, of each call.
@@ -776,7 +766,7 @@ def _starved() -> list[list[Any]]:
     from tests.support.doubles import RecordingLogger
     from veldarin_simulator import Simulator
 
-    told: list[list[Any]] = []
+    results: list[list[Any]] = []
     with Simulator(live=False) as simulator:
         module: Any = simulator.module
         output = "echo\npeer A is B\nx: 1\nLocal timers\na: 1\nb: 2\nc: 3\ny: 2\nz: 3"
@@ -794,10 +784,10 @@ def _starved() -> list[list[Any]]:
             finally:
                 _testcapi.remove_mem_hooks()
             fields = list(sessions["A_B"].items()) if "A_B" in sessions else None
-            told.append([raised, logger.debug_messages, fields])
+            results.append([raised, logger.debug_messages, fields])
             if raised is None and not logger.debug_messages:
                 break
-    return told
+    return results
 
 
 def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
@@ -805,11 +795,11 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
         *(("neighbor_ip", "A"), ("interface", "B"), ("name", "A_B"), ("x", "1")),
         *(("local_timers", {"a": "1", "b": "2", "c": "3"}), ("y", "2"), ("z", "3")),
     ]
-    *starved, well_fed = isolated.value(_starved)
-    assert [tuple(field) for field in well_fed[2]] == whole
-    logged_instead = [fields for raised, _, fields in starved if raised is None]
+    *failed, complete = isolated.value(_parse_without_memory)
+    assert [tuple(field) for field in complete[2]] == whole
+    logged_instead = [fields for raised, _, fields in failed if raised is None]
     assert len(logged_instead) >= 6
-    for raised, logged, fields in starved:
+    for raised, logged, fields in failed:
         if raised is not None:
             assert (raised, logged, fields) == ("MemoryError", [], None)
         else:

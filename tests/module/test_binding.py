@@ -21,12 +21,12 @@ def rows(*kinds: str) -> Any:
     return pytest.mark.parametrize("function", chosen, ids=lambda row: row.name)
 
 
-def refused(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
+def call_error(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
     """The `TypeError` of a call; the lambda passes keywords that are not strings."""
     return raises_exactly(TypeError, lambda: function(*args, **kwargs))
 
 
-def refusal(
+def error_text(
     module: ModuleType,
     function: Function | str,
     args: Iterable[Any] = (),
@@ -34,7 +34,7 @@ def refusal(
 ) -> str:
     """The text of the `TypeError` that the call raises."""
     name = function if isinstance(function, str) else function.name
-    return str(refused(getattr(module, name), args, kwargs))
+    return str(call_error(getattr(module, name), args, kwargs))
 
 
 # Functions without parameters and functions of one argument: the interpreter's own rules.
@@ -45,7 +45,7 @@ def refusal(
 def test_no_args_function_rejects_arguments(
     module: ModuleType, function: Function, given: int
 ) -> None:
-    assert refusal(module, function, range(given)) == (
+    assert error_text(module, function, range(given)) == (
         f"{function.qualified}() takes no arguments ({given} given)"
     )
 
@@ -55,7 +55,7 @@ def test_no_args_function_rejects_arguments(
 def test_one_arg_function_takes_exactly_one(
     module: ModuleType, function: Function, given: int
 ) -> None:
-    assert refusal(module, function, range(given)) == (
+    assert error_text(module, function, range(given)) == (
         f"{function.qualified}() takes exactly one argument ({given} given)"
     )
 
@@ -63,7 +63,7 @@ def test_one_arg_function_takes_exactly_one(
 @rows("one")
 def test_one_arg_function_rejects_keyword(module: ModuleType, function: Function) -> None:
     (parameter,) = function.parameters
-    assert refusal(module, function, (), {parameter.name: None}) == (
+    assert error_text(module, function, (), {parameter.name: None}) == (
         f"{function.qualified}() takes no keyword arguments"
     )
 
@@ -73,7 +73,7 @@ def test_one_arg_function_rejects_keyword(module: ModuleType, function: Function
 def test_keywords_are_rejected_before_arguments_are_counted(
     module: ModuleType, function: Function, positional: int
 ) -> None:
-    assert refusal(module, function, range(positional), {"other": 1}) == (
+    assert error_text(module, function, range(positional), {"other": 1}) == (
         f"{function.qualified}() takes no keyword arguments"
     )
 
@@ -92,7 +92,7 @@ def test_interpreter_argument_error_has_no_module_entry(
     module: ModuleType, function: Function
 ) -> None:
     for args, kwargs in [((1, 2), {}), ((), {"other": 1})]:
-        error = refused(getattr(module, function.name), args, kwargs)
+        error = call_error(getattr(module, function.name), args, kwargs)
         assert traceback_entries(error.__traceback__) == []
 
 
@@ -101,8 +101,8 @@ def test_rejected_call_makes_no_native_call(
     simulator: Simulator, module: ModuleType, function: Function
 ) -> None:
     many = range(5)
-    refusal(module, function, many)
-    refusal(module, function, many, {"other": 1})
+    error_text(module, function, many)
+    error_text(module, function, many, {"other": 1})
     assert simulator.call_log == []
 
 
@@ -137,7 +137,7 @@ def count_error(name: str, words: str, bound: int, given: int) -> str:
 def test_wrong_argument_count_raises_type_error(
     module: ModuleType, name: str, given: int, words: str, bound: int
 ) -> None:
-    assert refusal(module, name, [ANY] * given) == count_error(name, words, bound, given)
+    assert error_text(module, name, [ANY] * given) == count_error(name, words, bound, given)
 
 
 @pytest.mark.parametrize(
@@ -149,7 +149,7 @@ def test_too_many_arguments_are_rejected_before_keywords(
     keyword: object
     for keyword in (NAMED[name].parameters[0].name, "other", 7):
         keywords = {keyword: 1}
-        assert refusal(module, name, [ANY] * given, keywords) == (
+        assert error_text(module, name, [ANY] * given, keywords) == (
             count_error(name, words, bound, given)
         )
 
@@ -165,7 +165,7 @@ def test_too_many_arguments_are_rejected_before_keywords(
 def test_missing_argument_raises_positional_count_error(
     module: ModuleType, name: str, args: Any, kwargs: Any, words: str, bound: int
 ) -> None:
-    assert refusal(module, name, args, kwargs) == count_error(name, words, bound, len(args))
+    assert error_text(module, name, args, kwargs) == count_error(name, words, bound, len(args))
 
 
 # Functions with keywords: the keywords.
@@ -222,7 +222,7 @@ def test_unknown_keyword_is_named_in_error(
     module: ModuleType, function: Function, keyword: str
 ) -> None:
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
-    assert refusal(module, function, (), {**bound, keyword: 1}) == unexpected(
+    assert error_text(module, function, (), {**bound, keyword: 1}) == unexpected(
         function.name, keyword
     )
 
@@ -237,7 +237,7 @@ def test_non_str_keyword_raises_type_error(
     module: ModuleType, function: Function, keyword: Any
 ) -> None:
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
-    assert refusal(module, function, (), {**bound, keyword: 1}) == not_strings(function.name)
+    assert error_text(module, function, (), {**bound, keyword: 1}) == not_strings(function.name)
 
 
 @rows("keywords")
@@ -249,7 +249,7 @@ def test_parameter_bound_twice_raises_type_error(
     for parameter in function.parameters:
         positional.append(None)
         keyword = kind(parameter.name)
-        assert refusal(module, function, positional, {keyword: None}) == (
+        assert error_text(module, function, positional, {keyword: None}) == (
             multiple(function.name, parameter.name)
         )
 
@@ -316,7 +316,7 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
 def test_first_failed_check_is_reported(
     module: ModuleType, name: str, args: Any, kwargs: Any, text: str
 ) -> None:
-    assert refusal(module, name, args, kwargs) == text
+    assert error_text(module, name, args, kwargs) == text
 
 
 @rows("keywords")
@@ -332,7 +332,7 @@ def test_binding_error_has_one_entry_at_first_line(module: ModuleType, function:
         faulty += [((), {}), ((), {function.parameters[1].name: None})]
     low, high = function.first_line
     for args, kwargs in faulty:
-        error = refused(getattr(module, function.name), args, kwargs)
+        error = call_error(getattr(module, function.name), args, kwargs)
         (entry,) = traceback_entries(error.__traceback__)
         assert entry == Entry(function.name, entry.first_line, entry.first_line)
         assert low <= entry.first_line <= high
@@ -446,7 +446,7 @@ def test_keyword_dictionary_of_caller_is_unchanged(module: ModuleType) -> None:
     module.switch_acl_egress_counter(**keywords)
     assert keywords == {"policy_id": 7}
     faulty = {"policy_id": 7, "other": 1}
-    refusal(module, "switch_acl_egress_counter", (), faulty)
+    error_text(module, "switch_acl_egress_counter", (), faulty)
     assert faulty == {"policy_id": 7, "other": 1}
 
 
@@ -534,7 +534,7 @@ def test_type_name_in_error_is_cut_at_200_characters(
     module: ModuleType, function: Function, position: int
 ) -> None:
     value = of_type_named(LONG)
-    text = refusal(module, function, arguments_around(function, position, value))
+    text = error_text(module, function, arguments_around(function, position, value))
     assert text.endswith(f", got {LONG[:200]})")
 
 
@@ -551,7 +551,7 @@ NONE_REFUSED = {
 def test_none_for_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, name: str, text: str
 ) -> None:
-    assert refusal(module, name, [None]) == text
+    assert error_text(module, name, [None]) == text
     assert simulator.call_log == []
 
 

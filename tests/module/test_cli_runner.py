@@ -96,10 +96,7 @@ def test_none_command_fails_in_encoding(simulator: Simulator, module: ModuleType
     assert sent(simulator) == []
 
 
-@pytest.mark.parametrize(
-    "command",
-    ["plain", None],
-)
+@pytest.mark.parametrize("command", ["plain", None])
 def test_command_is_encoded_with_charset(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: str | None
 ) -> None:
@@ -132,10 +129,7 @@ def test_encoded_bytes_or_bytearray_is_accepted(
 
 @pytest.mark.parametrize("kind", [bytes, bytearray])
 def test_encoded_command_is_released_before_native_call(
-    simulator: Simulator,
-    module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
-    kind: type[bytes],
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, kind: type[bytes]
 ) -> None:
     events: list[object] = []
 
@@ -143,12 +137,12 @@ def test_encoded_command_is_released_before_native_call(
         def __del__(self) -> None:
             events.append("dropped")
 
-    def answer(command: bytes) -> str:
+    def reply(command: bytes) -> str:
         events.append(command)
         return "output"
 
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: Encoded(b"encoded"))
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     module.get_cli_command_output("command")
     assert events == ["dropped", b"encoded"]
 
@@ -231,14 +225,14 @@ def test_decoder_gets_bytes_up_to_nul_and_charset(
 def test_charset_is_looked_up_for_each_conversion(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    def answer(command: bytes) -> bytes:
+    def reply(command: bytes) -> bytes:
         monkeypatch.setattr(module, "_CHARSET", "utf-16-le")
         return b"o"  # and its NUL ends the text
 
     decode = Recorder(lambda value, encoding: encoding)
     monkeypatch.setattr(module, "_CHARSET", "latin-1")
     monkeypatch.setattr(module, "text_", decode)
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     assert module.get_cli_command_output("\u00e9") == "utf-16-le"
     assert sent(simulator) == [b"\xe9"]
 
@@ -327,10 +321,10 @@ def test_error_class_is_looked_up_at_failure(
     class Other(Exception):
         pass
 
-    def answer(command: bytes) -> None:
+    def reply(command: bytes) -> None:
         monkeypatch.setattr(module, "CFunctionError", Other)
 
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     error = raises_exactly(Other, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
 
@@ -447,11 +441,11 @@ def test_missing_global_raises_name_error(
 def test_charset_missing_at_decoding_frees_buffer(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    def answer(command: bytes) -> str:
+    def reply(command: bytes) -> str:
         monkeypatch.delattr(module, "_CHARSET")
         return "output"
 
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == "name '_CHARSET' is not defined"
     assert simulator.live_objects.text_buffers == 0

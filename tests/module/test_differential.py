@@ -398,7 +398,7 @@ entries = st.fixed_dictionaries(
 whole_entries = st.fixed_dictionaries(
     {"neighbor_ip": words, "interface": words}, optional={"zebra_notifications": words}
 )
-neighbor_answers: st.SearchStrategy[Any] = st.one_of(
+neighbor_replies: st.SearchStrategy[Any] = st.one_of(
     st.dictionaries(st.sampled_from(["k", "l", "m"]), whole_entries, max_size=3),
     st.dictionaries(st.sampled_from(["k", "l", "m"]), st.one_of(entries, whole_entries)),
     st.sampled_from([None, 5, [], [("k", {})], {5: {}}, {"k": None}, {"k": "text"}, "ab", ()]),
@@ -407,22 +407,22 @@ neighbor_answers: st.SearchStrategy[Any] = st.one_of(
 
 
 @compared
-@given(st.lists(neighbor_answers, min_size=2, max_size=8))
-def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, answers: list[Any]) -> None:
+@given(st.lists(neighbor_replies, min_size=2, max_size=8))
+def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, replies: list[Any]) -> None:
     pair.print("")
     for cli in (pair.native, pair.reference):
         calls: list[object] = []
-        cli.patch("get_bfd_neighbor", _answering(calls, answers))
+        cli.patch("get_bfd_neighbor", _answering(calls, replies))
     pair.check("list_bfd_neighbor")
 
 
-def _answering(calls: list[object], answers: list[Any]) -> Callable[..., object]:
+def _answering(calls: list[object], replies: list[Any]) -> Callable[..., object]:
     def get_bfd_neighbor(*args: Any) -> object:
         calls.append(args)
-        answer = answers[min(len(calls), len(answers)) - 1]
-        if isinstance(answer, BaseException):
-            raise answer
-        return answer
+        reply = replies[min(len(calls), len(replies)) - 1]
+        if isinstance(reply, BaseException):
+            raise reply
+        return reply
 
     return get_bfd_neighbor
 
@@ -465,14 +465,7 @@ CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
 @pytest.mark.parametrize(
     "function, arguments, before, template, tried, size",
     [
-        (
-            "get_system_arp_result",
-            [],
-            ["Address"],
-            "?a?b c d?e f g?",
-            BLANKS_AND_OTHERS,
-            len,
-        ),
+        ("get_system_arp_result", [], ["Address"], "?a?b c d?e f g?", BLANKS_AND_OTHERS, len),
         (
             "get_routing_table_result",
             ["a"],

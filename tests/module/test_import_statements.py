@@ -29,7 +29,7 @@ STATEMENTS = [
 ]
 
 
-def outcomes(statements: list[str], *spoils: str) -> list[Any]:
+def outcomes(statements: list[str], *breaks: str) -> list[Any]:
     """Run the statements in Python with broken siblings, then the module's execution.
 
     Each outcome is the error's type, text, cause, context, name and path, or None, and the values
@@ -43,7 +43,7 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
 
     def outcome(run: Any, namespace: Any) -> list[Any]:
         before = dict(sys.modules)
-        sandbox.break_("\n".join(spoils))
+        sandbox.break_("\n".join(breaks))
         error: Any = None
         try:
             run()
@@ -83,7 +83,7 @@ PATH = "/somewhere/a.py"
 FILE = f"m.__file__ = {PATH!r}"
 INITIALIZING = "m.__spec__ = __import__('types').SimpleNamespace(_initializing={})"
 
-SPOILT = {
+BROKEN = {
     "unknown location": [],
     "file": [FILE],
     "file that is not a str": ["m.__file__ = 5"],
@@ -122,15 +122,15 @@ BOUND = {
 }
 
 
-@pytest.mark.parametrize("label", SPOILT)
+@pytest.mark.parametrize("label", BROKEN)
 @pytest.mark.parametrize(
     "module, name", [("util.errors", "CFunctionError"), ("pyramid.compat", "text_")]
 )
 def test_from_import_of_broken_sibling_ends_as_in_python(
     module: str, name: str, label: str
 ) -> None:
-    spoils = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *SPOILT[label]]
-    rows = [spoil.replace("{name}", name).replace("{module}", module) for spoil in spoils]
+    breaks = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *BROKEN[label]]
+    rows = [breaks.replace("{name}", name).replace("{module}", module) for breaks in breaks]
     expected, found = isolated.value(outcomes, STATEMENTS, *rows)
     assert found == expected
     error, bound = expected
@@ -161,7 +161,7 @@ def test_each_statement_fails_as_in_python(module: str, missing: str) -> None:
 
 
 def test_circular_import_error_has_text_name_and_path() -> None:
-    rows = [BARE.format("os", "os"), *SPOILT["partially initialized"]]
+    rows = [BARE.format("os", "os"), *BROKEN["partially initialized"]]
     (error, _bound), found = isolated.value(outcomes, STATEMENTS, *rows)
     assert found == [error, _bound]
     assert error == [
@@ -180,12 +180,12 @@ def test_submodule_is_imported_from_its_package(tmp_path: Any) -> None:
     package.mkdir()
     for name in ("__init__", "bytes_", "text_"):
         package.joinpath(f"{name}.py").write_text("")
-    spoil = [
+    breaks = [
         f"sys.path.insert(0, {str(tmp_path)!r})",
         "m = siblings['pyramid.compat'] = importlib.import_module('compat')",
         "m.__name__ = m.__spec__.name = 'pyramid.compat'",
     ]
-    expected, found = isolated.value(outcomes, STATEMENTS, *spoil)
+    expected, found = isolated.value(outcomes, STATEMENTS, *breaks)
     assert found == expected
     error, bound = expected
     assert error is None

@@ -209,10 +209,10 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     tracked_objects = [MODULE, sys, sys.modules, *permanent_objects(), *imported, *held]
     kept = len(fake_siblings._kept)
 
-    def attempt(spoils: list[str]) -> None:
+    def attempt(breaks: list[str]) -> None:
         modules = dict(sys.modules)
         with warnings.catch_warnings():
-            sandbox.break_(*spoils)
+            sandbox.break_(*breaks)
             module = create_module()
             try:
                 _imp.exec_dynamic(module)
@@ -223,7 +223,7 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
                 del fake_siblings._kept[kept:]
                 sys.modules.clear()
                 sys.modules.update(modules)
-        raise AssertionError(f"goes through: {spoils}")
+        raise AssertionError(f"goes through: {breaks}")
 
     def counts() -> array[int]:  # an array holds no references, unlike a list
         gc.collect()
@@ -231,32 +231,32 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
         blocks, objects = sys.getallocatedblocks(), len(gc.get_objects())
         return array("q", [blocks, objects, *map(sys.getrefcount, tracked_objects)])
 
-    def grown(spoils: list[str]) -> list[int]:
+    def grown(breaks: list[str]) -> list[int]:
         before = counts()
         for _ in range(times):
-            attempt(spoils)
+            attempt(breaks)
         return [round((now - then) / times) for now, then in zip(counts(), before)]
 
     gc.collect()
     gc.freeze()
-    told: list[list[object]] = []
+    results: list[list[object]] = []
     times = 24
-    for label, spoils in cases:
-        grown(spoils)
-        found = grown(spoils)
+    for label, breaks in cases:
+        grown(breaks)
+        found = grown(breaks)
         for _ in range(2):
             if any(found):  # a leak repeats; occasional allocations of the interpreter do not
-                found = [min(pair, key=abs) for pair in zip(found, grown(spoils))]
+                found = [min(pair, key=abs) for pair in zip(found, grown(breaks))]
         blocks, objects, *references = found
         more = {repr(item)[:60]: n for item, n in zip(tracked_objects, references) if n}
-        told.append([label, blocks, objects, more])
-    return told
+        results.append([label, blocks, objects, more])
+    return results
 
 
 def test_failed_import_leaks_nothing() -> None:
-    spoilt = [case for case in imports.CASES if case.spoils and case.path == isolated.MODULE_PATH]
-    assert len(spoilt) > 60
-    found = isolated.value(repeat_failing_imports, [(case.label, case.spoils) for case in spoilt])
+    broken = [case for case in imports.CASES if case.spoils and case.path == isolated.MODULE_PATH]
+    assert len(broken) > 60
+    found = isolated.value(repeat_failing_imports, [(case.label, case.spoils) for case in broken])
     assert [row for row in found if row[1:] != [0, 0, {}]] == []
 
 

@@ -372,10 +372,7 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         ("failed import", "import of util.json halted; None in sys.modules"),
     ],
 )
-def test_second_interpreter_raises_import_error(
-    first: str,
-    seen: str,
-) -> None:
+def test_second_interpreter_raises_import_error(first: str, seen: str) -> None:
     assert isolated.value(load_in_two_interpreters, first) == [
         seen,
         f"ImportError: {INTERPRETER_CHANGE}",

@@ -32,12 +32,7 @@ INIT = f"init {isolated.MODULE}"
 # (module, item, "variable" or "function", signature) of each C-level import.
 C_IMPORTS = [
     ("migbase.migbase", "WARM_START_PATH", "variable", "char *"),
-    (
-        "veldarin.modules.modules",
-        "get_preference_cookie_secret_path",
-        "function",
-        "char *(void)",
-    ),
+    ("veldarin.modules.modules", "get_preference_cookie_secret_path", "function", "char *(void)"),
     ("util.string", "strtcpy", "function", "int (char *, int, char const *)"),
 ]
 
@@ -83,14 +78,14 @@ def resized(name: str, more: int) -> str:
     return f"siblings['{module}'].{kind} = json_object({size})"
 
 
-def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
+def import_broken(*breaks: list[str]) -> dict[str, Any]:
     """Import with each set of broken siblings, then with valid ones.
 
     Each set is a list of statements. Returns the result of each import and of the last one.
     """
     sandbox = SiblingSandbox()
     attempts = []
-    for statements in spoils:
+    for statements in breaks:
         error = None
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
@@ -108,13 +103,13 @@ def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
     return {"attempts": attempts, "repaired": repaired}
 
 
-def failures(*spoils: list[str]) -> list[isolated.Error]:
+def failures(*breaks: list[str]) -> list[isolated.Error]:
     """The errors of failing imports, after the checks that apply to each of them."""
-    told = isolated.value(import_spoilt, *spoils)
-    assert told["repaired"] == [isolated.MODULE, "new_cookie_id", {}]
+    result = isolated.value(import_broken, *breaks)
+    assert result["repaired"] == [isolated.MODULE, "new_cookie_id", {}]
     errors = []
-    for spoil, attempt in zip(spoils, told["attempts"]):
-        assert attempt["error"] is not None, f"the import went through: {spoil}"
+    for statements, attempt in zip(breaks, result["attempts"]):
+        assert attempt["error"] is not None, f"the import went through: {statements}"
         error = isolated.Error.of(attempt["error"])
         assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
         assert (attempt["warned"], attempt["left behind"]) == ([], False)
@@ -122,15 +117,15 @@ def failures(*spoils: list[str]) -> list[isolated.Error]:
     return errors
 
 
-def kinds_and_texts(*spoils: list[str]) -> list[tuple[str, str]]:
+def kinds_and_texts(*breaks: list[str]) -> list[tuple[str, str]]:
     """Type and text of the errors of imports that fail."""
-    return [(error.type, error.text) for error in failures(*spoils)]
+    return [(error.type, error.text) for error in failures(*breaks)]
 
 
 def kind_and_text(*statements: str) -> tuple[str, str]:
     """Type and text of the error of one failing import."""
-    (told,) = kinds_and_texts([*statements])
-    return told
+    (result,) = kinds_and_texts([*statements])
+    return result
 
 
 # Each statement breaks what one step needs; the rows follow the order of the steps.
@@ -189,7 +184,7 @@ def test_import_steps_run_in_order() -> None:
 @pytest.mark.parametrize("name", TYPE_SIZES)
 @pytest.mark.parametrize("more", [1, 10])
 def test_larger_type_warns_and_import_succeeds(name: str, more: int) -> None:
-    (attempt,) = isolated.value(import_spoilt, [resized(name, more * POINTER)])["attempts"]
+    (attempt,) = isolated.value(import_broken, [resized(name, more * POINTER)])["attempts"]
     assert attempt["error"] is None
     assert attempt["warned"] == [["RuntimeWarning", size_changed(name, more * POINTER)]]
 
@@ -202,29 +197,21 @@ def test_size_warning_as_error_fails_import() -> None:
 
 
 def test_expected_sizes_give_no_warning() -> None:
-    (attempt,) = isolated.value(import_spoilt, [])["attempts"]
+    (attempt,) = isolated.value(import_broken, [])["attempts"]
     assert (attempt["error"], attempt["warned"]) == (None, [])
 
 
 @pytest.mark.parametrize(
     ("statement", "kind", "text"),
     [
-        (
-            "siblings['util.json'] = None",
-            "ModuleNotFoundError",
-            MISSING.format("util.json"),
-        ),
+        ("siblings['util.json'] = None", "ModuleNotFoundError", MISSING.format("util.json")),
         (
             "del siblings['util.json'].JSONObject",
             "AttributeError",
             "module 'util.json' has no attribute 'JSONObject'",
         ),
         ("del builtins.complex", "AttributeError", "module 'builtins' has no attribute 'complex'"),
-        (
-            "del siblings['util.json'].JSONObject.__pyx_vtable__",
-            "KeyError",
-            "'__pyx_vtable__'",
-        ),
+        ("del siblings['util.json'].JSONObject.__pyx_vtable__", "KeyError", "'__pyx_vtable__'"),
     ],
 )
 def test_missing_type_or_vtable_raises_interpreter_error(
@@ -291,12 +278,12 @@ def test_capi_item_of_wrong_signature_fails_import(
         ("None", "NoneType"),
         ("len", "builtin_function_or_method"),
     ]
-    spoils = [
+    breaks = [
         [f"siblings['{module}'].__pyx_capi__['{item}'] = {exported}"]
         for exported, _got in exported_and_got
     ]
     wrong = f"C {kind} {module}.{item} has wrong signature"
-    assert kinds_and_texts(*spoils) == [
+    assert kinds_and_texts(*breaks) == [
         ("TypeError", f"{wrong} (expected {signature}, got {got})")
         for _exported, got in exported_and_got
     ]
@@ -393,21 +380,21 @@ def test_capi_item_lookup_error_fails_import(
     assert kind_and_text(statement) == ("OSError", "no comparison")
 
 
-def names_after_failures(*spoils: str) -> list[list[str]]:
+def names_after_failures(*breaks: str) -> list[list[str]]:
     """The names that failed executions bound, in order, without the functions."""
     sandbox = SiblingSandbox()
-    told = []
-    for statement in spoils:
+    result = []
+    for statement in breaks:
         module = create_module()
         before = {*vars(module), "__builtins__"}
         sandbox.break_(statement)
         try:
             module.__loader__.exec_module(module)
         except Exception:
-            told.append([name for name in vars(module) if name not in before])
+            result.append([name for name in vars(module) if name not in before])
         finally:
             sandbox.restore()
-    return told
+    return result
 
 
 BINDINGS = [
@@ -529,9 +516,7 @@ def test_module_level_calls_read_current_globals(statement: str, name: str, made
 
 
 @pytest.mark.parametrize("name", ["getLogger", "Lock", "namedtuple"])
-def test_deleted_global_raises_name_error_in_import(
-    name: str,
-) -> None:
+def test_deleted_global_raises_name_error_in_import(name: str) -> None:
     error = isolated.error(import_with_other_globals, f"del module['{name}']", "_logger")
     assert (error.type, error.text) == ("NameError", f"name '{name}' is not defined")
     assert len(error.entries_of(INIT)) == 1
@@ -628,14 +613,7 @@ def act_during_execution(act: str) -> dict[str, Any]:
 def test_nested_execution_or_creation_changes_nothing(act: str) -> None:
     seen = isolated.value(act_during_execution, act)
     same = {"same": True} if act == "create" else {}
-    assert seen == {
-        "times": 1,
-        "error": None,
-        "added": [],
-        "early": [],
-        "complete": True,
-        **same,
-    }
+    assert seen == {"times": 1, "error": None, "added": [], "early": [], "complete": True, **same}
 
 
 def test_other_module_during_execution_raises() -> None:
@@ -763,7 +741,7 @@ def test_matching_python_version_gives_no_warning() -> None:
 def execute_under_another_release(filter_action: str) -> dict[str, Any]:
     """Execute twice the module that finds another Python version at run time."""
     SiblingSandbox()
-    told: dict[str, Any] = {"error": None}
+    result: dict[str, Any] = {"error": None}
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter(filter_action)  # type: ignore[arg-type]
         module = create_module(path=WRONG_PYTHON_MODULE)
@@ -771,40 +749,40 @@ def execute_under_another_release(filter_action: str) -> dict[str, Any]:
             exec_module(module)
             exec_module(module)
         except Exception as error:
-            told["error"] = encode_exception(error)
-    told["warnings"] = [[warning.category.__name__, str(warning.message)] for warning in caught]
-    told["bound"] = [name for name in ("__builtins__", "_CHARSET") if hasattr(module, name)]
-    told["in sys.modules"] = MODULE in sys.modules
-    return told
+            result["error"] = encode_exception(error)
+    result["warnings"] = [[warning.category.__name__, str(warning.message)] for warning in caught]
+    result["bound"] = [name for name in ("__builtins__", "_CHARSET") if hasattr(module, name)]
+    result["in sys.modules"] = MODULE in sys.modules
+    return result
 
 
 def test_other_python_version_warns_once() -> None:
-    told = isolated.value(execute_under_another_release, "always")
-    assert told["error"] is None
-    assert told["warnings"] == [["RuntimeWarning", VERSION_TEXT]]
-    assert told["bound"] == ["__builtins__", "_CHARSET"]
+    result = isolated.value(execute_under_another_release, "always")
+    assert result["error"] is None
+    assert result["warnings"] == [["RuntimeWarning", VERSION_TEXT]]
+    assert result["bound"] == ["__builtins__", "_CHARSET"]
 
 
 @pytest.mark.parametrize(
-    ("said", "warned"),
+    ("version", "warned"),
     [("4.9.0", ["4.9"]), ("3.9.0", []), ("3x9 what follows", []), ("2.7", ["2.7"])],
 )
 def test_version_check_compares_two_characters(
-    monkeypatch: pytest.MonkeyPatch, said: str, warned: list[str]
+    monkeypatch: pytest.MonkeyPatch, version: str, warned: list[str]
 ) -> None:
-    monkeypatch.setenv("SEEMING_VERSION", said)
-    told = isolated.value(execute_under_another_release, "always")
-    assert told["warnings"] == [
+    monkeypatch.setenv("SEEMING_VERSION", version)
+    result = isolated.value(execute_under_another_release, "always")
+    assert result["warnings"] == [
         ["RuntimeWarning", VERSION_TEXT.replace("3.1", kept)] for kept in warned
     ]
 
 
 def test_version_warning_as_error_fails_import_first() -> None:
-    told = isolated.value(execute_under_another_release, "error")
-    error = isolated.Error.of(told["error"])
+    result = isolated.value(execute_under_another_release, "error")
+    error = isolated.Error.of(result["error"])
     assert (error.type, error.text) == ("RuntimeWarning", VERSION_TEXT)
     assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
-    assert (told["bound"], told["in sys.modules"]) == ([], False)
+    assert (result["bound"], result["in sys.modules"]) == ([], False)
 
 
 def test_version_warning_points_at_importing_code() -> None:

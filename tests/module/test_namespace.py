@@ -181,9 +181,7 @@ def test_counters_module_is_importing_module() -> None:
     assert isolated.value(import_normally) == ["importlib._bootstrap", "not pickled"]
 
 
-def test_only_table_functions_belong_to_module(
-    module: ModuleType,
-) -> None:
+def test_only_table_functions_belong_to_module(module: ModuleType) -> None:
     own = [
         name
         for name, held in vars(module).items()

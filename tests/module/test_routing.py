@@ -65,10 +65,7 @@ def test_entry_with_next_hops_is_parsed(cli: FakeCli) -> None:
     )
     expected = {
         **PLAIN,
-        "table": [
-            route("*", "198.51.100.1", "port1"),
-            route("directly", "connected", "port2"),
-        ],
+        "table": [route("*", "198.51.100.1", "port1"), route("directly", "connected", "port2")],
     }
     assert with_types(parsed) == with_types(expected)
 
@@ -266,14 +263,7 @@ MALFORMED = [
             [HEADER, "a, \u2028x\x1f ,b c,d", UPDATE],
         ],
     ),
-    (
-        "metric",
-        [
-            [HEADER, "a,b c"],
-            [HEADER, "a,b c,one"],
-            [HEADER, "a,b c,,d", UPDATE],
-        ],
-    ),
+    ("metric", [[HEADER, "a,b c"], [HEADER, "a,b c,one"], [HEADER, "a,b c,,d", UPDATE]]),
     (
         "lastUpdate",
         [[HEADER, INFO], [HEADER, INFO, ""], [HEADER, INFO, "a b"], [HEADER, "a,b c,d e"]],

@@ -104,7 +104,7 @@ MODULE_ALONE = pytest.param(
 
 
 @pytest.fixture(params=["staged", MODULE_ALONE])
-def product(request: pytest.FixtureRequest) -> Path:
+def module_file(request: pytest.FixtureRequest) -> Path:
     """The module's file of both builds; a build with sanitizers needs additional libraries."""
     if request.param == "alone":
         path: Path = request.getfixturevalue("alone")
@@ -121,9 +121,9 @@ def test_make_module_prints_path_last(alone: Path) -> None:
     assert alone.read_bytes()[:4] == b"\x7fELF"
 
 
-def test_file_name_has_extension_suffix(product: Path) -> None:
-    assert product.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
-    assert product.name.startswith("modules_util.cpython-39-")
+def test_file_name_has_extension_suffix(module_file: Path) -> None:
+    assert module_file.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
+    assert module_file.name.startswith("modules_util.cpython-39-")
 
 
 # Whoever compiles it, the file fits into 64 KiB; with the compiler that it was measured with, into
@@ -148,18 +148,18 @@ def test_release_file_is_quarter_of_cython_module(alone: Path) -> None:
     assert alone.stat().st_size <= peers[0].stat().st_size / 4
 
 
-def test_only_c_library_is_needed(product: Path) -> None:
-    libraries = needed(product)
+def test_only_c_library_is_needed(module_file: Path) -> None:
+    libraries = needed(module_file)
     assert libraries
     assert [name for name in libraries if not C_LIBRARY.fullmatch(name)] == []
 
 
-def test_entry_point_is_only_export(product: Path) -> None:
-    assert symbols(product, "--defined-only") == {"PyInit_modules_util"}
+def test_entry_point_is_only_export(module_file: Path) -> None:
+    assert symbols(module_file, "--defined-only") == {"PyInit_modules_util"}
 
 
-def test_undefined_symbols_belong_to_known_libraries(product: Path) -> None:
-    undefined = symbols(product, "--undefined-only")
+def test_undefined_symbols_belong_to_known_libraries(module_file: Path) -> None:
+    undefined = symbols(module_file, "--undefined-only")
     of_interpreter = {
         name for name in symbols(interpreter(), "--defined-only") if re.match("_?Py", name)
     }
@@ -170,14 +170,14 @@ def test_undefined_symbols_belong_to_known_libraries(product: Path) -> None:
     assert undefined - somebodys == set()
 
 
-def test_native_services_are_undefined_symbols(product: Path) -> None:
-    undefined = symbols(product, "--undefined-only")
+def test_native_services_are_undefined_symbols(module_file: Path) -> None:
+    undefined = symbols(module_file, "--undefined-only")
     assert NATIVE_SERVICES - undefined == set()
     assert JSON_C - undefined == set()
 
 
-def test_no_cpp_runtime_symbol_is_referenced(product: Path) -> None:
-    undefined = symbols(product, "--undefined-only")
+def test_no_cpp_runtime_symbol_is_referenced(module_file: Path) -> None:
+    undefined = symbols(module_file, "--undefined-only")
     runtime = [
         name
         for name in undefined
@@ -187,11 +187,11 @@ def test_no_cpp_runtime_symbol_is_referenced(product: Path) -> None:
     assert runtime == []
 
 
-def test_file_has_no_build_machine_path(product: Path) -> None:
-    tags = "\n".join(said_by("readelf", "-d", str(product)))
+def test_file_has_no_build_machine_path(module_file: Path) -> None:
+    tags = "\n".join(said_by("readelf", "-d", str(module_file)))
     assert "RPATH" not in tags
     assert "RUNPATH" not in tags
-    assert str(isolated.ROOT).encode() not in product.read_bytes()
+    assert str(isolated.ROOT).encode() not in module_file.read_bytes()
 
 
 def test_simulator_exports_every_native_service() -> None:

@@ -194,7 +194,7 @@ def test_items_are_read_through_object_protocol(
 ) -> None:
     events: list[object] = []
 
-    class Noting:
+    class Recording:
         def __init__(self, item: object) -> None:
             self.item = item
 
@@ -202,8 +202,8 @@ def test_items_are_read_through_object_protocol(
             events.append((type(key), key))
             return self.item
 
-    data = Noting("A")
-    parsed.value = Noting(Noting((data,)))
+    data = Recording("A")
+    parsed.value = Recording(Recording((data,)))
     assert module.list_system_interface_physical("A") is data
     assert events == [(int, 0), (str, "interface"), (str, "name")]
 

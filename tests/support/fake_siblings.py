@@ -84,7 +84,7 @@ def sized_type(name: str, size: int, like: type | None = None) -> type:
     It may replace a builtin: the standard library still gets instances of the builtin.
     """
     fields: dict[str, Any] = {
-        "__slots__": tuple(f"field_{number}" for number in range((size - HEADER_SIZE) // POINTER)),
+        "__slots__": tuple(f"field_{number}" for number in range((size - HEADER_SIZE) // POINTER))
     }
     if like is not None:
         fields["__new__"] = lambda cls, *arguments, **keywords: like(*arguments, **keywords)
@@ -139,7 +139,7 @@ def siblings() -> Siblings:
         "migbase.cmdbapi": {"__path__": []},
         "migbase.cmdbapi.cmdbapi_util": {"serial_number_ascii": lambda: b"serial"},
         "veldarin.modules.modules": {
-            "__pyx_capi__": {"get_preference_cookie_secret_path": path_function},
+            "__pyx_capi__": {"get_preference_cookie_secret_path": path_function}
         },
     }
     made: Siblings = {}
@@ -177,11 +177,11 @@ class SiblingSandbox:
 
     def break_(self, *statements: str) -> None:
         """Install a new set that the statements change."""
-        spoilt = siblings()
+        broken = siblings()
         for statement in statements:
-            names = {**globals(), "siblings": spoilt, "builtins": builtins, "raiser": raiser}
+            names = {**globals(), "siblings": broken, "builtins": builtins, "raiser": raiser}
             exec(statement, names)
-        install(spoilt)
+        install(broken)
 
     def restore(self) -> None:
         """Restore the valid siblings and builtins."""

@@ -131,8 +131,8 @@ def run(function: Callable[..., object], *arguments: object) -> Outcome:
         cwd=ROOT,
     )
     assert process.returncode == 0, f"exit status {process.returncode}\n{process.stderr}"
-    answer = json.loads(process.stdout)
-    return Outcome(answer["value"], Error.of(answer["error"]) if answer["error"] else None)
+    reply = json.loads(process.stdout)
+    return Outcome(reply["value"], Error.of(reply["error"]) if reply["error"] else None)
 
 
 def value(function: Callable[..., object], *arguments: object) -> Any:

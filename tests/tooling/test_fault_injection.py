@@ -95,11 +95,13 @@ died.
 
 
 def test_crash_report_has_place_and_current_call() -> None:
-    told = str(
+    output = str(
         death("died of SIGSEGV", "before\n" + DIED.format(product=isolated.MODULE_PATH.name))
     )
-    assert told.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
-    assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in told
+    assert output.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
+    assert (
+        "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in output
+    )
 
 
 def test_crash_in_module_is_reported_as_such() -> None:
@@ -128,13 +130,13 @@ def test_crashing_process_reports_place() -> None:
         with tempfile.TemporaryFile() as errors:
             children = Children(errors, orderly=False)
             library.tell_deaths()
-            told: list[object] = [children.result(os.getpid) != os.getpid()]
+            output: list[object] = [children.result(os.getpid) != os.getpid()]
             for fatal in (os.abort, lambda: ctypes.string_at(0)):
                 try:
                     children.result(fatal)
                 except DiedError as died:
-                    told.append([died.death.how, len(died.death.functions) > 1])
-        return told
+                    output.append([died.death.how, len(died.death.functions) > 1])
+        return output
 
     died = isolated.value(die)
     assert died == [True, ["died of SIGABRT", True], ["died of SIGSEGV", True]]
@@ -161,9 +163,12 @@ def verdict_of(results: list[Swept], failed: list[Failed], count: int = 1) -> tu
 
 def test_sweep_without_finding_passes(monkeypatch: pytest.MonkeyPatch, tmp_path: Path) -> None:
     monkeypatch.setattr(report, "BUILD", Path.cwd() / "build")
-    status, told = verdict_of([swept()], [])
-    assert (status, told.splitlines()[0]) == (0, "failing memory: 1 of 1 cases, 5 points, 0 wrong")
-    assert told.splitlines()[-1] == (
+    status, output = verdict_of([swept()], [])
+    assert (status, output.splitlines()[0]) == (
+        0,
+        "failing memory: 1 of 1 cases, 5 points, 0 wrong",
+    )
+    assert output.splitlines()[-1] == (
         "faults: 5 points of 1 cases, 0 of 0 fallible calls: nothing wrong"
     )
 
@@ -181,9 +186,9 @@ def test_sweep_with_finding_fails(
     monkeypatch: pytest.MonkeyPatch, results: list[Swept], failed: list[Failed], count: int
 ) -> None:
     monkeypatch.setattr(report, "BUILD", Path.cwd() / "build")
-    status, told = verdict_of(results, failed, count)
+    status, output = verdict_of(results, failed, count)
     assert status == 1
-    assert told.splitlines()[-1].endswith(": 1 WRONG")
+    assert output.splitlines()[-1].endswith(": 1 WRONG")
 
 
 # Call-site coverage
