@@ -1,4 +1,4 @@
-"""The device under test: a stand-in appliance that answers only what the test scripts."""
+"""Fixtures: the simulator under test, its module, and fake command-line output for the parsers."""
 
 from __future__ import annotations
 
@@ -17,7 +17,7 @@ NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
 
 @pytest.fixture(scope="session")
 def build() -> None:
-    """Ends the run with one line where there is no build to test."""
+    """End the run with one line if there is no build to test."""
     try:
         native_library.load()
     except RuntimeError as error:
@@ -26,7 +26,7 @@ def build() -> None:
 
 @pytest.fixture
 def simulator(build: None) -> Iterator[Simulator]:
-    """A fresh appliance. The test fails if an answer failed, a json-c object or buffer leaked."""
+    """A new simulator. The test fails if a provider failed or a json-c object or buffer leaked."""
     with Simulator(live=False) as simulator:
         yield simulator
         if simulator.live_objects != NO_LIVE_OBJECTS:
@@ -36,13 +36,13 @@ def simulator(build: None) -> Iterator[Simulator]:
 
 @pytest.fixture
 def module(simulator: Simulator) -> ModuleType:
-    """`veldarin.modules.modules_util` on the device."""
+    """`veldarin.modules.modules_util` on the simulator."""
     return simulator.module
 
 
 @pytest.fixture(params=["module", "reference"])
 def cli(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Iterator[FakeCli]:
-    """The command line under the parsers: those of the native module, and those of the twin."""
+    """Fake command-line output for the parsers of the module and of the reference model."""
     parser = reference if request.param == "reference" else request.getfixturevalue("module")
     line = FakeCli(parser, monkeypatch)
     yield line
@@ -51,7 +51,7 @@ def cli(request: pytest.FixtureRequest, monkeypatch: pytest.MonkeyPatch) -> Iter
 
 @pytest.fixture
 def native_cli(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Iterator[FakeCli]:
-    """The command line under the native module's parsers only."""
+    """Fake command-line output for the parsers of the module."""
     line = FakeCli(module, monkeypatch)
     yield line
     line.shared.clear()

@@ -1,5 +1,5 @@
-"""The README is true: what it shows of the tools is what they print, its programs run, and its
-table of make targets is the Makefile's. Its links, and those of the other pages, lead somewhere."""
+"""README: commands print the output it shows, its programs run, and its table of make targets is
+the Makefile's. The links and paths of all pages exist."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ def blocks(language: str) -> list[str]:
 
 
 def sessions() -> list[tuple[str, str]]:
-    """Every command shown at a prompt, with what is shown below it."""
+    """Every command shown at a prompt, with the output shown below it."""
     return [
         (command, output)
         for block in blocks("console")

@@ -1,5 +1,5 @@
-"""The module, its table in C++, its Python face and the page of functions hold together: the same
-functions in the same order, the same names, and the parameters that calls show."""
+"""The module, its function table in C++, its type stub and the page of functions agree: functions,
+order, names and parameters."""
 
 from __future__ import annotations
 
@@ -27,7 +27,7 @@ from veldarin_simulator import Simulator, stub
 
 TABLE = stub.STUB.with_name("function_table.def")
 
-# A parameter's constructor in the table: what it is held to, its default.
+# A parameter's constructor in the table: its type and default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
     "ANY": (None, None),
     "BYTES": ("bytes", None),
@@ -81,7 +81,7 @@ def test_stub_declares_functions_in_module_order() -> None:
 
 
 def held_to(parameter: Parameter) -> Parameter:
-    # A command may be anything on its way to the runner, which takes text: the face says text.
+    # The stub declares str for a command: the module accepts anything, the runner str only.
     return parameter._replace(type=None) if parameter.name == "cmd" else parameter
 
 
@@ -95,13 +95,13 @@ def test_stub_matches_cpp_function_table() -> None:
 # Parameters, as calls show them
 
 
-def refusal(function: Callable[..., object], *given: object, **named: object) -> str:
+def error_text(function: Callable[..., object], *given: object, **named: object) -> str:
     return str(raises_exactly(TypeError, function, *given, **named))
 
 
 @every_function
 def test_declared_kind_matches_keyword_handling(module: ModuleType, function: Function) -> None:
-    text = refusal(getattr(module, function.name), unheard_of=1)
+    text = error_text(getattr(module, function.name), unheard_of=1)
     if function.kind == "keywords":
         assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
     else:
@@ -110,7 +110,7 @@ def test_declared_kind_matches_keyword_handling(module: ModuleType, function: Fu
 
 @every_function
 def test_declared_parameter_count_matches_error(module: ModuleType, function: Function) -> None:
-    text = refusal(getattr(module, function.name), *range(9))
+    text = error_text(getattr(module, function.name), *range(9))
     words = {"no arguments": 0, "exactly one argument": 1}
     found = re.search(r"takes (no arguments|exactly one argument) \(9 given\)", text)
     if found is None:
@@ -125,7 +125,7 @@ def test_declared_parameter_count_matches_error(module: ModuleType, function: Fu
 @with_keywords
 def test_declared_name_is_accepted_as_keyword(module: ModuleType, function: Function) -> None:
     for parameter in function.parameters:
-        text = refusal(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
+        text = error_text(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
         assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
 
 
@@ -135,7 +135,7 @@ def test_parameter_without_default_is_required(module: ModuleType, function: Fun
     called = getattr(module, function.name)
     if function.kind == "keywords" and required:
         words = "exactly" if required == len(function.parameters) else "at least"
-        assert f" {words} {required} positional argument" in refusal(called)
+        assert f" {words} {required} positional argument" in error_text(called)
     elif function.kind == "keywords":
         called()
     else:
@@ -168,14 +168,14 @@ def test_declared_type_matches_type_check(module: ModuleType, function: Function
             continue
         arguments: list[object] = [None] * len(function.parameters)
         arguments[position] = 7
-        assert refusal(getattr(module, function.name), *arguments) == (
+        assert error_text(getattr(module, function.name), *arguments) == (
             f"Argument '{parameter.name}' has incorrect type (expected {parameter.type}, got int)"
         )
 
 
 # Other names
 
-# What the face has for annotations only.
+# Names that the stub defines for annotations only.
 FOR_ANNOTATIONS = {"BFDSession", "ARPEntry", "Route", "RoutingTable"}
 
 
@@ -202,9 +202,9 @@ def run(*command: str) -> subprocess.CompletedProcess[str]:
 @pytest.mark.workstation_only("mypy runs on the workstation")
 def test_stubtest_finds_no_difference(tmp_path: Path) -> None:
     allowed = tmp_path / "allowed"
-    # An alias is no name at run time; and what makes a lock, a function, stands for its type too.
+    # An alias does not exist at run time; the function that creates locks also stands for the type.
     allowed.write_text(f"{MODULE}.BFDSession\n{MODULE}.Lock\n")
-    # The comparison imports the module, so the stand-in's libraries have to be there first.
+    # stubtest imports the module, so the simulator's libraries are loaded first.
     source = (
         "from veldarin_simulator import native_library; native_library.load()\n"
         "from mypy.stubtest import main, parse_options\n"
@@ -218,7 +218,7 @@ def test_stubtest_finds_no_difference(tmp_path: Path) -> None:
     assert done.returncode == 0, done.stdout + done.stderr
 
 
-# A GUI author's file: every line that a type checker must refuse says with which code.
+# A caller's file: each line that mypy must reject names the error code.
 AUTHORS_FILE = """\
 from __future__ import annotations
 
@@ -299,15 +299,15 @@ def test_stale_function_page_is_reported_and_rewritten(
 
 
 @pytest.mark.parametrize(
-    ("source", "told"),
+    ("source", "output"),
     [
         ("def f() -> int:\n    'Text.'\n", "line 1: f has no heading above"),
         ("# ---------- Heading\ndef f() -> int: ...\n", "line 2: f has no docstring"),
         ("# ---------- Heading\nx: int\ny: str\n'Text.'\n", "line 2: x has no docstring"),
     ],
 )
-def test_stub_without_headings_or_docs_is_rejected(source: str, told: str) -> None:
+def test_stub_without_headings_or_docs_is_rejected(source: str, output: str) -> None:
     assert (
         str(raises_exactly(generate_function_docs.StubError, generate_function_docs.page, source))
-        == told
+        == output
     )

@@ -1,5 +1,4 @@
-"""The exceptions that the Python face names are those that calls raise: each of them is provoked,
-and none comes that is not named."""
+"""The exceptions documented in the type stub are exactly those that calls raise."""
 
 from __future__ import annotations
 
@@ -31,7 +30,7 @@ NO_UTF8 = b"peer \xff"
 
 
 class Provoked(NamedTuple):
-    """A call that fails: its arguments, what the native services answer, what is done before."""
+    """A failing call: its arguments, the replies of native services, and a step before it."""
 
     function: str
     arguments: tuple[Any, ...] = ()
@@ -43,7 +42,7 @@ class Provoked(NamedTuple):
 
 
 def without_memory() -> None:
-    """A cookie to decrypt when there is no memory for its buffer; for a process of its own."""
+    """Decrypt a cookie while the allocation of its buffer fails; runs in a process of its own."""
     import _testcapi
 
     from veldarin_simulator import Simulator
@@ -147,7 +146,7 @@ def test_documented_errors_match_raised_errors(
             too_long = bytes(2**31 - 1)  # its pages are never touched
             raised.append(bases(whatever_is_raised(module.decrypt_cookie, too_long)))
         else:
-            named.remove("OverflowError")  # no text of this machine is that long
+            named.remove("OverflowError")  # no object of this machine is that long
     assert [error for error in raised if not error & set(named)] == [], named
     assert [name for name in named if not any(name in error for error in raised)] == []
 

@@ -1,5 +1,5 @@
-"""The examples of the Python face are run, on a device that answers as they say; and what its texts
-say of native services, requests and results is what such calls show."""
+"""The examples of the type stub run on a simulator with the replies that they assume. Calls use the
+native services, requests and result types that the docstrings name."""
 
 from __future__ import annotations
 
@@ -80,7 +80,7 @@ MONITORED = {
 }
 FLAPS = {"port_name": "port1", "link": "up", "flaps": 1, "guard": "none"}
 
-# What the services of the examples answer where a recording does not.
+# Replies of the services in the examples that the scenario does not have.
 ANSWERS: dict[str, object] = {
     "aps_get_new_cookie_id": 2882400018,
     "__get_aps_hash": cookies.text_hash,
@@ -104,21 +104,21 @@ SECRET = "8f4b1c2d" * 8
 
 
 @pytest.fixture
-def example_device(build: None) -> Iterator[Simulator]:
-    """The device of the examples: recorded answers, and those above."""
+def example_simulator(build: None) -> Iterator[Simulator]:
+    """The simulator of the examples: the default scenario and the replies above."""
     with Simulator(live=False) as simulator:
         # The shared dictionary of sessions outlives a simulator.
         simulator.set_reply("get_cli_cmd_output", "")
         simulator.module.get_bfd_neighbor("").clear()
     with Simulator(Scenario.load(DEFAULT_SCENARIO), live=False) as simulator:
-        for service, answer in ANSWERS.items():
-            simulator.set_reply(service, answer)
+        for service, reply in ANSWERS.items():
+            simulator.set_reply(service, reply)
         simulator.secret_path.write_text(SECRET)
         yield simulator
 
 
 class Kept:
-    """A function that keeps what it returns."""
+    """Wrap a function to keep its results."""
 
     def __init__(self, function: Callable[..., object]) -> None:
         self.function = function
@@ -130,7 +130,7 @@ class Kept:
 
 
 def assert_is(annotation: str, value: Any) -> None:
-    """The value is what the annotation of the face says, down to the keys of a row."""
+    """Check the value against the stub's annotation, down to the keys of a row."""
     container = re.fullmatch(r"(list|dict)\[(?:str, )?(\w+)\]", annotation)
     fields = {entry.name: entry.fields for entry in STUB.entries if isinstance(entry, stub.Class)}
     if container is not None:
@@ -152,8 +152,8 @@ def assert_is(annotation: str, value: Any) -> None:
 
 
 @every_function
-def test_examples_give_documented_results(example_device: Simulator, function: Function) -> None:
-    simulator, module = example_device, example_device.module
+def test_examples_give_documented_results(example_simulator: Simulator, function: Function) -> None:
+    simulator, module = example_simulator, example_simulator.module
     if function.name in OUTPUTS:
         simulator.set_reply("get_cli_cmd_output", OUTPUTS[function.name])
     called = Kept(getattr(module, function.name))
@@ -196,11 +196,11 @@ def live_fields() -> list[Any]:
     ]
 
 
-@pytest.mark.parametrize(("example", "answer"), live_fields())
+@pytest.mark.parametrize(("example", "reply"), live_fields())
 def test_examples_have_fields_of_live_replies(
-    example: dict[str, Any], answer: Callable[[], list[Any]]
+    example: dict[str, Any], reply: Callable[[], list[Any]]
 ) -> None:
-    entries = answer()
+    entries = reply()
     if not entries:
         pytest.skip("this machine has no entry of the kind")
     assert list(example) == list(entries[0])

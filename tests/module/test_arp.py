@@ -1,5 +1,5 @@
-"""The ARP table parser, in the native module and in its twin: rows, columns, and the line of every
-statement that a malformed output fails at."""
+"""The ARP table parser of the module and of the reference model: rows, columns, and the line of
+every statement that malformed output makes fail."""
 
 from __future__ import annotations
 
@@ -65,8 +65,7 @@ def test_command_output_is_decoded_with_charset(cli: FakeCli) -> None:
 
 
 @pytest.mark.parametrize(
-    "before",
-    [[], [""], ["an Address", "address", "x y", "a b c d e"], ["get system arp\r", "\t"]],
+    "before", [[], [""], ["an Address", "address", "x y", "a b c d e"], ["get system arp\r", "\t"]]
 )
 @pytest.mark.parametrize(
     "header",
@@ -199,16 +198,13 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
 
 def test_function_lines_follow_routing_parser(native_cli: FakeCli) -> None:
     routing = "get_routing_table_result"
-    last = raises_exactly(
-        IndexError,
-        lambda: native_cli.parser.get_routing_table_result("a"),
-    )
+    last = raises_exactly(IndexError, lambda: native_cli.parser.get_routing_table_result("a"))
     assert (
         line(last, routing) < entry(raises_exactly(IndexError, result, native_cli, ""), FUNCTION)[1]
     )
 
 
-# What is no text, and failures of the collaborators
+# Output that is not a string
 
 
 @pytest.mark.parametrize(
@@ -228,42 +224,12 @@ def test_non_str_output_raises_interpreter_error(
     assert str(error) == text
 
 
-def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
-    cli.patch("text_", lambda value, encoding: value)
-    error = raises_exactly(TypeError, result, cli, b"Address")
-    assert str(error) == "a bytes-like object is required, not 'str'"
-
-
 def test_str_subclass_output_is_parsed(cli: FakeCli) -> None:
     parsed = result(cli, StrSubclass(HEADER + "\na b c d"))
     assert with_types(parsed) == with_types([row("a", "b", "c", "d")])
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
-    error = Failure()
-    cli.patch(name, raiser(error))
-    assert raises_exactly(Failure, cli.parser.get_system_arp_result) is error
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
-    cli.delete(name)
-    error = raises_exactly(NameError, cli.parser.get_system_arp_result)
-    assert str(error) == f"name '{name}' is not defined"
 
 
 def test_native_output_is_parsed(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", HEADER + "\r\na b c d\r\n--More--e f g h i\r\n")
     assert module.get_system_arp_result() == [row("a", "b", "c", "d"), row("e", "f", "g", "h i")]
     assert [call.text for call in simulator.call_log] == [b"get system arp"]
-
-
-def test_runner_failure_has_entries_of_both_functions(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(module.CFunctionError, module.get_system_arp_result)
-    assert error.args == ("get_cli_command_output's result is null.",)
-    names = [found.function for found in traceback_entries(error.__traceback__)]
-    assert names == [FUNCTION, "get_cli_command_output"]

@@ -1,9 +1,8 @@
-"""The BFD detail parser, in the native module and in its twin: sessions, timers, the lines that
-fail and are logged, and the dictionary that all calls share."""
+"""The BFD detail parser of the module and of the reference model: sessions, timers, lines that fail
+and are logged, and the shared default dictionary."""
 
 from __future__ import annotations
 
-import sys
 from collections.abc import Iterator, MutableMapping
 from types import ModuleType
 from typing import Any
@@ -11,14 +10,7 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import (
-    entry,
-    is_increasing,
-    line,
-    raises_exactly,
-    traceback_entries,
-    with_types,
-)
+from tests.support.assertions import entry, is_increasing, line, raises_exactly, with_types
 from tests.support.doubles import Failure, Recorder, RightAddable, StrSubclass, raiser
 from tests.support.fake_cli import FakeCli
 
@@ -77,7 +69,7 @@ def test_session_with_timers_is_parsed(cli: FakeCli) -> None:
     assert cli.debug_messages == []
 
 
-# The output as a whole
+# Whole output
 
 
 def test_command_is_passed_and_output_decoded(cli: FakeCli) -> None:
@@ -241,9 +233,7 @@ def test_peer_line_after_short_one_starts_session(cli: FakeCli) -> None:
     assert cli.debug_messages == [OUT_OF_RANGE]
 
 
-def test_later_peer_line_logs_and_keeps_first_session(
-    cli: FakeCli,
-) -> None:
+def test_later_peer_line_logs_and_keeps_first_session(cli: FakeCli) -> None:
     sessions = parsed(
         cli,
         "peer A is B",
@@ -342,7 +332,7 @@ def test_timer_around_buffer_size_is_complete(cli: FakeCli, size: int) -> None:
     assert session(cli, "Local timers", *lines) == [("local_timers", {key: "3", "b": value})]
 
 
-# What a blank-skipping scan of several characters at a time may take for blanks.
+# A scan that skips spaces several characters at a time could mistake these for spaces.
 NO_SPACES = [chr(code) for code in range(128) if not chr(code).isspace() and chr(code) != ":"]
 
 
@@ -485,9 +475,7 @@ def test_arguments_by_keyword_are_accepted(cli: FakeCli) -> None:
     assert list(given) == ["A_B"]
 
 
-def test_known_session_is_merged_into_new_dictionary(
-    cli: FakeCli,
-) -> None:
+def test_known_session_is_merged_into_new_dictionary(cli: FakeCli) -> None:
     old = {"b": "old", "name": "old", "z": "old"}
     given: dict[str, Any] = {"A_B": old, "Z": {}}
     cli.set_output("echo", "peer A is B", "a: new", "b: new")
@@ -520,8 +508,8 @@ def test_calls_without_dictionary_share_one(cli: FakeCli) -> None:
     assert entry_["b"] == "1", "the merged entry is a new dictionary"
 
 
-class Mapping(MutableMapping):
-    """A mapping that is no dict and notes what is done with it."""
+class RecordingMapping(MutableMapping):
+    """A mapping that is not a dict and records its use."""
 
     def __init__(self, **items: Any) -> None:
         self.items_ = items
@@ -549,8 +537,8 @@ class Mapping(MutableMapping):
         raise AssertionError("measured")
 
 
-class NotingDict(dict):
-    """A dict that notes what is done with it."""
+class RecordingDict(dict):
+    """A dict that records its use."""
 
     def __init__(self, **items: Any) -> None:
         super().__init__(**items)
@@ -569,7 +557,7 @@ class NotingDict(dict):
         super().__setitem__(key, value)
 
 
-@pytest.mark.parametrize("kind", [Mapping, NotingDict])
+@pytest.mark.parametrize("kind", [RecordingMapping, RecordingDict])
 def test_mapping_is_filled_through_object_protocol(cli: FakeCli, kind: Any) -> None:
     cli.set_output("echo", "peer A is B", "a: 1")
     new = kind()
@@ -630,7 +618,7 @@ def test_known_session_of_pairs_is_merged(cli: FakeCli) -> None:
 def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
     error = Failure(step)
 
-    class Fails(NotingDict):
+    class Fails(RecordingDict):
         def __contains__(self, key: object) -> bool:
             if step == "contains":
                 raise error
@@ -649,7 +637,7 @@ def test_mapping_error_propagates(cli: FakeCli, step: str) -> None:
     assert cli.debug_messages == []
 
 
-# What is no text
+# Output that is not a string
 
 
 @pytest.mark.parametrize(
@@ -725,34 +713,7 @@ def test_membership_error_of_output_propagates(
     assert cli.debug_messages == []
 
 
-def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
-    cli.set_output(b"peer")
-    cli.patch("text_", lambda value, encoding: value)
-    error = raises_exactly(TypeError, cli.parser.get_bfd_neighbor, "command", {})
-    assert str(error) == "a bytes-like object is required, not 'str'"
-
-
 # Failures outside the lines, and in the log
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-@pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
-def test_runner_or_decoder_error_propagates_unlogged(
-    cli: FakeCli, name: str, kind: type[BaseException]
-) -> None:
-    error = kind()
-    cli.patch(name, raiser(error))
-    given: dict[str, Any] = {}
-    assert raises_exactly(kind, cli.parser.get_bfd_neighbor, "command", given) is error
-    assert given == {}
-    assert cli.debug_messages == []
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
-    cli.delete(name)
-    error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
-    assert str(error) == f"name '{name}' is not defined"
 
 
 def test_debug_is_looked_up_for_each_log_line(cli: FakeCli) -> None:
@@ -792,53 +753,20 @@ def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
     assert str(error) == "'object' object has no attribute 'debug'"
 
 
-def test_caught_exception_is_handled_only_while_logged(
-    cli: FakeCli,
-) -> None:
-    handled: list[object] = []
-    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
-    parsed(cli, "peer A")
-    assert handled == [IndexError]
-    assert sys.exc_info() == (None, None, None)
-    outer = Failure("being handled by the caller")
-    try:
-        raise outer
-    except Failure:
-        parsed(cli, "peer A")
-        assert sys.exc_info()[1] is outer
-    assert handled == [IndexError, IndexError]
-
-
-def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
-    seen: list[tuple[Any, Any]] = []
-
-    def debug(text: str) -> None:
-        _kind, value, traceback = sys.exc_info()
-        assert value is not None
-        seen.append((value.__traceback__, traceback))
-
-    cli.logger.debug.side_effect = debug
-    parsed(cli, "peer A")
-    ((of_the_exception, handled),) = seen
-    assert handled is not None
-    assert of_the_exception is handled
-
-
 # Memory, of the native module only
 
 
-def _starved() -> list[list[Any]]:
-    """Parses in which the interpreter's first, second, third … request for memory fails.
+def _parse_without_memory() -> list[list[Any]]:
+    """Parse while the first, second, third … allocation fails, until no allocation fails.
 
-    Of each: what was raised, what was logged, the fields of the one session, if it is there. The
-    last parse is the first in which nothing fails.
+    Returns the exception, the log and the fields of the session, if any, of each call.
     """
     import _testcapi
 
     from tests.support.doubles import RecordingLogger
     from veldarin_simulator import Simulator
 
-    told: list[list[Any]] = []
+    results: list[list[Any]] = []
     with Simulator(live=False) as simulator:
         module: Any = simulator.module
         output = "echo\npeer A is B\nx: 1\nLocal timers\na: 1\nb: 2\nc: 3\ny: 2\nz: 3"
@@ -856,10 +784,10 @@ def _starved() -> list[list[Any]]:
             finally:
                 _testcapi.remove_mem_hooks()
             fields = list(sessions["A_B"].items()) if "A_B" in sessions else None
-            told.append([raised, logger.debug_messages, fields])
+            results.append([raised, logger.debug_messages, fields])
             if raised is None and not logger.debug_messages:
                 break
-    return told
+    return results
 
 
 def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
@@ -867,11 +795,11 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
         *(("neighbor_ip", "A"), ("interface", "B"), ("name", "A_B"), ("x", "1")),
         *(("local_timers", {"a": "1", "b": "2", "c": "3"}), ("y", "2"), ("z", "3")),
     ]
-    *starved, well_fed = isolated.value(_starved)
-    assert [tuple(field) for field in well_fed[2]] == whole
-    logged_instead = [fields for raised, _, fields in starved if raised is None]
+    *failed, complete = isolated.value(_parse_without_memory)
+    assert [tuple(field) for field in complete[2]] == whole
+    logged_instead = [fields for raised, _, fields in failed if raised is None]
     assert len(logged_instead) >= 6
-    for raised, logged, fields in starved:
+    for raised, logged, fields in failed:
         if raised is not None:
             assert (raised, logged, fields) == ("MemoryError", [], None)
         else:
@@ -909,17 +837,6 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     assert line(binding, FUNCTION) == entry(binding, FUNCTION).first_line
     lines = [line(binding, FUNCTION), fetch, in_first, prefix, split, log, member, known, new]
     assert is_increasing([250, *lines, 352])
-
-
-def test_runner_failure_has_entries_of_both_functions(
-    simulator: Any, module: ModuleType, native_cli: FakeCli
-) -> None:
-    native_cli.monkeypatch.undo()
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(module.CFunctionError, module.get_bfd_neighbor, "command", {})
-    assert error.args == ("get_cli_command_output's result is null.",)
-    names = [found.function for found in traceback_entries(error.__traceback__)]
-    assert names == [FUNCTION, "get_cli_command_output"]
 
 
 def test_native_output_is_parsed(simulator: Any, module: ModuleType) -> None:

@@ -1,10 +1,9 @@
-"""The BFD listing, in the native module and in its twin: which commands are run for which
-neighbors, what is kept, and what ends the listing early."""
+"""The BFD neighbor list of the module and of the reference model: the commands for each neighbor,
+the entries of the result, and the errors that end the list early."""
 
 from __future__ import annotations
 
 import copy
-import sys
 from collections.abc import Iterator
 from types import ModuleType, SimpleNamespace
 from typing import Any
@@ -71,9 +70,7 @@ def test_both_families_are_listed_with_details(cli: FakeCli) -> None:
     assert cli.debug_messages == []
 
 
-def test_no_sessions_give_empty_list_without_details(
-    cli: FakeCli,
-) -> None:
+def test_no_sessions_give_empty_list_without_details(cli: FakeCli) -> None:
     assert cli.parser.list_bfd_neighbor() == []
     assert cli.commands == [IPV4, IPV6]
     assert cli.debug_messages == []
@@ -107,9 +104,7 @@ def test_details_of_other_family_are_merged_last(cli: FakeCli) -> None:
     assert with_types(listed) == with_types(named("A", "B", x="six", zebra_notifications="4"))
 
 
-def test_neighbor_of_earlier_call_is_queried_again(
-    cli: FakeCli,
-) -> None:
+def test_neighbor_of_earlier_call_is_queried_again(cli: FakeCli) -> None:
     cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
     assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["A_B"]
     assert list(cli.shared) == ["A_B"]
@@ -117,20 +112,11 @@ def test_neighbor_of_earlier_call_is_queried_again(
     cli.run.calls.clear()
     cli.set_outputs({IPV4: output("C D"), f"{IPV4} C D": output("C D zebra notifications: 2")})
     assert [found["name"] for found in cli.parser.list_bfd_neighbor()] == ["C_D"]
-    assert cli.commands == [
-        IPV4,
-        IPV6,
-        f"{IPV4} A B",
-        f"{IPV6} A B",
-        f"{IPV4} C D",
-        f"{IPV6} C D",
-    ]
+    assert cli.commands == [IPV4, IPV6, f"{IPV4} A B", f"{IPV6} A B", f"{IPV4} C D", f"{IPV6} C D"]
     assert list(cli.shared) == ["A_B", "C_D"]
 
 
-def test_changed_result_keeps_shared_dictionary(
-    cli: FakeCli,
-) -> None:
+def test_changed_result_keeps_shared_dictionary(cli: FakeCli) -> None:
     cli.set_outputs({IPV4: output("A B"), f"{IPV4} A B": output("A B zebra notifications: 1")})
     (listed,) = cli.parser.list_bfd_neighbor()
     listed.clear()
@@ -167,18 +153,18 @@ def test_failing_detail_logs_and_ends_list(cli: FakeCli) -> None:
 
 
 class Neighbors:
-    """Stands for `get_bfd_neighbor`: the n-th call returns the n-th answer."""
+    """Stand in for `get_bfd_neighbor`: call number n returns, calls or raises reply number n."""
 
-    def __init__(self, cli: FakeCli, *answers: Any) -> None:
-        self.replies = list(answers)
-        self.calls = Recorder(self._answer)
+    def __init__(self, cli: FakeCli, *replies: Any) -> None:
+        self.replies = list(replies)
+        self.calls = Recorder(self._reply)
         cli.patch("get_bfd_neighbor", self.calls)
 
-    def _answer(self, *args: object) -> object:
-        answer = self.replies[len(self.calls.calls) - 1]
-        if isinstance(answer, BaseException):
-            raise answer
-        return answer(*args) if callable(answer) else answer
+    def _reply(self, *args: object) -> object:
+        reply = self.replies[len(self.calls.calls) - 1]
+        if isinstance(reply, BaseException):
+            raise reply
+        return reply(*args) if callable(reply) else reply
 
 
 ENTRY = {"neighbor_ip": "A", "interface": "B", "zebra_notifications": "1"}
@@ -280,9 +266,9 @@ def test_deep_copy_keeps_values_that_details_change(cli: FakeCli) -> None:
 
 @pytest.mark.parametrize("missing", ["neighbor_ip", "interface"])
 def test_entry_without_address_logs_and_ends_list(cli: FakeCli, missing: str) -> None:
-    lacking = dict(ENTRY)
-    del lacking[missing]
-    summary = {"k": dict(ENTRY), "l": lacking, "m": dict(ENTRY)}
+    incomplete = dict(ENTRY)
+    del incomplete[missing]
+    summary = {"k": dict(ENTRY), "l": incomplete, "m": dict(ENTRY)}
     returned = [lambda command, given: given] * 2
     neighbors = Neighbors(cli, summary, summary, *returned)
     assert cli.parser.list_bfd_neighbor() == [ENTRY]
@@ -294,7 +280,7 @@ KEPT = {"k": ENTRY}
 
 
 @pytest.mark.parametrize(
-    "answers, logged",
+    "replies, logged",
     [
         ([KEPT, None], "dict() argument after ** must be a mapping, not NoneType"),
         ([KEPT, [("k", 1)]], "dict() argument after ** must be a mapping, not list"),
@@ -328,15 +314,15 @@ KEPT = {"k": ENTRY}
     ids=repr,
 )
 def test_failing_step_logs_interpreter_message(
-    cli: FakeCli, answers: list[Any], logged: str
+    cli: FakeCli, replies: list[Any], logged: str
 ) -> None:
-    Neighbors(cli, *answers)
+    Neighbors(cli, *replies)
     assert cli.parser.list_bfd_neighbor() == []
     assert cli.debug_messages == [f"e:{logged}"]
 
 
 @pytest.mark.parametrize(
-    "answers, listed",
+    "replies, listed",
     [
         ([[("k", ENTRY)], {}, {}, KEPT], [ENTRY]),
         ([KEPT, KEPT, {}, {"k": ["zebra_notifications"]}], [["zebra_notifications"]]),
@@ -349,15 +335,15 @@ def test_failing_step_logs_interpreter_message(
     ids=repr,
 )
 def test_dict_like_sessions_are_accepted(
-    cli: FakeCli, answers: list[Any], listed: list[Any]
+    cli: FakeCli, replies: list[Any], listed: list[Any]
 ) -> None:
-    Neighbors(cli, *answers)
+    Neighbors(cli, *replies)
     assert cli.parser.list_bfd_neighbor() == listed
     assert cli.debug_messages == []
 
 
 class Mapping:
-    """A mapping in the sense of `dict(…)` and `**`, and no dict."""
+    """A mapping for `dict(…)` and `**` that is not a dict."""
 
     def __init__(self, **items: Any) -> None:
         self.items_ = items
@@ -370,7 +356,7 @@ class Mapping:
 
 
 class OwnKeys(dict):
-    """A dict whose `keys` say something else."""
+    """A dict whose `keys` differ from its items."""
 
     def keys(self) -> Any:
         return ["k"]
@@ -385,10 +371,10 @@ class OwnKeys(dict):
 @pytest.mark.parametrize("kind", [Mapping, OwnKeys])
 @pytest.mark.parametrize("place", [0, 1])
 def test_mapping_is_expanded_as_in_python(cli: FakeCli, kind: Any, place: int) -> None:
-    answers: list[Any] = [{"z": dict(ENTRY)}, {"z": dict(ENTRY)}]
-    answers[place] = kind(k=dict(ENTRY))
-    expected = dict(answers[0], **answers[1])
-    neighbors = Neighbors(cli, *answers, *[lambda command, given: given] * 4)
+    replies: list[Any] = [{"z": dict(ENTRY)}, {"z": dict(ENTRY)}]
+    replies[place] = kind(k=dict(ENTRY))
+    expected = dict(replies[0], **replies[1])
+    neighbors = Neighbors(cli, *replies, *[lambda command, given: given] * 4)
     cli.parser.list_bfd_neighbor()
     working = neighbors.calls.positional[2][1]
     assert with_types(working) == with_types(expected)
@@ -412,7 +398,7 @@ class FailingMapping:
 
 
 class LyingDict(dict):
-    """A dict that tells of a key which it has not got."""
+    """A dict that lists a key which it does not contain."""
 
     def keys(self) -> Any:
         return ["gone"]
@@ -443,13 +429,13 @@ class LyingDict(dict):
 def test_failing_mapping_logs_interpreter_message(
     cli: FakeCli, mapping: object, as_argument: str, after_asterisks: str
 ) -> None:
-    for answers in ([mapping, {}], [{}, mapping]):
-        Neighbors(cli, *answers)
+    for replies in ([mapping, {}], [{}, mapping]):
+        Neighbors(cli, *replies)
         assert cli.parser.list_bfd_neighbor() == []
     assert cli.debug_messages == [f"e:{as_argument}", f"e:{after_asterisks}"]
 
 
-class Repeating:
+class RepeatedKeys:
     """A mapping that lists some of its keys more than once."""
 
     def __init__(self, *keys: object) -> None:
@@ -481,21 +467,21 @@ class RepeatingDict(dict):
 
 
 class Key(str):
-    """A key with a text of its own for messages."""
+    """A key with its own `__str__`."""
 
     def __str__(self) -> str:
         return "own text"
 
 
 class Unprintable(str):
-    """A key without a text for messages."""
+    """A key whose `__str__` fails."""
 
     def __str__(self) -> str:
         raise Failure("no text")
 
 
-class Uncomparable(str):
-    """A key that is equal to none and fails to say so."""
+class UncomparableKey(str):
+    """A key whose comparison fails."""
 
     __hash__ = str.__hash__
 
@@ -509,17 +495,17 @@ MULTIPLE = "dict() got multiple values for keyword argument "
 @pytest.mark.parametrize(
     "mapping, text",
     [
-        (Repeating("k", "k"), f"{MULTIPLE}'k'"),
-        (Repeating("a", "b", "a", "b"), f"{MULTIPLE}'a'"),
-        (Repeating("k", Key("k")), f"{MULTIPLE}'own text'"),
-        (Repeating("k", Unprintable("k")), ""),  # a TypeError without a text
-        (Repeating("k", Uncomparable("k")), "not comparable"),
-        (Repeating(1, 1.0), f"{MULTIPLE}'1.0'"),
-        (Repeating(("a", "b"), ("a", "b")), f"{MULTIPLE}'('a', 'b')'"),
-        (Repeating((), ()), f"{MULTIPLE}'()'"),
-        (Repeating([], []), "unhashable type: 'list'"),
-        (Repeating("", ""), f"{MULTIPLE}''"),
-        (Repeating(1, 2), "keywords must be strings"),
+        (RepeatedKeys("k", "k"), f"{MULTIPLE}'k'"),
+        (RepeatedKeys("a", "b", "a", "b"), f"{MULTIPLE}'a'"),
+        (RepeatedKeys("k", Key("k")), f"{MULTIPLE}'own text'"),
+        (RepeatedKeys("k", Unprintable("k")), ""),  # a TypeError without a text
+        (RepeatedKeys("k", UncomparableKey("k")), "not comparable"),
+        (RepeatedKeys(1, 1.0), f"{MULTIPLE}'1.0'"),
+        (RepeatedKeys(("a", "b"), ("a", "b")), f"{MULTIPLE}'('a', 'b')'"),
+        (RepeatedKeys((), ()), f"{MULTIPLE}'()'"),
+        (RepeatedKeys([], []), "unhashable type: 'list'"),
+        (RepeatedKeys("", ""), f"{MULTIPLE}''"),
+        (RepeatedKeys(1, 2), "keywords must be strings"),
         (RepeatingDict(k=dict(ENTRY)), f"{MULTIPLE}'k'"),
     ],
     ids=lambda value: value if isinstance(value, str) else type(value).__name__,
@@ -540,7 +526,7 @@ def test_mapping_with_repeated_key_logs_type_error(
 
 
 def test_first_mapping_with_repeated_key_is_accepted(cli: FakeCli) -> None:
-    Neighbors(cli, Repeating("k", "k"), {}, *[lambda command, given: given] * 2)
+    Neighbors(cli, RepeatedKeys("k", "k"), {}, *[lambda command, given: given] * 2)
     cli.parser.list_bfd_neighbor()
     assert cli.debug_messages == []
 
@@ -572,11 +558,11 @@ def test_parser_is_looked_up_for_each_call(cli: FakeCli) -> None:
     assert later.positional == [(IPV6,)]
 
 
-@pytest.mark.parametrize("answers", [[{}, {}], [{}, {}, None]])
-def test_empty_sessions_are_not_deep_copied(cli: FakeCli, answers: list[Any]) -> None:
+@pytest.mark.parametrize("replies", [[{}, {}], [{}, {}, None]])
+def test_empty_sessions_are_not_deep_copied(cli: FakeCli, replies: list[Any]) -> None:
     deepcopy = Recorder(copy.deepcopy)
     cli.patch("copy", SimpleNamespace(deepcopy=deepcopy))
-    Neighbors(cli, *answers)
+    Neighbors(cli, *replies)
     assert cli.parser.list_bfd_neighbor() == []
     assert deepcopy.calls == []
 
@@ -616,35 +602,6 @@ def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> Non
     assert raises_exactly(kind, cli.parser.list_bfd_neighbor) is error
 
 
-def test_logged_exception_has_its_traceback(cli: FakeCli) -> None:
-    seen: list[tuple[Any, Any]] = []
-
-    def debug(text: str) -> None:
-        _kind, value, traceback = sys.exc_info()
-        assert value is not None
-        seen.append((value.__traceback__, traceback))
-
-    cli.logger.debug.side_effect = debug
-    cli.patch("get_bfd_neighbor", lambda *args: {"s": {}})  # a KeyError of the listing itself
-    assert cli.parser.list_bfd_neighbor() == []
-    ((of_the_exception, handled),) = seen
-    assert handled is not None
-    assert of_the_exception is handled
-
-
-def test_exception_of_caller_stays_handled(cli: FakeCli) -> None:
-    handled: list[object] = []
-    cli.logger.debug.side_effect = lambda text: handled.append(type(sys.exc_info()[1]))
-    outer = Failure("being handled by the caller")
-    Neighbors(cli, KEPT, None)
-    try:
-        raise outer
-    except Failure:
-        assert cli.parser.list_bfd_neighbor() == []
-        assert sys.exc_info()[1] is outer
-    assert handled == [TypeError]
-
-
 def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
     Neighbors(cli, KEPT, None)
     cli.delete("_logger")
@@ -652,9 +609,7 @@ def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
     assert str(error) == "name '_logger' is not defined"
 
 
-def test_exception_with_failing_str_raises_that_error(
-    cli: FakeCli,
-) -> None:
+def test_exception_with_failing_str_raises_that_error(cli: FakeCli) -> None:
     textless = Failure()
 
     class Odd(Exception):
@@ -670,7 +625,7 @@ def test_exception_with_failing_str_raises_that_error(
 
 
 def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
-    """Only what is no `Exception` leaves the listing, so each statement is made to raise such."""
+    """Only a BaseException propagates, so each statement raises one."""
     cli = native_cli
     given = [lambda command, given: given] * 2
 
@@ -688,8 +643,8 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     def stop() -> KeyboardInterrupt:
         return KeyboardInterrupt()
 
-    def line_of(*answers: Any) -> int:
-        Neighbors(cli, *answers)
+    def line_of(*replies: Any) -> int:
+        Neighbors(cli, *replies)
         error = raises_exactly(KeyboardInterrupt, cli.parser.list_bfd_neighbor)
         (found,) = traceback_entries(error.__traceback__)
         assert found.function == "list_bfd_neighbor"
@@ -723,10 +678,7 @@ def test_native_output_is_listed(simulator: Any, module: ModuleType) -> None:
     simulator.set_reply("get_cli_cmd_output", "")
     shared = module.get_bfd_neighbor("the shared dictionary")
     shared.clear()
-    outputs = {
-        IPV4: output("A B"),
-        f"{IPV4} A B": output("A B zebra --More--notifications: 1"),
-    }
+    outputs = {IPV4: output("A B"), f"{IPV4} A B": output("A B zebra --More--notifications: 1")}
     simulator.clear_calls()
     simulator.set_reply("get_cli_cmd_output", lambda command: outputs.get(command.decode(), ""))
     try:

@@ -1,5 +1,5 @@
-"""How the thirty functions bind their arguments: every refusal with its whole text, the order of
-the checks, and the place that a traceback shows for them."""
+"""Argument binding of the thirty functions: the whole text of each error, the order of the checks,
+and the traceback entries."""
 
 from __future__ import annotations
 
@@ -16,17 +16,17 @@ from veldarin_simulator import Simulator
 
 
 def rows(*kinds: str) -> Any:
-    """Parametrises a test over the functions of some kinds."""
+    """Parametrize a test over the functions of some kinds."""
     chosen = [row for row in FUNCTIONS if row.kind in kinds]
     return pytest.mark.parametrize("function", chosen, ids=lambda row: row.name)
 
 
-def refused(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
-    """The `TypeError` of a call; a keyword may be anything, so the call stands right here."""
+def call_error(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
+    """The `TypeError` of a call; the lambda passes keywords that are not strings."""
     return raises_exactly(TypeError, lambda: function(*args, **kwargs))
 
 
-def refusal(
+def error_text(
     module: ModuleType,
     function: Function | str,
     args: Iterable[Any] = (),
@@ -34,7 +34,7 @@ def refusal(
 ) -> str:
     """The text of the `TypeError` that the call raises."""
     name = function if isinstance(function, str) else function.name
-    return str(refused(getattr(module, name), args, kwargs))
+    return str(call_error(getattr(module, name), args, kwargs))
 
 
 # Functions without parameters and functions of one argument: the interpreter's own rules.
@@ -45,7 +45,7 @@ def refusal(
 def test_no_args_function_rejects_arguments(
     module: ModuleType, function: Function, given: int
 ) -> None:
-    assert refusal(module, function, range(given)) == (
+    assert error_text(module, function, range(given)) == (
         f"{function.qualified}() takes no arguments ({given} given)"
     )
 
@@ -55,7 +55,7 @@ def test_no_args_function_rejects_arguments(
 def test_one_arg_function_takes_exactly_one(
     module: ModuleType, function: Function, given: int
 ) -> None:
-    assert refusal(module, function, range(given)) == (
+    assert error_text(module, function, range(given)) == (
         f"{function.qualified}() takes exactly one argument ({given} given)"
     )
 
@@ -63,7 +63,7 @@ def test_one_arg_function_takes_exactly_one(
 @rows("one")
 def test_one_arg_function_rejects_keyword(module: ModuleType, function: Function) -> None:
     (parameter,) = function.parameters
-    assert refusal(module, function, (), {parameter.name: None}) == (
+    assert error_text(module, function, (), {parameter.name: None}) == (
         f"{function.qualified}() takes no keyword arguments"
     )
 
@@ -73,7 +73,7 @@ def test_one_arg_function_rejects_keyword(module: ModuleType, function: Function
 def test_keywords_are_rejected_before_arguments_are_counted(
     module: ModuleType, function: Function, positional: int
 ) -> None:
-    assert refusal(module, function, range(positional), {"other": 1}) == (
+    assert error_text(module, function, range(positional), {"other": 1}) == (
         f"{function.qualified}() takes no keyword arguments"
     )
 
@@ -92,7 +92,7 @@ def test_interpreter_argument_error_has_no_module_entry(
     module: ModuleType, function: Function
 ) -> None:
     for args, kwargs in [((1, 2), {}), ((), {"other": 1})]:
-        error = refused(getattr(module, function.name), args, kwargs)
+        error = call_error(getattr(module, function.name), args, kwargs)
         assert traceback_entries(error.__traceback__) == []
 
 
@@ -101,8 +101,8 @@ def test_rejected_call_makes_no_native_call(
     simulator: Simulator, module: ModuleType, function: Function
 ) -> None:
     many = range(5)
-    refusal(module, function, many)
-    refusal(module, function, many, {"other": 1})
+    error_text(module, function, many)
+    error_text(module, function, many, {"other": 1})
     assert simulator.call_log == []
 
 
@@ -137,7 +137,7 @@ def count_error(name: str, words: str, bound: int, given: int) -> str:
 def test_wrong_argument_count_raises_type_error(
     module: ModuleType, name: str, given: int, words: str, bound: int
 ) -> None:
-    assert refusal(module, name, [ANY] * given) == count_error(name, words, bound, given)
+    assert error_text(module, name, [ANY] * given) == count_error(name, words, bound, given)
 
 
 @pytest.mark.parametrize(
@@ -149,7 +149,7 @@ def test_too_many_arguments_are_rejected_before_keywords(
     keyword: object
     for keyword in (NAMED[name].parameters[0].name, "other", 7):
         keywords = {keyword: 1}
-        assert refusal(module, name, [ANY] * given, keywords) == (
+        assert error_text(module, name, [ANY] * given, keywords) == (
             count_error(name, words, bound, given)
         )
 
@@ -165,14 +165,14 @@ def test_too_many_arguments_are_rejected_before_keywords(
 def test_missing_argument_raises_positional_count_error(
     module: ModuleType, name: str, args: Any, kwargs: Any, words: str, bound: int
 ) -> None:
-    assert refusal(module, name, args, kwargs) == count_error(name, words, bound, len(args))
+    assert error_text(module, name, args, kwargs) == count_error(name, words, bound, len(args))
 
 
 # Functions with keywords: the keywords.
 
 
 class SameHash:
-    """No string, but in a dictionary's eyes equal to one."""
+    """An object that hashes and compares like a string, but is not one."""
 
     def __init__(self, text: str) -> None:
         self.text = text
@@ -222,7 +222,7 @@ def test_unknown_keyword_is_named_in_error(
     module: ModuleType, function: Function, keyword: str
 ) -> None:
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
-    assert refusal(module, function, (), {**bound, keyword: 1}) == unexpected(
+    assert error_text(module, function, (), {**bound, keyword: 1}) == unexpected(
         function.name, keyword
     )
 
@@ -237,7 +237,7 @@ def test_non_str_keyword_raises_type_error(
     module: ModuleType, function: Function, keyword: Any
 ) -> None:
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
-    assert refusal(module, function, (), {**bound, keyword: 1}) == not_strings(function.name)
+    assert error_text(module, function, (), {**bound, keyword: 1}) == not_strings(function.name)
 
 
 @rows("keywords")
@@ -249,7 +249,7 @@ def test_parameter_bound_twice_raises_type_error(
     for parameter in function.parameters:
         positional.append(None)
         keyword = kind(parameter.name)
-        assert refusal(module, function, positional, {keyword: None}) == (
+        assert error_text(module, function, positional, {keyword: None}) == (
             multiple(function.name, parameter.name)
         )
 
@@ -262,7 +262,7 @@ ACL, TRUNK, MCLAG = (
 )
 BFD, CAPTURE = "get_bfd_neighbor", "capture_sniffer_profile"
 SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
-    # of several faulty keywords the first in the dictionary's order is named
+    # the error names the first faulty keyword in the dictionary's order
     (ACL, (), {"b": 1, "a": 2}, unexpected(ACL, "b")),
     (ACL, (), {"a": 1, "b": 2}, unexpected(ACL, "a")),
     (ACL, (), {"a": 1, 7: 2}, unexpected(ACL, "a")),
@@ -274,7 +274,7 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
     (CAPTURE, ("p", "e"), {"event": 1, "profile_name": 2}, multiple(CAPTURE, "event")),
     (CAPTURE, ("p", "e"), {"profile_name": 2, "event": 1}, multiple(CAPTURE, "profile_name")),
     (BFD, ("c", {}), {"list_bfd": 1, "x": 2, 3: 4}, multiple(BFD, "list_bfd")),
-    # what binds is passed over, wherever it stands
+    # keywords that bind are skipped, in any position
     (ACL, (), {"policy_id": 1, "a": 2}, unexpected(ACL, "a")),
     (ACL, (), {"a": 2, "policy_id": 1}, unexpected(ACL, "a")),
     (TRUNK, (), {"trunk_name": 1, 7: 2}, not_strings(TRUNK)),
@@ -316,7 +316,7 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
 def test_first_failed_check_is_reported(
     module: ModuleType, name: str, args: Any, kwargs: Any, text: str
 ) -> None:
-    assert refusal(module, name, args, kwargs) == text
+    assert error_text(module, name, args, kwargs) == text
 
 
 @rows("keywords")
@@ -332,13 +332,13 @@ def test_binding_error_has_one_entry_at_first_line(module: ModuleType, function:
         faulty += [((), {}), ((), {function.parameters[1].name: None})]
     low, high = function.first_line
     for args, kwargs in faulty:
-        error = refused(getattr(module, function.name), args, kwargs)
+        error = call_error(getattr(module, function.name), args, kwargs)
         (entry,) = traceback_entries(error.__traceback__)
         assert entry == Entry(function.name, entry.first_line, entry.first_line)
         assert low <= entry.first_line <= high
 
 
-# What binding gives: the rows say how, the request or the command says what arrived.
+# Results of binding, as the request or the command shows them
 
 
 def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any) -> str:
@@ -446,12 +446,12 @@ def test_keyword_dictionary_of_caller_is_unchanged(module: ModuleType) -> None:
     module.switch_acl_egress_counter(**keywords)
     assert keywords == {"policy_id": 7}
     faulty = {"policy_id": 7, "other": 1}
-    refusal(module, "switch_acl_egress_counter", (), faulty)
+    error_text(module, "switch_acl_egress_counter", (), faulty)
     assert faulty == {"policy_id": 7, "other": 1}
 
 
 class FailingKey(SameHash):
-    """A keyword that cannot be compared."""
+    """A keyword whose comparison fails."""
 
     __hash__ = SameHash.__hash__
 
@@ -472,7 +472,7 @@ def test_keyword_comparison_error_propagates(module: ModuleType, name: str) -> N
 
 
 def of_type_named(name: str) -> object:
-    """An object whose type bears the name."""
+    """An object whose type has this name."""
     return type(name, (), {})()
 
 
@@ -498,7 +498,7 @@ WRONG: dict[type, list[object]] = {
 
 
 def arguments_around(function: Function, position: int, value: object) -> list[object]:
-    """Arguments of which only the one at `position` can be wrong."""
+    """Arguments that are valid except for the one at `position`."""
     arguments: list[object] = [None] * len(function.parameters)
     arguments[position] = value
     return arguments
@@ -534,11 +534,11 @@ def test_type_name_in_error_is_cut_at_200_characters(
     module: ModuleType, function: Function, position: int
 ) -> None:
     value = of_type_named(LONG)
-    text = refusal(module, function, arguments_around(function, position, value))
+    text = error_text(module, function, arguments_around(function, position, value))
     assert text.endswith(f", got {LONG[:200]})")
 
 
-# What each bytes function says of None; those held to str take it as a value of theirs.
+# The error of each bytes function for None; functions that expect str accept None.
 NONE_REFUSED = {
     "aps_unsigned_int_hash": "expected bytes, NoneType found",
     "encrypt_cookie": "expected bytes, NoneType found",
@@ -551,7 +551,7 @@ NONE_REFUSED = {
 def test_none_for_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, name: str, text: str
 ) -> None:
-    assert refusal(module, name, [None]) == text
+    assert error_text(module, name, [None]) == text
     assert simulator.call_log == []
 
 

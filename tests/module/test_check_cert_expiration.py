@@ -1,4 +1,4 @@
-"""The certificate check: the host's status becomes a bool, and only exact bytes are a path."""
+"""The certificate check: the status of the service becomes a bool; a path is exactly bytes."""
 
 from __future__ import annotations
 

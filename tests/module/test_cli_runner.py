@@ -1,9 +1,8 @@
-"""The command runner: the command on its way to the host, the text on its way back, and the native
-buffer, which is freed whatever happens."""
+"""The command runner: encoding of the command, decoding of the output, and the native buffer, which
+is freed on every path."""
 
 from __future__ import annotations
 
-import copy
 from types import ModuleType
 from typing import Any
 
@@ -15,11 +14,16 @@ from tests.support.assertions import (
     line,
     raises_exactly,
     traceback_entries,
-    with_types,
     wrong_type_message,
 )
-from tests.support.doubles import BytesSubclass, Failure, Recorder, StrSubclass, raiser
-from tests.support.fake_cli import FakeCli
+from tests.support.doubles import (
+    BytesSubclass,
+    Failure,
+    OwnMethodsStr,
+    Recorder,
+    StrSubclass,
+    raiser,
+)
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
@@ -30,7 +34,7 @@ class ByteArray(bytearray):
 
 
 def sent(simulator: Simulator) -> list[bytes | None]:
-    """The commands that reached the host, each with a null first pointer."""
+    """The commands that reached the service, each with a null context."""
     assert all(call.service == "get_cli_cmd_output" for call in simulator.call_log)
     assert all(call.context is None for call in simulator.call_log)
     return [call.text for call in simulator.call_log]
@@ -92,10 +96,7 @@ def test_none_command_fails_in_encoding(simulator: Simulator, module: ModuleType
     assert sent(simulator) == []
 
 
-@pytest.mark.parametrize(
-    "command",
-    ["plain", None],
-)
+@pytest.mark.parametrize("command", ["plain", None])
 def test_command_is_encoded_with_charset(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: str | None
 ) -> None:
@@ -128,10 +129,7 @@ def test_encoded_bytes_or_bytearray_is_accepted(
 
 @pytest.mark.parametrize("kind", [bytes, bytearray])
 def test_encoded_command_is_released_before_native_call(
-    simulator: Simulator,
-    module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
-    kind: type[bytes],
+    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, kind: type[bytes]
 ) -> None:
     events: list[object] = []
 
@@ -139,12 +137,12 @@ def test_encoded_command_is_released_before_native_call(
         def __del__(self) -> None:
             events.append("dropped")
 
-    def answer(command: bytes) -> str:
+    def reply(command: bytes) -> str:
         events.append(command)
         return "output"
 
     monkeypatch.setattr(module, "bytes_", lambda text, encoding: Encoded(b"encoded"))
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     module.get_cli_command_output("command")
     assert events == ["dropped", b"encoded"]
 
@@ -227,14 +225,14 @@ def test_decoder_gets_bytes_up_to_nul_and_charset(
 def test_charset_is_looked_up_for_each_conversion(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    def answer(command: bytes) -> bytes:
+    def reply(command: bytes) -> bytes:
         monkeypatch.setattr(module, "_CHARSET", "utf-16-le")
         return b"o"  # and its NUL ends the text
 
     decode = Recorder(lambda value, encoding: encoding)
     monkeypatch.setattr(module, "_CHARSET", "latin-1")
     monkeypatch.setattr(module, "text_", decode)
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     assert module.get_cli_command_output("\u00e9") == "utf-16-le"
     assert sent(simulator) == [b"\xe9"]
 
@@ -323,10 +321,10 @@ def test_error_class_is_looked_up_at_failure(
     class Other(Exception):
         pass
 
-    def answer(command: bytes) -> None:
+    def reply(command: bytes) -> None:
         monkeypatch.setattr(module, "CFunctionError", Other)
 
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     error = raises_exactly(Other, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
 
@@ -443,11 +441,11 @@ def test_missing_global_raises_name_error(
 def test_charset_missing_at_decoding_frees_buffer(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    def answer(command: bytes) -> str:
+    def reply(command: bytes) -> str:
         monkeypatch.delattr(module, "_CHARSET")
         return "output"
 
-    simulator.set_reply("get_cli_cmd_output", answer)
+    simulator.set_reply("get_cli_cmd_output", reply)
     error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == "name '_CHARSET' is not defined"
     assert simulator.live_objects.text_buffers == 0
@@ -537,79 +535,11 @@ def test_runner_logs_nothing(
     assert caplog.records == []
 
 
-# What the parsers do with it
-
-
-@pytest.mark.parametrize(
-    "function, arguments, output",
-    [
-        ("get_bfd_neighbor", ("command", {}), "echo\npeer a b c"),
-        ("get_routing_table_result", ("address",), "Routing a b c\na,b c,d e,f\na b c"),
-        ("get_system_arp_result", (), "Address"),
-    ],
-)
-def test_parsers_look_names_up_in_statement_order(
-    cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
-) -> None:
-    """text_(get_cli_command_output(command), _CHARSET): first text_, last _CHARSET."""
-
-    def run(command: str) -> str:
-        cli.patch("text_", raiser(AssertionError("looked up too late")))
-        cli.patch("_CHARSET", "rebound while the command ran")
-        return output
-
-    decode = Recorder(lambda value, encoding: value)
-    cli.patch("text_", decode)
-    cli.run.side_effect = run
-    getattr(cli.parser, function)(*arguments)
-    assert decode.positional == [(output, "rebound while the command ran")]
-
-
-class OwnMethods(str):
-    """Text whose methods are its own."""
-
-    called: list[str]
-
-    def __new__(cls, text: str, called: list[str]) -> OwnMethods:
-        made = super().__new__(cls, text)
-        made.called = called
-        return made
-
-    def split(self, *args: Any) -> list[str]:
-        self.called.append("split")
-        return []
-
-    def replace(self, *args: Any) -> str:
-        self.called.append("replace")
-        return "replaced"
-
-
-@pytest.mark.parametrize(
-    "function, arguments, output",
-    [
-        ("get_bfd_neighbor", ("command", {}), "echo\npeer a b c\n\tk: v"),
-        ("get_routing_table_result", ("address",), "Routing a b c\r\na,b c,d e,f\na b c"),
-        ("get_system_arp_result", (), "Address\na b c d"),
-    ],
-)
-def test_parsers_read_characters_of_str_subclass(
-    native_cli: FakeCli, function: str, arguments: tuple[object, ...], output: str
-) -> None:
-    called: list[str] = []
-    parse = getattr(native_cli.parser, function)
-    native_cli.set_output(output)
-    expected = parse(*copy.deepcopy(arguments))
-    assert expected
-    native_cli.patch("text_", lambda value, encoding: OwnMethods(output, called))
-    assert with_types(parse(*copy.deepcopy(arguments))) == with_types(expected)
-    assert called == []
-
-
 def test_command_output_calls_replace_of_str_subclass(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     called: list[str] = []
-    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethods("text", called))
+    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethodsStr("text", called))
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output("command") == "replaced"
     assert called == ["replace"]

@@ -1,5 +1,4 @@
-"""Cookie identifiers, cookie names and cookie values: what crosses to the native services, what
-comes back, and every refusal."""
+"""Cookie identifiers, names and values: native calls, results and every error."""
 
 from __future__ import annotations
 
@@ -30,7 +29,7 @@ NOT_EXACTLY_BYTES = [
 
 
 def texts(simulator: Simulator) -> list[tuple[str, bytes | None]]:
-    """The native calls in order, each with the text that it was given."""
+    """The native calls in order, each with its text argument."""
     return [(call.service, call.text) for call in simulator.call_log]
 
 
@@ -145,7 +144,7 @@ def test_cookie_name_truth_error_propagates(simulator: Simulator, module: Module
 
 
 class Shown:
-    """A value that notes when it is formatted."""
+    """A value that records its formatting."""
 
     def __init__(self, text: str, events: list[object]) -> None:
         self.text = text
@@ -163,16 +162,16 @@ def test_cookie_name_calls_in_order(
     events: list[object] = []
     serial = object()
 
-    def noting(name: str, result: object) -> Any:
+    def recording(name: str, result: object) -> Any:
         def note(*args: object, **kwargs: object) -> object:
             events.append((name, args, kwargs))
             return result
 
         return note
 
-    monkeypatch.setattr(module, "text_", noting("text_", Shown("P", events)))
-    monkeypatch.setattr(module, "serial_number_ascii", noting("serial", serial))
-    monkeypatch.setattr(module, "aps_unsigned_int_hash", noting("hash", Shown("H", events)))
+    monkeypatch.setattr(module, "text_", recording("text_", Shown("P", events)))
+    monkeypatch.setattr(module, "serial_number_ascii", recording("serial", serial))
+    monkeypatch.setattr(module, "aps_unsigned_int_hash", recording("hash", Shown("H", events)))
     assert module.get_cookie_name(https) == "P_H"
     assert events == [
         ("text_", (prefix, "utf-8"), {}),
@@ -480,12 +479,12 @@ def test_decrypt_calls_service_each_time(simulator: Simulator, module: ModuleTyp
     assert all(call.context is None for call in simulator.call_log)
 
 
-# Memory that cannot be had, each case in a process of its own: the interpreter's allocators fail
-# every request from number `start` on, before number `stop`.
+# Allocation failures, each in a new process: the interpreter's allocators fail the requests from
+# number `start` up to, not including, number `stop`.
 
 
 def _exhausted(function: str, arguments: list[str], start: int, stop: int, logger: str) -> Any:
-    """What a call tells when memory fails: the error, the log, the native calls, what is leaked."""
+    """Call while allocations fail; return the error, the log, the native calls and the leaks."""
     import _testcapi
 
     from tests.support.assertions import traceback_entries
@@ -494,12 +493,12 @@ def _exhausted(function: str, arguments: list[str], start: int, stop: int, logge
 
     with Simulator(live=False) as simulator:
         module = simulator.module
-        canned = {
+        replies = {
             "cookieval_wrap": b"wrapped",
             "cookieval_unwrap": b"plain",
             "aps_get_new_cookie_id": 4294967295,
         }
-        for service, reply in canned.items():
+        for service, reply in replies.items():
             simulator.set_fixed_reply(service, reply)
         call = getattr(module, function)
         values = [argument.encode() for argument in arguments]
@@ -523,7 +522,7 @@ def _exhausted(function: str, arguments: list[str], start: int, stop: int, logge
             "entries": [entry.function for entry in traceback_entries(error.__traceback__)],
             "lines": [entry.line for entry in traceback_entries(error.__traceback__)],
             "logged": notes.calls,
-            "called": [service for service in canned if simulator.fixed_reply_calls(service)],
+            "called": [service for service in replies if simulator.fixed_reply_calls(service)],
             "text_buffers": simulator.live_objects.text_buffers,
         }
 
@@ -531,42 +530,42 @@ def _exhausted(function: str, arguments: list[str], start: int, stop: int, logge
 def exhausted(
     function: str, *arguments: str, start: int = 0, stop: int = 1, logger: str = ""
 ) -> dict[str, Any]:
-    """What the call tells in a fresh process whose memory fails."""
-    told: dict[str, Any] = isolated.value(
+    """The result of `_exhausted` in a new process."""
+    result: dict[str, Any] = isolated.value(
         _exhausted, function, list(arguments), start, stop, logger
     )
-    return told
+    return result
 
 
 def test_new_cookie_id_without_memory_raises_memory_error() -> None:
-    told = exhausted("new_cookie_id")
-    assert told["type"] == "MemoryError"
-    assert told["entries"] == ["new_cookie_id"]
-    assert told["called"] == ["aps_get_new_cookie_id"]
+    result = exhausted("new_cookie_id")
+    assert result["type"] == "MemoryError"
+    assert result["entries"] == ["new_cookie_id"]
+    assert result["called"] == ["aps_get_new_cookie_id"]
 
 
 def test_encrypt_without_memory_leaks_native_buffer() -> None:
-    told = exhausted("encrypt_cookie", "value", start=1, stop=2)
-    assert told["type"] == "MemoryError"
-    assert told["entries"] == ["encrypt_cookie"]
-    assert told["called"] == ["cookieval_wrap"]
-    assert told["text_buffers"] == 1, "on purpose: it is freed on success only"
-    assert told["logged"] == []
+    result = exhausted("encrypt_cookie", "value", start=1, stop=2)
+    assert result["type"] == "MemoryError"
+    assert result["entries"] == ["encrypt_cookie"]
+    assert result["called"] == ["cookieval_wrap"]
+    assert result["text_buffers"] == 1, "on purpose: it is freed on success only"
+    assert result["logged"] == []
 
 
 def test_decrypt_without_memory_raises_memory_error() -> None:
-    told = exhausted("decrypt_cookie", "value", start=1, stop=2)
-    assert told["type"] == "MemoryError"
-    assert told["entries"] == ["decrypt_cookie"]
-    assert told["called"] == ["cookieval_unwrap"]
-    assert told["logged"] == []
+    result = exhausted("decrypt_cookie", "value", start=1, stop=2)
+    assert result["type"] == "MemoryError"
+    assert result["entries"] == ["decrypt_cookie"]
+    assert result["called"] == ["cookieval_unwrap"]
+    assert result["logged"] == []
 
 
-LONG = 400  # bytes of a cookie: enough to stand out, and still one request to the allocator
+LONG = 400  # bytes of a cookie: a large block that is still one request to the allocator
 
 
 def _left_behind(length: int, times: int, start: int, stop: int) -> int:
-    """Bytes of the interpreter's allocator that stay after so many failing decryptions."""
+    """Bytes of the interpreter's allocator that `times` failing decryptions leak."""
     import _testcapi
     import tracemalloc
 
@@ -609,13 +608,13 @@ LOG_TEXT = "Could not allocate memory for decreypt_cookie decrypted"
 
 
 def test_decrypt_without_working_buffer_logs_and_raises() -> None:
-    told = exhausted("decrypt_cookie", "value")
-    assert told["type"] == "CFunctionError"
-    assert told["own"]
-    assert told["arguments"] == ["PyMem_Malloc"]
-    assert told["entries"] == ["decrypt_cookie"]
-    assert told["logged"] == [[[LOG_TEXT], {}]]
-    assert told["called"] == [], "nothing is copied or unwrapped"
+    result = exhausted("decrypt_cookie", "value")
+    assert result["type"] == "CFunctionError"
+    assert result["own"]
+    assert result["arguments"] == ["PyMem_Malloc"]
+    assert result["entries"] == ["decrypt_cookie"]
+    assert result["logged"] == [[[LOG_TEXT], {}]]
+    assert result["called"] == [], "nothing is copied or unwrapped"
 
 
 @pytest.mark.parametrize(
@@ -656,13 +655,13 @@ def test_decrypt_without_working_buffer_logs_and_raises() -> None:
 def test_decrypt_failure_reports_missing_global(
     logger: str, kind: str, text: str | None, logged: bool
 ) -> None:
-    told = exhausted("decrypt_cookie", "value", logger=logger)
-    assert told["type"] == kind
+    result = exhausted("decrypt_cookie", "value", logger=logger)
+    assert result["type"] == kind
     if text is None:
         text = "'RecordingLogger' object has no attribute 'error'"
-    assert told["arguments"] == [text]
-    assert told["entries"] == ["decrypt_cookie"]
-    assert told["logged"] == ([[[LOG_TEXT], {}]] if logged else [])
+    assert result["arguments"] == [text]
+    assert result["entries"] == ["decrypt_cookie"]
+    assert result["logged"] == ([[[LOG_TEXT], {}]] if logged else [])
 
 
 def test_traceback_lines_increase_with_statements() -> None:

@@ -1,9 +1,9 @@
-"""The native parsers against their twin in plain Python, over plausible and over hostile text.
+"""Differential tests of the module's parsers against the reference model, on plausible and hostile
+text.
 
-Equal means: the same value with the same types and the same order of keys, or an exception of the
-same type and text from the same statement; the same log lines; the same commands; the same
-dictionaries left behind. `TWIN_EXAMPLES` sets how many texts each test tries; with `CI` set they
-are the same in every run.
+Results are equal if values, types and the order of keys are equal, or exceptions of the same type
+and text come from the same statement; and if log lines, commands and dictionaries are equal.
+`HYPOTHESIS_EXAMPLES` sets the number of texts for each test; with `CI` set they do not change.
 """
 
 from __future__ import annotations
@@ -42,14 +42,14 @@ compared = settings.get_profile("differential")
 
 
 class Pair:
-    """The command lines of the native module and of the twin, given the same and compared."""
+    """Fake command lines of the module and of the reference model with the same output."""
 
     def __init__(self, native: FakeCli, reference: FakeCli) -> None:
         self.native = native
         self.reference = reference
 
     def print(self, *outputs: object) -> None:
-        """What the commands print, in the order they come; then from the beginning again."""
+        """Set the outputs of successive commands; they repeat."""
         for cli in (self.native, self.reference):
             cli.run.calls.clear()
             cli.logger.debug.calls.clear()
@@ -60,9 +60,9 @@ class Pair:
         cli.run.side_effect = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
 
     def check(self, function: str, *make: Callable[[], object]) -> Any:
-        """Calls the function of both with arguments made for each, and compares everything.
+        """Call both functions with new arguments and compare everything.
 
-        The native value, or the exception.
+        Returns the module's value or exception.
         """
         our_arguments, ours = _called(self.native, function, make)
         their_arguments, theirs = _called(self.reference, function, make)
@@ -109,12 +109,12 @@ def test_assert_same_difference_gives_short_message(
     assert message in (None, found)
 
 
-# (function, line in the twin) -> line in the native module
+# (function, line in the reference model) -> line in the module
 LINES: dict[tuple[str, int], int] = {}
 
 
 def same_statement(function: str, ours: Exception, theirs: Exception) -> None:
-    """Each statement of the twin fails at one line of the native module, in the same order."""
+    """Each statement of the reference model maps to one line of the module, in the same order."""
     traceback = theirs.__traceback__
     while traceback is not None and traceback.tb_frame.f_code.co_name != function:
         traceback = traceback.tb_next
@@ -161,7 +161,7 @@ ends = st.sampled_from(["", "", "", "\r", " ", "\t", " --More-- ", "\r\r"])
 
 
 def spaced(least: int, most: int) -> st.SearchStrategy[str]:
-    """Words, each with a gap behind it."""
+    """Words with a gap after each."""
     return st.lists(st.sampled_from(SPACED), min_size=least, max_size=most).map("".join)
 
 
@@ -193,7 +193,7 @@ def outputs(draw: st.DrawFn, lines: st.SearchStrategy[Iterable[str]]) -> str:
 
 
 def hostile(openings: list[str], pieces: list[str]) -> st.SearchStrategy[str]:
-    """Any text, in which what the parser looks for is as likely as anything else."""
+    """Random text in which the parser's keywords are frequent."""
     piece = st.one_of(
         st.sampled_from(pieces),
         st.sampled_from([*pieces, "\n", "\n", "\r", "\t", " ", ":", ","]),
@@ -205,7 +205,7 @@ def hostile(openings: list[str], pieces: list[str]) -> st.SearchStrategy[str]:
 
 
 def encode(text: str) -> bytes:
-    """As the host prints it, lone surrogates included."""
+    """Encode output like the appliance, with lone surrogates."""
     return str(text).encode("utf-8", "surrogatepass")
 
 
@@ -251,7 +251,7 @@ def test_arp_hostile_text_matches_reference(pair: Pair, text: str) -> None:
 
 @st.composite
 def routing_outputs(draw: st.DrawFn) -> list[str]:
-    """A header block, whole or with something missing, and next hops."""
+    """A header block, complete or not, and next hops."""
     good = draw(st.booleans())
     header = draw(gaps) + "Routing" + draw(st.sampled_from([" ", " ", "\u2003", "-"]))
     header += draw(rows(3, 5) if good else rows(1, 5))
@@ -329,7 +329,7 @@ bfd_lines = st.one_of(
 
 @st.composite
 def bfd_outputs(draw: st.DrawFn) -> list[str]:
-    """An echo, mostly a header, then anything that may stand in a session."""
+    """An echo, usually a peer line, then lines of a session."""
     lines = [draw(rows())]
     if draw(st.integers(0, 4)):
         lines.append(draw(bfd_headers))
@@ -398,7 +398,7 @@ entries = st.fixed_dictionaries(
 whole_entries = st.fixed_dictionaries(
     {"neighbor_ip": words, "interface": words}, optional={"zebra_notifications": words}
 )
-neighbor_answers: st.SearchStrategy[Any] = st.one_of(
+neighbor_replies: st.SearchStrategy[Any] = st.one_of(
     st.dictionaries(st.sampled_from(["k", "l", "m"]), whole_entries, max_size=3),
     st.dictionaries(st.sampled_from(["k", "l", "m"]), st.one_of(entries, whole_entries)),
     st.sampled_from([None, 5, [], [("k", {})], {5: {}}, {"k": None}, {"k": "text"}, "ab", ()]),
@@ -407,27 +407,27 @@ neighbor_answers: st.SearchStrategy[Any] = st.one_of(
 
 
 @compared
-@given(st.lists(neighbor_answers, min_size=2, max_size=8))
-def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, answers: list[Any]) -> None:
+@given(st.lists(neighbor_replies, min_size=2, max_size=8))
+def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, replies: list[Any]) -> None:
     pair.print("")
     for cli in (pair.native, pair.reference):
         calls: list[object] = []
-        cli.patch("get_bfd_neighbor", _answering(calls, answers))
+        cli.patch("get_bfd_neighbor", _answering(calls, replies))
     pair.check("list_bfd_neighbor")
 
 
-def _answering(calls: list[object], answers: list[Any]) -> Callable[..., object]:
+def _answering(calls: list[object], replies: list[Any]) -> Callable[..., object]:
     def get_bfd_neighbor(*args: Any) -> object:
         calls.append(args)
-        answer = answers[min(len(calls), len(answers)) - 1]
-        if isinstance(answer, BaseException):
-            raise answer
-        return answer
+        reply = replies[min(len(calls), len(replies)) - 1]
+        if isinstance(reply, BaseException):
+            raise reply
+        return reply
 
     return get_bfd_neighbor
 
 
-# Values that are no text
+# Values that are not strings
 
 
 @compared
@@ -466,14 +466,7 @@ CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
 @pytest.mark.parametrize(
     "function, arguments, before, template, tried, size",
     [
-        (
-            "get_system_arp_result",
-            [],
-            ["Address"],
-            "?a?b c d?e f g?",
-            BLANKS_AND_OTHERS,
-            len,
-        ),
+        ("get_system_arp_result", [], ["Address"], "?a?b c d?e f g?", BLANKS_AND_OTHERS, len),
         (
             "get_routing_table_result",
             ["a"],
@@ -510,7 +503,7 @@ def test_every_character_around_words_matches_reference(
     assert size(result) > len(lines)
 
 
-# Words of every length, alike at both ends
+# Words of every length that begin and end equally
 
 LENGTHS = [*range(1, 140), 255, 256, 257, 5000]
 
@@ -583,7 +576,7 @@ def test_large_hostile_texts_match_reference(pair: Pair, text: HostileText) -> N
     assert isinstance(result, IndexError) == text.fails
 
 
-# The command runner, and the whole way through the host
+# The command runner, and output from the native service
 
 
 @compared

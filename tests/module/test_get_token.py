@@ -1,5 +1,5 @@
-"""The preference cookie's secret: the file, every step in order, and `with` as the interpreter's
-own statement does it."""
+"""The secret of the preference cookie: the file, the order of the steps, and the semantics of the
+`with` statement."""
 
 from __future__ import annotations
 
@@ -38,7 +38,7 @@ HEX = set("0123456789abcdef")
 
 @pytest.fixture
 def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
-    """Where the host wants the secret; there is no file yet."""
+    """The path of the secret; the file does not exist yet."""
     simulator.secret_path = tmp_path / "secret"
     return simulator.secret_path
 
@@ -135,7 +135,7 @@ def test_socket_at_path_raises_os_error(
 
 
 def test_character_device_is_written_then_read(simulator: Simulator, module: ModuleType) -> None:
-    """The device is not a regular file, so the secret is generated and what is read counts."""
+    """The device is not a regular file, so a secret is written and the result is read back."""
     master, slave = os.openpty()
     try:
         tty.setraw(slave)  # bytes pass unchanged both ways, and are not echoed
@@ -180,10 +180,7 @@ def test_relative_path_is_made_absolute(
     monkeypatch.setattr(module, "open", opened, raising=False)
     secret = module.get_token()
     assert (tmp_path / "relative").read_text() == secret
-    assert opened.positional == [
-        (tmp_path / "relative", "w"),
-        (tmp_path / "relative", "r"),
-    ]
+    assert opened.positional == [(tmp_path / "relative", "w"), (tmp_path / "relative", "r")]
 
 
 def test_link_to_file_is_read(module: ModuleType, secret_file: Path, tmp_path: Path) -> None:
@@ -223,10 +220,7 @@ def test_failure_before_writing_leaves_empty_file(
 
 @pytest.mark.parametrize("content", [None, b"secret"])
 def test_every_opened_file_is_closed(
-    module: ModuleType,
-    secret_file: Path,
-    monkeypatch: pytest.MonkeyPatch,
-    content: bytes | None,
+    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch, content: bytes | None
 ) -> None:
     files = []
 
@@ -243,11 +237,11 @@ def test_every_opened_file_is_closed(
     )
 
 
-# The steps, watched by stand-ins for everything that the function reaches
+# The steps, recorded by test doubles of everything that the function calls
 
 
 class Special:
-    """A special method whose look-up on the type is an event of its own."""
+    """A special method that records its lookup on the type."""
 
     def __init__(self, name: str, method: Callable[..., object]) -> None:
         self.name = name
@@ -259,7 +253,7 @@ class Special:
 
 
 class Manager:
-    """What `open` returns: a context manager that notes what is done with it."""
+    """The result of `open`: a context manager that records its use."""
 
     def __init__(self, steps: Steps, label: str) -> None:
         self.steps = steps
@@ -283,7 +277,7 @@ class Manager:
 
 
 class Entered:
-    """What entering the manager gives, which is not the manager."""
+    """The result of `__enter__`, which is not the manager."""
 
     def __init__(self, manager: Manager) -> None:
         self.manager = manager
@@ -309,7 +303,7 @@ class Line:
 
 
 class Hexadecimal:
-    """What `hexlify` returns."""
+    """The result of `hexlify`."""
 
     def __init__(self, steps: Steps) -> None:
         self.steps = steps
@@ -320,7 +314,7 @@ class Hexadecimal:
 
 
 class FakePath:
-    """What `Path` returns."""
+    """The result of `Path`."""
 
     def __init__(self, steps: Steps) -> None:
         self.steps = steps
@@ -335,11 +329,11 @@ class FakePath:
 
 
 class Steps:
-    """Every step that `get_token` makes, in order, and what to answer instead of the usual."""
+    """Record the steps of `get_token`; `replies` replaces the results of some."""
 
     def __init__(self) -> None:
         self.events: list[tuple[object, ...]] = []
-        self.answers: dict[str, Callable[[], object]] = {}
+        self.replies: dict[str, Callable[[], object]] = {}
         self.secret = object()
         self.managers: list[Manager] = []
 
@@ -347,7 +341,7 @@ class Steps:
         self.events.append(event)
 
     def do(self, name: str, usual: object) -> object:
-        return self.answers[name]() if name in self.answers else usual
+        return self.replies[name]() if name in self.replies else usual
 
     def text_(self, *args: object) -> object:
         self.note("text_", *args)
@@ -377,22 +371,18 @@ class Steps:
 
 @pytest.fixture
 def steps(simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Steps:
-    """The module with a recording stand-in for every name that the function looks up."""
-    watched = Steps()
+    """The module with a recorder for every name that the function looks up."""
+    recorder = Steps()
     simulator.secret_path = Path("/some/secret")
-    monkeypatch.setattr(module, "text_", watched.text_)
-    monkeypatch.setattr(module, "Path", watched.path)
-    monkeypatch.setattr(module, "open", watched.open, raising=False)
-    monkeypatch.setattr(module, "urandom", watched.urandom)
-    monkeypatch.setattr(module, "hexlify", watched.hexlify)
-    return watched
+    monkeypatch.setattr(module, "text_", recorder.text_)
+    monkeypatch.setattr(module, "Path", recorder.path)
+    monkeypatch.setattr(module, "open", recorder.open, raising=False)
+    monkeypatch.setattr(module, "urandom", recorder.urandom)
+    monkeypatch.setattr(module, "hexlify", recorder.hexlify)
+    return recorder
 
 
-PATH: list[tuple[object, ...]] = [
-    ("text_", b"/some/secret"),
-    ("Path", "path text"),
-    ("is_file",),
-]
+PATH: list[tuple[object, ...]] = [("text_", b"/some/secret"), ("Path", "path text"), ("is_file",)]
 WRITE: list[tuple[object, ...]] = [
     ("absolute",),
     ("open", "/absolute", "w"),
@@ -426,7 +416,7 @@ def test_each_step_runs_once_in_order(module: ModuleType, steps: Steps) -> None:
 
 def test_existing_file_is_not_written(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(True)
-    steps.answers["is a file"] = lambda: truth
+    steps.replies["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
     assert steps.events == PATH + READ
     assert truth.bool_calls == 1
@@ -434,7 +424,7 @@ def test_existing_file_is_not_written(module: ModuleType, steps: Steps) -> None:
 
 def test_any_false_is_file_result_writes_file(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(False)
-    steps.answers["is a file"] = lambda: truth
+    steps.replies["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
     assert steps.events == PATH + WRITE + READ
     assert truth.bool_calls == 1
@@ -443,7 +433,7 @@ def test_any_false_is_file_result_writes_file(module: ModuleType, steps: Steps) 
 def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: Steps) -> None:
     untouchable = CountingBool(AssertionError("asked"))
     for name in ("written", "w: exited", "r: exited"):
-        steps.answers[name] = lambda: untouchable
+        steps.replies[name] = lambda: untouchable
     assert module.get_token() is steps.secret
     assert untouchable.bool_calls == 0
 
@@ -538,7 +528,7 @@ IN_A_BODY = {
 @pytest.mark.parametrize("step", PATH_FAILURES + WRITE_FAILURES + READ_FAILURES)
 def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps, step: str) -> None:
     error = Failure(step)
-    steps.answers[step] = raiser(error)
+    steps.replies[step] = raiser(error)
     assert raises_exactly(Failure, module.get_token) is error
     assert error.__context__ is None
     found = entry(error, "get_token")
@@ -557,7 +547,7 @@ def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps,
 
 def test_is_file_truth_error_propagates(module: ModuleType, steps: Steps) -> None:
     error = Failure("no truth")
-    steps.answers["is a file"] = lambda: CountingBool(error)
+    steps.replies["is a file"] = lambda: CountingBool(error)
     assert raises_exactly(Failure, module.get_token) is error
     assert steps.events == PATH
     assert entry(error, "get_token").line
@@ -567,10 +557,10 @@ def test_traceback_lines_increase_with_statements(module: ModuleType, steps: Ste
     found: list[Entry] = []
     for step in ("text", "is a file", "open w", "written", "open r", "line"):
         error = Failure(step)
-        steps.answers = {step: raiser(error)}
+        steps.replies = {step: raiser(error)}
         assert raises_exactly(Failure, module.get_token) is error
         found.append(entry(error, "get_token"))
-    steps.answers = {"line": raiser(Failure()), "r: exited": lambda: True}
+    steps.replies = {"line": raiser(Failure()), "r: exited": lambda: True}
     found.append(entry(raises_exactly(UnboundLocalError, module.get_token), "get_token"))
     assert is_increasing([found[0].first_line, *(each.line for each in found)])
     assert found[-1].line < 94
@@ -592,7 +582,7 @@ def test_statement_fails_at_one_line(
     lines = set()
     for step in steps_of_one_statement:
         error = Failure(step)
-        steps.answers = {step: raiser(error)}
+        steps.replies = {step: raiser(error)}
         raises_exactly(Failure, module.get_token)
         lines.add(line(error, "get_token"))
     assert len(lines) == 1
@@ -608,8 +598,8 @@ def test_failing_body_propagates_when_exit_returns_false(
 ) -> None:
     error = kind("in the body")
     truth = CountingBool(False)
-    steps.answers["written" if mode == "w" else "line"] = raiser(error)
-    steps.answers[f"{mode}: exited"] = lambda: truth
+    steps.replies["written" if mode == "w" else "line"] = raiser(error)
+    steps.replies[f"{mode}: exited"] = lambda: truth
     assert raises_exactly(kind, module.get_token) is error
     assert steps.events[-1][:3] == (f"{mode}: exit", kind, error)
     assert truth.bool_calls == 1
@@ -618,9 +608,9 @@ def test_failing_body_propagates_when_exit_returns_false(
 
 def test_exit_gets_normalized_exception(module: ModuleType, steps: Steps) -> None:
     class Unreadable:
-        """A line without `strip`: the exception is one that the interpreter makes."""
+        """A line without `strip`, for which the interpreter raises AttributeError."""
 
-    steps.answers["line"] = Unreadable
+    steps.replies["line"] = Unreadable
     error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == "'Unreadable' object has no attribute 'strip'"
     assert steps.events[-1][:3] == ("r: exit", AttributeError, error)
@@ -634,8 +624,8 @@ def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) 
         handled.append(sys.exc_info()[1])
         return False
 
-    steps.answers["line"] = raiser(error)
-    steps.answers["r: exited"] = exited
+    steps.replies["line"] = raiser(error)
+    steps.replies["r: exited"] = exited
     raises_exactly(Failure, module.get_token)
     assert handled == [error]
     assert sys.exc_info() == (None, None, None)
@@ -646,8 +636,8 @@ def test_exception_of_caller_stays_handled(
     module: ModuleType, steps: Steps, swallowed: bool
 ) -> None:
     outer, error = Failure("being handled by the caller"), LookupError("in the body")
-    steps.answers["written"] = raiser(error)
-    steps.answers["w: exited"] = lambda: swallowed
+    steps.replies["written"] = raiser(error)
+    steps.replies["w: exited"] = lambda: swallowed
     try:
         raise outer
     except Failure:
@@ -660,8 +650,8 @@ def test_exception_of_caller_stays_handled(
 
 def test_suppressed_write_error_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
     truth = CountingBool(True)
-    steps.answers["written"] = raiser(Failure())
-    steps.answers["w: exited"] = lambda: truth
+    steps.replies["written"] = raiser(Failure())
+    steps.replies["w: exited"] = lambda: truth
     assert module.get_token() is steps.secret
     assert truth.bool_calls == 1
     assert steps.events[-len(READ) :] == READ
@@ -673,8 +663,8 @@ def test_suppressed_read_error_raises_unbound_local(
     module: ModuleType, steps: Steps, step: str
 ) -> None:
     truth = CountingBool(True)
-    steps.answers[step] = raiser(Failure())
-    steps.answers["r: exited"] = lambda: truth
+    steps.replies[step] = raiser(Failure())
+    steps.replies["r: exited"] = lambda: truth
     error = raises_exactly(UnboundLocalError, module.get_token)
     assert str(error) == "local variable 'secret' referenced before assignment"
     assert error.__context__ is None
@@ -687,8 +677,8 @@ def test_failing_exit_keeps_body_error_as_context(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
     body, leaving = Failure("in the body"), LookupError("while leaving")
-    steps.answers["written" if mode == "w" else "line"] = raiser(body)
-    steps.answers[f"{mode}: exited"] = raiser(leaving)
+    steps.replies["written" if mode == "w" else "line"] = raiser(body)
+    steps.replies[f"{mode}: exited"] = raiser(leaving)
     assert raises_exactly(LookupError, module.get_token) is leaving
     assert leaving.__context__ is body
     assert entry(leaving, "get_token").line
@@ -699,8 +689,8 @@ def test_exit_result_truth_error_replaces_exception(
     module: ModuleType, steps: Steps, mode: str
 ) -> None:
     body, truthless = Failure("in the body"), LookupError("no truth")
-    steps.answers["written" if mode == "w" else "line"] = raiser(body)
-    steps.answers[f"{mode}: exited"] = lambda: CountingBool(truthless)
+    steps.replies["written" if mode == "w" else "line"] = raiser(body)
+    steps.replies[f"{mode}: exited"] = lambda: CountingBool(truthless)
     assert raises_exactly(LookupError, module.get_token) is truthless
     assert truthless.__context__ is body
 
@@ -708,14 +698,14 @@ def test_exit_result_truth_error_replaces_exception(
 @pytest.mark.parametrize("mode", ["w", "r"])
 def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode: str) -> None:
     error = Failure("entering")
-    steps.answers[f"{mode}: entered"] = raiser(error)
+    steps.replies[f"{mode}: entered"] = raiser(error)
     assert raises_exactly(Failure, module.get_token) is error
     assert f"{mode}: exit" not in steps.names
     assert steps.names[-1] == f"{mode}: enter"
 
 
 class NoEnter:
-    """Leaves, but does not enter; an instance attribute does not count."""
+    """Has `__exit__`, but `__enter__` on the instance only, where it is not looked up."""
 
     def __init__(self) -> None:
         self.__enter__ = raiser(AssertionError("found on the instance"))
@@ -725,7 +715,7 @@ class NoEnter:
 
 
 class NoExit:
-    """Enters, but does not leave; an instance attribute does not count."""
+    """Has `__enter__`, but `__exit__` on the instance only, where it is not looked up."""
 
     def __init__(self) -> None:
         self.__exit__ = raiser(AssertionError("found on the instance"))
@@ -735,18 +725,17 @@ class NoExit:
 
 
 class Neither:
-    """No context manager at all."""
+    """Not a context manager."""
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
 @pytest.mark.parametrize(
-    "manager, missing",
-    [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")],
+    "manager, missing", [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")]
 )
 def test_non_context_manager_raises_before_enter(
     module: ModuleType, steps: Steps, mode: str, manager: type, missing: str
 ) -> None:
-    steps.answers[f"open {mode}"] = manager
+    steps.replies[f"open {mode}"] = manager
     error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == missing
     assert entry(error, "get_token").line
@@ -763,12 +752,12 @@ def test_special_method_lookup_error_propagates(
             raise error
 
     manager = type("Odd", (io.StringIO,), {name: Unbindable()})
-    steps.answers["open w"] = manager
+    steps.replies["open w"] = manager
     assert raises_exactly(Failure, module.get_token) is error
 
 
 def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:
-    """A static method, a class method, a callable object: bound as the type says."""
+    """A static method and a callable object are bound like any class attribute."""
     line_ = io.StringIO("first\nsecond")
     exits = Recorder()
 
@@ -776,14 +765,14 @@ def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: S
         __enter__ = staticmethod(lambda: line_)
         __exit__ = exits
 
-    steps.answers["is a file"] = lambda: True
-    steps.answers["open r"] = Odd
+    steps.replies["is a file"] = lambda: True
+    steps.replies["open r"] = Odd
     assert module.get_token() == "first"
     assert exits.positional == [(None, None, None)]
 
 
 class FileWithoutMethods:
-    """What entering gives: a file with nothing to write to or read from."""
+    """A file without `write` and `readline`."""
 
 
 @pytest.mark.parametrize(
@@ -801,7 +790,7 @@ def test_file_without_method_raises_attribute_error(
     """The interpreter evaluates `file.write` before the argument of the call."""
     if mode == "w":  # a C function, which must not be called with an exception set
         monkeypatch.setattr(module, "urandom", os.urandom)
-    steps.answers[f"{mode}: entered"] = FileWithoutMethods
+    steps.replies[f"{mode}: entered"] = FileWithoutMethods
     error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
     assert steps.events[:body_begins] == (PATH + WRITE + READ)[:body_begins]
@@ -812,7 +801,7 @@ def test_file_without_method_raises_attribute_error(
 
 def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: Steps) -> None:
     class Uncounted:
-        """A callable that no type binds, and that notes nothing."""
+        """A callable without `__get__` that keeps no references."""
 
         def __init__(self, result: object) -> None:
             self.result = result
@@ -821,9 +810,9 @@ def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: St
             return self.result
 
     enter, leave = Uncounted(io.StringIO("line")), Uncounted(None)
-    steps.answers["is a file"] = lambda: True
-    steps.answers["open r"] = type("Odd", (), {"__enter__": enter, "__exit__": leave})
-    spare = [enter, leave] * 1000  # so that a reference too few frees nothing
+    steps.replies["is a file"] = lambda: True
+    steps.replies["open r"] = type("Odd", (), {"__enter__": enter, "__exit__": leave})
+    spare = [enter, leave] * 1000  # a missing reference must not free them
     before = sys.getrefcount(enter), sys.getrefcount(leave)
     for _ in range(100):
         module.get_token()
@@ -832,10 +821,10 @@ def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: St
 
 
 def remove_method_in_its_get(name: str) -> list[object]:
-    """Reads the secret from a file whose special method leaves its type while it is bound.
+    """Read the secret from a file whose special method is deleted while it is bound.
 
-    `getattr` in the place of `__get__` takes the method, the file as a name and the file's type;
-    it calls the method's object once more after the removal.
+    `getattr` as `__get__` gets the method, the file (a string) as name and the file's type as
+    default; it uses the method again after the deletion.
     """
     import io
 
@@ -886,8 +875,8 @@ def test_exit_gets_traceback_of_exception(module: ModuleType, steps: Steps, mode
         seen.append((value.__traceback__, traceback))
         return False
 
-    steps.answers[f"{mode}: entered"] = FileWithoutMethods
-    steps.answers[f"{mode}: exited"] = exited
+    steps.replies[f"{mode}: entered"] = FileWithoutMethods
+    steps.replies[f"{mode}: exited"] = exited
     error = raises_exactly(AttributeError, module.get_token)
     ((of_the_exception, handled),) = seen
     assert of_the_exception is handled
@@ -916,8 +905,8 @@ def test_native_path_is_read_before_class_lookup() -> None:
             module.Path = path("the later Path")
             return ctypes.addressof(text)
 
-        bench = SiblingSandbox()
-        items: Any = bench._right["veldarin.modules.modules"]
+        sandbox = SiblingSandbox()
+        items: Any = sandbox._right["veldarin.modules.modules"]
         items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
             _c_pointer(getter), b"char *(void)"
         )

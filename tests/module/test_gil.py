@@ -1,5 +1,5 @@
-"""The interpreter lock is held across every native call: a native service that watches another
-Python thread from C sees it stand still."""
+"""The module holds the GIL across every native call: while a service waits in C, another Python
+thread does not run."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ import pytest
 from tests.support.query_cases import Query
 from veldarin_simulator import GILProbes, Simulator
 
-# How long a native call waits; far longer than another thread takes to get a lock that is free.
+# Milliseconds that a native call waits; another thread acquires a released GIL much sooner.
 HELD, RELEASED = 20, 10_000
 
 
@@ -53,7 +53,7 @@ def test_probe_detects_caller_that_releases_gil(
 
 
 def test_query_holds_gil_across_native_calls(query: Query, counter: ctypes.c_ulong) -> None:
-    """The calls are that of the service and that of json-c's serializer."""
+    """A query calls its service and json-c's serializer."""
     if query.native:
         query.simulator.set_fixed_reply(query.native, query.reply)
     query.simulator.probe_gil(counter, HELD)
@@ -71,7 +71,7 @@ def test_query_holds_gil_across_native_calls(query: Query, counter: ctypes.c_ulo
         ("encrypt_cookie", (b"plain",), "cookieval_wrap", "wrapped"),
         ("decrypt_cookie", (b"wrapped",), "cookieval_unwrap", "plain"),
         ("check_cert_expiration", (b"/path",), "gui_chk_cert_expiration", 0),
-        # Null, so that the service needs no allocator: a released lock then fails the test only.
+        # Null, so that the service does not allocate: with a released GIL only the test fails then.
         ("get_cli_command_output", ("command",), "get_cli_cmd_output", None),
         ("get_bfd_neighbor", ("command", {}), "get_cli_cmd_output", None),
         ("get_routing_table_result", ("address",), "get_cli_cmd_output", None),

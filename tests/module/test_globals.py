@@ -1,5 +1,4 @@
-"""Module globals are read when a function runs: rebound, deleted or found among the builtins, each
-name counts as it is at that moment."""
+"""Functions look module globals up at the time of the call: rebound, deleted or in builtins."""
 
 from __future__ import annotations
 
@@ -23,7 +22,7 @@ BROKEN_SESSION = "echo\npeer \n"  # a header line without its fields: logged
 
 
 class Use(NamedTuple):
-    """A call, what the CLI runner answers it, and one global name that it reads on the way."""
+    """A call, the output of the command, and one global name that it reads."""
 
     function: str
     arguments: tuple[Any, ...]
@@ -60,7 +59,7 @@ PARSERS = {"get_bfd_neighbor", "get_routing_table_result", "get_system_arp_resul
 def call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> Any:
-    """The call, with the CLI's answer; nothing but the function itself reads the name."""
+    """Make the call with the command's output; only the function itself reads the name."""
     if use.function in PARSERS and use.name in {"text_", "_CHARSET"}:
         text = str(use.cli).encode()
         monkeypatch.setattr(module, "get_cli_command_output", lambda command: text)
@@ -83,7 +82,7 @@ def test_undefined_name_raises_name_error(
 
 
 class Found(Exception):
-    """Raised by whatever a test puts under a name: the name was looked up and used."""
+    """Raised by test doubles: the name was looked up and used."""
 
 
 class Trap:
@@ -153,7 +152,7 @@ def test_global_shadows_builtin(
         call(simulator, module, monkeypatch, use)
 
 
-# A look-up that fails otherwise than by finding nothing
+# Lookups that raise
 
 
 @every_use
@@ -223,7 +222,7 @@ def test_key_comparison_error_propagates(where: str) -> None:
     ]
 
 
-# The BFD listing catches what its statements raise, and logs it.
+# The BFD neighbor list catches and logs exceptions of its statements.
 
 
 @pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
@@ -247,7 +246,7 @@ def test_bfd_list_uses_current_copy_module(
     monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: {"s": {}})
     monkeypatch.setattr(module, "copy", Trap())
     assert module.list_bfd_neighbor() == []
-    assert logger.debug_messages == ["e:"]  # the trap's own exception has no text
+    assert logger.debug_messages == ["e:"]  # the exception has no message
 
 
 def test_bfd_list_missing_logger_raises_name_error(
@@ -261,7 +260,7 @@ def test_bfd_list_missing_logger_raises_name_error(
     assert entry.function == "list_bfd_neighbor"
 
 
-# Names that are no globals to the functions
+# Names that the functions do not look up
 
 
 @pytest.mark.parametrize("name", ["dict", "list", "str", "bytes", "len", "range", "type", "print"])

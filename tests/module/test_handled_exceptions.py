@@ -1,5 +1,5 @@
-"""The exception being handled, as sys.exc_info shows it: each call that handles an exception of its
-own restores the caller's, also in a generator or coroutine that runs inside an except clause."""
+"""sys.exc_info after calls that handle an exception: each call restores the caller's exception,
+also in a generator or coroutine that runs in an except clause."""
 
 from __future__ import annotations
 
@@ -9,6 +9,7 @@ import io
 import sys
 import weakref
 from collections.abc import AsyncGenerator, Iterator
+from functools import partial
 from types import ModuleType
 from typing import Any, Callable
 
@@ -21,11 +22,11 @@ Handle = Callable[[], object]
 
 
 class Outer(Exception):
-    """The exception that the caller handles; unlike a builtin one it can be weakly referenced."""
+    """The exception that the caller handles; it supports weak references."""
 
 
 class File(io.StringIO):
-    """A file that cannot be written; leaving it swallows that."""
+    """A file whose `write` fails and whose `__exit__` suppresses the error."""
 
     def __init__(self) -> None:
         super().__init__("secret")
@@ -49,7 +50,7 @@ class File(io.StringIO):
 def handle(
     request: pytest.FixtureRequest, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> Iterator[Handle]:
-    """A call during which the module, or its model in Python, handles one exception."""
+    """A call in which the module or the reference model handles one exception."""
     parser, function = request.param.split(".")
     if function == "get_token":
         monkeypatch.setattr(module, "open", lambda *given: File(), raising=False)
@@ -81,6 +82,38 @@ def handle(
 def handled() -> BaseException | None:
     """The exception being handled."""
     return sys.exc_info()[1]
+
+
+@pytest.mark.parametrize(
+    "function, kind", [("get_bfd_neighbor", IndexError), ("list_bfd_neighbor", TypeError)]
+)
+def test_logged_exception_is_handled_only_while_logged(
+    cli: FakeCli, function: str, kind: type[Exception]
+) -> None:
+    logged: list[tuple[type[BaseException], bool]] = []
+
+    def debug(text: str) -> None:
+        error, traceback = sys.exc_info()[1:]
+        assert error is not None
+        assert traceback is not None
+        logged.append((type(error), error.__traceback__ is traceback))
+
+    cli.logger.debug.side_effect = debug
+    if function == "get_bfd_neighbor":
+        cli.set_output("echo", "peer A")
+        call = partial(cli.parser.get_bfd_neighbor, "command", {})
+    else:
+        cli.patch("get_bfd_neighbor", lambda *given: None)
+        call = cli.parser.list_bfd_neighbor
+    call()
+    assert sys.exc_info() == (None, None, None)
+    outer = Outer()
+    try:
+        raise outer
+    except Outer:
+        call()
+        assert handled() is outer
+    assert logged == [(kind, True)] * 2
 
 
 def test_generator_resumed_outside_handler_handles_nothing(handle: Handle) -> None:

@@ -1,4 +1,4 @@
-"""Functions called before the module's import has ended, and what an import keeps alive."""
+"""Calls of functions before the import ends, and objects that an import keeps alive."""
 
 from __future__ import annotations
 
@@ -24,13 +24,13 @@ NOT_IMPORTED = f"RuntimeError: {isolated.MODULE} has not been imported"
 
 
 def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
-    """Calls every function at a moment of the import; how each call ends, with its entries.
+    """Call every function at a moment of the import; return how each call ends, with its entries.
 
     The moments: "created" (before the execution), the name of a sibling (when the execution takes
-    something from it), "warning" (in its first step), "failed" (after it), and "second" (on a
-    second module object while the first one is imported).
+    something from it), "warning" (in its first step), a statement that breaks a sibling (after the
+    execution failed), and "second" (on a second module while the first one is imported).
     """
-    bench = SiblingSandbox()
+    sandbox = SiblingSandbox()
     module = create_module(path=WRONG_PYTHON_MODULE if moment == "warning" else MODULE_PATH)
     second = create_module() if moment == "second" else None
     before = {name: vars(module)[name] for name, _required in calls}
@@ -60,14 +60,16 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
         warnings.simplefilter("always")
         module.__loader__.exec_module(module)
         return ended
-    if moment == "failed":
-        bench.break_("siblings['copy'] = None")
+    failed = moment.startswith("siblings")
+    if failed:
+        sandbox.break_(moment)
     else:
         sys.modules["util.errors" if second else moment] = Sibling(moment)
     try:
         module.__loader__.exec_module(module)
     except (ImportError, OSError):
-        if moment == "failed":
+        if failed:
+            sandbox.restore()
             call_all(before)
     return ended
 
@@ -82,7 +84,13 @@ def call_at(moment: str, calls: list[list[Any]]) -> list[Any]:
         ("os", IMPORTING),
         ("util.errors", IMPORTING),
         ("second", IMPORTING),
-        ("failed", NOT_IMPORTED),
+        ("siblings['util.json'] = None", NOT_IMPORTED),
+        ("siblings['copy'] = None", NOT_IMPORTED),
+        (
+            "siblings['collections'] = "
+            "with_attributes('collections', namedtuple=raiser(OSError()))",
+            NOT_IMPORTED,
+        ),
     ],
 )
 def test_call_before_import_ends_raises_runtime_error(moment: str, text: str) -> None:
@@ -132,8 +140,8 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
         import gc
         import weakref
 
-        bench = SiblingSandbox()
-        bench.break_(
+        sandbox = SiblingSandbox()
+        sandbox.break_(
             *(
                 f"builtins.{kind} = sized_type('{kind}', builtins.{kind}.__basicsize__, {kind})"
                 for kind in ("type", "bool", "complex")
@@ -150,7 +158,7 @@ def test_imported_types_and_builtins_are_kept_alive() -> None:
         try:
             importlib.import_module(MODULE)
         finally:
-            bench.restore()
+            sandbox.restore()
         del sibling
         gc.collect()
         return {name: reference() is not None for name, reference in alive.items()}

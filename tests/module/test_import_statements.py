@@ -1,5 +1,5 @@
-"""The import statements of the module's execution, held against the same statements run by Python:
-errors with their name and path, submodules, and what a replaced `__import__` is called with."""
+"""The import statements of the module's execution compared with the same statements in Python:
+errors with name and path, submodules, and the arguments of a replaced `__import__`."""
 
 from __future__ import annotations
 
@@ -29,28 +29,28 @@ STATEMENTS = [
 ]
 
 
-def outcomes(statements: list[str], *spoils: str) -> list[Any]:
-    """What Python's own statements do with spoilt siblings, then what the module's import does.
+def outcomes(statements: list[str], *breaks: str) -> list[Any]:
+    """Run the statements in Python with broken siblings, then the module's execution.
 
-    Each outcome is the error's type, text, cause, context, name and path, or None, and what the
-    names were bound to.
+    Each outcome is the error's type, text, cause, context, name and path, or None, and the values
+    of the names.
     """
     import re
 
-    bench = SiblingSandbox()
+    sandbox = SiblingSandbox()
     bound = "serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json"
     names = [*bound.split(), "CFunctionError", "copy"]
 
     def outcome(run: Any, namespace: Any) -> list[Any]:
         before = dict(sys.modules)
-        bench.break_("\n".join(spoils))
+        sandbox.break_("\n".join(breaks))
         error: Any = None
         try:
             run()
         except BaseException as raised:
             error = raised
         finally:
-            bench.restore()
+            sandbox.restore()
             sys.modules.clear()
             sys.modules.update(before)
         described = None
@@ -77,12 +77,13 @@ def outcomes(statements: list[str], *spoils: str) -> list[Any]:
     return [expected, found]
 
 
-# A sibling that lacks every name. Its representation must not tell where it lies.
+# A sibling without any names. Its repr has no address.
 BARE = "m = siblings['{}'] = type('Bare', (ModuleType,), {{'__repr__': lambda self: 'm'}})('{}')"
-FILE = "m.__file__ = '/somewhere/a.py'"
+PATH = "/somewhere/a.py"
+FILE = f"m.__file__ = {PATH!r}"
 INITIALIZING = "m.__spec__ = __import__('types').SimpleNamespace(_initializing={})"
 
-SPOILT = {
+BROKEN = {
     "unknown location": [],
     "file": [FILE],
     "file that is not a str": ["m.__file__ = 5"],
@@ -128,15 +129,15 @@ BOUND = {
 }
 
 
-@pytest.mark.parametrize("label", SPOILT)
+@pytest.mark.parametrize("label", BROKEN)
 @pytest.mark.parametrize(
     "module, name", [("util.errors", "CFunctionError"), ("pyramid.compat", "text_")]
 )
 def test_from_import_of_broken_sibling_ends_as_in_python(
     module: str, name: str, label: str
 ) -> None:
-    spoils = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *SPOILT[label]]
-    rows = [spoil.replace("{name}", name).replace("{module}", module) for spoil in spoils]
+    breaks = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *BROKEN[label]]
+    rows = [breaks.replace("{name}", name).replace("{module}", module) for breaks in breaks]
     expected, found = isolated.value(outcomes, STATEMENTS, *rows)
     assert found == expected
     error, bound = expected
@@ -153,17 +154,21 @@ def test_from_import_of_broken_sibling_ends_as_in_python(
     [
         *((statement.split()[1], "module") for statement in STATEMENTS),
         *((row.split()[1], "name") for row in STATEMENTS if row.startswith("from")),
+        *((row.split()[1], "name of a file") for row in STATEMENTS if row.startswith("from")),
     ],
 )
 def test_each_statement_fails_as_in_python(module: str, missing: str) -> None:
-    spoil = BARE.format(module, module) if missing == "name" else f"siblings['{module}'] = None"
-    expected, found = isolated.value(outcomes, STATEMENTS, spoil)
+    broken = [f"siblings['{module}'] = None"]
+    if missing != "module":
+        broken = [BARE.format(module, module), *[FILE] * (missing == "name of a file")]
+    expected, found = isolated.value(outcomes, STATEMENTS, *broken)
     assert found == expected
-    assert expected[0][0] == ("ImportError" if missing == "name" else "ModuleNotFoundError")
+    assert expected[0][0] == ("ModuleNotFoundError" if missing == "module" else "ImportError")
+    assert expected[0][4:] == [repr(module), repr(PATH if missing == "name of a file" else None)]
 
 
 def test_circular_import_error_has_text_name_and_path() -> None:
-    rows = [BARE.format("os", "os"), *SPOILT["partially initialized"]]
+    rows = [BARE.format("os", "os"), *BROKEN["partially initialized"]]
     (error, _bound), found = isolated.value(outcomes, STATEMENTS, *rows)
     assert found == [error, _bound]
     assert error == [
@@ -182,12 +187,12 @@ def test_submodule_is_imported_from_its_package(tmp_path: Any) -> None:
     package.mkdir()
     for name in ("__init__", "bytes_", "text_"):
         package.joinpath(f"{name}.py").write_text("")
-    spoil = [
+    breaks = [
         f"sys.path.insert(0, {str(tmp_path)!r})",
         "m = siblings['pyramid.compat'] = importlib.import_module('compat')",
         "m.__name__ = m.__spec__.name = 'pyramid.compat'",
     ]
-    expected, found = isolated.value(outcomes, STATEMENTS, *spoil)
+    expected, found = isolated.value(outcomes, STATEMENTS, *breaks)
     assert found == expected
     error, bound = expected
     assert error is None

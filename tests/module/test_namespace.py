@@ -1,4 +1,4 @@
-"""What the module's namespace holds: exactly these names, with these values, in this order."""
+"""The module's namespace: exactly these names, with these values, in this order."""
 
 from __future__ import annotations
 
@@ -181,9 +181,7 @@ def test_counters_module_is_importing_module() -> None:
     assert isolated.value(import_normally) == ["importlib._bootstrap", "not pickled"]
 
 
-def test_only_table_functions_belong_to_module(
-    module: ModuleType,
-) -> None:
+def test_only_table_functions_belong_to_module(module: ModuleType) -> None:
     own = [
         name
         for name, held in vars(module).items()

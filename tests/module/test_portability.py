@@ -1,6 +1,5 @@
-"""What depends on the processor: the size of its words, the order of their bytes, the sign of a
-character, where a word may lie in memory. The same tests hold on the workstation and on the target,
-where each of these is different."""
+"""Behavior that depends on the processor: word size, byte order, signedness of char, alignment. The
+same tests pass on the workstation and on the MIPS target, which differ in all of them."""
 
 from __future__ import annotations
 
@@ -16,7 +15,7 @@ from veldarin_simulator import RawJSON, Simulator
 
 POINTER = struct.calcsize("P")
 EVERY_BYTE = bytes(range(1, 256))
-# The bounds of what a signed and an unsigned word can hold, in 32 bits, as a float and in 64 bits.
+# The limits of signed and unsigned integers of 32 and 64 bits and of exact floats.
 BOUNDS = [
     *(2**31 - 1, 2**31, -(2**31), -(2**31) - 1, 2**32 - 1, 2**32),
     *(2**53 - 1, 2**53 + 1, 2**63 - 1, -(2**63), 2**64 - 1),
@@ -112,12 +111,12 @@ def test_pager_prompt_at_any_offset_is_removed(
             assert module.get_cli_command_output("command") == wide * (before + after)
 
 
-# Words of the processor, laid over text
+# Text that is read in machine words
 
 
 @pytest.mark.parametrize("wide", ["", "\xe9", "\u20ac", "\U0001f600"], ids=ascii)
 def test_values_differing_in_one_character_are_kept_apart(cli: FakeCli, wide: str) -> None:
-    # Short values are looked for among those made before, by words read at any place of the text.
+    # The cache of short strings reads machine words at any address of the text.
     values = ["", *("x" * n for n in range(1, 70))]
     values += ["x" * n + "y" + "x" * (size - n - 1) for size in (1, 7, 8, 9, 16, 17, 64, 65)
                for n in range(size)]  # fmt: skip
@@ -130,14 +129,14 @@ def test_values_differing_in_one_character_are_kept_apart(cli: FakeCli, wide: st
 def test_text_at_any_alignment_is_parsed(
     simulator: Simulator, module: ModuleType, offset: int
 ) -> None:
-    # The native buffer is aligned; what is found in it need not be.
+    # The native buffer is aligned; text within it need not be.
     lead = "l" * offset
     simulator.set_reply("get_cli_cmd_output", f"{lead}\nAddress\n{lead} 192.0.2.1 0 aa:bb port1\n")
     (row,) = module.get_system_arp_result()
     assert [*row.values()] == [*f"{lead} 192.0.2.1 0 aa:bb port1".split(maxsplit=3)]
 
 
-# What lies where
+# Memory layout
 
 
 def test_json_object_is_header_and_two_pointers(simulator: Simulator) -> None:

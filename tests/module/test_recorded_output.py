@@ -1,5 +1,5 @@
-"""What a routing daemon's shell printed in the lab, recorded: as the parsers read it, in the native
-module and in its twin. tests/simulator/test_providers.py covers the simulator's own layout."""
+"""Output of a routing daemon's shell, recorded in the lab, in the parsers of the module and of the
+reference model. tests/simulator/test_providers.py covers the simulator's own layout."""
 
 from __future__ import annotations
 
@@ -19,7 +19,7 @@ def captured(name: str) -> str:
 
 
 def routed(cli: FakeCli, name: str) -> Any:
-    """What the parser makes of the daemon's text of a route, unaltered."""
+    """The result of parsing the daemon's text of a route, unchanged."""
     cli.set_output(captured(name))
     return cli.parser.get_routing_table_result("captured")
 

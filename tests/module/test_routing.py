@@ -1,5 +1,5 @@
-"""The routing-table parser, in the native module and in its twin: header block, next hops, and the
-line of every statement that a malformed output fails at."""
+"""The routing-table parser of the module and of the reference model: header block, next hops, and
+the line of every statement that malformed output makes fail."""
 
 from __future__ import annotations
 
@@ -65,10 +65,7 @@ def test_entry_with_next_hops_is_parsed(cli: FakeCli) -> None:
     )
     expected = {
         **PLAIN,
-        "table": [
-            route("*", "198.51.100.1", "port1"),
-            route("directly", "connected", "port2"),
-        ],
+        "table": [route("*", "198.51.100.1", "port1"), route("directly", "connected", "port2")],
     }
     assert with_types(parsed) == with_types(expected)
 
@@ -266,14 +263,7 @@ MALFORMED = [
             [HEADER, "a, \u2028x\x1f ,b c,d", UPDATE],
         ],
     ),
-    (
-        "metric",
-        [
-            [HEADER, "a,b c"],
-            [HEADER, "a,b c,one"],
-            [HEADER, "a,b c,,d", UPDATE],
-        ],
-    ),
+    ("metric", [[HEADER, "a,b c"], [HEADER, "a,b c,one"], [HEADER, "a,b c,,d", UPDATE]]),
     (
         "lastUpdate",
         [[HEADER, INFO], [HEADER, INFO, ""], [HEADER, INFO, "a b"], [HEADER, "a,b c,d e"]],
@@ -342,7 +332,7 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     assert is_increasing([375, *lines])
 
 
-# What is no text, and failures of the collaborators
+# Output that is not a string
 
 
 @pytest.mark.parametrize(
@@ -362,31 +352,11 @@ def test_non_str_output_raises_interpreter_error(
     assert str(error) == text
 
 
-def test_undecoded_bytes_raise_type_error(cli: FakeCli) -> None:
-    cli.patch("text_", lambda value, encoding: value)
-    error = raises_exactly(TypeError, result, cli, b"Routing")
-    assert str(error) == "a bytes-like object is required, not 'str'"
-
-
 @pytest.mark.parametrize("carriage_return", ["", "\r"])
 def test_str_subclass_output_is_parsed(cli: FakeCli, carriage_return: str) -> None:
     text = StrSubclass("\n".join([HEADER, INFO, UPDATE, "a,b" + carriage_return]))
     parsed = result(cli, text)
     assert with_types(parsed) == with_types({**PLAIN, "table": [route("", "a", "b")]})
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
-def test_runner_or_decoder_error_propagates(cli: FakeCli, name: str) -> None:
-    error = Failure()
-    cli.patch(name, raiser(error))
-    assert raises_exactly(Failure, cli.parser.get_routing_table_result, "a") is error
-
-
-@pytest.mark.parametrize("name", ["get_cli_command_output", "text_", "_CHARSET"])
-def test_missing_global_raises_name_error(cli: FakeCli, name: str) -> None:
-    cli.delete(name)
-    error = raises_exactly(NameError, cli.parser.get_routing_table_result, "a")
-    assert str(error) == f"name '{name}' is not defined"
 
 
 def test_native_output_is_parsed(simulator: Simulator, module: ModuleType) -> None:
@@ -399,13 +369,3 @@ def test_native_output_is_parsed(simulator: Simulator, module: ModuleType) -> No
     assert [call.text for call in simulator.call_log] == [
         b"get router info routing-table detail 192.0.2.7"
     ]
-
-
-def test_runner_failure_has_entries_of_both_functions(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(module.CFunctionError, module.get_routing_table_result, "a")
-    assert error.args == ("get_cli_command_output's result is null.",)
-    names = [found.function for found in traceback_entries(error.__traceback__)]
-    assert names == [FUNCTION, "get_cli_command_output"]

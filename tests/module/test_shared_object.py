@@ -1,5 +1,4 @@
-"""The file that ships: what it needs, what it exports, what it leaves to the process it is loaded
-into, and how it is built alone."""
+"""The released shared object: libraries, exported and undefined symbols, size, and build."""
 
 from __future__ import annotations
 
@@ -37,7 +36,7 @@ JSON_C = {"json_object_to_json_string"}
 
 # Libraries that a C program needs for the C library and its threads, by the start of their names.
 C_LIBRARY = re.compile(r"(libc|libpthread)\.so\.\d+")
-# What the compiler's start files refer to, if somebody has it.
+# Optional symbols that the compiler's start files refer to.
 START_FILES = {"__gmon_start__", "_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable"}
 
 
@@ -71,7 +70,7 @@ def loaded(name: str) -> Path:
 
 
 def interpreter() -> Path:
-    """The file that holds the interpreter's C interface."""
+    """The file with the interpreter's C interface."""
     if sysconfig.get_config_var("Py_ENABLE_SHARED"):
         return loaded("libpython3.9")
     return Path("/proc/self/exe").resolve()
@@ -79,7 +78,7 @@ def interpreter() -> Path:
 
 @pytest.fixture(scope="module")
 def alone() -> Path:
-    """The product built alone; what the command prints last."""
+    """Build the module alone; return the last line of output."""
     kept = {
         name: value
         for name, value in os.environ.items()
@@ -105,8 +104,8 @@ MODULE_ALONE = pytest.param(
 
 
 @pytest.fixture(params=["staged", MODULE_ALONE])
-def product(request: pytest.FixtureRequest) -> Path:
-    """The product's file, both ways it is built; sanitizers need libraries of their own."""
+def module_file(request: pytest.FixtureRequest) -> Path:
+    """The module's file of both builds; a build with sanitizers needs additional libraries."""
     if request.param == "alone":
         path: Path = request.getfixturevalue("alone")
         return path
@@ -122,13 +121,13 @@ def test_make_module_prints_path_last(alone: Path) -> None:
     assert alone.read_bytes()[:4] == b"\x7fELF"
 
 
-def test_file_name_has_extension_suffix(product: Path) -> None:
-    assert product.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
-    assert product.name.startswith("modules_util.cpython-39-")
+def test_file_name_has_extension_suffix(module_file: Path) -> None:
+    assert module_file.name == "modules_util" + sysconfig.get_config_var("EXT_SUFFIX")
+    assert module_file.name.startswith("modules_util.cpython-39-")
 
 
 # Whoever compiles it, the file fits into 64 KiB; with the compiler that it was measured with, into
-# a quarter of what Cython makes of the same functions.
+# a quarter of the size of the Cython module with the same functions.
 SMALL = 64 * 1024
 QUARTER = {("x86_64", "12"): 218_472 // 4}
 
@@ -149,18 +148,18 @@ def test_release_file_is_quarter_of_cython_module(alone: Path) -> None:
     assert alone.stat().st_size <= peers[0].stat().st_size / 4
 
 
-def test_only_c_library_is_needed(product: Path) -> None:
-    libraries = needed(product)
+def test_only_c_library_is_needed(module_file: Path) -> None:
+    libraries = needed(module_file)
     assert libraries
     assert [name for name in libraries if not C_LIBRARY.fullmatch(name)] == []
 
 
-def test_entry_point_is_only_export(product: Path) -> None:
-    assert symbols(product, "--defined-only") == {"PyInit_modules_util"}
+def test_entry_point_is_only_export(module_file: Path) -> None:
+    assert symbols(module_file, "--defined-only") == {"PyInit_modules_util"}
 
 
-def test_undefined_symbols_belong_to_known_libraries(product: Path) -> None:
-    undefined = symbols(product, "--undefined-only")
+def test_undefined_symbols_belong_to_known_libraries(module_file: Path) -> None:
+    undefined = symbols(module_file, "--undefined-only")
     of_interpreter = {
         name for name in symbols(interpreter(), "--defined-only") if re.match("_?Py", name)
     }
@@ -171,14 +170,14 @@ def test_undefined_symbols_belong_to_known_libraries(product: Path) -> None:
     assert undefined - somebodys == set()
 
 
-def test_native_services_are_undefined_symbols(product: Path) -> None:
-    undefined = symbols(product, "--undefined-only")
+def test_native_services_are_undefined_symbols(module_file: Path) -> None:
+    undefined = symbols(module_file, "--undefined-only")
     assert NATIVE_SERVICES - undefined == set()
     assert JSON_C - undefined == set()
 
 
-def test_no_cpp_runtime_symbol_is_referenced(product: Path) -> None:
-    undefined = symbols(product, "--undefined-only")
+def test_no_cpp_runtime_symbol_is_referenced(module_file: Path) -> None:
+    undefined = symbols(module_file, "--undefined-only")
     runtime = [
         name
         for name in undefined
@@ -188,11 +187,11 @@ def test_no_cpp_runtime_symbol_is_referenced(product: Path) -> None:
     assert runtime == []
 
 
-def test_file_has_no_build_machine_path(product: Path) -> None:
-    tags = "\n".join(said_by("readelf", "-d", str(product)))
+def test_file_has_no_build_machine_path(module_file: Path) -> None:
+    tags = "\n".join(said_by("readelf", "-d", str(module_file)))
     assert "RPATH" not in tags
     assert "RUNPATH" not in tags
-    assert str(isolated.ROOT).encode() not in product.read_bytes()
+    assert str(isolated.ROOT).encode() not in module_file.read_bytes()
 
 
 def test_simulator_exports_every_native_service() -> None:

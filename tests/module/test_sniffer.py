@@ -106,12 +106,7 @@ def failing_comparison(number: int) -> dict[str, Any]:
 def test_event_comparison_error_is_at_its_line(number: int, source_line: int) -> None:
     seen = isolated.value(failing_comparison, number)
     (_caller, found) = seen["entries"]
-    assert found[:4] == [
-        f"{isolated.MODULE}.capture_sniffer_profile",
-        FILE,
-        361,
-        source_line,
-    ]
+    assert found[:4] == [f"{isolated.MODULE}.capture_sniffer_profile", FILE, 361, source_line]
     assert seen["calls"] == []
 
 

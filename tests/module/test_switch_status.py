@@ -1,4 +1,4 @@
-"""The managed-switch queries: which request each kind of argument makes, and what is refused."""
+"""The managed-switch queries: the request for each kind of argument, and argument errors."""
 
 from __future__ import annotations
 
@@ -10,11 +10,7 @@ import pytest
 from tests.support.assertions import entry, line, raises_exactly, with_types, wrong_type_message
 from tests.support.doubles import CountingInt, Recorder, StrSubclass
 from tests.support.function_table import NAMED
-from tests.support.query_cases import (
-    QUERY_CASES,
-    sent_request,
-    without_releases,
-)
+from tests.support.query_cases import QUERY_CASES, sent_request, without_releases
 from veldarin_simulator import Simulator
 
 # Queries that send their argument if it is true: function, parameter, native service

@@ -1,5 +1,5 @@
-"""The appliance's own state: flash list, link monitors, and the one interface that is picked out of
-the reply, with Python's own item, iteration and comparison semantics."""
+"""The system queries: flash list, link monitors, and the interface that is selected from the reply
+with Python's item, iteration and comparison semantics."""
 
 from __future__ import annotations
 
@@ -18,7 +18,7 @@ PHYSICAL = "build_system_interface_physical"
 
 
 def reply_of(*entries: object) -> list[dict[str, object]]:
-    """A reply in the host's layout, with these interfaces."""
+    """A reply with these interfaces."""
     return [{"interface": list(entries)}]
 
 
@@ -176,14 +176,14 @@ def test_empty_iterable_raises_unbound_local(
     assert line(error, "list_system_interface_physical") == 143
 
 
-# A rebound parser may return any object; the statements then work as Python's own do
+# A replaced parser may return any object; the statements then work as in Python
 
 
 @pytest.fixture
 def parsed(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> SimpleNamespace:
-    """Its attribute `value` is what the parser returns."""
+    """A JSON parser that returns its attribute `value`."""
     holder = SimpleNamespace(value=None)
     monkeypatch.setattr(module, "json", SimpleNamespace(loads=lambda text: holder.value))
     return holder
@@ -194,7 +194,7 @@ def test_items_are_read_through_object_protocol(
 ) -> None:
     events: list[object] = []
 
-    class Noting:
+    class Recording:
         def __init__(self, item: object) -> None:
             self.item = item
 
@@ -202,8 +202,8 @@ def test_items_are_read_through_object_protocol(
             events.append((type(key), key))
             return self.item
 
-    data = Noting("A")
-    parsed.value = Noting(Noting((data,)))
+    data = Recording("A")
+    parsed.value = Recording(Recording((data,)))
     assert module.list_system_interface_physical("A") is data
     assert events == [(int, 0), (str, "interface"), (str, "name")]
 
@@ -291,7 +291,7 @@ def test_str_subclass_name_uses_its_own_comparison(
 
 
 class Broken:
-    """Raises where it is told to."""
+    """Raise at the selected step."""
 
     def __init__(self, where: str, error: Exception) -> None:
         self.where = where

@@ -21,7 +21,7 @@ from veldarin_simulator import Simulator
 
 
 class Provoked(NamedTuple):
-    """A call that fails. `arguments` suffice, or a module global is first made to `raises`."""
+    """A failing call: its arguments fail, or the module global `raises` does."""
 
     function: str
     arguments: tuple[Any, ...] = ()
@@ -30,10 +30,10 @@ class Provoked(NamedTuple):
 
 
 class Stop(BaseException):
-    """An exception that no handler of the module catches."""
+    """An exception that the module does not catch."""
 
 
-# An argument of a type that is refused, or a name on the way that fails.
+# An argument of the wrong type, or a global that fails.
 FAILING = [
     Provoked("aps_unsigned_int_hash", ("text",)),
     Provoked("get_cookie_name", (True,), raises="text_"),
@@ -66,7 +66,7 @@ FAILING = [
     Provoked("get_system_arp_result", raises="get_cli_command_output"),
 ]
 CHAINS = [
-    # the host's runner answers nothing: who called it, outermost first
+    # the command runner returns null: its callers, outermost first
     Provoked("get_cli_command_output", ("c",), chain=()),
     Provoked("get_bfd_neighbor", ("c",), chain=("get_cli_command_output",)),
     Provoked("get_routing_table_result", ("a",), chain=("get_cli_command_output",)),
@@ -81,7 +81,7 @@ every_failing = pytest.mark.parametrize("provoked", FAILING, ids=lambda row: row
 
 
 class Loads:
-    """A `json` whose `loads` cannot even be taken."""
+    """A `json` whose attribute `loads` raises."""
 
     def __init__(self, error: BaseException) -> None:
         self.error = error
@@ -239,7 +239,9 @@ def test_inner_argument_error_has_entries_of_both(simulator: Simulator, module: 
     assert (outer.function, inner.function) == ("get_cookie_name", "aps_unsigned_int_hash")
     assert outer.line > outer.first_line
     assert inner.line == inner.first_line
-    assert outer.first_line > inner.line  # the inner function stands before the outer one
+    assert (
+        outer.first_line > inner.line
+    )  # the inner function has smaller line numbers than the outer one
 
 
 def memory_entry_of_new_cookie_id() -> list[list[object]]:
@@ -275,6 +277,6 @@ def test_first_lines_increase_in_table_order(
         first_lines.append(link.tb_frame.f_code.co_firstlineno)
         lines.append(link.tb_lineno)
     assert first_lines == sorted(set(first_lines))
-    # The failing statement belongs to its function: it stands before the next one begins.
+    # The failing line is before the first line of the next function.
     for first, line, following in zip(first_lines, lines, [*first_lines[1:], 10**6]):
         assert first <= line < following

@@ -1,5 +1,5 @@
-"""Text with characters beyond ASCII: every code point passes through the parsers unchanged, in each
-storage width, and no codec error handler of the process takes part."""
+"""Non-ASCII text: every code point passes through the parsers unchanged, in each storage width, and
+no codec error handler of the process is called."""
 
 from __future__ import annotations
 
@@ -51,7 +51,7 @@ def error_handler(request: pytest.FixtureRequest) -> Iterator[None]:
 
 
 def result(parser: Any, function: str, output: str, monkeypatch: pytest.MonkeyPatch) -> Any:
-    """What a parser makes of an output."""
+    """Parse an output."""
     FakeCli(parser, monkeypatch).set_output(output)
     arguments: dict[str, tuple[object, ...]] = {
         "get_bfd_neighbor": ("c", {}),
@@ -92,7 +92,7 @@ def test_text_of_each_width_parses_as_in_python(
     parsed = result(module, function, output, monkeypatch)
     assert parsed == result(reference, function, output, monkeypatch)
     assert any(text in each for each in strings(parsed))
-    # A string that is stored wider than its characters need is equal to none.
+    # A string that is stored wider than its characters need equals no other string.
     sizes = [(sys.getsizeof(each), sys.getsizeof("".join([*each]))) for each in strings(parsed)]
     assert [size for size, _ in sizes] == [size for _, size in sizes]
 

@@ -1,5 +1,5 @@
-"""What the tests of the functions watch with: exceptions and their traceback entries, recorded
-calls, and values taken apart so that types and the order of keys count."""
+"""Assertions: exact exceptions, the module's traceback entries, and equality of values with their
+types and the order of keys."""
 
 from __future__ import annotations
 
@@ -15,7 +15,7 @@ E = TypeVar("E", bound=BaseException)
 
 
 class Entry(NamedTuple):
-    """One traceback entry of the native module."""
+    """A traceback entry of the module."""
 
     function: str
     first_line: int
@@ -37,7 +37,7 @@ def traceback_entries(traceback: TracebackType | None) -> list[Entry]:
 
 
 def entry(error: BaseException, function: str) -> Entry:
-    """The one entry that the function left in the exception's traceback."""
+    """The only entry of the function in the exception's traceback."""
     found = [e for e in traceback_entries(error.__traceback__) if e.function == function]
     assert len(found) == 1, f"{function} left {len(found)} traceback entries"
     return found[0]
@@ -49,7 +49,7 @@ def line(error: BaseException, function: str) -> int:
 
 
 def raises_exactly(kind: type[E], function: Callable[..., object], *args: Any, **kwargs: Any) -> E:
-    """The exception that the call raises, of exactly this type."""
+    """Return the exception of the call, which must have exactly this type."""
     try:
         result = function(*args, **kwargs)
     except BaseException as error:  # a test may expect KeyboardInterrupt
@@ -60,7 +60,7 @@ def raises_exactly(kind: type[E], function: Callable[..., object], *args: Any, *
 
 
 def wrong_type_message(parameter: str, expected: str, value: object) -> str:
-    """The text of a refused argument."""
+    """The message for an argument of the wrong type."""
     given = type(value).__name__
     return f"Argument '{parameter}' has incorrect type (expected {expected}, got {given})"
 
@@ -72,7 +72,7 @@ def is_increasing(lines: Iterable[int]) -> bool:
 
 
 def with_types(value: object) -> object:
-    """The value with the type of every part, and dictionaries as lists of items."""
+    """Return the value with the type of every part, and dictionaries as lists of items."""
     kind = type(value).__name__
     if isinstance(value, dict):
         return kind, [(with_types(k), with_types(v)) for k, v in value.items()]

@@ -343,6 +343,15 @@ def runner_returning(text: object) -> dict[str, Any]:
 PARSERS = ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
 FAILING_SPLIT = SimpleNamespace(split=fail, replace=fail)
 NULL_SPLIT = SimpleNamespace(split=NullLogger, replace=NullLogger)
+RUNNER_ERRORS: list[tuple[str, dict[str, Any], type[Exception]]] = [
+    ("fails", {"get_cli_command_output": fail}, Failure),
+    ("gone", {"get_cli_command_output": DELETED}, NameError),
+    ("gives a number", runner_returning(5), AttributeError),
+    ("gives None", runner_returning(None), AttributeError),
+    ("gives bad bytes", runner_returning(b"\xff"), UnicodeDecodeError),
+    ("gives what fails", runner_returning(FAILING_SPLIT), Failure),
+    ("gives what is no text", runner_returning(NULL_SPLIT), TypeError),
+]
 # What `CFunctionError` is bound to when there is no output.
 NULL_OUTPUT_ERRORS: list[tuple[str, type[BaseException], object]] = [
     (", no error class", NameError, DELETED),
@@ -424,15 +433,7 @@ CLI_CASES = [
     *(
         CallCase(name, ("a",) * NAMED[name].required, error, f"runner {what}", patched=patched)
         for name in PARSERS
-        for what, patched, error in [
-            ("fails", {"get_cli_command_output": fail}, Failure),
-            ("gone", {"get_cli_command_output": DELETED}, NameError),
-            ("gives a number", runner_returning(5), AttributeError),
-            ("gives None", runner_returning(None), AttributeError),
-            ("gives bad bytes", runner_returning(b"\xff"), UnicodeDecodeError),
-            ("gives what fails", runner_returning(FAILING_SPLIT), Failure),
-            ("gives what is no text", runner_returning(NULL_SPLIT), TypeError),
-        ]
+        for what, patched, error in RUNNER_ERRORS
         if name != "get_bfd_neighbor" or "gives" not in what
     ),
 ]

@@ -13,6 +13,25 @@ class StrSubclass(str):
     """A subclass of str without changes."""
 
 
+class OwnMethodsStr(str):
+    """A string that records calls of its `split` and `replace`."""
+
+    called: list[str]
+
+    def __new__(cls, text: str, called: list[str]) -> OwnMethodsStr:
+        made = super().__new__(cls, text)
+        made.called = called
+        return made
+
+    def split(self, *args: Any) -> list[str]:
+        self.called.append("split")
+        return []
+
+    def replace(self, *args: Any) -> str:
+        self.called.append("replace")
+        return "replaced"
+
+
 class BytesSubclass(bytes):
     """A subclass of bytes without changes."""
 

@@ -1,5 +1,4 @@
-"""The appliance's command line as the parsers see it: texts for their commands, in place of the
-native runner, for the native module and for its twin in plain Python alike."""
+"""Fake command line for the parsers of the module and of the reference model."""
 
 from __future__ import annotations
 
@@ -11,7 +10,7 @@ from tests.support.doubles import Recorder, RecordingLogger
 
 
 class FakeCli:
-    """Stands in `parser`, the native module or the twin, for what the parsers call."""
+    """Replace the command runner and the logger of `parser`, the module or the reference model."""
 
     def __init__(self, parser: Any, monkeypatch: pytest.MonkeyPatch) -> None:
         self.parser = parser
@@ -20,28 +19,28 @@ class FakeCli:
         self.logger = RecordingLogger()
         self.patch("get_cli_command_output", self.run)
         self.patch("_logger", self.logger)
-        # The one dictionary of all calls without `list_bfd`, as if nothing had been called yet.
+        # The shared default of `list_bfd`, emptied.
         self.shared: dict[str, Any] = parser.get_bfd_neighbor("")
         self.shared.clear()
         self.run.calls.clear()
 
     def patch(self, name: str, value: object) -> None:
-        """Another value for a global of the parser."""
+        """Bind a global of the parser to another value."""
         self.monkeypatch.setattr(self.parser, name, value)
 
     def delete(self, name: str) -> None:
-        """Takes a global of the parser away."""
+        """Delete a global of the parser."""
         self.monkeypatch.delattr(self.parser, name)
 
     def set_output(self, *lines: object) -> None:
-        """What every command prints: lines, or one object that is no text."""
+        """Set the output of every command: lines, or one object of any type."""
         output = lines[0]
         if len(lines) > 1:
             output = "\n".join(str(line) for line in lines)
         self.run.side_effect = lambda command: output
 
     def set_outputs(self, outputs: dict[str, Any]) -> None:
-        """What the commands print; any other prints nothing."""
+        """Set the output of each command; other commands print nothing."""
         self.run.side_effect = lambda command: outputs.get(command, "")
 
     @property
@@ -51,6 +50,6 @@ class FakeCli:
 
     @property
     def debug_messages(self) -> list[str]:
-        """The debug log so far; nothing is logged at another level."""
+        """The debug messages so far; there are no error messages."""
         assert self.logger.error.calls == []
         return self.logger.debug_messages

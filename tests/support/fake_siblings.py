@@ -1,9 +1,9 @@
-"""Sibling modules made by hand, for tests that spoil one detail of what the module imports.
+"""Fake sibling modules for tests that break one detail of the module's imports.
 
-`siblings()` gives a right set: C functions and the C variable as capsules named by their signature,
-a `JSONObject` of the right size with a capsule for its method table, and the library modules that
-the module's import statements name. A test changes one of them, puts the set into `sys.modules`
-with `install` and imports. Only fresh processes use this.
+`siblings()` returns a valid set: C functions and the C variable as capsules named by their
+signature, a `JSONObject` of the expected size with a capsule for its vtable, and the library
+modules of the import statements. A test changes one of them, adds the set to `sys.modules` with
+`install` and imports. Only isolated processes use this.
 """
 
 from __future__ import annotations
@@ -29,7 +29,7 @@ JSON_OBJECT_SIZE = (
     HEADER_SIZE + 2 * POINTER
 )  # the method table's pointer, the json-c object's pointer
 
-Siblings = dict[str, Optional[ModuleType]]  # None: the import system refuses the name
+Siblings = dict[str, Optional[ModuleType]]  # None: the import of the name fails
 
 LIBRARY_MODULES = (
     "binascii",
@@ -45,7 +45,7 @@ LIBRARY_MODULES = (
 
 strtcpy_calls: list[tuple[int, bytes]] = []  # (size, source text) of every call
 
-_kept: list[object] = []  # what capsules point at, and their names: kept as long as the process
+_kept: list[object] = []  # capsules point at these objects, which must never be freed
 _secret_path = ctypes.create_string_buffer(b"/nonexistent/secret")
 
 
@@ -63,7 +63,7 @@ def _strtcpy(destination: int, size: int, source: bytes) -> int:
 
 
 def capsule(pointer: int, name: bytes | None) -> Any:
-    """A capsule that holds any address under any name."""
+    """Return a capsule with any pointer and name."""
     new = ctypes.pythonapi.PyCapsule_New
     new.restype = ctypes.py_object
     new.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_void_p]
@@ -72,19 +72,19 @@ def capsule(pointer: int, name: bytes | None) -> Any:
 
 
 def null_capsule(name: bytes | None) -> Any:
-    """A capsule whose pointer was overwritten with null: the interpreter makes none such."""
+    """Return a capsule with a null pointer, which PyCapsule_New rejects."""
     made = capsule(1, name)
     ctypes.c_void_p.from_address(id(made) + HEADER_SIZE).value = None
     return made
 
 
 def sized_type(name: str, size: int, like: type | None = None) -> type:
-    """A type called `name` whose instances have `size` bytes; calling it makes a `like`.
+    """Return a type called `name` whose instances have `size` bytes; calling it returns a `like`.
 
-    It may stand for a builtin: what the interpreter's own library makes with it stays right.
+    It may replace a builtin: the standard library still gets instances of the builtin.
     """
     fields: dict[str, Any] = {
-        "__slots__": tuple(f"field_{number}" for number in range((size - HEADER_SIZE) // POINTER)),
+        "__slots__": tuple(f"field_{number}" for number in range((size - HEADER_SIZE) // POINTER))
     }
     if like is not None:
         fields["__new__"] = lambda cls, *arguments, **keywords: like(*arguments, **keywords)
@@ -94,7 +94,7 @@ def sized_type(name: str, size: int, like: type | None = None) -> type:
 
 
 def json_object(size: int = JSON_OBJECT_SIZE) -> Any:
-    """A `JSONObject` of `size` bytes with a method table; for imports only, never to be called."""
+    """Return a `JSONObject` type of `size` bytes with a vtable that must not be called."""
     made = sized_type("JSONObject", size)
     table = (ctypes.c_void_p * 1)(ctypes.cast(_strtcpy, ctypes.c_void_p).value)
     _kept.append(table)
@@ -103,7 +103,7 @@ def json_object(size: int = JSON_OBJECT_SIZE) -> Any:
 
 
 def without_attributes(name: str, *attributes: str) -> ModuleType:
-    """A copy of a library module without some of its names."""
+    """Return a copy of a library module without some of its names."""
     copy = ModuleType(name)
     vars(copy).update(vars(importlib.import_module(name)))
     for attribute in attributes:
@@ -112,7 +112,7 @@ def without_attributes(name: str, *attributes: str) -> ModuleType:
 
 
 def with_attributes(name: str, **attributes: object) -> ModuleType:
-    """A copy of a library module with some of its names bound to other objects."""
+    """Return a copy of a library module with some of its names rebound."""
     copy = without_attributes(name)
     vars(copy).update(attributes)
     return copy
@@ -125,7 +125,7 @@ def _c_pointer(function: Any) -> int:
 
 
 def siblings() -> Siblings:
-    """A right set of everything that the module imports, new objects each time."""
+    """Return a new valid set of everything that the module imports."""
     path_function = capsule(_c_pointer(_get_preference_cookie_secret_path), b"char *(void)")
     copy_function = capsule(_c_pointer(_strtcpy), b"int (char *, int, char const *)")
     variable = capsule(ctypes.addressof(_secret_path), b"char *")
@@ -139,7 +139,7 @@ def siblings() -> Siblings:
         "migbase.cmdbapi": {"__path__": []},
         "migbase.cmdbapi.cmdbapi_util": {"serial_number_ascii": lambda: b"serial"},
         "veldarin.modules.modules": {
-            "__pyx_capi__": {"get_preference_cookie_secret_path": path_function},
+            "__pyx_capi__": {"get_preference_cookie_secret_path": path_function}
         },
     }
     made: Siblings = {}
@@ -153,7 +153,7 @@ def siblings() -> Siblings:
 
 
 def install(modules: Siblings) -> None:
-    """Makes imports find exactly these modules; a module that is None cannot be imported."""
+    """Add these modules to `sys.modules`; the import of one that is None fails."""
     for name, module in modules.items():
         sys.modules[name] = module  # type: ignore[assignment]
         package, _, last = name.rpartition(".")
@@ -163,10 +163,10 @@ def install(modules: Siblings) -> None:
 
 
 class SiblingSandbox:
-    """Right siblings and builtins to come back to, and one spoilt set at a time beside them.
+    """Valid siblings and builtins that can be broken and restored.
 
-    `spoil` runs statements in which `siblings` is the spoilt set; everything of this file and
-    `builtins` are at hand.
+    `break_` runs statements on a new set named `siblings`; they see the names of this file and
+    `builtins`.
     """
 
     def __init__(self) -> None:
@@ -176,21 +176,21 @@ class SiblingSandbox:
         install(self._right)
 
     def break_(self, *statements: str) -> None:
-        """Installs a new set, spoilt by the statements."""
-        spoilt = siblings()
+        """Install a new set that the statements change."""
+        broken = siblings()
         for statement in statements:
-            names = {**globals(), "siblings": spoilt, "builtins": builtins, "raiser": raiser}
+            names = {**globals(), "siblings": broken, "builtins": builtins, "raiser": raiser}
             exec(statement, names)
-        install(spoilt)
+        install(broken)
 
     def restore(self) -> None:
-        """Everything right again."""
+        """Restore the valid siblings and builtins."""
         vars(builtins).update(self._builtins)
         install(self._right)
 
 
 def create_module(name: str = MODULE, path: Path = MODULE_PATH) -> Any:
-    """The module created from its file, not yet executed and not in `sys.modules`."""
+    """Create the module from its file without executing it."""
     loader = ExtensionFileLoader(name, str(path))
     import_spec = spec_from_file_location(name, path, loader=loader)
     assert import_spec is not None
@@ -198,7 +198,7 @@ def create_module(name: str = MODULE, path: Path = MODULE_PATH) -> Any:
 
 
 def entry_point() -> Callable[[], int]:
-    """The exported entry of the module's file: gives the address of the definition."""
+    """The exported entry point, which returns the address of the definition."""
     entry = ctypes.PyDLL(str(MODULE_PATH)).PyInit_modules_util
     entry.restype = ctypes.c_void_p
     return entry
@@ -241,12 +241,12 @@ CREATE_SLOT, EXEC_SLOT = 1, 2  # Py_mod_create, Py_mod_exec
 
 
 def definition() -> Definition:
-    """The definition that the entry of the module's file returns."""
+    """The definition that the entry point returns."""
     return Definition.from_address(entry_point()())
 
 
 def rows_until_null(rows: Any, field: str) -> list[Any]:
-    """The rows of a table that ends with a row whose field is null."""
+    """The rows of a table before the first row whose field is null."""
     found: list[Any] = []
     while getattr(rows[len(found)], field):
         found.append(rows[len(found)])
@@ -254,7 +254,7 @@ def rows_until_null(rows: Any, field: str) -> list[Any]:
 
 
 def run_create_slot(import_spec: object) -> Any:
-    """What the create slot returns, without all that the interpreter adds to it."""
+    """Call the create slot without the steps that the interpreter adds."""
     defined = definition()
     slots = {row.slot: row.value for row in rows_until_null(defined.slots, "slot")}
     create = ctypes.PYFUNCTYPE(ctypes.py_object, ctypes.py_object, ctypes.c_void_p)
@@ -262,7 +262,7 @@ def run_create_slot(import_spec: object) -> Any:
 
 
 def create_from_spec(import_spec: object) -> Any:
-    """The module created from any object in the place of an import spec."""
+    """Create the module from any object as its import spec."""
     create = ctypes.pythonapi.PyModule_FromDefAndSpec2
     create.restype = ctypes.py_object
     create.argtypes = [ctypes.c_void_p, ctypes.py_object, ctypes.c_int]
@@ -270,7 +270,7 @@ def create_from_spec(import_spec: object) -> Any:
 
 
 def exec_module(module: Any) -> None:
-    """Runs the exec slot of a created module, whether or not the interpreter ran it before."""
+    """Run the exec slot of a created module, even if it has run before."""
     definition = ctypes.pythonapi.PyModule_GetDef
     definition.restype = ctypes.c_void_p
     definition.argtypes = [ctypes.py_object]

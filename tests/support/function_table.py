@@ -1,8 +1,5 @@
-"""The table of the thirty functions, as GUI authors know them, for tests that go through all.
-
-In order; each with its parameters, the way its arguments are bound, and the source lines between
-which its first line lies (equal where the line itself is known).
-"""
+"""The expected table of the thirty functions, in order: parameters, binding, and the bounds of the
+first source line (equal if the line is known)."""
 
 from __future__ import annotations
 
@@ -12,7 +9,7 @@ from tests.support.assertions import MODULE
 
 
 class Parameter(NamedTuple):
-    """A parameter; `type` is the one type it is held to (besides None), if any."""
+    """A parameter; `type` is the type that is required, besides None, if any."""
 
     name: str
     type: type | None = None
@@ -29,12 +26,12 @@ class Function(NamedTuple):
 
     @property
     def qualified(self) -> str:
-        """The name that traceback entries and the interpreter's own messages show."""
+        """The name in traceback entries and in the interpreter's messages."""
         return f"{MODULE}.{self.name}"
 
     @property
     def required(self) -> int:
-        """How many parameters have no default."""
+        """The number of parameters without a default."""
         return sum(not parameter.optional for parameter in self.parameters)
 
 

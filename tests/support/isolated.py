@@ -1,9 +1,8 @@
-"""Fresh interpreter processes for tests of what happens once per process.
+"""Isolated interpreter processes for tests of steps that a process can take only once.
 
-An import, a failed import, a second interpreter: none of them can be tried twice in the process
-that runs the tests. `run` sends the source of one self-contained function to a new interpreter,
-which loads the stand-in appliance's library, finds the staged modules, calls the function and
-answers in JSON: the function's value or the exception that ended it.
+These are imports, failed imports and second interpreters. `run` sends the source of one function to
+a new interpreter, which loads the simulator's library, finds the modules of the staging directory,
+calls the function and returns its value or its exception as JSON.
 """
 
 from __future__ import annotations
@@ -42,16 +41,15 @@ __all__ = [
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = native_library.build_directory()
 MODULE_PATH = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
-# The product's own objects, linked so that the interpreter seems to be another release, and so that
-# comparisons can be made to fail.
+# The module's objects, linked with a fake Python version and with comparisons that can fail.
 WRONG_PYTHON_MODULE = BUILD / "wrong_python_version" / MODULE_PATH.name
 
-SECONDS = 120  # far beyond any of these processes; a hang must end somewhere
+SECONDS = 120  # much longer than any of these processes needs
 
 
 @dataclass(frozen=True)
 class Entry:
-    """One traceback entry: where it points, and the `__name__` its frame's globals hold."""
+    """A traceback entry: its code, its lines, and `__name__` in its frame's globals."""
 
     name: str
     file: str
@@ -62,7 +60,7 @@ class Entry:
 
 @dataclass(frozen=True)
 class Error:
-    """An exception that crossed the process boundary; `type` is the name of its class."""
+    """An exception of the isolated process; `type` is the name of its class."""
 
     type: str
     bases: tuple[str, ...]
@@ -71,7 +69,7 @@ class Error:
 
     @classmethod
     def of(cls, described: dict[str, Any]) -> Error:
-        """The exception that `describe` put into JSON."""
+        """Return the exception that `encode_exception` encoded."""
         entries = tuple(Entry(*entry) for entry in described["entries"])
         return cls(described["type"], tuple(described["bases"]), described["text"], entries)
 
@@ -82,14 +80,14 @@ class Error:
 
 @dataclass(frozen=True)
 class Outcome:
-    """What a fresh process answered: a value, or the error that ended the function."""
+    """The result of an isolated function: its value or its exception."""
 
     value: Any
     error: Error | None
 
 
 def encode_exception(error: BaseException) -> dict[str, Any]:
-    """An exception with its traceback as JSON data; the functions under test may use it."""
+    """Encode an exception with its traceback as JSON data; isolated functions may use it."""
     entries = []
     link = error.__traceback__
     while link is not None:
@@ -114,10 +112,10 @@ def encode_exception(error: BaseException) -> dict[str, Any]:
 
 
 def run(function: Callable[..., object], *arguments: object) -> Outcome:
-    """Calls `function` in a new interpreter with `arguments`, which JSON must be able to carry.
+    """Call `function` in a new interpreter with `arguments`, which must be JSON data.
 
-    The function sees the names of this file and of `fake_siblings`, those of `_names`, and what it
-    imports itself. A process that dies fails the test with all that it wrote to standard error.
+    The function sees the names of this file and of `fake_siblings`, those of `_names`, and its own
+    imports. If the process crashes the test fails with its standard error.
     """
     request = {
         "source": textwrap.dedent(inspect.getsource(function)),
@@ -133,19 +131,19 @@ def run(function: Callable[..., object], *arguments: object) -> Outcome:
         cwd=ROOT,
     )
     assert process.returncode == 0, f"exit status {process.returncode}\n{process.stderr}"
-    answer = json.loads(process.stdout)
-    return Outcome(answer["value"], Error.of(answer["error"]) if answer["error"] else None)
+    reply = json.loads(process.stdout)
+    return Outcome(reply["value"], Error.of(reply["error"]) if reply["error"] else None)
 
 
 def value(function: Callable[..., object], *arguments: object) -> Any:
-    """What `function` returns in a new interpreter; an exception there fails the test."""
+    """Return the value of `function` in a new interpreter; an exception fails the test."""
     outcome = run(function, *arguments)
     assert outcome.error is None, outcome.error
     return outcome.value
 
 
 def error(function: Callable[..., object], *arguments: object) -> Error:
-    """The exception that ends `function` in a new interpreter; none there fails the test."""
+    """Return the exception of `function` in a new interpreter; without one the test fails."""
     outcome = run(function, *arguments)
     assert outcome.error is not None, f"no exception, but the value {outcome.value!r}"
     return outcome.error

@@ -1,9 +1,9 @@
-"""What tests of the kernel's tables need: Python code run in a network namespace of its own, the
-system's own tool as the oracle, a netlink message without a kernel.
+"""Network namespaces for tests of kernel tables, with the tool `ip` as the oracle, and netlink
+messages without a kernel.
 
-The commands of `setup` make the namespace's links, addresses, neighbours and routes; then `source`
-runs there, with the project's packages importable, and its standard output is JSON. Needs root and
-the system's `ip` and `unshare`: without them the test is skipped, with the reason.
+The commands of `setup` create the namespace's links, addresses, neighbors and routes; then `source`
+runs there, can import the project's packages, and prints JSON. This needs root, `ip` and `unshare`;
+without them the test is skipped with the reason.
 """
 
 from __future__ import annotations
@@ -33,12 +33,12 @@ PORTS = (
 
 
 needs_ip = pytest.mark.skipif(shutil.which("ip") is None, reason="the tool ip is the oracle")
-# Without the sanitizers' runtime, which has something to say of the tool itself.
+# Without the sanitizers' runtime, which reports errors of the tool itself.
 ENV_WITHOUT_SANITIZER = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
 
 
 def ip_json(*arguments: str) -> Any:
-    """What `ip -j` says."""
+    """Return the output of `ip -j`."""
     done = subprocess.run(
         ["ip", "-j", *arguments],
         env=ENV_WITHOUT_SANITIZER,
@@ -61,7 +61,7 @@ class Message(dict):
 
 
 def run_in_netns(setup: tuple[str, ...], source: str) -> Any:
-    """What `source` prints as JSON, run after `setup`. A failing command fails the test."""
+    """Run `source` after `setup` and return the JSON that it prints; a failure fails the test."""
     why_not = _skip_reason()
     if why_not:
         pytest.skip(why_not)

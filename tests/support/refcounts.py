@@ -1,5 +1,5 @@
-"""Objects that a call of the module touches and that live on: a reference to one of them that is
-lost, or given back twice, shows in its count only."""
+"""Long-lived objects that calls of the module use: only their reference counts show a missing or an
+extra decref."""
 
 from __future__ import annotations
 
@@ -10,7 +10,7 @@ from tests.support.function_table import FUNCTIONS
 
 
 def interned_strings() -> list[str]:
-    """Texts that the module keeps as long as the process: names, keys, constants."""
+    """Strings that the module keeps for the life of the process: names, keys, constants."""
     words = """
         policy_id instance_id port_name trunk_name mkey name profile-name profile_name event cmd
         list_bfd characters https plain encrypted path cmd_s ip_address request response interface
@@ -24,7 +24,7 @@ def interned_strings() -> list[str]:
 
 
 def permanent_objects() -> list[object]:
-    """Objects of the interpreter's that live as long as the process."""
+    """Objects of the interpreter that live as long as the process."""
     types: list[object] = [
         object,
         type,
@@ -49,7 +49,7 @@ def permanent_objects() -> list[object]:
         UnicodeDecodeError,
     ]
     constants: list[object] = [None, True, False, (), b"", Ellipsis]
-    # The interpreter has one object each for these: a reference too few ends them some day.
+    # The interpreter has one object each for these; missing references would free them.
     shared: list[object] = [*range(-5, 257), *map(chr, range(256))]
     return [*types, *constants, *shared, *interned_strings()]
 

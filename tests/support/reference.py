@@ -1,8 +1,8 @@
-"""The parsers of command-line output once more, in plain Python: the oracle of the tests.
+"""Reference model of the parsers, in plain Python: the oracle of the differential tests.
 
-Written one statement a line, with the string operations that the native module promises to equal,
-and with the native module's global names, so that a test can rebind a name in either and expect
-the same from both. `run` stands in for the appliance's native command runner.
+It has one statement a line, uses the string operations that the module reproduces, and has the
+module's global names, so that a test can rebind a name in both and compare. `run` replaces the
+native command runner.
 """
 
 from __future__ import annotations
@@ -38,7 +38,7 @@ def _check_text(name: str, value: Any) -> None:
 
 
 def get_cli_command_output(cmd_s: Any) -> Any:
-    """Text that the appliance's command line prints for a command, without pager prompts."""
+    """Return the output of a command without pager prompts."""
     _check_text("cmd_s", cmd_s)
     encoded = bytes_(cmd_s, _CHARSET)
     if not isinstance(encoded, (bytes, bytearray)):

@@ -1,5 +1,5 @@
-"""Inputs that `make fuzz` came by: those that reach every edge it knows, and those on which the
-module and its twin once disagreed, or a sanitizer had something to say."""
+"""Inputs of `make fuzz`: the corpus that reaches every known edge, and inputs that once made the
+module differ from the reference model or made a sanitizer report."""
 
 from __future__ import annotations
 
@@ -40,7 +40,7 @@ def test_corpus_covers_functions_in_both_charsets() -> None:
 
 
 def test_text_layer_passes_its_corpus() -> None:
-    """In a process of its own, which the first thing that does not hold ends with a line."""
+    """Run in a new process, which ends at the first failed check with a message."""
 
     def go_through(library: str, files: list[str]) -> int:
         import ctypes

@@ -11,7 +11,7 @@ import pytest
 from tests.support import isolated
 
 ROOT = isolated.ROOT
-PRODUCT = ROOT / "veldarin" / "modules"
+MODULE = ROOT / "veldarin" / "modules"
 
 
 def tracked(*patterns: str) -> list[Path]:
@@ -33,7 +33,7 @@ def without_comments(text: str) -> str:
 
 
 def without_literals(code: str) -> str:
-    """Code with the text of its string literals taken out."""
+    """Return code without the text of its string literals."""
     return re.sub(r'"(?:\\.|[^"\\\n])*"', '""', code)
 
 
@@ -48,26 +48,20 @@ def places(files: list[Path], pattern: str) -> list[str]:
     return found
 
 
-PRODUCT_SOURCES = sorted([*PRODUCT.rglob("*.cpp"), *PRODUCT.rglob("*.h")])
-# What runs once per process: here a name given as C text costs nothing that anybody notices.
+MODULE_SOURCES = sorted([*MODULE.rglob("*.cpp"), *MODULE.rglob("*.h")])
+# These files run once per process: looking a name up by C string is cheap enough.
 ONCE = {"modules_util.cpp", "imports.cpp", "interned.cpp"}
-REPEATED = [file for file in PRODUCT_SOURCES if file.name not in ONCE]
+REPEATED = [file for file in MODULE_SOURCES if file.name not in ONCE]
 
 
 def test_module_sources_are_found() -> None:
-    names = {file.name for file in PRODUCT_SOURCES}
-    assert names >= {
-        "modules_util.cpp",
-        "cookies.cpp",
-        "json_bridge.cpp",
-        "cli.cpp",
-        "arp_table.cpp",
-    }
+    names = {file.name for file in MODULE_SOURCES}
+    assert names >= {"modules_util.cpp", "cookies.cpp", "json_bridge.cpp", "cli.cpp", "arp_table.cpp"}
     assert len(names) > 10
 
 
-# (what, pattern, why)
-FORBIDDEN_IN_THE_PRODUCT = [
+# (construct, pattern, reason)
+FORBIDDEN = [
     ("exceptions", r"\b(throw|try|catch)\b", "it is built without them"),
     ("run-time types", r"\b(dynamic_cast|typeid)\b", "it is built without them"),
     ("the C++ heap", r"\b(new|delete)\b(?!\s*;)", "it brings the C++ runtime in"),
@@ -91,14 +85,14 @@ FORBIDDEN_IN_THE_PRODUCT = [
 ]
 
 
-@pytest.mark.parametrize(("what", "pattern", "why"), FORBIDDEN_IN_THE_PRODUCT)
+@pytest.mark.parametrize(("what", "pattern", "why"), FORBIDDEN)
 def test_module_avoids_forbidden_constructs(what: str, pattern: str, why: str) -> None:
     # `Thing(const Thing &) = delete;` forbids copies and is welcome.
-    found = [place for place in places(PRODUCT_SOURCES, pattern) if "= delete" not in place]
+    found = [place for place in places(MODULE_SOURCES, pattern) if "= delete" not in place]
     assert found == [], f"{what}: {why}"
 
 
-KEYED_BY_C_TEXT = (
+LOOKUPS_BY_C_STRING = (
     r"\b(PyDict_(Get|Set|Del)ItemString|PyObject_(Get|Set|Has|Del)AttrString|PyMapping_\w+String"
     r"|_?PyObject_CallMethod(?!(ObjArgs|OneArg|NoArgs|Obj))\w*|PyUnicode_InternFromString"
     r"|PyImport_(ImportModule|AddModule)|PyModule_Add\w+|PyRun_\w+|PyArg_Parse\w*)\s*\("
@@ -106,16 +100,16 @@ KEYED_BY_C_TEXT = (
 
 
 def test_calls_use_interned_strings() -> None:
-    assert places(REPEATED, KEYED_BY_C_TEXT) == []
+    assert places(REPEATED, LOOKUPS_BY_C_STRING) == []
 
 
 def test_dict_lookup_does_not_suppress_errors() -> None:
-    assert places(PRODUCT_SOURCES, r"\bPyDict_GetItem(String)?\s*\(") == []
+    assert places(MODULE_SOURCES, r"\bPyDict_GetItem(String)?\s*\(") == []
 
 
 def test_utf8_conversion_result_is_checked() -> None:
     unchecked = r"(?<!= )\bPyUnicode_AsUTF8(AndSize)?\([^;]*\)\s*[,)]"
-    assert places(PRODUCT_SOURCES, unchecked) == []
+    assert places(MODULE_SOURCES, unchecked) == []
 
 
 # A text that is compared by the outside world is written once.
@@ -151,9 +145,9 @@ TEXTS = [
 
 
 def test_string_literal_is_defined_once() -> None:
-    sources = "\n".join(without_comments(file.read_text()) for file in PRODUCT_SOURCES)
+    sources = "\n".join(without_comments(file.read_text()) for file in MODULE_SOURCES)
     joined = re.sub(r'"\s*"', "", sources)  # as the compiler joins literals that follow each other
-    # The summary command of the BFD listing also begins its detail command.
+    # The summary command of the BFD neighbor list is also the prefix of its detail command.
     allowed = {text: {1, 2} if "bfd neighbor" in text else {1} for text in TEXTS}
     assert [text for text in TEXTS if joined.count(text) not in allowed[text]] == []
 
@@ -185,7 +179,7 @@ BLOCK = re.compile(r"\A/\*(.*?)\*/", re.DOTALL)
 
 
 def opening(file: Path) -> str:
-    """The words of the comment that a file opens with."""
+    """The words of a file's first comment."""
     c_family = file.suffix in {".cpp", ".c", ".h", ".js", ".css"}
     for pattern in (SLASH_LINES, BLOCK) if c_family else (DOCSTRING, HASH_LINES):
         found = pattern.match(file.read_text())
@@ -243,5 +237,5 @@ def test_console_page_lines_have_at_most_100_columns() -> None:
 
 
 def test_module_header_has_include_guard() -> None:
-    headers = [file for file in PRODUCT_SOURCES if file.suffix == ".h"]
+    headers = [file for file in MODULE_SOURCES if file.suffix == ".h"]
     assert [file.name for file in headers if "#pragma once" not in file.read_text()] == []
