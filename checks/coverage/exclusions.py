@@ -43,9 +43,7 @@ EXCLUSIONS = [
     ),
     Exclusion(f"{MODULE}bfd.cpp", "put_into(session_, new_key(", TEMPORARY, branches=1),
     Exclusion(f"{MODULE}routing.cpp", "put(route, names.ip, strings.", TEMPORARY, branches=1),
-    Exclusion(
-        f"{MODULE}modules_util.cpp", "keep(state.imports.range, builtin(", TEMPORARY, branches=1
-    ),
+    Exclusion(f"{MODULE}modules_util.cpp", "keep(state.imports.range, ", TEMPORARY, branches=1),
     Exclusion(
         f"{MODULE}functions.cpp",
         "if (!accepts(function.parameters[0], argument))",
