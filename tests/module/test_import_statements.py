@@ -106,7 +106,7 @@ SPOILT = {
         "m.__name__ = 'o'",
         "class Key(str):",
         "    __hash__ = str.__hash__",
-        "    __eq__ = raising(OSError('compare'))",
+        "    __eq__ = raiser(OSError('compare'))",
         "sys.modules[Key('o.{name}')] = 'submodule'",
     ],
     "package without the submodule": ["m.__path__ = []", "m.__file__ = 'package'"],
