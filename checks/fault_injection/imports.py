@@ -249,6 +249,11 @@ CASES = [
                 "sibling of unknown progress",
                 LACKING + INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
             ),
+            ("sibling without a spec", LACKING + "m.__file__ = 'file'; del m.__spec__"),
+            (
+                "sibling with a spec of another type",
+                LACKING + "m.__file__ = 'file'; m.__spec__ = 5",
+            ),
             ("sibling without a name", LACKING + "del m.__name__"),
             ("sibling whose name is not a str", LACKING + "m.__name__ = 5"),
             ("look-up of the submodule fails", LACKING + BREAK_SUBMODULE),
