@@ -7,7 +7,7 @@ not imported.
 
 What the face holds becomes, in its order: a comment line of dashes and a title, with the comment
 after it, a section; a function or class with its docstring, or a name with the text after it, an
-entry of the section. In a docstring "Raises:" and "Example:" begin parts of their own.
+entry of the section. In a docstring "Args:", "Raises:" and "Example:" begin parts of their own.
 """
 
 from __future__ import annotations
@@ -31,7 +31,7 @@ _NOTICE = (
     " from modules_util.pyi: edit that, `make docs`. -->"
 )
 _HEADING = re.compile(r"# -{10,} (?P<title>\S.*)")
-_PARTS = ("Raises:", "Example:")
+_PARTS = ("Args:", "Raises:", "Example:")
 
 
 @dataclass(frozen=True)
@@ -160,18 +160,18 @@ def _marked_up(text: str) -> str:
 
 def _block(lines: list[str]) -> str:
     part, content = lines[0], inspect.cleandoc("\n".join(["", *lines[1:]])).strip()
-    if part == "Raises:":
-        return _raised(content)
+    if part in ("Args:", "Raises:"):
+        return _listed(part, content)
     if part == "Example:":
         return _fenced(content)
     return content
 
 
-def _raised(content: str) -> str:
+def _listed(part: str, content: str) -> str:
     rows = re.sub(r"\n +", " ", content).splitlines()
     if not all(re.match(r"\w+: ", row) for row in rows):
-        return f"Raises: {content[0].lower()}{content[1:]}"  # words in place of a list
-    return "Raises:\n\n" + "\n".join(re.sub(r"^(\w+): ", r"- `\1`: ", row) for row in rows)
+        return f"{part} {content[0].lower()}{content[1:]}"  # words in place of a list
+    return f"{part}\n\n" + "\n".join(re.sub(r"^(\w+): ", r"- `\1`: ", row) for row in rows)
 
 
 def _fenced(code: str) -> str:
