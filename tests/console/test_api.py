@@ -116,7 +116,7 @@ def test_the_functions_are_told_by_subsystem_as_the_face_has_them(asked: Any) ->
     held = [function for one in told["subsystems"] for function in one["functions"]]
     assert [function["name"] for function in held] == [function.name for function in FUNCTIONS]
     assert [one["title"] for one in told["subsystems"]] == [
-        "Sessions and cookies",
+        "Cookies and certificates",
         "Switch and system status",
         "Command line and BFD",
         "Packet sniffer",
