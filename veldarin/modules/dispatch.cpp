@@ -71,15 +71,15 @@ constexpr Row table[] = {
 
 using AllRows = std::make_index_sequence<std::size(table)>;
 
-// The columns that calls need at run time, without the rest.
+// The columns that calls need at run time.
 template <typename rows>
 struct Functions;
 template <size_t... row>
 struct Functions<std::index_sequence<row...>> {
-    static constexpr Function table[] = {modules_util::table[row].function...};
+    static constexpr Function column[] = {table[row].function...};
 };
 template <size_t row>
-constexpr const Function &function_of = Functions<AllRows>::table[row];
+constexpr const Function &function_of = Functions<AllRows>::column[row];
 template <size_t row>
 constexpr Query query_of = table[row].query;
 
@@ -158,10 +158,10 @@ template <typename rows>
 struct MethodTable;
 template <size_t... row>
 struct MethodTable<std::index_sequence<row...>> {
-    static inline const PyMethodDef table[] = {
-        {modules_util::table[row].name,
+    static inline const PyMethodDef methods[] = {
+        {table[row].name,
          reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(wrapper<row>())),
-         flags[modules_util::table[row].function.kind], nullptr}
+         flags[table[row].function.kind], nullptr}
         ...,
         {},
     };
@@ -169,7 +169,7 @@ struct MethodTable<std::index_sequence<row...>> {
 
 }  // namespace
 
-const PyMethodDef *const methods = MethodTable<AllRows>::table;
-const Function *const functions = Functions<AllRows>::table;
+const PyMethodDef *const methods = MethodTable<AllRows>::methods;
+const Function *const functions = Functions<AllRows>::column;
 
 }  // namespace modules_util

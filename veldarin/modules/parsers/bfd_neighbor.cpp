@@ -156,12 +156,15 @@ private:
         const int count = split(line, ' ', words);
         if (count < 2) return fail_with_index_error(at::neighbor_ip);
         const TextView neighbor_ip = words[1];
-        if (!put(interned[id::neighbor_ip], strings_.make(neighbor_ip), at::neighbor_ip))
+        if (!put(interned[id::neighbor_ip], strings_.make(neighbor_ip), at::neighbor_ip)) {
             return false;
+        }
         if (count < 4) return fail_with_index_error(at::interface);
         const TextView interface = words[3];
-        if (!put(interned[id::interface], strings_.make(right_stripped(interface)), at::interface))
+        if (!put(interned[id::interface], strings_.make(right_stripped(interface)),
+                 at::interface)) {
             return false;
+        }
         name_ = strings_.join(neighbor_ip, TextView("_"), interface);
         if (!name_) return fail(at::session_name);
         return put(interned[id::name], Ref::borrow(name_.get()), at::header_name);
@@ -179,8 +182,9 @@ private:
             TextView val[2];
             if (split(line, ':', val) < 2) return fail_with_index_error(at.store);
             const Ref value = strings_.make_cached(stripped(val[1]));
-            if (!value || !put_into(timers, parse_key(val[0], strings_), value))
+            if (!value || !put_into(timers, parse_key(val[0], strings_), value)) {
                 return fail(at.store);
+            }
         }
         if (!put(key, timers, at.keep)) return false;
         lines_ = lines;
