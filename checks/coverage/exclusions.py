@@ -46,7 +46,7 @@ EXCLUSIONS = [
     ),
     Exclusion(
         f"{MODULE}parsers/routing_table.cpp",
-        "put(route, interned[id::ip], strings.",
+        "put(route, id::ip, strings.",
         TEMPORARY,
         branches=1,
     ),

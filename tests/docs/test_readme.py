@@ -145,7 +145,7 @@ def test_page_paths_exist(page: Path) -> None:
     known = [
         isolated.ROOT,
         isolated.ROOT / "veldarin" / "modules",
-        isolated.ROOT / "veldarin" / "modules" / "runtime",
+        isolated.ROOT / "veldarin" / "modules" / "python",
         isolated.ROOT / "veldarin_simulator",
     ]
     text = re.sub(r"^```.*?^```$", "", page.read_text(), flags=re.MULTILINE | re.DOTALL)

@@ -180,7 +180,7 @@ def test_examples_give_documented_results(example_simulator: Simulator, function
     named = set(re.findall(r"`(\w+)`", docstrings()[function.name]))
     assert asked <= named
     assert bool(asked) != (
-        "Asks no native service." in docstrings()[function.name] or function.name == "get_token"
+        "Calls no native service." in docstrings()[function.name] or function.name == "get_token"
     )
 
 

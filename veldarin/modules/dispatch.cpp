@@ -2,6 +2,7 @@
 // or the JSON bridge.
 #include "veldarin/modules/dispatch.h"
 
+#include <array>
 #include <iterator>
 #include <type_traits>
 #include <utility>
@@ -71,15 +72,12 @@ constexpr Row table[] = {
 
 using AllRows = std::make_index_sequence<std::size(table)>;
 
-// The columns that calls need at run time, without the rest.
-template <typename rows>
-struct Functions;
+// The columns that calls need at run time.
 template <size_t... row>
-struct Functions<std::index_sequence<row...>> {
-    static constexpr Function table[] = {modules_util::table[row].function...};
-};
-template <size_t row>
-constexpr const Function &function_of = Functions<AllRows>::table[row];
+constexpr std::array<Function, sizeof...(row)> function_column(std::index_sequence<row...>) {
+    return {table[row].function...};
+}
+constexpr auto all_functions = function_column(AllRows());
 template <size_t row>
 constexpr Query query_of = table[row].query;
 
@@ -108,7 +106,7 @@ PyObject *call_query(PyObject *module, const Function &function, const Query &qu
 // the shortest functions are only a few instructions long.
 template <size_t row>
 PyObject *wrapper_one(PyObject *module, PyObject *argument) {
-    constexpr const Function &function = function_of<row>;
+    constexpr const Function &function = all_functions[row];
     if constexpr (table[row].is_query) {
         return call_query(module, function, query_of<row>, argument);
     } else {
@@ -139,7 +137,7 @@ PyObject *implementation_of(PyObject *const *arguments) {
 // that is not a string before our own error could.
 template <size_t row>
 PyObject *wrapper_keywords(PyObject *module, PyObject *positional, PyObject *keywords) {
-    return bind_and_call(module, table[row].name, function_of<row>, implementation_of<row>,
+    return bind_and_call(module, table[row].name, all_functions[row], implementation_of<row>,
                          positional, keywords);
 }
 
@@ -158,10 +156,10 @@ template <typename rows>
 struct MethodTable;
 template <size_t... row>
 struct MethodTable<std::index_sequence<row...>> {
-    static inline const PyMethodDef table[] = {
-        {modules_util::table[row].name,
+    static inline const PyMethodDef methods[] = {
+        {table[row].name,
          reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(wrapper<row>())),
-         flags[modules_util::table[row].function.kind], nullptr}
+         flags[table[row].function.kind], nullptr}
         ...,
         {},
     };
@@ -169,7 +167,7 @@ struct MethodTable<std::index_sequence<row...>> {
 
 }  // namespace
 
-const PyMethodDef *const methods = MethodTable<AllRows>::table;
-const Function *const functions = Functions<AllRows>::table;
+const PyMethodDef *const methods = MethodTable<AllRows>::methods;
+const Function *const functions = all_functions.data();
 
 }  // namespace modules_util

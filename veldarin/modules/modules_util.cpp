@@ -100,9 +100,10 @@ bool record_module(PyObject *module) {
     return PyDict_SetItem(state.globals, interned[id::dunder_builtins], builtins) == 0;
 }
 
-bool set_constant(PyObject *&constant, PyObject *constants) {
-    Py_XSETREF(constant, constants);
-    return constants != nullptr;
+// Takes over a new object, or null with an exception set.
+bool set_constant(PyObject *&constant, PyObject *value) {
+    Py_XSETREF(constant, value);
+    return value != nullptr;
 }
 
 PyObject *new_pair(StringId first, StringId second) {

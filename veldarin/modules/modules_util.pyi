@@ -1,39 +1,39 @@
-"""The management interface's way to the appliance's native services, as Python sees it.
+"""Type stub of veldarin.modules.modules_util.
 
-For GUI authors: what each of the thirty functions takes, asks for, gives back and raises. At run
-time the functions are native and have no docstrings; these are for editors, type checkers, the
-tools and the page of functions, which is written from this file.
+The module gives the management interface access to the appliance's native services.
 
-What all functions have in common:
+The functions have no docstrings at run time. These are for editors, type checkers, the tools, and
+the page of functions, which is generated from this file.
 
-- A parameter before the `/` is given by position only. A parameter of type `bytes` or `str` takes
-  that very type: a subclass is refused, as is everything else, with a text like "Argument 'path'
-  has incorrect type (expected bytes, got str)". `None` passes this test; what comes of it is said
-  where it matters.
-- Too many arguments, too few, or an unknown keyword raise `TypeError`. That is not repeated below,
-  nor is `MemoryError`, which every call may raise.
-- An exception carries a traceback entry of the module: the function's dotted name, the file
-  `veldarin/modules/modules_util` and the line of the statement that failed. The interpreter's own
-  refusals (any argument of a function without parameters, two arguments of a function of one) come
-  without it.
-- What a function uses of the module (`json`, `text_`, `_logger`, `get_cli_command_output`, ...) it
-  looks up in the module's namespace when it is called. A name rebound there counts from the next
-  call on; a name deleted there is a `NameError`.
-- The interpreter lock is held throughout, also while a native service works. A slow service holds
-  up every thread of the management process.
-- Nothing is kept from call to call but the sessions of `get_bfd_neighbor`.
-- The parsers `get_bfd_neighbor`, `get_routing_table_result` and `get_system_arp_result` read the
-  characters of an instance of a subclass of `str` as those of a `str`: they do not call a `split`
-  or `replace` that the subclass defines. `get_cli_command_output` calls such a `replace`.
-- Compare the strings in a result with `==`. One of a single character need not be the object that
+Common to all functions:
+
+- A parameter before the `/` is positional-only. A parameter of type `bytes` or `str` accepts
+  exactly this type: for any other, a subclass included, the function raises a TypeError such as
+  "Argument 'path' has incorrect type (expected bytes, got str)". `None` passes this test; the
+  functions describe its effect where it matters.
+- A wrong number of arguments and an unknown keyword raise `TypeError`, and every call can raise
+  `MemoryError`. The functions do not list these.
+- An exception has a traceback entry of the module: the function's dotted name, the file
+  `veldarin/modules/modules_util` and the line of the failing statement. Errors that the interpreter
+  itself detects (an argument of a function without parameters, two arguments of a function with
+  one) have none.
+- Each call looks the names that it uses (`json`, `text_`, `_logger`, `get_cli_command_output`, ...)
+  up in the module's namespace. Rebinding a name there takes effect from the next call; a deleted
+  name is a `NameError`.
+- The functions hold the interpreter lock throughout, also during native services. A slow service
+  blocks every thread of the management process.
+- Only the sessions of `get_bfd_neighbor` persist from call to call.
+- The parsers `get_bfd_neighbor`, `get_routing_table_result` and `get_system_arp_result` read an
+  instance of a subclass of `str` as a `str`: they do not call a `split` or `replace` that the
+  subclass defines. `get_cli_command_output` calls such a `replace`.
+- Compare the strings in a result with `==`. A string of one character need not be the object that
   the interpreter shares for that character.
 - The interpreter creates the module once per process. A second import, after the module was removed
-  from `sys.modules`, gives the same module object; the interpreter then binds all thirty functions
-  again, so a function that was rebound or deleted is back. Every other name but `__spec__` stays as
-  it was.
+  from `sys.modules`, returns the same module object, and the interpreter binds all functions again,
+  so that a rebound or deleted function is back. All other names except `__spec__` stay as they are.
 
-The examples show the stand-in appliance's answers: on the appliance the layout of a status reply is
-that of its native service.
+The examples show replies of the simulator: on the appliance the layout of a status reply is that of
+its native service.
 """
 
 import copy as copy
@@ -53,15 +53,15 @@ from pyramid.compat import text_ as text_
 from util.errors import CFunctionError as CFunctionError
 
 # ------------------------------------------------------------------ Types of results
-# For annotations only: the module has no such names at run time. Import them under
+# For annotations only: the module does not have these names at run time. Import them under
 # `if TYPE_CHECKING:`.
 
 @type_check_only
 class ARPEntry(TypedDict):
-    """One row of the ARP table. All values are text, as the command line printed them.
+    """A row of the ARP table. All values are strings, as the command printed them.
 
-    `age` is in the unit of the listing's header line, minutes on the stand-in. `interface` is the
-    fourth column, or the fourth and the fifth with one blank between them.
+    `age` is in the unit of the table's header line, minutes in the simulator. `interface` is the
+    fourth column, or the fourth and fifth with a space between them.
     """
 
     ipAddress: str
@@ -71,7 +71,7 @@ class ARPEntry(TypedDict):
 
 @type_check_only
 class Route(TypedDict):
-    """One next hop. `main` is the word in front of the address, as "*", or "" if there is none."""
+    """A next hop. `main` is the word before the address, such as "*", or "" without one."""
 
     main: str
     ip: str
@@ -81,9 +81,9 @@ class Route(TypedDict):
 class RoutingTable(TypedDict):
     """The routing table's entry for an address.
 
-    `entry` is the prefix, `distance` and `metric` are numbers as text, `lastUpdate` is a word as
-    "01:02:03". `other` is what else the line of distance and metric says, with the line's own
-    blanks: it begins with the indentation, and two blanks usually follow its comma.
+    `entry` is the prefix, `distance` and `metric` are numbers as strings, `lastUpdate` is a word
+    such as "01:02:03". `other` is the rest of the line with distance and metric, spaces included:
+    it begins with the indentation, and usually two spaces follow its comma.
     """
 
     entry: str
@@ -94,23 +94,25 @@ class RoutingTable(TypedDict):
     table: list[Route]
 
 BFDSession = dict[str, str | dict[str, str]]
-"""One BFD session: `neighbor_ip` and `interface`, which are the second and the fourth word of the
-"peer" line, and `name`, the two joined by "_"; then, in the order of the output, a key for each
-"key: value" line, and `local_timers` and `remote_timers`, dictionaries of three texts each.
+"""A BFD session.
 
-A key is the text before the colon in lower case, with "_" for a blank. A value is the text up to
-the next colon and always a `str`: of "Uptime: 0:01:02" it is "0", and "343 packets" is "343 ", the
-word taken out and its blank left.
+Its first keys are `neighbor_ip` and `interface`, the second and fourth word of the "peer" line, and
+`name`, both joined by "_". Then follow, in the order of the output, a key for each "key: value"
+line, and `local_timers` and `remote_timers`, dictionaries of three strings each.
+
+A key is the text before the colon in lower case, with "_" for each space. A value is the text up to
+the next colon: "Uptime: 0:01:02" gives "0". The word "packets" is removed: "343 packets" gives "343
+".
 """
 
-# ------------------------------------------------------------------ Sessions and cookies
-# Cookies, the secret behind the preference cookie, and certificates. Text that crosses to the
-# native services is `bytes` and ends at its first NUL byte.
+# ------------------------------------------------------------------ Cookies and certificates
+# Session cookies, the secret of the preference cookie, and certificates. The native services take
+# text as `bytes`, which ends at the first NUL byte.
 
 def new_cookie_id() -> int:
-    """A new cookie identifier, a number of 32 bits on the appliance and never negative.
+    """Return a new cookie identifier: a non-negative number, of 32 bits on the appliance.
 
-    Asks `aps_get_new_cookie_id`.
+    Calls `aps_get_new_cookie_id`.
 
     Raises:
         Nothing.
@@ -121,12 +123,15 @@ def new_cookie_id() -> int:
     """
 
 def aps_unsigned_int_hash(characters: bytes, /) -> int:
-    """The appliance's hash of a text, a number of 32 bits and never negative.
+    """Return the appliance's hash of a text: a non-negative number of 32 bits.
 
-    Asks `__get_aps_hash`. Bytes after the first NUL take no part: `b"ab\\0cd"` hashes as `b"ab"`.
+    Calls `__get_aps_hash`.
+
+    Args:
+        characters: The text. It ends at the first NUL byte: `b"ab\\0cd"` hashes as `b"ab"`.
 
     Raises:
-        TypeError: `characters` is not exactly `bytes`; `None` is refused with "expected bytes,
+        TypeError: `characters` is not exactly `bytes`; for `None` the message is "expected bytes,
             NoneType found".
 
     Example:
@@ -135,16 +140,17 @@ def aps_unsigned_int_hash(characters: bytes, /) -> int:
     """
 
 def get_cookie_name(https: object, /) -> str:
-    """The name of the session cookie: a prefix, "_" and the hash of the device's serial number.
+    """Return the name of the session cookie: a prefix, "_" and the hash of the serial number.
 
-    `https` counts by its truth: the prefix is "APSCOOKIE" for a true value and "APCOOKIE" for a
-    false one. The name stays the same as long as the serial number does. Calls
-    `serial_number_ascii` and, for the hash, `aps_unsigned_int_hash`, which asks `__get_aps_hash`.
+    The prefix is "APSCOOKIE" for HTTPS and "APCOOKIE" otherwise. A device always has the same name.
+    Calls `serial_number_ascii` and, for the hash, `aps_unsigned_int_hash`, which calls
+    `__get_aps_hash`. An exception of the truth test of `https` propagates.
+
+    Args:
+        https: Any object; only its truth value counts.
 
     Raises:
-        TypeError: the serial number is not exactly `bytes`.
-
-    An exception of the truth test of `https` goes to the caller.
+        TypeError: The serial number is not exactly `bytes`.
 
     Example:
         >>> get_cookie_name(True)
@@ -154,14 +160,16 @@ def get_cookie_name(https: object, /) -> str:
     """
 
 def encrypt_cookie(plain: bytes, /) -> bytes:
-    """A cookie value wrapped for the browser.
+    """Encrypt a cookie value for the browser.
 
-    Asks `cookieval_wrap`, whose cipher is the appliance's. The value ends at its first NUL byte and
-    so does the result.
+    Calls `cookieval_wrap`, which implements the cipher.
+
+    Args:
+        plain: The value. It ends at the first NUL byte, and so does the result.
 
     Raises:
-        TypeError: `plain` is not exactly `bytes`; `None` is refused with "expected bytes, NoneType
-            found".
+        TypeError: `plain` is not exactly `bytes`; for `None` the message is "expected bytes,
+            NoneType found".
 
     Example:
         >>> encrypt_cookie(b"user=admin")
@@ -169,17 +177,20 @@ def encrypt_cookie(plain: bytes, /) -> bytes:
     """
 
 def decrypt_cookie(encrypted: bytes, /) -> bytes:
-    """A cookie value that came back from the browser, unwrapped.
+    """Decrypt a cookie value that the browser sent back.
 
-    Asks `cookieval_unwrap`. There is no error for a value that was tampered with: whatever text the
-    native service leaves is returned, which may be empty. Check the result before you trust it.
+    Calls `cookieval_unwrap`, which reports no errors: for a value that was tampered with, the
+    result is the text that it leaves, possibly an empty one. Check the result before you trust it.
+
+    Args:
+        encrypted: The value. It ends at the first NUL byte.
 
     Raises:
-        TypeError: `encrypted` is not exactly `bytes`; `None` is refused with "object of type
+        TypeError: `encrypted` is not exactly `bytes`; for `None` the message is "object of type
             'NoneType' has no len()".
         OverflowError: `encrypted` has 2147483647 bytes or more.
-        CFunctionError: "PyMem_Malloc", there is no memory for the working buffer; logged as an
-            error before.
+        CFunctionError: "PyMem_Malloc": there is no memory for the working buffer. The module also
+            logs an error.
 
     Example:
         >>> decrypt_cookie(b"BnSS1xEG6iUw7oviSHidWkBOO15ysCRb2d7BBYbxm9K12LE6UAo")
@@ -187,23 +198,22 @@ def decrypt_cookie(encrypted: bytes, /) -> bytes:
     """
 
 def get_token() -> str:
-    """The secret behind the preference cookie, made on the first call.
+    """Return the secret of the preference cookie; create it on the first call.
 
-    If there is no regular file at the path that `get_preference_cookie_secret_path` of
-    `veldarin.modules.modules` gives, a file with 64 lower-case hexadecimal digits (32 bytes of the
-    system's random source) is written there. Then, in every case, the first line of the file is
-    read, and returned without the white space around it.
+    The path of the file comes from `get_preference_cookie_secret_path` of
+    `veldarin.modules.modules`. If there is no regular file at the path, the function writes one
+    with 64 lower-case hexadecimal digits (32 bytes of the system's random source). Then it reads
+    the first line of the file and returns it without the white space around it.
 
-    - The content is not checked: an empty file gives "", a file that somebody else wrote gives its
-      first line.
-    - The path is decoded by `text_` with its own default, Latin-1.
-    - Test and creation are two steps without a lock: two processes that call it for the first time
-      at once may get two secrets. Call it once at start-up.
+    - The function does not check the content: an empty file gives "".
+    - `text_` decodes the path with its own default, Latin-1.
+    - No lock protects the test and the creation: two processes that make the first call
+      simultaneously may get different secrets. Call the function once at start-up.
 
     Raises:
-        OSError: the file cannot be read or made: no such directory, no permission, a directory at
-            the path.
-        UnicodeDecodeError: the file is no text in the system's encoding.
+        OSError: The file cannot be read or created: its directory does not exist, a permission is
+            missing, the path is a directory.
+        UnicodeDecodeError: The file is not text in the system's encoding.
 
     Example:
         >>> get_token()
@@ -211,14 +221,18 @@ def get_token() -> str:
     """
 
 def check_cert_expiration(path: bytes, /) -> bool:
-    """Whether the certificate file is good: `True` if the appliance's check gives status 0.
+    """Return whether the appliance accepts a certificate file.
 
-    Asks `gui_chk_cert_expiration` with the path, up to its first NUL byte. `False` says only that
-    the check did not pass: expired, not yet valid, no such file and no certificate are alike.
+    Calls `gui_chk_cert_expiration` and returns `True` for status 0. The result is `False` for a
+    certificate that is expired or not yet valid, for a file that does not exist and for one that is
+    not a certificate.
+
+    Args:
+        path: The path of the file. It ends at the first NUL byte.
 
     Raises:
-        TypeError: `path` is not exactly `bytes`; `None` is refused with "expected bytes, NoneType
-            found".
+        TypeError: `path` is not exactly `bytes`; for `None` the message is "expected bytes,
+            NoneType found".
 
     Example:
         >>> check_cert_expiration(b"/etc/ssl/certs/gui.pem")
@@ -228,26 +242,30 @@ def check_cert_expiration(path: bytes, /) -> bool:
     """
 
 # ------------------------------------------------------------------ Switch and system status
-# A query sends a request, a dictionary, to a native service and returns the reply parsed from JSON,
-# unchanged unless said otherwise. A service that replies nothing makes the query return `None`.
+# A query sends a request, a dictionary, to a native service and returns the reply, parsed from
+# JSON. The result is unchanged unless the description says otherwise, and `None` if the service
+# returns nothing.
 #
-# Four queries are wired to no native service, on purpose: they make a request and drop it, and
-# return what a `JSONObject` of `util.json` holds when it is made without an argument. They fail
-# only if their request cannot be made.
+# Four queries are deliberately not wired to a native service: they create a request, drop it, and
+# return what a `JSONObject` of `util.json` holds that was created without arguments. They fail only
+# if the request cannot be created.
 #
-# What a request can hold is settled by `util.json`. The stand-in's takes what JSON has, and raises
-# `TypeError` for anything else and `OverflowError` for an `int` of more than 64 bits. Where it
-# counts whether an argument is true, an exception of its truth test goes to the caller.
+# `util.json` determines what a request can hold. That of the simulator accepts the types of JSON,
+# and raises `TypeError` for anything else and `OverflowError` for an `int` of more than 64 bits.
+# Where the truth value of an argument counts, an exception of its truth test propagates.
 
 def switch_acl_ingress_counter(policy_id: object = None) -> Any:
-    """Counters of the switch's ingress ACL policies.
+    """Return the counters of the switch's ingress ACL policies.
 
-    Asks `build_switch_acl_ingress_stats` with `{"policy_id": policy_id}`, or with `{}` if
-    `policy_id` is false: 0 and "" ask for all policies, as `None` does.
+    Calls `build_switch_acl_ingress_stats` with `{"policy_id": policy_id}`, or with `{}` if
+    `policy_id` is false.
+
+    Args:
+        policy_id: A policy. 0 and "" select all policies, as `None` does.
 
     Raises:
-        TypeError: a request cannot hold `policy_id`.
-        ValueError: the reply is no valid JSON.
+        TypeError: A request cannot hold `policy_id`.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> switch_acl_ingress_counter(policy_id=7)
@@ -255,12 +273,15 @@ def switch_acl_ingress_counter(policy_id: object = None) -> Any:
     """
 
 def switch_acl_egress_counter(policy_id: object = None) -> Any:
-    """Counters of the egress ACL policies: not wired, the same for every argument.
+    """Return the counters of the egress ACL policies; not wired.
 
-    Asks no native service.
+    Calls no native service.
+
+    Args:
+        policy_id: Does not affect the result.
 
     Raises:
-        TypeError: a request cannot hold `policy_id`.
+        TypeError: A request cannot hold `policy_id`.
 
     Example:
         >>> print(switch_acl_egress_counter(7))
@@ -268,12 +289,15 @@ def switch_acl_egress_counter(policy_id: object = None) -> Any:
     """
 
 def switch_acl_prelookup_counter(policy_id: object = None) -> Any:
-    """Counters of the pre-lookup ACL policies: not wired, the same for every argument.
+    """Return the counters of the pre-lookup ACL policies; not wired.
 
-    Asks no native service.
+    Calls no native service.
+
+    Args:
+        policy_id: Does not affect the result.
 
     Raises:
-        TypeError: a request cannot hold `policy_id`.
+        TypeError: A request cannot hold `policy_id`.
 
     Example:
         >>> print(switch_acl_prelookup_counter(7))
@@ -281,14 +305,16 @@ def switch_acl_prelookup_counter(policy_id: object = None) -> Any:
     """
 
 def list_switch_stp_state(instance_id: object, /) -> Any:
-    """Spanning-tree state of an instance: its root, and role and state of its ports.
+    """Return the spanning-tree state of an instance: its root, and role and state of its ports.
 
-    Asks `build_switch_stp_state` with `{"instance_id": instance_id}`, always: 0 and `None` are sent
-    as they are.
+    Calls `build_switch_stp_state` with `{"instance_id": instance_id}`.
+
+    Args:
+        instance_id: An instance. The request holds every value, also 0 and `None`.
 
     Raises:
-        TypeError: a request cannot hold `instance_id`.
-        ValueError: the reply is no valid JSON.
+        TypeError: A request cannot hold `instance_id`.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_stp_state(1)
@@ -299,21 +325,25 @@ def list_switch_stp_state(instance_id: object, /) -> Any:
     """
 
 def list_system_interface_physical(name: str | None, /) -> Any:
-    """One physical interface of the system: the entry of the reply that has this name.
+    """Return a physical interface of the system.
 
-    Asks `build_system_interface_physical` with `{"name": name}`, always, and looks through the list
-    `reply[0]["interface"]` for the first entry whose `"name"` equals `name`.
+    Calls `build_system_interface_physical` with `{"name": name}` and searches the list
+    `reply[0]["interface"]` for the first entry whose `"name"` equals `name`. The simulator reports
+    speeds in Mbit/s and the MTU in bytes.
 
-    An unknown name is no error: **the last entry of the list is returned**. Compare the entry's
-    `"name"` with the one you asked for. Speeds are in Mbit/s on the stand-in, the MTU in bytes.
+    **For an unknown name the function returns the last entry of the list.** Compare the `"name"` of
+    the result with yours.
+
+    Args:
+        name: The name of the interface.
 
     Raises:
-        TypeError: `name` is neither exactly `str` nor `None`; or the reply is not laid out as
-            above, as when the service replies nothing.
-        IndexError: the reply is an empty list.
-        KeyError: the reply has no "interface", or one of the entries passed has no "name".
-        UnboundLocalError: the list of interfaces is empty.
-        ValueError: the reply is no valid JSON.
+        TypeError: `name` is neither exactly `str` nor `None`; or the reply does not have the layout
+            above, for example because the service returns nothing.
+        IndexError: The reply is an empty list.
+        KeyError: The reply has no "interface", or an entry before the match has no "name".
+        UnboundLocalError: The list of interfaces is empty.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_system_interface_physical("port1")
@@ -325,12 +355,12 @@ def list_system_interface_physical(name: str | None, /) -> Any:
     """
 
 def list_switch_lg_state() -> Any:
-    """State of the switch's link groups.
+    """Return the state of the switch's link groups.
 
-    Asks `build_switch_lg_state` with `{}`.
+    Calls `build_switch_lg_state` with `{}`.
 
     Raises:
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_lg_state()
@@ -340,12 +370,12 @@ def list_switch_lg_state() -> Any:
     """
 
 def list_switch_flapguard_status() -> Any:
-    """Flap guard of the switch ports: how often a link was lost, and whether the port is guarded.
+    """Return the flap-guard status of the switch ports: lost links and the state of the guard.
 
-    Asks `build_switch_flapguard_status` with `{}`.
+    Calls `build_switch_flapguard_status` with `{}`.
 
     Raises:
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_flapguard_status()
@@ -353,14 +383,16 @@ def list_switch_flapguard_status() -> Any:
     """
 
 def list_switch_port_statistics(port_name: str | None, /) -> Any:
-    """Counters of a switch port, or of all: bytes and packets each way, errors, drops.
+    """Return the counters of switch ports: bytes and packets in each direction, errors, drops.
 
-    Asks `build_switch_port_statistics` with `{"port_name": port_name}`, or with `{}` for `None`
-    only: an empty name is sent, and names no port.
+    Calls `build_switch_port_statistics` with `{"port_name": port_name}`, or with `{}` for `None`.
+
+    Args:
+        port_name: A port; `None` selects all ports. "" is sent as a name, which no port has.
 
     Raises:
         TypeError: `port_name` is neither exactly `str` nor `None`.
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_port_statistics("port1")
@@ -372,14 +404,16 @@ def list_switch_port_statistics(port_name: str | None, /) -> Any:
     """
 
 def list_switch_lldp_state(port_name: str | None, /) -> Any:
-    """LLDP neighbours of a switch port, or of all. Times to live are in seconds.
+    """Return the LLDP neighbors of switch ports. Times to live are in seconds.
 
-    Asks `build_switch_lldp_state` with `{"port_name": port_name}`, or with `{}` for `None` only: an
-    empty name is sent, and names no port.
+    Calls `build_switch_lldp_state` with `{"port_name": port_name}`, or with `{}` for `None`.
+
+    Args:
+        port_name: A port; `None` selects all ports. "" is sent as a name, which no port has.
 
     Raises:
         TypeError: `port_name` is neither exactly `str` nor `None`.
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_lldp_state("port2")
@@ -389,14 +423,17 @@ def list_switch_lldp_state(port_name: str | None, /) -> Any:
     """
 
 def list_switch_trunk_state(trunk_name: object = None) -> Any:
-    """State of a trunk and its member ports, or of all trunks.
+    """Return the state of trunks and their member ports.
 
-    Asks `build_switch_trunk_state` with `{"trunk_name": trunk_name}`, or with `{}` if `trunk_name`
-    is false: "" asks for all trunks, as `None` does.
+    Calls `build_switch_trunk_state` with `{"trunk_name": trunk_name}`, or with `{}` if `trunk_name`
+    is false.
+
+    Args:
+        trunk_name: A trunk. "" selects all trunks, as `None` does.
 
     Raises:
-        TypeError: a request cannot hold `trunk_name`.
-        ValueError: the reply is no valid JSON.
+        TypeError: A request cannot hold `trunk_name`.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_trunk_state("storage")
@@ -406,12 +443,15 @@ def list_switch_trunk_state(trunk_name: object = None) -> Any:
     """
 
 def list_switch_mclag_list(mkey: object = None) -> Any:
-    """The MCLAG trunks: not wired, the same for every argument.
+    """Return the MCLAG trunks; not wired.
 
-    Asks no native service.
+    Calls no native service.
+
+    Args:
+        mkey: Does not affect the result.
 
     Raises:
-        TypeError: a request cannot hold `mkey`.
+        TypeError: A request cannot hold `mkey`.
 
     Example:
         >>> print(list_switch_mclag_list("uplink"))
@@ -419,9 +459,9 @@ def list_switch_mclag_list(mkey: object = None) -> Any:
     """
 
 def switch_mclag_icl() -> Any:
-    """The MCLAG inter-chassis link: not wired.
+    """Return the MCLAG inter-chassis link; not wired.
 
-    Asks no native service.
+    Calls no native service.
 
     Raises:
         Nothing.
@@ -432,14 +472,17 @@ def switch_mclag_icl() -> Any:
     """
 
 def list_switch_igmp_snooping_group(port_name: str | None, /) -> Any:
-    """Multicast groups that IGMP snooping knows on a switch port, or on all.
+    """Return the multicast groups that IGMP snooping knows on switch ports.
 
-    Asks `build_switch_igmp_snooping_group` with `{"port_name": port_name}`, or with `{}` if
-    `port_name` is false: "" asks for all ports here, as `None` does.
+    Calls `build_switch_igmp_snooping_group` with `{"port_name": port_name}`, or with `{}` if
+    `port_name` is false.
+
+    Args:
+        port_name: A port. "" selects all ports, as `None` does.
 
     Raises:
         TypeError: `port_name` is neither exactly `str` nor `None`.
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_igmp_snooping_group("port1")
@@ -447,12 +490,12 @@ def list_switch_igmp_snooping_group(port_name: str | None, /) -> Any:
     """
 
 def list_system_flash_list_status() -> Any:
-    """The system's flash partitions; on the stand-in its file systems, sizes in bytes.
+    """Return the system's flash partitions; the simulator returns file systems with sizes in bytes.
 
-    Asks `build_system_flash_list` with `{}`.
+    Calls `build_system_flash_list` with `{}`.
 
     Raises:
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_system_flash_list_status()
@@ -461,12 +504,12 @@ def list_system_flash_list_status() -> Any:
     """
 
 def list_system_link_monitor_status() -> Any:
-    """What the link monitor sees of each link: state, carrier, and how often the carrier changed.
+    """Return what the link monitor knows of each link: state, carrier, and changes of the carrier.
 
-    Asks `build_system_link_monitor_status` with `{}`.
+    Calls `build_system_link_monitor_status` with `{}`.
 
     Raises:
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_system_link_monitor_status()
@@ -475,13 +518,13 @@ def list_system_link_monitor_status() -> Any:
     """
 
 def list_switch_module_summary() -> Any:
-    """The switch's transceiver modules: type, readings, alarms.
+    """Return the switch's transceiver modules: type, readings, alarms.
 
-    Asks `build_switch_modules_summary` with `{}`; the native name has an "s" more. On the stand-in
-    temperatures are in degrees Celsius, voltages in volts, optical powers in dBm.
+    Calls `build_switch_modules_summary` with `{}`. The simulator reports temperatures in degrees
+    Celsius, voltages in volts and optical powers in dBm.
 
     Raises:
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> list_switch_module_summary()[0]
@@ -490,23 +533,24 @@ def list_switch_module_summary() -> Any:
     """
 
 # ------------------------------------------------------------------ Command line and BFD
-# Commands of the appliance's command line, and the BFD sessions parsed from their output.
+# Commands of the appliance's command-line interface, and the BFD sessions in their output.
 
 def get_cli_command_output(cmd_s: str, /) -> str:
-    """The output of a command of the appliance's command line.
+    """Return the output of a command of the appliance's command line.
 
-    Asks `get_cli_cmd_output`; the command is run anew on each call. Every pager prompt "--More--"
-    is taken out of the output and nothing else: carriage returns and blanks stay. All parsers of
-    this module get their text through this function.
+    Every call runs the command with `get_cli_cmd_output`. The function removes each pager prompt
+    "--More--" from the output and nothing else: carriage returns and spaces stay. All parsers of
+    this module get their text from this function.
 
-    The command is sent as UTF-8 in a buffer of 128 bytes: **a longer one is cut to 127 bytes**
-    without an error.
+    Args:
+        cmd_s: The command. It is encoded as UTF-8; **a command of more than 127 bytes is
+            truncated** without an error.
 
     Raises:
-        TypeError: `cmd_s` is not exactly `str`; `None` is refused with "expected bytes, NoneType
+        TypeError: `cmd_s` is not exactly `str`; for `None` the message is "expected bytes, NoneType
             found".
-        CFunctionError: "get_cli_command_output's result is null.", the command failed.
-        UnicodeError: the command cannot be written in UTF-8, or the output is not UTF-8.
+        CFunctionError: "get_cli_command_output's result is null.": the command failed.
+        UnicodeError: The command cannot be encoded as UTF-8, or the output is not UTF-8.
 
     Example:
         >>> print(get_cli_command_output("get system arp"))
@@ -516,28 +560,33 @@ def get_cli_command_output(cmd_s: str, /) -> str:
     """
 
 def get_bfd_neighbor(cmd: str, list_bfd: dict[str, BFDSession] = ...) -> dict[str, BFDSession]:
-    """The BFD sessions in a command's output, by neighbour address and interface joined by "_".
+    """Return the BFD sessions in a command's output.
 
-    `cmd` is "get router info bfd neighbor" or "get router info6 bfd neighbor", as it stands or with
-    the address and the interface of one session after it. Goes through `get_cli_command_output`,
-    which asks `get_cli_cmd_output`. The sessions are added to `list_bfd`, which is returned; one
-    that is there already is replaced by a new dictionary of its old and new fields.
+    The key of a session is its address and interface, joined by "_". Runs the command with
+    `get_cli_command_output`, which calls `get_cli_cmd_output`. The function adds the sessions to
+    `list_bfd` and returns it. It replaces an existing session by a new dictionary of the old and
+    new fields.
 
-    - **Without `list_bfd` all calls share one dictionary**, which nobody empties: sessions of
-      earlier calls are in the result, also those that are gone. Pass `{}` for a result of your own.
-    - **Only the first session of an output counts.** A second "peer" line is refused with a debug
-      message, and the lines after it overwrite fields of the first session. Ask for one session at
-      a time.
-    - The first line of an output is never read, and neither is the second if "objname" occurs
-      anywhere in the output. Output without "peer" leaves `list_bfd` as it is.
-    - A line that cannot be read is logged at level debug ("e:" and the exception's text) and passed
-      over. A timers line needs its three "key: value" lines; else the timers are left out.
+    - **Without `list_bfd` all calls share one dictionary**, which nothing clears: the result has
+      the sessions of earlier calls, also those that no longer exist. Pass `{}` to get a result of
+      your own.
+    - **Only the first session of an output counts.** A second "peer" line causes a debug message,
+      and the lines after it overwrite fields of the first session. Query one session at a time.
+    - The parser skips the first line of an output, and the second if "objname" occurs anywhere in
+      the output. Output without "peer" leaves `list_bfd` as it is.
+    - The function logs an invalid line at level debug ("e:" and the exception's text) and skips it.
+      A timers line needs three "key: value" lines after it, or the session gets no such timers.
+
+    Args:
+        cmd: "get router info bfd neighbor" or "get router info6 bfd neighbor", alone or followed by
+            the address and the interface of a session.
+        list_bfd: The dictionary to add to.
 
     Raises:
-        TypeError: `cmd` is not exactly `str`; or `list_bfd` is no dictionary and there is a session
-            to add.
-        CFunctionError: the command failed.
-        UnicodeError: the command cannot be written in UTF-8, or the output is not UTF-8.
+        TypeError: `cmd` is not exactly `str`; or `list_bfd` is not a dictionary and there is a
+            session to add.
+        CFunctionError: The command failed.
+        UnicodeError: The command cannot be encoded as UTF-8, or the output is not UTF-8.
 
     Example:
         >>> get_bfd_neighbor("get router info bfd neighbor 10.0.0.2 port1", {})
@@ -551,20 +600,22 @@ def get_bfd_neighbor(cmd: str, list_bfd: dict[str, BFDSession] = ...) -> dict[st
     """
 
 def list_bfd_neighbor() -> list[BFDSession]:
-    """The BFD sessions of both address families with their details, for the list of neighbours.
+    """Return the BFD sessions of both address families with their details.
 
-    Calls `get_bfd_neighbor`, which asks `get_cli_cmd_output`: for the summary of each family, with
-    the shared dictionary, then for each session found for its detail in both families. A session
-    is in the result if it has a field `zebra_notifications`, which only a detail brings.
+    Calls `get_bfd_neighbor`, which calls `get_cli_cmd_output`: for the summary of each family, with
+    the shared dictionary, then for the details of each session in both families. The result has the
+    sessions with a field `zebra_notifications`, which only details have.
 
-    - Sessions that earlier calls left in the shared dictionary are asked for too: two more commands
-      for each, at every call.
-    - **A failure is not raised.** It is logged at level debug ("e:" and the exception's text), and
-      the sessions collected so far are returned: an empty list may mean that a command failed.
-    - A summary of several sessions gives the first one only; see `get_bfd_neighbor`.
+    - The function also queries sessions that earlier calls left in the shared dictionary: two more
+      commands for each, at every call.
+    - **The function does not raise exceptions.** It logs them at level debug ("e:" and the
+      exception's text) and returns the sessions that it has so far: an empty list may mean that a
+      command failed.
+    - From a summary of several sessions the result has only the first; see `get_bfd_neighbor`.
 
     Raises:
-        Nothing. What is no `Exception`, as `KeyboardInterrupt`, goes to the caller.
+        Nothing. Only exceptions that are not an `Exception`, such as `KeyboardInterrupt`,
+            propagate.
 
     Example:
         >>> for session in list_bfd_neighbor():
@@ -576,15 +627,15 @@ def list_bfd_neighbor() -> list[BFDSession]:
     """
 
 # ------------------------------------------------------------------ Packet sniffer
-# Status queries as above, for the sniffer's profiles and their captures.
+# Status queries for the sniffer's profiles and their captures.
 
 def get_system_sniffer_profile_summary() -> Any:
-    """The packet sniffer's profiles and the state of their captures.
+    """Return the packet sniffer's profiles and the state of their captures.
 
-    Asks `build_system_sniffer_profile_summary` with `{}`.
+    Calls `build_system_sniffer_profile_summary` with `{}`.
 
     Raises:
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> get_system_sniffer_profile_summary()[0]
@@ -594,23 +645,26 @@ def get_system_sniffer_profile_summary() -> Any:
     """
 
 def capture_sniffer_profile(profile_name: str | None, event: str | None) -> Any:
-    """Starts, stops, pauses or deletes the capture of a sniffer profile.
+    """Start, stop, pause or delete the capture of a sniffer profile.
 
-    Sends `{"profile-name": profile_name}` (with a hyphen) to the native service that `event` names,
-    in exactly this spelling:
+    Sends `{"profile-name": profile_name}` (with a hyphen) to the native service of the event:
 
     - "Running" starts: `build_start_sniffer_profile_capture`
     - "Stop" stops: `build_stop_sniffer_profile_capture`
     - "Pause" pauses: `build_pause_sniffer_profile_capture`
     - "Delete" deletes: `build_delete_sniffer_profile_capture`
 
-    The event that starts is "Running", the state that the capture enters. **Any other event is no
-    error and does nothing**: "running" and `None` ask no native service, and the result is what a
-    query that is not wired returns.
+    The event that starts is named after the state that the capture enters. **Any other event does
+    nothing and is not an error**: for "running" and `None` the function calls no native service and
+    returns the same as a query that is not wired.
+
+    Args:
+        profile_name: The name of the profile.
+        event: One of the four events, in exactly this spelling.
 
     Raises:
         TypeError: `profile_name` or `event` is neither exactly `str` nor `None`.
-        ValueError: the reply is no valid JSON.
+        ValueError: The reply is not valid JSON.
 
     Example:
         >>> capture_sniffer_profile("lan-trace", "Running")
@@ -620,28 +674,32 @@ def capture_sniffer_profile(profile_name: str | None, event: str | None) -> Any:
     """
 
 # ------------------------------------------------------------------ Routing and ARP tables
-# Tables parsed from command line output. Every value stays the text that was printed. Output that
-# does not have the expected form ends the call with `IndexError`, and what was parsed before is
-# lost with it; the tool `python -m veldarin_simulator parse` tells the line.
+# Parsers for the output of commands. Every value stays the text that the command printed. Output of
+# an unexpected form ends the call with `IndexError`, and the entries parsed before are lost;
+# `python -m veldarin_simulator parse` reports the line.
 
 def get_routing_table_result(ip_address: str | None, /) -> RoutingTable:
-    """The routing table's entry for an address, with its next hops.
+    """Return the routing table's entry for an address, with its next hops.
 
     Sends "get router info routing-table detail " and the address through `get_cli_command_output`,
-    which asks `get_cli_cmd_output`. The address is not checked; `None` is sent as "None".
+    which calls `get_cli_cmd_output`.
 
-    The header is the first line that begins with "Routing", lines before it are ignored. Each line
-    from the third after it that is not blank is a next hop: fields between commas, the first with
-    the address, the second with the interface. Of two words or more in the first field the first
-    is `main` and the second `ip`; of the second field it is the second word that counts, or the
-    only one ("via port1" is "port1"). A second "Routing" block is read as next hops.
+    The header begins with the first line that starts with "Routing"; the parser ignores lines
+    before it. Each line from the third after it that is not blank is a next hop: fields separated
+    by commas, the first with the address, the second with the interface. If the first field has two
+    words or more, the first word is `main` and the second `ip`. The interface is the second word of
+    its field, or the only one ("via port1" is "port1"). The parser reads a second "Routing" block
+    as next hops.
+
+    Args:
+        ip_address: The address, which is not checked; `None` is sent as "None".
 
     Raises:
-        IndexError: there is no "Routing" line (no route to the address, for one), one of the three
-            header lines is short of words or fields, or a next hop lacks one of its two fields.
+        IndexError: There is no "Routing" line (if there is no route to the address, for example), a
+            header line lacks words or fields, or a next hop lacks one of its two fields.
         TypeError: `ip_address` is neither exactly `str` nor `None`.
-        CFunctionError: the command failed.
-        UnicodeError: the command cannot be written in UTF-8, or the output is not UTF-8.
+        CFunctionError: The command failed.
+        UnicodeError: The command cannot be encoded as UTF-8, or the output is not UTF-8.
 
     Example:
         >>> get_routing_table_result("192.0.2.7")
@@ -652,18 +710,18 @@ def get_routing_table_result(ip_address: str | None, /) -> RoutingTable:
     """
 
 def get_system_arp_result() -> list[ARPEntry]:
-    """The system's ARP table, a dictionary for each row.
+    """Return the system's ARP table as one dictionary a row.
 
-    Sends "get system arp" through `get_cli_command_output`, which asks `get_cli_cmd_output`. The
-    header is the first line that begins with "Address", lines before it are ignored. Each line
-    after it that is not blank is a row of at least four columns; a sixth and further ones are
-    ignored.
+    Sends "get system arp" through `get_cli_command_output`, which calls `get_cli_cmd_output`. The
+    header is the first line that starts with "Address"; the parser ignores lines before it. Each
+    line after it that is not blank is a row of at least four columns; the parser ignores the sixth
+    and later ones.
 
     Raises:
-        IndexError: there is no "Address" line, or a line after it has fewer than four columns (a
-            prompt or a message at the end, for one).
-        CFunctionError: the command failed.
-        UnicodeError: the output is not UTF-8.
+        IndexError: There is no "Address" line, or a line after it has fewer than four columns (a
+            prompt or a message at the end, for example).
+        CFunctionError: The command failed.
+        UnicodeError: The output is not UTF-8.
 
     Example:
         >>> get_system_arp_result()
@@ -674,10 +732,10 @@ def get_system_arp_result() -> list[ARPEntry]:
     """
 
 # ------------------------------------------------------------------ Other names
-# Names that the module's namespace holds besides the functions. It imports `hexlify`, `namedtuple`,
+# The other names in the module's namespace. It imports `hexlify`, `namedtuple`,
 # `getLogger`, `urandom`, `Path`, `Lock` and `copy` from the standard library, `bytes_` and `text_`
 # from `pyramid.compat`, `serial_number_ascii` from `migbase.cmdbapi.cmdbapi_util` and
-# `CFunctionError`, the exception of a native service that failed, from `util.errors`. The rest:
+# `CFunctionError`, the exception for a failed native service, from `util.errors`. The rest:
 
 json: ModuleType
 """The module `ujson`, whose `loads` parses the replies of status queries."""
@@ -686,23 +744,23 @@ _logger: Logger
 """The logger "veldarin.modules.modules_util"."""
 
 _CHARSET: str
-"""The encoding of commands and their output, "utf-8"."""
+"""The encoding of commands and their output: "utf-8"."""
 
 _INVALID_INDEX: str
-"""A message for other modules, "Invalid index %s requested (count: %s)"; not used here."""
+"""A message for other modules: "Invalid index %s requested (count: %s)". Not used here."""
 
 _interface_count: int
-"""For other modules, 0 at first; not used here."""
+"""For other modules; initially 0. Not used here."""
 
 _interface_lock: Lock
-"""For other modules; no function of this one takes it."""
+"""For other modules; no function of this one acquires it."""
 
 class Counters(NamedTuple):
-    """Counters of an interface, for other modules; not used here.
+    """Counters of an interface, for other modules. Not used here.
 
-    `Counters.__module__` is the name that `namedtuple` finds when it is called from C: that of the
-    Python code that runs the import, usually "importlib._bootstrap". `pickle` does not find the
-    class there.
+    `Counters.__module__` is the name that `namedtuple` finds when C code calls it: that of the
+    Python code that runs the import, usually "importlib._bootstrap". `pickle` cannot find the class
+    there.
     """
 
     bytes_sent: Any
@@ -715,4 +773,4 @@ class Counters(NamedTuple):
     dropout: Any
 
 __test__: dict[str, Any]
-"""Empty: there is nothing for doctest to find in the module itself."""
+"""Empty: the module has no doctests."""

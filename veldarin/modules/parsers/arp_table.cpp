@@ -82,8 +82,8 @@ PyObject *parse(const Utf8Text &text) {
 PyObject *get_system_arp_result() {
     const Ref output = run_command(interned[id::arp_command]);
     if (!output) return fail(at::output);
-    if (!check_str(output.get(), interned[id::split], state.constants.split_args))
-        return fail(at::split);
+    PyObject *split_args = state.constants.split_args;
+    if (!check_str(output.get(), interned[id::split], split_args)) return fail(at::split);
     const Utf8Text text = as_utf8(output.get());
     if (!text.owner) return fail(at::split);
     return parse(text);

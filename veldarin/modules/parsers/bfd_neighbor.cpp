@@ -130,10 +130,10 @@ private:
         namespace at = source_line::get_bfd_neighbor;
         if (is_header(line)) return parse_header(line);
         if (starts_with(line, TextView("Local timers"))) {
-            return parse_timers(interned[id::local_timers], at::local_timers);
+            return parse_timers(id::local_timers, at::local_timers);
         }
         if (starts_with(line, TextView("Remote timers"))) {
-            return parse_timers(interned[id::remote_timers], at::remote_timers);
+            return parse_timers(id::remote_timers, at::remote_timers);
         }
         return parse_field(line);
     }
@@ -156,20 +156,22 @@ private:
         const int count = split(line, ' ', words);
         if (count < 2) return fail_with_index_error(at::neighbor_ip);
         const TextView neighbor_ip = words[1];
-        if (!put(interned[id::neighbor_ip], strings_.make(neighbor_ip), at::neighbor_ip))
+        if (!put(id::neighbor_ip, strings_.make(neighbor_ip), at::neighbor_ip)) {
             return false;
+        }
         if (count < 4) return fail_with_index_error(at::interface);
         const TextView interface = words[3];
-        if (!put(interned[id::interface], strings_.make(right_stripped(interface)), at::interface))
+        if (!put(id::interface, strings_.make(right_stripped(interface)), at::interface)) {
             return false;
+        }
         name_ = strings_.join(neighbor_ip, TextView("_"), interface);
         if (!name_) return fail(at::session_name);
-        return put(interned[id::name], Ref::borrow(name_.get()), at::header_name);
+        return put(id::name, Ref::borrow(name_.get()), at::header_name);
     }
 
     // Parses the three lines after a timers line. If one of them is wrong, the parser reads them
     // again as lines of the session.
-    bool parse_timers(PyObject *key, const source_line::get_bfd_neighbor::Timers &at) {
+    bool parse_timers(StringId key, const source_line::get_bfd_neighbor::Timers &at) {
         LineReader lines = lines_;
         const Ref timers = Ref::steal(PyDict_New());
         if (!timers) return fail(at.create);
@@ -179,8 +181,9 @@ private:
             TextView val[2];
             if (split(line, ':', val) < 2) return fail_with_index_error(at.store);
             const Ref value = strings_.make_cached(stripped(val[1]));
-            if (!value || !put_into(timers, parse_key(val[0], strings_), value))
+            if (!value || !put_into(timers, parse_key(val[0], strings_), value)) {
                 return fail(at.store);
+            }
         }
         if (!put(key, timers, at.keep)) return false;
         lines_ = lines;
@@ -196,8 +199,9 @@ private:
         return put_into(session_, parse_key(val[0], strings_), value) || fail(at::field);
     }
 
-    bool put(PyObject *key, const Ref &value, int line) {
-        return (value && PyDict_SetItem(session_.get(), key, value.get()) == 0) || fail(line);
+    bool put(StringId key, const Ref &value, int line) {
+        return (value && PyDict_SetItem(session_.get(), interned[key], value.get()) == 0) ||
+               fail(line);
     }
 
     static bool put_into(const Ref &dictionary, const Ref &key, const Ref &value) {

@@ -18,13 +18,13 @@ namespace {
 
 namespace at = source_line::get_routing_table_result;
 
-bool put(const Ref &dictionary, PyObject *key, const Ref &value, int line) {
-    if (value && PyDict_SetItem(dictionary.get(), key, value.get()) == 0) return true;
+bool put(const Ref &dictionary, StringId key, const Ref &value, int line) {
+    if (value && PyDict_SetItem(dictionary.get(), interned[key], value.get()) == 0) return true;
     return fail(line);
 }
 
 // dictionary[key] = text.split()[index]
-bool put_word(const Ref &dictionary, PyObject *key, TextView text, int index, StringCache &strings,
+bool put_word(const Ref &dictionary, StringId key, TextView text, int index, StringCache &strings,
               int line) {
     TextView words[4];
     if (split(text, words) <= index) return fail_with_index_error(line);
@@ -37,25 +37,21 @@ bool parse_header(const Ref &routing_table, LineReader &lines, StringCache &stri
     do {
         if (!lines.next(line)) return fail_with_index_error(at::header);
     } while (!starts_with(left_stripped(line), TextView("Routing")));
-    if (!put_word(routing_table, interned[id::entry], line, 3, strings, at::entry)) return false;
+    if (!put_word(routing_table, id::entry, line, 3, strings, at::entry)) return false;
 
     if (!lines.next(line)) return fail_with_index_error(at::info);
     TextView info[4];
     const int count = split(line, ',', info);
     if (count < 2) return fail_with_index_error(at::distance);
-    if (!put_word(routing_table, interned[id::distance], info[1], 1, strings, at::distance))
-        return false;
+    if (!put_word(routing_table, id::distance, info[1], 1, strings, at::distance)) return false;
     if (count < 3) return fail_with_index_error(at::metric);
-    if (!put_word(routing_table, interned[id::metric], info[2], 1, strings, at::metric))
-        return false;
+    if (!put_word(routing_table, id::metric, info[2], 1, strings, at::metric)) return false;
 
     if (!lines.next(line)) return fail_with_index_error(at::last_update);
-    if (!put_word(routing_table, interned[id::lastUpdate], line, 2, strings, at::last_update))
-        return false;
+    if (!put_word(routing_table, id::lastUpdate, line, 2, strings, at::last_update)) return false;
 
     if (count < 4) return fail_with_index_error(at::other);
-    return put(routing_table, interned[id::other], strings.join(info[0], TextView(", "), info[3]),
-               at::other);
+    return put(routing_table, id::other, strings.join(info[0], TextView(", "), info[3]), at::other);
 }
 
 // Parses "main" and "ip". If the field has two words or more, the first is a marker and the second
@@ -65,11 +61,11 @@ bool parse_address(const Ref &route, TextView field, StringCache &strings) {
     switch (split(field, words)) {
         case 0: return fail_with_index_error(at::address);
         case 1:
-            return put(route, interned[id::main], Ref::borrow(interned[id::empty]), at::main) &&
-                   put(route, interned[id::ip], strings.make(words[0]), at::address);
+            return put(route, id::main, Ref::borrow(interned[id::empty]), at::main) &&
+                   put(route, id::ip, strings.make(words[0]), at::address);
         default:
-            return put(route, interned[id::main], strings.make_cached(words[0]), at::marker) &&
-                   put(route, interned[id::ip], strings.make(words[1]), at::marked_address);
+            return put(route, id::main, strings.make_cached(words[0]), at::marker) &&
+                   put(route, id::ip, strings.make(words[1]), at::marked_address);
     }
 }
 
@@ -79,7 +75,7 @@ bool parse_interface(const Ref &route, TextView field, StringCache &strings) {
     const int count = split(field, words);
     if (count == 0) return fail_with_index_error(at::interface);
     const int line = count == 1 ? at::interface : at::second_word;
-    return put(route, interned[id::interface], strings.make_cached(words[count - 1]), line);
+    return put(route, id::interface, strings.make_cached(words[count - 1]), line);
 }
 
 // The dictionary of a route, or nothing with an exception and its traceback entry.
@@ -129,12 +125,9 @@ Ref run_routing_command(PyObject *ip_address) {
 PyObject *get_routing_table_result(PyObject *ip_address) {
     const Ref output = run_routing_command(ip_address);
     if (!output) return fail(at::output);
-    if (!check_str(output.get(), interned[id::replace],
-                   state.constants.replace_args.carriage_returns)) {
-        return fail(at::split);
-    }
-    const Ref without_returns =
-        str_remove(output.get(), state.constants.replace_args.carriage_returns);
+    PyObject *pair = state.constants.replace_args.carriage_returns;
+    if (!check_str(output.get(), interned[id::replace], pair)) return fail(at::split);
+    const Ref without_returns = str_remove(output.get(), pair);
     if (!without_returns) return fail(at::split);
     const Utf8Text text = as_utf8(without_returns.get());
     if (!text.owner) return fail(at::split);
