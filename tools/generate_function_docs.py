@@ -48,16 +48,17 @@ def page(source: str) -> str:
                 if not missing:
                     raise StubError(f"line {entry.line}: {entry.name} has no {what}")
             blocks += [f"### {entry.name}", _fenced(entry.declaration), entry.text]
-            blocks += [_raises(entry.raises), _fenced(entry.example)]
+            blocks += [_listed("Args", entry.args), _listed("Raises", entry.raises)]
+            blocks.append(_fenced(entry.example))
     return "\n\n".join(block for block in blocks if block) + "\n"
 
 
-def _raises(text: str) -> str:
+def _listed(title: str, text: str) -> str:
     rows = re.sub(r"\n +", " ", text).splitlines()
     if not all(re.match(r"\w+: ", row) for row in rows):
-        return f"Raises: {text[0].lower()}{text[1:]}"  # a sentence instead of a list
+        return f"{title}: {text[0].lower()}{text[1:]}"  # a sentence instead of a list
     items = [re.sub(r"^(\w+): ", r"- `\1`: ", row) for row in rows]
-    return "\n".join(["Raises:", "", *items]) if items else ""
+    return "\n".join([f"{title}:", "", *items]) if items else ""
 
 
 def _fenced(code: str) -> str:

@@ -19,7 +19,7 @@ _HEADING = re.compile(r"^# -{10,} (?P<title>\S.*)\n(?P<text>(?:#.*\n)*)", re.MUL
 _REEXPORT = re.compile(r"^(?:from \S+ )?import \S+ as (\w+)$", re.MULTILINE)
 _PROMPT = re.compile(r">>> (.*(?:\n\.\.\. .*)*)")
 # griffe's own parser drops a Raises section that is not a list ("Nothing.").
-_PART = re.compile(r"^(Raises|Example):\n((?:    .*\n|\n)*)", re.MULTILINE)
+_PART = re.compile(r"^(Args|Raises|Example):\n((?:    .*\n|\n)*)", re.MULTILINE)
 
 
 @dataclass(frozen=True)
@@ -61,13 +61,18 @@ class Entry:
 
     @property
     def text(self) -> str:
-        """The docstring without the sections "Raises" and "Example"."""
+        """The docstring without the sections "Args", "Raises" and "Example"."""
         return re.sub(r"\n{3,}", "\n\n", _PART.sub("", f"{self.docstring}\n")).strip()
 
     @property
     def summary(self) -> str:
         """The first line of the docstring."""
         return self.docstring.partition("\n")[0]
+
+    @property
+    def args(self) -> str:
+        """The docstring's section "Args"."""
+        return self._part("Args")
 
     @property
     def raises(self) -> str:
