@@ -31,6 +31,7 @@ from tests.support.assertions import (
 from tests.support.doubles import CountingBool, Failure, Recorder, raiser
 from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
 from tests.support.isolated import MODULE
+from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
 HEX = set("0123456789abcdef")
@@ -396,9 +397,9 @@ def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: 
 
 @pytest.mark.parametrize("name", ["text_", "Path", "urandom", "hexlify"])
 def test_missing_global_raises_name_error(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch, name: str
+    module: ModuleType, steps: Steps, patch: Patch, name: str
 ) -> None:
-    monkeypatch.delattr(module, name)
+    patch.delete(name)
     error = raises_exactly(NameError, module.get_token)
     assert str(error) == f"name '{name}' is not defined"
     assert entry(error, "get_token").line
@@ -438,17 +439,15 @@ def test_missing_open_raises_name_error(
     assert entry(error, "get_token").line
 
 
-def test_open_is_looked_up_for_each_with(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_open_is_looked_up_for_each_with(module: ModuleType, steps: Steps, patch: Patch) -> None:
     first = steps.open
 
     def only_once(*args: object) -> object:
-        monkeypatch.setattr(module, "open", second)
+        patch("open", second)
         return first(*args)
 
     second = Recorder(first)
-    monkeypatch.setattr(module, "open", only_once)
+    patch("open", only_once)
     assert module.get_token() is steps.secret
     assert second.positional == [("/absolute", "r")]
 
@@ -733,16 +732,11 @@ class FileWithoutMethods:
     [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
 )
 def test_file_without_method_raises_attribute_error(
-    module: ModuleType,
-    steps: Steps,
-    monkeypatch: pytest.MonkeyPatch,
-    mode: str,
-    method: str,
-    body_begins: int,
+    module: ModuleType, steps: Steps, patch: Patch, mode: str, method: str, body_begins: int
 ) -> None:
     """The interpreter evaluates `file.write` before the argument of the call."""
     if mode == "w":  # a C function, which must not be called with an exception set
-        monkeypatch.setattr(module, "urandom", os.urandom)
+        patch("urandom", os.urandom)
     steps.replies[f"{mode}: entered"] = FileWithoutMethods
     error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
