@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+from types import ModuleType
+
 import pytest
 
+from tests.support.module_patch import Patch
 from tests.support.query_cases import QUERY_CASES, Query
 from veldarin_simulator import Simulator
 
@@ -14,3 +17,9 @@ def query(
 ) -> Query:
     """Each call of a query."""
     return Query(request.param, simulator, monkeypatch)
+
+
+@pytest.fixture
+def patch(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Patch:
+    """Rebinds and deletes globals of the module until the test ends."""
+    return Patch(module, monkeypatch)

@@ -24,6 +24,7 @@ from tests.support.doubles import (
     StrSubclass,
     raiser,
 )
+from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
@@ -77,10 +78,10 @@ def test_each_call_runs_command_again(simulator: Simulator, module: ModuleType) 
     "command", [b"c", StrSubclass("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
 )
 def test_non_str_command_is_rejected_before_any_call(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: object
+    simulator: Simulator, module: ModuleType, patch: Patch, command: object
 ) -> None:
     encode = Recorder()
-    monkeypatch.setattr(module, "bytes_", encode)
+    patch("bytes_", encode)
     error = raises_exactly(TypeError, module.get_cli_command_output, command)
     assert str(error) == wrong_type_message("cmd_s", "str", command)
     found = entry(error, FUNCTION)
@@ -98,13 +99,13 @@ def test_none_command_fails_in_encoding(simulator: Simulator, module: ModuleType
 
 @pytest.mark.parametrize("command", ["plain", None])
 def test_command_is_encoded_with_charset(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, command: str | None
+    simulator: Simulator, module: ModuleType, patch: Patch, command: str | None
 ) -> None:
     character_set = object()
     encode = Recorder(lambda text, encoding: b"encoded")
-    monkeypatch.setattr(module, "bytes_", encode)
-    monkeypatch.setattr(module, "_CHARSET", character_set)
-    monkeypatch.setattr(module, "text_", lambda value, encoding: "text")
+    patch("bytes_", encode)
+    patch("_CHARSET", character_set)
+    patch("text_", lambda value, encoding: "text")
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output(command) == "text"
     ((text, encoding),) = encode.positional
@@ -119,9 +120,9 @@ def test_command_is_encoded_with_charset(
     ids=lambda encoded: type(encoded).__name__,
 )
 def test_encoded_bytes_or_bytearray_is_accepted(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: bytes
+    simulator: Simulator, module: ModuleType, patch: Patch, encoded: bytes
 ) -> None:
-    monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
+    patch("bytes_", lambda text, encoding: encoded)
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output("command") == "output"
     assert sent(simulator) == [b"encoded"]
@@ -129,7 +130,7 @@ def test_encoded_bytes_or_bytearray_is_accepted(
 
 @pytest.mark.parametrize("kind", [bytes, bytearray])
 def test_encoded_command_is_released_before_native_call(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, kind: type[bytes]
+    simulator: Simulator, module: ModuleType, patch: Patch, kind: type[bytes]
 ) -> None:
     events: list[object] = []
 
@@ -141,16 +142,16 @@ def test_encoded_command_is_released_before_native_call(
         events.append(command)
         return "output"
 
-    monkeypatch.setattr(module, "bytes_", lambda text, encoding: Encoded(b"encoded"))
+    patch("bytes_", lambda text, encoding: Encoded(b"encoded"))
     simulator.set_reply("get_cli_cmd_output", reply)
     module.get_cli_command_output("command")
     assert events == ["dropped", b"encoded"]
 
 
 def test_empty_bytearray_is_empty_command(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
-    monkeypatch.setattr(module, "bytes_", lambda text, encoding: bytearray())
+    patch("bytes_", lambda text, encoding: bytearray())
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output("command") == "output"
     assert sent(simulator) == [b""]
@@ -160,9 +161,9 @@ def test_empty_bytearray_is_empty_command(
     "encoded", ["text", None, 5, memoryview(b"c"), [99]], ids=lambda e: type(e).__name__
 )
 def test_encoded_non_bytes_raises_type_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, encoded: object
+    simulator: Simulator, module: ModuleType, patch: Patch, encoded: object
 ) -> None:
-    monkeypatch.setattr(module, "bytes_", lambda text, encoding: encoded)
+    patch("bytes_", lambda text, encoding: encoded)
     error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == f"expected bytes, {type(encoded).__name__} found"
     assert line(error, FUNCTION)
@@ -208,13 +209,13 @@ def test_output_is_returned_without_pager_prompts(
 
 
 def test_decoder_gets_bytes_up_to_nul_and_charset(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     character_set = object()
     decode = Recorder(lambda value, encoding: "a--More--b")
-    monkeypatch.setattr(module, "bytes_", lambda text, encoding: b"command")
-    monkeypatch.setattr(module, "text_", decode)
-    monkeypatch.setattr(module, "_CHARSET", character_set)
+    patch("bytes_", lambda text, encoding: b"command")
+    patch("text_", decode)
+    patch("_CHARSET", character_set)
     simulator.set_reply("get_cli_cmd_output", b"\xffout\0put")
     assert module.get_cli_command_output("command") == "ab"
     ((value, encoding),) = decode.positional
@@ -223,26 +224,26 @@ def test_decoder_gets_bytes_up_to_nul_and_charset(
 
 
 def test_charset_is_looked_up_for_each_conversion(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     def reply(command: bytes) -> bytes:
-        monkeypatch.setattr(module, "_CHARSET", "utf-16-le")
+        patch("_CHARSET", "utf-16-le")
         return b"o"  # and its NUL ends the text
 
     decode = Recorder(lambda value, encoding: encoding)
-    monkeypatch.setattr(module, "_CHARSET", "latin-1")
-    monkeypatch.setattr(module, "text_", decode)
+    patch("_CHARSET", "latin-1")
+    patch("text_", decode)
     simulator.set_reply("get_cli_cmd_output", reply)
     assert module.get_cli_command_output("\u00e9") == "utf-16-le"
     assert sent(simulator) == [b"\xe9"]
 
 
 def test_str_subclass_output_is_accepted(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     simulator.set_reply("get_cli_cmd_output", "output")
     for text, expected in (("a--More--b", "ab"), ("plain", "plain")):
-        monkeypatch.setattr(module, "text_", lambda value, encoding, text=text: StrSubclass(text))
+        patch("text_", lambda value, encoding, text=text: StrSubclass(text))
         result = module.get_cli_command_output("command")
         assert (type(result), result) == (str, expected)
 
@@ -260,12 +261,12 @@ def test_str_subclass_output_is_accepted(
 def test_non_str_output_raises_and_frees_buffer(
     simulator: Simulator,
     module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
+    patch: Patch,
     decoded: object,
     kind: type[Exception],
     text: str,
 ) -> None:
-    monkeypatch.setattr(module, "text_", lambda value, encoding: decoded)
+    patch("text_", lambda value, encoding: decoded)
     simulator.set_reply("get_cli_cmd_output", "output")
     error = raises_exactly(kind, module.get_cli_command_output, "command")
     assert str(error) == text
@@ -284,7 +285,7 @@ def test_undecodable_output_raises_and_frees_buffer(
 
 
 def test_buffer_is_freed_after_decoding(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     alive: list[int] = []
 
@@ -292,7 +293,7 @@ def test_buffer_is_freed_after_decoding(
         alive.append(simulator.live_objects.text_buffers)
         return "text"
 
-    monkeypatch.setattr(module, "text_", decode)
+    patch("text_", decode)
     simulator.set_reply("get_cli_cmd_output", "output")
     module.get_cli_command_output("command")
     assert alive == [1]
@@ -303,10 +304,10 @@ def test_buffer_is_freed_after_decoding(
 
 
 def test_null_output_raises_c_function_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     decode = Recorder()
-    monkeypatch.setattr(module, "text_", decode)
+    patch("text_", decode)
     simulator.set_reply("get_cli_cmd_output", None)
     error = raises_exactly(module.CFunctionError, module.get_cli_command_output, "command")
     assert error.args == ("get_cli_command_output's result is null.",)
@@ -316,13 +317,13 @@ def test_null_output_raises_c_function_error(
 
 
 def test_error_class_is_looked_up_at_failure(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     class Other(Exception):
         pass
 
     def reply(command: bytes) -> None:
-        monkeypatch.setattr(module, "CFunctionError", Other)
+        patch("CFunctionError", Other)
 
     simulator.set_reply("get_cli_cmd_output", reply)
     error = raises_exactly(Other, module.get_cli_command_output, "command")
@@ -342,13 +343,13 @@ class StoppingFailure(KeyboardInterrupt):
 def test_returned_exception_is_raised_as_by_raise(
     simulator: Simulator,
     module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
+    patch: Patch,
     kind: type[BaseException],
     instance: bool,
 ) -> None:
     returned = kind("by the call") if instance else kind
     make = Recorder(lambda message: returned)
-    monkeypatch.setattr(module, "CFunctionError", make)
+    patch("CFunctionError", make)
     simulator.set_reply("get_cli_cmd_output", None)
     error = raises_exactly(kind, module.get_cli_command_output, "command")
     assert error.args == (("by the call",) if instance else ())
@@ -359,9 +360,9 @@ def test_returned_exception_is_raised_as_by_raise(
 
 @pytest.mark.parametrize("returned", [None, "text", 5, object], ids=repr)
 def test_returned_non_exception_raises_type_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, returned: object
+    simulator: Simulator, module: ModuleType, patch: Patch, returned: object
 ) -> None:
-    monkeypatch.setattr(module, "CFunctionError", lambda message: returned)
+    patch("CFunctionError", lambda message: returned)
     simulator.set_reply("get_cli_cmd_output", None)
     error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == "exceptions must derive from BaseException"
@@ -369,7 +370,7 @@ def test_returned_non_exception_raises_type_error(
 
 
 def test_returned_class_that_fails_raises_its_own_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     error = Failure()
 
@@ -377,20 +378,20 @@ def test_returned_class_that_fails_raises_its_own_error(
         def __init__(self) -> None:
             raise error
 
-    monkeypatch.setattr(module, "CFunctionError", lambda message: Unmakable)
+    patch("CFunctionError", lambda message: Unmakable)
     simulator.set_reply("get_cli_cmd_output", None)
     assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
 
 
 def test_returned_class_without_instances_raises_type_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     class Odd(Exception):
         def __new__(cls) -> Any:
             return 5
 
-    monkeypatch.setattr(module, "CFunctionError", lambda message: Odd)
+    patch("CFunctionError", lambda message: Odd)
     simulator.set_reply("get_cli_cmd_output", None)
     error = raises_exactly(TypeError, module.get_cli_command_output, "command")
     assert str(error) == (
@@ -400,10 +401,10 @@ def test_returned_class_without_instances_raises_type_error(
 
 
 def test_failing_error_class_raises_its_own_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     error = Failure()
-    monkeypatch.setattr(module, "CFunctionError", raiser(error))
+    patch("CFunctionError", raiser(error))
     simulator.set_reply("get_cli_cmd_output", None)
     assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     assert line(error, FUNCTION)
@@ -424,12 +425,12 @@ def test_failing_error_class_raises_its_own_error(
 def test_missing_global_raises_name_error(
     simulator: Simulator,
     module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
+    patch: Patch,
     name: str,
     output: str | None,
     commands: list[bytes],
 ) -> None:
-    monkeypatch.delattr(module, name)
+    patch.delete(name)
     simulator.set_reply("get_cli_cmd_output", output)
     error = raises_exactly(NameError, module.get_cli_command_output, "command")
     assert str(error) == f"name '{name}' is not defined"
@@ -439,10 +440,10 @@ def test_missing_global_raises_name_error(
 
 
 def test_charset_missing_at_decoding_frees_buffer(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     def reply(command: bytes) -> str:
-        monkeypatch.delattr(module, "_CHARSET")
+        patch.delete("_CHARSET")
         return "output"
 
     simulator.set_reply("get_cli_cmd_output", reply)
@@ -453,14 +454,10 @@ def test_charset_missing_at_decoding_frees_buffer(
 
 @pytest.mark.parametrize("name, commands", [("bytes_", []), ("text_", [b"command"])])
 def test_conversion_error_propagates(
-    simulator: Simulator,
-    module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
-    name: str,
-    commands: list[bytes],
+    simulator: Simulator, module: ModuleType, patch: Patch, name: str, commands: list[bytes]
 ) -> None:
     error = Failure()
-    monkeypatch.setattr(module, name, raiser(error))
+    patch(name, raiser(error))
     simulator.set_reply("get_cli_cmd_output", "output")
     assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
     (found,) = traceback_entries(error.__traceback__)
@@ -515,14 +512,14 @@ class UnusedLogger:
 def test_runner_logs_nothing(
     simulator: Simulator,
     module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
+    patch: Patch,
     caplog: pytest.LogCaptureFixture,
     command: Any,
     output: str | bytes | None,
     kind: str | None,
 ) -> None:
     logger = UnusedLogger()
-    monkeypatch.setattr(module, "_logger", logger)
+    patch("_logger", logger)
     simulator.set_reply("get_cli_cmd_output", output)
     raised = None
     with caplog.at_level(0):
@@ -536,10 +533,10 @@ def test_runner_logs_nothing(
 
 
 def test_command_output_calls_replace_of_str_subclass(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     called: list[str] = []
-    monkeypatch.setattr(module, "text_", lambda value, encoding: OwnMethodsStr("text", called))
+    patch("text_", lambda value, encoding: OwnMethodsStr("text", called))
     simulator.set_reply("get_cli_cmd_output", "output")
     assert module.get_cli_command_output("command") == "replaced"
     assert called == ["replace"]

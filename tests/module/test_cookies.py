@@ -12,6 +12,7 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import entry, is_increasing, raises_exactly, wrong_type_message
 from tests.support.doubles import BytesSubclass, CountingBool, Recorder, raiser
+from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
 ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
@@ -157,7 +158,7 @@ class Shown:
 
 @pytest.mark.parametrize("https, prefix", [(True, b"APSCOOKIE"), (False, b"APCOOKIE")])
 def test_cookie_name_calls_in_order(
-    module: ModuleType, monkeypatch: pytest.MonkeyPatch, https: bool, prefix: bytes
+    module: ModuleType, patch: Patch, https: bool, prefix: bytes
 ) -> None:
     events: list[object] = []
     serial = object()
@@ -169,9 +170,9 @@ def test_cookie_name_calls_in_order(
 
         return note
 
-    monkeypatch.setattr(module, "text_", recording("text_", Shown("P", events)))
-    monkeypatch.setattr(module, "serial_number_ascii", recording("serial", serial))
-    monkeypatch.setattr(module, "aps_unsigned_int_hash", recording("hash", Shown("H", events)))
+    patch("text_", recording("text_", Shown("P", events)))
+    patch("serial_number_ascii", recording("serial", serial))
+    patch("aps_unsigned_int_hash", recording("hash", Shown("H", events)))
     assert module.get_cookie_name(https) == "P_H"
     assert events == [
         ("text_", (prefix, "utf-8"), {}),
@@ -184,22 +185,22 @@ def test_cookie_name_calls_in_order(
 
 @pytest.mark.parametrize("https", [True, False])
 def test_cookie_name_is_decoded_as_utf_8(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, https: bool
+    simulator: Simulator, module: ModuleType, patch: Patch, https: bool
 ) -> None:
     text_ = Recorder(lambda value, encoding: "prefix")
-    monkeypatch.setattr(module, "text_", text_)
-    monkeypatch.setattr(module, "_CHARSET", "utf-16")
+    patch("text_", text_)
+    patch("_CHARSET", "utf-16")
     module.get_cookie_name(https)
-    monkeypatch.delattr(module, "_CHARSET")
+    patch.delete("_CHARSET")
     module.get_cookie_name(https)
     assert [encoding for _value, encoding in text_.positional] == ["utf-8", "utf-8"]
 
 
 def test_cookie_name_decodes_new_prefix_each_time(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     text_ = Recorder(lambda value, encoding: value.decode(encoding))
-    monkeypatch.setattr(module, "text_", text_)
+    patch("text_", text_)
     assert module.get_cookie_name(True) == module.get_cookie_name(True)
     (first, _), (second, _) = text_.positional
     assert type(first) is bytes
@@ -208,49 +209,49 @@ def test_cookie_name_decodes_new_prefix_each_time(
 
 
 def test_cookie_name_looks_up_text_before_truth_test(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     before = Recorder(lambda value, encoding: "before")
 
     class Rebinds:
         def __bool__(self) -> bool:
-            monkeypatch.setattr(module, "text_", lambda value, encoding: "after")
+            patch("text_", lambda value, encoding: "after")
             return True
 
-    monkeypatch.setattr(module, "text_", before)
+    patch("text_", before)
     assert module.get_cookie_name(Rebinds()) == "before_0"
     assert before.positional == [(b"APSCOOKIE", "utf-8")]
 
 
 def test_cookie_name_looks_up_hash_after_prefix(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     def text_(value: bytes, encoding: str) -> str:
-        monkeypatch.setattr(module, "aps_unsigned_int_hash", lambda serial: ("hash of", serial))
-        monkeypatch.setattr(module, "serial_number_ascii", lambda: "serial")
+        patch("aps_unsigned_int_hash", lambda serial: ("hash of", serial))
+        patch("serial_number_ascii", lambda: "serial")
         return "prefix"
 
-    monkeypatch.setattr(module, "text_", text_)
+    patch("text_", text_)
     assert module.get_cookie_name(True) == "prefix_('hash of', 'serial')"
 
 
 def test_cookie_name_looks_up_hash_before_serial_number(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, patch: Patch
 ) -> None:
     def serial_number_ascii() -> bytes:
-        monkeypatch.setattr(module, "aps_unsigned_int_hash", lambda serial: "too late")
+        patch("aps_unsigned_int_hash", lambda serial: "too late")
         return b"SN"
 
     simulator.set_reply("__get_aps_hash", 77)
-    monkeypatch.setattr(module, "serial_number_ascii", serial_number_ascii)
+    patch("serial_number_ascii", serial_number_ascii)
     assert module.get_cookie_name(False) == "APCOOKIE_77"
 
 
 @pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
 def test_cookie_name_missing_global_raises_name_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+    simulator: Simulator, module: ModuleType, patch: Patch, name: str
 ) -> None:
-    monkeypatch.delattr(module, name)
+    patch.delete(name)
     error = raises_exactly(NameError, module.get_cookie_name, True)
     assert str(error) == f"name '{name}' is not defined"
     assert entry(error, "get_cookie_name").line
@@ -264,14 +265,10 @@ def test_cookie_name_missing_global_raises_name_error(
     ],
 )
 def test_cookie_name_looks_up_globals_in_order(
-    simulator: Simulator,
-    module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
-    missing: list[str],
-    named: str,
+    simulator: Simulator, module: ModuleType, patch: Patch, missing: list[str], named: str
 ) -> None:
     for name in missing:
-        monkeypatch.delattr(module, name)
+        patch.delete(name)
     assert (
         str(raises_exactly(NameError, module.get_cookie_name, 1))
         == f"name '{named}' is not defined"
@@ -280,10 +277,10 @@ def test_cookie_name_looks_up_globals_in_order(
 
 @pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
 def test_cookie_name_call_error_propagates(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+    simulator: Simulator, module: ModuleType, patch: Patch, name: str
 ) -> None:
     error = LookupError("not now")
-    monkeypatch.setattr(module, name, raiser(error))
+    patch(name, raiser(error))
     assert raises_exactly(LookupError, module.get_cookie_name, True) is error
     assert entry(error, "get_cookie_name").line
 
@@ -300,13 +297,9 @@ def test_cookie_name_call_error_propagates(
     ],
 )
 def test_cookie_name_serial_number_must_be_bytes(
-    simulator: Simulator,
-    module: ModuleType,
-    monkeypatch: pytest.MonkeyPatch,
-    serial: object,
-    text: str,
+    simulator: Simulator, module: ModuleType, patch: Patch, serial: object, text: str
 ) -> None:
-    monkeypatch.setattr(module, "serial_number_ascii", lambda: serial)
+    patch("serial_number_ascii", lambda: serial)
     error = raises_exactly(TypeError, module.get_cookie_name, True)
     assert str(error) == text
     assert entry(error, "get_cookie_name").line < 94

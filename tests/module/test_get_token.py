@@ -14,7 +14,7 @@ import stat
 import sys
 import tty
 from pathlib import Path
-from types import ModuleType, TracebackType
+from types import ModuleType, SimpleNamespace, TracebackType
 from typing import Any, Callable
 
 import pytest
@@ -31,6 +31,7 @@ from tests.support.assertions import (
 from tests.support.doubles import CountingBool, Failure, Recorder, raiser
 from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
 from tests.support.isolated import MODULE
+from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
 HEX = set("0123456789abcdef")
@@ -198,19 +199,24 @@ def test_path_is_decoded_with_default_encoding(
     assert not simulator.secret_path.exists()
 
 
+def opener(files: list[Any]) -> Callable[..., Any]:
+    """Return an `open` that appends each file to the list."""
+
+    def open_file(*args: Any) -> Any:
+        files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
+        return files[-1]
+
+    return open_file
+
+
 def test_failure_before_writing_leaves_empty_file(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     error = OSError("no entropy")
-    files = []
-
-    def opening(*args: Any) -> Any:
-        files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
-        return files[-1]
-
+    files: list[Any] = []
     with monkeypatch.context() as patch:
         patch.setattr(module, "urandom", raiser(error))
-        patch.setattr(module, "open", opening, raising=False)
+        patch.setattr(module, "open", opener(files), raising=False)
         assert raises_exactly(OSError, module.get_token) is error
     (opened,) = files
     assert opened.closed
@@ -222,15 +228,10 @@ def test_failure_before_writing_leaves_empty_file(
 def test_every_opened_file_is_closed(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch, content: bytes | None
 ) -> None:
-    files = []
-
-    def opening(*args: Any) -> Any:
-        files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
-        return files[-1]
-
+    files: list[Any] = []
     if content is not None:
         secret_file.write_bytes(content)
-    monkeypatch.setattr(module, "open", opening, raising=False)
+    monkeypatch.setattr(module, "open", opener(files), raising=False)
     module.get_token()
     assert [(file.mode, file.closed) for file in files] == (
         [("r", True)] if content is not None else [("w", True), ("r", True)]
@@ -266,7 +267,10 @@ class Manager:
 
     def _enter(self) -> object:
         self.note("enter")
-        return self.steps.do(f"{self.label}: entered", Entered(self))
+        write = self.steps.step(f"{self.label}: write", "written", None)
+        readline = self.steps.step(f"{self.label}: readline", "line", self.steps.line)
+        entered = SimpleNamespace(write=write, readline=readline)  # not the manager itself
+        return self.steps.do(f"{self.label}: entered", entered)
 
     def _exit(self, *triple: object) -> object:
         self.note("exit", *triple)
@@ -276,58 +280,6 @@ class Manager:
     __exit__ = Special("__exit__", _exit)
 
 
-class Entered:
-    """The result of `__enter__`, which is not the manager."""
-
-    def __init__(self, manager: Manager) -> None:
-        self.manager = manager
-
-    def write(self, *args: object) -> object:
-        self.manager.note("write", *args)
-        return self.manager.steps.do("written", None)
-
-    def readline(self, *args: object) -> object:
-        self.manager.note("readline", *args)
-        return self.manager.steps.do("line", Line(self.manager.steps))
-
-
-class Line:
-    """The line that was read."""
-
-    def __init__(self, steps: Steps) -> None:
-        self.steps = steps
-
-    def strip(self, *args: object) -> object:
-        self.steps.note("strip", *args)
-        return self.steps.do("secret", self.steps.secret)
-
-
-class Hexadecimal:
-    """The result of `hexlify`."""
-
-    def __init__(self, steps: Steps) -> None:
-        self.steps = steps
-
-    def decode(self, *args: object) -> object:
-        self.steps.note("decode", *args)
-        return self.steps.do("decoded", "hexadecimal text")
-
-
-class FakePath:
-    """The result of `Path`."""
-
-    def __init__(self, steps: Steps) -> None:
-        self.steps = steps
-
-    def is_file(self, *args: object) -> object:
-        self.steps.note("is_file", *args)
-        return self.steps.do("is a file", False)
-
-    def absolute(self, *args: object) -> object:
-        self.steps.note("absolute", *args)
-        return self.steps.do("absolute path", "/absolute")
-
-
 class Steps:
     """Record the steps of `get_token`; `replies` replaces the results of some."""
 
@@ -335,33 +287,38 @@ class Steps:
         self.events: list[tuple[object, ...]] = []
         self.replies: dict[str, Callable[[], object]] = {}
         self.secret = object()
-        self.managers: list[Manager] = []
+        self.line = SimpleNamespace(strip=self.step("strip", "secret", self.secret))
+        decode = self.step("decode", "decoded", "hexadecimal text")
+        path = SimpleNamespace(
+            is_file=self.step("is_file", "is a file", False),
+            absolute=self.step("absolute", "absolute path", "/absolute"),
+        )
+        self.globals = {
+            "text_": self.step("text_", "text", "path text"),
+            "Path": self.step("Path", "path", path),
+            "open": self.open,
+            "urandom": self.step("urandom", "random", b"random"),
+            "hexlify": self.step("hexlify", "hexadecimal", SimpleNamespace(decode=decode)),
+        }
 
     def note(self, *event: object) -> None:
         self.events.append(event)
 
-    def do(self, name: str, usual: object) -> object:
-        return self.replies[name]() if name in self.replies else usual
+    def do(self, name: str, result: object) -> object:
+        return self.replies[name]() if name in self.replies else result
 
-    def text_(self, *args: object) -> object:
-        self.note("text_", *args)
-        return self.do("text", "path text")
+    def step(self, event: str, name: str, result: object) -> Callable[..., object]:
+        """Return a function that records an event with its arguments."""
 
-    def path(self, *args: object) -> object:
-        self.note("Path", *args)
-        return self.do("path", FakePath(self))
+        def function(*args: object) -> object:
+            self.note(event, *args)
+            return self.do(name, result)
+
+        return function
 
     def open(self, *args: object) -> object:
         self.note("open", *args)
         return self.do(f"open {args[1]}", Manager(self, str(args[1])))
-
-    def urandom(self, *args: object) -> object:
-        self.note("urandom", *args)
-        return self.do("random", b"random")
-
-    def hexlify(self, *args: object) -> object:
-        self.note("hexlify", *args)
-        return self.do("hexadecimal", Hexadecimal(self))
 
     @property
     def names(self) -> list[object]:
@@ -372,14 +329,11 @@ class Steps:
 @pytest.fixture
 def steps(simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Steps:
     """The module with a recorder for every name that the function looks up."""
-    recorder = Steps()
+    steps = Steps()
     simulator.secret_path = Path("/some/secret")
-    monkeypatch.setattr(module, "text_", recorder.text_)
-    monkeypatch.setattr(module, "Path", recorder.path)
-    monkeypatch.setattr(module, "open", recorder.open, raising=False)
-    monkeypatch.setattr(module, "urandom", recorder.urandom)
-    monkeypatch.setattr(module, "hexlify", recorder.hexlify)
-    return recorder
+    for name, value in steps.globals.items():
+        monkeypatch.setattr(module, name, value, raising=False)
+    return steps
 
 
 PATH: list[tuple[object, ...]] = [("text_", b"/some/secret"), ("Path", "path text"), ("is_file",)]
@@ -443,9 +397,9 @@ def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: 
 
 @pytest.mark.parametrize("name", ["text_", "Path", "urandom", "hexlify"])
 def test_missing_global_raises_name_error(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch, name: str
+    module: ModuleType, steps: Steps, patch: Patch, name: str
 ) -> None:
-    monkeypatch.delattr(module, name)
+    patch.delete(name)
     error = raises_exactly(NameError, module.get_token)
     assert str(error) == f"name '{name}' is not defined"
     assert entry(error, "get_token").line
@@ -485,17 +439,15 @@ def test_missing_open_raises_name_error(
     assert entry(error, "get_token").line
 
 
-def test_open_is_looked_up_for_each_with(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_open_is_looked_up_for_each_with(module: ModuleType, steps: Steps, patch: Patch) -> None:
     first = steps.open
 
     def only_once(*args: object) -> object:
-        monkeypatch.setattr(module, "open", second)
+        patch("open", second)
         return first(*args)
 
     second = Recorder(first)
-    monkeypatch.setattr(module, "open", only_once)
+    patch("open", only_once)
     assert module.get_token() is steps.secret
     assert second.positional == [("/absolute", "r")]
 
@@ -780,16 +732,11 @@ class FileWithoutMethods:
     [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
 )
 def test_file_without_method_raises_attribute_error(
-    module: ModuleType,
-    steps: Steps,
-    monkeypatch: pytest.MonkeyPatch,
-    mode: str,
-    method: str,
-    body_begins: int,
+    module: ModuleType, steps: Steps, patch: Patch, mode: str, method: str, body_begins: int
 ) -> None:
     """The interpreter evaluates `file.write` before the argument of the call."""
     if mode == "w":  # a C function, which must not be called with an exception set
-        monkeypatch.setattr(module, "urandom", os.urandom)
+        patch("urandom", os.urandom)
     steps.replies[f"{mode}: entered"] = FileWithoutMethods
     error = raises_exactly(AttributeError, module.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"

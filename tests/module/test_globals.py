@@ -11,6 +11,7 @@ import pytest
 from tests.support import isolated
 from tests.support.assertions import raises_exactly, traceback_entries
 from tests.support.doubles import RecordingLogger
+from tests.support.module_patch import Patch
 from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 
@@ -227,33 +228,29 @@ def test_key_comparison_error_propagates(where: str) -> None:
 
 @pytest.mark.parametrize("name", ["get_bfd_neighbor", "copy"])
 def test_bfd_list_missing_global_is_logged(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, name: str
+    simulator: Simulator, module: ModuleType, patch: Patch, name: str
 ) -> None:
     logger = RecordingLogger()
-    monkeypatch.setattr(module, "_logger", logger)
+    patch("_logger", logger)
     session = {"s": {"neighbor_ip": "192.0.2.1", "interface": "port1"}}
-    monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: session)
-    monkeypatch.delattr(module, name)
+    patch("get_bfd_neighbor", lambda *given: session)
+    patch.delete(name)
     assert module.list_bfd_neighbor() == []
     assert logger.debug_messages == [f"e:name '{name}' is not defined"]
 
 
-def test_bfd_list_uses_current_copy_module(
-    module: ModuleType, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def test_bfd_list_uses_current_copy_module(module: ModuleType, patch: Patch) -> None:
     logger = RecordingLogger()
-    monkeypatch.setattr(module, "_logger", logger)
-    monkeypatch.setattr(module, "get_bfd_neighbor", lambda *given: {"s": {}})
-    monkeypatch.setattr(module, "copy", Trap())
+    patch("_logger", logger)
+    patch("get_bfd_neighbor", lambda *given: {"s": {}})
+    patch("copy", Trap())
     assert module.list_bfd_neighbor() == []
     assert logger.debug_messages == ["e:"]  # the exception has no message
 
 
-def test_bfd_list_missing_logger_raises_name_error(
-    module: ModuleType, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.setattr(module, "get_bfd_neighbor", Trap())
-    monkeypatch.delattr(module, "_logger")
+def test_bfd_list_missing_logger_raises_name_error(module: ModuleType, patch: Patch) -> None:
+    patch("get_bfd_neighbor", Trap())
+    patch.delete("_logger")
     error = raises_exactly(NameError, module.list_bfd_neighbor)
     assert str(error) == "name '_logger' is not defined"
     (entry,) = traceback_entries(error.__traceback__)

@@ -5,17 +5,17 @@ from __future__ import annotations
 
 import asyncio
 import gc
-import io
 import sys
 import weakref
 from collections.abc import AsyncGenerator, Iterator
 from functools import partial
 from types import ModuleType
-from typing import Any, Callable
+from typing import Callable
 
 import pytest
 
 from tests.support import reference
+from tests.support.doubles import failing_open
 from tests.support.fake_cli import FakeCli
 
 Handle = Callable[[], object]
@@ -23,19 +23,6 @@ Handle = Callable[[], object]
 
 class Outer(Exception):
     """The exception that the caller handles; it supports weak references."""
-
-
-class File(io.StringIO):
-    """A file whose `write` fails and whose `__exit__` suppresses the error."""
-
-    def __init__(self) -> None:
-        super().__init__("secret")
-
-    def write(self, text: str) -> int:
-        raise OSError("cannot be written")
-
-    def __exit__(self, *given: object) -> Any:
-        return True
 
 
 @pytest.fixture(
@@ -53,7 +40,8 @@ def handle(
     """A call in which the module or the reference model handles one exception."""
     parser, function = request.param.split(".")
     if function == "get_token":
-        monkeypatch.setattr(module, "open", lambda *given: File(), raising=False)
+        opener = failing_open("write", "w", swallows=True)
+        monkeypatch.setattr(module, "open", opener, raising=False)
         yield module.get_token
         return
     cli = FakeCli(reference if parser == "reference" else module, monkeypatch)

@@ -14,6 +14,7 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE
+from tests.support.doubles import Failure, UncomparableStr
 from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
 from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE, encode_exception
@@ -108,16 +109,8 @@ def test_function_of_failed_import_raises_runtime_error() -> None:
         module = create_module()
         before = {name: held for name, held in vars(module).items() if callable(held)}
 
-        class Unequal(str):
-            """A key in the place of an equal name; comparing the two fails."""
-
-            __hash__ = str.__hash__
-
-            def __eq__(self, other: object) -> bool:
-                raise OSError
-
-        vars(module)[Unequal("__test__")] = None
-        with suppress(OSError):
+        vars(module)[UncomparableStr("__test__")] = None
+        with suppress(Failure):
             module.__loader__.exec_module(module)
         function = module.new_cookie_id
         assert isinstance(function, BuiltinFunctionType)

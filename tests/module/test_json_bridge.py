@@ -13,6 +13,7 @@ import ujson
 from tests.support.assertions import line, raises_exactly, traceback_entries, with_types
 from tests.support.doubles import Failure, Recorder, raiser
 from tests.support.function_table import NAMED
+from tests.support.module_patch import Patch
 from tests.support.query_cases import (
     Query,
     every_native_query,
@@ -105,10 +106,10 @@ def test_reply_of_each_shape_is_returned(
 
 @pytest.mark.parametrize("text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"'])
 def test_loads_gets_rendered_text(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, text: str
+    simulator: Simulator, module: ModuleType, patch: Patch, text: str
 ) -> None:
     loads = Recorder(ujson.loads)
-    monkeypatch.setattr(module, "json", SimpleNamespace(loads=loads))
+    patch("json", SimpleNamespace(loads=loads))
     simulator.set_reply("build_switch_lg_state", RawJSON(text))
     assert module.list_switch_lg_state() == json.loads(text)
     assert loads.positional == [(text.encode(),)]

@@ -118,8 +118,7 @@ def test_unknown_event_is_compared_four_times() -> None:
 def test_profile_name_is_sent_under_hyphenated_key(
     simulator: Simulator, module: ModuleType, profile: str | None
 ) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     module.capture_sniffer_profile(profile, "Stop")
     request = made.positional[0][0][0]
     assert list(request) == ["profile-name"]
@@ -138,8 +137,7 @@ NOT_TEXT = [b"p1", 5, StrSubclass("Stop"), ["Stop"], True]
 def test_non_str_argument_raises_before_request(
     simulator: Simulator, module: ModuleType, parameter: str, value: object, keywords: bool
 ) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     given: dict[str, object] = {"profile_name": "p1", "event": "Stop", parameter: value}
     if keywords:
         error = raises_exactly(TypeError, module.capture_sniffer_profile, **given)

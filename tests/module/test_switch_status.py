@@ -49,8 +49,7 @@ def test_stp_instance_is_always_sent(
 def test_stp_instance_truth_is_not_tested(simulator: Simulator, module: ModuleType) -> None:
     instance = CountingInt(4)
     instance.truth = AssertionError("asked")
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     module.list_switch_stp_state(instance)
     assert made.positional[0][0][0]["instance_id"] is instance
     assert instance.bool_calls == 0
@@ -173,8 +172,7 @@ def test_port_name_none_sends_empty_request(
     port: str | None,
     request_sent: dict[str, str],
 ) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     simulator.set_reply(native, {"ports": [port]})
     assert getattr(module, function)(port) == {"ports": [port]}
     assert without_releases(simulator) == [(native, request_sent)]

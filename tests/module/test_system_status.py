@@ -84,8 +84,7 @@ def test_later_reply_elements_are_ignored(simulator: Simulator, module: ModuleTy
 
 
 def test_name_is_always_sent(simulator: Simulator, module: ModuleType) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     simulator.set_reply(PHYSICAL, reply_of(A))
     name = "".join(["na", "me"])
     module.list_system_interface_physical(name)
@@ -115,8 +114,7 @@ def test_empty_interface_list_raises_unbound_local(
 def test_non_str_name_raises_type_error(
     simulator: Simulator, module: ModuleType, name: object
 ) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     error = raises_exactly(TypeError, module.list_system_interface_physical, name)
     assert str(error) == wrong_type_message("name", "str", name)
     found = entry(error, "list_system_interface_physical")

@@ -114,8 +114,8 @@ def encode_exception(error: BaseException) -> dict[str, Any]:
 def run(function: Callable[..., object], *arguments: object) -> Outcome:
     """Call `function` in a new interpreter with `arguments`, which must be JSON data.
 
-    The function sees the names of this file and of `fake_siblings`, those of `_names`, and its own
-    imports. If the process crashes the test fails with its standard error.
+    The function sees the names of this file, of `doubles` and of `fake_siblings`, those of
+    `_names`, and its own imports. If the process crashes the test fails with its standard error.
     """
     request = {
         "source": textwrap.dedent(inspect.getsource(function)),
@@ -151,11 +151,18 @@ def error(function: Callable[..., object], *arguments: object) -> Error:
 
 def _names() -> dict[str, Any]:
     """The globals of a function in the new interpreter."""
-    siblings = importlib.import_module("tests.support.fake_siblings")
+    support = [importlib.import_module(f"tests.support.{n}") for n in ("doubles", "fake_siblings")]
     shared: list[Any] = [BuiltinFunctionType, ModuleSpec, ModuleType, SimpleNamespace, suppress]
     modules = [builtins, importlib, sys, warnings]
     named = {item.__name__: item for item in (*shared, *modules)}
-    return {**vars(siblings), **globals(), **named, "__name__": "isolated", "Any": Any}
+    return {
+        **vars(support[0]),
+        **vars(support[1]),
+        **globals(),
+        **named,
+        "__name__": "isolated",
+        "Any": Any,
+    }
 
 
 def _serve() -> None:
