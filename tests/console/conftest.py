@@ -35,7 +35,7 @@ def initial(tmp_path: Path) -> Path:
 
 @pytest.fixture
 def session(
-    built: None, initial: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+    build: None, initial: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> Iterator[Session]:
     """A session on `initial`; its store is `tmp_path / "store"`."""
     monkeypatch.setenv("VELDARIN_SIMULATOR_STATE", str(tmp_path / "state"))
@@ -95,7 +95,7 @@ StartServer = Callable[..., AbstractContextManager[ServerProcess]]
 
 
 @pytest.fixture(scope="session")
-def server_process(built: None, pytestconfig: pytest.Config) -> StartServer:
+def server_process(build: None, pytestconfig: pytest.Config) -> StartServer:
     """Starts a console: (directory for its state and temporary files, options)."""
 
     @contextmanager

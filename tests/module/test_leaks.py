@@ -256,9 +256,13 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
 
 
 def test_failed_import_leaks_nothing() -> None:
-    broken = [case for case in imports.CASES if case.statements and case.path == isolated.MODULE_PATH]
+    broken = [
+        case for case in imports.CASES if case.statements and case.path == isolated.MODULE_PATH
+    ]
     assert len(broken) > 60
-    found = isolated.value(repeat_failing_imports, [(case.label, case.statements) for case in broken])
+    found = isolated.value(
+        repeat_failing_imports, [(case.label, case.statements) for case in broken]
+    )
     assert [row for row in found if row[1:] != [0, 0, {}]] == []
 
 

@@ -10,7 +10,7 @@ from typing import Any
 import psutil
 import pytest
 
-from tests.support.netns import PORTS, Message, ip_json, needs_ip, run_in_namespace
+from tests.support.netns import PORTS, Message, ip_json, needs_ip, run_in_netns
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import (
     links,
@@ -23,7 +23,7 @@ from veldarin_simulator.providers import (
 def test_physical_interfaces_match_ip_link(simulator: Simulator, module: ModuleType) -> None:
     # The kernel adds link-local addresses some time after a link is up: repeat until `ip` prints
     # the same before and after the call.
-    result, expected = run_in_namespace(
+    result, expected = run_in_netns(
         (
             *PORTS,
             "ip link add port9 mtu 1280 address 02:00:00:00:00:99 type veth peer name port10",
@@ -66,7 +66,7 @@ def test_physical_interfaces_match_ip_link(simulator: Simulator, module: ModuleT
 
 @pytest.mark.requires("netlink")
 def test_only_loopback_is_listed_as_interface() -> None:
-    (entry,) = run_in_namespace(
+    (entry,) = run_in_netns(
         ("ip link set lo up",),
         "import json; from veldarin_simulator.providers import links\n"
         "print(json.dumps(links.physical_interfaces()[0]['interface']))",
@@ -107,7 +107,7 @@ def test_link_that_is_down_has_no_carrier(flags: int, carrier: int) -> None:
 @pytest.mark.requires("netlink")
 def test_lost_link_increases_flap_count() -> None:
     flap = ("ip link set port2 down", "sleep 0.1", "ip link set port2 up", "sleep 0.1")
-    monitor, status = run_in_namespace(
+    monitor, status = run_in_netns(
         PORTS + flap + flap,
         "import json; from veldarin_simulator.providers import links\n"
         "print(json.dumps([links.link_monitor_status(), links.flap_guard_status()]))",

@@ -12,7 +12,14 @@ from types import ModuleType
 import pytest
 from pyroute2.netlink.rtnl.ndmsg import NUD_STALE
 
-from tests.support.netns import ALONE, PORTS, Message, ip_json, needs_ip, run_in_namespace
+from tests.support.netns import (
+    ENV_WITHOUT_SANITIZER,
+    PORTS,
+    Message,
+    ip_json,
+    needs_ip,
+    run_in_netns,
+)
 from veldarin_simulator import Simulator
 from veldarin_simulator.providers import arp, routing
 
@@ -37,7 +44,7 @@ print(json.dumps([confirmed(), arp.listing(), confirmed()]))
 
 
 def test_arp_listing_parses_to_the_neighbors(simulator: Simulator, module: ModuleType) -> None:
-    before, listing, after = run_in_namespace(PORTS + NEIGHBORS, LIST_ARP_AND_AGES)
+    before, listing, after = run_in_netns(PORTS + NEIGHBORS, LIST_ARP_AND_AGES)
     simulator.set_reply("get_cli_cmd_output", listing)
     rows = {row["ipAddress"]: row for row in module.get_system_arp_result()}
     assert {address: row["mac"] for address, row in rows.items()} == {
@@ -62,7 +69,7 @@ LIST_ARP = (
 def test_arp_listing_without_neighbors_has_no_rows(
     simulator: Simulator, module: ModuleType
 ) -> None:
-    simulator.set_reply("get_cli_cmd_output", run_in_namespace(("true",), LIST_ARP))
+    simulator.set_reply("get_cli_cmd_output", run_in_netns(("true",), LIST_ARP))
     assert module.get_system_arp_result() == []
 
 
@@ -137,7 +144,7 @@ print(json.dumps({{address: routing.detail(address) for address in addresses}}))
 def details(*addresses: str, setup: tuple[str, ...] = PORTS + ROUTES) -> dict[str, str]:
     """Return the routing entries for addresses in a namespace with `ROUTES`."""
     source = DETAILS.format(addresses=addresses)
-    return dict(run_in_namespace(setup, source))
+    return dict(run_in_netns(setup, source))
 
 
 def test_routing_entry_parses_completely(simulator: Simulator, module: ModuleType) -> None:
@@ -238,7 +245,7 @@ def test_malformed_address_prints_an_error(address: str) -> None:
 def test_routing_entry_matches_ip_route(address: str) -> None:
     tried = subprocess.run(
         ["ip", "-j", "route", "get", "fibmatch", address],
-        env=ALONE,
+        env=ENV_WITHOUT_SANITIZER,
         capture_output=True,
         check=False,
     )

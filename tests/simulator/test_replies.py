@@ -224,7 +224,7 @@ def test_failing_reply_is_raised_by_raise_errors(simulator: Simulator, native: N
     assert isinstance(several.value.__cause__, LookupError)
 
 
-def test_failing_reply_is_raised_at_block_end(built: None) -> None:
+def test_failing_reply_is_raised_at_block_end(build: None) -> None:
     def block() -> None:
         with Simulator(live=False) as simulator:
             simulator.set_reply(LG_STATE, fail)
@@ -234,7 +234,7 @@ def test_failing_reply_is_raised_at_block_end(built: None) -> None:
         block()
 
 
-def test_block_exception_has_reply_error_as_context(built: None) -> None:
+def test_block_exception_has_reply_error_as_context(build: None) -> None:
     def block() -> None:
         with Simulator(live=False) as simulator:
             simulator.set_reply(LG_STATE, fail)
@@ -404,7 +404,7 @@ def test_oversized_fixed_reply_raises(simulator: Simulator, native: Native) -> N
     simulator.raise_errors()
 
 
-def test_wrapped_text_without_memory_is_empty(built: None) -> None:
+def test_wrapped_text_without_memory_is_empty(build: None) -> None:
     native = Native()
     testcapi = importlib.import_module("_testcapi")
     wrap = native.function("cookieval_wrap", ctypes.c_void_p, ctypes.c_char_p)

@@ -217,7 +217,7 @@ def test_file_name_that_is_not_utf8_is_a_command(tmp_path: Path) -> None:
     assert Scenario.load(tmp_path).commands == {b"get \xff": b"text"}
 
 
-def test_use_scenario_sets_only_differing_replies(built: None) -> None:
+def test_use_scenario_sets_only_differing_replies(build: None) -> None:
     first = Scenario({LG_STATE: b"1", SUMMARY: PROFILES, ARP: b"one"})
     with Simulator(first, live=False) as simulator:
         module = simulator.module
@@ -243,7 +243,7 @@ def test_use_scenario_sets_only_differing_replies(built: None) -> None:
             module.get_cli_command_output("get system arp")
 
 
-def test_removed_reply_falls_back_to_the_machine(built: None) -> None:
+def test_removed_reply_falls_back_to_the_machine(build: None) -> None:
     serial = "serial_number_ascii"
     with Simulator() as simulator:
         module, own = simulator.module, simulator.serial_number
@@ -257,7 +257,7 @@ def test_removed_reply_falls_back_to_the_machine(built: None) -> None:
         assert module.get_system_sniffer_profile_summary()[0]["state"] == "Running"
 
 
-def test_new_profile_list_resets_captures(built: None) -> None:
+def test_new_profile_list_resets_captures(build: None) -> None:
     with Simulator(Scenario({SUMMARY: PROFILES}), live=False) as simulator:
         module = simulator.module
         module.capture_sniffer_profile("p", "Running")
@@ -267,7 +267,7 @@ def test_new_profile_list_resets_captures(built: None) -> None:
         assert module.get_system_sniffer_profile_summary()[0]["state"] == "Running"
 
 
-def test_reset_reply_undoes_set_reply(built: None) -> None:
+def test_reset_reply_undoes_set_reply(build: None) -> None:
     with Simulator(Scenario({LG_STATE: b"1"}), live=False) as simulator:
         number = simulator.module.new_cookie_id
         simulator.set_reply("build_switch_lg_state", 2)

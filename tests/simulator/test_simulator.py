@@ -77,7 +77,7 @@ def test_serializer_is_logged_only_when_recorded(simulator: Simulator, native: N
     native.put(reply)
 
 
-def test_next_simulator_does_not_record_serializer(built: None) -> None:
+def test_next_simulator_does_not_record_serializer(build: None) -> None:
     native = Native()
     with Simulator(live=False) as simulator:
         simulator.record_serializer()
@@ -88,7 +88,7 @@ def test_next_simulator_does_not_record_serializer(built: None) -> None:
         assert simulator.call_log == []
 
 
-def test_gil_probe_ends_with_the_simulator(built: None) -> None:
+def test_gil_probe_ends_with_the_simulator(build: None) -> None:
     native = Native()
     counter = ctypes.c_ulong()
     with Simulator(live=False) as simulator:
@@ -184,7 +184,7 @@ def test_text_buffers_count_until_freed(simulator: Simulator, native: Native) ->
         assert simulator.live_objects.text_buffers == left
 
 
-def test_objects_of_earlier_simulator_do_not_count(built: None) -> None:
+def test_objects_of_earlier_simulator_do_not_count(build: None) -> None:
     native = Native()
     with Simulator(live=False) as simulator:
         simulator.set_reply(LG_STATE, [1])
@@ -214,7 +214,7 @@ def allocator() -> tuple[int | None, ...]:
     return tuple(getattr(current, name) for name in Allocator.NAMES)
 
 
-def test_allocator_is_wrapped_only_while_tracking(built: None) -> None:
+def test_allocator_is_wrapped_only_while_tracking(build: None) -> None:
     before = allocator()
     with Simulator(live=False):
         assert allocator() != before
@@ -225,7 +225,7 @@ def test_allocator_is_wrapped_only_while_tracking(built: None) -> None:
             simulator.live_objects  # noqa: B018
 
 
-def test_tracking_works_beside_tracemalloc(built: None) -> None:
+def test_tracking_works_beside_tracemalloc(build: None) -> None:
     native = Native()
     before = allocator()
     with Simulator(live=False):
@@ -269,7 +269,7 @@ def test_serial_number_is_as_set(simulator: Simulator) -> None:
     assert serial_number() == simulator.serial_number == b"SN1"
 
 
-def test_next_simulator_starts_clean(built: None, tmp_path: Path) -> None:
+def test_next_simulator_starts_clean(build: None, tmp_path: Path) -> None:
     native = Native()
     json_object = importlib.import_module("util.json").JSONObject
     with Simulator(live=False) as simulator:
@@ -294,7 +294,7 @@ def test_next_simulator_starts_clean(built: None, tmp_path: Path) -> None:
         release(empty)
 
 
-def test_closed_simulator_has_no_replies(built: None) -> None:
+def test_closed_simulator_has_no_replies(build: None) -> None:
     native = Native()
     with Simulator(live=False) as simulator:
         simulator.set_reply("aps_get_new_cookie_id", 5)
@@ -315,7 +315,7 @@ def test_second_open_simulator_raises(simulator: Simulator) -> None:
     assert len(simulator.call_log) == 1
 
 
-def test_closed_simulator_is_garbage(built: None) -> None:
+def test_closed_simulator_is_garbage(build: None) -> None:
     with Simulator(live=False) as simulator:
         folder = simulator.secret_path.parent
         alive = weakref.ref(simulator)
@@ -326,7 +326,7 @@ def test_closed_simulator_is_garbage(built: None) -> None:
 
 
 def test_providers_get_scenario_and_live(
-    built: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+    build: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     created = []
 
@@ -357,7 +357,7 @@ def test_providers_get_scenario_and_live(
 
 
 def test_failing_provider_closes_the_simulator(
-    built: None, monkeypatch: pytest.MonkeyPatch
+    build: None, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setattr(providers, "Providers", fail)
     with pytest.raises(LookupError, match="no reply"):

@@ -56,7 +56,13 @@ REPEATED = [file for file in MODULE_SOURCES if file.name not in ONCE]
 
 def test_module_sources_are_found() -> None:
     names = {file.name for file in MODULE_SOURCES}
-    assert names >= {"modules_util.cpp", "cookies.cpp", "json_bridge.cpp", "cli.cpp", "arp_table.cpp"}
+    assert names >= {
+        "modules_util.cpp",
+        "cookies.cpp",
+        "json_bridge.cpp",
+        "cli.cpp",
+        "arp_table.cpp",
+    }
     assert len(names) > 10
 
 
@@ -172,7 +178,7 @@ COMMENTED = tracked(
     ".ci/*",
     "*.toml",
 )
-DOCSTRING = re.compile(r'\A(?:#![^\n]*\n)?\s*"""(.*?)"""', re.DOTALL)
+DOCSTRING = re.compile(r'\A(?:#![^\n]*\n)?\s*r?"""(.*?)"""', re.DOTALL)
 HASH_LINES = re.compile(r"\A(?:#![^\n]*\n)?((?:#(?!!)[^\n]*\n)+)")
 SLASH_LINES = re.compile(r"\A((?://[^\n]*\n)+)")
 BLOCK = re.compile(r"\A/\*(.*?)\*/", re.DOTALL)

@@ -1,3 +1,4 @@
+// The log of native calls.
 #include "call_log.h"
 
 #include <utility>
