@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 import time
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
@@ -24,7 +25,7 @@ def listed(api: Any) -> list[dict[str, Any]]:
 
 def test_functions_are_listed_by_subsystem_as_in_the_stub(api: Any) -> None:
     assert [part["title"] for part in api("GET", "/api/functions")["subsystems"]] == [
-        "Sessions and cookies",
+        "Cookies and certificates",
         "Switch and system status",
         "Command line and BFD",
         "Packet sniffer",
@@ -44,9 +45,11 @@ def test_functions_are_listed_by_subsystem_as_in_the_stub(api: Any) -> None:
 def test_function_documentation_is_complete(api: Any) -> None:
     declared = stub.functions()
     for function in listed(api):
-        words = " ".join(function[part] for part in ("summary", "text", "raises", "example"))
+        words = " ".join(
+            function[part] for part in ("summary", "text", "args", "raises", "example")
+        )
         docstring = declared[function["name"]].docstring
-        whole = docstring.replace("Raises:\n", "").replace("Example:\n", "")
+        whole = re.sub(r"^(Args|Raises|Example):\n", "", docstring, flags=re.MULTILINE)
         # Text below the examples joins the text above them.
         assert sorted(words.split()) == sorted(whole.split()), function["name"]
         assert function["summary"].endswith(".")

@@ -23,6 +23,7 @@ def _describe(function: Function) -> dict[str, Any]:
         "declaration": function.declaration,
         "summary": function.summary,
         "text": function.text.partition("\n")[2].strip(),
+        "args": function.args,
         "raises": function.raises,
         "example": function.example,
         "parameters": [

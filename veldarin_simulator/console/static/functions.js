@@ -162,11 +162,12 @@ function curlCommand(name, form) {
   return { element: el("details.curl", el("summary", "As a curl command"), text, copy), update };
 }
 
-function documentation({ text, raises, example }) {
+function documentation({ text, args, raises, example }) {
   return el(
     "aside.documentation",
     { "aria-label": "Documentation" },
     prose(text),
+    args ? [el("h2", "Arguments"), entries(args)] : null,
     raises ? [el("h2", "Raises"), entries(raises)] : null,
     example ? [el("h2", "Example"), el("pre.example", { tabindex: "0" }, example)] : null,
   );
