@@ -236,7 +236,7 @@ int replace_imports(const link_map *library) {
 #endif
 
 const link_map *json_c() {
-    void *function = dlsym(RTLD_DEFAULT, "json_object_to_json_string");
+    void *function = dlsym(RTLD_DEFAULT, "json_object_to_json_string_ext");
     Dl_info info;
     link_map *library = nullptr;
     if (function == nullptr ||
