@@ -140,7 +140,7 @@ void counted_free(void *context, void *block) {
     next->free(next->ctx, block);
 }
 
-// allocations(...): returns how often the calls asked the interpreter's allocator for a new or a
+// allocations(...): returns how often the calls requested a new or a
 // resized block.
 PyObject *allocations(PyObject *, PyObject *const *parts, Py_ssize_t count) {
     Call call;

@@ -1,4 +1,4 @@
-"""The cases of tests/support/call_cases.py, called from many threads at once.
+"""The cases of tests/support/call_cases.py, called from many threads.
 
 The simulator's replies depend on the thread, so that cases run side by side. Globals of the module
 are shared: cases that patch the same globals form a group, and the groups run one after the other.

@@ -100,7 +100,7 @@ def test_invalid_scenario_is_rejected_and_the_old_one_stays(api: Any, mine: Path
     assert value(api, "new_cookie_id") == 4294967295
 
 
-@pytest.mark.parametrize("body", [{}, {"name": 7}, {"name": ["x"]}, {"nam": "x"}])
+@pytest.mark.parametrize("body", [{}, {"name": 7}, {"name": ["x"]}, {"title": "x"}])
 def test_load_without_a_name_is_rejected(api: Any, body: dict[str, Any]) -> None:
     assert api("PUT", "/api/scenarios/current", body, status=400)["at"] == "name"
     assert api("GET", "/api/scenarios")["loaded"] == "initial"

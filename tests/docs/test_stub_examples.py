@@ -162,24 +162,24 @@ def test_examples_give_documented_results(example_simulator: Simulator, function
         docstrings()[function.name], names, function.name, str(stub.STUB), 0
     )
     assert example.examples
-    told: list[str] = []
+    output: list[str] = []
     runner = doctest.DocTestRunner(optionflags=doctest.NORMALIZE_WHITESPACE, verbose=False)
     simulator.clear_calls()
     try:
-        runner.run(example, out=told.append)
+        runner.run(example, out=output.append)
     finally:
         if function.name == "list_bfd_neighbor":
             simulator.set_reply("get_cli_cmd_output", "nothing")
             module.get_bfd_neighbor("command").clear()
-    assert "".join(told) == ""
+    assert "".join(output) == ""
     assert called.results
     for result in called.results:
         assert_is(function.result, result)
 
-    asked = {call.service for call in simulator.call_log} - {"JSONObject.release"}
+    called = {call.service for call in simulator.call_log} - {"JSONObject.release"}
     named = set(re.findall(r"`(\w+)`", docstrings()[function.name]))
-    assert asked <= named
-    assert bool(asked) != (
+    assert called <= named
+    assert bool(called) != (
         "Calls no native service." in docstrings()[function.name] or function.name == "get_token"
     )
 

@@ -153,7 +153,7 @@ def test_failing_detail_logs_and_ends_list(cli: FakeCli) -> None:
 
 
 class Neighbors:
-    """Stand in for `get_bfd_neighbor`: call number n returns, calls or raises reply number n."""
+    """Replace `get_bfd_neighbor`: call number n returns, calls or raises reply number n."""
 
     def __init__(self, cli: FakeCli, *replies: Any) -> None:
         self.replies = list(replies)
@@ -229,7 +229,7 @@ def test_shared_dictionary_is_deep_copied(cli: FakeCli) -> None:
 
 
 def test_detail_arguments_come_from_one_deep_copy(cli: FakeCli) -> None:
-    summary = {"k": dict(ENTRY), "gone": dict(ENTRY)}
+    summary = {"k": dict(ENTRY), "missing": dict(ENTRY)}
     working: list[Any] = []
 
     def deepcopy(value: Any) -> Any:
@@ -401,10 +401,10 @@ class LyingDict(dict):
     """A dict that lists a key which it does not contain."""
 
     def keys(self) -> Any:
-        return ["gone"]
+        return ["missing"]
 
     def __iter__(self) -> Iterator[str]:
-        return iter(["gone"])
+        return iter(["missing"])
 
 
 @pytest.mark.parametrize(
@@ -422,7 +422,7 @@ class LyingDict(dict):
         ),
         (FailingMapping(Failure("own")), "own", "own"),
         (FailingMapping(KeyError("own"), ["k"]), "'own'", "'own'"),
-        (LyingDict(k=1), "'gone'", "dict() got multiple values for keyword argument 'gone'"),
+        (LyingDict(k=1), "'missing'", "dict() got multiple values for keyword argument 'missing'"),
     ],
     ids=["keys without attribute", "item without attribute", "keys", "item", "missing key"],
 )

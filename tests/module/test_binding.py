@@ -254,7 +254,7 @@ def test_parameter_bound_twice_raises_type_error(
         )
 
 
-# (function, positional arguments, keywords in their order, text): several things wrong at once.
+# (function, positional arguments, keywords in their order, text): several errors in one call.
 ACL, TRUNK, MCLAG = (
     "switch_acl_ingress_counter",
     "list_switch_trunk_state",

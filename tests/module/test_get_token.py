@@ -385,7 +385,7 @@ def test_any_false_is_file_result_writes_file(module: ModuleType, steps: Steps) 
 
 
 def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: Steps) -> None:
-    untouchable = CountingBool(AssertionError("asked"))
+    untouchable = CountingBool(AssertionError("truth test"))
     for name in ("written", "w: exited", "r: exited"):
         steps.replies[name] = lambda: untouchable
     assert module.get_token() is steps.secret

@@ -86,9 +86,9 @@ def test_recorded_down_session_is_parsed_with_diagnostic(cli: FakeCli) -> None:
     for session in sessions:
         cli.set_output(bfd.render([session]))
         cli.parser.get_bfd_neighbor("captured", read)
-    told = {name: (entry["status"], entry["diagnostics"]) for name, entry in read.items()}
+    states = {name: (entry["status"], entry["diagnostics"]) for name, entry in read.items()}
     down = ("down", "control detection time expired")
-    assert told == {
+    assert states == {
         "10.1.0.1_default": ("up", "ok"),
         "198.51.100.5_port2": down,
         "2001:db8:24::1_port2": down,

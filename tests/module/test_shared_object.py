@@ -126,7 +126,7 @@ def test_file_name_has_extension_suffix(module_file: Path) -> None:
     assert module_file.name.startswith("modules_util.cpython-39-")
 
 
-# Whoever compiles it, the file fits into 64 KiB; with the compiler that it was measured with, into
+# With any compiler the file fits into 64 KiB; with the compiler that it was measured with, into
 # a quarter of the size of the Cython module with the same functions.
 SMALL = 64 * 1024
 QUARTER = {("x86_64", "12"): 218_472 // 4}
@@ -144,7 +144,7 @@ def test_release_file_is_small(alone: Path) -> None:
 def test_release_file_is_quarter_of_cython_module(alone: Path) -> None:
     peers = list(isolated.BUILD.glob("benchmarks/modules_cython.*.so"))
     if not peers:
-        pytest.skip("the compiled peer is not built: make bench")
+        pytest.skip("the Cython competitor is not built: make bench")
     assert alone.stat().st_size <= peers[0].stat().st_size / 4
 
 

@@ -48,7 +48,7 @@ def test_stp_instance_is_always_sent(
 
 def test_stp_instance_truth_is_not_tested(simulator: Simulator, module: ModuleType) -> None:
     instance = CountingInt(4)
-    instance.truth = AssertionError("asked")
+    instance.truth = AssertionError("truth test")
     made = simulator.on_create = Recorder()
     module.list_switch_stp_state(instance)
     assert made.positional[0][0][0]["instance_id"] is instance

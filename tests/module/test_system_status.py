@@ -251,14 +251,14 @@ def test_growing_list_is_iterated_to_its_end(module: ModuleType, parsed: SimpleN
 def test_name_comparison_result_is_tested_once(
     module: ModuleType, parsed: SimpleNamespace, name: str | None
 ) -> None:
-    asked: list[object] = []
+    evaluated: list[object] = []
 
     class Reply:
         def __init__(self, truth: bool) -> None:
             self.truth = truth
 
         def __bool__(self) -> bool:
-            asked.append("truth")
+            evaluated.append("truth")
             return self.truth
 
     class Name:
@@ -266,13 +266,13 @@ def test_name_comparison_result_is_tested_once(
             self.truth = truth
 
         def __eq__(self, other: object) -> Any:
-            asked.append(other)
+            evaluated.append(other)
             return Reply(self.truth)
 
     chosen = {"name": Name(True)}
     parsed.value = [{"interface": [{"name": Name(False)}, chosen, {"name": Name(True)}]}]
     assert module.list_system_interface_physical(name) is chosen
-    assert asked == [name, "truth", name, "truth"]
+    assert evaluated == [name, "truth", name, "truth"]
 
 
 def test_str_subclass_name_uses_its_own_comparison(

@@ -11,7 +11,7 @@ int __wrap_PyObject_RichCompareBool(PyObject *left, PyObject *right, int operati
 
 const char *__wrap_Py_GetVersion(void) {
     const char *version = getenv("SEEMING_VERSION");
-    return version ? version : "3.10.4 (stand-in)";
+    return version ? version : "3.10.4 (test)";
 }
 
 int __wrap_PyObject_RichCompareBool(PyObject *left, PyObject *right, int operation) {

@@ -76,9 +76,9 @@ def test_callable_reply_gets_the_request(
     simulator: Simulator, native: Native, json_object: Any
 ) -> None:
     request = json_object({"port_name": "port1"})
-    simulator.set_reply(LG_STATE, lambda request: {"asked": request})
+    simulator.set_reply(LG_STATE, lambda request: {"request": request})
     text = native.json_text(LG_STATE, None, value_of(request))
-    assert json.loads(text) == {"asked": {"port_name": "port1"}}
+    assert json.loads(text) == {"request": {"port_name": "port1"}}
 
 
 def test_every_json_service_has_its_own_reply(simulator: Simulator, native: Native) -> None:

@@ -32,7 +32,7 @@ class Mount:
 
 
 def test_unreadable_file_system_has_null_sizes(monkeypatch: pytest.MonkeyPatch) -> None:
-    mounts = [Mount("/dev/gone", "/no/such/mount", "ro,noatime"), Mount("/dev/gone", "/again")]
+    mounts = [Mount("/dev/lost", "/no/such/mount", "ro,noatime"), Mount("/dev/lost", "/again")]
     monkeypatch.setattr(psutil, "disk_partitions", lambda all: mounts)
     (entry,) = storage.flash_list()
     assert entry["mountpoint"] == "/no/such/mount"

@@ -78,7 +78,7 @@ ARGUMENT_CASES = [
     ),
     *(CallCase(row.name, (), TypeError, "too few arguments") for row in FUNCTIONS if row.required),
     *(
-        CallCase(row.name, (), TypeError, "keyword that is no string", kwargs={b"bytes": 1})
+        CallCase(row.name, (), TypeError, "keyword that is not a string", kwargs={b"bytes": 1})
         for row in FUNCTIONS
         if row.kind == "keywords"
     ),
@@ -125,7 +125,7 @@ COOKIE_CASES = [
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
     ),
     *(
-        CallCase("get_cookie_name", (1,), NameError, f"{name} gone", patched={name: DELETED})
+        CallCase("get_cookie_name", (1,), NameError, f"{name} deleted", patched={name: DELETED})
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
     ),
     *(
@@ -180,7 +180,7 @@ TOKEN_CASES = [
         for name in ("text_", "Path", "open", "urandom", "hexlify")
     ),
     *(
-        token_case(f"{name} gone", NameError, **{name: DELETED})
+        token_case(f"{name} deleted", NameError, **{name: DELETED})
         for name in ("text_", "Path", "urandom", "hexlify")
     ),
     *(
@@ -254,8 +254,8 @@ QUERY_CALL_CASES = [
     *query_calls("creation 1 fails", Failure, reply=None, create=1),
     *query_calls("release 0 fails", Failure, release=0),
     *query_calls("release 1 fails", Failure, release=1),
-    *query_calls("json gone", NameError, patched={"json": DELETED}),
-    *query_calls("loads gone", Failure, patched={"json": AlwaysRaises()}),
+    *query_calls("json deleted", NameError, patched={"json": DELETED}),
+    *query_calls("loads deleted", Failure, patched={"json": AlwaysRaises()}),
     *query_calls("no JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
     *(
         CallCase(name, (AlwaysRaises(),), Failure, "truth fails")
@@ -315,7 +315,7 @@ WIDE = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
 CLI_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("bytes_ fails", Failure, {"bytes_": fail}),
     ("bytes_ gives text", TypeError, {"bytes_": lambda text, charset: "text"}),
-    ("bytes_ gone", NameError, {"bytes_": DELETED}),
+    ("bytes_ deleted", NameError, {"bytes_": DELETED}),
     ("text_ fails", Failure, {"text_": fail}),
     ("text_ gives a number", AttributeError, {"text_": lambda data, charset: 5}),
     (
@@ -323,8 +323,8 @@ CLI_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
         Failure,
         {"text_": lambda data, charset: UnreplaceableStr(data)},
     ),
-    ("text_ gone", NameError, {"text_": DELETED}),
-    ("_CHARSET gone", NameError, {"_CHARSET": DELETED}),
+    ("text_ deleted", NameError, {"text_": DELETED}),
+    ("_CHARSET deleted", NameError, {"_CHARSET": DELETED}),
     ("_CHARSET unknown", LookupError, {"_CHARSET": "no such charset"}),
 ]
 
@@ -345,19 +345,19 @@ FAILING_SPLIT = SimpleNamespace(split=fail, replace=fail)
 NULL_SPLIT = SimpleNamespace(split=NullLogger, replace=NullLogger)
 RUNNER_ERRORS: list[tuple[str, dict[str, Any], type[Exception]]] = [
     ("fails", {"get_cli_command_output": fail}, Failure),
-    ("gone", {"get_cli_command_output": DELETED}, NameError),
+    ("deleted", {"get_cli_command_output": DELETED}, NameError),
     ("gives a number", runner_returning(5), AttributeError),
     ("gives None", runner_returning(None), AttributeError),
     ("gives bad bytes", runner_returning(b"\xff"), UnicodeDecodeError),
     ("gives what fails", runner_returning(FAILING_SPLIT), Failure),
-    ("gives what is no text", runner_returning(NULL_SPLIT), TypeError),
+    ("returns an object that is not text", runner_returning(NULL_SPLIT), TypeError),
 ]
-# What `CFunctionError` is bound to when there is no output.
+# Values of `CFunctionError` for a command without output.
 NULL_OUTPUT_ERRORS: list[tuple[str, type[BaseException], object]] = [
     (", no error class", NameError, DELETED),
     (", failing class", Failure, fail),
     (", no exception class", TypeError, str),
-    (", a class that is no exception", TypeError, lambda message: int),
+    (", a class that is not an exception", TypeError, lambda message: int),
     ("", Failure, Failure),
     (", returned exception class", Failure, lambda message: Failure),
     (", returned class that fails", Failure, lambda message: UnconstructibleException),
@@ -470,7 +470,7 @@ def with_copy(known: Callable[[object], object]) -> dict[str, Any]:
 
 
 def delete_query(sessions: object) -> object:
-    """Stand in for `copy.deepcopy`: delete the query from the module."""
+    """Replace `copy.deepcopy`: delete the query from the module."""
     vars(sys.modules["veldarin.modules.modules_util"]).pop("get_bfd_neighbor", None)
     return sessions
 
@@ -519,7 +519,7 @@ BFD_CASES = [
     bfd("broken headers", cli="echo\npeer \npeer 1\na: b: c\npeer 1 2 3\nd:e", **QUIET),
     bfd("broken timers", cli=ONE_SESSION[:-60], **QUIET),
     bfd("logger stops", Stop, cli=TWO_SESSIONS, _logger=StoppingLogger()),
-    bfd("logger gone", NameError, cli=TWO_SESSIONS, _logger=DELETED),
+    bfd("logger deleted", NameError, cli=TWO_SESSIONS, _logger=DELETED),
     bfd("no logger", AttributeError, cli=TWO_SESSIONS, _logger=None),
     bfd("session known", given={NAME: {"old": "1"}}),
     bfd("sessions not given", Failure, BrokenMapping()),
@@ -546,17 +546,17 @@ BFD_CASES = [
     bfd_list("mapping lost its keys", **with_sessions(MissingKeyMapping())),
     bfd_list("mapping repeats a key", **with_sessions(RepeatedKeyMapping())),
     bfd_list("copy fails", copy=AlwaysRaises(), **with_sessions(SESSIONS)),
-    bfd_list("copy gone", copy=DELETED, **with_sessions(SESSIONS)),
+    bfd_list("copy deleted", copy=DELETED, **with_sessions(SESSIONS)),
     bfd_list("details lose the session", **with_details({})),
     bfd_list("details are no session", **with_details({"s": 5})),
     bfd_list("no details", **with_details(None)),
     bfd_list("copy has other keys", **with_copy(lambda sessions: ["x"])),
     bfd_list("copy fails on the way", **with_copy(lambda sessions: map(fail, [1]))),
     bfd_list("query fails", get_bfd_neighbor=fail, **QUIET),
-    bfd_list("query gone", get_bfd_neighbor=DELETED, **QUIET),
+    bfd_list("query deleted", get_bfd_neighbor=DELETED, **QUIET),
     bfd_list("query stops", Stop, get_bfd_neighbor=stop),
     bfd_list("logger stops", Stop, get_bfd_neighbor=fail, _logger=StoppingLogger()),
-    bfd_list("logger gone", NameError, get_bfd_neighbor=fail, _logger=DELETED),
+    bfd_list("logger deleted", NameError, get_bfd_neighbor=fail, _logger=DELETED),
     bfd_list("no output", cli=None, **QUIET),
 ]
 

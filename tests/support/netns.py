@@ -62,9 +62,9 @@ class Message(dict):
 
 def run_in_netns(setup: tuple[str, ...], source: str) -> Any:
     """Run `source` after `setup` and return the JSON that it prints; a failure fails the test."""
-    why_not = _skip_reason()
-    if why_not:
-        pytest.skip(why_not)
+    reason = _skip_reason()
+    if reason:
+        pytest.skip(reason)
     done = _run_unshared("\n".join((*setup, 'exec "$0" -c "$1"')), sys.executable, source)
     assert done.returncode == 0, done.stderr
     return json.loads(done.stdout)

@@ -88,31 +88,31 @@ stack:
 /build/libfaults.so(+0x3b2c)[0x7f]
 /lib/libc.so.6(+0x3bf90)[0x7f]
 /lib/libpython3.9.so.1.0(PyDict_SetItem+0x1c)[0x7f]
-/stage/{product}(+0x5f10)[0x7f]
+/stage/{module}(+0x5f10)[0x7f]
 end of stack
 """
 
 
 def test_crash_report_has_place_and_current_call() -> None:
-    told = str(
-        parse_crash("died of SIGSEGV", "before\n" + DIED.format(product=isolated.MODULE_PATH.name))
+    output = str(
+        parse_crash("died of SIGSEGV", "before\n" + DIED.format(module=isolated.MODULE_PATH.name))
     )
-    assert told.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
-    assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in told
+    assert output.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
+    assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in output
 
 
 def test_crash_in_module_is_reported_as_such() -> None:
-    written = DIED.format(product=isolated.MODULE_PATH.name).replace(
+    written = DIED.format(module=isolated.MODULE_PATH.name).replace(
         "/lib/libpython3.9.so.1.0(Py", ""
     )
     assert parse_crash("died", written).place == "in the module"
 
 
 def test_crash_elsewhere_is_reported_as_such() -> None:
-    assert parse_crash("died", DIED.format(product="other.so")).place == "outside the module"
+    assert parse_crash("died", DIED.format(module="other.so")).place == "outside the module"
 
 
-@pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer tells of deaths itself")
+@pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer reports crashes itself")
 @pytest.mark.workstation_only("the crash handler unwinds the emulator's stack there")
 def test_crashing_process_reports_place() -> None:
     def die() -> list[object]:
@@ -127,13 +127,13 @@ def test_crashing_process_reports_place() -> None:
         with tempfile.TemporaryFile() as errors:
             forks = ForkRunner(errors, run_atexit=False)
             injector.install_crash_handler()
-            told: list[object] = [forks.run(os.getpid) != os.getpid()]
+            output: list[object] = [forks.run(os.getpid) != os.getpid()]
             for fatal in (os.abort, lambda: ctypes.string_at(0)):
                 try:
                     forks.run(fatal)
                 except CrashError as error:
-                    told.append([error.crash.how, len(error.crash.functions) > 1])
-        return told
+                    output.append([error.crash.how, len(error.crash.functions) > 1])
+        return output
 
     died = isolated.value(die)
     assert died == [True, ["died of SIGABRT", True], ["died of SIGSEGV", True]]

@@ -70,7 +70,7 @@ class SnifferProfiles:
     def _set_state(
         self, request: Any, state: str, only_from: tuple[str, ...] | None = None
     ) -> dict[str, Any]:
-        """Return the acknowledgement: "result" is "done", or "refused" with a "reason"."""
+        """Return the acknowledgment: "result" is "done", or "refused" with a "reason"."""
         name = request.get(_NAME)
         profile = self._profiles.get(name) if isinstance(name, str) else None
         if profile is None:

@@ -47,7 +47,7 @@ export function area(label, attributes = {}) {
   return el("textarea", { wrap: "off", ...VERBATIM, "aria-label": label, ...attributes });
 }
 
-// Tells screen readers.
+// Announces a text to screen readers.
 export function announce(text) {
   document.getElementById("status").textContent = text;
 }
