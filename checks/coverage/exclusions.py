@@ -23,6 +23,8 @@ class Exclusion(NamedTuple):
 
 MODULE = "veldarin/modules/"
 TEMPORARY = "the compiler tests whether it must destroy a temporary, which always exists"
+COMPACT = "a new string always has the compact layout"
+NOT_ASCII = "ASCII strings do not get here"
 ALL_ENUMERATORS = "the switch handles every enumerator"
 NEVER_TRUE = "fail() adds a traceback entry and always returns false"
 EXCLUSIONS = [
@@ -43,10 +45,7 @@ EXCLUSIONS = [
         f"{MODULE}parsers/bfd_neighbor.cpp", "put_into(session_, parse_key(", TEMPORARY, branches=1
     ),
     Exclusion(
-        f"{MODULE}parsers/routing_table.cpp",
-        "put(route, id::ip, strings.",
-        TEMPORARY,
-        branches=1,
+        f"{MODULE}parsers/routing_table.cpp", "put(route, id::ip, strings.", TEMPORARY, branches=1
     ),
     Exclusion(
         f"{MODULE}modules_util.cpp", "set_constant(state.imports.range, ", TEMPORARY, branches=1
@@ -60,33 +59,23 @@ EXCLUSIONS = [
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_1BYTE_DATA(ascii)",
-        "only ASCII strings get here",
+        "only compact ASCII strings get here",
         branches=1,
     ),
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_1BYTE_DATA(result.get())",
-        "a new string always has the compact layout",
+        COMPACT,
         branches=2,
     ),
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_DATA(copy.get())",
-        "a new string of wide characters has the compact layout",
+        "a new string of wider characters is compact and not ASCII",
         branches=2,
     ),
-    Exclusion(
-        f"{MODULE}text/utf8_text.cpp",
-        "PyUnicode_DATA(text)",
-        "no ASCII string gets here",
-        branches=1,
-    ),
-    Exclusion(
-        f"{MODULE}text/string_cache.cpp",
-        "PyUnicode_DATA(string)",
-        "a new string always has the compact layout",
-        branches=1,
-    ),
+    Exclusion(f"{MODULE}text/utf8_text.cpp", "PyUnicode_DATA(text)", NOT_ASCII, branches=1),
+    Exclusion(f"{MODULE}text/string_cache.cpp", "PyUnicode_DATA(string)", COMPACT, branches=1),
     Exclusion(f"{MODULE}json_bridge.cpp", "switch (when) {", ALL_ENUMERATORS, branches=1),
     Exclusion(f"{MODULE}json_bridge.cpp", "Py_UNREACHABLE();", ALL_ENUMERATORS, line=True),
 ]

@@ -69,6 +69,11 @@ FORCED_FAILURES = [
         "import: creation: from a whole spec",
         "an interpreter that runs code has an ID",
     ),
+    ForcedFailure(
+        "PyDict_GetItemWithError(builtins, names.dunder_import)",
+        EXECUTION,
+        "the keys of the builtins are comparable",
+    ),
     ForcedFailure("PyLong_FromLong(0)", EXECUTION, "the interpreter preallocates small integers"),
     ForcedFailure("PyLong_FromLong(32)", EXECUTION, "the interpreter preallocates small integers"),
     ForcedFailure(

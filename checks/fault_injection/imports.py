@@ -144,21 +144,18 @@ def create_in_subinterpreter(module: Any) -> None:
     )
 
 
-# Replaces util.errors with a module whose __getattr__ does more.
+# Replaces util.errors with a module whose __getattr__ does more when the name is imported.
 HOOKED = """
 def hook(self, name):
+    if name != 'CFunctionError':
+        raise AttributeError(name)
     %s
 siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': hook})('util.errors')
 """
-# The statements after it run only for the imported name.
-LACKS_OTHERS = """if name != 'CFunctionError':
-        raise AttributeError(name)
-    """
 LEAVE_MODULES = HOOKED % "sys.modules.pop(MODULE, None); raise AttributeError(name)"
-LOSE_IMPORT = HOOKED % (LACKS_OTHERS + "vars(builtins).pop('__import__'); return OSError")
+LOSE_IMPORT = HOOKED % "vars(builtins).pop('__import__'); return OSError"
 LOSE_NAME = HOOKED % (  # the builtins have one as well
-    LACKS_OTHERS
-    + "vars(sys.modules[MODULE]).pop('__name__'); vars(builtins).pop('__name__'); return OSError"
+    "vars(sys.modules[MODULE]).pop('__name__'); vars(builtins).pop('__name__'); return OSError"
 )
 # A key that cannot be compared makes the binding of a name fail. Everything else is imported then.
 BLOCK_NAME = (
@@ -172,12 +169,12 @@ BLOCK_NAME = (
 )
 # Statements that replace util.errors with a module that lacks the imported name.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
-UNCOMPARABLE_SUBMODULE = """m.__name__ = 'm'
-class UncomparableStr(str):
+INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
+BREAK_SUBMODULE = """m.__name__ = 'm'
+class Uncomparable(str):
     __hash__ = str.__hash__
     __eq__ = raiser(OSError())
-sys.modules[UncomparableStr('m.CFunctionError')] = None"""
-INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
+sys.modules[Uncomparable('m.CFunctionError')] = None"""
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 
 AFTER_FAILURE = ImportCase("after a failure")
@@ -247,9 +244,14 @@ CASES = [
                 "sibling of unknown progress",
                 LACKING + INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
             ),
+            ("sibling without a spec", LACKING + "m.__file__ = 'file'; del m.__spec__"),
+            (
+                "sibling with a spec of another type",
+                LACKING + "m.__file__ = 'file'; m.__spec__ = 5",
+            ),
             ("sibling without a name", LACKING + "del m.__name__"),
             ("sibling whose name is not a str", LACKING + "m.__name__ = 5"),
-            ("sibling whose submodule is not comparable", LACKING + UNCOMPARABLE_SUBMODULE),
+            ("look-up of the submodule fails", LACKING + BREAK_SUBMODULE),
             *(
                 (f"{name} cannot be bound", BLOCK_NAME.replace("NAME", name))
                 for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")

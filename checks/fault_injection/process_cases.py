@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import ctypes
 import sys
+from functools import partial
 from typing import Any, Callable, NamedTuple
 
 from tests.support.call_cases import ARP, ONE_SESSION, ROUTING, CallCase
@@ -33,8 +34,8 @@ class ProcessCase(NamedTuple):
 class PerCall:
     """An argument to create for each call."""
 
-    def __init__(self, make: Callable[[], object]) -> None:
-        self.make = make
+    def __init__(self, make: Callable[..., object], *arguments: object) -> None:
+        self.make = partial(make, *arguments)
 
 
 def legacy_string(text: str) -> str:
@@ -69,82 +70,62 @@ def break_lookup(name: str) -> Callable[[Any], None]:
     return prepare
 
 
+LEGACY = "legacy string"
 CASES = [
     *(
         ProcessCase(
-            CallCase("get_cookie_name", (1,), {}, Failure, f"look-up of {name} fails"),
+            CallCase("get_cookie_name", (1,), Failure, f"look-up of {name} fails"),
             break_lookup(name),
         )
         for name in ("text_", "serial_number_ascii")
     ),
     *(
-        ProcessCase(CallCase("decrypt_cookie", (bytes(size),), {}, OverflowError, "too long"))
+        ProcessCase(CallCase("decrypt_cookie", (bytes(size),), OverflowError, "longer than int"))
         for size in (2**31,)
         if size < sys.maxsize  # only on 64-bit platforms
     ),
     *(
-        ProcessCase(CallCase(function, arguments, label=label, patched=legacy_output(text)))
+        ProcessCase(CallCase(function, arguments, None, label, patched=legacy_output(text)))
         for function, arguments, label, text in (
-            ("get_system_arp_result", (), "legacy string", ARP),
-            ("get_routing_table_result", ("a",), "legacy string", ROUTING),
+            ("get_system_arp_result", (), LEGACY, ARP),
+            ("get_routing_table_result", ("a",), LEGACY, ROUTING),
             (
                 "get_routing_table_result",
                 ("a",),
-                "legacy string, nothing to remove",
+                f"{LEGACY} without \\r",
                 ROUTING.replace("\r", ""),
             ),
-            ("get_bfd_neighbor", ("c", {}), "legacy string", ONE_SESSION),
+            ("get_bfd_neighbor", ("c", {}), LEGACY, ONE_SESSION),
         )
     ),
     *(
-        ProcessCase(
-            CallCase(
-                "get_cli_command_output",
-                ("c",),
-                label=label,
-                patched={"text_": lambda data, charset, make=make: make("a--More--b")},
-            )
-        )
-        for label, make in (
-            ("legacy string", legacy_string),
-            ("ready legacy string", ready_legacy_string),
+        ProcessCase(CallCase("get_cli_command_output", ("c",), None, label, patched=patched))
+        for label, patched in (
+            (LEGACY, {"text_": lambda data, charset: legacy_string("a--More--b")}),
+            (f"ready {LEGACY}", {"text_": lambda data, charset: ready_legacy_string("a--More--b")}),
         )
     ),
     ProcessCase(
-        CallCase(
-            "capture_sniffer_profile",
-            ("p", PerCall(lambda: legacy_string("Stop"))),
-            label="legacy string as event",
-        )
+        CallCase("capture_sniffer_profile", ("p", PerCall(legacy_string, "Stop")), None, LEGACY)
     ),
     *(
-        ProcessCase(case, handling=True)
-        for case in (
-            CallCase(
+        ProcessCase(
+            CallCase(function, arguments, error, label, cli=cli, patched=patched), handling=True
+        )
+        for function, arguments, error, label, cli, patched in (
+            (
                 "get_cli_command_output",
                 ("c",),
-                {},
                 Failure,
                 "no output, a class is raised",
-                cli=None,
-                patched={"CFunctionError": lambda message: Failure},
+                None,
+                {"CFunctionError": lambda message: Failure},
             ),
-            CallCase(
-                "get_token",
-                (),
-                {},
-                AttributeError,
-                "open returns None",
-                patched={"open": lambda path, mode: None},
-            ),
-            CallCase(
-                "get_token", (), {}, Failure, "write fails", patched={"open": failing_open("write")}
-            ),
-            CallCase("get_system_arp_result", (), {}, IndexError, "no header", cli="no header"),
-            CallCase(
-                "get_bfd_neighbor", ("c", {}), label="broken", cli=f"{ONE_SESSION}Local timers"
-            ),
-            CallCase("list_bfd_neighbor", label="no output", cli=None),
+            ("get_token", (), AttributeError, "no file", "", {"open": lambda path, mode: None}),
+            ("get_token", (), Failure, "write fails", "", {"open": failing_open("write")}),
+            ("get_system_arp_result", (), IndexError, "no header", "no header", {}),
+            ("get_bfd_neighbor", ("c", {}), None, "broken", f"{ONE_SESSION}Local timers", {}),
+            ("list_bfd_neighbor", (), None, "no output", None, {}),
         )
     ),
 ]

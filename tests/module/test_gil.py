@@ -12,7 +12,7 @@ from typing import Any
 
 import pytest
 
-from tests.support.query_cases import QueryCase, every_query
+from tests.support.query_cases import Query
 from veldarin_simulator import GILProbes, Simulator
 
 # How long a native call waits; far longer than another thread takes to get a lock that is free.
@@ -52,16 +52,14 @@ def test_probe_detects_caller_that_releases_gil(
     assert simulator.gil_probes == GILProbes(calls=1, released=0)
 
 
-@every_query
-def test_query_holds_gil_across_native_calls(
-    simulator: Simulator, module: ModuleType, counter: ctypes.c_ulong, row: QueryCase
-) -> None:
+def test_query_holds_gil_across_native_calls(query: Query, counter: ctypes.c_ulong) -> None:
     """The calls are that of the service and that of json-c's serializer."""
-    if row.native:
-        simulator.set_fixed_reply(row.native, row.reply)
-    simulator.probe_gil(counter, HELD)
-    row.call(module)
-    assert simulator.gil_probes == GILProbes(calls=len(row.sent) + 1, released=0)
+    if query.native:
+        query.simulator.set_fixed_reply(query.native, query.reply)
+    query.simulator.probe_gil(counter, HELD)
+    query.call()
+    probes = query.simulator.gil_probes
+    assert probes == GILProbes(calls=len(query.sent) + 1, released=0)
 
 
 @pytest.mark.parametrize(

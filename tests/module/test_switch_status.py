@@ -7,28 +7,36 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import entry, line, raises_exactly, wrong_type_message
+from tests.support.assertions import entry, line, raises_exactly, with_types, wrong_type_message
 from tests.support.doubles import CountingInt, Recorder, StrSubclass
-from tests.support.query_cases import FIRST_LINES, native_calls, without_releases
-from veldarin_simulator import RawJSON, Simulator
+from tests.support.function_table import NAMED
+from tests.support.query_cases import (
+    QUERY_CASES,
+    sent_request,
+    without_releases,
+)
+from veldarin_simulator import Simulator
 
-
-def requested(simulator: Simulator) -> Any:
-    """The request of the last call, as its object held it."""
-    return [data for service, data in native_calls(simulator) if service == "JSONObject.release"][
-        -2
-    ]
-
-
-IF_TRUE = [("list_switch_trunk_state", "trunk_name"), ("list_switch_mclag_list", "mkey")]
-TYPED = [
-    ("list_switch_port_statistics", "build_switch_port_statistics", {"port_name": ""}),
-    ("list_switch_lldp_state", "build_switch_lldp_state", {"port_name": ""}),
-    ("list_switch_igmp_snooping_group", "build_switch_igmp_snooping_group", {}),
+# Queries that send their argument if it is true: function, parameter, native service
+IF_TRUE = [
+    (case.function, key, case.native)
+    for case in QUERY_CASES
+    if NAMED[case.function].required == 0
+    for key in case.request
 ]
+TYPED = ["list_switch_port_statistics", "list_switch_lldp_state", "list_switch_igmp_snooping_group"]
 
-by_truth = pytest.mark.parametrize("function, key", IF_TRUE, ids=[f for f, _ in IF_TRUE])
-typed = pytest.mark.parametrize("function, native, empty", TYPED, ids=[f for f, _, _ in TYPED])
+by_truth = pytest.mark.parametrize("function, key, native", IF_TRUE, ids=[f for f, *_ in IF_TRUE])
+
+
+def test_five_queries_send_true_arguments() -> None:
+    assert [function for function, _key, _native in IF_TRUE] == [
+        "switch_acl_ingress_counter",
+        "switch_acl_egress_counter",
+        "switch_acl_prelookup_counter",
+        "list_switch_trunk_state",
+        "list_switch_mclag_list",
+    ]
 
 
 @pytest.mark.parametrize(
@@ -53,54 +61,93 @@ def test_stp_instance_truth_is_not_tested(simulator: Simulator, module: ModuleTy
 
 
 @by_truth
-@pytest.mark.parametrize("value", [None, 0, "", False, [], {}, 0.0], ids=repr)
+@pytest.mark.parametrize("value", [0, "", None, False, 0.0, [], {}, ()], ids=repr)
 def test_false_argument_sends_empty_request(
-    simulator: Simulator, module: ModuleType, function: str, key: str, value: object
+    simulator: Simulator, module: ModuleType, function: str, key: str, native: str, value: object
 ) -> None:
     getattr(module, function)(value)
-    assert requested(simulator) == {}
+    assert sent_request(simulator) == {}
+    assert without_releases(simulator) == ([(native, {})] if native else [])
     getattr(module, function)(**{key: value})
-    assert requested(simulator) == {}
+    assert sent_request(simulator) == {}
 
 
 @by_truth
-@pytest.mark.parametrize("value", ["t1", 7, True, [0], {"a": 1}], ids=repr)
+@pytest.mark.parametrize("value", [7, -1, "0", "t1", True, 1.5, [0], {"a": 1}], ids=repr)
 def test_true_argument_is_sent_under_its_key(
-    simulator: Simulator, module: ModuleType, function: str, key: str, value: object
+    simulator: Simulator, module: ModuleType, function: str, key: str, native: str, value: object
 ) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     getattr(module, function)(value)
+    assert without_releases(simulator) == ([(native, {key: value})] if native else [])
     getattr(module, function)(**{key: value})
     requests = [args[0] for (args,) in made.positional if args]
     assert [list(request) for request in requests] == [[key], [key]]
     assert all(request[key] is value for request in requests)
-    assert requested(simulator) == {key: value}
+    assert with_types(sent_request(simulator)) == with_types({key: value})
 
 
 @by_truth
 @pytest.mark.parametrize("truth", [True, False])
-def test_argument_truth_is_tested_once(
-    simulator: Simulator, module: ModuleType, function: str, key: str, truth: bool
+def test_argument_truth_is_tested_once_before_request(
+    simulator: Simulator, module: ModuleType, function: str, key: str, native: str, truth: bool
 ) -> None:
     value = CountingInt(9)
     value.truth = truth
+    bool_calls: list[int] = []
+    simulator.on_create = lambda args: bool_calls.append(value.bool_calls)
     getattr(module, function)(value)
-    assert value.bool_calls == 1
-    assert requested(simulator) == ({key: 9} if truth else {})
+    assert (bool_calls, value.bool_calls) == ([1, 1], 1)
+    assert sent_request(simulator) == ({key: 9} if truth else {})
 
 
 @by_truth
 def test_argument_truth_error_is_at_request_line(
-    simulator: Simulator, module: ModuleType, function: str, key: str
+    simulator: Simulator, module: ModuleType, function: str, key: str, native: str
 ) -> None:
     value = CountingInt(9)
     value.truth = error = LookupError("no truth")
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     assert raises_exactly(LookupError, getattr(module, function), value) is error
-    assert line(error, function) == FIRST_LINES[function] + 1
+    assert line(error, function) == NAMED[function].first_line[0] + 1
     assert made.calls == []
+    assert simulator.call_log == []
+
+
+@by_truth
+def test_unserializable_argument_raises_sibling_error(
+    simulator: Simulator, module: ModuleType, function: str, key: str, native: str
+) -> None:
+    error = raises_exactly(TypeError, getattr(module, function), object())
+    assert line(error, function) == NAMED[function].first_line[0] + 1
+    assert simulator.call_log == []
+
+
+@by_truth
+@pytest.mark.parametrize(
+    "positional, keywords, text",
+    [
+        ((1, 2), {}, "{}() takes at most 1 positional argument (2 given)"),
+        ((), {"foo": 1}, "{}() got an unexpected keyword argument 'foo'"),
+        ((1,), {"{key}": 2}, "{}() got multiple values for keyword argument '{key}'"),
+    ],
+)
+def test_argument_error_is_at_first_line(
+    simulator: Simulator,
+    module: ModuleType,
+    function: str,
+    key: str,
+    native: str,
+    positional: Any,
+    keywords: Any,
+    text: str,
+) -> None:
+    keywords = {name.format(key=key): value for name, value in keywords.items()}
+    error = raises_exactly(TypeError, getattr(module, function), *positional, **keywords)
+    assert str(error) == text.format(function, key=key)
+    found = entry(error, function)
+    assert found.line == found.first_line == NAMED[function].first_line[0]
+    assert simulator.call_log == []
 
 
 @pytest.mark.parametrize(
@@ -141,26 +188,20 @@ def test_port_name_none_sends_empty_request(
         assert request["port_name"] is port
 
 
-@typed
+@pytest.mark.parametrize("function", TYPED)
 @pytest.mark.parametrize(
     "port",
     [5, b"port1", StrSubclass("port1"), ["port1"], True],
     ids=lambda port: type(port).__name__,
 )
 def test_non_str_port_name_raises_before_request(
-    simulator: Simulator,
-    module: ModuleType,
-    function: str,
-    native: str,
-    empty: dict[str, str],
-    port: object,
+    simulator: Simulator, module: ModuleType, function: str, port: object
 ) -> None:
-    made = Recorder()
-    simulator.on_create = made
+    made = simulator.on_create = Recorder()
     error = raises_exactly(TypeError, getattr(module, function), port)
     assert str(error) == wrong_type_message("port_name", "str", port)
     found = entry(error, function)
-    assert found.line == found.first_line == FIRST_LINES[function]
+    assert found.line == found.first_line == NAMED[function].first_line[0]
     assert made.calls == []
     assert simulator.call_log == []
 
@@ -168,28 +209,6 @@ def test_non_str_port_name_raises_before_request(
 def test_int_port_name_raises_exact_message(module: ModuleType) -> None:
     error = raises_exactly(TypeError, module.list_switch_port_statistics, 5)
     assert str(error) == "Argument 'port_name' has incorrect type (expected str, got int)"
-
-
-@by_truth
-def test_argument_error_is_at_first_line(module: ModuleType, function: str, key: str) -> None:
-    error = raises_exactly(TypeError, getattr(module, function), 1, 2)
-    assert str(error) == f"{function}() takes at most 1 positional argument (2 given)"
-    assert line(error, function) == FIRST_LINES[function]
-
-
-@pytest.mark.parametrize("blank", [None, RawJSON('{"x": 1}')], ids=["null", "object"])
-def test_mclag_queries_return_untouched_response(
-    simulator: Simulator, module: ModuleType, blank: RawJSON | None
-) -> None:
-    simulator.default_response = blank
-    expected = None if blank is None else {"x": 1}
-    results = [
-        module.list_switch_mclag_list(),
-        module.list_switch_mclag_list("x"),
-        module.switch_mclag_icl(),
-    ]
-    assert results == [expected] * 3
-    assert without_releases(simulator) == []
 
 
 def test_module_summary_calls_plural_service_name(simulator: Simulator, module: ModuleType) -> None:
