@@ -45,10 +45,7 @@ EXCLUSIONS = [
         f"{MODULE}parsers/bfd_neighbor.cpp", "put_into(session_, parse_key(", TEMPORARY, branches=1
     ),
     Exclusion(
-        f"{MODULE}parsers/routing_table.cpp",
-        "put(route, id::ip, strings.",
-        TEMPORARY,
-        branches=1,
+        f"{MODULE}parsers/routing_table.cpp", "put(route, id::ip, strings.", TEMPORARY, branches=1
     ),
     Exclusion(
         f"{MODULE}modules_util.cpp", "set_constant(state.imports.range, ", TEMPORARY, branches=1
@@ -74,21 +71,11 @@ EXCLUSIONS = [
     Exclusion(
         f"{MODULE}text/utf8_text.cpp",
         "PyUnicode_DATA(copy.get())",
-        "a new string of wide characters has the compact layout",
+        "a new string of wider characters is compact and not ASCII",
         branches=2,
     ),
-    Exclusion(
-        f"{MODULE}text/utf8_text.cpp",
-        "PyUnicode_DATA(text)",
-        NOT_ASCII,
-        branches=1,
-    ),
-    Exclusion(
-        f"{MODULE}text/string_cache.cpp",
-        "PyUnicode_DATA(string)",
-        COMPACT,
-        branches=1,
-    ),
+    Exclusion(f"{MODULE}text/utf8_text.cpp", "PyUnicode_DATA(text)", NOT_ASCII, branches=1),
+    Exclusion(f"{MODULE}text/string_cache.cpp", "PyUnicode_DATA(string)", COMPACT, branches=1),
     Exclusion(f"{MODULE}json_bridge.cpp", "switch (when) {", ALL_ENUMERATORS, branches=1),
     Exclusion(f"{MODULE}json_bridge.cpp", "Py_UNREACHABLE();", ALL_ENUMERATORS, line=True),
 ]

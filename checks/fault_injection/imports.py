@@ -169,11 +169,6 @@ BLOCK_NAME = (
 )
 # Statements that replace util.errors with a module that lacks the imported name.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
-UNCOMPARABLE_SUBMODULE = """m.__name__ = 'm'
-class UncomparableStr(str):
-    __hash__ = str.__hash__
-    __eq__ = raiser(OSError())
-sys.modules[UncomparableStr('m.CFunctionError')] = None"""
 INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
 BREAK_SUBMODULE = """m.__name__ = 'm'
 class Uncomparable(str):

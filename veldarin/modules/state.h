@@ -51,6 +51,6 @@ struct State {
     Imports imports;
 };
 
-extern State state;
+inline State state;
 
 }  // namespace modules_util
