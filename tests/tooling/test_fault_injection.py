@@ -98,7 +98,9 @@ def test_crash_report_has_place_and_current_call() -> None:
         parse_crash("died of SIGSEGV", "before\n" + DIED.format(module=isolated.MODULE_PATH.name))
     )
     assert output.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
-    assert "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in output
+    assert (
+        "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in output
+    )
 
 
 def test_crash_in_module_is_reported_as_such() -> None:
