@@ -176,10 +176,10 @@ def test_examples_give_documented_results(example_simulator: Simulator, function
     for result in called.results:
         assert_is(function.result, result)
 
-    called = {call.service for call in simulator.call_log} - {"JSONObject.release"}
+    services = {call.service for call in simulator.call_log} - {"JSONObject.release"}
     named = set(re.findall(r"`(\w+)`", docstrings()[function.name]))
-    assert called <= named
-    assert bool(called) != (
+    assert services <= named
+    assert bool(services) != (
         "Calls no native service." in docstrings()[function.name] or function.name == "get_token"
     )
 

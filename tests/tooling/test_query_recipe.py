@@ -26,15 +26,17 @@ from veldarin_simulator.stub import functions
 
 with Simulator() as simulator:
     module = simulator.module
-    outcome = {"one": module.list_switch_poe_state("port1"), "all": module.list_switch_poe_state(None)}
+    query = module.list_switch_poe_state
+    outcome = {"one": query("port1"), "all": query(None)}
     outcome["request"] = simulator.call_log[0].request
     try:
-        module.list_switch_poe_state(5)
+        query(5)
     except TypeError as error:
         outcome["error"] = [str(error), error.__traceback__.tb_next.tb_lineno]
     outcome["bound"] = [name for name in vars(module) if name.startswith("list_switch_poe")]
 forms = [one for part in function_index(functions()) for one in part["functions"]]
-outcome["form"] = next(one for one in forms if one["name"] == "list_switch_poe_state")["example_call"]
+(form,) = [one for one in forms if one["name"] == "list_switch_poe_state"]
+outcome["form"] = form["example_call"]
 print(json.dumps(outcome))
 """
 
