@@ -144,7 +144,7 @@ mips-check: bootstrap-browser  ## Build and test for that processor within eight
 mips-fault-injection: mips build/mips-fault-injection/build.ninja  ## Fail every allocation on that processor once
 	$(call build,mips-fault-injection)
 	@. cross/mips/config.sh && MODULES_UTIL_BUILD=build/mips-fault-injection \
-		"$$mips_python" -m checks.fault_injection $(or $(ARGS),--single)
+		"$$mips_python" -m checks.fault_injection $(or $(ARGS),--one-shot)
 
 .PHONY: dist
 dist: mips  ## Pack what ships into an archive in build/dist
