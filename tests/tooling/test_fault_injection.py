@@ -1,5 +1,5 @@
-"""The sweep of failing memory and the count of what runs, themselves: what they look at is all
-there is, and what is wrong is seen. `make fault-injection` runs the sweep, `make coverage` the coverage report."""
+"""The fault-injection sweep and the coverage report themselves: they cover every call site and
+line, and report what is wrong."""
 
 from __future__ import annotations
 
