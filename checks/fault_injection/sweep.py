@@ -1,4 +1,4 @@
-"""Sweeps a case: fails each allocation, and forces each listed failure, in a child process each."""
+"""Sweeps a case: a child process for each failing allocation and for each forced failure."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ WITHOUT_ALLOCATIONS = {
     "check_cert_expiration-(b'/certificate',)",
     "check_cert_expiration-expired",
 }
-MAX_CRASHES = 5  # from one first point on; the sweep from that point then ends
+MAX_CRASHES = 5  # after which the sweep of a failure mode and allocator ends
 
 
 class Subject(Protocol):

@@ -736,7 +736,7 @@ def test_file_without_method_raises_attribute_error(
     module: ModuleType, steps: Steps, patch: Patch, mode: str, method: str, body_begins: int
 ) -> None:
     """The interpreter evaluates `file.write` before the argument of the call."""
-    if mode == "w":  # a C function, which must not be called with an exception set
+    if mode == "w":  # as a C function it must not be called with an exception set
         patch("urandom", os.urandom)
     steps.replies[f"{mode}: entered"] = FileWithoutMethods
     error = raises_exactly(AttributeError, module.get_token)

@@ -593,8 +593,9 @@ CASES = [
     *BFD_CASES,
     *(case for case in WIDE_CASES if case.error is None and not case.patched),
 ]
-# Not for fault injection: when allocations fail, wide strings behave like the others, and the
-# doubles that raise in C cannot be called. The last case changes the module.
+# Not for fault injection: when allocations fail, wide strings behave like the others; fault
+# injection cannot call the doubles of the two KeyError cases, which raise from C; and the last case
+# changes the module.
 REPEATED_ONLY = [
     *(case for case in WIDE_CASES if case.error is not None or case.patched),
     bfd_list("KeyError without arguments", **with_sessions(MissingKeyWithoutArgs())),

@@ -215,8 +215,8 @@ private:
     Ref name_;  // null before the first header
 };
 
-// Returns how many lines to skip: two. Output without "objname" is parsed as if it began with "\n";
-// for a str the parser skips one line fewer instead of copying it.
+// The parser skips two lines, and treats output without "objname" as if it began with "\n". It does
+// not copy a str to prepend that, but skips one line fewer.
 int skipped_lines(PyObject *text, bool has_objname) {
     return has_objname || !PyUnicode_Check(text) ? 2 : 1;
 }
