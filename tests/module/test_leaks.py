@@ -192,7 +192,7 @@ def test_leak_check_without_leak_reports_nothing(simulator: Simulator, module: M
     )
 
 
-# The import: one that fails is forgotten and can be tried again, so it can be repeated.
+# The import: the interpreter discards a failed one, so that a test can repeat it.
 
 
 def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[object]]:
