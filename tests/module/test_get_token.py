@@ -843,7 +843,7 @@ def test_native_path_is_read_before_class_lookup() -> None:
         def path(name: str) -> Any:
             def construct(given: str) -> Any:
                 events.append(f"{name}({given!r})")
-                raise OSError("far enough")
+                raise OSError("end of the call")
 
             return construct
 

@@ -146,7 +146,7 @@ def test_cases_cover_success_and_failure_of_functions() -> None:
 # Self-test: the leak check detects each kind of leak.
 
 
-# Under a sanitizer the interpreter's own allocator is put aside, and its blocks are not counted.
+# Under a sanitizer the interpreter's own allocator is not in use, and its blocks are not counted.
 BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
 
 
