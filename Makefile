@@ -113,7 +113,7 @@ soak: bootstrap-bench build  ## Call every function a million times from four th
 lab: bootstrap-test bootstrap-lab build  ## Test the parsers on a network of real routing daemons, as root
 	@$(RUN) -m lab $(ARGS)
 
-# What counts instructions for the tests.
+# The tools that count instructions for the tests.
 .PHONY: callgrind
 callgrind: bootstrap-callgrind build
 	$(call build,$(PRESET),callgrind_tools)

@@ -4,8 +4,8 @@ Instructions depend on the interpreter's build, the compiler and the C library, 
 absolute counts per toolchain. On an unknown toolchain the ratio to the lower bound, counted in the
 same run, is compared instead, with a larger tolerance. Allocations do not depend on the toolchain.
 
-A call on a hostile text of 16 times the size may take 17 times the instructions: every scan is
-linear. That needs no baseline.
+Every scan must be linear: a call on a hostile text (`benchmarks/hostile.py`) of 16 times the size
+may take at most 17 times the instructions. This check needs no baseline.
 
 `make bench-baseline` updates the counts of this toolchain and keeps those of the others.
 """
@@ -28,7 +28,7 @@ from veldarin_simulator import native_library
 
 BASELINE = Path(__file__).with_name("baseline.json")
 TOLERANCE = 0.03
-# The alignment of a short text changes the instructions of `strlen`.
+# Instructions. The alignment of a short text changes those of `strlen` by up to this many.
 _SLACK = 16
 # For ratios on a toolchain without absolute counts.
 UNKNOWN_TOOLCHAIN_TOLERANCE = 0.10
@@ -36,7 +36,7 @@ UNKNOWN_TOOLCHAIN_TOLERANCE = 0.10
 MAX_GROWTH = hostile.FACTOR + 1
 
 # A query spends nearly all instructions in json-c and ujson, which vary with the C library's
-# allocator. So only the null reply is compared, by the instructions above the lower bound.
+# allocator. So only the null reply counts here, by the instructions above the lower bound.
 _QUERY = BRIDGES[0]
 COMPARED = [each for each in COUNTED if each not in (*BRIDGES[1:], *NO_PARSE_BRIDGES)]
 

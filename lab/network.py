@@ -1,10 +1,10 @@
 """Builds the lab's network: each node is a set of anonymous namespaces.
 
 A node has its own network, mount and process namespace, held by one init process that waits for the
-end of its standard input, a pipe from this process. However this process ends, the pipe closes, the
-init process exits, and the kernel ends every process of the node and removes its links, routes and
-mounts. No cleanup is needed and nothing is visible outside: links are created inside, and
-configuration, sockets and logs are on tmpfs.
+end of its standard input, a pipe from this process. No matter how this process ends, the pipe
+closes, the init process exits, and the kernel ends every process of the node and removes its links,
+routes and mounts. No cleanup is needed and nothing is visible outside: links are created inside,
+and configuration, sockets and logs are on tmpfs.
 """
 
 from __future__ import annotations
@@ -40,10 +40,10 @@ _TOOLS = {
 }
 # The sanitizers' runtime is for the module, not for the daemons and the system's tools.
 ENV_WITHOUT_SANITIZER = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}
-# A process namespace starts with a child process.
+# --fork, because only a child process of unshare enters the new process namespace.
 _UNSHARE = ("unshare", "--net", "--mount", "--pid", "--fork", "--mount-proc")
 
-# /sys shows the network namespace that mounted it.
+# Mounts /sys again because it shows the network namespace that mounted it.
 NODE_INIT = """
 mount -t sysfs none /sys
 for folder in /run /etc/frr /var/log/frr /var/tmp; do
@@ -81,7 +81,7 @@ def wait_until(find_problem: Callable[[], str | None], timeout: float = TIMEOUT)
     """Wait until `find_problem()` returns None.
 
     Raises:
-        LabError: The time is over; the message has the last problem.
+        LabError: The timeout has expired; the message has the last problem.
     """
     deadline = time.monotonic() + timeout
     while problem := find_problem():
@@ -91,7 +91,7 @@ def wait_until(find_problem: Callable[[], str | None], timeout: float = TIMEOUT)
 
 
 class Node:
-    """A node, to run tools and the module in; `peers` are all nodes by name."""
+    """A node, in which tools and the module run; `peers` has all nodes by name."""
 
     def __init__(self, name: str, peers: dict[str, Node]) -> None:
         self.name = name
@@ -159,7 +159,7 @@ class Node:
         self.run("ip", "-batch", "-", stdin="".join(f"{line}\n" for line in lines))
 
     def set_sysctls(self, settings: dict[str, int], port: str = "") -> None:
-        """Set kernel parameters in the node, those of a port if their names have a `{}`."""
+        """Set kernel parameters in the node; `port` replaces a `{}` in their names."""
         lines = [f"echo {value} > /proc/sys/{key.format(port)}" for key, value in settings.items()]
         self.run("sh", "-e", stdin="\n".join(lines))
 
@@ -202,13 +202,14 @@ class Network:
         self.nodes[link[0].node].ip(f"link set {link[0].name} down")
 
     def link_up(self, link: Link) -> None:
-        """Take the first end up."""
+        """Bring the first end up."""
         self.nodes[link[0].node].ip(f"link set {link[0].name} up")
 
     def add_neighbors(self) -> None:
         """Add the neighbor entries of the topology.
 
-        Only after the network has converged: some lookups are made to last, the real ones as well.
+        Call it only after the network has converged: the settings that keep an incomplete entry
+        also delay the real lookups on its port.
         """
         for row in topology.NEIGHBORS:
             node = self.nodes[row.node]
@@ -237,7 +238,7 @@ class Network:
 
     def _connect(self, one: Port, other: Port) -> None:
         near, far = self.nodes[one.node], self.nodes[other.node]
-        # Without entering the process namespace, in which the peer's process has another number.
+        # Does not enter the process namespace, where `far.pid` would name another process.
         enter = ["nsenter", "-t", str(near.pid), "-n"]
         peer = ["peer", "name", other.name, "netns", str(far.pid)]
         add = ["ip", "link", "add", one.name, "type", "veth", *peer]

@@ -203,7 +203,7 @@ SYSCTLS = {
 # For every port: neighbors keep their state during the comparisons. The kernel sets the age of
 # added entries to twice this time, ten minutes.
 PORT_SYSCTLS = {"net/ipv4/neigh/{}/base_reachable_time_ms": 300_000}
-# For a port with a persistent look-up.
+# For a port with a neighbor entry that stays incomplete.
 INCOMPLETE_SYSCTLS = {"net/ipv4/neigh/{}/retrans_time_ms": 60_000}
 
 

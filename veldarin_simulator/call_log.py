@@ -1,4 +1,4 @@
-"""What the native library observed: calls, live objects and probes of the interpreter lock."""
+"""Observations of the native library: calls, live objects and probes of the interpreter lock."""
 
 from __future__ import annotations
 
@@ -26,7 +26,7 @@ class NativeCall:
 
 
 class GILProbes(NamedTuple):
-    """What native calls saw of the interpreter lock."""
+    """The results of probing the interpreter lock in native calls."""
 
     calls: int  # calls that waited
     released: int  # calls during which another Python thread ran

@@ -22,7 +22,7 @@ ROOT = Path(__file__).resolve().parent.parent
 SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
 
 
-# What a service returns: `enum simulator_form`.
+# The form of a service's result: `enum simulator_form`.
 ReplyForm = IntEnum("ReplyForm", "JSON TEXT WRAPPED IN_PLACE COUNT STATUS", start=0)
 # `enum simulator_reply_kind`.
 ReplyKind = IntEnum("ReplyKind", "NULL TEXT VERBATIM NUMBER", start=0)
@@ -182,7 +182,7 @@ class NativeLibrary:
         return int(self._library.simulator_oversized_replies())
 
     def set_default_response(self, reply: EncodedReply) -> None:
-        """Set what `JSONObject()` holds."""
+        """Set the value of `JSONObject()`."""
         _check("default response", self._library.simulator_set_default_response(reply))
 
     def call_log(self) -> list[NativeCall]:
@@ -212,12 +212,12 @@ class NativeLibrary:
         self._library.simulator_record_serializer(record)
 
     def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int) -> None:
-        """Make native calls wait until the counter changes, for this time at most."""
+        """Make native calls wait until the counter changes, for at most this time."""
         self._library.simulator_probe_gil(counter, milliseconds)
         self._counter = counter
 
     def gil_probes(self) -> GILProbes:
-        """Return what the native calls saw while they waited."""
+        """Return the counts of the native calls that waited."""
         calls, released = ctypes.c_ulong(), ctypes.c_ulong()
         self._library.simulator_gil_probes(ctypes.byref(calls), ctypes.byref(released))
         return GILProbes(calls.value, released.value)

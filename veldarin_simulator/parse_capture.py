@@ -104,7 +104,7 @@ def line_origins(
             try:
                 others = _run(simulator, parser, changed)
             except Exception:
-                continue  # the parser needs the line, which brings no value by itself
+                continue  # the parser needs the line, which yields no value by itself
             if parser is PARSERS["bfd"] and len(others) == len(result):
                 others = dict(zip(result, others.values()))  # the same session, renamed
             now = dict(_values(others))

@@ -1,4 +1,4 @@
-"""Scenarios: recorded replies, as a value that is checked when it is made.
+"""Scenarios: recorded replies, as a value that is validated when it is created.
 
 scenarios/README.md documents the file names for users: `SERVICE.json` holds the reply of a service,
 `cli/COMMAND.txt` the output of a command.

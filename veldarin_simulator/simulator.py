@@ -25,15 +25,14 @@ if TYPE_CHECKING:
 
 MODULE = "veldarin.modules.modules_util"
 
-# Not native services, but `set_reply` accepts them: data of the sibling modules and the attributes
-# that set it.
+# Data of the sibling modules that `set_reply` accepts too: the attribute that it sets.
 _SERIAL_NUMBER = "serial_number_ascii"
 _SIBLING_DATA = {
     _SERIAL_NUMBER: "serial_number",
     "get_preference_cookie_secret_path": "secret_path",
 }
 
-# What a service without reply returns.
+# The result of a service for which no reply is set.
 _NO_REPLY = {
     ReplyForm.JSON: None,
     ReplyForm.TEXT: None,
@@ -52,10 +51,10 @@ class Simulator:
     Use it in a `with` block, or call `close()`. It makes the staged modules importable.
 
     Args:
-        scenario: Recorded replies that come before this machine's.
-        live: Whether this machine's state and the default scenario follow. Without them and without
-            a scenario only scripted replies count.
-        track_buffers: Whether to count text buffers, which takes a wrapper around the interpreter's
+        scenario: Recorded replies that override this machine's.
+        live: Whether replies that the scenario lacks come from this machine's state, or else from
+            the default scenario. If false, they come from `set_reply` alone.
+        track_buffers: Whether to count text buffers, which needs a wrapper around the interpreter's
             allocator.
 
     Raises:
@@ -140,16 +139,24 @@ class Simulator:
         Args:
             service: The name of a service; or "serial_number_ascii" or
                 "get_preference_cookie_secret_path", which set `serial_number` or `secret_path`.
-            reply: For a `build_...` service a JSON value, `RawJSON`, or None for a null pointer.
-                For the command line a text (`str` as UTF-8, or `bytes`) or None. For cookie values
-                a text; an unwrapped one is not longer than the wrapped one, None leaves it as it
-                is. For the others an `int`. Or a callable that returns one; it takes the request as
-                a Python value, the text as `bytes`, or nothing (for a cookie identifier). Or a
-                `Reply`, which has a source. `raise_errors` raises the exception of a callable;
-                the service then returns null, 0 or "", and leaves a cookie value as it is.
+            reply: A value for the service, a `Reply` (a value with its source), or a callable that
+                returns either. The value depends on the service:
+
+                - `build_...`: a JSON value, `RawJSON`, or None for a null pointer.
+                - `get_cli_cmd_output`: text (`str`, encoded as UTF-8, or `bytes`), or None for a
+                  null pointer.
+                - `cookieval_wrap`: text.
+                - `cookieval_unwrap`: text that is not longer than the wrapped text, or None to
+                  leave the cookie value unchanged.
+                - Any other: an `int`.
+
+                The argument of a callable is the request as a Python value or the text as `bytes`;
+                `aps_get_new_cookie_id` passes none. If the callable raises, the service returns
+                null, 0 or "" and leaves a cookie value unchanged; `raise_errors` then raises the
+                exception.
 
         Raises:
-            TypeError, ValueError: There is no such service, or it cannot return that.
+            TypeError, ValueError: There is no such service, or it cannot return the value.
         """
         reply = reply if isinstance(reply, Reply) else Reply(reply)
         value, source = reply.reply, reply.source
@@ -165,9 +172,9 @@ class Simulator:
     def set_fixed_reply(self, service: str, reply: object) -> None:
         """Register a reply in the native library, so that calls do not enter Python.
 
-        The call log omits calls that return it, and all releases of JSONObjects while any service
-        has one. `set_reply` removes it. `raise_errors` raises an error if it does not fit into the
-        buffer of `cookieval_unwrap`.
+        The call log omits calls that return a fixed reply and, while any service has one, all
+        releases of JSONObjects. `set_reply` removes the service's fixed reply. `raise_errors`
+        raises an error if the reply did not fit into the buffer of `cookieval_unwrap`.
 
         Args:
             service: The name of a service.
@@ -181,7 +188,7 @@ class Simulator:
         self._sources[service] = "scripted"
 
     def reset_reply(self, service: str) -> None:
-        """Undo `set_reply` and `set_fixed_reply`: the provided reply counts again.
+        """Undo `set_reply` and `set_fixed_reply`: the provided reply applies again.
 
         Raises:
             ValueError: There is no such service.
@@ -222,7 +229,7 @@ class Simulator:
         return self._library.fixed_reply_calls(service)
 
     def source(self, service: str) -> Source:
-        """Return the source of the service's last reply; before the first call, of the next."""
+        """Return the source of the service's last reply or, before its first call, of its next."""
         if service in self._sources:
             return self._sources[service]
         if service not in _SIBLING_DATA:
@@ -230,7 +237,7 @@ class Simulator:
         return self._replies[service][1] if service in self._replies else "none"
 
     def raise_errors(self) -> None:
-        """Raise the errors of replies since the last call of this method, if there are any."""
+        """Raise the errors that replies caused since the last call of this method, if any."""
         errors, self._errors = self._errors, []
         oversized = self._library.oversized_replies()
         if not errors and oversized:
@@ -263,8 +270,8 @@ class Simulator:
     def probe_gil(self, counter: ctypes.c_ulong | None, milliseconds: int = 20) -> None:
         """Make the native services check whether their caller holds the interpreter lock.
 
-        Each service, and `json_object_to_json_string`, waits in C until the counter changes, for
-        this time at most; `gil_probes` counts the changes. Use fixed replies: a reply from Python
+        Each service, and `json_object_to_json_string`, waits in C until the counter changes, for at
+        most `milliseconds`; `gil_probes` counts the changes. Use fixed replies: a reply from Python
         may itself let another thread run, though only after the wait.
 
         Args:
@@ -275,7 +282,7 @@ class Simulator:
 
     @property
     def gil_probes(self) -> GILProbes:
-        """What the native services saw since `probe_gil` was called."""
+        """The observations of the native services since the call of `probe_gil`."""
         return self._library.gil_probes()
 
     @property
@@ -305,7 +312,7 @@ class Simulator:
 
     @property
     def serial_number(self) -> Any:
-        """What `serial_number_ascii()` returns."""
+        """The result of `serial_number_ascii()`."""
         return _device_data().serial_number
 
     @serial_number.setter
@@ -315,7 +322,7 @@ class Simulator:
 
     @property
     def default_response(self) -> RawJSON | None:
-        """What a JSONObject created without argument holds; None is the null object."""
+        """The value of a JSONObject created without arguments; None is the null object."""
         return self._default_response
 
     @default_response.setter
@@ -366,25 +373,25 @@ class Simulator:
             raise ValueError(f"there is no native service {service}{hint}")
         return self._library.forms[service]
 
-    def _reply_to_call(self, service: str, given: bytes | None) -> None:
+    def _reply_to_call(self, service: str, argument: bytes | None) -> None:
         # The native caller cannot handle an exception.
         try:
-            reply, source = self._encoded_reply(service, given)
+            reply, source = self._encoded_reply(service, argument)
             self._library.set_reply(service, reply)
             self._sources[service] = source
         except BaseException as error:
             self._errors.append(error)
 
-    def _encoded_reply(self, service: str, given: bytes | None) -> tuple[EncodedReply, Source]:
+    def _encoded_reply(self, service: str, argument: bytes | None) -> tuple[EncodedReply, Source]:
         form = self._library.forms[service]
         if service not in self._replies:
             return encode_reply(form, _NO_REPLY[form], "none"), "none"
         reply, source = self._replies[service]
         if isinstance(reply, EncodedReply):
             return reply, source
-        arguments: list[object] = [] if given is None else [given]
-        if given is not None and form is ReplyForm.JSON:
-            arguments = [json.loads(given)]
+        arguments: list[object] = [] if argument is None else [argument]
+        if argument is not None and form is ReplyForm.JSON:
+            arguments = [json.loads(argument)]
         result = reply(*arguments)
         value = result if isinstance(result, Reply) else Reply(result, source)
         return encode_reply(form, value.reply, value.source), value.source

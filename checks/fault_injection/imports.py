@@ -225,8 +225,8 @@ CASES = [
     *(ImportCase(row.name, early_call=row) for row in FUNCTIONS),
     ImportCase("a bound function after a failure", early_call=FUNCTIONS[0], prepare=fail_at_end),
     ImportCase("as the main module", prepare=lambda module: sys.modules.update(__main__=module)),
-    ImportCase("look-up of the main module fails", prepare=break_lookup("__main__")),
-    ImportCase("look-up of the module fails", prepare=break_lookup(MODULE)),
+    ImportCase("lookup of the main module fails", prepare=break_lookup("__main__")),
+    ImportCase("lookup of the module fails", prepare=break_lookup(MODULE)),
     ImportCase("second module object", prepare=execute_other),
     ImportCase("another Python release", (WARNINGS_RAISE,), path=WRONG_PYTHON_MODULE),
     *(
@@ -251,7 +251,7 @@ CASES = [
             ),
             ("sibling without a name", LACKING + "del m.__name__"),
             ("sibling whose name is not a str", LACKING + "m.__name__ = 5"),
-            ("look-up of the submodule fails", LACKING + BREAK_SUBMODULE),
+            ("lookup of the submodule fails", LACKING + BREAK_SUBMODULE),
             *(
                 (f"{name} cannot be bound", BLOCK_NAME.replace("NAME", name))
                 for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")

@@ -74,7 +74,7 @@ LEGACY = "legacy string"
 CASES = [
     *(
         ProcessCase(
-            CallCase("get_cookie_name", (1,), Failure, f"look-up of {name} fails"),
+            CallCase("get_cookie_name", (1,), Failure, f"lookup of {name} fails"),
             break_lookup(name),
         )
         for name in ("text_", "serial_number_ascii")

@@ -1,4 +1,4 @@
-"""The sweep of a case: a child process for each allocation to fail and each forced failure."""
+"""Sweeps a case: a child process for each failing allocation and for each forced failure."""
 
 from __future__ import annotations
 
@@ -25,7 +25,7 @@ WITHOUT_ALLOCATIONS = {
     "check_cert_expiration-(b'/certificate',)",
     "check_cert_expiration-expired",
 }
-MAX_CRASHES = 5  # in a row, after which the sweep of a failure mode ends
+MAX_CRASHES = 5  # after which the sweep of a failure mode and allocator ends
 
 
 class Subject(Protocol):
@@ -58,7 +58,8 @@ def sweep(
 ) -> CaseResult:
     """Sweep all injection points of a case, or only the one-shot failures.
 
-    The process must not be used for another case.
+    The process must not be used for another case. With `run_atexit` the children end through C's
+    `exit`, so that a coverage build writes counts.
     """
     result = CaseResult(str(case), case.function)
     with tempfile.TemporaryFile() as stderr, ExitStack() as stack:
@@ -88,7 +89,7 @@ def sweep(
 def _sweep_from(
     subject: Subject, point: InjectionPoint, forks: ForkRunner, result: CaseResult
 ) -> None:
-    """Sweep from a point on until no allocation is left to fail."""
+    """Sweep from a point on until the case has no later allocation to fail."""
     crashes = len(result.crashes)
     triggered = True
     while triggered and len(result.crashes) < crashes + MAX_CRASHES:

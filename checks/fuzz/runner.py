@@ -51,7 +51,7 @@ class Target:
         self.grown = BUILD / "corpus" / self.name  # kept from run to run
         self.artifacts = BUILD / "artifacts" / self.name
         self.corpus = HERE / "corpus" / self.name  # of the tests
-        self.crashes = HERE / "crashes" / self.name  # likewise
+        self.crashes = HERE / "crashes" / self.name  # of the tests
         self.seeds = BUILD / "seeds" / self.name
 
     @property

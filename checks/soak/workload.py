@@ -1,6 +1,6 @@
 """The cases of tests/support/call_cases.py, called from many threads.
 
-The simulator's replies depend on the thread, so that cases run side by side. Globals of the module
+The simulator's replies depend on the thread, so that cases run concurrently. Globals of the module
 are shared: cases that patch the same globals form a group, and the groups run one after the other.
 """
 
@@ -54,7 +54,7 @@ class Workload:
         self._pool.shutdown()
 
     def run_round(self, repeats: int, number: int) -> int:
-        """Call every case so many times in every thread.
+        """Call every case `repeats` times in every thread.
 
         Returns:
             The number of calls.

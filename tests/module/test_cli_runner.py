@@ -488,7 +488,7 @@ def test_traceback_lines_increase_with_statements(
 
 
 class UnusedLogger:
-    """A logger that records the look-up of any of its attributes."""
+    """A logger that records the lookup of any of its attributes."""
 
     def __init__(self) -> None:
         self.looked_up: list[str] = []

@@ -123,7 +123,7 @@ def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Pa
 def test_socket_at_path_raises_os_error(
     module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    monkeypatch.chdir(secret_file.parent)  # a socket's path may have 107 characters
+    monkeypatch.chdir(secret_file.parent)  # a socket's path has at most 107 characters
     opened = Recorder(builtins.open)
     monkeypatch.setattr(module, "open", opened, raising=False)
     with socket.socket(socket.AF_UNIX) as server:
@@ -137,17 +137,17 @@ def test_socket_at_path_raises_os_error(
 
 def test_character_device_is_written_then_read(simulator: Simulator, module: ModuleType) -> None:
     """The device is not a regular file, so a secret is written and the result is read back."""
-    master, slave = os.openpty()
+    controller, terminal = os.openpty()
     try:
-        tty.setraw(slave)  # bytes pass unchanged both ways, and are not echoed
-        os.set_blocking(master, False)
-        os.write(master, b"  placed \nsecond line\n")
-        simulator.secret_path = Path(os.ttyname(slave))
+        tty.setraw(terminal)  # bytes pass unchanged both ways, and are not echoed
+        os.set_blocking(controller, False)
+        os.write(controller, b"  placed \nsecond line\n")
+        simulator.secret_path = Path(os.ttyname(terminal))
         assert module.get_token() == "placed"
-        written = os.read(master, 1000).decode()
+        written = os.read(controller, 1000).decode()
     finally:
-        os.close(master)
-        os.close(slave)
+        os.close(controller)
+        os.close(terminal)
     assert len(written) == 64
     assert set(written) <= HEX
 
@@ -242,7 +242,7 @@ def test_every_opened_file_is_closed(
 
 
 class Special:
-    """A special method that records its lookup on the type."""
+    """A special method that records that it is looked up on the type."""
 
     def __init__(self, name: str, method: Callable[..., object]) -> None:
         self.name = name
@@ -259,7 +259,7 @@ class Manager:
     def __init__(self, steps: Steps, label: str) -> None:
         self.steps = steps
         self.label = label
-        # A look-up on the instance would find these, and must not.
+        # A lookup must not find these: the interpreter looks special methods up on the type.
         self.__dict__["__enter__"] = self.__dict__["__exit__"] = raiser(AssertionError("instance"))
 
     def note(self, event: str, *details: object) -> None:
@@ -281,7 +281,7 @@ class Manager:
 
 
 class Steps:
-    """Record the steps of `get_token`; `replies` replaces the results of some."""
+    """Record the steps of `get_token`; `replies` replaces results, by their names."""
 
     def __init__(self) -> None:
         self.events: list[tuple[object, ...]] = []
@@ -308,7 +308,7 @@ class Steps:
         return self.replies[name]() if name in self.replies else result
 
     def step(self, event: str, name: str, result: object) -> Callable[..., object]:
-        """Return a function that records an event with its arguments."""
+        """Return a function that records an event and returns the result of this name."""
 
         def function(*args: object) -> object:
             self.note(event, *args)
@@ -452,7 +452,7 @@ def test_open_is_looked_up_for_each_with(module: ModuleType, steps: Steps, patch
     assert second.positional == [("/absolute", "r")]
 
 
-# A failing step ends the call, unchanged and at its own line
+# A failing step ends the call: its exception propagates unchanged, from the line of the step
 
 
 PATH_FAILURES = ["text", "path", "is a file"]
@@ -467,7 +467,8 @@ WRITE_FAILURES = [
     "w: exited",
 ]
 READ_FAILURES = ["open r", "r: entered", "line", "secret", "r: exited"]
-IN_A_BODY = {
+# The steps in the body of a `with` statement, and the mode of its file.
+WITH_BODY_STEPS = {
     "random": "w",
     "hexadecimal": "w",
     "decoded": "w",
@@ -486,9 +487,9 @@ def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps,
     found = entry(error, "get_token")
     assert found.first_line < found.line
     exits = [event for event in steps.events if str(event[0]).endswith(": exit")]
-    if step in IN_A_BODY:
+    if step in WITH_BODY_STEPS:
         name, kind, value, traceback = exits[-1]
-        assert name == f"{IN_A_BODY[step]}: exit"
+        assert name == f"{WITH_BODY_STEPS[step]}: exit"
         assert kind is Failure
         assert value is error
         assert isinstance(traceback, TracebackType)
@@ -515,7 +516,7 @@ def test_traceback_lines_increase_with_statements(module: ModuleType, steps: Ste
     steps.replies = {"line": raiser(Failure()), "r: exited": lambda: True}
     found.append(entry(raises_exactly(UnboundLocalError, module.get_token), "get_token"))
     assert is_increasing([found[0].first_line, *(each.line for each in found)])
-    assert found[-1].line < 94
+    assert found[-1].line < 94  # the first line of a later function
     assert len({each.first_line for each in found}) == 1
 
 
@@ -540,7 +541,7 @@ def test_statement_fails_at_one_line(
     assert len(lines) == 1
 
 
-# `with`, as the interpreter's own statement
+# `with` behaves like the interpreter's own statement
 
 
 @pytest.mark.parametrize("mode", ["w", "r"])
@@ -710,11 +711,11 @@ def test_special_method_lookup_error_propagates(
 
 def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:
     """A static method and a callable object are bound like any class attribute."""
-    line_ = io.StringIO("first\nsecond")
+    file = io.StringIO("first\nsecond")
     exits = Recorder()
 
     class Odd:
-        __enter__ = staticmethod(lambda: line_)
+        __enter__ = staticmethod(lambda: file)
         __exit__ = exits
 
     steps.replies["is a file"] = lambda: True
@@ -735,7 +736,7 @@ def test_file_without_method_raises_attribute_error(
     module: ModuleType, steps: Steps, patch: Patch, mode: str, method: str, body_begins: int
 ) -> None:
     """The interpreter evaluates `file.write` before the argument of the call."""
-    if mode == "w":  # a C function, which must not be called with an exception set
+    if mode == "w":  # as a C function it must not be called with an exception set
         patch("urandom", os.urandom)
     steps.replies[f"{mode}: entered"] = FileWithoutMethods
     error = raises_exactly(AttributeError, module.get_token)
@@ -842,7 +843,7 @@ def test_native_path_is_read_before_class_lookup() -> None:
         def path(name: str) -> Any:
             def construct(given: str) -> Any:
                 events.append(f"{name}({given!r})")
-                raise OSError("far enough")
+                raise OSError("end of the call")
 
             return construct
 
@@ -853,8 +854,8 @@ def test_native_path_is_read_before_class_lookup() -> None:
             return ctypes.addressof(text)
 
         sandbox = SiblingSandbox()
-        items: Any = sandbox._right["veldarin.modules.modules"]
-        items.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
+        sibling: Any = sandbox._right["veldarin.modules.modules"]
+        sibling.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
             _c_pointer(getter), b"char *(void)"
         )
         module: Any = importlib.import_module(MODULE)

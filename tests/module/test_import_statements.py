@@ -103,7 +103,7 @@ BROKEN = {
         "sys.modules['other.{name}'] = None",
     ],
     "submodule in sys.modules": ["m.__name__ = 'o'", "sys.modules['o.{name}'] = '{name} of o'"],
-    "failing look-up of the submodule": [
+    "failing lookup of the submodule": [
         "m.__name__ = 'o'",
         "class Key(str):",
         "    __hash__ = str.__hash__",

@@ -146,7 +146,7 @@ def test_cases_cover_success_and_failure_of_functions() -> None:
 # Self-test: the leak check detects each kind of leak.
 
 
-# Under a sanitizer the interpreter's own allocator is put aside, and its blocks are not counted.
+# Under a sanitizer the interpreter's own allocator is not in use, and its blocks are not counted.
 BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
 
 
@@ -192,7 +192,7 @@ def test_leak_check_without_leak_reports_nothing(simulator: Simulator, module: M
     )
 
 
-# The import: one that fails is forgotten and can be tried again, so it can be repeated.
+# The import: the interpreter discards a failed one, so that a test can repeat it.
 
 
 def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[object]]:

@@ -541,7 +541,7 @@ def test_execution_binds_new_functions() -> None:
     assert homes == [isolated.MODULE]
 
 
-# The module object, `sys.modules` and the re-initialisation guard
+# The module object, `sys.modules` and the re-initialization guard
 
 REFUSED = (
     "RuntimeError",

@@ -1,4 +1,4 @@
-"""The module's own table of white space, held against the interpreter's."""
+"""The module's own table of white space, compared with the interpreter's."""
 
 from __future__ import annotations
 

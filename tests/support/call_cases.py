@@ -44,8 +44,8 @@ from veldarin_simulator import RawJSON, Simulator
 class CallCase(NamedTuple):
     """A call, the exception that it raises, if any, and how the simulator is prepared.
 
-    The command line prints `cli`; every query gets `reply`. The globals in `patched` are bound to
-    these values, or deleted if the value is `DELETED`.
+    The command line prints `cli`; every query gets `reply`. `patched` has the new values of globals
+    of the module; the value `DELETED` deletes the global.
     """
 
     function: str
@@ -53,7 +53,7 @@ class CallCase(NamedTuple):
     error: type[BaseException] | None = None
     label: str = ""
     kwargs: Mapping[Any, Any] = MappingProxyType({})
-    cli: object = "nothing"
+    cli: object = "nothing"  # no table, no session
     reply: object = None
     patched: Mapping[str, Any] = MappingProxyType({})
     create: int | None = None  # which creation of a JSONObject fails, counted from 0
@@ -66,8 +66,6 @@ class CallCase(NamedTuple):
 
 DELETED = object()
 
-
-UNBOUND = UnboundLocalError
 ARGUMENT_CASES = [
     *(CallCase(row.name, (1,) * 7, TypeError, "too many arguments") for row in FUNCTIONS),
     *(
@@ -201,7 +199,9 @@ TOKEN_CASES = [
         "writing fails and is swallowed", None, open=failing_open("write", "w", swallows=True)
     ),
     token_case(
-        "reading fails and is swallowed", UNBOUND, open=failing_open("readline", "r", swallows=True)
+        "reading fails and is swallowed",
+        UnboundLocalError,
+        open=failing_open("readline", "r", swallows=True),
     ),
     token_case("truth of exit fails", Failure, open=lambda path, how: NoTruthValueFile("readline")),
     token_case("open gives no context manager", AttributeError, open=lambda path, how: None),
@@ -219,7 +219,7 @@ REPLIES: list[tuple[Any, type[Exception] | None]] = [
     ([{"interface": 5}], TypeError),
     ([{"interface": [5]}], TypeError),
     ([{"interface": [{}]}], KeyError),
-    ([{"interface": []}], UNBOUND),
+    ([{"interface": []}], UnboundLocalError),
     ([{"interface": [{"name": "a"}, {"name": "b"}]}], None),
     ([{"interface": {"a": 1}}], TypeError),
 ]
@@ -234,7 +234,7 @@ PARSED: list[tuple[str, Callable[[bytes], object]]] = [
 def query_calls(
     label: str, error: type[BaseException] | None = None, cases: Any = QUERY_CASES, **fields: Any
 ) -> list[CallCase]:
-    """Return a case for each query; its service returns the query's reply unless `fields` say."""
+    """Return a case for each query; `fields` may replace the query's own reply."""
     return [
         CallCase(
             case.function,
@@ -255,7 +255,7 @@ QUERY_CALL_CASES = [
     *query_calls("release 0 fails", Failure, release=0),
     *query_calls("release 1 fails", Failure, release=1),
     *query_calls("json deleted", NameError, patched={"json": DELETED}),
-    *query_calls("loads deleted", Failure, patched={"json": AlwaysRaises()}),
+    *query_calls("lookup of loads fails", Failure, patched={"json": AlwaysRaises()}),
     *query_calls("no JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
     *(
         CallCase(name, (AlwaysRaises(),), Failure, "truth fails")
@@ -273,15 +273,15 @@ QUERY_CALL_CASES = [
         "list_switch_trunk_state",
         (),
         kwargs={MishashedStr("trunk_name"): "a"},
-        label="unfound keyword",
+        label="keyword that the lookup misses",
     ),
     CallCase(
         "list_switch_trunk_state",
         (),
         kwargs={"trunk_name": "a", MishashedStr("trunk_name"): "b"},
-        label="keyword and its unfound equal",
+        label="keyword and an equal one that the lookup misses",
     ),
-    CallCase("list_switch_stp_state", (object(),), TypeError, "request of no JSON type"),
+    CallCase("list_switch_stp_state", (object(),), TypeError, "request that is not a JSON type"),
     CallCase("capture_sniffer_profile", (), kwargs={"event": "Pause", "profile_name": None}),
     *(
         CallCase("list_system_interface_physical", ("port1",), error, f"reply {reply}", reply=reply)
@@ -341,16 +341,18 @@ def runner_returning(text: object) -> dict[str, Any]:
 
 
 PARSERS = ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
-FAILING_SPLIT = SimpleNamespace(split=fail, replace=fail)
-NULL_SPLIT = SimpleNamespace(split=NullLogger, replace=NullLogger)
+# Output whose methods fail, and output whose methods return an object that is not text.
+FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)
+ODD_OUTPUT = SimpleNamespace(split=NullLogger, replace=NullLogger)
+# `get_bfd_neighbor` ends differently if the runner "gives" something; BFD_CASES has such cases.
 RUNNER_ERRORS: list[tuple[str, dict[str, Any], type[Exception]]] = [
     ("fails", {"get_cli_command_output": fail}, Failure),
     ("deleted", {"get_cli_command_output": DELETED}, NameError),
     ("gives a number", runner_returning(5), AttributeError),
     ("gives None", runner_returning(None), AttributeError),
     ("gives bad bytes", runner_returning(b"\xff"), UnicodeDecodeError),
-    ("gives what fails", runner_returning(FAILING_SPLIT), Failure),
-    ("returns an object that is not text", runner_returning(NULL_SPLIT), TypeError),
+    ("gives output whose methods fail", runner_returning(FAILING_OUTPUT), Failure),
+    ("returns an object that is not text", runner_returning(ODD_OUTPUT), TypeError),
 ]
 # Values of `CFunctionError` for a command without output.
 NULL_OUTPUT_ERRORS: list[tuple[str, type[BaseException], object]] = [
@@ -456,21 +458,22 @@ TWO_SESSIONS = ONE_SESSION + ONE_SESSION.replace("echo\n", "").replace("port1", 
 
 
 def with_sessions(sessions: Any) -> dict[str, Any]:
+    """Patch the query so that it returns `sessions`."""
     return {"get_bfd_neighbor": lambda *given: sessions, "_logger": NullLogger()}
 
 
 def with_details(sessions: Any) -> dict[str, Any]:
-    """Patch the query so that details differ from summaries."""
+    """Patch the query so that it returns SESSIONS as the summary and `sessions` as the details."""
     return {"get_bfd_neighbor": lambda cmd, *given: sessions if given else SESSIONS, **QUIET}
 
 
-def with_copy(known: Callable[[object], object]) -> dict[str, Any]:
-    """Patch the query, and `copy.deepcopy` with `known`."""
-    return {**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=known)}
+def with_copy(deepcopy: Callable[[object], object]) -> dict[str, Any]:
+    """Patch the query, and replace `copy.deepcopy`."""
+    return {**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=deepcopy)}
 
 
 def delete_query(sessions: object) -> object:
-    """Replace `copy.deepcopy`: delete the query from the module."""
+    """A replacement of `copy.deepcopy` that deletes the query from the module."""
     vars(sys.modules["veldarin.modules.modules_util"]).pop("get_bfd_neighbor", None)
     return sessions
 
@@ -522,27 +525,27 @@ BFD_CASES = [
     bfd("logger deleted", NameError, cli=TWO_SESSIONS, _logger=DELETED),
     bfd("no logger", AttributeError, cli=TWO_SESSIONS, _logger=None),
     bfd("session known", given={NAME: {"old": "1"}}),
-    bfd("sessions not given", Failure, BrokenMapping()),
-    bfd("sessions not taken", Failure, ReadOnlyMapping()),
+    bfd("reading sessions fails", Failure, BrokenMapping()),
+    bfd("storing a session fails", Failure, ReadOnlyMapping()),
     bfd("runner gives a list", TypeError, cli="nothing", **runner_returning(["peer"])),
-    bfd("no dictionary", TypeError, 5),
+    bfd("int for the dictionary", TypeError, 5),
     bfd("failing dictionary", Failure, AlwaysRaises()),
-    bfd("no session known", TypeError, {NAME: 5}),
+    bfd("known session is an int", TypeError, {NAME: 5}),
     *(bfd(label, error, **patched) for label, error, patched in CLI_ERRORS),
     bfd("runner gives a number", TypeError, cli="nothing", **runner_returning(5)),
-    bfd("runner gives a sum", cli="nothing", **runner_returning(RightAddable(ONE_SESSION))),
+    bfd("addable output", cli="nothing", **runner_returning(RightAddable(ONE_SESSION))),
     bfd("tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
     bfd("one line", cli="peer", **QUIET),
     bfd("long field", cli=f"{ONE_SESSION}{'K' * 80}: {'v' * 80}"),
-    bfd("timers that need room", cli=ONE_SESSION.replace("\tZebra Notifications: 2\n", "")),
+    bfd("timers resize the session", cli=ONE_SESSION.replace("\tZebra Notifications: 2\n", "")),
     bfd_list("no sessions"),
     bfd_list("one session", cli=ONE_SESSION),
     bfd_list("two sessions", cli=TWO_SESSIONS, **QUIET),
     bfd_list("given sessions", **with_sessions(SESSIONS)),
     bfd_list("no address", **with_sessions({"s": {}})),
-    bfd_list("address of no text", **with_sessions({"s": {"neighbor_ip": 1, "interface": 2}})),
-    bfd_list("no mapping", **with_sessions(5)),
-    bfd_list("key of no text", **with_sessions({5: {}})),
+    bfd_list("address is not text", **with_sessions({"s": {"neighbor_ip": 1, "interface": 2}})),
+    bfd_list("int for the sessions", **with_sessions(5)),
+    bfd_list("key is not text", **with_sessions({5: {}})),
     bfd_list("mapping lost its keys", **with_sessions(MissingKeyMapping())),
     bfd_list("mapping repeats a key", **with_sessions(RepeatedKeyMapping())),
     bfd_list("copy fails", copy=AlwaysRaises(), **with_sessions(SESSIONS)),
@@ -551,7 +554,7 @@ BFD_CASES = [
     bfd_list("details are no session", **with_details({"s": 5})),
     bfd_list("no details", **with_details(None)),
     bfd_list("copy has other keys", **with_copy(lambda sessions: ["x"])),
-    bfd_list("copy fails on the way", **with_copy(lambda sessions: map(fail, [1]))),
+    bfd_list("iteration of the copy fails", **with_copy(lambda sessions: map(fail, [1]))),
     bfd_list("query fails", get_bfd_neighbor=fail, **QUIET),
     bfd_list("query deleted", get_bfd_neighbor=DELETED, **QUIET),
     bfd_list("query stops", Stop, get_bfd_neighbor=stop),
@@ -560,13 +563,13 @@ BFD_CASES = [
     bfd_list("no output", cli=None, **QUIET),
 ]
 
-# The parsers scan a string by the width of its characters. Each of these changes the width and is
-# skipped by the parsers: a line before the table, or the first line of sessions.
+# CPython stores a string with characters of one, two or four bytes. Each of these lines changes the
+# width, and the parsers skip it: a line before the table, or the first line of sessions.
 WIDTHS = {"latin": "\u00f6\n", "two bytes": "\u0142\n", "four bytes": "\U0001f600\n"}
 
 
 def with_width(case: CallCase, width: str) -> CallCase:
-    """Return the case with output of another width."""
+    """Return the case with output of another width of characters."""
     before = WIDTHS[width]
     if case.function == "get_bfd_neighbor":
         before = before.strip()
@@ -590,11 +593,12 @@ CASES = [
     *BFD_CASES,
     *(case for case in WIDE_CASES if case.error is None and not case.patched),
 ]
-# Not for fault injection: when allocations fail, wide strings behave like the others, and the
-# doubles that raise in C cannot be called. The last case changes the module.
+# Not for fault injection: when allocations fail, wide strings behave like the others; fault
+# injection cannot call the doubles of the two KeyError cases, which raise from C; and the last case
+# changes the module.
 REPEATED_ONLY = [
     *(case for case in WIDE_CASES if case.error is not None or case.patched),
-    bfd_list("nothing said", **with_sessions(MissingKeyWithoutArgs())),
-    bfd_list("more said", **with_sessions(MissingKeyWithTwoArgs())),
-    bfd_list("query lost on the way", before=restore_query, **with_copy(delete_query)),
+    bfd_list("KeyError without arguments", **with_sessions(MissingKeyWithoutArgs())),
+    bfd_list("KeyError with two arguments", **with_sessions(MissingKeyWithTwoArgs())),
+    bfd_list("copying deletes the query", before=restore_query, **with_copy(delete_query)),
 ]

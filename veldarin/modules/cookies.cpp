@@ -206,7 +206,7 @@ PyObject *get_token() {
         return secret || fail(at::read);
     };
     if (!run_with(opened.get(), at::open, read)) return nullptr;
-    if (!secret) {  // __exit__ swallowed the exception of the reading
+    if (!secret) {  // __exit__ swallowed the exception of the read
         raise_unbound_local("secret");
         return fail(at::result);
     }

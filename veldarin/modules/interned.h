@@ -1,5 +1,5 @@
 // The strings that the module passes to the interpreter: identifiers, dictionary keys, commands and
-// messages. They are interned once, at import, so that look-ups compare pointers.
+// messages. They are interned once, at import, so that lookups compare pointers.
 #pragma once
 
 #include <Python.h>

@@ -18,7 +18,7 @@ JSONObject *json_object_of(const Ref &instance) {
     return reinterpret_cast<JSONObject *>(instance.get());
 }
 
-// 1, 0, or -1 with an exception set: the truth test failed.
+// Returns 1 or 0, or -1 with an exception set if the truth test of the argument fails.
 int wants_argument(Query::When when, PyObject *argument) {
     switch (when) {
         case Query::never: return 0;
@@ -79,7 +79,7 @@ Ref parse(json_object *object) {
     return Ref::steal(PyObject_CallOneArg(loads.get(), bytes.get()));
 }
 
-// entry["name"] == name: 1, 0, or -1 with an exception set.
+// Returns entry["name"] == name as 1 or 0, or -1 with an exception set.
 int has_name(PyObject *entry, PyObject *name) {
     const Ref entry_name = Ref::steal(PyObject_GetItem(entry, interned[id::name]));
     if (!entry_name) return -1;
@@ -87,8 +87,8 @@ int has_name(PyObject *entry, PyObject *name) {
     return equal ? PyObject_IsTrue(equal.get()) : -1;
 }
 
-// Selects the first entry of reply[0]["interface"] that has the name, or else the last entry; none
-// if there are no entries. Returns false with an exception and its traceback entry.
+// Selects the first entry of reply[0]["interface"] that has the name, or else the last entry.
+// Leaves `entry` null if there are none. Returns false with an exception and its traceback entry.
 bool select_interface(PyObject *reply, PyObject *name, Ref &entry) {
     namespace at = source_line::interface_selection;
     const Ref first = Ref::steal(PyObject_GetItem(reply, state.constants.zero));
@@ -107,7 +107,8 @@ bool select_interface(PyObject *reply, PyObject *name, Ref &entry) {
     return !PyErr_Occurred() || fail(at::entries);
 }
 
-// Calls the release method of the instance's own vtable and ignores its result.
+// Calls the release method of the instance's own method table. Returns false with an exception set
+// if it fails.
 bool release(const Ref &instance) {
     JSONObject *object = json_object_of(instance);
     return bool(Ref::steal(object->vtable->release(object)));
@@ -143,7 +144,7 @@ PyObject *run_query(const Query &query, PyObject *const *arguments) {
 
     if (!release(request)) return fail(at.release_request);
     if (!release(response)) return fail(at.release_response);
-    if (!data) {
+    if (!data) {  // no entries: the local variable `data` was never assigned
         raise_unbound_local("data");
         return fail(source_line::interface_selection::result);
     }

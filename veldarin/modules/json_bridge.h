@@ -18,10 +18,10 @@ struct QueryLines {
 };
 
 struct Query {
-    // When the request is {key: argument} and not {}.
+    // The condition for the request {key: argument} instead of {}.
     enum When : char { never, always, if_true, unless_none };
-    // What differs: nothing; the second argument chooses the native service; the reply is one
-    // entry, selected by the argument.
+    // capture: the second argument chooses the native service. select: the result is the entry of
+    // the reply that the argument names.
     enum Kind : char { plain, capture, select };
 
     BuildReply *build;  // null: the query is not wired to a native service

@@ -49,7 +49,7 @@ _REMOTE = "198.51.100.1"  # reserved for documentation
 
 
 class DemoContext:
-    """What the arguments depend on: this machine and earlier results."""
+    """The data that arguments depend on: this machine and earlier results."""
 
     def __init__(self, simulator: Simulator, folder: Path) -> None:
         self.simulator = simulator

@@ -1,4 +1,4 @@
-"""The one error of the HTTP interface, in the form of RFC 9457 (problem details)."""
+"""The only error of the HTTP interface, in the form of RFC 9457 (problem details)."""
 
 from __future__ import annotations
 

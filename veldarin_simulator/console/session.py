@@ -1,4 +1,4 @@
-"""The session: the process's one simulator and its scenario, which can be edited."""
+"""The session: the only simulator of the process, and the scenario that the console edits."""
 
 from __future__ import annotations
 
@@ -29,7 +29,7 @@ class CallResult:
 
 
 class Session:
-    """A simulator that replies from this machine's state, with a scenario in front of it.
+    """A simulator that replies from this machine's state unless its scenario has the reply.
 
     Close it, or use it in a `with` block. A lock serializes all methods: they share one simulator
     and one call log.
@@ -105,8 +105,8 @@ class Session:
         """Run a parser on command output.
 
         Returns:
-            The result, and for each line the paths of the values that came from it. The latter is
-            None for an error or a text that is too long.
+            The result, and for each line the paths of the values that came from it. The second is
+            None if the parser fails or the text is too long.
         """
         with self.simulator() as simulator:
             parsed = parse_capture.parse(simulator, parser, text)
@@ -151,7 +151,7 @@ class Session:
             self._loaded, self._saved = name, simulator.scenario
 
     def replies(self) -> list[dict[str, Any]]:
-        """Return every service and command: its source, whether the scenario overrides it."""
+        """Return every service and command, its source and whether the scenario overrides it."""
         with self.simulator() as simulator:
             scenario, listed = simulator.scenario, []
             for name in replies.names(scenario):
@@ -171,18 +171,20 @@ class Session:
         """Return the text of a reply, the scenario's or the default.
 
         Raises:
-            ApiError: No reply can have the name, or the reply has no text.
+            ApiError: The name is invalid, or the text of the reply cannot be shown.
         """
         with self.simulator() as simulator:
             file = replies.file_name(name, simulator.scenario)
-            user = simulator.scenario.get(file)
+            override = simulator.scenario.get(file)
             try:
-                text = replies.default_text(name, simulator) if user is None else user.decode()
+                text = (
+                    replies.default_text(name, simulator) if override is None else override.decode()
+                )
             except UnicodeDecodeError as error:
                 raise ApiError(409, f"{file} is not UTF-8: edit the file itself") from error
             except Exception as error:
                 raise ApiError(409, f"{name}: {type(error).__name__}: {error}") from error
-            return {"name": name, "overridden": user is not None, "file": file, "text": text}
+            return {"name": name, "overridden": override is not None, "file": file, "text": text}
 
     def set_reply(self, name: str, text: str | None) -> None:
         """Override a reply from the next call on; None removes the override.

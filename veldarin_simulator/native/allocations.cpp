@@ -62,7 +62,7 @@ json_object *new_verbatim(std::string_view text, Tracked tracked) {
     return root;
 }
 
-// Parses the NUL behind the text too: it ends a number at the root.
+// Parses the NUL after the text too: it ends a number at the root.
 json_object *parse(const std::string &text, const char **reason) {
     json_tokener *tokener = json_tokener_new_ex(kMaxDepth);
     if (tokener == nullptr) {
@@ -173,7 +173,7 @@ json_object *new_object(const simulator_reply &reply, Tracked tracked, const cha
     if (reply.kind == SIMULATOR_REPLY_NULL) {
         return nullptr;
     }
-    // json-c needs a NUL behind the text, and has sizes of type int.
+    // json-c needs a NUL after the text, and has sizes of type int.
     if (reply.text == nullptr || reply.length >= INT_MAX) {
         *reason = "the text is missing or too large for json-c";
         return nullptr;

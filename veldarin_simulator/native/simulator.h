@@ -12,7 +12,7 @@
 #define SIMULATOR_EXPORT extern
 #endif
 
-// What a service returns.
+// The form of a service's result.
 // NOLINTNEXTLINE(performance-enum-size): C has no smaller enumerations
 enum simulator_form {
     SIMULATOR_FORM_JSON,      // a json-c object, or null
@@ -62,7 +62,7 @@ typedef void (*simulator_callback)(const char *service, const char *input);
 SIMULATOR_EXPORT int simulator_open(simulator_callback callback, int track_buffers);
 SIMULATOR_EXPORT void simulator_close(void);
 
-// Returns the name of a service, or null behind the last one.
+// Returns the name of a service, or null after the last one.
 SIMULATOR_EXPORT const char *simulator_service(size_t index, int *form);
 
 // Both return null, or the reason why the reply was rejected. The first one replies to the pending
@@ -91,7 +91,7 @@ SIMULATOR_EXPORT void simulator_probe_gil(const unsigned long *counter, unsigned
 // Calls that waited since the probe was set, and those of them in which the counter changed.
 SIMULATOR_EXPORT void simulator_gil_probes(unsigned long *calls, unsigned long *released);
 
-// What a JSONObject created without argument holds: borrowed, never freed.
+// The value of a JSONObject created without arguments: borrowed, never freed.
 SIMULATOR_EXPORT const char *simulator_set_default_response(const struct simulator_reply *reply);
 SIMULATOR_EXPORT struct json_object *simulator_default_response(void);
 SIMULATOR_EXPORT int simulator_is_default_response(const struct json_object *object);

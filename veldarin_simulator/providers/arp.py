@@ -1,6 +1,6 @@
 """The output of "get system arp": the kernel's IPv4 neighbors.
 
-Source: an RTM_GETNEIGH dump. Like the system's own tools, the listing leaves out failed look-ups
+Source: an RTM_GETNEIGH dump. Like the system's own tools, the listing leaves out failed lookups
 and addresses that need none (loopback, multicast).
 """
 
@@ -32,7 +32,7 @@ def listing() -> str:
     """Return a header line, then a line of four columns for each neighbor.
 
     The age is in whole minutes since the neighbor last confirmed its address; "-" before the first
-    confirmation and for a permanent entry. The hardware address is "(incomplete)" during a look-up.
+    confirmation and for a permanent entry. The hardware address is "(incomplete)" during a lookup.
 
     Raises:
         OSError, NetlinkError: As in `netlink.query`.

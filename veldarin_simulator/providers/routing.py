@@ -1,6 +1,6 @@
 """The output of "get router info routing-table detail ADDRESS".
 
-Source: the kernel's look-up in its forwarding table, including policy rules (RTM_GETROUTE with
+Source: the kernel's lookup in its forwarding table, including policy rules (RTM_GETROUTE with
 RTM_F_FIB_MATCH, which returns the matching route instead of the path). The kernel stores no age of
 a route ("n/a"). It stores no administrative distance either: the output has 0 for the kernel's own
 and an administrator's routes, "n/a" for a routing daemon's.
@@ -26,7 +26,7 @@ _RT_TABLE_MAIN = 254
 _RTNH_F_DEAD = 1
 _RTNH_F_LINKDOWN = 16
 
-# A look-up of a rejecting route fails, with an errno for each type.
+# A lookup of a rejecting route fails, with an errno for each type.
 _REJECTIONS = {
     errno.EINVAL: rt_type["blackhole"],
     errno.EHOSTUNREACH: rt_type["unreachable"],
@@ -94,7 +94,7 @@ def _entry(kernel: Any, wanted: Address) -> str:
 
 
 def _rejected(kernel: Any, wanted: Address, family: int, code: int) -> str:
-    """Return the entry that rejected a look-up, which the kernel does not name.
+    """Return the entry that rejected a lookup, which the kernel does not name.
 
     It is the most specific covering route of that type in the main table, or else a policy rule.
     """

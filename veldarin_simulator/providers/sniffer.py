@@ -1,7 +1,7 @@
 """Control of packet captures on recorded sniffer profiles.
 
-A workstation has no sniffer profiles. The recorded summary says which there are; starting,
-stopping, pausing and deleting a capture changes the next summary. No packet is captured.
+A workstation has no sniffer profiles. The recorded summary lists some; starting, stopping,
+pausing and deleting a capture changes the next summary. The simulator captures no packet.
 """
 
 from __future__ import annotations

@@ -31,7 +31,7 @@ constexpr Column columns[] = {
 };
 constexpr int column_count = 4;
 
-// The dictionary of a row, or nothing with an exception and its traceback entry. An interface name
+// The dictionary of a row, or null with an exception and its traceback entry. An interface name
 // may consist of two words.
 Ref new_row(const TextView *words, int count, StringCache &strings) {
     Ref arp = Ref::steal(PyDict_New());

@@ -1,6 +1,5 @@
 // Parses BFD sessions: a header line for each session, then key-value lines, among them two timer
-// blocks of three such lines. An error in a line is logged, and the parser goes on with the next
-// line.
+// blocks of three such lines. The parser logs an error in a line and continues with the next line.
 #include "veldarin/modules/parsers/bfd_neighbor.h"
 
 #include "veldarin/modules/cli.h"
@@ -41,7 +40,7 @@ namespace {
 constexpr char tab = '\t';
 constexpr char packets[] = "packets";
 
-// A key that is long or not ASCII.
+// Translates a key that is long or not ASCII, through a `str`.
 Ref parse_uncommon_key(TextView text, const StringCache &strings) {
     const Ref key = strings.make(text);
     if (!key) return {};
@@ -50,7 +49,7 @@ Ref parse_uncommon_key(TextView text, const StringCache &strings) {
     return str_replace(lower.get(), state.constants.replace_args.spaces);
 }
 
-// Maps each ASCII character to the one that a key has in its place.
+// Maps each ASCII character to its replacement in a key.
 struct KeyTranslation {
     char of[128] = {};
 
@@ -97,7 +96,7 @@ public:
         namespace at = source_line::get_bfd_neighbor;
         session_ = Ref::steal(PyDict_New());
         if (!session_) return fail(at::session);
-        // The line after the header lines is an IndexError if it does not exist.
+        // Output that ends before the first line to parse is an IndexError, which is logged.
         TextView line;
         if (!lines_.next(line)) {
             fail_with_index_error(at::line);
@@ -109,7 +108,7 @@ public:
         return true;
     }
 
-    // Stores the session under its name, merged into a session of that name.
+    // Stores the session under its name, merged into an older session of that name.
     bool store_into(PyObject *list_bfd) const {
         namespace at = source_line::get_bfd_neighbor;
         if (!name_ || PyDict_GET_SIZE(session_.get()) == 0) return true;
@@ -213,16 +212,16 @@ private:
     StringCache &strings_;
     const char *peer_ = nullptr;  // the next occurrence of "peer "; null before the first search
     Ref session_;
-    Ref name_;  // nothing before the first header
+    Ref name_;  // null before the first header
 };
 
-// The first two lines are skipped. Without "objname" the output counts as if "\n" were prepended;
-// for a str we skip one line fewer instead of copying it.
-int header_lines(PyObject *text, bool has_objname) {
+// The parser skips two lines, and treats output without "objname" as if it began with "\n". It does
+// not copy a str to prepend that, but skips one line fewer.
+int skipped_lines(PyObject *text, bool has_objname) {
     return has_objname || !PyUnicode_Check(text) ? 2 : 1;
 }
 
-// Whether all characters between the begin of the line, or `begin`, and `at` are white space.
+// Whether all characters between the start of the line, or `begin`, and `at` are white space.
 bool only_space_before(const char *at, const char *begin) {
     while (at != begin && at[-1] != '\n') {
         if (!is_space(--at)) return false;
@@ -231,7 +230,7 @@ bool only_space_before(const char *at, const char *begin) {
 }
 
 // Whether a line has a tab after its first word; the parser strips leading tabs anyway. Each search
-// begins behind the last leading tab, which keeps the scan linear.
+// begins after the last leading tab, which keeps the scan linear.
 bool has_inner_tab(TextView text) {
     while (true) {
         const char *const found = find(text, tab);
@@ -251,8 +250,8 @@ Ref without_tabs(PyObject *text) {
     return str_replace(text, state.constants.replace_args.tabs);
 }
 
-// The output as a str without inner tabs. Applies the same operators to any other object, and fails
-// where the interpreter would. Null with an exception and its traceback entry.
+// Returns the output as a str without inner tabs. Adds "\n" to any other object, as Python code
+// would; the sum must be a str. Returns null with an exception and its traceback entry.
 Ref normalize_input(PyObject *output, bool has_objname) {
     namespace at = source_line::get_bfd_neighbor;
     Ref text = Ref::borrow(output);
@@ -272,9 +271,9 @@ PyObject *get_bfd_neighbor(PyObject *cmd, PyObject *list_bfd) {
     namespace at = source_line::get_bfd_neighbor;
     const Ref output = run_command(cmd);
     if (!output) return fail(at::output);
-    const int peers = PySequence_Contains(output.get(), interned[id::peer]);
-    if (peers < 0) return fail(at::peer);
-    if (!peers) return Ref::borrow(list_bfd).release();
+    const int has_peer = PySequence_Contains(output.get(), interned[id::peer]);
+    if (has_peer < 0) return fail(at::peer);
+    if (!has_peer) return Ref::borrow(list_bfd).release();
     const int has_objname = PySequence_Contains(output.get(), interned[id::objname]);
     if (has_objname < 0) return fail(at::objname);
     const Ref input = normalize_input(output.get(), has_objname);
@@ -284,7 +283,7 @@ PyObject *get_bfd_neighbor(PyObject *cmd, PyObject *list_bfd) {
 
     LineReader lines(text.view);
     TextView line;
-    for (int i = header_lines(output.get(), has_objname); i > 0; --i) lines.next(line);
+    for (int i = skipped_lines(output.get(), has_objname); i > 0; --i) lines.next(line);
     StringCache strings(text);
     Parser parser(text.view, lines, strings);
     if (!parser.parse() || !parser.store_into(list_bfd)) return nullptr;

@@ -44,7 +44,7 @@ void reword_keyword_error(PyObject *mapping) {
         PyObject *value = nullptr;
         PyObject *traceback = nullptr;
         PyErr_Fetch(&type, &value, &traceback);
-        // True for a KeyError of the merge itself or of a dictionary look-up: not yet normalized,
+        // True for a KeyError of the merge itself or of a dictionary lookup: not yet normalized,
         // its value is a tuple of the key.
         const bool key_alone = value && PyTuple_Check(value) && PyTuple_GET_SIZE(value) == 1;
         const Ref arguments = Ref::borrow(value);
@@ -85,7 +85,7 @@ Ref session_field(PyObject *sessions, PyObject *key, PyObject *field) {
     return session ? Ref::steal(PyObject_GetItem(session.get(), field)) : Ref();
 }
 
-// Appends the session to the holder if it has a field that only a detail output brings.
+// Appends the session to the holder if it has a field that only the output of details has.
 bool append_if_reported(PyObject *holder, PyObject *list_bfd, PyObject *key) {
     namespace at = source_line::list_bfd_neighbor;
     const Ref session = Ref::steal(PyObject_GetItem(list_bfd, key));

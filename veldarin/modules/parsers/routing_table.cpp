@@ -78,7 +78,7 @@ bool parse_interface(const Ref &route, TextView field, StringCache &strings) {
     return put(route, id::interface, strings.make_cached(words[count - 1]), line);
 }
 
-// The dictionary of a route, or nothing with an exception and its traceback entry.
+// The dictionary of a route, or null with an exception and its traceback entry.
 Ref parse_route(TextView row, StringCache &strings) {
     Ref route = Ref::steal(PyDict_New());
     if (!route) return fail(at::route);

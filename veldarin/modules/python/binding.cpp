@@ -28,7 +28,7 @@ int find_parameter(const Function &function, PyObject *keyword) {
 }
 
 // Checks every keyword in order, so that the first faulty one is reported. Binds a keyword that the
-// exact look-up missed because its type, a subclass of str, compares or hashes differently.
+// exact lookup missed because its type, a subclass of str, compares or hashes differently.
 bool check_keywords(const char *name, const Function &function, PyObject *keywords,
                     Py_ssize_t given, Ref *bound) {
     PyObject *keyword = nullptr;

@@ -63,7 +63,7 @@ constexpr CapiMessages variable_messages = {
 };
 // clang-format on
 
-// The signature that a capsule bears; the type's name for any other object.
+// The signature that names a capsule; the type's name for any other object.
 const char *signature_of(PyObject *item) {
     const char *signature = PyCapsule_CheckExact(item) ? PyCapsule_GetName(item) : nullptr;
     PyErr_Clear();

@@ -1,6 +1,6 @@
 // Imports Python names, and the C-level interfaces of the sibling extension modules: a type with
-// its vtable, and functions and variables in capsules that bear their signatures. Every function
-// fails with an exception set.
+// its method table, and functions and variables in capsules named by their signatures. Every
+// function fails with an exception set.
 #pragma once
 
 #include <Python.h>
@@ -10,8 +10,7 @@
 namespace modules_util {
 
 // The two halves of an import statement at module level, as the interpreter runs them: call the
-// builtin
-// __import__ with a tuple of names or None, then get each name from its result.
+// builtin __import__ with a tuple of names or None, then get each name from its result.
 Ref import_module(PyObject *module, PyObject *names_or_none);
 Ref import_from(PyObject *source, PyObject *name);
 

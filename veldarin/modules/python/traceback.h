@@ -6,7 +6,7 @@
 
 namespace modules_util {
 
-// What a failing function returns, whatever type it returns on success.
+// The result of a failing function: null, an empty Ref or false, to match its return type.
 struct ErrorResult {
     operator PyObject *() const { return nullptr; }  // NOLINT(google-explicit-constructor)
     operator Ref() const { return {}; }              // NOLINT(google-explicit-constructor)

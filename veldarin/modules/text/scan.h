@@ -21,12 +21,12 @@ struct TextView {
     [[nodiscard]] bool empty() const { return begin == end; }
 };
 
-// Decodes the code point at `at` and moves `at` behind it. Surrogates are decoded like any other.
+// Decodes the code point at `at` and moves `at` past it. Decodes a surrogate like any other.
 inline char32_t next_code_point(const char *&at) {
     const char32_t lead = static_cast<unsigned char>(*at++);
     if (lead < 0x80U) return lead;
     unsigned rest = 1U + (lead >= 0xE0U) + (lead >= 0xF0U);
-    char32_t character = lead & 0x7FU >> rest;  // the bit to the left of these is 0
+    char32_t character = lead & 0x7FU >> rest;  // the highest of these bits is 0 in valid UTF-8
     while (rest-- > 0) {
         character = character << 6U | (static_cast<unsigned char>(*at++) & 0x3FU);
     }
@@ -45,14 +45,14 @@ inline bool starts_with(TextView text, TextView prefix) {
            std::memcmp(text.begin, prefix.begin, static_cast<size_t>(prefix.size())) == 0;
 }
 
-// The first occurrence, or the end of the text.
+// Return the first occurrence, or the end of the text.
 const char *find(TextView text, char wanted);
 const char *find(TextView text, TextView wanted);
 
 // Copies the text without any `unwanted` and returns the end of the copy.
 char *copy_without(TextView text, TextView unwanted, char *copy);
 
-// Reads the lines of `text.split("\n")` one by one. There is always at least one.
+// Reads the lines of `text.split("\n")` one by one. An empty text has one line.
 class LineReader {
 public:
     explicit LineReader(TextView text) : rest_(text) {}
@@ -64,7 +64,7 @@ private:
 };
 
 // Stores the first words of `text.split()`, or the first fields of `text.split(separator)`, and
-// returns how many: at most `max_fields`.
+// returns how many it has stored: at most `max_fields`.
 int split(TextView text, TextView *words, int max_fields);
 int split(TextView text, char separator, TextView *fields, int max_fields);
 
