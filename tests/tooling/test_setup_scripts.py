@@ -2,12 +2,14 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import pty
 import shlex
 import shutil
 import signal
 import subprocess
+import sys
 import time
 from collections.abc import Callable, Iterator
 from pathlib import Path
@@ -63,10 +65,8 @@ class Terminal:
 
     def has_printed(self, text: str) -> bool:
         """Read what there is and look for text in all of the output."""
-        try:
+        with contextlib.suppress(BlockingIOError):
             self.output += os.read(self._fd, 65536).decode(errors="replace")
-        except BlockingIOError:
-            pass
         return text in self.output
 
     def close(self) -> None:
@@ -141,7 +141,7 @@ def test_step_sigterm_ends_descendants_with_143(checkout: Path, tmp_path: Path) 
 
 def test_step_failing_command_returns_its_status(checkout: Path, tmp_path: Path) -> None:
     command = script(tmp_path / "command", "echo reason; exit 7")
-    step = [checkout / "tools/step", "name", "label", command]
+    step = [str(checkout / "tools/step"), "name", "label", str(command)]
     done = subprocess.run(step, capture_output=True, text=True, timeout=LIMIT)
     assert done.returncode == 7
     assert "reason" in done.stderr
@@ -157,10 +157,9 @@ def test_find_python_ctrl_c_tries_no_other_way(
     # Every interpreter is unfit, except that python3 has ensurepip.
     script(tmp_path / "bin/python3", '[ "$1" = -c ]')
     script(tmp_path / "bin/python3.9", "exit 1")
-    terminal.send(
-        "PATH=%s:/usr/bin:/bin HOME=%s PYENV_ROOT= PYTHON39= tools/find-python;"
-        ' echo "status=$?."\n' % (shlex.quote(str(tmp_path / "bin")), shlex.quote(str(tmp_path)))
-    )
+    binaries, home = shlex.quote(str(tmp_path / "bin")), shlex.quote(str(tmp_path))
+    environment = f"PATH={binaries}:/usr/bin:/bin HOME={home} PYENV_ROOT= PYTHON39="
+    terminal.send(f'{environment} tools/find-python; echo "status=$?."\n')
     wait_until(lambda: started.exists() and started.read_text().endswith("\n"))
     terminal.send("\x03")
     wait_until(lambda: terminal.has_printed("status=130."))
@@ -170,7 +169,7 @@ def test_find_python_ctrl_c_tries_no_other_way(
 
 @pytest.fixture
 def packages(tmp_path: Path) -> Path:
-    """Fakes of Debian's tools in tmp_path/bin: nothing is installed, and apt-get takes two seconds."""
+    """Fakes of Debian's tools in tmp_path/bin; nothing is installed, apt-get takes two seconds."""
     binaries = tmp_path / "bin"
     script(binaries / "dpkg-query", "exit 1")
     script(binaries / "dpkg", f'cat "{tmp_path}/audit" 2>/dev/null')
@@ -193,7 +192,7 @@ def apt_install(checkout: Path, packages: Path) -> subprocess.Popen[str]:
         "PATH": f"{packages}/bin:{os.environ['PATH']}",
         "DPKG_ADMINDIR": str(packages / "dpkg-state"),
     }
-    command = [checkout / "tools/apt-install", "libexample-dev"]
+    command = [str(checkout / "tools/apt-install"), "libexample-dev"]
     pipe = subprocess.PIPE
     return subprocess.Popen(command, env=environment, stdout=pipe, stderr=pipe, text=True)
 
@@ -243,3 +242,105 @@ def test_apt_install_after_interrupted_dpkg_says_so(
     assert errors.count("\n") == 1
     assert "run: dpkg --configure -a" in errors
     assert not (packages / "started").exists()
+
+
+@pytest.fixture
+def bare_checkout(checkout: Path) -> Path:
+    """A checkout in which tools/bootstrap has no Python packages to install.
+
+    tools/uv makes environments as `uv venv` does, with a script that holds the environment's path,
+    and writes a line to environments.log for each.
+    """
+    (checkout / "requirements").mkdir()
+    (checkout / "requirements/run.txt").write_text("")
+    script(
+        checkout / "tools/uv",
+        """[ "$1" = venv ] || exit 0
+echo made >>environments.log
+sleep 1.5
+rm -rf .venv && mkdir -p .venv/bin && ln -s "$4" .venv/bin/python
+echo "#!$PWD/.venv/bin/python" >.venv/bin/tool && chmod +x .venv/bin/tool""",
+    )
+    return checkout
+
+
+def start_bootstrap(checkout: Path, **environment: str) -> subprocess.Popen[str]:
+    """Start tools/bootstrap for `make run`."""
+    return subprocess.Popen(
+        ["tools/bootstrap", "run"],
+        cwd=checkout,
+        env=os.environ | {"PYTHON39": os.path.realpath(sys.executable)} | environment,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+    )
+
+
+def bootstrap(checkout: Path, **environment: str) -> int:
+    """Run tools/bootstrap and return how many environments it has made in the checkout."""
+    running = start_bootstrap(checkout, **environment)
+    output, _ = running.communicate(timeout=LIMIT)
+    assert running.returncode == 0, output
+    return len((checkout / "environments.log").read_text().splitlines())
+
+
+def test_bootstrap_two_in_a_checkout_make_one_venv(bare_checkout: Path) -> None:
+    both = [start_bootstrap(bare_checkout) for _ in range(2)]
+    outputs = [running.communicate(timeout=LIMIT)[0] for running in both]
+    assert [running.returncode for running in both] == [0, 0], outputs
+    assert sum("waiting for another make in this checkout" in output for output in outputs) == 1
+    assert (bare_checkout / "environments.log").read_text() == "made\n"
+
+
+def test_step_two_in_a_build_tree_run_in_turn(checkout: Path, tmp_path: Path) -> None:
+    log = tmp_path / "log"
+    command = script(tmp_path / "command", f'echo start >>"{log}"; sleep 1; echo end >>"{log}"')
+    step = [str(checkout / "tools/step"), "--lock", "tree", "name", "label", str(command)]
+    both = [subprocess.Popen(step, stdout=subprocess.PIPE, text=True) for _ in range(2)]
+    outputs = [running.communicate(timeout=LIMIT)[0] for running in both]
+    assert [running.returncode for running in both] == [0, 0]
+    assert sum("waiting for another make in build/tree" in output for output in outputs) == 1
+    assert log.read_text().split() == ["start", "end"] * 2
+
+
+@pytest.mark.parametrize("kind", ["name", "shim", "link"])
+def test_bootstrap_named_interpreter_makes_venv_once(
+    bare_checkout: Path, tmp_path: Path, kind: str
+) -> None:
+    python = os.path.realpath(sys.executable)
+    named = tmp_path / "bin/python3.9"
+    if kind == "link":
+        named.parent.mkdir()
+        named.symlink_to(python)
+    else:
+        script(named, f'exec "{python}" "$@"')
+    environment = {
+        "PYTHON39": "python3.9" if kind == "name" else str(named),
+        "PATH": f"{named.parent}:{os.environ['PATH']}",
+    }
+    assert [bootstrap(bare_checkout, **environment) for _ in range(2)] == [1, 1]
+    assert bootstrap(bare_checkout) == 1
+    assert bootstrap(bare_checkout, PYTHON39="") == 1
+
+
+@pytest.mark.parametrize("is_moved", [False, True], ids=["copied", "moved"])
+def test_bootstrap_in_another_place_makes_trees_again(
+    bare_checkout: Path, tmp_path: Path, is_moved: bool
+) -> None:
+    assert bootstrap(bare_checkout) == 1
+    tree = bare_checkout / "build/release"
+    tree.mkdir()
+    (tree / "CMakeCache.txt").write_text(f"CMAKE_HOME_DIRECTORY:INTERNAL={bare_checkout}\n")
+    assert bootstrap(bare_checkout) == 1
+    assert tree.exists()
+
+    place = tmp_path / "another place"
+    if is_moved:
+        bare_checkout.rename(place)
+    else:
+        shutil.copytree(bare_checkout, place, symlinks=True)
+    assert bootstrap(place) == 2
+    assert not (place / "build/release").exists()
+    assert f"#!{place}/" in (place / ".venv/bin/tool").read_text()
+    assert is_moved or tree.exists()
+    assert bootstrap(place) == 2
