@@ -39,7 +39,7 @@ check: lint build  ## Lint, and run the module's own tests; for the inner loop
 	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
 
 .PHONY: test
-test: bootstrap-browser lint build callgrind  ## Lint, and run every test
+test: bootstrap-browser+lint+callgrind lint build callgrind  ## Lint, and run every test
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build
@@ -158,8 +158,9 @@ lock:  ## Lock the newest packages of pyproject.toml in requirements/
 clean:  ## Remove everything that was built; .venv stays
 	@rm -rf build
 
+# One group, or several with a "+" between them: what is missing is then named in one line.
 bootstrap-%:
-	@tools/bootstrap $*
+	@tools/bootstrap $(subst +, ,$*)
 
 # Configures a tree when the presets change; ninja tracks everything else.
 build/%/build.ninja: CMakePresets.json

@@ -344,3 +344,29 @@ def test_bootstrap_in_another_place_makes_trees_again(
     assert f"#!{place}/" in (place / ".venv/bin/tool").read_text()
     assert is_moved or tree.exists()
     assert bootstrap(place) == 2
+
+
+def test_bootstrap_without_root_names_all_in_one_line(bare_checkout: Path, packages: Path) -> None:
+    """PATH has only a few commands: no compiler, no interpreter, nothing that tests use."""
+    binaries = packages / "bin"
+    (binaries / "sudo").write_text("#!/bin/sh\nexit 1\n")
+    script(binaries / "id", "echo 1000")
+    for name in ("bash", "cat", "dirname", "env", "flock", "grep", "mkdir", "realpath", "rm"):
+        found = shutil.which(name)
+        assert found
+        (binaries / name).symlink_to(found)
+    environment = {"PATH": str(binaries), "PYTHON39": "", "PYENV_ROOT": "", "HOME": str(packages)}
+    done = subprocess.run(
+        ["tools/bootstrap", "browser", "lint", "callgrind"],
+        cwd=bare_checkout,
+        env=environment,
+        capture_output=True,
+        text=True,
+        timeout=LIMIT,
+    )
+    assert done.returncode == 1
+    assert done.stderr.count("\n") == 1, done.stderr
+    named = set(done.stderr.partition("apt-get install ")[2].split())
+    assert {"g++", "pkg-config", "libjson-c-dev", "chromium"} <= named
+    assert named & {"python3-venv", "python3.9-venv"}
+    assert not (packages / "started").exists()
