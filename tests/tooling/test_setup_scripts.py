@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import fcntl
 import os
 import pty
 import shlex
@@ -370,3 +371,30 @@ def test_bootstrap_without_root_names_all_in_one_line(bare_checkout: Path, packa
     assert {"g++", "pkg-config", "libjson-c-dev", "chromium"} <= named
     assert named & {"python3-venv", "python3.9-venv"}
     assert not (packages / "started").exists()
+
+
+@pytest.mark.parametrize("is_found", [False, True], ids=["missing", "found"])
+def test_apt_install_without_network_says_so(
+    checkout: Path, packages: Path, is_found: bool
+) -> None:
+    """The last line names the network, if the package was not found without it."""
+    status = 0 if is_found else 100
+    script(
+        packages / "bin/apt-get",
+        f'[[ " $* " != *" --simulate "* && $* != *update ]] || exit 100; exit {status}',
+    )
+    running = apt_install(checkout, packages)
+    _, errors = running.communicate(timeout=LIMIT)
+    assert running.returncode == status
+    assert ("check the network" in errors.splitlines()[-1]) is not is_found
+
+
+def test_apt_install_during_another_waits_for_it(checkout: Path, packages: Path) -> None:
+    """A state that looks interrupted is left to apt-get while dpkg's lock is held."""
+    (packages / "audit").write_text("half-installed\n")
+    with (packages / "dpkg-state/lock").open("w") as lock:
+        fcntl.lockf(lock, fcntl.LOCK_EX)
+        running = apt_install(checkout, packages)
+        _, errors = running.communicate(timeout=LIMIT)
+    assert running.returncode == 0, errors
+    assert (packages / "installed").exists()
