@@ -20,7 +20,7 @@ CXX_SOURCES = $(shell find veldarin util migbase veldarin_simulator tests checks
 # Starts the interpreter with the modules of $(BUILD).
 RUN = MODULES_UTIL_BUILD=$(BUILD) $(if $(filter asan,$(PRESET)),tools/with-asan) $(PYTHON)
 # Builds PRESET, or TARGETs of it: $(call build,PRESET[,TARGET ...]).
-build = @tools/step build-$(1) "building $(1)" $(CMAKE) --build build/$(1) $(if $(2),--target $(2))
+build = @tools/step --lock $(1) build-$(1) "building $(1)" $(CMAKE) --build build/$(1) $(if $(2),--target $(2))
 
 .PHONY: help
 help:  ## List these commands
@@ -39,7 +39,7 @@ check: lint build  ## Lint, and run the module's own tests; for the inner loop
 	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
 
 .PHONY: test
-test: bootstrap-browser lint build callgrind  ## Lint, and run every test
+test: bootstrap-browser+lint+callgrind lint build callgrind  ## Lint, and run every test
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build
@@ -67,7 +67,7 @@ lint-mypy: bootstrap-lint
 lint-clang-format: bootstrap-lint
 	@.venv/bin/clang-format --dry-run --Werror $(CXX_SOURCES)
 lint-clang-tidy: bootstrap-lint bootstrap-callgrind $(BUILD)/build.ninja
-	@tools/step tidy "clang-tidy" $(CMAKE) --build $(BUILD) --target tidy -- -k 0
+	@tools/step --lock $(PRESET) tidy "clang-tidy" $(CMAKE) --build $(BUILD) --target tidy -- -k 0
 lint-spelling: bootstrap-lint
 	@$(PYTHON) tools/check_words.py
 
@@ -158,15 +158,16 @@ lock:  ## Lock the newest packages of pyproject.toml in requirements/
 clean:  ## Remove everything that was built; .venv stays
 	@rm -rf build
 
+# One group, or several with a "+" between them: what is missing is then named in one line.
 bootstrap-%:
-	@tools/bootstrap $*
+	@tools/bootstrap $(subst +, ,$*)
 
 # Configures a tree when the presets change; ninja tracks everything else.
 build/%/build.ninja: CMakePresets.json
-	@tools/step configure-$* "configuring $*" $(CMAKE) --preset $*
+	@tools/step --lock $* configure-$* "configuring $*" $(CMAKE) --preset $*
 
 # These trees also keep the path of the MIPS interpreter, which changes with the scripts that build it.
 build/mips/build.ninja build/mips-fault-injection/build.ninja: CMakePresets.json \
 		cmake/mips-linux-gnu.cmake $(addprefix cross/mips/,config.sh build-libraries build-cpython)
-	@tools/step configure-$(notdir $(@D)) "configuring $(notdir $(@D))" \
+	@tools/step --lock $(notdir $(@D)) configure-$(notdir $(@D)) "configuring $(notdir $(@D))" \
 		$(CMAKE) --preset $(notdir $(@D)) --fresh
