@@ -9,8 +9,8 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import entry, line, raises_exactly, with_types, wrong_type_message
-from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
+from tests.support.assertions import line, raises_exactly, with_types
+from tests.support.doubles import Failure, Recorder, raiser
 from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
@@ -106,22 +106,6 @@ def test_empty_interface_list_raises_unbound_local(
         ("JSONObject.release", {"name": name}),
         ("JSONObject.release", reply_of()),
     ]
-
-
-@pytest.mark.parametrize(
-    "name", [b"A", 5, StrSubclass("A"), ["A"], True], ids=lambda name: type(name).__name__
-)
-def test_non_str_name_raises_type_error(
-    simulator: Simulator, module: ModuleType, name: object
-) -> None:
-    made = simulator.on_create = Recorder()
-    error = raises_exactly(TypeError, module.list_system_interface_physical, name)
-    assert str(error) == wrong_type_message("name", "str", name)
-    found = entry(error, "list_system_interface_physical")
-    assert found.line == found.first_line
-    assert 130 < found.line < 134
-    assert made.calls == []
-    assert simulator.call_log == []
 
 
 @pytest.mark.parametrize(
