@@ -1,5 +1,4 @@
-"""Sniffer profiles: the summary, and the event that chooses which native function controls a
-capture."""
+"""Sniffer profiles: the event that chooses which native function controls a capture."""
 
 from __future__ import annotations
 
@@ -22,13 +21,6 @@ EVENTS = [
     ("Pause", "build_pause_sniffer_profile_capture"),
     ("Delete", "build_delete_sniffer_profile_capture"),
 ]
-
-
-def test_summary_is_returned(simulator: Simulator, module: ModuleType) -> None:
-    reply = {"profiles": [{"name": "p1", "packets": 17}], "data": None}
-    simulator.set_reply("build_system_sniffer_profile_summary", reply)
-    assert module.get_system_sniffer_profile_summary() == reply
-    assert without_releases(simulator) == [("build_system_sniffer_profile_summary", {})]
 
 
 @pytest.mark.parametrize("event, native", EVENTS)

@@ -117,60 +117,32 @@ def test_unserializable_argument_raises_sibling_error(
 
 
 @pytest.mark.parametrize(
-    "function, native, port, request_sent",
+    "query, port, request_sent",
     [
-        ("list_switch_port_statistics", "build_switch_port_statistics", None, {}),
-        ("list_switch_port_statistics", "build_switch_port_statistics", "", {"port_name": ""}),
-        ("list_switch_port_statistics", "build_switch_port_statistics", "p", {"port_name": "p"}),
-        ("list_switch_lldp_state", "build_switch_lldp_state", None, {}),
-        ("list_switch_lldp_state", "build_switch_lldp_state", "", {"port_name": ""}),
-        ("list_switch_lldp_state", "build_switch_lldp_state", "p\u00e9", {"port_name": "p\u00e9"}),
-        ("list_switch_igmp_snooping_group", "build_switch_igmp_snooping_group", None, {}),
-        ("list_switch_igmp_snooping_group", "build_switch_igmp_snooping_group", "", {}),
-        (
-            "list_switch_igmp_snooping_group",
-            "build_switch_igmp_snooping_group",
-            " ",
-            {"port_name": " "},
-        ),
+        ("switch_port_statistics", None, {}),
+        ("switch_port_statistics", "", {"port_name": ""}),
+        ("switch_port_statistics", "p", {"port_name": "p"}),
+        ("switch_lldp_state", None, {}),
+        ("switch_lldp_state", "", {"port_name": ""}),
+        ("switch_lldp_state", "p\u00e9", {"port_name": "p\u00e9"}),
+        ("switch_igmp_snooping_group", None, {}),
+        ("switch_igmp_snooping_group", "", {}),
+        ("switch_igmp_snooping_group", " ", {"port_name": " "}),
     ],
 )
 def test_port_name_none_sends_empty_request(
     simulator: Simulator,
     module: ModuleType,
-    function: str,
-    native: str,
+    query: str,
     port: str | None,
     request_sent: dict[str, str],
 ) -> None:
+    native = f"build_{query}"
     made = simulator.on_create = Recorder()
     simulator.set_reply(native, {"ports": [port]})
-    assert getattr(module, function)(port) == {"ports": [port]}
+    assert getattr(module, f"list_{query}")(port) == {"ports": [port]}
     assert without_releases(simulator) == [(native, request_sent)]
     request = made.positional[0][0][0]
     assert request == request_sent
     if request_sent:
         assert request["port_name"] is port
-
-
-def test_module_summary_calls_plural_service_name(simulator: Simulator, module: ModuleType) -> None:
-    simulator.set_reply("build_switch_modules_summary", {"modules": 2})
-    assert module.list_switch_module_summary() == {"modules": 2}
-    assert without_releases(simulator) == [("build_switch_modules_summary", {})]
-
-
-@pytest.mark.parametrize(
-    "function, native",
-    [
-        ("list_switch_lg_state", "build_switch_lg_state"),
-        ("list_switch_flapguard_status", "build_switch_flapguard_status"),
-        ("list_switch_module_summary", "build_switch_modules_summary"),
-    ],
-)
-def test_no_args_query_returns_whole_reply(
-    simulator: Simulator, module: ModuleType, function: str, native: str
-) -> None:
-    reply = {"statuses": [{"trunks": 1}], "data": {}}
-    simulator.set_reply(native, reply)
-    assert getattr(module, function)() == reply
-    assert without_releases(simulator) == [(native, {})]

@@ -1,5 +1,5 @@
-"""The system queries: flash list, link monitors, and the interface that is selected from the reply
-with Python's item, iteration and comparison semantics."""
+"""The interface that a system query selects from the reply with Python's item, iteration and
+comparison semantics."""
 
 from __future__ import annotations
 
@@ -20,22 +20,6 @@ PHYSICAL = "build_system_interface_physical"
 def reply_of(*entries: object) -> list[dict[str, object]]:
     """A reply with these interfaces."""
     return [{"interface": list(entries)}]
-
-
-@pytest.mark.parametrize(
-    "function, native",
-    [
-        ("list_system_flash_list_status", "build_system_flash_list"),
-        ("list_system_link_monitor_status", "build_system_link_monitor_status"),
-    ],
-)
-@pytest.mark.parametrize("reply", [None, [], {"flashes": [1]}, [{"statuses": {"name": 2}}]])
-def test_list_reply_is_returned(
-    simulator: Simulator, module: ModuleType, function: str, native: str, reply: object
-) -> None:
-    simulator.set_reply(native, reply)
-    assert getattr(module, function)() == reply
-    assert without_releases(simulator) == [(native, {})]
 
 
 A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
