@@ -511,24 +511,28 @@ REFUSED = (
 )
 
 
-def test_second_module_execution_raises_and_changes_nothing() -> None:
-    def execute_two() -> list[Any]:
-        SiblingSandbox()
-        first, second = create_module(), create_module()
-        first.__loader__.exec_module(first)
-        try:
-            second.__loader__.exec_module(second)
-        except RuntimeError as raised:
-            error = encode_exception(raised)
-        again = create_module()
-        executed = [hasattr(first, "_CHARSET"), hasattr(second, "_CHARSET")]
-        return [error, executed, sys.modules[MODULE] is first, again is first]
+def execute_two() -> list[Any]:
+    """Execute two modules; return the error of the second and the state of both."""
+    SiblingSandbox()
+    first, second = create_module(), create_module()
+    exec_module(first)
+    try:
+        exec_module(second)
+    except RuntimeError as raised:
+        error = encode_exception(raised)
+    again = create_module()
+    executed = [hasattr(module, "_CHARSET") for module in (first, second)]
+    return [error, executed, sys.modules[MODULE] is first, again is first]
 
-    raised, *state = isolated.value(execute_two)
-    error = isolated.Error.of(raised)
+
+def test_second_module_execution_raises_runtime_error() -> None:
+    error = isolated.Error.of(isolated.value(execute_two)[0])
     assert (error.type, error.text) == REFUSED
     assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
-    assert state == [[True, False], True, True]
+
+
+def test_rejected_module_is_unchanged_and_first_stays() -> None:
+    assert isolated.value(execute_two)[1:] == [[True, False], True, True]
 
 
 def act_during_execution(act: str) -> dict[str, Any]:
