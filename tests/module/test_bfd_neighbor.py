@@ -419,24 +419,20 @@ def test_repeated_timer_key_keeps_last_value(cli: FakeCli, title: str, key: str)
 
 
 @KEYS
-@pytest.mark.parametrize("present", [0, 1, 2])
-def test_truncated_timers_log_and_become_fields(
-    cli: FakeCli, title: str, key: str, present: int
+@pytest.mark.parametrize(
+    "lines, fields",
+    [
+        ([], []),
+        (["a: 1"], [("a", "1")]),
+        (["a: 1", "b: 2"], [("a", "1"), ("b", "2")]),
+        (["none", "b: 2", "c: 3 packets"], [("b", "2"), ("c", "3 ")]),
+        (["a: 1", "none", "c: 3 packets"], [("a", "1"), ("c", "3 ")]),
+        (["a: 1", "b: 2", "none"], [("a", "1"), ("b", "2")]),
+    ],
+)
+def test_incomplete_timers_log_and_become_fields(
+    cli: FakeCli, title: str, key: str, lines: list[str], fields: list[tuple[str, str]]
 ) -> None:
-    lines = ["a: 1", "b: 2"][:present]
-    assert session(cli, title, *lines) == [("a", "1"), ("b", "2")][:present]
-    assert cli.debug_messages == [OUT_OF_RANGE]
-
-
-@KEYS
-@pytest.mark.parametrize("faulty", [0, 1, 2])
-def test_timer_without_colon_logs_and_lines_become_fields(
-    cli: FakeCli, title: str, key: str, faulty: int
-) -> None:
-    lines = ["a: 1", "b: 2", "c: 3 packets"]
-    fields = [("a", "1"), ("b", "2"), ("c", "3 ")]
-    lines[faulty] = "none"
-    del fields[faulty]
     assert session(cli, title, *lines) == fields
     assert cli.debug_messages == [OUT_OF_RANGE]
 
@@ -741,15 +737,13 @@ def test_logger_error_propagates(cli: FakeCli, kind: type[BaseException]) -> Non
 
 def test_missing_logger_raises_name_error(cli: FakeCli) -> None:
     cli.delete("_logger")
-    cli.set_output("echo", "peer A")
-    error = raises_exactly(NameError, cli.parser.get_bfd_neighbor, "command", {})
+    error = raises_exactly(NameError, parsed, cli, "peer A")
     assert str(error) == "name '_logger' is not defined"
 
 
 def test_logger_without_debug_raises_attribute_error(cli: FakeCli) -> None:
     cli.patch("_logger", object())
-    cli.set_output("echo", "peer A")
-    error = raises_exactly(AttributeError, cli.parser.get_bfd_neighbor, "command", {})
+    error = raises_exactly(AttributeError, parsed, cli, "peer A")
     assert str(error) == "'object' object has no attribute 'debug'"
 
 

@@ -320,7 +320,9 @@ def test_first_failed_check_is_reported(
 
 
 @rows("keywords")
-def test_binding_error_has_one_entry_at_first_line(module: ModuleType, function: Function) -> None:
+def test_binding_error_has_one_entry_at_first_line(
+    simulator: Simulator, module: ModuleType, function: Function
+) -> None:
     first = function.parameters[0].name
     faulty: list[tuple[tuple[Any, ...], dict[Any, Any]]] = [
         ((None,) * 5, {}),
@@ -336,6 +338,7 @@ def test_binding_error_has_one_entry_at_first_line(module: ModuleType, function:
         (entry,) = traceback_entries(error.__traceback__)
         assert entry == Entry(function.name, entry.first_line, entry.first_line)
         assert low <= entry.first_line <= high
+    assert simulator.call_log == []
 
 
 # Results of binding, as the request or the command shows them
@@ -493,7 +496,7 @@ WRONG: dict[type, list[object]] = {
         [],
         object(),
     ],
-    str: [b"text", StrSubclass("text"), bytearray(b""), 0, False, (), {}, object()],
+    str: [b"text", StrSubclass("text"), bytearray(b""), 0, False, (), {}, ["text"], object()],
 }
 
 
@@ -514,15 +517,20 @@ def test_typed_parameter_accepts_exact_type_only(
 ) -> None:
     parameter = function.parameters[position]
     assert parameter.type is not None
+    made: list[object] = []
+    simulator.on_create = made.append
     for value in [*WRONG[parameter.type], of_type_named("größe")]:
-        error = raises_exactly(
-            TypeError, getattr(module, function.name), *arguments_around(function, position, value)
-        )
-        assert str(error) == wrong_type_message(parameter.name, parameter.type.__name__, value)
-        (entry,) = traceback_entries(error.__traceback__)
-        assert entry == Entry(function.name, entry.first_line, entry.first_line)
-        assert function.first_line[0] <= entry.first_line <= function.first_line[1]
-    assert simulator.call_log == []
+        given = arguments_around(function, position, value)
+        calls: list[tuple[Any, dict[str, object]]] = [(given, {})]
+        if function.kind == "keywords":
+            calls.append(((), dict(zip([each.name for each in function.parameters], given))))
+        for args, kwargs in calls:
+            error = call_error(getattr(module, function.name), args, kwargs)
+            assert str(error) == wrong_type_message(parameter.name, parameter.type.__name__, value)
+            (entry,) = traceback_entries(error.__traceback__)
+            assert entry == Entry(function.name, entry.first_line, entry.first_line)
+            assert function.first_line[0] <= entry.first_line <= function.first_line[1]
+    assert (made, simulator.call_log) == ([], [])
 
 
 @pytest.mark.parametrize(
@@ -551,7 +559,10 @@ NONE_REFUSED = {
 def test_none_for_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, name: str, text: str
 ) -> None:
-    assert error_text(module, name, [None]) == text
+    error = call_error(getattr(module, name), [None], {})
+    assert str(error) == text
+    (entry,) = traceback_entries(error.__traceback__)
+    assert (entry.function, entry.line < 94) == (name, True)
     assert simulator.call_log == []
 
 

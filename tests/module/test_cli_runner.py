@@ -4,7 +4,7 @@ is freed on every path."""
 from __future__ import annotations
 
 from types import ModuleType
-from typing import Any
+from typing import Any, TypeVar
 
 import pytest
 
@@ -28,17 +28,54 @@ from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
 FUNCTION = "get_cli_command_output"
+NULL_RESULT = "get_cli_command_output's result is null."
+
+E = TypeVar("E", bound=BaseException)
 
 
 class ByteArray(bytearray):
     """A subclass of bytearray."""
 
 
-def sent(simulator: Simulator) -> list[bytes | None]:
-    """The commands that reached the service, each with a null context."""
-    assert all(call.service == "get_cli_cmd_output" for call in simulator.call_log)
-    assert all(call.context is None for call in simulator.call_log)
-    return [call.text for call in simulator.call_log]
+class Runner:
+    """The command runner, whose service prints "output" unless a test sets another reply."""
+
+    def __init__(self, simulator: Simulator, module: ModuleType, patch: Patch) -> None:
+        self.simulator = simulator
+        self.module = module
+        self.run = module.get_cli_command_output
+        self.patch = patch
+        self.reply("output")
+
+    def reply(self, output: Any) -> None:
+        """Set the output of each command, or the function that returns it."""
+        self.simulator.set_reply("get_cli_cmd_output", output)
+
+    @property
+    def sent(self) -> list[bytes | None]:
+        """The commands that reached the service, each with a null context."""
+        calls = self.simulator.call_log
+        assert all((call.service, call.context) == ("get_cli_cmd_output", None) for call in calls)
+        return [call.text for call in calls]
+
+    @property
+    def live_buffers(self) -> int:
+        """The number of native buffers that are not freed."""
+        return self.simulator.live_objects.text_buffers
+
+    def fails(self, kind: type[E], command: object = "command") -> E:
+        """Return the exception of a call that leaves one traceback entry and frees the buffer."""
+        error = raises_exactly(kind, self.run, command)
+        (found,) = traceback_entries(error.__traceback__)
+        assert (found.function, found.line > 0) == (FUNCTION, True)
+        assert self.live_buffers == 0
+        return error
+
+
+@pytest.fixture
+def runner(simulator: Simulator, module: ModuleType, patch: Patch) -> Runner:
+    """The command runner of the module."""
+    return Runner(simulator, module, patch)
 
 
 # The command
@@ -60,78 +97,65 @@ def sent(simulator: Simulator) -> list[bytes | None]:
     ],
 )
 def test_command_is_encoded_and_cut_to_buffer_size(
-    simulator: Simulator, module: ModuleType, command: str, arrives: bytes
+    runner: Runner, command: str, arrives: bytes
 ) -> None:
-    simulator.set_reply("get_cli_cmd_output", "output")
-    assert module.get_cli_command_output(command) == "output"
-    assert sent(simulator) == [arrives]
+    assert runner.run(command) == "output"
+    assert runner.sent == [arrives]
 
 
-def test_each_call_runs_command_again(simulator: Simulator, module: ModuleType) -> None:
+def test_each_call_runs_command_again(runner: Runner) -> None:
     outputs = iter(["first", "second"])
-    simulator.set_reply("get_cli_cmd_output", lambda command: next(outputs))
-    assert [module.get_cli_command_output("c") for _ in range(2)] == ["first", "second"]
-    assert sent(simulator) == [b"c", b"c"]
+    runner.reply(lambda command: next(outputs))
+    assert [runner.run("c") for _ in range(2)] == ["first", "second"]
+    assert runner.sent == [b"c", b"c"]
 
 
 @pytest.mark.parametrize(
     "command", [b"c", StrSubclass("c"), 5, ["c"], bytearray(b"c")], ids=lambda c: type(c).__name__
 )
-def test_non_str_command_is_rejected_before_any_call(
-    simulator: Simulator, module: ModuleType, patch: Patch, command: object
-) -> None:
+def test_non_str_command_is_rejected_before_any_call(runner: Runner, command: object) -> None:
     encode = Recorder()
-    patch("bytes_", encode)
-    error = raises_exactly(TypeError, module.get_cli_command_output, command)
+    runner.patch("bytes_", encode)
+    error = runner.fails(TypeError, command)
     assert str(error) == wrong_type_message("cmd_s", "str", command)
     found = entry(error, FUNCTION)
     assert found.line == found.first_line
     assert encode.calls == []
-    assert sent(simulator) == []
+    assert runner.sent == []
 
 
-def test_none_command_fails_in_encoding(simulator: Simulator, module: ModuleType) -> None:
-    error = raises_exactly(TypeError, module.get_cli_command_output, None)
-    assert str(error) == "expected bytes, NoneType found"
-    assert line(error, FUNCTION)
-    assert sent(simulator) == []
+def test_none_command_fails_in_encoding(runner: Runner) -> None:
+    assert str(runner.fails(TypeError, None)) == "expected bytes, NoneType found"
+    assert runner.sent == []
 
 
 @pytest.mark.parametrize("command", ["plain", None])
-def test_command_is_encoded_with_charset(
-    simulator: Simulator, module: ModuleType, patch: Patch, command: str | None
-) -> None:
+def test_command_is_encoded_with_charset(runner: Runner, command: str | None) -> None:
     character_set = object()
     encode = Recorder(lambda text, encoding: b"encoded")
-    patch("bytes_", encode)
-    patch("_CHARSET", character_set)
-    patch("text_", lambda value, encoding: "text")
-    simulator.set_reply("get_cli_cmd_output", "output")
-    assert module.get_cli_command_output(command) == "text"
+    runner.patch("bytes_", encode)
+    runner.patch("_CHARSET", character_set)
+    runner.patch("text_", lambda value, encoding: "text")
+    assert runner.run(command) == "text"
     ((text, encoding),) = encode.positional
     assert text is command
     assert encoding is character_set
-    assert sent(simulator) == [b"encoded"]
+    assert runner.sent == [b"encoded"]
 
 
 @pytest.mark.parametrize(
     "encoded",
-    [b"encoded", bytearray(b"encoded"), BytesSubclass(b"encoded"), ByteArray(b"encoded")],
-    ids=lambda encoded: type(encoded).__name__,
+    [b"encoded", bytearray(b"encoded"), bytearray(), BytesSubclass(b"e"), ByteArray(b"e")],
+    ids=repr,
 )
-def test_encoded_bytes_or_bytearray_is_accepted(
-    simulator: Simulator, module: ModuleType, patch: Patch, encoded: bytes
-) -> None:
-    patch("bytes_", lambda text, encoding: encoded)
-    simulator.set_reply("get_cli_cmd_output", "output")
-    assert module.get_cli_command_output("command") == "output"
-    assert sent(simulator) == [b"encoded"]
+def test_encoded_bytes_or_bytearray_is_accepted(runner: Runner, encoded: bytes) -> None:
+    runner.patch("bytes_", lambda text, encoding: encoded)
+    assert runner.run("command") == "output"
+    assert runner.sent == [bytes(encoded)]
 
 
 @pytest.mark.parametrize("kind", [bytes, bytearray])
-def test_encoded_command_is_released_before_native_call(
-    simulator: Simulator, module: ModuleType, patch: Patch, kind: type[bytes]
-) -> None:
+def test_encoded_command_is_released_before_native_call(runner: Runner, kind: type[bytes]) -> None:
     events: list[object] = []
 
     class Encoded(kind):  # type: ignore[valid-type, misc]
@@ -142,38 +166,24 @@ def test_encoded_command_is_released_before_native_call(
         events.append(command)
         return "output"
 
-    patch("bytes_", lambda text, encoding: Encoded(b"encoded"))
-    simulator.set_reply("get_cli_cmd_output", reply)
-    module.get_cli_command_output("command")
+    runner.patch("bytes_", lambda text, encoding: Encoded(b"encoded"))
+    runner.reply(reply)
+    runner.run("command")
     assert events == ["dropped", b"encoded"]
-
-
-def test_empty_bytearray_is_empty_command(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
-    patch("bytes_", lambda text, encoding: bytearray())
-    simulator.set_reply("get_cli_cmd_output", "output")
-    assert module.get_cli_command_output("command") == "output"
-    assert sent(simulator) == [b""]
 
 
 @pytest.mark.parametrize(
     "encoded", ["text", None, 5, memoryview(b"c"), [99]], ids=lambda e: type(e).__name__
 )
-def test_encoded_non_bytes_raises_type_error(
-    simulator: Simulator, module: ModuleType, patch: Patch, encoded: object
-) -> None:
-    patch("bytes_", lambda text, encoding: encoded)
-    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
-    assert str(error) == f"expected bytes, {type(encoded).__name__} found"
-    assert line(error, FUNCTION)
-    assert sent(simulator) == []
+def test_encoded_non_bytes_raises_type_error(runner: Runner, encoded: object) -> None:
+    runner.patch("bytes_", lambda text, encoding: encoded)
+    assert str(runner.fails(TypeError)) == f"expected bytes, {type(encoded).__name__} found"
+    assert runner.sent == []
 
 
-def test_unencodable_command_is_not_sent(simulator: Simulator, module: ModuleType) -> None:
-    error = raises_exactly(UnicodeEncodeError, module.get_cli_command_output, "\ud800")
-    assert line(error, FUNCTION)
-    assert sent(simulator) == []
+def test_unencodable_command_is_not_sent(runner: Runner) -> None:
+    runner.fails(UnicodeEncodeError, "\ud800")
+    assert runner.sent == []
 
 
 # The output
@@ -200,51 +210,44 @@ def test_unencodable_command_is_not_sent(simulator: Simulator, module: ModuleTyp
     ],
 )
 def test_output_is_returned_without_pager_prompts(
-    simulator: Simulator, module: ModuleType, output: str | bytes, text: str
+    runner: Runner, output: str | bytes, text: str
 ) -> None:
-    simulator.set_reply("get_cli_cmd_output", output)
-    result = module.get_cli_command_output("command")
+    runner.reply(output)
+    result = runner.run("command")
     assert (type(result), result) == (str, text)
-    assert simulator.live_objects.text_buffers == 0
+    assert runner.live_buffers == 0
 
 
-def test_decoder_gets_bytes_up_to_nul_and_charset(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_decoder_gets_bytes_up_to_nul_and_charset(runner: Runner) -> None:
     character_set = object()
     decode = Recorder(lambda value, encoding: "a--More--b")
-    patch("bytes_", lambda text, encoding: b"command")
-    patch("text_", decode)
-    patch("_CHARSET", character_set)
-    simulator.set_reply("get_cli_cmd_output", b"\xffout\0put")
-    assert module.get_cli_command_output("command") == "ab"
+    runner.patch("bytes_", lambda text, encoding: b"command")
+    runner.patch("text_", decode)
+    runner.patch("_CHARSET", character_set)
+    runner.reply(b"\xffout\0put")
+    assert runner.run("command") == "ab"
     ((value, encoding),) = decode.positional
     assert (type(value), value) == (bytes, b"\xffout")
     assert encoding is character_set
 
 
-def test_charset_is_looked_up_for_each_conversion(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_charset_is_looked_up_for_each_conversion(runner: Runner) -> None:
     def reply(command: bytes) -> bytes:
-        patch("_CHARSET", "utf-16-le")
+        runner.patch("_CHARSET", "utf-16-le")
         return b"o"  # and its NUL ends the text
 
     decode = Recorder(lambda value, encoding: encoding)
-    patch("_CHARSET", "latin-1")
-    patch("text_", decode)
-    simulator.set_reply("get_cli_cmd_output", reply)
-    assert module.get_cli_command_output("\u00e9") == "utf-16-le"
-    assert sent(simulator) == [b"\xe9"]
+    runner.patch("_CHARSET", "latin-1")
+    runner.patch("text_", decode)
+    runner.reply(reply)
+    assert runner.run("\u00e9") == "utf-16-le"
+    assert runner.sent == [b"\xe9"]
 
 
-def test_str_subclass_output_is_accepted(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
-    simulator.set_reply("get_cli_cmd_output", "output")
+def test_str_subclass_output_is_accepted(runner: Runner) -> None:
     for text, expected in (("a--More--b", "ab"), ("plain", "plain")):
-        patch("text_", lambda value, encoding, text=text: StrSubclass(text))
-        result = module.get_cli_command_output("command")
+        runner.patch("text_", lambda value, encoding, text=text: StrSubclass(text))
+        result = runner.run("command")
         assert (type(result), result) == (str, expected)
 
 
@@ -259,75 +262,52 @@ def test_str_subclass_output_is_accepted(
     ],
 )
 def test_non_str_output_raises_and_frees_buffer(
-    simulator: Simulator,
-    module: ModuleType,
-    patch: Patch,
-    decoded: object,
-    kind: type[Exception],
-    text: str,
+    runner: Runner, decoded: object, kind: type[Exception], text: str
 ) -> None:
-    patch("text_", lambda value, encoding: decoded)
-    simulator.set_reply("get_cli_cmd_output", "output")
-    error = raises_exactly(kind, module.get_cli_command_output, "command")
-    assert str(error) == text
-    assert line(error, FUNCTION)
-    assert simulator.live_objects.text_buffers == 0
+    runner.patch("text_", lambda value, encoding: decoded)
+    assert str(runner.fails(kind)) == text
 
 
-def test_undecodable_output_raises_and_frees_buffer(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    simulator.set_reply("get_cli_cmd_output", b"\xff")
-    error = raises_exactly(UnicodeDecodeError, module.get_cli_command_output, "command")
+def test_undecodable_output_raises_and_frees_buffer(runner: Runner) -> None:
+    runner.reply(b"\xff")
+    error = runner.fails(UnicodeDecodeError)
     assert (error.encoding, error.object) == ("utf-8", b"\xff")
-    assert line(error, FUNCTION)
-    assert simulator.live_objects.text_buffers == 0
 
 
-def test_buffer_is_freed_after_decoding(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_buffer_is_freed_after_decoding(runner: Runner) -> None:
     alive: list[int] = []
 
     def decode(value: bytes, encoding: str) -> str:
-        alive.append(simulator.live_objects.text_buffers)
+        alive.append(runner.live_buffers)
         return "text"
 
-    patch("text_", decode)
-    simulator.set_reply("get_cli_cmd_output", "output")
-    module.get_cli_command_output("command")
+    runner.patch("text_", decode)
+    runner.run("command")
     assert alive == [1]
-    assert simulator.live_objects.text_buffers == 0
+    assert runner.live_buffers == 0
 
 
 # No output
 
 
-def test_null_output_raises_c_function_error(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_null_output_raises_c_function_error(runner: Runner) -> None:
     decode = Recorder()
-    patch("text_", decode)
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(module.CFunctionError, module.get_cli_command_output, "command")
-    assert error.args == ("get_cli_command_output's result is null.",)
-    assert line(error, FUNCTION)
+    runner.patch("text_", decode)
+    runner.reply(None)
+    assert runner.fails(runner.module.CFunctionError).args == (NULL_RESULT,)
     assert decode.calls == []
-    assert sent(simulator) == [b"command"]
+    assert runner.sent == [b"command"]
 
 
-def test_error_class_is_looked_up_at_failure(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_error_class_is_looked_up_at_failure(runner: Runner) -> None:
     class Other(Exception):
         pass
 
     def reply(command: bytes) -> None:
-        patch("CFunctionError", Other)
+        runner.patch("CFunctionError", Other)
 
-    simulator.set_reply("get_cli_cmd_output", reply)
-    error = raises_exactly(Other, module.get_cli_command_output, "command")
-    assert error.args == ("get_cli_command_output's result is null.",)
+    runner.reply(reply)
+    assert runner.fails(Other).args == (NULL_RESULT,)
 
 
 class ReturnedFailure(Exception):
@@ -341,73 +321,48 @@ class StoppingFailure(KeyboardInterrupt):
 @pytest.mark.parametrize("kind", [ReturnedFailure, StoppingFailure])
 @pytest.mark.parametrize("instance", [True, False], ids=["instance", "class"])
 def test_returned_exception_is_raised_as_by_raise(
-    simulator: Simulator,
-    module: ModuleType,
-    patch: Patch,
-    kind: type[BaseException],
-    instance: bool,
+    runner: Runner, kind: type[BaseException], instance: bool
 ) -> None:
     returned = kind("by the call") if instance else kind
     make = Recorder(lambda message: returned)
-    patch("CFunctionError", make)
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(kind, module.get_cli_command_output, "command")
+    runner.patch("CFunctionError", make)
+    runner.reply(None)
+    error = runner.fails(kind)
     assert error.args == (("by the call",) if instance else ())
     assert (error is returned) == instance
-    assert make.positional == [("get_cli_command_output's result is null.",)]
-    assert line(error, FUNCTION)
+    assert make.positional == [(NULL_RESULT,)]
 
 
 @pytest.mark.parametrize("returned", [None, "text", 5, object], ids=repr)
-def test_returned_non_exception_raises_type_error(
-    simulator: Simulator, module: ModuleType, patch: Patch, returned: object
-) -> None:
-    patch("CFunctionError", lambda message: returned)
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
-    assert str(error) == "exceptions must derive from BaseException"
-    assert line(error, FUNCTION)
+def test_returned_non_exception_raises_type_error(runner: Runner, returned: object) -> None:
+    runner.patch("CFunctionError", lambda message: returned)
+    runner.reply(None)
+    assert str(runner.fails(TypeError)) == "exceptions must derive from BaseException"
 
 
-def test_returned_class_that_fails_raises_its_own_error(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
-    error = Failure()
-
-    class Unmakable(Exception):
-        def __init__(self) -> None:
-            raise error
-
-    patch("CFunctionError", lambda message: Unmakable)
-    simulator.set_reply("get_cli_cmd_output", None)
-    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
-    assert line(error, FUNCTION)
-
-
-def test_returned_class_without_instances_raises_type_error(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_returned_class_without_instances_raises_type_error(runner: Runner) -> None:
     class Odd(Exception):
         def __new__(cls) -> Any:
             return 5
 
-    patch("CFunctionError", lambda message: Odd)
-    simulator.set_reply("get_cli_cmd_output", None)
-    error = raises_exactly(TypeError, module.get_cli_command_output, "command")
-    assert str(error) == (
+    runner.patch("CFunctionError", lambda message: Odd)
+    runner.reply(None)
+    assert str(runner.fails(TypeError)) == (
         f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
     )
-    assert line(error, FUNCTION)
 
 
-def test_failing_error_class_raises_its_own_error(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+@pytest.mark.parametrize("returned", [False, True])
+def test_failing_error_class_raises_its_own_error(runner: Runner, returned: bool) -> None:
     error = Failure()
-    patch("CFunctionError", raiser(error))
-    simulator.set_reply("get_cli_cmd_output", None)
-    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
-    assert line(error, FUNCTION)
+
+    class Unmakable(Exception):
+        def __init__(self, *args: object) -> None:
+            raise error
+
+    runner.patch("CFunctionError", (lambda message: Unmakable) if returned else Unmakable)
+    runner.reply(None)
+    assert runner.fails(Failure) is error
 
 
 # Globals and lines
@@ -423,61 +378,41 @@ def test_failing_error_class_raises_its_own_error(
     ],
 )
 def test_missing_global_raises_name_error(
-    simulator: Simulator,
-    module: ModuleType,
-    patch: Patch,
-    name: str,
-    output: str | None,
-    commands: list[bytes],
+    runner: Runner, name: str, output: str | None, commands: list[bytes]
 ) -> None:
-    patch.delete(name)
-    simulator.set_reply("get_cli_cmd_output", output)
-    error = raises_exactly(NameError, module.get_cli_command_output, "command")
-    assert str(error) == f"name '{name}' is not defined"
-    assert line(error, FUNCTION)
-    assert sent(simulator) == commands
-    assert simulator.live_objects.text_buffers == 0
+    runner.patch.delete(name)
+    runner.reply(output)
+    assert str(runner.fails(NameError)) == f"name '{name}' is not defined"
+    assert runner.sent == commands
 
 
-def test_charset_missing_at_decoding_frees_buffer(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_charset_missing_at_decoding_frees_buffer(runner: Runner) -> None:
     def reply(command: bytes) -> str:
-        patch.delete("_CHARSET")
+        runner.patch.delete("_CHARSET")
         return "output"
 
-    simulator.set_reply("get_cli_cmd_output", reply)
-    error = raises_exactly(NameError, module.get_cli_command_output, "command")
-    assert str(error) == "name '_CHARSET' is not defined"
-    assert simulator.live_objects.text_buffers == 0
+    runner.reply(reply)
+    assert str(runner.fails(NameError)) == "name '_CHARSET' is not defined"
 
 
 @pytest.mark.parametrize("name, commands", [("bytes_", []), ("text_", [b"command"])])
-def test_conversion_error_propagates(
-    simulator: Simulator, module: ModuleType, patch: Patch, name: str, commands: list[bytes]
-) -> None:
+def test_conversion_error_propagates(runner: Runner, name: str, commands: list[bytes]) -> None:
     error = Failure()
-    patch(name, raiser(error))
-    simulator.set_reply("get_cli_cmd_output", "output")
-    assert raises_exactly(Failure, module.get_cli_command_output, "command") is error
-    (found,) = traceback_entries(error.__traceback__)
-    assert found.function == FUNCTION
-    assert sent(simulator) == commands
-    assert simulator.live_objects.text_buffers == 0
+    runner.patch(name, raiser(error))
+    assert runner.fails(Failure) is error
+    assert runner.sent == commands
 
 
 def test_traceback_lines_increase_with_statements(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    runner: Runner, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     def failing_line(name: str, output: str | None) -> Any:
-        error = Failure()
-        simulator.set_reply("get_cli_cmd_output", output)
+        runner.reply(output)
         with monkeypatch.context() as patch:
-            patch.setattr(module, name, raiser(error))
-            raises_exactly(Failure, module.get_cli_command_output, "command")
-        return line(error, FUNCTION)
+            patch.setattr(runner.module, name, raiser(Failure()))
+            return line(runner.fails(Failure), FUNCTION)
 
-    refused = raises_exactly(TypeError, module.get_cli_command_output, 5)
+    refused = runner.fails(TypeError, 5)
     lines = [
         line(refused, FUNCTION),
         failing_line("bytes_", "output"),
@@ -510,21 +445,19 @@ class UnusedLogger:
     ],
 )
 def test_runner_logs_nothing(
-    simulator: Simulator,
-    module: ModuleType,
-    patch: Patch,
+    runner: Runner,
     caplog: pytest.LogCaptureFixture,
     command: Any,
     output: str | bytes | None,
     kind: str | None,
 ) -> None:
     logger = UnusedLogger()
-    patch("_logger", logger)
-    simulator.set_reply("get_cli_cmd_output", output)
+    runner.patch("_logger", logger)
+    runner.reply(output)
     raised = None
     with caplog.at_level(0):
         try:
-            module.get_cli_command_output(command)
+            runner.run(command)
         except Exception as error:
             raised = type(error).__name__
     assert raised == kind
@@ -532,11 +465,8 @@ def test_runner_logs_nothing(
     assert caplog.records == []
 
 
-def test_command_output_calls_replace_of_str_subclass(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_command_output_calls_replace_of_str_subclass(runner: Runner) -> None:
     called: list[str] = []
-    patch("text_", lambda value, encoding: OwnMethodsStr("text", called))
-    simulator.set_reply("get_cli_cmd_output", "output")
-    assert module.get_cli_command_output("command") == "replaced"
+    runner.patch("text_", lambda value, encoding: OwnMethodsStr("text", called))
+    assert runner.run("command") == "replaced"
     assert called == ["replace"]

@@ -44,6 +44,14 @@ def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
     return simulator.secret_path
 
 
+@pytest.fixture
+def opened(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Recorder:
+    """The module's `open`, which records its calls."""
+    opened = Recorder(builtins.open)
+    monkeypatch.setattr(module, "open", opened, raising=False)
+    return opened
+
+
 # The file itself
 
 
@@ -121,11 +129,9 @@ def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Pa
 
 
 def test_socket_at_path_raises_os_error(
-    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
+    module: ModuleType, secret_file: Path, opened: Recorder, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.chdir(secret_file.parent)  # a socket's path has at most 107 characters
-    opened = Recorder(builtins.open)
-    monkeypatch.setattr(module, "open", opened, raising=False)
     with socket.socket(socket.AF_UNIX) as server:
         server.bind(secret_file.name)
         error = raises_exactly(OSError, module.get_token)
@@ -153,10 +159,8 @@ def test_character_device_is_written_then_read(simulator: Simulator, module: Mod
 
 
 def test_null_device_gives_empty_secret(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator, module: ModuleType, opened: Recorder
 ) -> None:
-    opened = Recorder(builtins.open)
-    monkeypatch.setattr(module, "open", opened, raising=False)
     simulator.secret_path = null = Path(os.devnull)
     assert module.get_token() == ""
     assert opened.positional == [(null, "w"), (null, "r")]
@@ -173,12 +177,14 @@ def test_missing_directory_raises_file_not_found_error(
 
 
 def test_relative_path_is_made_absolute(
-    simulator: Simulator, module: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+    simulator: Simulator,
+    module: ModuleType,
+    tmp_path: Path,
+    opened: Recorder,
+    monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.chdir(tmp_path)
     simulator.secret_path = Path("relative")
-    opened = Recorder(builtins.open)
-    monkeypatch.setattr(module, "open", opened, raising=False)
     secret = module.get_token()
     assert (tmp_path / "relative").read_text() == secret
     assert opened.positional == [(tmp_path / "relative", "w"), (tmp_path / "relative", "r")]
@@ -368,19 +374,14 @@ def test_each_step_runs_once_in_order(module: ModuleType, steps: Steps) -> None:
     assert type(steps.events[8][1]) is int
 
 
-def test_existing_file_is_not_written(module: ModuleType, steps: Steps) -> None:
-    truth = CountingBool(True)
+@pytest.mark.parametrize("exists, opens", [(True, READ), (False, WRITE + READ)])
+def test_file_is_written_unless_is_file_result_is_true(
+    module: ModuleType, steps: Steps, exists: bool, opens: list[tuple[object, ...]]
+) -> None:
+    truth = CountingBool(exists)
     steps.replies["is a file"] = lambda: truth
     assert module.get_token() is steps.secret
-    assert steps.events == PATH + READ
-    assert truth.bool_calls == 1
-
-
-def test_any_false_is_file_result_writes_file(module: ModuleType, steps: Steps) -> None:
-    truth = CountingBool(False)
-    steps.replies["is a file"] = lambda: truth
-    assert module.get_token() is steps.secret
-    assert steps.events == PATH + WRITE + READ
+    assert steps.events == PATH + opens
     assert truth.bool_calls == 1
 
 
@@ -455,30 +456,17 @@ def test_open_is_looked_up_for_each_with(module: ModuleType, steps: Steps, patch
 # A failing step ends the call: its exception propagates unchanged, from the line of the step
 
 
-PATH_FAILURES = ["text", "path", "is a file"]
-WRITE_FAILURES = [
-    "absolute path",
-    "open w",
-    "w: entered",
-    "random",
-    "hexadecimal",
-    "decoded",
-    "written",
-    "w: exited",
-]
-READ_FAILURES = ["open r", "r: entered", "line", "secret", "r: exited"]
-# The steps in the body of a `with` statement, and the mode of its file.
 WITH_BODY_STEPS = {
-    "random": "w",
-    "hexadecimal": "w",
-    "decoded": "w",
-    "written": "w",
-    "line": "r",
-    "secret": "r",
+    **dict.fromkeys(["random", "hexadecimal", "decoded", "written"], "w"),
+    **dict.fromkeys(["line", "secret"], "r"),
 }
+OUTSIDE = ["text", "path", "is a file", "absolute path"]
+WITH = [step.format(mode) for mode in "wr" for step in ("open {}", "{}: entered", "{}: exited")]
+BODY = {"w": "written", "r": "line"}  # a step in the body of each `with`
+each_mode = pytest.mark.parametrize("mode", BODY)
 
 
-@pytest.mark.parametrize("step", PATH_FAILURES + WRITE_FAILURES + READ_FAILURES)
+@pytest.mark.parametrize("step", [*OUTSIDE, *WITH, *WITH_BODY_STEPS])
 def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps, step: str) -> None:
     error = Failure(step)
     steps.replies[step] = raiser(error)
@@ -544,14 +532,14 @@ def test_statement_fails_at_one_line(
 # `with` behaves like the interpreter's own statement
 
 
-@pytest.mark.parametrize("mode", ["w", "r"])
+@each_mode
 @pytest.mark.parametrize("kind", [Failure, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
 def test_failing_body_propagates_when_exit_returns_false(
     module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
 ) -> None:
     error = kind("in the body")
     truth = CountingBool(False)
-    steps.replies["written" if mode == "w" else "line"] = raiser(error)
+    steps.replies[BODY[mode]] = raiser(error)
     steps.replies[f"{mode}: exited"] = lambda: truth
     assert raises_exactly(kind, module.get_token) is error
     assert steps.events[-1][:3] == (f"{mode}: exit", kind, error)
@@ -625,30 +613,26 @@ def test_suppressed_read_error_raises_unbound_local(
     assert entry(error, "get_token").line
 
 
-@pytest.mark.parametrize("mode", ["w", "r"])
+@each_mode
+@pytest.mark.parametrize("at", ["call", "truth"])
 def test_failing_exit_keeps_body_error_as_context(
-    module: ModuleType, steps: Steps, mode: str
+    module: ModuleType, steps: Steps, mode: str, at: str
 ) -> None:
     body, leaving = Failure("in the body"), LookupError("while leaving")
-    steps.replies["written" if mode == "w" else "line"] = raiser(body)
-    steps.replies[f"{mode}: exited"] = raiser(leaving)
+    steps.replies[BODY[mode]] = raiser(body)
+
+    def exited() -> object:
+        if at == "call":
+            raise leaving
+        return CountingBool(leaving)
+
+    steps.replies[f"{mode}: exited"] = exited
     assert raises_exactly(LookupError, module.get_token) is leaving
     assert leaving.__context__ is body
     assert entry(leaving, "get_token").line
 
 
-@pytest.mark.parametrize("mode", ["w", "r"])
-def test_exit_result_truth_error_replaces_exception(
-    module: ModuleType, steps: Steps, mode: str
-) -> None:
-    body, truthless = Failure("in the body"), LookupError("no truth")
-    steps.replies["written" if mode == "w" else "line"] = raiser(body)
-    steps.replies[f"{mode}: exited"] = lambda: CountingBool(truthless)
-    assert raises_exactly(LookupError, module.get_token) is truthless
-    assert truthless.__context__ is body
-
-
-@pytest.mark.parametrize("mode", ["w", "r"])
+@each_mode
 def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode: str) -> None:
     error = Failure("entering")
     steps.replies[f"{mode}: entered"] = raiser(error)
@@ -681,7 +665,7 @@ class Neither:
     """Not a context manager."""
 
 
-@pytest.mark.parametrize("mode", ["w", "r"])
+@each_mode
 @pytest.mark.parametrize(
     "manager, missing", [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")]
 )
@@ -813,7 +797,7 @@ def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
     ]
 
 
-@pytest.mark.parametrize("mode", ["w", "r"])
+@each_mode
 def test_exit_gets_traceback_of_exception(module: ModuleType, steps: Steps, mode: str) -> None:
     seen: list[tuple[Any, Any]] = []
 

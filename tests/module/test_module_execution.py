@@ -9,7 +9,6 @@ from __future__ import annotations
 import importlib
 import sys
 import warnings
-from contextlib import suppress
 from types import BuiltinFunctionType, ModuleType
 from typing import Any
 
@@ -37,6 +36,7 @@ C_IMPORTS = [
     ("veldarin.modules.modules", "get_preference_cookie_secret_path", "function", "char *(void)"),
     ("util.string", "strtcpy", "function", "int (char *, int, char const *)"),
 ]
+each_c_import = pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
 
 # The module-level import statements in order: module, names.
 IMPORT_STATEMENTS: list[tuple[str, tuple[str, ...]]] = [
@@ -53,6 +53,13 @@ IMPORT_STATEMENTS: list[tuple[str, tuple[str, ...]]] = [
     ("copy", ()),
 ]
 FROM_IMPORTS = [(module, name) for module, names in IMPORT_STATEMENTS for name in names]
+
+# The module-level calls in order: module of the callee, callee, name of the result.
+CALLS = [
+    ("logging", "getLogger", "_logger"),
+    ("threading", "Lock", "_interface_lock"),
+    ("collections", "namedtuple", "Counters"),
+]
 
 
 # The sizes that instances of the imported types have.
@@ -247,7 +254,7 @@ def test_vtable_that_is_not_a_capsule_fails_import() -> None:
 # The C-level imports
 
 
-@pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
+@each_c_import
 def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signature: str) -> None:
     another = f"siblings['{module}'].__pyx_capi__['other'] = capsule(1, {signature.encode()!r})"
     missing = f"del siblings['{module}'].__pyx_capi__['{item}']"
@@ -264,7 +271,7 @@ def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signa
     ]
 
 
-@pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
+@each_c_import
 def test_capi_item_of_wrong_signature_fails_import(
     module: str, item: str, kind: str, signature: str
 ) -> None:
@@ -291,7 +298,7 @@ def test_capi_item_of_wrong_signature_fails_import(
     ]
 
 
-@pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
+@each_c_import
 def test_unnamed_capsule_raises_without_null_in_text(
     module: str, item: str, kind: str, signature: str
 ) -> None:
@@ -374,7 +381,7 @@ siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
 """
 
 
-@pytest.mark.parametrize(("module", "item", "kind", "signature"), C_IMPORTS)
+@each_c_import
 def test_capi_item_lookup_error_fails_import(
     module: str, item: str, kind: str, signature: str
 ) -> None:
@@ -399,51 +406,26 @@ def names_after_failures(*breaks: str) -> list[list[str]]:
     return result
 
 
-BINDINGS = [
-    "serial_number_ascii",
-    "hexlify",
-    "namedtuple",
-    "getLogger",
-    "urandom",
-    "Path",
-    "bytes_",
-    "text_",
-    "Lock",
-    "json",
-    "CFunctionError",
-    "copy",
-    "_logger",
-    "_INVALID_INDEX",
-    "_interface_count",
-    "_interface_lock",
-    "_CHARSET",
-    "Counters",
-]
+# The names in the order of the statements that bind them.
+BINDINGS = [name for module, names in IMPORT_STATEMENTS for name in names or (module,)]
+BINDINGS[BINDINGS.index("ujson")] = "json"
+BINDINGS += ["_logger", "_INVALID_INDEX", "_interface_count", "_interface_lock", "_CHARSET"]
+BINDINGS += ["Counters"]
+
+
+def failing_call(module: str, name: str, error: str) -> str:
+    """The statement that makes the call of an imported name raise an error."""
+    return f"siblings['{module}'] = with_attributes('{module}', {name}=raiser({error}))"
 
 
 FAILING_STATEMENTS = [
     # (statement that breaks a step, first name that is not bound then)
-    ("siblings['util.string'] = None", "serial_number_ascii"),
-    ("siblings['migbase.cmdbapi.cmdbapi_util'] = None", "serial_number_ascii"),
-    ("siblings['binascii'] = None", "hexlify"),
-    ("siblings['collections'] = None", "namedtuple"),
-    ("siblings['logging'] = None", "getLogger"),
-    ("siblings['os'] = None", "urandom"),
-    ("siblings['pathlib'] = None", "Path"),
-    ("siblings['pyramid.compat'] = None", "bytes_"),
-    ("siblings['threading'] = None", "Lock"),
-    ("siblings['ujson'] = None", "json"),
-    ("siblings['util.errors'] = None", "CFunctionError"),
-    ("siblings['copy'] = None", "copy"),
-    ("siblings['logging'] = with_attributes('logging', getLogger=raiser(OSError()))", "_logger"),
-    (
-        "siblings['threading'] = with_attributes('threading', Lock=raiser(OSError()))",
-        "_interface_lock",
+    ("siblings['util.string'] = None", BINDINGS[0]),
+    *(
+        (f"siblings['{module}'] = None", {"ujson": "json"}.get(module, (*names, module)[0]))
+        for module, names in IMPORT_STATEMENTS
     ),
-    (
-        "siblings['collections'] = with_attributes('collections', namedtuple=raiser(OSError()))",
-        "Counters",
-    ),
+    *((failing_call(module, name, "OSError()"), result) for module, name, result in CALLS),
 ]
 
 
@@ -454,31 +436,11 @@ def test_statements_bind_names_in_order() -> None:
     assert bound == [BINDINGS[: BINDINGS.index(unbound)] for _, unbound in FAILING_STATEMENTS]
 
 
-@pytest.mark.parametrize(
-    ("statement", "kind", "text"),
-    [
-        (
-            "siblings['logging'] = with_attributes("
-            "'logging', getLogger=raiser(OSError('no logger')))",
-            "OSError",
-            "no logger",
-        ),
-        (
-            "siblings['threading'] = with_attributes("
-            "'threading', Lock=raiser(MemoryError('no lock')))",
-            "MemoryError",
-            "no lock",
-        ),
-        (
-            "siblings['collections'] = with_attributes("
-            "'collections', namedtuple=raiser(KeyError('no')))",
-            "KeyError",
-            "'no'",
-        ),
-    ],
-)
-def test_failing_module_level_call_fails_import(statement: str, kind: str, text: str) -> None:
-    assert kind_and_text(statement) == (kind, text)
+@pytest.mark.parametrize(("module", "name", "result"), CALLS)
+def test_failing_module_level_call_fails_import(module: str, name: str, result: str) -> None:
+    errors = [("OSError", f"no {result}"), ("MemoryError", "")]
+    breaks = [[failing_call(module, name, f"{kind}({text!r})")] for kind, text in errors]
+    assert kinds_and_texts(*breaks) == errors
 
 
 def import_with_other_globals(statement: str, name: str) -> Any:
@@ -517,7 +479,7 @@ def test_module_level_calls_read_current_globals(statement: str, name: str, made
     assert isolated.value(import_with_other_globals, statement, name) == made
 
 
-@pytest.mark.parametrize("name", ["getLogger", "Lock", "namedtuple"])
+@pytest.mark.parametrize("name", [name for _module, name, _result in CALLS])
 def test_deleted_global_raises_name_error_in_import(name: str) -> None:
     error = isolated.error(import_with_other_globals, f"del module['{name}']", "_logger")
     assert (error.type, error.text) == ("NameError", f"name '{name}' is not defined")
@@ -549,34 +511,28 @@ REFUSED = (
 )
 
 
-def test_second_module_execution_raises_runtime_error() -> None:
-    def execute_two() -> None:
-        SiblingSandbox()
-        first, second = create_module(), create_module()
-        for module in (first, second):
-            module.__loader__.exec_module(module)
+def execute_two() -> list[Any]:
+    """Execute two modules; return the error of the second and the state of both."""
+    SiblingSandbox()
+    first, second = create_module(), create_module()
+    exec_module(first)
+    try:
+        exec_module(second)
+    except RuntimeError as raised:
+        error = encode_exception(raised)
+    again = create_module()
+    executed = [hasattr(module, "_CHARSET") for module in (first, second)]
+    return [error, executed, sys.modules[MODULE] is first, again is first]
 
-    error = isolated.error(execute_two)
+
+def test_second_module_execution_raises_runtime_error() -> None:
+    error = isolated.Error.of(isolated.value(execute_two)[0])
     assert (error.type, error.text) == REFUSED
     assert [entry.file for entry in error.entries_of(INIT)] == [FILE]
 
 
 def test_rejected_module_is_unchanged_and_first_stays() -> None:
-    def execute_two() -> list[object]:
-        SiblingSandbox()
-        first, second = create_module(), create_module()
-        for module in (first, second):
-            with suppress(RuntimeError):
-                module.__loader__.exec_module(module)
-        again = create_module()
-        return [
-            hasattr(first, "_CHARSET"),
-            hasattr(second, "_CHARSET"),
-            sys.modules[MODULE] is first,
-            again is first,
-        ]
-
-    assert isolated.value(execute_two) == [True, False, True, True]
+    assert isolated.value(execute_two)[1:] == [[True, False], True, True]
 
 
 def act_during_execution(act: str) -> dict[str, Any]:
@@ -674,17 +630,6 @@ def test_import_after_failed_execution_is_new_module() -> None:
     assert isolated.value(fail_then_import) == [False, False, True]
 
 
-def module_in_sys_modules(there_already: bool) -> list[object]:
-    """Execute a module that the import system did not add to `sys.modules`."""
-    SiblingSandbox()
-    other = ModuleType("other")
-    if there_already:
-        sys.modules[MODULE] = other
-    module = create_module()
-    module.__loader__.exec_module(module)
-    return [sys.modules[MODULE] is module, sys.modules[MODULE] is other]
-
-
 def test_module_executed_as_main_is_named_main() -> None:
     def execute_as_main() -> list[object]:
         SiblingSandbox()
@@ -695,12 +640,18 @@ def test_module_executed_as_main_is_named_main() -> None:
     assert isolated.value(execute_as_main) == ["__main__", "__main__", True]
 
 
-def test_execution_adds_module_to_sys_modules() -> None:
-    assert isolated.value(module_in_sys_modules, False) == [True, False]
+@pytest.mark.parametrize("there_already", [False, True])
+def test_execution_keeps_existing_sys_modules_entry(there_already: bool) -> None:
+    def execute(there_already: bool) -> list[object]:
+        SiblingSandbox()
+        other = ModuleType("other")
+        if there_already:
+            sys.modules[MODULE] = other
+        module = create_module()
+        module.__loader__.exec_module(module)
+        return [sys.modules[MODULE] is module, sys.modules[MODULE] is other]
 
-
-def test_execution_keeps_existing_sys_modules_entry() -> None:
-    assert isolated.value(module_in_sys_modules, True) == [False, True]
+    assert isolated.value(execute, there_already) == [not there_already, there_already]
 
 
 def test_renamed_module_is_in_sys_modules_as_modules_util() -> None:
@@ -788,18 +739,14 @@ def test_version_warning_as_error_fails_import_first() -> None:
 
 
 def test_version_warning_points_at_importing_code() -> None:
-    def warn() -> list[list[object]]:
+    def warn() -> list[bool]:
         SiblingSandbox()
         module = create_module(path=WRONG_PYTHON_MODULE)
         with warnings.catch_warnings(record=True) as caught:
             warnings.simplefilter("always")
             exec_module(module)
-        return [
-            [
-                warning.filename == exec_module.__code__.co_filename,
-                warning.lineno > exec_module.__code__.co_firstlineno,
-            ]
-            for warning in caught
-        ]
+        (warning,) = caught
+        code = exec_module.__code__
+        return [warning.filename == code.co_filename, warning.lineno > code.co_firstlineno]
 
-    assert isolated.value(warn) == [[True, True]]
+    assert isolated.value(warn) == [True, True]

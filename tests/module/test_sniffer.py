@@ -1,5 +1,4 @@
-"""Sniffer profiles: the summary, and the event that chooses which native function controls a
-capture."""
+"""Sniffer profiles: the event that chooses which native function controls a capture."""
 
 from __future__ import annotations
 
@@ -9,8 +8,8 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import FILE, entry, raises_exactly, wrong_type_message
-from tests.support.doubles import Recorder, StrSubclass
+from tests.support.assertions import FILE
+from tests.support.doubles import Recorder
 from tests.support.fake_siblings import create_module, exec_module
 from tests.support.isolated import WRONG_PYTHON_MODULE, encode_exception
 from tests.support.query_cases import native_calls, without_releases
@@ -22,13 +21,6 @@ EVENTS = [
     ("Pause", "build_pause_sniffer_profile_capture"),
     ("Delete", "build_delete_sniffer_profile_capture"),
 ]
-
-
-def test_summary_is_returned(simulator: Simulator, module: ModuleType) -> None:
-    reply = {"profiles": [{"name": "p1", "packets": 17}], "data": None}
-    simulator.set_reply("build_system_sniffer_profile_summary", reply)
-    assert module.get_system_sniffer_profile_summary() == reply
-    assert without_releases(simulator) == [("build_system_sniffer_profile_summary", {})]
 
 
 @pytest.mark.parametrize("event, native", EVENTS)
@@ -126,54 +118,3 @@ def test_profile_name_is_sent_under_hyphenated_key(
     assert without_releases(simulator) == [
         ("build_stop_sniffer_profile_capture", {"profile-name": profile})
     ]
-
-
-NOT_TEXT = [b"p1", 5, StrSubclass("Stop"), ["Stop"], True]
-
-
-@pytest.mark.parametrize("value", NOT_TEXT, ids=lambda value: type(value).__name__)
-@pytest.mark.parametrize("parameter", ["profile_name", "event"])
-@pytest.mark.parametrize("keywords", [False, True], ids=["by position", "by keyword"])
-def test_non_str_argument_raises_before_request(
-    simulator: Simulator, module: ModuleType, parameter: str, value: object, keywords: bool
-) -> None:
-    made = simulator.on_create = Recorder()
-    given: dict[str, object] = {"profile_name": "p1", "event": "Stop", parameter: value}
-    if keywords:
-        error = raises_exactly(TypeError, module.capture_sniffer_profile, **given)
-    else:
-        error = raises_exactly(TypeError, module.capture_sniffer_profile, *given.values())
-    assert str(error) == wrong_type_message(parameter, "str", value)
-    found = entry(error, "capture_sniffer_profile")
-    assert found.line == found.first_line == 361
-    assert made.calls == []
-    assert simulator.call_log == []
-
-
-def test_profile_name_is_checked_before_event(module: ModuleType) -> None:
-    error = raises_exactly(TypeError, module.capture_sniffer_profile, event=1, profile_name=2)
-    assert str(error) == wrong_type_message("profile_name", "str", 2)
-
-
-@pytest.mark.parametrize(
-    "arguments, keywords, text",
-    [
-        ((), {}, "takes exactly 2 positional arguments (0 given)"),
-        (("p",), {}, "takes exactly 2 positional arguments (1 given)"),
-        ((1, 2, 3), {}, "takes exactly 2 positional arguments (3 given)"),
-        ((1,), {"profile_name": "p"}, "got multiple values for keyword argument 'profile_name'"),
-        (("p",), {"evnt": "Stop"}, "got an unexpected keyword argument 'evnt'"),
-    ],
-)
-def test_argument_error_is_at_line_361(
-    simulator: Simulator,
-    module: ModuleType,
-    arguments: tuple[object, ...],
-    keywords: dict[str, object],
-    text: str,
-) -> None:
-    error = raises_exactly(TypeError, module.capture_sniffer_profile, *arguments, **keywords)
-    assert str(error) == f"capture_sniffer_profile() {text}"
-    found = entry(error, "capture_sniffer_profile")
-    assert found.line == found.first_line == 361
-    assert simulator.call_log == []

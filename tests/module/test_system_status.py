@@ -1,5 +1,5 @@
-"""The system queries: flash list, link monitors, and the interface that is selected from the reply
-with Python's item, iteration and comparison semantics."""
+"""The interface that a system query selects from the reply with Python's item, iteration and
+comparison semantics."""
 
 from __future__ import annotations
 
@@ -9,8 +9,8 @@ from typing import Any
 
 import pytest
 
-from tests.support.assertions import entry, line, raises_exactly, with_types, wrong_type_message
-from tests.support.doubles import Failure, Recorder, StrSubclass, raiser
+from tests.support.assertions import line, raises_exactly, with_types
+from tests.support.doubles import Failure, Recorder, raiser
 from tests.support.query_cases import native_calls, without_releases
 from veldarin_simulator import RawJSON, Simulator
 
@@ -20,22 +20,6 @@ PHYSICAL = "build_system_interface_physical"
 def reply_of(*entries: object) -> list[dict[str, object]]:
     """A reply with these interfaces."""
     return [{"interface": list(entries)}]
-
-
-@pytest.mark.parametrize(
-    "function, native",
-    [
-        ("list_system_flash_list_status", "build_system_flash_list"),
-        ("list_system_link_monitor_status", "build_system_link_monitor_status"),
-    ],
-)
-@pytest.mark.parametrize("reply", [None, [], {"flashes": [1]}, [{"statuses": {"name": 2}}]])
-def test_list_reply_is_returned(
-    simulator: Simulator, module: ModuleType, function: str, native: str, reply: object
-) -> None:
-    simulator.set_reply(native, reply)
-    assert getattr(module, function)() == reply
-    assert without_releases(simulator) == [(native, {})]
 
 
 A, B = {"name": "A", "speed": 1}, {"name": "B", "speed": 2}
@@ -106,22 +90,6 @@ def test_empty_interface_list_raises_unbound_local(
         ("JSONObject.release", {"name": name}),
         ("JSONObject.release", reply_of()),
     ]
-
-
-@pytest.mark.parametrize(
-    "name", [b"A", 5, StrSubclass("A"), ["A"], True], ids=lambda name: type(name).__name__
-)
-def test_non_str_name_raises_type_error(
-    simulator: Simulator, module: ModuleType, name: object
-) -> None:
-    made = simulator.on_create = Recorder()
-    error = raises_exactly(TypeError, module.list_system_interface_physical, name)
-    assert str(error) == wrong_type_message("name", "str", name)
-    found = entry(error, "list_system_interface_physical")
-    assert found.line == found.first_line
-    assert 130 < found.line < 134
-    assert made.calls == []
-    assert simulator.call_log == []
 
 
 @pytest.mark.parametrize(
