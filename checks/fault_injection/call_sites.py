@@ -70,7 +70,7 @@ FORCED_FAILURES = [
         "an interpreter that runs code has an ID",
     ),
     ForcedFailure(
-        "PyDict_GetItemWithError(builtins, names.dunder_import)",
+        "PyDict_GetItemWithError(builtins, interned[id::dunder_import])",
         EXECUTION,
         "the keys of the builtins are comparable",
     ),
