@@ -17,7 +17,7 @@ NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
 
 @pytest.fixture(scope="session")
 def build() -> None:
-    """End the run with one line if there is no build to test."""
+    """End the run with one line if nothing is built."""
     try:
         native_library.load()
     except RuntimeError as error:

@@ -54,7 +54,7 @@ WORDS = {
     "gone": "removed, deleted, closed",
     "at once": "immediately, simultaneously",
     "as ever|for ever": "always, forever",
-    "(?<!there )is no(?! (longer|more|less|fewer)\\b)": "is not a",
+    "(is|are|was|were) no(?! (longer|more|less|fewer)\\b)": "is not a",
     "sees to": "ensures",
 }
 

@@ -156,7 +156,7 @@ class Simulator:
                 exception.
 
         Raises:
-            TypeError, ValueError: There is no such service, or it cannot return the value.
+            TypeError, ValueError: The service is unknown or cannot return the value.
         """
         reply = reply if isinstance(reply, Reply) else Reply(reply)
         value, source = reply.reply, reply.source
@@ -191,7 +191,7 @@ class Simulator:
         """Undo `set_reply` and `set_fixed_reply`: the provided reply applies again.
 
         Raises:
-            ValueError: There is no such service.
+            ValueError: The service is unknown.
         """
         reply = self.provided_reply(service)
         if reply is not None:
@@ -370,7 +370,7 @@ class Simulator:
         if service not in self._library.forms:
             near = difflib.get_close_matches(service, self._library.forms, n=1)
             hint = f": did you mean {near[0]}?" if near else ""
-            raise ValueError(f"there is no native service {service}{hint}")
+            raise ValueError(f"unknown native service {service}{hint}")
         return self._library.forms[service]
 
     def _reply_to_call(self, service: str, argument: bytes | None) -> None:

@@ -150,7 +150,7 @@ PATHS_OUTSIDE = "/static/../app.py /static/..%2fapp.py /static/%2e%2e/app.py /..
 
 @pytest.mark.parametrize("path", [*PATHS_OUTSIDE, "/static//etc/passwd", "/static/"])
 def test_files_outside_of_static_are_not_served(client: TestApp, path: str) -> None:
-    assert "there is no resource" in detail(client.get(path, status=404))
+    assert "unknown resource" in detail(client.get(path, status=404))
 
 
 # Sources

@@ -202,9 +202,9 @@ def test_service_without_reply_is_null_0_or_empty(simulator: Simulator, native: 
 
 
 def test_unknown_service_raises_with_a_hint(simulator: Simulator) -> None:
-    with pytest.raises(ValueError, match=r"^there is no native service build_switch_lg_stat: did "):
+    with pytest.raises(ValueError, match=r"^unknown native service build_switch_lg_stat: did "):
         simulator.set_reply("build_switch_lg_stat", None)
-    with pytest.raises(ValueError, match=r"^there is no native service zzz$"):
+    with pytest.raises(ValueError, match=r"^unknown native service zzz$"):
         simulator.source("zzz")
 
 

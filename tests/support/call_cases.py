@@ -551,7 +551,7 @@ BFD_CASES = [
     bfd_list("copy fails", copy=AlwaysRaises(), **with_sessions(SESSIONS)),
     bfd_list("copy deleted", copy=DELETED, **with_sessions(SESSIONS)),
     bfd_list("details lose the session", **with_details({})),
-    bfd_list("details are no session", **with_details({"s": 5})),
+    bfd_list("details without a session", **with_details({"s": 5})),
     bfd_list("no details", **with_details(None)),
     bfd_list("copy has other keys", **with_copy(lambda sessions: ["x"])),
     bfd_list("iteration of the copy fails", **with_copy(lambda sessions: map(fail, [1]))),

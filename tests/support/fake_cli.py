@@ -50,6 +50,6 @@ class FakeCli:
 
     @property
     def debug_messages(self) -> list[str]:
-        """The debug messages so far; there are no error messages."""
+        """The debug messages so far; fails if an error was logged."""
         assert self.logger.error.calls == []
         return self.logger.debug_messages

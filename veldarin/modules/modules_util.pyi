@@ -189,7 +189,7 @@ def decrypt_cookie(encrypted: bytes, /) -> bytes:
         TypeError: `encrypted` is not exactly `bytes`; for `None` the message is "object of type
             'NoneType' has no len()".
         OverflowError: `encrypted` has 2147483647 bytes or more.
-        CFunctionError: "PyMem_Malloc": there is no memory for the working buffer. The module also
+        CFunctionError: "PyMem_Malloc": the working buffer cannot be allocated. The module also
             logs an error.
 
     Example:
@@ -201,7 +201,7 @@ def get_token() -> str:
     """Return the secret of the preference cookie; create it on the first call.
 
     The path of the file comes from `get_preference_cookie_secret_path` of
-    `veldarin.modules.modules`. If there is no regular file at the path, the function writes one
+    `veldarin.modules.modules`. If no regular file exists at the path, the function writes one
     with 64 lower-case hexadecimal digits (32 bytes of the system's random source). Then it reads
     the first line of the file and returns it without the white space around it.
 
@@ -695,7 +695,7 @@ def get_routing_table_result(ip_address: str | None, /) -> RoutingTable:
         ip_address: The address, which is not checked; `None` is sent as "None".
 
     Raises:
-        IndexError: There is no "Routing" line (if there is no route to the address, for example), a
+        IndexError: No line begins with "Routing" (if no route leads to the address, for example), a
             header line lacks words or fields, or a next hop lacks one of its two fields.
         TypeError: `ip_address` is neither exactly `str` nor `None`.
         CFunctionError: The command failed.
@@ -718,7 +718,7 @@ def get_system_arp_result() -> list[ARPEntry]:
     and later ones.
 
     Raises:
-        IndexError: There is no "Address" line, or a line after it has fewer than four columns (a
+        IndexError: No line begins with "Address", or a line after it has fewer than four columns (a
             prompt or a message at the end, for example).
         CFunctionError: The command failed.
         UnicodeError: The output is not UTF-8.

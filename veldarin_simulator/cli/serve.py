@@ -77,7 +77,7 @@ def _parse_options(texts: list[str]) -> argparse.Namespace:
         parser.error(f"--host is an IP address, not {options.host}")
     if not loopback and not options.allow_remote:
         parser.error(
-            f"other machines can reach {options.host} and there is no password: add --allow-remote"
+            f"other machines can reach {options.host} without a password: add --allow-remote"
         )
     return options
 

@@ -118,5 +118,5 @@ def _check_body(request: Any) -> None:
 
 def _detail(request: Any, error: HTTPException) -> str:
     if error.status_int == 404:
-        return f"there is no resource {request.path_info}"
+        return f"unknown resource {request.path_info}"
     return str(error.detail or error.explanation or error.title)

@@ -53,7 +53,7 @@ def parse(request: Request) -> View:
     """Run a parser on command output."""
     parser = parse_capture.PARSERS.get(request.matchdict["kind"])
     if parser is None:
-        raise ApiError(404, f"there is no such parser, only {', '.join(parse_capture.PARSERS)}")
+        raise ApiError(404, f"unknown parser, expected one of {', '.join(parse_capture.PARSERS)}")
     text = _string(_body(request), "text")
     try:
         content = encode_utf8(text)

@@ -20,7 +20,7 @@ def read() -> bytes:
     """Return sixteen ASCII characters, "STAND-" and ten hexadecimal digits, stable across boots.
 
     Raises:
-        OSError: There is no machine identifier and none can be stored.
+        OSError: The machine has no identifier and none can be stored.
     """
     digest = hmac.new(_machine_identity(), _PURPOSE, hashlib.sha256).hexdigest()
     return f"STAND-{digest[:10].upper()}".encode("ascii")
