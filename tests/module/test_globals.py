@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import builtins
 from types import ModuleType
-from typing import Any, Callable, NamedTuple
+from typing import Any, NamedTuple
 
 import pytest
 
@@ -96,23 +96,24 @@ class Trap:
         raise Found
 
 
-def trapped(
+def assert_call_hits_trap(
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
     use: Use,
     holder: ModuleType,
-    how: Callable[..., None],
 ) -> None:
-    """Puts a trap under the name in `holder`; the call must run into it, and not before."""
-    if use.name == "_CHARSET":  # an argument to a conversion
-        how(holder, use.name, "no such charset")
+    """Put a trap under the name in `holder`; the call must run into it, and not before."""
+    is_charset = use.name == "_CHARSET"  # an argument to a conversion
+    monkeypatch.setattr(
+        holder, use.name, "no such charset" if is_charset else Trap(), raising=False
+    )
+    if is_charset:
         error: BaseException = raises_exactly(
             LookupError, call, simulator, module, monkeypatch, use
         )
         assert str(error) == "unknown encoding: no such charset"
     else:
-        how(holder, use.name, Trap())
         error = raises_exactly(Found, call, simulator, module, monkeypatch, use)
     (entry,) = traceback_entries(error.__traceback__)
     assert entry.function == use.function
@@ -122,10 +123,7 @@ def trapped(
 def test_rebound_global_is_used_by_next_call(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
 ) -> None:
-    def put(holder: ModuleType, name: str, value: object) -> None:
-        monkeypatch.setattr(holder, name, value, raising=False)
-
-    trapped(simulator, module, monkeypatch, use, module, put)
+    assert_call_hits_trap(simulator, module, monkeypatch, use, module)
 
 
 @every_use
@@ -134,10 +132,7 @@ def test_deleted_global_is_looked_up_in_builtins(
 ) -> None:
     monkeypatch.delattr(module, use.name, raising=False)
 
-    def put(holder: ModuleType, name: str, value: object) -> None:
-        monkeypatch.setattr(holder, name, value, raising=False)
-
-    trapped(simulator, module, monkeypatch, use, builtins, put)
+    assert_call_hits_trap(simulator, module, monkeypatch, use, builtins)
 
 
 @every_use
