@@ -281,5 +281,5 @@ def test_reset_reply_undoes_set_reply(build: None) -> None:
             simulator.reset_reply(service)
         assert (simulator.module.list_switch_lg_state(), number()) == (1, 0)
         assert simulator.serial_number != b"other"
-        with pytest.raises(ValueError, match="^unknown native service no_such_service$"):
+        with pytest.raises(ValueError, match=r"^unknown native service no_such_service$"):
             simulator.reset_reply("no_such_service")
