@@ -388,14 +388,14 @@ def test_given_dictionary_is_filled_and_returned(cli: FakeCli) -> None:
             {"b": "old", "name": "old", "z": "old"},
             {"b": "new", "name": "A_B", "z": "old", "neighbor_ip": "A", "interface": "B"},
         ),
-        ([("x", 1), ("five", 5)], {"x": 1, "five": 5, **HEADER}),
+        ([("x", 1), (5, "five")], dict([("x", 1), (5, "five"), *HEADER.items()])),
         # The names of the parameters of dict.update
         ({"self": "old", "iterable": "old"}, {"self": "old", "iterable": "old", **HEADER}),
     ],
     ids=["dictionary", "pairs", "parameter names"],
 )
 def test_known_session_is_merged_into_new_dictionary(
-    cli: FakeCli, known: Any, merged: dict[str, object]
+    cli: FakeCli, known: Any, merged: dict[object, object]
 ) -> None:
     given: dict[str, Any] = {"A_B": known, "Z": {}}
     cli.set_output("echo", "peer A is B", "b: new", "self: new", "iterable: new")
