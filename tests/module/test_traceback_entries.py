@@ -14,9 +14,10 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import FILE, traceback_entries
-from tests.support.doubles import raiser
-from tests.support.function_table import FUNCTIONS, NAMED
+from tests.support.doubles import Stop, raiser
+from tests.support.function_table import FUNCTIONS, NAMED, Function
 from tests.support.isolated import encode_exception
+from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
 
 
@@ -29,42 +30,24 @@ class Provoked(NamedTuple):
     chain: tuple[str, ...] = ()  # functions of the module called below it, outermost first
 
 
-class Stop(BaseException):
-    """An exception that the module does not catch."""
-
-
-# An argument of the wrong type, or a global that fails.
-FAILING = [
-    Provoked("aps_unsigned_int_hash", ("text",)),
-    Provoked("get_cookie_name", (True,), raises="text_"),
-    Provoked("encrypt_cookie", ("text",)),
-    Provoked("decrypt_cookie", (None,)),
-    Provoked("get_token", raises="Path"),
-    Provoked("check_cert_expiration", ("path",)),
-    Provoked("switch_acl_ingress_counter", raises="json"),
-    Provoked("switch_acl_egress_counter", raises="json"),
-    Provoked("switch_acl_prelookup_counter", raises="json"),
-    Provoked("list_switch_stp_state", (1,), raises="json"),
-    Provoked("list_system_interface_physical", ("port1",), raises="json"),
-    Provoked("list_switch_lg_state", raises="json"),
-    Provoked("list_switch_flapguard_status", raises="json"),
-    Provoked("list_switch_port_statistics", ("port1",), raises="json"),
-    Provoked("list_switch_lldp_state", ("port1",), raises="json"),
-    Provoked("list_switch_trunk_state", raises="json"),
-    Provoked("list_switch_mclag_list", raises="json"),
-    Provoked("switch_mclag_icl", raises="json"),
-    Provoked("list_switch_igmp_snooping_group", (None,), raises="json"),
-    Provoked("list_system_flash_list_status", raises="json"),
-    Provoked("list_system_link_monitor_status", raises="json"),
-    Provoked("list_switch_module_summary", raises="json"),
-    Provoked("get_cli_command_output", ("command",), raises="bytes_"),
-    Provoked("get_bfd_neighbor", ("command",), raises="get_cli_command_output"),
-    Provoked("list_bfd_neighbor", raises="get_bfd_neighbor"),
-    Provoked("get_system_sniffer_profile_summary", raises="json"),
-    Provoked("capture_sniffer_profile", ("p", "Stop"), raises="json"),
-    Provoked("get_routing_table_result", ("192.0.2.1",), raises="get_cli_command_output"),
-    Provoked("get_system_arp_result", raises="get_cli_command_output"),
-]
+BY_NAME = {
+    provoked.function: provoked
+    for provoked in [
+        Provoked("aps_unsigned_int_hash", ("text",)),
+        Provoked("get_cookie_name", (True,), raises="text_"),
+        Provoked("encrypt_cookie", ("text",)),
+        Provoked("decrypt_cookie", (None,)),
+        Provoked("get_token", raises="Path"),
+        Provoked("check_cert_expiration", ("path",)),
+        Provoked("get_cli_command_output", ("command",), raises="bytes_"),
+        Provoked("get_bfd_neighbor", ("command",), raises="get_cli_command_output"),
+        Provoked("list_bfd_neighbor", raises="get_bfd_neighbor"),
+        Provoked("get_routing_table_result", ("192.0.2.1",), raises="get_cli_command_output"),
+        Provoked("get_system_arp_result", raises="get_cli_command_output"),
+        *(Provoked(case.function, case.arguments, raises="json") for case in QUERY_CASES),
+    ]
+}
+FAILING = [BY_NAME[row.name] for row in FUNCTIONS if row.name != "new_cookie_id"]
 CHAINS = [
     # the command runner returns null: its callers, outermost first
     Provoked("get_cli_command_output", ("c",), chain=()),
@@ -76,8 +59,6 @@ CHAINS = [
     ),
     Provoked("get_cookie_name", (True,), raises="aps_unsigned_int_hash"),
 ]
-
-every_failing = pytest.mark.parametrize("provoked", FAILING, ids=lambda row: row.function)
 
 
 class Loads:
@@ -116,66 +97,65 @@ def links(error: BaseException) -> list[TracebackType]:
     return found
 
 
-def test_failures_cover_every_function() -> None:
-    assert [row.function for row in FAILING] == [row.name for row in FUNCTIONS][1:]
+class Failed(NamedTuple):
+    """A failed call: the function, the exception and the only traceback entry of the module."""
+
+    provoked: Provoked
+    function: Function
+    error: BaseException
+    link: TracebackType
 
 
-@every_failing
-def test_failing_function_has_one_entry(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
-    (link,) = links(provoke(module, monkeypatch, provoked))
-    assert link.tb_frame.f_code.co_name == NAMED[provoked.function].qualified
-
-
-@every_failing
-def test_entry_line_is_within_function(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
-    (link,) = links(provoke(module, monkeypatch, provoked))
-    low, high = NAMED[provoked.function].first_line
-    first_line = link.tb_frame.f_code.co_firstlineno
-    assert low <= first_line <= high
-    assert link.tb_lineno >= first_line
-    if provoked.raises is not None:  # the argument was fine, a statement of the body failed
-        assert link.tb_lineno > first_line
-
-
-@every_failing
-def test_entry_globals_are_of_module(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
-    (link,) = links(provoke(module, monkeypatch, provoked))
-    assert link.tb_frame.f_globals is vars(module)
-
-
-@every_failing
-def test_entry_is_between_caller_and_callee(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
+@pytest.fixture(params=FAILING, ids=lambda provoked: provoked.function)
+def failed(
+    request: pytest.FixtureRequest, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> Failed:
+    """A failed call of each function."""
+    provoked: Provoked = request.param
     error = provoke(module, monkeypatch, provoked)
-    names = [entry.name for entry in traceback.extract_tb(error.__traceback__)]
-    below = {None: [], "json": ["__getattr__"]}.get(provoked.raises, ["raises"])
-    assert names == ["provoke", NAMED[provoked.function].qualified, *below]
-
-
-@every_failing
-def test_traceback_with_entry_is_printable(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
-    error = provoke(module, monkeypatch, provoked)
+    assert sys.exc_info() == (None, None, None)
     (link,) = links(error)
+    return Failed(provoked, NAMED[provoked.function], error, link)
+
+
+def test_entry_has_name_lines_and_globals_of_function(failed: Failed, module: ModuleType) -> None:
+    code = failed.link.tb_frame.f_code
+    assert code.co_name == failed.function.qualified
+    low, high = failed.function.first_line
+    assert low <= code.co_firstlineno <= high
+    assert failed.link.tb_lineno >= code.co_firstlineno
+    if failed.provoked.raises is not None:  # the argument was fine, a statement of the body failed
+        assert failed.link.tb_lineno > code.co_firstlineno
+    assert failed.link.tb_frame.f_globals is vars(module)
+
+
+def test_entry_is_between_caller_and_callee(failed: Failed) -> None:
+    names = [entry.name for entry in traceback.extract_tb(failed.error.__traceback__)]
+    below = {None: [], "json": ["__getattr__"]}.get(failed.provoked.raises, ["raises"])
+    assert names == ["provoke", failed.function.qualified, *below]
+
+
+def test_traceback_with_entry_is_printable(failed: Failed) -> None:
+    error, link = failed.error, failed.link
     text = "".join(traceback.format_exception(type(error), error, error.__traceback__))
-    qualified = NAMED[provoked.function].qualified
-    assert f'  File "{FILE}", line {link.tb_lineno}, in {qualified}\n' in text
+    assert f'  File "{FILE}", line {link.tb_lineno}, in {failed.function.qualified}\n' in text
 
 
-@every_failing
-def test_entry_is_tracked_by_collector(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
+def test_entry_is_tracked_by_collector(failed: Failed) -> None:
+    assert gc.is_tracked(failed.link)
+
+
+def test_failure_has_no_cause_or_context(failed: Failed) -> None:
+    assert (failed.error.__cause__, failed.error.__context__) == (None, None)
+
+
+def test_repeated_failure_has_equal_entry(
+    failed: Failed, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
-    (link,) = links(provoke(module, monkeypatch, provoked))
-    assert gc.is_tracked(link)
+    first = traceback_entries(failed.error.__traceback__)
+    for _ in range(2):
+        error = provoke(module, monkeypatch, failed.provoked)
+        assert traceback_entries(error.__traceback__) == first
 
 
 def test_cycle_through_entry_is_collected(
@@ -201,24 +181,6 @@ def test_cycle_through_entry_is_collected(
     held = call()
     gc.collect()
     assert held() is None
-
-
-@every_failing
-def test_repeated_failure_has_equal_entry(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
-    errors = [provoke(module, monkeypatch, provoked) for _ in range(3)]
-    first, *others = [traceback_entries(error.__traceback__) for error in errors]
-    assert others == [first, first]
-
-
-@every_failing
-def test_failure_leaves_no_handled_exception(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, provoked: Provoked
-) -> None:
-    error = provoke(module, monkeypatch, provoked)
-    assert sys.exc_info() == (None, None, None)
-    assert (error.__cause__, error.__context__) == (None, None)
 
 
 @pytest.mark.parametrize("provoked", CHAINS, ids=lambda row: row.function)
