@@ -11,8 +11,7 @@ import pytest
 import ujson
 
 from tests.support.assertions import line, raises_exactly, traceback_entries, with_types
-from tests.support.doubles import Failure, Recorder, raiser
-from tests.support.function_table import NAMED
+from tests.support.doubles import Failure, Recorder
 from tests.support.module_patch import Patch
 from tests.support.query_cases import (
     Query,
@@ -104,20 +103,18 @@ def test_reply_of_each_shape_is_returned(
     assert with_types(module.list_switch_lg_state()) == with_types(reply)
 
 
-@pytest.mark.parametrize("text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"'])
-def test_loads_gets_rendered_text(
+@pytest.mark.parametrize(
+    "text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"', "[1]\0[2]"]
+)
+def test_loads_gets_rendered_text_up_to_first_nul(
     simulator: Simulator, module: ModuleType, patch: Patch, text: str
 ) -> None:
     loads = Recorder(ujson.loads)
     patch("json", SimpleNamespace(loads=loads))
     simulator.set_reply("build_switch_lg_state", RawJSON(text))
-    assert module.list_switch_lg_state() == json.loads(text)
-    assert loads.positional == [(text.encode(),)]
-
-
-def test_rendered_text_ends_at_first_nul(simulator: Simulator, module: ModuleType) -> None:
-    simulator.set_reply("build_switch_lg_state", RawJSON("[1]\0[2]"))
-    assert module.list_switch_lg_state() == [1]
+    rendered, _, _ = text.partition("\0")
+    assert module.list_switch_lg_state() == json.loads(rendered)
+    assert loads.positional == [(rendered.encode(),)]
 
 
 def test_reply_may_depend_on_request(simulator: Simulator, module: ModuleType) -> None:
@@ -170,26 +167,6 @@ def test_loads_is_looked_up_before_rendering(query: Query) -> None:
 # Failures, one statement after the other
 
 
-def fail_nth(number: int, error: BaseException) -> Recorder:
-    """Return a recorder whose call of this number, counted from 1, raises."""
-
-    def side_effect(*args: object) -> None:
-        if len(recorder.calls) == number:
-            raise error
-
-    recorder = Recorder(side_effect)
-    return recorder
-
-
-@pytest.mark.parametrize("number", [1, 2], ids=["request", "response"])
-def test_failing_creation_propagates(query: Query, number: int) -> None:
-    error = Failure()
-    query.simulator.on_create = fail_nth(number, error)
-    assert raises_exactly(Failure, query.call) is error
-    assert line(error, query.function) == query.lines[number - 1]
-    assert query.simulator.call_log == []
-
-
 @pytest.mark.parametrize("missing", ["json", "loads"])
 def test_missing_loads_leaves_reply_unrendered(query: Query, missing: str) -> None:
     query.prepare()
@@ -206,49 +183,34 @@ def test_missing_loads_leaves_reply_unrendered(query: Query, missing: str) -> No
     assert query.native_calls == query.sent
 
 
-@pytest.mark.parametrize("record_serializer", [False, True])
-def test_failing_loads_makes_no_further_call(query: Query, record_serializer: bool) -> None:
-    query.prepare()
-    if record_serializer:
-        query.simulator.record_serializer()
-    error = Failure()
-    loads = fail_nth(1, error)
-    query.patch_loads(loads)
-    assert raises_exactly(Failure, query.call) is error
-    assert line(error, query.function) == query.lines.parse
-    assert len(loads.calls) == 1
-    assert query.native_calls == [*query.sent, *[(SERIALIZER, query.reply)] * record_serializer]
+def test_invalid_json_raises_error_of_parser(query: Query) -> None:
+    for text in ("{oops", "", "[1,", "nul"):
+        expected = raises_exactly(ujson.JSONDecodeError, ujson.loads, text.encode())
+        query.simulator.clear_calls()
+        query.prepare(text)
+        error = raises_exactly(ujson.JSONDecodeError, query.call)
+        assert error.args == expected.args
+        assert line(error, query.function) == query.lines.parse
+        assert query.native_calls == query.sent
 
 
-@pytest.mark.parametrize("text", ["{oops", "", "[1,", "nul"])
-def test_invalid_json_raises_error_of_parser(query: Query, text: str) -> None:
-    expected = raises_exactly(ujson.JSONDecodeError, ujson.loads, text.encode())
-    query.prepare(text)
-    error = raises_exactly(ujson.JSONDecodeError, query.call)
-    assert error.args == expected.args
-    assert line(error, query.function) == query.lines.parse
-    assert query.native_calls == query.sent
-
-
-@pytest.mark.parametrize("number", [1, 2])
-def test_failing_release_propagates(query: Query, number: int) -> None:
-    query.prepare()
-    error = Failure()
-    released = query.simulator.on_release = fail_nth(number, error)
-    assert raises_exactly(Failure, query.call) is error
-    expected = query.lines.first_release if number == 1 else query.lines.second_release
-    assert line(error, query.function) == expected
-    texts = [json.loads(text) for (text,) in released.positional]
-    assert texts == [query.request, query.reply][:number]
-
-
-STEPS = ["request", "response", "lookup", "loads", "first release", "second release"]
+# The steps in order, with the statement of each.
+STEPS = {
+    "request": "request",
+    "response": "response",
+    "lookup": "parse",
+    "loads": "parse",
+    "first release": "first_release",
+    "second release": "second_release",
+}
 
 
 @pytest.mark.parametrize("failing", STEPS)
-def test_failing_step_is_not_retried(query: Query, failing: str) -> None:
+def test_failing_step_is_last_and_not_retried(query: Query, failing: str) -> None:
     """Every step up to the failing one runs exactly once, and none after it."""
+    error = Failure()
     steps: list[str] = []
+    released: list[object] = []
 
     def step(name: str) -> None:
         steps.append(name)
@@ -266,23 +228,23 @@ def test_failing_step_is_not_retried(query: Query, failing: str) -> None:
             step("lookup")
             return loads
 
-    error = Failure()
+    def release(text: str) -> None:
+        released.append(json.loads(text))
+        step("first release" if len(released) == 1 else "second release")
+
     query.prepare()
     query.patch("json", Parser())
     query.simulator.on_create = lambda arguments: step("request" if arguments else "response")
-    releases = iter(STEPS[4:])
-    query.simulator.on_release = lambda text: step(next(releases))
+    query.simulator.on_release = release
+    if "release" not in failing:  # `on_release` gets JSON text, for which it calls the serializer
+        query.simulator.record_serializer()
     assert raises_exactly(Failure, query.call) is error
-    assert steps == STEPS[: STEPS.index(failing) + 1]
-    assert without_releases(query.simulator) == (query.sent if "lookup" in steps else [])
-
-
-def test_failure_has_one_entry_of_function(query: Query) -> None:
-    error = Failure()
-    query.simulator.on_create = raiser(error)
-    raises_exactly(Failure, query.call)
     (found,) = traceback_entries(error.__traceback__)
     assert found.function == query.function
-    assert found.first_line < query.lines.request
-    low, high = NAMED[query.function].first_line
-    assert low <= found.first_line <= high
+    assert found.line == getattr(query.lines, STEPS[failing])
+    assert steps == [*STEPS][: len(steps)]
+    assert steps[-1] == failing
+    assert released == [query.request, query.reply][: len(released)]
+    calls = query.sent if "lookup" in steps else []
+    rendered = [(SERIALIZER, query.reply)] if failing == "loads" else []
+    assert without_releases(query.simulator) == [*calls, *rendered]
