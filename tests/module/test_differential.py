@@ -12,7 +12,7 @@ import os
 import sys
 from collections.abc import Callable, Iterable, Iterator
 from copy import deepcopy
-from functools import partial
+from itertools import cycle
 from types import ModuleType
 from typing import Any
 
@@ -23,7 +23,7 @@ from hypothesis import strategies as st
 from benchmarks.hostile import RUNNER, SIZES, TEXTS, HostileText
 from tests.support import reference
 from tests.support.assertions import assert_same, line, raises_exactly, with_types
-from tests.support.doubles import StrSubclass
+from tests.support.doubles import Recorder, StrSubclass
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
@@ -40,6 +40,39 @@ compared = settings.get_profile("differential")
 
 # The two parsers side by side
 
+CALLS: dict[str, tuple[object, ...]] = {
+    "get_system_arp_result": (),
+    "get_routing_table_result": ("a",),
+    "get_bfd_neighbor": ("command", {}),
+}
+# Lines after which every line is a row, a next hop or a field.
+HEADS = {
+    "get_system_arp_result": "Address\n",
+    "get_routing_table_result": "Routing a b c\na,b c,d e,f\na b c\n",
+    "get_bfd_neighbor": "echo\npeer a b c\n",
+}
+
+
+def in_turn(replies: Iterable[object]) -> Callable[..., object]:
+    """A function that returns or raises one reply after the other, again and again."""
+    following = cycle(replies)
+
+    def reply(*args: object) -> object:
+        value = next(following)
+        if isinstance(value, BaseException):
+            raise value
+        return value
+
+    return reply
+
+
+def called(function: Callable[..., object], *arguments: object) -> object:
+    """The result or the exception of a call."""
+    try:
+        return function(*arguments)
+    except Exception as error:
+        return error
+
 
 class Pair:
     """Fake command lines of the module and of the reference model with the same output."""
@@ -54,18 +87,16 @@ class Pair:
             cli.run.calls.clear()
             cli.logger.debug.calls.clear()
             cli.shared.clear()
-            self._let(cli, outputs)
+            cli.run.side_effect = in_turn(outputs)
 
-    def _let(self, cli: FakeCli, outputs: tuple[object, ...]) -> None:
-        cli.run.side_effect = lambda command: outputs[(len(cli.run.calls) - 1) % len(outputs)]
-
-    def check(self, function: str, *make: Callable[[], object]) -> Any:
-        """Call both functions with new arguments and compare everything.
+    def check(self, function: str, *arguments: object) -> Any:
+        """Call both functions with copies of the arguments and compare everything.
 
         Returns the module's value or exception.
         """
-        our_arguments, ours = _called(self.native, function, make)
-        their_arguments, theirs = _called(self.reference, function, make)
+        our_arguments, their_arguments = deepcopy(arguments), deepcopy(arguments)
+        ours = called(getattr(self.native.parser, function), *our_arguments)
+        theirs = called(getattr(self.reference.parser, function), *their_arguments)
         assert_same(our_arguments, their_arguments, "the arguments")
         assert_same(self.native.debug_messages, self.reference.debug_messages, "the log")
         assert_same(self.native.commands, self.reference.commands, "the commands")
@@ -76,16 +107,6 @@ class Pair:
         else:
             assert_same(ours, theirs, "the result")
         return ours
-
-
-def _called(
-    cli: FakeCli, function: str, make: tuple[Callable[[], object], ...]
-) -> tuple[list[object], object]:
-    arguments = [made() for made in make]
-    try:
-        return arguments, getattr(cli.parser, function)(*arguments)
-    except Exception as error:
-        return arguments, error
 
 
 @pytest.mark.parametrize(
@@ -276,7 +297,7 @@ addresses = st.one_of(st.none(), words, st.sampled_from([5, b"x", StrSubclass("x
 @example("Routing a b c\n,b c,d e,f\na b c", "a")
 def test_routing_entries_match_reference(pair: Pair, text: str, address: object) -> None:
     pair.print(text)
-    pair.check("get_routing_table_result", lambda: address)
+    pair.check("get_routing_table_result", address)
 
 
 @compared
@@ -286,14 +307,14 @@ def test_routing_entries_match_reference(pair: Pair, text: str, address: object)
             "",
             "Routing a b c",
             "Routing a b c\na,b c,d e,f",
-            *["Routing a b c\na,b c,d e,f\na b c"] * 2,
+            *[HEADS["get_routing_table_result"][:-1]] * 2,
         ],
         ["Routing", "a,b c,d e,f\n", "a b c\n", "x y,z w", "\nx,y\n", "Rout", "\r\n", "\n"],
     )
 )
 def test_routing_hostile_text_matches_reference(pair: Pair, text: str) -> None:
     pair.print(text)
-    pair.check("get_routing_table_result", lambda: "a")
+    pair.check("get_routing_table_result", "a")
 
 
 # BFD
@@ -336,22 +357,17 @@ def bfd_outputs(draw: st.DrawFn) -> list[str]:
     return [*lines, *draw(st.lists(bfd_lines, max_size=10))]
 
 
-def _known() -> dict[str, object]:
-    return {"10.0.0.2_port1": {"local_diag": "old", "z": "old"}, "a_b": None}
-
-
-list_bfds = st.sampled_from(
-    [dict, dict, _known, _known, list, tuple, str, set, lambda: None, lambda: 5]
+KNOWN = {"10.0.0.2_port1": {"local_diag": "old", "z": "old"}, "a_b": None}
+list_bfds: st.SearchStrategy[Any] = st.sampled_from(
+    [{}, {}, KNOWN, KNOWN, [], (), "", set(), None, 5]
 )
 
 
 @compared
 @given(outputs(bfd_outputs()), list_bfds)
-def test_bfd_sessions_match_reference(
-    pair: Pair, text: str, list_bfd: Callable[[], object]
-) -> None:
+def test_bfd_sessions_match_reference(pair: Pair, text: str, list_bfd: object) -> None:
     pair.print(text)
-    pair.check("get_bfd_neighbor", lambda: "command", list_bfd)
+    pair.check("get_bfd_neighbor", "command", list_bfd)
 
 
 @compared
@@ -359,7 +375,7 @@ def test_bfd_sessions_match_reference(
 def test_bfd_shared_dictionary_matches_reference(pair: Pair, texts: list[str]) -> None:
     pair.print(*texts)
     for _ in texts:
-        pair.check("get_bfd_neighbor", lambda: "command")
+        pair.check("get_bfd_neighbor", "command")
 
 
 @compared
@@ -377,7 +393,7 @@ def test_bfd_shared_dictionary_matches_reference(pair: Pair, texts: list[str]) -
 @example("peer\npeer \n\n")
 def test_bfd_hostile_text_matches_reference(pair: Pair, text: str) -> None:
     pair.print(text)
-    pair.check("get_bfd_neighbor", lambda: "command", dict)
+    pair.check("get_bfd_neighbor", "command", {})
 
 
 @compared
@@ -410,21 +426,11 @@ neighbor_replies: st.SearchStrategy[Any] = st.one_of(
 @given(st.lists(neighbor_replies, min_size=2, max_size=8))
 def test_bfd_lists_of_any_sessions_match_reference(pair: Pair, replies: list[Any]) -> None:
     pair.print("")
-    for cli in (pair.native, pair.reference):
-        calls: list[object] = []
-        cli.patch("get_bfd_neighbor", _answering(calls, replies))
+    calls = [Recorder(in_turn(replies)), Recorder(in_turn(replies))]
+    for cli, recorder in zip((pair.native, pair.reference), calls):
+        cli.patch("get_bfd_neighbor", recorder)
     pair.check("list_bfd_neighbor")
-
-
-def _answering(calls: list[object], replies: list[Any]) -> Callable[..., object]:
-    def get_bfd_neighbor(*args: Any) -> object:
-        calls.append(args)
-        reply = replies[min(len(calls), len(replies)) - 1]
-        if isinstance(reply, BaseException):
-            raise reply
-        return reply
-
-    return get_bfd_neighbor
+    assert_same(calls[0].positional, calls[1].positional, "the calls")
 
 
 # Values that are not strings
@@ -444,14 +450,9 @@ def _answering(calls: list[object], replies: list[Any]) -> Callable[..., object]
 @example(bytearray(b"peer"))
 @example({"peer", "objname"})
 def test_non_str_values_match_reference(pair: Pair, value: object) -> None:
-    for function, *arguments in (
-        ("get_system_arp_result",),
-        ("get_routing_table_result", "a"),
-        ("get_bfd_neighbor", "command"),
-        ("list_bfd_neighbor",),
-    ):
+    for function, arguments in {**CALLS, "list_bfd_neighbor": ()}.items():
         pair.print(value)
-        pair.check(function, *(partial(deepcopy, made) for made in arguments))
+        pair.check(function, *arguments)
 
 
 # Every character, in each storage width that can hold it
@@ -461,36 +462,30 @@ BLANKS_AND_OTHERS += [chr(code) for code in range(0x3100, sys.maxunicode, 251)]
 CASED_AND_OTHERS = [chr(code) for code in [*range(10), *range(11, 0x20000)]]
 
 
-@pytest.mark.parametrize("widest", [0x7F, 0xFF, 0xFFFF, sys.maxunicode])
 @pytest.mark.slow
+@pytest.mark.parametrize("widest", [0x7F, 0xFF, 0xFFFF, sys.maxunicode])
 @pytest.mark.parametrize(
-    "function, arguments, before, template, tried, size",
+    "function, template, tried, size",
     [
-        ("get_system_arp_result", [], ["Address"], "?a?b c d?e f g?", BLANKS_AND_OTHERS, len),
+        ("get_system_arp_result", "?a?b c d?e f g?", BLANKS_AND_OTHERS, len),
         (
             "get_routing_table_result",
-            ["a"],
-            ["Routing a b c", "a,b c,d e,f", "a b c"],
             "?a?b?,?c?d? e,",
             [each for each in BLANKS_AND_OTHERS if each != ","],
             lambda entry: len(entry["table"]),
         ),
         (
             "get_bfd_neighbor",
-            ["command", {}],
-            ["echo", "peer a b c"],
             "?A?\u03a3?:?A?\u03a3?",
             CASED_AND_OTHERS,
             lambda sessions: 2 * len(sessions["a_c"]),  # many keys differ in case only
         ),
     ],
-    ids=["arp", "routing", "bfd"],
+    ids=CALLS,
 )
 def test_every_character_around_words_matches_reference(
     pair: Pair,
     function: str,
-    arguments: list[Any],
-    before: list[str],
     template: str,
     tried: list[str],
     size: Callable[[Any], int],
@@ -498,9 +493,8 @@ def test_every_character_around_words_matches_reference(
 ) -> None:
     template = "".join(each for each in template if ord(each) <= widest)
     lines = [template.replace("?", each) for each in tried if ord(each) <= widest]
-    pair.print("\n".join([*before, *lines, template.replace("?", chr(widest))]))
-    result = pair.check(function, *(partial(deepcopy, made) for made in arguments))
-    assert size(result) > len(lines)
+    pair.print(HEADS[function] + "\n".join([*lines, template.replace("?", chr(widest))]))
+    assert size(pair.check(function, *CALLS[function])) > len(lines)
 
 
 # Words of every length that begin and end equally
@@ -517,51 +511,25 @@ def alike(length: int, variety: int) -> str:
     return "".join(word)
 
 
-@pytest.mark.parametrize("stored_with", ["", "\xe9", "\u0101", "\U0001f600"])
+@pytest.mark.parametrize("stored_with", ["", "\xe9", "\u0101", "\U0001f600"], ids=ascii)
 @pytest.mark.parametrize(
-    "function, arguments, before, template",
+    "function, template",
     [
-        ("get_system_arp_result", [], ["Address"], "1? 2? ? ? ?"),
-        (
-            "get_routing_table_result",
-            ["a"],
-            ["Routing a b c", "a,b c,d e,f", "a b c"],
-            "? 1?,? 2?\n?,?",
-        ),
-        (
-            "get_bfd_neighbor",
-            ["command", {}],
-            ["echo", "peer a b c"],
-            "? ?: packets? ?packets packets",
-        ),
+        ("get_system_arp_result", "1? 2? ? ? ?"),
+        ("get_routing_table_result", "? 1?,? 2?\n?,?"),
+        ("get_bfd_neighbor", "? ?: packets? ?packets packets"),
     ],
-    ids=["arp", "routing", "bfd"],
+    ids=CALLS,
 )
 def test_words_alike_at_both_ends_match_reference(
-    pair: Pair,
-    function: str,
-    arguments: list[Any],
-    before: list[str],
-    template: str,
-    stored_with: str,
+    pair: Pair, function: str, template: str, stored_with: str
 ) -> None:
     words = [alike(length, variety) for length in LENGTHS for variety in (0, 1, 2, 3, 0, 4)]
     words += [alike(length, 4) for length in reversed(LENGTHS)]
-    lines = [template.replace("?", word) for word in words]
-    pair.print("\n".join([*before, *lines, template.replace("?", stored_with or "x")]))
-    result = pair.check(function, *(partial(deepcopy, made) for made in arguments))
-    assert max(map(len, strings(result))) >= 5000
-
-
-def strings(value: Any) -> Iterator[str]:
-    """All texts in a value."""
-    if isinstance(value, str):
-        yield value
-    elif isinstance(value, dict):
-        yield from strings(list(value.items()))
-    else:
-        for each in value:
-            yield from strings(each)
+    lines = [template.replace("?", word) for word in [*words, stored_with or "x"]]
+    pair.print(HEADS[function] + "\n".join(lines))
+    result = pair.check(function, *CALLS[function])
+    assert alike(5000, 4) in repr(result)
 
 
 # Texts on which a scan within a scan would show
@@ -572,7 +540,7 @@ def strings(value: Any) -> Iterator[str]:
 )
 def test_large_hostile_texts_match_reference(pair: Pair, text: HostileText) -> None:
     pair.print(text.output(SIZES[0]))
-    result = pair.check(text.function, *(partial(deepcopy, made) for made in text.arguments()))
+    result = pair.check(text.function, *text.arguments())
     assert isinstance(result, IndexError) == text.fails
 
 
@@ -598,22 +566,22 @@ def test_command_runner_matches_reference(
 ) -> None:
     simulator.clear_calls()
     simulator.set_reply("get_cli_cmd_output", output)
-    commands: list[bytes] = []
-
-    def run(given_command: bytes) -> bytes | None:
-        commands.append(given_command)
-        return output
-
+    run = Recorder(lambda command: output)
     monkeypatch.setattr(reference, "run", run)
-    outcomes = []
-    for parser in (module, reference):
-        try:
-            outcomes.append(with_types(parser.get_cli_command_output(command)))
-        except Exception as error:
-            outcomes.append((type(error).__name__, str(error)))
-    assert outcomes[0] == outcomes[1]
-    assert [call.text for call in simulator.call_log] == commands
+    ours, theirs = (
+        outcome(parser.get_cli_command_output, command) for parser in (module, reference)
+    )
+    assert ours == theirs
+    assert [(call.text,) for call in simulator.call_log] == run.positional
     assert simulator.live_objects.text_buffers == 0
+
+
+def outcome(function: Callable[..., object], *arguments: object) -> object:
+    """The result of a call with types, or the type and text of its exception."""
+    ended = called(function, *arguments)
+    if isinstance(ended, Exception):
+        return type(ended).__name__, str(ended)
+    return with_types(ended)
 
 
 @compared
@@ -633,25 +601,14 @@ def test_native_output_matches_reference(
     texts: list[str | None],
 ) -> None:
     encoded = [None if text is None else encode(text) for text in texts]
-    outcomes: dict[object, list[object]] = {module: [], reference: []}
+    outcomes = []
     for parser in (module, reference):
-        commands: list[bytes] = []
-
-        def run(command: bytes, commands: list[bytes] = commands) -> Any:
-            commands.append(command)
-            return encoded[(len(commands) - 1) % len(encoded)]
-
+        run = Recorder(in_turn(encoded))
         simulator.set_reply("get_cli_cmd_output", run)
         monkeypatch.setattr(reference, "run", run)
-        calls: list[tuple[str, tuple[object, ...]]] = [
-            ("get_system_arp_result", ()),
-            ("get_routing_table_result", ("192.0.2.7",)),
-            ("get_bfd_neighbor", ("command", {})),
+        ended = [
+            outcome(getattr(parser, name), *deepcopy(arguments))
+            for name, arguments in CALLS.items()
         ]
-        for function, arguments in calls:
-            try:
-                outcomes[parser].append(with_types(getattr(parser, function)(*arguments)))
-            except Exception as error:
-                outcomes[parser].append((type(error).__name__, str(error)))
-        outcomes[parser].append(commands)
-    assert outcomes[module] == outcomes[reference]
+        outcomes.append([*ended, *run.positional])
+    assert outcomes[0] == outcomes[1]
