@@ -4,7 +4,7 @@ or the appliance can cause. Other checks repeat each call or let allocations fai
 from __future__ import annotations
 
 import sys
-from collections.abc import Mapping
+from collections.abc import Iterator, Mapping
 from types import MappingProxyType, SimpleNamespace
 from typing import Any, Callable, NamedTuple
 
@@ -36,7 +36,7 @@ from tests.support.doubles import (
     failing_path,
     stop,
 )
-from tests.support.function_table import FUNCTIONS, NAMED
+from tests.support.function_table import FUNCTIONS
 from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import RawJSON, Simulator
 
@@ -59,57 +59,41 @@ class CallCase(NamedTuple):
     create: int | None = None  # which creation of a JSONObject fails, counted from 0
     release: int | None = None  # which release of a JSONObject fails
     before: Callable[[Simulator], object] | None = None  # runs before each call
+    suppresses: bool = False  # a context manager of the call suppresses every exception
 
     def __str__(self) -> str:
         return f"{self.function}-{self.label or self.args}"
 
 
 DELETED = object()
+TRUNK, INTERFACE = "list_switch_trunk_state", "list_system_interface_physical"
+
+
+def argument_cases() -> Iterator[CallCase]:
+    """Yield calls of each function with arguments that it rejects."""
+    for row in FUNCTIONS:
+        required, first = (None,) * row.required, [*row.parameters][:1]
+        yield CallCase(row.name, (1,) * 7, TypeError, "too many arguments")
+        yield CallCase(row.name, required, TypeError, "unknown keyword", {"other": 1})
+        if required:
+            yield CallCase(row.name, (), TypeError, "too few arguments")
+        if row.kind == "keywords":
+            not_str = "keyword that is not a string"
+            yield CallCase(row.name, (), TypeError, not_str, {b"bytes": 1})
+            yield CallCase(row.name, (None,), TypeError, "bound twice", {first[0].name: 1})
+        if first and first[0].type:
+            yield CallCase(row.name, (bytearray(b"value"),) * row.required, TypeError, "wrong type")
+        if first and first[0].type is bytes:
+            yield CallCase(row.name, (None,), TypeError, "None for bytes")
+
 
 ARGUMENT_CASES = [
-    *(CallCase(row.name, (1,) * 7, TypeError, "too many arguments") for row in FUNCTIONS),
-    *(
-        CallCase(
-            row.name, (None,) * row.required, TypeError, "unknown keyword", kwargs={"other": 1}
-        )
-        for row in FUNCTIONS
-    ),
-    *(CallCase(row.name, (), TypeError, "too few arguments") for row in FUNCTIONS if row.required),
-    *(
-        CallCase(row.name, (), TypeError, "keyword that is not a string", kwargs={b"bytes": 1})
-        for row in FUNCTIONS
-        if row.kind == "keywords"
-    ),
-    *(
-        CallCase(row.name, (None,), TypeError, "bound twice", kwargs={row.parameters[0].name: 1})
-        for row in FUNCTIONS
-        if row.kind == "keywords"
-    ),
-    *(
-        CallCase(row.name, (bytearray(b"value"),) * row.required, TypeError, "wrong type")
-        for row in FUNCTIONS
-        if row.parameters and row.parameters[0].type
-    ),
-    *(
-        CallCase(row.name, (None,), TypeError, "None for bytes")
-        for row in FUNCTIONS
-        if row.parameters and row.parameters[0].type is bytes
-    ),
+    *argument_cases(),
     CallCase("capture_sniffer_profile", ("p", 5), TypeError, "wrong type of the event"),
-    CallCase(
-        "capture_sniffer_profile", ("p",), TypeError, "wrong type by keyword", kwargs={"event": 5}
-    ),
-    CallCase(
-        "capture_sniffer_profile", (), TypeError, "missing by keyword", kwargs={"event": "Stop"}
-    ),
-    CallCase(
-        "list_switch_trunk_state",
-        (),
-        Failure,
-        "uncomparable keyword",
-        kwargs={UncomparableStr("trunk_name"): 1},
-    ),
-    CallCase("get_bfd_neighbor", (), TypeError, "missing by keyword", kwargs={"list_bfd": {}}),
+    CallCase("capture_sniffer_profile", ("p",), TypeError, "wrong type by keyword", {"event": 5}),
+    CallCase("capture_sniffer_profile", (), TypeError, "missing by keyword", {"event": "Stop"}),
+    CallCase(TRUNK, (), Failure, "uncomparable keyword", {UncomparableStr("trunk_name"): 1}),
+    CallCase("get_bfd_neighbor", (), TypeError, "missing by keyword", {"list_bfd": {}}),
 ]
 
 COOKIE_CASES = [
@@ -119,19 +103,13 @@ COOKIE_CASES = [
     CallCase("get_cookie_name", ("",)),
     CallCase("get_cookie_name", (AlwaysRaises(),), Failure, "truth fails"),
     *(
-        CallCase("get_cookie_name", (1,), Failure, f"{name} fails", patched={name: fail})
+        CallCase("get_cookie_name", (1,), error, f"{name} {label}", patched={name: value})
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
-    ),
-    *(
-        CallCase("get_cookie_name", (1,), NameError, f"{name} deleted", patched={name: DELETED})
-        for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
+        for error, label, value in ((Failure, "fails", fail), (NameError, "deleted", DELETED))
     ),
     *(
         CallCase(
-            "get_cookie_name",
-            (1,),
-            TypeError,
-            f"serial number {serial!r}",
+            *("get_cookie_name", (1,), TypeError, f"serial number {serial!r}"),
             patched={"serial_number_ascii": lambda serial=serial: serial},
         )
         for serial in (None, "text", 5)
@@ -141,11 +119,8 @@ COOKIE_CASES = [
     CallCase("decrypt_cookie", (b"encrypted\0more",)),
     CallCase("decrypt_cookie", (b"x" * 5000,), label="long text"),
     CallCase("check_cert_expiration", (b"/certificate",)),
-    CallCase(
-        "check_cert_expiration",
-        (b"/certificate",),
-        label="expired",
-        before=lambda simulator: simulator.set_reply("gui_chk_cert_expiration", 3),
+    CallCase("check_cert_expiration", (b"/certificate",), label="expired")._replace(
+        before=lambda simulator: simulator.set_reply("gui_chk_cert_expiration", 3)
     ),
 ]
 
@@ -196,38 +171,15 @@ TOKEN_CASES = [
         for step in ("enter", "readline", "exit")
     ),
     token_case(
-        "writing fails and is swallowed", None, open=failing_open("write", "w", swallows=True)
-    ),
+        "writing fails and is suppressed", None, open=failing_open("write", "w", swallows=True)
+    )._replace(suppresses=True),
     token_case(
-        "reading fails and is swallowed",
-        UnboundLocalError,
+        *("reading fails and is suppressed", UnboundLocalError),
         open=failing_open("readline", "r", swallows=True),
-    ),
+    )._replace(suppresses=True),
     token_case("truth of exit fails", Failure, open=lambda path, how: NoTruthValueFile("readline")),
     token_case("open gives no context manager", AttributeError, open=lambda path, how: None),
     token_case("hexlify gives no bytes", AttributeError, hexlify=lambda random: "text"),
-]
-
-# Replies to the interface query, and the exception that each causes.
-REPLIES: list[tuple[Any, type[Exception] | None]] = [
-    (None, TypeError),
-    (5, TypeError),
-    ([], IndexError),
-    ({}, KeyError),
-    ([{}], KeyError),
-    ([5], TypeError),
-    ([{"interface": 5}], TypeError),
-    ([{"interface": [5]}], TypeError),
-    ([{"interface": [{}]}], KeyError),
-    ([{"interface": []}], UnboundLocalError),
-    ([{"interface": [{"name": "a"}, {"name": "b"}]}], None),
-    ([{"interface": {"a": 1}}], TypeError),
-]
-# Replacements of json.loads; each makes the query raise Failure.
-PARSED: list[tuple[str, Callable[[bytes], object]]] = [
-    ("comparison fails", lambda text: [{"interface": [{"name": AlwaysRaises()}]}]),
-    ("truth of comparison fails", lambda text: [{"interface": [{"name": NoTruthValue()}]}]),
-    ("iteration fails", lambda text: [{"interface": map(fail, [1])}]),
 ]
 
 
@@ -247,6 +199,21 @@ def query_calls(
     ]
 
 
+# Replies to the interface query, and the exception that each causes.
+REPLIES: list[tuple[Any, type[Exception] | None]] = [
+    (None, TypeError),
+    (5, TypeError),
+    ([], IndexError),
+    ({}, KeyError),
+    ([{}], KeyError),
+    ([5], TypeError),
+    ([{"interface": 5}], TypeError),
+    ([{"interface": [5]}], TypeError),
+    ([{"interface": [{}]}], KeyError),
+    ([{"interface": []}], UnboundLocalError),
+    ([{"interface": [{"name": "a"}, {"name": "b"}]}], None),
+    ([{"interface": {"a": 1}}], TypeError),
+]
 NATIVE = [case for case in QUERY_CASES if case.native]
 QUERY_CALL_CASES = [
     *query_calls("success"),
@@ -258,44 +225,35 @@ QUERY_CALL_CASES = [
     *query_calls("lookup of loads fails", Failure, patched={"json": AlwaysRaises()}),
     *query_calls("no JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
     *(
-        CallCase(name, (AlwaysRaises(),), Failure, "truth fails")
-        for name in (
-            "switch_acl_ingress_counter",
-            "switch_acl_egress_counter",
-            "switch_acl_prelookup_counter",
-            "list_switch_trunk_state",
-            "list_switch_mclag_list",
-        )
+        CallCase(row.name, (AlwaysRaises(),), Failure, "truth fails")
+        for row in FUNCTIONS
+        if row.parameters and row.required == 0
     ),
     CallCase("switch_acl_ingress_counter", (), kwargs={"policy_id": "by keyword"}),
-    CallCase("list_switch_trunk_state", (), kwargs={"trunk_name": "by keyword"}),
+    CallCase(TRUNK, (), kwargs={"trunk_name": "by keyword"}),
+    CallCase(TRUNK, (), None, "keyword that the lookup misses", {MishashedStr("trunk_name"): "a"}),
     CallCase(
-        "list_switch_trunk_state",
-        (),
-        kwargs={MishashedStr("trunk_name"): "a"},
-        label="keyword that the lookup misses",
-    ),
-    CallCase(
-        "list_switch_trunk_state",
-        (),
-        kwargs={"trunk_name": "a", MishashedStr("trunk_name"): "b"},
-        label="keyword and an equal one that the lookup misses",
+        *(TRUNK, (), None, "keyword and an equal one that the lookup misses"),
+        {"trunk_name": "a", MishashedStr("trunk_name"): "b"},
     ),
     CallCase("list_switch_stp_state", (object(),), TypeError, "request that is not a JSON type"),
     CallCase("capture_sniffer_profile", (), kwargs={"event": "Pause", "profile_name": None}),
     *(
-        CallCase("list_system_interface_physical", ("port1",), error, f"reply {reply}", reply=reply)
+        CallCase(INTERFACE, ("port1",), error, f"reply {reply}", reply=reply)
         for reply, error in REPLIES
     ),
     *(
         CallCase(
-            "list_system_interface_physical",
-            ("port1",),
-            Failure,
-            label,
-            patched={"json": SimpleNamespace(loads=loads)},
+            *(INTERFACE, ("port1",), Failure, label),
+            patched={
+                "json": SimpleNamespace(loads=lambda text, make=make: [{"interface": make()}])
+            },
         )
-        for label, loads in PARSED
+        for label, make in [
+            ("comparison fails", lambda: [{"name": AlwaysRaises()}]),
+            ("truth of comparison fails", lambda: [{"name": NoTruthValue()}]),
+            ("iteration fails", lambda: map(fail, [1])),
+        ]
     ),
 ]
 ROUTING = """get router info routing-table detail 192.0.2.7\r
@@ -340,31 +298,37 @@ def runner_returning(text: object) -> dict[str, Any]:
     return {"get_cli_command_output": lambda command: text}
 
 
-PARSERS = ("get_routing_table_result", "get_system_arp_result", "get_bfd_neighbor")
 # Output whose methods fail, and output whose methods return an object that is not text.
 FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)
 ODD_OUTPUT = SimpleNamespace(split=NullLogger, replace=NullLogger)
-# `get_bfd_neighbor` ends differently if the runner "gives" something; BFD_CASES has such cases.
-RUNNER_ERRORS: list[tuple[str, dict[str, Any], type[Exception]]] = [
-    ("fails", {"get_cli_command_output": fail}, Failure),
-    ("deleted", {"get_cli_command_output": DELETED}, NameError),
-    ("gives a number", runner_returning(5), AttributeError),
-    ("gives None", runner_returning(None), AttributeError),
-    ("gives bad bytes", runner_returning(b"\xff"), UnicodeDecodeError),
-    ("gives output whose methods fail", runner_returning(FAILING_OUTPUT), Failure),
-    ("returns an object that is not text", runner_returning(ODD_OUTPUT), TypeError),
+RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
+    ("runner fails", Failure, {"get_cli_command_output": fail}),
+    ("runner deleted", NameError, {"get_cli_command_output": DELETED}),
+    ("runner returns an object that is not text", TypeError, runner_returning(ODD_OUTPUT)),
 ]
-# Values of `CFunctionError` for a command without output.
-NULL_OUTPUT_ERRORS: list[tuple[str, type[BaseException], object]] = [
-    (", no error class", NameError, DELETED),
-    (", failing class", Failure, fail),
-    (", no exception class", TypeError, str),
-    (", a class that is not an exception", TypeError, lambda message: int),
-    ("", Failure, Failure),
-    (", returned exception class", Failure, lambda message: Failure),
-    (", returned class that fails", Failure, lambda message: UnconstructibleException),
-    (", returned class without instances", TypeError, lambda message: IntMakingException),
+# `get_bfd_neighbor` ends differently if the runner returns one of these; BFD_CASES has its cases.
+TABLE_RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
+    ("runner gives a number", AttributeError, runner_returning(5)),
+    ("runner gives None", AttributeError, runner_returning(None)),
+    ("runner gives bad bytes", UnicodeDecodeError, runner_returning(b"\xff")),
+    ("runner gives output whose methods fail", Failure, runner_returning(FAILING_OUTPUT)),
 ]
+
+
+def routing(
+    label: str, error: type[BaseException] | None = None, cli: object = "nothing", **patched: object
+) -> CallCase:
+    """Return a case of `get_routing_table_result`."""
+    return CallCase("get_routing_table_result", ("a",), error, label, cli=cli, patched=patched)
+
+
+def arp(
+    label: str, error: type[BaseException] | None = None, cli: object = "nothing", **patched: object
+) -> CallCase:
+    """Return a case of `get_system_arp_result`."""
+    return CallCase("get_system_arp_result", (), error, label, cli=cli, patched=patched)
+
+
 CLI_CASES = [
     CallCase("get_cli_command_output", ("command",), cli="a--More--b\n"),
     CallCase("get_cli_command_output", ("command",), cli="", label="empty output"),
@@ -374,14 +338,20 @@ CLI_CASES = [
     CallCase("get_cli_command_output", ("c",), UnicodeDecodeError, "bad output", cli=b"\xff\xfe"),
     *(
         CallCase(
-            "get_cli_command_output",
-            ("c",),
-            error,
-            f"no output{label}",
+            *("get_cli_command_output", ("c",), error, f"no output{label}"),
             cli=None,
             patched={"CFunctionError": value},
         )
-        for label, error, value in NULL_OUTPUT_ERRORS
+        for label, error, value in [
+            (", no error class", NameError, DELETED),
+            (", failing class", Failure, fail),
+            (", no exception class", TypeError, str),
+            (", a class that is not an exception", TypeError, lambda message: int),
+            ("", Failure, Failure),
+            (", returned exception class", Failure, lambda message: Failure),
+            (", returned class that fails", Failure, lambda message: UnconstructibleException),
+            (", returned class without instances", TypeError, lambda message: IntMakingException),
+        ]
     ),
     *(
         CallCase("get_cli_command_output", ("command",), error, label, patched=patched)
@@ -389,18 +359,10 @@ CLI_CASES = [
     ),
     CallCase("get_routing_table_result", ("192.0.2.7",), cli=ROUTING),
     CallCase("get_routing_table_result", (None,), cli=WIDE + ROUTING, label="wide text"),
-    CallCase(
-        "get_routing_table_result", ("a",), cli=select_lines(ROUTING, 1, 2, 3), label="no routes"
-    ),
-    CallCase("get_routing_table_result", ("a",), cli=ROUTING + "10.0.0.1, port1", label="one word"),
+    routing("no routes", cli=select_lines(ROUTING, 1, 2, 3)),
+    routing("one word", cli=ROUTING + "10.0.0.1, port1"),
     *(
-        CallCase(
-            "get_routing_table_result",
-            ("a",),
-            IndexError,
-            f"lines {numbers} + {more!r}",
-            cli=select_lines(ROUTING, *numbers) + more,
-        )
+        routing(f"lines {numbers} + {more!r}", IndexError, select_lines(ROUTING, *numbers) + more)
         for numbers, more in [
             ((0,), ""),
             ((1,), ""),
@@ -415,28 +377,17 @@ CLI_CASES = [
             ((1,), "\na, b c, d, e"),
         ]
     ),
+    arp("", cli=ARP),
+    arp("wide text", cli=WIDE),
+    arp("long words", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n"),
     *(
-        CallCase("get_routing_table_result", ("a",), error, label, patched=patched)
-        for label, error, patched in CLI_ERRORS
-    ),
-    CallCase("get_system_arp_result", cli=ARP),
-    CallCase("get_system_arp_result", cli=WIDE, label="wide text"),
-    CallCase(
-        "get_system_arp_result", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n", label="long words"
-    ),
-    *(
-        CallCase("get_system_arp_result", (), IndexError, f"{text!r}", cli=text)
+        arp(f"{text!r}", IndexError, text)
         for text in ("", "no header", ARP + "too few columns", ARP + "two words\n", ARP + "one")
     ),
     *(
-        CallCase("get_system_arp_result", (), error, label, patched=patched)
-        for label, error, patched in CLI_ERRORS
-    ),
-    *(
-        CallCase(name, ("a",) * NAMED[name].required, error, f"runner {what}", patched=patched)
-        for name in PARSERS
-        for what, patched, error in RUNNER_ERRORS
-        if name != "get_bfd_neighbor" or "gives" not in what
+        case(label, error, **patched)
+        for case in (routing, arp)
+        for label, error, patched in (*CLI_ERRORS, *RUNNER_ERRORS, *TABLE_RUNNER_ERRORS)
     ),
 ]
 
@@ -532,6 +483,10 @@ BFD_CASES = [
     bfd("failing dictionary", Failure, AlwaysRaises()),
     bfd("known session is an int", TypeError, {NAME: 5}),
     *(bfd(label, error, **patched) for label, error, patched in CLI_ERRORS),
+    *(
+        CallCase("get_bfd_neighbor", ("a",), error, label, patched=patched)
+        for label, error, patched in RUNNER_ERRORS
+    ),
     bfd("runner gives a number", TypeError, cli="nothing", **runner_returning(5)),
     bfd("addable output", cli="nothing", **runner_returning(RightAddable(ONE_SESSION))),
     bfd("tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
@@ -580,7 +535,9 @@ def with_width(case: CallCase, width: str) -> CallCase:
 WIDE_CASES = [
     with_width(case, width)
     for case in (*CLI_CASES, *BFD_CASES)
-    if case.function in PARSERS and isinstance(case.cli, str) and case.cli != "nothing"
+    if case.function not in ("get_cli_command_output", "list_bfd_neighbor")
+    and isinstance(case.cli, str)
+    and case.cli != "nothing"
     for width in WIDTHS
 ]
 
