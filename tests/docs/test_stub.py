@@ -1,5 +1,5 @@
-"""The module, its function table in C++, its type stub and the page of functions agree: functions,
-order, names and parameters."""
+"""The type stub agrees with the function table in C++, with the one that the tests expect, and with
+the page of functions. tests/module/test_binding.py and test_namespace.py hold the module to the expected table."""
 
 from __future__ import annotations
 
@@ -8,26 +8,20 @@ import subprocess
 import sys
 from pathlib import Path
 from types import ModuleType
-from typing import Any, Callable
+from typing import Optional
 
 import pytest
 
-from tests.support import isolated
+from tests.support import function_table, isolated
 from tests.support.assertions import MODULE, raises_exactly
-from tests.support.stub import (
-    FUNCTIONS,
-    NAMED,
-    STUB,
-    Function,
-    Parameter,
-    every_function,
-)
+from tests.support.stub import FUNCTIONS, STUB
 from tools import generate_function_docs
-from veldarin_simulator import Simulator, stub
+from veldarin_simulator import stub
 
-TABLE = stub.STUB.with_name("function_table.def")
+# A function's name and kind, and the name, type and default of each parameter.
+Row = tuple[str, str, list[tuple[str, Optional[str], Optional[str]]]]
 
-# A parameter's constructor in the table: its type and default.
+# A parameter's constructor in the table in C++: its type and default.
 CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
     "ANY": (None, None),
     "BYTES": ("bytes", None),
@@ -37,143 +31,58 @@ CONSTRUCTORS: dict[str, tuple[str | None, str | None]] = {
 }
 
 
-def table() -> list[Function]:
-    """The rows of the table of functions in C++."""
+def cpp_table() -> list[Row]:
+    """The rows of the function table in C++."""
     rows = re.findall(
         r"^(?:FUNCTION|QUERY|SELECT|CAPTURE) *\((\w+), *(\w+), *([^,]+),",
-        TABLE.read_text(),
+        stub.STUB.with_name("function_table.def").read_text(),
         re.MULTILINE,
     )
     return [
-        Function(
-            name,
-            kind,
-            [
-                Parameter(parameter, *CONSTRUCTORS[constructor])
-                for constructor, parameter in re.findall(r"(\w+)\((\w+)\)", parameters)
-            ],
+        (name, kind, [(p, *CONSTRUCTORS[made]) for made, p in re.findall(r"(\w+)\((\w+)\)", given)])
+        for kind, name, given in rows
+    ]
+
+
+def declared(function: stub.Function) -> Row:
+    """The row that the stub declares."""
+    by_keyword = {parameter.keyword for parameter in function.parameters}
+    kind = "keywords" if by_keyword == {True} else "one_arg" if by_keyword else "no_args"
+    parameters = [
+        # The stub declares str for a command: the module accepts anything, the runner str only.
+        (
+            p.name,
+            str(*p.types) if p.types <= {"bytes", "str"} and p.name != "cmd" else None,
+            p.default,
         )
-        for kind, name, parameters in rows
+        for p in function.parameters
     ]
-
-
-with_keywords = pytest.mark.parametrize(
-    "function", [row for row in FUNCTIONS if row.kind == "keywords"], ids=lambda row: row.name
-)
-
-
-def own_functions() -> list[str]:
-    """The functions of the module in the order of its namespace, before any test touched it."""
-    import importlib
-
-    from tests.support.isolated import MODULE
-
-    return [
-        name
-        for name, held in vars(importlib.import_module(MODULE)).items()
-        if getattr(held, "__module__", None) == MODULE and type(held) is type(len)
-    ]
-
-
-def test_stub_declares_functions_in_module_order() -> None:
-    assert [function.name for function in FUNCTIONS] == isolated.value(own_functions)
-    assert len(FUNCTIONS) == 30
-
-
-def held_to(parameter: Parameter) -> Parameter:
-    # The stub declares str for a command: the module accepts anything, the runner str only.
-    return parameter._replace(type=None) if parameter.name == "cmd" else parameter
+    return function.name, kind, parameters
 
 
 def test_stub_matches_cpp_function_table() -> None:
+    assert [*map(declared, FUNCTIONS)] == cpp_table()
+
+
+def test_stub_matches_expected_function_table() -> None:
+    kinds = {"none": "no_args", "one": "one_arg", "keywords": "keywords"}
     assert [
-        Function(name, kind, [*map(held_to, parameters)])
-        for name, kind, parameters, _result in FUNCTIONS
-    ] == table()
-
-
-# Parameters, as calls show them
-
-
-def error_text(function: Callable[..., object], *given: object, **named: object) -> str:
-    return str(raises_exactly(TypeError, function, *given, **named))
-
-
-@every_function
-def test_declared_kind_matches_keyword_handling(module: ModuleType, function: Function) -> None:
-    text = error_text(getattr(module, function.name), unheard_of=1)
-    if function.kind == "keywords":
-        assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
-    else:
-        assert text == f"{MODULE}.{function.name}() takes no keyword arguments"
-
-
-@every_function
-def test_declared_parameter_count_matches_error(module: ModuleType, function: Function) -> None:
-    text = error_text(getattr(module, function.name), *range(9))
-    words = {"no arguments": 0, "exactly one argument": 1}
-    found = re.search(r"takes (no arguments|exactly one argument) \(9 given\)", text)
-    if found is None:
-        found = re.search(r"takes (?:exactly|at most) (\d) positional arguments? \(9 given\)", text)
-    assert found is not None, text
-    assert words.get(found[1], found[1]) in (
-        len(function.parameters),
-        str(len(function.parameters)),
-    )
-
-
-@with_keywords
-def test_declared_name_is_accepted_as_keyword(module: ModuleType, function: Function) -> None:
-    for parameter in function.parameters:
-        text = error_text(getattr(module, function.name), **{parameter.name: 1}, unheard_of=1)
-        assert text == f"{function.name}() got an unexpected keyword argument 'unheard_of'"
-
-
-@every_function
-def test_parameter_without_default_is_required(module: ModuleType, function: Function) -> None:
-    required = sum(parameter.default is None for parameter in function.parameters)
-    called = getattr(module, function.name)
-    if function.kind == "keywords" and required:
-        words = "exactly" if required == len(function.parameters) else "at least"
-        assert f" {words} {required} positional argument" in error_text(called)
-    elif function.kind == "keywords":
-        called()
-    else:
-        assert required == len(function.parameters)
-
-
-def test_default_none_equals_omitted_argument(simulator: Simulator, module: ModuleType) -> None:
-    made: list[tuple[Any, ...]] = []
-    simulator.on_create = made.append
-    for function in FUNCTIONS:
-        if [parameter.default for parameter in function.parameters] == ["None"]:
-            for arguments in ((), (None,)):
-                getattr(module, function.name)(*arguments)
-    requests = [arguments for arguments in made if arguments]
-    assert requests == [({},)] * 10
-
-
-def test_elided_default_is_one_shared_dictionary(simulator: Simulator, module: ModuleType) -> None:
-    simulator.set_reply("get_cli_cmd_output", "nothing")
-    default = module.get_bfd_neighbor("command")
-    assert type(default) is dict
-    assert module.get_bfd_neighbor("command") is default
-    assert NAMED["get_bfd_neighbor"].parameters[1].default == "..."
-
-
-@every_function
-def test_declared_type_matches_type_check(module: ModuleType, function: Function) -> None:
-    for position, parameter in enumerate(map(held_to, function.parameters)):
-        if parameter.type is None:
-            continue
-        arguments: list[object] = [None] * len(function.parameters)
-        arguments[position] = 7
-        assert error_text(getattr(module, function.name), *arguments) == (
-            f"Argument '{parameter.name}' has incorrect type (expected {parameter.type}, got int)"
+        (
+            name,
+            kind,
+            [(parameter, of_type, default is not None) for parameter, of_type, default in p],
         )
+        for name, kind, p in map(declared, FUNCTIONS)
+    ] == [
+        (
+            row.name,
+            kinds[row.kind],
+            [(p.name, p.type and p.type.__name__, p.optional) for p in row.parameters],
+        )
+        for row in function_table.FUNCTIONS
+    ]
+    assert len(FUNCTIONS) == 30
 
-
-# Other names
 
 # Names that the stub defines for annotations only.
 FOR_ANNOTATIONS = {"BFDSession", "ARPEntry", "Route", "RoutingTable"}
@@ -307,7 +216,5 @@ def test_stale_function_page_is_reported_and_rewritten(
     ],
 )
 def test_stub_without_headings_or_docs_is_rejected(source: str, output: str) -> None:
-    assert (
-        str(raises_exactly(generate_function_docs.StubError, generate_function_docs.page, source))
-        == output
-    )
+    error = raises_exactly(generate_function_docs.StubError, generate_function_docs.page, source)
+    assert str(error) == output

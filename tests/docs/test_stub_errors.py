@@ -11,18 +11,16 @@ from typing import Any, Callable, NamedTuple
 
 from tests.support import isolated
 from tests.support.query_cases import QUERY_CASES
-from tests.support.stub import FUNCTIONS, Function, docstrings, every_function
+from tests.support.stub import FUNCTIONS, every_function
 from veldarin_simulator import RawJSON, Simulator
+from veldarin_simulator.stub import Function
 
 
-def documented_errors(name: str) -> list[str]:
+def documented_errors(function: Function) -> list[str]:
     """The exceptions that a docstring names under "Raises:", which it must have."""
-    part = re.search(r"^Raises:\n((?:    .*\n|\n)+)", docstrings()[name] + "\n", re.MULTILINE)
-    assert part is not None, name
-    rows = re.findall(r"^    (\S.*)", part[1], re.MULTILINE)
-    if rows[0].startswith("Nothing."):
-        return []
-    return [row.partition(":")[0] for row in rows]
+    rows = re.findall(r"^\S.*", function.raises, re.MULTILINE)
+    assert rows, function.name
+    return [] if rows[0].startswith("Nothing.") else [row.partition(":")[0] for row in rows]
 
 
 NO_JSON = RawJSON("{oops")
@@ -70,7 +68,14 @@ def forget_serial_number(simulator: Simulator, _folder: Path) -> None:
 
 
 INTERFACES = "build_system_interface_physical"
+NO_INTERFACES: list[Any] = [None, [], [{}], [{"interface": [{}]}], [{"interface": []}]]
 COMMAND = "get_cli_cmd_output"
+RUNNING_COMMANDS = {
+    "get_cli_command_output": True,
+    "get_bfd_neighbor": True,
+    "get_routing_table_result": True,
+    "get_system_arp_result": False,
+}
 SESSION = "\npeer 192.0.2.1 interface port1\n"
 
 PROVOKED = [
@@ -87,29 +92,23 @@ PROVOKED = [
     Provoked("get_cookie_name", (True,), prepare=forget_serial_number),
     Provoked("get_token", prepare=name_no_directory),
     Provoked("get_token", prepare=write_no_text),
-    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: None}),
-    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: []}),
-    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: [{}]}),
-    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: [{"interface": [{}]}]}),
-    Provoked("list_system_interface_physical", ("port1",), {INTERFACES: [{"interface": []}]}),
+    *(
+        Provoked("list_system_interface_physical", ("port1",), {INTERFACES: reply})
+        for reply in NO_INTERFACES
+    ),
     Provoked("capture_sniffer_profile", (b"p", "Stop")),
     Provoked("capture_sniffer_profile", ("p", b"Stop")),
-    Provoked("get_cli_command_output", ("command",), {COMMAND: None}),
-    Provoked("get_cli_command_output", ("command",), {COMMAND: NO_UTF8}),
-    Provoked("get_cli_command_output", ("\ud800",), {COMMAND: ""}),
+    *(
+        Provoked(function, (argument,) if takes_argument else (), {COMMAND: output})
+        for function, takes_argument in RUNNING_COMMANDS.items()
+        for argument, output in (("command", None), ("command", NO_UTF8), ("\ud800", ""))
+        if takes_argument or output != ""
+    ),
     Provoked("get_cli_command_output", (None,), {COMMAND: ""}),
     Provoked("get_bfd_neighbor", (7,), {COMMAND: ""}),
     Provoked("get_bfd_neighbor", ("command", []), {COMMAND: SESSION}),
-    Provoked("get_bfd_neighbor", ("command",), {COMMAND: None}),
-    Provoked("get_bfd_neighbor", ("command",), {COMMAND: NO_UTF8}),
-    Provoked("get_bfd_neighbor", ("\ud800",), {COMMAND: ""}),
     Provoked("get_routing_table_result", ("192.0.2.1",), {COMMAND: ""}),
-    Provoked("get_routing_table_result", ("192.0.2.1",), {COMMAND: None}),
-    Provoked("get_routing_table_result", ("192.0.2.1",), {COMMAND: NO_UTF8}),
-    Provoked("get_routing_table_result", ("\ud800",), {COMMAND: ""}),
     Provoked("get_system_arp_result", (), {COMMAND: ""}),
-    Provoked("get_system_arp_result", (), {COMMAND: None}),
-    Provoked("get_system_arp_result", (), {COMMAND: NO_UTF8}),
 ]
 
 
@@ -137,7 +136,7 @@ def test_documented_errors_match_raised_errors(
             simulator.set_reply(service, reply)
         case.prepare(simulator, tmp_path)
         raised.append(bases(whatever_is_raised(getattr(module, function.name), *case.arguments)))
-    named = documented_errors(function.name)
+    named = documented_errors(function)
     if function.name == "decrypt_cookie":
         error = isolated.error(without_memory)
         assert error.text == "PyMem_Malloc"
@@ -152,7 +151,7 @@ def test_documented_errors_match_raised_errors(
 
 
 def test_call_documented_as_safe_raises_nothing(simulator: Simulator, module: ModuleType) -> None:
-    silent = {name for name in docstrings() if not documented_errors(name)}
+    silent = {row.name for row in FUNCTIONS if not documented_errors(row)}
     assert silent == {"new_cookie_id", "switch_mclag_icl", "list_bfd_neighbor"}
     simulator.set_reply("get_cli_cmd_output", None)
     assert [getattr(module, name)() for name in sorted(silent)] == [[], 0, None]

@@ -11,10 +11,11 @@ from typing import Any, Callable
 import pytest
 
 from tests.support.query_cases import QUERY_CASES
-from tests.support.stub import NAMED, STUB, Function, docstrings, every_function
+from tests.support.stub import STUB, every_function
 from veldarin_simulator import Simulator, stub
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
 from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, filter_rows
+from veldarin_simulator.stub import Function
 
 ARP = (
     "Address          Age(min)   Hardware address    Interface\n"
@@ -159,7 +160,7 @@ def test_examples_give_documented_results(example_simulator: Simulator, function
     called = Kept(getattr(module, function.name))
     names = {function.name: called}
     example = doctest.DocTestParser().get_doctest(
-        docstrings()[function.name], names, function.name, str(stub.STUB), 0
+        function.docstring, names, function.name, str(stub.STUB), 0
     )
     assert example.examples
     output: list[str] = []
@@ -177,10 +178,10 @@ def test_examples_give_documented_results(example_simulator: Simulator, function
         assert_is(function.result, result)
 
     services = {call.service for call in simulator.call_log} - {"JSONObject.release"}
-    named = set(re.findall(r"`(\w+)`", docstrings()[function.name]))
+    named = set(re.findall(r"`(\w+)`", function.docstring))
     assert services <= named
     assert bool(services) != (
-        "Calls no native service." in docstrings()[function.name] or function.name == "get_token"
+        "Calls no native service." in function.docstring or function.name == "get_token"
     )
 
 
@@ -209,10 +210,10 @@ def test_examples_have_fields_of_live_replies(
 @every_function
 def test_query_docs_name_services_and_request(function: Function) -> None:
     rows = [row for row in QUERY_CASES if row.function == function.name]
-    text = docstrings()[function.name]
+    text = function.docstring
     assert set(re.findall(r"`(build_\w+)`", text)) == {row.native for row in rows} - {None}
     for row in rows:
         for key in row.request if row.native else ():
-            assert f'`{{"{key}": {NAMED[function.name].parameters[0].name}}}`' in text
+            assert f'`{{"{key}": {function.parameters[0].name}}}`' in text
         if row.native and not row.request:
             assert "`{}`" in text
