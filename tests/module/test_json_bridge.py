@@ -51,6 +51,7 @@ def test_request_gets_dict_and_response_gets_none(query: Query) -> None:
     arguments = [args for (args,) in made.positional]
     assert arguments == [(query.request,), (), (query.request,), ()]
     assert type(arguments[0][0]) is dict
+    assert all(value is query.case.arguments[0] for value in arguments[0][0].values())
     assert arguments[0][0] is not arguments[2][0], "a new dictionary for every call"
 
 

@@ -62,16 +62,6 @@ def test_first_matching_or_last_interface_is_returned(
     assert native_calls(simulator) == calls_with(name, reply)
 
 
-def test_name_is_always_sent(simulator: Simulator, module: ModuleType) -> None:
-    made = simulator.on_create = Recorder()
-    simulator.set_reply(PHYSICAL, [{"interface": [A]}])
-    name = "".join(["na", "me"])
-    module.list_system_interface_physical(name)
-    request = made.positional[0][0][0]
-    assert list(request) == ["name"]
-    assert request["name"] is name
-
-
 @pytest.mark.parametrize("name", ["A", "", None])
 @pytest.mark.parametrize("interfaces", [[], "", {}])
 def test_empty_interfaces_raise_unbound_local(
@@ -229,51 +219,32 @@ def test_name_comparison_result_is_tested_once(
     assert [truth.bool_calls for truth in truths] == [1, 1, 0]
 
 
-class Broken:
-    """Raise at the selected step."""
-
-    def __init__(self, where: str, error: Exception) -> None:
-        self.where = where
-        self.error = error
-
-    def _step(self, name: str, value: object) -> Any:
-        if name == self.where:
-            raise self.error
-        return value
-
-    def __getitem__(self, key: object) -> object:
-        return self._step(f"item {key!r}", self)
-
-    def __iter__(self) -> Broken:
-        return self._step("iter", self)
-
-    def __next__(self) -> Broken:
-        return self._step("next", self)
-
-    def __eq__(self, other: object) -> Broken:  # type: ignore[override]
-        return self._step("equal", self)
-
-    def __bool__(self) -> bool:
-        return self._step("truth", True)
-
-
 @pytest.mark.parametrize(
-    "where, at",
+    "step, at",
     [
         ("item 0", 138),
         ("item 'interface'", 138),
-        ("iter", 138),
-        ("next", 138),
+        ("__iter__", 138),
+        ("__next__", 138),
         ("item 'name'", 139),
-        ("equal", 139),
-        ("truth", 139),
+        ("__eq__", 139),
+        ("__bool__", 139),
     ],
 )
 def test_failing_selection_step_is_at_its_line(
-    simulator: Simulator, module: ModuleType, parsed: SimpleNamespace, where: str, at: int
+    simulator: Simulator, module: ModuleType, parsed: SimpleNamespace, step: str, at: int
 ) -> None:
-    error = Failure(where)
-    parsed.value = Broken(where, error)
+    error = Failure(step)
+
+    class Broken:
+        """An object of which one step fails; the others give the object itself."""
+
+        def __getitem__(self, key: object) -> object:
+            return raiser(error)() if step == f"item {key!r}" else self
+
+    for name in ("__iter__", "__next__", "__eq__", "__bool__"):
+        setattr(Broken, name, raiser(error) if name == step else lambda broken, *given: broken)
+    parsed.value = Broken()
     assert raises_exactly(Failure, module.list_system_interface_physical, "A") is error
     assert line(error, FUNCTION) == at
     assert [service for service, _ in native_calls(simulator)] == [PHYSICAL]
