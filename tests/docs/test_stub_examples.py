@@ -3,6 +3,7 @@ native services, requests and result types that the docstrings name."""
 
 from __future__ import annotations
 
+import ast
 import doctest
 import re
 from collections.abc import Iterator
@@ -11,7 +12,7 @@ from typing import Any, Callable
 import pytest
 
 from tests.support.query_cases import QUERY_CASES
-from tests.support.stub import STUB, every_function
+from tests.support.stub import NAMED, STUB, every_function
 from veldarin_simulator import Simulator, stub
 from veldarin_simulator.providers import cookies, links, multicast, ports, storage
 from veldarin_simulator.scenario import DEFAULT_SCENARIO, Scenario, filter_rows
@@ -39,47 +40,20 @@ BFD = (
     "    Packets received: 52 packets\n"
     f"    Local timers\n{TIMERS}    Remote timers\n{TIMERS}"
 )
-PORT: dict[str, Any] = {
-    "name": "port1",
-    "type": "device",
-    "status": "up",
-    "link": True,
-    "speed": 1000,
-    "duplex": "full",
-    "mtu": 1500,
-    "mac": "02:00:00:00:00:01",
-    "addresses": ["192.0.2.1/24"],
-}
-STATISTICS = {
-    "port_name": "port1",
-    "bytes_sent": 1924362,
-    "bytes_recv": 1347998920,
-    "packets_sent": 21607,
-    "packets_recv": 31942,
-    "errin": 0,
-    "errout": 0,
-    "dropin": 0,
-    "dropout": 0,
-}
-GROUP = {"port_name": "port1", "group": "224.0.0.1", "users": 1, "version": "V3"}
-FLASH = {
-    "device": "/dev/mmcblk0p1",
-    "mountpoint": "/",
-    "filesystem": "ext4",
-    "read_only": False,
-    "size": 3848208384,
-    "used": 912261120,
-    "free": 2719965184,
-}
-MONITORED = {
-    "name": "port1",
-    "status": "up",
-    "carrier": True,
-    "carrier_up_count": 1,
-    "carrier_down_count": 1,
-    "carrier_changes": 2,
-}
-FLAPS = {"port_name": "port1", "link": "up", "flaps": 1, "guard": "none"}
+
+
+def shown(function: str) -> Any:
+    """The value that the first example in a function's docstring shows."""
+    first, *_ = doctest.DocTestParser().get_examples(NAMED[function].docstring)
+    return ast.literal_eval(first.want)
+
+
+PORT = shown("list_system_interface_physical")
+FLAPS = shown("list_switch_flapguard_status")
+STATISTICS = shown("list_switch_port_statistics")
+GROUPS = shown("list_switch_igmp_snooping_group")
+FLASH = shown("list_system_flash_list_status")
+MONITORED = shown("list_system_link_monitor_status")
 
 # Replies of the services in the examples that the scenario does not have.
 ANSWERS: dict[str, object] = {
@@ -89,11 +63,11 @@ ANSWERS: dict[str, object] = {
     "cookieval_unwrap": b"user=admin",
     "gui_chk_cert_expiration": lambda path: 0 if path == b"/etc/ssl/certs/gui.pem" else -1,
     "build_system_interface_physical": [{"interface": [PORT, {**PORT, "name": "port2"}]}],
-    "build_system_flash_list": [FLASH],
-    "build_system_link_monitor_status": [MONITORED],
-    "build_switch_flapguard_status": [FLAPS],
-    "build_switch_port_statistics": filter_rows([STATISTICS]),
-    "build_switch_igmp_snooping_group": filter_rows([GROUP]),
+    "build_system_flash_list": FLASH,
+    "build_system_link_monitor_status": MONITORED,
+    "build_switch_flapguard_status": FLAPS,
+    "build_switch_port_statistics": filter_rows(STATISTICS),
+    "build_switch_igmp_snooping_group": filter_rows(GROUPS),
 }
 OUTPUTS = {
     "get_cli_command_output": ARP,
@@ -185,26 +159,27 @@ def test_examples_give_documented_results(example_simulator: Simulator, function
     )
 
 
-def live_fields() -> list[Any]:
-    netlink = pytest.mark.requires("netlink")
-    return [
-        pytest.param(PORT, lambda: links.physical_interfaces()[0]["interface"], marks=netlink),
+netlink = pytest.mark.requires("netlink")
+
+
+@pytest.mark.parametrize(
+    ("example", "reply"),
+    [
+        pytest.param([PORT], lambda: links.physical_interfaces()[0]["interface"], marks=netlink),
         pytest.param(MONITORED, links.link_monitor_status, marks=netlink),
         pytest.param(FLAPS, links.flap_guard_status, marks=netlink),
         (STATISTICS, lambda: ports.statistics({})),
-        (GROUP, lambda: multicast.groups({})),
+        (GROUPS, lambda: multicast.groups({})),
         (FLASH, storage.flash_list),
-    ]
-
-
-@pytest.mark.parametrize(("example", "reply"), live_fields())
+    ],
+)
 def test_examples_have_fields_of_live_replies(
-    example: dict[str, Any], reply: Callable[[], list[Any]]
+    example: list[dict[str, Any]], reply: Callable[[], list[Any]]
 ) -> None:
     entries = reply()
     if not entries:
         pytest.skip("this machine has no entry of the kind")
-    assert list(example) == list(entries[0])
+    assert list(example[0]) == list(entries[0])
 
 
 @every_function

@@ -54,30 +54,23 @@ def test_stp_instance_truth_is_not_tested(simulator: Simulator, module: ModuleTy
 
 
 @by_truth
-@pytest.mark.parametrize("value", [0, "", None, False, 0.0, [], {}, ()], ids=repr)
-def test_false_argument_sends_empty_request(
-    simulator: Simulator, module: ModuleType, function: str, key: str, native: str, value: object
-) -> None:
-    getattr(module, function)(value)
-    assert sent_request(simulator) == {}
-    assert without_releases(simulator) == ([(native, {})] if native else [])
-    getattr(module, function)(**{key: value})
-    assert sent_request(simulator) == {}
-
-
-@by_truth
-@pytest.mark.parametrize("value", [7, -1, "0", "t1", True, 1.5, [0], {"a": 1}], ids=repr)
-def test_true_argument_is_sent_under_its_key(
+@pytest.mark.parametrize(
+    "value",
+    [0, "", None, False, 0.0, [], {}, (), 7, -1, "0", "t1", True, 1.5, [0], {"a": 1}],
+    ids=repr,
+)
+def test_argument_is_sent_under_its_key_if_true(
     simulator: Simulator, module: ModuleType, function: str, key: str, native: str, value: object
 ) -> None:
     made = simulator.on_create = Recorder()
+    expected = {key: value} if value else {}
     getattr(module, function)(value)
-    assert without_releases(simulator) == ([(native, {key: value})] if native else [])
     getattr(module, function)(**{key: value})
+    assert without_releases(simulator) == ([(native, expected)] * 2 if native else [])
     requests = [args[0] for (args,) in made.positional if args]
-    assert [list(request) for request in requests] == [[key], [key]]
-    assert all(request[key] is value for request in requests)
-    assert with_types(sent_request(simulator)) == with_types({key: value})
+    assert [list(request) for request in requests] == [[*expected], [*expected]]
+    assert all(sent is value for request in requests for sent in request.values())
+    assert with_types(sent_request(simulator)) == with_types(expected)
 
 
 @by_truth
@@ -95,24 +88,17 @@ def test_argument_truth_is_tested_once_before_request(
 
 
 @by_truth
-def test_argument_truth_error_is_at_request_line(
+def test_failing_argument_is_at_request_line(
     simulator: Simulator, module: ModuleType, function: str, key: str, native: str
 ) -> None:
-    value = CountingInt(9)
-    value.truth = error = LookupError("no truth")
+    no_truth = CountingInt(9)
+    no_truth.truth = error = LookupError("no truth")
     made = simulator.on_create = Recorder()
-    assert raises_exactly(LookupError, getattr(module, function), value) is error
-    assert line(error, function) == NAMED[function].first_line[0] + 1
+    assert raises_exactly(LookupError, getattr(module, function), no_truth) is error
     assert made.calls == []
-    assert simulator.call_log == []
-
-
-@by_truth
-def test_unserializable_argument_raises_sibling_error(
-    simulator: Simulator, module: ModuleType, function: str, key: str, native: str
-) -> None:
-    error = raises_exactly(TypeError, getattr(module, function), object())
-    assert line(error, function) == NAMED[function].first_line[0] + 1
+    not_json = raises_exactly(TypeError, getattr(module, function), object())
+    at = NAMED[function].first_line[0] + 1
+    assert [line(error, function), line(not_json, function)] == [at, at]
     assert simulator.call_log == []
 
 
