@@ -80,7 +80,7 @@ SESSION = "\npeer 192.0.2.1 interface port1\n"
 
 PROVOKED = [
     *(
-        Provoked(row.name, (object(),))
+        Provoked(row.name, (5 if row.parameters[0].types <= {"bytes", "str"} else object(),))
         for row in FUNCTIONS
         if len(row.parameters) == 1 and row.name != "get_cookie_name"
     ),

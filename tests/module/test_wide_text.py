@@ -94,6 +94,7 @@ def test_code_points_pass_through_unchanged(native_cli: FakeCli, character: str)
         assert [list(row.values()) for row in listed] == [row.split() for row in rows]
 
 
+@pytest.mark.slow
 def test_scanner_splits_at_white_space_of_str_isspace(native_cli: FakeCli) -> None:
     """Every code point but the line break stands between two letters of a row's first column."""
     for first in range(0, sys.maxunicode + 1, 0x1000):
