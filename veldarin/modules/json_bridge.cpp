@@ -68,7 +68,7 @@ bool build_capture(PyObject *event, JSONObject *request, JSONObject *response) {
 
 // json.loads(<the object as JSON text, in bytes>)
 Ref parse(json_object *object) {
-    const Ref json = global(interned[id::json]);
+    const Ref json = global(id::json);
     if (!json) return {};
     const Ref loads = Ref::steal(PyObject_GetAttr(json.get(), interned[id::loads]));
     if (!loads) return {};

@@ -13,13 +13,18 @@ constexpr char source_file[] = "veldarin/modules/modules_util";
 
 // The last code object that begins no later than `line`; borrowed, null if there is none.
 PyObject *find_code(int line) {
-    PyObject *found = nullptr;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(state.code_objects); ++i) {
-        PyObject *code = PyList_GET_ITEM(state.code_objects, i);
-        if (reinterpret_cast<PyCodeObject *>(code)->co_firstlineno > line) break;
-        found = code;
+    Py_ssize_t first = 0;
+    for (Py_ssize_t count = PyList_GET_SIZE(state.code_objects); count > 0;) {
+        const Py_ssize_t half = count / 2;
+        PyObject *code = PyList_GET_ITEM(state.code_objects, first + half);
+        if (reinterpret_cast<PyCodeObject *>(code)->co_firstlineno <= line) {
+            first += half + 1;
+            count -= half + 1;
+        } else {
+            count = half;
+        }
     }
-    return found;
+    return first > 0 ? PyList_GET_ITEM(state.code_objects, first - 1) : nullptr;
 }
 
 // A code object for a function, or for the import (null).
