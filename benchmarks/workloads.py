@@ -55,6 +55,10 @@ class Workload:
     no_parse: bool = False
 
 
+def _calls(rows: int) -> int:
+    return 1 if rows > 100 else 20
+
+
 def arp(rows: int, variant: Variant) -> Workload:
     """Parse the ARP table."""
     return Workload(
@@ -62,6 +66,7 @@ def arp(rows: int, variant: Variant) -> Workload:
         "get_system_arp_result",
         lambda: {CLI: cli_samples.arp(rows, variant)},
         rows=rows,
+        calls=_calls(rows),
         bounds={LOWER_BOUND: "rebuild"},
     )
 
@@ -74,6 +79,7 @@ def routing(rows: int, variant: Variant) -> Workload:
         lambda: {CLI: cli_samples.routing(rows, variant)},
         ("192.0.2.7",),
         rows=rows,
+        calls=_calls(rows),
         bounds={LOWER_BOUND: "rebuild"},
     )
 
@@ -86,6 +92,7 @@ def bfd(rows: int, variant: Variant) -> Workload:
         lambda: {CLI: cli_samples.bfd(rows, variant)},
         ("get router info bfd neighbor", {}),
         rows=rows,
+        calls=_calls(rows),
         bounds={LOWER_BOUND: "rebuild", "lower bound, new keys": "rebuild_with_keys"},
         clears=True,
     )
@@ -135,6 +142,33 @@ def bridge(size: int, label: str, no_parse: bool = False) -> Workload:
     )
 
 
+def query(function: str, service: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Workload:
+    """Run a status query with arguments and the null reply."""
+    return Workload(
+        name=f"{function}({', '.join([*map(repr, arguments)] if not keywords else [f'{k}={v!r}' for k, v in zip(keywords, arguments)])})",
+        function=function,
+        replies=lambda: {service: None},
+        arguments=arguments,
+        keywords=keywords,
+        calls=_SHORT,
+        compiled_only=True,
+    )
+
+
+def last_interface(entries: int) -> Workload:
+    """Select the last of many entries of a reply."""
+    names = [f"port{i}" for i in range(entries)]
+    return Workload(
+        name=f"list_system_interface_physical, the last of {entries:,}",
+        function="list_system_interface_physical",
+        replies=lambda: {
+            "build_system_interface_physical": [{"interface": [{"name": name} for name in names]}]
+        },
+        arguments=(names[-1],),
+        compiled_only=True,
+    )
+
+
 _COOKIES: Mapping[str, object] = {
     "aps_get_new_cookie_id": 4294967295,
     "__get_aps_hash": 3735928559,
@@ -169,13 +203,20 @@ def binding(name: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Wo
     )
 
 
-def failing(name: str, function: str, error: type[BaseException], *arguments: object) -> Workload:
+def failing(
+    name: str,
+    function: str,
+    error: type[BaseException],
+    *arguments: object,
+    keywords: tuple[str, ...] = (),
+) -> Workload:
     """Call a function that raises an exception."""
     return Workload(
         name=f"error, {name}",
         function=function,
         replies=lambda: {CLI: "no header\n"},
         arguments=arguments,
+        keywords=keywords,
         raises=error,
         calls=_SHORT,
         compiled_only=True,
@@ -184,9 +225,11 @@ def failing(name: str, function: str, error: type[BaseException], *arguments: ob
 
 Parser = Callable[[int, Variant], Workload]
 PARSERS: tuple[Parser, Parser, Parser] = (arp, routing, bfd)
-SIZES = (10, 100, 1_000, 10_000, 100_000)
-# The size that the thresholds apply to; instructions are counted at this size.
+SIZES = (1, 10, 30, 100, 1_000, 10_000, 100_000)
+# The size that most thresholds apply to.
 THRESHOLD_SIZE = 1_000
+# Instructions are counted at these sizes. A device has tens of neighbors and a few routes.
+COUNTED_SIZES = (1, 10, 30, THRESHOLD_SIZE)
 # The template competitors take milliseconds per row.
 MAX_ROWS = {"TextFSM": 1_000, "TTP": 1_000}
 
@@ -213,16 +256,23 @@ BINDING = [
 ERRORS = [
     failing("wrong type", "get_cli_command_output", TypeError, 5),
     failing("too many arguments", "switch_acl_egress_counter", TypeError, 1, 2),
+    failing("unknown keyword", "switch_acl_egress_counter", TypeError, 1, keywords=("policy",)),
     failing("no header", "get_system_arp_result", IndexError),
 ]
+QUERIES = [
+    query("switch_acl_ingress_counter", "build_switch_acl_ingress_stats", 7),
+    query("switch_acl_ingress_counter", "build_switch_acl_ingress_stats", 7, keywords=("policy_id",)),
+    query("capture_sniffer_profile", "build_stop_sniffer_profile_capture", "lan", "Stop"),
+    last_interface(1_000),
+]
 OUTPUTS = [OUTPUT, output(100_000, "100 kB", prompts=True)]
-CALLS = [*TRIVIAL, *BINDING, *ERRORS]
+CALLS = [*TRIVIAL, *BINDING, *ERRORS, *QUERIES]
 
 TABLES = [parser(size, variant) for parser in PARSERS for variant in Variant for size in SIZES]
 TIMED = [*TABLES, LISTING, *OUTPUTS, *BRIDGES, *NO_PARSE_BRIDGES, *CALLS]
 # Under callgrind the largest reply would take minutes.
 COUNTED = [
-    *(table for table in TABLES if table.rows == THRESHOLD_SIZE),
+    *(table for table in TABLES if table.rows in COUNTED_SIZES),
     LISTING,
     *OUTPUTS,
     *BRIDGES[:3],
