@@ -3,6 +3,8 @@
 
 #include <frameobject.h>
 
+#include <cstring>
+
 #include "veldarin/modules/state.h"
 
 namespace modules_util {
@@ -29,8 +31,10 @@ PyObject *find_code(int line) {
 
 // A code object for a function, or for the import (null).
 Ref new_code(const char *function, int first_line) {
-    char name[80];
-    PyOS_snprintf(name, sizeof name, function ? "%s.%s" : "init %s", module_name, function);
+    char name[80];  // longer than any: the import creates one for every function, so no snprintf
+    char *end = stpcpy(name, function ? module_name : "init ");
+    if (function) *end++ = '.';
+    stpcpy(end, function ? function : module_name);
     return Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, name, first_line)));
 }
 
