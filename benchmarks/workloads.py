@@ -142,14 +142,14 @@ def bridge(size: int, label: str, no_parse: bool = False) -> Workload:
     )
 
 
-def query(function: str, service: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Workload:
+def query(call: str, function: str, service: str, *arguments: object, **options: Any) -> Workload:
     """Run a status query with arguments and the null reply."""
     return Workload(
-        name=f"{function}({', '.join([*map(repr, arguments)] if not keywords else [f'{k}={v!r}' for k, v in zip(keywords, arguments)])})",
+        name=call,
         function=function,
         replies=lambda: {service: None},
         arguments=arguments,
-        keywords=keywords,
+        **options,
         calls=_SHORT,
         compiled_only=True,
     )
@@ -259,11 +259,14 @@ ERRORS = [
     failing("unknown keyword", "switch_acl_egress_counter", TypeError, 1, keywords=("policy",)),
     failing("no header", "get_system_arp_result", IndexError),
 ]
+LAST_INTERFACE = last_interface(1_000)
+_ACL = ("switch_acl_ingress_counter", "build_switch_acl_ingress_stats", 7)
+_CAPTURE = ("capture_sniffer_profile", "build_stop_sniffer_profile_capture", "lan", "Stop")
 QUERIES = [
-    query("switch_acl_ingress_counter", "build_switch_acl_ingress_stats", 7),
-    query("switch_acl_ingress_counter", "build_switch_acl_ingress_stats", 7, keywords=("policy_id",)),
-    query("capture_sniffer_profile", "build_stop_sniffer_profile_capture", "lan", "Stop"),
-    last_interface(1_000),
+    query("switch_acl_ingress_counter(7)", *_ACL),
+    query("switch_acl_ingress_counter(policy_id=7)", *_ACL, keywords=("policy_id",)),
+    query("capture_sniffer_profile", *_CAPTURE),
+    LAST_INTERFACE,
 ]
 OUTPUTS = [OUTPUT, output(100_000, "100 kB", prompts=True)]
 CALLS = [*TRIVIAL, *BINDING, *ERRORS, *QUERIES]
