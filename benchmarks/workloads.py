@@ -15,8 +15,8 @@ from benchmarks.cli_samples import Variant
 from veldarin_simulator import RawJSON
 
 CLI = "get_cli_cmd_output"
-NEIGHBORS = 10
 LOWER_BOUND = "lower bound"
+NEW_KEYS = "lower bound, new keys"
 WITH_BYTES = "lower bound, bytes ready"
 
 _SHORT = 100  # calls of a short function
@@ -93,21 +93,21 @@ def bfd(rows: int, variant: Variant) -> Workload:
         ("get router info bfd neighbor", {}),
         rows=rows,
         calls=_calls(rows),
-        bounds={LOWER_BOUND: "rebuild", "lower bound, new keys": "rebuild_with_keys"},
+        bounds={LOWER_BOUND: "rebuild", NEW_KEYS: "rebuild_with_keys"},
         clears=True,
     )
 
 
-def listing() -> Workload:
+def listing(neighbors: int) -> Workload:
     """List the BFD neighbors; every command has the same output.
 
     "deepcopy" is the interpreter's `copy.deepcopy` of the sessions, which the function calls.
     """
     return Workload(
-        f"list_bfd_neighbor, {NEIGHBORS} neighbors",
+        f"list_bfd_neighbor, {neighbors} neighbors",
         "list_bfd_neighbor",
         lambda: {CLI: cli_samples.bfd_session(0)},
-        sessions=NEIGHBORS,
+        sessions=neighbors,
         bounds={LOWER_BOUND: "rebuild", "deepcopy": "deepcopy"},
     )
 
@@ -236,11 +236,12 @@ MAX_ROWS = {"TextFSM": 1_000, "TTP": 1_000}
 BRIDGES = [
     bridge(0, "null"),
     bridge(1_000, "1 kB"),
+    bridge(4_000, "4 kB"),
     bridge(100_000, "100 kB"),
     bridge(5_000_000, "5 MB"),
 ]
 NO_PARSE_BRIDGES = [bridge(1_000, "1 kB", no_parse=True), bridge(100_000, "100 kB", no_parse=True)]
-LISTING = listing()
+LISTING = listing(10)
 OUTPUT = output(100_000, "100 kB")
 TRIVIAL = [
     trivial("new_cookie_id"),
@@ -273,12 +274,15 @@ CALLS = [*TRIVIAL, *BINDING, *ERRORS, *QUERIES]
 
 TABLES = [parser(size, variant) for parser in PARSERS for variant in Variant for size in SIZES]
 TIMED = [*TABLES, LISTING, *OUTPUTS, *BRIDGES, *NO_PARSE_BRIDGES, *CALLS]
+# What the management interface calls for one page of a device.
+PAGE = [arp(30, Variant.REPEATING), routing(5, Variant.REPEATING), listing(4), BRIDGES[2]]
 # Under callgrind the largest reply would take minutes.
 COUNTED = [
     *(table for table in TABLES if table.rows in COUNTED_SIZES),
     LISTING,
     *OUTPUTS,
-    *BRIDGES[:3],
+    *BRIDGES[:4],
     *NO_PARSE_BRIDGES,
     *CALLS,
+    *PAGE[1:3],
 ]
