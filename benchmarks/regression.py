@@ -31,7 +31,6 @@ from benchmarks.workloads import (
     NO_PARSE_BRIDGES,
     PAGE,
     TABLES,
-    THRESHOLD_SIZE,
 )
 from veldarin_simulator import native_library
 
@@ -49,12 +48,8 @@ MAX_GROWTH = hostile.FACTOR + 1
 _QUERY = BRIDGES[0]
 _LEFT_OUT = (*BRIDGES[1:], *NO_PARSE_BRIDGES, *PAGE, LAST_INTERFACE)
 # One size of small tables is enough here.
-_SIZES = (10, THRESHOLD_SIZE)
-COMPARED = [
-    each
-    for each in COUNTED
-    if each not in _LEFT_OUT and (each not in TABLES or each.rows in _SIZES)
-]
+_SMALL_TABLES = [each for each in TABLES if each.rows in (1, 30)]
+COMPARED = [each for each in COUNTED if each not in (*_LEFT_OUT, *_SMALL_TABLES)]
 
 
 def measure() -> InstructionCounts:

@@ -124,10 +124,10 @@ def tables(results: Results) -> list[Table]:
         _table(
             "Instructions",
             "Per row of a table, or per call. Callgrind counts n and 5n calls, with the release of "
-            "the result; the figure is the difference. The import is one, siblings loaded. The page "
-            "of a device is the sum of an ARP table of 30 rows, a routing table of 5 routes, 4 BFD "
-            'neighbors and a reply of 4 kB. "New keys" is the lower bound that also makes the keys '
-            "that come from the text.",
+            "the result; the figure is the difference. The import is one, siblings loaded. The "
+            "page of a device is the sum of an ARP table of 30 rows, a routing table of 5 routes, "
+            '4 BFD neighbors and a reply of 4 kB. "New keys" is the lower bound that also makes '
+            "the keys that come from the text.",
             {**counts.instructions, "import": counts.imports, "page of a device": _page(counts)},
             {
                 **_figures([*_COUNTED, NEW_KEYS]),

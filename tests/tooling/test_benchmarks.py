@@ -1,4 +1,4 @@
-"""The compiled and plain competitors return what the module returns, else a comparison says nothing."""
+"""The competitors return what the module returns: otherwise a comparison would say nothing."""
 
 from __future__ import annotations
 
