@@ -39,7 +39,8 @@ check: lint build  ## Lint, and run the module's own tests; for the inner loop
 	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
 
 .PHONY: test
-test: bootstrap-browser+lint+callgrind lint build callgrind  ## Lint, and run every test
+test: bootstrap-browser+lint+callgrind lint build  ## Lint, and run every test
+	$(call build,$(PRESET),benchmark_competitors)
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build

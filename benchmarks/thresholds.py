@@ -9,7 +9,7 @@ from benchmarks import workloads
 from benchmarks.cli_samples import Variant
 from benchmarks.competitors import CYTHON, MODULE
 from benchmarks.measure import Results, Times
-from benchmarks.workloads import LOWER_BOUND, THRESHOLD_SIZE, WITH_BYTES, Workload
+from benchmarks.workloads import LOWER_BOUND, NEW_KEYS, THRESHOLD_SIZE, WITH_BYTES, Workload
 
 _AT_MOST, _AT_LEAST = "at most", "at least"
 
@@ -81,6 +81,19 @@ def _microseconds_above(workload: Workload, limit: float, bound: str) -> Thresho
 
 
 _LIMITS = dict(zip(workloads.PARSERS, (1.15, 1.25, 3.0)))
+_SMALL_LIMITS = dict(zip(workloads.PARSERS, (1.25, 1.4, 2.5)))
+
+
+def _instruction_ratio(workload: Workload, limit: float, name: str) -> Threshold:
+    def ratio(results: Results) -> float:
+        row = results.counts.instructions[workload.name]
+        return row[MODULE] / row[name]
+
+    return Threshold(f"{workload.name}, instructions", ratio, _AT_MOST, limit, f"x {name}")
+
+
+def _import_instructions(results: Results) -> float:
+    return results.counts.imports[MODULE] / results.counts.imports[CYTHON]
 
 
 def _table_thresholds(parser: workloads.Parser, variant: Variant) -> Iterator[Threshold]:
@@ -90,13 +103,9 @@ def _table_thresholds(parser: workloads.Parser, variant: Variant) -> Iterator[Th
     is_bounded = not (parser is workloads.bfd and variant is Variant.REPEATING)
     if is_bounded:
         yield _at_most(table, _LIMITS[parser], LOWER_BOUND)
-
-        def instruction_ratio(results: Results) -> float:
-            row = results.counts.instructions[table.name]
-            return row[MODULE] / row[LOWER_BOUND]
-
-        subject = f"{table.name}, instructions"
-        yield Threshold(subject, instruction_ratio, _AT_MOST, _LIMITS[parser], f"x {LOWER_BOUND}")
+        yield _instruction_ratio(table, _LIMITS[parser], LOWER_BOUND)
+        bound = NEW_KEYS if parser is workloads.bfd else LOWER_BOUND
+        yield _instruction_ratio(parser(10, variant), _SMALL_LIMITS[parser], bound)
     if parser is workloads.bfd:
         yield _at_least(table, 6, CYTHON)
     for name, limit in {"split": 3, "TextFSM": 40, "TTP": 40}.items():
@@ -134,5 +143,17 @@ THRESHOLDS = [
     *(_at_most(each, 1.1, LOWER_BOUND) for each in workloads.TRIVIAL),
     Threshold("file, stripped", _file_ratio, _AT_MOST, 0.25, f"x {CYTHON}"),
     Threshold("file, stripped", lambda results: results.sizes[MODULE] / 1024, _AT_MOST, 64, "KiB"),
+    *(
+        _instruction_ratio(each, 1.0, CYTHON)
+        for each in (
+            *workloads.BINDING,
+            *workloads.ERRORS,
+            *workloads.QUERIES[:3],
+            workloads.BRIDGES[0],
+        )
+    ),
+    _instruction_ratio(workloads.LAST_INTERFACE, 0.9, CYTHON),
+    _instruction_ratio(workloads.OUTPUTS[1], 0.4, CYTHON),
+    Threshold("import, instructions", _import_instructions, _AT_MOST, 0.9, f"x {CYTHON}"),
     Threshold("import, siblings loaded", _import_ratio, _AT_MOST, 0.5, f"x {CYTHON}"),
 ]

@@ -15,8 +15,8 @@ from benchmarks.cli_samples import Variant
 from veldarin_simulator import RawJSON
 
 CLI = "get_cli_cmd_output"
-NEIGHBORS = 10
 LOWER_BOUND = "lower bound"
+NEW_KEYS = "lower bound, new keys"
 WITH_BYTES = "lower bound, bytes ready"
 
 _SHORT = 100  # calls of a short function
@@ -55,6 +55,10 @@ class Workload:
     no_parse: bool = False
 
 
+def _calls(rows: int) -> int:
+    return 1 if rows > 100 else 20
+
+
 def arp(rows: int, variant: Variant) -> Workload:
     """Parse the ARP table."""
     return Workload(
@@ -62,6 +66,7 @@ def arp(rows: int, variant: Variant) -> Workload:
         "get_system_arp_result",
         lambda: {CLI: cli_samples.arp(rows, variant)},
         rows=rows,
+        calls=_calls(rows),
         bounds={LOWER_BOUND: "rebuild"},
     )
 
@@ -74,6 +79,7 @@ def routing(rows: int, variant: Variant) -> Workload:
         lambda: {CLI: cli_samples.routing(rows, variant)},
         ("192.0.2.7",),
         rows=rows,
+        calls=_calls(rows),
         bounds={LOWER_BOUND: "rebuild"},
     )
 
@@ -86,21 +92,22 @@ def bfd(rows: int, variant: Variant) -> Workload:
         lambda: {CLI: cli_samples.bfd(rows, variant)},
         ("get router info bfd neighbor", {}),
         rows=rows,
-        bounds={LOWER_BOUND: "rebuild", "lower bound, new keys": "rebuild_with_keys"},
+        calls=_calls(rows),
+        bounds={LOWER_BOUND: "rebuild", NEW_KEYS: "rebuild_with_keys"},
         clears=True,
     )
 
 
-def listing() -> Workload:
+def listing(neighbors: int) -> Workload:
     """List the BFD neighbors; every command has the same output.
 
     "deepcopy" is the interpreter's `copy.deepcopy` of the sessions, which the function calls.
     """
     return Workload(
-        f"list_bfd_neighbor, {NEIGHBORS} neighbors",
+        f"list_bfd_neighbor, {neighbors} neighbors",
         "list_bfd_neighbor",
         lambda: {CLI: cli_samples.bfd_session(0)},
-        sessions=NEIGHBORS,
+        sessions=neighbors,
         bounds={LOWER_BOUND: "rebuild", "deepcopy": "deepcopy"},
     )
 
@@ -132,6 +139,33 @@ def bridge(size: int, label: str, no_parse: bool = False) -> Workload:
         bounds={LOWER_BOUND: "bridge", WITH_BYTES: "bridge_with_bytes"},
         calls=_SHORT if no_parse or not size else 1,
         no_parse=no_parse,
+    )
+
+
+def query(call: str, function: str, service: str, *arguments: object, **options: Any) -> Workload:
+    """Run a status query with arguments and the null reply."""
+    return Workload(
+        name=call,
+        function=function,
+        replies=lambda: {service: None},
+        arguments=arguments,
+        **options,
+        calls=_SHORT,
+        compiled_only=True,
+    )
+
+
+def last_interface(entries: int) -> Workload:
+    """Select the last of many entries of a reply."""
+    names = [f"port{i}" for i in range(entries)]
+    return Workload(
+        name=f"list_system_interface_physical, the last of {entries:,}",
+        function="list_system_interface_physical",
+        replies=lambda: {
+            "build_system_interface_physical": [{"interface": [{"name": name} for name in names]}]
+        },
+        arguments=(names[-1],),
+        compiled_only=True,
     )
 
 
@@ -169,13 +203,20 @@ def binding(name: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Wo
     )
 
 
-def failing(name: str, function: str, error: type[BaseException], *arguments: object) -> Workload:
+def failing(
+    name: str,
+    function: str,
+    error: type[BaseException],
+    *arguments: object,
+    keywords: tuple[str, ...] = (),
+) -> Workload:
     """Call a function that raises an exception."""
     return Workload(
         name=f"error, {name}",
         function=function,
         replies=lambda: {CLI: "no header\n"},
         arguments=arguments,
+        keywords=keywords,
         raises=error,
         calls=_SHORT,
         compiled_only=True,
@@ -184,20 +225,23 @@ def failing(name: str, function: str, error: type[BaseException], *arguments: ob
 
 Parser = Callable[[int, Variant], Workload]
 PARSERS: tuple[Parser, Parser, Parser] = (arp, routing, bfd)
-SIZES = (10, 100, 1_000, 10_000, 100_000)
-# The size that the thresholds apply to; instructions are counted at this size.
+SIZES = (1, 10, 30, 100, 1_000, 10_000, 100_000)
+# The size that most thresholds apply to.
 THRESHOLD_SIZE = 1_000
+# Instructions are counted at these sizes. A device has tens of neighbors and a few routes.
+COUNTED_SIZES = (1, 10, 30, THRESHOLD_SIZE)
 # The template competitors take milliseconds per row.
 MAX_ROWS = {"TextFSM": 1_000, "TTP": 1_000}
 
 BRIDGES = [
     bridge(0, "null"),
     bridge(1_000, "1 kB"),
+    bridge(4_000, "4 kB"),
     bridge(100_000, "100 kB"),
     bridge(5_000_000, "5 MB"),
 ]
 NO_PARSE_BRIDGES = [bridge(1_000, "1 kB", no_parse=True), bridge(100_000, "100 kB", no_parse=True)]
-LISTING = listing()
+LISTING = listing(10)
 OUTPUT = output(100_000, "100 kB")
 TRIVIAL = [
     trivial("new_cookie_id"),
@@ -213,19 +257,32 @@ BINDING = [
 ERRORS = [
     failing("wrong type", "get_cli_command_output", TypeError, 5),
     failing("too many arguments", "switch_acl_egress_counter", TypeError, 1, 2),
+    failing("unknown keyword", "switch_acl_egress_counter", TypeError, 1, keywords=("policy",)),
     failing("no header", "get_system_arp_result", IndexError),
 ]
+LAST_INTERFACE = last_interface(1_000)
+_ACL = ("switch_acl_ingress_counter", "build_switch_acl_ingress_stats", 7)
+_CAPTURE = ("capture_sniffer_profile", "build_stop_sniffer_profile_capture", "lan", "Stop")
+QUERIES = [
+    query("switch_acl_ingress_counter(7)", *_ACL),
+    query("switch_acl_ingress_counter(policy_id=7)", *_ACL, keywords=("policy_id",)),
+    query("capture_sniffer_profile", *_CAPTURE),
+    LAST_INTERFACE,
+]
 OUTPUTS = [OUTPUT, output(100_000, "100 kB", prompts=True)]
-CALLS = [*TRIVIAL, *BINDING, *ERRORS]
+CALLS = [*TRIVIAL, *BINDING, *ERRORS, *QUERIES]
 
 TABLES = [parser(size, variant) for parser in PARSERS for variant in Variant for size in SIZES]
 TIMED = [*TABLES, LISTING, *OUTPUTS, *BRIDGES, *NO_PARSE_BRIDGES, *CALLS]
+# What the management interface calls for one page of a device.
+PAGE = [arp(30, Variant.REPEATING), routing(5, Variant.REPEATING), listing(4), BRIDGES[2]]
 # Under callgrind the largest reply would take minutes.
 COUNTED = [
-    *(table for table in TABLES if table.rows == THRESHOLD_SIZE),
+    *(table for table in TABLES if table.rows in COUNTED_SIZES),
     LISTING,
     *OUTPUTS,
-    *BRIDGES[:3],
+    *BRIDGES[:4],
     *NO_PARSE_BRIDGES,
     *CALLS,
+    *PAGE[1:3],
 ]

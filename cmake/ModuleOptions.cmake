@@ -24,7 +24,7 @@ target_compile_options(module_options INTERFACE
 # have left the processor's store buffer, hence -fno-tree-slp-vectorize.
 function(optimize_for_speed)
     set_source_files_properties(${ARGN} PROPERTIES
-        COMPILE_OPTIONS "$<$<CONFIG:Release>:-O2;-fno-tree-slp-vectorize>")
+        COMPILE_OPTIONS "$<$<CONFIG:Release>:-O2;-fno-tree-slp-vectorize;-fno-align-functions;-fno-align-jumps>")
 endfunction()
 
 # The linker language is C (below); this keeps CMake from adding the C++ runtime.

@@ -41,7 +41,7 @@ def {function}({parameter}):
     cdef JSONObject request = JSONObject({request})
     cdef JSONObject response = JSONObject()
     {call}
-    data = json.loads(json_object_to_json_string(response.held))
+    data = json.loads(json_object_to_json_string(response.value))
     request.release()
     response.release()
     return data
@@ -90,7 +90,7 @@ def _query(row: str) -> str:
     request = "{}" if not name else sent if condition == "True" else conditional
     if service == "-":
         return _QUERY.format(function=function, parameter=parameter, request=request, call="pass")
-    call = f"response.held = {service}(NULL, request.held)"
+    call = f"response.value = {service}(NULL, request.value)"
     query = _QUERY.format(function=function, parameter=parameter, request=request, call=call)
     return _EXTERN.format(service=service, more="") + query
 

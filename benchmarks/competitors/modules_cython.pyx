@@ -108,8 +108,8 @@ def check_cert_expiration(bytes path):
 def list_system_interface_physical(str name):
     cdef JSONObject request = JSONObject({"name": name})
     cdef JSONObject response = JSONObject()
-    response.held = build_system_interface_physical(NULL, request.held)
-    interface = json.loads(json_object_to_json_string(response.held))
+    response.value = build_system_interface_physical(NULL, request.value)
+    interface = json.loads(json_object_to_json_string(response.value))
     for data in interface[0]["interface"]:
         if data["name"] == name:
             break
@@ -135,14 +135,14 @@ def capture_sniffer_profile(str profile_name, str event):
     cdef JSONObject request = JSONObject({"profile-name": profile_name})
     cdef JSONObject response = JSONObject()
     if event == "Running":
-        response.held = build_start_sniffer_profile_capture(NULL, request.held, NULL)
+        response.value = build_start_sniffer_profile_capture(NULL, request.value, NULL)
     elif event == "Stop":
-        response.held = build_stop_sniffer_profile_capture(NULL, request.held, NULL)
+        response.value = build_stop_sniffer_profile_capture(NULL, request.value, NULL)
     elif event == "Pause":
-        response.held = build_pause_sniffer_profile_capture(NULL, request.held, NULL)
+        response.value = build_pause_sniffer_profile_capture(NULL, request.value, NULL)
     elif event == "Delete":
-        response.held = build_delete_sniffer_profile_capture(NULL, request.held, NULL)
-    data = json.loads(json_object_to_json_string(response.held))
+        response.value = build_delete_sniffer_profile_capture(NULL, request.value, NULL)
+    data = json.loads(json_object_to_json_string(response.value))
     request.release()
     response.release()
     return data

@@ -28,15 +28,14 @@ struct PyMemBuffer {
 
 // function(object, _CHARSET), for text_ and bytes_.
 Ref convert(const Ref &function, PyObject *object) {
-    const Ref charset = global(interned[id::charset_global]);
+    const Ref charset = global(id::charset_global);
     if (!charset) return {};
-    PyObject *const arguments[] = {object, charset.get()};
-    return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 2, nullptr));
+    return call(function, object, charset.get());
 }
 
 // Encodes the command into a buffer of command_size bytes, which may truncate it.
 bool encode(PyObject *cmd_s, char *cmd) {
-    const Ref bytes_ = global(interned[id::bytes_]);
+    const Ref bytes_ = global(id::bytes_);
     if (!bytes_) return false;
     const Ref encoded = convert(bytes_, cmd_s);
     if (!encoded) return false;
@@ -54,7 +53,7 @@ bool encode(PyObject *cmd_s, char *cmd) {
 }
 
 Ref decode(const char *output) {
-    const Ref text_ = global(interned[id::text_]);
+    const Ref text_ = global(id::text_);
     if (!text_) return {};
     const Ref bytes = Ref::steal(PyBytes_FromString(output));
     if (!bytes) return {};
@@ -78,7 +77,7 @@ PyObject *get_cli_command_output(PyObject *cmd_s) {
     if (!encode(cmd_s, cmd)) return fail(at::encode);
     const PyMemBuffer output(get_cli_cmd_output(nullptr, cmd));
     if (!output.text) {
-        raise_from_global(interned[id::CFunctionError], interned[id::no_cli_output]);
+        raise_from_global(id::CFunctionError, interned[id::no_cli_output]);
         return fail(at::no_output);
     }
     const Ref text = decode(output.text);
@@ -88,9 +87,9 @@ PyObject *get_cli_command_output(PyObject *cmd_s) {
 }
 
 Ref run_command(PyObject *command) {
-    const Ref text_ = global(interned[id::text_]);
+    const Ref text_ = global(id::text_);
     if (!text_) return {};
-    const Ref output = call_global(interned[id::get_cli_command_output], command);
+    const Ref output = call_global(id::get_cli_command_output, command);
     if (!output) return {};
     return convert(text_, output.get());
 }

@@ -29,20 +29,19 @@ const char *c_string(PyObject *bytes) {
 }
 
 Ref cookie_prefix(PyObject *https) {
-    const Ref text = global(interned[id::text_]);
+    const Ref text = global(id::text_);
     if (!text) return {};
     const int secure = PyObject_IsTrue(https);
     if (secure < 0) return {};
     const Ref prefix = Ref::steal(PyBytes_FromString(secure ? https_prefix : http_prefix));
     if (!prefix) return {};
-    PyObject *const arguments[] = {prefix.get(), interned[id::utf8]};
-    return Ref::steal(PyObject_VectorcallDict(text.get(), arguments, 2, nullptr));
+    return call(text, prefix.get(), interned[id::utf8]);
 }
 
 Ref serial_number_hash() {
-    const Ref hash = global(interned[id::aps_unsigned_int_hash]);
+    const Ref hash = global(id::aps_unsigned_int_hash);
     if (!hash) return {};
-    const Ref serial_number = call_global(interned[id::serial_number_ascii]);
+    const Ref serial_number = call_global(id::serial_number_ascii);
     if (!serial_number) return {};
     return Ref::steal(PyObject_CallOneArg(hash.get(), serial_number.get()));
 }
@@ -55,27 +54,26 @@ Ref cookie_name(PyObject *https) {
     if (!prefix) return {};
     const Ref hash = serial_number_hash();
     if (!hash) return {};
-    PyObject *const arguments[] = {prefix.get(), hash.get()};
-    return Ref::steal(PyObject_VectorcallDict(format.get(), arguments, 2, nullptr));
+    return call(format, prefix.get(), hash.get());
 }
 
 PyObject *raise_out_of_cookie_memory() {
     namespace at = source_line::decrypt_cookie;
-    const Ref logger = global(interned[id::logger]);
+    const Ref logger = global(id::logger);
     if (!logger) return fail(at::log);
     const Ref logged = Ref::steal(PyObject_CallMethodOneArg(logger.get(), interned[id::error],
                                                             interned[id::no_cookie_memory]));
     if (!logged) return fail(at::log);
-    raise_from_global(interned[id::CFunctionError], interned[id::pymem_malloc_text]);
+    raise_from_global(id::CFunctionError, interned[id::pymem_malloc_text]);
     return fail(at::no_memory);
 }
 
 // Path(text_(get_preference_cookie_secret_path()))
 Ref secret_path() {
     const char *pathname = state.imports.get_preference_cookie_secret_path();
-    const Ref path = global(interned[id::Path_class]);
+    const Ref path = global(id::Path_class);
     if (!path) return {};
-    const Ref text = global(interned[id::text_]);
+    const Ref text = global(id::text_);
     if (!text) return {};
     const Ref bytes = Ref::steal(PyBytes_FromString(pathname));
     if (!bytes) return {};
@@ -92,19 +90,18 @@ int is_file(PyObject *path) {
 
 // open(path.absolute(), mode)
 Ref open_secret(PyObject *path, PyObject *mode) {
-    const Ref open = global(interned[id::open]);
+    const Ref open = global(id::open);
     if (!open) return {};
     const Ref absolute = Ref::steal(PyObject_CallMethodNoArgs(path, interned[id::absolute]));
     if (!absolute) return {};
-    PyObject *const arguments[] = {absolute.get(), mode};
-    return Ref::steal(PyObject_VectorcallDict(open.get(), arguments, 2, nullptr));
+    return call(open, absolute.get(), mode);
 }
 
 // hexlify(urandom(32)).decode()
 Ref new_secret() {
-    const Ref hexlify = global(interned[id::hexlify]);
+    const Ref hexlify = global(id::hexlify);
     if (!hexlify) return {};
-    const Ref random = call_global(interned[id::urandom], state.constants.token_bytes);
+    const Ref random = call_global(id::urandom, state.constants.token_bytes);
     if (!random) return {};
     const Ref hex = Ref::steal(PyObject_CallOneArg(hexlify.get(), random.get()));
     if (!hex) return {};

@@ -68,7 +68,7 @@ bool build_capture(PyObject *event, JSONObject *request, JSONObject *response) {
 
 // json.loads(<the object as JSON text, in bytes>)
 Ref parse(json_object *object) {
-    const Ref json = global(interned[id::json]);
+    const Ref json = global(id::json);
     if (!json) return {};
     const Ref loads = Ref::steal(PyObject_GetAttr(json.get(), interned[id::loads]));
     if (!loads) return {};
@@ -79,10 +79,17 @@ Ref parse(json_object *object) {
     return Ref::steal(PyObject_CallOneArg(loads.get(), bytes.get()));
 }
 
+bool is_ready_str(PyObject *object) {
+    return PyUnicode_CheckExact(object) && PyUnicode_IS_READY(object);
+}
+
 // Returns entry["name"] == name as 1 or 0, or -1 with an exception set.
 int has_name(PyObject *entry, PyObject *name) {
     const Ref entry_name = Ref::steal(PyObject_GetItem(entry, interned[id::name]));
     if (!entry_name) return -1;
+    if (is_ready_str(entry_name.get()) && is_ready_str(name)) {
+        return _PyUnicode_EQ(entry_name.get(), name);
+    }
     const Ref equal = Ref::steal(PyObject_RichCompare(entry_name.get(), name, Py_EQ));
     return equal ? PyObject_IsTrue(equal.get()) : -1;
 }

@@ -246,15 +246,15 @@ bool run_import(const ImportStatement &row) {
 
 // getLogger(__name__)
 Ref new_logger() {
-    const Ref get_logger = global(interned[id::getLogger]);
+    const Ref get_logger = global(id::getLogger);
     if (!get_logger) return {};
-    const Ref name = global(interned[id::dunder_name]);
+    const Ref name = global(id::dunder_name);
     if (!name) return {};
     return Ref::steal(PyObject_CallOneArg(get_logger.get(), name.get()));
 }
 
 Ref new_counters() {
-    const Ref namedtuple = global(interned[id::namedtuple]);
+    const Ref namedtuple = global(id::namedtuple);
     if (!namedtuple) return {};
     return Ref::steal(PyObject_Call(namedtuple.get(), state.constants.counters_args, nullptr));
 }
@@ -293,7 +293,7 @@ bool run_statements(int &line) {
     line = at::interface_count;
     if (!bind_global(id::interface_count, Ref::borrow(state.constants.zero))) return false;
     line = at::interface_lock;
-    if (!bind_global(id::interface_lock, call_global(interned[id::Lock]))) return false;
+    if (!bind_global(id::interface_lock, call_global(id::Lock))) return false;
     line = at::charset;
     if (!bind_global(id::charset_global, Ref::borrow(interned[id::utf8]))) return false;
     line = at::counters;

@@ -7,6 +7,7 @@
 #include "migbase/migbase.h"
 #include "util/json.h"
 #include "util/string.h"
+#include "veldarin/modules/interned.h"
 #include "veldarin/modules/modules.h"
 
 namespace modules_util {
@@ -38,6 +39,14 @@ struct Constants {
     PyObject *counters_args;  // for namedtuple()
 };
 
+// A global of the module as of one version of the module's dictionary. The interpreter gives a
+// dictionary a new version, unique in the process, with every change. The dictionary keeps the
+// value alive while it has that version.
+struct CachedGlobal {
+    uint64_t version;  // never 0 for a dictionary
+    PyObject *value;
+};
+
 struct State {
     PyObject *module;            // owned
     PyObject *globals;           // the module's dictionary, kept alive by it
@@ -49,6 +58,7 @@ struct State {
     enum : unsigned char { not_imported, importing, imported } progress;
     Constants constants;
     Imports imports;
+    CachedGlobal global_cache[string_count];  // by id
 };
 
 inline State state;

@@ -145,6 +145,7 @@ void normalize(TrackedCall tracked, PyObject **type, Function &&function) {
 #define PyObject_RichCompare(...)         FAULTS_CALL(null, PyObject_RichCompare, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_RichCompareBool(...)     FAULTS_CALL(negative, PyObject_RichCompareBool, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_SetItem(...)             FAULTS_CALL(negative, PyObject_SetItem, (__VA_ARGS__), #__VA_ARGS__)
+#define PyObject_Vectorcall(...)          FAULTS_CALL(null, PyObject_Vectorcall, (__VA_ARGS__), #__VA_ARGS__)
 #define PyObject_VectorcallDict(...)      FAULTS_CALL(null, PyObject_VectorcallDict, (__VA_ARGS__), #__VA_ARGS__)
 #define PySequence_Contains(...)          FAULTS_CALL(negative, PySequence_Contains, (__VA_ARGS__), #__VA_ARGS__)
 #define PyTuple_Pack(...)                 FAULTS_CALL(null, PyTuple_Pack, (__VA_ARGS__), #__VA_ARGS__)

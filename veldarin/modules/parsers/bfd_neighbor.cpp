@@ -18,7 +18,7 @@ namespace modules_util {
 bool log_exception(int line) {
     if (!PyErr_ExceptionMatches(PyExc_Exception)) return false;
     const HandledException exception;
-    const Ref logger = global(interned[id::logger]);
+    const Ref logger = global(id::logger);
     if (!logger) return fail(line);
     const Ref debug = Ref::steal(PyObject_GetAttr(logger.get(), interned[id::debug]));
     if (!debug) return fail(line);

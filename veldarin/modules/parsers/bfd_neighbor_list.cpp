@@ -25,12 +25,11 @@ Ref detail_command(PyObject *prefix, PyObject *neighbor_ip, PyObject *interface)
 
 // get_bfd_neighbor(<detail command>, list_bfd)
 Ref query_detail(PyObject *prefix, PyObject *neighbor_ip, PyObject *interface, PyObject *list_bfd) {
-    const Ref function = global(interned[id::get_bfd_neighbor]);
+    const Ref function = global(id::get_bfd_neighbor);
     if (!function) return {};
     const Ref command = detail_command(prefix, neighbor_ip, interface);
     if (!command) return {};
-    PyObject *const arguments[] = {command.get(), list_bfd};
-    return Ref::steal(PyObject_VectorcallDict(function.get(), arguments, 2, nullptr));
+    return call(function, command.get(), list_bfd);
 }
 
 // Replaces the exception of the merge with the one that the interpreter raises for dict(...,
@@ -74,7 +73,7 @@ Ref merge_families(PyObject *info, PyObject *info6) {
 
 // copy.deepcopy(object)
 Ref deep_copy(PyObject *object) {
-    const Ref copy = global(interned[id::copy]);
+    const Ref copy = global(id::copy);
     if (!copy) return {};
     return Ref::steal(PyObject_CallMethodOneArg(copy.get(), interned[id::deepcopy], object));
 }
@@ -117,9 +116,9 @@ bool append_neighbor(PyObject *holder, Ref &list_bfd, PyObject *known, PyObject 
 // Fills the holder. Returns false with an exception and its traceback entry.
 bool append_neighbors(PyObject *holder) {
     namespace at = source_line::list_bfd_neighbor;
-    const Ref info = call_global(interned[id::get_bfd_neighbor], interned[id::bfd_command]);
+    const Ref info = call_global(id::get_bfd_neighbor, interned[id::bfd_command]);
     if (!info) return fail(at::info);
-    const Ref info6 = call_global(interned[id::get_bfd_neighbor], interned[id::bfd6_command]);
+    const Ref info6 = call_global(id::get_bfd_neighbor, interned[id::bfd6_command]);
     if (!info6) return fail(at::info6);
     Ref list_bfd = merge_families(info.get(), info6.get());
     if (!list_bfd) return fail(at::merge);

@@ -7,9 +7,9 @@ namespace modules_util {
 namespace {
 
 bool raise_wrong_count(const char *name, const Function &function, Py_ssize_t given) {
-    const bool too_many = given > function.count();
-    const bool exact = function.count() == function.required();
-    const Py_ssize_t limit = too_many ? function.count() : function.required();
+    const bool too_many = given > function.count;
+    const bool exact = function.count == function.required;
+    const Py_ssize_t limit = too_many ? function.count : function.required;
     PyErr_Format(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
                  name,
                  exact      ? "exactly"
@@ -21,7 +21,7 @@ bool raise_wrong_count(const char *name, const Function &function, Py_ssize_t gi
 
 // The index of the parameter that a keyword names, or -1.
 int find_parameter(const Function &function, PyObject *keyword) {
-    for (int i = 0; i < function.count(); ++i) {
+    for (int i = 0; i < function.count; ++i) {
         if (PyUnicode_Compare(keyword, interned[function.parameters[i].name]) == 0) return i;
     }
     return -1;
@@ -58,7 +58,7 @@ bool check_keywords(const char *name, const Function &function, PyObject *keywor
 bool bind_keywords(const char *name, const Function &function, PyObject *keywords, Py_ssize_t given,
                    Ref *bound) {
     Py_ssize_t left = PyDict_GET_SIZE(keywords);
-    for (Py_ssize_t i = given; left > 0 && i < function.count(); ++i) {
+    for (Py_ssize_t i = given; left > 0 && i < function.count; ++i) {
         PyObject *parameter = interned[function.parameters[i].name];
         bound[i] = Ref::borrow(PyDict_GetItemWithError(keywords, parameter));
         if (bound[i]) --left;
@@ -78,22 +78,22 @@ void raise_wrong_type(const Parameter &parameter, PyObject *argument) {
 bool bind(const char *name, const Function &function, PyObject *positional, PyObject *keywords,
           PyObject *shared_dict, Ref *bound) {
     const Py_ssize_t given = PyTuple_GET_SIZE(positional);
-    if (given > function.count()) return raise_wrong_count(name, function, given);
-    if (!keywords && given < function.required()) return raise_wrong_count(name, function, given);
+    if (given > function.count) return raise_wrong_count(name, function, given);
+    if (!keywords && given < function.required) return raise_wrong_count(name, function, given);
 
     for (Py_ssize_t i = 0; i < given; ++i) {
         bound[i] = Ref::borrow(PyTuple_GET_ITEM(positional, i));
     }
     if (keywords && !bind_keywords(name, function, keywords, given, bound)) return false;
 
-    for (Py_ssize_t i = given; i < function.count(); ++i) {
+    for (Py_ssize_t i = given; i < function.count; ++i) {
         const Parameter &parameter = function.parameters[i];
         if (bound[i]) continue;
-        if (parameter.is_required()) return raise_wrong_count(name, function, given);
+        if (parameter.default_kind == Parameter::required) return raise_wrong_count(name, function, given);
         bound[i] =
             Ref::borrow(parameter.default_kind == Parameter::shared_dict ? shared_dict : Py_None);
     }
-    for (int i = 0; i < function.count(); ++i) {
+    for (int i = 0; i < function.count; ++i) {
         if (!accepts(function.parameters[i], bound[i].get())) return false;
     }
     return true;

@@ -17,30 +17,21 @@ struct Parameter {
     StringId name = id::none;
     Type type = anything;
     Default default_kind = required;
-
-    [[nodiscard]] constexpr bool is_required() const { return default_kind == required; }
 };
 
 struct Function {
     enum Kind : char { no_args, one_arg, keywords } kind;
     short first_line;
+    short count = 0;     // parameters
+    short required = 0;  // the first of them, which have no default
     Parameter parameters[max_parameters] = {};
 
     // The same function with one more parameter.
     [[nodiscard]] constexpr Function with(Parameter parameter) const {
         Function result = *this;
-        result.parameters[count()] = parameter;
+        result.parameters[result.count++] = parameter;
+        if (parameter.default_kind == Parameter::required) ++result.required;
         return result;
-    }
-    [[nodiscard]] constexpr int count() const {
-        int count = 0;
-        while (count < max_parameters && parameters[count].name != id::none) ++count;
-        return count;
-    }
-    [[nodiscard]] constexpr int required() const {
-        int required = 0;
-        while (required < count() && parameters[required].is_required()) ++required;
-        return required;
     }
 };
 

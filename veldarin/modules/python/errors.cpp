@@ -23,7 +23,7 @@ void raise_undefined_name(PyObject *name) {
     PyErr_Format(PyExc_NameError, "name '%U' is not defined", name);
 }
 
-void raise_from_global(PyObject *exception, PyObject *message) {
+void raise_from_global(StringId exception, PyObject *message) {
     Ref raised = call_global(exception, message);
     if (!raised) return;
     if (PyExceptionClass_Check(raised.get())) {

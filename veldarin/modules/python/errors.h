@@ -1,6 +1,7 @@
 // Raises exceptions whose messages several functions share, and handles exceptions.
 #pragma once
 
+#include "veldarin/modules/interned.h"
 #include "veldarin/modules/python/ref.h"
 #include "veldarin/modules/python/traceback.h"
 
@@ -14,7 +15,7 @@ void raise_unbound_local(const char *variable);
 void raise_undefined_name(PyObject *name);
 
 // raise exception(message), where `exception` is a global name.
-void raise_from_global(PyObject *exception, PyObject *message);
+void raise_from_global(StringId exception, PyObject *message);
 
 // `except ... as e`: takes the current exception. While this object lives, it is the exception that
 // the running frame (or its generator) handles: sys.exc_info() shows it, and exceptions that are

@@ -3,6 +3,8 @@
 
 #include <frameobject.h>
 
+#include <cstring>
+
 #include "veldarin/modules/state.h"
 
 namespace modules_util {
@@ -13,19 +15,26 @@ constexpr char source_file[] = "veldarin/modules/modules_util";
 
 // The last code object that begins no later than `line`; borrowed, null if there is none.
 PyObject *find_code(int line) {
-    PyObject *found = nullptr;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(state.code_objects); ++i) {
-        PyObject *code = PyList_GET_ITEM(state.code_objects, i);
-        if (reinterpret_cast<PyCodeObject *>(code)->co_firstlineno > line) break;
-        found = code;
+    Py_ssize_t first = 0;
+    for (Py_ssize_t count = PyList_GET_SIZE(state.code_objects); count > 0;) {
+        const Py_ssize_t half = count / 2;
+        PyObject *code = PyList_GET_ITEM(state.code_objects, first + half);
+        if (reinterpret_cast<PyCodeObject *>(code)->co_firstlineno <= line) {
+            first += half + 1;
+            count -= half + 1;
+        } else {
+            count = half;
+        }
     }
-    return found;
+    return first > 0 ? PyList_GET_ITEM(state.code_objects, first - 1) : nullptr;
 }
 
 // A code object for a function, or for the import (null).
 Ref new_code(const char *function, int first_line) {
-    char name[80];
-    PyOS_snprintf(name, sizeof name, function ? "%s.%s" : "init %s", module_name, function);
+    char name[80];  // longer than any: the import creates one for every function, so no snprintf
+    char *end = stpcpy(name, function ? module_name : "init ");
+    if (function) *end++ = '.';
+    stpcpy(end, function ? function : module_name);
     return Ref::steal(reinterpret_cast<PyObject *>(PyCode_NewEmpty(source_file, name, first_line)));
 }
 

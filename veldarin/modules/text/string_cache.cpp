@@ -41,6 +41,15 @@ char *copy(TextView text, char *to) {
 
 }  // namespace
 
+StringCache::StringCache(const Utf8Text &text) : is_ascii_(text.is_ascii), slot_bits_(1) {
+    while (slot_bits_ < max_slot_bits && text.view.size() >> slot_bits_ > 32) ++slot_bits_;
+    std::fill_n(slots_, 1 << slot_bits_, nullptr);
+}
+
+StringCache::~StringCache() {
+    for (int i = 0; i < 1 << slot_bits_; ++i) Py_XDECREF(slots_[i]);
+}
+
 PyObject *StringCache::new_string(TextView text) const {
     if (!is_ascii_) return decode(text);
     PyObject *string = PyUnicode_New(text.size(), 127);
@@ -50,13 +59,13 @@ PyObject *StringCache::new_string(TextView text) const {
 
 PyObject *StringCache::cached_string(TextView text) {
     if (!is_ascii_ || text.size() > max_cached) return new_string(text);
-    Ref &cached = cache_[slot_index(text)];
-    if (!cached || !equals(cached.get(), text)) {
-        Ref string = make(text);
+    PyObject *&cached = slot(text);
+    if (!cached || !equals(cached, text)) {
+        PyObject *string = new_string(text);
         if (!string) return nullptr;
-        cached = std::move(string);
+        Py_XSETREF(cached, string);
     }
-    return Ref::borrow(cached.get()).release();
+    return Ref::borrow(cached).release();
 }
 
 Ref StringCache::join(TextView left, TextView between, TextView right) {
@@ -72,7 +81,7 @@ Ref StringCache::join(TextView left, TextView between, TextView right) {
 }
 
 // Hashes the length and the first and last four bytes; table values usually differ there.
-size_t StringCache::slot_index(TextView text) {
+PyObject *&StringCache::slot(TextView text) {
     uint32_t first = 0;
     uint32_t last = 0;
     if (text.size() >= static_cast<ptrdiff_t>(sizeof last)) {
@@ -85,7 +94,7 @@ size_t StringCache::slot_index(TextView text) {
     }
     const auto size = static_cast<uint32_t>(text.size());
     const uint32_t mixed = ((first * 31 + last) * 31 + size) * 0x165667B1;
-    return mixed / (UINT32_MAX / slots + 1);
+    return slots_[mixed >> (32 - slot_bits_)];
 }
 
 }  // namespace modules_util

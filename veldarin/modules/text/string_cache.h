@@ -12,7 +12,10 @@ public:
     // Strings up to this length are built on the stack and cached.
     static constexpr ptrdiff_t max_cached = 64;
 
-    explicit StringCache(const Utf8Text &text) : is_ascii_(text.is_ascii) {}
+    explicit StringCache(const Utf8Text &text);
+    ~StringCache();
+    StringCache(const StringCache &) = delete;
+    StringCache &operator=(const StringCache &) = delete;
 
     // Whether the text, and so every view of it, is ASCII.
     [[nodiscard]] bool is_ascii() const { return is_ascii_; }
@@ -27,14 +30,17 @@ public:
     Ref join(TextView left, TextView between, TextView right);
 
 private:
-    static constexpr size_t slots = 256;
-    static size_t slot_index(TextView text);
+    static constexpr int max_slot_bits = 8;
+
+    [[nodiscard]] PyObject *&slot(TextView text);
 
     [[nodiscard]] PyObject *new_string(TextView text) const;
     PyObject *cached_string(TextView text);
 
     bool is_ascii_;
-    Ref cache_[slots];
+    int slot_bits_;  // few slots for a short text, which is parsed faster than 256 slots are
+                     // cleared
+    PyObject *slots_[1 << max_slot_bits];  // the first 2 ** slot_bits_ are in use: owned, or null
 };
 
 }  // namespace modules_util
