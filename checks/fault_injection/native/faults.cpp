@@ -14,8 +14,6 @@
 #include <cstring>
 #include <utility>
 
-#include "call_site_log.h"
-
 namespace faults {
 namespace {
 
