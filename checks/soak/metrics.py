@@ -74,6 +74,13 @@ class Growth(NamedTuple):
         """Whether the growth is within the limit."""
         return self.after - self.before <= self.limit
 
+    @property
+    def row(self) -> list[str]:
+        """The name, both medians, the growth and the limit, as printed."""
+        digits = 2 if self.metric.short == "MiB" else 0
+        figures = (self.before, self.after, self.after - self.before, self.limit)
+        return [self.metric.name, *(f"{figure:,.{digits}f}" for figure in figures)]
+
 
 def measure_growth(samples: Samples, cases: int) -> list[Growth]:
     """Measure the growth of every metric."""

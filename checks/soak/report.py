@@ -21,10 +21,7 @@ def write(samples: Samples, growths: list[Growth], seconds: float, threads: int)
         "| metric | second quarter | last quarter | growth | limit |",
         "|---|---:|---:|---:|---:|",
     ]
-    for metric, before, after, limit in growths:
-        digits = ".2f" if metric.short == "MiB" else ",.0f"
-        figures = (f"{value:{digits}}" for value in (before, after, after - before, limit))
-        lines.append(f"| {metric.name} | {' | '.join(figures)} |")
+    lines += [f"| {' | '.join(growth.row)} |" for growth in growths]
     block = "".join(f"{line}\n" for line in lines)
     place = r"(?s)(?<=<!-- soak -->\n).*?(?=<!-- /soak -->)"
     text, count = re.subn(place, lambda _: block, PAGE.read_text())
