@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import platform
-import re
 from collections.abc import Callable, Iterable, Mapping, Sequence
 from dataclasses import dataclass
 from functools import partial
@@ -60,6 +59,7 @@ _STYLES = {
     "TextFSM": ("#cc79a7", "D"),
     "TTP": ("#56b4e9", "P"),
 }
+_COLORS = 64  # of a plot's file
 _ALL = list(_STYLES)
 _COUNTED = _ALL[:5]
 
@@ -309,13 +309,10 @@ def _draw(
     stem: str,
 ) -> Path:
     """Draw panels of workloads by size and title, with one line per competitor."""
-    import matplotlib as mpl
-
-    mpl.use("svg")
-    # Text stays text, and equal figures give equal files.
-    mpl.rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "benchmarks", "font.size": 9})
     from matplotlib import pyplot as plt
+    from PIL import Image
 
+    plt.rc("font", size=9)
     width = 4.2 * len(panels)
     figure, (axes,) = plt.subplots(
         1, len(panels), figsize=(width, 3.6), sharey=True, squeeze=False, layout="constrained"
@@ -328,9 +325,9 @@ def _draw(
         axis.grid(visible=True, linewidth=0.3)
     axes[0].set_ylabel("µs per call, processor time")
     axes[-1].legend(frameon=False)
-    file = _PLOTS / f"{stem}.svg"
-    figure.savefig(file, metadata={"Date": None})
-    _shrink(file)
+    file = _PLOTS / f"{stem}.png"
+    figure.savefig(file, dpi=120)
+    Image.open(file).quantize(_COLORS).save(file, optimize=True)
     return file
 
 
@@ -344,9 +341,3 @@ def _draw_line(axis: Any, results: Results, sized: Mapping[int, Workload], name:
     axis.plot(
         *zip(*points.items()), color=color, marker=marker, markersize=4, linewidth=1, label=name
     )
-
-
-def _shrink(file: Path) -> None:
-    """Round coordinates to tenths of a point; remove comments, group names and white space."""
-    text = re.sub(r"<!--.*?-->|(?<=>)\s+(?=<)|(?<=<g) id=\"\w*\"", "", file.read_text())
-    file.write_text(re.sub(r"(\d\.\d)\d+", r"\1", text) + "\n")

@@ -24,7 +24,7 @@ def main(arguments: list[str]) -> int:
         nodes = ", ".join(f"{name} {node.pid}" for name, node in lab.nodes.items())
         print(
             f"The network is up: {nodes}. To call the module in hub:\n"
-            f"    {' '.join(lab.nodes['hub'].enter)} {sys.executable}"
+            f"    {' '.join(lab.nodes['hub'].command_prefix)} {sys.executable}"
             " -m veldarin_simulator call list_bfd_neighbor\n"
             "Press Enter or Ctrl-C to stop it.",
             flush=True,

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import subprocess
+from contextlib import suppress
 from pathlib import Path
 from typing import Any
 
@@ -37,21 +38,14 @@ def snapshot() -> dict[str, Any]:
     }
 
 
-def processes_in(namespaces: set[str]) -> list[str]:
-    """Return the processes of this machine in one of the network namespaces."""
+def remaining_processes(namespaces: set[str]) -> str | None:
+    """Return the processes in one of the network namespaces as one line, or None."""
     processes = []
     for process in Path("/proc").glob("[0-9]*"):
-        try:
+        with suppress(OSError):  # it has ended
             if str((process / "ns" / "net").readlink()) in namespaces:
                 processes.append(f"{process.name} {(process / 'comm').read_text().strip()}")
-        except OSError:
-            continue  # it has ended
-    return processes
-
-
-def remaining_processes(namespaces: set[str]) -> str | None:
-    """Return the processes in the namespaces as one line, or None, for `wait_until`."""
-    return ", ".join(processes_in(namespaces)) or None
+    return ", ".join(processes) or None
 
 
 def _ip(table: str) -> Any:

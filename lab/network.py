@@ -114,7 +114,7 @@ class Node:
         self.pid = child.pid
 
     @property
-    def enter(self) -> list[str]:
+    def command_prefix(self) -> list[str]:
         """The prefix of a command that runs in the node, in the project's folder."""
         return ["nsenter", "-t", str(self.pid), "-n", "-m", "-p", f"--wdns={ROOT}"]
 
@@ -127,7 +127,7 @@ class Node:
     def agent(self) -> NodeAgent:
         """The module in the node: one process for the node's life, as on an appliance."""
         if self._agent is None:
-            self._agent = NodeAgent(self.enter)
+            self._agent = NodeAgent(self.command_prefix)
         return self._agent
 
     def run(self, *command: str, stdin: str = "") -> str:
@@ -137,7 +137,7 @@ class Node:
             LabError: The command failed.
         """
         done = subprocess.run(
-            [*self.enter, *command],
+            [*self.command_prefix, *command],
             env=ENV_WITHOUT_SANITIZER,
             input=stdin,
             capture_output=True,
@@ -181,7 +181,7 @@ class Network:
         try:
             for name in topology.NODES:
                 self.nodes[name] = Node(name, self.nodes)
-            self._build()
+            self.start()
         except BaseException:
             self.close()
             raise
@@ -197,13 +197,9 @@ class Network:
         while self.nodes:
             self.nodes.popitem()[1].close()
 
-    def link_down(self, link: Link) -> None:
-        """Take the first end down; the other end loses its carrier."""
-        self.nodes[link[0].node].ip(f"link set {link[0].name} down")
-
-    def link_up(self, link: Link) -> None:
-        """Bring the first end up."""
-        self.nodes[link[0].node].ip(f"link set {link[0].name} up")
+    def set_link(self, link: Link, state: str) -> None:
+        """Bring the first end "up", or take it "down"; the other end then loses its carrier."""
+        self.nodes[link[0].node].ip(f"link set {link[0].name} {state}")
 
     def add_neighbors(self) -> None:
         """Add the neighbor entries of the topology.
@@ -218,21 +214,22 @@ class Network:
             mac = f"lladdr {row.mac} " if row.mac else ""
             node.ip(f"neigh replace {row.address} {mac}dev {row.port} nud {row.state}")
 
-    def _build(self) -> None:
+    def start(self) -> None:
+        """Configure the nodes and connect them."""
         for name, node in self.nodes.items():
             node.set_sysctls(topology.SYSCTLS)
             loopbacks = [f"address add {address} dev lo" for address in topology.LOOPBACKS[name]]
             node.ip("link set lo up", *loopbacks)
-        for one, other in topology.LINKS:
-            self._connect(one, other)
-        for port in (port for link in topology.LINKS for port in link):
-            node = self.nodes[port.node]
-            node.set_sysctls(topology.PORT_SYSCTLS, port.name)
-            node.ip(
-                f"link set {port.name} up",
-                f"address add {port.ipv4} dev {port.name}",
-                f"address add {port.ipv6} dev {port.name}",
-            )
+        for link in topology.LINKS:
+            self._connect(*link)
+            for port in link:
+                node = self.nodes[port.node]
+                node.set_sysctls(topology.PORT_SYSCTLS, port.name)
+                node.ip(
+                    f"link set {port.name} up",
+                    f"address add {port.ipv4} dev {port.name}",
+                    f"address add {port.ipv6} dev {port.name}",
+                )
         for name, node in self.nodes.items():
             node.ip(*(f"route add {route}" for route in topology.KERNEL_ROUTES[name]))
 

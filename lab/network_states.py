@@ -20,16 +20,16 @@ class Lab(Network):
     """A converged network in the state "baseline"."""
 
     def __init__(self) -> None:
-        super().__init__()
         self._state = BASELINE
         self._observations: dict[str, dict[str, Observations]] = {}
-        try:
-            daemons.start(self)
-            daemons.wait_converged(self, link_down=False)
-            self.add_neighbors()
-        except BaseException:
-            self.close()
-            raise
+        super().__init__()
+
+    def start(self) -> None:
+        """Start the daemons, too, and wait until they converge."""
+        super().start()
+        daemons.start(self)
+        daemons.wait_converged(self, link_down=False)
+        self.add_neighbors()
 
     def transition_to(self, state: str) -> None:
         """Take the failing link down or up if needed and wait until the network converges.
@@ -44,7 +44,7 @@ class Lab(Network):
         self._observe()
         link_down = state == LINK_DOWN
         if link_down != (self._state == LINK_DOWN):
-            (self.link_down if link_down else self.link_up)(topology.FAILING_LINK)
+            self.set_link(topology.FAILING_LINK, "down" if link_down else "up")
             daemons.wait_converged(self, link_down=link_down)
         self._state = state
 

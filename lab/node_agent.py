@@ -33,11 +33,11 @@ class CallResult:
 
 
 class NodeAgent:
-    """The process in a node; `enter` is the command prefix that enters the node."""
+    """The process in a node, which `command_prefix` enters."""
 
-    def __init__(self, enter: list[str]) -> None:
+    def __init__(self, command_prefix: list[str]) -> None:
         self._process = subprocess.Popen(
-            [*enter, sys.executable, "-m", "lab.node_agent"],
+            [*command_prefix, sys.executable, "-m", "lab.node_agent"],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             text=True,

@@ -9,73 +9,41 @@ from typing import NamedTuple
 
 
 class Exclusion(NamedTuple):
-    """Excludes the lines that contain `text`, or that many branches of each.
+    """Excludes that many branches of the lines that contain `text`; with 0 branches, the lines.
 
-    `file` is a file or a folder.
+    `file` is a file or folder in the module's sources.
     """
 
     file: str
     text: str
     reason: str
-    branches: int = 0
-    line: bool = False
+    branches: int = 1
 
 
-MODULE = "veldarin/modules/"
+NEVER_TRUE = "fail() adds a traceback entry and always returns false"
+NOT_EMPTY = "a session with a name is not empty"
+HAS_SPACE = "a header line contains a space"
 TEMPORARY = "the compiler tests whether it must destroy a temporary, which always exists"
+UNTYPED = "a parameter without a type accepts any argument"
+COMPACT_ASCII = "only compact ASCII strings get here"
 COMPACT = "a new string always has the compact layout"
+COMPACT_WIDE = "a new string of wider characters is compact and not ASCII"
 NOT_ASCII = "ASCII strings do not get here"
 ALL_ENUMERATORS = "the switch handles every enumerator"
-NEVER_TRUE = "fail() adds a traceback entry and always returns false"
+NEIGHBOR, UTF8 = "parsers/bfd_neighbor.cpp", "text/utf8_text.cpp"
 EXCLUSIONS = [
-    Exclusion(MODULE, "|| fail(", NEVER_TRUE, branches=1),
-    Exclusion(
-        f"{MODULE}parsers/bfd_neighbor.cpp",
-        "PyDict_GET_SIZE(session_.get())",
-        "a session with a name is not empty",
-        branches=1,
-    ),
-    Exclusion(
-        f"{MODULE}parsers/bfd_neighbor.cpp",
-        "if (count < 2) return fail_with_index_error(at::neighbor_ip)",
-        "a header line contains a space",
-        branches=1,
-    ),
-    Exclusion(
-        f"{MODULE}parsers/bfd_neighbor.cpp", "put_into(session_, parse_key(", TEMPORARY, branches=1
-    ),
-    Exclusion(
-        f"{MODULE}parsers/routing_table.cpp", "put(route, id::ip, strings.", TEMPORARY, branches=1
-    ),
-    Exclusion(
-        f"{MODULE}modules_util.cpp", "set_constant(state.imports.range, ", TEMPORARY, branches=1
-    ),
-    Exclusion(
-        f"{MODULE}dispatch.cpp",
-        "if (!accepts(function.parameters[0], argument))",
-        "a parameter without a type accepts any argument",
-        branches=1,
-    ),
-    Exclusion(
-        f"{MODULE}text/utf8_text.cpp",
-        "PyUnicode_1BYTE_DATA(ascii)",
-        "only compact ASCII strings get here",
-        branches=1,
-    ),
-    Exclusion(
-        f"{MODULE}text/utf8_text.cpp",
-        "PyUnicode_1BYTE_DATA(result.get())",
-        COMPACT,
-        branches=2,
-    ),
-    Exclusion(
-        f"{MODULE}text/utf8_text.cpp",
-        "PyUnicode_DATA(copy.get())",
-        "a new string of wider characters is compact and not ASCII",
-        branches=2,
-    ),
-    Exclusion(f"{MODULE}text/utf8_text.cpp", "PyUnicode_DATA(text)", NOT_ASCII, branches=1),
-    Exclusion(f"{MODULE}text/string_cache.cpp", "PyUnicode_DATA(string)", COMPACT, branches=1),
-    Exclusion(f"{MODULE}json_bridge.cpp", "switch (when) {", ALL_ENUMERATORS, branches=1),
-    Exclusion(f"{MODULE}json_bridge.cpp", "Py_UNREACHABLE();", ALL_ENUMERATORS, line=True),
+    Exclusion("", "|| fail(", NEVER_TRUE),
+    Exclusion(NEIGHBOR, "PyDict_GET_SIZE(session_.get())", NOT_EMPTY),
+    Exclusion(NEIGHBOR, "if (count < 2) return fail_with_index_error(at::neighbor_ip)", HAS_SPACE),
+    Exclusion(NEIGHBOR, "put_into(session_, parse_key(", TEMPORARY),
+    Exclusion("parsers/routing_table.cpp", "put(route, id::ip, strings.", TEMPORARY),
+    Exclusion("modules_util.cpp", "set_constant(state.imports.range, ", TEMPORARY),
+    Exclusion("dispatch.cpp", "if (!accepts(function.parameters[0], argument))", UNTYPED),
+    Exclusion(UTF8, "PyUnicode_1BYTE_DATA(ascii)", COMPACT_ASCII),
+    Exclusion(UTF8, "PyUnicode_1BYTE_DATA(result.get())", COMPACT, 2),
+    Exclusion(UTF8, "PyUnicode_DATA(copy.get())", COMPACT_WIDE, 2),
+    Exclusion(UTF8, "PyUnicode_DATA(text)", NOT_ASCII),
+    Exclusion("text/string_cache.cpp", "PyUnicode_DATA(string)", COMPACT),
+    Exclusion("json_bridge.cpp", "switch (when) {", ALL_ENUMERATORS),
+    Exclusion("json_bridge.cpp", "Py_UNREACHABLE();", ALL_ENUMERATORS, 0),
 ]

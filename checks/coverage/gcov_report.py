@@ -13,6 +13,8 @@ from typing import NamedTuple
 
 from checks.coverage.exclusions import Exclusion
 
+MODULE = "veldarin/modules/"
+
 
 class Line(NamedTuple):
     """A line of a function or of one template instance."""
@@ -67,17 +69,18 @@ def evaluate(lines: Iterator[Line], exclusions: list[Exclusion]) -> Coverage:
     """Add up the lines that no exclusion applies to."""
     coverage = Coverage(uses=dict.fromkeys(exclusions, 0))
     for line in lines:
-        rows = [row for row in exclusions if line.file.startswith(row.file)]
-        rows = [row for row in rows if row.text in line.text]
-        if not line.ran and any(row.line for row in rows):
-            for row in rows:
-                coverage.uses[row] += row.line
-            continue
-        allowed = 0
+        rows = [
+            row
+            for row in exclusions
+            if line.file.startswith(MODULE + row.file)
+            and row.text in line.text
+            and (line.untaken and row.branches if line.ran else not row.branches)
+        ]
         for row in rows:
-            if line.untaken and row.branches:
-                coverage.uses[row] += 1
-                allowed += row.branches
+            coverage.uses[row] += 1
+        if rows and not line.ran:
+            continue
+        allowed = sum(row.branches for row in rows)
         branches = line.branches - min(allowed, line.untaken)
         taken = line.branches - line.untaken
         coverage.lines += 1

@@ -12,8 +12,11 @@ import traceback
 import warnings
 from collections import defaultdict
 from collections.abc import Iterator
+from contextlib import suppress
+from itertools import islice
 from multiprocessing.connection import Connection, Pipe, wait
 from pathlib import Path
+from typing import NoReturn
 
 from rich.console import Console
 
@@ -89,49 +92,43 @@ def prepare(log: Path) -> FaultInjector:
     return injector
 
 
-def run_jobs(
+def run_cases(
     injector: FaultInjector, cases: list[AnyCase], options: argparse.Namespace
 ) -> Iterator[CaseResult]:
-    """Sweep the cases in several processes and yield the results as they arrive."""
-    readers, workers = [], []
-    for number in range(options.jobs):
-        reader, writer = Pipe(duplex=False)
-        worker = os.fork()
-        if worker == 0:
-            reader.close()
-            for case in cases[number :: options.jobs]:
+    """Sweep each case in a process of its own and yield the results as they arrive."""
+    waiting = iter(cases)
+    running: dict[Connection, tuple[AnyCase, int]] = {}
+    while True:
+        for case in islice(waiting, options.jobs - len(running)):
+            reader, writer = Pipe(duplex=False)
+            child = os.fork()
+            if child == 0:
                 run_case(injector, case, writer, options)
-            os._exit(0)
-        writer.close()
-        readers.append(reader)
-        workers.append(worker)
-    while readers:
-        for ready in wait(readers):
+            writer.close()
+            running[reader] = case, child
+        if not running:
+            return
+        for ready in wait([*running]):
             assert isinstance(ready, Connection)
-            try:
+            case, child = running.pop(ready)
+            with suppress(EOFError):
                 yield ready.recv()
-            except EOFError:
-                readers.remove(ready)
-    for worker in workers:
-        os.waitpid(worker, 0)
+            _pid, status = os.waitpid(child, 0)
+            if status != 0:
+                finding = f"ended with wait status {status}"
+                yield CaseResult(str(case), case.function, findings=[finding])
 
 
 def run_case(
     injector: FaultInjector, case: AnyCase, writer: Connection, options: argparse.Namespace
-) -> None:
-    """Sweep a case in a process of its own and send the result."""
-    child = os.fork()
-    if child == 0:
-        try:
-            writer.send(sweep(injector, case, options.run_atexit, options.one_shot))
-        except BaseException:
-            finding = traceback.format_exc()
-            writer.send(CaseResult(str(case), case.function, findings=[finding]))
-        os._exit(0)
-    _pid, status = os.waitpid(child, 0)
-    if status != 0:
-        finding = f"ended with wait status {status}"
-        writer.send(CaseResult(str(case), case.function, findings=[finding]))
+) -> NoReturn:
+    """Sweep a case, send the result and end this process."""
+    try:
+        result = sweep(injector, case, options.run_atexit, options.one_shot)
+    except BaseException:
+        result = CaseResult(str(case), case.function, findings=[traceback.format_exc()])
+    writer.send(result)
+    os._exit(0)
 
 
 def main() -> int:
@@ -147,7 +144,7 @@ def main() -> int:
     log = BUILD / f"call_sites.{os.getpid()}.log"
     try:
         injector = prepare(log)
-        results = run_jobs(injector, cases, options)
+        results = run_cases(injector, cases, options)
         finished = list(report.show_progress(console, results, len(cases)))
         coverage, unknown = call_sites.match_log(read_log(log))
     finally:

@@ -117,12 +117,16 @@ def infallible_functions() -> dict[str, str]:
     return {row[0]: row[1] for row in rows}
 
 
+def blank_comments(text: str) -> str:
+    """Replace the comments in C++ code with spaces."""
+    return COMMENT_OR_STRING.sub(
+        lambda found: found[0] if found[0][0] == '"' else re.sub(r"[^\n]", " ", found[0]), text
+    )
+
+
 def find_calls(file: Path) -> Iterator[CallSite]:
     """Find every call into the interpreter in a source, macros included."""
-    text = COMMENT_OR_STRING.sub(
-        lambda found: found[0] if found[0][0] == '"' else re.sub(r"[^\n]", " ", found[0]),
-        file.read_text(),
-    )
+    text = blank_comments(file.read_text())
     name = str(file.relative_to(ROOT))
     for found in CALLED.finditer(text):
         before = text[text.rfind("\n", 0, found.start()) + 1 : found.start()]

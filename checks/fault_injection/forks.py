@@ -19,7 +19,7 @@ Result = TypeVar("Result")
 TIMEOUT = 60  # seconds; a child needs some milliseconds
 MAX_STDERR = 3000  # characters shown
 
-# The output of native/crash_handler.cpp.
+# The output of native/call_site_log.cpp.
 CRASH = re.compile(r"crashed in call: (.*)\nstack:\n(.*?)end of stack\n", re.DOTALL)
 FRAME = re.compile(r"^(?P<file>[^()]*)\((?P<function>[^+()]*)[^()]*\)", re.MULTILINE)
 # Libraries that raise the signal or only forward the call.

@@ -65,10 +65,7 @@ def print_growths(growths: list[Growth]) -> None:
     for column in ("2nd quarter", "last quarter", "growth", "limit", ""):
         table.add_column(column, justify="right")
     for growth in growths:
-        digits = 1 if growth.metric.short == "MiB" else 0
-        figures = (growth.before, growth.after, growth.after - growth.before, growth.limit)
-        verdict = "flat" if growth.is_flat else "GROWS"
-        table.add_row(growth.metric.name, *(f"{figure:,.{digits}f}" for figure in figures), verdict)
+        table.add_row(*growth.row, "flat" if growth.is_flat else "GROWS")
     console.print(table)
 
 

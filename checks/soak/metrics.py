@@ -8,12 +8,12 @@ a case in that time, so that a leak of one object per call in any single case sh
 from __future__ import annotations
 
 import gc
-import resource
 import sys
 from array import array
-from pathlib import Path
 from statistics import median
 from typing import NamedTuple
+
+import psutil
 
 from veldarin_simulator import Simulator
 
@@ -49,16 +49,13 @@ class Samples:
     def take(self, number: int, calls: int, simulator: Simulator, tracked: list[object]) -> None:
         """Collect garbage and take a sample."""
         gc.collect()
-        resident = int(Path("/proc/self/statm").read_text().split()[1]) * resource.getpagesize()
-        live = simulator.live_objects
         self.calls[number] = calls
         sample = (
-            resident / 2**20,
+            psutil.Process().memory_info().rss / 2**20,
             sys.getallocatedblocks(),
             len(gc.get_objects()),
             sum(map(sys.getrefcount, tracked)),
-            live.json_objects,
-            live.text_buffers,
+            *simulator.live_objects,
         )
         for values, value in zip(self.values, sample):
             values[number] = value
@@ -76,6 +73,13 @@ class Growth(NamedTuple):
     def is_flat(self) -> bool:
         """Whether the growth is within the limit."""
         return self.after - self.before <= self.limit
+
+    @property
+    def row(self) -> list[str]:
+        """The name, both medians, the growth and the limit, as printed."""
+        digits = 2 if self.metric.short == "MiB" else 0
+        figures = (self.before, self.after, self.after - self.before, self.limit)
+        return [self.metric.name, *(f"{figure:,.{digits}f}" for figure in figures)]
 
 
 def measure_growth(samples: Samples, cases: int) -> list[Growth]:

@@ -3,15 +3,13 @@
 from __future__ import annotations
 
 import re
-import xml.etree.ElementTree as ElementTree
 from pathlib import Path
 
 from checks.soak.metrics import Growth, Samples
 from tests.support.isolated import ROOT
 
 PAGE = ROOT / "docs" / "robustness.md"
-CHART = ROOT / "docs" / "robustness" / "soak.svg"
-WIDTH, HEIGHT = 240, 120  # of a panel
+CHART = ROOT / "docs" / "robustness" / "soak.png"
 
 
 def write(samples: Samples, growths: list[Growth], seconds: float, threads: int) -> list[Path]:
@@ -23,10 +21,7 @@ def write(samples: Samples, growths: list[Growth], seconds: float, threads: int)
         "| metric | second quarter | last quarter | growth | limit |",
         "|---|---:|---:|---:|---:|",
     ]
-    for metric, before, after, limit in growths:
-        digits = ".2f" if metric.short == "MiB" else ",.0f"
-        figures = (f"{value:{digits}}" for value in (before, after, after - before, limit))
-        lines.append(f"| {metric.name} | {' | '.join(figures)} |")
+    lines += [f"| {' | '.join(growth.row)} |" for growth in growths]
     block = "".join(f"{line}\n" for line in lines)
     place = r"(?s)(?<=<!-- soak -->\n).*?(?=<!-- /soak -->)"
     text, count = re.subn(place, lambda _: block, PAGE.read_text())
@@ -37,33 +32,16 @@ def write(samples: Samples, growths: list[Growth], seconds: float, threads: int)
 
 def _draw(samples: Samples, growths: list[Growth]) -> None:
     """Draw a panel for each metric that is not constantly 0: the samples, the median, the limit."""
-    svg = ElementTree.Element("svg", xmlns="http://www.w3.org/2000/svg", viewBox="0 0 720 400")
-    svg.set("font-family", "sans-serif")
-    svg.set("font-size", "11")
-    for number, (growth, values) in enumerate(zip(growths, samples.values)):
-        if not any(values):
-            continue
-        x, y = 80 + 340 * (number % 2), 30 + 190 * (number // 2)
-        limit = growth.before + growth.limit
-        low, high = min(values), max(*values, limit)
-        scale = HEIGHT / (high - low)
-        for levels, color in (
-            (values, "#0072b2"),
-            ([growth.before] * 2, "#009e73"),
-            ([limit] * 2, "#c1272d"),
-        ):
-            points = " ".join(
-                f"{x + i * WIDTH / (len(levels) - 1):.1f},{y + (high - level) * scale:.1f}"
-                for i, level in enumerate(levels)
-            )
-            ElementTree.SubElement(svg, "polyline", points=points, stroke=color, fill="none")
-        for left, top, text in (
-            (x, y - 12, growth.metric.name),
-            (x - 70, y + 8, f"{high:,.1f}"),
-            (x - 70, y + HEIGHT, f"{low:,.1f}"),
-            (x, y + HEIGHT + 16, f"{samples.calls[0]:,.0f} to {samples.calls[-1]:,.0f} calls"),
-        ):
-            ElementTree.SubElement(svg, "text", x=str(left), y=str(top)).text = text
-    ElementTree.indent(svg)
+    from matplotlib import pyplot as plt
+
+    thousands = [calls / 1000 for calls in samples.calls]
+    changing = [(row, values) for row, values in zip(growths, samples.values) if any(values)]
+    figure, axes = plt.subplots(-(-len(changing) // 2), 2, figsize=(8, 4.5), layout="constrained")
+    for axis, (growth, values) in zip(axes.flat, changing):
+        axis.plot(thousands, values)
+        axis.axhline(growth.before, color="tab:green")
+        axis.axhline(growth.before + growth.limit, color="tab:red")
+        axis.set(title=growth.metric.name, xlabel="thousand calls")
+        axis.ticklabel_format(useOffset=False, style="plain")
     CHART.parent.mkdir(exist_ok=True)
-    ElementTree.ElementTree(svg).write(CHART)
+    figure.savefig(CHART, dpi=80, pil_kwargs={"optimize": True})

@@ -13,9 +13,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 from veldarin_simulator import Simulator
-from veldarin_simulator.providers import (
-    bfd,
-)
+from veldarin_simulator.providers import bfd
 from veldarin_simulator.reply import Reply
 
 CLI_OUTPUT = Path(__file__).parents[1] / "data" / "cli_output"

@@ -13,10 +13,7 @@ import pytest
 
 from tests.support.netns import ROOT
 from veldarin_simulator import Simulator, state_dir
-from veldarin_simulator.providers import (
-    cookies,
-    serial_number,
-)
+from veldarin_simulator.providers import cookies, serial_number
 
 
 @pytest.mark.requires("cryptography")

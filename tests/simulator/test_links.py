@@ -12,11 +12,7 @@ import pytest
 
 from tests.support.netns import PORTS, Message, ip_json, needs_ip, run_in_netns
 from veldarin_simulator import Simulator
-from veldarin_simulator.providers import (
-    links,
-    multicast,
-    ports,
-)
+from veldarin_simulator.providers import links, multicast, ports
 
 
 @pytest.mark.requires("netlink")

@@ -13,11 +13,7 @@ from typing import Any
 import pytest
 
 from tests.simulator.native import CAPTURE_SERVICES, LG_STATE, Native, fail, release, value_of
-from veldarin_simulator import (
-    RawJSON,
-    Simulator,
-    native_library,
-)
+from veldarin_simulator import RawJSON, Simulator, native_library
 
 IDENTIFIER = "aps_get_new_cookie_id"
 
@@ -40,20 +36,21 @@ def test_root_number_keeps_its_spelling(
     assert native.json_text(LG_STATE) == repr(number).encode()
 
 
-def test_none_is_a_null_pointer(simulator: Simulator, native: Native) -> None:
-    simulator.set_reply(LG_STATE, None)
+@pytest.mark.parametrize("setter", ["set_reply", "set_fixed_reply"])
+def test_none_is_a_null_pointer(simulator: Simulator, native: Native, setter: str) -> None:
+    for service in (LG_STATE, "get_cli_cmd_output"):
+        getattr(simulator, setter)(service, None)
     assert native.json(LG_STATE, None, None) is None
+    assert native.command(b"x") is None
 
 
-@pytest.mark.parametrize("text", ["{oops", "", "null", " [1] ", b"\xff{"])
-def test_raw_json_renders_exactly(simulator: Simulator, native: Native, text: str | bytes) -> None:
+@pytest.mark.parametrize("text", ["{oops", "", "null", " [1] ", b"\xff{", "[1]\0junk"])
+def test_raw_json_renders_exactly_up_to_nul(
+    simulator: Simulator, native: Native, text: str | bytes
+) -> None:
     simulator.set_reply(LG_STATE, RawJSON(text))
-    assert native.json_text(LG_STATE) == (text if isinstance(text, bytes) else text.encode())
-
-
-def test_raw_json_ends_at_nul(simulator: Simulator, native: Native) -> None:
-    simulator.set_reply(LG_STATE, RawJSON("[1]\0junk"))
-    assert native.json_text(LG_STATE) == b"[1]"
+    encoded = text if isinstance(text, bytes) else text.encode()
+    assert native.json_text(LG_STATE) == encoded.partition(b"\0")[0]
 
 
 def test_each_call_returns_a_new_object(simulator: Simulator, native: Native) -> None:
@@ -161,16 +158,16 @@ def test_unwrapped_text_that_fits_is_in_the_buffer(
     assert native.unwrap(b"xyz") == (0, reply.split(b"\0")[0])
 
 
-def test_unwrapped_text_too_long_leaves_the_buffer(simulator: Simulator, native: Native) -> None:
+def test_unwrapped_text_that_fits_not_leaves_the_buffer(
+    simulator: Simulator, native: Native
+) -> None:
+    simulator.set_reply("cookieval_unwrap", None)
+    assert native.unwrap(b"xyz") == (-1, b"xyz")
+    simulator.raise_errors()
     simulator.set_reply("cookieval_unwrap", b"abcd")
     assert native.unwrap(b"xyz") == (-1, b"xyz")
     with pytest.raises(ValueError, match=r"^cookieval_unwrap: .* longer than the one in the"):
         simulator.raise_errors()
-
-
-def test_unwrapped_none_leaves_the_buffer(simulator: Simulator, native: Native) -> None:
-    simulator.set_reply("cookieval_unwrap", None)
-    assert native.unwrap(b"xyz") == (-1, b"xyz")
 
 
 @pytest.mark.parametrize(
@@ -224,25 +221,18 @@ def test_failing_reply_is_raised_by_raise_errors(simulator: Simulator, native: N
     assert isinstance(several.value.__cause__, LookupError)
 
 
-def test_failing_reply_is_raised_at_block_end(build: None) -> None:
-    def block() -> None:
+def test_failing_reply_is_raised_or_context_at_block_end(build: None) -> None:
+    def block(own_error: Exception | None) -> None:
         with Simulator(live=False) as simulator:
             simulator.set_reply(LG_STATE, fail)
             Native().json(LG_STATE, None, None)
+            if own_error is not None:
+                raise own_error
 
     with pytest.raises(LookupError, match="no reply"):
-        block()
-
-
-def test_block_exception_has_reply_error_as_context(build: None) -> None:
-    def block() -> None:
-        with Simulator(live=False) as simulator:
-            simulator.set_reply(LG_STATE, fail)
-            Native().json(LG_STATE, None, None)
-            raise KeyError("block")
-
+        block(None)
     with pytest.raises(KeyError) as raised:
-        block()
+        block(KeyError("block"))
     assert isinstance(raised.value.__context__, LookupError)
 
 
@@ -262,13 +252,6 @@ def test_invalid_result_of_a_callable_is_an_error(
         simulator.raise_errors()
 
 
-def nested(depth: int) -> list[Any]:
-    value: list[Any] = []
-    for _ in range(depth - 1):
-        value = [value]
-    return value
-
-
 @pytest.fixture
 def deep_recursion() -> Iterator[None]:
     before = sys.getrecursionlimit()
@@ -279,9 +262,9 @@ def deep_recursion() -> Iterator[None]:
 
 @pytest.mark.usefixtures("deep_recursion")
 def test_json_nests_a_thousand_levels(simulator: Simulator, native: Native) -> None:
-    simulator.set_reply(LG_STATE, nested(999))
+    simulator.set_reply(LG_STATE, json.loads("[" * 999 + "]" * 999))
     assert native.json_text(LG_STATE).replace(b" ", b"") == b"[" * 999 + b"]" * 999
-    simulator.set_reply(LG_STATE, nested(1001))
+    simulator.set_reply(LG_STATE, json.loads("[" * 1001 + "]" * 1001))
     assert native.json(LG_STATE, None, None) is None
     with pytest.raises(ValueError, match=f"^{LG_STATE}: json-c cannot parse the text$"):
         simulator.raise_errors()
@@ -377,13 +360,6 @@ def test_fixed_object_is_shared_and_not_counted(simulator: Simulator, native: Na
     assert native.rendered(second) == b"[ 1 ]"
     native.put(second)
     assert native.json_text(LG_STATE) == b"[ 1 ]"
-
-
-def test_fixed_none_is_null(simulator: Simulator, native: Native) -> None:
-    simulator.set_fixed_reply(LG_STATE, None)
-    simulator.set_fixed_reply("get_cli_cmd_output", None)
-    assert native.json(LG_STATE, None, None) is None
-    assert native.command(b"x") is None
 
 
 def test_last_of_reply_and_fixed_reply_counts(simulator: Simulator, native: Native) -> None:

@@ -10,10 +10,7 @@ from typing import Any
 import pytest
 
 from veldarin_simulator import Scenario, ScenarioError, Simulator, scenario
-from veldarin_simulator.providers import (
-    Providers,
-    multicast,
-)
+from veldarin_simulator.providers import Providers, multicast
 
 LG_STATE = "build_switch_lg_state.json"
 ARP = "cli/get system arp.txt"

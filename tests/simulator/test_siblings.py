@@ -20,11 +20,7 @@ from tests.simulator.native import (
     value_field,
     value_of,
 )
-from veldarin_simulator import (
-    NativeCall,
-    RawJSON,
-    Simulator,
-)
+from veldarin_simulator import NativeCall, RawJSON, Simulator
 
 
 def strtcpy(size: int, source: bytes) -> tuple[int, bytes]:

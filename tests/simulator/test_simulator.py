@@ -5,8 +5,6 @@ from __future__ import annotations
 import ctypes
 import gc
 import importlib
-import subprocess
-import sys
 import tracemalloc
 import weakref
 from collections.abc import Iterator
@@ -77,31 +75,13 @@ def test_serializer_is_logged_only_when_recorded(simulator: Simulator, native: N
     native.put(reply)
 
 
-def test_next_simulator_does_not_record_serializer(build: None) -> None:
-    native = Native()
-    with Simulator(live=False) as simulator:
-        simulator.record_serializer()
-        native.rendered(None)
-        assert len(simulator.call_log) == 1
-    with Simulator(live=False) as simulator:
-        native.rendered(None)
-        assert simulator.call_log == []
-
-
-def test_gil_probe_ends_with_the_simulator(build: None) -> None:
-    native = Native()
-    counter = ctypes.c_ulong()
-    with Simulator(live=False) as simulator:
-        simulator.probe_gil(counter, 1)
-        native.number("aps_get_new_cookie_id")
-        assert simulator.gil_probes == GILProbes(calls=1, released=0)
-        simulator.probe_gil(None)
-        native.number("aps_get_new_cookie_id")
-        assert simulator.gil_probes == GILProbes(calls=0, released=0)
-        simulator.probe_gil(counter, 1)
-    with Simulator(live=False) as simulator:
-        native.number("aps_get_new_cookie_id")
-        assert simulator.gil_probes == GILProbes(calls=0, released=0)
+def test_gil_probe_ends_when_set_to_none(simulator: Simulator, native: Native) -> None:
+    simulator.probe_gil(ctypes.c_ulong(), 1)
+    native.number("aps_get_new_cookie_id")
+    assert simulator.gil_probes == GILProbes(calls=1, released=0)
+    simulator.probe_gil(None)
+    native.number("aps_get_new_cookie_id")
+    assert simulator.gil_probes == GILProbes(calls=0, released=0)
 
 
 def test_clear_calls_works_during_a_call(simulator: Simulator, native: Native) -> None:
@@ -149,21 +129,19 @@ def test_source_is_that_of_the_last_reply(simulator: Simulator, native: Native) 
     assert [call.source for call in simulator.call_log] == ["live", "recorded", "recorded", "none"]
 
 
-def test_replies_count_until_freed(simulator: Simulator, native: Native) -> None:
+def test_json_objects_count_until_freed(
+    simulator: Simulator, native: Native, json_object: Any
+) -> None:
     replies = []
     values: list[object] = [[1], {"a": {}}, 1.5, "x", RawJSON("{oops")]
     for value in values:
         simulator.set_reply(LG_STATE, value)
         replies.append(native.json(LG_STATE, None, None))
-    assert simulator.live_objects == LiveObjects(5, 0)
-    for left, reply in zip((4, 3, 2, 1, 0), replies):
+    released, dropped = json_object({"a": [1.5]}), json_object({})
+    assert simulator.live_objects == LiveObjects(7, 0)
+    for left, reply in zip((6, 5, 4, 3, 2), replies):
         native.put(reply)
         assert simulator.live_objects == LiveObjects(left, 0)
-
-
-def test_requests_count_until_freed(simulator: Simulator, json_object: Any) -> None:
-    released, dropped = json_object({"a": [1.5]}), json_object({})
-    assert simulator.live_objects.json_objects == 2
     release(released)
     assert simulator.live_objects.json_objects == 1
     release(released)  # without value
@@ -182,20 +160,6 @@ def test_text_buffers_count_until_freed(simulator: Simulator, native: Native) ->
     for left, buffer in zip((2, 1, 0), buffers):
         native.take(buffer)
         assert simulator.live_objects.text_buffers == left
-
-
-def test_objects_of_earlier_simulator_do_not_count(build: None) -> None:
-    native = Native()
-    with Simulator(live=False) as simulator:
-        simulator.set_reply(LG_STATE, [1])
-        simulator.set_reply("get_cli_cmd_output", "x")
-        reply, buffer = native.json(LG_STATE, None, None), native.command(b"x")
-        assert simulator.live_objects == LiveObjects(1, 1)
-    with Simulator(live=False) as simulator:
-        assert simulator.live_objects == LiveObjects(0, 0)
-        native.put(reply)
-        native.take(buffer)
-        assert simulator.live_objects == LiveObjects(0, 0)
 
 
 class Allocator(ctypes.Structure):
@@ -269,7 +233,7 @@ def test_serial_number_is_as_set(simulator: Simulator) -> None:
     assert serial_number() == simulator.serial_number == b"SN1"
 
 
-def test_next_simulator_starts_clean(build: None, tmp_path: Path) -> None:
+def test_close_resets_replies_hooks_and_counts(build: None, tmp_path: Path) -> None:
     native = Native()
     json_object = importlib.import_module("util.json").JSONObject
     with Simulator(live=False) as simulator:
@@ -280,10 +244,23 @@ def test_next_simulator_starts_clean(build: None, tmp_path: Path) -> None:
         simulator.default_response = RawJSON("1")
         simulator.on_create = fail
         simulator.on_release = fail
-        native.certificate(b"x")
+        simulator.record_serializer()
+        simulator.set_reply(LG_STATE, [1])
+        simulator.set_reply("get_cli_cmd_output", "x")
+        reply, buffer = native.json(LG_STATE, None, None), native.command(b"x")
+        assert simulator.live_objects == LiveObjects(1, 1)
+        native.rendered(reply)
+        assert len(simulator.call_log) == 3
+        simulator.probe_gil(ctypes.c_ulong(), 1)
     with Simulator(live=False) as simulator:
+        native.rendered(reply)
         assert simulator.call_log == []
+        assert simulator.live_objects == LiveObjects(0, 0)
+        native.put(reply)
+        native.take(buffer)
+        assert simulator.live_objects == LiveObjects(0, 0)
         assert native.number("aps_get_new_cookie_id") == 0
+        assert simulator.gil_probes == GILProbes(calls=0, released=0)
         assert native.number("__get_aps_hash", b"x") == 0
         assert serial_number() == b"STANDIN000000001"
         assert simulator.secret_path != tmp_path
@@ -292,16 +269,11 @@ def test_next_simulator_starts_clean(build: None, tmp_path: Path) -> None:
         assert (simulator.default_response, *hooks) == (None, None, None)
         assert str(empty) == "null"
         release(empty)
-
-
-def test_closed_simulator_has_no_replies(build: None) -> None:
-    native = Native()
-    with Simulator(live=False) as simulator:
         simulator.set_reply("aps_get_new_cookie_id", 5)
         simulator.set_fixed_reply("__get_aps_hash", 6)
         simulator.on_create = fail
     simulator.close()  # again
-    importlib.import_module("util.json").JSONObject()
+    json_object()
     assert native.number("aps_get_new_cookie_id") == 0
     assert native.number("__get_aps_hash", b"x") == 0
     assert native.text("cookieval_wrap", b"x") == b""
@@ -364,18 +336,6 @@ def test_failing_provider_closes_the_simulator(
         Simulator()
     with Simulator(live=False) as simulator:
         assert simulator.call_log == []
-
-
-def test_missing_build_raises_with_instructions(
-    tmp_path: Path, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.setenv("MODULES_UTIL_BUILD", str(tmp_path))
-    script = "from veldarin_simulator import Simulator; Simulator(live=False)"
-    command = [sys.executable, "-c", script]
-    process = subprocess.run(command, cwd=native_library.ROOT, capture_output=True, text=True)
-    assert process.returncode == 1
-    last = process.stderr.splitlines()[-1]
-    assert last == f"RuntimeError: the simulator is not built in {tmp_path}: run `make build`"
 
 
 def test_second_build_in_a_process_raises(

@@ -93,25 +93,22 @@ end of stack
 """
 
 
-def test_crash_report_has_place_and_current_call() -> None:
-    output = str(
-        parse_crash("died of SIGSEGV", "before\n" + DIED.format(module=isolated.MODULE_PATH.name))
-    )
-    assert output.startswith("died of SIGSEGV in libpython3.9.so.1.0, called by the module, in the")
-    assert (
-        "arp.cpp:44:PyDict_SetItem(a, b, c): PyDict_SetItem < a function of modules_util" in output
-    )
-
-
-def test_crash_in_module_is_reported_as_such() -> None:
-    written = DIED.format(module=isolated.MODULE_PATH.name).replace(
-        "/lib/libpython3.9.so.1.0(Py", ""
-    )
-    assert parse_crash("died", written).place == "in the module"
-
-
-def test_crash_elsewhere_is_reported_as_such() -> None:
-    assert parse_crash("died", DIED.format(module="other.so")).place == "outside the module"
+@pytest.mark.parametrize(
+    ("module", "left_out", "place"),
+    [
+        (isolated.MODULE_PATH.name, "", "in libpython3.9.so.1.0, called by the module"),
+        (isolated.MODULE_PATH.name, "/lib/libpython3.9.so.1.0(Py", "in the module"),
+        ("other.so", "", "outside the module"),
+    ],
+)
+def test_crash_report_has_place_and_current_call(module: str, left_out: str, place: str) -> None:
+    stderr = "before\n" + DIED.format(module=module).replace(left_out or "no such text", "")
+    crash = parse_crash("died of SIGSEGV", stderr)
+    assert (crash.how, crash.place) == ("died of SIGSEGV", place)
+    assert crash.call == "veldarin/modules/arp.cpp:44:PyDict_SetItem(a, b, c)"
+    if not left_out:
+        functions = f"PyDict_SetItem < a function of {module}"
+        assert str(crash) == f"died of SIGSEGV {place}, in the call {crash.call}: {functions}"
 
 
 @pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the sanitizer reports crashes itself")
@@ -199,7 +196,7 @@ SOURCE = "int f(int a) {\n    if (a) return 1;\n    return a || never();\n    un
 REPORT = {
     "files": [
         {
-            "file": "source.cpp",
+            "file": "veldarin/modules/source.cpp",
             "lines": [
                 {"line_number": 2, "count": 2, "branches": [{"count": 1}, {"count": 1}]},
                 {"line_number": 3, "count": 1, "branches": [{"count": 1}, {"count": 0}]},
@@ -208,8 +205,8 @@ REPORT = {
         }
     ]
 }
-NEVER = Exclusion("source.cpp", "|| never()", "it never is", branches=1)
-UNREACHABLE = Exclusion("source.cpp", "unreachable()", "nothing gets here", line=True)
+NEVER = Exclusion("source.cpp", "|| never()", "it never is")
+UNREACHABLE = Exclusion("source.cpp", "unreachable()", "nothing gets here", 0)
 
 
 @pytest.mark.parametrize(
@@ -226,7 +223,9 @@ UNREACHABLE = Exclusion("source.cpp", "unreachable()", "nothing gets here", line
 def test_call_site_that_never_ran_is_missing(
     tmp_path: Path, exclusions: list[Exclusion], uncovered: list[int], unused: list[str]
 ) -> None:
-    (tmp_path / "source.cpp").write_text(SOURCE)
+    source = tmp_path / "veldarin" / "modules" / "source.cpp"
+    source.parent.mkdir(parents=True)
+    source.write_text(SOURCE)
     (tmp_path / "counts.json").write_text(json.dumps(REPORT))
     coverage = evaluate(read_lines(tmp_path / "counts.json", tmp_path), exclusions)
     assert [line.number for line in coverage.uncovered] == uncovered

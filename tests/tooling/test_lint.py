@@ -8,6 +8,7 @@ from pathlib import Path
 
 import pytest
 
+from checks.fault_injection.call_sites import blank_comments
 from tests.support import isolated
 
 ROOT = isolated.ROOT
@@ -21,27 +22,11 @@ def tracked(*patterns: str) -> list[Path]:
     return [ROOT / name for name in listed.split("\0") if name and (ROOT / name).is_file()]
 
 
-def without_comments(text: str) -> str:
-    """C or C++ text with comments blanked and string literals kept."""
-    pattern = r'"(?:\\.|[^"\\\n])*"|//[^\n]*|/\*.*?\*/'
-    return re.sub(
-        pattern,
-        lambda found: found[0] if found[0].startswith('"') else re.sub(r"[^\n]", " ", found[0]),
-        text,
-        flags=re.DOTALL,
-    )
-
-
-def without_literals(code: str) -> str:
-    """Return code without the text of its string literals."""
-    return re.sub(r'"(?:\\.|[^"\\\n])*"', '""', code)
-
-
 def places(files: list[Path], pattern: str) -> list[str]:
     """Every match of the pattern in the code of the files, as "file:line: text"."""
     found = []
     for file in files:
-        code = without_literals(without_comments(file.read_text()))
+        code = re.sub(r'"(?:\\.|[^"\\\n])*"', '""', blank_comments(file.read_text()))
         for number, line in enumerate(code.splitlines(), start=1):
             if re.search(pattern, line):
                 found.append(f"{file.relative_to(ROOT)}:{number}: {line.strip()}")
@@ -55,14 +40,8 @@ REPEATED = [file for file in MODULE_SOURCES if file.name not in ONCE]
 
 
 def test_module_sources_are_found() -> None:
-    names = {file.name for file in MODULE_SOURCES}
-    assert names >= {
-        "modules_util.cpp",
-        "cookies.cpp",
-        "json_bridge.cpp",
-        "cli.cpp",
-        "arp_table.cpp",
-    }
+    names = {file.stem for file in MODULE_SOURCES}
+    assert names >= {*"modules_util cookies json_bridge cli arp_table".split()}
     assert len(names) > 10
 
 
@@ -151,7 +130,7 @@ TEXTS = [
 
 
 def test_string_literal_is_defined_once() -> None:
-    sources = "\n".join(without_comments(file.read_text()) for file in MODULE_SOURCES)
+    sources = "\n".join(blank_comments(file.read_text()) for file in MODULE_SOURCES)
     joined = re.sub(r'"\s*"', "", sources)  # as the compiler joins literals that follow each other
     # The summary command of the BFD neighbor list is also the prefix of its detail command.
     allowed = {text: {1, 2} if "bfd neighbor" in text else {1} for text in TEXTS}
@@ -161,22 +140,8 @@ def test_string_literal_is_defined_once() -> None:
 # Every text file of the project
 
 COMMENTED = tracked(
-    "*.py",
-    "*.pyi",
-    "*.pyx",
-    "*.pxd",
-    "*.cpp",
-    "*.h",
-    "*.c",
-    "*.cmake",
-    "CMakeLists.txt",
-    "**/CMakeLists.txt",
-    "*.js",
-    "*.css",
-    "Makefile",
-    "tools/*",
-    ".ci/*",
-    "*.toml",
+    *"*.py *.pyi *.pyx *.pxd *.cpp *.h *.c *.cmake *.js *.css *.toml".split(),
+    *"CMakeLists.txt **/CMakeLists.txt Makefile tools/* .ci/*".split(),
 )
 DOCSTRING = re.compile(r'\A(?:#![^\n]*\n)?\s*r?"""(.*?)"""', re.DOTALL)
 HASH_LINES = re.compile(r"\A(?:#![^\n]*\n)?((?:#(?!!)[^\n]*\n)+)")

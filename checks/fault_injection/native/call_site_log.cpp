@@ -1,14 +1,17 @@
 // The log of the module's fallible calls is a file that every process of a run maps, so that
-// processes that crash contribute, too.
-#include "call_site_log.h"
-
+// processes that crash contribute, too. Before a process dies of a signal it prints its stack and
+// the fallible call that was running; checks/fault_injection/forks.py parses the output.
+#include <execinfo.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
+
+#include "faults.h"
 
 namespace faults {
 namespace {
@@ -42,6 +45,28 @@ faults_row *find_row(const faults_site &site, const char *function) {
     }
     std::fprintf(stderr, "the call-site log is full\n");
     std::abort();
+}
+
+constexpr int signals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
+constexpr int max_frames = 64;
+
+struct sigaction previous[NSIG];
+char signal_stack[64 * 1024];  // for stack overflows
+
+void print(const char *text) {
+    if (write(STDERR_FILENO, text, std::strlen(text)) < 0) _exit(1);
+}
+
+void handle(int number) {
+    void *frames[max_frames];
+    const int count = backtrace(frames, max_frames);
+    print("crashed in call: ");
+    print(current == nullptr ? "none" : current->row->key);
+    print("\nstack:\n");
+    backtrace_symbols_fd(frames, count, STDERR_FILENO);
+    print("end of stack\n");
+    sigaction(number, &previous[number], nullptr);
+    raise(number);  // takes effect when this handler returns
 }
 
 }  // namespace
@@ -92,5 +117,20 @@ void faults_leave(faults_site *site, faults_site *outer, bool failed) {
     current = outer;
     if (failed && site->row != forced) {
         increment(has_failure() ? site->row->oom : site->row->other);
+    }
+}
+
+void faults_install_crash_handler() {
+    void *frame = nullptr;
+    backtrace(&frame, 1);  // loads libgcc now, while memory is available
+    stack_t stack{};
+    stack.ss_sp = signal_stack;
+    stack.ss_size = sizeof signal_stack;
+    sigaltstack(&stack, nullptr);
+    for (const int number : signals) {
+        struct sigaction action{};
+        action.sa_handler = handle;
+        action.sa_flags = SA_ONSTACK;
+        sigaction(number, &action, &previous[number]);
     }
 }

@@ -14,8 +14,6 @@
 #include <cstring>
 #include <utility>
 
-#include "call_site_log.h"
-
 namespace faults {
 namespace {
 
@@ -235,33 +233,20 @@ bool may_call() {
     return true;
 }
 
-struct Exempt {
-    PyObject_HEAD vectorcallfunc call;
-    PyObject *callable;  // owned
-};
-
-PyObject *exempt_call(PyObject *self, PyObject *const *arguments, size_t count, PyObject *names) {
+// Calls `callable`, the `self` of the wrapper.
+PyObject *exempt_call(PyObject *callable, PyObject *const *arguments, Py_ssize_t count,
+                      PyObject *names) {
     if (!may_call()) return nullptr;
     const SuspendInjection suspend;
-    return PyObject_Vectorcall(reinterpret_cast<Exempt *>(self)->callable, arguments, count, names);
+    return PyObject_Vectorcall(callable, arguments, static_cast<size_t>(count), names);
 }
 
-void exempt_dealloc(PyObject *self) {
-    Py_DECREF(reinterpret_cast<Exempt *>(self)->callable);
-    PyObject_Free(self);
-}
-
-PyTypeObject exempt_type = [] {
-    PyTypeObject type{};
-    type.ob_base.ob_base.ob_refcnt = 1;
-    type.tp_name = "Exempt";
-    type.tp_basicsize = sizeof(Exempt);
-    type.tp_dealloc = exempt_dealloc;
-    type.tp_vectorcall_offset = offsetof(Exempt, call);
-    type.tp_call = PyVectorcall_Call;
-    type.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_VECTORCALL;
-    return type;
-}();
+PyMethodDef exempt_definition = {
+    "exempt",
+    reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(exempt_call)),
+    METH_FASTCALL | METH_KEYWORDS,
+    nullptr,
+};
 
 newfunc original_new = nullptr;
 PyObject *(*original_release)(PyObject *) = nullptr;
@@ -335,13 +320,7 @@ void faults_trace_into(const void **rows, long size) {
 long faults_live_blocks() { return live_blocks; }
 
 PyObject *faults_exempt(PyObject *callable) {
-    if (PyType_Ready(&exempt_type) < 0) return nullptr;
-    auto *wrapper = PyObject_New(Exempt, &exempt_type);
-    if (wrapper == nullptr) return nullptr;
-    wrapper->call = exempt_call;
-    Py_INCREF(callable);
-    wrapper->callable = callable;
-    return reinterpret_cast<PyObject *>(wrapper);
+    return PyCFunction_New(&exempt_definition, callable);
 }
 
 void faults_exempt_type(PyObject *type) {

@@ -79,3 +79,14 @@ FAULTS_EXPORT PyObject *faults_exempt(PyObject *callable);
 FAULTS_EXPORT void faults_exempt_type(PyObject *type);
 FAULTS_EXPORT void faults_exempt_vtable(PyObject *capsule);
 FAULTS_EXPORT void *faults_exempt_callback(void *callback);
+
+namespace faults {
+
+// Counts an injected failure for the innermost fallible call; returns its key, or null.
+const char *log_triggered();
+// Returns the row of the innermost fallible call, or null.
+const faults_row *current_row();
+// Returns whether an allocation has failed in the current faults_call.
+bool has_failure();
+
+}  // namespace faults
