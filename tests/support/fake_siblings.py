@@ -118,16 +118,17 @@ def with_attributes(name: str, **attributes: object) -> ModuleType:
     return copy
 
 
-def _c_pointer(function: Any) -> int:
+def c_function_capsule(function: Any, signature: bytes) -> Any:
+    """Return a capsule with the address of a ctypes function, named by its signature."""
     address = ctypes.cast(function, ctypes.c_void_p).value
     assert address is not None
-    return address
+    return capsule(address, signature)
 
 
 def siblings() -> Siblings:
     """Return a new valid set of everything that the module imports."""
-    path_function = capsule(_c_pointer(_get_preference_cookie_secret_path), b"char *(void)")
-    copy_function = capsule(_c_pointer(_strtcpy), b"int (char *, int, char const *)")
+    path_function = c_function_capsule(_get_preference_cookie_secret_path, b"char *(void)")
+    copy_function = c_function_capsule(_strtcpy, b"int (char *, int, char const *)")
     variable = capsule(ctypes.addressof(_secret_path), b"char *")
     rows: dict[str, dict[str, object]] = {
         "util": {"__path__": []},
