@@ -120,7 +120,10 @@ def encode_exception(error: BaseException) -> dict[str, Any]:
 
 
 def test(function: Callable[..., None]) -> Callable[..., None]:
-    """Run a test in an isolated process; its parameters must be JSON data."""
+    """Run a test in an isolated process; its parameters must be JSON data.
+
+    A path arrives as a string.
+    """
 
     @functools.wraps(function)
     def isolated_test(**arguments: object) -> None:
@@ -159,7 +162,7 @@ def _request(**request: Any) -> dict[str, Any]:
     server = _server()
     assert server.stdin is not None
     assert server.stdout is not None
-    server.stdin.write(json.dumps({"environment": dict(os.environ), **request}) + "\n")
+    server.stdin.write(json.dumps({"environment": dict(os.environ), **request}, default=str) + "\n")
     server.stdin.flush()
     line = server.stdout.readline()
     if not line:
