@@ -38,8 +38,3 @@ def test_path_is_passed_up_to_first_nul(
     assert [(call.service, call.text) for call in simulator.call_log] == [
         ("gui_chk_cert_expiration", checked)
     ]
-
-
-def test_empty_path_is_passed_to_service(simulator: Simulator, module: ModuleType) -> None:
-    simulator.set_reply("gui_chk_cert_expiration", 2)
-    assert module.check_cert_expiration(b"") is False
