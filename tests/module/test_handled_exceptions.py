@@ -18,6 +18,8 @@ from tests.support import reference
 from tests.support.doubles import failing_open
 from tests.support.fake_cli import FakeCli
 
+pytestmark = pytest.mark.usefixtures("frozen_heap")
+
 Handle = Callable[[], object]
 
 

@@ -8,7 +8,6 @@ import ctypes
 import gc
 import sys
 import warnings
-from collections.abc import Iterator
 from types import ModuleType
 from typing import Callable, NamedTuple
 
@@ -25,7 +24,7 @@ from tests.support.query_cases import QUERY_CASES
 from tests.support.refcounts import tracked_objects
 from veldarin_simulator import Simulator
 
-pytestmark = pytest.mark.slow
+pytestmark = [pytest.mark.slow, pytest.mark.usefixtures("frozen_heap")]
 
 WARM_UP, ROUNDS = 24, 48  # then ROUNDS calls, then twice as many
 
@@ -81,15 +80,6 @@ def _grown(call: Callable[[], object], simulator: Simulator, objects: list[objec
     ]
     # Leaks of the measurement itself (collector hooks of other tests) are in both and cancel out.
     return [leak for leak in grown if abs(leak.twice - leak.once) > ROUNDS // 3]
-
-
-@pytest.fixture(scope="module", autouse=True)
-def _everything_else_set_aside() -> Iterator[None]:
-    """Exclude existing objects from garbage collection, which is then fast."""
-    gc.collect()
-    gc.freeze()
-    yield
-    gc.unfreeze()
 
 
 def call_of(

@@ -13,6 +13,7 @@ import ast
 import atexit
 import builtins
 import functools
+import gc
 import importlib
 import inspect
 import json
@@ -242,6 +243,7 @@ def _serve() -> None:
         if "file" in request:
             _test_file(request["file"])  # before the fork, so that the next one has it, too
         with tempfile.TemporaryFile("w+") as result, tempfile.TemporaryFile("w+") as errors:
+            gc.freeze()  # the collector of the fork skips the server's objects
             process = os.fork()
             if process == 0:
                 os.dup2(errors.fileno(), sys.stdout.fileno())
