@@ -128,16 +128,19 @@ def test_non_str_command_is_rejected_before_any_call(runner: Runner, command: ob
 
 
 @pytest.mark.parametrize("command", ["plain", None])
-def test_command_is_encoded_with_charset(runner: Runner, command: str | None) -> None:
+def test_conversions_get_text_and_charset(runner: Runner, command: str | None) -> None:
     character_set = object()
     encode = Recorder(lambda text, encoding: b"encoded")
+    decode = Recorder(lambda value, encoding: "a--More--b")
     runner.patch("bytes_", encode)
+    runner.patch("text_", decode)
     runner.patch("_CHARSET", character_set)
-    runner.patch("text_", lambda value, encoding: "text")
-    assert runner.run(command) == "text"
-    ((text, encoding),) = encode.positional
-    assert text is command
-    assert encoding is character_set
+    runner.reply(b"\xffout\0put")
+    assert runner.run(command) == "ab"
+    assert encode.positional == [(command, character_set)]
+    assert encode.positional[0][0] is command
+    assert decode.positional == [(b"\xffout", character_set)]
+    assert type(decode.positional[0][0]) is bytes
     assert runner.sent == [b"encoded"]
 
 
@@ -222,19 +225,6 @@ def test_output_is_returned_without_pager_prompts(
     assert runner.live_buffers == 0
 
 
-def test_decoder_gets_bytes_up_to_nul_and_charset(runner: Runner) -> None:
-    character_set = object()
-    decode = Recorder(lambda value, encoding: "a--More--b")
-    runner.patch("bytes_", lambda text, encoding: b"command")
-    runner.patch("text_", decode)
-    runner.patch("_CHARSET", character_set)
-    runner.reply(b"\xffout\0put")
-    assert runner.run("command") == "ab"
-    ((value, encoding),) = decode.positional
-    assert (type(value), value) == (bytes, b"\xffout")
-    assert encoding is character_set
-
-
 def test_charset_is_looked_up_for_each_conversion(runner: Runner) -> None:
     def reply(command: bytes) -> bytes:
         runner.patch("_CHARSET", "utf-16-le")
@@ -248,11 +238,11 @@ def test_charset_is_looked_up_for_each_conversion(runner: Runner) -> None:
     assert runner.sent == [b"\xe9"]
 
 
-def test_str_subclass_output_is_accepted(runner: Runner) -> None:
-    for text, expected in (("a--More--b", "ab"), ("plain", "plain")):
-        runner.patch("text_", lambda value, encoding, text=text: StrSubclass(text))
-        result = runner.run("command")
-        assert (type(result), result) == (str, expected)
+@pytest.mark.parametrize("decoded, text", [("a--More--b", "ab"), ("plain", "plain")])
+def test_str_subclass_output_is_accepted(runner: Runner, decoded: str, text: str) -> None:
+    runner.patch("text_", lambda value, encoding: StrSubclass(decoded))
+    result = runner.run("command")
+    assert (type(result), result) == (str, text)
 
 
 @pytest.mark.parametrize(
@@ -295,23 +285,15 @@ def test_buffer_is_freed_after_decoding(runner: Runner) -> None:
 
 
 def test_null_output_raises_c_function_error(runner: Runner) -> None:
-    decode = Recorder()
-    runner.patch("text_", decode)
+    runner.patch("text_", raiser(AssertionError("decoded")))
     runner.reply(None)
     assert runner.fails(runner.module.CFunctionError).args == (NULL_RESULT,)
-    assert decode.calls == []
     assert runner.sent == [b"command"]
 
 
 def test_error_class_is_looked_up_at_failure(runner: Runner) -> None:
-    class Other(Exception):
-        pass
-
-    def reply(command: bytes) -> None:
-        runner.patch("CFunctionError", Other)
-
-    runner.reply(reply)
-    assert runner.fails(Other).args == (NULL_RESULT,)
+    runner.reply(lambda command: runner.patch("CFunctionError", Failure))
+    assert runner.fails(Failure).args == (NULL_RESULT,)
 
 
 class ReturnedFailure(Exception):

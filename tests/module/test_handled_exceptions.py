@@ -102,7 +102,7 @@ def test_logged_exception_is_handled_only_while_logged(
 
 
 def test_generator_resumed_outside_handler_handles_nothing(handle: Handle) -> None:
-    """The exception of the caller is no context of a later one either, and is collected."""
+    """Nor does the caller's exception become the context of a later one; it is collected."""
 
     def view() -> Iterator[object]:
         handle()
