@@ -4,6 +4,7 @@
 from __future__ import annotations
 
 import builtins
+import ctypes
 import errno
 import functools
 import importlib
@@ -642,16 +643,14 @@ def test_methods_without_get_keep_reference_counts(steps: Steps) -> None:
     assert len(spare) == 2000
 
 
-def remove_method_in_its_get(name: str) -> list[object]:
-    """Read the secret from a file whose special method is deleted while it is bound.
+@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
+@isolated.test
+def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
+    """The file's special method is deleted while it is bound.
 
     `getattr` as `__get__` gets the method, the file (a string) as name and the file's type as
     default; it uses the method again after the deletion.
     """
-    import io
-
-    from veldarin_simulator import Simulator
-
     events: list[object] = []
 
     class Method:
@@ -675,53 +674,27 @@ def remove_method_in_its_get(name: str) -> list[object]:
         simulator.secret_path.write_text("there is a file")
         module: Any = simulator.module
         module.open = lambda *args: file()
-        return [module.get_token(), events, name in vars(file)]
+        assert module.get_token() == "line"
+    assert events == ["removed", "bound", "finalized"]
+    assert name not in vars(file)
 
 
-@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
-    assert isolated.value(remove_method_in_its_get, name) == [
-        "line",
-        ["removed", "bound", "finalized"],
-        False,
-    ]
-
-
+@isolated.test
 def test_native_path_is_read_before_class_lookup() -> None:
-    def rebind_in_the_getter() -> list[str]:
-        import ctypes
+    text = ctypes.create_string_buffer(b"/nonexistent/secret")
+    paths = Recorder(raiser(OSError("end of the call")))
 
-        text = ctypes.create_string_buffer(b"/nonexistent/secret")
-        events = []
+    @ctypes.CFUNCTYPE(ctypes.c_void_p)
+    def getter() -> int:
+        module.Path = paths
+        return ctypes.addressof(text)
 
-        def path(name: str) -> Any:
-            def construct(given: str) -> Any:
-                events.append(f"{name}({given!r})")
-                raise OSError("end of the call")
-
-            return construct
-
-        @ctypes.CFUNCTYPE(ctypes.c_void_p)
-        def getter() -> int:
-            events.append("getter")
-            module.Path = path("the later Path")
-            return ctypes.addressof(text)
-
-        SiblingSandbox()
-        sibling: Any = sys.modules["veldarin.modules.modules"]
-        sibling.__pyx_capi__["get_preference_cookie_secret_path"] = c_function_capsule(
-            getter, b"char *(void)"
-        )
-        module: Any = importlib.import_module(MODULE)
-        module.Path = path("the earlier Path")
-        try:
-            module.get_token()
-        except OSError:
-            events.append("OSError")
-        return events
-
-    assert isolated.value(rebind_in_the_getter) == [
-        "getter",
-        "the later Path('/nonexistent/secret')",
-        "OSError",
-    ]
+    SiblingSandbox()
+    sibling: Any = sys.modules["veldarin.modules.modules"]
+    sibling.__pyx_capi__["get_preference_cookie_secret_path"] = c_function_capsule(
+        getter, b"char *(void)"
+    )
+    module: Any = importlib.import_module(MODULE)
+    module.Path = raiser(AssertionError("the earlier Path"))
+    fails(OSError, module.get_token)
+    assert paths.positional == [("/nonexistent/secret",)]

@@ -3,7 +3,8 @@
 These are imports, failed imports and second interpreters. A server process, which has loaded the
 simulator's library and not the module, forks for each request; the fork calls one function, replies
 with its value or its exception as JSON, and ends as any interpreter. A test marked `isolated.test`
-runs there as a whole; `run` sends the source of a function that is part of a test.
+runs there as a whole; `value` and `error` send the source of a function that is part of a test.
+If the process crashes the test fails with its standard error.
 """
 
 from __future__ import annotations
@@ -44,7 +45,6 @@ __all__ = [
     "WRONG_PYTHON_MODULE",
     "Entry",
     "Error",
-    "Outcome",
 ]
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -85,14 +85,6 @@ class Error:
     def entries_of(self, name: str) -> list[Entry]:
         """The traceback entries of one function, outermost first."""
         return [entry for entry in self.entries if entry.name == name]
-
-
-@dataclass(frozen=True)
-class Outcome:
-    """The result of an isolated function: its value or its exception."""
-
-    value: Any
-    error: Error | None
 
 
 def encode_exception(error: BaseException) -> dict[str, Any]:
@@ -136,17 +128,6 @@ def test(function: Callable[..., None]) -> Callable[..., None]:
     return isolated_test
 
 
-def run(function: Callable[..., object], *arguments: object) -> Outcome:
-    """Call `function` in an isolated process with `arguments`, which must be JSON data.
-
-    The function sees the names of this file, of `doubles` and of `fake_siblings`, those of
-    `_names`, and its own imports. If the process crashes the test fails with its standard error.
-    """
-    source = textwrap.dedent(inspect.getsource(function))
-    reply = _request(source=source, name=function.__name__, arguments=arguments)
-    return Outcome(reply["value"], Error.of(reply["error"]) if reply["error"] else None)
-
-
 @functools.lru_cache(maxsize=1)
 def _server() -> subprocess.Popen[str]:
     """The server of this test process; it ends with its standard input."""
@@ -174,18 +155,27 @@ def _request(**request: Any) -> dict[str, Any]:
     return reply
 
 
+def _call_source(function: Callable[..., object], arguments: tuple[object, ...]) -> dict[str, Any]:
+    source = textwrap.dedent(inspect.getsource(function))
+    return _request(source=source, name=function.__name__, arguments=arguments)
+
+
 def value(function: Callable[..., object], *arguments: object) -> Any:
-    """Return the value of `function` in an isolated process; an exception fails the test."""
-    outcome = run(function, *arguments)
-    assert outcome.error is None, outcome.error
-    return outcome.value
+    """Return the value of `function` in an isolated process; an exception fails the test.
+
+    The arguments must be JSON data. The function sees the names of this file, of `doubles` and of
+    `fake_siblings`, those of `_names`, and its own imports.
+    """
+    reply = _call_source(function, arguments)
+    assert reply["error"] is None, reply["error"]["report"]
+    return reply["value"]
 
 
 def error(function: Callable[..., object], *arguments: object) -> Error:
     """Return the exception of `function` in an isolated process; without one the test fails."""
-    outcome = run(function, *arguments)
-    assert outcome.error is not None, f"no exception, but the value {outcome.value!r}"
-    return outcome.error
+    reply = _call_source(function, arguments)
+    assert reply["error"] is not None, f"no exception, but the value {reply['value']!r}"
+    return Error.of(reply["error"])
 
 
 def _names() -> dict[str, Any]:
