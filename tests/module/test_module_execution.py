@@ -368,6 +368,7 @@ def test_statements_bind_names_in_order() -> None:
         sandbox.restore()
         bound = [name for name in vars(module) if name not in before]
         assert bound == BINDINGS[: BINDINGS.index(unbound)]
+        assert MODULE not in sys.modules
 
 
 @isolated.test
