@@ -9,7 +9,13 @@ from typing import Any, Union
 
 import pytest
 
-from tests.support.assertions import Entry, raises_exactly, traceback_entries, wrong_type_message
+from tests.support.assertions import (
+    Entry,
+    fails,
+    raises_exactly,
+    traceback_entries,
+    wrong_type_message,
+)
 from tests.support.doubles import BytesSubclass, MishashedStr, StrSubclass
 from tests.support.function_table import FUNCTIONS, NAMED, Function
 from veldarin_simulator import Simulator
@@ -21,88 +27,57 @@ def rows(*kinds: str) -> Any:
     return pytest.mark.parametrize("function", chosen, ids=lambda row: row.name)
 
 
-def call_error(function: Any, args: Iterable[Any], kwargs: Mapping[Any, Any]) -> TypeError:
-    """The `TypeError` of a call; the lambda passes keywords that are not strings."""
-    return raises_exactly(TypeError, lambda: function(*args, **kwargs))
-
-
-def error_text(
+def binding_error(
     module: ModuleType,
-    function: Function | str,
+    name: str,
     args: Iterable[Any] = (),
     kwargs: Mapping[Any, Any] = MappingProxyType({}),
 ) -> str:
-    """The text of the `TypeError` that the call raises."""
-    name = function if isinstance(function, str) else function.name
-    return str(call_error(getattr(module, name), args, kwargs))
+    """The text of the call's TypeError, which the module raises at the function's first line."""
+    function, row = getattr(module, name), NAMED[name]
+    # The lambda passes keywords that are not strings.
+    error = raises_exactly(TypeError, lambda: function(*args, **kwargs))
+    (entry,) = traceback_entries(error.__traceback__)
+    assert entry == Entry(name, entry.first_line, entry.first_line)
+    assert row.first_line[0] <= entry.first_line <= row.first_line[1]
+    return str(error)
 
 
 # Functions without parameters and functions of one argument: the interpreter's own rules.
 
 
-@rows("none")
-@pytest.mark.parametrize("given", [1, 2, 5])
-def test_no_args_function_rejects_arguments(
-    module: ModuleType, function: Function, given: int
-) -> None:
-    assert error_text(module, function, range(given)) == (
-        f"{function.qualified}() takes no arguments ({given} given)"
-    )
-
-
-@rows("one")
-@pytest.mark.parametrize("given", [0, 2, 3])
-def test_one_arg_function_takes_exactly_one(
-    module: ModuleType, function: Function, given: int
-) -> None:
-    assert error_text(module, function, range(given)) == (
-        f"{function.qualified}() takes exactly one argument ({given} given)"
-    )
-
-
-@rows("one")
-def test_one_arg_function_rejects_keyword(module: ModuleType, function: Function) -> None:
-    (parameter,) = function.parameters
-    assert error_text(module, function, (), {parameter.name: None}) == (
-        f"{function.qualified}() takes no keyword arguments"
-    )
+NO_KEYWORDS = "takes no keyword arguments"
 
 
 @rows("none", "one")
-@pytest.mark.parametrize("positional", [0, 1, 2])
-def test_keywords_are_rejected_before_arguments_are_counted(
-    module: ModuleType, function: Function, positional: int
+def test_interpreter_rejects_wrong_arguments(
+    simulator: Simulator, module: ModuleType, function: Function
 ) -> None:
-    assert error_text(module, function, range(positional), {"other": 1}) == (
-        f"{function.qualified}() takes no keyword arguments"
-    )
+    """Keywords are rejected before arguments are counted. The module adds no traceback entry."""
+    if function.kind == "none":
+        texts = {given: f"takes no arguments ({given} given)" for given in (1, 2, 5)}
+    else:
+        texts = {given: f"takes exactly one argument ({given} given)" for given in (0, 2, 3)}
+    calls: list[tuple[int, dict[str, None], str]]
+    calls = [(given, {}, text) for given, text in texts.items()]
+    calls += [(given, {"other": None}, NO_KEYWORDS) for given in (0, 1, 2)]
+    calls += [(0, {parameter.name: None}, NO_KEYWORDS) for parameter in function.parameters]
+    for given, kwargs, text in calls:
+        error = raises_exactly(TypeError, getattr(module, function.name), *range(given), **kwargs)
+        assert str(error) == f"{function.qualified}() {text}"
+        assert traceback_entries(error.__traceback__) == []
+    assert simulator.call_log == []
 
 
 @rows("none", "one", "keywords")
-def test_empty_keywords_are_ignored(module: ModuleType, function: Function) -> None:
+def test_empty_keywords_are_ignored(
+    simulator: Simulator, module: ModuleType, function: Function
+) -> None:
     held = getattr(module, function.name)
     without = raises_exactly(TypeError, lambda: held(1, 2, 3, 4))
     empty: dict[str, object] = {}
     assert str(raises_exactly(TypeError, lambda: held(1, 2, 3, 4, **empty))) == str(without)
     assert "(4 given)" in str(without)
-
-
-@rows("none", "one")
-def test_interpreter_argument_error_has_no_module_entry(
-    module: ModuleType, function: Function
-) -> None:
-    for args, kwargs in [((1, 2), {}), ((), {"other": 1})]:
-        error = call_error(getattr(module, function.name), args, kwargs)
-        assert traceback_entries(error.__traceback__) == []
-
-
-@rows("none", "one", "keywords")
-def test_rejected_call_makes_no_native_call(
-    simulator: Simulator, module: ModuleType, function: Function
-) -> None:
-    many = range(5)
-    error_text(module, function, many)
-    error_text(module, function, many, {"other": 1})
     assert simulator.call_log == []
 
 
@@ -135,37 +110,29 @@ def count_error(name: str, words: str, bound: int, given: int) -> str:
 
 @pytest.mark.parametrize(("name", "given", "words", "bound"), COUNTS)
 def test_wrong_argument_count_raises_type_error(
-    module: ModuleType, name: str, given: int, words: str, bound: int
+    simulator: Simulator, module: ModuleType, name: str, given: int, words: str, bound: int
 ) -> None:
-    assert error_text(module, name, [ANY] * given) == count_error(name, words, bound, given)
+    """Too many arguments are rejected before keywords."""
+    keywords: list[Any] = [NAMED[name].parameters[0].name, "other", 7] if given > bound else []
+    for kwargs in ({}, *({keyword: 1} for keyword in keywords)):
+        text = binding_error(module, name, [ANY] * given, kwargs)
+        assert text == count_error(name, words, bound, given)
+    assert simulator.call_log == []
 
 
 @pytest.mark.parametrize(
-    ("name", "given", "words", "bound"), [row for row in COUNTS if row[1] > row[3]]
-)
-def test_too_many_arguments_are_rejected_before_keywords(
-    module: ModuleType, name: str, given: int, words: str, bound: int
-) -> None:
-    keyword: object
-    for keyword in (NAMED[name].parameters[0].name, "other", 7):
-        keywords = {keyword: 1}
-        assert error_text(module, name, [ANY] * given, keywords) == (
-            count_error(name, words, bound, given)
-        )
-
-
-@pytest.mark.parametrize(
-    ("name", "args", "kwargs", "words", "bound"),
+    ("name", "keyword", "words", "bound"),
     [
-        ("get_bfd_neighbor", (), {"list_bfd": {}}, "at least", 1),
-        ("capture_sniffer_profile", (), {"profile_name": "p"}, "exactly", 2),
-        ("capture_sniffer_profile", (), {"event": "Stop"}, "exactly", 2),
+        ("get_bfd_neighbor", "list_bfd", "at least", 1),
+        ("capture_sniffer_profile", "profile_name", "exactly", 2),
+        ("capture_sniffer_profile", "event", "exactly", 2),
     ],
 )
 def test_missing_argument_raises_positional_count_error(
-    module: ModuleType, name: str, args: Any, kwargs: Any, words: str, bound: int
+    module: ModuleType, name: str, keyword: str, words: str, bound: int
 ) -> None:
-    assert error_text(module, name, args, kwargs) == count_error(name, words, bound, len(args))
+    text = binding_error(module, name, (), {keyword: None})
+    assert text == count_error(name, words, bound, 0)
 
 
 # Functions with keywords: the keywords.
@@ -202,42 +169,22 @@ def not_strings(name: str) -> str:
 LONG = "x" * 300
 
 
-@rows("keywords")
-@pytest.mark.parametrize(
-    "keyword",
-    [
-        "other",
-        "",
-        "Policy_id",
-        "policy_id ",
-        "profile-name",
-        "größe",
-        LONG,
-        StrSubclass("other"),
-        "\x00",
-    ],
-    ids=ascii,
-)
-def test_unknown_keyword_is_named_in_error(
-    module: ModuleType, function: Function, keyword: str
-) -> None:
-    bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
-    assert error_text(module, function, (), {**bound, keyword: 1}) == unexpected(
-        function.name, keyword
-    )
+UNKNOWN = ["other", "", "Policy_id", "policy_id ", "profile-name", "größe", LONG, "\x00"]
 
 
 @rows("keywords")
-@pytest.mark.parametrize(
-    "keyword",
-    [7, b"policy_id", None, (), 1.5, object()],
-    ids=lambda keyword: type(keyword).__name__,
-)
-def test_non_str_keyword_raises_type_error(
-    module: ModuleType, function: Function, keyword: Any
+def test_faulty_keyword_raises_type_error(
+    simulator: Simulator, module: ModuleType, function: Function
 ) -> None:
+    name = function.name
     bound: dict[Any, object] = {parameter.name: None for parameter in function.parameters}
-    assert error_text(module, function, (), {**bound, keyword: 1}) == not_strings(function.name)
+    keyword: Any
+    for keyword in (*UNKNOWN, StrSubclass("other")):
+        text = unexpected(name, keyword)
+        assert binding_error(module, name, (), {**bound, keyword: 1}) == text
+    for keyword in (7, b"policy_id", None, (), 1.5, object()):
+        assert binding_error(module, name, (), {**bound, keyword: 1}) == not_strings(name)
+    assert simulator.call_log == []
 
 
 @rows("keywords")
@@ -249,7 +196,7 @@ def test_parameter_bound_twice_raises_type_error(
     for parameter in function.parameters:
         positional.append(None)
         keyword = kind(parameter.name)
-        assert error_text(module, function, positional, {keyword: None}) == (
+        assert binding_error(module, function.name, positional, {keyword: None}) == (
             multiple(function.name, parameter.name)
         )
 
@@ -316,94 +263,46 @@ SEVERAL_FAULTS: list[tuple[str, tuple[Any, ...], dict[Key, Any], str]] = [
 def test_first_failed_check_is_reported(
     module: ModuleType, name: str, args: Any, kwargs: Any, text: str
 ) -> None:
-    assert error_text(module, name, args, kwargs) == text
-
-
-@rows("keywords")
-def test_binding_error_has_one_entry_at_first_line(
-    simulator: Simulator, module: ModuleType, function: Function
-) -> None:
-    first = function.parameters[0].name
-    faulty: list[tuple[tuple[Any, ...], dict[Any, Any]]] = [
-        ((None,) * 5, {}),
-        ((), {"other": 1}),
-        ((), {7: 1}),
-        ((None,), {first: None}),
-    ]
-    if function.required:
-        faulty += [((), {}), ((), {function.parameters[1].name: None})]
-    low, high = function.first_line
-    for args, kwargs in faulty:
-        error = call_error(getattr(module, function.name), args, kwargs)
-        (entry,) = traceback_entries(error.__traceback__)
-        assert entry == Entry(function.name, entry.first_line, entry.first_line)
-        assert low <= entry.first_line <= high
-    assert simulator.call_log == []
+    assert binding_error(module, name, args, kwargs) == text
 
 
 # Results of binding, as the request or the command shows them
 
 
-def sent_policy(simulator: Simulator, module: ModuleType, args: Any, kwargs: Any) -> str:
-    """The request of an ACL query."""
-    module.switch_acl_ingress_counter(*args, **kwargs)
-    (call,) = (call for call in simulator.call_log if call.service.startswith("build_"))
-    assert call.request is not None
-    return "".join(call.request.split())
+def sent(simulator: Simulator) -> list[tuple[str, str]]:
+    """The native services of queries with their requests, without white space."""
+    calls = [call for call in simulator.call_log if call.service.startswith("build_")]
+    return [(call.service, "".join(str(call.request).split())) for call in calls]
+
+
+POLICY_ID, EQUAL = "policy_id", MishashedStr("policy_id")
 
 
 @pytest.mark.parametrize(
     ("args", "kwargs", "request_text"),
     [
-        ((), {}, "{}"),
-        ((7,), {}, '{"policy_id":7}'),
-        ((), {"policy_id": 7}, '{"policy_id":7}'),
-        ((), {StrSubclass("policy_id"): 7}, '{"policy_id":7}'),
-        ((), {SameHash("policy_id"): 7}, '{"policy_id":7}'),
-        ((), {"".join(["policy", "_id"]): 7}, '{"policy_id":7}'),
-        ((None,), {}, "{}"),
-    ],
-    ids=[
-        "nothing",
-        "by position",
-        "by name",
-        "by a subclass of str",
-        "by an equal key",
-        "by a name that is not interned",
-        "None",
+        pytest.param((), {}, "{}", id="nothing"),
+        pytest.param((7,), {}, '{"policy_id":7}', id="by position"),
+        pytest.param((), {POLICY_ID: 7}, '{"policy_id":7}', id="by name"),
+        pytest.param((), {StrSubclass(POLICY_ID): 7}, '{"policy_id":7}', id="by a str subclass"),
+        pytest.param((), {SameHash(POLICY_ID): 7}, '{"policy_id":7}', id="by an equal key"),
+        pytest.param((), {"".join(["policy", "_id"]): 7}, '{"policy_id":7}', id="not interned"),
+        pytest.param((None,), {}, "{}", id="None"),
+        # an identical keyword wins over an equal one
+        pytest.param((), {EQUAL: 7}, '{"policy_id":7}', id="equal alone"),
+        pytest.param((), {POLICY_ID: 7, EQUAL: 8}, '{"policy_id":7}', id="equal after the exact"),
+        pytest.param((), {EQUAL: 8, POLICY_ID: 7}, '{"policy_id":7}', id="equal before the exact"),
     ],
 )
 def test_optional_parameter_binds_by_position_or_name(
     simulator: Simulator, module: ModuleType, args: Any, kwargs: Any, request_text: str
 ) -> None:
-    assert sent_policy(simulator, module, args, kwargs) == request_text
+    module.switch_acl_ingress_counter(*args, **kwargs)
+    assert [request for _service, request in sent(simulator)] == [request_text]
 
 
-@pytest.mark.parametrize(
-    ("kwargs", "request_text"),
-    [
-        ({MishashedStr("policy_id"): 7}, '{"policy_id":7}'),
-        ({"policy_id": 7, MishashedStr("policy_id"): 8}, '{"policy_id":7}'),
-        ({MishashedStr("policy_id"): 8, "policy_id": 7}, '{"policy_id":7}'),
-    ],
-    ids=["equal alone", "equal after the exact", "equal before the exact"],
-)
-def test_identical_keyword_wins_over_equal_one(
-    simulator: Simulator, module: ModuleType, kwargs: Any, request_text: str
-) -> None:
-    assert sent_policy(simulator, module, (), kwargs) == request_text
-
-
-def test_identical_keywords_win_with_two_parameters(
-    simulator: Simulator, module: ModuleType
-) -> None:
-    exact: dict[str, str] = {"event": "Stop", "profile_name": "p"}
-    equal: dict[str, str] = {MishashedStr("event"): "Pause", MishashedStr("profile_name"): "q"}
-    for kwargs in ({**exact, **equal}, {**equal, **exact}):
-        module.capture_sniffer_profile(**kwargs)
-    calls = [call for call in simulator.call_log if call.service.startswith("build_")]
-    assert [call.service for call in calls] == ["build_stop_sniffer_profile_capture"] * 2
-    assert ["".join(str(call.request).split()) for call in calls] == ['{"profile-name":"p"}'] * 2
+EXACT: dict[str, str] = {"event": "Stop", "profile_name": "p"}
+EQUAL_KEYS: dict[str, str] = {MishashedStr("event"): "Pause", MishashedStr("profile_name"): "q"}
 
 
 @pytest.mark.parametrize(
@@ -412,17 +311,17 @@ def test_identical_keywords_win_with_two_parameters(
         (("p", "Stop"), {}),
         (("p",), {"event": "Stop"}),
         ((), {"profile_name": "p", "event": "Stop"}),
-        ((), {"event": "Stop", "profile_name": "p"}),
+        ((), EXACT),
+        ((), {**EXACT, **EQUAL_KEYS}),
+        ((), {**EQUAL_KEYS, **EXACT}),
     ],
+    ids=["positions", "position and name", "names", "other order", "equal after", "equal before"],
 )
 def test_required_parameters_bind_in_any_order(
     simulator: Simulator, module: ModuleType, args: Any, kwargs: Any
 ) -> None:
     module.capture_sniffer_profile(*args, **kwargs)
-    (call,) = (call for call in simulator.call_log if call.service.startswith("build_"))
-    assert call.service == "build_stop_sniffer_profile_capture"
-    assert call.request is not None
-    assert "".join(call.request.split()) == '{"profile-name":"p"}'
+    assert sent(simulator) == [("build_stop_sniffer_profile_capture", '{"profile-name":"p"}')]
 
 
 HELD: dict[str, str] = {}
@@ -449,7 +348,7 @@ def test_keyword_dictionary_of_caller_is_unchanged(module: ModuleType) -> None:
     module.switch_acl_egress_counter(**keywords)
     assert keywords == {"policy_id": 7}
     faulty = {"policy_id": 7, "other": 1}
-    error_text(module, "switch_acl_egress_counter", (), faulty)
+    binding_error(module, "switch_acl_egress_counter", (), faulty)
     assert faulty == {"policy_id": 7, "other": 1}
 
 
@@ -525,25 +424,11 @@ def test_typed_parameter_accepts_exact_type_only(
         if function.kind == "keywords":
             calls.append(((), dict(zip([each.name for each in function.parameters], given))))
         for args, kwargs in calls:
-            error = call_error(getattr(module, function.name), args, kwargs)
-            assert str(error) == wrong_type_message(parameter.name, parameter.type.__name__, value)
-            (entry,) = traceback_entries(error.__traceback__)
-            assert entry == Entry(function.name, entry.first_line, entry.first_line)
-            assert function.first_line[0] <= entry.first_line <= function.first_line[1]
+            text = binding_error(module, function.name, args, kwargs)
+            assert text == wrong_type_message(parameter.name, parameter.type.__name__, value)
+    cut = arguments_around(function, position, of_type_named(LONG))
+    assert binding_error(module, function.name, cut).endswith(f", got {LONG[:200]})")
     assert (made, simulator.call_log) == ([], [])
-
-
-@pytest.mark.parametrize(
-    ("function", "position"),
-    TYPED,
-    ids=[f"{function.name}-{function.parameters[at].name}" for function, at in TYPED],
-)
-def test_type_name_in_error_is_cut_at_200_characters(
-    module: ModuleType, function: Function, position: int
-) -> None:
-    value = of_type_named(LONG)
-    text = error_text(module, function, arguments_around(function, position, value))
-    assert text.endswith(f", got {LONG[:200]})")
 
 
 # The error of each bytes function for None; functions that expect str accept None.
@@ -559,10 +444,7 @@ NONE_REFUSED = {
 def test_none_for_bytes_raises_type_error(
     simulator: Simulator, module: ModuleType, name: str, text: str
 ) -> None:
-    error = call_error(getattr(module, name), [None], {})
-    assert str(error) == text
-    (entry,) = traceback_entries(error.__traceback__)
-    assert (entry.function, entry.line < 94) == (name, True)
+    assert str(fails(TypeError, getattr(module, name), None)) == text
     assert simulator.call_log == []
 
 
@@ -580,7 +462,7 @@ def test_none_for_str_is_accepted(
 ) -> None:
     simulator.set_reply("build_system_interface_physical", [{"interface": [{"name": None}]}])
     getattr(module, function.name)(None)
-    assert len([call for call in simulator.call_log if call.service.startswith("build_")]) == 1
+    assert len(sent(simulator)) == 1
 
 
 @pytest.mark.parametrize(
@@ -593,30 +475,21 @@ def test_none_for_str_is_accepted(
         and row.name.startswith(("list_", "switch_"))
     ],
 )
-@pytest.mark.parametrize(
-    "value", [0, 7, "text", StrSubclass("text"), None, [], [1], {"a": 1}, True, 1.5], ids=repr
-)
 def test_untyped_query_parameter_accepts_anything(
-    simulator: Simulator, module: ModuleType, name: str, value: object
+    simulator: Simulator, module: ModuleType, name: str
 ) -> None:
     made: list[tuple[Any, ...]] = []
     simulator.on_create = made.append
-    assert getattr(module, name)(value) is None
-    (request,) = made[0]
-    assert made[1:] == [()]
-    assert all(held is value for held in request.values())
+    for value in (0, 7, "text", StrSubclass("text"), None, [], [1], {"a": 1}, True, 1.5):
+        made.clear()
+        assert getattr(module, name)(value) is None
+        (request,), *more = made
+        assert more == [()]
+        assert all(held is value for held in request.values())
 
 
 def test_cookie_name_argument_accepts_anything(module: ModuleType) -> None:
     values: list[object] = ["", "text", b"", None, 7, [], {}, object]
-    named = [module.get_cookie_name(value) for value in values]
-    assert [name.partition("_")[0] for name in named] == [
-        "APCOOKIE",
-        "APSCOOKIE",
-        "APCOOKIE",
-        "APCOOKIE",
-        "APSCOOKIE",
-        "APCOOKIE",
-        "APCOOKIE",
-        "APSCOOKIE",
-    ]
+    for value in values:
+        prefix = "APSCOOKIE_" if value else "APCOOKIE_"
+        assert module.get_cookie_name(value).startswith(prefix)

@@ -17,11 +17,14 @@ from tests.support.assertions import (
     wrong_type_message,
 )
 from tests.support.doubles import (
+    AlwaysRaises,
     BytesSubclass,
     Failure,
+    IntMakingException,
     OwnMethodsStr,
     Recorder,
     StrSubclass,
+    UnconstructibleException,
     raiser,
 )
 from tests.support.module_patch import Patch
@@ -124,22 +127,20 @@ def test_non_str_command_is_rejected_before_any_call(runner: Runner, command: ob
     assert runner.sent == []
 
 
-def test_none_command_fails_in_encoding(runner: Runner) -> None:
-    assert str(runner.fails(TypeError, None)) == "expected bytes, NoneType found"
-    assert runner.sent == []
-
-
 @pytest.mark.parametrize("command", ["plain", None])
-def test_command_is_encoded_with_charset(runner: Runner, command: str | None) -> None:
+def test_conversions_get_text_and_charset(runner: Runner, command: str | None) -> None:
     character_set = object()
     encode = Recorder(lambda text, encoding: b"encoded")
+    decode = Recorder(lambda value, encoding: "a--More--b")
     runner.patch("bytes_", encode)
+    runner.patch("text_", decode)
     runner.patch("_CHARSET", character_set)
-    runner.patch("text_", lambda value, encoding: "text")
-    assert runner.run(command) == "text"
-    ((text, encoding),) = encode.positional
-    assert text is command
-    assert encoding is character_set
+    runner.reply(b"\xffout\0put")
+    assert runner.run(command) == "ab"
+    assert encode.positional == [(command, character_set)]
+    assert encode.positional[0][0] is command
+    assert decode.positional == [(b"\xffout", character_set)]
+    assert type(decode.positional[0][0]) is bytes
     assert runner.sent == [b"encoded"]
 
 
@@ -181,8 +182,14 @@ def test_encoded_non_bytes_raises_type_error(runner: Runner, encoded: object) ->
     assert runner.sent == []
 
 
-def test_unencodable_command_is_not_sent(runner: Runner) -> None:
-    runner.fails(UnicodeEncodeError, "\ud800")
+@pytest.mark.parametrize(
+    "command, kind", [(None, TypeError), ("\ud800", UnicodeEncodeError)], ids=["None", "surrogate"]
+)
+def test_unencodable_command_is_not_sent(
+    runner: Runner, command: str | None, kind: type[Exception]
+) -> None:
+    error = runner.fails(kind, command)
+    assert command or str(error) == "expected bytes, NoneType found"
     assert runner.sent == []
 
 
@@ -218,19 +225,6 @@ def test_output_is_returned_without_pager_prompts(
     assert runner.live_buffers == 0
 
 
-def test_decoder_gets_bytes_up_to_nul_and_charset(runner: Runner) -> None:
-    character_set = object()
-    decode = Recorder(lambda value, encoding: "a--More--b")
-    runner.patch("bytes_", lambda text, encoding: b"command")
-    runner.patch("text_", decode)
-    runner.patch("_CHARSET", character_set)
-    runner.reply(b"\xffout\0put")
-    assert runner.run("command") == "ab"
-    ((value, encoding),) = decode.positional
-    assert (type(value), value) == (bytes, b"\xffout")
-    assert encoding is character_set
-
-
 def test_charset_is_looked_up_for_each_conversion(runner: Runner) -> None:
     def reply(command: bytes) -> bytes:
         runner.patch("_CHARSET", "utf-16-le")
@@ -244,11 +238,11 @@ def test_charset_is_looked_up_for_each_conversion(runner: Runner) -> None:
     assert runner.sent == [b"\xe9"]
 
 
-def test_str_subclass_output_is_accepted(runner: Runner) -> None:
-    for text, expected in (("a--More--b", "ab"), ("plain", "plain")):
-        runner.patch("text_", lambda value, encoding, text=text: StrSubclass(text))
-        result = runner.run("command")
-        assert (type(result), result) == (str, expected)
+@pytest.mark.parametrize("decoded, text", [("a--More--b", "ab"), ("plain", "plain")])
+def test_str_subclass_output_is_accepted(runner: Runner, decoded: str, text: str) -> None:
+    runner.patch("text_", lambda value, encoding: StrSubclass(decoded))
+    result = runner.run("command")
+    assert (type(result), result) == (str, text)
 
 
 @pytest.mark.parametrize(
@@ -291,23 +285,15 @@ def test_buffer_is_freed_after_decoding(runner: Runner) -> None:
 
 
 def test_null_output_raises_c_function_error(runner: Runner) -> None:
-    decode = Recorder()
-    runner.patch("text_", decode)
+    runner.patch("text_", raiser(AssertionError("decoded")))
     runner.reply(None)
     assert runner.fails(runner.module.CFunctionError).args == (NULL_RESULT,)
-    assert decode.calls == []
     assert runner.sent == [b"command"]
 
 
 def test_error_class_is_looked_up_at_failure(runner: Runner) -> None:
-    class Other(Exception):
-        pass
-
-    def reply(command: bytes) -> None:
-        runner.patch("CFunctionError", Other)
-
-    runner.reply(reply)
-    assert runner.fails(Other).args == (NULL_RESULT,)
+    runner.reply(lambda command: runner.patch("CFunctionError", Failure))
+    assert runner.fails(Failure).args == (NULL_RESULT,)
 
 
 class ReturnedFailure(Exception):
@@ -333,36 +319,38 @@ def test_returned_exception_is_raised_as_by_raise(
     assert make.positional == [(NULL_RESULT,)]
 
 
-@pytest.mark.parametrize("returned", [None, "text", 5, object], ids=repr)
-def test_returned_non_exception_raises_type_error(runner: Runner, returned: object) -> None:
+NO_EXCEPTION = "exceptions must derive from BaseException"
+
+
+@pytest.mark.parametrize(
+    "returned, text",
+    [
+        *((returned, NO_EXCEPTION) for returned in (None, "text", 5, object)),
+        (
+            IntMakingException,
+            f"calling {IntMakingException!r} should have returned an instance of BaseException, "
+            "not <class 'int'>",
+        ),
+    ],
+    ids=["None", "str", "int", "class", "exception class that returns an int"],
+)
+def test_returned_non_exception_raises_type_error(
+    runner: Runner, returned: object, text: str
+) -> None:
     runner.patch("CFunctionError", lambda message: returned)
     runner.reply(None)
-    assert str(runner.fails(TypeError)) == "exceptions must derive from BaseException"
+    assert str(runner.fails(TypeError)) == text
 
 
-def test_returned_class_without_instances_raises_type_error(runner: Runner) -> None:
-    class Odd(Exception):
-        def __new__(cls) -> Any:
-            return 5
-
-    runner.patch("CFunctionError", lambda message: Odd)
+@pytest.mark.parametrize(
+    "error_class",
+    [UnconstructibleException, lambda message: UnconstructibleException],
+    ids=["called", "returned"],
+)
+def test_failing_error_class_raises_its_own_error(runner: Runner, error_class: object) -> None:
+    runner.patch("CFunctionError", error_class)
     runner.reply(None)
-    assert str(runner.fails(TypeError)) == (
-        f"calling {Odd!r} should have returned an instance of BaseException, not <class 'int'>"
-    )
-
-
-@pytest.mark.parametrize("returned", [False, True])
-def test_failing_error_class_raises_its_own_error(runner: Runner, returned: bool) -> None:
-    error = Failure()
-
-    class Unmakable(Exception):
-        def __init__(self, *args: object) -> None:
-            raise error
-
-    runner.patch("CFunctionError", (lambda message: Unmakable) if returned else Unmakable)
-    runner.reply(None)
-    assert runner.fails(Failure) is error
+    runner.fails(Failure)
 
 
 # Globals and lines
@@ -377,11 +365,17 @@ def test_failing_error_class_raises_its_own_error(runner: Runner, returned: bool
         ("CFunctionError", None, [b"command"]),
     ],
 )
-def test_missing_global_raises_name_error(
+def test_missing_or_failing_global_ends_call(
     runner: Runner, name: str, output: str | None, commands: list[bytes]
 ) -> None:
-    runner.patch.delete(name)
     runner.reply(output)
+    if name != "_CHARSET":
+        error = Failure()
+        runner.patch(name, raiser(error))
+        assert runner.fails(Failure) is error
+        assert runner.sent == commands
+        runner.simulator.clear_calls()
+    runner.patch.delete(name)
     assert str(runner.fails(NameError)) == f"name '{name}' is not defined"
     assert runner.sent == commands
 
@@ -393,14 +387,6 @@ def test_charset_missing_at_decoding_frees_buffer(runner: Runner) -> None:
 
     runner.reply(reply)
     assert str(runner.fails(NameError)) == "name '_CHARSET' is not defined"
-
-
-@pytest.mark.parametrize("name, commands", [("bytes_", []), ("text_", [b"command"])])
-def test_conversion_error_propagates(runner: Runner, name: str, commands: list[bytes]) -> None:
-    error = Failure()
-    runner.patch(name, raiser(error))
-    assert runner.fails(Failure) is error
-    assert runner.sent == commands
 
 
 def test_traceback_lines_increase_with_statements(
@@ -422,17 +408,6 @@ def test_traceback_lines_increase_with_statements(
     assert is_increasing([250, *lines, 352])
 
 
-class UnusedLogger:
-    """A logger that records the lookup of any of its attributes."""
-
-    def __init__(self) -> None:
-        self.looked_up: list[str] = []
-
-    def __getattr__(self, name: str) -> Any:
-        self.looked_up.append(name)
-        return lambda *args, **kwargs: None
-
-
 @pytest.mark.parametrize(
     "command, output, kind",
     [
@@ -445,14 +420,9 @@ class UnusedLogger:
     ],
 )
 def test_runner_logs_nothing(
-    runner: Runner,
-    caplog: pytest.LogCaptureFixture,
-    command: Any,
-    output: str | bytes | None,
-    kind: str | None,
+    runner: Runner, caplog: pytest.LogCaptureFixture, command: Any, output: Any, kind: str | None
 ) -> None:
-    logger = UnusedLogger()
-    runner.patch("_logger", logger)
+    runner.patch("_logger", AlwaysRaises())  # also when an attribute is looked up
     runner.reply(output)
     raised = None
     with caplog.at_level(0):
@@ -461,7 +431,6 @@ def test_runner_logs_nothing(
         except Exception as error:
             raised = type(error).__name__
     assert raised == kind
-    assert logger.looked_up == []
     assert caplog.records == []
 
 

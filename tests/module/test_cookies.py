@@ -5,18 +5,17 @@ from __future__ import annotations
 import ctypes
 import tracemalloc
 from types import ModuleType
-from typing import Any, Callable
+from typing import Any, Callable, NamedTuple
 
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import entry, is_increasing, raises_exactly
+from tests.support.assertions import entry, fails, is_increasing, wrong_type_message
 from tests.support.doubles import CountingBool, Recorder, raiser
 from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
-ULONG_MAX = 2 ** (8 * ctypes.sizeof(ctypes.c_ulong)) - 1
-GREATEST = pytest.param(ULONG_MAX, id="ULONG_MAX")
+LONG_BITS = 8 * ctypes.sizeof(ctypes.c_ulong)
 
 
 def texts(simulator: Simulator) -> list[tuple[str, bytes | None]]:
@@ -36,35 +35,31 @@ def traced(call: Callable[[], object]) -> tuple[Any, int, int]:
     return result, after - before, peak - before
 
 
-# new_cookie_id
+# new_cookie_id and aps_unsigned_int_hash
 
 
-@pytest.mark.parametrize("identifier", [0, 1, 2**31 - 1, 2**31, 4294967295, GREATEST])
-def test_new_cookie_id_is_unsigned_native_value(
-    simulator: Simulator, module: ModuleType, identifier: int
+@pytest.mark.parametrize(
+    "function, arguments, service",
+    [
+        ("new_cookie_id", [], "aps_get_new_cookie_id"),
+        ("aps_unsigned_int_hash", [b"serial"], "__get_aps_hash"),
+    ],
+)
+def test_result_is_unsigned_native_value(
+    simulator: Simulator, module: ModuleType, function: str, arguments: list[bytes], service: str
 ) -> None:
-    simulator.set_reply("aps_get_new_cookie_id", identifier)
-    result = module.new_cookie_id()
-    assert (type(result), result) == (int, identifier)
-    assert texts(simulator) == [("aps_get_new_cookie_id", None)]
+    for number in (0, 2**31 - 1, 2**LONG_BITS - 1, *(2**bit for bit in range(LONG_BITS))):
+        simulator.clear_calls()
+        simulator.set_reply(service, number)
+        result = getattr(module, function)(*arguments)
+        assert (type(result), result) == (int, number)
+        assert texts(simulator) == [(service, arguments[0] if arguments else None)]
 
 
 def test_new_cookie_id_calls_service_each_time(simulator: Simulator, module: ModuleType) -> None:
     identifiers = iter([3, 1, 2])
     simulator.set_reply("aps_get_new_cookie_id", lambda: next(identifiers))
     assert [module.new_cookie_id() for _ in range(3)] == [3, 1, 2]
-
-
-# aps_unsigned_int_hash
-
-
-@pytest.mark.parametrize("value", [0, 2**31, 4294967295, GREATEST])
-def test_hash_is_unsigned_native_value(
-    simulator: Simulator, module: ModuleType, value: int
-) -> None:
-    simulator.set_reply("__get_aps_hash", value)
-    result = module.aps_unsigned_int_hash(b"serial")
-    assert (type(result), result) == (int, value)
 
 
 @pytest.mark.parametrize(
@@ -89,42 +84,26 @@ def test_hash_input_ends_at_first_nul(
 
 
 @pytest.mark.parametrize(
-    "https, name",
-    [
-        (True, "APSCOOKIE_4294967295"),
-        (1, "APSCOOKIE_4294967295"),
-        ([0], "APSCOOKIE_4294967295"),
-        ("no", "APSCOOKIE_4294967295"),
-        (False, "APCOOKIE_4294967295"),
-        (0, "APCOOKIE_4294967295"),
-        (None, "APCOOKIE_4294967295"),
-        ("", "APCOOKIE_4294967295"),
-        ([], "APCOOKIE_4294967295"),
-    ],
+    "https", [True, 1, [0], "no", False, 0, None, "", [], CountingBool(True), CountingBool(False)]
 )
 def test_cookie_name_is_prefix_and_serial_number_hash(
-    simulator: Simulator, module: ModuleType, https: object, name: str
+    simulator: Simulator, module: ModuleType, https: object
 ) -> None:
     simulator.serial_number = b"SN0123456789"
     simulator.set_reply("__get_aps_hash", 4294967295)
-    for _ in range(2):
+    name = "APSCOOKIE_4294967295" if https else "APCOOKIE_4294967295"
+    for calls in (1, 2):
         simulator.clear_calls()
         result = module.get_cookie_name(https)
         assert (type(result), result) == (str, name)
         assert texts(simulator) == [("__get_aps_hash", b"SN0123456789")]
-
-
-def test_cookie_name_tests_truth_once(simulator: Simulator, module: ModuleType) -> None:
-    simulator.set_reply("__get_aps_hash", 5)
-    https = CountingBool(True)
-    assert module.get_cookie_name(https) == "APSCOOKIE_5"
-    assert https.bool_calls == 1
+        if isinstance(https, CountingBool):
+            assert https.bool_calls == calls + 1  # with the one above
 
 
 def test_cookie_name_truth_error_propagates(simulator: Simulator, module: ModuleType) -> None:
     error = LookupError("no truth")
-    assert raises_exactly(LookupError, module.get_cookie_name, CountingBool(error)) is error
-    assert entry(error, "get_cookie_name").line
+    assert fails(LookupError, module.get_cookie_name, CountingBool(error)) is error
     assert simulator.call_log == []
 
 
@@ -157,6 +136,7 @@ def test_cookie_name_calls_in_order(
     patch("text_", recording("text_", Shown("P", events)))
     patch("serial_number_ascii", recording("serial", serial))
     patch("aps_unsigned_int_hash", recording("hash", Shown("H", events)))
+    patch.delete("_CHARSET")
     assert module.get_cookie_name(https) == "P_H"
     assert events == [
         ("text_", (prefix, "utf-8"), {}),
@@ -167,34 +147,17 @@ def test_cookie_name_calls_in_order(
     ]
 
 
-@pytest.mark.parametrize("https", [True, False])
-def test_cookie_name_is_decoded_as_utf_8(
-    simulator: Simulator, module: ModuleType, patch: Patch, https: bool
-) -> None:
-    text_ = Recorder(lambda value, encoding: "prefix")
-    patch("text_", text_)
-    patch("_CHARSET", "utf-16")
-    module.get_cookie_name(https)
-    patch.delete("_CHARSET")
-    module.get_cookie_name(https)
-    assert [encoding for _value, encoding in text_.positional] == ["utf-8", "utf-8"]
-
-
-def test_cookie_name_decodes_new_prefix_each_time(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_cookie_name_decodes_new_prefix_each_time(module: ModuleType, patch: Patch) -> None:
     text_ = Recorder(lambda value, encoding: value.decode(encoding))
     patch("text_", text_)
+    patch("_CHARSET", "utf-16")
     assert module.get_cookie_name(True) == module.get_cookie_name(True)
-    (first, _), (second, _) = text_.positional
-    assert type(first) is bytes
-    assert first == second
+    (first, encoding), (second, _) = text_.positional
+    assert (type(first), first, encoding) == (bytes, second, "utf-8")
     assert first is not second
 
 
-def test_cookie_name_looks_up_text_before_truth_test(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_cookie_name_looks_up_text_before_truth_test(module: ModuleType, patch: Patch) -> None:
     before = Recorder(lambda value, encoding: "before")
 
     class Rebinds:
@@ -207,9 +170,7 @@ def test_cookie_name_looks_up_text_before_truth_test(
     assert before.positional == [(b"APSCOOKIE", "utf-8")]
 
 
-def test_cookie_name_looks_up_hash_after_prefix(
-    simulator: Simulator, module: ModuleType, patch: Patch
-) -> None:
+def test_cookie_name_looks_up_hash_after_prefix(module: ModuleType, patch: Patch) -> None:
     def text_(value: bytes, encoding: str) -> str:
         patch("aps_unsigned_int_hash", lambda serial: ("hash of", serial))
         patch("serial_number_ascii", lambda: "serial")
@@ -231,63 +192,39 @@ def test_cookie_name_looks_up_hash_before_serial_number(
     assert module.get_cookie_name(False) == "APCOOKIE_77"
 
 
-@pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
-def test_cookie_name_missing_global_raises_name_error(
-    simulator: Simulator, module: ModuleType, patch: Patch, name: str
-) -> None:
-    patch.delete(name)
-    error = raises_exactly(NameError, module.get_cookie_name, True)
-    assert str(error) == f"name '{name}' is not defined"
-    assert entry(error, "get_cookie_name").line
+NAMES = ["text_", "aps_unsigned_int_hash", "serial_number_ascii"]  # in order of their lookup
 
 
-@pytest.mark.parametrize(
-    "missing, named",
-    [
-        (["text_", "aps_unsigned_int_hash", "serial_number_ascii"], "text_"),
-        (["aps_unsigned_int_hash", "serial_number_ascii"], "aps_unsigned_int_hash"),
-    ],
-)
-def test_cookie_name_looks_up_globals_in_order(
-    simulator: Simulator, module: ModuleType, patch: Patch, missing: list[str], named: str
+@pytest.mark.parametrize("first", NAMES)
+def test_cookie_name_reports_first_missing_global(
+    module: ModuleType, patch: Patch, first: str
 ) -> None:
-    for name in missing:
+    for name in NAMES[NAMES.index(first) :]:
         patch.delete(name)
-    assert (
-        str(raises_exactly(NameError, module.get_cookie_name, 1))
-        == f"name '{named}' is not defined"
-    )
+    error = fails(NameError, module.get_cookie_name, True)
+    assert str(error) == f"name '{first}' is not defined"
 
 
-@pytest.mark.parametrize("name", ["text_", "aps_unsigned_int_hash", "serial_number_ascii"])
-def test_cookie_name_call_error_propagates(
-    simulator: Simulator, module: ModuleType, patch: Patch, name: str
-) -> None:
+@pytest.mark.parametrize("name", NAMES)
+def test_cookie_name_call_error_propagates(module: ModuleType, patch: Patch, name: str) -> None:
     error = LookupError("not now")
     patch(name, raiser(error))
-    assert raises_exactly(LookupError, module.get_cookie_name, True) is error
-    assert entry(error, "get_cookie_name").line
+    assert fails(LookupError, module.get_cookie_name, True) is error
 
 
-@pytest.mark.parametrize(
-    "serial, text",
-    [
-        (None, "expected bytes, NoneType found"),
-        ("SN", "Argument 'characters' has incorrect type (expected bytes, got str)"),
-        (
-            bytearray(b"SN"),
-            "Argument 'characters' has incorrect type (expected bytes, got bytearray)",
-        ),
-    ],
-)
+@pytest.mark.parametrize("serial", [None, "SN", bytearray(b"SN")], ids=repr)
 def test_cookie_name_serial_number_must_be_bytes(
-    simulator: Simulator, module: ModuleType, patch: Patch, serial: object, text: str
+    simulator: Simulator, module: ModuleType, patch: Patch, serial: object
 ) -> None:
     patch("serial_number_ascii", lambda: serial)
-    error = raises_exactly(TypeError, module.get_cookie_name, True)
-    assert str(error) == text
-    assert entry(error, "get_cookie_name").line < 94
-    assert entry(error, "aps_unsigned_int_hash").line < entry(error, "get_cookie_name").first_line
+    error = fails(TypeError, module.get_cookie_name, True)
+    assert str(error) == (
+        "expected bytes, NoneType found"
+        if serial is None
+        else wrong_type_message("characters", "bytes", serial)
+    )
+    hash_entry, name_entry = entry(error, "aps_unsigned_int_hash"), entry(error, "get_cookie_name")
+    assert hash_entry.line < name_entry.first_line
     assert simulator.call_log == []
 
 
@@ -295,55 +232,57 @@ def test_cookie_name_serial_number_must_be_bytes(
 
 
 @pytest.mark.parametrize(
-    "plain, wrapped_from",
-    [(b"", b""), (b"value", b"value"), (b"\xff\x01", b"\xff\x01"), (b"val\0ue", b"val")],
+    "plain, passed, wrapped, result",
+    [
+        (b"", b"", b"", b""),
+        (b"value", b"value", b"<value>", b"<value>"),
+        (b"\xff\x01", b"\xff\x01", b"\x80", b"\x80"),
+        (b"val\0ue", b"val", b"ab\0cd", b"ab"),
+        (b"", b"", b"x" * 5000, b"x" * 5000),
+    ],
+    ids=["empty", "text", "any byte", "up to first NUL", "long"],
 )
-def test_encrypt_input_ends_at_first_nul(
-    simulator: Simulator, module: ModuleType, plain: bytes, wrapped_from: bytes
-) -> None:
-    simulator.set_reply("cookieval_wrap", lambda text: b"<" + text + b">")
-    result = module.encrypt_cookie(plain)
-    assert (type(result), result) == (bytes, b"<" + wrapped_from + b">")
-    assert texts(simulator) == [("cookieval_wrap", wrapped_from)]
-
-
-@pytest.mark.parametrize("wrapped, result", [(b"", b""), (b"x" * 5000, b"x" * 5000)])
 def test_encrypt_returns_wrapped_value(
-    simulator: Simulator, module: ModuleType, wrapped: bytes, result: bytes
+    simulator: Simulator,
+    module: ModuleType,
+    plain: bytes,
+    passed: bytes,
+    wrapped: bytes,
+    result: bytes,
 ) -> None:
     simulator.set_reply("cookieval_wrap", wrapped)
-    assert module.encrypt_cookie(b"") == result
+    encrypted = module.encrypt_cookie(plain)
+    assert (type(encrypted), encrypted) == (bytes, result)
+    assert texts(simulator) == [("cookieval_wrap", passed)]
     assert simulator.live_objects.text_buffers == 0
 
 
 @pytest.mark.parametrize(
-    "encrypted, copied, unwrapped",
+    "encrypted, copied, unwrapped, result",
     [
-        (b"", b"", b""),
-        (b"value", b"value", b"VAL"),
-        (b"value", b"value", b""),
-        (b"\xff\x01", b"\xff\x01", b"\x80"),
-        (b"val\0ue", b"val", b"V"),
+        (b"", b"", b"", b""),
+        (b"value", b"value", b"VAL", b"VAL"),
+        (b"value", b"value", b"", b""),
+        (b"\xff\x01", b"\xff\x01", b"\x80", b"\x80"),
+        (b"val\0ue", b"val", b"V", b"V"),
+        (b"cookie", b"cookie", b"ab\0cd", b"ab"),
     ],
+    ids=["empty", "text", "to empty", "any byte", "up to first NUL", "result up to first NUL"],
 )
-def test_decrypt_unwraps_copy_up_to_first_nul(
-    simulator: Simulator, module: ModuleType, encrypted: bytes, copied: bytes, unwrapped: bytes
+def test_decrypt_unwraps_copy_of_value(
+    simulator: Simulator,
+    module: ModuleType,
+    encrypted: bytes,
+    copied: bytes,
+    unwrapped: bytes,
+    result: bytes,
 ) -> None:
     simulator.set_reply("cookieval_unwrap", lambda text: unwrapped)
     before = bytes(bytearray(encrypted))
-    result = module.decrypt_cookie(encrypted)
-    assert (type(result), result) == (bytes, unwrapped)
+    decrypted = module.decrypt_cookie(encrypted)
+    assert (type(decrypted), decrypted) == (bytes, result)
     assert texts(simulator) == [("cookieval_unwrap", copied)]
     assert encrypted == before, "the caller's bytes are not the working buffer"
-
-
-@pytest.mark.parametrize("function", ["encrypt_cookie", "decrypt_cookie"])
-def test_cookie_value_ends_at_first_nul(
-    simulator: Simulator, module: ModuleType, function: str
-) -> None:
-    simulator.set_reply("cookieval_wrap", b"ab\0cd")
-    simulator.set_reply("cookieval_unwrap", b"ab\0cd")
-    assert getattr(module, function)(b"cookie") == b"ab"
 
 
 @pytest.mark.parametrize(
@@ -388,12 +327,8 @@ def test_decrypt_oversized_value_raises_before_allocation(
     simulator: Simulator, module: ModuleType
 ) -> None:
     encrypted = bytes(2**31 - 1)  # the pages are never touched
-    refused, _kept, peak = traced(
-        lambda: raises_exactly(OverflowError, module.decrypt_cookie, encrypted)
-    )
+    _refused, _kept, peak = traced(lambda: fails(OverflowError, module.decrypt_cookie, encrypted))
     assert peak < 1_000_000
-    found = entry(refused, "decrypt_cookie")
-    assert found.line >= found.first_line
     assert simulator.call_log == []
 
 
@@ -411,88 +346,150 @@ def test_decrypt_calls_service_each_time(simulator: Simulator, module: ModuleTyp
     assert all(call.context is None for call in simulator.call_log)
 
 
-# Allocation failures, each in a new process: the interpreter's allocators fail the requests from
-# number `start` up to, not including, number `stop`.
+# Allocation failures, in a new process: the interpreter's allocators fail one request.
+
+LOG_TEXT = "Could not allocate memory for decreypt_cookie decrypted"
 
 
-def _exhausted(function: str, arguments: list[str], start: int, stop: int, logger: str) -> Any:
-    """Call while allocations fail; return the error, the log, the native calls and the leaks."""
+class Exhausted(NamedTuple):
+    """A call in which the allocation number `failing` fails, after a statement, and its end."""
+
+    function: str
+    failing: int
+    error: str
+    arguments: tuple[str, ...] = ()
+    called: tuple[str, ...] = ()
+    logs: bool = False
+    leaked_buffers: int = 0
+    statement: str = "pass"
+
+
+def decrypt(statement: str, error: str, argument: str, logs: bool = True) -> Exhausted:
+    """A call without memory for the working buffer: nothing is copied or unwrapped."""
+    return Exhausted("decrypt_cookie", 0, error, (argument,), logs=logs, statement=statement)
+
+
+EXHAUSTED = {
+    # without memory for the result
+    "new_cookie_id": Exhausted("new_cookie_id", 0, "MemoryError", (), ("aps_get_new_cookie_id",)),
+    "encrypt_cookie": Exhausted(
+        "encrypt_cookie", 1, "MemoryError", (), ("cookieval_wrap",), leaked_buffers=1
+    ),
+    "decrypt_cookie": Exhausted("decrypt_cookie", 1, "MemoryError", (), ("cookieval_unwrap",)),
+    # without memory for the working buffer
+    "working buffer": decrypt("pass", "CFunctionError", "PyMem_Malloc"),
+    "no logger": decrypt(
+        "del module._logger", "NameError", "name '_logger' is not defined", logs=False
+    ),
+    "logger without error": decrypt(
+        "del log.error",
+        "AttributeError",
+        "'RecordingLogger' object has no attribute 'error'",
+        logs=False,
+    ),
+    "no exception class": decrypt(
+        "del module.CFunctionError", "NameError", "name 'CFunctionError' is not defined"
+    ),
+    "failing log": decrypt("log.error.side_effect = raiser(ValueError('x'))", "ValueError", "x"),
+    "failing exception class": decrypt(
+        "module.CFunctionError = lambda text: raiser(LookupError(text + '!'))()",
+        "LookupError",
+        "PyMem_Malloc!",
+    ),
+    "exception class rebound while logging": decrypt(
+        "Late = type('Late', (Exception,), {})\n"
+        "log.error.side_effect = lambda text: setattr(module, 'CFunctionError', Late)",
+        "Late",
+        "PyMem_Malloc",
+    ),
+}
+
+
+def fail_allocations(cases: dict[str, list[Any]]) -> dict[str, dict[str, Any]]:
+    """Make each call while its allocation fails; return its error, log, native calls and leaks."""
     import _testcapi
 
     from tests.support.assertions import traceback_entries
-    from tests.support.doubles import RecordingLogger
+    from tests.support.doubles import RecordingLogger, raiser
     from veldarin_simulator import Simulator
 
-    with Simulator(live=False) as simulator:
-        module = simulator.module
-        replies = {
-            "cookieval_wrap": b"wrapped",
-            "cookieval_unwrap": b"plain",
-            "aps_get_new_cookie_id": 4294967295,
-        }
-        for service, reply in replies.items():
-            simulator.set_fixed_reply(service, reply)
-        call = getattr(module, function)
-        values = [argument.encode() for argument in arguments]
-        log = RecordingLogger()
-        module.__dict__["_logger"] = log
-        notes = log.error
-        if logger:
-            exec(logger, {"module": module, "log": log})
-        error: Any = None
-        _testcapi.set_nomemory(start, stop)
-        try:
-            call(*values)
-        except Exception as raised:
-            error = raised
-        finally:
-            _testcapi.remove_mem_hooks()
-        return {
-            "type": type(error).__name__,
-            "own": type(error) is module.__dict__.get("CFunctionError"),
-            "arguments": [str(argument) for argument in error.args],
-            "entries": [entry.function for entry in traceback_entries(error.__traceback__)],
-            "lines": [entry.line for entry in traceback_entries(error.__traceback__)],
-            "logged": notes.calls,
-            "called": [service for service in replies if simulator.fixed_reply_calls(service)],
-            "text_buffers": simulator.live_objects.text_buffers,
-        }
+    replies = {
+        "cookieval_wrap": b"wrapped",
+        "cookieval_unwrap": b"plain",
+        "aps_get_new_cookie_id": 4294967295,
+    }
+
+    def ending(function: str, failing: int, statement: str) -> dict[str, Any]:
+        with Simulator(live=False) as simulator:
+            module = simulator.module
+            for service, reply in replies.items():
+                simulator.set_fixed_reply(service, reply)
+            call = getattr(module, function)
+            values = [] if function == "new_cookie_id" else [b"value"]
+            log = RecordingLogger()
+            notes = log.error
+            names = dict(vars(module))
+            module.__dict__["_logger"] = log
+            exec(statement, {"module": module, "log": log, "raiser": raiser})
+            buffers = simulator.live_objects.text_buffers
+            error: Any = None
+            _testcapi.set_nomemory(failing, failing + 1)
+            try:
+                call(*values)
+            except Exception as raised:
+                error = raised
+            finally:
+                _testcapi.remove_mem_hooks()
+            entries = traceback_entries(error.__traceback__)
+            result = {
+                "error": type(error).__name__,
+                "is module's": type(error) is module.__dict__.get("CFunctionError"),
+                "arguments": [str(argument) for argument in error.args],
+                "entries": [entry.function for entry in entries],
+                "lines": [entry.line for entry in entries],
+                "logged": notes.calls,
+                "called": [service for service in replies if simulator.fixed_reply_calls(service)],
+                "leaked buffers": simulator.live_objects.text_buffers - buffers,
+            }
+            vars(module).update(names)
+            return result
+
+    return {label: ending(*case) for label, case in cases.items()}
 
 
-def exhausted(
-    function: str, *arguments: str, start: int = 0, stop: int = 1, logger: str = ""
-) -> dict[str, Any]:
-    """The result of `_exhausted` in a new process."""
-    result: dict[str, Any] = isolated.value(
-        _exhausted, function, list(arguments), start, stop, logger
-    )
-    return result
+@pytest.fixture(scope="module")
+def exhausted() -> dict[str, dict[str, Any]]:
+    """How each call of the table ends."""
+    cases = {
+        label: [case.function, case.failing, case.statement] for label, case in EXHAUSTED.items()
+    }
+    endings: dict[str, dict[str, Any]] = isolated.value(fail_allocations, cases)
+    return endings
 
 
-@pytest.mark.parametrize(
-    "function, arguments, failing, service, leaked",
-    [
-        ("new_cookie_id", [], 0, "aps_get_new_cookie_id", 0),
-        ("encrypt_cookie", ["value"], 1, "cookieval_wrap", 1),  # freed on success only
-        ("decrypt_cookie", ["value"], 1, "cookieval_unwrap", 0),
-    ],
-)
-def test_result_without_memory_raises_memory_error(
-    function: str, arguments: list[str], failing: int, service: str, leaked: int
-) -> None:
-    result = exhausted(function, *arguments, start=failing, stop=failing + 1)
-    assert result["type"] == "MemoryError"
-    assert result["entries"] == [function]
-    assert result["called"] == [service]
-    assert result["text_buffers"] == leaked
-    assert result["logged"] == []
+@pytest.mark.parametrize("label", EXHAUSTED)
+def test_failed_allocation_raises_error(exhausted: dict[str, dict[str, Any]], label: str) -> None:
+    case = EXHAUSTED[label]
+    found = dict(exhausted[label])
+    assert len(found.pop("lines")) == 1
+    assert found == {
+        "error": case.error,
+        "is module's": case.error in {"CFunctionError", "Late"},
+        "arguments": list(case.arguments),
+        "entries": [case.function],
+        "logged": [[[LOG_TEXT], {}]] if case.logs else [],
+        "called": list(case.called),
+        "leaked buffers": case.leaked_buffers,
+    }
 
 
-LONG = 400  # bytes of a cookie: a large block that is still one request to the allocator
+def test_traceback_lines_increase_with_statements(exhausted: dict[str, dict[str, Any]]) -> None:
+    labels = ["new_cookie_id", "encrypt_cookie", "no logger", "working buffer", "decrypt_cookie"]
+    assert is_increasing([exhausted[label]["lines"][0] for label in labels])
 
 
-def _left_behind(length: int, times: int, start: int, stop: int) -> int:
-    """Bytes of the interpreter's allocator that `times` failing decryptions leak."""
+def leaked_by_decryptions(length: int, times: int, allocations: list[int]) -> list[int]:
+    """Bytes of the interpreter's allocator that failing decryptions leak, by failing allocation."""
     import _testcapi
     import tracemalloc
 
@@ -504,9 +501,9 @@ def _left_behind(length: int, times: int, start: int, stop: int) -> int:
         decrypt = simulator.module.decrypt_cookie
         encrypted = b"e" * length
 
-        def fail(count: int) -> None:
+        def fail(allocation: int, count: int) -> int:
             for _ in range(count):
-                _testcapi.set_nomemory(start, stop)
+                _testcapi.set_nomemory(allocation, allocation + 1)
                 try:
                     decrypt(encrypted)
                 except Exception as error:
@@ -514,91 +511,15 @@ def _left_behind(length: int, times: int, start: int, stop: int) -> int:
                     error.__traceback__ = None
                 else:
                     raise AssertionError("memory did not fail")
+            return tracemalloc.get_traced_memory()[0]
 
         tracemalloc.start()
-        fail(5)
-        before = tracemalloc.get_traced_memory()[0]
-        fail(times)
-        return tracemalloc.get_traced_memory()[0] - before
+        return [-fail(number, 5) + fail(number, times) for number in allocations]
 
 
-def test_decrypt_without_result_leaks_working_buffer() -> None:
-    buffers = 200 * (LONG + 1)
-    assert buffers <= isolated.value(_left_behind, LONG, 200, 1, 2) < buffers + 20_000
-
-
-def test_decrypt_without_working_buffer_leaks_nothing() -> None:
-    assert isolated.value(_left_behind, LONG, 200, 0, 1) < 20_000
-
-
-LOG_TEXT = "Could not allocate memory for decreypt_cookie decrypted"
-
-
-def test_decrypt_without_working_buffer_logs_and_raises() -> None:
-    result = exhausted("decrypt_cookie", "value")
-    assert result["type"] == "CFunctionError"
-    assert result["own"]
-    assert result["arguments"] == ["PyMem_Malloc"]
-    assert result["entries"] == ["decrypt_cookie"]
-    assert result["logged"] == [[[LOG_TEXT], {}]]
-    assert result["called"] == [], "nothing is copied or unwrapped"
-
-
-@pytest.mark.parametrize(
-    "logger, kind, text, logged",
-    [
-        ("del module._logger", "NameError", "name '_logger' is not defined", False),
-        ("del log.error", "AttributeError", None, False),
-        ("del module.CFunctionError", "NameError", "name 'CFunctionError' is not defined", True),
-        (
-            "def fails(text): raise ValueError('full')\nlog.error.side_effect = fails",
-            "ValueError",
-            "full",
-            True,
-        ),
-        (
-            "def fails(text): raise LookupError(text + '!')\nmodule.CFunctionError = fails",
-            "LookupError",
-            "PyMem_Malloc!",
-            True,
-        ),
-        (
-            "class Late(Exception): pass\n"
-            "log.error.side_effect = lambda text: setattr(module, 'CFunctionError', Late)",
-            "Late",
-            "PyMem_Malloc",
-            True,
-        ),
-    ],
-    ids=[
-        "no logger",
-        "logger without error",
-        "no exception class",
-        "failing log",
-        "failing exception class",
-        "exception class rebound while logging",
-    ],
-)
-def test_decrypt_failure_reports_missing_global(
-    logger: str, kind: str, text: str | None, logged: bool
-) -> None:
-    result = exhausted("decrypt_cookie", "value", logger=logger)
-    assert result["type"] == kind
-    if text is None:
-        text = "'RecordingLogger' object has no attribute 'error'"
-    assert result["arguments"] == [text]
-    assert result["entries"] == ["decrypt_cookie"]
-    assert result["logged"] == ([[[LOG_TEXT], {}]] if logged else [])
-
-
-def test_traceback_lines_increase_with_statements() -> None:
-    new_cookie_id = exhausted("new_cookie_id")["lines"]
-    encrypt = exhausted("encrypt_cookie", "value", start=1, stop=2)["lines"]
-    decrypt = [
-        exhausted("decrypt_cookie", "value", logger="del module._logger")["lines"],
-        exhausted("decrypt_cookie", "value")["lines"],
-        exhausted("decrypt_cookie", "value", start=1, stop=2)["lines"],
-    ]
-    lines = [*new_cookie_id, *encrypt, *(line for found in decrypt for line in found)]
-    assert len(lines) == 5
-    assert is_increasing(lines)
+def test_decrypt_leaks_working_buffer_only_without_result() -> None:
+    length = 400  # of a cookie: a large block that is still one request to the allocator
+    without_buffer, without_result = isolated.value(leaked_by_decryptions, length, 200, [0, 1])
+    buffers = 200 * (length + 1)
+    assert without_buffer < 20_000
+    assert buffers <= without_result < buffers + 20_000

@@ -4,6 +4,7 @@
 from __future__ import annotations
 
 import builtins
+import ctypes
 import errno
 import functools
 import importlib
@@ -23,15 +24,14 @@ from tests.support import isolated
 from tests.support.assertions import (
     Entry,
     entry,
+    fails,
     is_increasing,
-    line,
-    raises_exactly,
     traceback_entries,
+    with_types,
 )
 from tests.support.doubles import CountingBool, Failure, Recorder, raiser
-from tests.support.fake_siblings import SiblingSandbox, _c_pointer, capsule
+from tests.support.fake_siblings import SiblingSandbox, c_function_capsule
 from tests.support.isolated import MODULE
-from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
 HEX = set("0123456789abcdef")
@@ -44,10 +44,22 @@ def secret_file(simulator: Simulator, tmp_path: Path) -> Path:
     return simulator.secret_path
 
 
+class Opener(Recorder):
+    """An `open` that records its calls and keeps the files."""
+
+    def __init__(self) -> None:
+        super().__init__(self.open)
+        self.files: list[Any] = []
+
+    def open(self, *args: Any) -> Any:
+        self.files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
+        return self.files[-1]
+
+
 @pytest.fixture
-def opened(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Recorder:
-    """The module's `open`, which records its calls."""
-    opened = Recorder(builtins.open)
+def opened(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Opener:
+    """The module's `open`."""
+    opened = Opener()
     monkeypatch.setattr(module, "open", opened, raising=False)
     return opened
 
@@ -100,16 +112,37 @@ def test_secret_is_stripped_first_line(
     assert secret_file.read_bytes() == content
 
 
-def test_directory_at_path_raises_is_a_directory_error(
-    module: ModuleType, secret_file: Path
+@pytest.mark.parametrize(
+    "path, kind, number",
+    [
+        ("directory", IsADirectoryError, errno.EISDIR),
+        ("missing/secret", FileNotFoundError, errno.ENOENT),
+        ("socket", OSError, errno.ENXIO),
+    ],
+)
+def test_unopenable_path_raises_os_error(
+    simulator: Simulator,
+    module: ModuleType,
+    opened: Opener,
+    tmp_path: Path,
+    monkeypatch: pytest.MonkeyPatch,
+    path: str,
+    kind: type[OSError],
+    number: int,
 ) -> None:
-    secret_file.mkdir()
-    error = raises_exactly(IsADirectoryError, module.get_token)
-    assert error.filename == str(secret_file)
-    assert entry(error, "get_token").line
+    monkeypatch.chdir(tmp_path)  # a socket's path has at most 107 characters
+    Path("directory").mkdir()
+    with socket.socket(socket.AF_UNIX) as server:
+        server.bind("socket")
+        simulator.secret_path = tmp_path / path
+        error = fails(kind, module.get_token)
+    assert (error.errno, error.filename) == (number, str(tmp_path / path))
+    assert opened.positional == [(tmp_path / path, "w")]
+    assert {str(path) for path in Path().rglob("*")} == {"directory", "socket"}
+    assert stat.S_ISSOCK(Path("socket").stat().st_mode)
 
 
-@pytest.mark.parametrize("umask", [0o000, 0o022, 0o027, 0o077])
+@pytest.mark.parametrize("umask", [0o000, 0o022, 0o027, 0o077], ids=oct)
 def test_new_file_permissions_follow_umask(
     module: ModuleType, secret_file: Path, umask: int
 ) -> None:
@@ -126,19 +159,6 @@ def test_existing_file_keeps_its_permissions(module: ModuleType, secret_file: Pa
     secret_file.chmod(0o640)
     module.get_token()
     assert stat.S_IMODE(secret_file.stat().st_mode) == 0o640
-
-
-def test_socket_at_path_raises_os_error(
-    module: ModuleType, secret_file: Path, opened: Recorder, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.chdir(secret_file.parent)  # a socket's path has at most 107 characters
-    with socket.socket(socket.AF_UNIX) as server:
-        server.bind(secret_file.name)
-        error = raises_exactly(OSError, module.get_token)
-    assert (error.errno, error.filename) == (errno.ENXIO, str(secret_file))
-    assert opened.positional == [(secret_file, "w")]
-    assert entry(error, "get_token").line
-    assert stat.S_ISSOCK(secret_file.stat().st_mode)
 
 
 def test_character_device_is_written_then_read(simulator: Simulator, module: ModuleType) -> None:
@@ -159,7 +179,7 @@ def test_character_device_is_written_then_read(simulator: Simulator, module: Mod
 
 
 def test_null_device_gives_empty_secret(
-    simulator: Simulator, module: ModuleType, opened: Recorder
+    simulator: Simulator, module: ModuleType, opened: Opener
 ) -> None:
     simulator.secret_path = null = Path(os.devnull)
     assert module.get_token() == ""
@@ -167,20 +187,11 @@ def test_null_device_gives_empty_secret(
     assert stat.S_ISCHR(null.stat().st_mode)
 
 
-def test_missing_directory_raises_file_not_found_error(
-    simulator: Simulator, module: ModuleType, tmp_path: Path
-) -> None:
-    simulator.secret_path = tmp_path / "missing" / "secret"
-    error = raises_exactly(FileNotFoundError, module.get_token)
-    assert entry(error, "get_token").line
-    assert not simulator.secret_path.parent.exists()
-
-
 def test_relative_path_is_made_absolute(
     simulator: Simulator,
     module: ModuleType,
     tmp_path: Path,
-    opened: Recorder,
+    opened: Opener,
     monkeypatch: pytest.MonkeyPatch,
 ) -> None:
     monkeypatch.chdir(tmp_path)
@@ -205,43 +216,26 @@ def test_path_is_decoded_with_default_encoding(
     assert not simulator.secret_path.exists()
 
 
-def opener(files: list[Any]) -> Callable[..., Any]:
-    """Return an `open` that appends each file to the list."""
-
-    def open_file(*args: Any) -> Any:
-        files.append(builtins.open(*args))  # noqa: SIM115, PTH123 - the module closes it
-        return files[-1]
-
-    return open_file
-
-
 def test_failure_before_writing_leaves_empty_file(
-    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch
+    module: ModuleType, secret_file: Path, opened: Opener, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     error = OSError("no entropy")
-    files: list[Any] = []
     with monkeypatch.context() as patch:
         patch.setattr(module, "urandom", raiser(error))
-        patch.setattr(module, "open", opener(files), raising=False)
-        assert raises_exactly(OSError, module.get_token) is error
-    (opened,) = files
-    assert opened.closed
+        assert fails(OSError, module.get_token) is error
+    assert [file.closed for file in opened.files] == [True]
     assert secret_file.read_bytes() == b""
     assert module.get_token() == ""
 
 
-@pytest.mark.parametrize("content", [None, b"secret"])
+@pytest.mark.parametrize("exists, modes", [(True, "r"), (False, "wr")])
 def test_every_opened_file_is_closed(
-    module: ModuleType, secret_file: Path, monkeypatch: pytest.MonkeyPatch, content: bytes | None
+    module: ModuleType, secret_file: Path, opened: Opener, exists: bool, modes: str
 ) -> None:
-    files: list[Any] = []
-    if content is not None:
-        secret_file.write_bytes(content)
-    monkeypatch.setattr(module, "open", opener(files), raising=False)
+    if exists:
+        secret_file.write_text("secret")
     module.get_token()
-    assert [(file.mode, file.closed) for file in files] == (
-        [("r", True)] if content is not None else [("w", True), ("r", True)]
-    )
+    assert [(file.mode, file.closed) for file in opened.files] == [(mode, True) for mode in modes]
 
 
 # The steps, recorded by test doubles of everything that the function calls
@@ -287,9 +281,13 @@ class Manager:
 
 
 class Steps:
-    """Record the steps of `get_token`; `replies` replaces results, by their names."""
+    """The module with a recorder for every name that `get_token` looks up.
 
-    def __init__(self) -> None:
+    `replies` replaces results, by their names.
+    """
+
+    def __init__(self, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
+        self.get_token = module.get_token
         self.events: list[tuple[object, ...]] = []
         self.replies: dict[str, Callable[[], object]] = {}
         self.secret = object()
@@ -306,6 +304,9 @@ class Steps:
             "urandom": self.step("urandom", "random", b"random"),
             "hexlify": self.step("hexlify", "hexadecimal", SimpleNamespace(decode=decode)),
         }
+        self.patch = functools.partial(monkeypatch.setattr, module, raising=False)
+        for name, value in self.globals.items():
+            self.patch(name, value)
 
     def note(self, *event: object) -> None:
         self.events.append(event)
@@ -326,6 +327,14 @@ class Steps:
         self.note("open", *args)
         return self.do(f"open {args[1]}", Manager(self, str(args[1])))
 
+    def fail_at(self, step: str) -> Entry:
+        """Fail a step, in addition to `replies`; its exception must leave the call unchanged."""
+        error = Failure(step)
+        self.replies[step] = raiser(error)
+        assert fails(Failure, self.get_token) is error
+        assert error.__context__ is None
+        return entry(error, "get_token")
+
     @property
     def names(self) -> list[object]:
         """The events without their details."""
@@ -334,16 +343,15 @@ class Steps:
 
 @pytest.fixture
 def steps(simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Steps:
-    """The module with a recorder for every name that the function looks up."""
-    steps = Steps()
+    """Doubles for all steps."""
     simulator.secret_path = Path("/some/secret")
-    for name, value in steps.globals.items():
-        monkeypatch.setattr(module, name, value, raising=False)
-    return steps
+    return Steps(module, monkeypatch)
 
 
-PATH: list[tuple[object, ...]] = [("text_", b"/some/secret"), ("Path", "path text"), ("is_file",)]
-WRITE: list[tuple[object, ...]] = [
+Events = list[tuple[object, ...]]
+
+PATH: Events = [("text_", b"/some/secret"), ("Path", "path text"), ("is_file",)]
+WRITE: Events = [
     ("absolute",),
     ("open", "/absolute", "w"),
     ("w: look up __enter__",),
@@ -355,7 +363,7 @@ WRITE: list[tuple[object, ...]] = [
     ("w: write", "hexadecimal text"),
     ("w: exit", None, None, None),
 ]
-READ: list[tuple[object, ...]] = [
+READ: Events = [
     ("absolute",),
     ("open", "/absolute", "r"),
     ("r: look up __enter__",),
@@ -367,166 +375,87 @@ READ: list[tuple[object, ...]] = [
 ]
 
 
-def test_each_step_runs_once_in_order(module: ModuleType, steps: Steps) -> None:
-    assert module.get_token() is steps.secret
-    assert steps.events == PATH + WRITE + READ
-    assert type(steps.events[0][1]) is bytes
-    assert type(steps.events[8][1]) is int
-
-
-@pytest.mark.parametrize("exists, opens", [(True, READ), (False, WRITE + READ)])
-def test_file_is_written_unless_is_file_result_is_true(
-    module: ModuleType, steps: Steps, exists: bool, opens: list[tuple[object, ...]]
-) -> None:
+@pytest.mark.parametrize(
+    "exists, opens", [(True, READ), (False, WRITE + READ)], ids=["file exists", "no file"]
+)
+def test_each_step_runs_once_in_order(steps: Steps, exists: bool, opens: Events) -> None:
     truth = CountingBool(exists)
     steps.replies["is a file"] = lambda: truth
-    assert module.get_token() is steps.secret
-    assert steps.events == PATH + opens
+    assert steps.get_token() is steps.secret
+    assert with_types(steps.events) == with_types(PATH + opens)
     assert truth.bool_calls == 1
 
 
-def test_results_of_write_and_clean_exit_are_ignored(module: ModuleType, steps: Steps) -> None:
+def test_results_of_write_and_clean_exit_are_ignored(steps: Steps) -> None:
     untouchable = CountingBool(AssertionError("truth test"))
     for name in ("written", "w: exited", "r: exited"):
         steps.replies[name] = lambda: untouchable
-    assert module.get_token() is steps.secret
+    assert steps.get_token() is steps.secret
     assert untouchable.bool_calls == 0
 
 
-# Names are looked up at the moment they are needed
-
-
-@pytest.mark.parametrize("name", ["text_", "Path", "urandom", "hexlify"])
-def test_missing_global_raises_name_error(
-    module: ModuleType, steps: Steps, patch: Patch, name: str
-) -> None:
-    patch.delete(name)
-    error = raises_exactly(NameError, module.get_token)
-    assert str(error) == f"name '{name}' is not defined"
-    assert entry(error, "get_token").line
-
-
-def test_open_is_looked_up_in_builtins_at_call(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.delattr(module, "open")
-    with monkeypatch.context() as patch:
-        patch.setattr(builtins, "open", steps.open)
-        secret = module.get_token()
-    assert secret is steps.secret
-    assert steps.events == PATH + WRITE + READ
-
-
-def test_open_of_module_shadows_builtin(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    with monkeypatch.context() as patch:
-        patch.setattr(builtins, "open", raiser(AssertionError("the builtin")))
-        secret = module.get_token()
-    assert secret is steps.secret
-
-
-def test_missing_open_raises_name_error(
-    module: ModuleType, steps: Steps, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    monkeypatch.delattr(module, "open")
-    with monkeypatch.context() as patch:
-        patch.delattr(builtins, "open")
-        try:
-            module.get_token()
-        except NameError as caught:
-            error = caught
-    assert str(error) == "name 'open' is not defined"
-    assert entry(error, "get_token").line
-
-
-def test_open_is_looked_up_for_each_with(module: ModuleType, steps: Steps, patch: Patch) -> None:
-    first = steps.open
-
+def test_open_is_looked_up_for_each_with(steps: Steps) -> None:
     def only_once(*args: object) -> object:
-        patch("open", second)
-        return first(*args)
+        steps.patch("open", second)
+        return steps.open(*args)
 
-    second = Recorder(first)
-    patch("open", only_once)
-    assert module.get_token() is steps.secret
+    second = Recorder(steps.open)
+    steps.patch("open", only_once)
+    assert steps.get_token() is steps.secret
     assert second.positional == [("/absolute", "r")]
 
 
 # A failing step ends the call: its exception propagates unchanged, from the line of the step
 
 
-WITH_BODY_STEPS = {
-    **dict.fromkeys(["random", "hexadecimal", "decoded", "written"], "w"),
-    **dict.fromkeys(["line", "secret"], "r"),
-}
-OUTSIDE = ["text", "path", "is a file", "absolute path"]
-WITH = [step.format(mode) for mode in "wr" for step in ("open {}", "{}: entered", "{}: exited")]
+# The steps of each statement, in order of the lines.
+STATEMENTS = [
+    ["text", "path"],
+    ["is a file"],
+    ["absolute path", "open w", "w: entered", "w: exited"],
+    ["random", "hexadecimal", "decoded", "written"],
+    ["open r", "r: entered", "r: exited"],
+    ["line", "secret"],
+]
+WITH_BODY_STEPS = {**dict.fromkeys(STATEMENTS[3], "w"), **dict.fromkeys(STATEMENTS[5], "r")}
 BODY = {"w": "written", "r": "line"}  # a step in the body of each `with`
 each_mode = pytest.mark.parametrize("mode", BODY)
 
 
-@pytest.mark.parametrize("step", [*OUTSIDE, *WITH, *WITH_BODY_STEPS])
-def test_failing_step_propagates_its_exception(module: ModuleType, steps: Steps, step: str) -> None:
-    error = Failure(step)
-    steps.replies[step] = raiser(error)
-    assert raises_exactly(Failure, module.get_token) is error
-    assert error.__context__ is None
-    found = entry(error, "get_token")
+@pytest.mark.parametrize("step", [step for steps in STATEMENTS for step in steps])
+def test_failing_step_propagates_its_exception(steps: Steps, step: str) -> None:
+    found = steps.fail_at(step)
     assert found.first_line < found.line
     exits = [event for event in steps.events if str(event[0]).endswith(": exit")]
     if step in WITH_BODY_STEPS:
-        name, kind, value, traceback = exits[-1]
-        assert name == f"{WITH_BODY_STEPS[step]}: exit"
-        assert kind is Failure
-        assert value is error
+        name, kind, value, traceback = exits.pop()
+        assert (name, kind, str(value)) == (f"{WITH_BODY_STEPS[step]}: exit", Failure, step)
         assert isinstance(traceback, TracebackType)
         assert traceback_entries(traceback) == [found]
-        exits.pop()
     assert all(event[1:] == (None, None, None) for event in exits)
 
 
-def test_is_file_truth_error_propagates(module: ModuleType, steps: Steps) -> None:
+def test_is_file_truth_error_propagates(steps: Steps) -> None:
     error = Failure("no truth")
     steps.replies["is a file"] = lambda: CountingBool(error)
-    assert raises_exactly(Failure, module.get_token) is error
+    assert fails(Failure, steps.get_token) is error
     assert steps.events == PATH
-    assert entry(error, "get_token").line
 
 
 def test_traceback_lines_increase_with_statements(module: ModuleType, steps: Steps) -> None:
-    found: list[Entry] = []
-    for step in ("text", "is a file", "open w", "written", "open r", "line"):
-        error = Failure(step)
-        steps.replies = {step: raiser(error)}
-        assert raises_exactly(Failure, module.get_token) is error
-        found.append(entry(error, "get_token"))
-    steps.replies = {"line": raiser(Failure()), "r: exited": lambda: True}
-    found.append(entry(raises_exactly(UnboundLocalError, module.get_token), "get_token"))
-    assert is_increasing([found[0].first_line, *(each.line for each in found)])
-    assert found[-1].line < 94  # the first line of a later function
-    assert len({each.first_line for each in found}) == 1
-
-
-@pytest.mark.parametrize(
-    "steps_of_one_statement",
-    [
-        ["text", "path"],
-        ["absolute path", "open w"],
-        ["random", "hexadecimal", "decoded", "written"],
-        ["line", "secret"],
-    ],
-)
-def test_statement_fails_at_one_line(
-    module: ModuleType, steps: Steps, steps_of_one_statement: list[str]
-) -> None:
-    lines = set()
-    for step in steps_of_one_statement:
-        error = Failure(step)
-        steps.replies = {step: raiser(error)}
-        raises_exactly(Failure, module.get_token)
-        lines.add(line(error, "get_token"))
-    assert len(lines) == 1
+    found = []
+    for statement in STATEMENTS:
+        entries = set()
+        for step in statement:
+            steps.replies.clear()
+            entries.add(steps.fail_at(step))
+        found.append(entries.pop())
+        assert not entries, f"{statement} fail at several lines"
+    steps.replies.update({"line": raiser(Failure()), "r: exited": lambda: True})
+    found.append(entry(fails(UnboundLocalError, steps.get_token), "get_token"))
+    (first_line,) = {each.first_line for each in found}
+    later = entry(fails(TypeError, module.check_cert_expiration, 5), "check_cert_expiration")
+    assert is_increasing([first_line, *(each.line for each in found), later.first_line])
 
 
 # `with` behaves like the interpreter's own statement
@@ -535,47 +464,28 @@ def test_statement_fails_at_one_line(
 @each_mode
 @pytest.mark.parametrize("kind", [Failure, OSError, KeyboardInterrupt, GeneratorExit, SystemExit])
 def test_failing_body_propagates_when_exit_returns_false(
-    module: ModuleType, steps: Steps, mode: str, kind: type[BaseException]
+    steps: Steps, mode: str, kind: type[BaseException]
 ) -> None:
     error = kind("in the body")
     truth = CountingBool(False)
+    handled: list[object] = []
+
+    def exited() -> object:
+        handled.append(sys.exc_info()[1])
+        return truth
+
     steps.replies[BODY[mode]] = raiser(error)
-    steps.replies[f"{mode}: exited"] = lambda: truth
-    assert raises_exactly(kind, module.get_token) is error
+    steps.replies[f"{mode}: exited"] = exited
+    assert fails(kind, steps.get_token) is error
     assert steps.events[-1][:3] == (f"{mode}: exit", kind, error)
     assert truth.bool_calls == 1
     assert steps.names.count(f"{mode}: exit") == 1
-
-
-def test_exit_gets_normalized_exception(module: ModuleType, steps: Steps) -> None:
-    class Unreadable:
-        """A line without `strip`, for which the interpreter raises AttributeError."""
-
-    steps.replies["line"] = Unreadable
-    error = raises_exactly(AttributeError, module.get_token)
-    assert str(error) == "'Unreadable' object has no attribute 'strip'"
-    assert steps.events[-1][:3] == ("r: exit", AttributeError, error)
-
-
-def test_exit_runs_while_exception_is_handled(module: ModuleType, steps: Steps) -> None:
-    handled: list[object] = []
-    error = Failure("in the body")
-
-    def exited() -> bool:
-        handled.append(sys.exc_info()[1])
-        return False
-
-    steps.replies["line"] = raiser(error)
-    steps.replies["r: exited"] = exited
-    raises_exactly(Failure, module.get_token)
     assert handled == [error]
     assert sys.exc_info() == (None, None, None)
 
 
 @pytest.mark.parametrize("swallowed", [False, True])
-def test_exception_of_caller_stays_handled(
-    module: ModuleType, steps: Steps, swallowed: bool
-) -> None:
+def test_exception_of_caller_stays_handled(steps: Steps, swallowed: bool) -> None:
     outer, error = Failure("being handled by the caller"), LookupError("in the body")
     steps.replies["written"] = raiser(error)
     steps.replies["w: exited"] = lambda: swallowed
@@ -583,117 +493,86 @@ def test_exception_of_caller_stays_handled(
         raise outer
     except Failure:
         if swallowed:
-            assert module.get_token() is steps.secret
+            assert steps.get_token() is steps.secret
         else:
-            assert raises_exactly(LookupError, module.get_token) is error
+            assert fails(LookupError, steps.get_token) is error
         assert sys.exc_info()[1] is outer
 
 
-def test_suppressed_write_error_goes_on_to_read(module: ModuleType, steps: Steps) -> None:
+def test_suppressed_write_error_goes_on_to_read(steps: Steps) -> None:
     truth = CountingBool(True)
     steps.replies["written"] = raiser(Failure())
     steps.replies["w: exited"] = lambda: truth
-    assert module.get_token() is steps.secret
+    assert steps.get_token() is steps.secret
     assert truth.bool_calls == 1
     assert steps.events[-len(READ) :] == READ
     assert sys.exc_info() == (None, None, None)
 
 
 @pytest.mark.parametrize("step", ["line", "secret"])
-def test_suppressed_read_error_raises_unbound_local(
-    module: ModuleType, steps: Steps, step: str
-) -> None:
+def test_suppressed_read_error_raises_unbound_local(steps: Steps, step: str) -> None:
     truth = CountingBool(True)
     steps.replies[step] = raiser(Failure())
     steps.replies["r: exited"] = lambda: truth
-    error = raises_exactly(UnboundLocalError, module.get_token)
+    error = fails(UnboundLocalError, steps.get_token)
     assert str(error) == "local variable 'secret' referenced before assignment"
     assert error.__context__ is None
     assert truth.bool_calls == 1
-    assert entry(error, "get_token").line
 
 
 @each_mode
 @pytest.mark.parametrize("at", ["call", "truth"])
-def test_failing_exit_keeps_body_error_as_context(
-    module: ModuleType, steps: Steps, mode: str, at: str
-) -> None:
+def test_failing_exit_keeps_body_error_as_context(steps: Steps, mode: str, at: str) -> None:
     body, leaving = Failure("in the body"), LookupError("while leaving")
     steps.replies[BODY[mode]] = raiser(body)
-
-    def exited() -> object:
-        if at == "call":
-            raise leaving
-        return CountingBool(leaving)
-
-    steps.replies[f"{mode}: exited"] = exited
-    assert raises_exactly(LookupError, module.get_token) is leaving
+    exits: dict[str, Callable[[], object]] = {
+        "call": raiser(leaving),
+        "truth": lambda: CountingBool(leaving),
+    }
+    steps.replies[f"{mode}: exited"] = exits[at]
+    assert fails(LookupError, steps.get_token) is leaving
     assert leaving.__context__ is body
-    assert entry(leaving, "get_token").line
 
 
 @each_mode
-def test_failing_enter_does_not_call_exit(module: ModuleType, steps: Steps, mode: str) -> None:
-    error = Failure("entering")
-    steps.replies[f"{mode}: entered"] = raiser(error)
-    assert raises_exactly(Failure, module.get_token) is error
+def test_failing_enter_does_not_call_exit(steps: Steps, mode: str) -> None:
+    steps.fail_at(f"{mode}: entered")
     assert f"{mode}: exit" not in steps.names
     assert steps.names[-1] == f"{mode}: enter"
 
 
-class NoEnter:
-    """Has `__exit__`, but `__enter__` on the instance only, where it is not looked up."""
-
-    def __init__(self) -> None:
-        self.__enter__ = raiser(AssertionError("found on the instance"))
-
-    def __exit__(self, *triple: object) -> None:
-        raise AssertionError("left without being entered")
-
-
-class NoExit:
-    """Has `__enter__`, but `__exit__` on the instance only, where it is not looked up."""
-
-    def __init__(self) -> None:
-        self.__exit__ = raiser(AssertionError("found on the instance"))
-
-    def __enter__(self) -> None:
-        raise AssertionError("entered without a way to leave")
-
-
-class Neither:
-    """Not a context manager."""
+def manager_without(name: str) -> type:
+    """A type with one special method; the other is on its instances, where no lookup finds it."""
+    wrong = raiser(AssertionError("called"))
+    (other,) = {"__enter__", "__exit__"} - {name}
+    return type("Manager", (), {"__init__": lambda self: setattr(self, name, wrong), other: wrong})
 
 
 @each_mode
 @pytest.mark.parametrize(
-    "manager, missing", [(NoEnter, "__enter__"), (NoExit, "__exit__"), (Neither, "__enter__")]
+    "manager, missing",
+    [
+        pytest.param(manager_without("__enter__"), "__enter__", id="no enter"),
+        pytest.param(manager_without("__exit__"), "__exit__", id="no exit"),
+        pytest.param(object, "__enter__", id="neither"),
+    ],
 )
 def test_non_context_manager_raises_before_enter(
-    module: ModuleType, steps: Steps, mode: str, manager: type, missing: str
+    steps: Steps, mode: str, manager: type, missing: str
 ) -> None:
     steps.replies[f"open {mode}"] = manager
-    error = raises_exactly(AttributeError, module.get_token)
-    assert str(error) == missing
-    assert entry(error, "get_token").line
+    assert str(fails(AttributeError, steps.get_token)) == missing
 
 
 @pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_special_method_lookup_error_propagates(
-    module: ModuleType, steps: Steps, name: str
-) -> None:
+def test_special_method_lookup_error_propagates(steps: Steps, name: str) -> None:
     error = Failure(name)
-
-    class Unbindable:
-        def __get__(self, instance: object, owner: type) -> object:
-            raise error
-
-    manager = type("Odd", (io.StringIO,), {name: Unbindable()})
-    steps.replies["open w"] = manager
-    assert raises_exactly(Failure, module.get_token) is error
+    unbindable = type("Unbindable", (), {"__get__": raiser(error)})
+    steps.replies["open w"] = type("Odd", (io.StringIO,), {name: unbindable()})
+    assert fails(Failure, steps.get_token) is error
 
 
-def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: Steps) -> None:
+def test_special_method_is_any_callable_of_the_type(steps: Steps) -> None:
     """A static method and a callable object are bound like any class attribute."""
     file = io.StringIO("first\nsecond")
     exits = Recorder()
@@ -704,7 +583,7 @@ def test_special_method_is_any_callable_of_the_type(module: ModuleType, steps: S
 
     steps.replies["is a file"] = lambda: True
     steps.replies["open r"] = Odd
-    assert module.get_token() == "first"
+    assert steps.get_token() == "first"
     assert exits.positional == [(None, None, None)]
 
 
@@ -717,21 +596,33 @@ class FileWithoutMethods:
     [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
 )
 def test_file_without_method_raises_attribute_error(
-    module: ModuleType, steps: Steps, patch: Patch, mode: str, method: str, body_begins: int
+    steps: Steps, mode: str, method: str, body_begins: int
 ) -> None:
     """The interpreter evaluates `file.write` before the argument of the call."""
+    seen: list[tuple[Any, Any]] = []
+
+    def exited() -> bool:
+        _kind, value, traceback = sys.exc_info()
+        assert value is not None
+        seen.append((value.__traceback__, traceback))
+        return False
+
     if mode == "w":  # as a C function it must not be called with an exception set
-        patch("urandom", os.urandom)
+        steps.patch("urandom", os.urandom)
     steps.replies[f"{mode}: entered"] = FileWithoutMethods
-    error = raises_exactly(AttributeError, module.get_token)
+    steps.replies[f"{mode}: exited"] = exited
+    error = fails(AttributeError, steps.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
-    assert steps.events[:body_begins] == (PATH + WRITE + READ)[:body_begins]
-    ((event, kind, value, _traceback),) = steps.events[body_begins:]
-    assert (event, kind) == (f"{mode}: exit", AttributeError)
-    assert value is error
+    ((of_the_exception, handled),) = seen
+    assert of_the_exception is handled
+    assert traceback_entries(handled) == [entry(error, "get_token")]
+    assert steps.events == [
+        *(PATH + WRITE + READ)[:body_begins],
+        (f"{mode}: exit", AttributeError, error, handled),
+    ]
 
 
-def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: Steps) -> None:
+def test_methods_without_get_keep_reference_counts(steps: Steps) -> None:
     class Uncounted:
         """A callable without `__get__` that keeps no references."""
 
@@ -747,21 +638,19 @@ def test_methods_without_get_keep_reference_counts(module: ModuleType, steps: St
     spare = [enter, leave] * 1000  # a missing reference must not free them
     before = sys.getrefcount(enter), sys.getrefcount(leave)
     for _ in range(100):
-        module.get_token()
+        steps.get_token()
     assert (sys.getrefcount(enter), sys.getrefcount(leave)) == before
     assert len(spare) == 2000
 
 
-def remove_method_in_its_get(name: str) -> list[object]:
-    """Read the secret from a file whose special method is deleted while it is bound.
+@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
+@isolated.test
+def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
+    """The file's special method is deleted while it is bound.
 
     `getattr` as `__get__` gets the method, the file (a string) as name and the file's type as
     default; it uses the method again after the deletion.
     """
-    import io
-
-    from veldarin_simulator import Simulator
-
     events: list[object] = []
 
     class Method:
@@ -785,73 +674,27 @@ def remove_method_in_its_get(name: str) -> list[object]:
         simulator.secret_path.write_text("there is a file")
         module: Any = simulator.module
         module.open = lambda *args: file()
-        return [module.get_token(), events, name in vars(file)]
+        assert module.get_token() == "line"
+    assert events == ["removed", "bound", "finalized"]
+    assert name not in vars(file)
 
 
-@pytest.mark.parametrize("name", ["__enter__", "__exit__"])
-def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
-    assert isolated.value(remove_method_in_its_get, name) == [
-        "line",
-        ["removed", "bound", "finalized"],
-        False,
-    ]
-
-
-@each_mode
-def test_exit_gets_traceback_of_exception(module: ModuleType, steps: Steps, mode: str) -> None:
-    seen: list[tuple[Any, Any]] = []
-
-    def exited() -> bool:
-        _kind, value, traceback = sys.exc_info()
-        assert value is not None
-        seen.append((value.__traceback__, traceback))
-        return False
-
-    steps.replies[f"{mode}: entered"] = FileWithoutMethods
-    steps.replies[f"{mode}: exited"] = exited
-    error = raises_exactly(AttributeError, module.get_token)
-    ((of_the_exception, handled),) = seen
-    assert of_the_exception is handled
-    assert steps.events[-1][:3] == (f"{mode}: exit", AttributeError, error)
-    assert steps.events[-1][3] is handled
-    assert traceback_entries(handled) == [entry(error, "get_token")]
-
-
+@isolated.test
 def test_native_path_is_read_before_class_lookup() -> None:
-    def rebind_in_the_getter() -> list[str]:
-        import ctypes
+    text = ctypes.create_string_buffer(b"/nonexistent/secret")
+    paths = Recorder(raiser(OSError("end of the call")))
 
-        text = ctypes.create_string_buffer(b"/nonexistent/secret")
-        events = []
+    @ctypes.CFUNCTYPE(ctypes.c_void_p)
+    def getter() -> int:
+        module.Path = paths
+        return ctypes.addressof(text)
 
-        def path(name: str) -> Any:
-            def construct(given: str) -> Any:
-                events.append(f"{name}({given!r})")
-                raise OSError("end of the call")
-
-            return construct
-
-        @ctypes.CFUNCTYPE(ctypes.c_void_p)
-        def getter() -> int:
-            events.append("getter")
-            module.Path = path("the later Path")
-            return ctypes.addressof(text)
-
-        sandbox = SiblingSandbox()
-        sibling: Any = sandbox._right["veldarin.modules.modules"]
-        sibling.__pyx_capi__["get_preference_cookie_secret_path"] = capsule(
-            _c_pointer(getter), b"char *(void)"
-        )
-        module: Any = importlib.import_module(MODULE)
-        module.Path = path("the earlier Path")
-        try:
-            module.get_token()
-        except OSError:
-            events.append("OSError")
-        return events
-
-    assert isolated.value(rebind_in_the_getter) == [
-        "getter",
-        "the later Path('/nonexistent/secret')",
-        "OSError",
-    ]
+    SiblingSandbox()
+    sibling: Any = sys.modules["veldarin.modules.modules"]
+    sibling.__pyx_capi__["get_preference_cookie_secret_path"] = c_function_capsule(
+        getter, b"char *(void)"
+    )
+    module: Any = importlib.import_module(MODULE)
+    module.Path = raiser(AssertionError("the earlier Path"))
+    fails(OSError, module.get_token)
+    assert paths.positional == [("/nonexistent/secret",)]

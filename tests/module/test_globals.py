@@ -3,14 +3,15 @@
 from __future__ import annotations
 
 import builtins
+from functools import partial
 from types import ModuleType
-from typing import Any, NamedTuple
+from typing import Any, NamedTuple, TypeVar
 
 import pytest
 
 from tests.support import isolated
 from tests.support.assertions import raises_exactly, traceback_entries
-from tests.support.doubles import RecordingLogger
+from tests.support.doubles import Failure, RecordingLogger, UncomparableStr
 from tests.support.module_patch import Patch
 from tests.support.query_cases import QUERY_CASES
 from veldarin_simulator import Simulator
@@ -18,8 +19,9 @@ from veldarin_simulator import Simulator
 HEADER = (
     "Routing entry for 192.0.2.0/24\n Known via static, distance 10, metric 0, best\n Last u 1\n"
 )
-SESSION = "echo\npeer 192.0.2.1 interface port1\n"
 BROKEN_SESSION = "echo\npeer \n"  # a header line without its fields: logged
+
+E = TypeVar("E", bound=BaseException)
 
 
 class Use(NamedTuple):
@@ -38,11 +40,10 @@ def uses(function: str, names: str, *arguments: Any, cli: str | None = "nothing"
     return [Use(function, arguments, name, cli) for name in names.split()]
 
 
-BRIDGED = {row.function: row.arguments for row in QUERY_CASES}
 USES = [
     *uses("get_cookie_name", "text_ aps_unsigned_int_hash serial_number_ascii", True),
     *uses("get_token", "text_ Path open urandom hexlify"),
-    *(Use(function, arguments, "json") for function, arguments in BRIDGED.items()),
+    *(Use(*use, "json") for use in {row.function: row.arguments for row in QUERY_CASES}.items()),
     *uses("get_cli_command_output", "bytes_ text_ _CHARSET", "command"),
     *uses("get_cli_command_output", "CFunctionError", "command", cli=None),
     *uses("get_bfd_neighbor", "get_cli_command_output text_ _CHARSET", "command"),
@@ -50,36 +51,7 @@ USES = [
     *uses("get_routing_table_result", "get_cli_command_output text_ _CHARSET", "a", cli=HEADER),
     *uses("get_system_arp_result", "get_cli_command_output text_ _CHARSET", cli="Address\n"),
 ]
-
-every_use = pytest.mark.parametrize("use", USES, ids=str)
-
-
 PARSERS = {"get_bfd_neighbor", "get_routing_table_result", "get_system_arp_result"}
-
-
-def call(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
-) -> Any:
-    """Make the call with the command's output; only the function itself reads the name."""
-    if use.function in PARSERS and use.name in {"text_", "_CHARSET"}:
-        text = str(use.cli).encode()
-        monkeypatch.setattr(module, "get_cli_command_output", lambda command: text)
-    simulator.set_reply("get_cli_cmd_output", use.cli)
-    simulator.set_reply("build_system_interface_physical", [{"interface": [{"name": "port1"}]}])
-    return getattr(module, use.function)(*use.arguments)
-
-
-@every_use
-def test_undefined_name_raises_name_error(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
-) -> None:
-    home = module if hasattr(module, use.name) else builtins
-    monkeypatch.delattr(home, use.name)
-    error = raises_exactly(NameError, call, simulator, module, monkeypatch, use)
-    assert str(error) == f"name '{use.name}' is not defined"
-    (entry,) = traceback_entries(error.__traceback__)
-    assert entry.function == use.function
-    assert entry.line > entry.first_line
 
 
 class Found(Exception):
@@ -96,126 +68,124 @@ class Trap:
         raise Found
 
 
-def assert_call_hits_trap(
+class Call:
+    """The call of a `Use`; only the function itself reads the name."""
+
+    def __init__(
+        self, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
+    ) -> None:
+        self.function, self.name = use.function, use.name
+        self.module, self.monkeypatch = module, monkeypatch
+        self.make = partial(getattr(module, use.function), *use.arguments)
+        if use.function in PARSERS and use.name in {"text_", "_CHARSET"}:
+            text = str(use.cli).encode()
+            monkeypatch.setattr(module, "get_cli_command_output", lambda command: text)
+        simulator.set_reply("get_cli_cmd_output", use.cli)
+        simulator.set_reply("build_system_interface_physical", [{"interface": [{"name": "port1"}]}])
+
+    def bind(self, holder: ModuleType, value: object) -> None:
+        """Bind the name in the module or in the builtins."""
+        self.monkeypatch.setattr(holder, self.name, value, raising=False)
+
+    def delete(self) -> None:
+        """Delete the name where the call finds it."""
+        self.monkeypatch.delattr(
+            self.module if hasattr(self.module, self.name) else builtins, self.name
+        )
+
+    def fails(self, kind: type[E]) -> E:
+        """Return the exception of the call, which leaves one traceback entry, of a statement."""
+        error = raises_exactly(kind, self.make)
+        (entry,) = traceback_entries(error.__traceback__)
+        assert entry.function == self.function
+        assert entry.line > entry.first_line
+        return error
+
+    def assert_finds(self, holder: ModuleType) -> None:
+        """Put a trap under the name in `holder`; the call must run into it, and not before."""
+        if self.name == "_CHARSET":  # an argument to a conversion
+            self.bind(holder, "no such charset")
+            assert str(self.fails(LookupError)) == "unknown encoding: no such charset"
+        else:
+            self.bind(holder, Trap())
+            self.fails(Found)
+
+
+@pytest.fixture(params=USES, ids=str)
+def call(
+    request: pytest.FixtureRequest,
     simulator: Simulator,
     module: ModuleType,
     monkeypatch: pytest.MonkeyPatch,
-    use: Use,
-    holder: ModuleType,
-) -> None:
-    """Put a trap under the name in `holder`; the call must run into it, and not before."""
-    is_charset = use.name == "_CHARSET"  # an argument to a conversion
-    monkeypatch.setattr(
-        holder, use.name, "no such charset" if is_charset else Trap(), raising=False
-    )
-    if is_charset:
-        error: BaseException = raises_exactly(
-            LookupError, call, simulator, module, monkeypatch, use
-        )
-        assert str(error) == "unknown encoding: no such charset"
+) -> Call:
+    """Each call that reads a name."""
+    return Call(simulator, module, monkeypatch, request.param)
+
+
+def test_undefined_name_raises_name_error(call: Call) -> None:
+    call.delete()
+    assert str(call.fails(NameError)) == f"name '{call.name}' is not defined"
+
+
+def test_rebound_global_is_used_by_next_call(call: Call) -> None:
+    call.assert_finds(call.module)
+
+
+def test_deleted_global_is_looked_up_in_builtins(call: Call) -> None:
+    call.monkeypatch.delattr(call.module, call.name, raising=False)
+    call.assert_finds(builtins)
+
+
+def test_global_shadows_builtin(call: Call) -> None:
+    call.bind(call.module, getattr(call.module, call.name, None) or getattr(builtins, call.name))
+    call.bind(builtins, Trap())
+    if call.name == "CFunctionError":
+        call.fails(call.module.CFunctionError)
     else:
-        error = raises_exactly(Found, call, simulator, module, monkeypatch, use)
-    (entry,) = traceback_entries(error.__traceback__)
-    assert entry.function == use.function
-
-
-@every_use
-def test_rebound_global_is_used_by_next_call(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
-) -> None:
-    assert_call_hits_trap(simulator, module, monkeypatch, use, module)
-
-
-@every_use
-def test_deleted_global_is_looked_up_in_builtins(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
-) -> None:
-    monkeypatch.delattr(module, use.name, raising=False)
-
-    assert_call_hits_trap(simulator, module, monkeypatch, use, builtins)
-
-
-@every_use
-def test_global_shadows_builtin(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
-) -> None:
-    held = getattr(module, use.name, None) or getattr(builtins, use.name)
-    monkeypatch.setattr(module, use.name, held, raising=False)
-    monkeypatch.setattr(builtins, use.name, Trap(), raising=False)
-    if use.name == "CFunctionError":
-        raises_exactly(module.CFunctionError, call, simulator, module, monkeypatch, use)
-    else:
-        call(simulator, module, monkeypatch, use)
+        call.make()
 
 
 # Lookups that raise
 
 
-@every_use
-def test_builtins_getattr_error_propagates(
-    simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch, use: Use
-) -> None:
-    error = ValueError(use.name)
+def test_builtins_getattr_error_propagates(call: Call) -> None:
+    error = ValueError(call.name)
 
     def look_up(name: str) -> object:
-        if name == use.name:
+        if name == call.name:
             raise error
         raise AttributeError(name)
 
-    home = module if hasattr(module, use.name) else builtins
-    monkeypatch.delattr(home, use.name)
-    monkeypatch.setattr(builtins, "__getattr__", look_up, raising=False)
-    assert raises_exactly(ValueError, call, simulator, module, monkeypatch, use) is error
-    (entry,) = traceback_entries(error.__traceback__)
-    assert entry.function == use.function
+    call.delete()
+    call.monkeypatch.setattr(builtins, "__getattr__", look_up, raising=False)
+    assert call.fails(ValueError) is error
 
 
-def fail_in_comparison(where: str, calls: list[list[Any]]) -> list[str]:
-    """How calls end while a key in the way of a name cannot be compared; none deletes a name."""
-    from veldarin_simulator import Simulator
-
-    class Unequal(str):
-        __hash__ = str.__hash__
-
-        def __eq__(self, other: object) -> bool:
-            raise ValueError(f"{str(self)!s} is not comparable")
-
-    ended = []
+@pytest.mark.parametrize(
+    "where, function, arguments, name",
+    [
+        ("module", "get_cli_command_output", ["command"], "bytes_"),
+        ("module", "switch_mclag_icl", [], "json"),
+        ("module", "get_token", [], "open"),
+        ("builtins", "get_token", [], "open"),
+    ],
+)
+@isolated.test
+def test_key_comparison_error_propagates(
+    where: str, function: str, arguments: list[str], name: str
+) -> None:
+    """A key in the way of the name cannot be compared."""
     with Simulator(live=False) as simulator:
         module = simulator.module
-        for function, arguments, name in calls:
-            names: dict[str, Any] = vars(module if where == "module" else builtins)
-            kept = names.pop(name, None)
-            key = Unequal(name)
-            names[key] = kept
-            try:
-                ended.append(f"returned {getattr(module, function)(*arguments)!r}")
-            except Exception as error:
-                ended.append(f"{type(error).__name__}: {error}")
-            finally:
-                del names[key]
-                if kept is not None:
-                    names[name] = kept
-    return ended
-
-
-# A name of the module's own, and one that only the builtins have.
-COMPARED = {
-    "module": [
-        ["get_cli_command_output", ["command"], "bytes_"],
-        ["switch_mclag_icl", [], "json"],
-        ["get_token", [], "open"],
-    ],
-    "builtins": [["get_token", [], "open"]],
-}
-
-
-@pytest.mark.parametrize("where", COMPARED)
-def test_key_comparison_error_propagates(where: str) -> None:
-    calls = COMPARED[where]
-    assert isolated.value(fail_in_comparison, where, calls) == [
-        f"ValueError: {name} is not comparable" for _function, _arguments, name in calls
-    ]
+        names: dict[str, Any] = vars(module if where == "module" else builtins)
+        held = names.pop(name, None)
+        key = UncomparableStr(name)
+        names[key] = held
+        try:
+            raises_exactly(Failure, getattr(module, function), *arguments)
+        finally:
+            del names[key]
+            names[name] = held
 
 
 # The BFD neighbor list catches and logs exceptions of its statements.

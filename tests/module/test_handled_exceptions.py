@@ -18,11 +18,23 @@ from tests.support import reference
 from tests.support.doubles import failing_open
 from tests.support.fake_cli import FakeCli
 
+pytestmark = pytest.mark.usefixtures("frozen_heap")
+
 Handle = Callable[[], object]
 
 
 class Outer(Exception):
     """The exception that the caller handles; it supports weak references."""
+
+
+def logging_call(cli: FakeCli, function: str) -> Handle:
+    """A call in which the parser logs one exception."""
+    if function == "get_bfd_neighbor":
+        cli.set_output("x", "peer a", "")
+        return partial(cli.parser.get_bfd_neighbor, "c", {})
+    cli.patch("get_bfd_neighbor", lambda *given: None)
+    call: Handle = cli.parser.list_bfd_neighbor
+    return call
 
 
 @pytest.fixture(
@@ -45,25 +57,15 @@ def handle(
         yield module.get_token
         return
     cli = FakeCli(reference if parser == "reference" else module, monkeypatch)
-    if function == "get_bfd_neighbor":
-        cli.set_output("x", "peer a", "")
+    call = logging_call(cli, function)
 
-        def parse() -> None:
-            cli.parser.get_bfd_neighbor("c", {})
-            assert cli.debug_messages == ["e:list index out of range"]
-            cli.logger.debug.calls.clear()
+    def call_and_check_log() -> None:
+        call()
+        (text,) = cli.debug_messages
+        assert text.startswith(("e:list index out", "e:dict() argument after ** must be a mapping"))
+        cli.logger.debug.calls.clear()
 
-        yield parse
-    else:
-        cli.patch("get_bfd_neighbor", lambda *given: None)
-
-        def list_all() -> None:
-            cli.parser.list_bfd_neighbor()
-            (text,) = cli.debug_messages
-            assert text.startswith("e:dict() argument after ** must be a mapping")
-            cli.logger.debug.calls.clear()
-
-        yield list_all
+    yield call_and_check_log
     cli.shared.clear()
 
 
@@ -87,12 +89,7 @@ def test_logged_exception_is_handled_only_while_logged(
         logged.append((type(error), error.__traceback__ is traceback))
 
     cli.logger.debug.side_effect = debug
-    if function == "get_bfd_neighbor":
-        cli.set_output("echo", "peer A")
-        call = partial(cli.parser.get_bfd_neighbor, "command", {})
-    else:
-        cli.patch("get_bfd_neighbor", lambda *given: None)
-        call = cli.parser.list_bfd_neighbor
+    call = logging_call(cli, function)
     call()
     assert sys.exc_info() == (None, None, None)
     outer = Outer()
@@ -105,23 +102,12 @@ def test_logged_exception_is_handled_only_while_logged(
 
 
 def test_generator_resumed_outside_handler_handles_nothing(handle: Handle) -> None:
+    """Nor does the caller's exception become the context of a later one; it is collected."""
+
     def view() -> Iterator[object]:
         handle()
         yield handled()
         yield handled()
-
-    generator = view()
-    try:
-        raise Outer
-    except Outer:
-        assert next(generator) is handled()
-    assert next(generator) is None
-
-
-def test_generator_later_exception_has_no_context(handle: Handle) -> None:
-    def view() -> Iterator[object]:
-        handle()
-        yield None
         try:
             raise KeyError
         except KeyError as error:
@@ -130,26 +116,12 @@ def test_generator_later_exception_has_no_context(handle: Handle) -> None:
     generator = view()
     try:
         raise Outer
-    except Outer:
-        next(generator)
-    assert next(generator) is None
-
-
-def test_generator_lets_exception_of_caller_be_collected(handle: Handle) -> None:
-    def view() -> Iterator[object]:
-        handle()
-        yield None
-        yield None
-
-    generator = view()
-    try:
-        raise Outer
     except Outer as error:
         outer = weakref.ref(error)
-        next(generator)
+        assert next(generator) is handled()
     gc.collect()
     assert outer() is None
-    next(generator)
+    assert [*generator] == [None, None]
 
 
 def test_generator_with_its_own_handler_keeps_it(handle: Handle) -> None:
@@ -251,30 +223,29 @@ def test_asyncio_tasks_handle_only_their_own_exceptions(handle: Handle) -> None:
     assert asyncio.run(tasks()) == [[True, None, None] * 3] * 2
 
 
-def test_exception_in_handler_keeps_context_chain(
-    cli: FakeCli, monkeypatch: pytest.MonkeyPatch
-) -> None:
+def context_chain() -> list[type[BaseException]]:
+    """The types of the exception being handled and of its contexts."""
+    chain, error = [], handled()
+    while error is not None:
+        chain.append(type(error))
+        error = error.__context__
+    return chain
+
+
+def test_exception_in_handler_keeps_context_chain(cli: FakeCli) -> None:
+    call = logging_call(cli, "get_bfd_neighbor")
     chains: list[list[type[BaseException]]] = []
-
-    def debug(text: str) -> None:
-        chain, error = [], handled()
-        while error is not None:
-            chain.append(type(error))
-            error = error.__context__
-        chains.append(chain)
-
-    monkeypatch.setattr(cli.logger, "debug", debug)
-    cli.set_output("x", "peer a", "")
+    cli.logger.debug.side_effect = lambda text: chains.append(context_chain())
 
     def view() -> Iterator[object]:
-        cli.parser.get_bfd_neighbor("c", {})
+        call()
         yield None
         try:
             raise KeyError
         except KeyError:
-            cli.parser.get_bfd_neighbor("c", {})
+            call()
         yield None
-        cli.parser.get_bfd_neighbor("c", {})
+        call()
         yield None
 
     generator = view()
@@ -287,26 +258,19 @@ def test_exception_in_handler_keeps_context_chain(
     assert chains == [[IndexError, Outer], [IndexError, KeyError, Outer], [IndexError]]
 
 
-def test_nested_call_from_logger_restores_handlers(
-    cli: FakeCli, monkeypatch: pytest.MonkeyPatch
-) -> None:
-    depth: list[BaseException | None] = []
+def test_nested_call_from_logger_restores_handlers(cli: FakeCli) -> None:
+    call = logging_call(cli, "get_bfd_neighbor")
+    errors: list[BaseException | None] = []
 
     def debug(text: str) -> None:
         error = handled()
-        depth.append(error)
-        if len(depth) < 3:
-            cli.parser.get_bfd_neighbor("c", {})
+        errors.append(error)
+        if len(errors) < 3:
+            call()
         assert handled() is error
 
-    monkeypatch.setattr(cli.logger, "debug", debug)
-    cli.set_output("x", "peer a", "")
-    cli.parser.get_bfd_neighbor("c", {})
+    cli.logger.debug.side_effect = debug
+    call()
     assert handled() is None
-    first, second, third = depth
-    assert first is not None
-    assert second is not None
-    assert third is not None
-    assert third.__context__ is second
-    assert second.__context__ is first
-    assert first.__context__ is None
+    assert [error and error.__context__ for error in errors] == [None, *errors[:2]]
+    assert None not in errors

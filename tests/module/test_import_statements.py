@@ -4,9 +4,11 @@ errors with name and path, submodules, and the arguments of a replaced `__import
 from __future__ import annotations
 
 import builtins
+import re
 import sys
+from pathlib import Path
 from types import SimpleNamespace
-from typing import Any
+from typing import Any, Callable
 
 import pytest
 
@@ -29,52 +31,47 @@ STATEMENTS = [
 ]
 
 
-def outcomes(statements: list[str], *breaks: str) -> list[Any]:
-    """Run the statements in Python with broken siblings, then the module's execution.
+BOUND_NAMES = """
+    serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json
+    CFunctionError copy
+""".split()
 
-    Each outcome is the error's type, text, cause, context, name and path, or None, and the values
-    of the names.
+
+def outcome(
+    run: Callable[[], object], namespace: dict[str, Any], breaks: list[str]
+) -> tuple[list[str] | None, dict[str, str]]:
+    """Run with broken siblings; return the error and the values of the names.
+
+    The error is a list of type, text, cause, context, name and path, or None.
     """
-    import re
-
+    before = dict(sys.modules)
     sandbox = SiblingSandbox()
-    bound = "serial_number_ascii hexlify namedtuple getLogger urandom Path bytes_ text_ Lock json"
-    names = [*bound.split(), "CFunctionError", "copy"]
+    sandbox.break_("\n".join(breaks))
+    described = None
+    try:
+        run()
+    except BaseException as error:
+        described = [type(error).__name__, str(error)]
+        described += [repr(error.__cause__), repr(error.__context__)]
+        described += [repr(getattr(error, field, "none")) for field in ("name", "path")]
+    finally:
+        sandbox.restore()
+        sys.modules.clear()
+        sys.modules.update(before)
+    held = {name: repr(namespace[name]) for name in BOUND_NAMES if name in namespace}
+    return described, {name: re.sub(" at 0x[0-9a-f]+", "", held[name]) for name in held}
 
-    def outcome(run: Any, namespace: Any) -> list[Any]:
-        before = dict(sys.modules)
-        sandbox.break_("\n".join(breaks))
-        error: Any = None
-        try:
-            run()
-        except BaseException as raised:
-            error = raised
-        finally:
-            sandbox.restore()
-            sys.modules.clear()
-            sys.modules.update(before)
-        described = None
-        if error is not None:
-            chained = [repr(error.__cause__), repr(error.__context__)]
-            described = [type(error).__name__, str(error), *chained]
-            described += [repr(getattr(error, field, "none")) for field in ("name", "path")]
-        return [
-            described,
-            {
-                name: re.sub(" at 0x[0-9a-f]+", "", repr(namespace[name]))
-                for name in names
-                if name in namespace
-            },
-        ]
 
-    def run_python() -> None:
-        exec(compile("\n".join(statements), "statements", "exec"), namespace)
-
+def outcome_as_in_python(*breaks: str) -> tuple[list[str] | None, dict[str, str]]:
+    """The outcome of the module's execution, which must be that of the statements in Python."""
     namespace: dict[str, Any] = {"__name__": MODULE}
-    expected = outcome(run_python, namespace)
+    code = compile("\n".join(STATEMENTS), "statements", "exec")
+    expected = outcome(lambda: exec(code, namespace), namespace, [*breaks])
+    SiblingSandbox()
     module = create_module()
-    found = outcome(lambda: module.__loader__.exec_module(module), vars(module))
-    return [expected, found]
+    run = module.__loader__.exec_module
+    assert outcome(lambda: run(module), vars(module), [*breaks]) == expected
+    return expected
 
 
 # A sibling without any names. Its repr has no address.
@@ -129,48 +126,56 @@ BOUND = {
 }
 
 
-@pytest.mark.parametrize("label", BROKEN)
-@pytest.mark.parametrize(
+each_broken_sibling = pytest.mark.parametrize(
     "module, name", [("util.errors", "CFunctionError"), ("pyramid.compat", "text_")]
 )
-def test_from_import_of_broken_sibling_ends_as_in_python(
+
+
+def import_from_broken(
+    module: str, name: str, label: str
+) -> tuple[list[str] | None, dict[str, str]]:
+    """The outcome with a sibling broken in the way of the label."""
+    breaks = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *BROKEN[label]]
+    rows = [row.replace("{name}", name).replace("{module}", module) for row in breaks]
+    return outcome_as_in_python(*rows)
+
+
+@each_broken_sibling
+@isolated.test
+def test_from_import_of_broken_sibling_fails_as_in_python(module: str, name: str) -> None:
+    for label in BROKEN.keys() - BOUND.keys():
+        error, bound = import_from_broken(module, name, label)
+        assert error is not None, label
+        assert name not in bound, label
+
+
+@each_broken_sibling
+@pytest.mark.parametrize("label", BOUND)
+@isolated.test
+def test_from_import_of_broken_sibling_binds_as_in_python(
     module: str, name: str, label: str
 ) -> None:
-    breaks = [BARE.format(module, module), "m.bytes_ = 'bytes_'", *BROKEN[label]]
-    rows = [breaks.replace("{name}", name).replace("{module}", module) for breaks in breaks]
-    expected, found = isolated.value(outcomes, STATEMENTS, *rows)
-    assert found == expected
-    error, bound = expected
-    if label in BOUND:
-        assert error is None
-        assert bound[name] == BOUND[label].format(name=name)
-    else:
+    error, bound = import_from_broken(module, name, label)
+    assert error is None
+    assert bound[name] == BOUND[label].format(name=name)
+
+
+@isolated.test
+def test_each_statement_fails_as_in_python() -> None:
+    for kind, module, *_ in map(str.split, STATEMENTS):
+        error, _bound = outcome_as_in_python(f"siblings['{module}'] = None")
         assert error is not None
-        assert name not in bound
+        assert (error[0], *error[4:]) == ("ModuleNotFoundError", repr(module), "None")
+        for path in [None, PATH] if kind == "from" else []:
+            row = [FILE] if path else []
+            error, _bound = outcome_as_in_python(BARE.format(module, module), *row)
+            assert error is not None
+            assert (error[0], *error[4:]) == ("ImportError", repr(module), repr(path))
 
 
-@pytest.mark.parametrize(
-    "module, missing",
-    [
-        *((statement.split()[1], "module") for statement in STATEMENTS),
-        *((row.split()[1], "name") for row in STATEMENTS if row.startswith("from")),
-        *((row.split()[1], "name of a file") for row in STATEMENTS if row.startswith("from")),
-    ],
-)
-def test_each_statement_fails_as_in_python(module: str, missing: str) -> None:
-    broken = [f"siblings['{module}'] = None"]
-    if missing != "module":
-        broken = [BARE.format(module, module), *[FILE] * (missing == "name of a file")]
-    expected, found = isolated.value(outcomes, STATEMENTS, *broken)
-    assert found == expected
-    assert expected[0][0] == ("ModuleNotFoundError" if missing == "module" else "ImportError")
-    assert expected[0][4:] == [repr(module), repr(PATH if missing == "name of a file" else None)]
-
-
+@isolated.test
 def test_circular_import_error_has_text_name_and_path() -> None:
-    rows = [BARE.format("os", "os"), *BROKEN["partially initialized"]]
-    (error, _bound), found = isolated.value(outcomes, STATEMENTS, *rows)
-    assert found == [error, _bound]
+    error, _ = outcome_as_in_python(BARE.format("os", "os"), *BROKEN["partially initialized"])
     assert error == [
         "ImportError",
         "cannot import name 'urandom' from partially initialized module 'os' "
@@ -182,100 +187,88 @@ def test_circular_import_error_has_text_name_and_path() -> None:
     ]
 
 
-def test_submodule_is_imported_from_its_package(tmp_path: Any) -> None:
-    package = tmp_path / "compat"
+@isolated.test
+def test_submodule_is_imported_from_its_package(tmp_path: Path | str) -> None:
+    package = Path(tmp_path) / "compat"
     package.mkdir()
     for name in ("__init__", "bytes_", "text_"):
         package.joinpath(f"{name}.py").write_text("")
-    breaks = [
+    error, bound = outcome_as_in_python(
         f"sys.path.insert(0, {str(tmp_path)!r})",
         "m = siblings['pyramid.compat'] = importlib.import_module('compat')",
         "m.__name__ = m.__spec__.name = 'pyramid.compat'",
-    ]
-    expected, found = isolated.value(outcomes, STATEMENTS, *breaks)
-    assert found == expected
-    error, bound = expected
+    )
     assert error is None
     assert bound["text_"].startswith("<module 'pyramid.compat.text_' from ")
 
 
+@isolated.test
 def test_replaced_import_is_called_as_by_a_statement() -> None:
-    def calls(statements: list[str]) -> list[Any]:
-        SiblingSandbox()
-        real = builtins.__import__
-        recorded: list[Any] = []
-        expected: dict[str, Any] = {"__name__": MODULE}
-        module = create_module()
+    real = builtins.__import__
 
-        def record(namespace: Any) -> Any:
-            def replaced(*args: Any, **kwargs: Any) -> Any:
-                if len(args) < 2 or args[1] is not namespace or args[3] == ["__doc__"]:
-                    return real(*args, **kwargs)
-                name, its_globals, its_locals, fromlist, level = args
-                kinds = [type(fromlist).__name__, type(level).__name__, its_locals is its_globals]
-                recorded[-1].append([name, fromlist, level, kinds, kwargs])
-                if name == "os":
-                    return SimpleNamespace(urandom="bound as it is")
-                if name == "copy":
-                    return "returned as it is"
+    def import_calls(namespace: dict[str, Any], run: Callable[[], object]) -> list[Any]:
+        calls = []
+
+        def replaced(*args: Any, **kwargs: Any) -> Any:
+            if len(args) < 2 or args[1] is not namespace or args[3] == ["__doc__"]:
                 return real(*args, **kwargs)
+            name, its_globals, its_locals, fromlist, level = args
+            same = its_locals is its_globals
+            calls.append([name, fromlist, level, type(fromlist), type(level), same, kwargs])
+            if name == "os":
+                return SimpleNamespace(urandom="bound as it is")
+            return "returned as it is" if name == "copy" else real(*args, **kwargs)
 
-            recorded.append([])
-            return replaced
-
-        builtins.__import__ = record(expected)
-        exec("\n".join(statements), expected)
-        builtins.__import__ = record(vars(module))
-        module.__loader__.exec_module(module)
+        builtins.__import__ = replaced
+        run()
         builtins.__import__ = real
-        bound = [[names["urandom"], names["copy"]] for names in (expected, vars(module))]
-        return [*recorded, bound]
+        assert (namespace["urandom"], namespace["copy"]) == ("bound as it is", "returned as it is")
+        return calls
 
-    expected, found, bound = isolated.value(calls, STATEMENTS)
-    assert found == expected
+    SiblingSandbox()
+    names: dict[str, Any] = {"__name__": MODULE}
+    expected = import_calls(names, lambda: exec("\n".join(STATEMENTS), names))
+    module = create_module()
+    run = module.__loader__.exec_module
+    assert import_calls(vars(module), lambda: run(module)) == expected
     assert [row[:3] for row in expected[6:9]] == [
-        ["pyramid.compat", ["bytes_", "text_"], 0],
-        ["threading", ["Lock"], 0],
+        ["pyramid.compat", ("bytes_", "text_"), 0],
+        ["threading", ("Lock",), 0],
         ["ujson", None, 0],
     ]
     assert [row[0] for row in expected] == [statement.split()[1] for statement in STATEMENTS]
-    assert bound == [["bound as it is", "returned as it is"]] * 2
 
 
 @pytest.mark.parametrize("deleted", [False, True])
+@isolated.test
 def test_failing_import_function_fails_as_in_python(deleted: bool) -> None:
-    def errors(deleted: bool) -> list[Any]:
-        SiblingSandbox()
-        real = builtins.__import__
+    SiblingSandbox()
+    real = builtins.__import__
 
-        def replaced(name: str, *args: Any, **kwargs: Any) -> Any:
-            if name == "binascii":
-                if not deleted:
-                    raise OSError("import")
-                del builtins.__import__
-            return real(name, *args, **kwargs)
+    def replaced(name: str, *args: Any, **kwargs: Any) -> Any:
+        if name == "binascii":
+            if not deleted:
+                raise OSError("import")
+            del builtins.__import__
+        return real(name, *args, **kwargs)
 
-        module = create_module()
-        statements = compile(
-            "import binascii\nfrom collections import namedtuple", "statements", "exec"
-        )
-        described = []
-        for run in (
-            lambda: exec(statements, {"__name__": MODULE}),
-            lambda: module.__loader__.exec_module(module),
-        ):
-            builtins.__import__ = replaced
-            try:
-                run()
-            except Exception as error:
-                described.append(encode_exception(error))
-            builtins.__import__ = real
-        return described
+    def import_error(run: Callable[[], object]) -> isolated.Error:
+        builtins.__import__ = replaced
+        try:
+            run()
+        except Exception as error:
+            raised = error
+        builtins.__import__ = real
+        return isolated.Error.of(encode_exception(raised))
 
-    expected, found = map(isolated.Error.of, isolated.value(errors, deleted))
+    code = compile("import binascii\nfrom collections import namedtuple", "statements", "exec")
+    expected = import_error(lambda: exec(code, {"__name__": MODULE}))
+    module = create_module()
+    run = module.__loader__.exec_module
+    found = import_error(lambda: run(module))
     assert (found.type, found.text) == (expected.type, expected.text)
     assert found.text == ("__import__ not found" if deleted else "import")
-    (entry,) = found.entries_of(f"init {isolated.MODULE}")
+    (entry,) = found.entries_of(f"init {MODULE}")
     assert entry.line == (5 if deleted else 4)
     assert found.entries_of("<module>") == []
     assert found.entries_of("replaced") == expected.entries_of("replaced")

@@ -8,7 +8,6 @@ import ctypes
 import gc
 import sys
 import warnings
-from collections.abc import Iterator
 from types import ModuleType
 from typing import Callable, NamedTuple
 
@@ -25,7 +24,7 @@ from tests.support.query_cases import QUERY_CASES
 from tests.support.refcounts import tracked_objects
 from veldarin_simulator import Simulator
 
-pytestmark = pytest.mark.slow
+pytestmark = [pytest.mark.slow, pytest.mark.usefixtures("frozen_heap")]
 
 WARM_UP, ROUNDS = 24, 48  # then ROUNDS calls, then twice as many
 
@@ -81,15 +80,6 @@ def _grown(call: Callable[[], object], simulator: Simulator, objects: list[objec
     ]
     # Leaks of the measurement itself (collector hooks of other tests) are in both and cancel out.
     return [leak for leak in grown if abs(leak.twice - leak.once) > ROUNDS // 3]
-
-
-@pytest.fixture(scope="module", autouse=True)
-def _everything_else_set_aside() -> Iterator[None]:
-    """Exclude existing objects from garbage collection, which is then fast."""
-    gc.collect()
-    gc.freeze()
-    yield
-    gc.unfreeze()
 
 
 def call_of(
@@ -150,16 +140,17 @@ def test_cases_cover_success_and_failure_of_functions() -> None:
 BLOCKS = ["memory blocks"] if sys.getallocatedblocks() else []
 
 
-def test_leak_check_detects_memory_block(simulator: Simulator, module: ModuleType) -> None:
+@pytest.mark.parametrize(
+    "new, expected",
+    [(lambda: bytes(100), BLOCKS), (list, [*BLOCKS, "collectable objects"])],
+    ids=["block", "container"],
+)
+def test_leak_check_detects_kept_object(
+    simulator: Simulator, module: ModuleType, new: Callable[[], object], expected: list[str]
+) -> None:
     kept: list[object] = []
-    found = leaks(lambda: kept.append(bytes(100)), simulator, [])
-    assert [leak.what for leak in found] == BLOCKS
-
-
-def test_leak_check_detects_container(simulator: Simulator, module: ModuleType) -> None:
-    kept: list[object] = []
-    found = leaks(lambda: kept.append([]), simulator, [])
-    assert [leak.what for leak in found] == [*BLOCKS, "collectable objects"]
+    found = leaks(lambda: kept.append(new()), simulator, [])
+    assert [leak.what for leak in found] == expected
 
 
 def test_leak_check_detects_missing_decref(simulator: Simulator, module: ModuleType) -> None:
@@ -202,14 +193,12 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
     import gc
     from array import array
 
-    from tests.support import fake_siblings
     from tests.support.refcounts import permanent_objects
 
     sandbox = SiblingSandbox()
-    imported = [module for module in sandbox._right.values() if module is not None]
+    imported = [module for module in sandbox.valid.values() if module is not None]
     held = [item for module in imported for item in (vars(module), *vars(module).values())]
     tracked_objects = [MODULE, sys, sys.modules, *permanent_objects(), *imported, *held]
-    kept = len(fake_siblings._kept)
 
     def attempt(breaks: list[str]) -> None:
         modules = dict(sys.modules)
@@ -222,7 +211,6 @@ def repeat_failing_imports(cases: list[tuple[str, list[str]]]) -> list[list[obje
                 return
             finally:
                 sandbox.restore()
-                del fake_siblings._kept[kept:]
                 sys.modules.clear()
                 sys.modules.update(modules)
         raise AssertionError(f"goes through: {breaks}")

@@ -1,13 +1,14 @@
 """Creation of the module object: the entry point, the definition and the create slot.
 
 The create slot copies attributes of the import spec, returns the same module object after the first
-execution, and supports one interpreter per process.
+execution, and supports one interpreter per process. The tests run in isolated processes.
 """
 
 from __future__ import annotations
 
-import builtins
+import ctypes
 import importlib
+import os
 import sys
 from importlib.machinery import ModuleSpec
 from types import BuiltinFunctionType, SimpleNamespace
@@ -16,6 +17,7 @@ from typing import Any
 import pytest
 
 from tests.support import isolated
+from tests.support.assertions import raises_exactly
 from tests.support.fake_siblings import (
     CREATE_SLOT,
     EXEC_SLOT,
@@ -28,7 +30,7 @@ from tests.support.fake_siblings import (
     run_create_slot,
 )
 from tests.support.function_table import FUNCTIONS
-from tests.support.isolated import MODULE, MODULE_PATH, encode_exception
+from tests.support.isolated import MODULE, MODULE_PATH
 
 pytestmark = pytest.mark.slow
 
@@ -39,6 +41,78 @@ INTERPRETER_CHANGE = (
 # Calling conventions of the interpreter, `methodobject.h`.
 METH_KEYWORDS, METH_NOARGS, METH_O = 0x2, 0x4, 0x8
 
+
+@isolated.test
+def test_call_before_execution_ignores_wrong_arguments() -> None:
+    module = create_from_spec(ModuleSpec(MODULE, None))
+    # Arguments that each kind of function rejects after the module is executed.
+    rejected = [
+        *((row, 5) for row in FUNCTIONS if row.parameters and row.parameters[0].type),
+        *((row, None) for row in FUNCTIONS if row.kind == "keywords"),
+    ]
+    for row, argument in rejected:
+        count = len(row.parameters) if argument else 3
+        error = raises_exactly(RuntimeError, getattr(module, row.name), *[argument] * count)
+        assert "has not been imported" in str(error)
+
+
+@isolated.test
+def test_entry_point_returns_definition_only() -> None:
+    entry = entry_point()
+    modules = dict(sys.modules)
+    first = entry()
+    definition: object = ctypes.cast(first, ctypes.py_object).value
+    assert type(definition).__name__ == "moduledef"
+    assert entry() == first
+    assert sys.modules == modules
+
+
+@isolated.test
+def test_definition_has_name_methods_and_two_slots() -> None:
+    defined = definition()
+    assert (defined.name.decode(), defined.docstring) == (MODULE, None)
+    slots = rows_until_null(defined.slots, "slot")
+    assert [slot.slot for slot in slots] == [CREATE_SLOT, EXEC_SLOT]
+    assert all(slot.value for slot in slots)
+    methods = rows_until_null(defined.methods, "name")
+    assert [method.name.decode() for method in methods] == [row.name for row in FUNCTIONS]
+    assert len(methods) == 30
+    for method, row in zip(methods, FUNCTIONS):
+        assert method.function
+        assert method.docstring is None
+        if row.kind == "keywords":
+            assert method.flags & METH_KEYWORDS, row.name
+        else:
+            assert method.flags == {"none": METH_NOARGS, "one": METH_O}[row.kind], row.name
+
+
+# The import spec
+
+
+class Spec:
+    """An import spec with attributes, of which those that are exceptions are raised."""
+
+    def __init__(self, **attributes: object) -> None:
+        self._attributes = attributes
+        self.names_read: list[str] = []
+
+    def __getattr__(self, name: str) -> object:
+        self.names_read.append(name)
+        if name not in self._attributes:
+            raise AttributeError(name)
+        value = self._attributes[name]
+        if isinstance(value, BaseException):
+            raise value
+        return value
+
+
+WHOLE: dict[str, object] = {
+    "name": "another.name",
+    "loader": "a loader",
+    "origin": "a file",
+    "parent": "a package",
+    "submodule_search_locations": ["a place"],
+}
 # attribute of the import spec -> name in the module
 COPIED = {
     "loader": "__loader__",
@@ -46,305 +120,117 @@ COPIED = {
     "parent": "__package__",
     "submodule_search_locations": "__path__",
 }
+IN_NEW_MODULE = {"__loader__": None, "__package__": None}  # set by the interpreter
 
 
-def create_from(attributes: dict[str, Any], raising: dict[str, str]) -> dict[str, Any]:
-    """Create the module from an import spec with these attributes; those in `raising` raise."""
-
-    class ImportSpec:
-        def __getattr__(self, name: str) -> object:
-            if name in raising:
-                raise getattr(builtins, raising[name])(f"no {name} today")
-            if name in attributes:
-                return attributes[name]
-            raise AttributeError(name)
-
-    try:
-        module = create_from_spec(ImportSpec())
-    except Exception as error:
-        return {"error": encode_exception(error)}
-    plain = (str, type(None), list)
-    return {name: held for name, held in vars(module).items() if isinstance(held, plain)}
-
-
-NAME = {"name": isolated.MODULE}
-WHOLE = {
-    **NAME,
-    "loader": "a loader",
-    "origin": "a file",
-    "parent": "a package",
-    "submodule_search_locations": ["a place"],
-}
-
-
-# Arguments that each kind of function rejects after the module is executed.
-REFUSED: list[list[Any]] = [
-    *(
-        [row.name, [5] * len(row.parameters)]
-        for row in FUNCTIONS
-        if row.parameters and row.parameters[0].type
-    ),
-    *([row.name, [None] * 3] for row in FUNCTIONS if row.kind == "keywords"),
-]
-
-
-def test_call_before_execution_ignores_wrong_arguments() -> None:
-    def call_all(calls: list[list[Any]]) -> list[list[Any]]:
-        module = create_from_spec(ModuleSpec(MODULE, None))
-        ended: list[list[Any]] = []
-        for name, arguments in calls:
-            try:
-                ended.append([name, repr(getattr(module, name)(*arguments))])
-            except Exception as error:
-                ended.append([name, type(error).__name__, "has not been imported" in str(error)])
-        return ended
-
-    assert isolated.value(call_all, REFUSED) == [
-        [name, "RuntimeError", True] for name, _ in REFUSED
-    ]
-
-
-def test_entry_point_returns_definition_only() -> None:
-    def call_entry() -> list[object]:
-        import ctypes
-
-        entry = entry_point()
-        modules = dict(sys.modules)
-        first = entry()
-        definition: object = ctypes.cast(first, ctypes.py_object).value
-        return [type(definition).__name__, entry() == first, sys.modules == modules]
-
-    assert isolated.value(call_entry) == ["moduledef", True, True]
-
-
-def test_definition_has_name_methods_and_two_slots() -> None:
-    def read_definition() -> dict[str, Any]:
-        defined = definition()
-        methods = rows_until_null(defined.methods, "name")
-        return {
-            "name": defined.name.decode(),
-            "docstring": defined.docstring,
-            "methods": [[row.name.decode(), row.flags] for row in methods],
-            "complete methods": all(row.function and row.docstring is None for row in methods),
-            "slots": [row.slot for row in rows_until_null(defined.slots, "slot")],
-            "complete slots": all(row.value for row in rows_until_null(defined.slots, "slot")),
-        }
-
-    found = isolated.value(read_definition)
-    methods = found.pop("methods")
-    assert [name for name, _flags in methods] == [row.name for row in FUNCTIONS]
-    assert len(methods) == 30
-    for (name, flags), row in zip(methods, FUNCTIONS):
-        if row.kind == "keywords":
-            assert flags & METH_KEYWORDS, name
-        else:
-            assert flags == {"none": METH_NOARGS, "one": METH_O}[row.kind], name
-    assert found == {
-        "name": isolated.MODULE,
-        "docstring": None,
-        "complete methods": True,
-        "slots": [CREATE_SLOT, EXEC_SLOT],
-        "complete slots": True,
-    }
-
-
-def test_module_has_name_and_no_docstring() -> None:
-    def names() -> list[object]:
-        module = create_module()
-        return [module.__name__, module.__doc__]
-
-    assert isolated.value(names) == [isolated.MODULE, None]
-
-
-def test_module_name_comes_from_spec() -> None:
-    assert isolated.value(create_from, {**WHOLE, "name": "another.name"}, {})["__name__"] == (
-        "another.name"
-    )
-
-
-def test_creation_copies_four_spec_attributes() -> None:
-    held = isolated.value(create_from, WHOLE, {})
-    assert {name: held.get(name) for name in COPIED.values()} == {
-        "__loader__": "a loader",
-        "__file__": "a file",
-        "__package__": "a package",
-        "__path__": ["a place"],
-    }
-
-
-@pytest.mark.parametrize("missing", COPIED)
-def test_missing_spec_attribute_is_skipped(missing: str) -> None:
-    given = {name: held for name, held in WHOLE.items() if name != missing}
-    held = isolated.value(create_from, given, {})
-    assert held.pop(COPIED[missing], None) is None  # the default of a new module, or missing
-    rest = {COPIED[name]: WHOLE[name] for name in COPIED if name != missing}
-    assert {name: held.get(name) for name in rest} == rest
-
-
-@pytest.mark.parametrize("missing", ["origin", "submodule_search_locations"])
-def test_skipped_spec_attribute_sets_no_name(missing: str) -> None:
-    given = {name: held for name, held in WHOLE.items() if name != missing}
-    assert COPIED[missing] not in isolated.value(create_from, given, {})
-
-
-@pytest.mark.parametrize("attribute", ["loader", "origin", "parent"])
-def test_spec_attribute_none_is_copied(attribute: str) -> None:
-    held = isolated.value(create_from, {**WHOLE, attribute: None}, {})
-    assert COPIED[attribute] in held
-    assert held[COPIED[attribute]] is None
-
-
-def test_search_locations_none_are_skipped() -> None:
-    held = isolated.value(create_from, {**WHOLE, "submodule_search_locations": None}, {})
-    assert "__path__" not in held
+@isolated.test
+def test_module_has_name_of_spec_and_no_docstring() -> None:
+    for name in (MODULE, "another.name"):
+        module = create_from_spec(Spec(**{**WHOLE, "name": name}))
+        assert (module.__name__, module.__doc__) == (name, None)
 
 
 @pytest.mark.parametrize("attribute", COPIED)
-def test_spec_attribute_error_counts_as_missing(attribute: str) -> None:
-    held = isolated.value(create_from, WHOLE, {attribute: "AttributeError"})
-    assert "error" not in held
-    assert held.get(COPIED[attribute]) is None
+@isolated.test
+def test_spec_attribute_is_copied_if_present(attribute: str) -> None:
+    def copied(spec: dict[str, object]) -> dict[str, object]:
+        module = create_from_spec(Spec(**spec))
+        return {name: held for name, held in vars(module).items() if name in COPIED.values()}
+
+    whole = {name: WHOLE[attribute] for attribute, name in COPIED.items()}
+    name = COPIED[attribute]
+    without: dict[str, object] = {each: held for each, held in whole.items() if each != name}
+    if name in IN_NEW_MODULE:
+        without[name] = None
+    assert copied(WHOLE) == whole
+    assert copied({key: value for key, value in WHOLE.items() if key != attribute}) == without
+    assert copied({**WHOLE, attribute: AttributeError("missing")}) == without
+    none = copied({**WHOLE, attribute: None})
+    assert none == (without if name == "__path__" else {**without, name: None})
+    for error in (ValueError("no value"), KeyboardInterrupt("stopped")):
+        spec = Spec(**{**WHOLE, attribute: error})
+        assert raises_exactly(type(error), create_from_spec, spec) is error
 
 
-@pytest.mark.parametrize("attribute", COPIED)
-@pytest.mark.parametrize("error", ["ValueError", "KeyboardInterrupt"])
-def test_other_spec_error_fails_creation(attribute: str, error: str) -> None:
-    outcome = isolated.run(create_from, WHOLE, {attribute: error})
-    raised = outcome.error or isolated.Error.of(outcome.value["error"])
-    assert (raised.type, raised.text) == (error, f"no {attribute} today")
+# Creation of the same module again
 
 
+@isolated.test
 def test_creation_before_execution_returns_new_object() -> None:
-    def create_twice() -> bool:
-        return create_module() is create_module()
-
-    assert isolated.value(create_twice) is False
+    assert create_module() is not create_module()
 
 
+@isolated.test
 def test_creation_after_execution_returns_same_module() -> None:
-    def create_again() -> list[object]:
-        module = importlib.import_module(MODULE)
-        before = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
-        again = create_module("another.modules_util")
-        after = {name: vars(module)[name] for name in vars(module) if name.startswith("__")}
-        changed = [name for name in after if after[name] is not before.get(name)]
-        for _ in range(20):
-            create_module()
-        count = sys.getrefcount(module)
-        for _ in range(200):
-            create_module()
-        return [again is module, module.__name__, changed, sys.getrefcount(module) - count]
-
-    same, name, changed, references = isolated.value(create_again)
-    assert same is True
-    assert name == isolated.MODULE
+    module = importlib.import_module(MODULE)
+    before = {name: held for name, held in vars(module).items() if name.startswith("__")}
+    assert create_module("another.modules_util") is module
+    assert module.__name__ == MODULE
+    after = {name: held for name, held in vars(module).items() if name.startswith("__")}
     # The import machinery sets `__spec__`; nothing else changes.
-    assert set(changed) <= {"__spec__"}
-    assert references == 0
+    assert {name for name in after if after[name] is not before.get(name)} <= {"__spec__"}
+    for _ in range(20):
+        create_module()
+    count = sys.getrefcount(module)
+    for _ in range(200):
+        create_module()
+    assert sys.getrefcount(module) == count
 
 
+@isolated.test
 def test_create_slot_after_execution_changes_no_name() -> None:
-    def run_slot_again() -> list[object]:
-        module: Any = importlib.import_module(MODULE)
-        module._CHARSET = module.new_cookie_id = module.__file__ = "rebound"
-        del module.Counters, module.get_token, module.__package__
-        before = dict(vars(module))
-        other = SimpleNamespace(
-            name="another.modules_util",
-            loader="another loader",
-            origin="another file",
-            parent="another package",
-            submodule_search_locations=["another place"],
-        )
-        again = run_create_slot(other)
-        return [
-            again is module,
-            list(vars(module)) == list(before),
-            [name for name, held in vars(module).items() if held is not before[name]],
-        ]
-
-    assert isolated.value(run_slot_again) == [True, True, []]
+    module: Any = importlib.import_module(MODULE)
+    module._CHARSET = module.new_cookie_id = module.__file__ = "rebound"
+    del module.Counters, module.get_token, module.__package__
+    before = dict(vars(module))
+    assert run_create_slot(SimpleNamespace(**WHOLE)) is module
+    assert list(vars(module)) == list(before)
+    assert [name for name, held in vars(module).items() if held is not before[name]] == []
 
 
 @pytest.mark.parametrize("way", ["import", "creation"])
+@isolated.test
 def test_second_creation_restores_functions_only(way: str) -> None:
     """The create slot changes nothing, but CPython then adds the definition's methods again.
 
     A rebound or deleted function is the built-in function again; no other name is restored. The
     import machinery sets `__spec__`.
     """
-
-    def create_again(way: str) -> list[object]:
-        module: Any = importlib.import_module(MODULE)
-        module._CHARSET = module.new_cookie_id = "rebound"
-        del module.Counters, module.get_token
-        before = dict(vars(module))
-        if way == "import":
-            del sys.modules[MODULE]
-            again = importlib.import_module(MODULE)
-        else:
-            again = create_from_spec(SimpleNamespace(name=MODULE, origin="other file"))
-        held = dict(vars(module))
-        added = [name for name in held if name not in before]
-        changed = [name for name in before if name in held and held[name] is not before[name]]
-        kinds = [type(held[name]) for name in [*changed, *added] if name != "__spec__"]
-        return [
-            again is module,
-            [name for name in before if name not in held],
-            added,
-            changed,
-            all(kind is BuiltinFunctionType for kind in kinds),
-            module.new_cookie_id(),
-        ]
-
-    same, removed, added, changed, are_functions, result = isolated.value(create_again, way)
-    assert same is True
-    assert removed == []
-    functions = {row.name for row in FUNCTIONS}
-    assert added == ["get_token"]
-    assert set(changed) - {"__spec__"} == functions - {"get_token"}
-    assert ("__spec__" in changed) is (way != "creation")
-    assert are_functions is True
-    assert result == 0  # of the native service without a simulator
-
-
-def test_creation_after_execution_reads_spec_name_only() -> None:
-    def read_again() -> list[str]:
-        importlib.import_module(MODULE)
-        read = []
-
-        class ImportSpec:
-            def __getattr__(self, name: str) -> str:
-                read.append(name)
-                return MODULE
-
-        create_from_spec(ImportSpec())
-        return read
-
-    assert isolated.value(read_again) == ["name"]
-
-
-def load_in_two_interpreters(in_main_first: str) -> list[Any]:
-    """Creates the module in a second interpreter after `in_main_first` happened in the main one."""
-    import _xxsubinterpreters
-    import os
-    from typing import Any, cast
-
-    interpreters = cast(Any, _xxsubinterpreters)
-    done = []
-    if in_main_first == "import":
-        done.append(importlib.import_module(MODULE).__name__)
-    elif in_main_first == "failed import":
-        sandbox = SiblingSandbox()
-        sandbox.break_("siblings['util.json'] = None")
-        try:
-            importlib.import_module(MODULE)
-        except ImportError as error:
-            done.append(str(error))
-        sandbox.restore()
+    module: Any = importlib.import_module(MODULE)
+    module._CHARSET = module.new_cookie_id = "rebound"
+    del module.Counters, module.get_token
+    before = dict(vars(module))
+    if way == "import":
+        del sys.modules[MODULE]
+        assert importlib.import_module(MODULE) is module
     else:
-        done.append(create_module().__name__)
+        assert create_from_spec(SimpleNamespace(name=MODULE, origin="other file")) is module
+    held = dict(vars(module))
+    assert [name for name in before if name not in held] == []
+    assert [name for name in held if name not in before] == ["get_token"]
+    changed = {name for name in held if held[name] is not before.get(name)}
+    functions = {row.name for row in FUNCTIONS}
+    assert changed == (functions | {"__spec__"} if way == "import" else functions)
+    assert {type(held[name]) for name in functions} == {BuiltinFunctionType}
+    assert module.new_cookie_id() == 0  # of the native service without a simulator
 
+
+@isolated.test
+def test_creation_after_execution_reads_spec_name_only() -> None:
+    importlib.import_module(MODULE)
+    spec = Spec(**WHOLE)
+    create_from_spec(spec)
+    assert spec.names_read == ["name"]
+
+
+# One interpreter for each process
+
+
+def create_in_second_interpreter() -> str:
+    """Create the module in a second interpreter; return what happens there."""
+    import _xxsubinterpreters
+
+    interpreters: Any = _xxsubinterpreters
     read, write = os.pipe()
     interpreters.run_string(
         interpreters.create(),
@@ -362,42 +248,25 @@ def load_in_two_interpreters(in_main_first: str) -> list[Any]:
     """,
     )
     os.close(write)
-    done.append(os.read(read, 1000).decode())
-    return done
+    return os.read(read, 1000).decode()
 
 
-@pytest.mark.parametrize(
-    ("first", "seen"),
-    [
-        ("import", isolated.MODULE),
-        ("creation", isolated.MODULE),
-        ("failed import", "import of util.json halted; None in sys.modules"),
-    ],
-)
-def test_second_interpreter_raises_import_error(first: str, seen: str) -> None:
-    assert isolated.value(load_in_two_interpreters, first) == [
-        seen,
-        f"ImportError: {INTERPRETER_CHANGE}",
-    ]
-
-
-def test_main_interpreter_after_another_raises() -> None:
-    def create_elsewhere_first() -> None:
-        import _xxsubinterpreters
-        from typing import Any, cast
-
-        interpreters = cast(Any, _xxsubinterpreters)
-        interpreters.run_string(
-            interpreters.create(),
-            f"""if True:
-            from importlib.machinery import ExtensionFileLoader
-            from importlib.util import module_from_spec, spec_from_file_location
-            loader = ExtensionFileLoader({MODULE!r}, {str(MODULE_PATH)!r})
-            found = spec_from_file_location({MODULE!r}, {str(MODULE_PATH)!r}, loader=loader)
-            module_from_spec(found)
-        """,
-        )
+@pytest.mark.parametrize("first", ["import", "creation", "failed import"])
+@isolated.test
+def test_second_interpreter_raises_import_error(first: str) -> None:
+    if first == "import":
+        importlib.import_module(MODULE)
+    elif first == "creation":
         create_module()
+    else:
+        sandbox = SiblingSandbox()
+        sandbox.break_("siblings['util.json'] = None")
+        raises_exactly(ModuleNotFoundError, importlib.import_module, MODULE)
+        sandbox.restore()
+    assert create_in_second_interpreter() == f"ImportError: {INTERPRETER_CHANGE}"
 
-    refused = isolated.error(create_elsewhere_first)
-    assert (refused.type, refused.text) == ("ImportError", INTERPRETER_CHANGE)
+
+@isolated.test
+def test_main_interpreter_after_another_raises() -> None:
+    assert create_in_second_interpreter() == f"created {MODULE}"
+    assert str(raises_exactly(ImportError, create_module)) == INTERPRETER_CHANGE

@@ -3,7 +3,6 @@ same tests pass on the workstation and on the MIPS target, which differ in all o
 
 from __future__ import annotations
 
-import ctypes
 import struct
 from types import ModuleType
 
@@ -53,30 +52,6 @@ def test_number_beyond_64_bits_raises_without_native_call(
 def test_float_is_returned_exactly(simulator: Simulator, module: ModuleType, number: float) -> None:
     simulator.set_reply("build_switch_lg_state", RawJSON(repr(number)))
     assert struct.pack(">d", module.list_switch_lg_state()) == struct.pack(">d", number)
-
-
-@pytest.mark.parametrize("sign", [1, -1])
-def test_status_with_any_bit_set_is_failure(
-    simulator: Simulator, module: ModuleType, sign: int
-) -> None:
-    for bit in range(31):
-        simulator.set_reply("gui_chk_cert_expiration", sign * 2**bit)
-        assert module.check_cert_expiration(b"path") is False
-    simulator.set_reply("gui_chk_cert_expiration", -(2**31))
-    assert module.check_cert_expiration(b"path") is False
-
-
-def test_unsigned_long_is_returned_exactly(simulator: Simulator, module: ModuleType) -> None:
-    for bit in range(8 * ctypes.sizeof(ctypes.c_ulong)):
-        simulator.set_reply("aps_get_new_cookie_id", 2**bit)
-        simulator.set_reply("__get_aps_hash", 2**bit)
-        assert module.new_cookie_id() == 2**bit
-        assert module.aps_unsigned_int_hash(b"") == 2**bit
-
-
-def test_cookie_name_shows_largest_hash(simulator: Simulator, module: ModuleType) -> None:
-    simulator.set_reply("__get_aps_hash", 2**32 - 1)
-    assert module.get_cookie_name(True) == "APSCOOKIE_4294967295"
 
 
 # Characters, which may have a sign

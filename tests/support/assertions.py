@@ -59,6 +59,14 @@ def raises_exactly(kind: type[E], function: Callable[..., object], *args: Any, *
     raise AssertionError(f"returned {result!r} instead of raising {kind.__name__}")
 
 
+def fails(kind: type[E], function: Callable[..., object], *args: Any, **kwargs: Any) -> E:
+    """Return the exception of a call of a module function, which leaves one traceback entry."""
+    error = raises_exactly(kind, function, *args, **kwargs)
+    found = entry(error, function.__name__)
+    assert found.line >= found.first_line
+    return error
+
+
 def wrong_type_message(parameter: str, expected: str, value: object) -> str:
     """The message for an argument of the wrong type."""
     given = type(value).__name__

@@ -7,14 +7,16 @@ from typing import Any
 import pytest
 
 from tests.support.doubles import Recorder, RecordingLogger
+from tests.support.module_patch import Patch
 
 
 class FakeCli:
     """Replace the command runner and the logger of `parser`, the module or the reference model."""
 
     def __init__(self, parser: Any, monkeypatch: pytest.MonkeyPatch) -> None:
-        self.parser = parser
-        self.monkeypatch = monkeypatch
+        self.parser, self.monkeypatch = parser, monkeypatch
+        self.patch = Patch(parser, monkeypatch)
+        self.delete = self.patch.delete
         self.run = Recorder(lambda command: "")
         self.logger = RecordingLogger()
         self.patch("get_cli_command_output", self.run)
@@ -23,14 +25,6 @@ class FakeCli:
         self.shared: dict[str, Any] = parser.get_bfd_neighbor("")
         self.shared.clear()
         self.run.calls.clear()
-
-    def patch(self, name: str, value: object) -> None:
-        """Bind a global of the parser to another value."""
-        self.monkeypatch.setattr(self.parser, name, value)
-
-    def delete(self, name: str) -> None:
-        """Delete a global of the parser."""
-        self.monkeypatch.delattr(self.parser, name)
 
     def set_output(self, *lines: object) -> None:
         """Set the output of every command: lines, or one object of any type."""

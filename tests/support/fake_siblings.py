@@ -25,9 +25,7 @@ from tests.support.isolated import MODULE_PATH
 
 POINTER = struct.calcsize("P")
 HEADER_SIZE = object.__basicsize__
-JSON_OBJECT_SIZE = (
-    HEADER_SIZE + 2 * POINTER
-)  # the method table's pointer, the json-c object's pointer
+JSON_OBJECT_SIZE = HEADER_SIZE + 2 * POINTER  # pointers to the vtable and the json-c object
 
 Siblings = dict[str, Optional[ModuleType]]  # None: the import of the name fails
 
@@ -118,16 +116,17 @@ def with_attributes(name: str, **attributes: object) -> ModuleType:
     return copy
 
 
-def _c_pointer(function: Any) -> int:
+def c_function_capsule(function: Any, signature: bytes) -> Any:
+    """Return a capsule with the address of a ctypes function, named by its signature."""
     address = ctypes.cast(function, ctypes.c_void_p).value
     assert address is not None
-    return address
+    return capsule(address, signature)
 
 
 def siblings() -> Siblings:
     """Return a new valid set of everything that the module imports."""
-    path_function = capsule(_c_pointer(_get_preference_cookie_secret_path), b"char *(void)")
-    copy_function = capsule(_c_pointer(_strtcpy), b"int (char *, int, char const *)")
+    path_function = c_function_capsule(_get_preference_cookie_secret_path, b"char *(void)")
+    copy_function = c_function_capsule(_strtcpy, b"int (char *, int, char const *)")
     variable = capsule(ctypes.addressof(_secret_path), b"char *")
     rows: dict[str, dict[str, object]] = {
         "util": {"__path__": []},
@@ -171,12 +170,14 @@ class SiblingSandbox:
 
     def __init__(self) -> None:
         importlib.import_module("veldarin.modules")  # found while the builtins are still right
-        self._right = siblings()
+        self.valid = siblings()
         self._builtins = dict(vars(builtins))
-        install(self._right)
+        self._kept = len(_kept)
+        install(self.valid)
 
     def break_(self, *statements: str) -> None:
         """Install a new set that the statements change."""
+        self._kept = len(_kept)
         broken = siblings()
         for statement in statements:
             names = {**globals(), "siblings": broken, "builtins": builtins, "raiser": raiser}
@@ -186,7 +187,8 @@ class SiblingSandbox:
     def restore(self) -> None:
         """Restore the valid siblings and builtins."""
         vars(builtins).update(self._builtins)
-        install(self._right)
+        install(self.valid)
+        del _kept[self._kept :]  # nothing uses the capsules of the broken set
 
 
 def create_module(name: str = MODULE, path: Path = MODULE_PATH) -> Any:

@@ -1,20 +1,30 @@
-"""Isolated interpreter processes for tests of steps that a process can take only once.
+"""Isolated processes for tests of steps that a process can take only once.
 
-These are imports, failed imports and second interpreters. `run` sends the source of one function to
-a new interpreter, which loads the simulator's library, finds the modules of the staging directory,
-calls the function and returns its value or its exception as JSON.
+These are imports, failed imports and second interpreters. A server process, which has loaded the
+simulator's library and not the module, forks for each request; the fork calls one function, replies
+with its value or its exception as JSON, and ends as any interpreter. A test marked `isolated.test`
+runs there as a whole; `value` and `error` send the source of a function that is part of a test.
+If the process crashes the test fails with its standard error.
 """
 
 from __future__ import annotations
 import __future__
 
+import ast
+import atexit
 import builtins
+import functools
+import gc
 import importlib
 import inspect
 import json
+import os
+import signal
 import subprocess
 import sys
+import tempfile
 import textwrap
+import traceback
 import warnings
 from contextlib import suppress
 from dataclasses import dataclass
@@ -35,7 +45,6 @@ __all__ = [
     "WRONG_PYTHON_MODULE",
     "Entry",
     "Error",
-    "Outcome",
 ]
 
 ROOT = Path(__file__).resolve().parents[2]
@@ -78,14 +87,6 @@ class Error:
         return [entry for entry in self.entries if entry.name == name]
 
 
-@dataclass(frozen=True)
-class Outcome:
-    """The result of an isolated function: its value or its exception."""
-
-    value: Any
-    error: Error | None
-
-
 def encode_exception(error: BaseException) -> dict[str, Any]:
     """Encode an exception with its traceback as JSON data; isolated functions may use it."""
     entries = []
@@ -111,47 +112,76 @@ def encode_exception(error: BaseException) -> dict[str, Any]:
     }
 
 
-def run(function: Callable[..., object], *arguments: object) -> Outcome:
-    """Call `function` in a new interpreter with `arguments`, which must be JSON data.
+def test(function: Callable[..., None]) -> Callable[..., None]:
+    """Run a test in an isolated process; its parameters must be JSON data.
 
-    The function sees the names of this file, of `doubles` and of `fake_siblings`, those of
-    `_names`, and its own imports. If the process crashes the test fails with its standard error.
+    A path arrives as a string.
     """
-    request = {
-        "source": textwrap.dedent(inspect.getsource(function)),
-        "name": function.__name__,
-        "arguments": arguments,
-    }
-    process = subprocess.run(
-        [sys.executable, "-X", "faulthandler", "-m", "tests.support.isolated"],
-        input=json.dumps(request),
-        text=True,
-        capture_output=True,
-        timeout=SECONDS,
-        cwd=ROOT,
+
+    @functools.wraps(function)
+    def isolated_test(**arguments: object) -> None:
+        file = inspect.getfile(function)
+        reply = _request(file=file, name=function.__name__, keywords=arguments)
+        if reply["error"]:
+            raise AssertionError(reply["error"]["report"])
+
+    return isolated_test
+
+
+@functools.lru_cache(maxsize=1)
+def _server() -> subprocess.Popen[str]:
+    """The server of this test process; it ends with its standard input."""
+    command = [sys.executable, "-X", "faulthandler", "-m", "tests.support.isolated"]
+    server = subprocess.Popen(
+        command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, cwd=ROOT
     )
-    assert process.returncode == 0, f"exit status {process.returncode}\n{process.stderr}"
-    reply = json.loads(process.stdout)
-    return Outcome(reply["value"], Error.of(reply["error"]) if reply["error"] else None)
+    atexit.register(server.communicate)
+    return server
+
+
+def _request(**request: Any) -> dict[str, Any]:
+    """Have the server answer a request in a fork that has this process's environment."""
+    server = _server()
+    assert server.stdin is not None
+    assert server.stdout is not None
+    server.stdin.write(json.dumps({"environment": dict(os.environ), **request}, default=str) + "\n")
+    server.stdin.flush()
+    line = server.stdout.readline()
+    if not line:
+        _server.cache_clear()
+        raise AssertionError(f"the server ended with exit status {server.wait()}")
+    reply: dict[str, Any] = json.loads(line)
+    assert reply["status"] == 0, f"wait status {reply['status']}\n{reply['errors']}"
+    return reply
+
+
+def _call_source(function: Callable[..., object], arguments: tuple[object, ...]) -> dict[str, Any]:
+    source = textwrap.dedent(inspect.getsource(function))
+    return _request(source=source, name=function.__name__, arguments=arguments)
 
 
 def value(function: Callable[..., object], *arguments: object) -> Any:
-    """Return the value of `function` in a new interpreter; an exception fails the test."""
-    outcome = run(function, *arguments)
-    assert outcome.error is None, outcome.error
-    return outcome.value
+    """Return the value of `function` in an isolated process; an exception fails the test.
+
+    The arguments must be JSON data. The function sees the names of this file, of `doubles` and of
+    `fake_siblings`, those of `_names`, and its own imports.
+    """
+    reply = _call_source(function, arguments)
+    assert reply["error"] is None, reply["error"]["report"]
+    return reply["value"]
 
 
 def error(function: Callable[..., object], *arguments: object) -> Error:
-    """Return the exception of `function` in a new interpreter; without one the test fails."""
-    outcome = run(function, *arguments)
-    assert outcome.error is not None, f"no exception, but the value {outcome.value!r}"
-    return outcome.error
+    """Return the exception of `function` in an isolated process; without one the test fails."""
+    reply = _call_source(function, arguments)
+    assert reply["error"] is not None, f"no exception, but the value {reply['value']!r}"
+    return Error.of(reply["error"])
 
 
 def _names() -> dict[str, Any]:
-    """The globals of a function in the new interpreter."""
+    """The globals of a function that arrives as source."""
     support = [importlib.import_module(f"tests.support.{n}") for n in ("doubles", "fake_siblings")]
+    support[1].siblings()  # imports the library modules once, for all forks
     shared: list[Any] = [BuiltinFunctionType, ModuleSpec, ModuleType, SimpleNamespace, suppress]
     modules = [builtins, importlib, sys, warnings]
     named = {item.__name__: item for item in (*shared, *modules)}
@@ -165,19 +195,58 @@ def _names() -> dict[str, Any]:
     }
 
 
+@functools.cache
+def _test_file(path: str) -> dict[str, Any]:
+    """The names of a test file, whose assertions are those of pytest."""
+    from _pytest.assertion.rewrite import rewrite_asserts
+
+    source = Path(path).read_bytes()
+    tree = ast.parse(source)
+    rewrite_asserts(tree, source, path)
+    names = {"__name__": Path(path).stem, "__file__": path}
+    exec(compile(tree, path, "exec"), names)
+    return names
+
+
+def _answer(request: dict[str, Any], names: dict[str, Any]) -> dict[str, Any]:
+    """Call the function of a request."""
+    os.environ.clear()
+    os.environ.update(request["environment"])
+    try:
+        if "file" in request:
+            wrapper = _test_file(request["file"])[request["name"]]
+            return {"value": wrapper.__wrapped__(**request["keywords"]), "error": None}
+        flags = __future__.annotations.compiler_flag
+        exec(compile(request["source"], "<isolated>", "exec", flags), names)
+        return {"value": names[request["name"]](*request["arguments"]), "error": None}
+    except BaseException as error:  # also SystemExit and KeyboardInterrupt
+        report = "".join(traceback.format_exception(type(error), error, error.__traceback__))
+        return {"value": None, "error": {**encode_exception(error), "report": report}}
+
+
 def _serve() -> None:
-    """Read a request from standard input, call its function, write a reply to standard output."""
-    request = json.load(sys.stdin)
+    """Fork for each line of standard input, and write a line to standard output."""
     native_library.load()
     names = _names()
-    code = compile(request["source"], "<isolated>", "exec", __future__.annotations.compiler_flag)
-    exec(code, names)
-    reply: dict[str, Any] = {"value": None, "error": None}
-    try:
-        reply["value"] = names[request["name"]](*request["arguments"])
-    except BaseException as error:  # also SystemExit and KeyboardInterrupt
-        reply["error"] = encode_exception(error)
-    json.dump(reply, sys.stdout)
+    for line in sys.stdin:
+        request = json.loads(line)
+        if "file" in request:
+            _test_file(request["file"])  # before the fork, so that the next one has it, too
+        with tempfile.TemporaryFile("w+") as result, tempfile.TemporaryFile("w+") as errors:
+            gc.freeze()  # the collector of the fork skips the server's objects
+            process = os.fork()
+            if process == 0:
+                os.dup2(errors.fileno(), sys.stdout.fileno())
+                os.dup2(errors.fileno(), sys.stderr.fileno())
+                signal.alarm(SECONDS)
+                json.dump(_answer(request, names), result)
+                result.flush()
+                return
+            _, status = os.waitpid(process, 0)
+            result.seek(0)
+            errors.seek(0)
+            reply = json.load(result) if status == 0 else {"errors": errors.read()}
+        print(json.dumps({"status": status, **reply}), flush=True)
 
 
 if __name__ == "__main__":
