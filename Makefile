@@ -40,7 +40,7 @@ check: lint build  ## Lint, and run the module's own tests; for the inner loop
 
 .PHONY: test
 test: bootstrap-browser+lint+callgrind lint build  ## Lint, and run every test
-	$(call build,$(PRESET),benchmark_competitors)
+	$(call build,$(PRESET),benchmark_competitors exhaustive_texts)
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
 .PHONY: build
@@ -106,6 +106,11 @@ sanitize: bootstrap-browser  ## Run every test under the sanitizers, and the par
 	@$(MAKE) PRESET=debug build
 	@$(PYTHON) -m checks.sanitizers $(ARGS)
 
+.PHONY: exhaustive
+exhaustive: bootstrap-test build  ## Compare every short text with Python: minutes on all processors
+	$(call build,$(PRESET),exhaustive_texts)
+	@$(RUN) -m checks.exhaustive $(ARGS)
+
 .PHONY: soak
 soak: bootstrap-bench build  ## Call every function a million times from four threads and check for growth
 	@$(RUN) -m checks.soak $(ARGS)
@@ -130,7 +135,7 @@ build/wheels/complete: CMakeLists.txt pyproject.toml $(shell find veldarin util 
 
 .PHONY: mips
 mips: bootstrap-run bootstrap-mips build/mips/build.ninja  ## Build the module for the appliance's processor
-	$(call build,mips)
+	$(call build,mips,all exhaustive_texts)
 	@cross/mips/verify-elf build/mips/stage/veldarin/modules/modules_util.*.so
 
 .PHONY: mips-test

@@ -1,0 +1,1 @@
+"""Exhaustive checks: every short text, compared with Python."""

@@ -1,0 +1,208 @@
+"""Compare every short text with Python: the text layer with `str`, the parsers with the model.
+
+The text layer gets every text over an alphabet and every alignment; the parsers get every sequence
+of tokens that matter to them, alone and after a header. A mismatch is one line that shows the text.
+"""
+
+from __future__ import annotations
+
+import argparse
+import os
+import sys
+import time
+from collections.abc import Iterator
+from concurrent.futures import ProcessPoolExecutor, as_completed
+from itertools import product
+from typing import Any, Callable, NamedTuple
+
+from tests.support import reference
+from veldarin_simulator import Simulator, native_library
+
+# Blanks, line ends, separators, the first letter of a pattern, NUL, white space of two and of three
+# bytes, a lone surrogate.
+ALPHABET = " \t\n\r:,p\0\xa0\u2028\ud800"
+# What fills a text, and the character at each place of it.
+ALIGNMENTS = tuple(product("p \x80", "p \t\n:\xa0\u2028"))
+
+
+class Tokens(NamedTuple):
+    """A parser's tokens, and the texts that sequences of them follow."""
+
+    function: str
+    arguments: tuple[str, ...]
+    prefixes: tuple[str, ...]
+    tokens: tuple[str, ...]
+
+
+_ROUTING = 'Routing entry for 10.0.0.0/8\n  Known via "static", distance 1, metric 2, best\n'
+_WHITE_SPACE = ("\n", " ", "\t", "\r", "\xa0")
+PARSERS = (
+    Tokens(
+        "get_system_arp_result",
+        (),
+        ("", "Address\n", "Address\n10.0.0.1 0 02:00:00:00:00:01 port1 "),
+        ("Address", "Addres", "10.0.0.1 ", "0 ", "port1", "\xe9", "\0", *_WHITE_SPACE),
+    ),
+    Tokens(
+        "get_routing_table_result",
+        ("10.0.0.1",),
+        ("", _ROUTING, f"{_ROUTING}  Last update 00:00:01 ago\n"),
+        ("Routing", "Routin", "* ", "via port1", "1", ",", "\U0001f600", *_WHITE_SPACE),
+    ),
+    Tokens(
+        "get_bfd_neighbor",
+        ("command",),
+        ("", "objname\n\npeer 10.0.0.1 interface port1\n"),
+        (
+            "peer ",
+            "objname",
+            "Local timers",
+            "Remote timers",
+            "Key",
+            "packets",
+            *":\ud800\n \t\u3000",
+        ),
+    ),
+)
+
+
+class Job(NamedTuple):
+    """Numbers `first` to `last` of one family of cases."""
+
+    family: str
+    length: int
+    first: int
+    last: int
+
+
+class _Log(list[str]):
+    def debug(self, message: str) -> None:
+        """Store a message."""
+        self.append(message)
+
+
+# ------------------------------------------------------------------ one job, in a worker process
+
+
+def _texts() -> Any:
+    """Return the extension module with the comparisons of the text layer."""
+    folder = str(native_library.build_directory() / "checks")
+    if folder not in sys.path:
+        sys.path.insert(0, folder)
+    import exhaustive_texts  # type: ignore[import-not-found]
+
+    return exhaustive_texts
+
+
+def _outcome(function: Callable[..., object], arguments: tuple[str, ...], log: _Log) -> str:
+    log.clear()
+    # get_bfd_neighbor gets a dictionary of its own.
+    sessions: tuple[object, ...] = ({},) if arguments == ("command",) else ()
+    try:
+        result = repr(function(*arguments, *sessions))
+    except Exception as error:
+        result = repr(error)
+    return f"{result} logged {log}"
+
+
+def _check_sequences(parser: Tokens, job: Job, module: Any) -> int:
+    log = _Log()
+    both: tuple[Any, Any] = (module, reference)
+    saved = [(each, each._logger, each.get_cli_command_output) for each in both]
+    functions = [getattr(each, parser.function) for each in both]
+    base = len(parser.tokens)
+    try:
+        for number in range(job.first, job.last):
+            rest, tokens = number, []
+            for _ in range(job.length):
+                rest, digit = divmod(rest, base)
+                tokens.append(parser.tokens[digit])
+            for prefix in parser.prefixes:
+                text = prefix + "".join(tokens)
+                for each in both:
+                    each._logger = log
+                    each.get_cli_command_output = lambda _command, text=text: text
+                actual, expected = (_outcome(each, parser.arguments, log) for each in functions)
+                if actual != expected:
+                    raise AssertionError(
+                        f"{parser.function} of {text!r}: {actual}, expected {expected}"
+                    )
+    finally:
+        for each, logger, run in saved:
+            each._logger, each.get_cli_command_output = logger, run
+    return (job.last - job.first) * len(parser.prefixes)
+
+
+def check(job: Job, module: Any) -> int:
+    """Check the cases of a job and return how many there were.
+
+    Raises:
+        AssertionError: The module and Python differ.
+    """
+    if job.family == "texts":
+        return int(_texts().check_texts(ALPHABET, job.length, job.first, job.last))
+    if job.family == "alignments":
+        pairs = ALIGNMENTS[job.first : job.last]
+        return sum(_texts().check_alignments(fill, other) for fill, other in pairs)
+    (parser,) = (each for each in PARSERS if each.function == job.family)
+    return _check_sequences(parser, job, module)
+
+
+_simulator: Simulator | None = None
+
+
+def _check_in_worker(job: Job) -> int:
+    global _simulator
+    if _simulator is None:
+        _simulator = Simulator(live=False)
+    return check(job, _simulator.module)
+
+
+# ------------------------------------------------------------------ all jobs
+
+
+def jobs(length: int, tokens: int, chunk: int = 200_000) -> Iterator[Job]:
+    """Return the jobs of all texts and all sequences up to these lengths."""
+
+    def split(family: str, base: int, most: int, size: int) -> Iterator[Job]:
+        for each in range(most + 1):
+            for first in range(0, base**each, size):
+                yield Job(family, each, first, min(first + size, base**each))
+
+    for number in range(len(ALIGNMENTS)):
+        yield Job("alignments", 0, number, number + 1)
+    for parser in PARSERS:
+        yield from split(parser.function, len(parser.tokens), tokens, chunk // 20)
+    yield from split("texts", len(ALPHABET), length, chunk)
+
+
+def main() -> int:
+    """Run all jobs in one process for each processor, and return the exit status."""
+    parser = argparse.ArgumentParser(prog="python -m checks.exhaustive", description=__doc__)
+    parser.add_argument("--length", type=int, default=8, help="characters of a text")
+    parser.add_argument("--tokens", type=int, default=6, help="tokens of a sequence")
+    options = parser.parse_args()
+    started = time.monotonic()
+    checked: dict[str, int] = {}
+    all_jobs = list(jobs(options.length, options.tokens))
+    with ProcessPoolExecutor(os.cpu_count()) as pool:
+        running = {pool.submit(_check_in_worker, job): job for job in all_jobs}
+        for done, future in enumerate(as_completed(running), 1):
+            job = running[future]
+            try:
+                checked[job.family] = checked.get(job.family, 0) + future.result()
+            except AssertionError as error:
+                pool.shutdown(wait=False, cancel_futures=True)
+                print(f"\n{job.family}: {error}", file=sys.stderr)
+                return 1
+            if sys.stderr.isatty():
+                share = 100 * done / len(all_jobs)
+                print(f"\r{share:3.0f} %, {sum(checked.values()):,} cases", end="", file=sys.stderr)
+    for family, cases in checked.items():
+        print(f"{family:<26}{cases:>14,} cases, no difference")
+    print(f"{sum(checked.values()):,} cases in {time.monotonic() - started:.0f} s")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
