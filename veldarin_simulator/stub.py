@@ -13,7 +13,11 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
-STUB = Path(__file__).resolve().parents[1] / "veldarin" / "modules" / "modules_util.pyi"
+from veldarin_simulator import native_library
+from veldarin_simulator.extras import explain_missing_package
+
+_ROOT = native_library.INSTALLED / "stage" if native_library.is_installed() else native_library.ROOT
+STUB = _ROOT / "veldarin" / "modules" / "modules_util.pyi"
 
 _HEADING = re.compile(r"^# -{10,} (?P<title>\S.*)\n(?P<text>(?:#.*\n)*)", re.MULTILINE)
 _REEXPORT = re.compile(r"^(?:from \S+ )?import \S+ as (\w+)$", re.MULTILINE)
@@ -200,7 +204,8 @@ def parse(source: str, path: Path = STUB) -> Stub:
     Raises:
         SyntaxError: The text is not Python.
     """
-    import griffe  # slow to import, and most runs of the simulator do not need it
+    with explain_missing_package("the description of the functions"):
+        import griffe  # slow to import, and most runs of the simulator do not need it
 
     module = griffe.visit(path.stem, path, source)
     sections = [Section("", "", 0)]

@@ -1,0 +1,70 @@
+"""pytest plugin: fixtures `simulator` and `veldarin_scenario`, marker `scenario`.
+
+pytest loads it before it collects tests, so that a test file, and the code under test, can import
+`veldarin.modules.modules_util`. `-p no:veldarin_simulator` leaves it out.
+"""
+
+from __future__ import annotations
+
+from collections.abc import Iterator
+from functools import lru_cache
+from pathlib import Path
+
+import pytest
+
+from veldarin_simulator import Scenario, ScenarioError, Simulator, native_library
+from veldarin_simulator.scenario import DEFAULT_SCENARIO
+
+_MARKER = """\
+scenario(folder): the recorded replies of the fixture `simulator`, in a folder relative to the test \
+file; None: no replies"""
+
+
+def pytest_configure(config: pytest.Config) -> None:
+    """Register the marker, and end the run with one line if the library cannot be loaded."""
+    config.addinivalue_line("markers", _MARKER)
+    if _load_error:
+        reason = f"{_load_error} (-p no:veldarin_simulator leaves the simulator out)"
+        raise pytest.UsageError(reason)
+
+
+@pytest.fixture
+def veldarin_scenario(request: pytest.FixtureRequest) -> Scenario:
+    """The scenario of the marker; without one, the default scenario. A project may override it."""
+    marker = request.node.get_closest_marker("scenario")
+    if marker is None:
+        return _default_scenario()
+    if len(marker.args) != 1 or marker.kwargs:
+        pytest.fail("expected one folder: @pytest.mark.scenario(folder)", pytrace=False)
+    (folder,) = marker.args
+    if folder is None:
+        return Scenario()
+    try:
+        return Scenario.load(request.path.parent / folder)
+    except ScenarioError as error:
+        pytest.fail(str(error), pytrace=False)
+
+
+@pytest.fixture
+def simulator(veldarin_scenario: Scenario) -> Iterator[Simulator]:
+    """A new simulator for each test, with the replies of `veldarin_scenario` and no others.
+
+    Services without a reply return null, 0 or "". A reply that fails fails the test.
+    """
+    with Simulator(veldarin_scenario, live=False, track_buffers=False) as simulator:
+        sessions = simulator.shared_sessions
+        sessions.clear()
+        yield simulator
+        sessions.clear()
+
+
+@lru_cache(maxsize=None)
+def _default_scenario() -> Scenario:
+    return Scenario.load(Path(DEFAULT_SCENARIO))
+
+
+_load_error: Exception | None = None
+try:
+    native_library.load()
+except (OSError, RuntimeError) as error:
+    _load_error = error
