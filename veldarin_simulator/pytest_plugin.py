@@ -7,25 +7,27 @@ pytest loads it before it collects tests, so that a test file, and the code unde
 from __future__ import annotations
 
 from collections.abc import Iterator
-from functools import lru_cache
-from pathlib import Path
+from functools import cache
 
 import pytest
 
 from veldarin_simulator import Scenario, ScenarioError, Simulator, native_library
 from veldarin_simulator.scenario import DEFAULT_SCENARIO
 
-_MARKER = """\
-scenario(folder): the recorded replies of the fixture `simulator`, in a folder relative to the test \
-file; None: no replies"""
+_MARKER = "scenario(folder): the folder with the replies of `simulator`, relative to the test file"
+
+_load_error: Exception | None = None
+try:
+    native_library.load()
+except (OSError, RuntimeError) as error:
+    _load_error = error
 
 
 def pytest_configure(config: pytest.Config) -> None:
     """Register the marker, and end the run with one line if the library cannot be loaded."""
     config.addinivalue_line("markers", _MARKER)
     if _load_error:
-        reason = f"{_load_error} (-p no:veldarin_simulator leaves the simulator out)"
-        raise pytest.UsageError(reason)
+        raise pytest.UsageError(f"{_load_error} (-p no:veldarin_simulator runs without it)")
 
 
 @pytest.fixture
@@ -35,21 +37,19 @@ def veldarin_scenario(request: pytest.FixtureRequest) -> Scenario:
     if marker is None:
         return _default_scenario()
     if len(marker.args) != 1 or marker.kwargs:
-        pytest.fail("expected one folder: @pytest.mark.scenario(folder)", pytrace=False)
-    (folder,) = marker.args
-    if folder is None:
-        return Scenario()
+        pytest.fail("expected one folder: @pytest.mark.scenario(FOLDER)", pytrace=False)
     try:
-        return Scenario.load(request.path.parent / folder)
+        return Scenario.load(request.path.parent / marker.args[0])
     except ScenarioError as error:
-        pytest.fail(str(error), pytrace=False)
+        problem = str(error)
+    pytest.fail(problem, pytrace=False)
 
 
 @pytest.fixture
 def simulator(veldarin_scenario: Scenario) -> Iterator[Simulator]:
     """A new simulator for each test, with the replies of `veldarin_scenario` and no others.
 
-    Services without a reply return null, 0 or "". A reply that fails fails the test.
+    Services without a reply return null, 0 or "". A reply that raises fails the test.
     """
     with Simulator(veldarin_scenario, live=False, track_buffers=False) as simulator:
         sessions = simulator.shared_sessions
@@ -58,13 +58,6 @@ def simulator(veldarin_scenario: Scenario) -> Iterator[Simulator]:
         sessions.clear()
 
 
-@lru_cache(maxsize=None)
+@cache
 def _default_scenario() -> Scenario:
-    return Scenario.load(Path(DEFAULT_SCENARIO))
-
-
-_load_error: Exception | None = None
-try:
-    native_library.load()
-except (OSError, RuntimeError) as error:
-    _load_error = error
+    return Scenario.load(DEFAULT_SCENARIO)
