@@ -248,9 +248,7 @@ def other_python() -> str | None:
 
 
 @pytest.mark.skipif(other_python() is None, reason="no other Python with pip is installed")
-def test_pip_of_another_python_refuses_the_wheel(
-    wheels: dict[str, Path], tmp_path: Path
-) -> None:
+def test_pip_of_another_python_refuses_the_wheel(wheels: dict[str, Path], tmp_path: Path) -> None:
     options = ["--no-index", "--no-deps", "--disable-pip-version-check", "--target", str(tmp_path)]
     done = subprocess.run(
         [str(other_python()), "-m", "pip", "install", *options, wheels[SIMULATOR]],
@@ -259,6 +257,9 @@ def test_pip_of_another_python_refuses_the_wheel(
         timeout=60,
     )
     assert done.returncode == 1
-    assert done.stderr == f"ERROR: {wheels[SIMULATOR].name} is not a supported wheel on this platform.\n"
+    assert (
+        done.stderr
+        == f"ERROR: {wheels[SIMULATOR].name} is not a supported wheel on this platform.\n"
+    )
     assert "-cp39-cp39-manylinux" in done.stderr
     assert not [*tmp_path.iterdir()]
