@@ -16,8 +16,6 @@ _EXTRAS = {
     "cryptography": "live",
     "psutil": "live",
     "pyroute2": "live",
-    "griffe": "console",
-    "rich": "console",
     "waitress": "console",
 }
 

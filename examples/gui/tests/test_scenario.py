@@ -5,6 +5,7 @@ from __future__ import annotations
 from typing import Any
 
 import pytest
+
 from veldarin_simulator import Simulator
 
 pytestmark = pytest.mark.scenario("two_ports")
