@@ -144,6 +144,30 @@ def test_live_provider_without_package_names_the_extra(
     assert re.search(rf" needs {package}: pip install 'veldarin-simulator\[live\]'$", output, re.M)
 
 
+def test_console_without_package_is_one_line(base: Environment) -> None:
+    assert base.run("python", "-W", "ignore", "-m", "veldarin_simulator", "console") == (
+        1,
+        "veldarin_simulator: the console needs waitress: "
+        "pip install 'veldarin-simulator[console]'\n",
+    )
+
+
+def test_several_replies_without_package_are_one_error(base: Environment) -> None:
+    status, output = base.run(
+        "python",
+        "-W",
+        "ignore",
+        "-c",
+        "from veldarin_simulator import Simulator\n"
+        "with Simulator() as s:\n"
+        "    s.module.list_switch_port_statistics(None)\n"
+        "    s.module.list_system_link_monitor_status()\n",
+    )
+    assert status == 1
+    assert output.splitlines()[-1].endswith("pip install 'veldarin-simulator[live]'")
+    assert "RuntimeError" not in output
+
+
 def test_import_without_simulator_fails(base: Environment, module_alone: Environment) -> None:
     """The message of the module alone is the dynamic linker's, which the module cannot change."""
     status, output = base.run("python", "-c", IMPORT)
