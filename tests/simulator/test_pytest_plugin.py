@@ -9,6 +9,7 @@ import pytest
 from tests.support.isolated import ROOT
 
 pytest_plugins = ["pytester"]
+pytestmark = pytest.mark.workstation_only("projects run their tests on a workstation")
 
 # `BFD` is an output with one session.
 HEAD = """

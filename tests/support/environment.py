@@ -67,7 +67,7 @@ def uv(*arguments: str | Path) -> str:
     """Run uv without a network."""
     done = subprocess.run(
         [ROOT / "tools" / "uv", "--offline", *arguments],
-        env={**ENVIRONMENT, "PYTHON": sys.executable},
+        env={**os.environ, "PYTHON": sys.executable, "LD_PRELOAD": ""},
         capture_output=True,
         text=True,
         timeout=300,
