@@ -39,7 +39,7 @@ check: lint build  ## Lint, and run the module's own tests; for the inner loop
 	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
 
 .PHONY: test
-test: bootstrap-browser+lint+callgrind lint build  ## Lint, and run every test
+test: bootstrap-browser+lint+callgrind+example lint build wheels  ## Lint, and run every test
 	$(call build,$(PRESET),benchmark_competitors exhaustive_texts)
 	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
 
@@ -125,13 +125,9 @@ callgrind: bootstrap-callgrind build
 	$(call build,$(PRESET),callgrind_tools)
 
 .PHONY: wheels
-wheels: bootstrap-wheels build/wheels/complete  ## Build a wheel of the module in build/wheels
+wheels: bootstrap-wheels  ## Build the wheels of the simulator and of the module
+	@tools/step wheels "building the wheels" packaging/build-wheels
 	@realpath build/wheels/*.whl
-build/wheels/complete: CMakeLists.txt pyproject.toml $(shell find veldarin util migbase cmake -type f)
-	@rm -rf build/wheels
-	@tools/step wheels "building the wheel" \
-		$(PYTHON) -m pip wheel --no-deps --no-build-isolation --wheel-dir build/wheels .
-	@touch $@
 
 .PHONY: mips
 mips: bootstrap-run bootstrap-mips build/mips/build.ninja  ## Build the module for the appliance's processor

@@ -1,9 +1,6 @@
 # add_cython_module(DOTTED.NAME FOLDER): compiles FOLDER/<name as path>.pyx into an extension module
 # under the import root (STAGE). The target has the module's name with "." replaced by "_"; callers can
 # add sources, headers and libraries to it.
-cmake_path(GET Python_EXECUTABLE PARENT_PATH interpreter_folder)
-find_program(CYTHON cython HINTS ${interpreter_folder} REQUIRED NO_DEFAULT_PATH)
-
 function(add_cython_module name folder)
     string(REPLACE "." "/" path ${name})
     string(REPLACE "." "_" target ${name})
@@ -16,7 +13,7 @@ function(add_cython_module name folder)
     file(MAKE_DIRECTORY ${generated_folder})
     add_custom_command(
         OUTPUT ${generated}
-        COMMAND ${CYTHON} -3 --depfile --module-name ${name} --include-dir ${folder}
+        COMMAND ${Python_EXECUTABLE} -m cython -3 --depfile --module-name ${name} --include-dir ${folder}
             --output-file ${generated} ${source}
         WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}  # what the depfile's paths are relative to
         DEPENDS ${source}

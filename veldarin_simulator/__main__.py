@@ -6,6 +6,7 @@ import importlib
 import os
 import sys
 
+from veldarin_simulator import MissingPackageError
 from veldarin_simulator.cli import common
 
 _TOOLS = {
@@ -29,12 +30,14 @@ def main(arguments: list[str]) -> int:
     options = parser.parse_args(arguments)
     if options.tool not in _TOOLS:
         parser.error(f"expected a tool: {', '.join(_TOOLS)}")
-    tool = importlib.import_module(f"veldarin_simulator.cli.{_TOOLS[options.tool][0]}")
     # The terminal's encoding may lack a character of a value.
     sys.stdout.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
     try:
+        tool = importlib.import_module(f"veldarin_simulator.cli.{_TOOLS[options.tool][0]}")
         status: int = tool.main(options.arguments)
         sys.stdout.flush()
+    except MissingPackageError as error:
+        common.fail(str(error), common.EXIT_FAILURE)
     except BrokenPipeError:
         # The reader has closed the pipe; the interpreter's flush at exit must not fail again.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())

@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import json
+from collections.abc import Iterable
 from dataclasses import dataclass, field
-from typing import NamedTuple
+from typing import Any, NamedTuple
 
 from veldarin_simulator.reply import Source
 
@@ -23,6 +25,71 @@ class NativeCall:
     third: int | None = None  # the third pointer of the capture services
     text: bytes | None = None  # the text argument up to its NUL, if the service takes one
     source: Source = field(default="none", compare=False)
+
+    @property
+    def argument(self) -> Any:
+        """The request as a Python value, a command as `str`, or another text as `bytes`."""
+        if self.request is not None:
+            return json.loads(self.request)
+        if self.text is not None and self.service == "get_cli_cmd_output":
+            return self.text.decode("utf-8", "surrogateescape")
+        return self.text
+
+    def __str__(self) -> str:
+        argument = "" if self.argument is None else repr(self.argument)
+        return f"{self.service}({argument})"
+
+
+class Calls(list[NativeCall]):
+    """The calls of one native service, in order, with the assertions of `unittest.mock`.
+
+    Args:
+        service: The service.
+        log: All native calls, which the message of a failing assertion lists.
+    """
+
+    def __init__(self, service: str, log: Iterable[NativeCall]) -> None:
+        self._service = service
+        self._log = list(log)
+        super().__init__(call for call in self._log if call.service == service)
+
+    @property
+    def arguments(self) -> list[Any]:
+        """The argument of each call."""
+        return [call.argument for call in self]
+
+    def assert_not_called(self) -> None:
+        """Raise AssertionError if there was a call."""
+        __tracebackhide__ = True
+        self._check(not self, "no call")
+
+    def assert_called_once(self) -> None:
+        """Raise AssertionError unless there was exactly one call."""
+        __tracebackhide__ = True
+        self._check(len(self) == 1, "one call")
+
+    def assert_called_once_with(self, argument: object) -> None:
+        """Raise AssertionError unless there was exactly one call, with this argument."""
+        __tracebackhide__ = True
+        self._check(self.arguments == [argument], f"one call with {argument!r}")
+
+    def assert_any_call(self, argument: object) -> None:
+        """Raise AssertionError unless one of the calls had this argument."""
+        __tracebackhide__ = True
+        self._check(argument in self.arguments, f"a call with {argument!r}")
+
+    def _check(self, holds: bool, expected: str) -> None:
+        __tracebackhide__ = True
+        if holds:
+            return
+        shown = [call for call in self._log if call.service != "JSONObject.release"]
+        listed = "".join(
+            f"\n{'>' if call.service == self._service else ' '} {call}" for call in shown
+        )
+        raise AssertionError(
+            f"{self._service}: expected {expected}, found {len(self)} "
+            f"{'call' if len(self) == 1 else 'calls'}; native calls:{listed or ' none'}"
+        )
 
 
 class GILProbes(NamedTuple):

@@ -10,15 +10,19 @@ import ctypes
 import json
 import os
 import sys
-from collections.abc import Callable, Iterator
+from collections.abc import Callable, Iterator, Sequence
 from enum import IntEnum
+from importlib.machinery import ModuleSpec, PathFinder
 from pathlib import Path
+from types import ModuleType
 from typing import Any
 
 from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Source
 
 ROOT = Path(__file__).resolve().parent.parent
+# What the wheel installs has the layout of a build: libsimulator.so and the import root stage/.
+INSTALLED = Path(__file__).resolve().parent / "_native"
 SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
 
 
@@ -85,8 +89,15 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
 }
 
 
+def is_installed() -> bool:
+    """Return whether the simulator comes from a wheel, not from a checkout."""
+    return INSTALLED.is_dir()
+
+
 def build_directory() -> Path:
-    """Return the build in use: $MODULES_UTIL_BUILD, or build/release."""
+    """Return the build in use: the wheel's; in a checkout $MODULES_UTIL_BUILD, or build/release."""
+    if is_installed():
+        return INSTALLED
     return ROOT / (os.environ.get("MODULES_UTIL_BUILD") or "build/release")
 
 
@@ -238,11 +249,34 @@ def _check(what: str, reason: bytes | None) -> None:
         raise ValueError(f"{what}: {reason.decode()}")
 
 
+class _StageFinder:
+    """Finds the modules of an import root that no other finder has found.
+
+    A project may have packages of the same names (`veldarin`, `util`): its own modules come first,
+    and this finder adds what they lack.
+    """
+
+    def __init__(self, stage: Path) -> None:
+        self._stage = stage
+        self._packages = {entry.name for entry in stage.iterdir()}
+
+    def find_spec(
+        self, name: str, path: Sequence[str] | None = None, target: ModuleType | None = None
+    ) -> ModuleSpec | None:
+        """Return the spec of a module below the import root, or None."""
+        package, *_ = folders = name.split(".")
+        if package not in self._packages:
+            return None
+        return PathFinder.find_spec(name, [str(self._stage.joinpath(*folders[:-1]))])
+
+
 _loaded: NativeLibrary | None = None
 
 
 def load() -> NativeLibrary:
     """Load the library of the build in use and make the staged modules importable.
+
+    The modules of a wheel come after everything on `sys.path`, those of a build before it.
 
     Raises:
         RuntimeError: Nothing is built, or this process has loaded another build.
@@ -254,7 +288,10 @@ def load() -> NativeLibrary:
         if not (build / "libsimulator.so").is_file() or not stage.is_dir():
             raise RuntimeError(f"the simulator is not built in {build}: run `make build`")
         _loaded = NativeLibrary(build)
-        sys.path.insert(0, str(stage))
+        if is_installed():
+            sys.meta_path.append(_StageFinder(stage))
+        else:
+            sys.path.insert(0, str(stage))
     elif _loaded.build != build:
         raise RuntimeError(f"this process has loaded {_loaded.build}: start another for {build}")
     return _loaded

@@ -13,7 +13,10 @@ from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
-STUB = Path(__file__).resolve().parents[1] / "veldarin" / "modules" / "modules_util.pyi"
+from veldarin_simulator import native_library
+
+_ROOT = native_library.INSTALLED / "stage" if native_library.is_installed() else native_library.ROOT
+STUB = _ROOT / "veldarin" / "modules" / "modules_util.pyi"
 
 _HEADING = re.compile(r"^# -{10,} (?P<title>\S.*)\n(?P<text>(?:#.*\n)*)", re.MULTILINE)
 _REEXPORT = re.compile(r"^(?:from \S+ )?import \S+ as (\w+)$", re.MULTILINE)

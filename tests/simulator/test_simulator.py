@@ -5,9 +5,11 @@ from __future__ import annotations
 import ctypes
 import gc
 import importlib
+import os
 import tracemalloc
 import weakref
 from collections.abc import Iterator
+from contextlib import suppress
 from pathlib import Path
 from typing import Any
 
@@ -344,3 +346,127 @@ def test_second_build_in_a_process_raises(
     monkeypatch.setenv("MODULES_UTIL_BUILD", str(tmp_path))
     with pytest.raises(RuntimeError, match=r"^this process has loaded .*: start another for "):
         native_library.load()
+
+
+def test_forked_process_keeps_the_simulator(simulator: Simulator) -> None:
+    """The child uses and closes its copy; the parent's goes on, with its files."""
+    simulator.set_reply("build_switch_lg_state", lambda request: ["shared"])
+    simulator.secret_path.write_text("0" * 64)
+    module = simulator.module
+    child = os.fork()
+    if child == 0:  # pragma: no cover
+        try:
+            assert module.list_switch_lg_state() == ["shared"]
+            assert len(simulator.calls("build_switch_lg_state")) == 1
+            simulator.close()
+            with Simulator(live=False) as another:
+                assert module.list_switch_lg_state() is None
+                assert len(another.calls("build_switch_lg_state")) == 1
+            os._exit(0)
+        except BaseException:
+            os._exit(1)
+    assert os.waitpid(child, 0)[1] == 0
+    assert simulator.secret_path.exists()
+    assert simulator.calls("build_switch_lg_state") == []
+    assert module.list_switch_lg_state() == ["shared"]
+
+
+def test_reset_makes_the_simulator_new(simulator: Simulator, tmp_path: Path) -> None:
+    own_file = tmp_path / "secret"
+    own_file.write_text("kept")
+    simulator.shared_sessions["left"] = {}
+    simulator.set_reply("build_switch_lg_state", ["old"])
+    simulator.set_reply("build_switch_lldp_state", fail)
+    simulator.set_fixed_reply("aps_get_new_cookie_id", 7)
+    simulator.default_response = RawJSON("[1]")
+    simulator.on_create = simulator.on_release = fail
+    simulator.serial_number = b"ANOTHER"
+    simulator.secret_path.write_text("made by get_token")
+    simulator.secret_path = own_file
+    simulator.record_serializer()
+    with suppress(Exception):
+        simulator.module.list_switch_lldp_state(None)
+    simulator.reset()
+    assert simulator.call_log == []
+    assert simulator.shared_sessions == {}
+    assert simulator.module.list_switch_lg_state() is None
+    assert simulator.module.new_cookie_id() == 0
+    assert simulator.module.serial_number_ascii() != b"ANOTHER"
+    assert [call.service for call in simulator.call_log][:2] == ["build_switch_lg_state", RELEASE]
+    assert simulator.default_response != RawJSON("[1]")
+    assert not simulator.secret_path.exists()
+    assert own_file.read_text() == "kept"
+    simulator.raise_errors()
+
+
+def test_reset_keeps_scenario(build: None) -> None:
+    scenario = Scenario({"build_switch_lg_state.json": b"[1]"})
+    with Simulator(scenario, live=False) as simulator:
+        simulator.use_scenario(Scenario())
+        assert simulator.module.list_switch_lg_state() is None
+        simulator.reset()
+        assert simulator.module.list_switch_lg_state() == [1]
+
+
+def test_shared_sessions_are_those_of_the_module(simulator: Simulator) -> None:
+    simulator.set_reply("get_cli_cmd_output", "header\npeer 192.0.2.1 interface port1\n")
+    sessions = simulator.shared_sessions
+    try:
+        assert simulator.module.get_bfd_neighbor("") is sessions
+        assert simulator.shared_sessions is sessions
+        assert [*sessions] == ["192.0.2.1_port1"]
+        assert len(simulator.call_log) == 1
+    finally:
+        sessions.clear()
+
+
+def test_calls_of_one_service_have_arguments(simulator: Simulator) -> None:
+    module = simulator.module
+    simulator.set_reply("get_cli_cmd_output", "text")
+    module.list_switch_port_statistics("port1")
+    module.get_cli_command_output("get system arp")
+    module.list_switch_port_statistics(None)
+    module.new_cookie_id()
+    module.check_cert_expiration(b"/\xff")
+    assert simulator.calls("build_switch_port_statistics").arguments == [
+        {"port_name": "port1"},
+        {},
+    ]
+    assert simulator.calls("get_cli_cmd_output").arguments == ["get system arp"]
+    assert simulator.calls("aps_get_new_cookie_id").arguments == [None]
+    assert simulator.calls("gui_chk_cert_expiration").arguments == [b"/\xff"]
+    assert simulator.calls("build_switch_lg_state") == []
+    with pytest.raises(ValueError, match="did you mean build_switch_lg_state"):
+        simulator.calls("build_switch_lg_stat")
+
+
+def test_call_assertions_hold_or_name_calls(simulator: Simulator) -> None:
+    module = simulator.module
+    lg_state = simulator.calls(LG_STATE)
+    lg_state.assert_not_called()
+    with pytest.raises(AssertionError, match=r"expected one call, found 0 calls.*: none$"):
+        lg_state.assert_called_once()
+    module.list_switch_port_statistics("port1")
+    module.new_cookie_id()
+    ports = simulator.calls("build_switch_port_statistics")
+    ports.assert_called_once()
+    ports.assert_called_once_with({"port_name": "port1"})
+    ports.assert_any_call({"port_name": "port1"})
+    for check, expected in [
+        (ports.assert_not_called, "no call"),
+        (lambda: ports.assert_called_once_with({}), "one call with {}"),
+        (lambda: ports.assert_any_call({}), "a call with {}"),
+    ]:
+        with pytest.raises(AssertionError) as raised:
+            check()
+        assert str(raised.value) == (
+            f"build_switch_port_statistics: expected {expected}, found 1 call; native calls:\n"
+            "> build_switch_port_statistics({'port_name': 'port1'})\n"
+            "  aps_get_new_cookie_id()"
+        )
+    module.list_switch_port_statistics(None)
+    ports = simulator.calls("build_switch_port_statistics")
+    ports.assert_any_call({})
+    for check in (ports.assert_called_once, lambda: ports.assert_called_once_with({})):
+        with pytest.raises(AssertionError, match="found 2 calls"):
+            check()

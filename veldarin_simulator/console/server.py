@@ -5,12 +5,14 @@ from __future__ import annotations
 import logging
 from typing import Any
 
-from waitress.channel import HTTPChannel
-from waitress.server import create_server
-from waitress.task import ErrorTask
-
 from veldarin_simulator.console.errors import CONTENT_TYPE, ApiError
 from veldarin_simulator.console.security import MAX_BODY_BYTES
+from veldarin_simulator.extras import explain_missing_package
+
+with explain_missing_package("the console"):
+    from waitress.channel import HTTPChannel
+    from waitress.server import create_server
+    from waitress.task import ErrorTask
 
 # The server reads larger bodies to their end, so that the application's 413 reaches the client.
 _MAX_READ_BYTES = 8 * MAX_BODY_BYTES

@@ -7,17 +7,12 @@
 
 from __future__ import annotations
 
+from collections.abc import Callable
+from importlib import import_module
 from typing import Any
 
-from veldarin_simulator.providers import (
-    certificates,
-    cookies,
-    links,
-    multicast,
-    ports,
-    serial_number,
-    storage,
-)
+from veldarin_simulator.extras import explain_missing_package
+from veldarin_simulator.providers import cookies, serial_number
 from veldarin_simulator.providers.cli_commands import CommandRunner
 from veldarin_simulator.providers.sniffer import CONTROLS, SUMMARY, SnifferProfiles
 from veldarin_simulator.reply import Reply
@@ -105,16 +100,27 @@ def _live_replies() -> dict[str, Reply]:
     cipher = cookies.ValueCipher()
     live = {
         "serial_number_ascii": serial_number.read(),
-        "build_system_interface_physical": links.physical_interfaces,
-        "build_system_link_monitor_status": links.link_monitor_status,
-        "build_system_flash_list": storage.flash_list,
-        "build_switch_flapguard_status": links.flap_guard_status,
-        "build_switch_port_statistics": ports.statistics,
-        "build_switch_igmp_snooping_group": multicast.groups,
-        "gui_chk_cert_expiration": certificates.check,
+        "build_system_interface_physical": _provided("links", "physical_interfaces"),
+        "build_system_link_monitor_status": _provided("links", "link_monitor_status"),
+        "build_system_flash_list": _provided("storage", "flash_list"),
+        "build_switch_flapguard_status": _provided("links", "flap_guard_status"),
+        "build_switch_port_statistics": _provided("ports", "statistics"),
+        "build_switch_igmp_snooping_group": _provided("multicast", "groups"),
+        "gui_chk_cert_expiration": _provided("certificates", "check"),
         "aps_get_new_cookie_id": cookies.new_identifier,
         "__get_aps_hash": cookies.text_hash,
         "cookieval_wrap": cipher.wrap,
         "cookieval_unwrap": cipher.unwrap,
     }
     return {service: Reply(reply, "live") for service, reply in live.items()}
+
+
+def _provided(module: str, function: str) -> Callable[[Any], Any]:
+    """Return a provider that is imported when it is called: its packages are optional."""
+
+    def reply(argument: Any) -> Any:
+        with explain_missing_package("this machine's state"):
+            provider = import_module(f"veldarin_simulator.providers.{module}")
+            return getattr(provider, function)(argument)
+
+    return reply

@@ -8,6 +8,7 @@ from __future__ import annotations
 
 from collections.abc import Callable
 
+from veldarin_simulator.extras import explain_missing_package
 from veldarin_simulator.providers import bfd
 from veldarin_simulator.reply import Reply
 from veldarin_simulator.scenario import Scenario
@@ -85,5 +86,6 @@ def _run_live(words: list[str]) -> str | None:
         known = command.split()
         arguments = words[len(known) :]
         if words[: len(known)] == known and count in (None, len(arguments)):
-            return handler(*arguments)
+            with explain_missing_package(f"the live output of {command!r}"):
+                return handler(*arguments)
     return None

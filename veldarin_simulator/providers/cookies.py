@@ -14,6 +14,7 @@ import zlib
 from typing import TYPE_CHECKING
 
 from veldarin_simulator import state_dir
+from veldarin_simulator.extras import explain_missing_package
 
 if TYPE_CHECKING:  # slow to import
     from cryptography.hazmat.primitives.ciphers.aead import AESGCM
@@ -53,9 +54,9 @@ class ValueCipher:
         Raises:
             OSError, ValueError: As in `state_dir.load_or_create_secret`.
         """
+        cipher = self._cipher()
         from cryptography.exceptions import InvalidTag
 
-        cipher = self._cipher()
         try:
             sealed = _decode(wrapped)
             return cipher.decrypt(sealed[:_NONCE_SIZE], sealed[_NONCE_SIZE:], _ASSOCIATED_DATA)
@@ -65,7 +66,8 @@ class ValueCipher:
     def _cipher(self) -> AESGCM:
         if self._aesgcm is None:
             key = state_dir.load_or_create_secret("cookie-key", 32)
-            from cryptography.hazmat.primitives.ciphers.aead import AESGCM
+            with explain_missing_package("the encryption of cookie values"):
+                from cryptography.hazmat.primitives.ciphers.aead import AESGCM
 
             self._aesgcm = AESGCM(key)
         return self._aesgcm

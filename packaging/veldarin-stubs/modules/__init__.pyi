@@ -1,0 +1,1 @@
+# The build adds modules_util.pyi.
