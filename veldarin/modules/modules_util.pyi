@@ -98,8 +98,8 @@ BFDSession = dict[str, str | dict[str, str]]
 """A BFD session.
 
 Its first keys are `neighbor_ip` and `interface`, the second and fourth word of the "peer" line, and
-`name`, those two words joined by "_". A key for each "key: value" line follows in the order of the
-output, among them `local_timers` and `remote_timers`, dictionaries of three strings each.
+`name`, those two words joined by "_". In the order of the output follow a key for each "key: value"
+line, and `local_timers` and `remote_timers`, dictionaries of three strings each.
 
 A key is the text before the colon in lower case, with "_" for each space. A value is the text up to
 the next colon: "Uptime: 0:01:02" gives "0". The word "packets" is removed, the space before it is
