@@ -1,5 +1,8 @@
-"""Calls of every function: successful ones, and one for every failure that a caller, a collaborator
-or the appliance can cause. Other checks repeat each call or let allocations fail within it."""
+"""The cases: successful calls of every function, and a call for every failure that the caller, a
+function that the module calls, or the appliance can cause.
+
+The leak tests and the soak test repeat the calls; fault injection makes their allocations fail.
+"""
 
 from __future__ import annotations
 
@@ -42,10 +45,10 @@ from veldarin_simulator import RawJSON, Simulator
 
 
 class CallCase(NamedTuple):
-    """A call, the exception that it raises, if any, and how the simulator is prepared.
+    """A call, the exception that it raises, if any, and the preparation of the simulator.
 
-    The command line prints `cli`; every query gets `reply`. `patched` has the new values of globals
-    of the module; the value `DELETED` deletes the global.
+    Every command prints `cli`, and every native query returns `reply`. `patched` has new values for
+    globals of the module; the value `DELETED` deletes the global.
     """
 
     function: str
@@ -56,8 +59,8 @@ class CallCase(NamedTuple):
     cli: object = "nothing"  # no table, no session
     reply: object = None
     patched: Mapping[str, Any] = MappingProxyType({})
-    create: int | None = None  # which creation of a JSONObject fails, counted from 0
-    release: int | None = None  # which release of a JSONObject fails
+    create: int | None = None  # the creation of a JSONObject that fails, counted from 0
+    release: int | None = None  # the release of a JSONObject that fails, counted from 0
     before: Callable[[Simulator], object] | None = None  # runs before each call
     suppresses: bool = False  # a context manager of the call suppresses every exception
 
@@ -73,7 +76,7 @@ def argument_cases() -> Iterator[CallCase]:
     """Yield calls of each function with arguments that it rejects."""
     for row in FUNCTIONS:
         required, first = (None,) * row.required, [*row.parameters][:1]
-        yield CallCase(row.name, (1,) * 7, TypeError, "too many arguments")
+        yield CallCase(row.name, (1,) * 7, TypeError, "too many arguments")  # none takes so many
         yield CallCase(row.name, required, TypeError, "unknown keyword", {"other": 1})
         if required:
             yield CallCase(row.name, (), TypeError, "too few arguments")
@@ -141,11 +144,12 @@ def make_secret_directory(simulator: Simulator) -> None:
 def token_case(
     label: str, error: type[BaseException] | None, before: Any = remove_secret, **patched: object
 ) -> CallCase:
+    """Return a case of `get_token`."""
     return CallCase("get_token", (), error, label, patched=patched, before=before)
 
 
 TOKEN_CASES = [
-    token_case("file made", None),
+    token_case("file created", None),
     token_case("file read", None, write_secret),
     token_case("directory in its place", IsADirectoryError, make_secret_directory),
     *(
@@ -186,7 +190,7 @@ TOKEN_CASES = [
 def query_calls(
     label: str, error: type[BaseException] | None = None, cases: Any = QUERY_CASES, **fields: Any
 ) -> list[CallCase]:
-    """Return a case for each query; `fields` may replace the query's own reply."""
+    """Return a call case for each query case; `fields` may replace its reply."""
     return [
         CallCase(
             case.function,
@@ -269,7 +273,7 @@ ARP = """Address Age Hardware Interface
 
 192.0.2.11 1 02:00:00:aa:bb:cd port1 vlan10
 """
-WIDE = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
+WIDE_ARP = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
 CLI_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("bytes_ fails", Failure, {"bytes_": fail}),
     ("bytes_ gives text", TypeError, {"bytes_": lambda text, charset: "text"}),
@@ -294,7 +298,7 @@ def select_lines(text: str, *numbers: int) -> str:
 
 
 def runner_returning(text: object) -> dict[str, Any]:
-    """Patch the command runner so that it returns any object."""
+    """Replace the command runner with a function that returns `text`, any object."""
     return {"get_cli_command_output": lambda command: text}
 
 
@@ -306,7 +310,7 @@ RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("runner deleted", NameError, {"get_cli_command_output": DELETED}),
     ("runner returns an object that is not text", TypeError, runner_returning(ODD_OUTPUT)),
 ]
-# `get_bfd_neighbor` ends differently if the runner returns one of these; BFD_CASES has its cases.
+# Not for `get_bfd_neighbor`, which raises other exceptions for these; BFD_CASES has its cases.
 TABLE_RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("runner gives a number", AttributeError, runner_returning(5)),
     ("runner gives None", AttributeError, runner_returning(None)),
@@ -358,7 +362,7 @@ CLI_CASES = [
         for label, error, patched in CLI_ERRORS
     ),
     CallCase("get_routing_table_result", ("192.0.2.7",), cli=ROUTING),
-    CallCase("get_routing_table_result", (None,), cli=WIDE + ROUTING, label="wide text"),
+    CallCase("get_routing_table_result", (None,), cli=WIDE_ARP + ROUTING, label="wide text"),
     routing("no routes", cli=select_lines(ROUTING, 1, 2, 3)),
     routing("one word", cli=ROUTING + "10.0.0.1, port1"),
     *(
@@ -378,7 +382,7 @@ CLI_CASES = [
         ]
     ),
     arp("", cli=ARP),
-    arp("wide text", cli=WIDE),
+    arp("wide text", cli=WIDE_ARP),
     arp("long words", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n"),
     *(
         arp(f"{text!r}", IndexError, text)
@@ -409,27 +413,27 @@ TWO_SESSIONS = ONE_SESSION + ONE_SESSION.replace("echo\n", "").replace("port1", 
 
 
 def with_sessions(sessions: Any) -> dict[str, Any]:
-    """Patch the query so that it returns `sessions`."""
-    return {"get_bfd_neighbor": lambda *given: sessions, "_logger": NullLogger()}
+    """Replace `get_bfd_neighbor` with a function that returns `sessions`."""
+    return {"get_bfd_neighbor": lambda *arguments: sessions, "_logger": NullLogger()}
 
 
 def with_details(sessions: Any) -> dict[str, Any]:
-    """Patch the query so that it returns SESSIONS as the summary and `sessions` as the details."""
-    return {"get_bfd_neighbor": lambda cmd, *given: sessions if given else SESSIONS, **QUIET}
+    """Replace `get_bfd_neighbor`: the call for the details, with `list_bfd`, returns `sessions`."""
+    return {"get_bfd_neighbor": lambda cmd, *list_bfd: sessions if list_bfd else SESSIONS, **QUIET}
 
 
 def with_copy(deepcopy: Callable[[object], object]) -> dict[str, Any]:
-    """Patch the query, and replace `copy.deepcopy`."""
+    """Replace `get_bfd_neighbor` as above, and `copy.deepcopy`."""
     return {**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=deepcopy)}
 
 
-def delete_query(sessions: object) -> object:
-    """A replacement of `copy.deepcopy` that deletes the query from the module."""
+def delete_get_bfd_neighbor(sessions: object) -> object:
+    """A `copy.deepcopy` that deletes `get_bfd_neighbor` from the module."""
     vars(sys.modules["veldarin.modules.modules_util"]).pop("get_bfd_neighbor", None)
     return sessions
 
 
-def restore_query(simulator: Simulator) -> None:
+def restore_get_bfd_neighbor(simulator: Simulator) -> None:
     vars(simulator.module)["get_bfd_neighbor"] = with_sessions(SESSIONS)["get_bfd_neighbor"]
 
 
@@ -441,12 +445,12 @@ QUIET: dict[str, Any] = {"_logger": NullLogger()}
 def bfd(
     label: str,
     error: type[BaseException] | None = None,
-    given: object = None,
+    list_bfd: object = None,
     cli: object = ONE_SESSION,
     **patched: object,
 ) -> CallCase:
-    """Return a case of `get_bfd_neighbor` with the dictionary `given`, or an empty one."""
-    args = ("c", {} if given is None else given)
+    """Return a case of `get_bfd_neighbor` with `list_bfd`, or an empty dictionary."""
+    args = ("c", {} if list_bfd is None else list_bfd)
     return CallCase("get_bfd_neighbor", args, error, label, cli=cli, patched=patched)
 
 
@@ -475,7 +479,7 @@ BFD_CASES = [
     bfd("logger stops", Stop, cli=TWO_SESSIONS, _logger=StoppingLogger()),
     bfd("logger deleted", NameError, cli=TWO_SESSIONS, _logger=DELETED),
     bfd("no logger", AttributeError, cli=TWO_SESSIONS, _logger=None),
-    bfd("session known", given={NAME: {"old": "1"}}),
+    bfd("session known", list_bfd={NAME: {"old": "1"}}),
     bfd("reading sessions fails", Failure, BrokenMapping()),
     bfd("storing a session fails", Failure, ReadOnlyMapping()),
     bfd("runner gives a list", TypeError, cli="nothing", **runner_returning(["peer"])),
@@ -510,16 +514,16 @@ BFD_CASES = [
     bfd_list("no details", **with_details(None)),
     bfd_list("copy has other keys", **with_copy(lambda sessions: ["x"])),
     bfd_list("iteration of the copy fails", **with_copy(lambda sessions: map(fail, [1]))),
-    bfd_list("query fails", get_bfd_neighbor=fail, **QUIET),
-    bfd_list("query deleted", get_bfd_neighbor=DELETED, **QUIET),
-    bfd_list("query stops", Stop, get_bfd_neighbor=stop),
+    bfd_list("get_bfd_neighbor fails", get_bfd_neighbor=fail, **QUIET),
+    bfd_list("get_bfd_neighbor deleted", get_bfd_neighbor=DELETED, **QUIET),
+    bfd_list("get_bfd_neighbor stops", Stop, get_bfd_neighbor=stop),
     bfd_list("logger stops", Stop, get_bfd_neighbor=fail, _logger=StoppingLogger()),
     bfd_list("logger deleted", NameError, get_bfd_neighbor=fail, _logger=DELETED),
     bfd_list("no output", cli=None, **QUIET),
 ]
 
-# CPython stores a string with characters of one, two or four bytes. Each of these lines changes the
-# width, and the parsers skip it: a line before the table, or the first line of sessions.
+# CPython stores all characters of a string in one, two or four bytes each. Each of these lines sets
+# that width; as the first line of the output it is one that the parsers skip.
 WIDTHS = {"latin": "\u00f6\n", "two bytes": "\u0142\n", "four bytes": "\U0001f600\n"}
 
 
@@ -550,12 +554,16 @@ CASES = [
     *BFD_CASES,
     *(case for case in WIDE_CASES if case.error is None and not case.patched),
 ]
-# Not for fault injection: when allocations fail, wide strings behave like the others; fault
-# injection cannot call the doubles of the two KeyError cases, which raise from C; and the last case
-# changes the module.
+# Not for fault injection: the width of a string makes no difference when an allocation fails; the
+# doubles of the two KeyError cases raise from C, which cannot be exempt; and the last case changes
+# the module.
 REPEATED_ONLY = [
     *(case for case in WIDE_CASES if case.error is not None or case.patched),
     bfd_list("KeyError without arguments", **with_sessions(MissingKeyWithoutArgs())),
     bfd_list("KeyError with two arguments", **with_sessions(MissingKeyWithTwoArgs())),
-    bfd_list("copying deletes the query", before=restore_query, **with_copy(delete_query)),
+    bfd_list(
+        "copying deletes get_bfd_neighbor",
+        before=restore_get_bfd_neighbor,
+        **with_copy(delete_get_bfd_neighbor),
+    ),
 ]
