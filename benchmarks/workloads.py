@@ -30,9 +30,9 @@ class Workload:
         replies: Returns the fixed replies by native service.
         keywords: Names of the last arguments, if they are keyword arguments.
         rows: The number that the figures are divided by.
-        bounds: Maps the name of a figure, such as "lower bound", to the function of the lower-bound
-            module that is measured for it. "rebuild", "rebuild_with_keys" and "deepcopy" get the
-            call's result as their argument, the others the call's arguments.
+        bounds: Maps the name of a figure, such as "lower bound", to the function measured for it:
+            one of the lower-bound module, or "deepcopy". "rebuild…" and "deepcopy" get the call's
+            result, "bridge_with_bytes" the serialized reply, the others the call's arguments.
         clears: Whether to clear the last argument, a dictionary that the call fills, before a call.
         sessions: The number of BFD sessions known from earlier calls.
         raises: The exception that every call raises.
