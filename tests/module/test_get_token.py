@@ -317,7 +317,7 @@ class Steps:
         return self.replies[name]() if name in self.replies else default
 
     def step(self, event: str, name: str, result: object) -> Callable[..., object]:
-        """Return a double that records an event and returns a result, whose name is `name`."""
+        """Return a double that records `event` and returns the result called `name`."""
 
         def function(*args: object) -> object:
             self.note(event, *args)
@@ -419,6 +419,7 @@ STATEMENTS = [
     ["open r", "r: entered", "r: exited"],
     ["line", "secret"],
 ]
+# The steps in the body of a `with`, each with its mode.
 WITH_BODY_STEPS = {**dict.fromkeys(STATEMENTS[3], "w"), **dict.fromkeys(STATEMENTS[5], "r")}
 BODY = {"w": "written", "r": "line"}  # a step in the body of each `with`
 BODY_START = 5  # events of a `with` before those of its body
@@ -487,15 +488,15 @@ def test_failing_body_propagates_when_exit_returns_false(
     assert sys.exc_info() == (None, None, None)
 
 
-@pytest.mark.parametrize("swallowed", [False, True])
-def test_exception_of_caller_stays_handled(steps: Steps, swallowed: bool) -> None:
+@pytest.mark.parametrize("suppressed", [False, True])
+def test_exception_of_caller_stays_handled(steps: Steps, suppressed: bool) -> None:
     outer, error = Failure("being handled by the caller"), LookupError("in the body")
     steps.replies["written"] = raiser(error)
-    steps.replies["w: exited"] = lambda: swallowed
+    steps.replies["w: exited"] = lambda: suppressed
     try:
         raise outer
     except Failure:
-        if swallowed:
+        if suppressed:
             assert steps.get_token() is steps.secret
         else:
             assert fails(LookupError, steps.get_token) is error

@@ -104,7 +104,7 @@ COOKIE_CASES = [
     CallCase("aps_unsigned_int_hash", (b"some\0text",)),
     CallCase("get_cookie_name", ([1],)),
     CallCase("get_cookie_name", ("",)),
-    CallCase("get_cookie_name", (AlwaysRaises(),), Failure, "truth fails"),
+    CallCase("get_cookie_name", (AlwaysRaises(),), Failure, "truth test fails"),
     *(
         CallCase("get_cookie_name", (1,), error, f"{name} {label}", patched={name: value})
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
@@ -165,7 +165,7 @@ TOKEN_CASES = [
         for name in ("is_file", "absolute")
     ),
     token_case("absolute fails on reading", Failure, write_secret, Path=failing_path("absolute")),
-    token_case("truth of is_file fails", Failure, Path=NoTruthValuePath),
+    token_case("truth test of is_file fails", Failure, Path=NoTruthValuePath),
     *(
         token_case(f"{step} fails on writing", Failure, open=failing_open(step, "w"))
         for step in ("enter", "write", "exit")
@@ -175,15 +175,18 @@ TOKEN_CASES = [
         for step in ("enter", "readline", "exit")
     ),
     token_case(
-        "writing fails and is suppressed", None, open=failing_open("write", "w", swallows=True)
+        "writing fails and is suppressed", None, open=failing_open("write", "w", suppresses=True)
     )._replace(suppresses=True),
     token_case(
         *("reading fails and is suppressed", UnboundLocalError),
-        open=failing_open("readline", "r", swallows=True),
+        open=failing_open("readline", "r", suppresses=True),
     )._replace(suppresses=True),
-    token_case("truth of exit fails", Failure, open=lambda path, how: NoTruthValueFile("readline")),
-    token_case("open gives no context manager", AttributeError, open=lambda path, how: None),
-    token_case("hexlify gives no bytes", AttributeError, hexlify=lambda random: "text"),
+    token_case(
+        *("truth test of exit fails", Failure),
+        open=lambda path, how: NoTruthValueFile("readline"),
+    ),
+    token_case("open returns None", AttributeError, open=lambda path, how: None),
+    token_case("hexlify returns a str", AttributeError, hexlify=lambda random: "text"),
 ]
 
 
@@ -227,9 +230,9 @@ QUERY_CALL_CASES = [
     *query_calls("release 1 fails", Failure, release=1),
     *query_calls("json deleted", NameError, patched={"json": DELETED}),
     *query_calls("lookup of loads fails", Failure, patched={"json": AlwaysRaises()}),
-    *query_calls("no JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
+    *query_calls("reply is not JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
     *(
-        CallCase(row.name, (AlwaysRaises(),), Failure, "truth fails")
+        CallCase(row.name, (AlwaysRaises(),), Failure, "truth test fails")
         for row in FUNCTIONS
         if row.parameters and row.required == 0
     ),
@@ -255,7 +258,7 @@ QUERY_CALL_CASES = [
         )
         for label, make in [
             ("comparison fails", lambda: [{"name": AlwaysRaises()}]),
-            ("truth of comparison fails", lambda: [{"name": NoTruthValue()}]),
+            ("truth test of comparison fails", lambda: [{"name": NoTruthValue()}]),
             ("iteration fails", lambda: map(fail, [1])),
         ]
     ),
@@ -276,12 +279,12 @@ ARP = """Address Age Hardware Interface
 WIDE_ARP = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
 CLI_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("bytes_ fails", Failure, {"bytes_": fail}),
-    ("bytes_ gives text", TypeError, {"bytes_": lambda text, charset: "text"}),
+    ("bytes_ returns a str", TypeError, {"bytes_": lambda text, charset: "text"}),
     ("bytes_ deleted", NameError, {"bytes_": DELETED}),
     ("text_ fails", Failure, {"text_": fail}),
-    ("text_ gives a number", AttributeError, {"text_": lambda data, charset: 5}),
+    ("text_ returns an int", AttributeError, {"text_": lambda data, charset: 5}),
     (
-        "text_ gives text of its own",
+        "text_ returns a str whose replace fails",
         Failure,
         {"text_": lambda data, charset: UnreplaceableStr(data)},
     ),
@@ -302,20 +305,20 @@ def runner_returning(text: object) -> dict[str, Any]:
     return {"get_cli_command_output": lambda command: text}
 
 
-# Output whose methods fail, and output whose methods return an object that is not text.
+# Objects with the methods that the parsers call, which fail or do not return a str.
 FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)
 ODD_OUTPUT = SimpleNamespace(split=NullLogger, replace=NullLogger)
 RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("runner fails", Failure, {"get_cli_command_output": fail}),
     ("runner deleted", NameError, {"get_cli_command_output": DELETED}),
-    ("runner returns an object that is not text", TypeError, runner_returning(ODD_OUTPUT)),
+    ("runner returns an object without str results", TypeError, runner_returning(ODD_OUTPUT)),
 ]
 # Not for `get_bfd_neighbor`, which raises other exceptions for these; BFD_CASES has its cases.
 TABLE_RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
-    ("runner gives a number", AttributeError, runner_returning(5)),
-    ("runner gives None", AttributeError, runner_returning(None)),
-    ("runner gives bad bytes", UnicodeDecodeError, runner_returning(b"\xff")),
-    ("runner gives output whose methods fail", Failure, runner_returning(FAILING_OUTPUT)),
+    ("runner returns an int", AttributeError, runner_returning(5)),
+    ("runner returns None", AttributeError, runner_returning(None)),
+    ("runner returns bytes that are not UTF-8", UnicodeDecodeError, runner_returning(b"\xff")),
+    ("runner returns an object whose methods fail", Failure, runner_returning(FAILING_OUTPUT)),
 ]
 
 
@@ -337,7 +340,7 @@ CLI_CASES = [
     CallCase("get_cli_command_output", ("command",), cli="a--More--b\n"),
     CallCase("get_cli_command_output", ("command",), cli="", label="empty output"),
     CallCase("get_cli_command_output", ("ö" * 300,), label="long command"),
-    CallCase("get_cli_command_output", (None,), TypeError, "no command"),
+    CallCase("get_cli_command_output", (None,), TypeError, "None as the command"),
     CallCase("get_cli_command_output", ("\ud800",), UnicodeEncodeError, "unencodable command"),
     CallCase("get_cli_command_output", ("c",), UnicodeDecodeError, "bad output", cli=b"\xff\xfe"),
     *(
@@ -347,12 +350,12 @@ CLI_CASES = [
             patched={"CFunctionError": value},
         )
         for label, error, value in [
-            (", no error class", NameError, DELETED),
-            (", failing class", Failure, fail),
-            (", no exception class", TypeError, str),
-            (", a class that is not an exception", TypeError, lambda message: int),
+            (", error class deleted", NameError, DELETED),
+            (", error class fails", Failure, fail),
+            (", str as the error class", TypeError, str),
+            (", error class returns int", TypeError, lambda message: int),
             ("", Failure, Failure),
-            (", returned exception class", Failure, lambda message: Failure),
+            (", error class returns a class", Failure, lambda message: Failure),
             (", returned class that fails", Failure, lambda message: UnconstructibleException),
             (", returned class without instances", TypeError, lambda message: IntMakingException),
         ]
@@ -482,7 +485,7 @@ BFD_CASES = [
     bfd("session known", list_bfd={NAME: {"old": "1"}}),
     bfd("reading sessions fails", Failure, BrokenMapping()),
     bfd("storing a session fails", Failure, ReadOnlyMapping()),
-    bfd("runner gives a list", TypeError, cli="nothing", **runner_returning(["peer"])),
+    bfd("runner returns a list", TypeError, cli="nothing", **runner_returning(["peer"])),
     bfd("int for the dictionary", TypeError, 5),
     bfd("failing dictionary", Failure, AlwaysRaises()),
     bfd("known session is an int", TypeError, {NAME: 5}),
@@ -491,7 +494,7 @@ BFD_CASES = [
         CallCase("get_bfd_neighbor", ("a",), error, label, patched=patched)
         for label, error, patched in RUNNER_ERRORS
     ),
-    bfd("runner gives a number", TypeError, cli="nothing", **runner_returning(5)),
+    bfd("runner returns an int", TypeError, cli="nothing", **runner_returning(5)),
     bfd("addable output", cli="nothing", **runner_returning(RightAddable(ONE_SESSION))),
     bfd("tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
     bfd("one line", cli="peer", **QUIET),
