@@ -166,7 +166,8 @@ BLOCK_NAME = (
     names[type('Key', (str,), {'__hash__': str.__hash__, '__eq__': fail})('NAME')] = None
     return OSError"""
 )
-# Statements that replace util.errors with a module that lacks the imported name.
+# Statements that replace util.errors with a module that lacks the imported name. The import then
+# looks for a submodule in sys.modules, and reads __spec__._initializing for the message.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
 INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
 BREAK_SUBMODULE = """m.__name__ = 'm'
