@@ -1,4 +1,4 @@
-"""The measured calls, with their native replies and lower bounds, as rows.
+"""The workloads: the measured calls, with their native replies and lower bounds.
 
 Figures are per row of the parsed table, or per call.
 """
@@ -19,7 +19,7 @@ LOWER_BOUND = "lower bound"
 NEW_KEYS = "lower bound, new keys"
 WITH_BYTES = "lower bound, bytes ready"
 
-_SHORT = 100  # calls of a short function
+_SHORT_CALLS = 100  # `calls` of a workload that takes little time
 
 
 @dataclass(frozen=True)
@@ -29,15 +29,18 @@ class Workload:
     Attributes:
         replies: Returns the fixed replies by native service.
         keywords: Names of the last arguments, if they are keyword arguments.
-        rows: The divisor of the figures.
-        bounds: Functions of the lower-bound module by the name of their figures. "rebuild…" and
-            "deepcopy" take the call's result as their argument, the others the call's arguments.
-        clears: The call fills its last argument, a dictionary, which is cleared before every call.
+        rows: The number that the figures are divided by.
+        bounds: Maps the name of a figure, such as "lower bound", to the function measured for it:
+            one of the lower-bound module, or "deepcopy". "rebuild…" and "deepcopy" get the call's
+            result, "bridge_with_bytes" the serialized reply, the others the call's arguments.
+        clears: Whether to clear the last argument, a dictionary that the call fills, before a call.
         sessions: The number of BFD sessions known from earlier calls.
         raises: The exception that every call raises.
-        calls: The smaller of the two numbers of calls under callgrind.
-        compiled_only: The plain Python competitors do not have the parameters or the exception.
-        no_parse: json-c copies a ready text and `loads` is an empty builtin.
+        calls: The number of calls in the shorter of the two runs under callgrind.
+        compiled_only: Whether to leave out the plain Python competitors, whose functions do not
+            have these parameters or this exception.
+        no_parse: Whether to leave out the JSON work: json-c copies a ready text and `loads` is an
+            empty builtin.
     """
 
     name: str
@@ -85,7 +88,7 @@ def routing(rows: int, variant: Variant) -> Workload:
 
 
 def bfd(rows: int, variant: Variant) -> Workload:
-    """Parse BFD sessions; `rows` are lines with a key."""
+    """Parse BFD sessions; a row is a "key: value" line."""
     return Workload(
         f"BFD, {rows:,} key lines, {variant.value}",
         "get_bfd_neighbor",
@@ -137,20 +140,20 @@ def bridge(size: int, label: str, no_parse: bool = False) -> Workload:
         function="list_switch_lg_state",
         replies=lambda: {"build_switch_lg_state": reply()},
         bounds={LOWER_BOUND: "bridge", WITH_BYTES: "bridge_with_bytes"},
-        calls=_SHORT if no_parse or not size else 1,
+        calls=_SHORT_CALLS if no_parse or not size else 1,
         no_parse=no_parse,
     )
 
 
-def query(call: str, function: str, service: str, *arguments: object, **options: Any) -> Workload:
+def query(name: str, function: str, service: str, *arguments: object, **options: Any) -> Workload:
     """Run a status query with arguments and the null reply."""
     return Workload(
-        name=call,
+        name=name,
         function=function,
         replies=lambda: {service: None},
         arguments=arguments,
         **options,
-        calls=_SHORT,
+        calls=_SHORT_CALLS,
         compiled_only=True,
     )
 
@@ -185,12 +188,12 @@ def trivial(function: str, *arguments: object) -> Workload:
         replies=lambda: _COOKIES,
         arguments=arguments,
         bounds={LOWER_BOUND: function, "empty": "empty_one" if arguments else "empty_none"},
-        calls=_SHORT,
+        calls=_SHORT_CALLS,
     )
 
 
 def binding(name: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Workload:
-    """Call a function that takes its arguments in several ways, with nothing to parse."""
+    """Call a function with positional or keyword arguments; the output is empty."""
     return Workload(
         name=f"binding, {name}",
         function="get_bfd_neighbor",
@@ -198,7 +201,7 @@ def binding(name: str, *arguments: object, keywords: tuple[str, ...] = ()) -> Wo
         arguments=arguments,
         keywords=keywords,
         bounds={"empty": "empty_keywords"},
-        calls=_SHORT,
+        calls=_SHORT_CALLS,
         compiled_only=True,
     )
 
@@ -218,7 +221,7 @@ def failing(
         arguments=arguments,
         keywords=keywords,
         raises=error,
-        calls=_SHORT,
+        calls=_SHORT_CALLS,
         compiled_only=True,
     )
 
@@ -226,7 +229,7 @@ def failing(
 Parser = Callable[[int, Variant], Workload]
 PARSERS: tuple[Parser, Parser, Parser] = (arp, routing, bfd)
 SIZES = (1, 10, 30, 100, 1_000, 10_000, 100_000)
-# The size that most thresholds apply to.
+# The size to which most thresholds apply.
 THRESHOLD_SIZE = 1_000
 # Instructions are counted at these sizes. A device has tens of neighbors and a few routes.
 COUNTED_SIZES = (1, 10, 30, THRESHOLD_SIZE)
@@ -245,7 +248,7 @@ LISTING = listing(10)
 OUTPUT = output(100_000, "100 kB")
 TRIVIAL = [
     trivial("new_cookie_id"),
-    trivial("aps_unsigned_int_hash", b"FSW0000000000000"),
+    trivial("aps_unsigned_int_hash", b"SERIAL0000000000"),
     trivial("check_cert_expiration", b"/etc/cert/local/device.cer"),
     trivial("encrypt_cookie", b"0123456789abcdef"),
 ]

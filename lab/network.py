@@ -1,10 +1,10 @@
-"""Builds the lab's network: each node is a set of anonymous namespaces.
+"""Builds the lab's network from nodes, each a set of anonymous namespaces.
 
 A node has its own network, mount and process namespace, held by one init process that waits for the
-end of its standard input, a pipe from this process. No matter how this process ends, the pipe
-closes, the init process exits, and the kernel ends every process of the node and removes its links,
-routes and mounts. No cleanup is needed and nothing is visible outside: links are created inside,
-and configuration, sockets and logs are on tmpfs.
+end of its standard input, a pipe from this process. However this process ends, the pipe closes, the
+init process exits, and the kernel ends every process of the node and removes its links, routes and
+mounts. Nothing is visible outside the node: links are created inside, and configuration, sockets
+and logs are on tmpfs.
 """
 
 from __future__ import annotations
@@ -91,7 +91,7 @@ def wait_until(find_problem: Callable[[], str | None], timeout: float = TIMEOUT)
 
 
 class Node:
-    """A node, in which tools and the module run; `peers` has all nodes by name."""
+    """A node, in which tools and the module run; `peers` has all nodes by name, itself included."""
 
     def __init__(self, name: str, peers: dict[str, Node]) -> None:
         self.name = name
@@ -125,7 +125,7 @@ class Node:
 
     @property
     def agent(self) -> NodeAgent:
-        """The module in the node: one process for the node's life, as on an appliance."""
+        """The process in which the module runs in the node, one for its life as on an appliance."""
         if self._agent is None:
             self._agent = NodeAgent(self.command_prefix)
         return self._agent
@@ -198,7 +198,7 @@ class Network:
             self.nodes.popitem()[1].close()
 
     def set_link(self, link: Link, state: str) -> None:
-        """Bring the first end "up", or take it "down"; the other end then loses its carrier."""
+        """Set the first end "up" or "down"; "down" takes the carrier from the other end."""
         self.nodes[link[0].node].ip(f"link set {link[0].name} {state}")
 
     def add_neighbors(self) -> None:
@@ -235,7 +235,7 @@ class Network:
 
     def _connect(self, one: Port, other: Port) -> None:
         near, far = self.nodes[one.node], self.nodes[other.node]
-        # Does not enter the process namespace, where `far.pid` would name another process.
+        # Not in the process namespace of `near`, where `far.pid` is not the ID of `far`.
         enter = ["nsenter", "-t", str(near.pid), "-n"]
         peer = ["peer", "name", other.name, "netns", str(far.pid)]
         add = ["ip", "link", "add", one.name, "type", "veth", *peer]

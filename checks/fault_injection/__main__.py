@@ -1,6 +1,6 @@
 """Inject a failure at every allocation of every case, and check that every fallible call fails.
 
-The exit status is 1 for a finding and 2 for a usage error.
+The exit status is 1 for a finding or a missing build, and 2 for a usage error.
 """
 
 from __future__ import annotations
@@ -96,10 +96,10 @@ def run_cases(
     injector: FaultInjector, cases: list[AnyCase], options: argparse.Namespace
 ) -> Iterator[CaseResult]:
     """Sweep each case in a process of its own and yield the results as they arrive."""
-    waiting = iter(cases)
+    remaining = iter(cases)
     running: dict[Connection, tuple[AnyCase, int]] = {}
     while True:
-        for case in islice(waiting, options.jobs - len(running)):
+        for case in islice(remaining, options.jobs - len(running)):
             reader, writer = Pipe(duplex=False)
             child = os.fork()
             if child == 0:

@@ -32,8 +32,8 @@ from tests.support.refcounts import tracked_objects
 from veldarin_simulator import LiveObjects, Simulator
 
 REPEATS = 4  # of a call, twice, to measure leaks
-# Globals of the module that are functions of other modules.
-COLLABORATORS = ("text_", "bytes_", "serial_number_ascii", "CFunctionError", "open")
+# Globals of the module that come from other modules and are called.
+IMPORTED_CALLABLES = ("text_", "bytes_", "serial_number_ascii", "CFunctionError", "open")
 QUERIES = ("list_switch", "list_system", "switch_", "get_system_sniffer", "capture_")
 
 NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
@@ -52,7 +52,7 @@ class ExemptPath:
 
 
 class CaseSetup:
-    """A case prepared in this process, which nothing undoes."""
+    """The preparation of a case in this process, which cannot be undone."""
 
     def __init__(
         self, injector: FaultInjector, simulator: Simulator, process_case: ProcessCase
@@ -91,7 +91,7 @@ class CaseSetup:
     def _bind_globals(self) -> None:
         exempt, module, patched = self.injector.exempt, self._module, self.case.patched
         values: dict[str, Any] = {
-            **{name: exempt(getattr(module, name, open)) for name in COLLABORATORS},
+            **{name: exempt(getattr(module, name, open)) for name in IMPORTED_CALLABLES},
             "urandom": exempt(lambda size: bytes(range(size))),
             "json": SimpleNamespace(loads=exempt(module.json.loads)),
             "copy": SimpleNamespace(deepcopy=exempt(module.copy.deepcopy)),
@@ -163,7 +163,7 @@ class CaseSetup:
 
 
 class CallSubject:
-    """A case in this process, for good."""
+    """A case prepared in this process, which cannot be used for another one."""
 
     def __init__(
         self, injector: FaultInjector, process_case: ProcessCase, simulator: Simulator

@@ -1,9 +1,8 @@
 """The import of the module as the subject of a sweep.
 
-The cases create or execute the module with the siblings of tests/support/fake_siblings.py, broken
-by the statements of the case. A failed execution leaves only interned strings behind and can be
-repeated in the same process, so most cases run after a first attempt; some cases are the first
-attempt.
+A case creates or executes the module with the siblings of tests/support/fake_siblings.py, which its
+statements break. A failed execution leaves only interned strings behind and can be repeated in the
+same process. Most cases therefore run after one failed attempt; some are the first attempt.
 """
 
 from __future__ import annotations
@@ -42,7 +41,7 @@ from tests.support.isolated import MODULE, MODULE_PATH, WRONG_PYTHON_MODULE
 
 INIT = f"init {MODULE}"
 NO_LOCK = ("RuntimeError", "can't allocate lock")  # the import system's error for lack of memory
-# Library functions that the execution calls, which are exempt.
+# Library functions that the execution calls, exempt from injected failures.
 EXEMPT = (
     ("logging", "getLogger"),
     ("collections", "namedtuple"),
@@ -52,15 +51,15 @@ EXEMPT = (
 
 
 class ImportCase(NamedTuple):
-    """One step of an import under test: by default, the execution.
+    """One step of an import under test: the execution, unless `spec` or `early_call` is set.
 
     Attributes:
-        statements: Break the siblings.
-        prepare: Called with the module object before the step.
-        spec: The step is the creation from this spec.
-        early_call: The step is a call of this function before the execution.
-        first_attempt: The process has not tried the import before.
-        always_fails: After the preparation every import of the process fails.
+        statements: Statements that break the siblings.
+        prepare: A function that is called with the module object before the step.
+        spec: A function that returns a spec; the step is the creation of the module from it.
+        early_call: A function of the module; the step is its call before the execution.
+        first_attempt: Whether the process has not tried the import before.
+        always_fails: Whether every import of the process fails after the preparation.
     """
 
     label: str
@@ -86,7 +85,7 @@ class ImportCase(NamedTuple):
 WHOLE_SPEC = partial(spec_from_file_location, MODULE, MODULE_PATH)
 MINIMAL_SPEC = partial(SimpleNamespace, name=MODULE, origin=str(MODULE_PATH))  # required attributes
 
-# How many keys a dictionary takes before it grows.
+# The numbers of keys that dictionaries hold before they grow.
 CAPACITIES = [2 * 2**power // 3 for power in range(3, 20)]
 
 
@@ -94,7 +93,7 @@ def fill(names: dict[Any, Any], free: int = 0) -> None:
     """Fill a dictionary until it takes `free` more keys without growing."""
     size = sys.getsizeof(names)
     capacity = 0
-    # Growing it first removes the gaps that deleted keys leave.
+    # Make it grow first, which removes the unused entries of deleted keys.
     while sys.getsizeof(names) == size or capacity - len(names) < free:
         names[f"filler {len(names)}"] = None
         capacity = next(capacity for capacity in CAPACITIES if capacity >= len(names))
@@ -144,7 +143,7 @@ def create_in_subinterpreter(module: Any) -> None:
     )
 
 
-# Replaces util.errors with a module whose __getattr__ does more when the name is imported.
+# Replaces util.errors with a module that runs more code when CFunctionError is imported from it.
 HOOKED = """
 def hook(self, name):
     if name != 'CFunctionError':
@@ -154,10 +153,10 @@ siblings['util.errors'] = type('Errors', (ModuleType,), {'__getattr__': hook})('
 """
 LEAVE_MODULES = HOOKED % "sys.modules.pop(MODULE, None); raise AttributeError(name)"
 LOSE_IMPORT = HOOKED % "vars(builtins).pop('__import__'); return OSError"
-LOSE_NAME = HOOKED % (  # the builtins have one as well
+LOSE_NAME = HOOKED % (  # the lookup of a global continues in the builtins
     "vars(sys.modules[MODULE]).pop('__name__'); vars(builtins).pop('__name__'); return OSError"
 )
-# A key that cannot be compared makes the binding of a name fail. Everything else is imported then.
+# Makes the binding of NAME fail: the module's dictionary has an equal key that cannot be compared.
 BLOCK_NAME = (
     HOOKED
     % """def fail(self, other):
@@ -167,7 +166,8 @@ BLOCK_NAME = (
     names[type('Key', (str,), {'__hash__': str.__hash__, '__eq__': fail})('NAME')] = None
     return OSError"""
 )
-# Statements that replace util.errors with a module that lacks the imported name.
+# Statements that replace util.errors with a module that lacks the imported name. The import then
+# looks for a submodule in sys.modules, and reads __spec__._initializing for the message.
 LACKING = "m = siblings['util.errors'] = ModuleType('util.errors'); "
 INITIALIZING = "m.__spec__ = type('Spec', (), {'_initializing': %s}); m.__file__ = 'file'"
 BREAK_SUBMODULE = """m.__name__ = 'm'
@@ -241,7 +241,7 @@ CASES = [
             ("the module leaves sys.modules", LEAVE_MODULES),
             ("partially initialized sibling", LACKING + INITIALIZING % "True"),
             (
-                "sibling of unknown progress",
+                "sibling whose progress is unknown",
                 LACKING + INITIALIZING % "type('Truth', (), {'__bool__': 5})()",
             ),
             ("sibling without a spec", LACKING + "m.__file__ = 'file'; del m.__spec__"),
@@ -264,7 +264,7 @@ CASES = [
 
 
 class ImportSubject:
-    """An import case in this process, for good."""
+    """An import case prepared in this process, which cannot be used for another one."""
 
     def __init__(self, injector: FaultInjector, case: ImportCase, forks: ForkRunner) -> None:
         self.case = case
@@ -279,9 +279,10 @@ class ImportSubject:
         gc.collect()
         gc.freeze()
         self._baseline, calls = forks.run(self._trace, case)
-        _outcome, usual = forks.run(self._trace, AFTER_FAILURE)
-        # A broken execution is like any other up to the statement that fails.
-        self._first = 1 + count_common(calls, usual) if case.statements else 1
+        # An execution with broken siblings begins like one with valid siblings, which has a case of
+        # its own: sweep only the allocations after that.
+        _outcome, unbroken = forks.run(self._trace, AFTER_FAILURE)
+        self._first = 1 + count_common(calls, unbroken) if case.statements else 1
 
     def first_points(self) -> Iterator[InjectionPoint]:
         """Yield the first allocation to fail, in both failure modes."""

@@ -1,4 +1,4 @@
-"""Cases that need a process of their own, because nothing undoes their preparation."""
+"""Cases that need a process of their own, because their preparation cannot be undone."""
 
 from __future__ import annotations
 

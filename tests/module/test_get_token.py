@@ -58,7 +58,7 @@ class Opener(Recorder):
 
 @pytest.fixture
 def opened(module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> Opener:
-    """The module's `open`."""
+    """An `Opener` in place of the `open` that the module uses."""
     opened = Opener()
     monkeypatch.setattr(module, "open", opened, raising=False)
     return opened
@@ -238,11 +238,11 @@ def test_every_opened_file_is_closed(
     assert [(file.mode, file.closed) for file in opened.files] == [(mode, True) for mode in modes]
 
 
-# The steps, recorded by test doubles of everything that the function calls
+# The calls that the function makes, recorded by doubles
 
 
 class Special:
-    """A special method that records that it is looked up on the type."""
+    """A special method that records its lookup."""
 
     def __init__(self, name: str, method: Callable[..., object]) -> None:
         self.name = name
@@ -259,7 +259,7 @@ class Manager:
     def __init__(self, steps: Steps, label: str) -> None:
         self.steps = steps
         self.label = label
-        # A lookup must not find these: the interpreter looks special methods up on the type.
+        # Never called: the interpreter looks special methods up on the type.
         self.__dict__["__enter__"] = self.__dict__["__exit__"] = raiser(AssertionError("instance"))
 
     def note(self, event: str, *details: object) -> None:
@@ -270,20 +270,22 @@ class Manager:
         write = self.steps.step(f"{self.label}: write", "written", None)
         readline = self.steps.step(f"{self.label}: readline", "line", self.steps.line)
         entered = SimpleNamespace(write=write, readline=readline)  # not the manager itself
-        return self.steps.do(f"{self.label}: entered", entered)
+        return self.steps.result(f"{self.label}: entered", entered)
 
     def _exit(self, *triple: object) -> object:
         self.note("exit", *triple)
-        return self.steps.do(f"{self.label}: exited", False)
+        return self.steps.result(f"{self.label}: exited", False)
 
     __enter__ = Special("__enter__", _enter)
     __exit__ = Special("__exit__", _exit)
 
 
 class Steps:
-    """The module with a recorder for every name that `get_token` looks up.
+    """The module with a double for every name that `get_token` looks up.
 
-    `replies` replaces results, by their names.
+    `events` holds a tuple for each call: its name and its arguments. The result of a call has its
+    own name, such as "written" for "write"; `replies` maps that name to a function that returns
+    another result or raises.
     """
 
     def __init__(self, module: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -311,24 +313,24 @@ class Steps:
     def note(self, *event: object) -> None:
         self.events.append(event)
 
-    def do(self, name: str, result: object) -> object:
-        return self.replies[name]() if name in self.replies else result
+    def result(self, name: str, default: object) -> object:
+        return self.replies[name]() if name in self.replies else default
 
     def step(self, event: str, name: str, result: object) -> Callable[..., object]:
-        """Return a function that records an event and returns the result of this name."""
+        """Return a double that records `event` and returns the result called `name`."""
 
         def function(*args: object) -> object:
             self.note(event, *args)
-            return self.do(name, result)
+            return self.result(name, result)
 
         return function
 
     def open(self, *args: object) -> object:
         self.note("open", *args)
-        return self.do(f"open {args[1]}", Manager(self, str(args[1])))
+        return self.result(f"open {args[1]}", Manager(self, str(args[1])))
 
     def fail_at(self, step: str) -> Entry:
-        """Fail a step, in addition to `replies`; its exception must leave the call unchanged."""
+        """Fail a step; return the traceback entry of the call, whose exception must propagate."""
         error = Failure(step)
         self.replies[step] = raiser(error)
         assert fails(Failure, self.get_token) is error
@@ -337,7 +339,7 @@ class Steps:
 
     @property
     def names(self) -> list[object]:
-        """The events without their details."""
+        """The events without their arguments."""
         return [event[0] for event in self.events]
 
 
@@ -405,10 +407,10 @@ def test_open_is_looked_up_for_each_with(steps: Steps) -> None:
     assert second.positional == [("/absolute", "r")]
 
 
-# A failing step ends the call: its exception propagates unchanged, from the line of the step
+# The exception of a failing step ends the call and propagates unchanged
 
 
-# The steps of each statement, in order of the lines.
+# For each statement, in order: the results of its steps, by name.
 STATEMENTS = [
     ["text", "path"],
     ["is a file"],
@@ -417,8 +419,10 @@ STATEMENTS = [
     ["open r", "r: entered", "r: exited"],
     ["line", "secret"],
 ]
+# The steps in the body of a `with`, each with its mode.
 WITH_BODY_STEPS = {**dict.fromkeys(STATEMENTS[3], "w"), **dict.fromkeys(STATEMENTS[5], "r")}
 BODY = {"w": "written", "r": "line"}  # a step in the body of each `with`
+BODY_START = 5  # events of a `with` before those of its body
 each_mode = pytest.mark.parametrize("mode", BODY)
 
 
@@ -484,22 +488,22 @@ def test_failing_body_propagates_when_exit_returns_false(
     assert sys.exc_info() == (None, None, None)
 
 
-@pytest.mark.parametrize("swallowed", [False, True])
-def test_exception_of_caller_stays_handled(steps: Steps, swallowed: bool) -> None:
+@pytest.mark.parametrize("suppressed", [False, True])
+def test_exception_of_caller_stays_handled(steps: Steps, suppressed: bool) -> None:
     outer, error = Failure("being handled by the caller"), LookupError("in the body")
     steps.replies["written"] = raiser(error)
-    steps.replies["w: exited"] = lambda: swallowed
+    steps.replies["w: exited"] = lambda: suppressed
     try:
         raise outer
     except Failure:
-        if swallowed:
+        if suppressed:
             assert steps.get_token() is steps.secret
         else:
             assert fails(LookupError, steps.get_token) is error
         assert sys.exc_info()[1] is outer
 
 
-def test_suppressed_write_error_goes_on_to_read(steps: Steps) -> None:
+def test_suppressed_write_error_continues_with_read(steps: Steps) -> None:
     truth = CountingBool(True)
     steps.replies["written"] = raiser(Failure())
     steps.replies["w: exited"] = lambda: truth
@@ -521,17 +525,17 @@ def test_suppressed_read_error_raises_unbound_local(steps: Steps, step: str) -> 
 
 
 @each_mode
-@pytest.mark.parametrize("at", ["call", "truth"])
-def test_failing_exit_keeps_body_error_as_context(steps: Steps, mode: str, at: str) -> None:
-    body, leaving = Failure("in the body"), LookupError("while leaving")
-    steps.replies[BODY[mode]] = raiser(body)
+@pytest.mark.parametrize("failing", ["call", "truth test"])
+def test_failing_exit_keeps_body_error_as_context(steps: Steps, mode: str, failing: str) -> None:
+    body_error, exit_error = Failure("in the body"), LookupError("in __exit__")
+    steps.replies[BODY[mode]] = raiser(body_error)
     exits: dict[str, Callable[[], object]] = {
-        "call": raiser(leaving),
-        "truth": lambda: CountingBool(leaving),
+        "call": raiser(exit_error),
+        "truth test": lambda: CountingBool(exit_error),
     }
-    steps.replies[f"{mode}: exited"] = exits[at]
-    assert fails(LookupError, steps.get_token) is leaving
-    assert leaving.__context__ is body
+    steps.replies[f"{mode}: exited"] = exits[failing]
+    assert fails(LookupError, steps.get_token) is exit_error
+    assert exit_error.__context__ is body_error
 
 
 @each_mode
@@ -542,7 +546,7 @@ def test_failing_enter_does_not_call_exit(steps: Steps, mode: str) -> None:
 
 
 def manager_without(name: str) -> type:
-    """A type with one special method; the other is on its instances, where no lookup finds it."""
+    """A type without a special method; only its instances have an attribute of that name."""
     wrong = raiser(AssertionError("called"))
     (other,) = {"__enter__", "__exit__"} - {name}
     return type("Manager", (), {"__init__": lambda self: setattr(self, name, wrong), other: wrong})
@@ -572,7 +576,7 @@ def test_special_method_lookup_error_propagates(steps: Steps, name: str) -> None
     assert fails(Failure, steps.get_token) is error
 
 
-def test_special_method_is_any_callable_of_the_type(steps: Steps) -> None:
+def test_special_method_may_be_any_callable_of_the_type(steps: Steps) -> None:
     """A static method and a callable object are bound like any class attribute."""
     file = io.StringIO("first\nsecond")
     exits = Recorder()
@@ -593,7 +597,10 @@ class FileWithoutMethods:
 
 @pytest.mark.parametrize(
     "mode, method, body_begins",
-    [("w", "write", len(PATH) + 5), ("r", "readline", len(PATH) + len(WRITE) + 5)],
+    [
+        ("w", "write", len(PATH) + BODY_START),
+        ("r", "readline", len(PATH) + len(WRITE) + BODY_START),
+    ],
 )
 def test_file_without_method_raises_attribute_error(
     steps: Steps, mode: str, method: str, body_begins: int
@@ -613,12 +620,12 @@ def test_file_without_method_raises_attribute_error(
     steps.replies[f"{mode}: exited"] = exited
     error = fails(AttributeError, steps.get_token)
     assert str(error) == f"'FileWithoutMethods' object has no attribute '{method}'"
-    ((of_the_exception, handled),) = seen
-    assert of_the_exception is handled
-    assert traceback_entries(handled) == [entry(error, "get_token")]
+    ((own_traceback, traceback),) = seen
+    assert own_traceback is traceback
+    assert traceback_entries(traceback) == [entry(error, "get_token")]
     assert steps.events == [
         *(PATH + WRITE + READ)[:body_begins],
-        (f"{mode}: exit", AttributeError, error, handled),
+        (f"{mode}: exit", AttributeError, error, traceback),
     ]
 
 
@@ -645,11 +652,12 @@ def test_methods_without_get_keep_reference_counts(steps: Steps) -> None:
 
 @pytest.mark.parametrize("name", ["__enter__", "__exit__"])
 @isolated.test
-def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
-    """The file's special method is deleted while it is bound.
+def test_method_deleted_while_bound_stays_alive(name: str) -> None:
+    """The `__get__` of the file's special method deletes the method from the type.
 
-    `getattr` as `__get__` gets the method, the file (a string) as name and the file's type as
-    default; it uses the method again after the deletion.
+    `__get__` is `getattr`, called with the method, the file (a string, hence an attribute name) and
+    the file's type (the default). It calls `__getattribute__`, which deletes the method and raises,
+    and then `__getattr__` of the same method.
     """
     events: list[object] = []
 
@@ -657,7 +665,7 @@ def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
         __get__ = getattr
 
         def __getattribute__(self, file: str) -> Any:
-            events.append("removed")
+            events.append("deleted")
             delattr(type(file), name)
             raise AttributeError(file)
 
@@ -675,7 +683,7 @@ def test_method_removed_by_its_own_get_stays_alive(name: str) -> None:
         module: Any = simulator.module
         module.open = lambda *args: file()
         assert module.get_token() == "line"
-    assert events == ["removed", "bound", "finalized"]
+    assert events == ["deleted", "bound", "finalized"]
     assert name not in vars(file)
 
 

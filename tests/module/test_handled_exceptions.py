@@ -52,7 +52,7 @@ def handle(
     """A call in which the module or the reference model handles one exception."""
     parser, function = request.param.split(".")
     if function == "get_token":
-        opener = failing_open("write", "w", swallows=True)
+        opener = failing_open("write", "w", suppresses=True)
         monkeypatch.setattr(module, "open", opener, raising=False)
         yield module.get_token
         return

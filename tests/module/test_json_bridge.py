@@ -1,5 +1,5 @@
-"""The JSON bridge under every query: the order of the native calls, the result, and the line of
-every statement that fails."""
+"""The JSON bridge, tested with every query: the order of the native calls, the result, and the line
+of every statement that fails."""
 
 from __future__ import annotations
 
@@ -36,26 +36,26 @@ def test_query_releases_request_before_response(query: Query) -> None:
 
 
 @every_native_query
-def test_context_and_third_pointer_are_null(query: Query) -> None:
+def test_context_and_third_argument_are_null(query: Query) -> None:
     query.prepare()
     query.call()
     (call,) = [call for call in query.simulator.call_log if call.service == query.native]
     assert (call.context, call.third, call.text) == (None, None, None)
 
 
-def test_request_gets_dict_and_response_gets_none(query: Query) -> None:
+def test_request_gets_a_dict_and_response_no_argument(query: Query) -> None:
     query.prepare()
-    made = query.simulator.on_create = Recorder()
+    created = query.simulator.on_create = Recorder()
     query.call()
     query.call()
-    arguments = [args for (args,) in made.positional]
+    arguments = [args for (args,) in created.positional]
     assert arguments == [(query.request,), (), (query.request,), ()]
     assert type(arguments[0][0]) is dict
     assert all(value is query.case.arguments[0] for value in arguments[0][0].values())
     assert arguments[0][0] is not arguments[2][0], "a new dictionary for every call"
 
 
-def test_parsed_value_is_returned_itself(query: Query) -> None:
+def test_result_is_the_object_that_loads_returns(query: Query) -> None:
     query.prepare()
     parsed = [{"interface": [{"name": query.request.get("name")}]}]
     loads = Recorder(lambda text: parsed)
@@ -67,7 +67,7 @@ def test_parsed_value_is_returned_itself(query: Query) -> None:
 
 
 @every_query_without_native
-def test_untouched_response_is_none_or_default(query: Query) -> None:
+def test_query_not_wired_returns_initial_response(query: Query) -> None:
     assert query.call() is None
     query.prepare('{"x": 1}')
     assert query.call() == {"x": 1}
@@ -107,18 +107,18 @@ def test_reply_of_each_shape_is_returned(
 @pytest.mark.parametrize(
     "text", ['{"a": 1, "a": 2}', " [1 ,2.50]\n", '"\\u00e9\\ud83d\\ude00"', "[1]\0[2]"]
 )
-def test_loads_gets_rendered_text_up_to_first_nul(
+def test_loads_gets_serialized_reply_up_to_first_nul(
     simulator: Simulator, module: ModuleType, patch: Patch, text: str
 ) -> None:
     loads = Recorder(ujson.loads)
     patch("json", SimpleNamespace(loads=loads))
     simulator.set_reply("build_switch_lg_state", RawJSON(text))
-    rendered, _, _ = text.partition("\0")
-    assert module.list_switch_lg_state() == json.loads(rendered)
-    assert loads.positional == [(rendered.encode(),)]
+    serialized, _, _ = text.partition("\0")
+    assert module.list_switch_lg_state() == json.loads(serialized)
+    assert loads.positional == [(serialized.encode(),)]
 
 
-def test_reply_may_depend_on_request(simulator: Simulator, module: ModuleType) -> None:
+def test_service_gets_the_request_of_each_call(simulator: Simulator, module: ModuleType) -> None:
     simulator.set_reply("build_switch_stp_state", lambda request: {"request": request})
     for instance in (0, 1, "two"):
         assert module.list_switch_stp_state(instance) == {"request": {"instance_id": instance}}
@@ -139,27 +139,27 @@ def test_json_is_looked_up_after_native_call(query: Query) -> None:
     assert query.call() is query.select(parsed)
 
 
-def test_loads_is_looked_up_before_rendering(query: Query) -> None:
+def test_loads_is_looked_up_before_serializing(query: Query) -> None:
     query.prepare()
     query.simulator.record_serializer()
-    calls_at: dict[str, list[tuple[str, Any]]] = {}
+    calls_before: dict[str, list[tuple[str, Any]]] = {}
 
     def loads(text: bytes) -> Any:
-        calls_at["call"] = query.native_calls
+        calls_before["call"] = query.native_calls
         return ujson.loads(text)
 
     class Parser:
         @property
         def loads(self) -> object:
-            calls_at["lookup"] = query.native_calls
+            calls_before["lookup"] = query.native_calls
             return loads
 
     query.patch("json", Parser())
     query.call()
-    rendered = [*query.sent, (SERIALIZER, query.reply)]
-    assert calls_at == {"lookup": query.sent, "call": rendered}
+    serialized = [*query.sent, (SERIALIZER, query.reply)]
+    assert calls_before == {"lookup": query.sent, "call": serialized}
     assert query.native_calls == [
-        *rendered,
+        *serialized,
         ("JSONObject.release", query.request),
         ("JSONObject.release", query.reply),
     ]
@@ -169,7 +169,7 @@ def test_loads_is_looked_up_before_rendering(query: Query) -> None:
 
 
 @pytest.mark.parametrize("missing", ["json", "loads"])
-def test_missing_loads_leaves_reply_unrendered(query: Query, missing: str) -> None:
+def test_missing_loads_leaves_reply_unserialized(query: Query, missing: str) -> None:
     query.prepare()
     query.simulator.record_serializer()
     if missing == "json":
@@ -195,7 +195,7 @@ def test_invalid_json_raises_error_of_parser(query: Query) -> None:
         assert query.native_calls == query.sent
 
 
-# The steps in order, with the statement of each.
+# The steps in order, each with the field of `QueryLines` that has its line.
 STEPS = {
     "request": "request",
     "response": "response",
@@ -237,7 +237,8 @@ def test_failing_step_is_last_and_not_retried(query: Query, failing: str) -> Non
     query.patch("json", Parser())
     query.simulator.on_create = lambda arguments: step("request" if arguments else "response")
     query.simulator.on_release = release
-    if "release" not in failing:  # `on_release` gets JSON text, for which it calls the serializer
+    # For `on_release` a release calls the serializer too, which would add to the log.
+    if "release" not in failing:
         query.simulator.record_serializer()
     assert raises_exactly(Failure, query.call) is error
     (found,) = traceback_entries(error.__traceback__)
@@ -247,5 +248,5 @@ def test_failing_step_is_last_and_not_retried(query: Query, failing: str) -> Non
     assert steps[-1] == failing
     assert released == [query.request, query.reply][: len(released)]
     calls = query.sent if "lookup" in steps else []
-    rendered = [(SERIALIZER, query.reply)] if failing == "loads" else []
-    assert without_releases(query.simulator) == [*calls, *rendered]
+    serialized = [(SERIALIZER, query.reply)] if failing == "loads" else []
+    assert without_releases(query.simulator) == [*calls, *serialized]

@@ -1,7 +1,7 @@
 """The exec slot: its checks, imports and errors, and their order.
 
-Each test runs in an isolated process with the sibling modules of `fake_siblings`, which statements
-break. After the siblings are restored the same process imports the module.
+Each test runs in an isolated process with the sibling modules of `fake_siblings`. Most tests break
+some of them with statements, see the import fail, restore them and import the module again.
 """
 
 from __future__ import annotations
@@ -60,7 +60,6 @@ CALLS = [
     ("collections", "namedtuple", "Counters"),
 ]
 
-
 # The sizes that instances of the imported types have.
 TYPE_SIZES: dict[str, Any] = {
     **{f"builtins.{kind.__name__}": kind.__basicsize__ for kind in (type, bool, complex)},
@@ -93,9 +92,10 @@ def check_import_entry(error: BaseException) -> None:
 
 
 def import_errors(*breaks: list[str]) -> list[BaseException]:
-    """Import with each set of statements that break siblings, then with valid ones.
+    """Import with siblings broken by each set of statements, then with valid ones.
 
-    Returns the errors of the failing imports, after the checks that apply to each of them.
+    Returns:
+        The error of each failing import.
     """
     sandbox = SiblingSandbox()
     errors: list[BaseException] = []
@@ -108,7 +108,7 @@ def import_errors(*breaks: list[str]) -> list[BaseException]:
             except BaseException as error:
                 errors.append(error)
             else:
-                raise AssertionError(f"the import went through: {statements}")
+                raise AssertionError(f"the import succeeded in spite of {statements}")
             finally:
                 sandbox.restore()
         check_import_entry(errors[-1])
@@ -119,13 +119,13 @@ def import_errors(*breaks: list[str]) -> list[BaseException]:
     return errors
 
 
-def kinds_and_texts(*breaks: list[str]) -> list[tuple[str, str]]:
-    """Type and text of the errors of imports that fail."""
+def error_types_and_texts(*breaks: list[str]) -> list[tuple[str, str]]:
+    """Type and text of the errors that `import_errors` returns."""
     return [(type(error).__name__, str(error)) for error in import_errors(*breaks)]
 
 
-# Each statement breaks what one step needs; the rows follow the order of the steps.
 MISSING = "import of {} halted; None in sys.modules"
+# Statement that breaks what one step needs, type and text of the error; in the order of the steps.
 FAILURES = [
     ("del builtins.open", "NameError", "name 'open' is not defined"),
     ("del builtins.range", "NameError", "name 'range' is not defined"),
@@ -160,17 +160,18 @@ FAILURES = [
 
 @isolated.test
 def test_failing_step_fails_import_until_repaired() -> None:
-    assert kinds_and_texts(*([statement] for statement, _kind, _text in FAILURES)) == [
+    assert error_types_and_texts(*([statement] for statement, _kind, _text in FAILURES)) == [
         (kind, text) for _statement, kind, text in FAILURES
     ]
 
 
 @isolated.test
 def test_import_steps_run_in_order() -> None:
-    # All faults together, then one fewer each time; builtins are broken last.
+    # Breaks all steps, then all but the first, and so on: the first broken step must raise. The
+    # statements run in reverse order, because those that break builtins would break the others.
     statements = [statement for statement, _kind, _text in FAILURES]
-    fewer = [statements[first:][::-1] for first in range(len(statements))]
-    assert kinds_and_texts(*fewer) == [(kind, text) for _statement, kind, text in FAILURES]
+    breaks = [statements[first:][::-1] for first in range(len(statements))]
+    assert error_types_and_texts(*breaks) == [(kind, text) for _statement, kind, text in FAILURES]
 
 
 # The imported types
@@ -192,15 +193,16 @@ def test_larger_type_warns_and_import_succeeds(name: str, more: int) -> None:
 
 @isolated.test
 def test_size_warning_as_error_fails_import() -> None:
-    raising = "__import__('warnings').simplefilter('error', RuntimeWarning)"
-    assert kinds_and_texts(*([resized(name, POINTER), raising] for name in TYPE_SIZES)) == [
+    warnings_raise = "__import__('warnings').simplefilter('error', RuntimeWarning)"
+    breaks = [[resized(name, POINTER), warnings_raise] for name in TYPE_SIZES]
+    assert error_types_and_texts(*breaks) == [
         ("RuntimeWarning", size_changed(name, POINTER)) for name in TYPE_SIZES
     ]
 
 
 @isolated.test
 def test_missing_type_or_vtable_raises_interpreter_error() -> None:
-    heir = "type('JSONObject', (siblings['util.json'].JSONObject,), {'__slots__': ()})"
+    subclass = "type('JSONObject', (siblings['util.json'].JSONObject,), {'__slots__': ()})"
     breaks = {
         "siblings['util.json'] = None": ("ModuleNotFoundError", MISSING.format("util.json")),
         "del siblings['util.json'].JSONObject": (
@@ -213,9 +215,9 @@ def test_missing_type_or_vtable_raises_interpreter_error() -> None:
         ),
         "del siblings['util.json'].JSONObject.__pyx_vtable__": ("KeyError", "'__pyx_vtable__'"),
         # the vtable of the base class is not used
-        f"siblings['util.json'].JSONObject = {heir}": ("KeyError", "'__pyx_vtable__'"),
+        f"siblings['util.json'].JSONObject = {subclass}": ("KeyError", "'__pyx_vtable__'"),
     }
-    assert kinds_and_texts(*([statement] for statement in breaks)) == [*breaks.values()]
+    assert error_types_and_texts(*([statement] for statement in breaks)) == [*breaks.values()]
 
 
 @isolated.test
@@ -236,18 +238,24 @@ def test_vtable_that_is_not_a_capsule_fails_import() -> None:
 
 # The C-level imports
 
+# Replaces the key of the item with an equal one whose comparison fails.
+UNCOMPARABLE_KEY = """
+Key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': raiser(OSError('no comparison'))}})
+siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
+"""
+
 
 @each_c_import
 @isolated.test
 def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signature: str) -> None:
-    another = f"siblings['{module}'].__pyx_capi__['other'] = capsule(1, {signature.encode()!r})"
+    add_other = f"siblings['{module}'].__pyx_capi__['other'] = capsule(1, {signature.encode()!r})"
     missing = f"del siblings['{module}'].__pyx_capi__['{item}']"
     errors: list[Any] = import_errors(
         [f"siblings['{module}'] = None"],
         [f"del siblings['{module}'].__pyx_capi__"],
         [missing],
-        [another, missing],  # another name of the same signature does not help
-        [UNEQUAL_KEY.format(module=module, item=item)],
+        [add_other, missing],  # another item of the same signature is not used instead
+        [UNCOMPARABLE_KEY.format(module=module, item=item)],
     )
     assert [(type(error), str(error)) for error in errors] == [
         (ModuleNotFoundError, MISSING.format(module)),
@@ -257,12 +265,6 @@ def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signa
         (OSError, "no comparison"),
     ]
     assert (errors[2].name, errors[2].path) == (None, None)
-
-
-UNEQUAL_KEY = """
-Key = type('Key', (str,), {{'__hash__': str.__hash__, '__eq__': raiser(OSError('no comparison'))}})
-siblings['{module}'].__pyx_capi__ = {{Key('{item}'): 5}}
-"""
 
 
 @each_c_import
@@ -284,14 +286,14 @@ def test_capi_item_of_wrong_signature_fails_import(
     ]
     export = f"siblings['{module}'].__pyx_capi__['{item}'] = "
     wrong = f"C {kind} {module}.{item} has wrong signature (expected {signature}, got "
-    *found, unnamed = kinds_and_texts(
+    *errors, error_of_unnamed = error_types_and_texts(
         *([export + exported] for exported, _got in exported_and_got),
         [export + "capsule(1, None)"],
     )
-    assert found == [("TypeError", f"{wrong}{got})") for _exported, got in exported_and_got]
-    assert unnamed[0] == "TypeError"
-    assert unnamed[1].startswith(wrong)
-    assert "null" not in unnamed[1]
+    assert errors == [("TypeError", f"{wrong}{got})") for _exported, got in exported_and_got]
+    assert error_of_unnamed[0] == "TypeError"
+    assert error_of_unnamed[1].startswith(wrong)
+    assert "null" not in error_of_unnamed[1]
 
 
 @isolated.test
@@ -303,13 +305,13 @@ def test_imported_c_functions_are_called() -> None:
             paths.append(path)
 
         def is_file(self) -> bool:
-            raise OSError("far enough")
+            raise OSError("end of the call")
 
     SiblingSandbox()
     module: Any = importlib.import_module(MODULE)
     module.decrypt_cookie(b"cookie")
     module.Path = Path
-    assert str(raises_exactly(OSError, module.get_token)) == "far enough"
+    assert str(raises_exactly(OSError, module.get_token)) == "end of the call"
     assert fake_siblings.strtcpy_calls == [(7, b"cookie")]
     assert paths == ["/nonexistent/secret"]
 
@@ -330,26 +332,30 @@ def test_missing_name_raises_import_error() -> None:
     for (_module, name), error in zip(FROM_IMPORTS, errors):
         assert type(error) is ImportError
         assert str(error).startswith("cannot import name ")
-        assert name in str(error).split()[3]
+        assert name in str(error).split()[3]  # "cannot import name NAME from ..."
+
+
+def bound_names(module: str, names: tuple[str, ...]) -> tuple[str, ...]:
+    """The names that an import statement binds."""
+    return names or ({"ujson": "json"}.get(module, module),)
 
 
 # The names in the order of the statements that bind them.
-BINDINGS = [name for module, names in IMPORT_STATEMENTS for name in names or (module,)]
-BINDINGS[BINDINGS.index("ujson")] = "json"
+BINDINGS = [name for module, names in IMPORT_STATEMENTS for name in bound_names(module, names)]
 BINDINGS += ["_logger", "_INVALID_INDEX", "_interface_count", "_interface_lock", "_CHARSET"]
 BINDINGS += ["Counters"]
 
 
 def failing_call(module: str, name: str, error: str) -> str:
-    """The statement that makes the call of an imported name raise an error."""
+    """The statement that replaces an imported function with one that raises an error."""
     return f"siblings['{module}'] = with_attributes('{module}', {name}=raiser({error}))"
 
 
 FAILING_STATEMENTS = [
-    # (statement that breaks a step, first name that is not bound then)
+    # (statement that breaks a step, first name that the import then does not bind)
     ("siblings['util.string'] = None", BINDINGS[0]),
     *(
-        (f"siblings['{module}'] = None", {"ujson": "json"}.get(module, (*names, module)[0]))
+        (f"siblings['{module}'] = None", bound_names(module, names)[0])
         for module, names in IMPORT_STATEMENTS
     ),
     *((failing_call(module, name, "OSError()"), result) for module, name, result in CALLS),
@@ -381,26 +387,26 @@ def test_failing_module_level_call_fails_import() -> None:
     breaks = [
         [failing_call(module, name, f"{kind}({text!r})")] for module, name, kind, text in errors
     ]
-    assert kinds_and_texts(*breaks) == [(kind, text) for _module, _name, kind, text in errors]
+    assert error_types_and_texts(*breaks) == [(kind, text) for _module, _name, kind, text in errors]
 
 
-def act_in_import(act: Callable[[], object]) -> None:
-    """Perform the act when the import takes something from `util.errors`, its last sibling."""
+def call_in_import(function: Callable[[], object]) -> None:
+    """Have the import call a function when it gets a name from `util.errors`, its last sibling."""
     SiblingSandbox()
 
     class Errors(ModuleType):
         def __getattr__(self, wanted: str) -> Any:
             if wanted != "CFunctionError":
                 raise AttributeError(wanted)
-            act()
+            function()
             return Exception
 
     sys.modules["util.errors"] = Errors("util.errors")
 
 
-def import_with_other_globals(statement: str) -> Any:
-    """Change the module's globals between its imports and the statements that use them."""
-    act_in_import(lambda: exec(statement, {"module": vars(sys.modules[MODULE])}))
+def import_with_changed_globals(statement: str) -> Any:
+    """Import, and change the module's globals between its imports and the calls that use them."""
+    call_in_import(lambda: exec(statement, {"module": vars(sys.modules[MODULE])}))
     return importlib.import_module(MODULE)
 
 
@@ -411,7 +417,7 @@ COUNTERS = (
 
 
 @pytest.mark.parametrize(
-    ("statement", "name", "made"),
+    ("statement", "name", "expected"),
     [
         ("module['getLogger'] = lambda *given: given", "_logger", (MODULE,)),
         ("module['getLogger'], module['__name__'] = str, 'renamed'", "_logger", "renamed"),
@@ -422,15 +428,18 @@ COUNTERS = (
     ],
 )
 @isolated.test
-def test_module_level_calls_read_current_globals(statement: str, name: str, made: object) -> None:
-    held = getattr(import_with_other_globals(statement), name)
-    assert held == (tuple(made) if isinstance(made, list) else made)  # parameters are JSON data
+def test_module_level_calls_read_current_globals(
+    statement: str, name: str, expected: object
+) -> None:
+    if isinstance(expected, list):  # a tuple, which arrives here as JSON
+        expected = tuple(expected)
+    assert getattr(import_with_changed_globals(statement), name) == expected
 
 
 @pytest.mark.parametrize("name", [name for _module, name, _result in CALLS])
 @isolated.test
 def test_deleted_global_raises_name_error_in_import(name: str) -> None:
-    error = raises_exactly(NameError, import_with_other_globals, f"del module['{name}']")
+    error = raises_exactly(NameError, import_with_changed_globals, f"del module['{name}']")
     assert str(error) == f"name '{name}' is not defined"
     check_import_entry(error)
 
@@ -441,7 +450,7 @@ def test_execution_binds_new_functions() -> None:
     module = create_module("another.modules_util")
     before = dict(vars(module))
     module.__loader__.exec_module(module)
-    functions = [name for name, held in before.items() if isinstance(held, BuiltinFunctionType)]
+    functions = [name for name, value in before.items() if isinstance(value, BuiltinFunctionType)]
     assert len(functions) == 30
     for name in functions:
         function = vars(module)[name]
@@ -477,8 +486,8 @@ def test_second_module_execution_raises_and_first_stays() -> None:
 @pytest.mark.parametrize("act", ["execute", "create", "execute another"])
 @isolated.test
 def test_nested_execution_or_creation_changes_nothing(act: str) -> None:
-    early = create_module()  # before any execution, so another object
-    acts: list[bool] = []
+    early = create_module()  # before any execution, so the import creates another object
+    unchanged: list[bool] = []
 
     def nested() -> None:
         module: Any = sys.modules[MODULE]
@@ -489,13 +498,13 @@ def test_nested_execution_or_creation_changes_nothing(act: str) -> None:
             assert create_module() is module
         else:
             check_rejected(early)
-        acts.append(vars(module) == before)
+        unchanged.append(vars(module) == before)
 
-    act_in_import(nested)
+    call_in_import(nested)
     module: Any = importlib.import_module(MODULE)
     assert module is not early
     assert module.__test__ == {}
-    assert acts == [True]
+    assert unchanged == [True]
     assert not hasattr(early, "__builtins__")
 
 
@@ -509,7 +518,7 @@ def test_second_execution_changes_nothing() -> None:
     sys.modules["ujson"] = None  # type: ignore[assignment]
     exec_module(module)
     assert list(vars(module)) == list(before)
-    assert all(held is before[name] for name, held in vars(module).items())
+    assert all(value is before[name] for name, value in vars(module).items())
 
 
 @pytest.mark.parametrize("way", ["reload", "import after it left sys.modules"])
@@ -588,7 +597,7 @@ def test_matching_python_version_gives_no_warning() -> None:
 @pytest.mark.parametrize(
     ("version", "warned"),
     [
-        (None, ["3.1"]),
+        (None, ["3.1"]),  # the default of the variant is 3.10
         ("4.9.0", ["4.9"]),
         ("3.9.0", []),
         ("3x9 what follows", []),
@@ -609,7 +618,7 @@ def test_version_check_compares_two_characters(version: str | None, warned: list
         (RuntimeWarning, VERSION_TEXT.format(found)) for found in warned
     ]
     assert module._CHARSET == "utf-8"
-    for warning in caught:  # points at the importing code
+    for warning in caught:  # its place is the Python code that executes the module
         code = exec_module.__code__
         assert warning.filename == code.co_filename
         assert warning.lineno > code.co_firstlineno

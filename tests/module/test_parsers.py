@@ -1,5 +1,5 @@
-"""What the three parsers of command output have in common: how they run the command and decode its
-output, blank lines, malformed output, output that is not a string, and the lines of statements."""
+"""The behavior that the three parsers of command output share: how they run the command and decode
+its output, blank lines, malformed output, output that is not a string, and traceback lines."""
 
 from __future__ import annotations
 
@@ -19,13 +19,14 @@ from tests.support.assertions import (
 )
 from tests.support.doubles import Failure, OwnMethodsStr, Recorder, raiser
 from tests.support.fake_cli import FakeCli
+from tests.support.query_cases import CAPTURE
 from veldarin_simulator import Simulator
 
 BFD, ROUTING, ARP = "get_bfd_neighbor", "get_routing_table_result", "get_system_arp_result"
 
 
 class Sample(NamedTuple):
-    """Output that a parser accepts: the lines before and in its table, and the result."""
+    """Output that a parser accepts: the lines above its table and those in it, and the result."""
 
     before: list[str]
     table: list[str]
@@ -36,6 +37,7 @@ class Sample(NamedTuple):
         return "\n".join([*self.before, *self.table])
 
 
+# Each sample has a character that is not ASCII, so that the decoding matters.
 SAMPLES = {
     BFD: Sample(
         ["echo", "peer A is B"],
@@ -92,7 +94,7 @@ def assert_parses(parser: Any, function: str) -> None:
 @every_parser
 @pytest.mark.parametrize("name", ["get_cli_command_output", "text_"])
 @pytest.mark.parametrize("kind", [Failure, KeyboardInterrupt])
-def test_runner_or_decoder_error_propagates_unlogged(
+def test_error_of_runner_or_text_propagates_unlogged(
     cli: FakeCli, function: str, name: str, kind: type[BaseException]
 ) -> None:
     error = kind()
@@ -111,8 +113,8 @@ def test_missing_global_raises_name_error(cli: FakeCli, function: str, name: str
 
 
 @every_parser
-def test_parser_looks_names_up_in_statement_order(cli: FakeCli, function: str) -> None:
-    """text_(get_cli_command_output(command), _CHARSET): first text_, last _CHARSET."""
+def test_text_is_looked_up_first_and_charset_last(cli: FakeCli, function: str) -> None:
+    """The statement is text_(get_cli_command_output(command), _CHARSET)."""
     output, character_set = object(), object()
 
     def run(command: str) -> object:
@@ -135,7 +137,7 @@ def test_bytes_output_is_decoded(cli: FakeCli, function: str) -> None:
 
 
 @every_parser
-def test_parser_reads_characters_of_str_subclass(native_cli: FakeCli, function: str) -> None:
+def test_str_subclass_methods_are_not_called(native_cli: FakeCli, function: str) -> None:
     called: list[str] = []
     output = OwnMethodsStr(SAMPLES[function].output, called)
     native_cli.patch("text_", lambda value, encoding: output)
@@ -146,7 +148,7 @@ def test_parser_reads_characters_of_str_subclass(native_cli: FakeCli, function: 
 @every_parser
 def test_native_output_is_parsed(simulator: Simulator, module: ModuleType, function: str) -> None:
     sample = SAMPLES[function]
-    # A carriage return at the end of a header line would become part of a session's name.
+    # Only the table has carriage returns: one in a header line would be part of a session's name.
     output = "\n".join(sample.before) + "\n--More--" + "\r\n".join([*sample.table, ""])
     simulator.set_reply("get_cli_cmd_output", output)
     assert_parses(module, function)
@@ -197,21 +199,17 @@ def test_blank_lines_are_skipped(cli: FakeCli, function: str, blank: str) -> Non
 ENTRY = "Routing entry for 192.0.2.0/24\n"
 INFO = "  Known via static, distance 10, metric 0, best\n"
 BLOCK = f"{ENTRY}{INFO}  Last update 01:02:03 ago\n"
-# The statements of each parser in order, with the outputs that fail at them.
+# For each statement of a parser, in order: outputs that make it fail.
 MALFORMED = {
     ROUTING: {
-        "header": [
-            *("", "nothing", "routing\nx Routing\nR outing\n", "Rou\nting", "\u0131"),
-        ],
+        "header": ["", "nothing", "routing\nx Routing\nR outing\n", "Rou\nting", "\u0131"],
         "entry": ["Routing", "Routing entry for", f"  Routing  \n{INFO}", "Routing a b\n c"],
         "info": [ENTRY[:-1], f"x\n{ENTRY[:-1]}"],
         "distance": [
             ENTRY + info for info in ("", "one", "a,one,b c,d\n", "a,,b c,d\n", "a, \u2028x\x1f ,b")
         ],
         "metric": [ENTRY + info for info in ("a,b c", "a,b c,one", "a,b c,,d\na b c")],
-        "lastUpdate": [
-            *(ENTRY + INFO[:-1], ENTRY + INFO, f"{ENTRY}{INFO}a b", f"{ENTRY}a,b c,d e"),
-        ],
+        "lastUpdate": [ENTRY + INFO[:-1], ENTRY + INFO, f"{ENTRY}{INFO}a b", f"{ENTRY}a,b c,d e"],
         "other": [f"{ENTRY}a,b c,d e\na b c", f"{ENTRY}a,b c,d e\na b c\nx"],
         "ip": [BLOCK + hops for hops in (",b", ", ", "\x1f,b", "a,b\n\n ,x")],
         "interface field": [BLOCK + hops for hops in ("a", "a b c", "a,b\n--More--", ENTRY)],
@@ -234,7 +232,7 @@ MALFORMED = {
         for statement, outputs in statements.items()
     ],
 )
-def test_malformed_output_fails_at_line_of_statement(
+def test_malformed_output_fails_at_its_statement(
     cli: FakeCli, function: str, outputs: list[str]
 ) -> None:
     failed_at = set()
@@ -249,7 +247,7 @@ def test_malformed_output_fails_at_line_of_statement(
 
 
 def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
-    lines = [375]
+    lines = [CAPTURE.second_release]  # the last line before the first of these parsers
     for function, statements in MALFORMED.items():
         errors: list[BaseException] = []
         with native_cli.monkeypatch.context() as patch:
@@ -281,10 +279,7 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
         (BFD, ["peer"], TypeError, 'can only concatenate str (not "list") to str'),
         (BFD, {"peer": 1}, TypeError, 'can only concatenate str (not "dict") to str'),
         (BFD, ("peer", "objname"), AttributeError, "'tuple' object has no attribute 'split'"),
-        pytest.param(
-            *(BFD, {"peer", "objname"}, AttributeError, "'set' object has no attribute 'split'"),
-            id="set",  # whose order varies
-        ),
+        (BFD, {"peer", "objname"}, AttributeError, "'set' object has no attribute 'split'"),
         *(
             (function, make(b"peer Routing Address"), TypeError, message)
             for function in SAMPLES

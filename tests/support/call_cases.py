@@ -1,5 +1,8 @@
-"""Calls of every function: successful ones, and one for every failure that a caller, a collaborator
-or the appliance can cause. Other checks repeat each call or let allocations fail within it."""
+"""The cases: successful calls of every function, and a call for every failure that the caller, a
+function that the module calls, or the appliance can cause.
+
+The leak tests and the soak test repeat the calls; fault injection makes their allocations fail.
+"""
 
 from __future__ import annotations
 
@@ -42,10 +45,10 @@ from veldarin_simulator import RawJSON, Simulator
 
 
 class CallCase(NamedTuple):
-    """A call, the exception that it raises, if any, and how the simulator is prepared.
+    """A call, the exception that it raises, if any, and the preparation of the simulator.
 
-    The command line prints `cli`; every query gets `reply`. `patched` has the new values of globals
-    of the module; the value `DELETED` deletes the global.
+    Every command prints `cli`, and every native query returns `reply`. `patched` has new values for
+    globals of the module; the value `DELETED` deletes the global.
     """
 
     function: str
@@ -56,8 +59,8 @@ class CallCase(NamedTuple):
     cli: object = "nothing"  # no table, no session
     reply: object = None
     patched: Mapping[str, Any] = MappingProxyType({})
-    create: int | None = None  # which creation of a JSONObject fails, counted from 0
-    release: int | None = None  # which release of a JSONObject fails
+    create: int | None = None  # the creation of a JSONObject that fails, counted from 0
+    release: int | None = None  # the release of a JSONObject that fails, counted from 0
     before: Callable[[Simulator], object] | None = None  # runs before each call
     suppresses: bool = False  # a context manager of the call suppresses every exception
 
@@ -73,7 +76,7 @@ def argument_cases() -> Iterator[CallCase]:
     """Yield calls of each function with arguments that it rejects."""
     for row in FUNCTIONS:
         required, first = (None,) * row.required, [*row.parameters][:1]
-        yield CallCase(row.name, (1,) * 7, TypeError, "too many arguments")
+        yield CallCase(row.name, (1,) * 7, TypeError, "too many arguments")  # none takes so many
         yield CallCase(row.name, required, TypeError, "unknown keyword", {"other": 1})
         if required:
             yield CallCase(row.name, (), TypeError, "too few arguments")
@@ -101,7 +104,7 @@ COOKIE_CASES = [
     CallCase("aps_unsigned_int_hash", (b"some\0text",)),
     CallCase("get_cookie_name", ([1],)),
     CallCase("get_cookie_name", ("",)),
-    CallCase("get_cookie_name", (AlwaysRaises(),), Failure, "truth fails"),
+    CallCase("get_cookie_name", (AlwaysRaises(),), Failure, "truth test fails"),
     *(
         CallCase("get_cookie_name", (1,), error, f"{name} {label}", patched={name: value})
         for name in ("text_", "aps_unsigned_int_hash", "serial_number_ascii")
@@ -141,11 +144,12 @@ def make_secret_directory(simulator: Simulator) -> None:
 def token_case(
     label: str, error: type[BaseException] | None, before: Any = remove_secret, **patched: object
 ) -> CallCase:
+    """Return a case of `get_token`."""
     return CallCase("get_token", (), error, label, patched=patched, before=before)
 
 
 TOKEN_CASES = [
-    token_case("file made", None),
+    token_case("file created", None),
     token_case("file read", None, write_secret),
     token_case("directory in its place", IsADirectoryError, make_secret_directory),
     *(
@@ -161,7 +165,7 @@ TOKEN_CASES = [
         for name in ("is_file", "absolute")
     ),
     token_case("absolute fails on reading", Failure, write_secret, Path=failing_path("absolute")),
-    token_case("truth of is_file fails", Failure, Path=NoTruthValuePath),
+    token_case("truth test of is_file fails", Failure, Path=NoTruthValuePath),
     *(
         token_case(f"{step} fails on writing", Failure, open=failing_open(step, "w"))
         for step in ("enter", "write", "exit")
@@ -171,22 +175,25 @@ TOKEN_CASES = [
         for step in ("enter", "readline", "exit")
     ),
     token_case(
-        "writing fails and is suppressed", None, open=failing_open("write", "w", swallows=True)
+        "writing fails and is suppressed", None, open=failing_open("write", "w", suppresses=True)
     )._replace(suppresses=True),
     token_case(
         *("reading fails and is suppressed", UnboundLocalError),
-        open=failing_open("readline", "r", swallows=True),
+        open=failing_open("readline", "r", suppresses=True),
     )._replace(suppresses=True),
-    token_case("truth of exit fails", Failure, open=lambda path, how: NoTruthValueFile("readline")),
-    token_case("open gives no context manager", AttributeError, open=lambda path, how: None),
-    token_case("hexlify gives no bytes", AttributeError, hexlify=lambda random: "text"),
+    token_case(
+        *("truth test of exit fails", Failure),
+        open=lambda path, how: NoTruthValueFile("readline"),
+    ),
+    token_case("open returns None", AttributeError, open=lambda path, how: None),
+    token_case("hexlify returns a str", AttributeError, hexlify=lambda random: "text"),
 ]
 
 
 def query_calls(
     label: str, error: type[BaseException] | None = None, cases: Any = QUERY_CASES, **fields: Any
 ) -> list[CallCase]:
-    """Return a case for each query; `fields` may replace the query's own reply."""
+    """Return a call case for each query case; `fields` may replace its reply."""
     return [
         CallCase(
             case.function,
@@ -223,9 +230,9 @@ QUERY_CALL_CASES = [
     *query_calls("release 1 fails", Failure, release=1),
     *query_calls("json deleted", NameError, patched={"json": DELETED}),
     *query_calls("lookup of loads fails", Failure, patched={"json": AlwaysRaises()}),
-    *query_calls("no JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
+    *query_calls("reply is not JSON", ujson.JSONDecodeError, NATIVE, reply=RawJSON("{oops")),
     *(
-        CallCase(row.name, (AlwaysRaises(),), Failure, "truth fails")
+        CallCase(row.name, (AlwaysRaises(),), Failure, "truth test fails")
         for row in FUNCTIONS
         if row.parameters and row.required == 0
     ),
@@ -251,7 +258,7 @@ QUERY_CALL_CASES = [
         )
         for label, make in [
             ("comparison fails", lambda: [{"name": AlwaysRaises()}]),
-            ("truth of comparison fails", lambda: [{"name": NoTruthValue()}]),
+            ("truth test of comparison fails", lambda: [{"name": NoTruthValue()}]),
             ("iteration fails", lambda: map(fail, [1])),
         ]
     ),
@@ -269,15 +276,15 @@ ARP = """Address Age Hardware Interface
 
 192.0.2.11 1 02:00:00:aa:bb:cd port1 vlan10
 """
-WIDE = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
+WIDE_ARP = ARP.replace("port1", "p\u00f6rt").replace("vlan10", "\U0001f600")
 CLI_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("bytes_ fails", Failure, {"bytes_": fail}),
-    ("bytes_ gives text", TypeError, {"bytes_": lambda text, charset: "text"}),
+    ("bytes_ returns a str", TypeError, {"bytes_": lambda text, charset: "text"}),
     ("bytes_ deleted", NameError, {"bytes_": DELETED}),
     ("text_ fails", Failure, {"text_": fail}),
-    ("text_ gives a number", AttributeError, {"text_": lambda data, charset: 5}),
+    ("text_ returns an int", AttributeError, {"text_": lambda data, charset: 5}),
     (
-        "text_ gives text of its own",
+        "text_ returns a str whose replace fails",
         Failure,
         {"text_": lambda data, charset: UnreplaceableStr(data)},
     ),
@@ -294,24 +301,24 @@ def select_lines(text: str, *numbers: int) -> str:
 
 
 def runner_returning(text: object) -> dict[str, Any]:
-    """Patch the command runner so that it returns any object."""
+    """Replace the command runner with a function that returns `text`, any object."""
     return {"get_cli_command_output": lambda command: text}
 
 
-# Output whose methods fail, and output whose methods return an object that is not text.
+# Objects with the methods that the parsers call, which fail or do not return a str.
 FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)
 ODD_OUTPUT = SimpleNamespace(split=NullLogger, replace=NullLogger)
 RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("runner fails", Failure, {"get_cli_command_output": fail}),
     ("runner deleted", NameError, {"get_cli_command_output": DELETED}),
-    ("runner returns an object that is not text", TypeError, runner_returning(ODD_OUTPUT)),
+    ("runner returns an object without str results", TypeError, runner_returning(ODD_OUTPUT)),
 ]
-# `get_bfd_neighbor` ends differently if the runner returns one of these; BFD_CASES has its cases.
+# Not for `get_bfd_neighbor`, which raises other exceptions for these; BFD_CASES has its cases.
 TABLE_RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
-    ("runner gives a number", AttributeError, runner_returning(5)),
-    ("runner gives None", AttributeError, runner_returning(None)),
-    ("runner gives bad bytes", UnicodeDecodeError, runner_returning(b"\xff")),
-    ("runner gives output whose methods fail", Failure, runner_returning(FAILING_OUTPUT)),
+    ("runner returns an int", AttributeError, runner_returning(5)),
+    ("runner returns None", AttributeError, runner_returning(None)),
+    ("runner returns bytes that are not UTF-8", UnicodeDecodeError, runner_returning(b"\xff")),
+    ("runner returns an object whose methods fail", Failure, runner_returning(FAILING_OUTPUT)),
 ]
 
 
@@ -333,7 +340,7 @@ CLI_CASES = [
     CallCase("get_cli_command_output", ("command",), cli="a--More--b\n"),
     CallCase("get_cli_command_output", ("command",), cli="", label="empty output"),
     CallCase("get_cli_command_output", ("ö" * 300,), label="long command"),
-    CallCase("get_cli_command_output", (None,), TypeError, "no command"),
+    CallCase("get_cli_command_output", (None,), TypeError, "None as the command"),
     CallCase("get_cli_command_output", ("\ud800",), UnicodeEncodeError, "unencodable command"),
     CallCase("get_cli_command_output", ("c",), UnicodeDecodeError, "bad output", cli=b"\xff\xfe"),
     *(
@@ -343,12 +350,12 @@ CLI_CASES = [
             patched={"CFunctionError": value},
         )
         for label, error, value in [
-            (", no error class", NameError, DELETED),
-            (", failing class", Failure, fail),
-            (", no exception class", TypeError, str),
-            (", a class that is not an exception", TypeError, lambda message: int),
+            (", error class deleted", NameError, DELETED),
+            (", error class fails", Failure, fail),
+            (", str as the error class", TypeError, str),
+            (", error class returns int", TypeError, lambda message: int),
             ("", Failure, Failure),
-            (", returned exception class", Failure, lambda message: Failure),
+            (", error class returns a class", Failure, lambda message: Failure),
             (", returned class that fails", Failure, lambda message: UnconstructibleException),
             (", returned class without instances", TypeError, lambda message: IntMakingException),
         ]
@@ -358,7 +365,7 @@ CLI_CASES = [
         for label, error, patched in CLI_ERRORS
     ),
     CallCase("get_routing_table_result", ("192.0.2.7",), cli=ROUTING),
-    CallCase("get_routing_table_result", (None,), cli=WIDE + ROUTING, label="wide text"),
+    CallCase("get_routing_table_result", (None,), cli=WIDE_ARP + ROUTING, label="wide text"),
     routing("no routes", cli=select_lines(ROUTING, 1, 2, 3)),
     routing("one word", cli=ROUTING + "10.0.0.1, port1"),
     *(
@@ -378,7 +385,7 @@ CLI_CASES = [
         ]
     ),
     arp("", cli=ARP),
-    arp("wide text", cli=WIDE),
+    arp("wide text", cli=WIDE_ARP),
     arp("long words", cli=f"{ARP}a b c {'d' * 40} {'e' * 40}\n"),
     *(
         arp(f"{text!r}", IndexError, text)
@@ -409,27 +416,27 @@ TWO_SESSIONS = ONE_SESSION + ONE_SESSION.replace("echo\n", "").replace("port1", 
 
 
 def with_sessions(sessions: Any) -> dict[str, Any]:
-    """Patch the query so that it returns `sessions`."""
-    return {"get_bfd_neighbor": lambda *given: sessions, "_logger": NullLogger()}
+    """Replace `get_bfd_neighbor` with a function that returns `sessions`."""
+    return {"get_bfd_neighbor": lambda *arguments: sessions, "_logger": NullLogger()}
 
 
 def with_details(sessions: Any) -> dict[str, Any]:
-    """Patch the query so that it returns SESSIONS as the summary and `sessions` as the details."""
-    return {"get_bfd_neighbor": lambda cmd, *given: sessions if given else SESSIONS, **QUIET}
+    """Replace `get_bfd_neighbor`: the call for the details, with `list_bfd`, returns `sessions`."""
+    return {"get_bfd_neighbor": lambda cmd, *list_bfd: sessions if list_bfd else SESSIONS, **QUIET}
 
 
 def with_copy(deepcopy: Callable[[object], object]) -> dict[str, Any]:
-    """Patch the query, and replace `copy.deepcopy`."""
+    """Replace `get_bfd_neighbor` as above, and `copy.deepcopy`."""
     return {**with_sessions(SESSIONS), "copy": SimpleNamespace(deepcopy=deepcopy)}
 
 
-def delete_query(sessions: object) -> object:
-    """A replacement of `copy.deepcopy` that deletes the query from the module."""
+def delete_get_bfd_neighbor(sessions: object) -> object:
+    """A `copy.deepcopy` that deletes `get_bfd_neighbor` from the module."""
     vars(sys.modules["veldarin.modules.modules_util"]).pop("get_bfd_neighbor", None)
     return sessions
 
 
-def restore_query(simulator: Simulator) -> None:
+def restore_get_bfd_neighbor(simulator: Simulator) -> None:
     vars(simulator.module)["get_bfd_neighbor"] = with_sessions(SESSIONS)["get_bfd_neighbor"]
 
 
@@ -441,12 +448,12 @@ QUIET: dict[str, Any] = {"_logger": NullLogger()}
 def bfd(
     label: str,
     error: type[BaseException] | None = None,
-    given: object = None,
+    list_bfd: object = None,
     cli: object = ONE_SESSION,
     **patched: object,
 ) -> CallCase:
-    """Return a case of `get_bfd_neighbor` with the dictionary `given`, or an empty one."""
-    args = ("c", {} if given is None else given)
+    """Return a case of `get_bfd_neighbor` with `list_bfd`, or an empty dictionary."""
+    args = ("c", {} if list_bfd is None else list_bfd)
     return CallCase("get_bfd_neighbor", args, error, label, cli=cli, patched=patched)
 
 
@@ -475,10 +482,10 @@ BFD_CASES = [
     bfd("logger stops", Stop, cli=TWO_SESSIONS, _logger=StoppingLogger()),
     bfd("logger deleted", NameError, cli=TWO_SESSIONS, _logger=DELETED),
     bfd("no logger", AttributeError, cli=TWO_SESSIONS, _logger=None),
-    bfd("session known", given={NAME: {"old": "1"}}),
+    bfd("session known", list_bfd={NAME: {"old": "1"}}),
     bfd("reading sessions fails", Failure, BrokenMapping()),
     bfd("storing a session fails", Failure, ReadOnlyMapping()),
-    bfd("runner gives a list", TypeError, cli="nothing", **runner_returning(["peer"])),
+    bfd("runner returns a list", TypeError, cli="nothing", **runner_returning(["peer"])),
     bfd("int for the dictionary", TypeError, 5),
     bfd("failing dictionary", Failure, AlwaysRaises()),
     bfd("known session is an int", TypeError, {NAME: 5}),
@@ -487,7 +494,7 @@ BFD_CASES = [
         CallCase("get_bfd_neighbor", ("a",), error, label, patched=patched)
         for label, error, patched in RUNNER_ERRORS
     ),
-    bfd("runner gives a number", TypeError, cli="nothing", **runner_returning(5)),
+    bfd("runner returns an int", TypeError, cli="nothing", **runner_returning(5)),
     bfd("addable output", cli="nothing", **runner_returning(RightAddable(ONE_SESSION))),
     bfd("tabs within", cli=ONE_SESSION.replace(": ", ":\t")),
     bfd("one line", cli="peer", **QUIET),
@@ -510,16 +517,16 @@ BFD_CASES = [
     bfd_list("no details", **with_details(None)),
     bfd_list("copy has other keys", **with_copy(lambda sessions: ["x"])),
     bfd_list("iteration of the copy fails", **with_copy(lambda sessions: map(fail, [1]))),
-    bfd_list("query fails", get_bfd_neighbor=fail, **QUIET),
-    bfd_list("query deleted", get_bfd_neighbor=DELETED, **QUIET),
-    bfd_list("query stops", Stop, get_bfd_neighbor=stop),
+    bfd_list("get_bfd_neighbor fails", get_bfd_neighbor=fail, **QUIET),
+    bfd_list("get_bfd_neighbor deleted", get_bfd_neighbor=DELETED, **QUIET),
+    bfd_list("get_bfd_neighbor stops", Stop, get_bfd_neighbor=stop),
     bfd_list("logger stops", Stop, get_bfd_neighbor=fail, _logger=StoppingLogger()),
     bfd_list("logger deleted", NameError, get_bfd_neighbor=fail, _logger=DELETED),
     bfd_list("no output", cli=None, **QUIET),
 ]
 
-# CPython stores a string with characters of one, two or four bytes. Each of these lines changes the
-# width, and the parsers skip it: a line before the table, or the first line of sessions.
+# CPython stores all characters of a string in one, two or four bytes each. Each of these lines sets
+# that width; as the first line of the output it is one that the parsers skip.
 WIDTHS = {"latin": "\u00f6\n", "two bytes": "\u0142\n", "four bytes": "\U0001f600\n"}
 
 
@@ -550,12 +557,16 @@ CASES = [
     *BFD_CASES,
     *(case for case in WIDE_CASES if case.error is None and not case.patched),
 ]
-# Not for fault injection: when allocations fail, wide strings behave like the others; fault
-# injection cannot call the doubles of the two KeyError cases, which raise from C; and the last case
-# changes the module.
+# Not for fault injection: the width of a string makes no difference when an allocation fails; the
+# doubles of the two KeyError cases raise from C, which cannot be exempt; and the last case changes
+# the module.
 REPEATED_ONLY = [
     *(case for case in WIDE_CASES if case.error is not None or case.patched),
     bfd_list("KeyError without arguments", **with_sessions(MissingKeyWithoutArgs())),
     bfd_list("KeyError with two arguments", **with_sessions(MissingKeyWithTwoArgs())),
-    bfd_list("copying deletes the query", before=restore_query, **with_copy(delete_query)),
+    bfd_list(
+        "copying deletes get_bfd_neighbor",
+        before=restore_get_bfd_neighbor,
+        **with_copy(delete_get_bfd_neighbor),
+    ),
 ]

@@ -176,9 +176,9 @@ class FailNth:
 class FailingFile(io.StringIO):
     """A file in which one step fails; its `__exit__` may suppress the exception."""
 
-    def __init__(self, fails: str = "", swallows: bool = False) -> None:
+    def __init__(self, fails: str = "", suppresses: bool = False) -> None:
         super().__init__("text\n")
-        self.fails, self.swallows = fails, swallows
+        self.fails, self.suppresses = fails, suppresses
 
     def step(self, name: str) -> None:
         if name == self.fails:
@@ -190,7 +190,7 @@ class FailingFile(io.StringIO):
 
     def __exit__(self, *error: object) -> Any:
         self.step("exit")
-        return self.swallows
+        return self.suppresses
 
     def readline(self, *size: Any) -> Any:
         self.step("readline")
@@ -209,10 +209,10 @@ class NoTruthValueFile(FailingFile):
 
 
 def failing_open(
-    fails: str = "", mode: str = "wr", swallows: bool = False
+    fails: str = "", mode: str = "wr", suppresses: bool = False
 ) -> Callable[..., FailingFile]:
     """Return an `open` whose file fails at the step if its mode is in `mode`."""
-    return lambda path, how: FailingFile(fails if how in mode else "", swallows)
+    return lambda path, how: FailingFile(fails if how in mode else "", suppresses)
 
 
 def failing_path(fails: str) -> Callable[[str], object]:

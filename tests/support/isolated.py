@@ -1,10 +1,10 @@
-"""Isolated processes for tests of steps that a process can take only once.
+"""Isolated processes, for tests of actions that work only once in a process.
 
 These are imports, failed imports and second interpreters. A server process, which has loaded the
-simulator's library and not the module, forks for each request; the fork calls one function, replies
-with its value or its exception as JSON, and ends as any interpreter. A test marked `isolated.test`
-runs there as a whole; `value` and `error` send the source of a function that is part of a test.
-If the process crashes the test fails with its standard error.
+simulator's library but not the module, forks for each request. The fork calls one function, replies
+with its value or its exception as JSON, and ends like any interpreter. `@isolated.test` runs a test
+in a fork; `value` and `error` run one function, whose source they send. If the fork crashes, the
+test fails with the fork's standard error.
 """
 
 from __future__ import annotations
@@ -50,7 +50,8 @@ __all__ = [
 ROOT = Path(__file__).resolve().parents[2]
 BUILD = native_library.build_directory()
 MODULE_PATH = BUILD.joinpath("stage", *MODULE.split(".")).with_suffix(get_config_var("EXT_SUFFIX"))
-# The module's objects, linked with a fake Python version and with comparisons that can fail.
+# The module linked with tests/module/wrong_python_version.c, which fakes the interpreter's version
+# and can make comparisons fail.
 WRONG_PYTHON_MODULE = BUILD / "wrong_python_version" / MODULE_PATH.name
 
 SECONDS = 120  # much longer than any of these processes needs
@@ -69,7 +70,7 @@ class Entry:
 
 @dataclass(frozen=True)
 class Error:
-    """An exception of the isolated process; `type` is the name of its class."""
+    """An exception from an isolated process; `type` is the name of its class."""
 
     type: str
     bases: tuple[str, ...]
@@ -88,7 +89,7 @@ class Error:
 
 
 def encode_exception(error: BaseException) -> dict[str, Any]:
-    """Encode an exception with its traceback as JSON data; isolated functions may use it."""
+    """Encode an exception with its traceback as JSON data, here or in an isolated process."""
     entries = []
     link = error.__traceback__
     while link is not None:
@@ -113,10 +114,7 @@ def encode_exception(error: BaseException) -> dict[str, Any]:
 
 
 def test(function: Callable[..., None]) -> Callable[..., None]:
-    """Run a test in an isolated process; its parameters must be JSON data.
-
-    A path arrives as a string.
-    """
+    """Run a test in an isolated process; its parameters are sent as JSON, a path as a string."""
 
     @functools.wraps(function)
     def isolated_test(**arguments: object) -> None:
@@ -130,7 +128,7 @@ def test(function: Callable[..., None]) -> Callable[..., None]:
 
 @functools.lru_cache(maxsize=1)
 def _server() -> subprocess.Popen[str]:
-    """The server of this test process; it ends with its standard input."""
+    """Start the server of this test process; it ends when its standard input is closed."""
     command = [sys.executable, "-X", "faulthandler", "-m", "tests.support.isolated"]
     server = subprocess.Popen(
         command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, cwd=ROOT
@@ -140,7 +138,7 @@ def _server() -> subprocess.Popen[str]:
 
 
 def _request(**request: Any) -> dict[str, Any]:
-    """Have the server answer a request in a fork that has this process's environment."""
+    """Send a request to the server and return the reply of the fork."""
     server = _server()
     assert server.stdin is not None
     assert server.stdout is not None
@@ -163,8 +161,8 @@ def _call_source(function: Callable[..., object], arguments: tuple[object, ...])
 def value(function: Callable[..., object], *arguments: object) -> Any:
     """Return the value of `function` in an isolated process; an exception fails the test.
 
-    The arguments must be JSON data. The function sees the names of this file, of `doubles` and of
-    `fake_siblings`, those of `_names`, and its own imports.
+    The arguments must be JSON data. The function does not see the names of its own file, but those
+    that `_names` returns.
     """
     reply = _call_source(function, arguments)
     assert reply["error"] is None, reply["error"]["report"]
@@ -179,15 +177,17 @@ def error(function: Callable[..., object], *arguments: object) -> Error:
 
 
 def _names() -> dict[str, Any]:
-    """The globals of a function that arrives as source."""
-    support = [importlib.import_module(f"tests.support.{n}") for n in ("doubles", "fake_siblings")]
-    support[1].siblings()  # imports the library modules once, for all forks
+    """The globals of a function that is sent as source: those of this file and the test doubles."""
+    doubles, fake_siblings = [
+        importlib.import_module(f"tests.support.{name}") for name in ("doubles", "fake_siblings")
+    ]
+    fake_siblings.siblings()  # imports the library modules once, for all forks
     shared: list[Any] = [BuiltinFunctionType, ModuleSpec, ModuleType, SimpleNamespace, suppress]
     modules = [builtins, importlib, sys, warnings]
     named = {item.__name__: item for item in (*shared, *modules)}
     return {
-        **vars(support[0]),
-        **vars(support[1]),
+        **vars(doubles),
+        **vars(fake_siblings),
         **globals(),
         **named,
         "__name__": "isolated",
@@ -197,7 +197,7 @@ def _names() -> dict[str, Any]:
 
 @functools.cache
 def _test_file(path: str) -> dict[str, Any]:
-    """The names of a test file, whose assertions are those of pytest."""
+    """The globals of a test file, compiled with pytest's assertion rewriting."""
     from _pytest.assertion.rewrite import rewrite_asserts
 
     source = Path(path).read_bytes()
@@ -208,8 +208,8 @@ def _test_file(path: str) -> dict[str, Any]:
     return names
 
 
-def _answer(request: dict[str, Any], names: dict[str, Any]) -> dict[str, Any]:
-    """Call the function of a request."""
+def _reply_to(request: dict[str, Any], names: dict[str, Any]) -> dict[str, Any]:
+    """Call the function of a request and return its value or its exception."""
     os.environ.clear()
     os.environ.update(request["environment"])
     try:
@@ -231,7 +231,7 @@ def _serve() -> None:
     for line in sys.stdin:
         request = json.loads(line)
         if "file" in request:
-            _test_file(request["file"])  # before the fork, so that the next one has it, too
+            _test_file(request["file"])  # before the fork, so that the later forks have it too
         with tempfile.TemporaryFile("w+") as result, tempfile.TemporaryFile("w+") as errors:
             gc.freeze()  # the collector of the fork skips the server's objects
             process = os.fork()
@@ -239,7 +239,7 @@ def _serve() -> None:
                 os.dup2(errors.fileno(), sys.stdout.fileno())
                 os.dup2(errors.fileno(), sys.stderr.fileno())
                 signal.alarm(SECONDS)
-                json.dump(_answer(request, names), result)
+                json.dump(_reply_to(request, names), result)
                 result.flush()
                 return
             _, status = os.waitpid(process, 0)

@@ -18,8 +18,9 @@ JSONObject *json_object_of(const Ref &instance) {
     return reinterpret_cast<JSONObject *>(instance.get());
 }
 
-// Returns 1 or 0, or -1 with an exception set if the truth test of the argument fails.
-int wants_argument(Query::When when, PyObject *argument) {
+// Whether the request holds the argument: 1 or 0, or -1 with an exception set if the truth test of
+// the argument fails.
+int sends_argument(Query::When when, PyObject *argument) {
     switch (when) {
         case Query::never: return 0;
         case Query::always: return 1;
@@ -40,7 +41,7 @@ Ref new_request(PyObject *key, PyObject *value) {
 struct CaptureEvent {
     StringId event;
     int line;
-    json_object *(*build)(void *context, json_object *request, void *);
+    json_object *(*build)(void *context, json_object *request, void *unused);
 };
 
 namespace capture_line = source_line::capture_event;
@@ -79,6 +80,7 @@ Ref parse(json_object *object) {
     return Ref::steal(PyObject_CallOneArg(loads.get(), bytes.get()));
 }
 
+// Whether `_PyUnicode_EQ` can compare the object: it must not have a subclass's own `__eq__`.
 bool is_ready_str(PyObject *object) {
     return PyUnicode_CheckExact(object) && PyUnicode_IS_READY(object);
 }
@@ -114,7 +116,7 @@ bool select_interface(PyObject *reply, PyObject *name, Ref &entry) {
     return !PyErr_Occurred() || fail(at::entries);
 }
 
-// Calls the release method of the instance's own method table. Returns false with an exception set
+// Calls the release method through the instance's method table. Returns false with an exception set
 // if it fails.
 bool release(const Ref &instance) {
     JSONObject *object = json_object_of(instance);
@@ -125,7 +127,7 @@ bool release(const Ref &instance) {
 
 PyObject *run_query(const Query &query, PyObject *const *arguments) {
     const QueryLines &at = query.at;
-    const int send_argument = wants_argument(query.when, arguments[0]);
+    const int send_argument = sends_argument(query.when, arguments[0]);
     if (send_argument < 0) return fail(at.keyed_request);
     const Ref request = send_argument ? new_request(interned[query.key], arguments[0])
                                       : new_request(nullptr, nullptr);
@@ -151,7 +153,7 @@ PyObject *run_query(const Query &query, PyObject *const *arguments) {
 
     if (!release(request)) return fail(at.release_request);
     if (!release(response)) return fail(at.release_response);
-    if (!data) {  // no entries: the local variable `data` was never assigned
+    if (!data) {  // no entries: as if a loop over them had never assigned its variable `data`
         raise_unbound_local("data");
         return fail(source_line::interface_selection::result);
     }

@@ -11,14 +11,14 @@ namespace modules_util {
 
 using BuildReply = json_object *(void *context, json_object *request);
 
-// The source lines of a query's statements. Two queries write the empty and the keyed request on
-// different lines.
+// The source lines of a query's statements. The lines of the empty request, {}, and of the keyed
+// request, {key: argument}, differ in two queries only.
 struct QueryLines {
     short first, empty_request, keyed_request, response, parse, release_request, release_response;
 };
 
 struct Query {
-    // The condition for the request {key: argument} instead of {}.
+    // The condition on the argument for the keyed request.
     enum When : char { never, always, if_true, unless_none };
     // capture: the second argument chooses the native service. select: the result is the entry of
     // the reply that the argument names.
@@ -31,9 +31,9 @@ struct Query {
     StringId key;
 };
 
-// Runs a query. The arguments are borrowed and have passed the type tests: the one that the request
-// may hold, then a capture's event. Returns a new reference, or null with an exception and its
-// traceback entry.
+// Runs a query. The arguments are borrowed and their types have been checked. The first is the one
+// that the request may hold, the second a capture's event. Returns a new reference, or null with an
+// exception and its traceback entry.
 PyObject *run_query(const Query &query, PyObject *const *arguments);
 
 }  // namespace modules_util

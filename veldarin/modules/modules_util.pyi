@@ -2,8 +2,8 @@
 
 The module gives the management interface access to the appliance's native services.
 
-The functions have no docstrings at run time. These are for editors, type checkers, the tools, and
-the page of functions, which is generated from this file.
+The functions have no docstrings at run time. Those in this file are for editors, type checkers,
+the tools, and the page of functions, which is generated from it.
 
 Common to all functions:
 
@@ -17,12 +17,12 @@ Common to all functions:
   `veldarin/modules/modules_util` and the line of the failing statement. Errors that the interpreter
   itself detects (an argument of a function without parameters, two arguments of a function with
   one) have none.
-- Each call looks the names that it uses (`json`, `text_`, `_logger`, `get_cli_command_output`, ...)
-  up in the module's namespace. Rebinding a name there takes effect from the next call; a deleted
+- Each call looks up the names that it uses (`json`, `text_`, `_logger`, `get_cli_command_output`,
+  ...) in the module's namespace. Rebinding a name there takes effect from the next call; a deleted
   name is a `NameError`.
 - The functions hold the interpreter lock throughout, also during native services. A slow service
   blocks every thread of the management process.
-- Only the sessions of `get_bfd_neighbor` persist from call to call.
+- Only `get_bfd_neighbor` keeps results between calls: the sessions in the default of `list_bfd`.
 - The parsers `get_bfd_neighbor`, `get_routing_table_result` and `get_system_arp_result` read an
   instance of a subclass of `str` as a `str`: they do not call a `split` or `replace` that the
   subclass defines. `get_cli_command_output` calls such a `replace`.
@@ -82,8 +82,9 @@ class RoutingTable(TypedDict):
     """The routing table's entry for an address.
 
     `entry` is the prefix, `distance` and `metric` are numbers as strings, `lastUpdate` is a word
-    such as "01:02:03". `other` is the rest of the line with distance and metric, spaces included:
-    it begins with the indentation, and usually two spaces follow its comma.
+    such as "01:02:03". `other` consists of the first and the fourth comma-separated field of the
+    line with distance and metric, joined by ", ". Both fields keep their white space:
+    "  Known via static,  best".
     """
 
     entry: str
@@ -97,12 +98,12 @@ BFDSession = dict[str, str | dict[str, str]]
 """A BFD session.
 
 Its first keys are `neighbor_ip` and `interface`, the second and fourth word of the "peer" line, and
-`name`, both joined by "_". Then follow, in the order of the output, a key for each "key: value"
+`name`, those two words joined by "_". In the order of the output follow a key for each "key: value"
 line, and `local_timers` and `remote_timers`, dictionaries of three strings each.
 
 A key is the text before the colon in lower case, with "_" for each space. A value is the text up to
-the next colon: "Uptime: 0:01:02" gives "0". The word "packets" is removed: "343 packets" gives "343
-".
+the next colon: "Uptime: 0:01:02" gives "0". The word "packets" is removed, the space before it is
+not: "343 packets" gives "343 ".
 """
 
 # ------------------------------------------------------------------ Cookies and certificates
@@ -179,8 +180,8 @@ def encrypt_cookie(plain: bytes, /) -> bytes:
 def decrypt_cookie(encrypted: bytes, /) -> bytes:
     """Decrypt a cookie value that the browser sent back.
 
-    Calls `cookieval_unwrap`, which reports no errors: for a value that was tampered with, the
-    result is the text that it leaves, possibly an empty one. Check the result before you trust it.
+    Calls `cookieval_unwrap`, which reports no errors: for a value that was tampered with it may
+    return any text, also an empty one. Check the result before you trust it.
 
     Args:
         encrypted: The value. It ends at the first NUL byte.
@@ -246,9 +247,8 @@ def check_cert_expiration(path: bytes, /) -> bool:
 # JSON. The result is unchanged unless the description says otherwise, and `None` if the service
 # returns nothing.
 #
-# Four queries are deliberately not wired to a native service: they create a request, drop it, and
-# return what a `JSONObject` of `util.json` holds that was created without arguments. They fail only
-# if the request cannot be created.
+# Four queries are deliberately not wired: they create a request, call no native service, and return
+# what a new `JSONObject` of `util.json` holds. They fail only if the request cannot be created.
 #
 # `util.json` determines what a request can hold. That of the simulator accepts the types of JSON,
 # and raises `TypeError` for anything else and `OverflowError` for an `int` of more than 64 bits.

@@ -24,6 +24,7 @@ char *copy(TextView text, char *to) {
     return to + text.size();
 }
 
+// Makes a string that may have non-ASCII characters, as wide as the widest of them.
 [[gnu::cold]] PyObject *decode(TextView text) {
     Py_ssize_t length = 0;
     Py_UCS4 widest = 0;
@@ -41,6 +42,7 @@ char *copy(TextView text, char *to) {
 
 }  // namespace
 
+// About one slot for 32 bytes of text.
 StringCache::StringCache(const Utf8Text &text) : is_ascii_(text.is_ascii), slot_bits_(1) {
     while (slot_bits_ < max_slot_bits && text.view.size() >> slot_bits_ > 32) ++slot_bits_;
     std::fill_n(slots_, 1 << slot_bits_, nullptr);
@@ -93,6 +95,7 @@ PyObject *&StringCache::slot(TextView text) {
         }
     }
     const auto size = static_cast<uint32_t>(text.size());
+    // A large odd factor spreads the differences into the upper bits.
     const uint32_t mixed = ((first * 31 + last) * 31 + size) * 0x165667B1;
     return slots_[mixed >> (32 - slot_bits_)];
 }

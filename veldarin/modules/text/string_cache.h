@@ -26,7 +26,7 @@ public:
     // within a table.
     Ref make_cached(TextView text) { return Ref::steal(cached_string(text)); }
 
-    // left + between + right
+    // left + between + right; `between` is a string literal, so a NUL follows it.
     Ref join(TextView left, TextView between, TextView right);
 
 private:
@@ -38,8 +38,8 @@ private:
     PyObject *cached_string(TextView text);
 
     bool is_ascii_;
-    int slot_bits_;  // few slots for a short text, which is parsed faster than 256 slots are
-                     // cleared
+    // Few for a short text: clearing 256 slots takes longer than parsing it.
+    int slot_bits_;
     PyObject *slots_[1 << max_slot_bits];  // the first 2 ** slot_bits_ are in use: owned, or null
 };
 
