@@ -89,7 +89,8 @@ bool bind(const char *name, const Function &function, PyObject *positional, PyOb
     for (Py_ssize_t i = given; i < function.count; ++i) {
         const Parameter &parameter = function.parameters[i];
         if (bound[i]) continue;
-        if (parameter.default_kind == Parameter::required) return raise_wrong_count(name, function, given);
+        if (parameter.default_kind == Parameter::required)
+            return raise_wrong_count(name, function, given);
         bound[i] =
             Ref::borrow(parameter.default_kind == Parameter::shared_dict ? shared_dict : Py_None);
     }
