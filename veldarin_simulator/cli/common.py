@@ -3,13 +3,15 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import sys
 from pathlib import Path
 from typing import NoReturn
 
 from veldarin_simulator import Scenario, ScenarioError, Simulator, state_dir, stub
 
-PROGRAM = "python -m veldarin_simulator"
+_SCRIPT = "veldarin-simulator"
+PROGRAM = _SCRIPT if Path(sys.argv[0]).name == _SCRIPT else "python -m veldarin_simulator"
 EXIT_FAILURE = 1
 EXIT_USAGE = 2
 
@@ -40,8 +42,10 @@ def add_scenario(parser: argparse.ArgumentParser) -> None:
 
 
 def info(message: str) -> None:
-    """Print a message to standard error."""
-    print(f"veldarin_simulator: {message}", file=sys.stderr)
+    """Print a line to standard error; a closed or full one is ignored."""
+    if sys.stderr is not None:
+        with contextlib.suppress(OSError):
+            print(f"veldarin_simulator: {message}", file=sys.stderr)
 
 
 def fail(message: str, status: int) -> NoReturn:
@@ -56,7 +60,7 @@ def open_simulator(scenario: Path | None = None, live: bool = True) -> Simulator
         return Simulator(None if scenario is None else Scenario.load(scenario), live)
     except ScenarioError as error:
         fail(str(error), EXIT_USAGE)
-    except (OSError, RuntimeError) as error:
+    except (ImportError, OSError, RuntimeError) as error:
         fail(str(error), EXIT_FAILURE)
 
 

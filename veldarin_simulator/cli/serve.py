@@ -1,4 +1,4 @@
-"""`python -m veldarin_simulator console`: serves the console."""
+"""`veldarin-simulator console`: serves the console."""
 
 from __future__ import annotations
 
@@ -56,7 +56,8 @@ def main(texts: list[str]) -> int:
     return 0
 
 
-def _parse_options(texts: list[str]) -> argparse.Namespace:
+def create_parser() -> common.Parser:
+    """Return the parser of the tool's arguments."""
     parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     parser.add_argument(
         "--port", type=_port, default=_PORT, help=f"listen on this port, default {_PORT}; 0: any"
@@ -70,6 +71,11 @@ def _parse_options(texts: list[str]) -> argparse.Namespace:
         action="store_true",
         help="let anyone who can reach --host make calls",
     )
+    return parser
+
+
+def _parse_options(texts: list[str]) -> argparse.Namespace:
+    parser = create_parser()
     options = parser.parse_args(texts)
     try:
         loopback = ip_address(options.host).is_loopback
@@ -95,7 +101,9 @@ def _open_session(scenario: Path | None) -> Session:
         return Session(ScenarioStore(state_dir.directory() / "scenarios", initial))
     except ScenarioError as error:
         path = (scenario or Path()) / error.path
-        common.fail(str(ScenarioError(path, error.problem, error.line)), common.EXIT_USAGE)
+        common.fail(
+            str(ScenarioError(path, error.problem, error.line, error.column)), common.EXIT_USAGE
+        )
     except ApiError as error:
         common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:
