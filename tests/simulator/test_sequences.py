@@ -29,7 +29,8 @@ def test_set_replies_returns_each_and_stays_at_the_last(simulator: Simulator) ->
     replies: list[Any] = [1, None, RawJSON(b"[2.50]"), lambda request: [request]]
     simulator.set_replies(LG_STATE, replies)
     results = [simulator.module.list_switch_lg_state() for _ in range(5)]
-    assert results == [1, None, [2.5], [{}], [{}]]
+    expected: list[Any] = [1, None, [2.5], [{}], [{}]]
+    assert results == expected
     simulator.set_replies(LG_STATE, iter([3]))
     assert [simulator.module.list_switch_lg_state() for _ in range(2)] == [3, 3]
 
