@@ -218,7 +218,7 @@ class Recorder:
 
     def _parse(self, function: str, *arguments: Any) -> Any:
         """Call a function that runs commands; `run_command` records their outputs."""
-        with _own_bfd_sessions(self._module):
+        with own_bfd_sessions(self._module):
             return self._logged(function, arguments)
 
     def _command(self, command: str) -> Any:
@@ -562,7 +562,7 @@ def replay(module: Any, folder: Path) -> Iterator[tuple[str, bool]]:
             function, arguments, digest = call["function"], call["arguments"], call["sha256"]
             if function == "check_cert_expiration":
                 arguments = [os.fsencode(argument) for argument in arguments]
-            with _own_bfd_sessions(module):
+            with own_bfd_sessions(module):
                 try:
                     outcome = getattr(module, function)(*arguments)
                 except Exception as error:
@@ -572,7 +572,7 @@ def replay(module: Any, folder: Path) -> Iterator[tuple[str, bool]]:
 
 
 @contextlib.contextmanager
-def _own_bfd_sessions(module: Any) -> Iterator[None]:
+def own_bfd_sessions(module: Any) -> Iterator[None]:
     """Empty the dictionary that BFD calls share; restore it at the end."""
     run = getattr(module, _CLI)
     setattr(module, _CLI, lambda command: "")
@@ -717,13 +717,14 @@ def _move(draft: Path, target: Path, report: Callable[[str], object]) -> None:
         numbered = (target.with_name(f"{target.name}.{number}") for number in itertools.count(1))
         former = next(path for path in numbered if not os.path.lexists(path))
         target.rename(former)
-        report(f"{target}: the former folder is now {former}")
     try:
         draft.rename(target)  # over an empty folder, too
     except OSError:
         if former is not None:
             former.rename(target)
         raise
+    if former is not None:
+        report(f"{target}: the former folder is now {former}")
 
 
 def _say(line: str) -> None:

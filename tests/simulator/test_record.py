@@ -182,7 +182,7 @@ def replayed(folder: Path, calls: list[Any]) -> Iterator[tuple[str, Any, Any, An
     """Repeat calls on a recording alone: function, arguments, outcome before, outcome now."""
     with Simulator(Scenario.load(folder), live=False) as simulator:
         for name, arguments, before in calls:
-            with record._own_bfd_sessions(simulator.module):
+            with record.own_bfd_sessions(simulator.module):
                 try:
                     now = with_types(getattr(simulator.module, name)(*copy.deepcopy(arguments)))
                 except Exception as error:
