@@ -321,7 +321,7 @@ def _parsed(name: str, text: bytes) -> Any:
 
     def reject_constant(constant: str) -> None:
         (found, *_) = (match for match in _CONSTANT.finditer(decoded) if match[1] == constant)
-        reject(found.start(), f"not JSON: {constant}")
+        reject(found.start(), f"{constant} is not valid JSON")
 
     try:
         value = json.loads(decoded, parse_constant=reject_constant)
@@ -332,7 +332,7 @@ def _parsed(name: str, text: bytes) -> Any:
         (found, *_) = (match for match in _SURROGATE.finditer(decoded) if match[1])
         reject(found.start(), "lone surrogates are not allowed")
     except RecursionError:
-        raise ScenarioError(Path(name), "nested too deeply") from None
+        raise ScenarioError(Path(name), "not JSON: nested too deeply") from None
     begin = len(decoded) - len(decoded.lstrip())
     if service in _TEXT_SERVICES:
         if not isinstance(value, str) or "\0" in value:
