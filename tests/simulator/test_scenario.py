@@ -108,7 +108,10 @@ BROKEN = {
     "empty": ({"build_switch_lg_state.json": ""}, "lg_state.json:1:1: not JSON"),
     "not UTF-8": ({"build_switch_lg_state.json": b'[\n"\xff"]'}, "lg_state.json:2:2: not UTF-8"),
     "NaN": ({"build_switch_lg_state.json": "[NaN]"}, "lg_state.json:1:2: NaN is not valid JSON"),
-    "too deep": ({"build_switch_lg_state.json": "[" * 100_000}, "lg_state.json: not JSON: nested too deeply"),
+    "too deep": (
+        {"build_switch_lg_state.json": "[" * 100_000},
+        "lg_state.json: not JSON: nested too",
+    ),
     "surrogate": (
         {"build_switch_lg_state.json": '"\\ud800"'},
         "lg_state.json:1:2: lone surrogates",
