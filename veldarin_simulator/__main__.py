@@ -85,8 +85,7 @@ def main(arguments: list[str] | None = None) -> int:
     except OSError as error:
         if error.errno not in _OUTPUT_ERRORS:
             raise
-        # What is buffered must not fail again when the interpreter exits.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        common.discard(sys.stdout)
         common.info(f"standard output: {os.strerror(error.errno).lower()}")
         return common.EXIT_FAILURE
     return status

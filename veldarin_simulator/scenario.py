@@ -289,7 +289,7 @@ def _commands(outputs: dict[str, bytes]) -> dict[bytes, tuple[bytes, ...]]:
     steps: dict[str, dict[int, bytes]] = {}
     for words, output in outputs.items():
         match = _COMMAND_STEP.fullmatch(words)
-        if match and match["command"] not in outputs:
+        if match:
             steps.setdefault(match["command"], {})[int(match["step"])] = output
     commands: dict[bytes, tuple[bytes, ...]] = {}
     for words, numbered in steps.items():

@@ -274,9 +274,25 @@ def test_messages_that_cannot_be_written_are_lost(redirection: str) -> None:
         stdout=subprocess.PIPE,
     )
     out, error = process.communicate(timeout=120)
-    assert process.returncode in (0, 120)  # the interpreter's own, if it cannot flush
+    assert process.returncode == 0
     assert json.loads(out)[0]["group"] == "lg1"
     assert error == ""
+
+
+@pytest.mark.parametrize("redirection", ["2>/dev/full", "2>&-"])
+def test_exception_that_cannot_be_written_exits_1(redirection: str) -> None:
+    call = f"{' '.join(TOOL)} call switch_mclag_icl 1 {redirection}"
+    process = start("bash", "-c", call, stdout=subprocess.PIPE)
+    out, error = process.communicate(timeout=120)
+    assert (process.returncode, out, error) == (1, "", "")
+
+
+def test_closed_standard_input_is_one_line() -> None:
+    process = start("bash", "-c", f"{' '.join(TOOL)} parse arp - <&-", stdout=subprocess.PIPE)
+    assert process.communicate(timeout=120) == (
+        *("", "veldarin_simulator: standard input is closed\n"),
+    )
+    assert process.returncode == 2
 
 
 def test_libraries_of_the_development_tools_are_not_needed() -> None:

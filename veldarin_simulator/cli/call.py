@@ -81,7 +81,7 @@ def main(arguments: list[str]) -> int:
         while entries is not None and entries.tb_frame.f_code.co_filename == __file__:
             entries = entries.tb_next  # the frames of this tool
         sys.stdout.flush()
-        traceback.print_exception(type(error), error, entries)
+        common.write_error("".join(traceback.format_exception(type(error), error, entries)))
         return common.EXIT_FAILURE
     print(to_json(result))
     return 0

@@ -3,10 +3,10 @@
 from __future__ import annotations
 
 import argparse
-import contextlib
+import os
 import sys
 from pathlib import Path
-from typing import NoReturn
+from typing import NoReturn, TextIO
 
 from veldarin_simulator import Scenario, ScenarioError, Simulator, state_dir, stub
 
@@ -41,11 +41,24 @@ def add_scenario(parser: argparse.ArgumentParser) -> None:
     )
 
 
-def info(message: str) -> None:
-    """Print a line to standard error; a closed or full one is ignored."""
+def write_error(text: str) -> None:
+    """Write a text to standard error; a closed or full one is ignored."""
     if sys.stderr is not None:
-        with contextlib.suppress(OSError):
-            print(f"veldarin_simulator: {message}", file=sys.stderr)
+        try:
+            sys.stderr.write(text)
+            sys.stderr.flush()
+        except OSError:
+            discard(sys.stderr)
+
+
+def discard(stream: TextIO) -> None:
+    """Make a stream discard its texts, also those that the interpreter flushes when it exits."""
+    os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
+
+
+def info(message: str) -> None:
+    """Print a line to standard error."""
+    write_error(f"veldarin_simulator: {message}\n")
 
 
 def fail(message: str, status: int) -> NoReturn:

@@ -43,6 +43,8 @@ def main(arguments: list[str]) -> int:
 
 def _content(file: str) -> bytes:
     if file == "-":
+        if sys.stdin is None:
+            common.fail("standard input is closed", common.EXIT_USAGE)
         return sys.stdin.buffer.read()
     try:
         return Path(file).read_bytes()
@@ -56,8 +58,9 @@ def _report(parsed: parse_capture.ParseResult, name: str) -> int:
     if parsed.error is not None:
         location = name if parsed.line is None else f"{name}:{parsed.line}"
         common.info(f"{location}: {parsed.problem}")
-        reason = traceback.format_exception_only(type(parsed.error), parsed.error)[-1].strip()
-        print(reason, file=sys.stderr)
+        common.write_error(
+            traceback.format_exception_only(type(parsed.error), parsed.error)[-1].strip() + "\n"
+        )
         return common.EXIT_FAILURE
     for line in parsed.skipped:
         common.info(f"{name}: skipped a line: {line}")
