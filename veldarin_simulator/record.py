@@ -25,6 +25,7 @@ import shutil
 import signal
 import socket
 import sys
+import threading
 from collections.abc import Iterable, Iterator
 from pathlib import Path
 from typing import Any, Callable, NamedTuple, NoReturn
@@ -129,6 +130,7 @@ class Recorder:
         self._check = check
         self._report = report
         self._run = getattr(module, _CLI)
+        self._thread = threading.get_ident()
         self._command_errors: dict[str, Exception] = {}
         self._found: dict[str, dict[str, Any]] = {key: {} for key, _ in _SELECTIONS.values()}
         (folder / "cli").mkdir()
@@ -156,7 +158,7 @@ class Recorder:
                 self._parse("get_routing_table_result", self._redact(address))
             self._bfd_sessions()
             for command in options.command:
-                self._command(self._redact(command))
+                self._parse(_CLI, self._redact(command))
         for path in dict.fromkeys(options.certificate):
             self._certificate(path)
         for profile, event in dict.fromkeys(map(tuple, options.capture)):
@@ -217,15 +219,10 @@ class Recorder:
             self._find(query, item)
 
     def _parse(self, function: str, *arguments: Any) -> Any:
-        """Call a function that runs commands; `run_command` records their outputs."""
-        with own_bfd_sessions(self._module):
-            return self._logged(function, arguments)
+        """Call a function that runs commands, whose outputs `run_command` records.
 
-    def _command(self, command: str) -> Any:
-        return self._logged(_CLI, (command,))
-
-    def _logged(self, function: str, arguments: tuple[Any, ...]) -> Any:
-        """Call a function and log its result, or an error that the recorded outputs cause."""
+        Log its result, or an error that the outputs cause.
+        """
         bound = getattr(self._module, function)
         shown = json.loads(json.dumps(arguments))  # the call may change them
         outcome = self._try(function, shown, lambda: (bound(*arguments),), log_errors=True)
@@ -240,12 +237,13 @@ class Recorder:
         sessions = []
         for command in _BFD_COMMANDS:
             # The parser returns the first session of an output only.
-            words = [line.split() for line in (self._command(command) or "").splitlines()]
+            words = [line.split() for line in (self._parse(_CLI, command) or "").splitlines()]
             sessions += [(line[1], line[3]) for line in words if line[:1] == ["peer"] and line[3:]]
         for address, interface in dict.fromkeys(sessions):
             for command in _BFD_COMMANDS:
                 self._parse("get_bfd_neighbor", f"{command} {address} {interface}", {})
-        self._parse("list_bfd_neighbor")
+        with own_bfd_sessions(self._module):
+            self._parse("list_bfd_neighbor")
 
     def _certificate(self, path: str) -> None:
         function = "check_cert_expiration"
@@ -271,8 +269,11 @@ class Recorder:
         """Return the output of a command, which the device runs once and the recording keeps.
 
         Later calls return the recorded text, so that the results of all functions are those that
-        the recording will give. With a redactor, command and output are redacted.
+        the recording will give. With a redactor, command and output are redacted. Other threads,
+        such as those of the management process, get the device's output.
         """
+        if threading.get_ident() != self._thread:
+            return str(self._run(command))
         words = b" ".join(command.encode()[:_MAX_COMMAND].split())
         name = f"cli/{_quote(words)}.txt"
         if name in self._command_errors:
