@@ -9,6 +9,7 @@ from __future__ import annotations
 import ctypes
 import json
 import os
+import re
 import sys
 from collections.abc import Callable, Iterator, Sequence
 from enum import IntEnum
@@ -30,6 +31,8 @@ SOURCES: tuple[Source, ...] = ("none", "scripted", "recorded", "live")
 ReplyForm = IntEnum("ReplyForm", "JSON TEXT WRAPPED IN_PLACE COUNT STATUS", start=0)
 # `enum simulator_reply_kind`.
 ReplyKind = IntEnum("ReplyKind", "NULL TEXT VERBATIM NUMBER", start=0)
+
+_LONG_NUMBER = re.compile(rb"\d{19}")
 
 _NUMBERS: dict[ReplyForm, tuple[Any, str]] = {
     ReplyForm.COUNT: (ctypes.c_ulong, "unsigned long"),
@@ -78,6 +81,7 @@ _FUNCTIONS: dict[str, tuple[Any, tuple[Any, ...]]] = {
     "simulator_clear_fixed_reply": (None, (ctypes.c_size_t,)),
     "simulator_fixed_reply_calls": (ctypes.c_ulong, (ctypes.c_size_t,)),
     "simulator_oversized_replies": (ctypes.c_ulong, ()),
+    "simulator_set_delay": (None, (ctypes.c_size_t, ctypes.c_ulonglong)),
     "simulator_call_log_size": (ctypes.c_size_t, ()),
     "simulator_call_log_read": (ctypes.c_int, (ctypes.c_size_t, ctypes.POINTER(_Call))),
     "simulator_clear_calls": (None, ()),
@@ -120,7 +124,9 @@ def _encode(form: ReplyForm, value: object) -> tuple[ReplyKind, bytes | None, in
     if form is ReplyForm.JSON:
         if isinstance(value, RawJSON):
             return ReplyKind.VERBATIM, value.encoded(), 0
-        return ReplyKind.TEXT, json.dumps(value, ensure_ascii=False).encode(), 0
+        text = json.dumps(value, ensure_ascii=False).encode()
+        # json-c would replace an integer of more than 64 bits with the nearest one of 64 bits.
+        return (ReplyKind.VERBATIM if _LONG_NUMBER.search(text) else ReplyKind.TEXT), text, 0
     if isinstance(value, (bytes, str)):
         return ReplyKind.TEXT, value.encode() if isinstance(value, str) else value, 0
     raise TypeError(f"the service returns text, not {type(value).__name__}")
@@ -187,6 +193,10 @@ class NativeLibrary:
     def fixed_reply_calls(self, service: str) -> int:
         """Return the number of calls that returned the fixed reply."""
         return int(self._library.simulator_fixed_reply_calls(self._indices[service]))
+
+    def set_delay(self, service: str, microseconds: int) -> None:
+        """Make each call of a service sleep first; 0 ends that."""
+        self._library.simulator_set_delay(self._indices[service], microseconds)
 
     def oversized_replies(self) -> int:
         """Return and reset the number of calls whose buffer was too small for a fixed reply."""

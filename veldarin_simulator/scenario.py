@@ -1,20 +1,22 @@
 """Scenarios: recorded replies, as a value that is validated when it is created.
 
 scenarios/README.md documents the file names for users: `SERVICE.json` holds the reply of a service,
-`cli/COMMAND.txt` the output of a command.
+`SERVICE KEY=VALUE.json` the reply to one request, `SERVICE.1.json` the first of a sequence;
+`cli/COMMAND.txt` holds the output of a command.
 """
 
 from __future__ import annotations
 
-import difflib
 import json
 import os
 import re
 from collections.abc import Iterator, Mapping
 from pathlib import Path
 from types import MappingProxyType
-from typing import Any
+from typing import Any, NoReturn
 from urllib.parse import unquote_to_bytes
+
+from veldarin_simulator.similar import did_you_mean
 
 DEFAULT_SCENARIO = Path(__file__).resolve().parent / "scenarios" / "default"
 
@@ -33,29 +35,43 @@ SERVICES = sorted({*_JSON_SERVICES, *_INTEGER_SERVICES, *_TEXT_SERVICES})
 CLI_SERVICE = "get_cli_cmd_output"  # its replies are the files in cli/
 _CLI = "cli"
 _ANY_WORD = b"{}"
+_SERIAL_NUMBER = "serial_number_ascii"
+
+_SERVICE_FILE = re.compile(
+    r"(?P<service>\w+)(?:\.(?P<step>[1-9]\d*))?(?P<request> [^= ]+=.*)?\.json", re.DOTALL
+)
+_COMMAND_STEP = re.compile(r"(?P<command>.+)\.(?P<step>[1-9]\d*)", re.DOTALL)
+
+# The parts of a JSON text in which the last group is an error: constants that JSON does not have,
+# surrogates that are not a pair.
+_CONSTANT = re.compile(r'"(?:[^"\\]|\\.)*"|(-?Infinity|NaN)', re.DOTALL)
+_SURROGATE = re.compile(r"\\u[dD][89abAB]..\\u[dD][c-fC-F]..|\\[^u]|(\\u[dD][89a-fA-F])", re.DOTALL)
 
 
 class ScenarioError(ValueError):
-    """A scenario that cannot be used. Its message is one line: file, line if known, problem.
+    """A scenario that cannot be used. Its message is one line: "FILE:LINE:COLUMN: PROBLEM".
 
     Attributes:
         path: The file; relative if the scenario was not loaded from a directory.
-        problem: The message without file and line.
-        line: The line, counted from 1, or None.
-        column: The column of a JSON syntax error, counted from 1, or None.
+        problem: The message without its location.
+        line: The line, counted from 1, or None if the file as a whole is at fault.
+        column: The column, in characters counted from 1, or None.
     """
 
     def __init__(
         self, path: Path, problem: str, line: int | None = None, column: int | None = None
     ) -> None:
         self.path, self.problem, self.line, self.column = path, problem, line, column
-        super().__init__(f"{path}{'' if line is None else f':{line}'}: {problem}")
+        location = "".join(f":{number}" for number in (line, column) if number is not None)
+        # A file name may hold a line break.
+        super().__init__(f"{str(path).encode('unicode_escape').decode()}{location}: {problem}")
 
 
 class Scenario(Mapping[str, bytes]):
     """An immutable mapping from reply name to text.
 
-    A reply name is a relative file name: "build_switch_lg_state.json", "cli/get system arp.txt".
+    A reply name is a relative file name: "build_switch_lg_state.json", "cli/get system arp.txt". A
+    sequence has one file for each call; the last one is for all further calls.
 
     Args:
         texts: The replies. Each is checked.
@@ -65,23 +81,33 @@ class Scenario(Mapping[str, bytes]):
             its text.
 
     Attributes:
-        services: Service name to the parsed reply.
-        commands: Command, its words joined by single spaces, to its output.
+        services: Service name to its replies by request: "" or "KEY=VALUE" to the sequence of
+            parsed replies.
+        commands: Command, its words joined by single spaces, to the sequence of its outputs.
     """
 
     __slots__ = ("_texts", "commands", "services")
 
     def __init__(self, texts: Mapping[str, bytes] = MappingProxyType({})) -> None:
         self._texts = dict(sorted(texts.items()))
-        services: dict[str, Any] = {}
-        commands: dict[bytes, bytes] = {}
+        services: dict[str, dict[str, dict[int, str]]] = {}
+        outputs: dict[str, bytes] = {}
         for name, text in self._texts.items():
             if name.startswith(f"{_CLI}/"):
-                commands[_command(name)] = _checked_output(name, text)
+                outputs[_command_words(name)] = _checked_output(name, text)
             else:
-                services[_service(name)] = _parsed(name, text)
-        self.services: Mapping[str, Any] = MappingProxyType(services)
-        self.commands: Mapping[bytes, bytes] = MappingProxyType(commands)
+                service, request, step = _service_file(name)
+                services.setdefault(service, {}).setdefault(request, {})[step] = name
+        self.services: Mapping[str, Mapping[str, tuple[Any, ...]]] = MappingProxyType(
+            {
+                service: {
+                    request: tuple(_parsed(name, self._texts[name]) for name in _sequence(names))
+                    for request, names in requests.items()
+                }
+                for service, requests in services.items()
+            }
+        )
+        self.commands: Mapping[bytes, tuple[bytes, ...]] = MappingProxyType(_commands(outputs))
 
     def __getitem__(self, name: str) -> bytes:
         return self._texts[name]
@@ -103,9 +129,12 @@ class Scenario(Mapping[str, bytes]):
             ScenarioError: The directory cannot be read, or holds what `Scenario` rejects.
         """
         texts = {}
+        root = os.path.realpath(folder)
         for path in _entries(folder):
             inside = _entries(path) if path.name == _CLI and path.is_dir() else [path]
             for file in inside:
+                if os.path.commonpath([root, os.path.realpath(file)]) != root:
+                    raise ScenarioError(file, "the link leads out of the scenario")
                 texts[file.relative_to(folder).as_posix()] = _content(file)
         try:
             return cls(texts)
@@ -135,22 +164,37 @@ class Scenario(Mapping[str, bytes]):
         others = {known: held for known, held in self.items() if known != name}
         return Scenario(others if text is None else {**others, name: text})
 
-    def command_output(self, command: bytes) -> bytes | None:
-        """Return the output of a command, or None.
+    def command_outputs(self, command: bytes) -> tuple[bytes, ...]:
+        """Return the sequence of a command's outputs, empty if the scenario has none.
 
         Of several files whose names match, the one with the fewest words "{}" counts.
         """
         words = command.split()
         matching = [known for known in self.commands if _matches(known.split(), words)]
         if not matching:
-            return None
+            return ()
         return self.commands[min(matching, key=lambda known: known.split().count(_ANY_WORD))]
 
 
 def changed_services(before: Scenario, after: Scenario) -> set[str]:
     """Return the services whose reply differs between two scenarios."""
     names = {name for name in {*before, *after} if before.get(name) != after.get(name)}
-    return {CLI_SERVICE if name.startswith(f"{_CLI}/") else _service(name) for name in names}
+    return {
+        CLI_SERVICE if name.startswith(f"{_CLI}/") else _service_file(name)[0] for name in names
+    }
+
+
+def request_names(request: Any) -> list[str]:
+    """Return the names, "KEY=VALUE", of the files that hold the reply to a request.
+
+    A value that is not a string is written as JSON. The key of a service that takes text is "text".
+    """
+    if isinstance(request, bytes):
+        request = {"text": request.decode("utf-8", "surrogateescape")}
+    return [
+        f"{key}={value if isinstance(value, str) else json.dumps(value, ensure_ascii=False)}"
+        for key, value in (request or {}).items()
+    ]
 
 
 def filter_rows(value: Any) -> Any:
@@ -189,6 +233,8 @@ def _entries(folder: Path) -> list[Path]:
 
 
 def _content(path: Path) -> bytes:
+    if path.exists() and not (path.is_file() or path.is_dir()):
+        raise ScenarioError(path, "is not a regular file")
     try:
         return path.read_bytes()
     except OSError as error:
@@ -199,58 +245,109 @@ def _reason(error: OSError) -> str:
     return (error.strerror or str(error)).lower()
 
 
-def _service(name: str) -> str:
-    stem = name[: -len(".json")]
-    if name.endswith(".json") and stem in SERVICES:
-        return stem
-    near = difflib.get_close_matches(name.rpartition(".")[0], SERVICES, n=1)
-    hint = f" (did you mean {near[0]}.json?)" if near else ""
-    raise ScenarioError(Path(name), f"no service has this name{hint}")
+def _service_file(name: str) -> tuple[str, str, int]:
+    """Return the service, the request and the position in the sequence (0: alone) of a file."""
+    match = _SERVICE_FILE.fullmatch(name)
+    if match and match["service"] in SERVICES:
+        request = unquote_to_bytes(os.fsencode((match["request"] or "").lstrip(" ")))
+        if match["service"] == _SERIAL_NUMBER and (match["step"] or request):
+            raise ScenarioError(Path(name), f"the serial number is in {_SERIAL_NUMBER}.json")
+        return match["service"], os.fsdecode(request), int(match["step"] or 0)
+    hint = did_you_mean(re.split(r"[. ]", name)[0], SERVICES)
+    problem = "no service has this name"
+    raise ScenarioError(Path(name), f"{problem} ({hint[:-1]}.json?)" if hint else problem)
 
 
-def _command(name: str) -> bytes:
+def _sequence(names: dict[int, str]) -> list[str]:
+    """Return the files of a sequence, by position, in order."""
+    if 0 in names and len(names) > 1:
+        problem = f"is a step of a sequence, and {names[0]} is its only reply: remove one of them"
+        raise ScenarioError(Path(names[min({*names} - {0})]), problem)
+    for step in range(1, max(names) + 1):
+        if step not in names:
+            last = names[max(names)]
+            missing = last.replace(f".{max(names)}", f".{step}", 1)
+            raise ScenarioError(Path(missing), f"no such file: {last} needs all steps before it")
+    return [names[step] for step in sorted(names)]
+
+
+def _command_words(name: str) -> str:
+    """Return the quoted command of a file in cli/."""
     file = name[len(f"{_CLI}/") :]
     if not file.endswith(".txt") or file.startswith(".") or "/" in file or "\0" in file:
         raise ScenarioError(Path(name), "expected the output of a command in COMMAND.txt")
-    return b" ".join(unquote_to_bytes(os.fsencode(file[: -len(".txt")])).split())
+    return file[: -len(".txt")]
+
+
+def _commands(outputs: dict[str, bytes]) -> dict[bytes, tuple[bytes, ...]]:
+    """Return the sequences of outputs.
+
+    A number at the end may belong to the command ("... detail 192.0.2.1") or be a step. Both count:
+    the file is the output of that command, and a step of the command without the number if that one
+    has no output of its own and the steps begin with 1.
+    """
+    steps: dict[str, dict[int, bytes]] = {}
+    for words, output in outputs.items():
+        match = _COMMAND_STEP.fullmatch(words)
+        if match:
+            steps.setdefault(match["command"], {})[int(match["step"])] = output
+    commands: dict[bytes, tuple[bytes, ...]] = {}
+    for words, numbered in steps.items():
+        count = next(step for step in range(1, len(numbered) + 2) if step not in numbered) - 1
+        if count:
+            commands[_unquoted(words)] = tuple(numbered[step] for step in range(1, count + 1))
+    return {**commands, **{_unquoted(words): (output,) for words, output in outputs.items()}}
+
+
+def _unquoted(words: str) -> bytes:
+    return b" ".join(unquote_to_bytes(os.fsencode(words)).split())
 
 
 def _checked_output(name: str, text: bytes) -> bytes:
     if b"\0" in text:
-        line = _line(text, text.index(b"\0"))
-        raise ScenarioError(Path(name), "a NUL byte would end the text", line)
+        _reject(name, text, text.index(b"\0"), "a NUL byte would end the text")
     return text
 
 
 def _parsed(name: str, text: bytes) -> Any:
-    path = Path(name)
+    service = _service_file(name)[0]
     try:
-        value = json.loads(text.decode("utf-8"), parse_constant=_reject_constant)
+        decoded = text.decode("utf-8")
     except UnicodeDecodeError as error:
-        raise ScenarioError(path, "not UTF-8", _line(text, error.start)) from error
-    except json.JSONDecodeError as error:
-        problem = f"not JSON: {error.msg} (column {error.colno})"
-        raise ScenarioError(path, problem, error.lineno, error.colno) from error
-    except (ValueError, RecursionError) as error:
-        raise ScenarioError(path, f"not JSON: {error}") from error
+        _reject(name, text, error.start, "not UTF-8")
+
+    def reject(offset: int, problem: str) -> NoReturn:
+        _reject(name, text, len(decoded[:offset].encode()), problem)
+
+    def reject_constant(constant: str) -> None:
+        (found, *_) = (match for match in _CONSTANT.finditer(decoded) if match[1] == constant)
+        reject(found.start(), f"{constant} is not valid JSON")
+
     try:
+        value = json.loads(decoded, parse_constant=reject_constant)
         json.dumps(value, ensure_ascii=False).encode()
-    except UnicodeEncodeError as error:
-        raise ScenarioError(path, "lone surrogates are not allowed") from error
-    if path.stem in _TEXT_SERVICES:
+    except json.JSONDecodeError as error:
+        reject(error.pos, f"not JSON: {error.msg}")
+    except UnicodeEncodeError:
+        (found, *_) = (match for match in _SURROGATE.finditer(decoded) if match[1])
+        reject(found.start(), "lone surrogates are not allowed")
+    except RecursionError:
+        raise ScenarioError(Path(name), "not JSON: nested too deeply") from None
+    begin = len(decoded) - len(decoded.lstrip())
+    if service in _TEXT_SERVICES:
         if not isinstance(value, str) or "\0" in value:
-            raise ScenarioError(path, "expected a string without NUL")
+            reject(begin, "expected a string without NUL")
         return value.encode()
-    if path.stem in _INTEGER_SERVICES:
-        least, greatest = _INTEGER_SERVICES[path.stem]
+    if service in _INTEGER_SERVICES:
+        least, greatest = _INTEGER_SERVICES[service]
         if type(value) is not int or not least <= value <= greatest:
-            raise ScenarioError(path, f"expected an integer from {least} to {greatest}")
+            reject(begin, f"expected an integer from {least} to {greatest}")
     return value
 
 
-def _reject_constant(name: str) -> None:
-    raise ValueError(f"{name} is not valid JSON")
-
-
-def _line(content: bytes, offset: int) -> int:
-    return content.count(b"\n", 0, offset) + 1
+def _reject(name: str, text: bytes, offset: int, problem: str) -> NoReturn:
+    """Raise a `ScenarioError` with the line and column of an offset."""
+    before = text[:offset]
+    line = before.count(b"\n") + 1
+    column = len(before.rpartition(b"\n")[2].decode("utf-8", "replace")) + 1
+    raise ScenarioError(Path(name), problem, line, column) from None

@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import ctypes
-import difflib
 import importlib
 import json
+import math
 import os
 import shutil
 import tempfile
-from collections.abc import Callable
+from collections.abc import Callable, Iterable
 from pathlib import Path
 from types import ModuleType, TracebackType
 from typing import TYPE_CHECKING, Any, cast
@@ -20,6 +20,7 @@ from veldarin_simulator.extras import MissingPackageError
 from veldarin_simulator.native_library import EncodedReply, ReplyForm, encode_reply
 from veldarin_simulator.reply import RawJSON, Reply, Source
 from veldarin_simulator.scenario import Scenario
+from veldarin_simulator.similar import did_you_mean
 
 if TYPE_CHECKING:
     from veldarin_simulator.providers import Providers
@@ -44,6 +45,15 @@ _NO_REPLY = {
     ReplyForm.COUNT: 0,
     ReplyForm.STATUS: 0,
 }
+
+# The result of a service that fails. The others always succeed.
+_FAILURE = {
+    ReplyForm.JSON: None,
+    ReplyForm.TEXT: None,
+    ReplyForm.IN_PLACE: None,
+    ReplyForm.STATUS: -1,
+}
+_MAX_DELAY = 86400.0  # seconds
 
 _open: Simulator | None = None
 
@@ -204,6 +214,65 @@ class Simulator:
         self._clear_reply(service)
         self._replies[service] = encoded, source
 
+    def set_replies(self, service: str, replies: Iterable[object]) -> None:
+        """Set the replies to the next calls of a native service; the last one stays.
+
+        Args:
+            service: The name of a service, as in `set_reply`, without the two of sibling data.
+            replies: What `set_reply` accepts, at least one.
+
+        Raises:
+            TypeError, ValueError: As in `set_reply`, or the sequence is empty. The reply of the
+                service then stays as it is.
+        """
+        form = self._form(service)
+        steps = [reply if isinstance(reply, Reply) else Reply(reply) for reply in replies]
+        if not steps:
+            raise ValueError(f"{service}: expected at least one reply")
+        for step in steps:
+            if not callable(step.reply):
+                encode_reply(form, step.reply)
+        upcoming = iter(steps[:-1])
+
+        def reply(*arguments: object) -> Reply:
+            step = next(upcoming, steps[-1])
+            value = step.reply(*arguments) if callable(step.reply) else step.reply
+            return value if isinstance(value, Reply) else Reply(value, step.source)
+
+        self.set_reply(service, reply)
+
+    def fail(self, service: str) -> None:
+        """Make a native service fail, from the next call on.
+
+        It returns a null pointer; `cookieval_unwrap` leaves the cookie value unchanged, and
+        `gui_chk_cert_expiration` returns -1.
+
+        Raises:
+            ValueError: The service is unknown, or always succeeds.
+        """
+        form = self._form(service)
+        if form not in _FAILURE:
+            raise ValueError(f"{service} cannot fail: the module does not expect that")
+        self.set_reply(service, _FAILURE[form])
+
+    def delay(self, service: str, seconds: float) -> None:
+        """Delay each call of a native service, until `reset_reply`; 0 ends the delay.
+
+        The call sleeps in C and holds the interpreter lock, as a slow service of the appliance
+        does: no other Python thread runs meanwhile, and Ctrl-C takes effect after the call.
+
+        Args:
+            service: The name of a service.
+            seconds: A number from 0 to 86400.
+
+        Raises:
+            TypeError, ValueError: The service is unknown, or `seconds` is not such a number.
+        """
+        self._form(service)
+        if not 0 <= seconds <= _MAX_DELAY:  # also false for NaN
+            raise ValueError(f"expected a delay of 0 to {_MAX_DELAY:.0f} seconds, not {seconds}")
+        self._library.set_delay(service, math.ceil(seconds * 1e6))
+
     def set_fixed_reply(self, service: str, reply: object) -> None:
         """Register a reply in the native library, so that calls do not enter Python.
 
@@ -223,11 +292,15 @@ class Simulator:
         self._sources[service] = "scripted"
 
     def reset_reply(self, service: str) -> None:
-        """Undo `set_reply` and `set_fixed_reply`: the provided reply applies again.
+        """Undo what was set for a service: the provided reply applies again, without a delay.
+
+        A sequence of the scenario starts at its beginning.
 
         Raises:
             ValueError: The service is unknown.
         """
+        if service not in _SIBLING_DATA:
+            self.delay(service, 0)
         reply = self.provided_reply(service)
         if reply is not None:
             self.set_reply(service, reply)
@@ -414,9 +487,8 @@ class Simulator:
 
     def _form(self, service: str) -> ReplyForm:
         if service not in self._library.forms:
-            near = difflib.get_close_matches(service, self._library.forms, n=1)
-            hint = f": did you mean {near[0]}?" if near else ""
-            raise ValueError(f"unknown native service {service}{hint}")
+            hint = did_you_mean(service, self._library.forms)
+            raise ValueError(f"unknown native service {service}{hint and f': {hint}'}")
         return self._library.forms[service]
 
     def _reply_to_call(self, service: str, argument: bytes | None) -> None:
@@ -432,15 +504,16 @@ class Simulator:
         form = self._library.forms[service]
         if service not in self._replies:
             return encode_reply(form, _NO_REPLY[form], "none"), "none"
-        reply, source = self._replies[service]
-        if isinstance(reply, EncodedReply):
-            return reply, source
+        encoded, source = self._replies[service]
+        if isinstance(encoded, EncodedReply):
+            return encoded, source
         arguments: list[object] = [] if argument is None else [argument]
         if argument is not None and form is ReplyForm.JSON:
             arguments = [json.loads(argument)]
-        result = reply(*arguments)
-        value = result if isinstance(result, Reply) else Reply(result, source)
-        return encode_reply(form, value.reply, value.source), value.source
+        result = encoded(*arguments)
+        reply = result if isinstance(result, Reply) else Reply(result, source)
+        value = _NO_REPLY[form] if reply.source == "none" else reply.reply
+        return encode_reply(form, value, reply.source), reply.source
 
 
 def _device_data() -> Any:

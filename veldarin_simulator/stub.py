@@ -6,14 +6,18 @@ The command line, the console, the page of functions and the tests use it.
 from __future__ import annotations
 
 import ast
+import inspect
+import itertools
 import json
 import os
 import re
+from collections.abc import Iterable, Iterator
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
 
 from veldarin_simulator import native_library
+from veldarin_simulator.similar import similar
 
 _ROOT = native_library.INSTALLED / "stage" if native_library.is_installed() else native_library.ROOT
 STUB = _ROOT / "veldarin" / "modules" / "modules_util.pyi"
@@ -21,8 +25,11 @@ STUB = _ROOT / "veldarin" / "modules" / "modules_util.pyi"
 _HEADING = re.compile(r"^# -{10,} (?P<title>\S.*)\n(?P<text>(?:#.*\n)*)", re.MULTILINE)
 _REEXPORT = re.compile(r"^(?:from \S+ )?import \S+ as (\w+)$", re.MULTILINE)
 _PROMPT = re.compile(r">>> (.*(?:\n\.\.\. .*)*)")
-# griffe's own parser drops a Raises section that is not a list ("Nothing.").
 _PART = re.compile(r"^(Args|Raises|Example):\n((?:    .*\n|\n)*)", re.MULTILINE)
+
+
+class ArgumentError(ValueError):
+    """A text of a command line that looks like a keyword argument, but is none."""
 
 
 @dataclass(frozen=True)
@@ -33,11 +40,24 @@ class Parameter:
     types: frozenset[str]
     keyword: bool  # accepted by name
     default: str | None = None
+    annotation: str = ""
+
+    @property
+    def declaration(self) -> str:
+        """The parameter as the stub declares it."""
+        name = f"{self.name}: {self.annotation}" if self.annotation else self.name
+        return name if self.default is None else f"{name} = {self.default}"
 
     @property
     def optional(self) -> bool:
         """Whether the parameter has a default."""
         return self.default is not None
+
+    @property
+    def usage(self) -> str:
+        """The parameter as a word of a usage line."""
+        shown = f"{self.name}=VALUE" if self.keyword else self.name.upper()
+        return f"[{shown}]" if self.optional else shown
 
     def parse(self, text: str) -> Any:
         """Return the argument that a command-line text stands for.
@@ -115,23 +135,56 @@ class Function(Entry):
                     return [ast.literal_eval(argument) for argument in node.args], keywords
         return [], {}
 
-    def arguments(self, texts: list[str]) -> tuple[list[Any], dict[str, Any]]:
+    def arguments(
+        self, texts: list[str], values: Iterable[str] = ()
+    ) -> tuple[list[Any], dict[str, Any]]:
         """Return positional and keyword arguments for the texts of a command line.
 
         Surplus texts are included: the module rejects them with its own message.
+
+        Args:
+            texts: Values, and keyword arguments as NAME=VALUE.
+            values: More values, which are not keyword arguments.
+
+        Raises:
+            ArgumentError: A NAME is that of a positional-only parameter, resembles that of another
+                one, or occurs twice.
         """
-        by_keyword = {p.name: p for p in self.parameters if p.keyword}
-        positional: list[Any] = []
+        given: list[str] = []
         keywords: dict[str, Any] = {}
         for text in texts:
-            name, equals, rest = text.partition("=")
-            if equals and name in by_keyword:
-                keywords[name] = by_keyword[name].parse(rest)
-            elif len(positional) < len(self.parameters):
-                positional.append(self.parameters[len(positional)].parse(text))
+            parameter = self._keyword(text)
+            if parameter is None:
+                given.append(text)
+            elif parameter.name in keywords:
+                raise ArgumentError(f"{parameter.name} is given twice")
             else:
-                positional.append(json_or_text(text))
+                keywords[parameter.name] = parameter.parse(text.partition("=")[2])
+        given += values
+        positional = [
+            parameter.parse(text) if parameter else json_or_text(text)
+            for text, parameter in zip(
+                given, itertools.chain(self.parameters, itertools.repeat(None))
+            )
+        ]
         return positional, keywords
+
+    def _keyword(self, text: str) -> Parameter | None:
+        """Return the parameter that a text of the form NAME=VALUE names."""
+        name, equals, _ = text.partition("=")
+        if not equals or not name.replace("-", "_").isidentifier():
+            return None
+        by_name = {parameter.name: parameter for parameter in self.parameters}
+        near = name if name in by_name else "".join(similar(name, by_name)[:1])
+        if not near:
+            return None
+        if not by_name[near].keyword:
+            problem = f"{near} is positional-only: write the value alone"
+        elif near != name:
+            problem = f"no parameter is named {name}: did you mean {near}=?"
+        else:
+            return by_name[name]
+        raise ArgumentError(f"{problem}, or write -- before a value that has an equals sign")
 
 
 @dataclass
@@ -203,47 +256,65 @@ def parse(source: str, path: Path = STUB) -> Stub:
     Raises:
         SyntaxError: The text is not Python.
     """
-    import griffe  # slow to import, and most runs of the simulator do not need it
-
-    module = griffe.visit(path.stem, path, source)
+    tree = ast.parse(source, str(path))
     sections = [Section("", "", 0)]
     for heading in _HEADING.finditer(source):
         line = source.count("\n", 0, heading.start()) + 1
         text = re.sub(r"^# ?", "", heading["text"], flags=re.MULTILINE).strip()
         sections.append(Section(heading["title"], text, line))
     names = set(_REEXPORT.findall(source))
-    for member in module.members.values():
-        if not member.is_alias:
-            section = [section for section in sections if section.line <= (member.lineno or 0)][-1]
-            section.entries.append(_entry(member, section.title))
-            names.add(member.name)
-    docstring = module.docstring.value if module.docstring else ""
+    for node, following in zip(tree.body, [*tree.body[1:], None]):
+        section = [section for section in sections if section.line <= node.lineno][-1]
+        entry = _entry(node, following, section.title)
+        if entry is not None:
+            section.entries.append(entry)
+            names.add(entry.name)
+    docstring = ast.get_docstring(tree) or ""
     return Stub(docstring, [s for s in sections if s.title or s.entries], names)
 
 
-def _entry(member: Any, subsystem: str) -> Entry:
-    docstring = member.docstring.value if member.docstring else ""
-    common = (docstring, member.lineno, subsystem)
-    if member.is_function:
-        parameters = tuple(_parameter(parameter) for parameter in member.parameters)
+def _entry(node: ast.stmt, following: ast.stmt | None, subsystem: str) -> Entry | None:
+    """Return the entry that a statement declares; a string may follow a variable as docstring."""
+    if isinstance(node, ast.FunctionDef):
+        parameters = tuple(_parameters(node.args))
+        shown = [parameter.declaration for parameter in parameters]
+        if node.args.posonlyargs:
+            shown.insert(len(node.args.posonlyargs), "/")
+        result = ast.unparse(node.returns) if node.returns else ""
+        declaration = f"{node.name}({', '.join(shown)}){result and f' -> {result}'}"
+        docstring = ast.get_docstring(node) or ""
         return Function(
-            member.name, member.signature(), *common, parameters, str(member.returns or "")
+            node.name, declaration, docstring, node.lineno, subsystem, parameters, result
         )
-    if member.is_class:
-        fields = {name: str(field.annotation) for name, field in member.members.items()}
-        lines = [f"class {member.name}({', '.join(map(str, member.bases))}):"]
+    if isinstance(node, ast.ClassDef):
+        fields = {
+            field.target.id: ast.unparse(field.annotation)
+            for field in node.body
+            if isinstance(field, ast.AnnAssign) and isinstance(field.target, ast.Name)
+        }
+        lines = [f"class {node.name}({', '.join(map(ast.unparse, node.bases))}):"]
         lines += [f"    {name}: {annotation}" for name, annotation in fields.items()]
-        return Class(member.name, "\n".join(lines), *common, fields)
-    annotation = f": {member.annotation}" if member.annotation else ""
-    value = f" = {member.value}" if member.value else ""
-    return Entry(member.name, f"{member.name}{annotation}{value}", *common)
+        docstring = ast.get_docstring(node) or ""
+        return Class(node.name, "\n".join(lines), docstring, node.lineno, subsystem, fields)
+    if isinstance(node, (ast.AnnAssign, ast.Assign)):
+        target = node.target if isinstance(node, ast.AnnAssign) else node.targets[0]
+        docstring = ""
+        if isinstance(following, ast.Expr) and isinstance(following.value, ast.Constant):
+            docstring = inspect.cleandoc(str(following.value.value))
+        return Entry(ast.unparse(target), ast.unparse(node), docstring, node.lineno, subsystem)
+    return None
 
 
-def _parameter(parameter: Any) -> Parameter:
-    members = {member.strip() for member in str(parameter.annotation or "object").split("|")}
-    return Parameter(
-        parameter.name,
-        frozenset(members - {"None"}),
-        parameter.kind.name != "positional_only",
-        None if parameter.default is None else str(parameter.default),
-    )
+def _parameters(arguments: ast.arguments) -> Iterator[Parameter]:
+    declared = [*arguments.posonlyargs, *arguments.args]
+    defaults = [None] * (len(declared) - len(arguments.defaults)) + [*arguments.defaults]
+    for position, (argument, default) in enumerate(zip(declared, defaults)):
+        annotation = ast.unparse(argument.annotation) if argument.annotation else ""
+        members = {member.strip() for member in (annotation or "object").split("|")}
+        yield Parameter(
+            argument.arg,
+            frozenset(members - {"None"}),
+            position >= len(arguments.posonlyargs),
+            None if default is None else ast.unparse(default).replace("Ellipsis", "..."),
+            annotation,
+        )

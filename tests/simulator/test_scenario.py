@@ -101,12 +101,18 @@ def test_recorded_rows_are_selected_by_the_module() -> None:
 
 BROKEN = {
     # files, part of the message
-    "bad JSON": ({"build_switch_lg_state.json": '{\n"a": 1,\n}'}, "lg_state.json:3: not JSON"),
-    "empty": ({"build_switch_lg_state.json": ""}, "lg_state.json:1: not JSON"),
-    "not UTF-8": ({"build_switch_lg_state.json": b'[\n"\xff"]'}, "lg_state.json:2: not UTF-8"),
-    "NaN": ({"build_switch_lg_state.json": "[NaN]"}, "NaN is not valid JSON"),
-    "too deep": ({"build_switch_lg_state.json": "[" * 100_000}, "lg_state.json: not JSON"),
-    "surrogate": ({"build_switch_lg_state.json": '"\\ud800"'}, "surrogate"),
+    "bad JSON": ({"build_switch_lg_state.json": '{\n"a": 1,\n}'}, "lg_state.json:3:1: not JSON"),
+    "empty": ({"build_switch_lg_state.json": ""}, "lg_state.json:1:1: not JSON"),
+    "not UTF-8": ({"build_switch_lg_state.json": b'[\n"\xff"]'}, "lg_state.json:2:2: not UTF-8"),
+    "NaN": ({"build_switch_lg_state.json": "[NaN]"}, "lg_state.json:1:2: NaN is not valid JSON"),
+    "too deep": (
+        {"build_switch_lg_state.json": "[" * 100_000},
+        "lg_state.json: not JSON: nested too",
+    ),
+    "surrogate": (
+        {"build_switch_lg_state.json": '"\\ud800"'},
+        "lg_state.json:1:2: lone surrogates",
+    ),
     "typing error": (
         {"build_switch_lg_stat.json": "[]"},
         r"no service has this name \(did you mean build_switch_lg_state.json\?\)",
@@ -119,7 +125,7 @@ BROKEN = {
     "negative": ({"__get_aps_hash.json": "-1"}, "integer from 0 to 4294967295"),
     "number for a text": ({"cookieval_wrap.json": "1"}, "expected a string without NUL"),
     "NUL": ({"cookieval_wrap.json": '"a\\u0000b"'}, "expected a string without NUL"),
-    "NUL printed": ({"cli/get x.txt": b"one\ntwo\0"}, r"get x.txt:2: a NUL byte would end"),
+    "NUL printed": ({"cli/get x.txt": b"one\ntwo\0"}, r"get x.txt:2:4: a NUL byte would end"),
     "no text": ({"cli/get x.json": b"[]"}, "in COMMAND.txt"),
 }
 
@@ -158,24 +164,24 @@ def test_exact_command_file_precedes_patterns(tmp_path: Path) -> None:
         "cli/empty.txt": "",
     }
     outputs = {
-        b"show a x": b"a x",
-        b"show b x": b"any x",
-        b"show b y": b"any",
-        b"show slash /": b"slash",
-        b"show a": None,
-        b"empty": b"",
-        b"{}": None,
+        b"show a x": (b"a x",),
+        b"show b x": (b"any x",),
+        b"show b y": (b"any",),
+        b"show slash /": (b"slash",),
+        b"show a": (),
+        b"empty": (b"",),
+        b"{}": (),
     }
     scenario = write(tmp_path / "mine", files)
-    assert {command: scenario.command_output(command) for command in outputs} == outputs
+    assert {command: scenario.command_outputs(command) for command in outputs} == outputs
 
 
 def test_with_reply_returns_a_changed_copy() -> None:
     empty = Scenario()
     one = empty.with_reply(LG_STATE, b"[1]")
     assert (dict(empty), dict(one)) == ({}, {LG_STATE: b"[1]"})
-    assert one.with_reply(ARP, b"Address\n").commands == {b"get system arp": b"Address\n"}
-    assert one.with_reply(LG_STATE, b"2").services == {"build_switch_lg_state": 2}
+    assert one.with_reply(ARP, b"Address\n").commands == {b"get system arp": (b"Address\n",)}
+    assert one.with_reply(LG_STATE, b"2").services == {"build_switch_lg_state": {"": (2,)}}
     assert one.with_reply(LG_STATE, None) == empty.with_reply(ARP, None) == empty
 
 
@@ -184,7 +190,7 @@ def test_invalid_reply_raises_with_its_location() -> None:
         Scenario().with_reply(LG_STATE, b'{\n"a" 1}')
     error = caught.value
     assert (error.path, error.line, error.column) == (Path(LG_STATE), 2, 5)
-    assert str(error) == f"{LG_STATE}:2: {error.problem}"
+    assert str(error) == f"{LG_STATE}:2:5: {error.problem}"
 
 
 @pytest.mark.parametrize(
@@ -211,7 +217,7 @@ def test_saved_scenario_loads_as_equal(tmp_path: Path) -> None:
 def test_file_name_that_is_not_utf8_is_a_command(tmp_path: Path) -> None:
     (tmp_path / "cli").mkdir()
     Path(str(tmp_path / "cli" / "get \udcff.txt")).write_bytes(b"text")
-    assert Scenario.load(tmp_path).commands == {b"get \xff": b"text"}
+    assert Scenario.load(tmp_path).commands == {b"get \xff": (b"text",)}
 
 
 def test_use_scenario_sets_only_differing_replies(build: None) -> None:

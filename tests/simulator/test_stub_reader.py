@@ -25,7 +25,7 @@ def bare(value): ...
     ("function", "texts", "positional", "keywords"),
     [
         ("one", ["/etc/x"], [b"/etc/x"], {}),
-        ("one", ["path=/etc/x"], [b"path=/etc/x"], {}),
+        ("one", ["user=/etc/x"], [b"user=/etc/x"], {}),
         ("one", [os.fsdecode(b"\xff")], [b"\xff"], {}),
         ("one", ["None"], [None], {}),
         ("one", [""], [b""], {}),

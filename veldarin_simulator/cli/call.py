@@ -1,8 +1,7 @@
-"""`python -m veldarin_simulator call`: call one function and print its result as JSON."""
+"""`veldarin-simulator call`: call one function and print its result as JSON."""
 
 from __future__ import annotations
 
-import difflib
 import json
 import sys
 import traceback
@@ -10,6 +9,8 @@ from pathlib import Path
 from typing import Any
 
 from veldarin_simulator.cli import common
+from veldarin_simulator.similar import did_you_mean
+from veldarin_simulator.stub import ArgumentError, Function
 
 _DESCRIPTION = """\
 Call a function of veldarin.modules.modules_util and print its result as JSON
@@ -22,44 +23,76 @@ The declared type of a parameter determines its argument:
   str              the text
   anything else    JSON if the text is JSON (7, true, "7", [1]), else the text
   NAME=VALUE       a keyword argument, if a parameter of that name accepts one
-Write -- before arguments that begin with a dash.
+After -- every argument is a value: write it before values that begin with a dash
+or look like NAME=VALUE. For one function: FUNCTION --help
 """
 _EXIT_STATUS = "exit status: 0 returned, 1 raised (with a traceback), 2 usage"
+
+
+def create_parser() -> common.Parser:
+    """Return the parser of the tool's arguments."""
+    parser = common.Parser(
+        "call",
+        usage=f"{common.PROGRAM} call [-h] [--scenario DIR] FUNCTION [ARG ...]",
+        description=_DESCRIPTION,
+        add_help=False,
+    )
+    parser.add_argument(
+        "words", metavar="FUNCTION [ARG ...]", nargs="*", help="a function of those below"
+    )
+    parser.add_argument(
+        "-h", "--help", action="store_true", help="show this text, or that of FUNCTION, and exit"
+    )
+    common.add_scenario(parser)
+    return parser
 
 
 def main(arguments: list[str]) -> int:
     """Run the tool and return its exit status."""
     functions = common.load_functions()
-    listed = "\n  ".join(function.declaration for function in functions.values())
-    parser = common.Parser(
-        "call",
-        usage=f"{common.PROGRAM} call [-h] [--scenario DIR] FUNCTION [ARG ...]",
-        description=_DESCRIPTION,
-        epilog=f"functions:\n  {listed}\n\n{_EXIT_STATUS}",
-    )
-    parser.add_argument(
-        "words", metavar="FUNCTION [ARG ...]", nargs="*", help="a function of those below"
-    )
-    common.add_scenario(parser)
-    options = parser.parse_intermixed_args(arguments)
-    if not options.words:
-        parser.error("expected a function")
-    name, *texts = options.words
+    parser = create_parser()
+    end = arguments.index("--") if "--" in arguments else len(arguments)
+    options = parser.parse_intermixed_args(arguments[:end])
+    words, values = options.words, arguments[end + 1 :]
+    if not words:
+        words, values = values[:1], values[1:]
+    if not words:
+        if not options.help:
+            parser.error("expected a function")
+        listed = "\n  ".join(function.declaration for function in functions.values())
+        parser.epilog = f"functions:\n  {listed}\n\n{_EXIT_STATUS}"
+        parser.print_help()
+        return 0
+    name, *texts = words
     if name not in functions:
-        near = difflib.get_close_matches(name, functions, n=1)
-        hint = f"did you mean {near[0]}?" if near else f"see {common.PROGRAM} call --help"
+        hint = did_you_mean(name, functions) or f"see {common.PROGRAM} call --help"
         common.fail(f"the module has no function {name}: {hint}", common.EXIT_USAGE)
+    if options.help:
+        print(_describe(functions[name]))
+        return 0
     try:
-        result = _call(options.scenario, name, *functions[name].arguments(texts))
+        positional, keywords = functions[name].arguments(texts, values)
+    except ArgumentError as error:
+        common.fail(f"{name}: {error}", common.EXIT_USAGE)
+    try:
+        result = _call(options.scenario, name, positional, keywords)
     except Exception as error:
         entries = error.__traceback__
         while entries is not None and entries.tb_frame.f_code.co_filename == __file__:
             entries = entries.tb_next  # the frames of this tool
         sys.stdout.flush()
-        traceback.print_exception(type(error), error, entries)
+        common.write_error("".join(traceback.format_exception(type(error), error, entries)))
         return common.EXIT_FAILURE
     print(to_json(result))
     return 0
+
+
+def _describe(function: Function) -> str:
+    usage = " ".join(
+        [f"usage: {common.PROGRAM} call [--scenario DIR] {function.name}"]
+        + [parameter.usage for parameter in function.parameters]
+    )
+    return f"{usage}\n\n{function.declaration}\n\n{function.docstring}"
 
 
 def to_json(value: Any) -> str:

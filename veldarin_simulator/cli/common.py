@@ -3,13 +3,15 @@
 from __future__ import annotations
 
 import argparse
+import os
 import sys
 from pathlib import Path
-from typing import NoReturn
+from typing import NoReturn, TextIO
 
 from veldarin_simulator import Scenario, ScenarioError, Simulator, state_dir, stub
 
-PROGRAM = "python -m veldarin_simulator"
+_SCRIPT = "veldarin-simulator"
+PROGRAM = _SCRIPT if Path(sys.argv[0]).name == _SCRIPT else "python -m veldarin_simulator"
 EXIT_FAILURE = 1
 EXIT_USAGE = 2
 
@@ -39,9 +41,24 @@ def add_scenario(parser: argparse.ArgumentParser) -> None:
     )
 
 
+def write_error(text: str) -> None:
+    """Write a text to standard error; a closed or full one is ignored."""
+    if sys.stderr is not None:
+        try:
+            sys.stderr.write(text)
+            sys.stderr.flush()
+        except OSError:
+            discard(sys.stderr)
+
+
+def discard(stream: TextIO) -> None:
+    """Make a stream discard its texts, also those that the interpreter flushes when it exits."""
+    os.dup2(os.open(os.devnull, os.O_WRONLY), stream.fileno())
+
+
 def info(message: str) -> None:
-    """Print a message to standard error."""
-    print(f"veldarin_simulator: {message}", file=sys.stderr)
+    """Print a line to standard error."""
+    write_error(f"veldarin_simulator: {message}\n")
 
 
 def fail(message: str, status: int) -> NoReturn:
@@ -56,7 +73,7 @@ def open_simulator(scenario: Path | None = None, live: bool = True) -> Simulator
         return Simulator(None if scenario is None else Scenario.load(scenario), live)
     except ScenarioError as error:
         fail(str(error), EXIT_USAGE)
-    except (OSError, RuntimeError) as error:
+    except (ImportError, OSError, RuntimeError) as error:
         fail(str(error), EXIT_FAILURE)
 
 

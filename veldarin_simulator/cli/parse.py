@@ -1,4 +1,4 @@
-"""`python -m veldarin_simulator parse`: parse a captured command-line text."""
+"""`veldarin-simulator parse`: parse a captured command-line text."""
 
 from __future__ import annotations
 
@@ -24,12 +24,17 @@ nothing; print the lines that it skips to standard error.
 _EXIT_STATUS = "exit status: 0 parsed, 1 rejected by the parser, 2 usage"
 
 
-def main(arguments: list[str]) -> int:
-    """Run the tool and return its exit status."""
+def create_parser() -> common.Parser:
+    """Return the parser of the tool's arguments."""
     parser = common.Parser("parse", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     parser.add_argument("kind", choices=tuple(parse_capture.PARSERS), help="the parser")
     parser.add_argument("file", metavar="FILE", help="the captured text; - for standard input")
-    options = parser.parse_args(arguments)
+    return parser
+
+
+def main(arguments: list[str]) -> int:
+    """Run the tool and return its exit status."""
+    options = create_parser().parse_args(arguments)
     text = _content(options.file)
     with common.open_simulator(live=False) as simulator:
         parsed = parse_capture.parse(simulator, parse_capture.PARSERS[options.kind], text)
@@ -38,6 +43,8 @@ def main(arguments: list[str]) -> int:
 
 def _content(file: str) -> bytes:
     if file == "-":
+        if sys.stdin is None:
+            common.fail("standard input is closed", common.EXIT_USAGE)
         return sys.stdin.buffer.read()
     try:
         return Path(file).read_bytes()
@@ -51,8 +58,9 @@ def _report(parsed: parse_capture.ParseResult, name: str) -> int:
     if parsed.error is not None:
         location = name if parsed.line is None else f"{name}:{parsed.line}"
         common.info(f"{location}: {parsed.problem}")
-        reason = traceback.format_exception_only(type(parsed.error), parsed.error)[-1].strip()
-        print(reason, file=sys.stderr)
+        common.write_error(
+            traceback.format_exception_only(type(parsed.error), parsed.error)[-1].strip() + "\n"
+        )
         return common.EXIT_FAILURE
     for line in parsed.skipped:
         common.info(f"{name}: skipped a line: {line}")

@@ -1,4 +1,4 @@
-"""`python -m veldarin_simulator console`: serves the console."""
+"""`veldarin-simulator console`: serves the console."""
 
 from __future__ import annotations
 
@@ -7,14 +7,13 @@ import signal
 import sys
 from ipaddress import ip_address
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 from veldarin_simulator import ScenarioError, state_dir
 from veldarin_simulator.cli import common
-from veldarin_simulator.console import server
-from veldarin_simulator.console.app import create_application
-from veldarin_simulator.console.errors import ApiError
-from veldarin_simulator.console.scenario_store import ScenarioStore
-from veldarin_simulator.console.session import Session
+
+if TYPE_CHECKING:  # needs the libraries of the extra "console"
+    from veldarin_simulator.console.session import Session
 
 _DESCRIPTION = """\
 Serve a page and an HTTP interface (docs/console.md) that call every function of
@@ -38,6 +37,12 @@ def main(texts: list[str]) -> int:
         The exit status.
     """
     options = _parse_options(texts)
+    try:
+        from veldarin_simulator.console import server
+        from veldarin_simulator.console.app import create_application
+    except ImportError as error:
+        message = f"{error}: run pip install 'veldarin-simulator[console]'"
+        common.fail(message, common.EXIT_FAILURE)
     # Exit as Ctrl-C does, so that everything is closed.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     with _open_session(options.scenario) as session:
@@ -56,7 +61,8 @@ def main(texts: list[str]) -> int:
     return 0
 
 
-def _parse_options(texts: list[str]) -> argparse.Namespace:
+def create_parser() -> common.Parser:
+    """Return the parser of the tool's arguments."""
     parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     parser.add_argument(
         "--port", type=_port, default=_PORT, help=f"listen on this port, default {_PORT}; 0: any"
@@ -70,6 +76,11 @@ def _parse_options(texts: list[str]) -> argparse.Namespace:
         action="store_true",
         help="let anyone who can reach --host make calls",
     )
+    return parser
+
+
+def _parse_options(texts: list[str]) -> argparse.Namespace:
+    parser = create_parser()
     options = parser.parse_args(texts)
     try:
         loopback = ip_address(options.host).is_loopback
@@ -90,12 +101,18 @@ def _port(text: str) -> int:
 
 def _open_session(scenario: Path | None) -> Session:
     """Open a session, or end the process with one line."""
+    from veldarin_simulator.console.errors import ApiError
+    from veldarin_simulator.console.scenario_store import ScenarioStore
+    from veldarin_simulator.console.session import Session
+
     initial = None if scenario is None else scenario.resolve()
     try:
         return Session(ScenarioStore(state_dir.directory() / "scenarios", initial))
     except ScenarioError as error:
         path = (scenario or Path()) / error.path
-        common.fail(str(ScenarioError(path, error.problem, error.line)), common.EXIT_USAGE)
+        common.fail(
+            str(ScenarioError(path, error.problem, error.line, error.column)), common.EXIT_USAGE
+        )
     except ApiError as error:
         common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:

@@ -26,6 +26,7 @@ struct ServiceSlot {
     bool is_fixed = false;
     StoredReply reply;
     unsigned long calls = 0;
+    std::chrono::microseconds delay{};
 };
 
 // A call whose callback runs. Each thread has its own, because another thread may take the
@@ -80,7 +81,15 @@ void probe_gil() {
     }
 }
 
-ServiceSlot &slot_of(Service service) { return slots[static_cast<std::size_t>(service)]; }
+// Returns the slot of a service that is called.
+ServiceSlot &slot_of_call(Service service) {
+    probe_gil();
+    ServiceSlot &slot = slots[static_cast<std::size_t>(service)];
+    if (slot.delay.count() != 0) {
+        std::this_thread::sleep_for(slot.delay);  // continues after a signal
+    }
+    return slot;
+}
 
 // Copies a reply in the form of the service. Returns null, or the reason why it cannot.
 const char *store(simulator_form form, const simulator_reply &reply, Tracked tracked,
@@ -119,7 +128,7 @@ const char *store(simulator_form form, const simulator_reply &reply, Tracked tra
 void clear_fixed_reply(ServiceSlot &slot) {
     if (slot.is_fixed) {
         json_object_put(slot.reply.object);
-        slot = {};
+        slot = {false, {}, 0, slot.delay};
         --fixed_services;
     }
 }
@@ -153,8 +162,7 @@ StoredReply run_callback(PendingCall call, const LogEntry &entry) {
 }
 
 json_object *reply_object(Service service, void *context, json_object *request, void *third) {
-    probe_gil();
-    ServiceSlot &slot = slot_of(service);
+    ServiceSlot &slot = slot_of_call(service);
     if (slot.is_fixed) {
         ++slot.calls;
         return json_object_get(slot.reply.object);
@@ -164,8 +172,7 @@ json_object *reply_object(Service service, void *context, json_object *request, 
 
 // Returns the slot's reply, or stores the callback's in `storage`.
 const StoredReply &reply(Service service, void *context, const char *text, StoredReply &storage) {
-    probe_gil();
-    ServiceSlot &slot = slot_of(service);
+    ServiceSlot &slot = slot_of_call(service);
     if (slot.is_fixed) {
         ++slot.calls;
         return slot.reply;
@@ -266,6 +273,7 @@ void simulator_close() {
     simulator::gil_probe = {};
     for (auto &slot : simulator::slots) {
         simulator::clear_fixed_reply(slot);
+        slot.delay = {};
     }
     simulator::stop_tracking();
 }
@@ -319,6 +327,12 @@ void simulator_clear_fixed_reply(size_t service) {
 
 unsigned long simulator_fixed_reply_calls(size_t service) {
     return service < simulator::kServices ? simulator::slots[service].calls : 0;
+}
+
+void simulator_set_delay(size_t service, unsigned long long microseconds) {
+    if (service < simulator::kServices) {
+        simulator::slots[service].delay = std::chrono::microseconds(microseconds);
+    }
 }
 
 unsigned long simulator_oversized_replies() { return std::exchange(simulator::oversized, 0); }

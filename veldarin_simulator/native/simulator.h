@@ -75,6 +75,10 @@ SIMULATOR_EXPORT unsigned long simulator_fixed_reply_calls(size_t service);
 // Returns and resets the number of calls whose buffer was too small for a fixed reply.
 SIMULATOR_EXPORT unsigned long simulator_oversized_replies(void);
 
+// Makes each call of a service sleep first, with whatever locks its caller holds; 0 ends that, as
+// does simulator_open.
+SIMULATOR_EXPORT void simulator_set_delay(size_t service, unsigned long long microseconds);
+
 SIMULATOR_EXPORT size_t simulator_call_log_size(void);
 SIMULATOR_EXPORT int simulator_call_log_read(size_t index, struct simulator_call *call);
 SIMULATOR_EXPORT void simulator_clear_calls(void);

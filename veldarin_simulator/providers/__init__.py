@@ -7,7 +7,7 @@
 
 from __future__ import annotations
 
-from collections.abc import Callable
+from collections.abc import Callable, Mapping
 from importlib import import_module
 from typing import Any
 
@@ -23,6 +23,7 @@ from veldarin_simulator.scenario import (
     Scenario,
     changed_services,
     filter_rows,
+    request_names,
 )
 
 
@@ -61,7 +62,8 @@ class Providers:
         """Return the reply of a service, or None."""
         if service == CLI_SERVICE:
             return self._commands.reply()
-        return self._user.reply(service) or self._live.get(service) or self._default.reply(service)
+        machine = self._live.get(service) or self._default.reply(service, None)
+        return self._user.reply(service, machine)
 
     def use_scenario(self, scenario: Scenario) -> set[str]:
         """Replace the user's scenario. Return the services whose reply has changed.
@@ -84,16 +86,56 @@ class _Recorded:
     def __init__(self, scenario: Scenario) -> None:
         self.scenario = scenario
         self._profiles: dict[str, Any] = {}
-        if SUMMARY in scenario.services:
-            self._profiles = SnifferProfiles(scenario.services[SUMMARY]).replies()
+        summary = scenario.services.get(SUMMARY, {})
+        if _is_single(summary):
+            self._profiles = SnifferProfiles(summary[""][0]).replies()
 
-    def reply(self, service: str) -> Reply | None:
-        services = self.scenario.services
-        if service in services and service != SUMMARY:
-            return Reply(filter_rows(services[service]), "recorded")
+    def reply(self, service: str, otherwise: Reply | None) -> Reply | None:
+        """Return the reply of a service, its sequences at their beginning.
+
+        Args:
+            service: The service.
+            otherwise: The reply to requests that the scenario has no reply to.
+        """
         if service in self._profiles:
-            return Reply(self._profiles[service], "recorded")
-        return None
+            otherwise = Reply(self._profiles[service], "recorded")
+        requests = self.scenario.services.get(service)
+        if requests is None or (service == SUMMARY and self._profiles):
+            return otherwise
+        if _is_single(requests):
+            return Reply(filter_rows(requests[""][0]), "recorded")
+        return Reply(_RecordedReplies(requests, otherwise), "recorded")
+
+
+def _is_single(requests: Mapping[str, tuple[Any, ...]]) -> bool:
+    return {*requests} == {""} and len(requests[""]) == 1
+
+
+class _RecordedReplies:
+    """Chooses the recorded reply to each call of a service, by its request and its turn."""
+
+    def __init__(self, requests: Mapping[str, tuple[Any, ...]], otherwise: Reply | None) -> None:
+        self._requests = requests
+        self._otherwise = otherwise
+        self._calls = dict.fromkeys(requests, 0)
+
+    def __call__(self, request: Any = None) -> object:
+        name = next((name for name in request_names(request) if name in self._requests), "")
+        if name not in self._requests:
+            return self._other_reply(request)
+        steps = self._requests[name]
+        value = steps[min(self._calls[name], len(steps) - 1)]
+        self._calls[name] += 1
+        rows = value if name else filter_rows(value)
+        return rows(request) if callable(rows) else rows
+
+    def _other_reply(self, request: Any) -> Reply:
+        if self._otherwise is None:
+            return Reply(None, "none")
+        value = self._otherwise.reply
+        if callable(value):
+            value = value(request)
+        return value if isinstance(value, Reply) else Reply(value, self._otherwise.source)
 
 
 def _live_replies() -> dict[str, Reply]:

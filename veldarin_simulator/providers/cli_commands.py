@@ -6,6 +6,7 @@ command has no output, which the module reports as a failure.
 
 from __future__ import annotations
 
+from collections import Counter
 from collections.abc import Callable
 
 from veldarin_simulator.extras import explain_missing_package
@@ -51,12 +52,17 @@ class CommandRunner:
         self.user = user
         self._default = default
         self._live = live
+        self._calls: Counter[bytes] = Counter()  # of commands with a sequence of outputs
 
     def reply(self) -> Reply | None:
-        """Return the reply of the command line, or None if no command can have output."""
-        if self._live:
-            return Reply(self.run, "live")
-        return Reply(self.run, "recorded") if self.user.commands else None
+        """Return the reply of the command line, or None if no command can have output.
+
+        Its sequences are at their beginning.
+        """
+        if not (self._live or self.user.commands):
+            return None
+        runner = CommandRunner(self.user, self._default, self._live)
+        return Reply(runner.run, "live" if self._live else "recorded")
 
     def run(self, command: bytes) -> Reply:
         """Return the output of a command with its source, or a null reply if it is unknown.
@@ -70,15 +76,21 @@ class CommandRunner:
         """
         words = command.split()
         normalized = b" ".join(words)
-        user = self.user.command_output(normalized)
+        user = self._recorded(self.user, normalized)
         if user is not None:
-            return Reply(user, "recorded")
+            return user
         if self._live:
             live = _run_live([word.decode("utf-8", "replace") for word in words])
             if live is not None:
                 return Reply(live, "live")
-        default = self._default.command_output(normalized)
-        return Reply(default, "none" if default is None else "recorded")
+        return self._recorded(self._default, normalized) or Reply(None, "none")
+
+    def _recorded(self, scenario: Scenario, command: bytes) -> Reply | None:
+        outputs = scenario.command_outputs(command)
+        if len(outputs) < 2:
+            return Reply(outputs[0], "recorded") if outputs else None
+        self._calls[command] += 1
+        return Reply(outputs[min(self._calls[command], len(outputs)) - 1], "recorded")
 
 
 def _run_live(words: list[str]) -> str | None:
