@@ -46,14 +46,15 @@ def file_name(name: str, scenario: Scenario) -> str:
         return f"{name}.json"
     words = b" ".join(name.encode("utf-8", "replace").split())
     if not words or b"\0" in words or len(words) > _MAX_COMMAND_BYTES:
-        raise ApiError(422, f"expected a command of 1 to {_MAX_COMMAND_BYTES} bytes without NUL")
+        detail = f"expected a command of 1 to {_MAX_COMMAND_BYTES} bytes without NUL"
+        raise ApiError("invalid-name", detail)
     command = words.decode("utf-8", "replace")
     for file in scenario:
         if file.startswith("cli/") and _command(file[len("cli/") : -len(".txt")]) == command:
             return file
     file = f"cli/{_quote(words)}.txt"
     if len(file) > _MAX_FILE_NAME:
-        raise ApiError(422, "the command is too long for a file name")
+        raise ApiError("invalid-name", "the command is too long for a file name")
     return file
 
 
