@@ -24,7 +24,7 @@ _PLAIN_COOKIE = b"user=admin"
 
 
 def example_call(simulator: Simulator, function: Function) -> tuple[list[Any], dict[str, Any]]:
-    """Return positional and keyword arguments; those of the stub's example unless others fit better.
+    """Return positional and keyword arguments: those of the stub's example if none fit better.
 
     Raises:
         Exception: Whatever a function raises that finds out about this machine.

@@ -119,12 +119,13 @@ def scenario_text(form: ReplyForm, reply: EncodedReply) -> bytes | None:
     """Return a reply as the text of a scenario's file, or None if no file can hold it."""
     if reply.kind == ReplyKind.NUMBER:
         return str(_NUMBERS[form][0](reply.number).value).encode()
+    text: bytes | None = reply.text
     if form is ReplyForm.JSON:
-        return reply.text or b"null"
-    if form is ReplyForm.TEXT or reply.text is None:
-        return reply.text  # the output of a command
+        return text or b"null"
+    if form is ReplyForm.TEXT or text is None:
+        return text  # the output of a command
     try:
-        return json.dumps(reply.text.decode()).encode()
+        return json.dumps(text.decode()).encode()
     except UnicodeDecodeError:
         return None
 

@@ -262,11 +262,9 @@ class Simulator:
         calls = self._library.call_log()
         if self._recorded is None:
             return calls
-        recorded = iter(self._recorded)
+        services, recorded = self._library.forms, iter(self._recorded)
         return [
-            replace(call, reply=next(recorded, None))
-            if call.service in self._library.forms
-            else call
+            replace(call, reply=next(recorded, None)) if call.service in services else call
             for call in calls
         ]
 

@@ -17,9 +17,7 @@ class Problem(NamedTuple):
 
 # The types, named by the last part of their address: docs/console.md has the same table.
 PROBLEMS = {
-    "malformed-request": Problem(
-        400, "The request is not valid HTTP, or its address is not UTF-8."
-    ),
+    "malformed-request": Problem(400, "The request is not valid HTTP, or its path is not UTF-8."),
     "body-not-json": Problem(400, "The body is not a JSON object."),
     "invalid-member": Problem(
         400, "A member of the body is missing, unknown or of the wrong type."

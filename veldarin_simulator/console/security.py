@@ -113,7 +113,7 @@ def _check_path(request: Any) -> None:
     try:
         request.path_info  # noqa: B018 - decoded on access
     except UnicodeDecodeError as error:
-        raise ApiError("malformed-request", "the address is not UTF-8") from error
+        raise ApiError("malformed-request", "the path is not UTF-8") from error
 
 
 def _check_host(request: Any, allow_remote: bool) -> None:
@@ -148,9 +148,7 @@ def _check_token(request: Any, token: str) -> Any:
         return None
     query = parse_qs(request.query_string, errors="replace")
     if request.path_info != "/" or not _is_equal(query.get("token", [""])[0], token):
-        raise ApiError(
-            "token-required", "open the address that the console printed when it started"
-        )
+        raise ApiError("token-required", "open the address that the console printed")
     redirect = HTTPSeeOther("/")
     redirect.set_cookie(cookie, token, httponly=True, samesite="Strict")
     return redirect

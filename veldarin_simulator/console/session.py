@@ -382,8 +382,8 @@ def _raised(simulator: Simulator) -> str | None:
 def _use_scenario(simulator: Simulator, scenario: Scenario) -> None:
     """Use a scenario, and clear the sessions that BFD calls without a dictionary share.
 
-    Otherwise an edit would have no effect on sessions that an earlier call has found. Output without
-    a session is the way to get hold of that dictionary.
+    Otherwise an edit would have no effect on sessions that an earlier call has found. A call whose
+    output has no session returns the dictionary.
     """
     simulator.use_scenario(scenario)
     simulator.set_reply(CLI_SERVICE, "\n")
