@@ -310,7 +310,7 @@ class Session:
                     "file": file,
                     "overridden": file in scenario,
                     "modified": scenario.get(file) != saved.get(file),
-                    "source": None if command else simulator.source(name),
+                    "source": None if command else simulator.source(replies.service(name)),
                 }
             )
         return listed
