@@ -16,10 +16,11 @@ export function callLog(call) {
     steps.length
       ? el("ol.steps", steps)
       : el("p.empty.small", "The function made no native call."),
+    call.log?.length === 0 ? el("p.hint.logged", "The module logged nothing.") : null,
   );
 }
 
-export function logRecords({ log = [] }) {
+export function logRecords(records) {
   const item = ({ level, logger, message }) =>
     el(
       `li.record.record-${level.toLowerCase()}`,
@@ -28,8 +29,8 @@ export function logRecords({ log = [] }) {
     );
   const title = "Log";
   return panel(
-    { label: title, kind: "log", title, beside: log.length ? note(plural(log.length, "record")) : null },
-    log.length ? el("ol.records", log.map(item)) : el("p.empty.small", "The module logged nothing."),
+    { label: title, kind: "log", title, beside: note(plural(records.length, "record")) },
+    el("ol.records", records.map(item)),
   );
 }
 

@@ -11,7 +11,9 @@ export function outcome({ id, response: call }, beside = null) {
   const shown = call.exception
     ? exceptionPanel(call.exception, facts, [menu("Copy", copyException(call)), compare])
     : resultPanel(call.result, call.function, facts, call.code, [compare]);
-  return [shown, el("div.beside", callLog(call), logRecords(call))];
+  const records = call.log ?? [];
+  const aside = records.length ? logRecords(records) : null;
+  return [shown, el(aside ? "div.beside" : "div.beside.alone", callLog(call), aside)];
 }
 
 // One line about the outcome.

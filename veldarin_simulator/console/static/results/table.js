@@ -30,7 +30,7 @@ export function tableView(rows, name) {
   const flat = new Set(columns.filter((column) => rows.every((row) => isFlat(row[column]))));
   const kinds = new Map(columns.map((column) => [column, isNumeric(rows, column)]));
   const texts = new Map(); // made when the filter is first used
-  const table = el("table");
+  const table = el("table.stacked-rows");
   const region = el(
     "div.table", { role: "region", "aria-label": "Result as a table", tabindex: "0" }, table,
   );
@@ -49,7 +49,7 @@ export function tableView(rows, name) {
     const own = shown.filter((column) => flat.has(column));
     const nested = shown.filter((column) => !flat.has(column));
     const isFixed = rows.length > MAX_AUTO_ROWS;
-    table.className = isFixed ? "fixed" : "";
+    table.classList.toggle("fixed", isFixed);
     const head = el("thead", el("tr", own.map((column) => heading(column, kept, kinds, sortBy))));
     replace(table, isFixed ? columnWidths(table, rows, own) : null, own.length ? head : null);
     const render = (row, index) => rowElements(row, index, own, nested, kinds);

@@ -32,7 +32,7 @@ export class ReplyList {
     const focused = document.activeElement?.dataset?.reply;
     const wanted = this.filter.value.trim().toLowerCase();
     const shown = replies.filter(
-      (one) => one.name.toLowerCase().includes(wanted) && (this.from === "all" || sourceOf(one).includes(this.from)),
+      (one) => one.name.toLowerCase().includes(wanted) && (this.from === "all" || sourceOf(one)?.includes(this.from)),
     );
     const group = (title, listed) =>
       listed.length ? el("section", el("h3", title), el("ul.replies", listed.map((one) => this.item(one)))) : null;
@@ -56,7 +56,7 @@ export class ReplyList {
 }
 
 function sourceOf({ overridden, source }) {
-  return overridden ? "scenario" : (source ?? "none");
+  return overridden ? "scenario" : source;
 }
 
 function badges(one) {
@@ -64,6 +64,6 @@ function badges(one) {
   return [
     draftOf(one.name) ? badge("draft", "modified") : null,
     one.modified ? badge(one.overridden ? "edited" : "removed", "modified") : null,
-    source === "none" ? badge("no reply") : badge(source),
+    source === null ? null : badge(source === "none" ? "no reply" : source),
   ];
 }

@@ -30,7 +30,7 @@ export function sparkline(values, label) {
     { viewBox: `0 0 ${WIDTH} ${HEIGHT}`, role: "img", "aria-label": label, preserveAspectRatio: "none" },
     svg("path.base", { d: `M1 ${y(0).toFixed(1)}H${WIDTH - 3}` }),
     svg("path.trend", { d: path }),
-    last === null ? null : svg("circle", { cx: x(shown.length - 1), cy: y(last), r: "2" }),
+    last === null ? null : svg("path.dot", { d: `M${x(shown.length - 1).toFixed(1)} ${y(last).toFixed(1)}h0` }),
   );
 }
 

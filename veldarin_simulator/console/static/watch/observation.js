@@ -162,8 +162,9 @@ function flatten(value) {
       const naming = namingColumn(one);
       one.forEach((row, index) => {
         const name = naming === null ? `[${index}]` : text(row[naming]);
-        if (path.length || entity) walk(row, entity, [...path, name]);
-        else walk(row, name, []);
+        const { [naming ?? Symbol("none")]: _, ...others } = row;
+        if (path.length || entity) walk(others, entity, [...path, name]);
+        else walk(others, name, []);
       });
     } else {
       for (const [key, inner] of Object.entries(one)) {

@@ -148,7 +148,7 @@ function drawPorts(observation) {
     ),
   );
   return region(el(
-    "table.ports",
+    "table.ports.stacked-rows",
     el("thead", el("tr", titles.map((one, index) => el(index ? "th.number" : "th", { scope: "col" }, one)))),
     el("tbody", rows),
   ));
@@ -219,7 +219,7 @@ function card(name, title, status, observation, facts) {
   return el(
     "section.card",
     { "aria-label": name },
-    el("header", el("h3", title), statePill(status.value, status.isChanged)),
+    el("header", el("h2", title), statePill(status.value, status.isChanged)),
     strip(status.runs(), samples[0].at, samples.at(-1).at, `${name} status`),
     el("p.hint", `${text(status.value)} since ${clock(since.from)}${since.from === samples[0].at ? " or earlier" : ""}`),
     el("dl.facts", facts.map(([term, value]) => [el("dt", term), el("dd", value)])),
