@@ -181,7 +181,7 @@ def test_sources_do_not_import_the_command_line() -> None:
 
 
 def test_page_creates_no_markup_and_loads_only_from_the_console() -> None:
-    files = sorted((SOURCES / "static").iterdir())
+    files = sorted(path for path in (SOURCES / "static").rglob("*") if path.is_file())
     assert {".html", ".css", ".js", ".svg"} == {file.suffix for file in files}
     for file in files:
         text = file.read_text().replace("http://www.w3.org/2000/svg", "")

@@ -90,13 +90,17 @@ export function copyButton(text, label = "Copy", selector = "button.quiet") {
       copy.textContent = "Not allowed";
     }
     setTimeout(() => (copy.textContent = label), 1500);
-  }, selector);
+  }, selector, { "data-stays": true });
   return copy;
 }
 
-// A button that opens a list of buttons. Escape, a click elsewhere and a choice close it.
+// A button that opens a list of buttons. Escape, a click elsewhere and a choice close it, but for a
+// choice that shows in the list that it was carried out.
 export function menu(label, items, name = null) {
-  const body = el("div.menu-items", items);
+  const choose = (event) => {
+    if (event.target.closest("button:not([data-stays])")) element.open = false;
+  };
+  const body = el("div.menu-items", { click: choose }, items);
   const summary = el("summary", { "aria-label": name }, label);
   const element = el("details.menu", summary, body);
   const close = (event) => {

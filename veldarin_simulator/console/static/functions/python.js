@@ -2,9 +2,22 @@
 import { Digits } from "../core/api.js";
 import { quote } from "../core/text.js";
 
+const IDENTIFIER = /^[A-Za-z_]\w*$/;
+const RESERVED = new Set(
+  (
+    "False None True and as assert async await break class continue def del elif else except " +
+    "finally for from global if import in is lambda nonlocal not or pass raise return try while " +
+    "with yield"
+  ).split(" "),
+);
+
 // The call in Python, for example `f("x", event=None)`. Throws `Error` for malformed arguments.
 export function pythonCall(name, { arguments: positional = [], keywords = {} }) {
-  const named = Object.entries(keywords).map(([key, value]) => `${key}=${argument(value)}`);
+  const named = Object.entries(keywords).map(([key, value]) =>
+    IDENTIFIER.test(key) && !RESERVED.has(key)
+      ? `${key}=${argument(value)}`
+      : `**{${quote(key)}: ${argument(value)}}`,
+  );
   return `${name}(${[...positional.map(argument), ...named].join(", ")})`;
 }
 

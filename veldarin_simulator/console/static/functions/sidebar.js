@@ -55,8 +55,12 @@ export function markCurrent(nav, name) {
     if (one.dataset.name === name) one.setAttribute("aria-current", "page");
     else one.removeAttribute("aria-current");
   }
-  nav.querySelector("[aria-current]")?.scrollIntoView({ block: "nearest" });
   nav.querySelector("details").open = WIDE.matches;
+  const current = nav.querySelector("[aria-current]")?.getBoundingClientRect();
+  const frame = nav.getBoundingClientRect();
+  const isInView = !current || (current.top >= frame.top && current.bottom <= frame.bottom);
+  // `scrollIntoView` would move the place from which Tab starts.
+  if (!isInView) nav.scrollTop += current.top - frame.top - frame.height / 3;
 }
 
 function link({ name, summary }) {

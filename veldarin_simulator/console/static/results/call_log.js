@@ -42,8 +42,8 @@ function step(entry) {
 }
 
 // Makes the reply of a native call the scenario's.
-function keepButton({ reply, source }) {
-  if (!reply || source === "scenario") return null;
+function keepButton({ reply }) {
+  if (!reply) return null;
   const place = el("span.keep");
   const keep = button("Keep in scenario", async () => {
     keep.disabled = true;

@@ -9,7 +9,7 @@ const OPEN_NODES = 400; // more than these begin folded
 export function jsonView(value) {
   const budget = { left: OPEN_NODES };
   const body = el("div.json-view", { tabindex: "0", role: "group", "aria-label": "JSON" });
-  body.append(line(value, "", "", budget));
+  body.append(line(value, "", "", budget, true));
   if (isScalar(value)) return body;
   const fold = (open) => {
     const all = [...body.querySelectorAll("details")];
@@ -21,14 +21,14 @@ export function jsonView(value) {
   return el("div", tools, body);
 }
 
-function line(value, key, comma, budget) {
+function line(value, key, comma, budget, isRoot = false) {
   budget.left -= 1;
   const name = key === "" ? null : [el("span.j-key", literal(key)), ": "];
   if (isScalar(value)) return el("div.j-line", name, scalar(value), comma);
   const [open, close] = Array.isArray(value) ? "[]" : "{}";
   const items = Object.entries(value);
   if (!items.length) return el("div.j-line", name, open, close, comma);
-  const isOpen = budget.left > 0 && items.length <= Math.max(budget.left, 100);
+  const isOpen = isRoot || budget.left >= Math.min(items.length, 100);
   const children = () => [
     el("div.j-children", inChunks(items, (part) => part.map((item) => child(item, value, budget)))),
     el("div.j-line", close, comma),

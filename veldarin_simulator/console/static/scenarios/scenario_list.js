@@ -1,5 +1,5 @@
 // The scenarios: load, save, rename, duplicate, delete, export and import.
-import { getBlob, isLate, post, put, putBlob, remove } from "../core/api.js";
+import { ApiError, getBlob, isLate, post, put, putBlob, remove } from "../core/api.js";
 import { announce, badge, button, el, field, hint, inlineForm, menu, panel, replace } from "../core/dom.js";
 import { confirmDialog, nameDialog } from "../core/dialog.js";
 import { download } from "../core/download.js";
@@ -9,7 +9,10 @@ import { fileButton } from "../parse/files.js";
 import { draftNames, dropDrafts } from "./drafts.js";
 import { applyDraft } from "./reply_editor.js";
 
-const path = (name, action = "") => `/api/scenarios/${encodeURIComponent(name)}${action}`;
+function path(name, action = "") {
+  if (name.includes("/")) throw new ApiError({ detail: "a scenario name contains no slash" });
+  return `/api/scenarios/${encodeURIComponent(name)}${action}`;
+}
 
 export class ScenarioList {
   // `refresh()` reads everything again; `showReply(name)` opens the editor of a reply.
