@@ -298,7 +298,7 @@ def _finish_save(directory: int) -> None:
     if listed is None:
         return
     os.fsync(directory)
-    with suppress(ValueError, TypeError):  # not a list of this store
+    with suppress(AttributeError, TypeError, ValueError):  # not a list of this store
         for file, draft, before in json.loads(listed):
             if is_ignored(file) or _hash(_read_file(directory, file)) != before:
                 continue
