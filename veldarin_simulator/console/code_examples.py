@@ -44,7 +44,7 @@ def pytest(expression: str, name: str, calls: list[NativeCall], result: Any, exc
     if exception is None:
         lines.append(f"assert {call} == {result['repr']}")
     else:
-        imports = ["import re", "import pytest"]
+        imports = ["import re", "", "import pytest", "", ""]
         if exception["module"] != "builtins":
             lines.append(f"from {exception['module']} import {exception['type']}")
         message = f"re.escape({exception['message']!r})"
