@@ -11,6 +11,7 @@ from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 from typing import Any
+from unittest import mock
 
 import pytest
 from webtest import TestApp
@@ -513,11 +514,10 @@ def test_kind_of_output_is_recognized(api: Any, text: str, kind: str) -> None:
 def test_failing_line_of_long_output_is_found(
     api: Any, monkeypatch: pytest.MonkeyPatch, kind: str, text: str, line: int | None
 ) -> None:
-    runs = []
-    run = parse_capture._run
-    monkeypatch.setattr(parse_capture, "_run", lambda *given: runs.append(1) or run(*given))
+    run = mock.Mock(wraps=parse_capture._run)
+    monkeypatch.setattr(parse_capture, "_run", run)
     assert api("POST", f"/api/parse/{kind}", {"text": text})["exception"]["line"] == line
-    assert len(runs) < 25
+    assert run.call_count < 25
 
 
 def test_tracing_lines_ends_at_its_time_limit(api: Any, monkeypatch: pytest.MonkeyPatch) -> None:
@@ -577,7 +577,7 @@ def test_body_that_is_not_a_json_object_is_rejected(
         ("POST", "/api/functions/new_cookie_id", {"argument": [1]}, "argument"),
         ("POST", "/api/parse/arp", {"text": "", "texts": 1}, "texts"),
         ("PUT", "/api/scenarios/current", {}, "name"),
-        ("PUT", "/api/scenarios/current", {"name": None, "nmae": 1}, "nmae"),
+        ("PUT", "/api/scenarios/current", {"name": None, "names": 1}, "names"),
         ("PUT", "/api/scenarios/mine", {"overwrite": {}}, "overwrite"),
         ("PUT", "/api/scenarios/mine", {"overwritten": []}, "overwritten"),
         ("POST", "/api/scenarios/initial/rename", {}, "to"),

@@ -67,10 +67,9 @@ def test_documented_limits_match() -> None:
     ]
     assert mebibytes == [8, 8, 1]
     assert "A body and a scenario have at most 8 MiB, a reply and a text to parse" in words
-    connections, seconds = server._MAX_CONNECTIONS, server._MAX_IDLE_SECONDS
+    connections, idle = server._MAX_CONNECTIONS, server._MAX_IDLE_SECONDS
     assert (
-        f"at most {connections} connections and closes those that are idle for {seconds} sec"
-        in words
+        f"at most {connections} connections and closes those that are idle for {idle} sec" in words
     )
     lines, seconds = parse_capture.MAX_LINES, parse_capture.MAX_SECONDS
     assert f"more than {lines} lines, or if it takes more than {seconds:g} seconds" in words

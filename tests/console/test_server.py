@@ -197,7 +197,7 @@ def test_remote_console_requires_the_printed_token(server_process: Any, tmp_path
         server.process.send_signal(signal.SIGINT)
         _, errors = server.process.communicate(timeout=TIMEOUT)
     lines = errors.splitlines()
-    assert "warning: whoever has this address can make calls" in lines[0]
+    assert "warning: anyone with this address can make calls" in lines[0]
     pattern = rf"\S+ \S+ {re.escape(server.host)} GET (\S+) (\d+) \d+ ms"
     logged = [
         match and match.groups() for match in (re.fullmatch(pattern, one) for one in lines[1:])

@@ -62,7 +62,9 @@ def main(texts: list[str]) -> int:
             print(f"console: http://{shown}:{listening.effective_port}/{query}", flush=True)
         if remote:
             _log_access()
-            common.info("warning: whoever has this address can make calls, and HTTP hides nothing")
+            common.info(
+                "warning: anyone with this address can make calls, and HTTP encrypts nothing"
+            )
         listening.run()
         listening.close()
     return 0
