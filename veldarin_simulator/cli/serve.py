@@ -9,16 +9,15 @@ import signal
 import sys
 from ipaddress import ip_address
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 import psutil
 
 from veldarin_simulator import ScenarioError, state_dir
 from veldarin_simulator.cli import common
-from veldarin_simulator.console import security, server
-from veldarin_simulator.console.app import create_application
-from veldarin_simulator.console.errors import ApiError
-from veldarin_simulator.console.scenario_store import ScenarioStore
-from veldarin_simulator.console.session import Session
+
+if TYPE_CHECKING:  # needs the libraries of the extra "console"
+    from veldarin_simulator.console.session import Session
 
 _DESCRIPTION = """\
 Serve a page and an HTTP interface (docs/console.md) that call every function of
@@ -44,6 +43,12 @@ def main(texts: list[str]) -> int:
         The exit status.
     """
     options = _parse_options(texts)
+    try:
+        from veldarin_simulator.console import server
+        from veldarin_simulator.console.app import create_application
+    except ImportError as error:
+        message = f"{error}: run pip install 'veldarin-simulator[console]'"
+        common.fail(message, common.EXIT_FAILURE)
     # Exit as Ctrl-C does, so that everything is closed.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     remote = not _is_loopback(options.host)
@@ -90,14 +95,17 @@ def _addresses(host: str) -> list[str]:
 
 
 def _log_access() -> None:
+    from veldarin_simulator.console.security import access_log
+
     handler = logging.StreamHandler()
     handler.setFormatter(logging.Formatter("%(asctime)s %(message)s"))
-    security.access_log.addHandler(handler)
-    security.access_log.setLevel(logging.INFO)
-    security.access_log.propagate = False
+    access_log.addHandler(handler)
+    access_log.setLevel(logging.INFO)
+    access_log.propagate = False
 
 
-def _parse_options(texts: list[str]) -> argparse.Namespace:
+def create_parser() -> common.Parser:
+    """Return the parser of the tool's arguments."""
     parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
     parser.add_argument(
         "--port", type=_port, default=_PORT, help=f"listen on this port, default {_PORT}; 0: any"
@@ -111,6 +119,11 @@ def _parse_options(texts: list[str]) -> argparse.Namespace:
         action="store_true",
         help="let anyone who can reach --host make calls",
     )
+    return parser
+
+
+def _parse_options(texts: list[str]) -> argparse.Namespace:
+    parser = create_parser()
     options = parser.parse_args(texts)
     try:
         loopback = _is_loopback(options.host)
@@ -131,12 +144,18 @@ def _port(text: str) -> int:
 
 def _open_session(scenario: Path | None) -> Session:
     """Open a session, or end the process with one line."""
+    from veldarin_simulator.console.errors import ApiError
+    from veldarin_simulator.console.scenario_store import ScenarioStore
+    from veldarin_simulator.console.session import Session
+
     initial = None if scenario is None else scenario.resolve()
     try:
         return Session(ScenarioStore(state_dir.directory() / "scenarios", initial))
     except ScenarioError as error:
         path = (scenario or Path()) / error.path
-        common.fail(str(ScenarioError(path, error.problem, error.line)), common.EXIT_USAGE)
+        common.fail(
+            str(ScenarioError(path, error.problem, error.line, error.column)), common.EXIT_USAGE
+        )
     except ApiError as error:
         common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:
