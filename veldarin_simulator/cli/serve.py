@@ -75,35 +75,6 @@ def main(texts: list[str]) -> int:
     return 0
 
 
-def _is_loopback(host: str) -> bool:
-    return host == _LOCALHOST or ip_address(host).is_loopback
-
-
-def _addresses(host: str) -> list[str]:
-    """Return the addresses to use: for all addresses, those of this machine's interfaces."""
-    if host == _LOCALHOST or not ip_address(host).is_unspecified:
-        return [host]
-    version = ip_address(host).version
-    known = [
-        address.address
-        for addresses in psutil.net_if_addrs().values()
-        for address in addresses
-        if address.family.name == ("AF_INET" if version == 4 else "AF_INET6")
-        and "%" not in address.address  # link-local, which browsers do not accept
-    ]
-    return sorted(known, key=_is_loopback) or [host]
-
-
-def _log_access() -> None:
-    from veldarin_simulator.console.security import access_log
-
-    handler = logging.StreamHandler()
-    handler.setFormatter(logging.Formatter("%(asctime)s %(message)s"))
-    access_log.addHandler(handler)
-    access_log.setLevel(logging.INFO)
-    access_log.propagate = False
-
-
 def create_parser() -> common.Parser:
     """Return the parser of the tool's arguments."""
     parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
@@ -160,3 +131,32 @@ def _open_session(scenario: Path | None) -> Session:
         common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:
         common.fail(str(error), common.EXIT_FAILURE)
+
+
+def _is_loopback(host: str) -> bool:
+    return host == _LOCALHOST or ip_address(host).is_loopback
+
+
+def _addresses(host: str) -> list[str]:
+    """Return the addresses to use: for all addresses, those of this machine's interfaces."""
+    if host == _LOCALHOST or not ip_address(host).is_unspecified:
+        return [host]
+    version = ip_address(host).version
+    known = [
+        address.address
+        for addresses in psutil.net_if_addrs().values()
+        for address in addresses
+        if address.family.name == ("AF_INET" if version == 4 else "AF_INET6")
+        and "%" not in address.address  # link-local, which browsers do not accept
+    ]
+    return sorted(known, key=_is_loopback) or [host]
+
+
+def _log_access() -> None:
+    from veldarin_simulator.console.security import access_log
+
+    handler = logging.StreamHandler()
+    handler.setFormatter(logging.Formatter("%(asctime)s %(message)s"))
+    access_log.addHandler(handler)
+    access_log.setLevel(logging.INFO)
+    access_log.propagate = False
