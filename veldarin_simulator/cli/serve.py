@@ -9,16 +9,15 @@ import signal
 import sys
 from ipaddress import ip_address
 from pathlib import Path
+from typing import TYPE_CHECKING
 
 import psutil
 
 from veldarin_simulator import ScenarioError, state_dir
 from veldarin_simulator.cli import common
-from veldarin_simulator.console import security, server
-from veldarin_simulator.console.app import create_application
-from veldarin_simulator.console.errors import ApiError
-from veldarin_simulator.console.scenario_store import ScenarioStore
-from veldarin_simulator.console.session import Session
+
+if TYPE_CHECKING:  # needs the libraries of the extra "console"
+    from veldarin_simulator.console.session import Session
 
 _DESCRIPTION = """\
 Serve a page and an HTTP interface (docs/console.md) that call every function of
@@ -44,6 +43,12 @@ def main(texts: list[str]) -> int:
         The exit status.
     """
     options = _parse_options(texts)
+    try:
+        from veldarin_simulator.console import server
+        from veldarin_simulator.console.app import create_application
+    except ImportError as error:
+        message = f"{error}: run pip install 'veldarin-simulator[console]'"
+        common.fail(message, common.EXIT_FAILURE)
     # Exit as Ctrl-C does, so that everything is closed.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
     remote = not _is_loopback(options.host)
@@ -62,10 +67,70 @@ def main(texts: list[str]) -> int:
             print(f"console: http://{shown}:{listening.effective_port}/{query}", flush=True)
         if remote:
             _log_access()
-            common.info("warning: whoever has this address can make calls, and HTTP hides nothing")
+            common.info(
+                "warning: anyone with this address can make calls, and HTTP encrypts nothing"
+            )
         listening.run()
         listening.close()
     return 0
+
+
+def create_parser() -> common.Parser:
+    """Return the parser of the tool's arguments."""
+    parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
+    parser.add_argument(
+        "--port", type=_port, default=_PORT, help=f"listen on this port, default {_PORT}; 0: any"
+    )
+    common.add_scenario(parser)
+    parser.add_argument(
+        "--host", default=_HOST, metavar="ADDRESS", help=f"listen on this address, default {_HOST}"
+    )
+    parser.add_argument(
+        "--allow-remote",
+        action="store_true",
+        help="let anyone who can reach --host make calls",
+    )
+    return parser
+
+
+def _parse_options(texts: list[str]) -> argparse.Namespace:
+    parser = create_parser()
+    options = parser.parse_args(texts)
+    try:
+        loopback = _is_loopback(options.host)
+    except ValueError:
+        parser.error(f"--host is an IP address or localhost, not {options.host}")
+    if not loopback and not options.allow_remote:
+        parser.error(
+            f"other machines can reach {options.host} without a password: add --allow-remote"
+        )
+    return options
+
+
+def _port(text: str) -> int:
+    if not (text.isascii() and text.isdigit() and int(text) <= 65535):
+        raise argparse.ArgumentTypeError(f"a port is a number up to 65535, not {text}")
+    return int(text)
+
+
+def _open_session(scenario: Path | None) -> Session:
+    """Open a session, or end the process with one line."""
+    from veldarin_simulator.console.errors import ApiError
+    from veldarin_simulator.console.scenario_store import ScenarioStore
+    from veldarin_simulator.console.session import Session
+
+    initial = None if scenario is None else scenario.resolve()
+    try:
+        return Session(ScenarioStore(state_dir.directory() / "scenarios", initial))
+    except ScenarioError as error:
+        path = (scenario or Path()) / error.path
+        common.fail(
+            str(ScenarioError(path, error.problem, error.line, error.column)), common.EXIT_USAGE
+        )
+    except ApiError as error:
+        common.fail(str(error), common.EXIT_USAGE)
+    except (OSError, RuntimeError, SyntaxError, ValueError) as error:
+        common.fail(str(error), common.EXIT_FAILURE)
 
 
 def _is_loopback(host: str) -> bool:
@@ -88,54 +153,10 @@ def _addresses(host: str) -> list[str]:
 
 
 def _log_access() -> None:
+    from veldarin_simulator.console.security import access_log
+
     handler = logging.StreamHandler()
     handler.setFormatter(logging.Formatter("%(asctime)s %(message)s"))
-    security.access_log.addHandler(handler)
-    security.access_log.setLevel(logging.INFO)
-    security.access_log.propagate = False
-
-
-def _parse_options(texts: list[str]) -> argparse.Namespace:
-    parser = common.Parser("console", description=_DESCRIPTION, epilog=_EXIT_STATUS)
-    parser.add_argument(
-        "--port", type=_port, default=_PORT, help=f"listen on this port, default {_PORT}; 0: any"
-    )
-    common.add_scenario(parser)
-    parser.add_argument(
-        "--host", default=_HOST, metavar="ADDRESS", help=f"listen on this address, default {_HOST}"
-    )
-    parser.add_argument(
-        "--allow-remote",
-        action="store_true",
-        help="let anyone who can reach --host make calls",
-    )
-    options = parser.parse_args(texts)
-    try:
-        loopback = _is_loopback(options.host)
-    except ValueError:
-        parser.error(f"--host is an IP address or localhost, not {options.host}")
-    if not loopback and not options.allow_remote:
-        parser.error(
-            f"other machines can reach {options.host} without a password: add --allow-remote"
-        )
-    return options
-
-
-def _port(text: str) -> int:
-    if not (text.isascii() and text.isdigit() and int(text) <= 65535):
-        raise argparse.ArgumentTypeError(f"a port is a number up to 65535, not {text}")
-    return int(text)
-
-
-def _open_session(scenario: Path | None) -> Session:
-    """Open a session, or end the process with one line."""
-    initial = None if scenario is None else scenario.resolve()
-    try:
-        return Session(ScenarioStore(state_dir.directory() / "scenarios", initial))
-    except ScenarioError as error:
-        path = (scenario or Path()) / error.path
-        common.fail(str(ScenarioError(path, error.problem, error.line)), common.EXIT_USAGE)
-    except ApiError as error:
-        common.fail(str(error), common.EXIT_USAGE)
-    except (OSError, RuntimeError, SyntaxError, ValueError) as error:
-        common.fail(str(error), common.EXIT_FAILURE)
+    access_log.addHandler(handler)
+    access_log.setLevel(logging.INFO)
+    access_log.propagate = False

@@ -15,10 +15,11 @@ _TOKEN = "$CONSOLE_TOKEN"  # the shell inserts it: a copied command does not rev
 
 def python(name: str, positional: list[Any], keywords: dict[str, Any]) -> str:
     """Return the expression that makes the call."""
-    named = {key: value for key, value in keywords.items() if _is_name(key)}
-    others = {key: value for key, value in keywords.items() if key not in named}
-    arguments = [*map(repr, positional), *(f"{key}={value!r}" for key, value in named.items())]
-    return f"{name}({', '.join([*arguments, *([f'**{others!r}'] if others else [])])})"
+    if all(map(_is_name, keywords)):
+        named = [f"{key}={value!r}" for key, value in keywords.items()]
+    else:
+        named = [f"**{keywords!r}"]
+    return f"{name}({', '.join([*map(repr, positional), *named])})"
 
 
 def pytest(expression: str, name: str, calls: list[NativeCall], result: Any, exception: Any) -> str:
@@ -43,7 +44,7 @@ def pytest(expression: str, name: str, calls: list[NativeCall], result: Any, exc
     if exception is None:
         lines.append(f"assert {call} == {result['repr']}")
     else:
-        imports = ["import re", "import pytest"]
+        imports = ["import re", "", "import pytest", "", ""]
         if exception["module"] != "builtins":
             lines.append(f"from {exception['module']} import {exception['type']}")
         message = f"re.escape({exception['message']!r})"

@@ -9,12 +9,20 @@ import re
 from collections.abc import Iterable
 from typing import Any
 
+from veldarin_simulator.console import scenario_store
 from veldarin_simulator.console.errors import CONTENT_TYPE, PROBLEMS
 from veldarin_simulator.parse_capture import PARSERS
 from veldarin_simulator.stub import Function, Parameter
 
 Schema = dict[str, Any]
 
+# The parameter in a path, by the part before it.
+_PATH_PARAMETERS: dict[str, Schema] = {
+    "functions": {"type": "string"},
+    "parse": {"enum": [*PARSERS, "auto"]},
+    "scenarios": {"type": "string", "pattern": f"^{scenario_store.NAME}$"},
+    "replies": {"type": "string", "minLength": 1},
+}
 _CALL_PATH = "/api/functions/{name}"
 
 
@@ -204,12 +212,13 @@ def describe(routes: Iterable[Any], functions: dict[str, Function]) -> dict[str,
 
 
 def _operation(route: Any, path: str, request: Schema | None) -> dict[str, Any]:
-    names = re.findall(r"\{(\w+)\}", path)
+    folder = path.split("/")[2]
     operation: dict[str, Any] = {
         "operationId": route.view.__name__,
         "summary": route.view.__doc__.partition("\n")[0],
         "parameters": [
-            {"name": name, "in": "path", "required": True, "schema": _TEXT} for name in names
+            {"name": name, "in": "path", "required": True, "schema": _PATH_PARAMETERS[folder]}
+            for name in re.findall(r"\{(\w+)\}", path)
         ],
         "responses": {
             "200": {"description": "Done.", "content": _content(route.response)},

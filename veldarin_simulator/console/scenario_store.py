@@ -27,7 +27,8 @@ from veldarin_simulator.console.errors import ApiError
 MAX_REPLY_BYTES = 1024 * 1024
 MAX_SCENARIO_BYTES = 8 * MAX_REPLY_BYTES
 
-_NAME = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,63}")
+NAME = r"[A-Za-z0-9][A-Za-z0-9._-]{0,63}"
+
 _CURRENT = "current"  # names the loaded scenario in the HTTP interface
 _CLI = "cli"
 _SAVE = ".save"
@@ -62,13 +63,13 @@ class ScenarioStore:
         with suppress(OSError):  # `create` creates the directory, or reports the error
             entries = os.scandir(self.directory)
             found = sorted(entry.name for entry in entries if entry.is_dir(follow_symlinks=False))
-        return first + [name for name in found if _NAME.fullmatch(name) and name not in first]
+        return first + [name for name in found if re.fullmatch(NAME, name) and name not in first]
 
     def path(self, name: str) -> Path:
         """Return the directory of a scenario, whether or not it exists."""
         if self.is_fixed(name):
             return self.initial or Path()
-        if not _NAME.fullmatch(name):
+        if not re.fullmatch(NAME, name):
             detail = "a scenario name consists of at most 64 letters, digits and . - _"
             raise ApiError("invalid-name", detail)
         return self.directory / name
@@ -298,7 +299,7 @@ def _finish_save(directory: int) -> None:
     if listed is None:
         return
     os.fsync(directory)
-    with suppress(ValueError, TypeError):  # not a list of this store
+    with suppress(AttributeError, TypeError, ValueError):  # not a list of this store
         for file, draft, before in json.loads(listed):
             if is_ignored(file) or _hash(_read_file(directory, file)) != before:
                 continue
