@@ -89,7 +89,11 @@ def test_every_function_can_be_called_from_any_thread(server: Any) -> None:
 
 @pytest.mark.parametrize(
     ("path", "kind"),
-    [("/", "text/html"), ("/static/styles/base.css", "text/css"), ("/static/mark.svg", "image/svg")],
+    [
+        ("/", "text/html"),
+        ("/static/styles/base.css", "text/css"),
+        ("/static/mark.svg", "image/svg"),
+    ],
 )
 def test_page_is_served_with_its_content_type(server: Any, path: str, kind: str) -> None:
     response, content = send(server, "GET", path)

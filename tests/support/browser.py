@@ -125,7 +125,7 @@ class Visit:
     def screenshot(self, name: str) -> None:
         """Save a screenshot of the whole page."""
         SCREENSHOTS.mkdir(parents=True, exist_ok=True)
-        self.page.evaluate("document.activeElement?.blur?.()")
+        self.page.evaluate("document.activeElement?.blur?.(); scrollTo(0, 0)")
         name = re.sub(r"[^\w-]+", "-", name)
         self.page.screenshot(
             path=SCREENSHOTS / f"{name}.png", full_page=True, animations="disabled"

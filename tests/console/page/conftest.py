@@ -8,6 +8,7 @@ from __future__ import annotations
 
 import os
 from collections.abc import Iterator
+from pathlib import Path
 from typing import Any
 
 import pytest
@@ -19,7 +20,7 @@ from tests.support.console import SCENARIO
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
     """Keep the tests on one worker, because they share the browser."""
     for item in items:
-        if item.path.is_relative_to(os.path.dirname(__file__)):
+        if item.path.is_relative_to(Path(__file__).parent):
             item.add_marker(pytest.mark.xdist_group("browser"))
 
 

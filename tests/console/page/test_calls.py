@@ -69,13 +69,13 @@ def test_python_line_equals_that_of_the_response(visit: Visit) -> None:
 def test_python_line_is_valid_python(visit: Visit) -> None:
     visit.open()
     for argument, value in [
-        ({"bytes": "a\\x00\\n\"\\\\é"}, b'a\x00\n"\\\xc3\xa9'),
+        ({"bytes": 'a\\x00\\n"\\\\é'}, b'a\x00\n"\\\xc3\xa9'),
         ({"hex": "61 62"}, b"ab"),
         ({"base64": "YWI="}, b"ab"),
         ({"integer": " +007 "}, 7),
         ({"integer": "18446744073709551616"}, 18446744073709551616),
         ({"json": {"a": [True, None, 1.5, "x"]}}, {"a": [True, None, 1.5, "x"]}),
-        ("it's \u202e \"q\"\n", "it's \u202e \"q\"\n"),
+        ('it\'s \u202e "q"\n', 'it\'s \u202e "q"\n'),
         ({"text": "\U0001f600"}, "\U0001f600"),
     ]:
         call = python_call(visit, "f", {"arguments": [argument], "keywords": {"class": argument}})
@@ -208,7 +208,9 @@ def test_running_call_shows_its_time_and_can_be_left(visit: Visit) -> None:
     visit.page.wait_for_selector(".running")
     assert visit.page.get_by_role("button", name="Call", exact=True).is_disabled()
     first = float(visit.text(".seconds").removesuffix(" s"))
-    visit.until("first => parseFloat(document.querySelector('.seconds').textContent) > first", first)
+    visit.until(
+        "first => parseFloat(document.querySelector('.seconds').textContent) > first", first
+    )
     visit.press("Leave it")
     assert re.match(r"Left after \d+\.\d s\.", visit.text(".output"))
     visit.page.unroute("**/api/functions/new_cookie_id")

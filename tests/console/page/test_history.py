@@ -90,7 +90,9 @@ def test_last_calls_outlast_a_reload_and_repeat_with_a_key(visit: Visit) -> None
 def test_address_selects_the_section_and_back_returns(visit: Visit) -> None:
     visit.open("functions/get_token")
     for section, selector in [
-        ("watch", ".choice-cards"), ("compare", ".sides"), ("parse", "#command-output"),
+        ("watch", ".choice-cards"),
+        ("compare", ".sides"),
+        ("parse", "#command-output"),
         ("scenarios", ".replies"),
     ]:
         visit.page.locator(f"[data-tab={section}]").click()

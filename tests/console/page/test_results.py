@@ -130,11 +130,11 @@ def test_table_is_sorted_by_a_column(show: Any) -> None:
     visit.press("port")
     assert column(visit, 2, 5) == ["port33", "port10", "port9", "port4", "port2"]
     visit.press("n")
-    assert column(visit, 1, 5) == ["2", "9", "10", "33", "–"]
+    assert column(visit, 1, 5) == ["2", "9", "10", "33", "\u2013"]
     visit.press("n")
-    assert column(visit, 1, 5) == ["33", "10", "9", "2", "–"]
+    assert column(visit, 1, 5) == ["33", "10", "9", "2", "\u2013"]
     visit.press("n")
-    assert column(visit, 1, 5) == ["10", "9", "2", "33", "–"]
+    assert column(visit, 1, 5) == ["10", "9", "2", "33", "\u2013"]
 
 
 def test_table_is_filtered_and_columns_chosen(show: Any) -> None:

@@ -243,12 +243,10 @@ def test_scenario_that_changed_on_disk_is_not_overwritten(
     edit(visit, "build_system_interface_physical", "[1]")
     file.write_text('[{"interface": []}]')
     visit.press("Save")
-    visit.page.wait_for_selector(".files li")
-    assert visit.texts(".files li") == [file.name]
+    visit.page.wait_for_selector(f"[role=alert] >> text={file.name}")
     visit.screenshot("scenario-changed-on-disk")
     assert file.read_text() == '[{"interface": []}]'
     visit.press("Overwrite these files")
-    visit.page.wait_for_selector(".files", state="detached")
     visit.page.wait_for_selector("#loaded .badge", state="detached")
     assert file.read_text() == "[1]"
 

@@ -28,7 +28,9 @@ def watch(visit: Visit, name: str) -> None:
 
 def next_sample(visit: Visit) -> None:
     """Wait for a sample of a call that begins later."""
-    samples = "parseInt(/([\\d,]+) sample/.exec(document.querySelector('.watch-tools').textContent)[1])"
+    samples = (
+        "parseInt(/([\\d,]+) sample/.exec(document.querySelector('.watch-tools').textContent)[1])"
+    )
     count = visit.page.evaluate(samples)
     visit.until(f"count => {samples} >= count + 2", count)
 
@@ -55,9 +57,7 @@ def test_changes_are_marked_and_counters_have_rates(visit: Visit) -> None:
     assert visit.texts(".watched th[scope=row]") == ["link", "flaps"]
     assert visit.texts(".watched .entity") == ["port1"]
     assert visit.page.locator("tr.changed").count() == 0
-    visit.api.set_reply(
-        "build_switch_flapguard_status", [{**reply[0], "link": "down", "flaps": 8}]
-    )
+    visit.api.set_reply("build_switch_flapguard_status", [{**reply[0], "link": "down", "flaps": 8}])
     visit.page.wait_for_selector("tr.changed .pill-bad")
     assert "was up" in visit.texts("tr.changed .change")[0]
     assert visit.texts("tr.changed .change")[1].startswith("▲ ")
@@ -166,7 +166,7 @@ def test_bfd_sessions_have_their_view(visit: Visit) -> None:
     titles = visit.texts(".card h2")
     assert titles == ["198.51.100.2 on port1", "2001:db8::2 on port1"]
     assert visit.texts(".card .pill") == ["up", "up"]
-    assert "300ms in, 300ms out, × 3" in visit.text(".card >> nth=0")
+    assert "300ms in, 300ms out, \u00d7 3" in visit.text(".card >> nth=0")
     visit.screenshot("watch-bfd")
 
 

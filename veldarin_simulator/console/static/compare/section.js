@@ -126,12 +126,16 @@ function comparable({ exception, result }) {
   return exception ? { exception: exception.type, message: exception.message } : result.value;
 }
 
+function titleOf({ label, at }) {
+  return `${label}, ${clock(at)}`;
+}
+
 const MARKS = { same: "", changed: "≠", left: "−", right: "+" };
 const WORDS = { same: "same", changed: "changed", left: "only left", right: "only right" };
 
 function valueTable(rows, left, right) {
   if (!rows.length) return el("p.empty.small", "Both are equal.");
-  const table = el("table", el("thead", el("tr", ["", "Value", left.label, right.label].map((one, index) =>
+  const table = el("table", el("thead", el("tr", ["", "Value", titleOf(left), titleOf(right)].map((one, index) =>
     el("th", { scope: "col" }, index ? visible(one) : el("span.visually-hidden", "Difference")),
   ))));
   const region = el("div.table", { role: "region", "aria-label": "Compared values", tabindex: "0" }, table);

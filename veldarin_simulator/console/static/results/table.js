@@ -163,7 +163,7 @@ function columnMenu(columns, kept, draw) {
 
 // Widths from the longest of some texts, so that rows that are rendered later fit.
 function columnWidths(table, rows, columns) {
-  const step = Math.max(1, Math.floor(rows.length / 500));
+  const step = Math.ceil(rows.length / 500);
   const sample = rows.filter((_, index) => index % step === 0);
   const widths = columns.map((column) => {
     const longest = Math.max(...sample.map((row) => plainText(row[column]).length));

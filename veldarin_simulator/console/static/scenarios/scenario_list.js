@@ -138,10 +138,7 @@ export class ScenarioList {
   offerOverwrite(name, files) {
     const overwrite = button("Overwrite these files", () => this.save(name, files));
     const again = button("Load again", () => this.load(name));
-    this.errors.append(
-      el("ul.files", files.map((file) => el("li", el("code", visible(file))))),
-      el("div.actions", overwrite, again),
-    );
+    this.errors.append(el("div.actions", overwrite, again));
   }
 
   async toNewName(title, name, action) {

@@ -25,7 +25,7 @@ export class Observation {
     const value = exception ? null : result.value;
     this.samples.push({ at, value, exception: exception ? exception.text : undefined });
     const found = exception ? new Map() : flatten(value);
-    const limit = Math.max(20, Math.min(MAX_SAMPLES, Math.floor(MAX_POINTS / (found.size + 1))));
+    const limit = Math.max(20, Math.min(MAX_SAMPLES, Math.trunc(MAX_POINTS / (found.size + 1))));
     while (this.samples.length > limit) {
       this.samples.shift();
       this.dropped += 1;
