@@ -3,10 +3,39 @@ import { showDialog } from "./core/dialog.js";
 import { el } from "./core/dom.js";
 
 const HELP = [
-  ["Find", [["/", "Filter the functions"], ["Ctrl K", "Search functions, replies, calls"], ["↓ ↑", "Move through the list"], ["Enter", "Open; in a form, call"]]],
-  ["Call", [["c", "Call the function that is shown"], ["r", "Repeat the last call"], ["w", "Watch the function that is shown"], ["p", "Pause or resume a watch"]]],
-  ["Edit", [["Ctrl Enter", "Parse, or use the reply"], ["Ctrl S", "Save the scenario, with all drafts"]]],
-  ["Go", [["1 … 5", "Functions, Watch, Compare, Parse, Scenarios"], ["?", "Show these keys"], ["Esc", "Close a menu or dialog"]]],
+  [
+    "Find",
+    [
+      ["/", "Filter the functions"],
+      ["Ctrl K", "Search functions, replies, calls"],
+      ["↓ ↑", "Move through the list"],
+      ["Enter", "Open; in a form, call"],
+    ],
+  ],
+  [
+    "Call",
+    [
+      ["c", "Call the function that is shown"],
+      ["r", "Repeat the last call"],
+      ["w", "Watch the function that is shown"],
+      ["p", "Pause or resume a watch"],
+    ],
+  ],
+  [
+    "Edit",
+    [
+      ["Ctrl Enter", "Parse, or use the reply"],
+      ["Ctrl S", "Save the scenario, with all drafts"],
+    ],
+  ],
+  [
+    "Go",
+    [
+      ["1 … 5", "Functions, Watch, Compare, Parse, Scenarios"],
+      ["?", "Show these keys"],
+      ["Esc", "Close a menu or dialog"],
+    ],
+  ],
 ];
 
 // `actions` maps a key to a function; "Ctrl+k" is with Ctrl or Command.
@@ -22,8 +51,19 @@ export function handleKeys(actions) {
 }
 
 export function showKeys() {
-  const row = ([keys, what]) => [el("dt", keys.split(" ").map((one) => el("kbd", one))), el("dd", what)];
+  const row = ([keys, what]) => [
+    el(
+      "dt",
+      keys.split(" ").map((one) => el("kbd", one)),
+    ),
+    el("dd", what),
+  ];
   const group = ([title, rows]) => el("section", el("h3", title), el("dl.keys", rows.map(row)));
-  const api = el("p.hint", "The page uses the ", el("a", { href: "/api/openapi.json" }, "HTTP interface"), ", described in OpenAPI 3.1.");
+  const api = el(
+    "p.hint",
+    "The page uses the ",
+    el("a", { href: "/api/openapi.json" }, "HTTP interface"),
+    ", described in OpenAPI 3.1.",
+  );
   showDialog("Keys", [el("div.key-groups", HELP.map(group)), api]);
 }

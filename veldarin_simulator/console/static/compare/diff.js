@@ -38,8 +38,13 @@ function diffMembers(a, b, path) {
 function leaves(value, path, side) {
   if (isLeaf(value)) return [{ path, kind: side, [side]: value }];
   const table = isTable(value) ? keyed(value) : null;
-  const indexed = Object.entries(value).map(([key, one]) => [Array.isArray(value) ? `[${key}]` : key, one]);
-  return [...(table?.members ?? indexed)].flatMap(([key, one]) => leaves(one, join(path, key), side));
+  const indexed = Object.entries(value).map(([key, one]) => [
+    Array.isArray(value) ? `[${key}]` : key,
+    one,
+  ]);
+  return [...(table?.members ?? indexed)].flatMap(([key, one]) =>
+    leaves(one, join(path, key), side),
+  );
 }
 
 function keyed(rows) {
@@ -72,7 +77,8 @@ export function diffLines(left, right) {
   const a = number(left, 0);
   const b = number(right, 0);
   const middle = align(a.slice(start, a.length - end), b.slice(start, b.length - end));
-  const pairs = (from, to, shift) => a.slice(from, to).map((line, index) => [line, b[from + index + shift]]);
+  const pairs = (from, to, shift) =>
+    a.slice(from, to).map((line, index) => [line, b[from + index + shift]]);
   const tail = pairs(a.length - end, a.length, b.length - a.length);
   return [...pairs(0, start, 0), ...middle, ...tail];
 }
@@ -84,9 +90,10 @@ function align(a, b) {
   const lengths = new Uint32Array((a.length + 1) * width);
   for (let i = a.length - 1; i >= 0; i -= 1) {
     for (let j = b.length - 1; j >= 0; j -= 1) {
-      lengths[i * width + j] = a[i][1] === b[j][1]
-        ? lengths[(i + 1) * width + j + 1] + 1
-        : Math.max(lengths[(i + 1) * width + j], lengths[i * width + j + 1]);
+      lengths[i * width + j] =
+        a[i][1] === b[j][1]
+          ? lengths[(i + 1) * width + j + 1] + 1
+          : Math.max(lengths[(i + 1) * width + j], lengths[i * width + j + 1]);
     }
   }
   const pairs = [];
@@ -99,7 +106,10 @@ function align(a, b) {
     if (i < a.length && j < b.length && a[i][1] === b[j][1]) {
       flush();
       pairs.push([a[i++], b[j++]]);
-    } else if (j === b.length || (i < a.length && lengths[(i + 1) * width + j] >= lengths[i * width + j + 1])) {
+    } else if (
+      j === b.length ||
+      (i < a.length && lengths[(i + 1) * width + j] >= lengths[i * width + j + 1])
+    ) {
       onlyA.push(a[i++]);
     } else {
       onlyB.push(b[j++]);

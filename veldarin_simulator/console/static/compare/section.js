@@ -30,7 +30,9 @@ export function show(page, { parameters, place }) {
     draw();
   };
   const draw = () => {
-    const sides = SIDES.map((side) => sidePanel(side, chosen[side], (entry) => select(side, entry), place));
+    const sides = SIDES.map((side) =>
+      sidePanel(side, chosen[side], (entry) => select(side, entry), place),
+    );
     replace(work, pageTitle("Compare", SUMMARY), el("div.sides", sides), output);
     const isComplete = chosen.left && chosen.right;
     replace(output, isComplete ? comparison(chosen.left, chosen.right) : needTwo());
@@ -45,13 +47,18 @@ function chooseEntries(parameters) {
     return entry?.response ? entry : null;
   });
   if (right || !left) return { left, right };
-  const other = recent().find((one) => one.response && one.id !== left.id && one.name === left.name);
+  const other = recent().find(
+    (one) => one.response && one.id !== left.id && one.name === left.name,
+  );
   if (!other) return { left, right: null };
   return other.at < left.at ? { left: other, right: left } : { left, right: other };
 }
 
 function needTwo() {
-  return emptyState("Choose two.", "Calls and captures of this window are listed once they are made.");
+  return emptyState(
+    "Choose two.",
+    "Calls and captures of this window are listed once they are made.",
+  );
 }
 
 function sidePanel(side, entry, choose, place) {
@@ -65,18 +72,26 @@ function sidePanel(side, entry, choose, place) {
       if (!isLate(error)) replace(errors, errorPanel(error));
     }
   };
-  const open = (file) => guard(async () => {
-    const parsed = await parse(await readText(file), "auto", errors, place);
-    return parsed && addParse(parsed, file.name);
-  });
-  const again = () => guard(async () => {
-    const path = `/api/functions/${entry.name}`;
-    const response = await runVisibly(errors, place, (signal) => post(path, entry.body, signal));
-    return response && addRecent({ ...entry, response, outcome: outcomeText(response) });
-  });
-  const options = recent().filter((one) => one.response).map((one) =>
-    el("option", { value: one.id, selected: one.id === entry?.id }, `${one.label} – ${clock(one.at)}, ${one.outcome}`),
-  );
+  const open = (file) =>
+    guard(async () => {
+      const parsed = await parse(await readText(file), "auto", errors, place);
+      return parsed && addParse(parsed, file.name);
+    });
+  const again = () =>
+    guard(async () => {
+      const path = `/api/functions/${entry.name}`;
+      const response = await runVisibly(errors, place, (signal) => post(path, entry.body, signal));
+      return response && addRecent({ ...entry, response, outcome: outcomeText(response) });
+    });
+  const options = recent()
+    .filter((one) => one.response)
+    .map((one) =>
+      el(
+        "option",
+        { value: one.id, selected: one.id === entry?.id },
+        `${one.label} – ${clock(one.at)}, ${one.outcome}`,
+      ),
+    );
   const select = el(
     "select",
     { "aria-label": `${title} side`, change: () => choose(findRecent(select.value)) },
@@ -112,7 +127,9 @@ function comparison(left, right) {
   const summary = different.length ? plural(different.length, "difference") : "no differences";
   const values = panel(
     {
-      label: "Values", title: "Values", kind: "comparison",
+      label: "Values",
+      title: "Values",
+      kind: "comparison",
       beside: [note(summary), el("span.tools", el("label.check", box, "Only differences"))],
     },
     place,
@@ -135,10 +152,27 @@ const WORDS = { same: "same", changed: "changed", left: "only left", right: "onl
 
 function valueTable(rows, left, right) {
   if (!rows.length) return el("p.empty.small", "Both are equal.");
-  const table = el("table", el("thead", el("tr", ["", "Value", titleOf(left), titleOf(right)].map((one, index) =>
-    el("th", { scope: "col" }, index ? visible(one) : el("span.visually-hidden", "Difference")),
-  ))));
-  const region = el("div.table", { role: "region", "aria-label": "Compared values", tabindex: "0" }, table);
+  const table = el(
+    "table",
+    el(
+      "thead",
+      el(
+        "tr",
+        ["", "Value", titleOf(left), titleOf(right)].map((one, index) =>
+          el(
+            "th",
+            { scope: "col" },
+            index ? visible(one) : el("span.visually-hidden", "Difference"),
+          ),
+        ),
+      ),
+    ),
+  );
+  const region = el(
+    "div.table",
+    { role: "region", "aria-label": "Compared values", tabindex: "0" },
+    table,
+  );
   const render = ({ path, kind, left: a, right: b }) =>
     el(
       `tr.diff-${kind}`,
@@ -154,7 +188,11 @@ function valueTable(rows, left, right) {
 function textPanel(a, b) {
   const pairs = diffLines(a.map(trimmed), b.map(trimmed));
   const count = pairs.filter(([one, other]) => one?.[1] !== other?.[1]).length;
-  const region = el("div.lines.text-diff", { role: "region", "aria-label": "Compared lines", tabindex: "0" });
+  const region = el("div.lines.text-diff", {
+    role: "region",
+    "aria-label": "Compared lines",
+    tabindex: "0",
+  });
   const side = (line) => [
     el("span.number", line ? String(line[0]) : ""),
     el("pre", line ? visible(line[1]) || " " : " "),

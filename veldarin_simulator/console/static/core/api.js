@@ -13,7 +13,8 @@ export const get = (path, signal) => send("GET", path, { signal }).then(readJSON
 export const post = (path, body, signal) => send("POST", path, { body, signal }).then(readJSON);
 export const put = (path, body, signal) => send("PUT", path, { body, signal }).then(readJSON);
 export const remove = (path, signal) => send("DELETE", path, { signal }).then(readJSON);
-export const getBlob = (path, signal) => send("GET", path, { signal }).then(({ response }) => response.blob());
+export const getBlob = (path, signal) =>
+  send("GET", path, { signal }).then(({ response }) => response.blob());
 export const putBlob = (path, blob, signal) => send("PUT", path, { blob, signal }).then(readJSON);
 
 // Whether an error only means that a response came too late for its place.

@@ -82,15 +82,20 @@ export function announce(text) {
 
 // A button that copies the return value of `text`.
 export function copyButton(text, label = "Copy", selector = "button.quiet") {
-  const copy = button(label, async () => {
-    try {
-      await navigator.clipboard.writeText(await text());
-      copy.textContent = "Copied";
-    } catch {
-      copy.textContent = "Not allowed";
-    }
-    setTimeout(() => (copy.textContent = label), 1500);
-  }, selector, { "data-stays": true });
+  const copy = button(
+    label,
+    async () => {
+      try {
+        await navigator.clipboard.writeText(await text());
+        copy.textContent = "Copied";
+      } catch {
+        copy.textContent = "Not allowed";
+      }
+      setTimeout(() => (copy.textContent = label), 1500);
+    },
+    selector,
+    { "data-stays": true },
+  );
   return copy;
 }
 

@@ -22,7 +22,10 @@ export function functionIndex() {
 
 // The functions that contain every word, those with all of them in the name first.
 export function searchFunctions(functions, wanted) {
-  const words = wanted.toLowerCase().split(/[\s_]+/).filter(Boolean);
+  const words = wanted
+    .toLowerCase()
+    .split(/[\s_]+/)
+    .filter(Boolean);
   const rank = ({ name, summary, text, subsystem }) => {
     const texts = [name, summary, `${text} ${subsystem}`];
     let seen = "";

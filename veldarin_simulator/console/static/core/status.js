@@ -48,7 +48,12 @@ export function showStatus() {
   loaded.hidden = scenario === null && !isUnsaved;
   replace(loaded, [
     scenario ? el("span.name", scenario) : null,
-    isUnsaved ? el("span.badge.badge-modified", count ? `unsaved, ${count} ${count === 1 ? "draft" : "drafts"}` : "unsaved") : null,
+    isUnsaved
+      ? el(
+          "span.badge.badge-modified",
+          count ? `unsaved, ${count} ${count === 1 ? "draft" : "drafts"}` : "unsaved",
+        )
+      : null,
   ]);
   loaded.title = isUnsaved ? "The scenario has unsaved changes" : "The loaded scenario";
   const busy = document.getElementById("busy");

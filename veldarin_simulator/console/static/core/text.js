@@ -44,8 +44,8 @@ export function escaped(character) {
 
 // A string literal, of Python and in most cases of JSON too.
 export function quote(text) {
-  const escape = (character) => (HIDDEN.test(character) ? escaped(character) : character);
-  return `"${[...text.replaceAll("\\", "\\\\").replaceAll('"', '\\"')].map(escape).join("")}"`;
+  const shown = (character) => (HIDDEN.test(character) ? escaped(character) : character);
+  return `"${[...text.replaceAll("\\", "\\\\").replaceAll('"', '\\"')].map(shown).join("")}"`;
 }
 
 function codePoint(character) {

@@ -9,7 +9,9 @@ const encoded = (encoding) => (typed) => ({ [encoding]: typed });
 const KINDS = {
   text: { label: "Text", input: "line", encode: (typed) => typed },
   bytes: {
-    label: "Bytes", input: "line", encode: encoded("bytes"),
+    label: "Bytes",
+    input: "line",
+    encode: encoded("bytes"),
     placeholder: "text, with escapes as \\x00",
   },
   hex: { label: "Bytes in hex", input: "line", encode: encoded("hex"), placeholder: "75 73 65 72" },
@@ -101,7 +103,10 @@ class Row {
 
   passing({ keyword }) {
     if (!keyword) return el("span.hint", "by position only");
-    const choices = [["by position", "position"], ["by name", "name"]];
+    const choices = [
+      ["by position", "position"],
+      ["by name", "name"],
+    ];
     const now = this.named ? "name" : "position";
     return segments(`Pass ${this.name}`, choices, now, (choice) => {
       this.named = choice === "name";
@@ -171,7 +176,8 @@ function decode(value) {
   const [[encoding, content] = []] = value.constructor === Object ? Object.entries(value) : [];
   if (encoding === "json") return ["json", JSON.stringify(content)];
   if (encoding === "integer") return ["integer", String(content?.text ?? content)];
-  if (Object.hasOwn(KINDS, encoding ?? "") && typeof content === "string") return [encoding, content];
+  if (Object.hasOwn(KINDS, encoding ?? "") && typeof content === "string")
+    return [encoding, content];
   return ["json", JSON.stringify(value)];
 }
 

@@ -25,13 +25,26 @@ function argument(value) {
   if (value?.constructor !== Object) return literal(value);
   const [[encoding, content]] = Object.entries(value);
   switch (encoding) {
-    case "bytes": return bytesLiteral(unescape(content));
-    case "hex": return bytesLiteral(fromHex(content));
-    case "base64": return bytesLiteral(fromBase64(content));
-    case "integer": return String(BigInt(String(content?.text ?? content).trim().replace(/^\+/, "")));
-    case "text": return quote(content);
-    case "json": return literal(content);
-    default: throw new Error(`unknown encoding ${encoding}`);
+    case "bytes":
+      return bytesLiteral(unescaped(content));
+    case "hex":
+      return bytesLiteral(fromHex(content));
+    case "base64":
+      return bytesLiteral(fromBase64(content));
+    case "integer":
+      return String(
+        BigInt(
+          String(content?.text ?? content)
+            .trim()
+            .replace(/^\+/, ""),
+        ),
+      );
+    case "text":
+      return quote(content);
+    case "json":
+      return literal(content);
+    default:
+      throw new Error(`unknown encoding ${encoding}`);
   }
 }
 
@@ -54,7 +67,7 @@ function number(value) {
 const LETTERS = { n: 10, r: 13, t: 9, 0: 0, "\\": 92 };
 
 // The bytes of a text with the escapes \xHH, \n, \r, \t, \0 and \\.
-function unescape(text) {
+function unescaped(text) {
   const bytes = [];
   const encoder = new TextEncoder();
   for (const [whole, hex, letter] of text.matchAll(/\\x([0-9a-fA-F]{2})|\\(.?)|[^\\]+/gsu)) {
@@ -83,10 +96,10 @@ function fromBase64(text) {
 const NAMED = { 9: "\\t", 10: "\\n", 13: "\\r", 34: '\\"', 92: "\\\\" };
 
 function bytesLiteral(bytes) {
-  const escape = (byte) => {
+  const shown = (byte) => {
     if (NAMED[byte]) return NAMED[byte];
     if (byte >= 0x20 && byte < 0x7f) return String.fromCharCode(byte);
     return `\\x${byte.toString(16).padStart(2, "0")}`;
   };
-  return `b"${bytes.map(escape).join("")}"`;
+  return `b"${bytes.map(shown).join("")}"`;
 }

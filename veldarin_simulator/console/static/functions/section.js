@@ -57,7 +57,11 @@ function unknownFunction(functions, name) {
 }
 
 function suggestion({ name, summary }) {
-  return el("li", el("a", { href: `#/functions/${name}` }, el("code", name)), hint(inline(summary)));
+  return el(
+    "li",
+    el("a", { href: `#/functions/${name}` }, el("code", name)),
+    hint(inline(summary)),
+  );
 }
 
 // One function on the page: form, documentation and output.
@@ -144,7 +148,11 @@ class Call {
       );
       if (!response) return;
       const entry = addRecent({
-        kind: "call", name, body, label: pythonCall(name, body), response,
+        kind: "call",
+        name,
+        body,
+        label: pythonCall(name, body),
+        response,
         outcome: outcomeText(response),
       });
       this.remember(entry);

@@ -24,8 +24,11 @@ export function sidebar({ subsystems, functions }) {
     none.hidden = wanted === "" || found.length > 0;
   };
   const filter = field("Filter the functions", {
-    type: "search", id: "filter", placeholder: "Filter names, descriptions",
-    "aria-keyshortcuts": "/", input: narrow,
+    type: "search",
+    id: "filter",
+    placeholder: "Filter names, descriptions",
+    "aria-keyshortcuts": "/",
+    input: narrow,
   });
   const recentGroup = el("section.recent", { hidden: true });
   const showRecent = () => {
@@ -38,7 +41,11 @@ export function sidebar({ subsystems, functions }) {
     "details",
     { open: WIDE.matches },
     el("summary", `All ${functions.length} functions`),
-    filter, none, matches, recentGroup, groups,
+    filter,
+    none,
+    matches,
+    recentGroup,
+    groups,
   );
   const nav = el(
     "nav.list",

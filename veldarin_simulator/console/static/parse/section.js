@@ -1,6 +1,17 @@
 // Parses command output and shows beside each line the values that came from it.
 import { isLate, post } from "../core/api.js";
-import { announce, area, button, el, emptyState, note, pageTitle, panel, replace, segments } from "../core/dom.js";
+import {
+  announce,
+  area,
+  button,
+  el,
+  emptyState,
+  note,
+  pageTitle,
+  panel,
+  replace,
+  segments,
+} from "../core/dom.js";
 import { errorPanel } from "../core/errors.js";
 import { addRecent } from "../core/recent.js";
 import { runVisibly } from "../core/running.js";
@@ -43,9 +54,15 @@ function form(output, place) {
   const choose = (kind) => {
     input.kind = kind;
     const command = KINDS[kind]?.command;
-    replace(about, command ? ["output of ", el("code", command)] : "recognizes the kind by its header");
+    replace(
+      about,
+      command ? ["output of ", el("code", command)] : "recognizes the kind by its header",
+    );
   };
-  const choices = [["Recognize", "auto"], ...Object.entries(KINDS).map(([kind, { label }]) => [label, kind])];
+  const choices = [
+    ["Recognize", "auto"],
+    ...Object.entries(KINDS).map(([kind, { label }]) => [label, kind]),
+  ];
   const kinds = segments("Kind of output", choices, input.kind, choose);
   choose(input.kind);
   const useSample = () => {
@@ -117,7 +134,9 @@ function parseOutcome(parsed) {
   const facts = [note(`parsed as ${KINDS[kind]?.label ?? kind}`)];
   const compare = el("a.button.quiet", { href: "#/compare" }, "Compare");
   return [
-    exception ? exceptionPanel(exception, facts) : resultPanel(result, `parse-${kind}`, facts, {}, [compare]),
+    exception
+      ? exceptionPanel(exception, facts)
+      : resultPanel(result, `parse-${kind}`, facts, {}, [compare]),
     lines(parsed),
   ];
 }
@@ -127,7 +146,11 @@ function lines(parsed) {
   const texts = parsed.lines.at(-1) === "" ? parsed.lines.slice(0, -1) : parsed.lines;
   const count = `${values.size} of ${texts.length} lines contain values`;
   const title = "Line by line";
-  const region = el("div.lines", { role: "region", "aria-label": "Lines and values", tabindex: "0" });
+  const region = el("div.lines", {
+    role: "region",
+    "aria-label": "Lines and values",
+    tabindex: "0",
+  });
   const render = (text, index) => row(parsed, text, index + 1, values.get(index + 1));
   queueMicrotask(() => appendRows(region, region, texts, { ...DIV_BLOCKS, render }));
   return panel(

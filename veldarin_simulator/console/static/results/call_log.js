@@ -9,13 +9,16 @@ export function callLog(call) {
   const steps = call.call_log.map(step);
   const title = "Native calls";
   return panel(
-    { label: title, kind: "call-log", title, beside: steps.length ? note(plural(steps.length, "call")) : null },
+    {
+      label: title,
+      kind: "call-log",
+      title,
+      beside: steps.length ? note(plural(steps.length, "call")) : null,
+    },
     call.simulator_error
       ? el("p.message", visible(`The simulator failed: ${call.simulator_error}`))
       : null,
-    steps.length
-      ? el("ol.steps", steps)
-      : el("p.empty.small", "The function made no native call."),
+    steps.length ? el("ol.steps", steps) : el("p.empty.small", "The function made no native call."),
     call.log?.length === 0 ? el("p.hint.logged", "The module logged nothing.") : null,
   );
 }
@@ -24,7 +27,8 @@ export function logRecords(records) {
   const item = ({ level, logger, message }) =>
     el(
       `li.record.record-${level.toLowerCase()}`,
-      el("span.level", level), el("code.logger", visible(logger)),
+      el("span.level", level),
+      el("code.logger", visible(logger)),
       el("pre", visible(message)),
     );
   const title = "Log";
@@ -45,19 +49,24 @@ function step(entry) {
 function keepButton({ reply }) {
   if (!reply) return null;
   const place = el("span.keep");
-  const keep = button("Keep in scenario", async () => {
-    keep.disabled = true;
-    try {
-      await put(`/api/replies/${encodeURIComponent(reply.name)}`, { text: reply.text });
-      const href = `#/scenarios/${encodeURIComponent(reply.name)}`;
-      replace(place, el("a", { href }, "Kept as the scenario's reply"));
-      place.firstChild.focus();
-      await poll();
-    } catch (error) {
-      keep.disabled = false;
-      place.after(errorPanel(error));
-    }
-  }, "button.quiet", { title: `Make this reply of ${reply.name} the scenario's` });
+  const keep = button(
+    "Keep in scenario",
+    async () => {
+      keep.disabled = true;
+      try {
+        await put(`/api/replies/${encodeURIComponent(reply.name)}`, { text: reply.text });
+        const href = `#/scenarios/${encodeURIComponent(reply.name)}`;
+        replace(place, el("a", { href }, "Kept as the scenario's reply"));
+        place.firstChild.focus();
+        await poll();
+      } catch (error) {
+        keep.disabled = false;
+        place.after(errorPanel(error));
+      }
+    },
+    "button.quiet",
+    { title: `Make this reply of ${reply.name} the scenario's` },
+  );
   return replace(place, keep);
 }
 

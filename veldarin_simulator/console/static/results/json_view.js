@@ -4,21 +4,37 @@ import { button, el } from "../core/dom.js";
 import { escaped, visible } from "../core/text.js";
 import { inChunks, isScalar, lazyDetails } from "./values.js";
 
-const OPEN_NODES = 400; // more than these begin folded
+const OPEN_NODES = 600; // more than these begin folded
+const MAX_UNFOLDED = 200;
 
 export function jsonView(value) {
-  const budget = { left: OPEN_NODES };
   const body = el("div.json-view", { tabindex: "0", role: "group", "aria-label": "JSON" });
-  body.append(line(value, "", "", budget, true));
+  body.append(withBudget((budget) => line(value, "", "", budget, true)));
   if (isScalar(value)) return body;
-  const fold = (open) => {
-    const all = [...body.querySelectorAll("details")];
-    // The outermost stays open; opening fills one level more each time.
-    for (const one of all) one.open = open || one === all[0];
-  };
-  const tools = el("div.view-tools", button("Fold all", () => fold(false), "button.quiet"),
-    button("Unfold", () => fold(true), "button.quiet"));
-  return el("div", tools, body);
+  const nodes = () => [...body.querySelectorAll("details")];
+  const fold = () =>
+    nodes()
+      .slice(1)
+      .forEach((one) => (one.open = false));
+  // Opens one level more, of long results a part of it.
+  const unfold = () =>
+    nodes()
+      .filter((one) => !one.open)
+      .slice(0, MAX_UNFOLDED)
+      .forEach((one) => (one.open = true));
+  const tools = [
+    button("Fold all", fold, "button.quiet"),
+    button("Unfold", unfold, "button.quiet"),
+  ];
+  return el("div", el("div.view-tools", tools), body);
+}
+
+// Calls `show` with the number of nodes that it may open. What is opened later has its own.
+function withBudget(show) {
+  const budget = { left: OPEN_NODES, isUsed: false };
+  const shown = show(budget);
+  budget.isUsed = true;
+  return shown;
 }
 
 function line(value, key, comma, budget, isRoot = false) {
@@ -28,20 +44,29 @@ function line(value, key, comma, budget, isRoot = false) {
   const [open, close] = Array.isArray(value) ? "[]" : "{}";
   const items = Object.entries(value);
   if (!items.length) return el("div.j-line", name, open, close, comma);
+  const [last] = items.at(-1);
   const isOpen = isRoot || budget.left >= Math.min(items.length, 100);
   const children = () => [
-    el("div.j-children", inChunks(items, (part) => part.map((item) => child(item, value, budget)))),
+    el(
+      "div.j-children",
+      inChunks(items, (part) => {
+        const show = (own) =>
+          part.map(([key, one]) =>
+            line(one, Array.isArray(value) ? "" : key, key === last ? "" : ",", own),
+          );
+        return budget.isUsed ? withBudget(show) : show(budget);
+      }),
+    ),
     el("div.j-line", close, comma),
   ];
   const count = `${items.length} ${items.length === 1 ? "item" : "items"}`;
-  const summary = el("summary", name, open, el("span.j-count", { "data-count": `${count} ${close}` }));
+  const summary = el(
+    "summary",
+    name,
+    open,
+    el("span.j-count", { "data-count": `${count} ${close}` }),
+  );
   return lazyDetails(summary, children, isOpen, "details.j-node");
-}
-
-function child([key, one], parent, budget) {
-  const isList = Array.isArray(parent);
-  const last = isList ? Number(key) === parent.length - 1 : key === Object.keys(parent).at(-1);
-  return line(one, isList ? "" : key, last ? "" : ",", budget);
 }
 
 function scalar(value) {

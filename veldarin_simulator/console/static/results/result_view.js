@@ -24,7 +24,11 @@ export function resultView(result, name, code = {}) {
     copyButton(() => result.repr, "Python value", "button"),
     ...copyCode(code),
   ];
-  const tools = [segments("View", choices, names[0], choose), menu("Copy", copied), menu("Download", saved)];
+  const tools = [
+    segments("View", choices, names[0], choose),
+    menu("Copy", copied),
+    menu("Download", saved),
+  ];
   return { body, tools };
 }
 
@@ -41,7 +45,10 @@ function viewsOf(result, name) {
     Tree: () => (isScalar(value) ? scalarView(result) : tree(value)),
     JSON: () => jsonView(value),
   };
-  if (!isTable(value)) return isScalar(value) && !(value instanceof Digits) ? { Value: views.Tree, JSON: views.JSON } : views;
+  if (!isTable(value))
+    return isScalar(value) && !(value instanceof Digits)
+      ? { Value: views.Tree, JSON: views.JSON }
+      : views;
   const table = { Table: () => tableView(value, name).element };
   const upright = value.length <= 8 ? { Upright: () => uprightView(value) } : {};
   return isWide(value) ? { ...upright, ...table, ...views } : { ...table, ...upright, ...views };

@@ -32,7 +32,9 @@ export function tableView(rows, name) {
   const texts = new Map(); // made when the filter is first used
   const table = el("table.stacked-rows");
   const region = el(
-    "div.table", { role: "region", "aria-label": "Result as a table", tabindex: "0" }, table,
+    "div.table",
+    { role: "region", "aria-label": "Result as a table", tabindex: "0" },
+    table,
   );
   const count = el("span.note", { role: "status" });
 
@@ -50,7 +52,13 @@ export function tableView(rows, name) {
     const nested = shown.filter((column) => !flat.has(column));
     const isFixed = rows.length > MAX_AUTO_ROWS;
     table.classList.toggle("fixed", isFixed);
-    const head = el("thead", el("tr", own.map((column) => heading(column, kept, kinds, sortBy))));
+    const head = el(
+      "thead",
+      el(
+        "tr",
+        own.map((column) => heading(column, kept, kinds, sortBy)),
+      ),
+    );
     replace(table, isFixed ? columnWidths(table, rows, own) : null, own.length ? head : null);
     const render = (row, index) => rowElements(row, index, own, nested, kinds);
     const blocks = tableBlocks(Math.max(own.length, 1));
@@ -66,11 +74,14 @@ export function tableView(rows, name) {
     else if (!kept.descending) kept.descending = true;
     else kept.sort = null;
     draw();
-    const index = shownColumns().filter((one) => flat.has(one)).indexOf(column);
+    const index = shownColumns()
+      .filter((one) => flat.has(one))
+      .indexOf(column);
     table.querySelectorAll("thead button")[index]?.focus();
   };
   const filter = field("Filter the rows", {
-    type: "search", placeholder: "Filter rows",
+    type: "search",
+    placeholder: "Filter rows",
     input: debounce(() => {
       state.filter = filter.value.trim().toLowerCase();
       draw();
@@ -97,9 +108,19 @@ export function uprightView(rows) {
   return el(
     "div.table.upright",
     { role: "region", "aria-label": "Result upright", tabindex: "0" },
-    el("table", el("tbody", columns.map((column) =>
-      el("tr", el("th", { scope: "row" }, visible(column)), rows.map((row) => cell(row, column))),
-    ))),
+    el(
+      "table",
+      el(
+        "tbody",
+        columns.map((column) =>
+          el(
+            "tr",
+            el("th", { scope: "row" }, visible(column)),
+            rows.map((row) => cell(row, column)),
+          ),
+        ),
+      ),
+    ),
   );
 }
 
@@ -114,11 +135,29 @@ function value(one) {
 function innerTable(rows) {
   const columns = columnsOf(rows);
   const cell = (row, column) =>
-    el("td", { "data-label": column }, column in row ? value(row[column]) : el("span.v-absent", "–"));
+    el(
+      "td",
+      { "data-label": column },
+      column in row ? value(row[column]) : el("span.v-absent", "–"),
+    );
   return el(
     "table",
-    el("thead", el("tr", columns.map((column) => el("th", { scope: "col" }, visible(column))))),
-    el("tbody", rows.map((row) => el("tr", columns.map((column) => cell(row, column))))),
+    el(
+      "thead",
+      el(
+        "tr",
+        columns.map((column) => el("th", { scope: "col" }, visible(column))),
+      ),
+    ),
+    el(
+      "tbody",
+      rows.map((row) =>
+        el(
+          "tr",
+          columns.map((column) => cell(row, column)),
+        ),
+      ),
+    ),
   );
 }
 
@@ -171,11 +210,14 @@ function columnWidths(table, rows, columns) {
   });
   const total = widths.reduce((sum, width) => sum + width, 0);
   table.style.minWidth = `${total}ch`;
-  return el("colgroup", widths.map((width) => {
-    const column = el("col");
-    column.style.width = `${(100 * width) / total}%`;
-    return column;
-  }));
+  return el(
+    "colgroup",
+    widths.map((width) => {
+      const column = el("col");
+      column.style.width = `${(100 * width) / total}%`;
+      return column;
+    }),
+  );
 }
 
 function isNumeric(rows, column) {

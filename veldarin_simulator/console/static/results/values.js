@@ -51,7 +51,12 @@ export function scalarView({ type, repr, value }) {
 export function node(value) {
   if (!isScalar(value)) {
     const flat = Array.isArray(value) && value.length > 0 && value.every(isScalar);
-    return flat ? el("span.items", value.map((one) => el("span", node(one)))) : tree(value);
+    return flat
+      ? el(
+          "span.items",
+          value.map((one) => el("span", node(one))),
+        )
+      : tree(value);
   }
   if (value === null) return el("span.v-none", "None");
   if (typeof value === "boolean") return el(`span.v-${value}`, value ? "True" : "False");
@@ -63,7 +68,10 @@ export function node(value) {
 export function tree(value) {
   const items = Object.entries(value);
   if (!items.length) return el("span.v-empty", Array.isArray(value) ? "[]" : "{}");
-  return el("div.chunks", inChunks(items, (part) => branch(part, Array.isArray(value))));
+  return el(
+    "div.chunks",
+    inChunks(items, (part) => branch(part, Array.isArray(value))),
+  );
 }
 
 function branch(items, isIndexed) {

@@ -28,7 +28,8 @@ export function codeArea(label, value, onInput) {
   };
   const follow = () => {
     numbers.style.transform = `translateY(${-text.scrollTop}px)`;
-    if (marked) mark.style.transform = `translateY(${(marked - 1) * LINE_HEIGHT - text.scrollTop}px)`;
+    if (marked)
+      mark.style.transform = `translateY(${(marked - 1) * LINE_HEIGHT - text.scrollTop}px)`;
   };
   const clear = () => {
     marked = null;
@@ -45,7 +46,8 @@ export function codeArea(label, value, onInput) {
     text.focus();
     text.setSelectionRange(start, start + (all[line - 1]?.length ?? 0));
     const top = (line - 1) * LINE_HEIGHT;
-    const isVisible = top >= text.scrollTop && top < text.scrollTop + text.clientHeight - LINE_HEIGHT;
+    const isVisible =
+      top >= text.scrollTop && top < text.scrollTop + text.clientHeight - LINE_HEIGHT;
     if (!isVisible) text.scrollTop = Math.max(0, top - text.clientHeight / 2);
     follow();
   };

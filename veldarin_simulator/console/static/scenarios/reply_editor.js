@@ -35,7 +35,10 @@ export class ReplyEditor {
       "form.panel.reply-editor",
       { "aria-label": "Reply", submit, keydown },
       el("header", el("h2", el("code", visible(reply.name)))),
-      this.notes, this.code.element, this.errors, this.actions,
+      this.notes,
+      this.code.element,
+      this.errors,
+      this.actions,
     );
     this.draw();
   }
@@ -67,8 +70,14 @@ export class ReplyEditor {
     replace(
       this.notes,
       draft ? badge("draft", "modified") : null,
-      hint(overridden ? `From the scenario, file ${file}` : "Not in the scenario. This is the current reply, to start from."),
-      isStale ? el("p.remark", "Another window changed this reply; the editor shows your draft.") : null,
+      hint(
+        overridden
+          ? `From the scenario, file ${file}`
+          : "Not in the scenario. This is the current reply, to start from.",
+      ),
+      isStale
+        ? el("p.remark", "Another window changed this reply; the editor shows your draft.")
+        : null,
       hidden.length ? el("p.remark", "Hidden characters: ", hidden.map(hiddenNote)) : null,
     );
     const focused = document.activeElement?.dataset?.key;
@@ -76,7 +85,9 @@ export class ReplyEditor {
       this.actions,
       el("button.primary", { type: "submit", "data-key": "apply" }, "Use this reply"),
       draft ? button("Discard the draft", () => this.discard(), "button.quiet") : null,
-      overridden ? button("Remove from the scenario", () => this.removeOverride(), "button.quiet") : null,
+      overridden
+        ? button("Remove from the scenario", () => this.removeOverride(), "button.quiet")
+        : null,
       el("span.hint.wide", el("kbd", "Ctrl"), " ", el("kbd", "Enter")),
     );
     if (focused) this.actions.querySelector(`[data-key=${focused}]`)?.focus();
@@ -105,7 +116,9 @@ export class ReplyEditor {
 
   apply(base = draftOf(this.name)?.version ?? this.reply.version) {
     const text = draftOf(this.name)?.text ?? this.reply.text;
-    return this.change(() => put(replyPath(this.name), { text, ...(base === ANY ? {} : { base }) }, this.place));
+    return this.change(() =>
+      put(replyPath(this.name), { text, ...(base === ANY ? {} : { base }) }, this.place),
+    );
   }
 
   removeOverride() {

@@ -1,9 +1,24 @@
 // The list of replies with where each comes from.
-import { badge, breakable, debounce, el, field, inlineForm, panel, replace, segments } from "../core/dom.js";
+import {
+  badge,
+  breakable,
+  debounce,
+  el,
+  field,
+  inlineForm,
+  panel,
+  replace,
+  segments,
+} from "../core/dom.js";
 import { visible } from "../core/text.js";
 import { draftOf } from "./drafts.js";
 
-const FILTERS = [["All", "all"], ["Scenario", "scenario"], ["Live", "live"], ["Recorded", "recorded"]];
+const FILTERS = [
+  ["All", "all"],
+  ["Scenario", "scenario"],
+  ["Live", "live"],
+  ["Recorded", "recorded"],
+];
 
 export class ReplyList {
   constructor(choose) {
@@ -13,15 +28,21 @@ export class ReplyList {
     this.from = "all";
     this.body = el("div.reply-list");
     this.filter = field("Filter the replies", {
-      type: "search", placeholder: "Filter", input: debounce(() => this.draw(), 60),
+      type: "search",
+      placeholder: "Filter",
+      input: debounce(() => this.draw(), 60),
     });
     const command = field("Another command", { placeholder: "another command", required: true });
     this.element = panel(
       { label: "Replies", title: "Replies" },
-      el("div.reply-tools", this.filter, segments("Where they come from", FILTERS, "all", (from) => {
-        this.from = from;
-        this.draw();
-      })),
+      el(
+        "div.reply-tools",
+        this.filter,
+        segments("Where they come from", FILTERS, "all", (from) => {
+          this.from = from;
+          this.draw();
+        }),
+      ),
       this.body,
       inlineForm(command, "Edit", "button", choose),
     );
@@ -32,14 +53,31 @@ export class ReplyList {
     const focused = document.activeElement?.dataset?.reply;
     const wanted = this.filter.value.trim().toLowerCase();
     const shown = replies.filter(
-      (one) => one.name.toLowerCase().includes(wanted) && (this.from === "all" || sourceOf(one)?.includes(this.from)),
+      (one) =>
+        one.name.toLowerCase().includes(wanted) &&
+        (this.from === "all" || sourceOf(one)?.includes(this.from)),
     );
     const group = (title, listed) =>
-      listed.length ? el("section", el("h3", title), el("ul.replies", listed.map((one) => this.item(one)))) : null;
+      listed.length
+        ? el(
+            "section",
+            el("h3", title),
+            el(
+              "ul.replies",
+              listed.map((one) => this.item(one)),
+            ),
+          )
+        : null;
     replace(
       this.body,
-      group("Commands", shown.filter((one) => one.command)),
-      group("Native services", shown.filter((one) => !one.command)),
+      group(
+        "Commands",
+        shown.filter((one) => one.command),
+      ),
+      group(
+        "Native services",
+        shown.filter((one) => !one.command),
+      ),
       shown.length ? null : el("p.empty.small", "No reply is like this."),
     );
     if (focused) this.body.querySelector(`[data-reply="${CSS.escape(focused)}"]`)?.focus();
@@ -47,10 +85,15 @@ export class ReplyList {
 
   item(one) {
     const attributes = {
-      type: "button", "data-reply": one.name, "aria-pressed": String(one.name === this.chosen),
+      type: "button",
+      "data-reply": one.name,
+      "aria-pressed": String(one.name === this.chosen),
       click: () => this.choose(one.name),
     };
-    const label = [el("code", one.command ? visible(one.name) : breakable(one.name)), el("span.badges", badges(one))];
+    const label = [
+      el("code", one.command ? visible(one.name) : breakable(one.name)),
+      el("span.badges", badges(one)),
+    ];
     return el("li", el("button.choice", attributes, label));
   }
 }

@@ -1,6 +1,17 @@
 // The scenarios: load, save, rename, duplicate, delete, export and import.
 import { ApiError, getBlob, isLate, post, put, putBlob, remove } from "../core/api.js";
-import { announce, badge, button, el, field, hint, inlineForm, menu, panel, replace } from "../core/dom.js";
+import {
+  announce,
+  badge,
+  button,
+  el,
+  field,
+  hint,
+  inlineForm,
+  menu,
+  panel,
+  replace,
+} from "../core/dom.js";
 import { confirmDialog, nameDialog } from "../core/dialog.js";
 import { download } from "../core/download.js";
 import { errorPanel } from "../core/errors.js";
@@ -20,13 +31,16 @@ export class ScenarioList {
     Object.assign(this, { refresh, showReply });
     this.errors = el("div");
     this.body = el("div");
-    this.name = field("Name to save under", { placeholder: "name", required: true, id: "save-name" });
-    this.element = panel(
-      { label: "Scenarios", title: "Scenarios" },
-      this.body, this.errors,
-    );
+    this.name = field("Name to save under", {
+      placeholder: "name",
+      required: true,
+      id: "save-name",
+    });
+    this.element = panel({ label: "Scenarios", title: "Scenarios" }, this.body, this.errors);
     this.form = inlineForm(this.name, "Save", "button", (name) => this.save(name));
-    this.imported = fileButton("Import an archive", ".zip,application/zip", (file) => this.import(file));
+    this.imported = fileButton("Import an archive", ".zip,application/zip", (file) =>
+      this.import(file),
+    );
     this.element.append(el("div.store-actions", this.form, el("div", this.imported)));
   }
 
@@ -40,13 +54,20 @@ export class ScenarioList {
       this.body,
       el(
         "ul.choices",
-        this.item(null, "This machine", "no scenario: live replies, and samples where there are none"),
-        state.scenarios.map((one) => this.item(one, one, one === state.loaded ? state.directory : "")),
+        this.item(
+          null,
+          "This machine",
+          "no scenario: live replies, and samples where there are none",
+        ),
+        state.scenarios.map((one) =>
+          this.item(one, one, one === state.loaded ? state.directory : ""),
+        ),
       ),
       state.scenarios.length ? null : hint(`No scenario is saved yet in ${state.store}`),
     );
     this.drawUnsaved();
-    if (focused !== undefined) this.body.querySelector(`[data-scenario="${CSS.escape(focused)}"] button`)?.focus();
+    if (focused !== undefined)
+      this.body.querySelector(`[data-scenario="${CSS.escape(focused)}"] button`)?.focus();
   }
 
   drawUnsaved() {
@@ -54,7 +75,8 @@ export class ScenarioList {
     const isUnsaved = this.state?.modified || count > 0;
     const header = this.element.querySelector("header");
     header.querySelector(".badge")?.remove();
-    if (isUnsaved) header.append(badge(count ? `unsaved, ${plural(count, "draft")}` : "unsaved", "modified"));
+    if (isUnsaved)
+      header.append(badge(count ? `unsaved, ${plural(count, "draft")}` : "unsaved", "modified"));
     this.form.querySelector("button").className = isUnsaved ? "primary" : "";
   }
 
@@ -62,7 +84,9 @@ export class ScenarioList {
     const pressed = String(this.state.loaded === name);
     const load = button(
       [el("span", visible(label)), el("small", about)],
-      () => this.load(name), "button.choice", { "aria-pressed": pressed },
+      () => this.load(name),
+      "button.choice",
+      { "aria-pressed": pressed },
     );
     const actions = name === null ? null : menu("⋯", this.actions(name), `Actions for ${name}`);
     return el("li", { "data-scenario": name ?? "" }, load, actions);
@@ -95,9 +119,15 @@ export class ScenarioList {
     const lost = [
       this.state.modified ? "unsaved changes" : null,
       draftNames().length ? plural(draftNames().length, "draft") : null,
-    ].filter(Boolean).join(" and ");
+    ]
+      .filter(Boolean)
+      .join(" and ");
     const label = name ?? "this machine's replies";
-    if (lost && !(await confirmDialog(`Load ${label}?`, `This discards ${lost}.`, "Discard and load"))) return;
+    if (
+      lost &&
+      !(await confirmDialog(`Load ${label}?`, `This discards ${lost}.`, "Discard and load"))
+    )
+      return;
     await this.attempt(async () => {
       await put("/api/scenarios/current", { name });
       dropDrafts();
@@ -119,7 +149,8 @@ export class ScenarioList {
       if (isLate(error)) return;
       if (error instanceof Handled) return void this.refresh();
       replace(this.errors, errorPanel(error));
-      if (error.problem.type === "/problems/scenario-changed") this.offerOverwrite(name, error.problem.files);
+      if (error.problem.type === "/problems/scenario-changed")
+        this.offerOverwrite(name, error.problem.files);
       await this.refresh();
     }
   }
@@ -159,7 +190,12 @@ export class ScenarioList {
 
   async import(file) {
     const suggested = file.name.replace(/\.zip$/i, "").replace(/[^\w.-]+/g, "-");
-    const name = await nameDialog(`Import ${file.name}`, "Name of the scenario", suggested, "Import");
+    const name = await nameDialog(
+      `Import ${file.name}`,
+      "Name of the scenario",
+      suggested,
+      "Import",
+    );
     if (name) await this.attempt(() => putBlob(path(name, "/archive"), file));
   }
 }

@@ -29,14 +29,21 @@ class Scenarios {
     this.editor = null;
     this.place = null;
     const refresh = () => this.refresh();
-    this.scenarios = new ScenarioList({ refresh, showReply: (name, error) => this.showReply(name, error) });
+    this.scenarios = new ScenarioList({
+      refresh,
+      showReply: (name, error) => this.showReply(name, error),
+    });
     this.replies = new ReplyList((name) => this.choose(name));
     this.editorPlace = el("div.editor");
     this.work = el(
       "main.single",
       { id: "work", tabindex: "-1" },
       pageTitle("Scenarios", SUMMARY),
-      el("div.scenarios", el("div.store", this.scenarios.element, this.replies.element), this.editorPlace),
+      el(
+        "div.scenarios",
+        el("div.store", this.scenarios.element, this.replies.element),
+        this.editorPlace,
+      ),
     );
     const whileShown = (source, action) => {
       const listener = () => {
@@ -54,7 +61,8 @@ class Scenarios {
 
   async read(place) {
     const [state, { replies }] = await Promise.all([
-      get("/api/scenarios", place), get("/api/replies", place),
+      get("/api/scenarios", place),
+      get("/api/replies", place),
     ]);
     this.state = state;
     this.scenarios.draw(state);

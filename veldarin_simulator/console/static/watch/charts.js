@@ -1,6 +1,6 @@
 // Small pictures of a series: a sparkline of numbers, a strip of states over time.
 import { el, svg } from "../core/dom.js";
-import { clock } from "../core/text.js";
+import { clock, plural } from "../core/text.js";
 import { text } from "./observation.js";
 
 const WIDTH = 120;
@@ -27,10 +27,17 @@ export function sparkline(values, label) {
   const last = shown.at(-1) ?? null;
   return svg(
     "svg.sparkline",
-    { viewBox: `0 0 ${WIDTH} ${HEIGHT}`, role: "img", "aria-label": label, preserveAspectRatio: "none" },
+    {
+      viewBox: `0 0 ${WIDTH} ${HEIGHT}`,
+      role: "img",
+      "aria-label": label,
+      preserveAspectRatio: "none",
+    },
     svg("path.base", { d: `M1 ${y(0).toFixed(1)}H${WIDTH - 3}` }),
     svg("path.trend", { d: path }),
-    last === null ? null : svg("path.dot", { d: `M${x(shown.length - 1).toFixed(1)} ${y(last).toFixed(1)}h0` }),
+    last === null
+      ? null
+      : svg("path.dot", { d: `M${x(shown.length - 1).toFixed(1)} ${y(last).toFixed(1)}h0` }),
   );
 }
 
@@ -41,11 +48,16 @@ export function strip(runs, from, to, label) {
   const parts = runs.map((run) => {
     const title = `${text(run.value)} from ${clock(run.from)} to ${clock(run.to)}`;
     const width = Math.max(scale(run.to) - scale(run.from), 0.8);
-    const attributes = { x: scale(run.from).toFixed(2), width: width.toFixed(2), y: "0", height: "14" };
+    const attributes = {
+      x: scale(run.from).toFixed(2),
+      width: width.toFixed(2),
+      y: "0",
+      height: "14",
+    };
     return svg(`rect.state-${stateKind(run.value)}`, attributes, svg("title", {}, title));
   });
   const changes = runs.length - 1;
-  const said = `${label}: ${text(runs.at(-1)?.value)}, ${changes} ${changes === 1 ? "change" : "changes"}`;
+  const said = `${label}: ${text(runs.at(-1)?.value)}, ${plural(changes, "change")}`;
   return svg(
     "svg.strip",
     { viewBox: "0 0 100 14", preserveAspectRatio: "none", role: "img", "aria-label": said },
@@ -70,8 +82,10 @@ const UNITS = ["", "k", "M", "G", "T"];
 export function short(value, unit = "") {
   if (value === null || value === undefined) return "–";
   let [scaled, index] = [value, 0];
-  while (Math.abs(scaled) >= 1000 && index < UNITS.length - 1) [scaled, index] = [scaled / 1000, index + 1];
-  const digits = Number.isInteger(scaled) && index === 0 ? 0 : scaled >= 100 ? 0 : scaled >= 10 ? 1 : 2;
+  while (Math.abs(scaled) >= 1000 && index < UNITS.length - 1)
+    [scaled, index] = [scaled / 1000, index + 1];
+  const digits =
+    Number.isInteger(scaled) && index === 0 ? 0 : scaled >= 100 ? 0 : scaled >= 10 ? 1 : 2;
   const space = unit ? " " : "";
   return `${scaled.toFixed(digits)}${space}${UNITS[index]}${unit}`;
 }

@@ -6,7 +6,8 @@ const MAX_SAMPLES = 600;
 const MAX_POINTS = 400_000; // in all samples: of large results fewer samples are kept
 const MAX_SERIES = 4000;
 const NAMES = /^(name|port_name|.*name|group|interface|device|id|.*_id|ipAddress|entry)$/i;
-const COUNTERS = /bytes|packet|count|changes|err|drop|flap|event|input|output|notifications|sent|recv/i;
+const COUNTERS =
+  /bytes|packet|count|changes|err|drop|flap|event|input|output|notifications|sent|recv/i;
 const STATES = /status|state|link|carrier|role|guard|present|active|alarms|^result$/i;
 
 export class Observation {
@@ -52,7 +53,9 @@ export class Observation {
   lastStateChanges() {
     return [...this.series.values()]
       .filter((one) => one.kind === "state" && one.isChanged)
-      .map((one) => `${one.entity} ${one.label}: ${text(one.previous)} → ${text(one.value)}`.trim());
+      .map((one) =>
+        `${one.entity} ${one.label}: ${text(one.previous)} → ${text(one.value)}`.trim(),
+      );
   }
 }
 
@@ -150,8 +153,8 @@ export function isSame(a, b) {
   return text(a) === text(b) && typeof a === typeof b;
 }
 
-// The scalars of a result: key to { entity, label, value }. The dictionaries of a list are entities;
-// a column with different texts names them.
+// The scalars of a result: key to { entity, label, value }. The dictionaries of a list are
+// entities; a column with different texts names them.
 function flatten(value) {
   const found = new Map();
   const walk = (one, entity, path) => {

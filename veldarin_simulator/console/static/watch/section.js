@@ -1,7 +1,17 @@
 // Watch: repeats a call and shows what changes.
 import { bodyOf, callAddress } from "../core/address.js";
 import { isLate, post } from "../core/api.js";
-import { announce, badge, button, el, emptyState, menu, pageTitle, replace, segments } from "../core/dom.js";
+import {
+  announce,
+  badge,
+  button,
+  el,
+  emptyState,
+  menu,
+  pageTitle,
+  replace,
+  segments,
+} from "../core/dom.js";
 import { csv, download } from "../core/download.js";
 import { errorPanel } from "../core/errors.js";
 import { functionIndex } from "../core/index.js";
@@ -27,16 +37,38 @@ export async function show(page, { name, parameters, place }) {
 }
 
 function chooser(functions, name) {
-  const unknown = name ? el("p.remark", { role: "alert" }, "The module has no function ", el("code", visible(name)), ".") : null;
+  const unknown = name
+    ? el(
+        "p.remark",
+        { role: "alert" },
+        "The module has no function ",
+        el("code", visible(name)),
+        ".",
+      )
+    : null;
   const made = Object.entries(MADE_VIEWS).map(([one, { title, text: about, body }]) =>
-    el("li", el("a.choice-card", { href: callAddress("watch", one, body) }, el("strong", title), el("span", about), el("code", one))),
+    el(
+      "li",
+      el(
+        "a.choice-card",
+        { href: callAddress("watch", one, body) },
+        el("strong", title),
+        el("span", about),
+        el("code", one),
+      ),
+    ),
   );
   const called = distinctCalls(6).map(({ name: one, body, label }) =>
     el("li", el("a", { href: callAddress("watch", one, body) }, el("code", visible(label)))),
   );
   const others = functions
     .filter((one) => /^(list|get|switch)_/.test(one.name) && !(one.name in MADE_VIEWS))
-    .map((one) => el("li", el("a", { href: callAddress("watch", one.name, one.example_call) }, el("code", one.name))));
+    .map((one) =>
+      el(
+        "li",
+        el("a", { href: callAddress("watch", one.name, one.example_call) }, el("code", one.name)),
+      ),
+    );
   return [
     pageTitle("Watch", SUMMARY),
     unknown,
@@ -87,7 +119,9 @@ class Watch {
 
   tools() {
     const intervals = INTERVALS.map((one) => [`${one} s`, one]);
-    this.pause = button("Pause", () => this.setPaused(!this.isPaused), "button", { "data-key": "pause" });
+    this.pause = button("Pause", () => this.setPaused(!this.isPaused), "button", {
+      "data-key": "pause",
+    });
     const changedOnly = el("input", { type: "checkbox" });
     changedOnly.addEventListener("change", () => {
       this.onlyChanged = changedOnly.checked;
@@ -107,7 +141,11 @@ class Watch {
           button("JSON file", () => this.exportJSON()),
           button("CSV file", () => this.exportCSV()),
         ]),
-        el("a.button.quiet", { href: callAddress("functions", this.name, this.body) }, "Edit the call"),
+        el(
+          "a.button.quiet",
+          { href: callAddress("functions", this.name, this.body) },
+          "Edit the call",
+        ),
       ),
     );
   }
@@ -137,7 +175,9 @@ class Watch {
     const state = this.isPaused ? "paused" : document.hidden ? "hidden" : "live";
     if (this.state.dataset.state === state) return;
     this.state.dataset.state = state;
-    this.state.textContent = { paused: "Paused", hidden: "Stopped while hidden", live: "Watching" }[state];
+    this.state.textContent = { paused: "Paused", hidden: "Stopped while hidden", live: "Watching" }[
+      state
+    ];
   }
 
   async call() {
@@ -176,14 +216,17 @@ class Watch {
     }
     const { source, microseconds } = this.response;
     replace(this.facts, [
-      badge(source), ` ${plural(samples.length, "sample")}, the last at ${clock(last.at)}, ${duration(microseconds)}`,
+      badge(source),
+      ` ${plural(samples.length, "sample")}, the last at ${clock(last.at)}, `,
+      duration(microseconds),
       dropped ? `, ${dropped} older ones dropped` : "",
     ]);
   }
 
   exportJSON() {
     const samples = this.observation.samples.map(({ at, value, exception }) => ({
-      at: new Date(at).toISOString(), ...(exception ? { exception } : { value }),
+      at: new Date(at).toISOString(),
+      ...(exception ? { exception } : { value }),
     }));
     const seen = { function: this.name, ...this.body, samples };
     download(`watch-${this.name}.json`, `${JSON.stringify(seen, null, 2)}\n`, "application/json");
@@ -194,10 +237,19 @@ class Watch {
     const rows = series.flatMap((one) =>
       one.points
         .filter(([, value]) => value !== undefined)
-        .map(([at, value]) => [new Date(at).toISOString(), one.entity, one.label, typeof value === "object" ? text(value) : value]),
+        .map(([at, value]) => [
+          new Date(at).toISOString(),
+          one.entity,
+          one.label,
+          typeof value === "object" ? text(value) : value,
+        ]),
     );
     rows.sort((a, b) => (a[0] < b[0] ? -1 : a[0] > b[0] ? 1 : 0));
-    download(`watch-${this.name}.csv`, csv(["time", "entity", "value of", "value"], rows), "text/csv");
+    download(
+      `watch-${this.name}.csv`,
+      csv(["time", "entity", "value of", "value"], rows),
+      "text/csv",
+    );
   }
 }
 

@@ -10,16 +10,22 @@ const MAX_ROWS = 300;
 // By function: title and summary of its view, a call to begin with, and the view's class.
 export const MADE_VIEWS = {
   list_switch_port_statistics: {
-    title: "Port statistics", text: "Traffic in each direction, errors and drops of every port.",
-    body: { arguments: [null], keywords: {} }, draw: drawPorts,
+    title: "Port statistics",
+    text: "Traffic in each direction, errors and drops of every port.",
+    body: { arguments: [null], keywords: {} },
+    draw: drawPorts,
   },
   list_bfd_neighbor: {
-    title: "BFD sessions", text: "State over time, timers and packets of every session.",
-    body: { arguments: [], keywords: {} }, draw: drawSessions,
+    title: "BFD sessions",
+    text: "State over time, timers and packets of every session.",
+    body: { arguments: [], keywords: {} },
+    draw: drawSessions,
   },
   list_system_link_monitor_status: {
-    title: "Link monitor", text: "State of every link over time, and its carrier changes.",
-    body: { arguments: [], keywords: {} }, draw: drawLinks,
+    title: "Link monitor",
+    text: "State of every link over time, and its carrier changes.",
+    body: { arguments: [], keywords: {} },
+    draw: drawLinks,
   },
 };
 
@@ -46,11 +52,19 @@ export function drawSeries(observation, onlyChanged) {
   }
   const titles = ["Value", "Now", "Change", "Over time"];
   return [
-    region(el(
-      "table.watched",
-      el("thead", el("tr", titles.map((one) => el("th", { scope: "col" }, one)))),
-      el("tbody", groups.filter(Boolean)),
-    )),
+    region(
+      el(
+        "table.watched",
+        el(
+          "thead",
+          el(
+            "tr",
+            titles.map((one) => el("th", { scope: "col" }, one)),
+          ),
+        ),
+        el("tbody", groups.filter(Boolean)),
+      ),
+    ),
     hidden ? el("p.hint", `${hidden} more values are recorded and exported, but not shown.`) : null,
   ];
 }
@@ -83,7 +97,8 @@ function change(one) {
   }
   if (!one.isChanged) return one.changes && one.kind !== "gauge" ? `${one.changes}×` : "";
   const [now, before] = [number(one.value), number(one.previous)];
-  if (now !== null && before !== null) return [mark(now > before ? "▲" : "▼"), short(Math.abs(now - before))];
+  if (now !== null && before !== null)
+    return [mark(now > before ? "▲" : "▼"), short(Math.abs(now - before))];
   return [mark("●"), "was ", visible(text(one.previous))];
 }
 
@@ -97,7 +112,8 @@ function chart(one, observation) {
     const rates = one.rates();
     return rates.length ? sparkline(rates, `${one.label}: ${short(rates.at(-1))} per second`) : "";
   }
-  if (one.kind === "gauge") return sparkline(one.numbers(), `${one.label}: ${short(number(one.value))}`);
+  if (one.kind === "gauge")
+    return sparkline(one.numbers(), `${one.label}: ${short(number(one.value))}`);
   if (one.kind === "state") return strip(one.runs(), samples[0].at, samples.at(-1).at, one.label);
   return "";
 }
@@ -114,12 +130,22 @@ const PORT_COLUMNS = [
   ["Packets in", "packets_recv", 1, "/s"],
   ["Packets out", "packets_sent", 1, "/s"],
 ];
-const PORT_FAULTS = [["Errors in", "errin"], ["Errors out", "errout"], ["Drops in", "dropin"], ["Drops out", "dropout"]];
+const PORT_FAULTS = [
+  ["Errors in", "errin"],
+  ["Errors out", "errout"],
+  ["Drops in", "dropin"],
+  ["Drops out", "dropout"],
+];
 
 function drawPorts(observation) {
   const ports = [...observation.entities()].map(([name, series]) => [name, byLabel(series)]);
-  if (!ports.length || !ports.every(([, values]) => values.bytes_recv && values.bytes_sent)) return null;
-  const titles = ["Port", ...PORT_COLUMNS.map(([title]) => title), ...PORT_FAULTS.map(([title]) => title)];
+  if (!ports.length || !ports.every(([, values]) => values.bytes_recv && values.bytes_sent))
+    return null;
+  const titles = [
+    "Port",
+    ...PORT_COLUMNS.map(([title]) => title),
+    ...PORT_FAULTS.map(([title]) => title),
+  ];
   const rate = (values, [title, label, factor, unit]) => {
     const series = values[label];
     if (!series) return el("td", "–");
@@ -127,7 +153,8 @@ function drawPorts(observation) {
     const now = rates.length ? short(rates.at(-1), unit) : "…";
     const total = `${short(number(series.value))} in total`;
     return el(
-      series.isChanged ? "td.number.changed" : "td.number", { "data-label": title },
+      series.isChanged ? "td.number.changed" : "td.number",
+      { "data-label": title },
       el("span.rate", { title: total }, now),
       rates.length ? sparkline(rates, `${title}: ${now}`) : null,
     );
@@ -137,7 +164,12 @@ function drawPorts(observation) {
     const value = series ? number(series.value) : null;
     const kind = value ? (series.increase > 0 ? "td.number.bad" : "td.number.warned") : "td.number";
     const more = series?.increase > 0 ? el("span.more", ` +${short(series.increase)}`) : null;
-    return el(kind, { "data-label": title }, value === null ? "–" : value.toLocaleString("en"), more);
+    return el(
+      kind,
+      { "data-label": title },
+      value === null ? "–" : value.toLocaleString("en"),
+      more,
+    );
   };
   const rows = ports.map(([name, values]) =>
     el(
@@ -147,11 +179,19 @@ function drawPorts(observation) {
       PORT_FAULTS.map((column) => fault(values, column)),
     ),
   );
-  return region(el(
-    "table.ports.stacked-rows",
-    el("thead", el("tr", titles.map((one, index) => el(index ? "th.number" : "th", { scope: "col" }, one)))),
-    el("tbody", rows),
-  ));
+  return region(
+    el(
+      "table.ports.stacked-rows",
+      el(
+        "thead",
+        el(
+          "tr",
+          titles.map((one, index) => el(index ? "th.number" : "th", { scope: "col" }, one)),
+        ),
+      ),
+      el("tbody", rows),
+    ),
+  );
 }
 
 // BFD sessions
@@ -159,14 +199,19 @@ function drawPorts(observation) {
 function drawSessions(observation) {
   const sessions = [...observation.entities()].map(([name, series]) => [name, byLabel(series)]);
   if (!sessions.length || !sessions.every(([, values]) => values.status)) return null;
-  return el("div.cards", sessions.map(([name, values]) => sessionCard(name, values, observation)));
+  return el(
+    "div.cards",
+    sessions.map(([name, values]) => sessionCard(name, values, observation)),
+  );
 }
 
 function sessionCard(name, values, observation) {
   const shown = (label) => (values[label] ? visible(text(values[label].value)) : "–");
   const timers = (side) => [
-    shown(`${side}_timers › receive_interval`), " in, ",
-    shown(`${side}_timers › transmission_interval`), " out, × ",
+    shown(`${side}_timers › receive_interval`),
+    " in, ",
+    shown(`${side}_timers › transmission_interval`),
+    " out, × ",
     shown(`${side}_timers › detect-multiplier`),
   ];
   const packets = (label) => {
@@ -188,7 +233,13 @@ function sessionCard(name, values, observation) {
     ["Packets out", packets("control_packet_output")],
     ["Went up, down", [shown("session_up_events"), ", ", shown("session_down_events")]],
   ];
-  return card(name, [shown("neighbor_ip"), " on ", shown("interface")], values.status, observation, facts);
+  return card(
+    name,
+    [shown("neighbor_ip"), " on ", shown("interface")],
+    values.status,
+    observation,
+    facts,
+  );
 }
 
 // Links
@@ -196,21 +247,26 @@ function sessionCard(name, values, observation) {
 function drawLinks(observation) {
   const links = [...observation.entities()].map(([name, series]) => [name, byLabel(series)]);
   if (!links.length || !links.every(([, values]) => values.status)) return null;
-  return el("div.cards", links.map(([name, values]) => {
-    const count = (label) => {
-      const series = values[label];
-      if (!series) return "–";
-      const more = series.increase ? badge(`+${short(series.increase)} seen here`, "modified") : null;
-      return [visible(text(series.value)), more && " ", more];
-    };
-    const facts = [
-      ["Carrier", values.carrier ? visible(text(values.carrier.value)) : "–"],
-      ["Carrier changes", count("carrier_changes")],
-      ["Went up", count("carrier_up_count")],
-      ["Went down", count("carrier_down_count")],
-    ];
-    return card(name, visible(name), values.status, observation, facts);
-  }));
+  return el(
+    "div.cards",
+    links.map(([name, values]) => {
+      const count = (label) => {
+        const series = values[label];
+        if (!series) return "–";
+        const more = series.increase
+          ? badge(`+${short(series.increase)} seen here`, "modified")
+          : null;
+        return [visible(text(series.value)), more && " ", more];
+      };
+      const facts = [
+        ["Carrier", values.carrier ? visible(text(values.carrier.value)) : "–"],
+        ["Carrier changes", count("carrier_changes")],
+        ["Went up", count("carrier_up_count")],
+        ["Went down", count("carrier_down_count")],
+      ];
+      return card(name, visible(name), values.status, observation, facts);
+    }),
+  );
 }
 
 function card(name, title, status, observation, facts) {
@@ -221,8 +277,15 @@ function card(name, title, status, observation, facts) {
     { "aria-label": name },
     el("header", el("h2", title), statePill(status.value, status.isChanged)),
     strip(status.runs(), samples[0].at, samples.at(-1).at, `${name} status`),
-    el("p.hint", `${text(status.value)} since ${clock(since.from)}${since.from === samples[0].at ? " or earlier" : ""}`),
-    el("dl.facts", facts.map(([term, value]) => [el("dt", term), el("dd", value)])),
+    el(
+      "p.hint",
+      `${text(status.value)} since ${clock(since.from)}`,
+      since.from === samples[0].at ? " or earlier" : "",
+    ),
+    el(
+      "dl.facts",
+      facts.map(([term, value]) => [el("dt", term), el("dd", value)]),
+    ),
   );
 }
 
