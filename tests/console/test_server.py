@@ -16,6 +16,7 @@ from contextlib import ExitStack, suppress
 from http.client import HTTPConnection, HTTPResponse
 from pathlib import Path
 from typing import Any
+from urllib.parse import urljoin
 
 import psutil
 import pytest
@@ -24,6 +25,7 @@ from veldarin_simulator.console import server as server_module
 from veldarin_simulator.console.app import create_application
 from veldarin_simulator.console.security import MAX_BODY_BYTES
 
+STATIC = Path(server_module.__file__).parent / "static"
 TIMEOUT = 60
 # One on an idle machine; this one may run other tests.
 SECONDS_TO_STOP = 3
@@ -114,9 +116,11 @@ def test_every_file_of_the_page_is_served(server: Any) -> None:
         if path.endswith(".js"):
             # Browsers do not run a module of another type.
             assert "javascript" in str(response.getheader("Content-Type"))
-            imported = re.findall(r'from "\./(.*?)"', content.decode())
-            pending |= {f"/static/{name}" for name in imported} - seen
-    assert len(seen) > 10
+            imported = re.findall(r'(?:from |import\()"(\..*?)"', content.decode())
+            pending |= {urljoin(path, name) for name in imported} - seen
+    served = {path.removeprefix("/static/") for path in seen if path.startswith("/static/")}
+    files = {path.relative_to(STATIC).as_posix() for path in STATIC.rglob("*.*")}
+    assert files - served == {"console.html"}
 
 
 def test_foreign_host_is_rejected_on_the_wire(server: Any) -> None:

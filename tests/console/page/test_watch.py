@@ -91,6 +91,7 @@ def test_watch_is_paused_resumed_and_exported(visit: Visit) -> None:
 def test_watch_stops_while_the_page_is_hidden(visit: Visit) -> None:
     requests: list[str] = []
     visit.page.on("request", lambda request: requests.append(request.url))
+    visit.page.clock.install()
     watch(visit, "list_switch_lg_state")
     hide = """hidden => {
       Object.defineProperty(document, 'hidden', { get: () => hidden, configurable: true });
@@ -100,7 +101,7 @@ def test_watch_stops_while_the_page_is_hidden(visit: Visit) -> None:
     assert visit.text(".watch-state") == "Stopped while hidden"
     visit.page.wait_for_load_state("networkidle")
     requests.clear()
-    visit.page.wait_for_timeout(2500)  # longer than both intervals
+    visit.page.clock.run_for(60_000)
     assert requests == []
     visit.page.evaluate(hide, False)
     assert visit.text(".watch-state") == "Watching"
