@@ -200,6 +200,13 @@ def test_unreachable_console_is_reported(visit: Visit) -> None:
     assert "does not respond" in visit.text("[role=alert]")
 
 
+def test_section_that_cannot_be_loaded_is_reported(visit: Visit) -> None:
+    visit.open()
+    visit.page.route("**/watch/section.js", lambda route: route.abort())
+    visit.page.locator("[data-tab=watch]").click()
+    visit.page.wait_for_selector("[role=alert] >> text=does not respond")
+
+
 def test_running_call_shows_its_time_and_can_be_left(visit: Visit) -> None:
     held: list[Any] = []
     visit.page.route("**/api/functions/new_cookie_id", lambda route: held.append(route))

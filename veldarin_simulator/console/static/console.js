@@ -1,6 +1,6 @@
 // Routes the address to a section; every section works in a place, which ends with the address.
 import { readAddress } from "./core/address.js";
-import { isLate } from "./core/api.js";
+import { ApiError, isLate } from "./core/api.js";
 import { replace } from "./core/dom.js";
 import { errorPanel } from "./core/errors.js";
 import { followStatus, showStatus } from "./core/status.js";
@@ -36,11 +36,19 @@ async function show() {
   const options = { ...address, place: signal, byKeyboard };
   byKeyboard = false;
   try {
-    const { show: showSection } = await SECTIONS[section]();
+    const { show: showSection } = await load(section);
     signal.throwIfAborted();
     await showSection(page, options);
   } catch (error) {
     if (!isLate(error) && !signal.aborted) replace(page, errorPanel(error));
+  }
+}
+
+async function load(section) {
+  try {
+    return await SECTIONS[section]();
+  } catch {
+    throw new ApiError({ detail: "the console does not respond: is it running?" });
   }
 }
 

@@ -2,6 +2,7 @@
 
 const MAX_ENTRIES = 30;
 const MAX_RESPONSES = 12;
+const MAX_CHARACTERS = 20_000_000; // in the responses; the last two are always kept
 const KEY = "recent";
 
 export const recentChanges = new EventTarget();
@@ -20,7 +21,7 @@ export function findRecent(id) {
 export function addRecent(entry) {
   const added = { ...entry, id: crypto.randomUUID(), at: Date.now() };
   entries = [added, ...entries].slice(0, MAX_ENTRIES);
-  for (const old of entries.slice(MAX_RESPONSES)) delete old.response;
+  dropOldResponses();
   write();
   recentChanges.dispatchEvent(new Event("change"));
   return added;
@@ -34,6 +35,14 @@ export function distinctCalls(count) {
     if (one.kind === "call" && !seen.has(key)) seen.set(key, one);
   }
   return [...seen.values()].slice(0, count);
+}
+
+function dropOldResponses() {
+  let left = MAX_CHARACTERS;
+  entries.forEach((one, index) => {
+    left -= one.response?.result?.repr.length ?? 0;
+    if (index >= MAX_RESPONSES || (index >= 2 && left < 0)) delete one.response;
+  });
 }
 
 function read() {

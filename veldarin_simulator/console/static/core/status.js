@@ -32,7 +32,7 @@ export async function poll(isOwnChange = false) {
     if (isChanged) statusChanges.dispatchEvent(new Event("change"));
     showStatus();
   } catch (error) {
-    if (!isLate(error)) showUnreachable();
+    if (!isLate(error)) showProblem(error);
   }
   clearTimeout(timer);
   if (!document.hidden) timer = setTimeout(poll, INTERVAL_MS);
@@ -62,8 +62,8 @@ export function showStatus() {
   busy.textContent = isLong ? `${running.function} runs for ${Math.round(running.seconds)} s` : "";
 }
 
-function showUnreachable() {
+function showProblem(error) {
   const busy = document.getElementById("busy");
   busy.hidden = false;
-  busy.textContent = "The console does not respond";
+  busy.textContent = error.message;
 }

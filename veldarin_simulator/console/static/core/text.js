@@ -42,10 +42,15 @@ export function escaped(character) {
   return code < 0x10000 ? `\\u${hex(4)}` : `\\U${hex(8)}`;
 }
 
+// The text with each hidden character as an escape, for where elements cannot be.
+export function withEscapes(text) {
+  const shown = (character) => (HIDDEN.test(character) ? escaped(character) : character);
+  return [...text].map(shown).join("");
+}
+
 // A string literal, of Python and in most cases of JSON too.
 export function quote(text) {
-  const shown = (character) => (HIDDEN.test(character) ? escaped(character) : character);
-  return `"${[...text.replaceAll("\\", "\\\\").replaceAll('"', '\\"')].map(shown).join("")}"`;
+  return `"${withEscapes(text.replaceAll("\\", "\\\\").replaceAll('"', '\\"'))}"`;
 }
 
 function codePoint(character) {

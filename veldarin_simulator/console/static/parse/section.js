@@ -15,7 +15,7 @@ import {
 import { errorPanel } from "../core/errors.js";
 import { addRecent } from "../core/recent.js";
 import { runVisibly } from "../core/running.js";
-import { markBlanks, visible } from "../core/text.js";
+import { markBlanks, plural, visible, withEscapes } from "../core/text.js";
 import { exceptionPanel, resultPanel } from "../results/outcome.js";
 import { appendRows, DIV_BLOCKS } from "../results/rows.js";
 import { json } from "../results/values.js";
@@ -124,7 +124,8 @@ export function parse(text, kind, output, place) {
 // Adds a parse to the last calls, from which the comparison takes it.
 export function addParse(parsed, file) {
   const { kind, lines, exception } = parsed;
-  const label = `${KINDS[kind]?.label ?? kind}: ${file ?? `${lines.length} lines`}`;
+  const what = withEscapes(file ?? plural(lines.length, "line"));
+  const label = `${KINDS[kind]?.label ?? kind}: ${what}`;
   const outcome = exception ? `raised ${exception.type}` : "parsed";
   return addRecent({ kind: "parse", name: kind, label, outcome, response: parsed });
 }

@@ -76,7 +76,7 @@ class Scenarios {
       await this.read(place);
       if (editor === this.editor) await editor?.refresh();
     } catch (error) {
-      if (!isLate(error)) replace(this.editorPlace, errorPanel(error));
+      if (!isLate(error)) replace(this.scenarios.errors, errorPanel(error));
     }
   }
 
