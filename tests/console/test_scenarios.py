@@ -216,6 +216,7 @@ def test_loading_a_scenario_keeps_the_simulator(
         ("serial_number_ascii", "7", None, "expected a string without NUL"),
         ("get system arp", "a\n\0", 2, "a NUL byte would end the text"),
     ],
+    ids=lambda value: str(value)[:24],
 )
 def test_invalid_reply_is_rejected_and_nothing_changes(
     api: Any, name: str, text: str, line: int | None, detail: str

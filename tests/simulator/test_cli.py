@@ -19,9 +19,8 @@ import pytest
 
 from tests.support.function_table import FUNCTIONS
 from tests.support.netns import ROOT
-from veldarin_simulator import state_dir
+from veldarin_simulator import example_arguments, state_dir
 from veldarin_simulator.__main__ import main
-from veldarin_simulator.cli import demo
 from veldarin_simulator.providers import bfd, serial_number
 
 
@@ -125,7 +124,7 @@ def test_demo_keeps_the_secret(run: Any, state_directory: Path) -> None:
 
 @pytest.mark.requires("cryptography", "netlink")
 def test_demo_without_certificate_creates_one(run: Any, monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(demo, "_CERTIFICATES", ("/no/such/certificate",))
+    monkeypatch.setattr(example_arguments, "_CERTIFICATES", ("/no/such/certificate",))
     call, source, value = demo_rows(run("demo")[1])["check_cert_expiration"]
     assert "temporary-" in call
     assert (source, value) == ("live", "True")
@@ -364,7 +363,7 @@ def test_parse_reports_the_failing_line(
 def test_parse_reports_the_line_that_is_not_utf8(run: Any, capture: Any) -> None:
     status, _, err = run("parse", "arp", capture(b"Address\n1 2 3 4\n1 2 3 \xff\n"))
     assert status == 1
-    assert ":3: the parser rejects this line" in err
+    assert ":3: not UTF-8: byte 0xff" in err
     assert err.splitlines()[-1].startswith("UnicodeDecodeError: 'utf-8' codec can't decode")
 
 

@@ -6,10 +6,10 @@ and which replies are live and which recorded.
 
 from __future__ import annotations
 
+import os
 import socket
 import sys
 from collections import Counter
-from collections.abc import Callable
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any, NamedTuple
@@ -17,7 +17,7 @@ from typing import Any, NamedTuple
 from rich.console import Console
 from rich.text import Text
 
-from veldarin_simulator import Simulator
+from veldarin_simulator import Simulator, example_arguments
 from veldarin_simulator.cli import common
 from veldarin_simulator.stub import Function
 
@@ -37,50 +37,24 @@ _NO_CALL = "no call"
 _RAISED = "raised"
 _STYLES = {"live": "green", "recorded": "yellow", _RAISED: "bold red"}
 
-# Where Linux distributions keep certificates.
-_CERTIFICATES = (
-    "/etc/ssl/certs/ssl-cert-snakeoil.pem",
-    "/etc/ssl/certs/ca-certificates.crt",
-    "/etc/pki/tls/certs/ca-bundle.crt",
-    "/etc/ssl/cert.pem",
-)
-
-_REMOTE = "198.51.100.1"  # reserved for documentation
-
 
 class DemoContext:
-    """The data that arguments depend on: this machine and earlier results."""
+    """The simulator, and a directory for files that exist during the demo."""
 
     def __init__(self, simulator: Simulator, folder: Path) -> None:
         self.simulator = simulator
-        self.results: dict[str, Any] = {}
         self._folder = folder
 
-    def certificate(self) -> bytes:
-        """Return the path of a certificate of this machine, or of a new one."""
-        for path in map(Path, _CERTIFICATES):
-            if path.is_file():
-                return str(path).encode()
+    def example_call(self, function: Function) -> tuple[list[Any], dict[str, Any]]:
+        """Return arguments that fit this machine."""
+        example = example_arguments.example_call(self.simulator, function)
+        if function.name != "check_cert_expiration" or Path(os.fsdecode(example[0][0])).is_file():
+            return example
         from veldarin_simulator.cli import self_signed  # slow to import
 
         path = self._folder / "certificate.pem"
         path.write_bytes(self_signed.certificate())
-        return str(path).encode()
-
-    def port(self) -> str:
-        """Return the first interface of the link monitor."""
-        links = self.simulator.module.list_system_link_monitor_status()
-        try:
-            return str(links[0]["name"])
-        except (LookupError, TypeError):
-            return "lo"  # a scenario may have any reply
-
-    def destination(self) -> str:
-        """Return a remote address if this machine has a route to it, or its loopback."""
-        text = self.simulator.module.get_cli_command_output(
-            f"get router info routing-table detail {_REMOTE}"
-        )
-        return _REMOTE if text.startswith("Routing") else "127.0.0.1"
+        return [os.fsencode(path)], {}
 
 
 class _Screen(Console):
@@ -105,19 +79,6 @@ class DemoRow(NamedTuple):
         source = Text(f"  {self.source:<{_SOURCE_WIDTH}}  ", _STYLES.get(self.source, "dim"))
         value = Text(self.value.replace("\n", " "))
         return Text.assemble((f"{number:>2}  ", "dim"), call, source, value)
-
-
-# Arguments that depend on this machine; other functions get those of the stub's example.
-_ARGUMENTS: dict[str, Callable[[DemoContext], Any]] = {
-    "aps_unsigned_int_hash": lambda context: context.simulator.serial_number,
-    "decrypt_cookie": lambda context: context.results.get("encrypt_cookie"),
-    "check_cert_expiration": DemoContext.certificate,
-    "list_system_interface_physical": DemoContext.port,
-    "list_switch_port_statistics": DemoContext.port,
-    "list_switch_igmp_snooping_group": DemoContext.port,
-    "get_bfd_neighbor": lambda _: "get router info bfd neighbor",
-    "get_routing_table_result": DemoContext.destination,
-}
 
 
 def main(arguments: list[str]) -> int:
@@ -153,9 +114,7 @@ def _call(context: DemoContext, function: Function) -> DemoRow:
     simulator, name = context.simulator, function.name
     call = f"{name}(…)"
     try:
-        positional, keywords = function.example_call()
-        if name in _ARGUMENTS:
-            positional, keywords = [_ARGUMENTS[name](context)], {}
+        positional, keywords = context.example_call(function)
         shown = [*map(repr, positional), *(f"{key}={value!r}" for key, value in keywords.items())]
         call = f"{name}({', '.join(shown)})"
         simulator.clear_calls()
@@ -163,7 +122,6 @@ def _call(context: DemoContext, function: Function) -> DemoRow:
         simulator.raise_errors()
     except Exception as error:
         return DemoRow(call, _RAISED, f"{type(error).__name__}: {error}")
-    context.results[name] = result
     if name == "get_token":
         # It reads a file instead of calling a native service; the secret stays hidden.
         secret = f"{result[:8]!r}… ({len(result)} characters, in {simulator.secret_path})"
