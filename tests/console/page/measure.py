@@ -1,6 +1,6 @@
 """Measures the console's page in headless Chromium.
 
-    .venv/bin/python -m benchmarks.console_page [CALLS]
+python -m tests.console.page.measure [CALLS]
 
 Prints the time until the page can be used, the time to paint 10,000 rows in each view, the time of
 CALLS calls (default 1,000) with their outcomes shown, and the memory of the page before and after.
@@ -23,7 +23,7 @@ from typing import Any
 
 from playwright.sync_api import sync_playwright
 
-ROOT = Path(__file__).parents[1]
+ROOT = Path(__file__).resolve().parents[3]
 ROWS = [
     {
         "group": f"lg{n}",
