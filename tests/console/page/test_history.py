@@ -50,6 +50,7 @@ def test_back_restores_arguments_and_outcome(visit: Visit) -> None:
     visit.call()
     field = visit.page.get_by_label("Value of https")
     field.fill("second")
+    visit.until("() => location.hash.includes('second')")
     field.press("Enter")
     visit.until("() => document.querySelectorAll('.recent a').length === 2")
     visit.page.go_back()

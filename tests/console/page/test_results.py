@@ -85,10 +85,12 @@ def test_ten_thousand_rows_are_painted_in_under_a_second(show: Any) -> None:
     painted = visit.page.evaluate(
         """async () => {
           const { resultPanel } = await import('/static/results/outcome.js');
+          const { parseJSON } = await import('/static/core/api.js');
           const response = await fetch('/api/functions/list_switch_lg_state',
             { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: '{}' });
-          const { result } = await response.json();
+          const text = await response.text();
           const start = performance.now();
+          const { result } = parseJSON(text);
           document.querySelector('.output').replaceChildren(resultPanel(result, 'rows'));
           await new Promise((done) => requestAnimationFrame(() => setTimeout(done)));
           return performance.now() - start;
