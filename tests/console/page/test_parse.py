@@ -195,5 +195,6 @@ def test_lines_are_aligned_by_their_common_ones(visit: Visit) -> None:
     assert aligned("abcd", "acd") == [[1, 1], [2, 0], [3, 2], [4, 3]]
     assert aligned("acd", "abcd") == [[1, 1], [0, 2], [2, 3], [3, 4]]
     assert aligned("aXbYc", "aYc") == [[1, 1], [2, 0], [3, 0], [4, 2], [5, 3]]
+    assert aligned("abcx", "xabc") == [[0, 1], [1, 2], [2, 3], [3, 4], [4, 0]]
     assert aligned("", "ab") == [[0, 1], [0, 2]]
     assert aligned("aa", "aaa") == [[1, 1], [2, 2], [0, 3]]
