@@ -248,6 +248,17 @@ def test_reply_of_a_call_can_be_kept(api: Any, name: str, arguments: Any) -> Non
     assert (kept["result"], kept["source"]) == (call["result"], "recorded")
 
 
+def test_each_native_call_has_its_own_reply(api: Any) -> None:
+    call = api("POST", "/api/functions/list_bfd_neighbor", {})
+    replies = [(entry["bytes"], entry["reply"]["name"]) for entry in call["call_log"]]
+    assert len(replies) > 3
+    assert all(command == name for command, name in replies)
+    texts = [entry["reply"]["text"] for entry in call["call_log"]]
+    assert "198.51.100.2" in texts[0]
+    assert "2001:db8::2" in texts[1]
+    assert call["code"]["pytest"].count("BFD Peers") == len({name for _, name in replies})
+
+
 CALLS: list[tuple[str, dict[str, Any]]] = [
     ("new_cookie_id", {}),
     ("get_system_arp_result", {}),

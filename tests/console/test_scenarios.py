@@ -24,7 +24,7 @@ from hypothesis import strategies as st
 from tests.support.console import ARP, SCENARIO
 from veldarin_simulator import Scenario, Simulator
 from veldarin_simulator.console import archive, scenario_store
-from veldarin_simulator.console.errors import ApiError
+from veldarin_simulator.console.errors import PROBLEMS, ApiError
 from veldarin_simulator.console.scenario_store import MAX_REPLY_BYTES, ScenarioStore
 from veldarin_simulator.console.session import Session
 from veldarin_simulator.scenario import SERVICES
@@ -647,32 +647,33 @@ def link(name: str) -> zipfile.ZipInfo:
 
 
 LARGE = b"[" + b" " * MAX_REPLY_BYTES + b"]"
+ARCHIVE, REPLY, LARGE_ERROR = "invalid-archive", "invalid-reply", "too-large"
 BAD_ARCHIVES = {
-    "empty": (b"", 422),
-    "text": (b"[]", 422),
-    "cut": (zipped(("cli/a.txt", b"x" * 999))[:-40], 422),
-    "parent": (zipped(("../cli/a.txt", b"")), 422),
-    "absolute": (zipped(("/etc/passwd", b"")), 422),
-    "inside": (zipped(("cli/../../a.txt", b"")), 422),
-    "folder": (zipped((f"mine/{LAG}.json", b"[]")), 422),
-    "backslash": (zipped(("cli/..\\a.txt", b"")), 422),
-    "hidden": (zipped(("cli/.a.txt", b"")), 422),
-    "link": (zipped((link("cli/a.txt"), b"/etc/passwd")), 422),
-    "twice": (zipped(("cli/a.txt", b"1"), ("cli/a.txt", b"2")), 422),
-    "compression": (zipped(("cli/a.txt", b"1"), compression=zipfile.ZIP_LZMA), 422),
-    "unknown service": (zipped(("build_nonsense.json", b"[]")), 422),
-    "invalid reply": (zipped((f"{LAG}.json", b"{")), 422),
-    "large reply": (zipped((f"{LAG}.json", LARGE)), 413),
-    "large scenario": (zipped(*((f"cli/{i}.txt", LARGE[:-2]) for i in range(9))), 413),
-    "many": (zipped(*((f"cli/{i}.txt", b"") for i in range(1001))), 422),
+    "empty": (b"", ARCHIVE),
+    "text": (b"[]", ARCHIVE),
+    "cut": (zipped(("cli/a.txt", b"x" * 999))[:-40], ARCHIVE),
+    "parent": (zipped(("../cli/a.txt", b"")), ARCHIVE),
+    "absolute": (zipped(("/etc/passwd", b"")), ARCHIVE),
+    "inside": (zipped(("cli/../../a.txt", b"")), ARCHIVE),
+    "folder": (zipped((f"mine/{LAG}.json", b"[]")), ARCHIVE),
+    "backslash": (zipped(("cli/..\\a.txt", b"")), ARCHIVE),
+    "hidden": (zipped(("cli/.a.txt", b"")), ARCHIVE),
+    "link": (zipped((link("cli/a.txt"), b"/etc/passwd")), ARCHIVE),
+    "twice": (zipped(("cli/a.txt", b"1"), ("cli/a.txt", b"2")), ARCHIVE),
+    "compression": (zipped(("cli/a.txt", b"1"), compression=zipfile.ZIP_LZMA), ARCHIVE),
+    "unknown service": (zipped(("build_nonsense.json", b"[]")), REPLY),
+    "invalid reply": (zipped((f"{LAG}.json", b"{")), REPLY),
+    "large reply": (zipped((f"{LAG}.json", LARGE)), LARGE_ERROR),
+    "large scenario": (zipped(*((f"cli/{i}.txt", LARGE[:-2]) for i in range(9))), LARGE_ERROR),
+    "many": (zipped(*((f"cli/{i}.txt", b"") for i in range(1001))), ARCHIVE),
 }
 
 
-@pytest.mark.parametrize(("content", "status"), BAD_ARCHIVES.values(), ids=BAD_ARCHIVES)
-def test_bad_archive_is_rejected(client: Any, tmp_path: Path, content: bytes, status: int) -> None:
+@pytest.mark.parametrize(("content", "kind"), BAD_ARCHIVES.values(), ids=BAD_ARCHIVES)
+def test_bad_archive_is_rejected(client: Any, tmp_path: Path, content: bytes, kind: str) -> None:
     before = tree(tmp_path)
-    error = send_archive(client, "mine", content, status)
-    assert error["detail"]
+    error = send_archive(client, "mine", content, PROBLEMS[kind].status)
+    assert (error["type"], bool(error["detail"])) == (f"/problems/{kind}", True)
     assert tree(tmp_path) == before
 
 
