@@ -138,7 +138,7 @@ function comparison(left, right) {
   return [values, haveText ? textPanel(a.lines, b.lines) : null];
 }
 
-// What is compared of a response; an exception compares by its type and message.
+// Returns the part of a response that is compared: of an exception its type and message.
 function comparable({ exception, result }) {
   return exception ? { exception: exception.type, message: exception.message } : result.value;
 }

@@ -21,6 +21,15 @@ export function pythonCall(name, { arguments: positional = [], keywords = {} }) 
   return `${name}(${[...positional.map(argument), ...named].join(", ")})`;
 }
 
+// The call in Python for people: arguments that cannot be written are left out.
+export function callLabel(name, body) {
+  try {
+    return pythonCall(name, body);
+  } catch {
+    return `${name}(…)`;
+  }
+}
+
 function argument(value) {
   if (value?.constructor !== Object) return literal(value);
   const [[encoding, content]] = Object.entries(value);

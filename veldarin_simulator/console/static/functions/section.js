@@ -10,7 +10,7 @@ import { runVisibly } from "../core/running.js";
 import { clock, visible } from "../core/text.js";
 import { outcome, outcomeText } from "../results/outcome.js";
 import { ArgumentForm, InvalidInput } from "./form.js";
-import { pythonCall } from "./python.js";
+import { callLabel, pythonCall } from "./python.js";
 import { markCurrent, sidebar } from "./sidebar.js";
 
 let list = null;
@@ -151,7 +151,7 @@ class Call {
         kind: "call",
         name,
         body,
-        label: pythonCall(name, body),
+        label: callLabel(name, body),
         response,
         outcome: outcomeText(response),
       });

@@ -177,7 +177,7 @@ function row({ exception, result }, text, line, paths = []) {
   );
 }
 
-// What does not belong to a single line.
+// Returns the remarks that do not belong to a single line.
 function remarks({ exception, note: remark, skipped = [] }) {
   const detail = exception?.line === null ? exception.detail : null;
   const logged = skipped.map((text) => `The parser skipped a line and logged: ${text}`);

@@ -29,7 +29,7 @@ export function jsonView(value) {
   return el("div", el("div.view-tools", tools), body);
 }
 
-// Calls `show` with the number of nodes that it may open. What is opened later has its own.
+// Calls `show` with the number of nodes that it may open. A group that opens later has its own.
 function withBudget(show) {
   const budget = { left: OPEN_NODES, isUsed: false };
   const shown = show(budget);

@@ -9,7 +9,7 @@ import { isFlat, isNumber, isTable, node, plainText } from "./values.js";
 const MAX_AUTO_ROWS = 150; // longer tables have columns of fixed width, which do not jump
 const collator = new Intl.Collator("en", { numeric: true });
 
-// What a reader chose, by the name of the table: the next result of the function keeps it.
+// The choices of a reader by the name of the table: the next result of the function keeps them.
 const choices = new Map();
 
 export function columnsOf(rows) {

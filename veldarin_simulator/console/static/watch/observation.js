@@ -1,4 +1,4 @@
-// What a watched call has returned so far: samples, and one series for each value in them.
+// The results of a watched call so far: samples, and one series for each value in them.
 import { Digits } from "../core/api.js";
 import { isDictionary, isScalar, isTable } from "../results/values.js";
 

@@ -17,7 +17,7 @@ import { errorPanel } from "../core/errors.js";
 import { functionIndex } from "../core/index.js";
 import { distinctCalls } from "../core/recent.js";
 import { clock, duration, plural, visible } from "../core/text.js";
-import { pythonCall } from "../functions/python.js";
+import { callLabel } from "../functions/python.js";
 import { exceptionPanel } from "../results/outcome.js";
 import { Observation, text } from "./observation.js";
 import { draw, MADE_VIEWS } from "./views.js";
@@ -104,7 +104,7 @@ class Watch {
         "header.title",
         el("p.eyebrow", el("a", { href: "#/watch" }, "Watch")),
         el(title ? "h1.plain" : "h1", title ?? this.name),
-        el("p.summary", el("code", visible(safePython(this.name, this.body)))),
+        el("p.summary", el("code", visible(callLabel(this.name, this.body)))),
       ),
       el("section.panel", { "aria-label": "Watched call" }, this.tools(), this.error, this.output),
     );
@@ -250,13 +250,5 @@ class Watch {
       csv(["time", "entity", "value of", "value"], rows),
       "text/csv",
     );
-  }
-}
-
-function safePython(name, body) {
-  try {
-    return pythonCall(name, body);
-  } catch {
-    return `${name}(…)`;
   }
 }
