@@ -6,6 +6,8 @@ import csv
 import io
 import json
 
+import pytest
+
 from tests.support.browser import LINKS, Visit
 
 PORTS = [
@@ -59,6 +61,13 @@ def test_changes_are_marked_and_counters_have_rates(visit: Visit) -> None:
     assert "was up" in visit.texts("tr.changed .change")[0]
     assert visit.texts("tr.changed .change")[1].startswith("▲ ")
     assert visit.page.locator(".strip rect").count() == 2
+    parts = visit.page.locator(".strip rect").evaluate_all(
+        "all => all.map((one) => ['x', 'width'].map((name) => +one.getAttribute(name)))"
+    )
+    (start, length), (change, rest) = parts
+    assert (start, start + length) == (0, pytest.approx(change, abs=0.1))
+    assert rest > 1
+    assert change + rest == pytest.approx(100, abs=0.1)
     label = visit.page.locator(".strip").get_attribute("aria-label")
     assert label == "link: down, 1 change"
     trend = visit.page.locator(".sparkline .trend").get_attribute("d")

@@ -41,20 +41,20 @@ export function sparkline(values, label) {
   );
 }
 
-// A bar with a part for each run of equal states; `from` and `to` are the ends of the time shown.
+// A bar with a part for each run of equal states; `from` and `to` are the first and last sample.
 export function strip(runs, from, to, label) {
-  const span = Math.max(to - from, 1);
-  const scale = (time) => ((time - from) * 100) / span;
-  const parts = runs.map((run) => {
+  // The last sample takes some width too.
+  const end = to + Math.max((to - from) / 40, 1);
+  const scale = (time) => ((time - from) * 100) / (end - from);
+  const parts = runs.map((run, index) => {
     const title = `${text(run.value)} from ${clock(run.from)} to ${clock(run.to)}`;
-    const width = Math.max(scale(run.to) - scale(run.from), 0.8);
-    const attributes = {
-      x: scale(run.from).toFixed(2),
-      width: width.toFixed(2),
-      y: "0",
-      height: "14",
-    };
-    return svg(`rect.state-${stateKind(run.value)}`, attributes, svg("title", {}, title));
+    const width = scale(runs[index + 1]?.from ?? end) - scale(run.from);
+    const attributes = { x: scale(run.from).toFixed(2), width: width.toFixed(2) };
+    return svg(
+      `rect.state-${stateKind(run.value)}`,
+      { ...attributes, y: "0", height: "14" },
+      svg("title", {}, title),
+    );
   });
   const changes = runs.length - 1;
   const said = `${label}: ${text(runs.at(-1)?.value)}, ${plural(changes, "change")}`;
