@@ -10,7 +10,7 @@ from pyramid.response import Response
 
 from veldarin_simulator import call_log, parse_capture, strict_json
 from veldarin_simulator.console import code_examples, openapi, scenario_store, serialization
-from veldarin_simulator.console.arguments import decode_call, encode_utf8
+from veldarin_simulator.console.arguments import decode_call, encode_utf8, parse_integer
 from veldarin_simulator.console.errors import PROBLEMS, ApiError
 from veldarin_simulator.console.function_index import function_index
 from veldarin_simulator.console.session import Session
@@ -230,7 +230,7 @@ def _body(request: Request, **members: Any) -> dict[str, Any]:
     """Return the JSON object of a request; `members` are the types of the members it may have."""
     _check_media_type(request, "application/json")
     try:
-        body = strict_json.loads(request.body.decode("utf-8"))
+        body = strict_json.loads(request.body.decode("utf-8"), parse_integer)
     except UnicodeDecodeError as error:
         raise ApiError("body-not-json", "the body is not UTF-8") from error
     except json.JSONDecodeError as error:
