@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 from pathlib import Path
 from typing import Any
 
@@ -169,7 +170,8 @@ def get_archive(request: Request) -> Response:
     """Return a scenario as an archive."""
     name = request.matchdict["name"]
     response = Response(body=_session(request).export(name), content_type=_ARCHIVE)
-    response.content_disposition = f'attachment; filename="{name}.zip"'
+    file = re.sub(r"[^A-Za-z0-9._-]", "_", name)  # the directory of --scenario may have any name
+    response.content_disposition = f'attachment; filename="{file}.zip"'
     return response
 
 
