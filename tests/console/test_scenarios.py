@@ -20,10 +20,12 @@ from urllib.parse import quote
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
+from webtest import TestApp
 
 from tests.support.console import ARP, SCENARIO
 from veldarin_simulator import Scenario, Simulator
 from veldarin_simulator.console import archive, scenario_store
+from veldarin_simulator.console.app import create_application
 from veldarin_simulator.console.errors import PROBLEMS, ApiError
 from veldarin_simulator.console.scenario_store import MAX_REPLY_BYTES, ScenarioStore
 from veldarin_simulator.console.session import Session
@@ -632,6 +634,16 @@ def test_exported_scenario_can_be_imported(api: Any, client: Any, store: Path) -
     again = client.get("/api/scenarios/copy/archive").body
     assert again == response.body
     assert send_archive(client, "copy", again, 409)["type"] == "/problems/scenario-exists"
+
+
+def test_archive_of_any_name_can_be_saved(session: Session, tmp_path: Path) -> None:
+    (tmp_path / 'zei"ge\n日').mkdir()
+    store = ScenarioStore(tmp_path / "store", tmp_path / 'zei"ge\n日')
+    session._store = store
+    client = TestApp(create_application(session), extra_environ={"HTTP_HOST": "localhost"})
+    name = quote('zei"ge\n日')
+    response = client.get(f"/api/scenarios/{name}/archive", status=200)
+    assert response.headers["Content-Disposition"] == 'attachment; filename="zei_ge__.zip"'
 
 
 def test_archive_of_a_folder_has_directories_and_notes(client: Any, store: Path) -> None:

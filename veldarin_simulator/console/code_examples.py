@@ -7,7 +7,7 @@ import keyword
 import shlex
 from typing import Any
 
-from veldarin_simulator import NativeCall
+from veldarin_simulator import NativeCall, strict_json
 from veldarin_simulator.scenario import CLI_SERVICE
 
 _TOKEN = "$CONSOLE_TOKEN"  # the shell inserts it: a copied command does not reveal the token
@@ -39,7 +39,7 @@ def pytest(expression: str, name: str, calls: list[NativeCall], result: Any, exc
         if service == CLI_SERVICE:
             lines.append(f"simulator.set_reply({service!r}, {commands!r}.get)")
         else:
-            lines.append(f"simulator.set_reply({service!r}, {json.loads(reply)!r})")
+            lines.append(f"simulator.set_reply({service!r}, {_literal(reply)})")
     call = f"simulator.module.{expression}"
     if exception is None:
         lines.append(f"assert {call} == {result['repr']}")
@@ -50,9 +50,18 @@ def pytest(expression: str, name: str, calls: list[NativeCall], result: Any, exc
         message = f"re.escape({exception['message']!r})"
         lines.append(f"with pytest.raises({exception['type']}, match={message}):")
         lines.append(f"    {call}")
+    if any("RawJSON(" in line for line in lines):
+        imports = [*imports[:-2], "from veldarin_simulator import RawJSON", "", ""]
     body = "".join(f"    {line}\n" for line in lines)
     head = "".join(f"{line}\n" for line in imports)
     return f"{head}def test_{name}(simulator):\n{body}"
+
+
+def _literal(reply: bytes) -> str:
+    try:
+        return repr(strict_json.loads(reply.decode()))
+    except ValueError:  # a script may set any text
+        return f"RawJSON({reply!r})"
 
 
 def curl(url: str, body: dict[str, Any], token: bool) -> str:

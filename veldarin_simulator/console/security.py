@@ -67,6 +67,8 @@ def middleware(handler: Handler, registry: Any) -> Handler:
             return _error_response(error)
         except HTTPException as error:
             return _error_response(_translate(request, error), Allow=error.headers.get("Allow"))
+        except RecursionError:
+            return _error_response(ApiError("too-large", "a value is nested too deeply"))
         except Exception as error:
             _log.exception("%s %s", request.method, request.path_info)
             detail = f"internal error: {type(error).__name__}: {error}"

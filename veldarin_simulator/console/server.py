@@ -22,7 +22,7 @@ _THREADS = MAX_WAITING + 4
 # Requests that never end hold connections, not threads, and only so long.
 _MAX_CONNECTIONS = 900  # the usual limit of descriptors is 1024
 _MAX_IDLE_SECONDS = 20
-_STOP_SECONDS = 0.3
+_STOP_SECONDS = 0.2
 _PROBLEMS = {413: "too-large"}
 
 

@@ -29,7 +29,7 @@ from veldarin_simulator.stub import Function, functions
 # Waiting requests occupy threads of the server: the others serve requests that need not wait.
 MAX_WAITING = 8
 MAX_WAIT = 10.0
-_CLOSE_WAIT = 0.3
+_CLOSE_WAIT = 0.1
 
 
 @dataclass(frozen=True)

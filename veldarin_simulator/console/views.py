@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import re
 from pathlib import Path
 from typing import Any
 
@@ -10,7 +11,7 @@ from pyramid.response import Response
 
 from veldarin_simulator import call_log, parse_capture, strict_json
 from veldarin_simulator.console import code_examples, openapi, scenario_store, serialization
-from veldarin_simulator.console.arguments import decode_call, encode_utf8
+from veldarin_simulator.console.arguments import decode_call, encode_utf8, parse_integer
 from veldarin_simulator.console.errors import PROBLEMS, ApiError
 from veldarin_simulator.console.function_index import function_index
 from veldarin_simulator.console.session import Session
@@ -169,7 +170,8 @@ def get_archive(request: Request) -> Response:
     """Return a scenario as an archive."""
     name = request.matchdict["name"]
     response = Response(body=_session(request).export(name), content_type=_ARCHIVE)
-    response.content_disposition = f'attachment; filename="{name}.zip"'
+    file = re.sub(r"[^A-Za-z0-9._-]", "_", name)  # the directory of --scenario may have any name
+    response.content_disposition = f'attachment; filename="{file}.zip"'
     return response
 
 
@@ -230,7 +232,7 @@ def _body(request: Request, **members: Any) -> dict[str, Any]:
     """Return the JSON object of a request; `members` are the types of the members it may have."""
     _check_media_type(request, "application/json")
     try:
-        body = strict_json.loads(request.body.decode("utf-8"))
+        body = strict_json.loads(request.body.decode("utf-8"), parse_integer)
     except UnicodeDecodeError as error:
         raise ApiError("body-not-json", "the body is not UTF-8") from error
     except json.JSONDecodeError as error:
