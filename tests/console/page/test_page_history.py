@@ -125,7 +125,7 @@ def test_search_finds_names_and_descriptions(visit: Visit) -> None:
         visit.until("name => document.querySelector('.palette code')?.textContent === name", first)
         visit.page.keyboard.press("Enter")
         visit.until("name => document.title.startsWith(name)", first)
-        assert visit.page.locator(".palette").count() == 0
+        visit.page.wait_for_selector(".palette", state="detached")
         visit.page.locator("#filter").fill(wanted)
         assert visit.texts("nav.list a:visible")[0] == first
 
@@ -157,7 +157,7 @@ def test_question_mark_shows_the_keys(visit: Visit) -> None:
     assert visit.page.locator("dialog a").get_attribute("href") == "/api/openapi.json"
     visit.screenshot("keys")
     visit.page.keyboard.press("Escape")
-    assert visit.page.locator("dialog").count() == 0
+    visit.page.wait_for_selector("dialog", state="detached")
     visit.page.locator("#filter").fill("?")
     assert visit.page.locator("dialog").count() == 0
 
