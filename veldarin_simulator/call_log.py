@@ -16,7 +16,7 @@ class NativeCall:
 
     A release has the service "JSONObject.release" and its JSON text as the request; so has a
     recorded call of "json_object_to_json_string". Pointers are `int`, null is None. Comparison
-    ignores the source.
+    ignores the source and the reply.
     """
 
     service: str
@@ -25,6 +25,8 @@ class NativeCall:
     third: int | None = None  # the third pointer of the capture services
     text: bytes | None = None  # the text argument up to its NUL, if the service takes one
     source: Source = field(default="none", compare=False)
+    # The reply as the text of a scenario's file, if `Simulator.record_replies` recorded one.
+    reply: bytes | None = field(default=None, compare=False)
 
     @property
     def argument(self) -> Any:
@@ -107,3 +109,21 @@ class LiveObjects(NamedTuple):
 
     json_objects: int  # replies of services and requests of JSONObjects
     text_buffers: int  # returned by a service and not yet passed to PyMem_Free
+
+
+# Entries of the call log that are not native services.
+RELEASE = "JSONObject.release"
+SERIALIZER = "json_object_to_json_string"
+
+
+def describe_source(function: str, calls: list[NativeCall]) -> str:
+    """Return where the replies to a call of a function came from.
+
+    Returns:
+        Sources joined by "+"; or "no reply", if the services had none; or "no call".
+    """
+    if function == "get_token":
+        return "live"  # it reads a file instead of calling a native service
+    called = [call for call in calls if call.service not in (RELEASE, SERIALIZER)]
+    sources = sorted({call.source for call in called} - {"none"})
+    return "+".join(sources) or ("no reply" if called else "no call")

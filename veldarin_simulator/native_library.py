@@ -132,6 +132,21 @@ def _encode(form: ReplyForm, value: object) -> tuple[ReplyKind, bytes | None, in
     raise TypeError(f"the service returns text, not {type(value).__name__}")
 
 
+def scenario_text(form: ReplyForm, reply: EncodedReply) -> bytes | None:
+    """Return a reply as the text of a scenario's file, or None if no file can hold it."""
+    if reply.kind == ReplyKind.NUMBER:
+        return str(_NUMBERS[form][0](reply.number).value).encode()
+    text: bytes | None = reply.text
+    if form is ReplyForm.JSON:
+        return text or b"null"
+    if form is ReplyForm.TEXT or text is None:
+        return text  # the output of a command
+    try:
+        return json.dumps(text.decode()).encode()
+    except UnicodeDecodeError:
+        return None
+
+
 def _encode_number(form: ReplyForm, value: object) -> int:
     if not isinstance(value, int):
         raise TypeError(f"the service returns an int, not {type(value).__name__}")

@@ -7,44 +7,49 @@ pager prompts. Lines are found by parsing changed texts, so no parser is impleme
 
 from __future__ import annotations
 
-import logging
 import re
+import time
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from dataclasses import dataclass, field
 from typing import Any, NamedTuple
 
+from veldarin_simulator import module_log
 from veldarin_simulator.simulator import Simulator
 
 # The position of a value in a result: keys and indexes, outermost first.
 Path = tuple[Any, ...]
 
-# `line_origins` parses the text once for each line.
+# `line_origins` parses the text once for each line: it gives up beyond these limits.
 MAX_LINES = 500
+MAX_SECONDS = 2.0
 
 _CLI_SERVICE = "get_cli_cmd_output"
 _WORD = re.compile(rb"[^\s,]+")
 
 
 class Parser(NamedTuple):
-    """A parser of the module; `header` begins the header line that it looks for."""
+    """A parser of the module; `header` begins the first of the `header_lines` that it needs."""
 
     run: Callable[[Any], Any]
     header: bytes
+    header_lines: int
     command: str
 
 
 PARSERS = {
-    "arp": Parser(lambda module: module.get_system_arp_result(), b"Address", "get system arp"),
+    "arp": Parser(lambda module: module.get_system_arp_result(), b"Address", 1, "get system arp"),
     "routing": Parser(
         lambda module: module.get_routing_table_result("captured"),
         b"Routing",
+        3,
         "get router info routing-table detail ADDRESS",
     ),
     # A dictionary of its own, because the shared one would keep its sessions.
     "bfd": Parser(
         lambda module: module.get_bfd_neighbor("captured", {}),
         b"peer",
+        1,
         "get router info bfd neighbor",
     ),
 }
@@ -62,6 +67,12 @@ class ParseResult:
     end: int | None = None  # the offset of the NUL byte that ends the text, if it has one
 
 
+def recognize(text: bytes) -> str | None:
+    """Return the kind of a text: that of the first line that begins a header, or None."""
+    found = _find_header(text, *(parser.header for parser in PARSERS.values()))
+    return None if found is None else next(k for k, p in PARSERS.items() if p.header == found[1])
+
+
 def parse(simulator: Simulator, parser: Parser, text: bytes) -> ParseResult:
     """Run a parser on a text.
 
@@ -71,12 +82,12 @@ def parse(simulator: Simulator, parser: Parser, text: bytes) -> ParseResult:
     text = text[:end]
     with _command_line(simulator):
         try:
-            with _log_messages(simulator.module.__name__) as messages:
+            with module_log.capture() as records:
                 result = _run(simulator, parser, text)
         except Exception as error:
-            line, problem = _find_failing_line(simulator, parser, text)
+            line, problem = _find_failing_line(simulator, parser, text, error)
             return ParseResult(error=error, line=line, problem=problem, end=end)
-    return ParseResult(result=result, skipped=messages, end=end)
+    return ParseResult(result=result, skipped=[one.message for one in records], end=end)
 
 
 def line_origins(
@@ -88,15 +99,19 @@ def line_origins(
     list counts as one value.
 
     Returns:
-        The lines that brought values; None if the text has more than `MAX_LINES` lines.
+        The lines that brought values; None if the text has more than `MAX_LINES` lines or takes
+        more than `MAX_SECONDS`.
     """
     lines = text.partition(b"\0")[0].split(b"\n")
     if len(lines) > MAX_LINES:
         return None
+    deadline = time.monotonic() + MAX_SECONDS
     values = dict(_values(result))
     origins: dict[int, list[Path]] = {}
     with _command_line(simulator):
         for index, line in enumerate(lines):
+            if time.monotonic() > deadline:
+                return None
             mutated = _mutate(line)
             if mutated == line:
                 continue
@@ -148,33 +163,21 @@ def _values(result: Any, path: Path = ()) -> Iterator[tuple[Path, Any]]:
         yield path, result
 
 
-@contextmanager
-def _log_messages(name: str) -> Iterator[list[str]]:
-    """Collect the messages of a logger, of any level."""
-    messages: list[str] = []
-
-    class Collector(logging.Handler):
-        def emit(self, record: logging.LogRecord) -> None:
-            messages.append(record.getMessage())
-
-    logger, collector = logging.getLogger(name), Collector()
-    level = logger.level
-    logger.setLevel(logging.DEBUG)
-    logger.addHandler(collector)
-    try:
-        yield messages
-    finally:
-        logger.removeHandler(collector)
-        logger.setLevel(level)
-
-
-def _find_failing_line(simulator: Simulator, parser: Parser, text: bytes) -> tuple[int | None, str]:
+def _find_failing_line(
+    simulator: Simulator, parser: Parser, text: bytes, error: Exception
+) -> tuple[int | None, str]:
     """Find the line at which the parser fails, and describe the problem.
 
-    The line is the last one of the shortest prefix that fails after one that parses. If no prefix
-    parses, the header is at fault.
+    The parser skips the lines before the header, needs the lines of the header, and then fails at
+    the first bad line: bisection finds it.
     """
+    if isinstance(error, UnicodeDecodeError):
+        line = text.count(b"\n", 0, error.start) + 1
+        return line, f"not UTF-8: byte 0x{text[error.start]:02x}"
     lines = text.split(b"\n")
+    header = _find_header(text, parser.header)
+    if header is None:
+        return None, f'no line begins with "{parser.header.decode()}"'
 
     def parses(count: int) -> bool:
         try:
@@ -183,15 +186,20 @@ def _find_failing_line(simulator: Simulator, parser: Parser, text: bytes) -> tup
             return False
         return True
 
-    good = next((count for count in range(1, len(lines)) if parses(count)), None)
-    if good is None:
-        for number, line in enumerate(lines, 1):
-            if line.strip().startswith(parser.header):
-                return number, "the parser rejects the header that begins here"
-        return None, f'no line begins with "{parser.header.decode()}"'
+    good = header[0] + parser.header_lines
+    if not parses(good):
+        return header[0] + 1, "the parser rejects the header that begins here"
     bad = len(lines)
     while bad - good > 1:
         middle = (good + bad) // 2
         good, bad = (middle, bad) if parses(middle) else (good, middle)
     shown = lines[bad - 1].decode("utf-8", "backslashreplace").strip()
     return bad, f"the parser rejects this line: {shown[:100]!r}"
+
+
+def _find_header(text: bytes, *headers: bytes) -> tuple[int, bytes] | None:
+    """Return the index of the first line that begins with one of the words, and the word."""
+    plain = text.decode("utf-8", "replace").replace("--More--", "").replace("\r", "")
+    words = "|".join(header.decode() for header in headers)
+    found = re.search(rf"^[^\S\n]*({words})", plain, re.MULTILINE)
+    return None if found is None else (plain.count("\n", 0, found.end()), found[1].encode())

@@ -10,6 +10,7 @@ import os
 import shutil
 import tempfile
 from collections.abc import Callable, Iterable
+from dataclasses import replace
 from pathlib import Path
 from types import ModuleType, TracebackType
 from typing import TYPE_CHECKING, Any, cast
@@ -17,7 +18,7 @@ from typing import TYPE_CHECKING, Any, cast
 from veldarin_simulator import native_library
 from veldarin_simulator.call_log import Calls, GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.extras import MissingPackageError
-from veldarin_simulator.native_library import EncodedReply, ReplyForm, encode_reply
+from veldarin_simulator.native_library import EncodedReply, ReplyForm, encode_reply, scenario_text
 from veldarin_simulator.reply import RawJSON, Reply, Source
 from veldarin_simulator.scenario import Scenario
 from veldarin_simulator.similar import did_you_mean
@@ -100,6 +101,7 @@ class Simulator:
         self._replies: dict[str, tuple[EncodedReply | Callable[..., object], Source]] = {}
         self._sources: dict[str, Source] = {}
         self._errors: list[BaseException] = []
+        self._recorded: list[bytes | None] | None = None
         self._default_response: RawJSON | None = None
         self._on_create: Callable[[tuple[Any, ...]], object] | None = None
         self._on_release: Callable[[str], object] | None = None
@@ -142,6 +144,10 @@ class Simulator:
         self._library.close()
         self._on_create = self._on_release = None
         self._set_hooks()
+        self.remove_files()
+
+    def remove_files(self) -> None:
+        """Delete the temporary directory, which is all that a process leaves if it cannot close."""
         if self._process == os.getpid():  # a forked process shares the folder
             shutil.rmtree(self._folder, ignore_errors=True)
 
@@ -338,11 +344,11 @@ class Simulator:
 
     def source(self, service: str) -> Source:
         """Return the source of the service's last reply or, before its first call, of its next."""
-        if service in self._sources:
-            return self._sources[service]
         if service not in _SIBLING_DATA:
             self._form(service)
-        return self._replies[service][1] if service in self._replies else "none"
+        # Another thread may change the dictionaries meanwhile.
+        reply = self._replies.get(service)
+        return self._sources.get(service, "none" if reply is None else reply[1])
 
     def raise_errors(self) -> None:
         """Raise the errors that replies caused since the last call of this method, if any."""
@@ -363,7 +369,14 @@ class Simulator:
     @property
     def call_log(self) -> list[NativeCall]:
         """The native calls, in order."""
-        return self._library.call_log()
+        calls = self._library.call_log()
+        if self._recorded is None:
+            return calls
+        services, recorded = self._library.forms, iter(self._recorded)
+        return [
+            replace(call, reply=next(recorded, None)) if call.service in services else call
+            for call in calls
+        ]
 
     def calls(self, service: str) -> Calls:
         """Return the calls of one native service, in order.
@@ -377,6 +390,13 @@ class Simulator:
     def clear_calls(self) -> None:
         """Clear the call log."""
         self._library.clear_calls()
+        if self._recorded is not None:
+            self._recorded = []
+
+    def record_replies(self, record: bool = True) -> None:
+        """Clear the call log, and keep the replies in it from now on, or stop keeping them."""
+        self._recorded = [] if record else None
+        self.clear_calls()
 
     def record_serializer(self, record: bool = True) -> None:
         """Log the calls of `json_object_to_json_string` too, or stop logging them.
@@ -492,11 +512,17 @@ class Simulator:
         return self._library.forms[service]
 
     def _reply_to_call(self, service: str, argument: bytes | None) -> None:
+        recorded = self._recorded
+        if recorded is not None:
+            recorded.append(None)
+            place = len(recorded) - 1  # a reply may cause native calls itself
         # The native caller cannot handle an exception.
         try:
             reply, source = self._encoded_reply(service, argument)
             self._library.set_reply(service, reply)
             self._sources[service] = source
+            if recorded is not None and source != "none":
+                recorded[place] = scenario_text(self._library.forms[service], reply)
         except BaseException as error:
             self._errors.append(error)
 

@@ -84,6 +84,7 @@ class ServerProcess:
     process: subprocess.Popen[str]
     host: str
     port: int
+    token: str | None = None
 
     @property
     def url(self) -> str:
@@ -115,9 +116,9 @@ def server_process(build: None, pytestconfig: pytest.Config) -> StartServer:
             try:
                 assert process.stdout is not None
                 line = process.stdout.readline()
-                match = re.fullmatch(r"console: http://(.+):(\d+)/\n", line)
+                match = re.fullmatch(r"console: http://(.+):(\d+)/(?:\?token=(.+))?\n", line)
                 assert match, line or process.communicate(timeout=TIMEOUT)[1]
-                yield ServerProcess(process, match[1], int(match[2]))
+                yield ServerProcess(process, match[1].strip("[]"), int(match[2]), match[3])
             finally:
                 process.kill()
 

@@ -12,8 +12,11 @@ from typing import Any
 
 import pytest
 
-from veldarin_simulator.console import arguments, security
+from veldarin_simulator import parse_capture
+from veldarin_simulator.console import arguments, scenario_store, security, server, session
 from veldarin_simulator.console.app import ROUTES
+from veldarin_simulator.console.errors import PROBLEMS
+from veldarin_simulator.console.scenario_store import MAX_REPLY_BYTES
 
 TEXT = (Path(__file__).parents[2] / "docs" / "console.md").read_text()
 ADDRESS = "http://127.0.0.1:8430/"
@@ -40,8 +43,13 @@ def run(command: str, url: str) -> Any:
 
 def test_documented_requests_match_the_routes() -> None:
     listed = re.findall(r"^\| `([A-Z]+)` \| `(/api/\S+)` \| \S.* \|$", TEXT, re.MULTILINE)
-    routes = [(method, re.sub(r":.*\}", "}", path)) for path, method, _ in ROUTES]
+    routes = [(route.method, re.sub(r":.*\}", "}", route.path)) for route in ROUTES]
     assert listed == routes
+
+
+def test_documented_problems_match_the_table() -> None:
+    listed = re.findall(r"^\| `/problems/(\S+)` \| (\d+) \| (.*) \|$", TEXT, re.MULTILINE)
+    assert listed == [(name, str(one.status), one.title) for name, one in PROBLEMS.items()]
 
 
 def test_documented_argument_encodings_match_the_decoders() -> None:
@@ -51,9 +59,21 @@ def test_documented_argument_encodings_match_the_decoders() -> None:
     assert [name for encoding in encodings for name in encoding] == list(arguments._DECODERS)
 
 
-def test_documented_body_limit_matches() -> None:
-    assert "A body has at most 1 MiB." in TEXT
-    assert security.MAX_BODY_BYTES == 1024 * 1024
+def test_documented_limits_match() -> None:
+    words = " ".join(TEXT.split())
+    mebibytes = [
+        size // 1024**2
+        for size in (security.MAX_BODY_BYTES, scenario_store.MAX_SCENARIO_BYTES, MAX_REPLY_BYTES)
+    ]
+    assert mebibytes == [8, 8, 1]
+    assert "A body and a scenario have at most 8 MiB, a reply and a text to parse" in words
+    connections, idle = server._MAX_CONNECTIONS, server._MAX_IDLE_SECONDS
+    assert (
+        f"at most {connections} connections and closes those that are idle for {idle} sec" in words
+    )
+    lines, seconds = parse_capture.MAX_LINES, parse_capture.MAX_SECONDS
+    assert f"more than {lines} lines, or if it takes more than {seconds:g} seconds" in words
+    assert f"for at most {session.MAX_WAIT:g} seconds" in words
 
 
 @needs_curl
@@ -62,6 +82,7 @@ def test_documented_output_is_printed(server: Any, command: str, output: str) ->
     printed, documented = run(command, server.url), json.loads(output)
     for response in (printed, documented):
         assert response.pop("microseconds", 1) > 0
+        response.pop("code", None)
     assert printed == documented
 
 

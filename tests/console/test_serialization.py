@@ -92,15 +92,6 @@ def test_invalid_argument_is_rejected_with_its_place(argument: Any, detail: str)
 
 
 @pytest.mark.parametrize(
-    "body", [{"arguments": {}}, {"arguments": "x"}, {"keywords": []}, {"argument": [1]}]
-)
-def test_invalid_body_of_a_call_is_rejected(body: dict[str, Any]) -> None:
-    with pytest.raises(ApiError) as rejected:
-        decode_call(body)
-    assert (rejected.value.status, rejected.value.extra) == (400, {"at": next(iter(body))})
-
-
-@pytest.mark.parametrize(
     "program",
     ["__import__('os').abort()", "1+1", "f'{1}'", "\\N{DIGIT ONE}", "%s", "${x}", "{0}"],
 )

@@ -9,16 +9,26 @@ import signal
 import socket
 import subprocess
 import sys
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+from contextlib import ExitStack, suppress
 from http.client import HTTPConnection, HTTPResponse
 from pathlib import Path
 from typing import Any
+from urllib.parse import urljoin
 
 import psutil
 import pytest
 
+from veldarin_simulator.console import server as server_module
+from veldarin_simulator.console.app import create_application
 from veldarin_simulator.console.security import MAX_BODY_BYTES
 
+STATIC = Path(server_module.__file__).parent / "static"
 TIMEOUT = 60
+# One on an idle machine; this one may run other tests.
+SECONDS_TO_STOP = 3
 JSON = {"Content-Type": "application/json"}
 
 
@@ -81,7 +91,11 @@ def test_every_function_can_be_called_from_any_thread(server: Any) -> None:
 
 @pytest.mark.parametrize(
     ("path", "kind"),
-    [("/", "text/html"), ("/static/console.css", "text/css"), ("/static/mark.svg", "image/svg")],
+    [
+        ("/", "text/html"),
+        ("/static/styles/base.css", "text/css"),
+        ("/static/mark.svg", "image/svg"),
+    ],
 )
 def test_page_is_served_with_its_content_type(server: Any, path: str, kind: str) -> None:
     response, content = send(server, "GET", path)
@@ -102,13 +116,15 @@ def test_every_file_of_the_page_is_served(server: Any) -> None:
         if path.endswith(".js"):
             # Browsers do not run a module of another type.
             assert "javascript" in str(response.getheader("Content-Type"))
-            imported = re.findall(r'from "\./(.*?)"', content.decode())
-            pending |= {f"/static/{name}" for name in imported} - seen
-    assert len(seen) > 10
+            imported = re.findall(r'(?:from |import\()"(\..*?)"', content.decode())
+            pending |= {urljoin(path, name) for name in imported} - seen
+    served = {path.removeprefix("/static/") for path in seen if path.startswith("/static/")}
+    files = {path.relative_to(STATIC).as_posix() for path in STATIC.rglob("*.*")}
+    assert files - served == {"console.html"}
 
 
 def test_foreign_host_is_rejected_on_the_wire(server: Any) -> None:
-    for host in ("example.com", f"example.com:{server.port}", ""):
+    for host in ("example.com", f"example.com:{server.port}", "192.0.2.1", ""):
         assert send(server, "GET", "/", Host=host)[0].status == 403
     assert send_raw(server, b"GET / HTTP/1.0\r\n\r\n").startswith(b"HTTP/1.0 403 ")
 
@@ -125,7 +141,8 @@ def test_foreign_origin_is_rejected_on_the_wire(server: Any) -> None:
         b"Content-Length: %d\r\n\r\n" % (MAX_BODY_BYTES + 1) + b" " * (MAX_BODY_BYTES + 1),
         b"Content-Length: %d\r\n\r\n" % (20 * MAX_BODY_BYTES),  # rejected before the body is sent
         b"Transfer-Encoding: chunked\r\n\r\n"
-        + (b"80000\r\n" + b" " * 0x80000 + b"\r\n") * 3
+        + (b"800000\r\n" + b" " * 0x800000 + b"\r\n")
+        + b"1\r\n \r\n"
         + b"0\r\n\r\n",
     ],
     ids=["large", "announced", "chunked"],
@@ -173,11 +190,125 @@ def test_remote_address_requires_the_option(
     assert "add --allow-remote" in done.stderr
 
 
-def test_remote_console_accepts_addresses_as_host(server_process: Any, tmp_path: Path) -> None:
+def test_remote_console_requires_the_printed_token(server_process: Any, tmp_path: Path) -> None:
     with server_process(tmp_path, "--host", "0.0.0.0", "--allow-remote") as server:
-        host = f"192.0.2.1:{server.port}"
-        assert send(server, "GET", "/api/functions", Host=host)[0].status == 200
-        assert send(server, "GET", "/api/functions", Host="example.com")[0].status == 403
+        assert server.host != "0.0.0.0"
+        assert len(server.token) >= 32
+        host = {"Host": f"192.0.2.1:{server.port}"}
+        bearer = {"Authorization": f"Bearer {server.token}"}
+        path = "/api/status"
+        assert send(server, "GET", path, **host)[0].status == 401
+        assert send(server, "GET", path, **host, **bearer)[0].status == 200
+        assert send(server, "GET", path, Host="example.com", **bearer)[0].status == 403
+        address = f"/?token={server.token}"
+        assert send(server, "GET", address)[0].status == 303
+        server.process.send_signal(signal.SIGINT)
+        _, errors = server.process.communicate(timeout=TIMEOUT)
+    lines = errors.splitlines()
+    assert "warning: anyone with this address can make calls" in lines[0]
+    pattern = rf"\S+ \S+ {re.escape(server.host)} GET (\S+) (\d+) \d+ ms"
+    logged = [
+        match and match.groups() for match in (re.fullmatch(pattern, one) for one in lines[1:])
+    ]
+    assert logged == [(path, "401"), (path, "200"), (path, "403"), ("/", "303")]
+    assert server.token not in errors
+
+
+@pytest.mark.parametrize(
+    ("host", "allowed"),
+    [("127.0.0.5", "127.0.0.5"), ("localhost", "localhost"), ("::1", "[::1]")],
+)
+def test_other_loopback_address_can_be_used(
+    server_process: Any, tmp_path: Path, host: str, allowed: str
+) -> None:
+    if host == "::1" and not Path("/proc/net/if_inet6").read_text():
+        pytest.skip("this machine has no IPv6")
+    with server_process(tmp_path, "--host", host) as server:
+        assert (server.host, server.token) == (host, None)
+        response, _ = send(server, "GET", "/api/status")
+        assert response.status == 200
+        origin = {"Origin": f"http://{allowed}:{server.port}"}
+        assert call(server, "switch_mclag_icl", {}, **origin)["source"] == "no call"
+
+
+def test_host_that_is_not_an_address_is_rejected(
+    pytestconfig: pytest.Config, tmp_path: Path
+) -> None:
+    done = run(pytestconfig.rootpath, tmp_path, "--host", "example.com")
+    assert (done.returncode, done.stdout) == (2, "")
+    assert "--host is an IP address or localhost, not example.com" in done.stderr
+
+
+def test_half_open_requests_do_not_block_others(server_process: Any, tmp_path: Path) -> None:
+    """The server had a limit of 100 connections and waited for each request for two minutes."""
+    with server_process(tmp_path) as server, ExitStack() as connections:
+        for _ in range(150):
+            connection = socket.create_connection((server.host, server.port), timeout=TIMEOUT)
+            connections.enter_context(connection)
+            connection.sendall(b"POST /api/functions/get_token HTTP/1.1\r\nContent-Length: 9\r\n")
+        started = time.monotonic()
+        assert send(server, "GET", "/api/status")[0].status == 200
+        assert call(server, "switch_mclag_icl", {})["source"] == "no call"
+        assert time.monotonic() - started < 5
+
+
+def test_idle_connection_is_closed(session: Any, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(server_module, "_MAX_IDLE_SECONDS", 1)
+    listening = server_module.create(create_application(session), "127.0.0.1", 0)
+    thread = threading.Thread(target=listening.run, daemon=True)
+    thread.start()
+    with socket.create_connection(("127.0.0.1", listening.effective_port), TIMEOUT) as connection:
+        connection.sendall(b"GET / HTTP/1.1\r\n")
+        assert connection.recv(1) == b""
+
+
+SLOW_SHELL = """#!/bin/sh
+if test -e "$0.slow"; then touch "$0.started"; exec sleep 60; fi
+"""
+
+
+@pytest.mark.parametrize("signal_", [signal.SIGTERM, signal.SIGINT])
+def test_signal_ends_the_console_during_a_call(
+    server_process: Any, tmp_path: Path, monkeypatch: pytest.MonkeyPatch, signal_: signal.Signals
+) -> None:
+    shell = tmp_path / "bin" / "vtysh"
+    shell.parent.mkdir()
+    shell.write_text(SLOW_SHELL)
+    shell.chmod(0o755)
+    shell.with_name("vtysh.slow").touch()
+    monkeypatch.setenv("PATH", str(shell.parent), prepend=os.pathsep)
+    with server_process(tmp_path) as server:
+        address = (server.host, server.port)
+        with socket.create_connection(address, TIMEOUT), socket.create_connection(address) as slow:
+            slow.sendall(
+                b"POST /api/functions/list_bfd_neighbor HTTP/1.1\r\nHost: localhost\r\n"
+                b"Content-Type: application/json\r\nContent-Length: 2\r\n\r\n{}"
+            )
+            while not shell.with_name("vtysh.started").exists():
+                time.sleep(0.01)
+            running = json.loads(send(server, "GET", "/api/status")[1])["running"]
+            assert running["function"] == "list_bfd_neighbor"
+            started = time.monotonic()
+            server.process.send_signal(signal_)
+            server.process.wait(TIMEOUT)
+            assert time.monotonic() - started < SECONDS_TO_STOP
+    assert server.process.returncode == 0
+    assert list((tmp_path / "temporary").iterdir()) == []
+
+
+def test_signal_ends_the_console_while_it_parses(server_process: Any, tmp_path: Path) -> None:
+    text = "Address\n" + "1 2 3 4\n" * 100_000 + "x"
+    with server_process(tmp_path) as server, ThreadPoolExecutor() as threads:
+        parsing = threads.submit(send, server, "POST", "/api/parse/arp", {"text": text}, **JSON)
+        while not json.loads(send(server, "GET", "/api/status")[1])["running"]:
+            assert not parsing.done()
+        started = time.monotonic()
+        server.process.send_signal(signal.SIGINT)
+        server.process.wait(TIMEOUT)
+        assert time.monotonic() - started < SECONDS_TO_STOP
+        assert server.process.returncode == 0
+        with suppress(Exception):
+            parsing.result()
 
 
 @pytest.mark.parametrize("signal_", [signal.SIGTERM, signal.SIGINT])

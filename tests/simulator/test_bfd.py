@@ -161,6 +161,22 @@ def test_failing_shell_falls_back_to_the_recording(
     assert b"peer 198.51.100.2 interface port1" in reply.reply
 
 
+def test_shell_without_daemon_runs_once_in_a_while(
+    shell: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    runs = shell.with_name("runs")
+    shell.write_text(f"#!/bin/sh\necho run >>{runs}\n")
+    for version in (4, 6, 4):
+        assert bfd.neighbors(version) is None
+        assert bfd.neighbor(version, "198.51.100.2", "port1") is None
+    assert runs.read_text() == "run\n"
+    monkeypatch.setattr(bfd, "_RETRY_AFTER", 0)
+    monkeypatch.setattr(bfd, "_retry_at", {})
+    assert bfd.neighbors(4) is None
+    shell.write_text(SHELL)  # the daemon has started
+    assert bfd.neighbors(4) is not None
+
+
 def test_hanging_shell_times_out(shell: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     shell.write_text("#!/bin/sh\nexec sleep 60\n")
     monkeypatch.setattr(bfd, "_TIMEOUT", 0.2)

@@ -16,9 +16,8 @@ import pytest
 
 from tests.support.function_table import FUNCTIONS
 from tests.support.netns import ROOT
-from veldarin_simulator import state_dir
+from veldarin_simulator import example_arguments, state_dir
 from veldarin_simulator.__main__ import main
-from veldarin_simulator.cli import demo
 from veldarin_simulator.providers import bfd, serial_number
 
 
@@ -111,7 +110,7 @@ def test_demo_values_are_real_and_the_secret_stays(run: Any, state_directory: Pa
 
 @pytest.mark.requires("cryptography", "netlink")
 def test_demo_without_certificate_creates_one(run: Any, monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(demo, "_CERTIFICATES", ("/no/such/certificate",))
+    monkeypatch.setattr(example_arguments, "_CERTIFICATES", ("/no/such/certificate",))
     call, source, value = demo_rows(run("demo")[1])["check_cert_expiration"]
     assert "temporary-" in call
     assert (source, value) == ("live", "True")

@@ -12,12 +12,11 @@ import socket
 import sys
 import unicodedata
 from collections import Counter
-from collections.abc import Callable
 from pathlib import Path
 from tempfile import TemporaryDirectory
 from typing import Any, NamedTuple
 
-from veldarin_simulator import Simulator
+from veldarin_simulator import Simulator, example_arguments
 from veldarin_simulator.cli import common
 from veldarin_simulator.cli.call import to_json
 from veldarin_simulator.stub import Function
@@ -38,50 +37,24 @@ _RAISED = "raised"
 _DIM, _BOLD = "2", "1"  # ANSI attributes
 _STYLES = {"live": "32", "recorded": "33", _RAISED: "1;31"}
 
-# Where Linux distributions keep certificates.
-_CERTIFICATES = (
-    "/etc/ssl/certs/ssl-cert-snakeoil.pem",
-    "/etc/ssl/certs/ca-certificates.crt",
-    "/etc/pki/tls/certs/ca-bundle.crt",
-    "/etc/ssl/cert.pem",
-)
-
-_REMOTE = "198.51.100.1"  # reserved for documentation
-
 
 class DemoContext:
-    """The data that arguments depend on: this machine and earlier results."""
+    """The simulator, and a directory for files that exist during the demo."""
 
     def __init__(self, simulator: Simulator, folder: Path) -> None:
         self.simulator = simulator
-        self.results: dict[str, Any] = {}
         self._folder = folder
 
-    def certificate(self) -> bytes:
-        """Return the path of a certificate of this machine, or of a new one."""
-        for path in map(Path, _CERTIFICATES):
-            if path.is_file():
-                return str(path).encode()
+    def example_call(self, function: Function) -> tuple[list[Any], dict[str, Any]]:
+        """Return arguments that fit this machine."""
+        example = example_arguments.example_call(self.simulator, function)
+        if function.name != "check_cert_expiration" or Path(os.fsdecode(example[0][0])).is_file():
+            return example
         from veldarin_simulator.cli import self_signed  # slow to import
 
         path = self._folder / "certificate.pem"
         path.write_bytes(self_signed.certificate())
-        return str(path).encode()
-
-    def port(self) -> str:
-        """Return the first interface of the link monitor."""
-        links = self.simulator.module.list_system_link_monitor_status()
-        try:
-            return str(links[0]["name"])
-        except (LookupError, TypeError):
-            return "lo"  # a scenario may have any reply
-
-    def destination(self) -> str:
-        """Return a remote address if this machine has a route to it, or its loopback."""
-        text = self.simulator.module.get_cli_command_output(
-            f"get router info routing-table detail {_REMOTE}"
-        )
-        return _REMOTE if text.startswith("Routing") else "127.0.0.1"
+        return [os.fsencode(path)], {}
 
 
 class DemoRow(NamedTuple):
@@ -92,19 +65,6 @@ class DemoRow(NamedTuple):
     source: str
     text: str
     result: Any
-
-
-# Arguments that depend on this machine; other functions get those of the stub's example.
-_ARGUMENTS: dict[str, Callable[[DemoContext], Any]] = {
-    "aps_unsigned_int_hash": lambda context: context.simulator.serial_number,
-    "decrypt_cookie": lambda context: context.results.get("encrypt_cookie"),
-    "check_cert_expiration": DemoContext.certificate,
-    "list_system_interface_physical": DemoContext.port,
-    "list_switch_port_statistics": DemoContext.port,
-    "list_switch_igmp_snooping_group": DemoContext.port,
-    "get_bfd_neighbor": lambda _: "get router info bfd neighbor",
-    "get_routing_table_result": DemoContext.destination,
-}
 
 
 def create_parser() -> common.Parser:
@@ -178,9 +138,7 @@ def _call(context: DemoContext, function: Function) -> DemoRow:
     simulator, name = context.simulator, function.name
     call = f"{name}(…)"
     try:
-        positional, keywords = function.example_call()
-        if name in _ARGUMENTS:
-            positional, keywords = [_ARGUMENTS[name](context)], {}
+        positional, keywords = context.example_call(function)
         shown = [*map(repr, positional), *(f"{key}={value!r}" for key, value in keywords.items())]
         call = f"{name}({', '.join(shown)})"
         simulator.clear_calls()
@@ -188,7 +146,6 @@ def _call(context: DemoContext, function: Function) -> DemoRow:
         simulator.raise_errors()
     except Exception as error:
         return DemoRow(name, call, _RAISED, f"{type(error).__name__}: {error}", None)
-    context.results[name] = result
     if name == "get_token":
         # It reads a file instead of calling a native service; the secret stays hidden.
         hidden = f"{result[:8]!r}…"

@@ -3,6 +3,8 @@
 from __future__ import annotations
 
 import argparse
+import logging
+import secrets
 import signal
 import sys
 from ipaddress import ip_address
@@ -11,6 +13,7 @@ from typing import TYPE_CHECKING
 
 from veldarin_simulator import ScenarioError, state_dir
 from veldarin_simulator.cli import common
+from veldarin_simulator.extras import explain_missing_package
 
 if TYPE_CHECKING:  # needs the libraries of the extra "console"
     from veldarin_simulator.console.session import Session
@@ -20,11 +23,13 @@ Serve a page and an HTTP interface (docs/console.md) that call every function of
 veldarin.modules.modules_util and show its native calls. Stop it with Ctrl-C.
 
 The console has no password. It listens on this machine's loopback address;
-another address requires --allow-remote.
+another address requires --allow-remote. Then requests must present a token,
+which the printed address contains, and are logged to standard error.
 """
 _EXIT_STATUS = "exit status: 0 stopped, 1 cannot listen or nothing is built, 2 usage"
 _PORT = 8430
 _HOST = "127.0.0.1"
+_LOCALHOST = "localhost"
 
 
 def main(texts: list[str]) -> int:
@@ -37,25 +42,30 @@ def main(texts: list[str]) -> int:
         The exit status.
     """
     options = _parse_options(texts)
-    try:
-        from veldarin_simulator.console import server
-        from veldarin_simulator.console.app import create_application
-    except ImportError as error:
-        message = f"{error}: run pip install 'veldarin-simulator[console]'"
-        common.fail(message, common.EXIT_FAILURE)
+    from veldarin_simulator.console import server
+    from veldarin_simulator.console.app import create_application
+
     # Exit as Ctrl-C does, so that everything is closed.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(0))
+    remote = not _is_loopback(options.host)
+    token = secrets.token_urlsafe(24) if remote else None
     with _open_session(options.scenario) as session:
-        remote = not ip_address(options.host).is_loopback
-        application = create_application(session, allow_remote=remote)
+        application = create_application(session, allow_remote=remote, token=token)
         try:
             listening = server.create(application, options.host, options.port)
         except OSError as error:
             reason = (error.strerror or str(error)).lower()
             message = f"{options.host} port {options.port}: {reason} (choose another with --port)"
             common.fail(message, common.EXIT_FAILURE)
-        host = f"[{options.host}]" if ":" in options.host else options.host
-        print(f"console: http://{host}:{listening.effective_port}/", flush=True)
+        query = "" if token is None else f"?token={token}"
+        for host in _addresses(options.host):
+            shown = f"[{host}]" if ":" in host else host
+            print(f"console: http://{shown}:{listening.effective_port}/{query}", flush=True)
+        if remote:
+            _log_access()
+            common.info(
+                "warning: anyone with this address can make calls, and HTTP encrypts nothing"
+            )
         listening.run()
         listening.close()
     return 0
@@ -83,9 +93,9 @@ def _parse_options(texts: list[str]) -> argparse.Namespace:
     parser = create_parser()
     options = parser.parse_args(texts)
     try:
-        loopback = ip_address(options.host).is_loopback
+        loopback = _is_loopback(options.host)
     except ValueError:
-        parser.error(f"--host is an IP address, not {options.host}")
+        parser.error(f"--host is an IP address or localhost, not {options.host}")
     if not loopback and not options.allow_remote:
         parser.error(
             f"other machines can reach {options.host} without a password: add --allow-remote"
@@ -117,3 +127,35 @@ def _open_session(scenario: Path | None) -> Session:
         common.fail(str(error), common.EXIT_USAGE)
     except (OSError, RuntimeError, SyntaxError, ValueError) as error:
         common.fail(str(error), common.EXIT_FAILURE)
+
+
+def _is_loopback(host: str) -> bool:
+    return host == _LOCALHOST or ip_address(host).is_loopback
+
+
+def _addresses(host: str) -> list[str]:
+    """Return the addresses to use: for all addresses, those of this machine's interfaces."""
+    if host == _LOCALHOST or not ip_address(host).is_unspecified:
+        return [host]
+    with explain_missing_package(f"--host {host}"):
+        import psutil
+
+    version = ip_address(host).version
+    known = [
+        address.address
+        for addresses in psutil.net_if_addrs().values()
+        for address in addresses
+        if address.family.name == ("AF_INET" if version == 4 else "AF_INET6")
+        and "%" not in address.address  # link-local, which browsers do not accept
+    ]
+    return sorted(known, key=_is_loopback) or [host]
+
+
+def _log_access() -> None:
+    from veldarin_simulator.console.security import access_log
+
+    handler = logging.StreamHandler()
+    handler.setFormatter(logging.Formatter("%(asctime)s %(message)s"))
+    access_log.addHandler(handler)
+    access_log.setLevel(logging.INFO)
+    access_log.propagate = False

@@ -7,17 +7,28 @@ from typing import Any
 from veldarin_simulator.console.serialization import encode_bytes
 from veldarin_simulator.stub import Function
 
+Arguments = tuple[list[Any], dict[str, Any]]
 
-def function_index(functions: dict[str, Function]) -> list[dict[str, Any]]:
-    """Return the subsystems in the order of the stub, each with its functions."""
+
+def function_index(
+    functions: dict[str, Function], examples: dict[str, Arguments]
+) -> list[dict[str, Any]]:
+    """Return the subsystems in the order of the stub, each with its functions.
+
+    Args:
+        functions: The functions.
+        examples: Arguments to show in place of those in the stub's example.
+    """
     subsystems: dict[str, list[dict[str, Any]]] = {}
     for function in functions.values():
-        subsystems.setdefault(function.subsystem, []).append(_describe(function))
+        subsystems.setdefault(function.subsystem, []).append(
+            _describe(function, examples.get(function.name) or function.example_call())
+        )
     return [{"title": title, "functions": listed} for title, listed in subsystems.items()]
 
 
-def _describe(function: Function) -> dict[str, Any]:
-    positional, keywords = function.example_call()
+def _describe(function: Function, example: Arguments) -> dict[str, Any]:
+    positional, keywords = example
     return {
         "name": function.name,
         "declaration": function.declaration,

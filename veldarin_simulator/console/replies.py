@@ -1,11 +1,13 @@
 """The replies that can be edited: names, file names, default texts.
 
-A service's reply has the name of the service, a command's output has the command as its name.
+A service's reply has the name of its file without suffix, a command's output has the command as its
+name.
 """
 
 from __future__ import annotations
 
 import json
+import re
 from typing import Any
 from urllib.parse import unquote_to_bytes
 
@@ -20,20 +22,27 @@ _LIVE_COMMANDS = (
     "get router info bfd neighbor",
     "get router info6 bfd neighbor",
 )
+_END_OF_SERVICE = re.compile(r"[. ]")
 _MAX_FILE_NAME = len("cli/") + 255  # the limit of common file systems
 _MAX_COMMAND_BYTES = 127  # the module's CLI runner cuts off the rest
 
 
 def names(scenario: Scenario) -> list[str]:
-    """Return the name of every reply: the services, then the known commands."""
+    """Return the name of every reply: the services, the other files of services, the commands."""
+    files = [file[: -len(".json")] for file in scenario if not file.startswith("cli/")]
     recorded = [_command(path.stem) for path in (DEFAULT_SCENARIO / "cli").glob("*.txt")]
     user = [command.decode("utf-8", "replace") for command in scenario.commands]
-    return [*SERVICES, *sorted({*_LIVE_COMMANDS, *recorded, *user})]
+    return [*sorted({*SERVICES, *files}), *sorted({*_LIVE_COMMANDS, *recorded, *user})]
 
 
 def is_command(name: str) -> bool:
     """Return whether a reply is the output of a command."""
-    return name not in SERVICES
+    return service(name) not in SERVICES
+
+
+def service(name: str) -> str:
+    """Return the service of a reply, which may be one of several: the first word of its name."""
+    return _END_OF_SERVICE.split(name, 1)[0]
 
 
 def file_name(name: str, scenario: Scenario) -> str:
@@ -46,14 +55,15 @@ def file_name(name: str, scenario: Scenario) -> str:
         return f"{name}.json"
     words = b" ".join(name.encode("utf-8", "replace").split())
     if not words or b"\0" in words or len(words) > _MAX_COMMAND_BYTES:
-        raise ApiError(422, f"expected a command of 1 to {_MAX_COMMAND_BYTES} bytes without NUL")
+        detail = f"expected a command of 1 to {_MAX_COMMAND_BYTES} bytes without NUL"
+        raise ApiError("invalid-name", detail)
     command = words.decode("utf-8", "replace")
     for file in scenario:
         if file.startswith("cli/") and _command(file[len("cli/") : -len(".txt")]) == command:
             return file
     file = f"cli/{_quote(words)}.txt"
     if len(file) > _MAX_FILE_NAME:
-        raise ApiError(422, "the command is too long for a file name")
+        raise ApiError("invalid-name", "the command is too long for a file name")
     return file
 
 
@@ -63,6 +73,7 @@ def default_text(name: str, simulator: Simulator) -> str:
     Raises:
         Exception: Whatever the provider of the reply raises.
     """
+    name = name if is_command(name) else service(name)
     provided = simulator.provided_reply(CLI_SERVICE if is_command(name) else name)
     value: Any = None if provided is None else provided.reply
     if is_command(name):

@@ -4,11 +4,12 @@ from __future__ import annotations
 
 import math
 import traceback
+from contextlib import suppress
 from typing import Any
 
 from veldarin_simulator import NativeCall
+from veldarin_simulator.call_log import RELEASE
 
-_RELEASE = "JSONObject.release"
 _CLI_RUNNER = "get_cli_cmd_output"
 _ESCAPES = {0x0A: "\\n", 0x0D: "\\r", 0x09: "\\t", 0x5C: "\\\\"}
 
@@ -72,24 +73,23 @@ def encode_exception(error: BaseException, caller: str) -> dict[str, Any]:
     }
 
 
-def encode_source(call_log: list[NativeCall]) -> str:
-    """Return where the replies of a call came from."""
-    calls = [call for call in call_log if call.service != _RELEASE]
-    sources = sorted({call.source for call in calls} - {"none"})
-    return "+".join(sources) or ("no reply" if calls else "no call")
-
-
 def encode_native_call(call: NativeCall) -> dict[str, Any]:
     """Return an entry of the call log.
 
     Its "kind" is "request", "command", "text", "plain" for a service without an argument, or
-    "method" for a call through the method table of a JSONObject.
+    "method" for a call through the method table of a JSONObject. Its "reply" is the name and text
+    that keep the reply in a scenario.
     """
-    head = {"service": call.service, "source": call.source}
+    entry: dict[str, Any] = {"service": call.service, "source": call.source, "kind": "plain"}
+    name = call.service
     if call.request is not None:
-        kind = "method" if call.service == _RELEASE else "request"
-        return {**head, "kind": kind, "json": call.request}
-    if call.text is not None:
-        kind = "command" if call.service == _CLI_RUNNER else "text"
-        return {**head, "kind": kind, "bytes": encode_bytes(call.text), "hex": call.text.hex(" ")}
-    return {**head, "kind": "plain"}
+        entry["kind"] = "method" if call.service == RELEASE else "request"
+        entry["json"] = call.request
+    elif call.text is not None:
+        entry["kind"] = "command" if call.service == _CLI_RUNNER else "text"
+        entry.update(bytes=encode_bytes(call.text), hex=call.text.hex(" "))
+        name = call.text.decode("utf-8", "replace") if call.service == _CLI_RUNNER else name
+    if call.reply is not None:
+        with suppress(UnicodeDecodeError):
+            entry["reply"] = {"name": name, "text": call.reply.decode()}
+    return entry

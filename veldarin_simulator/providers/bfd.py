@@ -18,6 +18,7 @@ from __future__ import annotations
 
 import shutil
 import subprocess
+import time
 from dataclasses import dataclass, field
 from ipaddress import ip_address
 from typing import NamedTuple
@@ -25,6 +26,10 @@ from typing import NamedTuple
 _TITLE = "BFD Peers:"
 _TIMERS_IN_BLOCK = 3
 _TIMEOUT = 5.0  # seconds for a command of the daemon's shell
+_RETRY_AFTER = 60.0  # seconds, because the shell takes about one to find out that no daemon runs
+
+# The path of a shell that found no daemon: the time at which it may be run again.
+_retry_at: dict[str, float] = {}
 
 
 class Key(NamedTuple):
@@ -153,7 +158,7 @@ def _vtysh(command: str) -> str | None:
     title line does.
     """
     shell = shutil.which("vtysh")
-    if shell is None:
+    if shell is None or time.monotonic() < _retry_at.get(shell, 0):
         return None
     try:
         done = subprocess.run(
@@ -163,7 +168,10 @@ def _vtysh(command: str) -> str | None:
             timeout=_TIMEOUT,
             check=False,
         )
+        text = done.stdout.decode("utf-8", "replace")
     except (OSError, subprocess.TimeoutExpired):
-        return None
-    text = done.stdout.decode("utf-8", "replace")
-    return text if _TITLE in text else None
+        text = ""
+    if _TITLE in text:
+        return text
+    _retry_at[shell] = time.monotonic() + _RETRY_AFTER
+    return None

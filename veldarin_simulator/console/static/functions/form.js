@@ -1,24 +1,26 @@
-// The form for a function's arguments. It produces the body of a request and a line of Python.
-import { area, el, field, hint, segments } from "./dom.js";
+// The form for a function's arguments. It produces the body of a request.
+import { Digits, parseJSON } from "../core/api.js";
+import { area, el, field, hint, segments } from "../core/dom.js";
 
-const constant = (label, value) => ({ label, encode: () => value, python: () => label });
-const literal = (typed) => typed.trim() || "…";
+const constant = (label, value) => ({ label, encode: () => value });
+const encoded = (encoding) => (typed) => ({ [encoding]: typed });
 
-function bytes(label, input, encoding, python, placeholder) {
-  return { label, input, placeholder, encode: (typed) => ({ [encoding]: typed }), python };
-}
-
-// The kinds of values. `encode` and `python` turn the input into the request's and Python's form.
+// The kinds of values. `encode` turns the input into the request's form.
 const KINDS = {
-  text: { label: "Text", input: "line", encode: (typed) => typed, python: quote },
-  bytes: bytes("Bytes", "line", "bytes", bytesLiteral, "text, with escapes as \\x00"),
-  hex: bytes("Bytes in hex", "line", "hex", (t) => `bytes.fromhex(${quote(t)})`, "75 73 65 72"),
-  base64: bytes("Bytes in Base64", "area", "base64", (typed) => `b64decode(${quote(typed)})`),
-  integer: { label: "Integer", input: "number", encode: encodeInteger, python: literal },
+  text: { label: "Text", input: "line", encode: (typed) => typed },
+  bytes: {
+    label: "Bytes",
+    input: "line",
+    encode: encoded("bytes"),
+    placeholder: "text, with escapes as \\x00",
+  },
+  hex: { label: "Bytes in hex", input: "line", encode: encoded("hex"), placeholder: "75 73 65 72" },
+  base64: { label: "Bytes in Base64", input: "area", encode: encoded("base64") },
+  integer: { label: "Integer", input: "number", encode: encodeInteger },
   true: constant("True", true),
   false: constant("False", false),
   none: constant("None", null),
-  json: { label: "JSON", input: "area", encode: encodeJSON, python: literal },
+  json: { label: "JSON", input: "area", encode: encodeJSON },
   omitted: { label: "Omitted" },
 };
 
@@ -38,14 +40,14 @@ export class InvalidInput extends Error {
 }
 
 export class ArgumentForm {
-  // A change of the call calls `onChange()`.
-  constructor(description, onChange) {
-    this.name = description.name;
-    const { arguments: positional, keywords } = description.example_call;
+  // `body` is the call to begin with, null for the function's example. Changes call `onChange()`.
+  constructor(description, body, onChange) {
+    const { arguments: positional = [], keywords = {} } = body ?? description.example_call;
+    this.surplus = Math.max(0, positional.length - description.parameters.length);
     this.rows = description.parameters.map((parameter, index) => {
-      const value = index in positional ? positional[index] : keywords[parameter.name];
-      const named = !(index in positional) && parameter.name in keywords;
-      return new Row(parameter, value, named, onChange);
+      const named = !(index in positional) && Object.hasOwn(keywords, parameter.name);
+      const value = named ? keywords[parameter.name] : positional[index];
+      return new Row(parameter, value, named, onChange, body !== null);
     });
     this.elements = this.rows.map((row) => row.element);
   }
@@ -70,29 +72,23 @@ export class ArgumentForm {
     if (index) return this.passed().filter((row) => !row.named)[index];
     return this.rows.find((row) => at === `keywords.${row.name}`);
   }
-
-  // The call in Python.
-  python() {
-    const row = (one) => `${one.named ? `${one.name}=` : ""}${one.python()}`;
-    const ordered = this.passed().sort((a, b) => a.named - b.named);
-    return `${this.name}(${ordered.map(row).join(", ")})`;
-  }
 }
 
 class Row {
-  constructor(parameter, value, named, onChange) {
+  constructor(parameter, value, named, onChange, isGiven) {
     this.name = parameter.name;
     this.named = named;
     this.onChange = onChange;
     const type = parameter.types.length === 1 ? parameter.types[0] : "object";
     const order = ORDER[type] ?? ORDER.other;
-    const empty = [parameter.optional ? "omitted" : order[0], ""];
+    const empty = [parameter.optional || isGiven ? "omitted" : order[0], ""];
     const [kind, typed] = value === undefined ? empty : decode(value);
     this.select = el(
       "select",
       { "aria-label": `Kind of ${this.name}`, change: () => this.show(this.select.value, "") },
       order.map((one) => el("option", { value: one }, KINDS[one].label)),
     );
+    if (!order.includes(kind)) this.select.append(el("option", { value: kind }, KINDS[kind].label));
     this.place = el("div.typed");
     this.error = el("p.error", { hidden: true, id: `error-${this.name}` });
     this.element = el(
@@ -107,7 +103,10 @@ class Row {
 
   passing({ keyword }) {
     if (!keyword) return el("span.hint", "by position only");
-    const choices = [["by position", "position"], ["by name", "name"]];
+    const choices = [
+      ["by position", "position"],
+      ["by name", "name"],
+    ];
     const now = this.named ? "name" : "position";
     return segments(`Pass ${this.name}`, choices, now, (choice) => {
       this.named = choice === "name";
@@ -143,8 +142,9 @@ class Row {
     }
   }
 
-  python() {
-    return KINDS[this.kind].python(this.input?.value);
+  focus() {
+    (this.input ?? this.select).focus();
+    this.input?.select();
   }
 
   showError(message) {
@@ -170,18 +170,15 @@ function typeText({ types, optional }) {
 function decode(value) {
   if (value === null) return ["none", ""];
   if (typeof value === "boolean") return [String(value), ""];
-  if (typeof value === "number") return ["integer", String(value)];
   if (typeof value === "string") return ["text", value];
-  const [encoding, content] = Object.entries(value)[0];
-  return encoding === "json" ? ["json", JSON.stringify(content)] : [encoding, content];
-}
-
-function quote(typed) {
-  return JSON.stringify(typed);
-}
-
-function bytesLiteral(typed) {
-  return `b${quote(typed).replaceAll("\\\\", "\\")}`;
+  if (value instanceof Digits) return ["integer", value.text];
+  if (Number.isInteger(value)) return ["integer", String(value)];
+  const [[encoding, content] = []] = value.constructor === Object ? Object.entries(value) : [];
+  if (encoding === "json") return ["json", JSON.stringify(content)];
+  if (encoding === "integer") return ["integer", String(content?.text ?? content)];
+  if (Object.hasOwn(KINDS, encoding ?? "") && typeof content === "string")
+    return [encoding, content];
+  return ["json", JSON.stringify(value)];
 }
 
 function encodeInteger(typed) {
@@ -191,5 +188,13 @@ function encodeInteger(typed) {
 
 function encodeJSON(typed) {
   if (!typed.trim()) throw new Error("expected JSON");
-  return { json: JSON.parse(typed) };
+  const value = parseJSON(typed);
+  if (hasInfinity(value)) throw new Error("a number is too large");
+  return { json: value };
+}
+
+function hasInfinity(value) {
+  if (typeof value === "number") return !Number.isFinite(value);
+  if (value instanceof Digits) return false;
+  return value !== null && typeof value === "object" && Object.values(value).some(hasInfinity);
 }

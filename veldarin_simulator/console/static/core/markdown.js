@@ -15,10 +15,7 @@ export function entries(text) {
   if (!found.length) return prose(text);
   return el(
     "dl.raises",
-    found.map(([, name, body]) => [
-      el("dt", el("code", name)),
-      el("dd", inline(joinLines(body))),
-    ]),
+    found.map(([, name, body]) => [el("dt", el("code", name)), el("dd", inline(joinLines(body)))]),
   );
 }
 
