@@ -4,6 +4,16 @@
 `python -m veldarin_simulator --help` lists the command-line tools.
 """
 
+import importlib.util
+import sys
+
+if sys.argv[:1] == ["-m"] and not all(map(importlib.util.find_spec, ("psutil", "rich", "griffe"))):
+    # `python -m veldarin_simulator`: a person has started another interpreter.
+    sys.exit(
+        f"veldarin_simulator: {sys.executable} has not the packages it needs;"
+        " run `make build`, then .venv/bin/python -m veldarin_simulator"
+    )
+
 from veldarin_simulator.call_log import GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.reply import RawJSON, Reply, Source
 from veldarin_simulator.scenario import Scenario, ScenarioError

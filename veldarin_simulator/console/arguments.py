@@ -112,9 +112,18 @@ def _decode_base64(content: Any) -> bytes:
 def _decode_integer(content: Any) -> int:
     if type(content) is int:
         return content
-    if not isinstance(content, str) or not _INTEGER.fullmatch(content.strip()):
+    return parse_integer(content.strip() if isinstance(content, str) else "")
+
+
+def parse_integer(text: str) -> int:
+    """Convert decimal digits; a limit bounds the time, which grows with the square of their number.
+
+    Raises:
+        ValueError: The text is something else, or too long.
+    """
+    if not _INTEGER.fullmatch(text):
         raise ValueError("expected at most 1000 decimal digits")
-    return int(content)
+    return int(text)
 
 
 _DECODERS: dict[str, Callable[[Any], Any]] = {

@@ -10,7 +10,7 @@ from pyramid.response import Response
 
 from veldarin_simulator import parse_capture
 from veldarin_simulator.console import serialization
-from veldarin_simulator.console.arguments import decode_call, encode_utf8
+from veldarin_simulator.console.arguments import decode_call, encode_utf8, parse_integer
 from veldarin_simulator.console.errors import ApiError
 from veldarin_simulator.console.function_index import function_index
 from veldarin_simulator.console.session import Session
@@ -131,7 +131,8 @@ def _session(request: Request) -> Session:
 
 def _body(request: Request) -> dict[str, Any]:
     try:
-        body = json.loads(request.body.decode("utf-8"), parse_constant=_reject_constant)
+        text = request.body.decode("utf-8")
+        body = json.loads(text, parse_int=parse_integer, parse_constant=_reject_constant)
     except UnicodeDecodeError as error:
         raise ApiError(400, "the body is not UTF-8") from error
     except json.JSONDecodeError as error:
