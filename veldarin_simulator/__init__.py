@@ -10,7 +10,7 @@ import sys
 if sys.argv[:1] == ["-m"] and not all(map(importlib.util.find_spec, ("psutil", "rich", "griffe"))):
     # `python -m veldarin_simulator`: a person has started another interpreter.
     sys.exit(
-        f"veldarin_simulator: {sys.executable} has not the packages it needs;"
+        f"veldarin_simulator: {sys.executable} lacks the simulator's packages;"
         " run `make build`, then .venv/bin/python -m veldarin_simulator"
     )
 
