@@ -136,7 +136,8 @@ def without_python(checkout: Path, tmp_path: Path) -> dict[str, str]:
     log = f'echo "$(basename "$0")" >>"{tmp_path}/log"'
     script(checkout / "tools/uv", "[[ $* != *python?install* ]]")
     script(checkout / "tools/apt-install", "true")
-    link = f'mkdir -p "$1/bin" && ln -s {shlex.quote(os.path.realpath(sys.executable))} "$1/bin/python3.9"'
+    python = shlex.quote(os.path.realpath(sys.executable))
+    link = f'mkdir -p "$1/bin" && ln -s {python} "$1/bin/python3.9"'
     script(checkout / "tools/unpack-python", f"{log}; sleep 1; {link}")
     script(checkout / "tools/build-python", f"{log}; {link}")
     script(tmp_path / "bin/python3", "exit 0")
