@@ -71,7 +71,8 @@ def loaded(name: str) -> Path:
 
 def interpreter() -> Path:
     """The file with the interpreter's C interface."""
-    if sysconfig.get_config_var("Py_ENABLE_SHARED"):
+    # A build with the library may have an executable that does not need it, as Debian's.
+    if "/libpython3.9" in Path("/proc/self/maps").read_text():
         return loaded("libpython3.9")
     return Path("/proc/self/exe").resolve()
 

@@ -143,6 +143,7 @@ def without_python(checkout: Path, tmp_path: Path) -> dict[str, str]:
     script(tmp_path / "bin/python3", "exit 0")
     script(tmp_path / "bin/python3.9", "exit 1")
     script(tmp_path / "bin/apt-get", "true")
+    script(tmp_path / "bin/grep", "exit 1")  # the release has no package of CPython 3.9
     return {
         "PATH": f"{tmp_path}/bin:/usr/bin:/bin",
         "HOME": str(tmp_path),
