@@ -58,7 +58,7 @@ def checkout(tmp_path: Path) -> Path:
         ("tests", "similar: make test;"),
         ("wheel", "similar: make wheels;"),
         ("nonsense", '"make nonsense"; make help lists all'),
-        ("PRESET=relaese run", "choose release, debug or asan"),
+        ("PRESET=fast run", "choose release, debug or asan"),
         ("PRESET=module run", "choose release, debug or asan"),
     ],
 )
