@@ -107,9 +107,8 @@ def test_bootstrap_lists_packages_of_container_file() -> None:
 def test_uv_without_package_index_says_so(checkout: Path, tmp_path: Path, is_new: bool) -> None:
     """pip fails where uv is missing, and uv where it is installed."""
     uv = checkout / ".python/uv"
-    script(uv / "bin/python", "exit 1")
     script(uv / "bin/uv", "exit 2")
-    python = script(tmp_path / "python3", "exit 0")
+    python = script(tmp_path / "python3", "exit 1")
     if not is_new:
         shutil.copy(checkout / "requirements/uv.txt", uv / "requirements.txt")
         (uv / "index").touch()
