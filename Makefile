@@ -39,7 +39,8 @@ help:  ## List these commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-24s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
 .PHONY: run
-run: build  ## Call all thirty functions against this machine's state
+run: bootstrap-run $(BUILD)/build.ninja  ## Call all thirty functions against this machine's state
+	$(call build,$(PRESET),modules_util simulator veldarin_simulator/siblings/all)
 	@$(RUN) -m veldarin_simulator demo
 
 .PHONY: console
