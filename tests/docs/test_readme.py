@@ -5,6 +5,7 @@ from __future__ import annotations
 import os
 import re
 import shutil
+import shlex
 import subprocess
 import sys
 from pathlib import Path
@@ -46,7 +47,7 @@ def test_simulator_page_command_prints_shown_output(command: str, output: str) -
     assert ".venv/bin/python " in command
     done = subprocess.run(
         # Both streams as a terminal shows them, one after the other.
-        ["sh", "-c", f"({command.replace('.venv/bin/python', sys.executable)}) 2>&1"],
+        ["sh", "-c", f"({command.replace('.venv/bin/python', shlex.quote(sys.executable))}) 2>&1"],
         cwd=isolated.ROOT,
         capture_output=True,
         text=True,

@@ -16,6 +16,7 @@ from pathlib import Path
 from typing import Any
 
 import pytest
+import shlex
 
 from tests.support.function_table import FUNCTIONS
 from tests.support.netns import ROOT
@@ -446,7 +447,7 @@ def test_unusable_state_directory_is_reported(
 
 
 def test_closed_pipe_is_not_an_error() -> None:
-    command = f"{' '.join(TOOL)} demo | head -n 1"
+    command = f"{shlex.join(TOOL)} demo | head -n 1"
     done = run_process("bash", "-c", f"set -o pipefail; {command}")
     assert (done.returncode, done.stderr) == (0, "")
     assert done.stdout.count("\n") == 1

@@ -13,20 +13,13 @@ from pathlib import Path
 import pytest
 
 from tests.support import isolated
+from tests.tooling.test_setup_scripts import commands_without_python, script
 
 pytestmark = pytest.mark.workstation_only("about the workstation's commands")
 ROOT = isolated.ROOT
 LIMIT = 60.0
 # Root could write anywhere.
 AS_USER = ["setpriv", "--bounding-set=-all", "--inh-caps=-all"] if os.geteuid() == 0 else []
-
-
-def script(path: Path, text: str) -> Path:
-    """Write an executable shell script."""
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(f"#!/bin/bash\n{text}\n")
-    path.chmod(0o755)
-    return path
 
 
 def run(*command: str | Path, folder: Path = ROOT, **environment: str) -> tuple[int, str, str]:
@@ -144,7 +137,7 @@ def without_python(checkout: Path, tmp_path: Path) -> dict[str, str]:
     script(tmp_path / "bin/apt-get", "true")
     script(tmp_path / "bin/grep", "exit 1")  # the release has no package of CPython 3.9
     return {
-        "PATH": f"{tmp_path}/bin:/usr/bin:/bin",
+        "PATH": f"{tmp_path}/bin:{commands_without_python(tmp_path / 'commands')}",
         "HOME": str(tmp_path),
         "XDG_CACHE_HOME": str(tmp_path / "cache"),
         "PYENV_ROOT": "",

@@ -31,6 +31,15 @@ def script(path: Path, text: str) -> Path:
     return path
 
 
+def commands_without_python(folder: Path) -> Path:
+    """Return a folder with the system's commands, without an interpreter that Debian installed."""
+    folder.mkdir()
+    for command in Path("/usr/bin").iterdir():
+        if "python" not in command.name:
+            (folder / command.name).symlink_to(command)
+    return folder
+
+
 def wait_until(condition: Callable[[], object]) -> None:
     """Wait for a condition, and fail if it does not come true."""
     end = time.monotonic() + LIMIT
@@ -159,8 +168,9 @@ def test_find_python_ctrl_c_tries_no_other_way(
     script(tmp_path / "bin/python3", '[ "$1" = -c ]')
     script(tmp_path / "bin/python3.9", "exit 1")
     script(tmp_path / "bin/grep", "exit 1")  # the release has no package of CPython 3.9
-    binaries, home = shlex.quote(str(tmp_path / "bin")), shlex.quote(str(tmp_path))
-    environment = f"PATH={binaries}:/usr/bin:/bin HOME={home} PYENV_ROOT= PYTHON39="
+    commands = commands_without_python(tmp_path / "commands")
+    path, home = shlex.quote(f"{tmp_path}/bin:{commands}"), shlex.quote(str(tmp_path))
+    environment = f"PATH={path} HOME={home} PYENV_ROOT= PYTHON39="
     terminal.send(f'{environment} tools/find-python; echo "status=$?."\n')
     wait_until(lambda: started.exists() and started.read_text().endswith("\n"))
     terminal.send("\x03")
