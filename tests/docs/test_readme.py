@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import os
 import re
-import shutil
 import shlex
+import shutil
 import subprocess
 import sys
 from pathlib import Path

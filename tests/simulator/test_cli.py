@@ -8,6 +8,7 @@ import json
 import os
 import pty
 import re
+import shlex
 import struct
 import subprocess
 import sys
@@ -16,7 +17,6 @@ from pathlib import Path
 from typing import Any
 
 import pytest
-import shlex
 
 from tests.support.function_table import FUNCTIONS
 from tests.support.netns import ROOT
