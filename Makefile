@@ -11,6 +11,18 @@ SHELL := bash
 MAKEFLAGS += --no-print-directory
 
 PRESET ?= release
+ifeq ($(filter release debug asan,$(PRESET)),)
+$(error PRESET=$(PRESET): choose release, debug or asan; the others have a command, see make help)
+endif
+# A goal that is not a command: make takes a folder's name for something that is up to date.
+ifneq ($(MAKECMDGOALS),)
+commands := $(shell sed -n 's/^\.PHONY: //p' $(firstword $(MAKEFILE_LIST)))
+similar = $(strip $(foreach name,$(commands),\
+	$(if $(filter $(name)%,$1)$(filter $1%,$(name)),make $(name))))
+$(foreach goal,$(filter-out $(commands) bootstrap-% build/%,$(MAKECMDGOALS)),$(error no command \
+	"make $(goal)"$(if $(call similar,$(goal)),; similar: $(call similar,$(goal))); make help lists all))
+endif
+
 BUILD := build/$(PRESET)
 PYTHON := .venv/bin/python
 CMAKE := .venv/bin/cmake
@@ -27,7 +39,8 @@ help:  ## List these commands
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / {printf "make %-24s %s\n", $$1, $$2}' $(MAKEFILE_LIST)
 
 .PHONY: run
-run: build  ## Call all thirty functions against this machine's state
+run: bootstrap-run $(BUILD)/build.ninja  ## Call all thirty functions against this machine's state
+	$(call build,$(PRESET),modules_util simulator veldarin_simulator/siblings/all)
 	@$(RUN) -m veldarin_simulator demo
 
 .PHONY: console

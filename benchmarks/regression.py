@@ -38,8 +38,8 @@ BASELINE = Path(__file__).with_name("baseline.json")
 TOLERANCE = 0.03
 # Instructions. The alignment of a short text changes those of `strlen` by up to this many.
 _SLACK = 16
-# For ratios on a toolchain without absolute counts.
-UNKNOWN_TOOLCHAIN_TOLERANCE = 0.10
+# For ratios on a toolchain without absolute counts: GCC 10's are up to 12 % above GCC 12's.
+UNKNOWN_TOOLCHAIN_TOLERANCE = 0.20
 
 MAX_GROWTH = hostile.FACTOR + 1
 

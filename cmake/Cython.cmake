@@ -10,14 +10,14 @@ function(add_cython_module name folder)
     cmake_path(GET path PARENT_PATH package)
     cmake_path(GET path FILENAME file_name)
 
+    # Cython's depfile does not quote a blank in a path.
+    file(GLOB_RECURSE declarations CONFIGURE_DEPENDS ${folder}/*.pxd)
     file(MAKE_DIRECTORY ${generated_folder})
     add_custom_command(
         OUTPUT ${generated}
-        COMMAND ${Python_EXECUTABLE} -m cython -3 --depfile --module-name ${name} --include-dir ${folder}
+        COMMAND ${Python_EXECUTABLE} -m cython -3 --module-name ${name} --include-dir ${folder}
             --output-file ${generated} ${source}
-        WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}  # what the depfile's paths are relative to
-        DEPENDS ${source}
-        DEPFILE ${generated}.dep
+        DEPENDS ${source} ${declarations}
         COMMENT "Cythonizing ${name}"
         VERBATIM
     )

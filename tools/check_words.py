@@ -11,8 +11,11 @@ from __future__ import annotations
 import re
 import subprocess
 import sys
+import tempfile
 from fnmatch import fnmatch
 from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
 
 # Word, as a regular expression: what to write instead. A blank matches "_" and "-" too.
 WORDS = {
@@ -72,11 +75,20 @@ ALTERNATIVES = "|".join(f"(?P<w{number}>{word})" for number, word in enumerate(W
 PATTERN = re.compile(f"(?<![a-z])(?:{ALTERNATIVES})(?![a-z])".replace(" ", "[ _-]"), re.IGNORECASE)
 
 
-def project_files() -> list[str]:
-    """Returns the files that are in the repository or about to be."""
-    command = ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"]
-    listed = subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout
-    return [name for name in listed.split("\0") if name and Path(name).is_file()]
+def project_files(*patterns: str) -> list[str]:
+    """Returns the files that are in the repository or about to be, and match one of the patterns.
+
+    An unpacked archive is not a repository: every file counts that git would not ignore.
+    """
+    listing = ["ls-files", "-z", "--cached", "--others", "--exclude-standard", "--", *patterns]
+    with tempfile.TemporaryDirectory() as empty:
+        where = []
+        if not (ROOT / ".git").exists():
+            subprocess.run(["git", "init", "--quiet", "--bare", empty], check=True)
+            where = ["--git-dir", empty, "--work-tree", str(ROOT)]
+        command = ["git", *where, *listing]
+        done = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, text=True, check=True)
+    return [name for name in done.stdout.split("\0") if name and (ROOT / name).is_file()]
 
 
 def findings(file: str) -> list[str]:

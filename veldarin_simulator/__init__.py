@@ -4,6 +4,16 @@
 `python -m veldarin_simulator --help` lists the command-line tools.
 """
 
+import importlib.util
+import sys
+
+if sys.argv[:1] == ["-m"] and not all(map(importlib.util.find_spec, ("pyramid", "ujson"))):
+    # `python -m veldarin_simulator`: a person has started another interpreter.
+    sys.exit(
+        f"veldarin_simulator: {sys.executable} lacks the simulator's packages;"
+        " run `make build`, then .venv/bin/python -m veldarin_simulator"
+    )
+
 from veldarin_simulator.call_log import Calls, GILProbes, LiveObjects, NativeCall
 from veldarin_simulator.extras import MissingPackageError
 from veldarin_simulator.reply import RawJSON, Reply, Source

@@ -9,7 +9,6 @@ from __future__ import annotations
 import re
 import subprocess
 import sys
-import sysconfig
 from collections.abc import Iterator
 from pathlib import Path
 from typing import NamedTuple
@@ -166,10 +165,10 @@ def find_unreviewed_calls() -> list[str]:
 
 def find_unreviewed_symbols(module: Path) -> list[str]:
     """Find functions of the interpreter that the built file uses and neither list names."""
-    interpreter = Path(sys.executable).resolve()
-    if sysconfig.get_config_var("Py_ENABLE_SHARED"):
-        maps = Path("/proc/self/maps").read_text().splitlines()
-        interpreter = next(Path(line.split()[-1]) for line in maps if "/libpython3.9" in line)
+    # A build with the library may have an executable that does not need it, as Debian's.
+    maps = Path("/proc/self/maps").read_text().splitlines()
+    libraries = (Path(line.split(maxsplit=5)[5]) for line in maps if "/libpython3.9" in line)
+    interpreter = next(libraries, Path(sys.executable).resolve())
     defined = read_symbols(interpreter, "--defined-only")
     functions = {name for kind, name in defined if kind in "TW"}
     undefined = {name for _kind, name in read_symbols(module, "--undefined-only")}

@@ -18,7 +18,7 @@ root=$(cd "$here/../.." && pwd)
 cache=${XDG_CACHE_HOME:-$HOME/.cache}/modules-util-mips
 
 key_of() { cat "$@" | sha256sum | cut -c1-12; }
-interpreter=$cache/interpreter-$(cd "$here" && key_of ../../tools/apt-source config.sh \
+interpreter=$cache/interpreter-$(cd "$here" && key_of ../../tools/apt-fetch config.sh \
     build-libraries build-cpython cpython.site build-launcher launcher.c)
 environment=$cache/environment-$(
     key_of "$here/build-environment" "$root"/requirements/mips-{python,build}.txt - <<<"$interpreter"

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import sys
@@ -46,7 +47,7 @@ def test_simulator_page_command_prints_shown_output(command: str, output: str) -
     assert ".venv/bin/python " in command
     done = subprocess.run(
         # Both streams as a terminal shows them, one after the other.
-        ["sh", "-c", f"({command.replace('.venv/bin/python', sys.executable)}) 2>&1"],
+        ["sh", "-c", f"({command.replace('.venv/bin/python', shlex.quote(sys.executable))}) 2>&1"],
         cwd=isolated.ROOT,
         capture_output=True,
         text=True,

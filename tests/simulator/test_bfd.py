@@ -17,7 +17,8 @@ from veldarin_simulator.providers import bfd
 from veldarin_simulator.reply import Reply
 
 CLI_OUTPUT = Path(__file__).parents[1] / "data" / "cli_output"
-SHELL = f"""#!{sys.executable}
+SHELL = f"""#!/bin/sh
+"exec" "{sys.executable}" "$0" "$@"
 import sys
 from pathlib import Path
 assert sys.argv[1] == "-c" and not sys.stdin.read()

@@ -15,6 +15,8 @@ from veldarin_simulator.providers import storage
 def test_flash_list_has_each_file_system_once() -> None:
     entries = storage.flash_list()
     mounts = [line.split()[:2] for line in Path("/proc/mounts").read_text().splitlines()]
+    if not any(device.startswith("/dev/") for device, _ in mounts):
+        pytest.skip("no device is mounted here: a container, or below chroot")
     assert entries
     assert len({entry["device"] for entry in entries}) == len(entries)
     for entry in entries:

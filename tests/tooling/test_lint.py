@@ -3,13 +3,13 @@
 from __future__ import annotations
 
 import re
-import subprocess
 from pathlib import Path
 
 import pytest
 
 from checks.fault_injection.call_sites import blank_comments
 from tests.support import isolated
+from tools import check_words
 
 ROOT = isolated.ROOT
 MODULE = ROOT / "veldarin" / "modules"
@@ -17,9 +17,7 @@ MODULE = ROOT / "veldarin" / "modules"
 
 def tracked(*patterns: str) -> list[Path]:
     """Files of the project (kept or about to be) that match one of the patterns."""
-    command = ["git", "ls-files", "--cached", "--others", "--exclude-standard", "-z", *patterns]
-    listed = subprocess.run(command, cwd=ROOT, capture_output=True, text=True, check=True).stdout
-    return [ROOT / name for name in listed.split("\0") if name and (ROOT / name).is_file()]
+    return [ROOT / name for name in check_words.project_files(*patterns)]
 
 
 def places(files: list[Path], pattern: str) -> list[str]:

@@ -31,6 +31,15 @@ def script(path: Path, text: str) -> Path:
     return path
 
 
+def commands_without_python(folder: Path) -> Path:
+    """Return a folder with the system's commands, without an interpreter that Debian installed."""
+    folder.mkdir()
+    for command in Path("/usr/bin").iterdir():
+        if "python" not in command.name:
+            (folder / command.name).symlink_to(command)
+    return folder
+
+
 def wait_until(condition: Callable[[], object]) -> None:
     """Wait for a condition, and fail if it does not come true."""
     end = time.monotonic() + LIMIT
@@ -158,8 +167,10 @@ def test_find_python_ctrl_c_tries_no_other_way(
     # Every interpreter is unfit, except that python3 has ensurepip.
     script(tmp_path / "bin/python3", '[ "$1" = -c ]')
     script(tmp_path / "bin/python3.9", "exit 1")
-    binaries, home = shlex.quote(str(tmp_path / "bin")), shlex.quote(str(tmp_path))
-    environment = f"PATH={binaries}:/usr/bin:/bin HOME={home} PYENV_ROOT= PYTHON39="
+    script(tmp_path / "bin/grep", "exit 1")  # the release has no package of CPython 3.9
+    commands = commands_without_python(tmp_path / "commands")
+    path, home = shlex.quote(f"{tmp_path}/bin:{commands}"), shlex.quote(str(tmp_path))
+    environment = f"PATH={path} HOME={home} PYENV_ROOT= PYTHON39="
     terminal.send(f'{environment} tools/find-python; echo "status=$?."\n')
     wait_until(lambda: started.exists() and started.read_text().endswith("\n"))
     terminal.send("\x03")
@@ -323,6 +334,13 @@ def test_bootstrap_named_interpreter_makes_venv_once(
     assert bootstrap(bare_checkout, PYTHON39="") == 1
 
 
+@pytest.mark.parametrize("lost", ["interpreter", "requirements", "bin"])
+def test_bootstrap_damaged_venv_is_made_again(bare_checkout: Path, lost: str) -> None:
+    assert bootstrap(bare_checkout) == 1
+    subprocess.run(["rm", "-r", bare_checkout / ".venv" / lost], check=True)
+    assert [bootstrap(bare_checkout) for _ in range(2)] == [2, 2]
+
+
 @pytest.mark.parametrize("is_moved", [False, True], ids=["copied", "moved"])
 def test_bootstrap_in_another_place_makes_trees_again(
     bare_checkout: Path, tmp_path: Path, is_moved: bool
@@ -368,7 +386,8 @@ def test_bootstrap_without_root_names_all_in_one_line(bare_checkout: Path, packa
     assert done.stderr.count("\n") == 1, done.stderr
     named = set(done.stderr.partition("apt-get install ")[2].split())
     assert {"g++", "pkg-config", "libjson-c-dev", "chromium"} <= named
-    assert named & {"python3-venv", "python3.9-venv"}
+    # With what building an interpreter takes, if the release has none.
+    assert {"python3-venv", "gcc", "libssl-dev"} <= named or "python3.9-venv" in named
     assert not (packages / "started").exists()
 
 
