@@ -140,7 +140,7 @@ def test_serial_number_hides_the_machine_identifier(
         numbers.append(serial_number.read().decode())
     assert numbers[0] == numbers[2] != numbers[1]
     assert len(numbers[0]) == 16
-    assert numbers[0].startswith("STAND-")
+    assert numbers[0].startswith("SIMUL-")
     assert numbers[0][6:].lower() not in first.read_text()
 
 

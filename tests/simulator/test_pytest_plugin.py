@@ -58,7 +58,7 @@ def test_nothing_is_left(simulator: Simulator, number: int) -> None:
 def test_next_test_has_no_sessions(simulator: Simulator) -> None:
     simulator.set_reply("get_cli_cmd_output", "")
     assert modules_util.get_bfd_neighbor("") == {}
-    assert modules_util.serial_number_ascii() == b"STANDIN000000001"
+    assert modules_util.serial_number_ascii() == b"SIMULATOR0000001"
 """,
     )
     result.assert_outcomes(passed=3)

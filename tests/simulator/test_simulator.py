@@ -230,7 +230,7 @@ def serial_number() -> object:
 
 
 def test_serial_number_is_as_set(simulator: Simulator) -> None:
-    assert serial_number() == simulator.serial_number == b"STANDIN000000001"
+    assert serial_number() == simulator.serial_number == b"SIMULATOR0000001"
     simulator.serial_number = b"SN1"
     assert serial_number() == simulator.serial_number == b"SN1"
 
@@ -264,7 +264,7 @@ def test_close_resets_replies_hooks_and_counts(build: None, tmp_path: Path) -> N
         assert native.number("aps_get_new_cookie_id") == 0
         assert simulator.gil_probes == GILProbes(calls=0, released=0)
         assert native.number("__get_aps_hash", b"x") == 0
-        assert serial_number() == b"STANDIN000000001"
+        assert serial_number() == b"SIMULATOR0000001"
         assert simulator.secret_path != tmp_path
         empty = json_object()
         hooks = (simulator.on_create, simulator.on_release)

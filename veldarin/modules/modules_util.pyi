@@ -136,8 +136,8 @@ def aps_unsigned_int_hash(characters: bytes, /) -> int:
             NoneType found".
 
     Example:
-        >>> aps_unsigned_int_hash(b"STANDIN000000001")
-        1880949718
+        >>> aps_unsigned_int_hash(b"SIMULATOR0000001")
+        2161986457
     """
 
 def get_cookie_name(https: object, /) -> str:
@@ -155,9 +155,9 @@ def get_cookie_name(https: object, /) -> str:
 
     Example:
         >>> get_cookie_name(True)
-        'APSCOOKIE_1880949718'
+        'APSCOOKIE_2161986457'
         >>> get_cookie_name("")
-        'APCOOKIE_1880949718'
+        'APCOOKIE_2161986457'
     """
 
 def encrypt_cookie(plain: bytes, /) -> bytes:

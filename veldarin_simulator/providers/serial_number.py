@@ -17,13 +17,13 @@ _PURPOSE = b"appliance serial number"
 
 
 def read() -> bytes:
-    """Return sixteen ASCII characters, "STAND-" and ten hexadecimal digits, stable across boots.
+    """Return sixteen ASCII characters, "SIMUL-" and ten hexadecimal digits, stable across boots.
 
     Raises:
         OSError: The machine has no identifier and none can be stored.
     """
     digest = hmac.new(_machine_identity(), _PURPOSE, hashlib.sha256).hexdigest()
-    return f"STAND-{digest[:10].upper()}".encode("ascii")
+    return f"SIMUL-{digest[:10].upper()}".encode("ascii")
 
 
 def _machine_identity() -> bytes:

@@ -44,12 +44,13 @@ char *copy(TextView text, char *to) {
 
 // About one slot for 32 bytes of text.
 StringCache::StringCache(const Utf8Text &text) : is_ascii_(text.is_ascii), slot_bits_(1) {
-    while (slot_bits_ < max_slot_bits && text.view.size() >> slot_bits_ > 32) ++slot_bits_;
-    std::fill_n(slots_, 1 << slot_bits_, nullptr);
+    const auto size = static_cast<size_t>(text.view.size());
+    while (slot_bits_ < max_slot_bits && size >> slot_bits_ > 32) ++slot_bits_;
+    std::fill_n(slots_, 1U << slot_bits_, nullptr);
 }
 
 StringCache::~StringCache() {
-    for (int i = 0; i < 1 << slot_bits_; ++i) Py_XDECREF(slots_[i]);
+    for (unsigned i = 0; i < 1U << slot_bits_; ++i) Py_XDECREF(slots_[i]);
 }
 
 PyObject *StringCache::new_string(TextView text) const {
@@ -97,7 +98,7 @@ PyObject *&StringCache::slot(TextView text) {
     const auto size = static_cast<uint32_t>(text.size());
     // A large odd factor spreads the differences into the upper bits.
     const uint32_t mixed = ((first * 31 + last) * 31 + size) * 0x165667B1;
-    return slots_[mixed >> (32 - slot_bits_)];
+    return slots_[mixed >> (32U - slot_bits_)];
 }
 
 }  // namespace modules_util

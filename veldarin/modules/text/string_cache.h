@@ -30,7 +30,7 @@ public:
     Ref join(TextView left, TextView between, TextView right);
 
 private:
-    static constexpr int max_slot_bits = 8;
+    static constexpr unsigned max_slot_bits = 8;
 
     [[nodiscard]] PyObject *&slot(TextView text);
 
@@ -39,8 +39,8 @@ private:
 
     bool is_ascii_;
     // Few for a short text: clearing 256 slots takes longer than parsing it.
-    int slot_bits_;
-    PyObject *slots_[1 << max_slot_bits];  // the first 2 ** slot_bits_ are in use: owned, or null
+    unsigned slot_bits_;
+    PyObject *slots_[1U << max_slot_bits];  // the first 2 ** slot_bits_ are in use: owned, or null
 };
 
 }  // namespace modules_util

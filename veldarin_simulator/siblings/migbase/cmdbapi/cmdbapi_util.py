@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-SERIAL_NUMBER = b"STANDIN000000001"  # not a real device's
+SERIAL_NUMBER = b"SIMULATOR0000001"  # not a real device's
 
 serial_number = SERIAL_NUMBER  # the simulator sets it
 
