@@ -52,6 +52,7 @@ def test_probe_detects_caller_that_releases_gil(
     assert simulator.gil_probes == GILProbes(calls=1, released=0)
 
 
+@pytest.mark.slow
 def test_query_holds_gil_across_native_calls(query: Query, counter: ctypes.c_ulong) -> None:
     """A query calls its service and json-c's serializer."""
     if query.native:

@@ -307,7 +307,7 @@ REJECTED = {
     "hop": ("routing", ROUTING + b"% trailer", ":5: the parser rejects this line: '% trailer'"),
     "short header": ("routing", b"\nRouting entry\na\nb\n", ":2: the parser rejects the header"),
     "NUL": ("arp", b"hello\0\nAddress\n", ": the text ends at its first NUL byte, offset 5"),
-    "not UTF-8": ("arp", b"Address\n1 2 3 4\n1 2 3 \xff\n", ":3: the parser rejects this line"),
+    "not UTF-8": ("arp", b"Address\n1 2 3 4\n1 2 3 \xff\n", ":3: not UTF-8: byte 0xff"),
     "no entry": ("routing", b"% Network not in table\n", ': no line begins with "Routing"'),
 }
 

@@ -34,7 +34,7 @@ with Simulator() as simulator:
     except TypeError as error:
         outcome["error"] = [str(error), error.__traceback__.tb_next.tb_lineno]
     outcome["bound"] = [name for name in vars(module) if name.startswith("list_switch_poe")]
-forms = [one for part in function_index(functions()) for one in part["functions"]]
+forms = [one for part in function_index(functions(), {}) for one in part["functions"]]
 (form,) = [one for one in forms if one["name"] == "list_switch_poe_state"]
 outcome["form"] = form["example_call"]
 print(json.dumps(outcome))
