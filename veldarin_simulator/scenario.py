@@ -8,6 +8,7 @@ scenarios/README.md documents the file names for users: `SERVICE.json` holds the
 from __future__ import annotations
 
 import json
+import math
 import os
 import re
 from collections.abc import Iterator, Mapping
@@ -323,8 +324,13 @@ def _parsed(name: str, text: bytes) -> Any:
         (found, *_) = (match for match in _CONSTANT.finditer(decoded) if match[1] == constant)
         reject(found.start(), f"{constant} is not valid JSON")
 
+    def parse_float(number: str) -> float:
+        if math.isinf(float(number)):
+            reject(decoded.index(number), f"{number[:40]} is greater than every float")
+        return float(number)
+
     try:
-        value = json.loads(decoded, parse_constant=reject_constant)
+        value = json.loads(decoded, parse_constant=reject_constant, parse_float=parse_float)
         json.dumps(value, ensure_ascii=False).encode()
     except json.JSONDecodeError as error:
         reject(error.pos, f"not JSON: {error.msg}")

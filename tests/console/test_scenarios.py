@@ -210,6 +210,7 @@ def test_loading_a_scenario_keeps_the_simulator(
         (LAG, "[\n1,\n]", 3, "not JSON"),
         (LAG, "", 1, "not JSON"),
         (LAG, "[NaN]", 1, "NaN is not valid JSON"),
+        (LAG, "[1e999]", 1, "1e999 is greater than every float"),
         (LAG, '"\\ud800"', 1, "lone surrogates are not allowed"),
         (LAG, "\ud800", None, "lone surrogates are not allowed"),
         (LAG, "[" * 100_000, None, "not JSON"),

@@ -194,6 +194,18 @@ def test_call_passes_numbers_and_keywords(run: Any) -> None:
     assert json.loads(out)["state"] == "Running"
 
 
+def test_call_prints_what_the_module_logs(run: Any, tmp_path: Path) -> None:
+    (tmp_path / "cli").mkdir()
+    peers = "BFD\n\npeer 192.0.2.1\n"
+    (tmp_path / "cli" / "get router info bfd neighbor.txt").write_text(peers)
+    status, _, err = run(
+        "call", "--scenario", str(tmp_path), "get_bfd_neighbor", "get router info bfd neighbor"
+    )
+    assert status == 0
+    logged = "veldarin.modules.modules_util logged DEBUG: e:list index out of range"
+    assert f"veldarin_simulator: {logged}\n" in err
+
+
 def test_call_prints_only_the_modules_traceback(run: Any) -> None:
     status, out, err = run("call", "switch_acl_ingress_counter", "1", "2")
     assert (status, out) == (1, "")

@@ -351,6 +351,7 @@ def test_link_without_target_and_pipe_are_rejected(tmp_path: Path) -> None:
         (b'{\n  "a": "\xc3\xa9\xff"\n}', "2:10: not UTF-8"),
         ('{"é": 1 2}'.encode(), "1:9: not JSON: Expecting ',' delimiter"),
         (b'["NaN",\n "\\"NaN",  -Infinity]', "2:12: -Infinity is not valid JSON"),
+        (b"[1.5,\n 1e999]", "2:2: 1e999 is greater than every float"),
         (b'["\\ud83d\\ude00", "\\\\ud800",\n "\\uDC00"]', "2:3: lone surrogates are not allowed"),
         (b"", "1:1: not JSON: Expecting value"),
     ],

@@ -8,14 +8,15 @@ import traceback
 from pathlib import Path
 from typing import Any
 
+from veldarin_simulator import module_log
 from veldarin_simulator.cli import common
 from veldarin_simulator.similar import did_you_mean
 from veldarin_simulator.stub import ArgumentError, Function
 
 _DESCRIPTION = """\
 Call a function of veldarin.modules.modules_util and print its result as JSON
-(bytes as text). Print the source of each reply, live or recorded, to standard
-error.
+(bytes as text). Print the source of each reply, live or recorded, and what the
+module logs to standard error.
 
 The declared type of a parameter determines its argument:
   None or null     None, for every parameter
@@ -113,8 +114,11 @@ def _call(scenario: Path | None, name: str, positional: list[Any], keywords: dic
         function = getattr(simulator.module, name)
         simulator.clear_calls()
         try:
-            return function(*positional, **keywords)
+            with module_log.capture() as records:
+                return function(*positional, **keywords)
         finally:
+            for record in records:
+                common.info(f"{record.logger} logged {record.level}: {record.message}")
             sources = {call.service: call.source for call in simulator.call_log}
             for service, source in sources.items():
                 if source != "none":
