@@ -100,6 +100,7 @@ end of stack
         (isolated.MODULE_PATH.name, "/lib/libpython3.9.so.1.0(Py", "in the module"),
         ("other.so", "", "outside the module"),
     ],
+    ids=["called by the module", "in the module", "outside"],
 )
 def test_crash_report_has_place_and_current_call(module: str, left_out: str, place: str) -> None:
     stderr = "before\n" + DIED.format(module=module).replace(left_out or "no such text", "")
