@@ -14,7 +14,7 @@ from typing import Callable
 
 import pytest
 
-from tests.support import reference
+from tests.support import event_loop, reference
 from tests.support.doubles import failing_open
 from tests.support.fake_cli import FakeCli
 
@@ -220,7 +220,7 @@ def test_asyncio_tasks_handle_only_their_own_exceptions(handle: Handle) -> None:
     async def tasks() -> list[list[object]]:
         return [*await asyncio.gather(task(), task())]
 
-    assert asyncio.run(tasks()) == [[True, None, None] * 3] * 2
+    assert event_loop.run(tasks()) == [[True, None, None] * 3] * 2
 
 
 def context_chain() -> list[type[BaseException]]:

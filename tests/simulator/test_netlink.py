@@ -2,17 +2,16 @@
 
 from __future__ import annotations
 
-import asyncio
 import json
 import os
 import subprocess
-from concurrent.futures import ThreadPoolExecutor
 from ipaddress import ip_network
 from types import ModuleType
 
 import pytest
 from pyroute2.netlink.rtnl.ndmsg import NUD_STALE
 
+from tests.support import event_loop
 from tests.support.netns import (
     ENV_WITHOUT_SANITIZER,
     PORTS,
@@ -112,10 +111,7 @@ def test_query_inside_event_loop_succeeds() -> None:
     async def from_a_coroutine() -> str:
         return arp.listing()
 
-    # In a thread of its own: this one may run the event loop of the browser tests.
-    with ThreadPoolExecutor(1) as pool:
-        text = pool.submit(asyncio.run, from_a_coroutine()).result()
-    assert text.startswith("Address")
+    assert event_loop.run(from_a_coroutine()).startswith("Address")
 
 
 ROUTES = (
