@@ -48,8 +48,10 @@ console: bootstrap-console build  ## Serve the web console, which calls every fu
 	@$(RUN) -m veldarin_simulator console $(ARGS)
 
 .PHONY: check
-check: lint build  ## Lint, and run the module's own tests; for the inner loop
-	@HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS)
+check: bootstrap-lint build  ## Lint, and run the module's own tests; for the inner loop
+	@$(MAKE) lint & \
+	HYPOTHESIS_EXAMPLES=10 $(RUN) -m pytest -q -p no:xdist -m "not slow" tests/module $(ARGS); \
+	status=$$?; wait $$! && exit $$status
 
 .PHONY: test
 test: bootstrap-browser+lint+callgrind+example lint build wheels  ## Lint, and run every test

@@ -27,6 +27,8 @@ from tests.support.doubles import Recorder, StrSubclass
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import Simulator
 
+pytestmark = pytest.mark.slow
+
 settings.register_profile(
     "differential",
     max_examples=int(os.environ.get("HYPOTHESIS_EXAMPLES", "250")),

@@ -15,6 +15,8 @@ import pytest
 from tests.support.query_cases import Query
 from veldarin_simulator import GILProbes, Simulator
 
+pytestmark = pytest.mark.slow
+
 # Milliseconds that a native call waits; another thread acquires a released GIL much sooner.
 HELD, RELEASED = 20, 10_000
 
@@ -52,7 +54,6 @@ def test_probe_detects_caller_that_releases_gil(
     assert simulator.gil_probes == GILProbes(calls=1, released=0)
 
 
-@pytest.mark.slow
 def test_query_holds_gil_across_native_calls(query: Query, counter: ctypes.c_ulong) -> None:
     """A query calls its service and json-c's serializer."""
     if query.native:

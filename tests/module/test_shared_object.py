@@ -15,6 +15,8 @@ import pytest
 
 from tests.support import isolated
 
+pytestmark = pytest.mark.slow
+
 BRIDGE = """
     build_switch_acl_ingress_stats build_switch_stp_state build_switch_lg_state
     build_switch_flapguard_status build_switch_port_statistics build_switch_lldp_state
