@@ -67,7 +67,8 @@ EXCEPTIONS = {
     "requirements/*": "names of packages",
     "checks/fuzz/corpus/*": "inputs",
     "checks/fuzz/crashes/*": "inputs",
-    "veldarin_simulator/scenarios/*": "recorded replies",
+    "veldarin_simulator/scenarios/*.json": "recorded replies",
+    "veldarin_simulator/scenarios/*.txt": "recorded replies",
     "tests/data/*": "recorded output",
 }
 

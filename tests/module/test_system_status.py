@@ -3,6 +3,7 @@ comparison semantics."""
 
 from __future__ import annotations
 
+import ctypes
 from collections.abc import Iterator
 from types import ModuleType, SimpleNamespace
 from typing import Any, Callable
@@ -190,6 +191,25 @@ def test_parsed_objects_are_used_as_in_python(
 ) -> None:
     parsed.value = reply
     assert module.list_system_interface_physical("B") is B
+
+
+def unready(text: str) -> str:
+    """Return a string in the storage of the old C interface, which has no compact form yet."""
+    create = ctypes.PYFUNCTYPE(ctypes.py_object, ctypes.c_wchar_p, ctypes.c_ssize_t)
+    storage = ctypes.PYFUNCTYPE(ctypes.c_void_p, ctypes.py_object)
+    string: str = create(("PyUnicode_FromUnicode", ctypes.pythonapi))(None, len(text))
+    wide = ctypes.create_unicode_buffer(text)
+    begin = storage(("PyUnicode_AsUnicode", ctypes.pythonapi))(string)
+    ctypes.memmove(begin, wide, len(text) * ctypes.sizeof(ctypes.c_wchar))
+    return string
+
+
+def test_names_that_are_not_ready_are_compared(module: ModuleType, parsed: SimpleNamespace) -> None:
+    entries = [{"name": unready("port1")}, {"name": unready("port2")}, A]
+    parsed.value = [{"interface": entries}]
+    assert module.list_system_interface_physical("port2") is entries[1]
+    parsed.value = [{"interface": [A, {"name": "port2"}, B]}]
+    assert module.list_system_interface_physical(unready("port2"))["name"] == "port2"
 
 
 def test_iteration_stops_at_first_equal_name(module: ModuleType, parsed: SimpleNamespace) -> None:

@@ -14,6 +14,17 @@ ROUTING = (
     "  Last update 01:02:03 ago\n"
     "  * 198.51.100.1, via port1\n"
 )
+BFD = """\
+get router info bfd neighbor
+peer 10.0.0.2 interface port1
+    Status: down
+    Local timers
+        Detect Multiplier: 3
+        Receive Interval: 250
+        Transmit Interval: 250
+peer 10.0.0.3 interface port2
+    Status: up
+"""
 SCENARIO = Scenario(
     {
         "cli/get system arp.txt": ARP.encode(),

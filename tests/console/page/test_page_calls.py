@@ -7,19 +7,8 @@ import re
 from typing import Any
 
 from tests.support.browser import Visit
+from tests.support.console import BFD
 from tests.support.function_table import FUNCTIONS
-
-BFD = """\
-get router info bfd neighbor
-peer 10.0.0.2 interface port1
-    Status: down
-    Local timers
-        Detect Multiplier: 3
-        Receive Interval: 250
-        Transmit Interval: 250
-peer 10.0.0.3 interface port2
-    Status: up
-"""
 
 
 def test_every_function_is_listed_and_can_be_called(visit: Visit) -> None:

@@ -3,6 +3,7 @@
 
 #include <frameobject.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "veldarin/modules/state.h"
@@ -13,20 +14,15 @@ namespace {
 
 constexpr char source_file[] = "veldarin/modules/modules_util";
 
-// The last code object that begins no later than `line`; borrowed, null if there is none.
+// The last code object that begins no later than `line`, borrowed. There is one: functions run only
+// after the import, and no line comes before that of the first function.
 PyObject *find_code(int line) {
-    Py_ssize_t first = 0;
-    for (Py_ssize_t count = PyList_GET_SIZE(state.code_objects); count > 0;) {
-        const Py_ssize_t half = count / 2;
-        PyObject *code = PyList_GET_ITEM(state.code_objects, first + half);
-        if (reinterpret_cast<PyCodeObject *>(code)->co_firstlineno <= line) {
-            first += half + 1;
-            count -= half + 1;
-        } else {
-            count = half;
-        }
-    }
-    return first > 0 ? PyList_GET_ITEM(state.code_objects, first - 1) : nullptr;
+    PyObject **const codes = reinterpret_cast<PyListObject *>(state.code_objects)->ob_item;
+    const auto is_before = [](int each, PyObject *code) {
+        return each < reinterpret_cast<PyCodeObject *>(code)->co_firstlineno;
+    };
+    return std::upper_bound(codes, codes + PyList_GET_SIZE(state.code_objects), line,
+                            is_before)[-1];
 }
 
 // A code object for a function, or for the import (null).
