@@ -34,6 +34,7 @@ private:
 
     [[nodiscard]] PyObject *&slot(TextView text);
 
+    // make() and make_cached(), with the result in a register: a Ref is returned in memory.
     [[nodiscard]] PyObject *new_string(TextView text) const;
     PyObject *cached_string(TextView text);
 
