@@ -167,6 +167,14 @@ def not_strings(name: str) -> str:
 
 
 LONG = "x" * 300
+# Type names, and what is left of 200 bytes of them; U+FFFD replaces a character that is cut.
+TRUNCATED = [
+    (LONG, LONG[:200]),
+    ("x" * 199 + "ß", "x" * 199 + "\ufffd"),
+    ("x" * 198 + "€", "x" * 198 + "\ufffd"),
+    ("x" * 197 + "😀", "x" * 197 + "\ufffd"),
+    ("€" * 100, "€" * 66 + "\ufffd"),
+]
 
 
 UNKNOWN = ["other", "", "Policy_id", "policy_id ", "profile-name", "größe", LONG, "\x00"]
@@ -426,8 +434,9 @@ def test_typed_parameter_accepts_exact_type_only(
         for args, kwargs in calls:
             text = binding_error(module, function.name, args, kwargs)
             assert text == wrong_type_message(parameter.name, parameter.type.__name__, value)
-    cut = arguments_around(function, position, of_type_named(LONG))
-    assert binding_error(module, function.name, cut).endswith(f", got {LONG[:200]})")
+    for name, shown in TRUNCATED:
+        given = arguments_around(function, position, of_type_named(name))
+        assert binding_error(module, function.name, given).endswith(f", got {shown})")
     assert (made, simulator.call_log) == ([], [])
 
 

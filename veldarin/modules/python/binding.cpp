@@ -2,20 +2,25 @@
 // that remain, defaults. Then it tests the types.
 #include "veldarin/modules/python/binding.h"
 
+#include <cstring>
+
 namespace modules_util {
 
 namespace {
+
+// Longer names are truncated.
+constexpr size_t max_name = 200;
 
 bool raise_wrong_count(const char *name, const Function &function, Py_ssize_t given) {
     const bool too_many = given > function.count;
     const bool exact = function.count == function.required;
     const Py_ssize_t limit = too_many ? function.count : function.required;
-    PyErr_Format(PyExc_TypeError, "%.200s() takes %.8s %zd positional argument%.1s (%zd given)",
-                 name,
-                 exact      ? "exactly"
-                 : too_many ? "at most"
-                            : "at least",
-                 limit, limit == 1 ? "" : "s", given);
+    char start[2 * max_name];
+    char *end = stpcpy(start, name);
+    end = stpcpy(end, "() takes ");
+    stpcpy(end, exact ? "exactly" : too_many ? "at most" : "at least");
+    PyErr_Format(PyExc_TypeError, "%s %zd positional argument%s (%zd given)", start, limit,
+                 limit == 1 ? "" : "s", given);
     return false;
 }
 
@@ -70,9 +75,15 @@ bool bind_keywords(const char *name, const Function &function, PyObject *keyword
 }  // namespace
 
 void raise_wrong_type(const Parameter &parameter, PyObject *argument) {
-    PyErr_Format(
-        PyExc_TypeError, "Argument '%.200U' has incorrect type (expected %.200s, got %.200s)",
-        interned[parameter.name], accepted_type(parameter)->tp_name, Py_TYPE(argument)->tp_name);
+    char message[4 * max_name];
+    char *end = stpcpy(message, "Argument '");
+    end = stpcpy(end, static_cast<const char *>(PyUnicode_DATA(interned[parameter.name])));
+    end = stpcpy(end, "' has incorrect type (expected ");
+    end = stpcpy(end, accepted_type(parameter)->tp_name);
+    end = stpcpy(end, ", got ");
+    end = stpncpy(end, Py_TYPE(argument)->tp_name, max_name);
+    stpcpy(end, ")");
+    PyErr_Format(PyExc_TypeError, "%s", message);
 }
 
 bool bind(const char *name, const Function &function, PyObject *positional, PyObject *keywords,
