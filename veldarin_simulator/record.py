@@ -285,8 +285,9 @@ class Recorder:
         except OSError as error:  # the name is too long
             raise ValueError(f"cannot be recorded: {error.strerror}") from error
         try:
-            output = str(self._run(self._redactor.restore(command) if self._redactor else command))
-            self._check()
+            with self._checked():
+                restored = self._redactor.restore(command) if self._redactor else command
+                output = str(self._run(restored))
             if _PAGER_PROMPT in output:
                 raise ValueError("the output has a pager prompt that the module would remove")
             output.encode()
@@ -312,8 +313,8 @@ class Recorder:
         self.calls += 1
         shown = f"{function}({', '.join(map(repr, arguments))})"
         try:
-            outcome = call()
-            self._check()
+            with self._checked():
+                outcome = call()
             _digest(outcome)  # fails for what JSON cannot hold
         except _Fatal as fatal:
             raise fatal.error from None
@@ -325,6 +326,14 @@ class Recorder:
             return None
         self._report(f"{self.calls:>5}  {shown}")
         return outcome
+
+    @contextlib.contextmanager
+    def _checked(self) -> Iterator[None]:
+        """Raise what the calls inside could not report, instead of the error that it caused."""
+        try:
+            yield
+        finally:
+            self._check()
 
     def _try_write(self, shown: str, write: Callable[[], None]) -> bool:
         """Write a file, unless its name is too long for the file system."""

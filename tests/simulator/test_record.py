@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import argparse
 import copy
 import json
 import os
@@ -429,6 +430,28 @@ def test_failing_calls_are_listed_and_the_rest_recorded(tmp_path: Path, capsys: 
     assert f"{len(failed)} failed" in err
     assert main(["record", "--check", str(folder)]) == 0
     assert (folder / "build_system_flash_list.json").read_text() == '"text"'
+
+
+def test_error_of_a_reply_belongs_to_its_call(tmp_path: Path) -> None:
+    folder = tmp_path / "recording"
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--into")
+    record.add_options(parser)
+    options = parser.parse_args(["--into", str(folder), "--command", "show", "--quiet"])
+    lines: list[str] = []
+    with open_device() as simulator:
+        simulator.set_reply("get_cli_cmd_output", lambda _: 1 // 0)
+        assert record.run(options, simulator.module, simulator.raise_errors, lines.append) == 1
+        simulator.raise_errors()
+    failed = [line for line in lines if line.startswith("failed: ")]
+    assert [line for line in failed if "): ZeroDivisionError: " not in line] == []
+    assert [line.split("(")[0] for line in failed] == [
+        "failed: get_system_arp_result",
+        *["failed: get_bfd_neighbor"] * 2,
+        *["failed: get_cli_command_output"] * 2,
+        "failed: get_cli_command_output",
+    ]
+    assert main(["record", "--check", str(folder)]) == 0
 
 
 def test_progress_is_one_line_for_each_call(tmp_path: Path, capsys: Any) -> None:
