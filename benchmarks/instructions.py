@@ -3,7 +3,7 @@
 `count` and `count_hostile` start this file as a process under callgrind, with a JSON request on
 standard input. The process runs each competitor n times and then 5n times; the difference excludes
 what happens only once. Hash randomization and the garbage collector are off. Callgrind writes each
-count to a file under a label; the process prints the allocations.
+count to a file under a label; the process prints the labels and, in the last line, the allocations.
 
 `count` can also start it on the MIPS interpreter. The emulator then writes how many instructions it
 has executed whenever the process makes a request of callgrind.
@@ -34,16 +34,16 @@ _FACTOR = 5
 # The interpreter caches a Python function's global names after that many calls (ceval.c).
 _HOT = 1024
 _IMPORT = "import"
-_LABEL = re.compile(r"^desc: Trigger: Client Request: (.*)/(.*)/(\d+)$", re.MULTILINE)
+_LABEL = re.compile(r"^desc: Trigger: Client Request: (.*)$", re.MULTILINE)
 _TOTAL = re.compile(r"^(?:totals|summary): (\d+)", re.MULTILINE)
 
 # By workload and competitor: a figure per row, or per call.
 Table = dict[str, dict[str, float]]
 # By hostile text: instructions of one call at the smaller and at the larger size.
 Growth = dict[str, tuple[int, int]]
-# Workload, competitor and number of calls; or hostile text, size and 1.
-Label = tuple[str, str, int]
-Totals = dict[Label, int]  # instructions
+# Workload, competitor and number of calls; or hostile text, size and 1. In text, with slashes between.
+_Label = tuple[str, str, int]
+Totals = dict[_Label, int]  # instructions
 _Request = Mapping[str, Sequence[str]]
 
 
@@ -66,7 +66,7 @@ def count(
     """
     request = {"workloads": [each.name for each in chosen], "competitors": list(names)}
     output, totals = (_run_emulator if on_mips else _run_callgrind)(request)
-    allocations: Table = json.loads(output)
+    allocations: Table = json.loads(output.splitlines()[-1])
     imports: dict[str, float] = {
         name: total for (workload, name, _), total in totals.items() if workload == _IMPORT
     }
@@ -112,7 +112,7 @@ def _run_emulator(request: _Request) -> tuple[str, Totals]:
         requests = Path(folder, "requests")
         command = ["cross/mips/count-instructions", str(requests), "python"]
         output = _run(command, request, MODULES_UTIL_BUILD="build/mips")
-        return output, read_requests(requests.read_text(), _labels(request, json.loads(output)))
+        return output, read_requests(requests.read_text(), output.splitlines()[:-1])
 
 
 def _run(interpreter: Sequence[str], request: _Request, **environment: str) -> str:
@@ -132,22 +132,8 @@ def _run(interpreter: Sequence[str], request: _Request, **environment: str) -> s
     return done.stdout
 
 
-def _labels(request: _Request, allocations: Table) -> list[Label]:
-    """Return the labels of all counts in the order in which the process makes them."""
-    calls = {each.name: each.calls for each in workloads.COUNTED}
-    return [
-        *((_IMPORT, name, 1) for name in (MODULE, CYTHON) if name in request["competitors"]),
-        *(
-            (workload, name, calls[workload] * factor)
-            for workload, row in allocations.items()
-            for name in row
-            for factor in (1, _FACTOR)
-        ),
-    ]
-
-
-def read_requests(text: str, labels: Sequence[Label]) -> Totals:
-    """Return the counts that the emulator wrote.
+def read_requests(text: str, labels: Sequence[str]) -> Totals:
+    """Return the counts that the emulator wrote, by their labels.
 
     Each line has the address of a request and the number of instructions executed before it. The
     process starts the instrumentation, zeroes and dumps the count once for each label, and stops
@@ -165,7 +151,7 @@ def read_requests(text: str, labels: Sequence[Label]) -> Totals:
     ]
     if len(totals) != len(labels):
         raise RuntimeError(f"the emulator wrote {len(totals)} counts, expected {len(labels)}")
-    return dict(zip(labels, totals))
+    return {_parse_label(label): total for label, total in zip(labels, totals)}
 
 
 def _read_totals(folder: Path) -> Totals:
@@ -174,18 +160,28 @@ def _read_totals(folder: Path) -> Totals:
         text = file.read_text()
         label, total = _LABEL.search(text), _TOTAL.search(text)
         if label and total:
-            totals[label[1], label[2], int(label[3])] = int(total[1])
+            totals[_parse_label(label[1])] = int(total[1])
     return totals
 
 
+def _parse_label(label: str) -> _Label:
+    workload, name, times = label.rsplit("/", 2)
+    return workload, name, int(times)
+
+
 # ------------------------------------------------------------------ the process that counts
+
+
+def _count_instructions(call: Call, times: int, label: str) -> None:
+    print(label)  # the emulator writes counts without labels, in this order
+    call.count_instructions(times, label)
 
 
 def _count_call(repeat: Any, call: Call, times: int, label: str) -> None:
     call.time(2)  # fills caches, free lists and memory pools
     repeat.instrument(True)
     for each in (times, times * _FACTOR):
-        call.count_instructions(each, f"{label}/{each}")
+        _count_instructions(call, each, f"{label}/{each}")
     repeat.instrument(False)
 
 
@@ -195,7 +191,7 @@ def _count_imports(repeat: Any, names: list[str]) -> None:
         if name in names:
             repeat.instrument(True)
             call = Call(import_module, (IMPORT_NAMES[name],))
-            call.count_instructions(1, f"{_IMPORT}/{name}/1")
+            _count_instructions(call, 1, f"{_IMPORT}/{name}/1")
             repeat.instrument(False)
 
 
@@ -216,7 +212,7 @@ def _count_hostile(repeat: Any, simulator: Simulator, names: list[str]) -> None:
             call = Call(functions[text.function], text.arguments(), fails=text.fails)
             if size == min(hostile.SIZES):
                 call.time(1)  # fills caches
-            call.count_instructions(1, f"{text.name}/{size}/1")
+            _count_instructions(call, 1, f"{text.name}/{size}/1")
     repeat.instrument(False)
 
 
