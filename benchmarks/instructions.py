@@ -41,7 +41,7 @@ _TOTAL = re.compile(r"^(?:totals|summary): (\d+)", re.MULTILINE)
 Table = dict[str, dict[str, float]]
 # By hostile text: instructions of one call at the smaller and at the larger size.
 Growth = dict[str, tuple[int, int]]
-# Workload, competitor and number of calls; or hostile text, size and 1. In text, with slashes between.
+# Workload, competitor and number of calls; or hostile text, size and 1. In text, joined by slashes.
 _Label = tuple[str, str, int]
 Totals = dict[_Label, int]  # instructions
 _Request = Mapping[str, Sequence[str]]
