@@ -157,6 +157,12 @@ mips-test: bootstrap-browser mips  ## Run every test on that processor, emulated
 mips-check: bootstrap-browser  ## Build and test for that processor within eight minutes, as CI does
 	@cross/mips/ci-test $(ARGS)
 
+.PHONY: mips-bench
+mips-bench: bootstrap-test callgrind mips  ## Count the instructions of calls on that processor, emulated
+	$(call build,$(PRESET),benchmark_competitors)
+	$(call build,mips,benchmark_competitors)
+	@$(RUN) -m benchmarks mips
+
 .PHONY: mips-fault-injection
 mips-fault-injection: mips build/mips-fault-injection/build.ninja  ## Fail every allocation on that processor once
 	$(call build,mips-fault-injection)

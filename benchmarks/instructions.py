@@ -3,7 +3,10 @@
 `count` and `count_hostile` start this file as a process under callgrind, with a JSON request on
 standard input. The process runs each competitor n times and then 5n times; the difference excludes
 what happens only once. Hash randomization and the garbage collector are off. Callgrind writes each
-count to a file under a label; the process prints the allocations.
+count to a file under a label; the process prints the labels and, in the last line, the allocations.
+
+`count` can also start it on the MIPS interpreter. The emulator then writes how many instructions it
+has executed whenever the process makes a request of callgrind.
 """
 
 from __future__ import annotations
@@ -31,15 +34,17 @@ _FACTOR = 5
 # The interpreter caches a Python function's global names after that many calls (ceval.c).
 _HOT = 1024
 _IMPORT = "import"
-_LABEL = re.compile(r"^desc: Trigger: Client Request: (.*)/(.*)/(\d+)$", re.MULTILINE)
+_LABEL = re.compile(r"^desc: Trigger: Client Request: (.*)$", re.MULTILINE)
 _TOTAL = re.compile(r"^(?:totals|summary): (\d+)", re.MULTILINE)
 
 # By workload and competitor: a figure per row, or per call.
 Table = dict[str, dict[str, float]]
 # By hostile text: instructions of one call at the smaller and at the larger size.
 Growth = dict[str, tuple[int, int]]
-# By workload, competitor and number of calls; by hostile text, size and 1: instructions.
-_Totals = dict[tuple[str, str, int], int]
+# Workload, competitor and number of calls; or hostile text, size and 1. In text, joined by slashes.
+_Label = tuple[str, str, int]
+Totals = dict[_Label, int]  # instructions
+_Request = Mapping[str, Sequence[str]]
 
 
 @dataclass(frozen=True)
@@ -51,15 +56,17 @@ class InstructionCounts:
     imports: dict[str, float]
 
 
-def count(chosen: Sequence[Workload], names: Sequence[str]) -> InstructionCounts:
+def count(
+    chosen: Sequence[Workload], names: Sequence[str], *, on_mips: bool = False
+) -> InstructionCounts:
     """Return the counts of the named competitors and of the lower bounds.
 
     Raises:
         RuntimeError: valgrind is missing, or the process failed.
     """
     request = {"workloads": [each.name for each in chosen], "competitors": list(names)}
-    output, totals = _run_callgrind(request)
-    allocations: Table = json.loads(output)
+    output, totals = (_run_emulator if on_mips else _run_callgrind)(request)
+    allocations: Table = json.loads(output.splitlines()[-1])
     imports: dict[str, float] = {
         name: total for (workload, name, _), total in totals.items() if workload == _IMPORT
     }
@@ -89,46 +96,92 @@ def count_hostile() -> Growth:
     }
 
 
-def _run_callgrind(request: Mapping[str, Sequence[str]]) -> tuple[str, _Totals]:
-    # PYTHON… variables would change the counts.
-    environment = {name: value for name, value in os.environ.items() if name[:6] != "PYTHON"}
+def _run_callgrind(request: _Request) -> tuple[str, Totals]:
     with tempfile.TemporaryDirectory(prefix="callgrind-") as folder:
         command = ["valgrind", "--tool=callgrind", "--instr-atstart=no"]
-        command += [f"--callgrind-out-file={folder}/counts", sys.executable, "-m", __name__]
+        command += [f"--callgrind-out-file={folder}/counts", sys.executable]
         try:
-            done = subprocess.run(
-                command,
-                input=json.dumps(request),
-                text=True,
-                capture_output=True,
-                cwd=native_library.ROOT,
-                env={**environment, "PYTHONHASHSEED": "0"},
-            )
+            output = _run(command, request)
         except FileNotFoundError:
             raise RuntimeError("valgrind is missing: install Debian's valgrind") from None
-        if done.returncode != 0:
-            raise RuntimeError(f"the process under callgrind failed:\n{done.stderr}")
-        return done.stdout, _read_totals(Path(folder))
+        return output, _read_totals(Path(folder))
 
 
-def _read_totals(folder: Path) -> _Totals:
-    totals: _Totals = {}
+def _run_emulator(request: _Request) -> tuple[str, Totals]:
+    with tempfile.TemporaryDirectory(prefix="emulator-") as folder:
+        requests = Path(folder, "requests")
+        command = ["cross/mips/count-instructions", str(requests), "python"]
+        output = _run(command, request, MODULES_UTIL_BUILD="build/mips")
+        return output, read_requests(requests.read_text(), output.splitlines()[:-1])
+
+
+def _run(interpreter: Sequence[str], request: _Request, **environment: str) -> str:
+    """Run this file as a process and return its output."""
+    # PYTHON… variables would change the counts.
+    inherited = {name: value for name, value in os.environ.items() if name[:6] != "PYTHON"}
+    done = subprocess.run(
+        [*interpreter, "-m", __name__],
+        input=json.dumps(request),
+        text=True,
+        capture_output=True,
+        cwd=native_library.ROOT,
+        env={**inherited, **environment, "PYTHONHASHSEED": "0"},
+    )
+    if done.returncode != 0:
+        raise RuntimeError(f"the process that counts instructions failed:\n{done.stderr}")
+    return done.stdout
+
+
+def read_requests(text: str, labels: Sequence[str]) -> Totals:
+    """Return the counts that the emulator wrote, by their labels.
+
+    Each line has the address of a request and the number of instructions executed before it. The
+    process starts the instrumentation, zeroes and dumps the count once for each label, and stops
+    the instrumentation, from one address each. So the second line has the address of zeroing, and
+    the line below each of these is that of dumping.
+
+    Raises:
+        RuntimeError: There are more or fewer counts than labels.
+    """
+    lines = [line.split() for line in text.splitlines()]
+    totals = [
+        int(end) - int(begin)
+        for (address, begin), (_, end) in zip(lines, lines[1:])
+        if address == lines[1][0]
+    ]
+    if len(totals) != len(labels):
+        raise RuntimeError(f"the emulator wrote {len(totals)} counts, expected {len(labels)}")
+    return {_parse_label(label): total for label, total in zip(labels, totals)}
+
+
+def _read_totals(folder: Path) -> Totals:
+    totals: Totals = {}
     for file in folder.iterdir():
         text = file.read_text()
         label, total = _LABEL.search(text), _TOTAL.search(text)
         if label and total:
-            totals[label[1], label[2], int(label[3])] = int(total[1])
+            totals[_parse_label(label[1])] = int(total[1])
     return totals
 
 
-# ------------------------------------------------------------------ the process under callgrind
+def _parse_label(label: str) -> _Label:
+    workload, name, times = label.rsplit("/", 2)
+    return workload, name, int(times)
+
+
+# ------------------------------------------------------------------ the process that counts
+
+
+def _count_instructions(call: Call, times: int, label: str) -> None:
+    print(label)  # the emulator writes counts without labels, in this order
+    call.count_instructions(times, label)
 
 
 def _count_call(repeat: Any, call: Call, times: int, label: str) -> None:
     call.time(2)  # fills caches, free lists and memory pools
     repeat.instrument(True)
     for each in (times, times * _FACTOR):
-        call.count_instructions(each, f"{label}/{each}")
+        _count_instructions(call, each, f"{label}/{each}")
     repeat.instrument(False)
 
 
@@ -138,7 +191,7 @@ def _count_imports(repeat: Any, names: list[str]) -> None:
         if name in names:
             repeat.instrument(True)
             call = Call(import_module, (IMPORT_NAMES[name],))
-            call.count_instructions(1, f"{_IMPORT}/{name}/1")
+            _count_instructions(call, 1, f"{_IMPORT}/{name}/1")
             repeat.instrument(False)
 
 
@@ -159,7 +212,7 @@ def _count_hostile(repeat: Any, simulator: Simulator, names: list[str]) -> None:
             call = Call(functions[text.function], text.arguments(), fails=text.fails)
             if size == min(hostile.SIZES):
                 call.time(1)  # fills caches
-            call.count_instructions(1, f"{text.name}/{size}/1")
+            _count_instructions(call, 1, f"{text.name}/{size}/1")
     repeat.instrument(False)
 
 

@@ -1,4 +1,7 @@
-"""Writes docs/benchmarks.md and its plots from the results of a run, and keeps the page's notes."""
+"""Writes docs/benchmarks.md and its plots from the results of a run, and keeps the page's notes.
+
+Two runs write the page: `make mips-bench` its last table, `make bench` everything above.
+"""
 
 from __future__ import annotations
 
@@ -20,13 +23,14 @@ from veldarin_simulator import native_library
 
 PAGE = native_library.ROOT / "docs" / "benchmarks.md"
 _PLOTS = PAGE.with_suffix("")
+_MIPS = "## Instructions on MIPS\n"
 _NOTES = "## Notes\n"
 
 _OPENING = """\
 # Benchmarks
 
 `make bench` writes this page from one run; `make bench ARGS=report` writes it from the last run
-again. Both keep the notes at the end, which are written by hand.
+again. Both keep the last table, which `make mips-bench` writes, and the notes, written by hand.
 
 The module is `{module}`; it is compared with
 
@@ -82,20 +86,25 @@ def write(results: Results) -> None:
         machine=_processor(),
         toolchain=regression.toolchain(),
     )
-    sections = [
-        f"## {table.title}\n\n{table.explanation}\n\n{_markdown(table)}\n"
-        for table in tables(results)
-    ]
     plots = "".join(f"![{file.stem}]({_PLOTS.name}/{file.name})\n" for file in _plot(results))
-    notes = _NOTES + PAGE.read_text().partition(_NOTES)[2]
-    parts = [opening, *sections, f"## Cost by size\n\n{plots}", notes]
+    page = PAGE.read_text()
+    kept = page[page.index(_MIPS) :]
+    parts = [opening, *map(_section, tables(results)), f"## Cost by size\n\n{plots}", kept]
     PAGE.write_text("\n".join(parts))
 
 
-def _markdown(table: Table) -> str:
+def write_mips(table: Table) -> None:
+    """Write the table into the page, in place of the one there."""
+    page = PAGE.read_text()
+    above, notes = page[: page.index(_MIPS)], page[page.index(_NOTES) :]
+    PAGE.write_text(f"{above}{_section(table)}\n{notes}")
+
+
+def _section(table: Table) -> str:
     rule = ["---", *("--:" for _ in table.headings[1:])]
     rows = (table.headings, rule, *table.rows)
-    return "\n".join("| " + " | ".join(cells) + " |" for cells in rows)
+    lines = "\n".join("| " + " | ".join(cells) + " |" for cells in rows)
+    return f"## {table.title}\n\n{table.explanation}\n\n{lines}\n"
 
 
 def _processor() -> str:
@@ -128,7 +137,7 @@ def tables(results: Results) -> list[Table]:
             "page of a device is the sum of an ARP table of 30 rows, a routing table of 5 routes, "
             '4 BFD neighbors and a reply of 4 kB. "New keys" is the lower bound that also makes '
             "the keys that come from the text.",
-            {**counts.instructions, "import": counts.imports, "page of a device": _page(counts)},
+            _all_instructions(counts),
             {
                 **_figures([*_COUNTED, NEW_KEYS]),
                 **ratios,
@@ -211,12 +220,37 @@ def tables(results: Results) -> list[Table]:
     ]
 
 
-def _page(counts: InstructionCounts) -> dict[str, float]:
-    """Return the instructions of all calls of a page, by competitor."""
-    return {
+def mips_table(mips: InstructionCounts, workstation: InstructionCounts) -> Table:
+    """Return the table of instructions on MIPS, beside those of this machine."""
+    machine = platform.machine()
+    there = _all_instructions(workstation)
+    rows = {
+        name: {**row, **{f"{each}, {machine}": count for each, count in there[name].items()}}
+        for name, row in _all_instructions(mips).items()
+    }
+    return _table(
+        _MIPS.strip("# \n"),
+        "The same calls on 32-bit big-endian MIPS, with the module and the Cython competitor built "
+        "for that processor with the same options. The emulator counts the instructions, and in "
+        "the same run callgrind those of this machine.",
+        rows,
+        {
+            **_figures([MODULE, LOWER_BOUND, CYTHON]),
+            **_ratio(MODULE, CYTHON),
+            **_ratio(f"{MODULE}, {machine}", f"{CYTHON}, {machine}"),
+            **_ratio(MODULE, f"{MODULE}, {machine}"),
+            **_ratio(CYTHON, f"{CYTHON}, {machine}"),
+        },
+    )
+
+
+def _all_instructions(counts: InstructionCounts) -> dict[str, dict[str, float]]:
+    """Return the instructions of every row of the tables, by competitor."""
+    page = {
         name: sum(counts.instructions[each.name][name] * each.rows for each in workloads.PAGE)
         for name in (MODULE, LOWER_BOUND, CYTHON)
     }
+    return {**counts.instructions, "import": counts.imports, "page of a device": page}
 
 
 def _table(
