@@ -154,6 +154,7 @@ void normalize(TrackedCall tracked, PyObject **type, Function &&function) {
 #define PyUnicode_InternFromString(...)   FAULTS_CALL(null, PyUnicode_InternFromString, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_New(...)                FAULTS_CALL(null, PyUnicode_New, (__VA_ARGS__), #__VA_ARGS__)
 #define PyUnicode_Replace(...)            FAULTS_CALL(null, PyUnicode_Replace, (__VA_ARGS__), #__VA_ARGS__)
+#define PyUnicode_Resize(...)             FAULTS_CALL(negative, PyUnicode_Resize, (__VA_ARGS__), #__VA_ARGS__)
 #define _PyDict_MergeEx(...)              FAULTS_CALL(negative, _PyDict_MergeEx, (__VA_ARGS__), #__VA_ARGS__)
 #define _PyObject_LookupAttr(...)         FAULTS_CALL(negative, _PyObject_LookupAttr, (__VA_ARGS__), #__VA_ARGS__)
 #define _PyType_Lookup(...)               FAULTS_CALL(null_without_error, _PyType_Lookup, (__VA_ARGS__), #__VA_ARGS__)

@@ -74,6 +74,26 @@ inline const char *skip_nonspace(const char *at, const char *end) {
     return at;
 }
 
+// Whether `wanted` is at `at`. Compares its last byte first: a cheap filter before memcmp.
+inline bool is_at(const char *at, TextView wanted) {
+    const ptrdiff_t last = wanted.size() - 1;
+    return at[last] == wanted.begin[last] &&
+           std::memcmp(at, wanted.begin, static_cast<size_t>(last)) == 0;
+}
+
+// Skips as many bytes as `wanted` has, if the last of them does not occur in it.
+[[maybe_unused]] const char *find_by_skipping(TextView text, TextView wanted) {
+    const auto bit = [](char byte) { return 1U << (static_cast<unsigned char>(byte) & 31U); };
+    unsigned bits = 0;
+    for (const char *at = wanted.begin; at != wanted.end; ++at) bits |= bit(*at);
+    const ptrdiff_t last = wanted.size() - 1;
+    for (; text.size() > last; ++text.begin) {
+        if (!(bits & bit(text.begin[last]))) text.begin += last;
+        else if (is_at(text.begin, wanted)) return text.begin;
+    }
+    return text.end;
+}
+
 }  // namespace
 
 bool is_space(const char *at) { return is_space_inline(at); }
@@ -95,12 +115,15 @@ const char *find(TextView text, char wanted) {
 }
 
 const char *find(TextView text, TextView wanted) {
+    // Without vector instructions memchr takes twice as long as skipping.
+    if constexpr (sizeof(void *) < 8) {
+        if (wanted.size() > 1) return find_by_skipping(text, wanted);
+    }
     const ptrdiff_t last = wanted.size() - 1;
     while (true) {
         text.begin = find(text, *wanted.begin);
         if (text.size() <= last) return text.end;
-        // Compare the last character first: a cheap filter before memcmp.
-        if (text.begin[last] == wanted.begin[last] && starts_with(text, wanted)) return text.begin;
+        if (is_at(text.begin, wanted)) return text.begin;
         ++text.begin;
     }
 }
@@ -120,7 +143,7 @@ bool LineReader::next(TextView &line) {
     if (done_) return false;
     line = {rest_.begin, find(rest_, '\n')};
     done_ = line.end == rest_.end;
-    rest_.begin = done_ ? rest_.end : line.end + 1;
+    rest_.begin = line.end + (done_ ? 0 : 1);
     return true;
 }
 

@@ -9,10 +9,6 @@ namespace modules_util {
 
 namespace {
 
-char *ascii_data(PyObject *string) {
-    return reinterpret_cast<char *>(reinterpret_cast<PyASCIIObject *>(string) + 1);
-}
-
 bool equals(PyObject *string, TextView text) {
     const Py_ssize_t size = PyUnicode_GET_LENGTH(string);
     return size == text.size() &&

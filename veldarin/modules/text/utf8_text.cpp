@@ -5,9 +5,9 @@ namespace modules_util {
 
 namespace {
 
-TextView ascii_view(PyObject *ascii) {
-    const auto *data = reinterpret_cast<const char *>(PyUnicode_1BYTE_DATA(ascii));
-    return {data, data + PyUnicode_GET_LENGTH(ascii)};
+TextView ascii_view(PyObject *text, const void *data) {
+    const auto *begin = static_cast<const char *>(data);
+    return {begin, begin + PyUnicode_GET_LENGTH(text)};
 }
 
 // Writes one code point and returns the end of what it wrote.
@@ -39,15 +39,6 @@ char *encode(Py_UCS4 character, char *to) {
     };
 }
 
-ptrdiff_t length_without(TextView text, TextView unwanted) {
-    ptrdiff_t length = text.size();
-    while ((text.begin = find(text, unwanted)) != text.end) {
-        text.begin += unwanted.size();
-        length -= unwanted.size();
-    }
-    return length;
-}
-
 }  // namespace
 
 bool check_str(PyObject *object, PyObject *method, PyObject *arguments) {
@@ -62,8 +53,8 @@ bool check_str(PyObject *object, PyObject *method, PyObject *arguments) {
 }
 
 Utf8Text as_utf8(PyObject *text) {
-    if (PyUnicode_IS_ASCII(text)) return {Ref::borrow(text), true, ascii_view(text)};
-    return encode_text(text);
+    if (!PyUnicode_IS_ASCII(text)) return encode_text(text);
+    return {Ref::borrow(text), true, ascii_view(text, PyUnicode_DATA(text))};
 }
 
 Ref str_replace(PyObject *text, PyObject *pair) {
@@ -72,15 +63,16 @@ Ref str_replace(PyObject *text, PyObject *pair) {
 }
 
 Ref str_remove(PyObject *text, PyObject *pair) {
-    if (!PyUnicode_IS_ASCII(text)) return str_replace(text, pair);
-    const TextView view = ascii_view(text);
-    const TextView unwanted = ascii_view(PyTuple_GET_ITEM(pair, 0));
-    const ptrdiff_t length = length_without(view, unwanted);
-    if (length == view.size()) return Ref::borrow(text);
-    Ref result = Ref::steal(PyUnicode_New(length, 127));
-    if (!result) return result;
-    copy_without(view, unwanted, reinterpret_cast<char *>(PyUnicode_1BYTE_DATA(result.get())));
-    return result;
+    if (!PyUnicode_IS_COMPACT_ASCII(text)) return str_replace(text, pair);
+    PyObject *const removed = PyTuple_GET_ITEM(pair, 0);
+    const TextView view = ascii_view(text, ascii_data(text));
+    const TextView unwanted = ascii_view(removed, ascii_data(removed));
+    if (find(view, unwanted) == view.end) return Ref::borrow(text);
+    PyObject *result = PyUnicode_New(view.size(), 127);
+    if (!result) return {};
+    const char *const end = copy_without(view, unwanted, ascii_data(result));
+    if (PyUnicode_Resize(&result, end - ascii_data(result)) < 0) Py_CLEAR(result);
+    return Ref::steal(result);
 }
 
 }  // namespace modules_util

@@ -21,6 +21,11 @@ struct Utf8Text {
 // `str.method(object)`.
 bool check_str(PyObject *object, PyObject *method, PyObject *arguments);
 
+// The characters of a compact ASCII string, as this module and PyUnicode_New create them.
+inline char *ascii_data(PyObject *string) {
+    return reinterpret_cast<char *>(reinterpret_cast<PyASCIIObject *>(string) + 1);
+}
+
 // The text of an object that `check_str` accepted. No owner: MemoryError is set.
 Utf8Text as_utf8(PyObject *text);
 
