@@ -111,9 +111,9 @@ coverage: bootstrap-coverage build/coverage/build.ninja  ## Check that the tests
 	@$(PYTHON) -m checks.coverage $(ARGS)
 
 .PHONY: fuzz
-fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja  ## Fuzz the parsers for SECONDS=60
+fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja  ## Fuzz the parsers for SECONDS=60, in JOBS=1 processes
 	$(call build,fuzz,fuzz_parsers fuzz_text)
-	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
+	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(if $(JOBS),--jobs $(JOBS)) $(ARGS)
 
 .PHONY: sanitize
 sanitize: bootstrap-browser  ## Run every test under the sanitizers, and the parsers' under valgrind

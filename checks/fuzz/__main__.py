@@ -35,7 +35,6 @@ ENVIRONMENT = {
     "MODULES_UTIL_BUILD": "build/fuzz",
     "PYTHONPATH": str(ROOT),
     "PYTHONWARNINGS": "ignore",
-    "PYTHONMALLOC": "malloc",  # lets the sanitizer check every block
     "UBSAN_OPTIONS": "print_stacktrace=1",
     "LLVM_PROFILE_FILE": str(PROFILES / "%p.profraw"),
 }
@@ -119,11 +118,15 @@ def can_detect_leaks() -> bool:
     return subprocess.run(command, env=ENVIRONMENT, capture_output=True).returncode == 0
 
 
-def start(seconds: int, leaks: bool) -> list[Run]:
-    """Start the text target on one processor and the parser target on each other one."""
-    workers = max(1, len(os.sched_getaffinity(0)) - 1)
+def start(seconds: int, jobs: int, leaks: bool) -> list[Run]:
+    """Start the text target in one process and the parser target in `jobs` processes.
+
+    In the first process of each target the sanitizers check every block. In the others the
+    interpreter allocates, so that they compare more than twice as many inputs.
+    """
     runs = []
-    for number, target in enumerate([*[PARSERS] * workers, TEXT]):
+    for number, target in enumerate([*[PARSERS] * jobs, TEXT]):
+        checks_blocks = number == 0 or target is TEXT
         log = BUILD / f"{target.name}-{number}.log"
         options = [f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1"]
         with log.open("wb") as out:
@@ -133,7 +136,11 @@ def start(seconds: int, leaks: bool) -> list[Run]:
                 stdout=out,
                 stderr=subprocess.STDOUT,
                 cwd=ROOT,
-                env={**ENVIRONMENT, "ASAN_OPTIONS": f"detect_leaks={leaks:d}"},
+                env={
+                    **ENVIRONMENT,
+                    "PYTHONMALLOC": "malloc" if checks_blocks else "pymalloc",
+                    "ASAN_OPTIONS": f"detect_leaks={leaks and checks_blocks:d}",
+                },
             )
         runs.append(Run(target, log, process))
     return runs
@@ -241,6 +248,10 @@ def parse_arguments() -> argparse.Namespace:
     """Parse the command line."""
     parser = argparse.ArgumentParser(prog="python -m checks.fuzz", description=__doc__)
     parser.add_argument("--seconds", type=int, default=60, metavar="N")
+    workers = max(1, len(os.sched_getaffinity(0)) - 1)
+    parser.add_argument(
+        "--jobs", type=int, default=workers, metavar="N", help="processes of the parser target"
+    )
     parser.add_argument(
         "--minimize-corpus",
         action="store_true",
@@ -249,12 +260,12 @@ def parse_arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
-def run_targets(seconds: int) -> list[Run]:
+def run_targets(seconds: int, jobs: int) -> list[Run]:
     """Run the targets until the time is up or one has a finding."""
     leaks = can_detect_leaks()
     if not leaks:
         console.print("fuzz: no leak detection, because processes cannot be traced here")
-    runs = start(seconds, leaks)
+    runs = start(seconds, jobs, leaks)
     columns = (
         TextColumn("{task.description}"),
         BarColumn(),
@@ -296,7 +307,7 @@ def main() -> int:
         console.print(f"fuzz: {BUILD} has no fuzz_parsers; run: make fuzz")
         return 1
     prepare()
-    results = [print_result(run) for run in run_targets(options.seconds)]
+    results = [print_result(run) for run in run_targets(options.seconds, options.jobs)]
     if not all(results):
         return 1
     files = line_coverage().items()
