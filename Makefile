@@ -2,7 +2,7 @@
 #
 #   PRESET=release|debug|asan   the build to use                make test PRESET=asan
 #   ARGS="..."                  passed on to the command        make test ARGS="-k bfd"
-#   SECONDS=...                 how long to fuzz                make fuzz SECONDS=600
+#   SECONDS=... JOBS=...        how long to fuzz, processes     make fuzz SECONDS=600 JOBS=4
 #   PYTHON39=...                the CPython 3.9 to build for    make PYTHON39=/opt/python3.9 build
 
 .DEFAULT_GOAL := help
@@ -111,8 +111,9 @@ coverage: bootstrap-coverage build/coverage/build.ninja  ## Check that the tests
 	@$(PYTHON) -m checks.coverage $(ARGS)
 
 .PHONY: fuzz
-fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja  ## Fuzz the parsers for SECONDS=60, in JOBS=1 processes
+fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja build/fuzz-fast/build.ninja  ## Fuzz the parsers for SECONDS=60
 	$(call build,fuzz,fuzz_parsers fuzz_text)
+	$(call build,fuzz-fast,fuzz_parsers)
 	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(if $(JOBS),--jobs $(JOBS)) $(ARGS)
 
 .PHONY: sanitize
