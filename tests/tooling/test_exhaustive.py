@@ -1,5 +1,5 @@
-"""A sample of the exhaustive checks: all shorter texts and sequences, some alignments, and the code
-points of one and two bytes."""
+"""A sample of the exhaustive checks: all shorter texts and sequences, some alignments and code
+points."""
 
 from __future__ import annotations
 
@@ -20,9 +20,12 @@ from tests.support import reference
 from veldarin_simulator import native_library
 
 SAMPLE = [
-    job
-    for job in jobs(length=4, tokens=3, code_points=0x800)
-    if job.family != "alignments" or job.first % 6 == 1
+    *(
+        job
+        for job in jobs(length=4, tokens=3, code_points=0x800)
+        if job.family != "alignments" or job.first % 6 == 1
+    ),
+    Job("code points", 1, 0x800, 0x3001),  # all other white space
 ]
 
 pytestmark = pytest.mark.skipif(
