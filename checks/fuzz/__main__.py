@@ -136,7 +136,9 @@ def start(seconds: int, jobs: int, leaks: bool) -> list[Run]:
         sanitized = number == 0 or target is TEXT
         build, environment = (BUILD, ENVIRONMENT) if sanitized else (FAST_BUILD, FAST_ENVIRONMENT)
         log = BUILD / f"{target.name}-{number}.log"
-        options = [f"-max_total_time={seconds}", "-timeout=10", "-print_final_stats=1"]
+        # Reading each second what the other processes found would take as long as fuzzing.
+        options = [f"-max_total_time={seconds}", "-timeout=10", "-reload=60"]
+        options.append("-print_final_stats=1")
         with log.open("wb") as out:
             process = subprocess.Popen(
                 target.command(*options, folders=target.folders, build=build),
