@@ -75,12 +75,12 @@ class Implementation:
 
 
 def serialize(outcome: list[object]) -> bytes:
-    """Return bytes that differ if a value, a type or the order of keys differs.
+    """Return bytes that differ if a value, its type or the order of keys differs.
 
     Version 0 of the format ignores whether objects are shared or interned.
 
     Raises:
-        ValueError: A value's type is not exactly one that the format has.
+        ValueError: A type has no code in the format, such as a subclass of str.
     """
     return marshal.dumps(outcome, 0)
 
