@@ -2,7 +2,7 @@
 #
 #   PRESET=release|debug|asan   the build to use                make test PRESET=asan
 #   ARGS="..."                  passed on to the command        make test ARGS="-k bfd"
-#   SECONDS=...                 how long to fuzz                make fuzz SECONDS=600
+#   SECONDS=... JOBS=...        how long to fuzz, processes     make fuzz SECONDS=600 JOBS=4
 #   PYTHON39=...                the CPython 3.9 to build for    make PYTHON39=/opt/python3.9 build
 
 .DEFAULT_GOAL := help
@@ -111,9 +111,10 @@ coverage: bootstrap-coverage build/coverage/build.ninja  ## Check that the tests
 	@$(PYTHON) -m checks.coverage $(ARGS)
 
 .PHONY: fuzz
-fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja  ## Fuzz the parsers for SECONDS=60
+fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja build/fuzz-fast/build.ninja  ## Fuzz the parsers for SECONDS=60
 	$(call build,fuzz,fuzz_parsers fuzz_text)
-	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(ARGS)
+	$(call build,fuzz-fast,fuzz_parsers)
+	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(if $(JOBS),--jobs $(JOBS)) $(ARGS)
 
 .PHONY: sanitize
 sanitize: bootstrap-browser  ## Run every test under the sanitizers, and the parsers' under valgrind

@@ -6,12 +6,12 @@ exception; on log lines, commands and the sessions in `list_bfd`. The module mus
 
 from __future__ import annotations
 
+import marshal
 from contextlib import ExitStack
 from typing import Any
 
 from checks.fuzz.input_format import Sample, decode
 from tests.support import reference
-from tests.support.assertions import with_types
 from veldarin_simulator import Simulator
 
 
@@ -51,16 +51,16 @@ class Implementation:
             setattr(self.parser, name, value)
 
     def outcome(self, sample: Sample) -> list[object]:
-        """Call the function and return everything observable."""
+        """Call the function and return everything observable until the next call."""
         self.parser._CHARSET = sample.charset
         self.outputs = sample.outputs
         for container in (self.commands, self.log.lines, self.shared_sessions):
             container.clear()
         try:
-            ended: object = with_types(self._call(sample))
+            ended = self._call(sample)
         except Exception as error:
             ended = type(error).__name__, str(error)
-        return [ended, self.commands[:], self.log.lines[:], with_types(self.shared_sessions)]
+        return [ended, self.commands, self.log.lines, self.shared_sessions]
 
     def _call(self, sample: Sample) -> object:
         function = getattr(self.parser, sample.function)
@@ -72,6 +72,17 @@ class Implementation:
             results = [function("command", sessions) for _output in sample.outputs]
             return [sessions, [result is sessions for result in results]]
         return function()
+
+
+def serialize(outcome: list[object]) -> bytes:
+    """Return bytes that differ if a value, its type or the order of keys differs.
+
+    Version 0 of the format ignores whether objects are shared or interned.
+
+    Raises:
+        ValueError: A type has no code in the format, such as a subclass of str.
+    """
+    return marshal.dumps(outcome, 0)
 
 
 class Comparison(ExitStack):
@@ -97,7 +108,7 @@ class Comparison(ExitStack):
         """
         sample = decode(data)
         actual, expected = self.actual.outcome(sample), self.expected.outcome(sample)
-        if actual != expected:
+        if serialize(actual) != serialize(expected):
             raise AssertionError(f"{sample}\nactual:   {actual}\nexpected: {expected}")
         live = self.simulator.live_objects
         if live.text_buffers or live.json_objects:

@@ -2,8 +2,8 @@
 
 The first byte is a letter of `FUNCTIONS`: upper case for UTF-8, lower case for the tricky codec.
 0xFF, which UTF-8 never contains, separates the fields after it: the argument, if the function takes
-one, and the outputs of the commands, which repeat when they run out. A field 0xFE is `None`: a null
-argument, or a command without output.
+one, and the outputs of the commands, which repeat when they run out. Only the first eight outputs
+count. A field 0xFE is `None`: a null argument, or a command without output.
 """
 
 from __future__ import annotations
@@ -23,6 +23,7 @@ FUNCTIONS = {
 _LETTERS = b"".join(FUNCTIONS) + b"".join(FUNCTIONS).lower()
 _SEPARATOR = b"\xff"
 _NONE = b"\xfe"
+_MAX_OUTPUTS = 8  # the lists of both address families, and the details of three sessions
 
 
 class Sample(NamedTuple):
@@ -43,7 +44,7 @@ def decode(data: bytes) -> Sample:
     fields = [None if field == _NONE else field for field in data[1:].split(_SEPARATOR)]
     encoded = fields.pop(0) if has_argument else b""
     argument = None if encoded is None else encoded.decode(charset, "surrogateescape")
-    return Sample(function, charset, argument, fields or [b""])
+    return Sample(function, charset, argument, fields[:_MAX_OUTPUTS] or [b""])
 
 
 def encode(letter: bytes, *fields: bytes | None) -> bytes:

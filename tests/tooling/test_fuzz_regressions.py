@@ -11,6 +11,7 @@ import pytest
 from checks.fuzz.differential import Comparison
 from checks.fuzz.input_format import FUNCTIONS, decode, encode
 from tests.support import isolated, reference
+from tests.support.doubles import StrSubclass
 from tests.support.isolated import ROOT
 
 FUZZ = ROOT / "checks" / "fuzz"
@@ -84,6 +85,19 @@ def test_differing_value_is_detected(
     comparison.check(ARP)
     monkeypatch.setattr(reference, "get_system_arp_result", lambda: altered(right()))
     with pytest.raises(AssertionError, match="expected: "):
+        comparison.check(ARP)
+
+
+def test_subclass_of_str_is_detected(
+    comparison: Comparison, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    right = reference.get_system_arp_result
+    monkeypatch.setattr(
+        reference,
+        "get_system_arp_result",
+        lambda: [{**row, "age": StrSubclass(row["age"])} for row in right()],
+    )
+    with pytest.raises(ValueError, match="unmarshallable object"):
         comparison.check(ARP)
 
 
