@@ -98,6 +98,13 @@ def test_differences_beyond_three_percent_are_reported(factor: float, count: int
 
 
 @pytest.mark.usefixtures("known_toolchain")
+@pytest.mark.parametrize(("factor", "count"), [(1.05, 0), (0.95, 0), (1.07, 1), (0.93, 1)])
+def test_query_differences_beyond_six_percent_are_reported(factor: float, count: int) -> None:
+    name = regression.QUERIES[0].name
+    assert len(regression.differences(counts(name, instructions=factor))) == count
+
+
+@pytest.mark.usefixtures("known_toolchain")
 def test_query_counts_are_compared_above_the_lower_bound() -> None:
     own = figures()[BRIDGE]
     whole = counts().instructions[BRIDGE][MODULE]
