@@ -40,8 +40,8 @@ BASELINE = Path(__file__).with_name("baseline.json")
 TOLERANCE = 0.03
 # Instructions. The alignment of a short text changes those of `strlen` by up to this many.
 _SLACK = 16
-# For the instructions of queries. json-c allocates in them, and what glibc 2.31's allocator does depends
-# on the heap, thus on the checkout's path and the environment: by up to 4.5 %.
+# For the instructions of queries. json-c allocates in them, and the path of glibc 2.31's allocator
+# depends on the heap, thus on the checkout's path and the environment: by up to 4.5 %.
 QUERY_TOLERANCE = 0.06
 UNKNOWN_TOOLCHAIN_TOLERANCE = 0.10
 
