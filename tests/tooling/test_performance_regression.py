@@ -12,7 +12,7 @@ import pytest
 from benchmarks import hostile, regression
 from benchmarks.competitors import MODULE
 from benchmarks.instructions import InstructionCounts, Table
-from benchmarks.workloads import LOWER_BOUND
+from benchmarks.workloads import LOWER_BOUND, QUERIES
 from veldarin_simulator import native_library
 
 ARP = regression.COMPARED[0].name
@@ -100,7 +100,7 @@ def test_differences_beyond_three_percent_are_reported(factor: float, count: int
 @pytest.mark.usefixtures("known_toolchain")
 @pytest.mark.parametrize(("factor", "count"), [(1.05, 0), (0.95, 0), (1.07, 1), (0.93, 1)])
 def test_query_differences_beyond_six_percent_are_reported(factor: float, count: int) -> None:
-    name = regression.QUERIES[0].name
+    name = QUERIES[0].name
     assert len(regression.differences(counts(name, instructions=factor))) == count
 
 
