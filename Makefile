@@ -56,7 +56,8 @@ check: bootstrap-lint build  ## Lint, and run the module's own tests; for the in
 .PHONY: test
 test: bootstrap-browser+lint+callgrind+example lint build wheels  ## Lint, and run every test
 	$(call build,$(PRESET),benchmark_competitors exhaustive_texts)
-	@$(RUN) -m pytest -n auto --dist loadgroup $(ARGS)
+	@# The tests of the page and of the setup scripts wait half of the time: a worker more.
+	@$(RUN) -m pytest -n $$(($$(nproc) + 1)) --dist loadgroup $(ARGS)
 
 .PHONY: build
 build: bootstrap-run $(BUILD)/build.ninja  ## Build the module and the simulator

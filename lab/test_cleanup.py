@@ -35,7 +35,7 @@ def test_lab_ended_in_any_way_leaves_no_trace() -> None:
         assert remaining.count(", ") > 8, "an init process and three daemons per node"
         end(lab, ENDINGS[ending])
         wait_until(partial(host_snapshot.remaining_processes, namespaces[ending]))
-        lab.wait(20)
+        lab.wait(60)
     assert host_snapshot.snapshot() == before
 
 
@@ -72,7 +72,7 @@ def namespaces_of(lab: subprocess.Popen[str]) -> set[str]:
 
 def end(lab: subprocess.Popen[str], by: signal.Signals | None) -> None:
     if by is None:
-        lab.communicate("\n", timeout=20)
+        lab.communicate("\n", timeout=60)
     elif by is signal.SIGINT:
         os.killpg(lab.pid, by)  # as a terminal does: the whole foreground group gets it
     else:

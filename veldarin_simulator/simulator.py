@@ -9,6 +9,7 @@ import math
 import os
 import shutil
 import tempfile
+import threading
 from collections.abc import Callable, Iterable
 from dataclasses import replace
 from pathlib import Path
@@ -86,8 +87,9 @@ class Simulator:
             )
         self._track_buffers = track_buffers
         self._scenario, self._live = scenario, live
-        self._folder = Path(tempfile.mkdtemp(prefix="simulator-"))
-        self._process = os.getpid()
+        # Made when the module needs it: a process that is killed leaves its temporary files.
+        self._folder: Path | None = None
+        self._folder_lock = threading.Lock()
         _open = self
         try:
             self._start()
@@ -107,7 +109,9 @@ class Simulator:
         self._on_release: Callable[[str], object] | None = None
         self._library.open(self._reply_to_call, self._track_buffers)
         self._set_hooks()
-        self.secret_path = self._folder / _SECRET
+        self._secret_path: Path | None = None
+        _modules().set_preference_cookie_secret_path(b"", self._find_secret_path)
+        self._sources["get_preference_cookie_secret_path"] = "scripted"
         self._reset_serial_number()
         if self._live or self._scenario is not None:
             providers = self._load_providers(self._scenario, self._live)
@@ -144,11 +148,12 @@ class Simulator:
         self._library.close()
         self._on_create = self._on_release = None
         self._set_hooks()
+        _modules().set_preference_cookie_secret_path(b"")
         self.remove_files()
 
     def remove_files(self) -> None:
         """Delete the temporary directory, which is all that a process leaves if it cannot close."""
-        if self._process == os.getpid():  # a forked process shares the folder
+        if self._folder is not None and self._process == os.getpid():  # a fork shares the folder
             shutil.rmtree(self._folder, ignore_errors=True)
 
     def reset(self) -> None:
@@ -158,7 +163,8 @@ class Simulator:
         new simulator.
         """
         self._library.close()
-        (self._folder / _SECRET).unlink(missing_ok=True)
+        if self._folder is not None:
+            (self._folder / _SECRET).unlink(missing_ok=True)
         self._start()
         self.shared_sessions.clear()
 
@@ -440,12 +446,17 @@ class Simulator:
     @property
     def secret_path(self) -> Path:
         """The file of the preference cookie's secret; by default in a temporary directory."""
-        return self._secret_path
+        with self._folder_lock:
+            if self._secret_path is None:
+                if self._folder is None:
+                    self._folder = Path(tempfile.mkdtemp(prefix="simulator-"))
+                    self._process = os.getpid()
+                self._secret_path = self._folder / _SECRET
+            return self._secret_path
 
     @secret_path.setter
     def secret_path(self, path: Path) -> None:
-        modules = importlib.import_module("veldarin.modules.modules")
-        modules.set_preference_cookie_secret_path(os.fsencode(path))
+        _modules().set_preference_cookie_secret_path(os.fsencode(path))
         self._secret_path = Path(path)
         self._sources["get_preference_cookie_secret_path"] = "scripted"
 
@@ -491,6 +502,14 @@ class Simulator:
     def on_release(self, hook: Callable[[str], object] | None) -> None:
         self._on_release = hook
         self._set_hooks()
+
+    def _find_secret_path(self) -> bytes:
+        # The native caller cannot handle an exception; opening an empty path fails.
+        try:
+            return os.fsencode(self.secret_path)
+        except Exception as error:
+            self._errors.append(error)
+            return b""
 
     def _set_hooks(self) -> None:
         json_module = importlib.import_module("util.json")
@@ -540,6 +559,10 @@ class Simulator:
         reply = result if isinstance(result, Reply) else Reply(result, source)
         value = _NO_REPLY[form] if reply.source == "none" else reply.reply
         return encode_reply(form, value, reply.source), reply.source
+
+
+def _modules() -> Any:
+    return importlib.import_module("veldarin.modules.modules")
 
 
 def _device_data() -> Any:

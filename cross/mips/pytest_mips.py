@@ -24,6 +24,17 @@ LACKING = {
 # is of all tests; the file to write the summary line to; when to stop, in seconds since the epoch.
 TESTS, SUMMARY, DEADLINE = "MIPS_TESTS", "MIPS_SUMMARY", "MIPS_DEADLINE"
 
+# Before a deadline these files are skipped: they test programs of a workstation, which are Python,
+# and take more than a third of the time.
+LEFT_OUT = (
+    "tests/console/",
+    "tests/docs/test_readme.py",
+    "tests/simulator/test_cli",
+    "tests/tooling/test_lint.py",
+    "tests/tooling/test_setup_scripts.py",
+)
+LEFT_OUT_REASON = "a program of the workstation; `make mips-test` runs its tests"
+
 FILE_MARKER = re.compile(r"^pytestmark = pytest\.mark\.requires(\(.*\))$", re.MULTILINE)
 
 
@@ -64,12 +75,14 @@ def pytest_configure(config: pytest.Config) -> None:
 
 
 def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
-    """Skips marked tests; before a deadline the module's own tests come first."""
+    """Skips marked tests; before a deadline also others, and the module's own tests come first."""
     for item in items:
         for marker in item.iter_markers("requires"):
             item.add_marker(pytest.mark.skip(reason=lacking(*marker.args)))
         for marker in item.iter_markers("workstation_only"):
             item.add_marker(pytest.mark.skip(reason=marker.args[0]))
+        if DEADLINE in os.environ and item.nodeid.startswith(LEFT_OUT):
+            item.add_marker(pytest.mark.skip(reason=LEFT_OUT_REASON))
     if DEADLINE in os.environ:
         items.sort(key=lambda item: "module" not in getattr(item, "fixturenames", ()))
 

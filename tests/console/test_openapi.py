@@ -172,7 +172,9 @@ def test_made_up_requests_keep_the_description(client: TestApp, mode: str) -> No
         count += 1
 
     for found in loaded.get_all_operations():
-        # No request differs from a description that allows everything.
+        # No request differs from a description that allows everything; the search takes seconds.
+        if mode == "NEGATIVE" and found.ok().path == REPLY:
+            continue
         with suppress(Unsatisfiable) if mode == "NEGATIVE" else nullcontext():
             send(found.ok())
-    assert count > 250
+    assert count > 350

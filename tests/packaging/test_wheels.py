@@ -127,7 +127,7 @@ with Simulator(Scenario.load(DEFAULT_SCENARIO), live=False) as simulator:
         ("list_switch_port_statistics(None)", "psutil"),
         ("get_system_arp_result()", "pyroute2"),
         ("encrypt_cookie(b'x')", "cryptography"),
-        ("check_cert_expiration(b'/proc/self/exe')", "cryptography"),
+        ("check_cert_expiration(b'/etc/passwd')", "cryptography"),
     ],
 )
 def test_live_provider_without_package_names_the_extra(

@@ -398,7 +398,7 @@ def test_interactive_shell_completes_on_a_terminal(run: Any, tmp_path: Path, she
 def read_until(terminal: int, text: str) -> None:
     """Read what a terminal shows until the text appears, without white space and controls."""
     shown = ""
-    deadline = time.monotonic() + 30
+    deadline = time.monotonic() + 120
     while text not in re.sub(r"\x1b\[[0-9;?]*[a-zA-Z]|[\x00-\x20]", "", shown):
         assert time.monotonic() < deadline, repr(shown)
         if select.select([terminal], [], [], 1)[0]:

@@ -91,6 +91,6 @@ def test_path_without_readable_file_is_unreadable(tmp_path: Path) -> None:
     pipe = tmp_path / "pipe"
     os.mkfifo(pipe)
     paths = (b"", b"/no/such/file", os.fsencode(tmp_path), os.fsencode(pipe), b"/dev/zero")
-    with within(10):
+    with within(60):
         for path in (*paths, b"x" * 5000, b"a\0b"):
             assert certificates.check(path) is certificates.Status.UNREADABLE

@@ -6,6 +6,7 @@ import ctypes
 import gc
 import importlib
 import os
+import tempfile
 import tracemalloc
 import weakref
 from collections.abc import Iterator
@@ -223,6 +224,43 @@ def test_secret_path_is_temporary_or_as_set(simulator: Simulator, tmp_path: Path
     assert secret_path() == str(tmp_path / "secret").encode()
     simulator.close()
     assert not own.parent.exists()
+
+
+def test_temporary_directory_is_made_at_first_use(
+    build: None, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    """A process that is killed before leaves no files."""
+    monkeypatch.setattr(tempfile, "tempdir", str(tmp_path))
+    with Simulator() as simulator:
+        assert simulator.module.new_cookie_id() is not None
+        simulator.reset()
+        assert not [*tmp_path.iterdir()]
+        simulator.module.get_token()
+        assert [file.parent.parent for file in tmp_path.glob("simulator-*/*")] == [tmp_path]
+    assert not [*tmp_path.iterdir()]
+    assert secret_path() == b""
+
+
+def test_temporary_directory_that_cannot_be_made_is_reported(
+    simulator: Simulator, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setattr(tempfile, "tempdir", str(tmp_path / "missing"))
+    monkeypatch.chdir(tmp_path)
+    with pytest.raises(IsADirectoryError):
+        simulator.module.get_token()
+    with pytest.raises(FileNotFoundError, match="missing/simulator-"):
+        simulator.raise_errors()
+    (tmp_path / "missing").mkdir()
+    assert simulator.module.get_token()
+
+
+def test_forked_process_deletes_its_own_directory(simulator: Simulator) -> None:
+    child = os.fork()
+    if child == 0:  # pragma: no cover
+        own = simulator.secret_path.parent
+        simulator.close()
+        os._exit(own.exists())
+    assert os.waitpid(child, 0)[1] == 0
 
 
 def serial_number() -> object:
