@@ -1,0 +1,239 @@
+"""Servers that test mutants: each has loaded and prepared everything but the module, and forks for
+each request.
+
+`python -m checks.mutation.servers tests` runs tests of the module, `faults` cases of the
+fault-injection sweep. A request is a line of JSON on standard input: the file and the tests to run
+first, or the cases. The reply is a line on standard output: what failed, or null. A request without
+them returns the lines of the sources that each test or case reaches, in a build that logs calls.
+"""
+
+from __future__ import annotations
+
+import json
+import mmap
+import os
+import pickle
+import resource
+import signal
+import sys
+import traceback
+from collections.abc import Iterable
+from contextlib import suppress
+from typing import Any, Callable
+
+import psutil
+import pytest
+
+from checks.fault_injection import __main__ as fault_injection
+from checks.fault_injection.forks import ForkRunner
+from checks.fault_injection.imports import ImportCase, ImportSubject
+from checks.fault_injection.libfaults import FaultInjector, read_log
+from checks.fault_injection.process_cases import ProcessCase
+from checks.fault_injection.sweep import AnyCase, CallSubject, sweep
+from tests.support import isolated
+from veldarin_simulator import Simulator
+
+# Not tests of behavior: the size and the symbols of the file.
+IGNORED = "tests/module/test_shared_object.py"
+CPU_SECONDS, SECONDS = 6, 60  # for one test, which takes one second at most
+SWEEP_SECONDS = 300
+MEMORY = 16 << 30
+
+
+# pytest and the tests get other standard streams.
+requests, replies = os.fdopen(os.dup(0)), os.fdopen(os.dup(1), "w")
+
+
+def serve(run: Callable[[Any], object]) -> None:
+    """Reply to each request with what `run` returns."""
+    for line in requests:
+        print(json.dumps(run(json.loads(line))), file=replies, flush=True)
+
+
+class CallLog:
+    """The lines of the sources whose fallible calls the module has reached, in a build that logs."""
+
+    def __init__(self, injector: FaultInjector) -> None:
+        self._path = isolated.BUILD / "call_sites.log"
+        self._path.unlink(missing_ok=True)
+        injector.open_log(self._path)
+        self._counts: dict[str, int] = {}
+
+    def new(self) -> set[str]:
+        """The lines that were reached since the last call, as "file:line"."""
+        before, self._counts = self._counts, {}
+        for row in read_log(self._path):
+            place = ":".join(row.key.decode().split(":", 2)[:2])
+            self._counts[place] = self._counts.get(place, 0) + row.reached
+        return {place for place, count in self._counts.items() if count != before.get(place)}
+
+
+# ------------------------------------------------------------------ tests
+
+
+class TestServer:
+    """A pytest plugin that runs the collected tests in a fork for each request."""
+
+    def __init__(self) -> None:
+        self._running = mmap.mmap(-1, 8)  # the number of the test
+
+    def pytest_runtestloop(self, session: pytest.Session) -> bool:
+        """Serve requests instead of running the tests once."""
+        if session.testsfailed:
+            return True
+        self._items = {item.nodeid: item for item in session.items}
+        serve(lambda request: self._run(session, request) if request else self._reach(session))
+        return True
+
+    def _reach(self, session: pytest.Session) -> list[tuple[str, list[str]]] | str:
+        """Run all tests; return the sources whose calls each reaches, or the test that fails."""
+        log = CallLog(FaultInjector())
+        items = [*self._items.values()]
+        reached = []
+        for item, following in zip(items, [*items[1:], None]):
+            item.config.hook.pytest_runtest_protocol(item=item, nextitem=following)
+            if session.testsfailed:
+                return item.nodeid
+            reached.append((item.nodeid, sorted({place.partition(":")[0] for place in log.new()})))
+        return reached
+
+    def _order(self, first: Iterable[str], words: set[str]) -> list[pytest.Item]:
+        """The tests to run: the named ones, one of each function, all others, the slow ones.
+
+        Tests of files that share a word with the mutant's file precede others.
+        """
+        seen: dict[str, int] = {}
+        keys: dict[str, tuple[int, ...]] = {}
+        for place, item in enumerate(self._items.values()):
+            function, _, _ = item.nodeid.partition("[")
+            repeated = seen[function] = seen.get(function, -1) + 1
+            distance = -len(words & set(item.path.stem.split("_")))
+            slow = item.get_closest_marker("slow") is not None
+            keys[item.nodeid] = (1, distance, place) if slow else (0, distance, repeated, place)
+        known = dict.fromkeys(each for each in first if each in self._items)
+        rest = sorted(self._items.keys() - known.keys(), key=keys.__getitem__)
+        return [self._items[nodeid] for nodeid in (*known, *rest)]
+
+    def _run(self, session: pytest.Session, request: dict[str, Any]) -> str | None:
+        isolated._server()  # for all forks: starting one takes longer than most of them live
+        items = self._order(request["first"], set(request["words"]))
+        if request["only"] is not None:
+            only = {*request["first"], *request["only"]}
+            items = [item for item in items if item.nodeid in only]
+        child = os.fork()
+        if child == 0:
+            with suppress(BaseException):
+                os.setpgid(0, 0)
+                os._exit(self._run_items(session, items))
+            os._exit(1)
+        _pid, status = os.waitpid(child, 0)
+        with suppress(ProcessLookupError):
+            os.killpg(child, signal.SIGKILL)
+        if os.WIFSIGNALED(status):
+            self._end_isolated_server()
+        if status == 0:
+            return None
+        how = {signal.SIGPROF: "timeout: ", signal.SIGALRM: "timeout: "}
+        return how.get(os.WTERMSIG(status), "crash: " if os.WIFSIGNALED(status) else "") + str(
+            items[int.from_bytes(self._running[:], "little")].nodeid
+        )
+
+    def _run_items(self, session: pytest.Session, items: list[pytest.Item]) -> int:
+        resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
+        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        for place, (item, following) in enumerate(zip(items, [*items[1:], None])):
+            self._running[:] = place.to_bytes(8, "little")
+            signal.setitimer(signal.ITIMER_PROF, CPU_SECONDS)
+            signal.alarm(SECONDS)
+            item.config.hook.pytest_runtest_protocol(item=item, nextitem=following)
+            if session.testsfailed:
+                return 1
+        return 0
+
+    def _end_isolated_server(self) -> None:
+        """End the server of `isolated` and its fork, whose reply nothing reads any more."""
+        process = psutil.Process(isolated._server().pid)
+        for each in (*process.children(recursive=True), process):
+            with suppress(psutil.NoSuchProcess):
+                each.kill()
+        isolated._server().communicate()
+        isolated._server.cache_clear()
+
+
+def serve_tests() -> None:
+    """Collect the tests of the module and serve."""
+    from hypothesis import Phase, settings
+
+    os.environ.update(CI="1", HYPOTHESIS_EXAMPLES="20")  # the same texts in every run
+    settings.register_profile("mutation", phases=[Phase.explicit, Phase.generate])
+    settings.load_profile("mutation")
+    options = ["-q", "-p", "no:xdist", "-p", "no:cacheprovider", "-p", "no:faulthandler"]
+    options += ["tests/module"]
+    sys.exit(pytest.main([*options, f"--ignore={IGNORED}"], plugins=[TestServer()]))
+
+
+# ------------------------------------------------------------------ fault injection
+
+
+class FaultServer:
+    """Sweeps the cases that reach a line of the sources."""
+
+    def __init__(self) -> None:
+        self._injector = fault_injection.prepare(isolated.BUILD / "call_sites.log")
+        self._log = CallLog(self._injector)
+        self._cases = {str(case): case for case in fault_injection.select_cases()}
+
+    def run(self, request: dict[str, Any]) -> object:
+        """Return the lines that each case reaches, or the first finding in some cases."""
+        if "cases" not in request:
+            return [[name, self._in_fork(self._reach, each)] for name, each in self._cases.items()]
+        for name in request["cases"]:
+            findings = self._in_fork(self._sweep, self._cases[name])
+            if findings is None or findings:
+                return f"fault injection: {name}"
+        return None
+
+    def _in_fork(self, function: Callable[[AnyCase], Any], case: AnyCase) -> Any:
+        reader, writer = os.pipe()
+        child = os.fork()
+        if child == 0:
+            os.close(reader)
+            os.setpgid(0, 0)
+            signal.alarm(SWEEP_SECONDS)
+            try:
+                result = pickle.dumps(function(case))
+            except BaseException:
+                traceback.print_exc()
+                os._exit(1)
+            os.write(writer, result)
+            os._exit(0)
+        os.close(writer)
+        with os.fdopen(reader, "rb") as pipe:
+            result = pipe.read()
+        os.waitpid(child, 0)
+        with suppress(ProcessLookupError):
+            os.killpg(child, signal.SIGKILL)
+        return pickle.loads(result) if result else None
+
+    def _sweep(self, case: AnyCase) -> bool:
+        return bool(sweep(self._injector, case, run_atexit=False, one_shot=True).findings)
+
+    def _reach(self, case: AnyCase) -> list[str]:
+        """The lines of fallible calls that a case reaches without an injected failure."""
+        self._log.new()
+        if isinstance(case, ImportCase):
+            ImportSubject(self._injector, case, ForkRunner(sys.stderr.buffer, False))
+        else:
+            process_case = case if isinstance(case, ProcessCase) else ProcessCase(case)
+            CallSubject(self._injector, process_case, Simulator(live=False).__enter__())
+        return sorted(self._log.new())
+
+
+if __name__ == "__main__":
+    null = os.open(os.devnull, os.O_RDWR)
+    for standard in (0, 1):
+        os.dup2(null, standard)
+    if sys.argv[1] == "tests":
+        serve_tests()
+    else:
+        serve(FaultServer().run)
