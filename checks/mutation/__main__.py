@@ -1,4 +1,4 @@
-"""Change the module's C++ sources in one place at a time, and check that a test fails for each change.
+"""Change the module's C++ sources in one place at a time, and check that a test fails each time.
 
 A mutant that a test kills is a defect that the tests would find. The exit status is 1 if fewer than
 98 % of the mutants that behave differently are killed, or if equivalent.txt is wrong.
@@ -72,16 +72,49 @@ class Server:
         self._process.communicate()
 
 
+class Reached(NamedTuple):
+    """The sources whose fallible calls each test reaches, and the lines that each case does."""
+
+    tests: dict[str, list[str]]
+    cases: dict[str, list[str]]
+
+
+def read_reached(store: Path) -> Reached | str:
+    """Run all tests and cases without a mutant, unless nothing changed; return one that fails."""
+    digest = hashlib.sha256()
+    for folder in ("checks/fault_injection", "tests/module", "tests/support", "veldarin/modules"):
+        for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
+            digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
+    if store.exists():
+        name, *reached = json.loads(store.read_text())
+        if name == digest.hexdigest():
+            return Reached(*reached)
+    replies = []
+    servers = [Server(kind, BUILD / "fault-injection") for kind in ("tests", "faults")]
+    for server in servers:
+        replies.append(server.request())
+        server.close()
+    if isinstance(replies[0], str):
+        return replies[0]
+    reached = [dict(reply) for reply in replies]
+    store.write_text(json.dumps([digest.hexdigest(), *reached]))
+    return Reached(*reached)
+
+
 class Worker:
     """Builds and tests mutants, one after the other."""
 
-    def __init__(self, folder: Path, reached: list[tuple[str, list[str]]]) -> None:
+    def __init__(self, folder: Path, reached: Reached) -> None:
         self._builder = Builder(BUILD / "release", folder / "release")
         self._tests = Server("tests", folder / "release")
         self._folder = folder
-        self._reached = {name: set(files) for name, files in reached}
+        self._reached = reached
         self._faulty: tuple[Builder, Server] | None = None
         self._cases: dict[str, list[tuple[int, str]]] = defaultdict(list)  # by place
+        for case, places in reached.cases.items():
+            partial = case.startswith("import") and case not in WHOLE_IMPORTS
+            for place in places:
+                self._cases[place].append((len(places) + 1000 * partial, case))
 
     def test_original(self, names: list[str]) -> str | None:
         """Run some tests against the module as it is, in this order; return the one that fails."""
@@ -96,9 +129,10 @@ class Worker:
     def _reaching(self, file: str) -> list[str] | None:
         """The tests that reach calls of a source; those that run it elsewhere reach none."""
         path = f"veldarin/modules/{file}"
-        if not any(path in files for files in self._reached.values()):
+        tests = self._reached.tests
+        if not any(path in files for files in tests.values()):
             return None  # has no calls
-        return [name for name, files in self._reached.items() if path in files or not files]
+        return [name for name, files in tests.items() if path in files or not files]
 
     def build(self, mutant: Mutant, source: str) -> str | None:
         """Build a mutant as `Builder.make` does."""
@@ -113,10 +147,6 @@ class Worker:
         if self._faulty is None:
             folder = self._folder / "faults"
             self._faulty = Builder(BUILD / "fault-injection", folder), Server("faults", folder)
-            for case, places in self._faulty[1].request():
-                partial = case.startswith("import") and case not in WHOLE_IMPORTS
-                for place in places:
-                    self._cases[place].append((len(places) + 1000 * partial, case))
         builder, server = self._faulty
         reply: str | None = None
         if builder.make(mutant, source):
@@ -182,7 +212,9 @@ class Run:
                 if not self._waiting:
                     return
                 mutant = self._waiting.pop()
-                near = sorted((abs(line - mutant.line), name) for line, name in self._killers[mutant.file])
+                near = sorted(
+                    (abs(line - mutant.line), name) for line, name in self._killers[mutant.file]
+                )
                 first = [*dict.fromkeys(name for _distance, name in near)][:NEAREST]
             try:
                 result = self._test(worker, mutant, first)
@@ -291,7 +323,9 @@ def parse_arguments() -> argparse.Namespace:
     """Parse the command line."""
     parser = argparse.ArgumentParser(prog="python -m checks.mutation", description=__doc__)
     parser.add_argument("--only", metavar="TEXT", help="test the mutants whose name contains TEXT")
-    parser.add_argument("--sample", type=int, metavar="COUNT", help="test that many, chosen at random")
+    parser.add_argument(
+        "--sample", type=int, metavar="COUNT", help="test that many, chosen at random"
+    )
     parser.add_argument("--seed", type=int, default=0, help="of the choice")
     parser.add_argument("--fresh", action="store_true", help="discard the results of earlier runs")
     parser.add_argument("--jobs", type=int, default=len(os.sched_getaffinity(0)), metavar="N")
@@ -314,9 +348,7 @@ def main() -> int:
     if options.fresh:
         store.unlink(missing_ok=True)
     run = Run(chosen, sources, store)
-    tests = Server("tests", BUILD / "fault-injection")
-    reached = tests.request()
-    tests.close()
+    reached = read_reached(folder / "reached.json")
     if isinstance(reached, str):
         print(f"mutation: a test fails without a mutant: {reached}")
         return 1

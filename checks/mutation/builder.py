@@ -106,7 +106,9 @@ class Builder:
             if content != (self.build / original).read_bytes():
                 replaced[original] = str(new)
                 digest.update(content)
-        return digest.hexdigest() if replaced and self.link(replaced) else "" if not replaced else None
+        return (
+            digest.hexdigest() if replaced and self.link(replaced) else "" if not replaced else None
+        )
 
     def link(self, replaced: dict[str, str]) -> bool:
         """Link the module with other objects in place of the build's."""

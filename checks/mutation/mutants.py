@@ -14,8 +14,8 @@ from typing import NamedTuple
 
 TOKEN = re.compile(
     r"""
-    (?P<skipped>//[^\n]*|/\*.*?\*/|^[ ]*\#(?:include|pragma|undef)[^\n]*|^\#define\ \w+(?:\([^)]*\))?
-        |\bstatic_assert\(.*?\);|\bextern\ "C")
+    (?P<skipped>//[^\n]*|/\*.*?\*/|^[ ]*\#(?:include|pragma|undef)[^\n]*
+        |^\#define\ \w+(?:\([^)]*\))?|\bstatic_assert\(.*?\);|\bextern\ "C")
     |(?P<string>"(?:\\.|[^"\\\n])*")
     |(?P<character>'(?:\\.|[^'\\\n])+')
     |(?P<number>\b(?:0[xX][\da-fA-F]+|\d+)(?=[uUlL]*\b))
@@ -62,7 +62,16 @@ LINE_FILES = (".def", "traceback_lines.h")
 # A condition of a single operator that another mutant negates.
 NEGATED_ALREADY = re.compile(r"\((?:!|true|[^&|]* [<>=!]=? )(?:(?!&&|\|\|).)*$", re.DOTALL)
 CONDITIONAL = {"if", "else", "for", "while", "switch"}
-KEYWORDS = {*CONDITIONAL, "case", "default", "do", "namespace", "using", "static_assert", "template"}
+KEYWORDS = {
+    *CONDITIONAL,
+    "case",
+    "default",
+    "do",
+    "namespace",
+    "using",
+    "static_assert",
+    "template",
+}
 SCOPES = {"class", "enum", "extern", "namespace", "struct", "union"}
 DECLARATION = re.compile(
     r"(?:(?:const|constexpr|static|inline|explicit|struct)\s+)*"

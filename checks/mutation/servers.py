@@ -9,6 +9,7 @@ them returns the lines of the sources that each test or case reaches, in a build
 
 from __future__ import annotations
 
+import gc
 import json
 import mmap
 import os
@@ -25,11 +26,12 @@ import psutil
 import pytest
 
 from checks.fault_injection import __main__ as fault_injection
+from checks.fault_injection.call_subject import CallSubject
 from checks.fault_injection.forks import ForkRunner
 from checks.fault_injection.imports import ImportCase, ImportSubject
 from checks.fault_injection.libfaults import FaultInjector, read_log
 from checks.fault_injection.process_cases import ProcessCase
-from checks.fault_injection.sweep import AnyCase, CallSubject, sweep
+from checks.fault_injection.sweep import AnyCase, sweep
 from tests.support import isolated
 from veldarin_simulator import Simulator
 
@@ -51,7 +53,7 @@ def serve(run: Callable[[Any], object]) -> None:
 
 
 class CallLog:
-    """The lines of the sources whose fallible calls the module has reached, in a build that logs."""
+    """The lines of the fallible calls that the module has reached, in a build that logs them."""
 
     def __init__(self, injector: FaultInjector) -> None:
         self._path = isolated.BUILD / "call_sites.log"
@@ -71,6 +73,11 @@ class CallLog:
 # ------------------------------------------------------------------ tests
 
 
+def is_of_reference(item: pytest.Item) -> bool:
+    """Tell whether a test runs the reference model in place of the module."""
+    return isinstance(item, pytest.Function) and "[reference" in item.name
+
+
 class TestServer:
     """A pytest plugin that runs the collected tests in a fork for each request."""
 
@@ -81,7 +88,8 @@ class TestServer:
         """Serve requests instead of running the tests once."""
         if session.testsfailed:
             return True
-        self._items = {item.nodeid: item for item in session.items}
+        self._items = {item.nodeid: item for item in session.items if not is_of_reference(item)}
+        gc.freeze()  # the collector of the forks skips the server's objects
         serve(lambda request: self._run(session, request) if request else self._reach(session))
         return True
 
@@ -110,8 +118,11 @@ class TestServer:
             distance = -len(words & set(item.path.stem.split("_")))
             slow = item.get_closest_marker("slow") is not None
             keys[item.nodeid] = (1, distance, place) if slow else (0, distance, repeated, place)
-        known = dict.fromkeys(each for each in first if each in self._items)
-        rest = sorted(self._items.keys() - known.keys(), key=keys.__getitem__)
+        known = sorted(
+            dict.fromkeys(each for each in first if each in self._items),
+            key=lambda nodeid: keys[nodeid][0],
+        )
+        rest = sorted(self._items.keys() - set(known), key=keys.__getitem__)
         return [self._items[nodeid] for nodeid in (*known, *rest)]
 
     def _run(self, session: pytest.Session, request: dict[str, Any]) -> str | None:
@@ -129,14 +140,15 @@ class TestServer:
         _pid, status = os.waitpid(child, 0)
         with suppress(ProcessLookupError):
             os.killpg(child, signal.SIGKILL)
-        if os.WIFSIGNALED(status):
-            self._end_isolated_server()
         if status == 0:
             return None
-        how = {signal.SIGPROF: "timeout: ", signal.SIGALRM: "timeout: "}
-        return how.get(os.WTERMSIG(status), "crash: " if os.WIFSIGNALED(status) else "") + str(
-            items[int.from_bytes(self._running[:], "little")].nodeid
-        )
+        how = ""
+        if os.WIFSIGNALED(status):
+            is_timeout = os.WTERMSIG(status) in {signal.SIGPROF, signal.SIGALRM}
+            how = "timeout: " if is_timeout else "crash: "
+            if is_timeout:
+                self._end_isolated_server()
+        return how + items[int.from_bytes(self._running[:], "little")].nodeid
 
     def _run_items(self, session: pytest.Session, items: list[pytest.Item]) -> int:
         resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
@@ -167,7 +179,8 @@ def serve_tests() -> None:
     os.environ.update(CI="1", HYPOTHESIS_EXAMPLES="20")  # the same texts in every run
     settings.register_profile("mutation", phases=[Phase.explicit, Phase.generate])
     settings.load_profile("mutation")
-    options = ["-q", "-p", "no:xdist", "-p", "no:cacheprovider", "-p", "no:faulthandler"]
+    # Nothing reads the reports.
+    options = ["-q", "--tb=native", "--assert=plain", "-p", "no:xdist", "-p", "no:cacheprovider"]
     options += ["tests/module"]
     sys.exit(pytest.main([*options, f"--ignore={IGNORED}"], plugins=[TestServer()]))
 
@@ -230,9 +243,10 @@ class FaultServer:
 
 
 if __name__ == "__main__":
-    null = os.open(os.devnull, os.O_RDWR)
-    for standard in (0, 1):
-        os.dup2(null, standard)
+    os.dup2(os.open(os.devnull, os.O_RDONLY), 0)
+    log = os.open(isolated.BUILD / "server.log", os.O_WRONLY | os.O_CREAT | os.O_TRUNC)
+    for standard in (1, 2):  # crashes write stacks
+        os.dup2(log, standard)
     if sys.argv[1] == "tests":
         serve_tests()
     else:
