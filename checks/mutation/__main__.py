@@ -80,9 +80,12 @@ class Reached(NamedTuple):
 
 
 def read_reached(store: Path) -> Reached | str:
-    """Run all tests and cases without a mutant, unless nothing changed; return one that fails."""
+    """Run all tests and cases without a mutant; return one that fails.
+
+    What an earlier run stored stands until the module changes; new tests are not in it.
+    """
     digest = hashlib.sha256()
-    for folder in ("checks/fault_injection", "tests/module", "tests/support", "veldarin/modules"):
+    for folder in ("checks/fault_injection", "tests/support", "veldarin/modules"):
         for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
             digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
     if store.exists():
@@ -119,20 +122,20 @@ class Worker:
     def test_original(self, names: list[str]) -> str | None:
         """Run some tests against the module as it is, in this order; return the one that fails."""
         self._builder.link({})
-        return self._run("", names, [])
+        return self._run("", names, only=names)
 
-    def _run(self, file: str, first: list[str], only: list[str] | None) -> str | None:
+    def _run(self, file: str, first: list[str], **which: list[str]) -> str | None:
         words = Path(file).stem.split("_")
-        reply: str | None = self._tests.request(first=first, words=words, only=only)
+        reply: str | None = self._tests.request(first=first, words=words, **which)
         return reply
 
-    def _reaching(self, file: str) -> list[str] | None:
-        """The tests that reach calls of a source; those that run it elsewhere reach none."""
+    def _unrelated(self, file: str) -> list[str]:
+        """The tests that reach calls of other sources only; in another process they reach none."""
         path = f"veldarin/modules/{file}"
         tests = self._reached.tests
         if not any(path in files for files in tests.values()):
-            return None  # has no calls
-        return [name for name, files in tests.items() if path in files or not files]
+            return []  # has no calls
+        return [name for name, files in tests.items() if files and path not in files]
 
     def build(self, mutant: Mutant, source: str) -> str | None:
         """Build a mutant as `Builder.make` does."""
@@ -140,7 +143,7 @@ class Worker:
 
     def test(self, mutant: Mutant, source: str, first: list[str]) -> str | None:
         """Run the tests on the mutant that was built, then fault injection; return what failed."""
-        killer = self._run(mutant.file, first, self._reaching(mutant.file))
+        killer = self._run(mutant.file, first, skip=self._unrelated(mutant.file))
         return killer or self._inject_faults(mutant, source)
 
     def _inject_faults(self, mutant: Mutant, source: str) -> str | None:

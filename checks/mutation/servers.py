@@ -128,9 +128,8 @@ class TestServer:
     def _run(self, session: pytest.Session, request: dict[str, Any]) -> str | None:
         isolated._server()  # for all forks: starting one takes longer than most of them live
         items = self._order(request["first"], set(request["words"]))
-        if request["only"] is not None:
-            only = {*request["first"], *request["only"]}
-            items = [item for item in items if item.nodeid in only]
+        chosen = {*request.get("only", self._items)} - {*request.get("skip", ())}
+        items = [item for item in items if item.nodeid in chosen]
         child = os.fork()
         if child == 0:
             with suppress(BaseException):
