@@ -17,6 +17,7 @@ import sys
 import threading
 import time
 from collections import Counter, defaultdict
+from itertools import zip_longest
 from pathlib import Path
 from typing import Any, NamedTuple
 
@@ -28,7 +29,8 @@ BUILD = ROOT / "build"
 EQUIVALENT = Path(__file__).with_name("equivalent.txt")
 REQUIRED = 98  # percent
 NEAREST = 12  # tests that killed mutants nearby, which run first
-MAX_CASES = 3  # of fault injection
+MAX_TESTS = 25  # that reach calls nearby, which run next
+MAX_CASES = 5  # of fault injection, which run before all other tests
 # Fault injection skips what these cases have in common with other cases of the import.
 WHOLE_IMPORTS = {"import: execution: after a failure", "import: creation: from a whole spec"}
 COLUMNS = ("made", "invalid", "same code", "equivalent", "killed", "survived")
@@ -73,7 +75,7 @@ class Server:
 
 
 class Reached(NamedTuple):
-    """The sources whose fallible calls each test reaches, and the lines that each case does."""
+    """The lines of the fallible calls that each test and each case of fault injection reaches."""
 
     tests: dict[str, list[str]]
     cases: dict[str, list[str]]
@@ -111,13 +113,20 @@ class Worker:
         self._builder = Builder(BUILD / "release", folder / "release")
         self._tests = Server("tests", folder / "release")
         self._folder = folder
-        self._reached = reached
         self._faulty: tuple[Builder, Server] | None = None
-        self._cases: dict[str, list[tuple[int, str]]] = defaultdict(list)  # by place
-        for case, places in reached.cases.items():
-            partial = case.startswith("import") and case not in WHOLE_IMPORTS
+        self._files = {
+            name: {place.partition(":")[0] for place in places}
+            for name, places in reached.tests.items()
+        }
+        # By line: those that reach few others first.
+        self._near_tests: dict[str, list[str]] = defaultdict(list)
+        for name, places in sorted(reached.tests.items(), key=lambda row: len(row[1])):
             for place in places:
-                self._cases[place].append((len(places) + 1000 * partial, case))
+                self._near_tests[place].append(name)
+        self._near_cases: dict[str, list[str]] = defaultdict(list)
+        for name, places in sorted(reached.cases.items(), key=_case_length):
+            for place in places:
+                self._near_cases[place].append(name)
 
     def test_original(self, names: list[str]) -> str | None:
         """Run some tests against the module as it is, in this order; return the one that fails."""
@@ -129,45 +138,58 @@ class Worker:
         reply: str | None = self._tests.request(first=first, words=words, **which)
         return reply
 
-    def _unrelated(self, file: str) -> list[str]:
-        """The tests that reach calls of other sources only; in another process they reach none."""
-        path = f"veldarin/modules/{file}"
-        tests = self._reached.tests
-        if not any(path in files for files in tests.values()):
-            return []  # has no calls
-        return [name for name, files in tests.items() if files and path not in files]
-
     def build(self, mutant: Mutant, source: str) -> str | None:
         """Build a mutant as `Builder.make` does."""
         return self._builder.make(mutant, source)
 
     def test(self, mutant: Mutant, source: str, first: list[str]) -> str | None:
-        """Run the tests on the mutant that was built, then fault injection; return what failed."""
-        killer = self._run(mutant.file, first, skip=self._unrelated(mutant.file))
-        return killer or self._inject_faults(mutant, source)
+        """Run tests on the mutant that was built, and fault injection; return what failed."""
+        near = _nearest(mutant, self._near_tests)
+        functions = {name.partition("[")[0]: name for name in reversed(near)}  # one test of each
+        first = [*first, *[*functions.values()][: -MAX_TESTS - 1 : -1]]
+        path = f"veldarin/modules/{mutant.file}"
+        has_calls = any(path in files for files in self._files.values())
+        # Tests that reach no call run the module in another process.
+        skip = [
+            name for name, files in self._files.items() if has_calls and files and path not in files
+        ]
+        return (
+            self._run(mutant.file, first, only=first)
+            or self._inject_faults(mutant, source)
+            or self._run(mutant.file, [], skip=[*skip, *first])
+        )
 
     def _inject_faults(self, mutant: Mutant, source: str) -> str | None:
+        near = _nearest(mutant, self._near_cases)
+        if not near:
+            return None
+        # Short and long ones: a failing allocation shows only where the call goes on.
+        cases = near[:: -(-len(near) // MAX_CASES)]
         if self._faulty is None:
             folder = self._folder / "faults"
             self._faulty = Builder(BUILD / "fault-injection", folder), Server("faults", folder)
         builder, server = self._faulty
-        reply: str | None = None
-        if builder.make(mutant, source):
-            reply = server.request(cases=self._nearest_cases(mutant))
+        reply: str | None = server.request(cases=cases) if builder.make(mutant, source) else None
         return reply
-
-    def _nearest_cases(self, mutant: Mutant) -> list[str]:
-        """The shortest cases that reach the fallible calls next to the mutant's line."""
-        prefix = f"veldarin/modules/{mutant.file}:"
-        lines = [int(each[len(prefix) :]) for each in self._cases if each.startswith(prefix)]
-        lines.sort(key=lambda line: (abs(line - mutant.line), line))
-        cases = [case for line in lines[:2] for case in sorted(self._cases[f"{prefix}{line}"])]
-        return [*dict.fromkeys(name for _length, name in sorted(cases))][:MAX_CASES]
 
     def close(self) -> None:
         """End the servers."""
         for server in (self._tests, *(self._faulty or ())[1:]):
             server.close()
+
+
+def _case_length(row: tuple[str, list[str]]) -> tuple[bool, int]:
+    name, places = row
+    return name.startswith("import") and name not in WHOLE_IMPORTS, len(places)
+
+
+def _nearest(mutant: Mutant, by_place: dict[str, list[str]]) -> list[str]:
+    """The names for the two lines with calls that are next to the mutant's line."""
+    prefix = f"veldarin/modules/{mutant.file}:"
+    lines = [int(place[len(prefix) :]) for place in by_place if place.startswith(prefix)]
+    lines.sort(key=lambda line: (abs(line - mutant.line), line))
+    names = zip_longest(*(by_place[f"{prefix}{line}"] for line in lines[:2]))
+    return [*dict.fromkeys(name for pair in names for name in pair if name)]
 
 
 class Run:

@@ -94,7 +94,7 @@ class TestServer:
         return True
 
     def _reach(self, session: pytest.Session) -> list[tuple[str, list[str]]] | str:
-        """Run all tests; return the sources whose calls each reaches, or the test that fails."""
+        """Run all tests; return the lines of calls that each reaches, or the test that fails."""
         log = CallLog(FaultInjector())
         items = [*self._items.values()]
         reached = []
@@ -102,7 +102,7 @@ class TestServer:
             item.config.hook.pytest_runtest_protocol(item=item, nextitem=following)
             if session.testsfailed:
                 return item.nodeid
-            reached.append((item.nodeid, sorted({place.partition(":")[0] for place in log.new()})))
+            reached.append((item.nodeid, sorted(log.new())))
         return reached
 
     def _order(self, first: Iterable[str], words: set[str]) -> list[pytest.Item]:
@@ -180,7 +180,7 @@ def serve_tests() -> None:
     settings.load_profile("mutation")
     # Nothing reads the reports.
     options = ["-q", "--tb=native", "--assert=plain", "-p", "no:xdist", "-p", "no:cacheprovider"]
-    options += ["tests/module"]
+    options += [f"--basetemp={isolated.BUILD / 'temporary'}", "tests/module"]
     sys.exit(pytest.main([*options, f"--ignore={IGNORED}"], plugins=[TestServer()]))
 
 

@@ -35,7 +35,8 @@ Zebra Notifications: 80"""
 def ending_lines(function: str, arguments: str, output: str) -> dict[str, str]:
     """The lines at which a call ends as each of its allocations fails in turn, and then none.
 
-    Under "raised" those of exceptions that leave the call, under "logged" those that it logs.
+    Under "raised" those of a MemoryError that leaves the call, under "logged" those of one that it
+    logs, and under the name of another exception, those of that one.
     """
     import _testcapi
     import gc
@@ -62,7 +63,7 @@ def ending_lines(function: str, arguments: str, output: str) -> dict[str, str]:
             return "raised", error
         return "logged", logged[0] if logged else None
 
-    found: dict[str, set[int]] = {"raised": set(), "logged": set()}
+    found: dict[str, set[int]] = {}
     held: list[object] = []
     gc.disable()
     with Simulator(live=False, track_buffers=False) as simulator:
@@ -95,8 +96,11 @@ def ending_lines(function: str, arguments: str, output: str) -> dict[str, str]:
                 _testcapi.remove_mem_hooks()
             unharmed = 0 if isinstance(error, MemoryError) else unharmed + 1
             if error is not None:
+                if not isinstance(error, MemoryError):
+                    how = type(error).__name__
                 # Without memory for the entry there is none.
-                found[how].update(e.line for e in traceback_entries(error.__traceback__))
+                lines = [entry.line for entry in traceback_entries(error.__traceback__)]
+                found.setdefault(how, set()).update(lines)
             if unharmed == 5:
                 return {how: " ".join(map(str, sorted(lines))) for how, lines in found.items()}
     raise AssertionError("an allocation always fails")
@@ -110,6 +114,7 @@ class Endings(NamedTuple):
     output: str = ""
     raised: str = ""
     logged: str = ""
+    other: str = ""
 
 
 BFD, ROUTING, ARP = "get_bfd_neighbor", "get_routing_table_result", "get_system_arp_result"
@@ -119,21 +124,27 @@ CALLS = {
     "hash": Endings("aps_unsigned_int_hash", "(b'text',)", raised="33"),
     "cookie name": Endings("get_cookie_name", "(True,)", raised="37"),
     "encryption": Endings("encrypt_cookie", "(b'',)", raised="42"),
-    "decryption": Endings("decrypt_cookie", "(b'encrypted text',)", raised="52"),
-    "command": Endings("get_cli_command_output", "('c',)", "a--More--b", raised="260 261"),
+    "decryption": Endings("decrypt_cookie", "(b'encrypted text',)", other="CFunctionError 52"),
+    "command": Endings(
+        "get_cli_command_output", "('c',)", "a--More--b", "261", other="CFunctionError 260"
+    ),
     "routes": Endings(
         ROUTING, "('a',)", ROUTES, "379 380 381 387 389 390 391 392 397 401 403 404 406 408 409 411"
     ),
     "wide routes": Endings(
-        ROUTING, "('a',)", "\xfc\nRouting entry for to", "379 380 381 382 387 388"
+        ROUTING, "('a',)", "\xfc\nRouting a b to", "379 380 381 382 387", other="IndexError 388"
     ),
-    "short route": Endings(ROUTING, "('a',)", "Routing entry for", "379 380 381 387"),
+    "short route": Endings(
+        ROUTING, "('a',)", "Routing entry for", "379 380 381", other="IndexError 387"
+    ),
     "addresses": Endings(ARP, "()", ADDRESSES, "416 428 429 430 431 432 434 435"),
-    "wide addresses": Endings(ARP, "()", "Address\n\n\t\xfc", "418 428 429 430"),
+    "wide addresses": Endings(
+        ARP, "()", "Address\n\n\t\xfc", "418 428 429", other="IndexError 430"
+    ),
     "session": Endings(BFD, "('c', {})", SESSION, "276", FIELDS),
     "wide session": Endings(BFD, "('c', {})", f"{SESSION}\t\xfc\t", "274 276", f"293 {FIELDS}"),
     "known session": Endings(BFD, "('c', {'10.0.0.1_port1': {}})", SESSION, "276 324", FIELDS),
-    "no dictionary": Endings(BFD, "('c', 5)", SESSION, "276 323", "294 295"),
+    "no dictionary": Endings(BFD, "('c', 5)", SESSION, "276", "294 295", "TypeError 323"),
     "sessions": Endings("list_bfd_neighbor", "()", "", "331", "335 338 342 343 344 346"),
 }
 
@@ -142,4 +153,6 @@ CALLS = {
 def test_each_failing_allocation_is_at_its_line(label: str) -> None:
     case = CALLS[label]
     lines = isolated.value(ending_lines, case.function, case.arguments, case.output)
-    assert lines == {"raised": case.raised, "logged": case.logged}
+    other, _, other_line = case.other.partition(" ")
+    expected = {"raised": case.raised, "logged": case.logged, other: other_line}
+    assert lines == {how: each for how, each in expected.items() if each}
