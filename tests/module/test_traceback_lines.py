@@ -3,11 +3,17 @@ the lines at which the call then ends."""
 
 from __future__ import annotations
 
+import re
+from types import ModuleType
 from typing import NamedTuple
 
 import pytest
 
 from tests.support import isolated
+from tests.support.assertions import raises_exactly, traceback_entries
+from tests.support.call_cases import CASES, CallCase, prepare
+from tests.support.isolated import ROOT
+from veldarin_simulator import Simulator
 
 # Each word has several characters: the interpreter keeps strings of one.
 ROUTES = """Routing entry for 10.0.0.0/8
@@ -156,3 +162,33 @@ def test_each_failing_allocation_is_at_its_line(label: str) -> None:
     other, _, other_line = case.other.partition(" ")
     expected = {"raised": case.raised, "logged": case.logged, other: other_line}
     assert lines == {how: each for how, each in expected.items() if each}
+
+
+# Failing calls
+
+
+WIDTHS = (" in latin", " in two bytes", " in four bytes")  # of the same output: the same failures
+ADDRESS = re.compile(r"\b0x[0-9a-f]+")
+FAILING = [case for case in CASES if case.error and not str(case).endswith(WIDTHS)]
+# How each of these calls ends, in their order.
+RECORDED = (ROOT / "tests" / "data" / "failures.txt").read_text().splitlines()
+
+
+@pytest.mark.parametrize("case, recorded", zip(FAILING, RECORDED), ids=map(str, FAILING))
+def test_failing_call_ends_as_recorded(
+    simulator: Simulator,
+    module: ModuleType,
+    monkeypatch: pytest.MonkeyPatch,
+    case: CallCase,
+    recorded: str,
+) -> None:
+    call = prepare(case, simulator, module, monkeypatch)
+    error = raises_exactly(case.error or Exception, call)
+    entries = traceback_entries(error.__traceback__)
+    places = " > ".join(f"{entry.function} {entry.line}" for entry in entries)
+    ending = f"{str(case)!r}: {type(error).__name__} in {places}: {error}"
+    assert ADDRESS.sub("...", ending) == recorded
+
+
+def test_every_failing_call_is_recorded() -> None:
+    assert len(RECORDED) == len(FAILING)
