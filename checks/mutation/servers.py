@@ -9,6 +9,7 @@ them returns the lines of the sources that each test or case reaches, in a build
 
 from __future__ import annotations
 
+import atexit
 import gc
 import json
 import mmap
@@ -20,6 +21,7 @@ import sys
 import traceback
 from collections.abc import Iterable
 from contextlib import suppress
+from pathlib import Path
 from typing import Any, Callable
 
 import psutil
@@ -55,10 +57,9 @@ def serve(run: Callable[[Any], object]) -> None:
 class CallLog:
     """The lines of the fallible calls that the module has reached, in a build that logs them."""
 
-    def __init__(self, injector: FaultInjector) -> None:
-        self._path = isolated.BUILD / "call_sites.log"
-        self._path.unlink(missing_ok=True)
-        injector.open_log(self._path)
+    def __init__(self, path: Path) -> None:
+        self._path = path
+        atexit.register(path.unlink)
         self._counts: dict[str, int] = {}
 
     def new(self) -> set[str]:
@@ -95,7 +96,9 @@ class TestServer:
 
     def _reach(self, session: pytest.Session) -> list[tuple[str, list[str]]] | str:
         """Run all tests; return the lines of calls that each reaches, or the test that fails."""
-        log = CallLog(FaultInjector())
+        path = isolated.BUILD / f"call_sites.{os.getpid()}.log"
+        FaultInjector().open_log(path)
+        log = CallLog(path)
         items = [*self._items.values()]
         reached = []
         for item, following in zip(items, [*items[1:], None]):
@@ -191,8 +194,9 @@ class FaultServer:
     """Sweeps the cases that reach a line of the sources."""
 
     def __init__(self) -> None:
-        self._injector = fault_injection.prepare(isolated.BUILD / "call_sites.log")
-        self._log = CallLog(self._injector)
+        log = isolated.BUILD / f"call_sites.{os.getpid()}.log"
+        self._injector = fault_injection.prepare(log)
+        self._log = CallLog(log)
         self._cases = {str(case): case for case in fault_injection.select_cases()}
 
     def run(self, request: dict[str, Any]) -> object:
@@ -243,7 +247,7 @@ class FaultServer:
 
 if __name__ == "__main__":
     os.dup2(os.open(os.devnull, os.O_RDONLY), 0)
-    log = os.open(isolated.BUILD / "server.log", os.O_WRONLY | os.O_CREAT | os.O_TRUNC)
+    log = os.open(isolated.BUILD / f"{sys.argv[1]}.log", os.O_WRONLY | os.O_CREAT | os.O_TRUNC)
     for standard in (1, 2):  # crashes write stacks
         os.dup2(log, standard)
     if sys.argv[1] == "tests":

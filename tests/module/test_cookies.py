@@ -327,7 +327,9 @@ def test_decrypt_oversized_value_raises_before_allocation(
     simulator: Simulator, module: ModuleType
 ) -> None:
     encrypted = bytes(2**31 - 1)  # the pages are never touched
-    _refused, _kept, peak = traced(lambda: fails(OverflowError, module.decrypt_cookie, encrypted))
+    error, _kept, peak = traced(lambda: fails(OverflowError, module.decrypt_cookie, encrypted))
+    assert str(error) == "value too large to convert to int"
+    assert entry(error, "decrypt_cookie").line == 48
     assert peak < 1_000_000
     assert simulator.call_log == []
 

@@ -438,6 +438,16 @@ def test_failing_step_propagates_its_exception(steps: Steps, step: str) -> None:
     assert all(event[1:] == (None, None, None) for event in exits)
 
 
+@pytest.mark.parametrize("mode, method, line", [("w", "write", 66), ("r", "readline", 69)])
+def test_file_without_method_fails_at_its_use(
+    steps: Steps, mode: str, method: str, line: int
+) -> None:
+    steps.replies[f"{mode}: entered"] = object
+    error = fails(AttributeError, steps.get_token)
+    assert str(error) == f"'object' object has no attribute '{method}'"
+    assert entry(error, "get_token").line == line
+
+
 def test_is_file_truth_error_propagates(steps: Steps) -> None:
     error = Failure("no truth")
     steps.replies["is a file"] = lambda: CountingBool(error)
