@@ -165,9 +165,10 @@ class Worker:
         if not near:
             return None
         # Short and long ones: a failing allocation shows only where the call goes on.
-        cases = near[:: -(-len(near) // MAX_CASES)]
-        if cases[0] in WHOLE_IMPORTS:
-            cases = cases[:1]  # takes seconds, and reaches every line that other imports reach
+        cases = [near[-1], *near[:: -(-len(near) // MAX_CASES)]]
+        if near[0] in WHOLE_IMPORTS:
+            # These take seconds, and reach every line that other imports reach.
+            cases = [case for case in near if case in WHOLE_IMPORTS]
         if self._faulty is None:
             folder = self._folder / "faults"
             self._faulty = Builder(BUILD / "fault-injection", folder), Server("faults", folder)
