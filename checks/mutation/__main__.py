@@ -31,6 +31,7 @@ EQUIVALENT = Path(__file__).with_name("equivalent.txt")
 REQUIRED = 98  # percent
 NEAREST = 12  # tests that killed mutants nearby, which run first
 MAX_TESTS = 25  # that reach calls nearby, which run next
+MIN_RELATED = 20  # tests that reach a source, for others to be left out
 MAX_CASES = 5  # of fault injection, which run before all other tests
 # Fault injection skips what these cases have in common with other cases of the import.
 WHOLE_IMPORTS = {"import: execution: after a failure", "import: creation: from a whole spec"}
@@ -149,11 +150,13 @@ class Worker:
         functions = {name.partition("[")[0]: name for name in reversed(near)}  # one test of each
         first = [*first, *[*functions.values()][: -MAX_TESTS - 1 : -1]]
         path = f"veldarin/modules/{mutant.file}"
-        has_calls = any(path in files for files in self._files.values())
-        # Tests that reach no call run the module in another process.
-        skip = [
-            name for name, files in self._files.items() if has_calls and files and path not in files
-        ]
+        # The tests of other sources. Those that reach no call run the module in another process, and
+        # what the import does only the first test reaches.
+        skip = [name for name, files in self._files.items() if files and path not in files]
+        if len(self._files) - len(skip) < MIN_RELATED + sum(
+            not row for row in self._files.values()
+        ):
+            skip = []
         return (
             self._run(mutant.file, first, only=first)
             or self._inject_faults(mutant, source)

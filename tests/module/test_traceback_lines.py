@@ -9,10 +9,12 @@ from typing import NamedTuple
 
 import pytest
 
+from checks.fault_injection.imports import BLOCK_NAME
+from tests.module.test_module_execution import IMPORT_STATEMENTS, import_errors
 from tests.support import isolated
 from tests.support.assertions import raises_exactly, traceback_entries
 from tests.support.call_cases import CASES, CallCase, prepare
-from tests.support.isolated import ROOT
+from tests.support.isolated import MODULE, ROOT, Error, encode_exception
 from veldarin_simulator import Simulator
 
 # Each word has several characters: the interpreter keeps strings of one.
@@ -192,3 +194,17 @@ def test_failing_call_ends_as_recorded(
 
 def test_every_failing_call_is_recorded() -> None:
     assert len(RECORDED) == len(FAILING)
+
+
+# Failing imports
+
+
+@isolated.test
+def test_failing_import_statement_has_its_line() -> None:
+    broken = [f"siblings['{module}'] = None" for module, _names in IMPORT_STATEMENTS]
+    bound = {"_logger": 17, "_INVALID_INDEX": 19, "_interface_count": 20, "_interface_lock": 21}
+    bound.update({"_CHARSET": 23, "Counters": 25, "list_bfd_neighbor": 330, "__test__": 1})
+    broken += [BLOCK_NAME.replace("NAME", name) for name in bound]
+    errors = import_errors(*([statement] for statement in broken))
+    entries = [Error.of(encode_exception(error)).entries_of(f"init {MODULE}") for error in errors]
+    assert [entry.line for (entry,) in entries] == [*range(3, 14), *bound.values()]
