@@ -150,13 +150,11 @@ class Worker:
         functions = {name.partition("[")[0]: name for name in reversed(near)}  # one test of each
         first = [*first, *[*functions.values()][: -MAX_TESTS - 1 : -1]]
         path = f"veldarin/modules/{mutant.file}"
-        # The tests of other sources. Those that reach no call run the module in another process, and
-        # what the import does only the first test reaches.
-        skip = [name for name, files in self._files.items() if files and path not in files]
-        if len(self._files) - len(skip) < MIN_RELATED + sum(
-            not row for row in self._files.values()
-        ):
-            skip = []
+        skip: list[str] = []
+        # Only one test in a process reaches what the import does.
+        if sum(path in files for files in self._files.values()) >= MIN_RELATED:
+            # A test that reaches no call runs the module in another process.
+            skip = [name for name, files in self._files.items() if files and path not in files]
         return (
             self._run(mutant.file, first, only=first)
             or self._inject_faults(mutant, source)

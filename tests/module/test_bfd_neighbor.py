@@ -4,6 +4,7 @@ common."""
 
 from __future__ import annotations
 
+import sys
 from collections import UserDict
 from typing import Any
 
@@ -244,6 +245,8 @@ def test_peer_line_among_fields_starts_one_session(
         ("local timers: 1", "local_timers", "1"),
         ("Peer: 1", "peer", "1"),
         ("a Local timers: 1", "a_local_timers", "1"),
+        ("Local timer: 1", "local_timer", "1"),
+        ("Remote timer: 1", "remote_timer", "1"),
     ],
 )
 def test_line_with_colon_is_field(cli: FakeCli, line_: str, key: str, value: str) -> None:
@@ -588,6 +591,27 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
         else:
             assert logged == ["e:"], "the one failure, and its empty text"
             assert fields is None or fields[-1] == ["z", "3"] or fields == whole[:-1]
+
+
+@pytest.mark.parametrize(
+    "lines, failing",
+    [
+        (["Local timers"], 301),
+        (["Local timers", "a: 1", "b: 2"], 301),
+        (["Local timers", "a"], 302),
+        (["Remote timers", "a: 1"], 310),
+        (["Remote timers", "a: 1", "b"], 311),
+    ],
+)
+def test_broken_timers_fail_at_their_line(
+    native_cli: FakeCli, lines: list[str], failing: int
+) -> None:
+    handled: list[Any] = []
+    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+    native_cli.set_output("echo", "peer A is B", *lines)
+    native_cli.parser.get_bfd_neighbor("command", {})
+    (error,) = handled
+    assert (type(error), line(error, FUNCTION)) == (IndexError, failing)
 
 
 def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
