@@ -241,7 +241,10 @@ class FaultServer:
             ImportSubject(self._injector, case, ForkRunner(sys.stderr.buffer, False))
         else:
             process_case = case if isinstance(case, ProcessCase) else ProcessCase(case)
-            CallSubject(self._injector, process_case, Simulator(live=False).__enter__())
+            simulator = Simulator(live=False).__enter__()
+            _ = simulator.module
+            self._log.new()  # the import is not part of the call
+            CallSubject(self._injector, process_case, simulator)
         return sorted(self._log.new())
 
 

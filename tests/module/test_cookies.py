@@ -11,7 +11,7 @@ import pytest
 
 from tests.support import isolated
 from tests.support.assertions import entry, fails, wrong_type_message
-from tests.support.doubles import CountingBool, Recorder, raiser
+from tests.support.doubles import CountingBool, Failure, Recorder, raiser
 from tests.support.module_patch import Patch
 from veldarin_simulator import Simulator
 
@@ -320,6 +320,16 @@ def test_service_gets_argument_bytes_without_copy(
     assert returned == result
     assert simulator.fixed_reply_calls(service) == 1
     assert peak < 10_000
+
+
+def test_cookie_name_needs_no_serial_number_without_prefix(
+    module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    serial_number = Recorder()
+    monkeypatch.setattr(module, "serial_number_ascii", serial_number)
+    monkeypatch.setattr(module, "text_", raiser(Failure()))
+    fails(Failure, module.get_cookie_name, True)
+    assert serial_number.calls == []
 
 
 @pytest.mark.workstation_only("no bytes object is that long with 32-bit sizes")
