@@ -128,6 +128,12 @@ exhaustive: bootstrap-test build  ## Compare every short text with Python: minut
 	$(call build,$(PRESET),exhaustive_texts)
 	@$(RUN) -m checks.exhaustive $(ARGS)
 
+.PHONY: mutation
+mutation: bootstrap-test build/release/build.ninja build/fault-injection/build.ninja  ## Change the module in one place at a time: a test must fail
+	$(call build,release)
+	$(call build,fault-injection)
+	@$(PYTHON) -m checks.mutation $(ARGS)
+
 .PHONY: soak
 soak: bootstrap-bench build  ## Call every function a million times from four threads and check for growth
 	@$(RUN) -m checks.soak $(ARGS)

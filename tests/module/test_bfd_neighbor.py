@@ -4,13 +4,14 @@ common."""
 
 from __future__ import annotations
 
+import sys
 from collections import UserDict
 from typing import Any
 
 import pytest
 
 from tests.support import isolated
-from tests.support.assertions import entry, is_increasing, line, raises_exactly, with_types
+from tests.support.assertions import entry, line, raises_exactly, with_types
 from tests.support.doubles import Failure, Recorder, RightAddable, StrSubclass, fail, raiser
 from tests.support.fake_cli import FakeCli
 
@@ -244,6 +245,8 @@ def test_peer_line_among_fields_starts_one_session(
         ("local timers: 1", "local_timers", "1"),
         ("Peer: 1", "peer", "1"),
         ("a Local timers: 1", "a_local_timers", "1"),
+        ("Local timer: 1", "local_timer", "1"),
+        ("Remote timer: 1", "remote_timer", "1"),
     ],
 )
 def test_line_with_colon_is_field(cli: FakeCli, line_: str, key: str, value: str) -> None:
@@ -590,11 +593,32 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
             assert fields is None or fields[-1] == ["z", "3"] or fields == whole[:-1]
 
 
-def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
+@pytest.mark.parametrize(
+    "lines, failing",
+    [
+        (["Local timers"], 301),
+        (["Local timers", "a: 1", "b: 2"], 301),
+        (["Local timers", "a"], 302),
+        (["Remote timers", "a: 1"], 310),
+        (["Remote timers", "a: 1", "b"], 311),
+    ],
+)
+def test_broken_timers_fail_at_their_line(
+    native_cli: FakeCli, lines: list[str], failing: int
+) -> None:
+    handled: list[Any] = []
+    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+    native_cli.set_output("echo", "peer A is B", *lines)
+    native_cli.parser.get_bfd_neighbor("command", {})
+    (error,) = handled
+    assert (type(error), line(error, FUNCTION)) == (IndexError, failing)
+
+
+def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
     call = native_cli.parser.get_bfd_neighbor
     binding = entry(raises_exactly(TypeError, call), FUNCTION)
     assert binding.line == binding.first_line
-    lines = [250, binding.line]
+    lines = [binding.line]
 
     def fail_at_next_line(kind: type[BaseException], output: object, given: object = None) -> None:
         native_cli.set_output(output)
@@ -610,4 +634,4 @@ def test_traceback_lines_increase_with_statements(native_cli: FakeCli) -> None:
     fail_at_next_line(Failure, "echo\npeer A")
     for given in (None, {"A_B": None}, ()):
         fail_at_next_line(TypeError, "echo\npeer A is B", given)
-    assert is_increasing([*lines, 352])
+    assert lines == [268, 269, 270, 273, 274, 320, 323, 324, 326]

@@ -15,12 +15,10 @@ import pytest
 
 from checks.fault_injection import imports
 from tests.support import isolated
-from tests.support.call_cases import CASES, DELETED, REPEATED_ONLY, CallCase
-from tests.support.doubles import FailNth
+from tests.support.call_cases import CASES, REPEATED_ONLY, CallCase, prepare
 from tests.support.fake_siblings import SiblingSandbox, create_module
 from tests.support.function_table import FUNCTIONS
 from tests.support.isolated import MODULE
-from tests.support.query_cases import QUERY_CASES
 from tests.support.refcounts import tracked_objects
 from veldarin_simulator import Simulator
 
@@ -86,31 +84,12 @@ def call_of(
     case: CallCase, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> Callable[[], None]:
     """Return a function that makes the call and checks its result against the case."""
-    simulator.set_reply("get_cli_cmd_output", case.cli)
-    simulator.set_reply("cookieval_wrap", b"wrapped")
-    simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
-    for row in QUERY_CASES:
-        if row.native:
-            simulator.set_reply(row.native, case.reply)
-    for name, value in case.patched.items():
-        if value is DELETED:
-            monkeypatch.delattr(module, name)
-        else:
-            monkeypatch.setattr(module, name, value, raising=False)
-    steps = [FailNth(case.create), FailNth(case.release)]
-    for step, name in zip(steps, ["on_create", "on_release"]):
-        if step.fails_at is not None:
-            setattr(simulator, name, step)
-    function = getattr(module, case.function)
+    run = prepare(case, simulator, module, monkeypatch)
 
     def call() -> None:
-        for step in steps:
-            step.taken = 0
-        if case.before is not None:
-            case.before(simulator)
         raised: type[BaseException] | None = None
         try:
-            function(*case.args, **case.kwargs)
+            run()
         except BaseException as error:
             raised = type(error)
         assert raised is case.error

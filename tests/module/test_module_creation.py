@@ -152,6 +152,17 @@ def test_spec_attribute_is_copied_if_present(attribute: str) -> None:
         assert raises_exactly(type(error), create_from_spec, spec) is error
 
 
+@isolated.test
+def test_spec_attributes_are_read_and_copied_in_order() -> None:
+    spec = Spec(**WHOLE)
+    module = create_from_spec(spec)
+    assert spec.names_read[-5:] == [*WHOLE]
+    assert [name for name in vars(module) if name in ("__file__", "__path__")] == [
+        "__file__",
+        "__path__",
+    ]
+
+
 # Creation of the same module again
 
 

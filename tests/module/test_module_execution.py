@@ -17,6 +17,7 @@ import pytest
 
 from tests.support import fake_siblings, isolated
 from tests.support.assertions import FILE, raises_exactly
+from tests.support.doubles import Failure, UncomparableStr
 from tests.support.fake_siblings import (
     JSON_OBJECT_SIZE,
     LIBRARY_MODULES,
@@ -567,6 +568,17 @@ def test_execution_keeps_existing_sys_modules_entry(exists: bool) -> None:
     module = create_module()
     module.__loader__.exec_module(module)
     assert sys.modules[MODULE] is (other if exists else module)
+
+
+@pytest.mark.parametrize("exists", [False, True])
+@isolated.test
+def test_failing_lookup_of_main_module_fails_import(exists: bool) -> None:
+    SiblingSandbox()
+    if exists:
+        sys.modules[MODULE] = ModuleType("other")
+    sys.modules[UncomparableStr("__main__")] = sys.modules.pop("__main__")
+    module = create_module()
+    check_import_entry(raises_exactly(Failure, module.__loader__.exec_module, module))
 
 
 @isolated.test

@@ -8,14 +8,16 @@ from __future__ import annotations
 
 import sys
 from collections.abc import Iterator, Mapping
-from types import MappingProxyType, SimpleNamespace
+from types import MappingProxyType, ModuleType, SimpleNamespace
 from typing import Any, Callable, NamedTuple
 
+import pytest
 import ujson
 
 from tests.support.doubles import (
     AlwaysRaises,
     BrokenMapping,
+    FailNth,
     Failure,
     IntMakingException,
     MishashedStr,
@@ -570,3 +572,34 @@ REPEATED_ONLY = [
         **with_copy(delete_get_bfd_neighbor),
     ),
 ]
+
+
+def prepare(
+    case: CallCase, simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
+) -> Callable[[], object]:
+    """Prepare the simulator and the module, and return a function that makes the call."""
+    simulator.set_reply("get_cli_cmd_output", case.cli)
+    simulator.set_reply("cookieval_wrap", b"wrapped")
+    simulator.set_reply("cookieval_unwrap", None)  # the text stays as it is
+    for row in QUERY_CASES:
+        if row.native:
+            simulator.set_reply(row.native, case.reply)
+    for name, value in case.patched.items():
+        if value is DELETED:
+            monkeypatch.delattr(module, name)
+        else:
+            monkeypatch.setattr(module, name, value, raising=False)
+    steps = [FailNth(case.create), FailNth(case.release)]
+    for step, name in zip(steps, ["on_create", "on_release"]):
+        if step.fails_at is not None:
+            setattr(simulator, name, step)
+    function = getattr(module, case.function)
+
+    def call() -> object:
+        for step in steps:
+            step.taken = 0
+        if case.before is not None:
+            case.before(simulator)
+        return function(*case.args, **case.kwargs)
+
+    return call
