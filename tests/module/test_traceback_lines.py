@@ -134,7 +134,7 @@ CALLS = {
     "encryption": Endings("encrypt_cookie", "(b'',)", raised="42"),
     "decryption": Endings("decrypt_cookie", "(b'encrypted text',)", other="CFunctionError 52"),
     "command": Endings(
-        "get_cli_command_output", "('c',)", "a--More--b", "261", other="CFunctionError 260"
+        "get_cli_command_output", "('c',)", "a--More--b", "261 262", other="CFunctionError 260"
     ),
     "routes": Endings(
         ROUTING, "('a',)", ROUTES, "379 380 381 387 389 390 391 392 397 401 403 404 406 408 409 411"

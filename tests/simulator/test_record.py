@@ -651,6 +651,7 @@ def test_copied_file_without_module_is_one_line(tmp_path: Path) -> None:
     assert done.stderr.count("\n") == 1
 
 
+@pytest.mark.workstation_only("the memory is the emulator's, with the code that it generates")
 def test_copied_file_is_small_in_memory(tmp_path: Path) -> None:
     outcome, _ = run_copy(tmp_path, "--into", str(tmp_path / "recording"))
     _, before, after = outcome
