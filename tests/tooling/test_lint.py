@@ -106,7 +106,7 @@ TEXTS = [
     "does not export expected C function",
     '"C variable %',
     '"C function %',
-    "takes %.8s %zd positional",
+    "%s %zd positional argument",
     "keywords must be strings",
     "%s() got multiple values for keyword",
     "got an unexpected keyword",
