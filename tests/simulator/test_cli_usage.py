@@ -7,6 +7,7 @@ import os
 import pty
 import re
 import select
+import shlex
 import shutil
 import subprocess
 import sys
@@ -248,7 +249,7 @@ def test_closed_pipe_exits_1_with_one_line(texts: tuple[str, ...]) -> None:
 
 @pytest.mark.requires("cryptography", "netlink")
 def test_demo_into_a_closed_pipe_exits_1() -> None:
-    command = f"{' '.join(TOOL)} demo | head -n 1"
+    command = f"{shlex.join(TOOL)} demo | head -n 1"
     process = start("bash", "-c", f"set -o pipefail; {command}", stdout=subprocess.PIPE)
     out, error = process.communicate(timeout=120)
     # Whether the demo is still writing when `head` ends is a matter of time.
@@ -260,7 +261,7 @@ def test_demo_into_a_closed_pipe_exits_1() -> None:
 
 
 def test_standard_output_that_is_closed_exits_1() -> None:
-    process = start("bash", "-c", f"{' '.join(TOOL)} list >&-")
+    process = start("bash", "-c", f"{shlex.join(TOOL)} list >&-")
     assert process.communicate(timeout=120)[1] == (
         "veldarin_simulator: standard output is closed\n"
     )
@@ -270,7 +271,7 @@ def test_standard_output_that_is_closed_exits_1() -> None:
 @pytest.mark.parametrize("redirection", ["2>/dev/full", "2>&-"])
 def test_messages_that_cannot_be_written_are_lost(redirection: str) -> None:
     process = start(
-        *("bash", "-c", f"{' '.join(TOOL)} call list_switch_lg_state {redirection}"),
+        *("bash", "-c", f"{shlex.join(TOOL)} call list_switch_lg_state {redirection}"),
         stdout=subprocess.PIPE,
     )
     out, error = process.communicate(timeout=120)
@@ -281,14 +282,14 @@ def test_messages_that_cannot_be_written_are_lost(redirection: str) -> None:
 
 @pytest.mark.parametrize("redirection", ["2>/dev/full", "2>&-"])
 def test_exception_that_cannot_be_written_exits_1(redirection: str) -> None:
-    call = f"{' '.join(TOOL)} call switch_mclag_icl 1 {redirection}"
+    call = f"{shlex.join(TOOL)} call switch_mclag_icl 1 {redirection}"
     process = start("bash", "-c", call, stdout=subprocess.PIPE)
     out, error = process.communicate(timeout=120)
     assert (process.returncode, out, error) == (1, "", "")
 
 
 def test_closed_standard_input_is_one_line() -> None:
-    process = start("bash", "-c", f"{' '.join(TOOL)} parse arp - <&-", stdout=subprocess.PIPE)
+    process = start("bash", "-c", f"{shlex.join(TOOL)} parse arp - <&-", stdout=subprocess.PIPE)
     assert process.communicate(timeout=120) == (
         *("", "veldarin_simulator: standard input is closed\n"),
     )
