@@ -21,8 +21,6 @@ class Exclusion(NamedTuple):
 
 
 NEVER_TRUE = "fail() adds a traceback entry and always returns false"
-NOT_EMPTY = "a session with a name is not empty"
-HAS_SPACE = "a header line contains a space"
 TEMPORARY = "the compiler tests whether it must destroy a temporary, which always exists"
 UNTYPED = "a parameter without a type accepts any argument"
 COMPACT_ASCII = "only compact ASCII strings get here"
@@ -33,8 +31,6 @@ ALL_ENUMERATORS = "the switch handles every enumerator"
 NEIGHBOR, UTF8 = "parsers/bfd_neighbor.cpp", "text/utf8_text.cpp"
 EXCLUSIONS = [
     Exclusion("", "|| fail(", NEVER_TRUE),
-    Exclusion(NEIGHBOR, "PyDict_GET_SIZE(session_.get())", NOT_EMPTY),
-    Exclusion(NEIGHBOR, "if (count < 2) return fail_with_index_error(at::neighbor_ip)", HAS_SPACE),
     Exclusion(NEIGHBOR, "put_into(session_, parse_key(", TEMPORARY),
     Exclusion("parsers/routing_table.cpp", "put(route, id::ip, strings.", TEMPORARY),
     Exclusion("modules_util.cpp", "set_constant(state.imports.range, ", TEMPORARY),

@@ -111,7 +111,7 @@ public:
     // Stores the session under its name, merged into an older session of that name.
     bool store_into(PyObject *list_bfd) const {
         namespace at = source_line::get_bfd_neighbor;
-        if (!name_ || PyDict_GET_SIZE(session_.get()) == 0) return true;
+        if (!name_) return true;
         const int known = PySequence_Contains(list_bfd, name_.get());
         if (known < 0) return fail(at::known);
         if (!known) {
@@ -147,14 +147,13 @@ private:
     // TypeError and is logged; later lines go into the first session.
     bool parse_header(TextView line) {
         namespace at = source_line::get_bfd_neighbor;
-        if (name_ && PyDict_GET_SIZE(session_.get()) > 0) {
+        if (name_) {
             auto *type = reinterpret_cast<PyObject *>(&PyList_Type);
             return PySequence_Contains(type, name_.get()) >= 0 || fail(at::header_again);
         }
         TextView words[4];
         const int count = split(line, ' ', words);
-        if (count < 2) return fail_with_index_error(at::neighbor_ip);
-        const TextView neighbor_ip = words[1];
+        const TextView neighbor_ip = words[1];  // a header contains a space
         if (!put(id::neighbor_ip, strings_.make(neighbor_ip), at::neighbor_ip)) {
             return false;
         }
