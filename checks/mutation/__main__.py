@@ -150,15 +150,16 @@ class Worker:
         functions = {name.partition("[")[0]: name for name in reversed(near)}  # one test of each
         first = [*first, *[*functions.values()][: -MAX_TESTS - 1 : -1]]
         path = f"veldarin/modules/{mutant.file}"
-        skip: list[str] = []
+        others: list[str] = []
         # Only one test in a process reaches what the import does.
         if sum(path in files for files in self._files.values()) >= MIN_RELATED:
             # A test that reaches no call runs the module in another process.
-            skip = [name for name, files in self._files.items() if files and path not in files]
+            others = [name for name, files in self._files.items() if files and path not in files]
         return (
             self._run(mutant.file, first, only=first)
             or self._inject_faults(mutant, source)
-            or self._run(mutant.file, [], skip=[*skip, *first])
+            or self._run(mutant.file, [], skip=[*others, *first])
+            or (self._run(mutant.file, [], only=others) if others else None)
         )
 
     def _inject_faults(self, mutant: Mutant, source: str) -> str | None:

@@ -231,7 +231,7 @@ def test_first_lines_increase_in_table_order(
     simulator: Simulator, module: ModuleType, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     (_caller, entry) = isolated.value(memory_entry_of_new_cookie_id)
-    assert entry[:2] == [NAMED["new_cookie_id"].qualified, FILE]
+    assert entry[:4] == [NAMED["new_cookie_id"].qualified, FILE, 28, 29]
     first_lines, lines = [entry[2]], [entry[3]]
     for provoked in FAILING:
         with monkeypatch.context() as patch:
