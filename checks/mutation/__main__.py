@@ -23,7 +23,7 @@ from pathlib import Path
 from typing import Any, NamedTuple
 
 from checks.mutation.builder import MODULE, Builder
-from checks.mutation.mutants import Mutant, generate
+from checks.mutation.mutants import WORD, Mutant, generate
 from tests.support.isolated import ROOT
 
 BUILD = ROOT / "build"
@@ -133,10 +133,9 @@ class Worker:
     def test_original(self, names: list[str]) -> str | None:
         """Run some tests against the module as it is, in this order; return the one that fails."""
         self._builder.link({})
-        return self._run("", names, only=names)
+        return self._run([], names, only=names)
 
-    def _run(self, file: str, first: list[str], **which: list[str]) -> str | None:
-        words = Path(file).stem.split("_")
+    def _run(self, words: list[str], first: list[str], **which: list[str]) -> str | None:
         reply: str | None = self._tests.request(first=first, words=words, **which)
         return reply
 
@@ -150,16 +149,17 @@ class Worker:
         functions = {name.partition("[")[0]: name for name in reversed(near)}  # one test of each
         first = [*first, *[*functions.values()][: -MAX_TESTS - 1 : -1]]
         path = f"veldarin/modules/{mutant.file}"
+        words = _words(mutant, source)
         others: list[str] = []
         # Only one test in a process reaches what the import does.
         if sum(path in files for files in self._files.values()) >= MIN_RELATED:
             # A test that reaches no call runs the module in another process.
             others = [name for name, files in self._files.items() if files and path not in files]
         return (
-            self._run(mutant.file, first, only=first)
+            self._run(words, first, only=first)
             or self._inject_faults(mutant, source)
-            or self._run(mutant.file, [], skip=[*others, *first])
-            or (self._run(mutant.file, [], only=others) if others else None)
+            or self._run(words, [], skip=[*others, *first])
+            or (self._run(words, [], only=others) if others else None)
         )
 
     def _inject_faults(self, mutant: Mutant, source: str) -> str | None:
@@ -182,6 +182,13 @@ class Worker:
         """End the servers."""
         for server in (self._tests, *(self._faulty or ())[1:]):
             server.close()
+
+
+def _words(mutant: Mutant, source: str) -> list[str]:
+    """The words of the file's name, of the mutant's line and of the namespace around it."""
+    lines = source.splitlines()[: mutant.line]
+    scopes = [line for line in lines if line.startswith("namespace ")]
+    return [*Path(mutant.file).stem.split("_"), *WORD.findall(" ".join([*scopes[-1:], lines[-1]]))]
 
 
 def _case_length(row: tuple[str, list[str]]) -> tuple[bool, int]:

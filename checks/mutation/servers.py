@@ -34,6 +34,7 @@ from checks.fault_injection.imports import ImportCase, ImportSubject
 from checks.fault_injection.libfaults import FaultInjector, read_log
 from checks.fault_injection.process_cases import ProcessCase
 from checks.fault_injection.sweep import AnyCase, sweep
+from checks.mutation.mutants import WORD
 from tests.support import isolated
 from veldarin_simulator import Simulator
 
@@ -111,14 +112,14 @@ class TestServer:
     def _order(self, first: Iterable[str], words: set[str]) -> list[pytest.Item]:
         """The tests to run: the named ones, one of each function, all others, the slow ones.
 
-        Tests of files that share a word with the mutant's file precede others.
+        Tests that share words with the mutant precede others.
         """
         seen: dict[str, int] = {}
         keys: dict[str, tuple[int, ...]] = {}
         for place, item in enumerate(self._items.values()):
             function, _, _ = item.nodeid.partition("[")
             repeated = seen[function] = seen.get(function, -1) + 1
-            distance = -len(words & set(item.path.stem.split("_")))
+            distance = -len(words & {*item.path.stem.split("_"), *WORD.findall(item.nodeid)})
             slow = item.get_closest_marker("slow") is not None
             keys[item.nodeid] = (1, distance, place) if slow else (0, distance, repeated, place)
         known = sorted(
