@@ -3,6 +3,7 @@ extra decref."""
 
 from __future__ import annotations
 
+import copy
 import sys
 from types import ModuleType
 
@@ -56,6 +57,8 @@ def permanent_objects() -> list[object]:
 
 def tracked_objects(module: ModuleType, arguments: list[object]) -> list[object]:
     """Objects whose references are counted."""
+    import ujson
     from util.json import JSONObject
 
-    return [*permanent_objects(), JSONObject, vars(module), *vars(module).values(), *arguments]
+    used = [JSONObject, ujson.loads, copy.deepcopy]
+    return [*permanent_objects(), *used, vars(module), *vars(module).values(), *arguments]
