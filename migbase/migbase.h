@@ -3,8 +3,7 @@
 
 namespace migbase {
 
-// WARM_START_PATH: the address of the variable, not the path itself.
-using WarmStartPath = char **;
+// WARM_START_PATH: the address of the variable, a char *.
 inline constexpr char warm_start_path_signature[] = "char *";
 
 }  // namespace migbase

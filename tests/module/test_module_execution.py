@@ -582,6 +582,23 @@ def test_failing_lookup_of_main_module_fails_import(exists: bool) -> None:
 
 
 @isolated.test
+def test_failing_lookup_of_module_name_fails_import() -> None:
+    SiblingSandbox()
+    sys.modules[UncomparableStr(MODULE)] = ModuleType("other")
+    module = create_module()
+    check_import_entry(raises_exactly(Failure, module.__loader__.exec_module, module))
+
+
+@isolated.test
+def test_import_without_main_module_succeeds() -> None:
+    SiblingSandbox()
+    del sys.modules["__main__"]
+    module = create_module()
+    module.__loader__.exec_module(module)
+    assert (module.__name__, sys.modules[MODULE]) == (MODULE, module)
+
+
+@isolated.test
 def test_renamed_module_is_in_sys_modules_as_modules_util() -> None:
     SiblingSandbox()
     module = create_module("another.modules_util")

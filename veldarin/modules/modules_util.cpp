@@ -2,6 +2,7 @@
 // its definition. function_table.def lists its functions.
 #include <Python.h>
 
+#include "migbase/migbase.h"
 #include "util/json.h"
 #include "veldarin/modules/dispatch.h"
 #include "veldarin/modules/interned.h"
@@ -173,18 +174,16 @@ bool import_types() {
         Ref type = import_type(interned[row.module], interned[row.name], size);
         if (!set_constant(imports.*row.type, type.release())) return false;
     }
-    void *vtable = import_vtable(imports.JSONObject);
-    imports.json_object_vtable = static_cast<const JSONObjectVTable *>(vtable);
-    return vtable != nullptr;
+    return check_vtable(imports.JSONObject);
 }
 
 bool import_capsules() {
     Imports &imports = state.imports;
-    void *variable =
-        import_capsule(CapiItem::variable, interned[id::migbase_migbase],
-                       interned[id::WARM_START_PATH], migbase::warm_start_path_signature);
-    if (!variable) return false;
-    imports.WARM_START_PATH = static_cast<migbase::WarmStartPath>(variable);
+    // Only checked: no function uses the variable.
+    if (!import_capsule(CapiItem::variable, interned[id::migbase_migbase],
+                        interned[id::WARM_START_PATH], migbase::warm_start_path_signature)) {
+        return false;
+    }
     void *path = import_capsule(CapiItem::function, interned[id::veldarin_modules_modules],
                                 interned[id::get_preference_cookie_secret_path],
                                 modules::get_preference_cookie_secret_path_signature);

@@ -4,8 +4,6 @@
 
 #include <Python.h>
 
-#include "migbase/migbase.h"
-#include "util/json.h"
 #include "util/string.h"
 #include "veldarin/modules/interned.h"
 #include "veldarin/modules/modules.h"
@@ -18,10 +16,8 @@ inline constexpr char module_name[] = "veldarin.modules.modules_util";
 // sibling modules.
 struct Imports {
     PyObject *open, *range, *type, *bool_, *complex, *JSONObject;
-    const JSONObjectVTable *json_object_vtable;
     modules::GetPreferenceCookieSecretPath get_preference_cookie_secret_path;
     util::Strtcpy strtcpy;
-    migbase::WarmStartPath WARM_START_PATH;
 };
 
 // Pairs of arguments for `str.replace`; owned. All but `spaces` remove something.

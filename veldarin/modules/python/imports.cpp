@@ -116,17 +116,17 @@ Ref import_type(PyObject *module, PyObject *name, Py_ssize_t size) {
     return type;
 }
 
-void *import_vtable(PyObject *type) {
+bool check_vtable(PyObject *type) {
     PyObject *dictionary = reinterpret_cast<PyTypeObject *>(type)->tp_dict;
     const Ref capsule = Ref::steal(PyObject_GetItem(dictionary, interned[id::dunder_pyx_vtable]));
-    if (!capsule) return nullptr;
+    if (!capsule) return false;
     // PyCapsule_GetName fails only if the capsule's pointer is null.
     if (PyCapsule_CheckExact(capsule.get()) && !PyCapsule_GetName(capsule.get()) &&
         PyErr_Occurred()) {
         PyErr_SetString(PyExc_RuntimeError, "invalid vtable found for imported type");
-        return nullptr;
+        return false;
     }
-    return PyCapsule_GetPointer(capsule.get(), nullptr);
+    return PyCapsule_GetPointer(capsule.get(), nullptr) != nullptr;
 }
 
 void *import_capsule(CapiItem kind, PyObject *module, PyObject *name, const char *signature) {

@@ -18,8 +18,8 @@ Ref import_from(PyObject *source, PyObject *name);
 // ValueError, larger ones only a RuntimeWarning, because a newer sibling may append fields.
 Ref import_type(PyObject *module, PyObject *name, Py_ssize_t size);
 
-// The C-level method table of a type. The type owns it; null on failure.
-void *import_vtable(PyObject *type);
+// Checks that a type has a C-level method table, which its instances refer to.
+bool check_vtable(PyObject *type);
 
 // The C function or variable `name` of a sibling module; null on failure.
 enum class CapiItem { function, variable };
