@@ -145,8 +145,8 @@ class Worker:
 
     def test(self, mutant: Mutant, source: str, first: list[str]) -> str | None:
         """Run tests on the mutant that was built, and fault injection; return what failed."""
-        near = _nearest(mutant, self._near_tests)
-        functions = {name.partition("[")[0]: name for name in reversed(near)}  # one test of each
+        near = [name for pair in zip_longest(*_nearest(mutant, self._near_tests)) for name in pair]
+        functions = {name.partition("[")[0]: name for name in reversed(near) if name}  # one of each
         first = [*first, *[*functions.values()][: -MAX_TESTS - 1 : -1]]
         path = f"veldarin/modules/{mutant.file}"
         words = _words(mutant, source)
@@ -163,19 +163,16 @@ class Worker:
         )
 
     def _inject_faults(self, mutant: Mutant, source: str) -> str | None:
-        near = _nearest(mutant, self._near_cases)
-        if not near:
+        cases = dict.fromkeys(
+            case for near in _nearest(mutant, self._near_cases) for case in _choose_cases(near)
+        )
+        if not cases:
             return None
-        # Short and long ones: a failing allocation shows only where the call goes on.
-        cases = [near[-1], *near[:: -(-len(near) // MAX_CASES)]]
-        if near[0] in WHOLE_IMPORTS:
-            # These take seconds, and reach every line that other imports reach.
-            cases = [case for case in near if case in WHOLE_IMPORTS]
         if self._faulty is None:
             folder = self._folder / "faults"
             self._faulty = Builder(BUILD / "fault-injection", folder), Server("faults", folder)
         builder, server = self._faulty
-        reply: str | None = server.request(cases=cases) if builder.make(mutant, source) else None
+        reply: str | None = server.request(cases=[*cases]) if builder.make(mutant, source) else None
         return reply
 
     def close(self) -> None:
@@ -196,13 +193,21 @@ def _case_length(row: tuple[str, list[str]]) -> tuple[bool, int]:
     return name.startswith("import") and name not in WHOLE_IMPORTS, len(places)
 
 
-def _nearest(mutant: Mutant, by_place: dict[str, list[str]]) -> list[str]:
-    """The names for the two lines with calls that are next to the mutant's line."""
+def _choose_cases(near: list[str]) -> list[str]:
+    """Choose from the cases of fault injection that reach a line."""
+    if near[0] in WHOLE_IMPORTS:
+        # These take seconds, and run all lines that most other imports run.
+        return [case for case in near if case in WHOLE_IMPORTS]
+    # Short and long ones: a failing allocation shows only where the call goes on.
+    return [near[-1], *near[:: -(-len(near) // MAX_CASES)]]
+
+
+def _nearest(mutant: Mutant, by_place: dict[str, list[str]]) -> list[list[str]]:
+    """The names for each of the two lines with calls that are next to the mutant's line."""
     prefix = f"veldarin/modules/{mutant.file}:"
     lines = [int(place[len(prefix) :]) for place in by_place if place.startswith(prefix)]
     lines.sort(key=lambda line: (abs(line - mutant.line), line))
-    names = zip_longest(*(by_place[f"{prefix}{line}"] for line in lines[:2]))
-    return [*dict.fromkeys(name for pair in names for name in pair if name)]
+    return [by_place[f"{prefix}{line}"] for line in lines[:2]]
 
 
 class Run:
@@ -227,7 +232,9 @@ class Run:
             self._learn(mutant, result)
             if result.outcome != "survived" and result.evidence == self._evidence(mutant, result):
                 self.results[mutant.name] = result
+        # The last ones are tested first. All tests run on a survivor, so new mutants precede it.
         self._waiting = [each for each in reversed(mutants) if each.name not in self.results]
+        self._waiting.sort(key=lambda each: each.name not in old or old[each.name].killer != "")
         self._shown = 0.0
         self.failure: BaseException | None = None
 
