@@ -593,6 +593,16 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
             assert fields is None or fields[-1] == ["z", "3"] or fields == whole[:-1]
 
 
+def logged_error(native_cli: FakeCli, *lines: str) -> Any:
+    """The exception that the parser handles while it logs, the only one."""
+    handled: list[Any] = []
+    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+    native_cli.set_output(*lines)
+    native_cli.parser.get_bfd_neighbor("command", {})
+    (error,) = handled
+    return error
+
+
 @pytest.mark.parametrize(
     "lines, failing",
     [
@@ -606,12 +616,13 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
 def test_broken_timers_fail_at_their_line(
     native_cli: FakeCli, lines: list[str], failing: int
 ) -> None:
-    handled: list[Any] = []
-    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
-    native_cli.set_output("echo", "peer A is B", *lines)
-    native_cli.parser.get_bfd_neighbor("command", {})
-    (error,) = handled
+    error = logged_error(native_cli, "echo", "peer A is B", *lines)
     assert (type(error), line(error, FUNCTION)) == (IndexError, failing)
+
+
+def test_output_without_lines_fails_at_its_line(native_cli: FakeCli) -> None:
+    error = logged_error(native_cli, "peer")
+    assert (type(error), line(error, FUNCTION)) == (IndexError, 283)
 
 
 def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:

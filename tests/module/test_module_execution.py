@@ -7,9 +7,11 @@ some of them with statements, see the import fail, restore them and import the m
 from __future__ import annotations
 
 import importlib
+import logging
 import os
 import sys
 import warnings
+import weakref
 from types import BuiltinFunctionType, ModuleType
 from typing import Any, Callable
 
@@ -587,6 +589,19 @@ def test_failing_lookup_of_module_name_fails_import() -> None:
     sys.modules[UncomparableStr(MODULE)] = ModuleType("other")
     module = create_module()
     check_import_entry(raises_exactly(Failure, module.__loader__.exec_module, module))
+
+
+@isolated.test
+def test_import_keeps_no_logger_that_it_loses() -> None:
+    class Logger:
+        pass
+
+    SiblingSandbox()
+    logging.getLogger = lambda *given: Logger()  # type: ignore[assignment]
+    module = importlib.import_module(MODULE)
+    logger = weakref.ref(module._logger)
+    del module._logger
+    assert logger() is None
 
 
 @isolated.test

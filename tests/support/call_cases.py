@@ -483,6 +483,7 @@ BFD_CASES = [
     bfd("broken timers", cli=ONE_SESSION[:-60], **QUIET),
     bfd("logger stops", Stop, cli=TWO_SESSIONS, _logger=StoppingLogger()),
     bfd("logger deleted", NameError, cli=TWO_SESSIONS, _logger=DELETED),
+    bfd("no lines, logger deleted", NameError, cli="peer", _logger=DELETED),
     bfd("no logger", AttributeError, cli=TWO_SESSIONS, _logger=None),
     bfd("session known", list_bfd={NAME: {"old": "1"}}),
     bfd("reading sessions fails", Failure, BrokenMapping()),
