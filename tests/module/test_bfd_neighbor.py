@@ -620,9 +620,19 @@ def test_broken_timers_fail_at_their_line(
     assert (type(error), line(error, FUNCTION)) == (IndexError, failing)
 
 
-def test_output_without_lines_fails_at_its_line(native_cli: FakeCli) -> None:
-    error = logged_error(native_cli, "peer")
-    assert (type(error), line(error, FUNCTION)) == (IndexError, 283)
+@pytest.mark.parametrize(
+    "lines, kind, failing",
+    [
+        (["peer"], IndexError, 283),  # only the line that is skipped
+        (["echo", "peer A"], IndexError, 294),
+        (["echo", "peer A is B", "peer C is D"], TypeError, 286),
+    ],
+)
+def test_broken_header_fails_at_its_line(
+    native_cli: FakeCli, lines: list[str], kind: type[Exception], failing: int
+) -> None:
+    error = logged_error(native_cli, *lines)
+    assert (type(error), line(error, FUNCTION)) == (kind, failing)
 
 
 def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
