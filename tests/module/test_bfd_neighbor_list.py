@@ -3,6 +3,7 @@ the entries of the result, and the errors that end the list early."""
 
 from __future__ import annotations
 
+import sys
 from collections.abc import Iterator
 from types import ModuleType, SimpleNamespace
 from typing import Any
@@ -531,6 +532,9 @@ def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
 
         __contains__ = raiser(stop)
 
+    class Uniterable:
+        __iter__ = raiser(stop)
+
     def line_of(*replies: Any) -> int:
         Neighbors(cli, *replies)
         error = raises_exactly(KeyboardInterrupt, cli.parser.list_bfd_neighbor)
@@ -549,6 +553,8 @@ def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
         line_of(stop),
         line_of({}, stop),
         with_copy(raiser(stop)),
+        with_copy(lambda value: Uniterable()),
+        with_copy(lambda value: map(raiser(stop), [1])),
         with_copy(lambda value: {"k": Interrupts(ENTRY, interrupting="neighbor_ip")}),
         with_copy(lambda value: {"k": Interrupts(ENTRY, interrupting="interface")}),
         line_of(KEPT, KEPT, stop),
@@ -557,7 +563,18 @@ def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
     ]
     cli.logger.debug.side_effect = raiser(stop)
     lines.append(line_of(KEPT, None))
-    assert lines == [333, 334, 338, 340, 341, 342, 343, 345, 348]
+    assert lines == [333, 334, 338, 339, 339, 340, 341, 342, 343, 345, 348]
+
+
+def test_session_without_details_is_logged_at_its_line(native_cli: FakeCli) -> None:
+    handled: list[Any] = []
+    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+    native_cli.patch("copy", SimpleNamespace(deepcopy=lambda value: {"other": ENTRY}))
+    Neighbors(native_cli, KEPT, KEPT, {}, {})
+    assert native_cli.parser.list_bfd_neighbor() == []
+    (error,) = handled
+    assert isinstance(error, KeyError)
+    assert [entry.line for entry in traceback_entries(error.__traceback__)] == [345]
 
 
 def test_native_output_is_listed(simulator: Any, module: ModuleType) -> None:
