@@ -229,6 +229,7 @@ def test_peer_line_among_fields_starts_one_session(
         ("Packets received: 52 packets", "packets_received", "52 "),
         ("a\x0bB\x1cc: \x1dx\x0cy\x1f", "a\x0bb\x1cc", "x\x0cy"),
         ("\x1e A B\x0b:", "a_b", ""),
+        ("a\x0b\tb: 1", "a\x0bb", "1"),
         ("a: packets", "a", ""),
         ("a: packets 5 packets", "a", " 5 "),
         ("a: papacketsckets", "a", "packets"),
@@ -641,6 +642,10 @@ def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
     assert binding.line == binding.first_line
     lines = [binding.line]
 
+    class OnlyPeer:
+        def __contains__(self, word: object) -> bool:
+            return word == "peer" or bool(fail())
+
     def fail_at_next_line(kind: type[BaseException], output: object, given: object = None) -> None:
         native_cli.set_output(output)
         lines.append(line(raises_exactly(kind, call, "command", given), FUNCTION))
@@ -649,10 +654,11 @@ def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
         patch.setattr(native_cli.parser, "text_", raiser(Failure()))
         fail_at_next_line(Failure, "")
     fail_at_next_line(TypeError, None)
+    fail_at_next_line(Failure, OnlyPeer())
     fail_at_next_line(TypeError, ["peer"])
     fail_at_next_line(AttributeError, ("peer", "objname"))
     native_cli.logger.debug.side_effect = raiser(Failure())
     fail_at_next_line(Failure, "echo\npeer A")
     for given in (None, {"A_B": None}, ()):
         fail_at_next_line(TypeError, "echo\npeer A is B", given)
-    assert lines == [268, 269, 270, 273, 274, 320, 323, 324, 326]
+    assert lines == [268, 269, 270, 272, 273, 274, 320, 323, 324, 326]
