@@ -24,16 +24,19 @@ LACKING = {
 # is of all tests; the file to write the summary line to; when to stop, in seconds since the epoch.
 TESTS, SUMMARY, DEADLINE = "MIPS_TESTS", "MIPS_SUMMARY", "MIPS_DEADLINE"
 
-# Before a deadline these files are skipped: they test programs of a workstation, which are Python,
-# and take more than a third of the time.
+# Before a deadline these tests are skipped: they test Python code whose result does not depend on
+# the processor, such as a workstation's programs, and take more than a third of the time.
 LEFT_OUT = (
     "tests/console/",
     "tests/docs/test_readme.py",
+    "tests/simulator/test_bfd.py",
     "tests/simulator/test_cli",
+    "tests/simulator/test_record.py::test_large_recording",
+    "tests/simulator/test_record.py::test_redacted_address_",
     "tests/tooling/test_lint.py",
     "tests/tooling/test_setup_scripts.py",
 )
-LEFT_OUT_REASON = "a program of the workstation; `make mips-test` runs its tests"
+LEFT_OUT_REASON = "Python code of the workstation; `make mips-test` runs its tests"
 
 FILE_MARKER = re.compile(r"^pytestmark = pytest\.mark\.requires(\(.*\))$", re.MULTILINE)
 
@@ -68,6 +71,19 @@ def pytest_pycollect_makemodule(module_path: Path, parent: pytest.Collector) -> 
     return SkippedFile.from_parent(parent, path=module_path) if skipped else None
 
 
+def is_left_out(name: str) -> bool:
+    """Whether a test, a file or a folder (with "/" at the end) is skipped before a deadline."""
+    return DEADLINE in os.environ and name.startswith(LEFT_OUT)
+
+
+def pytest_ignore_collect(collection_path: Path, config: pytest.Config) -> bool | None:
+    """Leaves whole files and folders out; importing them and skipping each test takes long."""
+    if TESTS not in os.environ:
+        return None  # only there are they accounted for
+    name = collection_path.relative_to(config.rootpath).as_posix()
+    return is_left_out(name + "/" * collection_path.is_dir()) or None
+
+
 def pytest_configure(config: pytest.Config) -> None:
     """Starts the clock where there is a deadline."""
     if DEADLINE in os.environ and not hasattr(config, "workerinput"):
@@ -81,7 +97,7 @@ def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
             item.add_marker(pytest.mark.skip(reason=lacking(*marker.args)))
         for marker in item.iter_markers("workstation_only"):
             item.add_marker(pytest.mark.skip(reason=marker.args[0]))
-        if DEADLINE in os.environ and item.nodeid.startswith(LEFT_OUT):
+        if is_left_out(item.nodeid):
             item.add_marker(pytest.mark.skip(reason=LEFT_OUT_REASON))
     if DEADLINE in os.environ:
         items.sort(key=lambda item: "module" not in getattr(item, "fixturenames", ()))
@@ -121,8 +137,8 @@ class Account:
         # xdist reports only one of several files that are skipped for the same reason.
         for file in {test.partition("::")[0] for test in tests}:
             skipped = file_skip_reason(reporter.config.rootpath / file)
-            if skipped:
-                reasons[file] = skipped
+            if is_left_out(file) or skipped:
+                reasons[file] = skipped or LEFT_OUT_REASON
         self.skipped = {
             test: why
             for test in tests or reasons
