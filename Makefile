@@ -114,7 +114,7 @@ coverage: bootstrap-coverage build/coverage/build.ninja  ## Check that the tests
 .PHONY: fuzz
 fuzz: bootstrap-test bootstrap-fuzz build/fuzz/build.ninja build/fuzz-fast/build.ninja  ## Fuzz the parsers for SECONDS=60
 	$(call build,fuzz,fuzz_parsers fuzz_text)
-	$(call build,fuzz-fast,fuzz_parsers)
+	$(if $(filter 1,$(JOBS)),,$(call build,fuzz-fast,fuzz_parsers))
 	@$(PYTHON) -m checks.fuzz --seconds $(or $(SECONDS),60) $(if $(JOBS),--jobs $(JOBS)) $(ARGS)
 
 .PHONY: sanitize

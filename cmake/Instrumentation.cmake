@@ -7,7 +7,7 @@ option(COVERAGE "Count the module's lines and branches" OFF)
 add_library(instrumentation INTERFACE)
 if(RECORD_CALLS)
     set(calls ${PROJECT_SOURCE_DIR}/checks/fault_injection/native/instrumented_calls.h)
-    target_compile_options(instrumentation INTERFACE "SHELL:-include ${calls}")
+    target_compile_options(instrumentation INTERFACE "SHELL:-include \"${calls}\"")
 endif()
 if(COVERAGE)
     # NDEBUG, as in release, removes the branches of assertions; -O0 keeps all others.

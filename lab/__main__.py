@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import shlex
 import sys
 from contextlib import suppress
 
@@ -22,10 +23,10 @@ def main(arguments: list[str]) -> int:
         return int(pytest.main(["-q", str(ROOT / "lab"), *arguments]))
     with Lab() as lab:
         nodes = ", ".join(f"{name} {node.pid}" for name, node in lab.nodes.items())
+        call = [sys.executable, *"-m veldarin_simulator call list_bfd_neighbor".split()]
         print(
             f"The network is up: {nodes}. To call the module in hub:\n"
-            f"    {' '.join(lab.nodes['hub'].command_prefix)} {sys.executable}"
-            " -m veldarin_simulator call list_bfd_neighbor\n"
+            f"    {shlex.join([*lab.nodes['hub'].command_prefix, *call])}\n"
             "Press Enter or Ctrl-C to stop it.",
             flush=True,
         )

@@ -87,7 +87,7 @@ def wait_until(find_problem: Callable[[], str | None], timeout: float = TIMEOUT)
     while problem := find_problem():
         if time.monotonic() > deadline:
             raise LabError(f"not within {timeout:.0f} s: {problem}")
-        time.sleep(0.1)
+        time.sleep(0.5)
 
 
 class Node:

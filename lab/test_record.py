@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import shlex
 import sys
 from pathlib import Path
 
@@ -31,7 +32,7 @@ def test_recording_of_a_node_replays_elsewhere(
     ]
     addresses = [text for address in destinations for text in ("--address", address)]
     # A route that the parser rejects fails, so that the exit status may be 1.
-    command = " ".join([*_TOOL, "--into", str(folder), "--quiet", *addresses, *redact])
+    command = shlex.join([*_TOOL, "--into", str(folder), "--quiet", *addresses, *redact])
     status, *failed = here.run("sh", "-c", f"{command} 2>&1; echo $?").splitlines()[::-1]
     failed = [line for line in failed if ": failed: " in line]
     assert status == ("1" if failed else "0")

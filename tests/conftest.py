@@ -12,7 +12,14 @@ from tests.support import reference
 from tests.support.fake_cli import FakeCli
 from veldarin_simulator import LiveObjects, Simulator, native_library
 
+# The folders of the longest tests.
+FIRST = ("page", "tooling", "packaging")
 NO_LIVE_OBJECTS = LiveObjects(json_objects=0, text_buffers=0)
+
+
+def pytest_collection_modifyitems(items: list[pytest.Item]) -> None:
+    """Begin with the longest tests, so that no worker is left alone with one at the end."""
+    items.sort(key=lambda item: item.path.parent.name not in FIRST)
 
 
 @pytest.fixture(scope="session")

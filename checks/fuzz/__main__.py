@@ -312,7 +312,7 @@ def print_result(run: Run) -> bool:
 def main() -> int:
     """Run the command and return its exit status."""
     options = parse_arguments()
-    for build in (BUILD, FAST_BUILD):
+    for build in (BUILD, FAST_BUILD)[: options.jobs]:
         if not (build / "fuzz_parsers").is_file():
             console.print(f"fuzz: {build} has no fuzz_parsers; run: make fuzz")
             return 1
