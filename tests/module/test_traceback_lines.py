@@ -139,6 +139,12 @@ CALLS = {
     "routes": Endings(
         ROUTING, "('a',)", ROUTES, "379 380 381 387 389 390 391 392 397 401 403 404 406 408 409 411"
     ),
+    "routes of one word in each field": Endings(
+        ROUTING,
+        "('a',)",
+        ROUTES.replace("mark ", "").replace("via ", ""),
+        "379 380 381 387 389 390 391 392 397 401 406 409 411",
+    ),
     "wide routes": Endings(
         ROUTING, "('a',)", "\xfc\nRouting a b to", "379 380 381 382 387", other="IndexError 388"
     ),
