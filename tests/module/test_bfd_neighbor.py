@@ -4,7 +4,6 @@ common."""
 
 from __future__ import annotations
 
-import sys
 from collections import UserDict
 from typing import Any
 
@@ -596,8 +595,7 @@ def test_memory_error_in_line_is_logged_and_parsing_goes_on() -> None:
 
 def logged_error(native_cli: FakeCli, *lines: str) -> Any:
     """The exception that the parser handles while it logs, the only one."""
-    handled: list[Any] = []
-    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+    handled = native_cli.collect_handled()
     native_cli.set_output(*lines)
     native_cli.parser.get_bfd_neighbor("command", {})
     (error,) = handled

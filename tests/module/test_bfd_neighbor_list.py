@@ -3,7 +3,6 @@ the entries of the result, and the errors that end the list early."""
 
 from __future__ import annotations
 
-import sys
 from collections.abc import Iterator
 from types import ModuleType, SimpleNamespace
 from typing import Any
@@ -567,8 +566,7 @@ def test_each_statement_has_its_traceback_line(native_cli: FakeCli) -> None:
 
 
 def test_session_without_details_is_logged_at_its_line(native_cli: FakeCli) -> None:
-    handled: list[Any] = []
-    native_cli.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+    handled = native_cli.collect_handled()
     native_cli.patch("copy", SimpleNamespace(deepcopy=lambda value: {"other": ENTRY}))
     Neighbors(native_cli, KEPT, KEPT, {}, {})
     assert native_cli.parser.list_bfd_neighbor() == []

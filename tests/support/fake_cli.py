@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import sys
 from typing import Any
 
 import pytest
@@ -36,6 +37,12 @@ class FakeCli:
     def set_outputs(self, outputs: dict[str, Any]) -> None:
         """Set the output of each command; other commands print nothing."""
         self.run.side_effect = lambda command: outputs.get(command, "")
+
+    def collect_handled(self) -> list[Any]:
+        """Return a list that gets the exceptions that the parser handles while it logs."""
+        handled: list[Any] = []
+        self.logger.debug.side_effect = lambda _message: handled.append(sys.exc_info()[1])
+        return handled
 
     @property
     def commands(self) -> list[object]:
