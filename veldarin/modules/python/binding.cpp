@@ -90,7 +90,6 @@ bool bind(const char *name, const Function &function, PyObject *positional, PyOb
           PyObject *shared_dict, Ref *bound) {
     const Py_ssize_t given = PyTuple_GET_SIZE(positional);
     if (given > function.count) return raise_wrong_count(name, function, given);
-    if (!keywords && given < function.required) return raise_wrong_count(name, function, given);
 
     for (Py_ssize_t i = 0; i < given; ++i) {
         bound[i] = Ref::borrow(PyTuple_GET_ITEM(positional, i));

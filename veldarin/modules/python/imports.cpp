@@ -18,8 +18,8 @@ bool is_initializing(PyObject *source) {
     return result;
 }
 
-// Raises the ImportError of `from source import name` with the interpreter's message. `source_name`
-// is null for a source without a name.
+// Raises the ImportError of `from source import name` with the interpreter's message, in place of
+// any other exception. `source_name` is null for a source without a name.
 void raise_cannot_import(PyObject *source, PyObject *source_name, PyObject *name) {
     const Ref path = Ref::steal(PyModule_GetFilenameObject(source));
     PyErr_Clear();
@@ -30,8 +30,7 @@ void raise_cannot_import(PyObject *source, PyObject *source_name, PyObject *name
                              source_name ? source_name : interned[id::unknown_module_name],
                              is_partial ? "(most likely due to a circular import) " : "",
                              path ? path.get() : interned[id::unknown_location]));
-    if (!message) return;
-    const Ref error = Ref::steal(PyErr_SetImportError(message.get(), source_name, path.get()));
+    if (message) PyErr_SetImportError(message.get(), source_name, path.get());
 }
 
 // Compares an instance size with the one that this module was built for. False: the import must
@@ -63,10 +62,10 @@ constexpr CapiMessages variable_messages = {
 };
 // clang-format on
 
-// The signature that names a capsule; the type's name for any other object.
+// The signature that names a capsule; the type's name for any other object. May leave an exception
+// set, which PyErr_Format replaces.
 const char *signature_of(PyObject *item) {
     const char *signature = PyCapsule_CheckExact(item) ? PyCapsule_GetName(item) : nullptr;
-    PyErr_Clear();
     return signature ? signature : Py_TYPE(item)->tp_name;
 }
 
@@ -89,8 +88,6 @@ Ref import_from(PyObject *source, PyObject *name) {
     PyObject *value = nullptr;
     if (_PyObject_LookupAttr(source, name, &value) != 0) return Ref::steal(value);
     const Ref source_name = Ref::steal(PyObject_GetAttr(source, interned[id::dunder_name]));
-    if (!source_name && PyErr_ExceptionMatches(PyExc_MemoryError)) return {};
-    PyErr_Clear();
     if (!source_name || !PyUnicode_Check(source_name.get())) {
         raise_cannot_import(source, nullptr, name);
         return {};
