@@ -82,7 +82,7 @@ FORCED_FAILURES = [
     ),
     ForcedFailure(
         "PyUnicode_Compare(keyword, interned[function.parameters[i].name])",
-        "switch_acl_ingress_counter-unknown keyword",
+        "get_bfd_neighbor-missing beside unknown keyword",
         "dictionary keys are ready strings",
     ),
     ForcedFailure(

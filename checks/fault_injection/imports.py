@@ -175,6 +175,8 @@ class Uncomparable(str):
     __hash__ = str.__hash__
     __eq__ = raiser(OSError())
 sys.modules[Uncomparable('m.CFunctionError')] = None"""
+FIND_SUBMODULE = """sys.modules['util.errors.CFunctionError'] = ModuleType('submodule')
+siblings['copy'] = None"""
 WARNINGS_RAISE = "__import__('warnings').simplefilter('error')"
 
 AFTER_FAILURE = ImportCase("after a failure")
@@ -252,6 +254,7 @@ CASES = [
             ("sibling without a name", LACKING + "del m.__name__"),
             ("sibling whose name is not a str", LACKING + "m.__name__ = 5"),
             ("lookup of the submodule fails", LACKING + BREAK_SUBMODULE),
+            ("submodule in place of the name", LACKING + FIND_SUBMODULE),
             *(
                 (f"{name} cannot be bound", BLOCK_NAME.replace("NAME", name))
                 for name in ("_logger", "Counters", "list_bfd_neighbor", "__test__")

@@ -91,7 +91,7 @@ def resized(name: str, more: int) -> str:
 def check_import_entry(error: BaseException) -> None:
     """Fail unless the import has left one traceback entry."""
     entries = isolated.Error.of(encode_exception(error)).entries_of(f"init {MODULE}")
-    assert [entry.file for entry in entries] == [FILE]
+    assert [(entry.file, entry.first_line) for entry in entries] == [(FILE, 1)]
 
 
 def import_errors(*breaks: list[str]) -> list[BaseException]:
@@ -192,6 +192,8 @@ def test_larger_type_warns_and_import_succeeds(name: str, more: int) -> None:
         sandbox.restore()
     expected = [(RuntimeWarning, size_changed(name, more * POINTER))] if more else []
     assert [(warning.category, str(warning.message)) for warning in caught] == expected
+    for warning in caught:  # its place is the Python code that executes the module
+        assert warning.filename == "<frozen importlib._bootstrap>"
 
 
 @isolated.test
@@ -230,7 +232,10 @@ def test_imported_non_type_raises_type_error() -> None:
         ["siblings['util.json'].JSONObject = len"],
         ["builtins.complex = 1j"],
     )
-    assert [type(error) for error in errors] == [TypeError] * 3
+    assert [(type(error), str(error)) for error in errors] == [
+        (TypeError, f"{name} is not a type object")
+        for name in ("util.json.JSONObject", "util.json.JSONObject", "builtins.complex")
+    ]
 
 
 @isolated.test
@@ -256,6 +261,10 @@ def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signa
     errors: list[Any] = import_errors(
         [f"siblings['{module}'] = None"],
         [f"del siblings['{module}'].__pyx_capi__"],
+        [
+            f"del siblings['{module}'].__pyx_capi__",
+            f"siblings['{module}'].__getattr__ = raiser(KeyError('no attribute'))",
+        ],
         [missing],
         [add_other, missing],  # another item of the same signature is not used instead
         [UNCOMPARABLE_KEY.format(module=module, item=item)],
@@ -263,11 +272,12 @@ def test_missing_capi_item_fails_import(module: str, item: str, kind: str, signa
     assert [(type(error), str(error)) for error in errors] == [
         (ModuleNotFoundError, MISSING.format(module)),
         (AttributeError, f"module '{module}' has no attribute '__pyx_capi__'"),
+        (KeyError, "'no attribute'"),
         (ImportError, f"{module} does not export expected C {kind} {item}"),
         (ImportError, f"{module} does not export expected C {kind} {item}"),
         (OSError, "no comparison"),
     ]
-    assert (errors[2].name, errors[2].path) == (None, None)
+    assert (errors[3].name, errors[3].path) == (None, None)
 
 
 @each_c_import

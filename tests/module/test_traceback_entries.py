@@ -141,6 +141,10 @@ def test_traceback_with_entry_is_printable(failed: Failed) -> None:
     assert f'  File "{FILE}", line {link.tb_lineno}, in {failed.function.qualified}\n' in text
 
 
+def test_entry_has_no_instruction_of_a_frame_that_never_ran(failed: Failed) -> None:
+    assert failed.link.tb_lasti == failed.link.tb_frame.f_lasti == -1
+
+
 def test_entry_is_tracked_by_collector(failed: Failed) -> None:
     assert gc.is_tracked(failed.link)
 

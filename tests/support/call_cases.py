@@ -99,6 +99,7 @@ ARGUMENT_CASES = [
     CallCase("capture_sniffer_profile", (), TypeError, "missing by keyword", {"event": "Stop"}),
     CallCase(TRUNK, (), Failure, "uncomparable keyword", {UncomparableStr("trunk_name"): 1}),
     CallCase("get_bfd_neighbor", (), TypeError, "missing by keyword", {"list_bfd": {}}),
+    CallCase("get_bfd_neighbor", (), TypeError, "missing beside unknown keyword", {"other": 1}),
 ]
 
 COOKIE_CASES = [

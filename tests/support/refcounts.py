@@ -39,6 +39,7 @@ def permanent_objects() -> list[object]:
         bool,
         complex,
         float,
+        range,
         BaseException,
         TypeError,
         IndexError,
@@ -49,7 +50,7 @@ def permanent_objects() -> list[object]:
         UnboundLocalError,
         UnicodeDecodeError,
     ]
-    constants: list[object] = [None, True, False, (), b"", Ellipsis]
+    constants: list[object] = [None, True, False, (), b"", Ellipsis, open]
     # The interpreter has one object each for these; missing references would free them.
     shared: list[object] = [*range(-5, 257), *map(chr, range(256))]
     return [*types, *constants, *shared, *interned_strings()]
