@@ -59,11 +59,8 @@ PyObject *StringCache::new_string(TextView text) const {
 PyObject *StringCache::cached_string(TextView text) {
     if (!is_ascii_ || text.size() > max_cached) return new_string(text);
     PyObject *&cached = slot(text);
-    if (!cached || !equals(cached, text)) {
-        PyObject *string = new_string(text);
-        if (!string) return nullptr;
-        Py_XSETREF(cached, string);
-    }
+    // A failure empties the slot.
+    if (!cached || !equals(cached, text)) Py_XSETREF(cached, new_string(text));
     return Ref::borrow(cached).release();
 }
 
