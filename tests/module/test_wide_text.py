@@ -4,6 +4,8 @@ codec error handler of the process is called; white space is that of the interpr
 from __future__ import annotations
 
 import codecs
+import ctypes
+import itertools
 import sys
 from collections.abc import Iterator
 from typing import Any
@@ -65,6 +67,13 @@ def strings(value: Any) -> Iterator[str]:
         yield from strings(item)
 
 
+def ends_with_null(text: str) -> bool:
+    """Tell whether the character that the interpreter stores after the last one is NUL."""
+    widest = max(text, default="")
+    width = 1 if widest < "\u0100" else 2 if widest < "\U00010000" else 4
+    return ctypes.string_at(id(text), sys.getsizeof(text)).endswith(bytes(width))
+
+
 @pytest.mark.usefixtures("error_handler")
 @pytest.mark.parametrize("function", OUTPUTS)
 @pytest.mark.parametrize("width", WIDTHS)
@@ -80,6 +89,7 @@ def test_text_of_each_width_parses_as_in_python(
         # A string that is stored wider than its characters need equals no other string.
         sizes = [(sys.getsizeof(each), sys.getsizeof("".join([*each]))) for each in strings(parsed)]
         assert [size for size, _ in sizes] == [size for _, size in sizes], (kind, repeat)
+        assert all(map(ends_with_null, strings(parsed)))
 
 
 @pytest.mark.usefixtures("error_handler")
@@ -91,6 +101,17 @@ def test_code_points_pass_through_unchanged(native_cli: FakeCli, character: str)
         native_cli.set_output("\n".join(["Address", *rows]))
         listed = native_cli.parser.get_system_arp_result()
         assert [list(row.values()) for row in listed] == [row.split() for row in rows]
+
+
+def test_no_string_stands_for_another_one(native_cli: FakeCli) -> None:
+    """Short tables of texts of one length; some have the bytes of an unused field of a string."""
+    for length in range(1, 10):
+        words = [character * length for character in ("\xe9", "\0", "\u0142", "\x01", "a", "\xff")]
+        for pair in itertools.permutations(words, 2):
+            rows = [[word] * 4 for word in pair]
+            native_cli.set_output("\n".join(["Address", *map(" ".join, rows)]))
+            listed = native_cli.parser.get_system_arp_result()
+            assert [list(row.values()) for row in listed] == rows
 
 
 @pytest.mark.slow
