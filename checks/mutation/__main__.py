@@ -17,6 +17,7 @@ import sys
 import threading
 import time
 from collections import Counter, defaultdict
+from collections.abc import Iterable
 from concurrent.futures import ThreadPoolExecutor
 from itertools import zip_longest
 from pathlib import Path
@@ -76,59 +77,55 @@ class Server:
         self._process.communicate()
 
 
-class Reached(NamedTuple):
-    """The lines of the fallible calls that each test and each case of fault injection reaches."""
-
-    tests: dict[str, list[str]]
-    cases: dict[str, list[str]]
-
-
-def read_reached(store: Path) -> Reached | str:
-    """Run all tests and cases without a mutant; return one that fails.
+class Reached:
+    """The lines of the fallible calls that each test and each case of fault injection reaches.
 
     What an earlier run stored stands until the module changes; new tests are not in it.
     """
-    digest = hashlib.sha256()
-    for folder in ("checks/fault_injection", "tests/support", "veldarin/modules"):
-        for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
-            digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
-    if store.exists():
-        name, *reached = json.loads(store.read_text())
-        if name == digest.hexdigest():
-            return Reached(*reached)
-    servers = [Server(kind, BUILD / "fault-injection") for kind in ("tests", "faults")]
-    with ThreadPoolExecutor() as pool:
-        replies = [*pool.map(Server.request, servers)]
-    for server in servers:
-        server.close()
-    if isinstance(replies[0], str):
-        return replies[0]
-    reached = [dict(reply) for reply in replies]
-    store.write_text(json.dumps([digest.hexdigest(), *reached]))
-    return Reached(*reached)
+
+    def __init__(self, folder: Path) -> None:
+        self._folder = folder
+        self._locks = {kind: threading.Lock() for kind in ("tests", "faults")}
+
+    def read(self, kind: str) -> dict[str, list[str]]:
+        """Read what is stored of a kind of server, or run all that it has without a mutant."""
+        with self._locks[kind]:
+            store = self._folder / f"reached-{kind}.json"
+            digest = hashlib.sha256()
+            for folder in ("checks/fault_injection", "tests/support", "veldarin/modules"):
+                for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
+                    digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
+            if store.exists():
+                name, reached = json.loads(store.read_text())
+                if name == digest.hexdigest():
+                    return dict(reached)
+            server = Server(kind, BUILD / "fault-injection")
+            reply = server.request()
+            server.close()
+            if isinstance(reply, str):
+                raise RuntimeError(f"a test fails without a mutant: {reply}")
+            store.write_text(json.dumps([digest.hexdigest(), dict(reply)]))
+            return dict(reply)
+
+    def read_all(self) -> list[dict[str, list[str]]]:
+        """Read both kinds at the same time."""
+        with ThreadPoolExecutor() as pool:
+            return [*pool.map(self.read, self._locks)]
 
 
 class Worker:
     """Builds and tests mutants, one after the other."""
 
-    def __init__(self, folder: Path, reached: Reached) -> None:
+    def __init__(self, folder: Path, tests: dict[str, list[str]], reached: Reached) -> None:
         self._builder = Builder(BUILD / "release", folder / "release")
         self._tests = Server("tests", folder / "release")
         self._folder = folder
-        self._faulty: tuple[Builder, Server] | None = None
+        self._reached = reached
+        self._faulty: tuple[Builder, Server, dict[str, list[str]]] | None = None
         self._files = {
-            name: {place.partition(":")[0] for place in places}
-            for name, places in reached.tests.items()
+            name: {place.partition(":")[0] for place in places} for name, places in tests.items()
         }
-        # By line: those that reach few others first.
-        self._near_tests: dict[str, list[str]] = defaultdict(list)
-        for name, places in sorted(reached.tests.items(), key=lambda row: len(row[1])):
-            for place in places:
-                self._near_tests[place].append(name)
-        self._near_cases: dict[str, list[str]] = defaultdict(list)
-        for name, places in sorted(reached.cases.items(), key=_case_length):
-            for place in places:
-                self._near_cases[place].append(name)
+        self._near_tests = _by_place(sorted(tests.items(), key=lambda row: len(row[1])))
 
     def test_original(self, names: list[str]) -> str | None:
         """Run some tests against the module as it is, in this order; return the one that fails."""
@@ -157,27 +154,29 @@ class Worker:
             others = [name for name, files in self._files.items() if files and path not in files]
         return (
             self._run(words, first, only=first)
-            or self._inject_faults(mutant, source)
+            or (self._inject_faults(mutant, source) if self._files else None)
             or self._run(words, [], skip=[*others, *first])
             or (self._run(words, [], only=others) if others else None)
+            or (None if self._files else self._inject_faults(mutant, source))
         )
 
     def _inject_faults(self, mutant: Mutant, source: str) -> str | None:
-        cases = dict.fromkeys(
-            case for near in _nearest(mutant, self._near_cases) for case in _choose_cases(near)
-        )
-        if not cases:
-            return None
         if self._faulty is None:
-            folder = self._folder / "faults"
-            self._faulty = Builder(BUILD / "fault-injection", folder), Server("faults", folder)
-        builder, server = self._faulty
-        reply: str | None = server.request(cases=[*cases]) if builder.make(mutant, source) else None
+            reached = sorted(self._reached.read("faults").items(), key=_case_length)
+            builder = Builder(BUILD / "fault-injection", self._folder / "faults")
+            self._faulty = builder, Server("faults", builder.folder), _by_place(reached)
+        builder, server, near_cases = self._faulty
+        cases = dict.fromkeys(
+            case for near in _nearest(mutant, near_cases) for case in _choose_cases(near)
+        )
+        if not cases or not builder.make(mutant, source):
+            return None
+        reply: str | None = server.request(cases=[*cases])
         return reply
 
     def close(self) -> None:
         """End the servers."""
-        for server in (self._tests, *(self._faulty or ())[1:]):
+        for server in (self._tests, *(self._faulty or ())[1:2]):
             server.close()
 
 
@@ -186,6 +185,15 @@ def _words(mutant: Mutant, source: str) -> list[str]:
     lines = source.splitlines()[: mutant.line]
     scopes = [line for line in lines if line.startswith("namespace ")]
     return [*Path(mutant.file).stem.split("_"), *WORD.findall(" ".join([*scopes[-1:], lines[-1]]))]
+
+
+def _by_place(reached: Iterable[tuple[str, list[str]]]) -> dict[str, list[str]]:
+    """The names by the lines that they reach."""
+    names: dict[str, list[str]] = defaultdict(list)
+    for name, places in reached:
+        for place in places:
+            names[place].append(name)
+    return names
 
 
 def _case_length(row: tuple[str, list[str]]) -> tuple[bool, int]:
@@ -384,7 +392,9 @@ def main() -> int:
     sources = read_sources()
     every = [mutant for file, source in sources.items() for mutant in generate(file, source)]
     chosen = [mutant for mutant in every if (options.only or "") in mutant.name]
+    equivalent = read_equivalent(EQUIVALENT)
     if options.sample is not None:
+        chosen = [mutant for mutant in chosen if mutant.name not in equivalent]
         places = random.Random(options.seed).sample(range(len(chosen)), options.sample)
         chosen = [chosen[place] for place in sorted(places)]
     folder = BUILD / "mutation"
@@ -393,11 +403,14 @@ def main() -> int:
     if options.fresh:
         store.unlink(missing_ok=True)
     run = Run(chosen, sources, store)
-    reached = read_reached(folder / "reached.json")
-    if isinstance(reached, str):
-        print(f"mutation: a test fails without a mutant: {reached}")
+    reached = Reached(folder)
+    try:
+        # A sample ends before it is known what each test reaches.
+        tests = {} if options.sample else reached.read_all()[0]
+    except RuntimeError as error:
+        print(f"mutation: {error}")
         return 1
-    workers = [Worker(folder / str(number), reached) for number in range(options.jobs)]
+    workers = [Worker(folder / str(number), tests, reached) for number in range(options.jobs)]
     try:
         threads = [threading.Thread(target=run.work, args=(worker,)) for worker in workers]
         for thread in threads:
@@ -414,11 +427,10 @@ def main() -> int:
         for worker in workers:
             worker.close()
             shutil.rmtree(worker._folder, ignore_errors=True)
-    equivalent = read_equivalent(EQUIVALENT)
-    enough = report(chosen, run.results, equivalent)
+    print(f"{len(chosen):,} mutants in {time.monotonic() - started:.0f} s\n")
     errors = check_equivalent(equivalent, every, run.results)
-    print(*errors, sep="\n", end="\n" if errors else "")
-    print(f"{len(chosen):,} mutants in {time.monotonic() - started:.0f} s", file=sys.stderr)
+    print(*errors, sep="\n", end="\n\n" if errors else "")
+    enough = report(chosen, run.results, equivalent)
     return 0 if enough and not errors else 1
 
 
