@@ -156,6 +156,13 @@ CALLS = {
         ARP, "()", "Address\n\n\t\xfc", "418 428 429", other="IndexError 430"
     ),
     "session": Endings(BFD, "('c', {})", SESSION, "276", FIELDS),
+    "session with one more field": Endings(
+        BFD,
+        "('c', {})",
+        SESSION.replace("first: 10", "first: 10\nlonger: 12"),
+        "276",
+        FIELDS.replace(" 313", "").replace("302", "302 304"),
+    ),
     "wide session": Endings(BFD, "('c', {})", f"{SESSION}\t\xfc\t", "274 276", f"293 {FIELDS}"),
     "known session": Endings(BFD, "('c', {'10.0.0.1_port1': {}})", SESSION, "276 324", FIELDS),
     "no dictionary": Endings(BFD, "('c', 5)", SESSION, "276", "294 295", "TypeError 323"),

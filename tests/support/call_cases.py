@@ -308,13 +308,21 @@ def runner_returning(text: object) -> dict[str, Any]:
     return {"get_cli_command_output": lambda command: text}
 
 
-# Objects with the methods that the parsers call, which fail or do not return a str.
+class OddOutput:
+    """Has the methods that the parsers call, which do not return a str."""
+
+    def split(self, *arguments: object) -> object:
+        """Return a tuple."""
+        return arguments
+
+    replace = split
+
+
 FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)
-ODD_OUTPUT = SimpleNamespace(split=NullLogger, replace=NullLogger)
 RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("runner fails", Failure, {"get_cli_command_output": fail}),
     ("runner deleted", NameError, {"get_cli_command_output": DELETED}),
-    ("runner returns an object without str results", TypeError, runner_returning(ODD_OUTPUT)),
+    ("runner returns an object without str results", TypeError, runner_returning(OddOutput())),
 ]
 # Not for `get_bfd_neighbor`, which raises other exceptions for these; BFD_CASES has its cases.
 TABLE_RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
