@@ -145,6 +145,13 @@ CALLS = {
         ROUTES.replace("mark ", "").replace("via ", ""),
         "379 380 381 387 389 390 391 392 397 401 406 409 411",
     ),
+    # The interpreter keeps the memory of some deleted dictionaries for new ones.
+    "more routes than kept dictionaries": Endings(
+        ROUTING,
+        "('a',)",
+        "\n".join([*ROUTES.splitlines()[:3], *["10.0.0.1, port1"] * 100]),
+        "379 380 381 387 389 390 391 392 397 400 401 406 409 411",
+    ),
     "wide routes": Endings(
         ROUTING, "('a',)", "\xfc\nRouting a b to", "379 380 381 382 387", other="IndexError 388"
     ),
