@@ -84,3 +84,11 @@ def test_columns_around_buffer_size_are_complete(cli: FakeCli, size: int) -> Non
         assert len(interface) == size
         rows.append(("a", "b", "c", interface))
     assert parsed(cli, HEADER, *map(" ".join, rows)) == with_types(rows)
+
+
+def test_word_of_any_two_characters_is_kept(cli: FakeCli) -> None:
+    """The parser compares machine words of text with patterns."""
+    characters = [chr(code) for code in range(1, 128) if not chr(code).isspace()]
+    for first in characters:
+        rows = [(first + other * 7, other * 7 + first, "c", "d") for other in characters]
+        assert parsed(cli, HEADER, *map(" ".join, rows)) == with_types(rows)

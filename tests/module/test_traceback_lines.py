@@ -145,6 +145,12 @@ CALLS = {
         ROUTES.replace("mark ", "").replace("via ", ""),
         "379 380 381 387 389 390 391 392 397 401 406 409 411",
     ),
+    "routes with carriage returns": Endings(
+        ROUTING,
+        "('a',)",
+        ROUTES.replace("\n", "\r\n"),
+        "379 380 381 382 387 389 390 391 392 397 401 403 404 406 408 409 411",
+    ),
     # The interpreter keeps the memory of some deleted dictionaries for new ones.
     "more routes than kept dictionaries": Endings(
         ROUTING,
