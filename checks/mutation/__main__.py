@@ -77,6 +77,15 @@ class Server:
         self._process.communicate()
 
 
+def digest_of(*folders: str) -> bytes:
+    """A digest of the files in some folders."""
+    digest = hashlib.sha256()
+    for folder in folders:
+        for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
+            digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
+    return digest.digest()
+
+
 class Reached:
     """The lines of the fallible calls that each test and each case of fault injection reaches.
 
@@ -91,20 +100,17 @@ class Reached:
         """Read what is stored of a kind of server, or run all that it has without a mutant."""
         with self._locks[kind]:
             store = self._folder / f"reached-{kind}.json"
-            digest = hashlib.sha256()
-            for folder in ("checks/fault_injection", "tests/support", "veldarin/modules"):
-                for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
-                    digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
+            digest = digest_of("checks/fault_injection", "tests/support", "veldarin/modules").hex()
             if store.exists():
-                name, reached = json.loads(store.read_text())
-                if name == digest.hexdigest():
+                stored, reached = json.loads(store.read_text())
+                if stored == digest:
                     return dict(reached)
             server = Server(kind, BUILD / "fault-injection")
             reply = server.request()
             server.close()
             if isinstance(reply, str):
                 raise RuntimeError(f"a test fails without a mutant: {reply}")
-            store.write_text(json.dumps([digest.hexdigest(), dict(reply)]))
+            store.write_text(json.dumps([digest, dict(reply)]))
             return dict(reply)
 
     def read_all(self) -> list[dict[str, list[str]]]:
@@ -223,6 +229,7 @@ class Run:
 
     def __init__(self, mutants: list[Mutant], sources: dict[str, str], store: Path) -> None:
         self.mutants, self.sources = mutants, sources
+        self._all_tests = digest_of("checks/fault_injection", "tests")
         self.results: dict[str, Result] = {}
         self._store = store
         self._lock = threading.Lock()
@@ -238,7 +245,7 @@ class Run:
             if result is None:
                 continue
             self._learn(mutant, result)
-            if result.outcome != "survived" and result.evidence == self._evidence(mutant, result):
+            if result.evidence == self._evidence(mutant, result):
                 self.results[mutant.name] = result
         # The last ones are tested first. All tests run on a survivor, so new mutants precede it.
         self._waiting = [each for each in reversed(mutants) if each.name not in self.results]
@@ -251,10 +258,12 @@ class Run:
             self._killers[mutant.file].append((mutant.line, result.killer.split(": ")[-1]))
 
     def _evidence(self, mutant: Mutant, result: Result) -> str:
-        """A digest of the mutant's text and of the file of the test that killed it."""
+        """A digest of the mutant's text and of the file of the test that killed it, or of all."""
         digest = hashlib.sha256(mutant.apply(self.sources[mutant.file]).encode())
         test = ROOT / result.killer.split(": ")[-1].partition("::")[0]
-        if test.is_file():
+        if result.outcome == "survived":
+            digest.update(self._all_tests)
+        elif test.is_file():
             digest.update(test.read_bytes())
         return digest.hexdigest()
 
