@@ -161,6 +161,19 @@ def test_from_import_of_broken_sibling_binds_as_in_python(
 
 
 @isolated.test
+def test_lack_of_memory_for_the_name_of_a_sibling_is_reported() -> None:
+    """The statement in Python would report that the name cannot be imported."""
+    SiblingSandbox()
+    module = create_module()
+    fields = "{'__name__': property(raiser(MemoryError('name')))}"
+    broken = f"siblings['util.errors'] = type('Bare', (ModuleType,), {fields})('util.errors')"
+    run = module.__loader__.exec_module
+    described, _names = outcome(lambda: run(module), vars(module), [broken])
+    assert described is not None
+    assert described[:2] == ["MemoryError", "name"]
+
+
+@isolated.test
 def test_each_statement_fails_as_in_python() -> None:
     for kind, module, *_ in map(str.split, STATEMENTS):
         error, _bound = outcome_as_in_python(f"siblings['{module}'] = None")

@@ -88,6 +88,7 @@ Ref import_from(PyObject *source, PyObject *name) {
     PyObject *value = nullptr;
     if (_PyObject_LookupAttr(source, name, &value) != 0) return Ref::steal(value);
     const Ref source_name = Ref::steal(PyObject_GetAttr(source, interned[id::dunder_name]));
+    if (!source_name && PyErr_ExceptionMatches(PyExc_MemoryError)) return {};
     if (!source_name || !PyUnicode_Check(source_name.get())) {
         raise_cannot_import(source, nullptr, name);
         return {};
