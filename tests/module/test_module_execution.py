@@ -230,11 +230,12 @@ def test_imported_non_type_raises_type_error() -> None:
     errors = import_errors(
         ["siblings['util.json'].JSONObject = json_object()()"],
         ["siblings['util.json'].JSONObject = len"],
+        ["siblings['util.json'].JSONObject = bytes(8)"],  # read as a type, its size is 0
         ["builtins.complex = 1j"],
     )
     assert [(type(error), str(error)) for error in errors] == [
         (TypeError, f"{name} is not a type object")
-        for name in ("util.json.JSONObject", "util.json.JSONObject", "builtins.complex")
+        for name in (*["util.json.JSONObject"] * 3, "builtins.complex")
     ]
 
 
