@@ -82,7 +82,8 @@ def digest_of(*folders: str) -> bytes:
     digest = hashlib.sha256()
     for folder in folders:
         for file in sorted(ROOT.joinpath(folder).rglob("*.*")):
-            digest.update(file.read_bytes() if file.suffix != ".pyc" else b"")
+            if file.is_file() and file.suffix != ".pyc":
+                digest.update(file.read_bytes())
     return digest.digest()
 
 

@@ -18,6 +18,7 @@ import pickle
 import resource
 import signal
 import sys
+import tempfile
 import traceback
 from collections.abc import Iterable
 from contextlib import suppress
@@ -184,8 +185,11 @@ def serve_tests() -> None:
     settings.load_profile("mutation")
     # Nothing reads the reports.
     options = ["-q", "--tb=native", "--assert=plain", "-p", "no:xdist", "-p", "no:cacheprovider"]
-    options += [f"--basetemp={isolated.BUILD / 'temporary'}", "tests/module"]
-    sys.exit(pytest.main([*options, f"--ignore={IGNORED}"], plugins=[TestServer()]))
+    options += ["tests/module", f"--ignore={IGNORED}"]
+    # Of each server, and without letters outside ASCII, which the path of the checkout may have.
+    with tempfile.TemporaryDirectory() as folder:
+        status = pytest.main([*options, f"--basetemp={folder}/tests"], plugins=[TestServer()])
+    sys.exit(status)
 
 
 # ------------------------------------------------------------------ fault injection

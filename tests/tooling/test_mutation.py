@@ -127,11 +127,16 @@ def test_survivor_is_reported_in_last_line(run: Run, capsys: pytest.CaptureFixtu
     assert report(MUTANTS, run.results, {survivor: "reason"})
 
 
-def test_results_are_kept_except_survivors(run: Run, tmp_path: Path) -> None:
+def test_results_are_kept_until_source_or_tests_change(
+    run: Run, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
     worker: Any = FakeWorker(MUTANTS[0].name)
     run.work(worker)
     again = Run(MUTANTS, {FILE: SOURCE}, tmp_path / "results")
-    assert set(again.results) == {mutant.name for mutant in MUTANTS[1:]}
+    assert again.results == run.results
+    monkeypatch.setattr("checks.mutation.__main__.digest_of", lambda *folders: b"other tests")
+    again = Run(MUTANTS, {FILE: SOURCE}, tmp_path / "results")
+    assert set(again.results) == {mutant.name for mutant in MUTANTS[1:]}  # without the survivor
     changed = SOURCE.replace("release", "free")
     assert not Run(generate(FILE, changed), {FILE: changed}, tmp_path / "results").results
 
