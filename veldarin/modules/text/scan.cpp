@@ -81,8 +81,9 @@ inline bool is_at(const char *at, TextView wanted) {
            std::memcmp(at, wanted.begin, static_cast<size_t>(last)) == 0;
 }
 
+#if UINTPTR_MAX <= UINT32_MAX
 // Skips as many bytes as `wanted` has, if the last of them does not occur in it.
-[[maybe_unused]] const char *find_by_skipping(TextView text, TextView wanted) {
+const char *find_by_skipping(TextView text, TextView wanted) {
     const auto bit = [](char byte) { return 1U << (static_cast<unsigned char>(byte) & 31U); };
     unsigned bits = 0;
     for (const char *at = wanted.begin; at != wanted.end; ++at) bits |= bit(*at);
@@ -93,6 +94,7 @@ inline bool is_at(const char *at, TextView wanted) {
     }
     return text.end;
 }
+#endif
 
 }  // namespace
 
@@ -115,10 +117,10 @@ const char *find(TextView text, char wanted) {
 }
 
 const char *find(TextView text, TextView wanted) {
+#if UINTPTR_MAX <= UINT32_MAX
     // Without vector instructions memchr takes twice as long as skipping.
-    if constexpr (sizeof(void *) < 8) {
-        if (wanted.size() > 1) return find_by_skipping(text, wanted);
-    }
+    if (wanted.size() > 1) return find_by_skipping(text, wanted);
+#endif
     const ptrdiff_t last = wanted.size() - 1;
     while (true) {
         text.begin = find(text, *wanted.begin);
