@@ -14,7 +14,7 @@ from typing import NamedTuple
 
 TOKEN = re.compile(
     r"""
-    (?P<skipped>//[^\n]*|/\*.*?\*/|^[ ]*\#(?:include|pragma|undef)[^\n]*
+    (?P<skipped>//[^\n]*|/\*.*?\*/|^[ ]*\#(?:include|pragma|undef|if|endif)[^\n]*
         |^\#define\ \w+(?:\([^)]*\))?|\bstatic_assert\(.*?\);|\bextern\ "C")
     |(?P<string>"(?:\\.|[^"\\\n])*")
     |(?P<character>'(?:\\.|[^'\\\n])+')
