@@ -132,6 +132,7 @@ class Worker:
         self._files = {
             name: {place.partition(":")[0] for place in places} for name, places in tests.items()
         }
+        # Those that reach few other lines first.
         self._near_tests = _by_place(sorted(tests.items(), key=lambda row: len(row[1])))
 
     def test_original(self, names: list[str]) -> str | None:
@@ -159,6 +160,7 @@ class Worker:
         if sum(path in files for files in self._files.values()) >= MIN_RELATED:
             # A test that reaches no call runs the module in another process.
             others = [name for name, files in self._files.items() if files and path not in files]
+        # A sample learns what the cases reach only for a mutant that no test kills.
         return (
             self._run(words, first, only=first)
             or (self._inject_faults(mutant, source) if self._files else None)
@@ -259,7 +261,7 @@ class Run:
             self._killers[mutant.file].append((mutant.line, result.killer.split(": ")[-1]))
 
     def _evidence(self, mutant: Mutant, result: Result) -> str:
-        """A digest of the mutant's text and of the file of the test that killed it, or of all."""
+        """A digest of the mutant's text and of what decided: one test's file, or all tests."""
         digest = hashlib.sha256(mutant.apply(self.sources[mutant.file]).encode())
         test = ROOT / result.killer.split(": ")[-1].partition("::")[0]
         if result.outcome == "survived":

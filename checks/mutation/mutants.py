@@ -56,8 +56,8 @@ NAMES = {
     "break": "continue",
     "continue": "break",
 }
-# The line of a traceback entry where it is used, and the files that only define such lines.
 WORD = re.compile(r"[a-z]\w+")
+# The line of a traceback entry where it is used, and the files that only define such lines.
 LINE = re.compile(r"at::\w+|capture_line::\w+|source_line::\w+::\w+")
 LINE_FILES = (".def", "traceback_lines.h")
 # A condition of a single operator that another mutant negates.

@@ -318,7 +318,7 @@ class OddOutput:
     replace = split
 
 
-FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)
+FAILING_OUTPUT = SimpleNamespace(split=fail, replace=fail)  # has them, too
 RUNNER_ERRORS: list[tuple[str, type[Exception], dict[str, Any]]] = [
     ("runner fails", Failure, {"get_cli_command_output": fail}),
     ("runner deleted", NameError, {"get_cli_command_output": DELETED}),
